@@ -1,0 +1,58 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/export.h"
+
+namespace orbamira::store {
+
+/// A small persistent map of texts. The order of the operations is a binary contract. One object is not for use from
+/// two threads at once; several processes share a store by holding a FileLock around what belongs together.
+class ORBAMIRA_EXPORT IKeyValueStore {
+ public:
+  virtual ~IKeyValueStore() = default;
+
+  /// Whether the key is present.
+  virtual bool Has(const std::string& key) = 0;
+
+  /// The text of the key; empty when the key is missing.
+  virtual std::string Get(const std::string& key) = 0;
+
+  /// Stores or replaces the key. On disk, also after a power cut, when it returns.
+  virtual void Set(const std::string& key, const std::string& value) = 0;
+
+  /// Empties the store. Every process sees it empty when it returns; that it outlives a power cut is certain only after
+  /// the next Set.
+  virtual void Clear() = 0;
+};
+
+/// The store as a JSON object of texts in one file, mode 0644. The file is only ever replaced whole, so a reader
+/// without the lock sees one state or the next, never a part. Every operation sees what other processes wrote.
+///
+/// A file that is no JSON object of texts is renamed to "<name>.broken", logged, and an empty store takes its place.
+/// All operations throw std::system_error when the file system refuses them; the file then is as it was.
+class ORBAMIRA_EXPORT FileKeyValueStore : public IKeyValueStore {
+ public:
+  /// The store in the file `path`, which is made when missing. Empty when the file cannot be used: its folder is
+  /// missing, it cannot be read or made.
+  static std::unique_ptr<IKeyValueStore> Create(const std::string& path);
+
+  ~FileKeyValueStore() override;
+  FileKeyValueStore(const FileKeyValueStore&) = delete;
+  FileKeyValueStore& operator=(const FileKeyValueStore&) = delete;
+
+  bool Has(const std::string& key) override;
+  std::string Get(const std::string& key) override;
+  void Set(const std::string& key, const std::string& value) override;
+  void Clear() override;
+
+ private:
+  class File;
+
+  explicit FileKeyValueStore(std::unique_ptr<File> file);
+
+  std::unique_ptr<File> file_;
+};
+
+}  // namespace orbamira::store

@@ -1,0 +1,85 @@
+#include "tests/support/log_capture.h"
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+#include <ostream>
+#include <regex>
+
+namespace orbamira::test {
+namespace {
+
+struct Log {
+  std::mutex mutex;
+  std::vector<LogLine> lines;
+};
+
+Log& TheLog() {
+  static Log log;
+  return log;
+}
+
+std::string Format(const char* format, va_list arguments) {
+  va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(nullptr, 0, format, again);
+  va_end(again);
+  std::string text(static_cast<std::size_t>(length) + 1, '\0');
+  std::vsnprintf(text.data(), text.size(), format, arguments);
+  text.pop_back();
+  return text;
+}
+
+void Record(int priority, const std::string& message) {
+  static const std::regex front("^([A-Za-z0-9_.]+):[0-9]+ ");
+  std::smatch match;
+  LogLine line{priority, "", message};
+  if (std::regex_search(message, match, front)) {
+    line.file = match[1];
+    line.text = match.suffix();
+  }
+  const std::lock_guard lock(TheLog().mutex);
+  TheLog().lines.push_back(line);
+}
+
+}  // namespace
+
+std::vector<LogLine> LogCapture::Lines() {
+  const std::lock_guard lock(TheLog().mutex);
+  return TheLog().lines;
+}
+
+void LogCapture::Clear() {
+  const std::lock_guard lock(TheLog().mutex);
+  TheLog().lines.clear();
+}
+
+void PrintTo(const LogLine& line, std::ostream* out) {
+  *out << "[" << line.priority << "] " << line.file << ": " << line.text;
+}
+
+LogLine ErrorLine(const std::string& file, const std::string& text) { return {LOG_LOCAL1 | LOG_ERR, file, text}; }
+
+LogLine InfoLine(const std::string& file, const std::string& text) { return {LOG_LOCAL1 | LOG_INFO, file, text}; }
+
+}  // namespace orbamira::test
+
+extern "C" {
+
+void syslog(int priority, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  orbamira::test::Record(priority, orbamira::test::Format(format, arguments));
+  va_end(arguments);
+}
+
+// What a build with _FORTIFY_SOURCE calls in place of syslog.
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {  // NOLINT
+  va_list arguments;
+  va_start(arguments, format);
+  orbamira::test::Record(priority, orbamira::test::Format(format, arguments));
+  va_end(arguments);
+}
+
+}  // extern "C"
