@@ -115,6 +115,9 @@ class ORBAMIRA_EXPORT PackHandler : public IPackHandler {
   bool ExtractOpk(const std::string& opk_path) const;
 
  private:
+  /// Unpacks the package and puts it where the old pack was; throws the install exception where that fails.
+  void ReplacePack(const std::string& opk_path) const;
+
   std::shared_ptr<wrapper::ICprSession> session_;
   std::shared_ptr<IKOSHelper> kos_helper_;
   std::shared_ptr<wrapper::IOrbaCoreWrapper> core_;

@@ -119,6 +119,9 @@ class ORBAMIRA_EXPORT PackManager : public IPackManager {
                   const std::string& version, NotifyPluginStatus status) const;
 
  private:
+  /// Fetches the download information, downloads the pack and verifies it: what both downloading flows begin with.
+  bool DownloadOffer(bool with_aac, Json::Value& pack_info, std::function<void(long, long)>& progress) const;
+
   std::shared_ptr<wrapper::IOrbaCoreWrapper> core_;
   std::shared_ptr<wrapper::IOrbaPkgWrapper> pkg_;
   std::shared_ptr<IKOSHelper> kos_helper_;
