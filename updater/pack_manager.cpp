@@ -194,7 +194,8 @@ bool PackManager::IsCodecRequested(const std::string& codec) const {
     ORBAMIRA_LOG_ERROR("Failed to parse %s", path::kCodecRequirementsPath);
     return false;
   }
-  return root.get(codec, Json::Value()).size() != 0;
+  // Not empty(), which is false for plain values too.
+  return root.get(codec, Json::Value()).size() != 0;  // NOLINT(readability-container-size-empty)
 }
 
 bool PackManager::HasAacCurrently() const { return kos_helper_->FileExist(path::kHasAacPath); }
@@ -301,6 +302,7 @@ bool PackManager::DoUninstallStep(std::function<void(InstallStep)>& step) const 
   return true;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is the interface's
 bool PackManager::NotifyStep(NotifyPluginEvent event, std::function<bool()> action, const std::string& name,
                              const std::string& version, NotifyPluginStatus status) const {
   const char* const event_text = kNotifyPluginEventTexts.at(static_cast<std::size_t>(event));

@@ -26,7 +26,7 @@ std::string Format(const char* format, va_list arguments) {
   const int length = std::vsnprintf(nullptr, 0, format, again);
   va_end(again);
   std::string text(static_cast<std::size_t>(length) + 1, '\0');
-  std::vsnprintf(text.data(), text.size(), format, arguments);
+  static_cast<void>(std::vsnprintf(text.data(), text.size(), format, arguments));
   text.pop_back();
   return text;
 }
@@ -67,6 +67,7 @@ LogLine InfoLine(const std::string& file, const std::string& text) { return {LOG
 
 extern "C" {
 
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system names them with underscores
 void syslog(int priority, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
@@ -75,7 +76,8 @@ void syslog(int priority, const char* format, ...) {
 }
 
 // What a build with _FORTIFY_SOURCE calls in place of syslog.
-void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {  // NOLINT
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   orbamira::test::Record(priority, orbamira::test::Format(format, arguments));
