@@ -1,0 +1,307 @@
+// Runs a program with everything that it starts, numbers every system call by which they change files or make changes
+// durable, and brings a fault about at one of them:
+//
+//   fault_injector [--record FILE] [--at N --fault kill|EIO|ENOSPC] -- PROGRAM [ARGUMENT...]
+//
+// "kill" ends the whole family by SIGKILL in place of the call; the others make the call fail with that error. The exit
+// status is the program's own, 137 after a kill, and 125 when the injector itself failed. FILE gets a line for every
+// numbered call: number, process, system call, path.
+//
+// The calls are seen through ptrace behind a seccomp filter, so that only they stop the family.
+
+#include <CLI/CLI.hpp>
+#include <fcntl.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/user.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <system_error>
+#include <vector>
+
+namespace {
+
+constexpr int kExitKilled = 137;
+constexpr int kExitInjectorFailed = 125;
+
+// Where a call names the file that it changes: by a path or a descriptor in one of its arguments.
+enum class Target { kPath, kPathAt, kDescriptor, kOpenedPath };
+
+struct Call {
+  const char* name;
+  Target target;
+  int argument;  // index of the path or the descriptor
+};
+
+// Every call by which the updater and its programs could change a file or wait for the disk.
+const std::map<long, Call> kCalls = {
+    {SYS_openat, {"openat", Target::kOpenedPath, 1}},
+    {SYS_open, {"open", Target::kOpenedPath, 0}},
+    {SYS_creat, {"creat", Target::kPath, 0}},
+    {SYS_write, {"write", Target::kDescriptor, 0}},
+    {SYS_pwrite64, {"pwrite64", Target::kDescriptor, 0}},
+    {SYS_writev, {"writev", Target::kDescriptor, 0}},
+    {SYS_pwritev, {"pwritev", Target::kDescriptor, 0}},
+    {SYS_sendfile, {"sendfile", Target::kDescriptor, 0}},
+    {SYS_copy_file_range, {"copy_file_range", Target::kDescriptor, 2}},
+    {SYS_ioctl, {"ioctl", Target::kDescriptor, 0}},
+    {SYS_fallocate, {"fallocate", Target::kDescriptor, 0}},
+    {SYS_ftruncate, {"ftruncate", Target::kDescriptor, 0}},
+    {SYS_truncate, {"truncate", Target::kPath, 0}},
+    {SYS_fsync, {"fsync", Target::kDescriptor, 0}},
+    {SYS_fdatasync, {"fdatasync", Target::kDescriptor, 0}},
+    {SYS_syncfs, {"syncfs", Target::kDescriptor, 0}},
+    {SYS_sync_file_range, {"sync_file_range", Target::kDescriptor, 0}},
+    {SYS_rename, {"rename", Target::kPath, 1}},
+    {SYS_renameat, {"renameat", Target::kPathAt, 3}},
+    {SYS_renameat2, {"renameat2", Target::kPathAt, 3}},
+    {SYS_unlink, {"unlink", Target::kPath, 0}},
+    {SYS_unlinkat, {"unlinkat", Target::kPathAt, 1}},
+    {SYS_rmdir, {"rmdir", Target::kPath, 0}},
+    {SYS_mkdir, {"mkdir", Target::kPath, 0}},
+    {SYS_mkdirat, {"mkdirat", Target::kPathAt, 1}},
+    {SYS_link, {"link", Target::kPath, 1}},
+    {SYS_linkat, {"linkat", Target::kPathAt, 3}},
+    {SYS_symlink, {"symlink", Target::kPath, 1}},
+    {SYS_symlinkat, {"symlinkat", Target::kPathAt, 2}},
+    {SYS_chmod, {"chmod", Target::kPath, 0}},
+    {SYS_fchmod, {"fchmod", Target::kDescriptor, 0}},
+    {SYS_fchmodat, {"fchmodat", Target::kPathAt, 1}},
+    {SYS_chown, {"chown", Target::kPath, 0}},
+    {SYS_fchown, {"fchown", Target::kDescriptor, 0}},
+    {SYS_fchownat, {"fchownat", Target::kPathAt, 1}},
+    {SYS_utimensat, {"utimensat", Target::kPathAt, 1}},
+};
+
+struct Fault {
+  long at = 0;    // number of the call; 0 for none
+  int error = 0;  // what the call fails with; 0 kills
+};
+
+[[noreturn]] void Fail(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
+
+std::string ReadLink(const std::string& link) {
+  std::array<char, PATH_MAX> text{};
+  const ssize_t length = readlink(link.c_str(), text.data(), text.size());
+  return length < 0 ? "" : std::string(text.data(), static_cast<std::size_t>(length));
+}
+
+std::string ReadText(pid_t process, unsigned long address) {
+  std::string text;
+  if (address == 0) {
+    return text;
+  }
+  std::ifstream memory("/proc/" + std::to_string(process) + "/mem", std::ios::binary);
+  memory.seekg(static_cast<std::streamoff>(address));
+  std::getline(memory, text, '\0');
+  return text;
+}
+
+class Family {
+ public:
+  Family(Fault fault, std::ostream* record) : fault_(fault), record_(record) {}
+
+  int Run(std::vector<char*> command) {
+    leader_ = fork();
+    if (leader_ < 0) {
+      Fail("fork");
+    }
+    if (leader_ == 0) {
+      Become(command);
+    }
+    int status = 0;
+    if (waitpid(leader_, &status, 0) < 0 || !WIFSTOPPED(status)) {
+      Fail("waitpid");
+    }
+    constexpr long kOptions = PTRACE_O_TRACECLONE | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK | PTRACE_O_TRACEEXEC |
+                              PTRACE_O_TRACESECCOMP | PTRACE_O_EXITKILL;
+    if (ptrace(PTRACE_SETOPTIONS, leader_, nullptr, kOptions) != 0) {
+      Fail("ptrace");
+    }
+    members_.insert(leader_);
+    ptrace(PTRACE_CONT, leader_, nullptr, 0);
+    return Watch();
+  }
+
+ private:
+  [[noreturn]] static void Become(std::vector<char*>& command) {
+    setpgid(0, 0);
+    ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    raise(SIGSTOP);
+    std::vector<sock_filter> filter = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
+    for (const auto& [number, call] : kCalls) {
+      filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<__u32>(number), 0, 1));
+      filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRACE));
+    }
+    filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+    const sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+    execv(command.front(), command.data());
+    _exit(kExitInjectorFailed);
+  }
+
+  int Watch() {
+    int result = kExitInjectorFailed;
+    while (!members_.empty()) {
+      int status = 0;
+      const pid_t member = waitpid(-1, &status, __WALL);
+      if (member < 0) {
+        break;
+      }
+      if (WIFSTOPPED(status)) {
+        members_.insert(member);
+        Stopped(member, status);
+        continue;
+      }
+      members_.erase(member);
+      if (member == leader_) {
+        result = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      }
+    }
+    return killed_ ? kExitKilled : result;
+  }
+
+  void Stopped(pid_t member, int status) {
+    const int signal = WSTOPSIG(status);
+    const int event = status >> 16;
+    if (event == PTRACE_EVENT_SECCOMP) {
+      Entered(member);
+    }
+    // A new member stops first with SIGSTOP, which is ptrace's own; other signals are the family's business.
+    const bool own = event != 0 || signal == SIGTRAP || signal == SIGSTOP;
+    ptrace(PTRACE_CONT, member, nullptr, own ? 0L : static_cast<long>(signal));
+  }
+
+  void Entered(pid_t member) {
+    user_regs_struct registers{};
+    if (ptrace(PTRACE_GETREGS, member, nullptr, &registers) != 0) {
+      return;
+    }
+    const auto call = kCalls.find(static_cast<long>(registers.orig_rax));
+    if (call == kCalls.end()) {
+      return;
+    }
+    const std::optional<std::string> path = ChangedFile(member, call->second, registers);
+    if (!path) {
+      return;
+    }
+    ++count_;
+    if (record_ != nullptr) {
+      *record_ << count_ << ' ' << Name(member) << ' ' << call->second.name << ' ' << *path << '\n';
+    }
+    if (count_ == fault_.at) {
+      BringAbout(member, registers);
+    }
+  }
+
+  void BringAbout(pid_t member, user_regs_struct& registers) {
+    registers.orig_rax = static_cast<unsigned long long>(-1L);
+    registers.rax = static_cast<unsigned long long>(-static_cast<long>(fault_.error));
+    ptrace(PTRACE_SETREGS, member, nullptr, &registers);
+    if (fault_.error == 0) {
+      killed_ = true;
+      for (const pid_t other : members_) {
+        kill(other, SIGKILL);
+      }
+      kill(-leader_, SIGKILL);
+    }
+  }
+
+  // The file that the call would change; none for a call that changes none: an open for reading, output to a terminal.
+  static std::optional<std::string> ChangedFile(pid_t member, const Call& call, const user_regs_struct& registers) {
+    const std::array<unsigned long long, 6> arguments = {registers.rdi, registers.rsi, registers.rdx,
+                                                         registers.r10, registers.r8,  registers.r9};
+    const unsigned long long argument = arguments.at(static_cast<std::size_t>(call.argument));
+    switch (call.target) {
+      case Target::kDescriptor: {
+        const std::string link =
+            "/proc/" + std::to_string(member) + "/fd/" + std::to_string(static_cast<int>(argument));
+        struct stat status {};
+        if (stat(link.c_str(), &status) != 0 || !(S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))) {
+          return std::nullopt;
+        }
+        return ReadLink(link);
+      }
+      case Target::kOpenedPath: {
+        const auto flags = static_cast<int>(arguments.at(static_cast<std::size_t>(call.argument) + 1));
+        if ((flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) == 0) {
+          return std::nullopt;
+        }
+        std::string path = ReadText(member, argument);
+        return path.starts_with("/dev/") || path.starts_with("/proc/") ? std::nullopt : std::optional(path);
+      }
+      case Target::kPath:
+      case Target::kPathAt:
+        return ReadText(member, argument);
+    }
+    return std::nullopt;
+  }
+
+  static std::string Name(pid_t member) {
+    std::ifstream file("/proc/" + std::to_string(member) + "/comm");
+    std::string name;
+    std::getline(file, name);
+    return name;
+  }
+
+  Fault fault_;
+  std::ostream* record_;
+  pid_t leader_ = 0;
+  std::set<pid_t> members_;
+  long count_ = 0;
+  bool killed_ = false;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"Runs a program and brings a fault about at one of its file-changing system calls"};
+  std::string record_path;
+  std::string fault_name = "kill";
+  std::vector<std::string> command;
+  Fault fault;
+  app.add_option("--record", record_path, "write a line for every numbered call to this file");
+  app.add_option("--at", fault.at, "number of the call that the fault hits, from 1");
+  app.add_option("--fault", fault_name, "what happens there")->check(CLI::IsMember({"kill", "EIO", "ENOSPC"}));
+  app.add_option("command", command, "absolute path of the program, and its arguments")->required();
+  CLI11_PARSE(app, argc, argv);
+  if (fault_name != "kill") {
+    fault.error = fault_name == "EIO" ? EIO : ENOSPC;
+  }
+
+  std::ofstream record;
+  if (!record_path.empty()) {
+    record.open(record_path);
+  }
+  std::vector<char*> arguments;
+  for (std::string& argument : command) {
+    arguments.push_back(argument.data());
+  }
+  arguments.push_back(nullptr);
+  try {
+    return Family(fault, record.is_open() ? &record : nullptr).Run(arguments);
+  } catch (const std::exception& error) {
+    std::cerr << "fault_injector: " << error.what() << '\n';
+    return kExitInjectorFailed;
+  }
+}
