@@ -1,0 +1,311 @@
+#include "platform/key_value_store.h"
+
+#include <fcntl.h>
+#include <json/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "platform/log.h"
+#include "platform/unique_fd.h"
+
+namespace orbamira::store {
+namespace {
+
+using Values = std::map<std::string, std::string>;
+
+// A bound on what a damaged or hostile file can make us read. What is written keeps to it, so that it can be read.
+constexpr std::size_t kMaxFileSize = 1024 * 1024;
+
+enum class Durability { kAtOnce, kPowerCut };
+
+[[noreturn]] void Throw(int error, const std::string& what, const std::string& path) {
+  throw std::system_error(error, std::generic_category(), what + " " + path);
+}
+
+std::optional<Values> Parse(const std::string& text) {
+  if (text.size() > kMaxFileSize) {
+    return std::nullopt;
+  }
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value root;
+  std::string problems;
+  try {
+    if (!reader->parse(text.data(), text.data() + text.size(), &root, &problems) || !root.isObject()) {
+      return std::nullopt;
+    }
+  } catch (const Json::Exception&) {  // nested too deep
+    return std::nullopt;
+  }
+  Values values;
+  for (auto member = root.begin(); member != root.end(); ++member) {
+    if (!member->isString()) {
+      return std::nullopt;
+    }
+    values.emplace(member.name(), member->asString());
+  }
+  return values;
+}
+
+std::string Format(const Values& values) {
+  Json::Value root(Json::objectValue);
+  for (const auto& [key, value] : values) {
+    root[key] = value;
+  }
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "  ";
+  builder["emitUTF8"] = true;  // otherwise bytes that are no UTF-8 would not come back as they were
+  return Json::writeString(builder, root) + "\n";
+}
+
+// A file beside its final name, which is removed unless it gets there.
+class TemporaryFile {
+ public:
+  explicit TemporaryFile(const std::string& target) : path_(target + ".XXXXXX") {
+    fd_ = AboveStandardStreams(UniqueFd(mkostemp(path_.data(), O_CLOEXEC)));
+    if (!fd_.valid()) {
+      Throw(errno, "make temporary file for", target);
+    }
+  }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+  ~TemporaryFile() {
+    if (!path_.empty()) {
+      unlink(path_.c_str());
+    }
+  }
+
+  void Write(const std::string& text) {
+    for (std::size_t done = 0; done < text.size();) {
+      const ssize_t count = write(fd_.get(), text.data() + done, text.size() - done);
+      if (count >= 0) {
+        done += static_cast<std::size_t>(count);
+      } else if (errno != EINTR) {
+        Throw(errno, "write", path_);
+      }
+    }
+    if (fchmod(fd_.get(), 0644) != 0) {
+      Throw(errno, "set mode of", path_);
+    }
+  }
+
+  void Sync() {
+    if (fsync(fd_.get()) != 0) {
+      Throw(errno, "sync", path_);
+    }
+  }
+
+  /// 0, or the error: EEXIST when `flags` forbid to replace a file that exists.
+  [[nodiscard]] int RenameTo(const std::string& target, unsigned flags) {
+    if (renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, target.c_str(), flags) != 0) {
+      return errno;
+    }
+    path_.clear();
+    return 0;
+  }
+
+  /// The file, still open once it is renamed.
+  [[nodiscard]] UniqueFd Take() { return std::move(fd_); }
+
+ private:
+  std::string path_;
+  UniqueFd fd_;
+};
+
+void SyncFolderOf(const std::string& path) {
+  const std::string folder = std::filesystem::path(path).parent_path();
+  const UniqueFd fd = OpenFile(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
+  if (!fd.valid() || fsync(fd.get()) != 0) {
+    Throw(errno, "sync folder of", path);
+  }
+}
+
+}  // namespace
+
+// The file and the content last seen in it. That version is kept open: as long as it is, its inode number belongs to no
+// other file, so a stat that finds the same number finds the same file, and nothing needs to be read. Size and time of
+// change tell of those who write into the file in place, as an administrator's editor may.
+class FileKeyValueStore::File {
+ public:
+  explicit File(std::string path) : path_(std::move(path)) {}
+
+  /// Makes an empty store unless there is a file.
+  void MakeIfMissing();
+
+  /// What the file holds now; empty when it is missing.
+  const Values& Read();
+
+  void Replace(Values values, Durability durability);
+
+ private:
+  void Load();
+  void SetAside(UniqueFd broken, const struct stat& status);
+  [[nodiscard]] bool PutEmptyIfMissing();
+  void Remember(UniqueFd fd, const struct stat& status, Values values);
+  void RememberWritten(UniqueFd fd, Values values);
+  [[nodiscard]] bool IsSeen(const struct stat& now) const;
+
+  std::string path_;
+  UniqueFd seen_;
+  struct stat seen_status_ {};
+  Values values_;
+};
+
+void FileKeyValueStore::File::MakeIfMissing() {
+  Read();
+  if (!seen_.valid() && !PutEmptyIfMissing()) {
+    Load();
+  }
+}
+
+const Values& FileKeyValueStore::File::Read() {
+  struct stat now {};
+  if (stat(path_.c_str(), &now) != 0 && errno != ENOENT) {
+    Throw(errno, "look at", path_);
+  }
+  if (!IsSeen(now)) {
+    Load();
+  }
+  return values_;
+}
+
+void FileKeyValueStore::File::Load() {
+  UniqueFd fd = OpenFile(path_, O_RDONLY);
+  if (!fd.valid()) {
+    if (errno != ENOENT) {
+      Throw(errno, "open", path_);
+    }
+    Remember(UniqueFd(), {}, {});
+    return;
+  }
+  struct stat status {};
+  if (fstat(fd.get(), &status) != 0) {
+    Throw(errno, "look at", path_);
+  }
+  const std::optional<std::string> text = ReadUpTo(fd.get(), kMaxFileSize + 1);
+  if (!text.has_value()) {
+    Throw(errno, "read", path_);
+  }
+  if (std::optional<Values> values = Parse(*text)) {
+    Remember(std::move(fd), status, *std::move(values));
+  } else {
+    SetAside(std::move(fd), status);
+  }
+}
+
+void FileKeyValueStore::File::SetAside(UniqueFd broken, const struct stat& status) {
+  struct stat now {};
+  if (stat(path_.c_str(), &now) != 0 || now.st_dev != status.st_dev || now.st_ino != status.st_ino) {
+    Load();  // another process has set it aside, and what stands there now is good
+    return;
+  }
+  if (std::rename(path_.c_str(), (path_ + ".broken").c_str()) != 0) {
+    ORBAMIRA_LOG_ERROR("Failed to set aside broken store %s: %s", path_.c_str(),
+                       std::generic_category().message(errno).c_str());
+    Remember(std::move(broken), status, {});
+    return;
+  }
+  ORBAMIRA_LOG_ERROR("Set aside broken store %s", path_.c_str());
+  if (!PutEmptyIfMissing()) {
+    Load();
+  }
+}
+
+// Never over a file that another process has put there meanwhile.
+bool FileKeyValueStore::File::PutEmptyIfMissing() {
+  TemporaryFile temporary(path_);
+  temporary.Write(Format({}));
+  if (const int error = temporary.RenameTo(path_, RENAME_NOREPLACE); error == EEXIST) {
+    return false;
+  } else if (error != 0) {
+    Throw(error, "make", path_);
+  }
+  RememberWritten(temporary.Take(), {});
+  return true;
+}
+
+void FileKeyValueStore::File::Replace(Values values, Durability durability) {
+  const std::string text = Format(values);
+  if (text.size() > kMaxFileSize) {
+    Throw(EFBIG, "write", path_);
+  }
+  TemporaryFile temporary(path_);
+  temporary.Write(text);
+  if (durability == Durability::kPowerCut) {
+    temporary.Sync();
+  }
+  if (const int error = temporary.RenameTo(path_, 0); error != 0) {
+    Throw(error, "replace", path_);
+  }
+  if (durability == Durability::kPowerCut) {
+    SyncFolderOf(path_);
+  }
+  RememberWritten(temporary.Take(), std::move(values));
+}
+
+void FileKeyValueStore::File::Remember(UniqueFd fd, const struct stat& status, Values values) {
+  seen_ = std::move(fd);
+  seen_status_ = status;
+  values_ = std::move(values);
+}
+
+// Only now: the rename has changed the file's time.
+void FileKeyValueStore::File::RememberWritten(UniqueFd fd, Values values) {
+  struct stat status {};
+  if (fstat(fd.get(), &status) != 0) {
+    Throw(errno, "look at", path_);
+  }
+  Remember(std::move(fd), status, std::move(values));
+}
+
+// A missing file is all zeros, on both sides.
+bool FileKeyValueStore::File::IsSeen(const struct stat& now) const {
+  return now.st_dev == seen_status_.st_dev && now.st_ino == seen_status_.st_ino &&
+         now.st_size == seen_status_.st_size && now.st_ctim.tv_sec == seen_status_.st_ctim.tv_sec &&
+         now.st_ctim.tv_nsec == seen_status_.st_ctim.tv_nsec;
+}
+
+std::unique_ptr<IKeyValueStore> FileKeyValueStore::Create(const std::string& path) {
+  try {
+    auto file = std::make_unique<File>(path);
+    file->MakeIfMissing();
+    return std::unique_ptr<IKeyValueStore>(new FileKeyValueStore(std::move(file)));
+  } catch (const std::system_error&) {
+    return nullptr;
+  }
+}
+
+FileKeyValueStore::FileKeyValueStore(std::unique_ptr<File> file) : file_(std::move(file)) {}
+
+FileKeyValueStore::~FileKeyValueStore() = default;
+
+bool FileKeyValueStore::Has(const std::string& key) { return file_->Read().contains(key); }
+
+std::string FileKeyValueStore::Get(const std::string& key) {
+  const Values& values = file_->Read();
+  const auto found = values.find(key);
+  return found == values.end() ? "" : found->second;
+}
+
+void FileKeyValueStore::Set(const std::string& key, const std::string& value) {
+  Values values = file_->Read();
+  values[key] = value;
+  file_->Replace(std::move(values), Durability::kPowerCut);
+}
+
+void FileKeyValueStore::Clear() {
+  file_->Read();  // sets a broken file aside rather than losing it
+  file_->Replace({}, Durability::kAtOnce);
+}
+
+}  // namespace orbamira::store

@@ -1,0 +1,235 @@
+#include "platform/orba_core_wrapper.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+#include "platform/unique_fd.h"
+
+// How a program is run.
+//
+// The host of this library may ignore SIGCHLD, set SA_NOCLDWAIT, or reap every child in a handler: the exit status of a
+// direct child would then be lost, and execve(2) gives every child SIGCHLD as its exit signal, whatever it was cloned
+// with. So a supervisor stands in between: a copy of this process that never executes another program, starts the
+// program in a signal table of its own, waits for it, and leaves the result in a page shared with the caller. It is
+// cloned with exit signal 0, which makes it a "clone child": the kernel never reaps it by itself and shows it only to
+// those who wait with __WCLONE.
+//
+// It is a copy and does not share the caller's memory (CLONE_VM | CLONE_VFORK) because the caller would be stopped
+// until the program ends: no signal would be handled, and setuid() in any other thread, which needs an answer from
+// every thread, would hang as long. The copy costs some tens of microseconds and grows with the host's memory.
+//
+// Threads of the host may hold any lock at the moment of the copy, so the supervisor makes system calls only and takes
+// no memory.
+namespace orbamira::wrapper {
+namespace {
+
+constexpr int kNotStarted = -1;
+
+// One number that supervisor and caller both see.
+class SharedResult {
+ public:
+  SharedResult() : page_(mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {}
+  SharedResult(const SharedResult&) = delete;
+  SharedResult& operator=(const SharedResult&) = delete;
+  ~SharedResult() {
+    if (valid()) {
+      munmap(page_, sizeof(int));
+    }
+  }
+
+  [[nodiscard]] bool valid() const { return page_ != MAP_FAILED; }
+  int& operator*() const { return *static_cast<int*>(page_); }
+
+ private:
+  void* page_;
+};
+
+// Default dispositions and an empty mask, whatever the host has set.
+class SpawnAttributes {
+ public:
+  SpawnAttributes() {
+    sigset_t signals;
+    posix_spawnattr_init(&attributes_);
+    posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    sigfillset(&signals);
+    posix_spawnattr_setsigdefault(&attributes_, &signals);
+    sigemptyset(&signals);
+    posix_spawnattr_setsigmask(&attributes_, &signals);
+  }
+  SpawnAttributes(const SpawnAttributes&) = delete;
+  SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+  ~SpawnAttributes() { posix_spawnattr_destroy(&attributes_); }
+
+  [[nodiscard]] const posix_spawnattr_t* get() const { return &attributes_; }
+
+ private:
+  posix_spawnattr_t attributes_{};
+};
+
+class AllSignalsBlocked {
+ public:
+  AllSignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  AllSignalsBlocked(const AllSignalsBlocked&) = delete;
+  AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
+  ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_{};
+};
+
+void WaitFor(pid_t process, int* status, int options) {
+  while (waitpid(process, status, options) < 0 && errno == EINTR) {
+  }
+}
+
+// Standard input from /dev/null, and so the others where the caller has nothing that a child is to inherit: closed, or
+// close-on-exec, which is any descriptor of the host's own that was opened while the stream was closed. Going upwards,
+// the stream at hand is the lowest free descriptor, the one that open() takes.
+bool PrepareStandardStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (stream != STDIN_FILENO && fcntl(stream, F_GETFD) == 0) {
+      continue;
+    }
+    close(stream);
+    if (open("/dev/null", O_RDWR) != stream) {  // NOLINT(android-cloexec-open): the program is to inherit it
+      return false;
+    }
+  }
+  return true;
+}
+
+int RunAndWait(char* const* arguments, const posix_spawnattr_t* attributes) {
+  pid_t program = 0;
+  if (posix_spawn(&program, arguments[0], nullptr, attributes, arguments, environ) != 0) {
+    return kNotStarted;
+  }
+  int status = 0;
+  WaitFor(program, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+// Runs with all signals blocked. Descriptors go first: should the host die, the supervisor must hold none of its locks.
+[[noreturn]] void Supervise(char* const* arguments, const posix_spawnattr_t* attributes, int& result) {
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+  std::signal(SIGCHLD, SIG_DFL);
+  closefrom(STDERR_FILENO + 1);
+  result = PrepareStandardStreams() ? RunAndWait(arguments, attributes) : kNotStarted;
+  _exit(0);
+}
+
+// fork() with exit signal 0; every other argument of the system call is 0 too, so that their order, which differs
+// between machines, does not matter.
+pid_t ForkSupervisor() { return static_cast<pid_t>(syscall(SYS_clone, 0L, 0L, 0L, 0L, 0L)); }
+
+pid_t StartSupervisor(char* const* arguments, const posix_spawnattr_t* attributes, int& result) {
+  const AllSignalsBlocked blocked;  // no handler of the host's may run in the copy
+  const pid_t supervisor = ForkSupervisor();
+  if (supervisor == 0) {
+    Supervise(arguments, attributes, result);
+  }
+  return supervisor;
+}
+
+// More than any settings file holds, and little enough to be read on every call.
+constexpr std::size_t kMaxSettingsSize = 1024 * 1024;
+
+std::string_view WithoutBlanks(std::string_view text) {
+  constexpr std::string_view kBlanks = " \t";
+  const std::size_t begin = text.find_first_not_of(kBlanks);
+  return begin == std::string_view::npos ? std::string_view()
+                                         : text.substr(begin, text.find_last_not_of(kBlanks) + 1 - begin);
+}
+
+std::string_view WithoutQuotes(std::string_view text) {
+  const bool quoted = text.size() >= 2 && text.front() == '"' && text.back() == '"';
+  return quoted ? text.substr(1, text.size() - 2) : text;
+}
+
+std::string_view TakeLine(std::string_view& text) {
+  const std::size_t end = std::min(text.find('\n'), text.size());
+  std::string_view line = text.substr(0, end);
+  text.remove_prefix(std::min(end + 1, text.size()));
+  if (line.ends_with('\r')) {
+    line.remove_suffix(1);
+  }
+  return line;
+}
+
+// The whole lines in the part of the file that is looked at; empty when it is no file that can be read.
+std::string ReadSettings(const std::string& path) {
+  const UniqueFd file = OpenFile(path, O_RDONLY);
+  struct stat status {};
+  if (!file.valid() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return "";
+  }
+  std::string text = ReadUpTo(file.get(), kMaxSettingsSize).value_or("");
+  if (text.size() == kMaxSettingsSize) {
+    text.resize(text.rfind('\n') + 1);  // half a value is worse than none
+  }
+  return text;
+}
+
+}  // namespace
+
+int OrbaCoreWrapper::RunCommand(const std::vector<std::string>& args) {
+  // An argument ends at its first NUL: one that holds another cannot be given to a program as it is.
+  const auto holds_nul = [](const std::string& argument) { return argument.find('\0') != std::string::npos; };
+  if (args.empty() || std::any_of(args.begin(), args.end(), holds_nul)) {
+    return kNotStarted;
+  }
+  std::vector<std::string> texts = args;
+  std::vector<char*> arguments;
+  arguments.reserve(texts.size() + 1);
+  for (std::string& text : texts) {
+    arguments.push_back(text.data());
+  }
+  arguments.push_back(nullptr);
+
+  const SpawnAttributes attributes;
+  const SharedResult result;
+  if (!result.valid()) {
+    return kNotStarted;
+  }
+  *result = -SIGKILL;  // what stays if the supervisor is killed, which no other signal can do
+  const pid_t supervisor = StartSupervisor(arguments.data(), attributes.get(), *result);
+  if (supervisor < 0) {
+    return kNotStarted;
+  }
+  WaitFor(supervisor, nullptr, __WCLONE);
+  return *result;
+}
+
+std::string OrbaCoreWrapper::GetKeyValue(const std::string& file, const std::string& key) {
+  const std::string text = ReadSettings(file);
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const std::string_view line = TakeLine(rest);
+    const std::size_t equals = line.find('=');
+    if (line.starts_with('#') || equals == std::string_view::npos) {
+      continue;
+    }
+    if (WithoutBlanks(line.substr(0, equals)) == key) {
+      return std::string(WithoutQuotes(WithoutBlanks(line.substr(equals + 1))));
+    }
+  }
+  return "";
+}
+
+}  // namespace orbamira::wrapper

@@ -1,0 +1,43 @@
+#include "platform/orba_sdk_wrapper.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstddef>
+
+namespace orbamira::wrapper {
+namespace {
+
+constexpr mode_t kMode = 0755;
+
+int MakeOne(const char* path) {
+  if (mkdir(path, kMode) == 0) {
+    // The umask took its bits away, and it cannot be changed for one thread alone.
+    return fchmodat(AT_FDCWD, path, kMode, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : -errno;
+  }
+  // What exists is a reason for mkdir to fail, but not always the one that it names (a read-only file system, an
+  // automounter); whether a directory is there is what counts.
+  const int error = errno;
+  struct stat status {};
+  if (stat(path, &status) != 0) {
+    return -error;
+  }
+  return S_ISDIR(status.st_mode) ? 0 : -ENOTDIR;
+}
+
+}  // namespace
+
+int OrbaSDKWrapper::MakeDirectory(const std::string& path) {
+  if (path.empty()) {
+    return -ENOENT;
+  }
+  for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    const int result = MakeOne(path.substr(0, end).c_str());
+    if (result < 0 || end == std::string::npos) {
+      return result;
+    }
+  }
+}
+
+}  // namespace orbamira::wrapper

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <utility>
+
+// The few things that every source here does with a file descriptor. Not installed.
+namespace orbamira {
+
+/// A descriptor that is closed with its owner; negative when there is none.
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  UniqueFd(UniqueFd&& other) noexcept : fd_(other.Release()) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  ~UniqueFd();
+
+  [[nodiscard]] int get() const { return fd_; }
+  [[nodiscard]] bool valid() const { return fd_ >= 0; }
+
+  /// Hands the descriptor to the caller.
+  [[nodiscard]] int Release() { return std::exchange(fd_, -1); }
+
+ private:
+  int fd_ = -1;
+};
+
+/// The same open file at a descriptor above standard input, output and error. A host that has closed one of these is
+/// handed its number by the next open, and would print into our file, or give it to a child as standard input.
+/// Not valid, with errno set, when `fd` is not or no descriptor is left.
+[[nodiscard]] UniqueFd AboveStandardStreams(UniqueFd fd);
+
+/// Opens the file close-on-exec, above the standard streams, and without waiting for the other end of a pipe. Not
+/// valid, with errno set, on failure.
+[[nodiscard]] UniqueFd OpenFile(const std::string& path, int flags, mode_t mode = 0);
+
+/// read(2) again when a signal interrupted it.
+[[nodiscard]] ssize_t ReadSome(int fd, void* buffer, std::size_t size);
+
+/// What is left to read, but not more than `limit` bytes; empty, with errno set, on failure.
+[[nodiscard]] std::optional<std::string> ReadUpTo(int fd, std::size_t limit);
+
+}  // namespace orbamira
