@@ -1,0 +1,141 @@
+#include "tools/common/posix.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <memory>
+#include <system_error>
+#include <utility>
+
+namespace orbamira::tools {
+
+FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
+  std::swap(fd_, other.fd_);
+  return *this;
+}
+
+FileDescriptor::~FileDescriptor() {
+  if (fd_ >= 0) {
+    close(fd_);
+  }
+}
+
+int FileDescriptor::Release() noexcept { return std::exchange(fd_, -1); }
+
+void ThrowErrno(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
+
+std::string Below(const std::string& folder, const std::string& name) {
+  std::string path;
+  path.reserve(folder.size() + 1 + name.size());
+  return path.append(folder).append("/").append(name);
+}
+
+FileDescriptor OpenDirectory(int at, const std::string& name, const std::string& shown) {
+  FileDescriptor directory(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!directory) {
+    ThrowErrno(shown);
+  }
+  return directory;
+}
+
+std::vector<std::string> ListDirectory(int directory, const std::string& shown) {
+  const int own = openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (own < 0) {
+    ThrowErrno(shown);
+  }
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(fdopendir(own), closedir);
+  if (!stream) {
+    close(own);
+    ThrowErrno(shown);
+  }
+  std::vector<std::string> names;
+  errno = 0;
+  while (const dirent* entry = readdir(stream.get())) {  // NOLINT(concurrency-mt-unsafe): a stream of our own
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") {
+      names.emplace_back(name);
+    }
+  }
+  if (errno != 0) {
+    ThrowErrno(shown);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+struct stat Stat(int fd, const std::string& shown) {
+  struct stat status = {};
+  if (fstat(fd, &status) != 0) {
+    ThrowErrno(shown);
+  }
+  return status;
+}
+
+struct stat StatName(int at, const std::string& name, const std::string& shown) {
+  struct stat status = {};
+  if (fstatat(at, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    ThrowErrno(shown);
+  }
+  return status;
+}
+
+std::string ReadLink(int at, const std::string& name, const std::string& shown) {
+  std::string target(PATH_MAX, '\0');
+  const ssize_t length = readlinkat(at, name.c_str(), target.data(), target.size());
+  if (length < 0) {
+    ThrowErrno(shown);
+  }
+  target.resize(static_cast<size_t>(length));
+  return target;
+}
+
+size_t ReadFully(int fd, void* buffer, size_t size, const std::string& shown) {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t count = read(fd, static_cast<char*>(buffer) + done, size - done);
+    if (count == 0) {
+      break;
+    }
+    if (count > 0) {
+      done += static_cast<size_t>(count);
+    } else if (errno != EINTR) {
+      ThrowErrno(shown);
+    }
+  }
+  return done;
+}
+
+void WriteFully(int fd, const void* data, size_t size, const std::string& shown) {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t count = write(fd, static_cast<const char*>(data) + done, size - done);
+    if (count >= 0) {
+      done += static_cast<size_t>(count);
+    } else if (errno != EINTR) {
+      ThrowErrno(shown);
+    }
+  }
+}
+
+std::string Printable(std::string_view text) {
+  std::string line;
+  line.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7f) {
+      line += c;
+      continue;
+    }
+    line += '\\';
+    for (const int shift : {6, 3, 0}) {
+      line += static_cast<char>('0' + ((byte >> shift) & 7));
+    }
+  }
+  return line;
+}
+
+}  // namespace orbamira::tools

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// What the small programs share on top of the system calls: descriptors that close themselves, errors that name what
+/// they are about, and a walk that never follows a symbolic link.
+namespace orbamira::tools {
+
+/// Owns one open descriptor, or none (-1).
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd = -1) noexcept : fd_(fd) {}
+  FileDescriptor(FileDescriptor&& other) noexcept : fd_(other.Release()) {}
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept;
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  ~FileDescriptor();
+
+  [[nodiscard]] int get() const noexcept { return fd_; }
+  explicit operator bool() const noexcept { return fd_ >= 0; }
+
+ private:
+  int Release() noexcept;
+
+  int fd_;
+};
+
+/// Throws std::system_error with the text of errno, headed by `what`.
+[[noreturn]] void ThrowErrno(const std::string& what);
+
+/// "folder/name".
+std::string Below(const std::string& folder, const std::string& name);
+
+/// Opens the directory `name` below `at` for reading; a symbolic link in its place is an error. `shown` is its name in
+/// the error. Throws std::system_error.
+FileDescriptor OpenDirectory(int at, const std::string& name, const std::string& shown);
+
+/// The names in the open directory but for "." and "..", sorted by bytes. Throws std::system_error.
+std::vector<std::string> ListDirectory(int directory, const std::string& shown);
+
+/// stat() of the open file, and of the name below `at` without following a symbolic link. Throw std::system_error.
+struct stat Stat(int fd, const std::string& shown);
+struct stat StatName(int at, const std::string& name, const std::string& shown);
+
+/// Where the symbolic link leads. Throws std::system_error.
+std::string ReadLink(int at, const std::string& name, const std::string& shown);
+
+/// Reads up to `size` bytes, less only at the end of the file. Throws std::system_error.
+size_t ReadFully(int fd, void* buffer, size_t size, const std::string& shown);
+
+/// Writes all of it. Throws std::system_error.
+void WriteFully(int fd, const void* data, size_t size, const std::string& shown);
+
+/// The text on one line whatever it holds: control characters become \ooo.
+std::string Printable(std::string_view text);
+
+}  // namespace orbamira::tools

@@ -1,0 +1,85 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/common/posix.h"
+#include "tools/orba-copy/partial_folder.h"
+#include "tools/orba-copy/tree_copier.h"
+
+namespace {
+
+using orbamira::tools::FileDescriptor;
+using orbamira::tools::OpenDirectory;
+using orbamira::tools::PartialFolder;
+using orbamira::tools::Printable;
+using orbamira::tools::TreeCopier;
+
+constexpr const char* kUsage =
+    "Usage: orba-copy -a SRC DST\n"
+    "Copy the folder SRC to the new folder DST, whole and on disk, or not at all.\n"
+    "\n"
+    "  -a         keep modes, times, symbolic links and, as root, owners; files are\n"
+    "             linked where SRC and DST are on one file system\n"
+    "  --help     print this text\n"
+    "  --version  print the version\n"
+    "\n"
+    "DST must not exist. A failure removes what was built and ends the program by\n"
+    "SIGTERM, never with an exit status.\n";
+
+/// Ends the program in the one way that its caller cannot take for success. The updater looks at a copy's result only
+/// for "negative", which stands for a program ended by a signal; an exit status of 1 counts as done, and the updater
+/// would go on to delete the backup of the old pack.
+[[noreturn]] void EndAsFailed() {
+  sigset_t term;
+  sigemptyset(&term);
+  sigaddset(&term, SIGTERM);
+  static_cast<void>(std::signal(SIGTERM, SIG_DFL));
+  sigprocmask(SIG_UNBLOCK, &term, nullptr);
+  static_cast<void>(std::raise(SIGTERM));
+  std::abort();  // the first process of a container does not end by SIGTERM
+}
+
+int Print(const char* text) {
+  return std::fputs(text, stdout) >= 0 && std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+void Copy(const std::string& source, const std::string& target) {
+  const FileDescriptor from = OpenDirectory(AT_FDCWD, source, source);
+  PartialFolder partial(target);
+  TreeCopier(partial.get()).Copy(from.get(), source);
+  orbamira::tools::MakeDurable(partial.get(), target);
+  partial.MoveIntoPlace();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // A reader of our messages that went away, and a file size limit, are errors to clean up after, not reasons to die.
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+  static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
+  const std::vector<std::string_view> arguments(argv + 1, argv + argc);
+  if (arguments.size() == 1 && arguments[0] == "--help") {
+    return Print(kUsage);
+  }
+  if (arguments.size() == 1 && arguments[0] == "--version") {
+    return Print("orba-copy " ORBAMIRA_VERSION "\n");
+  }
+  if (arguments.size() != 3 || arguments[0] != "-a" || arguments[1].empty() || arguments[2].empty()) {
+    static_cast<void>(std::fputs(kUsage, stderr));
+    EndAsFailed();
+  }
+  try {
+    Copy(std::string(arguments[1]), std::string(arguments[2]));
+  } catch (const std::exception& error) {
+    static_cast<void>(std::fprintf(stderr, "orba-copy: %s\n", Printable(error.what()).c_str()));
+    EndAsFailed();
+  }
+  return EXIT_SUCCESS;
+}

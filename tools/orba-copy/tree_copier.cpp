@@ -1,0 +1,156 @@
+#include "tools/orba-copy/tree_copier.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <stdexcept>
+#include <vector>
+
+#include "tools/common/posix.h"
+
+namespace orbamira::tools {
+namespace {
+
+constexpr int kMaxDepth = 256;
+constexpr size_t kCopyBuffer = 256UL * 1024;
+
+/// Gives the open file the owner, mode and times of the original. The owner first: changing it drops mode bits.
+void CopyAttributes(int fd, const struct stat& original, const std::string& shown) {
+  if (geteuid() == 0 && fchown(fd, original.st_uid, original.st_gid) != 0) {
+    ThrowErrno(shown);
+  }
+  const std::array times = {original.st_atim, original.st_mtim};
+  if (fchmod(fd, original.st_mode & 07777) != 0 || futimens(fd, times.data()) != 0) {
+    ThrowErrno(shown);
+  }
+}
+
+void CopySymlink(int from, int to, const std::string& name, const struct stat& original, const std::string& shown) {
+  const std::string leads_to = ReadLink(from, name, shown);
+  const std::array times = {original.st_atim, original.st_mtim};
+  if (symlinkat(leads_to.c_str(), to, name.c_str()) != 0 ||
+      (geteuid() == 0 && fchownat(to, name.c_str(), original.st_uid, original.st_gid, AT_SYMLINK_NOFOLLOW) != 0) ||
+      utimensat(to, name.c_str(), times.data(), AT_SYMLINK_NOFOLLOW) != 0) {
+    ThrowErrno(shown);
+  }
+}
+
+/// Each way goes on where the one before it stopped, so none needs to know why that was.
+void CopyContents(int from, int to, const std::string& shown) {
+  if (ioctl(to, FICLONE, from) == 0) {
+    return;
+  }
+  while (copy_file_range(from, nullptr, to, nullptr, 1U << 30, 0) > 0) {
+  }
+  std::vector<char> buffer;
+  buffer.resize(kCopyBuffer);
+  while (const size_t count = ReadFully(from, buffer.data(), buffer.size(), shown)) {
+    WriteFully(to, buffer.data(), count, shown);
+  }
+}
+
+void SyncEach(int folder, const std::string& shown) {
+  for (const std::string& name : ListDirectory(folder, shown)) {
+    const std::string inner = Below(shown, name);
+    const mode_t type = StatName(folder, name, inner).st_mode & S_IFMT;
+    if (type == S_IFDIR) {
+      SyncEach(OpenDirectory(folder, name, inner).get(), inner);
+    } else if (type == S_IFREG) {
+      const FileDescriptor file(openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+      if (!file || fsync(file.get()) != 0) {
+        ThrowErrno(inner);
+      }
+    }
+  }
+  if (fsync(folder) != 0) {
+    ThrowErrno(shown);
+  }
+}
+
+}  // namespace
+
+TreeCopier::TreeCopier(int target) : target_(target), target_status_(Stat(target, "the new folder")) {}
+
+void TreeCopier::Copy(int source, const std::string& shown) { CopyFolder(source, target_, shown, 1); }
+
+void TreeCopier::CopyFolder(int from, int to, const std::string& shown, int depth) {
+  const struct stat folder = Stat(from, shown);
+  if (folder.st_dev == target_status_.st_dev && folder.st_ino == target_status_.st_ino) {
+    throw std::runtime_error(shown + ": cannot copy a folder into itself");
+  }
+  if (depth > kMaxDepth) {
+    throw std::runtime_error(shown + ": deeper than " + std::to_string(kMaxDepth) + " folders");
+  }
+  for (const std::string& name : ListDirectory(from, shown)) {
+    const std::string inner = Below(shown, name);
+    const struct stat entry = StatName(from, name, inner);
+    switch (entry.st_mode & S_IFMT) {
+      case S_IFREG:
+        CopyFile(from, to, name, inner);
+        break;
+      case S_IFDIR: {
+        if (mkdirat(to, name.c_str(), 0700) != 0) {
+          ThrowErrno(inner);
+        }
+        CopyFolder(OpenDirectory(from, name, inner).get(), OpenDirectory(to, name, inner).get(), inner, depth + 1);
+        break;
+      }
+      case S_IFLNK:
+        CopySymlink(from, to, name, entry, inner);
+        break;
+      default:
+        throw std::runtime_error(inner + ": neither a file, a folder nor a symbolic link");
+    }
+  }
+  CopyAttributes(to, folder, shown);
+}
+
+void TreeCopier::CopyFile(int from, int to, const std::string& name, const std::string& shown) {
+  if (links_work_ && Link(from, to, name, shown)) {
+    return;
+  }
+  const FileDescriptor original(openat(from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!original) {
+    ThrowErrno(shown);
+  }
+  const FileDescriptor copy(openat(to, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!copy) {
+    ThrowErrno(shown);
+  }
+  CopyContents(original.get(), copy.get(), shown);
+  CopyAttributes(copy.get(), Stat(original.get(), shown), shown);
+}
+
+/// Whether the file now is a link; false asks for a copy.
+bool TreeCopier::Link(int from, int to, const std::string& name, const std::string& shown) {
+  if (linkat(from, name.c_str(), to, name.c_str(), 0) == 0) {
+    return true;
+  }
+  switch (errno) {
+    case EXDEV:
+    case EOPNOTSUPP:
+      links_work_ = false;  // the same for every file that follows
+      return false;
+    case EPERM:  // a file of someone else's, or a file system without links
+    case EMLINK:
+      return false;
+    default:
+      ThrowErrno(shown);
+  }
+}
+
+void MakeDurable(int folder, const std::string& shown) {
+  if (syncfs(folder) == 0) {
+    return;
+  }
+  if (errno != ENOSYS) {
+    ThrowErrno(shown);
+  }
+  SyncEach(folder, shown);
+}
+
+}  // namespace orbamira::tools
