@@ -1,0 +1,156 @@
+#include "tools/orba-archive/archive_reader.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <stdexcept>
+
+namespace orbamira::tools {
+namespace {
+
+// Long names and extended headers fit many times over. What does not fit is made to fill the memory.
+constexpr uint64_t kMaxHeader = 2UL * 1024 * 1024;
+constexpr uint64_t kMaxMembers = 1'000'000;
+constexpr uint64_t kEndMark = 1024;
+
+Member::Kind KindOf(archive_entry* entry) {
+  if (archive_entry_hardlink(entry) != nullptr) {
+    return Member::Kind::kHardLink;
+  }
+  switch (archive_entry_filetype(entry)) {
+    case AE_IFREG:
+      return Member::Kind::kFile;
+    case AE_IFDIR:
+      return Member::Kind::kFolder;
+    case AE_IFLNK:
+      return Member::Kind::kSymlink;
+    default:
+      return Member::Kind::kOther;
+  }
+}
+
+std::string Text(const char* text) { return text == nullptr ? std::string() : std::string(text); }
+
+}  // namespace
+
+ArchiveReader::ArchiveReader(std::unique_ptr<ByteSource> source)
+    : source_(std::move(source)), archive_(archive_read_new(), archive_read_free) {
+  if (!archive_) {
+    throw std::bad_alloc();
+  }
+  const auto feed = [](archive*, void* self, const void** buffer) -> la_ssize_t {
+    return static_cast<ArchiveReader*>(self)->Feed(buffer);
+  };
+  header_end_ = kMaxHeader;
+  if (archive_read_support_format_tar(archive_.get()) != ARCHIVE_OK ||
+      archive_read_open(archive_.get(), this, nullptr, feed, nullptr) != ARCHIVE_OK) {
+    Fail();
+  }
+}
+
+ArchiveReader::~ArchiveReader() = default;
+
+bool ArchiveReader::Next(Member& member) {
+  header_end_ = fed_ + kMaxHeader;
+  archive_entry* entry = nullptr;
+  const int result = archive_read_next_header(archive_.get(), &entry);
+  if (result == ARCHIVE_EOF) {
+    CheckEnd();
+    return false;
+  }
+  // A warning means that the library had to guess, at a name for one.
+  if (result != ARCHIVE_OK) {
+    Fail();
+  }
+  if (++members_ > kMaxMembers) {
+    throw std::runtime_error("more than " + std::to_string(kMaxMembers) + " members");
+  }
+  const int64_t size = archive_entry_size(entry);
+  if (archive_entry_pathname(entry) == nullptr || size < 0) {
+    throw std::runtime_error("damaged member");
+  }
+  member.name = archive_entry_pathname(entry);
+  member.kind = KindOf(entry);
+  member.mode = archive_entry_perm(entry);
+  member.size = member.kind == Member::Kind::kFile ? static_cast<uint64_t>(size) : 0;
+  member.mtime = {archive_entry_mtime(entry), archive_entry_mtime_nsec(entry)};
+  member.target = Text(member.kind == Member::Kind::kHardLink ? archive_entry_hardlink(entry)  //
+                                                              : archive_entry_symlink(entry));
+  size_of_member_ = member.size;
+  return true;
+}
+
+bool ArchiveReader::Read(Piece& piece) {
+  header_end_ = UINT64_MAX;
+  const void* data = nullptr;
+  size_t size = 0;
+  int64_t offset = 0;
+  const int result = archive_read_data_block(archive_.get(), &data, &size, &offset);
+  if (result == ARCHIVE_EOF) {
+    return false;
+  }
+  if (result != ARCHIVE_OK) {
+    Fail();
+  }
+  piece = {static_cast<uint64_t>(offset), {static_cast<const uint8_t*>(data), size}};
+  if (offset < 0 || piece.offset > size_of_member_ || size > size_of_member_ - piece.offset) {
+    throw std::runtime_error("damaged member");
+  }
+  return true;
+}
+
+/// Called by the library for more bytes.
+ssize_t ArchiveReader::Feed(const void** buffer) {
+  try {
+    if (fed_ >= header_end_) {
+      throw std::runtime_error("a member's header is too long");
+    }
+    const std::span<const uint8_t> bytes = source_->Next();
+    const auto last = std::find_if(bytes.rbegin(), bytes.rend(), [](uint8_t byte) { return byte != 0; });
+    if (last != bytes.rend()) {
+      end_of_data_ = fed_ + static_cast<uint64_t>(bytes.rend() - last);
+    }
+    fed_ += bytes.size();
+    *buffer = bytes.data();
+    return static_cast<ssize_t>(bytes.size());
+  } catch (...) {
+    source_error_ = std::current_exception();
+    archive_set_error(archive_.get(), EIO, "cannot read");
+    return -1;
+  }
+}
+
+void ArchiveReader::Fail() {
+  if (source_error_) {
+    std::rethrow_exception(source_error_);
+  }
+  throw std::runtime_error(Text(archive_error_string(archive_.get())));
+}
+
+/// The library is content with less than the two zero blocks that end an archive, and leaves what follows them unread.
+void ArchiveReader::CheckEnd() {
+  if (source_error_) {
+    std::rethrow_exception(source_error_);
+  }
+  const auto end = static_cast<uint64_t>(archive_read_header_position(archive_.get()));
+  header_end_ = UINT64_MAX;
+  const void* ignored = nullptr;
+  while (const ssize_t count = Feed(&ignored)) {
+    if (count < 0) {
+      Fail();
+    }
+  }
+  if (end_of_data_ > end) {
+    throw std::runtime_error("data behind the end of the archive");
+  }
+  if (fed_ < end + kEndMark) {
+    throw std::runtime_error("truncated archive");
+  }
+  if (members_ == 0) {
+    throw std::runtime_error("empty archive");
+  }
+}
+
+}  // namespace orbamira::tools

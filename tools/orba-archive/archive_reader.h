@@ -1,0 +1,68 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <ctime>
+#include <exception>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "tools/orba-archive/byte_source.h"
+
+struct archive;
+
+namespace orbamira::tools {
+
+/// One member of an archive, as the archive has it: nothing in here has been checked.
+struct Member {
+  enum class Kind { kFile, kFolder, kSymlink, kHardLink, kOther };
+
+  std::string name;
+  Kind kind = Kind::kOther;
+  mode_t mode = 0;
+  uint64_t size = 0;  ///< bytes once unpacked, holes included; 0 for anything but a file
+  timespec mtime = {};
+  std::string target;  ///< where a symbolic link leads, or the name a hard link shares its file with
+};
+
+/// A piece of a file's contents; bytes between two pieces are zero.
+struct Piece {
+  uint64_t offset = 0;
+  std::span<const uint8_t> data;
+};
+
+/// Reads a tar archive once, from first member to last, and is strict about its end: an archive that was cut anywhere,
+/// or has anything but zeros behind its end mark, is an error. Errors are std::runtime_error or what the source throws.
+class ArchiveReader {
+ public:
+  explicit ArchiveReader(std::unique_ptr<ByteSource> source);
+  ~ArchiveReader();
+  ArchiveReader(const ArchiveReader&) = delete;
+  ArchiveReader& operator=(const ArchiveReader&) = delete;
+
+  /// Goes to the next member; false behind the last one, when the archive has proved whole. The contents of the
+  /// member before must have been read.
+  [[nodiscard]] bool Next(Member& member);
+
+  /// The next piece of the current member's contents, valid until the next call; false behind the last one. Pieces
+  /// stay within the member's size.
+  [[nodiscard]] bool Read(Piece& piece);
+
+ private:
+  ssize_t Feed(const void** buffer);
+  [[noreturn]] void Fail();
+  void CheckEnd();
+
+  std::unique_ptr<ByteSource> source_;
+  std::unique_ptr<archive, int (*)(archive*)> archive_;
+  std::exception_ptr source_error_;  // carried past the C library in between
+  uint64_t size_of_member_ = 0;
+  uint64_t members_ = 0;
+  uint64_t fed_ = 0;          // bytes taken from the source
+  uint64_t end_of_data_ = 0;  // where the last byte that is not zero ended
+  uint64_t header_end_ = 0;   // how far the source may be read for the header that is being read
+};
+
+}  // namespace orbamira::tools

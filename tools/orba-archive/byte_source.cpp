@@ -1,0 +1,104 @@
+#include "tools/orba-archive/byte_source.h"
+
+#include <isa-l/igzip_lib.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+#include <vector>
+
+#include "tools/common/posix.h"
+
+namespace orbamira::tools {
+namespace {
+
+constexpr size_t kReadSize = 256UL * 1024;
+constexpr size_t kInflatedSize = 512UL * 1024;
+
+class PlainSource final : public ByteSource {
+ public:
+  explicit PlainSource(int fd) : fd_(fd), buffer_(kReadSize) {}
+
+  std::span<const uint8_t> Next() override {
+    ssize_t count = -1;
+    do {
+      count = pread(fd_, buffer_.data(), buffer_.size(), offset_);
+    } while (count < 0 && errno == EINTR);
+    if (count < 0) {
+      ThrowErrno("cannot read");
+    }
+    offset_ += count;
+    return {buffer_.data(), static_cast<size_t>(count)};
+  }
+
+ private:
+  int fd_;
+  off_t offset_ = 0;
+  std::vector<uint8_t> buffer_;
+};
+
+/// One or more gzip members in a row and nothing else. Length and checksum of each are checked.
+class GzipSource final : public ByteSource {
+ public:
+  explicit GzipSource(int fd) : compressed_(fd), buffer_(kInflatedSize) {
+    isal_inflate_init(&state_);
+    state_.crc_flag = ISAL_GZIP;
+  }
+
+  std::span<const uint8_t> Next() override {
+    while (HasInput()) {
+      if (state_.block_state == ISAL_BLOCK_FINISH) {
+        isal_inflate_reset(&state_);
+      }
+      state_.next_out = buffer_.data();
+      state_.avail_out = static_cast<uint32_t>(buffer_.size());
+      if (isal_inflate(&state_) < ISAL_DECOMP_OK) {
+        throw std::runtime_error("damaged gzip data");
+      }
+      if (const size_t count = buffer_.size() - state_.avail_out; count > 0) {
+        return {buffer_.data(), count};
+      }
+    }
+    return {};
+  }
+
+ private:
+  /// Whether there is something to inflate: in the decoder, which may hold back what did not fit into a full buffer, or
+  /// in the file.
+  bool HasInput() {
+    const bool held_back = state_.avail_out == 0 && state_.block_state != ISAL_BLOCK_FINISH;
+    if (state_.avail_in > 0 || (held_back && started_)) {
+      return true;
+    }
+    const std::span<const uint8_t> more = compressed_.Next();
+    if (more.empty()) {
+      if (state_.block_state != ISAL_BLOCK_FINISH) {
+        throw std::runtime_error("truncated gzip data");
+      }
+      return false;
+    }
+    started_ = true;
+    state_.next_in = const_cast<uint8_t*>(more.data());  // the decoder's interface lacks the const; it only reads
+    state_.avail_in = static_cast<uint32_t>(more.size());
+    return true;
+  }
+
+  PlainSource compressed_;
+  std::vector<uint8_t> buffer_;
+  inflate_state state_ = {};
+  bool started_ = false;
+};
+
+}  // namespace
+
+std::unique_ptr<ByteSource> OpenByteSource(int fd, Layer layer) {
+  switch (layer) {
+    case Layer::kPackage:
+      return std::make_unique<PlainSource>(fd);
+    case Layer::kPayload:
+      return std::make_unique<GzipSource>(fd);
+  }
+  throw std::logic_error("no such layer");
+}
+
+}  // namespace orbamira::tools

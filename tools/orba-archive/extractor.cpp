@@ -1,0 +1,177 @@
+#include "tools/orba-archive/extractor.h"
+
+#include <fcntl.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <stdexcept>
+#include <system_error>
+
+#include "tools/orba-archive/member_name.h"
+
+namespace orbamira::tools {
+namespace {
+
+constexpr mode_t kModes = 0755;
+
+/// Opens the folder `name`, made when it is missing. A symbolic link in its place is an error.
+FileDescriptor EnterFolder(int at, const std::string& name) {
+  if (mkdirat(at, name.c_str(), kModes) != 0 && errno != EEXIST) {
+    ThrowErrno(name);
+  }
+  return OpenDirectory(at, name, name);
+}
+
+void PlaceFolder(int parent, const std::string& name, mode_t mode) {
+  const FileDescriptor folder = EnterFolder(parent, name);
+  if (fchmod(folder.get(), (mode & kModes) | S_IRWXU) != 0) {
+    ThrowErrno(name);
+  }
+}
+
+void WriteAt(int fd, const Piece& piece, const std::string& name) {
+  size_t done = 0;
+  while (done < piece.data.size()) {
+    const ssize_t count =
+        pwrite(fd, piece.data.data() + done, piece.data.size() - done, static_cast<off_t>(piece.offset + done));
+    if (count >= 0) {
+      done += static_cast<size_t>(count);
+    } else if (errno != EINTR) {
+      ThrowErrno(name);
+    }
+  }
+}
+
+}  // namespace
+
+Extractor::Extractor(int folder, Layer layer, uint64_t limit) : folder_(folder), layer_(layer), limit_(limit) {
+  struct statvfs file_system = {};
+  if (fstatvfs(folder, &file_system) != 0) {
+    ThrowErrno("cannot tell the free space");
+  }
+  free_ = static_cast<uint64_t>(file_system.f_bavail) * file_system.f_frsize;
+}
+
+void Extractor::Unpack(ArchiveReader& archive) {
+  Member member;
+  while (archive.Next(member)) {
+    try {
+      Place(archive, member);
+    } catch (const std::system_error& error) {
+      throw std::runtime_error(member.name + ": " + error.code().message());
+    } catch (const std::runtime_error& error) {
+      throw std::runtime_error(member.name + ": " + error.what());
+    }
+  }
+}
+
+void Extractor::Place(ArchiveReader& archive, const Member& member) {
+  const std::vector<std::string_view> parts = SplitMemberName(member.name);
+  if (layer_ == Layer::kPackage && (member.kind != Member::Kind::kFile || parts.size() != 1)) {
+    throw std::runtime_error("a package holds only files at its top");
+  }
+  if (parts.empty()) {
+    if (member.kind == Member::Kind::kFolder) {
+      return;  // the folder itself, which is the caller's
+    }
+    throw std::runtime_error("not a name for a file");
+  }
+  const std::string name(parts.back());
+  switch (member.kind) {
+    case Member::Kind::kFile:
+      PlaceFile(archive, member, OpenParent(parts), name);
+      return;
+    case Member::Kind::kFolder:
+      PlaceFolder(OpenParent(parts), name, member.mode);
+      return;
+    case Member::Kind::kSymlink:
+      CheckSymlinkTarget(member.target, parts.size() - 1);
+      if (symlinkat(member.target.c_str(), OpenParent(parts), name.c_str()) != 0) {
+        ThrowErrno(name);
+      }
+      return;
+    case Member::Kind::kHardLink:
+      PlaceHardLink(member, OpenParent(parts), name);
+      return;
+    case Member::Kind::kOther:
+      throw std::runtime_error("neither a file, a folder nor a link");
+  }
+}
+
+void Extractor::PlaceFile(ArchiveReader& archive, const Member& member, int parent, const std::string& name) {
+  TakeSpace(member.size);
+  const FileDescriptor file(
+      openat(parent, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, member.mode & kModes));
+  if (!file) {
+    ThrowErrno(name);
+  }
+  uint64_t written = 0;
+  Piece piece;
+  while (archive.Read(piece)) {
+    WriteAt(file.get(), piece, name);
+    written = std::max(written, piece.offset + piece.data.size());
+  }
+  if (written < member.size && ftruncate(file.get(), static_cast<off_t>(member.size)) != 0) {
+    ThrowErrno(name);
+  }
+  const std::array times = {member.mtime, member.mtime};
+  if (futimens(file.get(), times.data()) != 0) {
+    ThrowErrno(name);
+  }
+  files_.insert(Stat(file.get(), name).st_ino);
+}
+
+void Extractor::PlaceHardLink(const Member& member, int parent, const std::string& name) {
+  const std::vector<std::string_view> parts = SplitMemberName(member.target);
+  if (parts.empty()) {
+    throw std::runtime_error("a link to no file");
+  }
+  // The folders are opened anew: `parent` belongs to the cache, which must keep its place.
+  FileDescriptor folder;
+  int at = folder_;
+  for (size_t i = 0; i + 1 < parts.size(); ++i) {
+    folder = OpenDirectory(at, std::string(parts[i]), member.target);
+    at = folder.get();
+  }
+  const std::string file(parts.back());
+  if (!files_.contains(StatName(at, file, member.target).st_ino)) {
+    throw std::runtime_error("a link to a file that is not of this archive");
+  }
+  if (linkat(at, file.c_str(), parent, name.c_str(), 0) != 0) {
+    ThrowErrno(name);
+  }
+}
+
+void Extractor::TakeSpace(uint64_t bytes) {
+  if (bytes > limit_ - unpacked_) {
+    throw std::runtime_error("unpacks to more than the limit of " + std::to_string(limit_) + " bytes");
+  }
+  if (unpacked_ + bytes > free_) {
+    throw std::runtime_error("unpacks to more than the " + std::to_string(free_) + " bytes that are free");
+  }
+  unpacked_ += bytes;
+}
+
+/// The folder that the last of `parts` goes into; missing ones are made.
+int Extractor::OpenParent(const std::vector<std::string_view>& parts) {
+  std::string path;
+  for (size_t i = 0; i + 1 < parts.size(); ++i) {
+    path.append(parts[i]).append("/");
+  }
+  if (path.empty()) {
+    return folder_;
+  }
+  if (path != parent_path_) {
+    FileDescriptor folder;
+    for (size_t i = 0; i + 1 < parts.size(); ++i) {
+      folder = EnterFolder(i == 0 ? folder_ : folder.get(), std::string(parts[i]));
+    }
+    parent_ = std::move(folder);
+    parent_path_ = std::move(path);
+  }
+  return parent_.get();
+}
+
+}  // namespace orbamira::tools

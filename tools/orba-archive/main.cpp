@@ -1,0 +1,226 @@
+#include <fcntl.h>
+#include <getopt.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <clocale>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/common/posix.h"
+#include "tools/orba-archive/archive_reader.h"
+#include "tools/orba-archive/archive_writer.h"
+#include "tools/orba-archive/extractor.h"
+#include "tools/orba-archive/layer.h"
+
+namespace {
+
+using namespace orbamira::tools;
+
+constexpr int kExitUsage = 64;
+constexpr uint64_t kDefaultLimit = 16ULL << 30;
+
+constexpr const char* kUsage =
+    "Usage: orba-archive -xf ARCHIVE [-C DIR] [--limit BYTES]\n"
+    "       orba-archive -tf ARCHIVE\n"
+    "       orba-archive -cf ARCHIVE [-C DIR] MEMBER...\n"
+    "Unpack, list or create a package archive; called as orba-tar, its payload.\n"
+    "\n"
+    "  -x             unpack into DIR, where no existing file is overwritten\n"
+    "  -t             list the members, one a line\n"
+    "  -c             create ARCHIVE from members of DIR; the same members give the\n"
+    "                 same bytes, dated SOURCE_DATE_EPOCH or 1970\n"
+    "  -f ARCHIVE     the archive: a regular file\n"
+    "  -C DIR         the folder, which must exist; the current one by default\n"
+    "  --limit BYTES  unpack no more than this; 17179869184 by default\n"
+    "  --help         print this text\n"
+    "  --version      print the version\n";
+
+struct UsageError {};
+
+struct Options {
+  char action = '\0';  // x, t, c; h and v print the help and the version
+  std::string archive;
+  std::optional<std::string> folder;
+  std::optional<uint64_t> limit;
+  std::vector<std::string> members;
+};
+
+template <typename Number>
+std::optional<Number> ParseNumber(std::string_view text) {
+  Number number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size() || number < 0) {
+    return std::nullopt;
+  }
+  return number;
+}
+
+void CheckCombination(const Options& options) {
+  const bool listing = options.action == 't';
+  if (options.archive.empty() || (listing && options.folder) || (options.action != 'x' && options.limit) ||
+      (options.action == 'c') == options.members.empty()) {
+    throw UsageError();
+  }
+}
+
+Options ParseOptions(int argc, char** argv) {
+  constexpr int kLimit = 1;
+  static constexpr option kLongOptions[] = {{"limit", required_argument, nullptr, kLimit},
+                                            {"help", no_argument, nullptr, 'h'},
+                                            {"version", no_argument, nullptr, 'v'},
+                                            {nullptr, 0, nullptr, 0}};
+  Options options;
+  opterr = 0;
+  for (int letter = 0; (letter = getopt_long(argc, argv, "xtcf:C:", kLongOptions, nullptr)) != -1;) {
+    switch (letter) {
+      case 'x':
+      case 't':
+      case 'c':
+        if (options.action != '\0') {
+          throw UsageError();
+        }
+        options.action = static_cast<char>(letter);
+        break;
+      case 'f':
+        options.archive = optarg;
+        break;
+      case 'C':
+        options.folder = optarg;
+        break;
+      case kLimit:
+        options.limit = ParseNumber<uint64_t>(optarg);
+        if (!options.limit) {
+          throw UsageError();
+        }
+        break;
+      case 'h':
+      case 'v':
+        options.action = static_cast<char>(letter);
+        return options;
+      default:
+        throw UsageError();
+    }
+  }
+  options.members.assign(argv + optind, argv + argc);
+  if (options.action == '\0') {
+    throw UsageError();
+  }
+  CheckCombination(options);
+  return options;
+}
+
+FileDescriptor OpenArchive(const std::string& path) {
+  FileDescriptor archive(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!archive) {
+    ThrowErrno("cannot open");
+  }
+  if (!S_ISREG(Stat(archive.get(), "cannot open").st_mode)) {
+    throw std::runtime_error("not a regular file");
+  }
+  return archive;
+}
+
+FileDescriptor OpenFolder(const Options& options) {
+  const std::string path = options.folder.value_or(".");
+  FileDescriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder) {
+    ThrowErrno(path);
+  }
+  return folder;
+}
+
+void Unpack(const Options& options, Layer layer) {
+  const FileDescriptor folder = OpenFolder(options);
+  // Every pass over the archive reads this one descriptor: what was looked at is what is unpacked.
+  const FileDescriptor file = OpenArchive(options.archive);
+  umask(0);
+  ArchiveReader archive(OpenByteSource(file.get(), layer));
+  Extractor(folder.get(), layer, options.limit.value_or(kDefaultLimit)).Unpack(archive);
+}
+
+void Print(const std::string& text) {
+  if (std::fputs(text.c_str(), stdout) < 0) {
+    ThrowErrno("cannot print");
+  }
+}
+
+void List(const Options& options, Layer layer) {
+  const FileDescriptor file = OpenArchive(options.archive);
+  ArchiveReader archive(OpenByteSource(file.get(), layer));
+  Member member;
+  while (archive.Next(member)) {
+    Print(Printable(member.name) + "\n");
+    for (Piece piece; archive.Read(piece);) {
+    }
+  }
+}
+
+void Create(const Options& options, Layer layer) {
+  const char* epoch = std::getenv("SOURCE_DATE_EPOCH");  // NOLINT(concurrency-mt-unsafe): there is one thread
+  const std::optional<time_t> mtime = ParseNumber<time_t>(epoch == nullptr ? "0" : epoch);
+  if (!mtime) {
+    throw std::runtime_error("SOURCE_DATE_EPOCH is not a number of seconds");
+  }
+  CreateArchive(options.archive, layer, OpenFolder(options).get(), options.members, *mtime);
+}
+
+void Run(const Options& options, Layer layer) {
+  switch (options.action) {
+    case 'x':
+      Unpack(options, layer);
+      break;
+    case 't':
+      List(options, layer);
+      break;
+    case 'c':
+      Create(options, layer);
+      break;
+    case 'h':
+      Print(kUsage);
+      break;
+    default:
+      Print("orba-archive " ORBAMIRA_VERSION "\n");
+      break;
+  }
+  if (std::fflush(stdout) != 0) {
+    ThrowErrno("cannot print");
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string_view path = argc > 0 ? argv[0] : "orba-archive";
+  const std::string program(path.substr(path.rfind('/') + 1));
+  const Layer layer = program == "orba-tar" ? Layer::kPayload : Layer::kPackage;
+
+  // A reader of our output that went away, and a file size limit, are errors to report, not reasons to die.
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+  static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
+  // Names in extended headers are UTF-8, and libarchive turns them into the locale's characters.
+  static_cast<void>(std::setlocale(LC_CTYPE, "C.UTF-8"));  // NOLINT(concurrency-mt-unsafe): there is one thread
+
+  Options options;
+  try {
+    options = ParseOptions(argc, argv);
+    Run(options, layer);
+  } catch (const UsageError&) {
+    static_cast<void>(std::fputs(kUsage, stderr));
+    return kExitUsage;
+  } catch (const std::exception& error) {
+    const std::string line = program + ": " + options.archive + ": " + error.what();
+    static_cast<void>(std::fprintf(stderr, "%s\n", Printable(line).c_str()));
+    return EXIT_FAILURE;
+  }
+  return EXIT_SUCCESS;
+}
