@@ -1,0 +1,227 @@
+"""Finds the plugins of this appliance and runs them, for the programs beside this module.
+
+A plugin is an executable file in <root>/usr/lib/orbamira/plugins, put there by the maker or by an application's
+package; <root> is the environment variable ORBAMIRA_ROOT, empty by default. Plugins run in the order of their names
+(a leading number such as 10- gives the place), symbolic links followed; hidden files and backups (a name that ends in
+~) are not plugins. A plugin runs with all rights of the updater, so one that anybody else could have written is
+refused: the folder and the file must belong to root or to the running user, and must not be writable by everyone.
+
+A plugin is run in a process group of its own with an empty standard input. What it prints goes to standard error, or
+where the caller of run() wants it, and ends with it: what it leaves running in the background may go on but should
+have an output of its own. Its time is limited to `plugin_time_limit` seconds of <root>/etc/orbamira/updater.conf, else
+of <root>/usr/share/orbamira/updater.conf, else to 60. When the time is up the whole group gets SIGTERM, and SIGKILL
+shortly after.
+"""
+
+import contextlib
+import os
+import selectors
+import signal
+import stat
+import subprocess
+import sys
+import syslog
+import time
+
+ROOT = os.environ.get("ORBAMIRA_ROOT", "")
+PLUGIN_FOLDER = ROOT + "/usr/lib/orbamira/plugins"
+SETTINGS_FILES = (ROOT + "/etc/orbamira/updater.conf", ROOT + "/usr/share/orbamira/updater.conf")
+TIME_LIMIT_KEY = "plugin_time_limit"
+DEFAULT_TIME_LIMIT = 60.0
+MAX_TIME_LIMIT = 24 * 60 * 60.0
+
+EXIT_USAGE = 64
+
+_MAX_SETTINGS_SIZE = 1 << 20
+# All that the largest pipe of an ordinary user can hold.
+_CHUNK = 1 << 20
+# While a plugin holds its output open only its end is worth waiting for; this is how soon that is noticed.
+_END_CHECK_INTERVAL = 0.1
+_GRACE = 2.0
+_STOP_SIGNALS = (signal.SIGHUP, signal.SIGINT, signal.SIGTERM)
+
+
+class PluginFailure(Exception):
+    """What went wrong with the plugin (or plugin folder) that the text names first."""
+
+    def __init__(self, path, reason):
+        super().__init__(f"{path}: {reason}")
+
+
+def start(program):
+    """Readies the process of the program called `program` for the functions below. Call it once, first."""
+    # A descriptor from 0 to 2 that is closed would be given to the next file opened, and messages written into it.
+    while (fd := os.open(os.devnull, os.O_RDWR)) <= 2:
+        pass
+    os.close(fd)
+    # With SIGCHLD ignored, as it may have been inherited, the kernel would forget how a plugin ended.
+    signal.signal(signal.SIGCHLD, signal.SIG_DFL)
+    for number in _STOP_SIGNALS:
+        signal.signal(number, _stop)
+    syslog.openlog(program, 0, syslog.LOG_LOCAL1)
+
+
+def print_error(text):
+    """Writes `text` to standard error; one that nobody reads any more is no failure."""
+    write_output(os.fsencode(text))
+
+
+def write_output(data):
+    """Writes the bytes `data` to standard error: the way a plugin's output takes unless something else is wanted."""
+    with contextlib.suppress(OSError):
+        while data:
+            data = data[os.write(2, data) :]
+
+
+def report(program, failure):
+    """Tells standard error and the system log of `failure`, an exception or a text, in one line."""
+    print_error(f"{program}: {failure}\n")
+    syslog.syslog(syslog.LOG_ERR, os.fsencode(str(failure)).decode("utf-8", "replace"))
+
+
+def list_plugins():
+    """The paths of the plugins in the order in which to run them; empty when there is no plugin folder.
+
+    Raises PluginFailure when the folder cannot be read or is not to be trusted.
+    """
+    try:
+        _check_trust(PLUGIN_FOLDER, os.stat(PLUGIN_FOLDER))
+        names = sorted(os.listdir(PLUGIN_FOLDER), key=os.fsencode)
+    except FileNotFoundError:
+        return []
+    except OSError as error:
+        raise PluginFailure(PLUGIN_FOLDER, f"cannot be read: {error.strerror}") from error
+    paths = [f"{PLUGIN_FOLDER}/{name}" for name in names if not name.startswith(".") and not name.endswith("~")]
+    return [path for path in paths if os.path.isfile(path) and os.access(path, os.X_OK)]
+
+
+def time_limit():
+    """How many seconds a plugin may take."""
+    for path in SETTINGS_FILES:
+        text = _setting(path, TIME_LIMIT_KEY)
+        if text:
+            with contextlib.suppress(ValueError):
+                if 0 < (seconds := float(text)) <= MAX_TIME_LIMIT:
+                    return seconds
+            syslog.syslog(syslog.LOG_ERR, f"{path}: {TIME_LIMIT_KEY} is not a number of seconds up to a day")
+            break
+    return DEFAULT_TIME_LIMIT
+
+
+def run(plugin, arguments, seconds, take_output=write_output):
+    """Runs `plugin` with `arguments` and waits for its end, at most `seconds`.
+
+    Every piece of its standard output is handed to `take_output` as bytes; a ValueError from there stops the plugin
+    and is its failure. Its standard error goes to ours. Raises PluginFailure when the plugin is not to be trusted,
+    cannot be started, takes too long or does not exit with 0.
+    """
+    try:
+        _check_trust(plugin, os.stat(plugin))
+        process = subprocess.Popen(
+            [plugin, *arguments],
+            bufsize=0,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            process_group=0,
+        )
+    except OSError as error:
+        raise PluginFailure(plugin, f"cannot be started: {error.strerror}") from error
+    ended = False
+    # Whatever happens here, a signal to this program included, the plugin does not outlive it.
+    try:
+        deadline = time.monotonic() + seconds
+        ended = _follow(process, deadline, {process.stdout: take_output, process.stderr: write_output})
+    except ValueError as error:
+        raise PluginFailure(plugin, str(error)) from error
+    finally:
+        if not ended:
+            _end_group(process)
+        process.stdout.close()
+        process.stderr.close()
+        # Not even SIGKILL ends a process that hangs in a system call.
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            process.wait(_GRACE)
+    if not ended:
+        raise PluginFailure(plugin, f"stopped: it took longer than {seconds:g} s")
+    if process.returncode < 0:
+        raise PluginFailure(plugin, f"ended by signal {-process.returncode}")
+    if process.returncode > 0:
+        raise PluginFailure(plugin, f"exited with status {process.returncode}")
+
+
+def _stop(received, frame):
+    # One is enough: a second must not interrupt what is done about the first.
+    for number in _STOP_SIGNALS:
+        signal.signal(number, signal.SIG_IGN)
+    sys.exit(128 + received)
+
+
+def _check_trust(path, status):
+    if status.st_mode & stat.S_IWOTH:
+        raise PluginFailure(path, "refused: everyone may write it")
+    if status.st_uid not in (0, os.geteuid()):
+        raise PluginFailure(path, f"refused: it belongs to user {status.st_uid}")
+
+
+def _setting(path, key):
+    """The value of `key` in the settings file `path`, read as the updater reads it; empty when there is none."""
+    try:
+        with open(path, "rb") as file:
+            text = file.read(_MAX_SETTINGS_SIZE).decode("utf-8", "replace")
+    except OSError:
+        return ""
+    for line in text.split("\n"):
+        name, separator, value = line.partition("=")
+        if separator and not line.startswith("#") and name.strip() == key:
+            value = value.strip()
+            return value[1:-1] if len(value) >= 2 and value[0] == value[-1] == '"' else value
+    return ""
+
+
+def _follow(process, deadline, outputs):
+    """Hands on what comes from `outputs` until the process ends (True) or the deadline passes (False).
+
+    The end of the process counts, not that of its output, which something left in the background may keep open.
+    """
+    with selectors.DefaultSelector() as selector:
+        for output in outputs:
+            os.set_blocking(output.fileno(), False)
+            selector.register(output, selectors.EVENT_READ)
+        while (left := deadline - time.monotonic()) > 0:
+            if not selector.get_map():
+                return _wait_for_end(process, left)
+            ended = _has_ended(process)
+            # Once the process has ended all it wrote is there already: one look more takes it.
+            for ready, _ in selector.select(0 if ended else min(left, _END_CHECK_INTERVAL)):
+                data = ready.fileobj.read(_CHUNK)
+                if data:
+                    outputs[ready.fileobj](data)
+                elif data is not None:
+                    selector.unregister(ready.fileobj)
+            if ended:
+                return True
+    return False
+
+
+def _has_ended(process):
+    # The process is looked at and not yet reaped: as long as it is not, its number names it and its group for sure.
+    return os.waitid(os.P_PID, process.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT) is not None
+
+
+def _wait_for_end(process, seconds):
+    deadline = time.monotonic() + seconds
+    pause = 0.001
+    while not _has_ended(process):
+        if (left := deadline - time.monotonic()) <= 0:
+            return False
+        time.sleep(min(pause, left))
+        pause = min(2 * pause, _END_CHECK_INTERVAL)
+    return True
+
+
+def _end_group(process):
+    for number in (signal.SIGTERM, signal.SIGKILL):
+        with contextlib.suppress(ProcessLookupError, PermissionError):
+            os.killpg(process.pid, number)
+        _wait_for_end(process, _GRACE)
