@@ -1,0 +1,145 @@
+import json
+import os
+import stat
+import subprocess
+import unittest
+
+from plugin_test_case import HANG, LIBEXEC, PluginTestCase
+
+
+class GetAppIdTest(PluginTestCase):
+    def setUp(self):
+        super().setUp()
+        self.file = self.root / "run/orbamira/plugin-app-ids.json"
+
+    def ask(self, *arguments, **options):
+        return self.run_program("get_app_id.py", *(arguments or [self.file]), **options)
+
+    def assert_answer(self, result, ids, *lines):
+        """The program wrote these ids and said exactly these lines, each about a plugin or its folder."""
+        self.assertEqual([f"get_app_id: {self.folder}{line}" for line in lines], result.stderr.splitlines())
+        self.assertEqual((0, ""), (result.returncode, result.stdout))
+        self.assertEqual(ids, json.loads(self.file.read_text()))
+        self.assertEqual([self.file.name], os.listdir(self.file.parent))
+
+    def test_without_plugin_folder_writes_an_empty_array(self):
+        self.assert_answer(self.ask(), [])
+
+    def test_lists_ids_in_plugin_order(self):
+        self.add_plugin("20", "echo com.example.b")
+        self.add_plugin("10", "echo com.example.c; echo com.example.a")
+        self.add_plugin("30", "")
+        self.add_plugin("40", "echo com.example.b")
+        self.assert_answer(self.ask(), ["com.example.c", "com.example.a", "com.example.b", "com.example.b"])
+
+    def test_asks_with_one_argument_and_empty_input(self):
+        self.add_plugin("a", 'echo "$# $1" >> "$LOG"; cat >> "$LOG"')
+        self.assert_answer(self.ask(input="not for plugins"), [])
+        self.assertEqual(["1 --app-id"], self.log_lines())
+
+    def test_blanks_and_empty_lines_are_dropped(self):
+        self.add_plugin("a", "printf '\\n com.example.a \\r\\n\\ncom.example.b'")
+        self.assert_answer(self.ask(), ["com.example.a", "com.example.b"])
+
+    def test_ids_need_not_be_ascii(self):
+        self.add_plugin("a", "printf 'b\\303\\274cher \"x\"\\342\\200\\250y\\n'")
+        self.assert_answer(self.ask(), ['b\u00fccher "x"\u2028y'])
+
+    def test_failing_plugins_are_left_out(self):
+        self.write_setting("plugin_time_limit=0.5\n")
+        self.add_plugin("a", "echo com.example.a; exit 2")
+        self.add_plugin("b", "echo com.example.b; exec sleep 1000")
+        self.add_plugin("c", "printf 'com.example.\\377\\n'")
+        self.add_plugin("d", "echo com.example.d", 0o777)
+        self.add_plugin("e", "echo com.example.e")
+        self.assert_answer(
+            self.ask(),
+            ["com.example.e"],
+            "/a: exited with status 2",
+            "/b: stopped: it took longer than 0.5 s",
+            "/c: printed what is not UTF-8",
+            "/d: refused: everyone may write it",
+        )
+
+    def test_untrusted_folder_gives_an_empty_array(self):
+        self.add_plugin("a", "echo com.example.a")
+        self.folder.chmod(0o777)
+        self.assert_answer(self.ask(), [], ": refused: everyone may write it")
+
+    def test_answer_of_the_full_size_is_taken(self):
+        self.add_plugin("a", "head -c 65535 /dev/zero | tr '\\0' x; echo")
+        self.assert_answer(self.ask(), ["x" * 65535])
+
+    def test_longer_answer_is_refused(self):
+        self.add_plugin("a", "head -c 65536 /dev/zero | tr '\\0' x; echo")
+        self.add_plugin("b", "exec yes com.example.b")
+        self.assert_answer(
+            self.ask(), [], "/a: stopped: it printed more than 64 KiB", "/b: stopped: it printed more than 64 KiB"
+        )
+
+    def test_error_output_of_plugins_is_no_answer(self):
+        self.add_plugin("a", "echo com.example.a; echo a word >&2")
+        result = self.ask()
+        self.assertEqual((0, "a word\n"), (result.returncode, result.stderr))
+        self.assertEqual(["com.example.a"], json.loads(self.file.read_text()))
+
+    def test_makes_the_folder_readable_for_all(self):
+        self.ask(preexec_fn=lambda: os.umask(0o077))
+        for folder in (self.file.parent, self.file.parent.parent):
+            self.assertEqual(0o755, stat.S_IMODE(folder.stat().st_mode))
+
+    def test_replaces_an_earlier_answer_and_not_what_it_links_to(self):
+        other = self.root / "other"
+        other.write_text("precious")
+        self.file.parent.mkdir(parents=True)
+        self.file.symlink_to(other)
+        self.assert_answer(self.ask(), [])
+        self.assertFalse(self.file.is_symlink())
+        self.assertEqual("precious", other.read_text())
+
+    def test_file_in_the_current_folder_needs_no_folder_name(self):
+        self.file.parent.mkdir(parents=True)
+        self.assert_answer(self.ask(self.file.name, cwd=self.file.parent), [])
+
+    def test_file_that_cannot_be_written_fails_and_leaves_nothing_behind(self):
+        self.file.mkdir(parents=True)
+        result = self.ask()
+        self.assertEqual(1, result.returncode)
+        self.assertEqual(f"get_app_id: {self.file}: cannot be written: Is a directory\n", result.stderr)
+        self.assertEqual([self.file.name], os.listdir(self.file.parent))
+
+    def test_folder_that_cannot_be_made_fails(self):
+        (self.root / "run").write_text("")
+        result = self.ask()
+        self.assertEqual(1, result.returncode)
+        self.assertEqual(f"get_app_id: {self.file}: cannot be written: Not a directory\n", result.stderr)
+
+    def test_wrong_usage_asks_no_plugin(self):
+        self.add_plugin("a", 'echo asked >> "$LOG"')
+        for arguments in ([""], [self.file, self.file], ["--file"], ["--help", "x"]):
+            with self.subTest(arguments):
+                result = self.ask(*arguments)
+                self.assertEqual((64, "usage: get_app_id.py FILE\n"), (result.returncode, result.stderr))
+        self.assertEqual(64, self.run_program("get_app_id.py").returncode)
+        self.assertEqual([], self.log_lines())
+
+    def test_help_is_printed(self):
+        result = self.ask("--help")
+        self.assertEqual((0, ""), (result.returncode, result.stderr))
+        self.assertIn("exit status", result.stdout)
+
+    def test_without_standard_descriptors_nothing_strays_into_the_file(self):
+        self.add_plugin("a", "echo stray >&2; echo com.example.a")
+        self.add_plugin("b", "exit 1")
+        result = subprocess.run(
+            ["/bin/sh", "-c", 'exec "$0" "$@" 0<&- 1>&- 2>&-', LIBEXEC / "get_app_id.py", self.file],
+            env=self.environment,
+            timeout=HANG,
+            check=False,
+        )
+        self.assertEqual(0, result.returncode)
+        self.assertEqual(["com.example.a"], json.loads(self.file.read_text()))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,527 @@
+import fcntl
+import gzip
+import hashlib
+import importlib.machinery
+import importlib.util
+import io
+import json
+import os
+import pathlib
+import resource
+import shutil
+import signal
+import socket
+import stat
+import subprocess
+import sys
+import tarfile
+import tempfile
+import time
+import unittest
+
+MKPACK = pathlib.Path(__file__).resolve().parents[3] / "tools/mkpack/mkpack"
+
+# Far more than anything here takes; only a program that hangs meets it.
+HANG = 60
+
+
+class MkpackTest(unittest.TestCase):
+    def setUp(self):
+        self.top = pathlib.Path(tempfile.mkdtemp())
+        self.addCleanup(shutil.rmtree, self.top)
+        self.output = self.top / "output"
+        self.reply = self.output / "reply.json"
+        self.payload = self.top / "payload"
+        (self.payload / "lib").mkdir(parents=True)
+        (self.payload / "lib/libdecoder.so.1").write_bytes(b"decoder")
+        os.umask(0o022)
+
+    def command(self, **options):
+        values = {
+            "payload": self.payload,
+            "output": self.output,
+            "name": "orbamira-hevc",
+            "version": "1.2",
+            "title": "HEVC decoder",
+            "base_url": "http://packs.example.com/packs/",
+            **options,
+        }
+        command = [MKPACK]
+        for key, value in values.items():
+            for text in value if isinstance(value, list) else [value] if value is not None else []:
+                command += ["--" + key.replace("_", "-"), text]
+        return command
+
+    def run_mkpack(self, environment=None, preexec_fn=None, **options):
+        return subprocess.run(
+            self.command(**options),
+            env={**{k: v for k, v in os.environ.items() if k != "SOURCE_DATE_EPOCH"}, **(environment or {})},
+            preexec_fn=preexec_fn,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+            timeout=HANG,
+            check=False,
+        )
+
+    def make(self, **options):
+        """Publishes and returns the path of the package."""
+        result = self.run_mkpack(**options)
+        self.assertEqual((0, ""), (result.returncode, result.stderr))
+        return pathlib.Path(result.stdout.split("\n")[0].split(maxsplit=1)[1])
+
+    def assert_fails(self, message, status=1, **options):
+        """Nothing is published, nothing unfinished stays, and the error is the one line `message`."""
+        before = self.reply.read_bytes() if self.reply.exists() else None
+        result = self.run_mkpack(**options)
+        self.assertEqual((status, "", message), (result.returncode, result.stdout, result.stderr))
+        self.assertEqual(before, self.reply.read_bytes() if self.reply.exists() else None)
+        self.assertEqual([], self.left_over())
+
+    def assert_usage(self, message, **options):
+        self.assert_fails(f"mkpack: {message}\nTry 'mkpack --help'.\n", 64, **options)
+
+    def left_over(self):
+        return [name for name in os.listdir(self.output) if name.startswith(".mkpack")] if self.output.exists() else []
+
+    def wait_for(self, process, pattern):
+        """Waits until the running process made a file of that name in the output folder."""
+        deadline = time.monotonic() + HANG
+        while not list(self.output.glob(pattern)):
+            self.assertIsNone(process.poll())
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.01)
+
+    def members(self, package):
+        """The payload's members by name."""
+        with tarfile.open(package, "r:") as outer:
+            with tarfile.open(fileobj=outer.extractfile("package.tgz"), mode="r:gz") as inner:
+                return {info.name: info for info in inner}
+
+    def content(self, package, name):
+        with tarfile.open(package, "r:") as outer:
+            with tarfile.open(fileobj=outer.extractfile("package.tgz"), mode="r:gz") as inner:
+                return inner.extractfile(name).read()
+
+
+class MkpackPackageTest(MkpackTest):
+    def test_holds_info_and_payload(self):
+        with tarfile.open(self.make(), "r:") as outer:
+            self.assertEqual(["INFO", "package.tgz"], outer.getnames())
+            self.assertEqual(b'package="orbamira-hevc"\nversion="1.2"\n', outer.extractfile("INFO").read())
+
+    def test_payload_keeps_its_tree(self):
+        (self.payload / "empty").mkdir()
+        (self.payload / "lib/libdecoder.so").symlink_to("libdecoder.so.1")
+        package = self.make()
+        self.assertEqual(
+            ["has_hevc", "empty", "lib", "lib/libdecoder.so", "lib/libdecoder.so.1"], list(self.members(package))
+        )
+        self.assertEqual(b"decoder", self.content(package, "lib/libdecoder.so.1"))
+        self.assertEqual("libdecoder.so.1", self.members(package)["lib/libdecoder.so"].linkname)
+        self.assertTrue(self.members(package)["empty"].isdir())
+        self.assertEqual(b"", self.content(package, "has_hevc"))
+
+    def test_markers_follow_the_pack_name(self):
+        package = self.make(name="orbamira-hevc-aac")
+        self.assertEqual(["has_aac", "has_hevc"], list(self.members(package))[:2])
+
+    def test_markers_follow_the_codecs_named(self):
+        package = self.make(codec=["aac", "hevc", "aac"])
+        self.assertEqual(["has_aac", "has_hevc", "lib"], list(self.members(package))[:3])
+
+    def test_codecs_of_the_pack_name_must_be_among_those_named(self):
+        self.assert_usage("argument --codec: a pack of the name orbamira-hevc carries hevc", codec="aac")
+        self.assert_usage(
+            "argument --codec: a pack of the name orbamira-hevc-aac carries aac", name="orbamira-hevc-aac", codec="hevc"
+        )
+
+    def test_modes_are_normalised_and_owners_and_times_dropped(self):
+        for name, mode in (("run", 0o4711), ("read", 0o600), ("group", 0o664)):
+            (self.payload / name).write_text(name)
+            (self.payload / name).chmod(mode)
+        (self.payload / "lib").chmod(0o700)
+        (self.payload / "link").symlink_to("run")
+        package = self.make()
+        members = self.members(package)
+        modes = {name: info.mode for name, info in members.items()}
+        self.assertEqual(
+            {
+                "has_hevc": 0o644,
+                "group": 0o644,
+                "lib": 0o755,
+                "lib/libdecoder.so.1": 0o644,
+                "link": 0o777,
+                "read": 0o644,
+                "run": 0o755,
+            },
+            modes,
+        )
+        with tarfile.open(package, "r:") as outer:
+            for info in [*members.values(), *outer]:
+                self.assertEqual((0, 0, "", "", 0), (info.uid, info.gid, info.uname, info.gname, info.mtime))
+
+    def test_same_payload_gives_the_same_bytes(self):
+        for index in range(50):
+            (self.payload / f"file{index}").write_text(str(index))
+        first = self.make().read_bytes()
+        copy = self.top / "copy"
+        copy.mkdir()
+        for index in reversed(range(50)):
+            (copy / f"file{index}").write_text(str(index))
+        shutil.copytree(self.payload / "lib", copy / "lib")
+        os.utime(copy / "file1", (1, 1))
+        self.assertEqual(first, self.make(payload=copy, output=self.top / "again").read_bytes())
+        self.assertEqual(first, self.make().read_bytes())
+
+    def test_gzip_header_has_no_name_and_no_time(self):
+        with tarfile.open(self.make(), "r:") as outer:
+            header = outer.extractfile("package.tgz").read(10)
+        self.assertEqual(b"\x1f\x8b\x08\x00\x00\x00\x00\x00", header[:8])
+
+    def test_source_date_is_every_members_time(self):
+        package = self.make(environment={"SOURCE_DATE_EPOCH": "1700000000"})
+        with tarfile.open(package, "r:") as outer:
+            for info in [*self.members(package).values(), *outer]:
+                self.assertEqual(1700000000, info.mtime)
+
+    def test_source_date_must_be_a_number(self):
+        for text in ("", "now", "-1", "1.5", "12345678901"):
+            with self.subTest(text):
+                self.assert_fails(
+                    f"mkpack: SOURCE_DATE_EPOCH is not a number of seconds: {text!r}\n",
+                    environment={"SOURCE_DATE_EPOCH": text},
+                )
+
+    def test_long_and_odd_names_are_kept(self):
+        names = ["d" * 200 + "/" + "f" * 200, "b\u00fccher", "new\nline", os.fsdecode(b"not\xffutf8")]
+        for name in names:
+            (self.payload / name).parent.mkdir(exist_ok=True)
+            (self.payload / name).write_text(name, errors="surrogateescape")
+        package = self.make()
+        for name in names:
+            self.assertEqual(os.fsencode(name), self.content(package, name))
+
+    def test_links_that_stay_inside_are_kept(self):
+        targets = {"lib/a": "../lib/libdecoder.so.1", "b": "./missing", "lib/c": "..", "d": "lib", "e": "..data/x"}
+        for name, target in targets.items():
+            (self.payload / name).symlink_to(target)
+        members = self.members(self.make())
+        self.assertEqual(targets, {name: members[name].linkname for name in targets})
+
+    def test_links_that_may_lead_outside_are_refused(self):
+        for name, target in (
+            ("a", "/etc/passwd"),
+            ("a", ".."),
+            ("a", "../payload/lib"),
+            ("lib/a", "../../x"),
+            ("lib/a", "./.././../x"),
+            ("a", "lib/../../x"),
+            ("a", "lib/../lib"),
+        ):
+            with self.subTest(f"{name} -> {target}"):
+                (self.payload / name).symlink_to(target)
+                self.assert_fails(f"mkpack: payload: {name}: the link to {target} may lead out of the payload\n")
+                (self.payload / name).unlink()
+
+    def test_what_is_neither_file_nor_folder_nor_link_is_refused(self):
+        os.mkfifo(self.payload / "lib/pipe")
+        self.assert_fails("mkpack: payload: lib/pipe: neither a regular file nor a folder nor a symbolic link\n")
+        (self.payload / "lib/pipe").unlink()
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(str(self.payload / "socket"))
+            self.assert_fails("mkpack: payload: socket: neither a regular file nor a folder nor a symbolic link\n")
+
+    def test_names_of_the_packs_own_files_are_refused_at_the_top(self):
+        for name in ("INFO", "package.tgz", "has_aac", "has_hevc", "MANIFEST", "MANIFEST.sig"):
+            with self.subTest(name):
+                (self.payload / name).write_text("")
+                self.assert_fails(f"mkpack: payload: {name}: the name is taken at the top of a pack\n")
+                (self.payload / name).unlink()
+                (self.payload / "lib" / name).write_text("")
+        self.assertIn("lib/INFO", self.members(self.make()))
+
+    def test_payload_without_a_file_is_refused(self):
+        shutil.rmtree(self.payload / "lib")
+        (self.payload / "empty").mkdir()
+        self.assert_fails("mkpack: payload: there is no file in it\n")
+
+    def test_big_payload_is_not_held_in_memory(self):
+        size = 300 << 20
+        with open(self.payload / "big", "wb") as file:
+            file.truncate(size)
+        limit = 128 << 20
+        package = self.make(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (limit, limit)))
+        self.assertEqual(size, self.members(package)["big"].size)
+
+    def test_full_disk_fails_and_leaves_nothing_behind(self):
+        (self.payload / "big").write_bytes(os.urandom(1 << 20))
+        self.assert_fails(
+            f"mkpack: {self.output}: File too large\n",
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 19, 1 << 19)),
+        )
+
+    def test_stopped_run_leaves_nothing_behind(self):
+        with open(self.payload / "big", "wb") as file:
+            file.truncate(4 << 30)
+        for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+            with self.subTest(number.name), subprocess.Popen(self.command()) as process:
+                self.wait_for(process, ".mkpack.*/package.tgz")
+                process.send_signal(number)
+                self.assertEqual(128 + number, process.wait(HANG))
+                self.assertEqual([], os.listdir(self.output))
+
+
+class MkpackFileChangesTest(MkpackTest):
+    """A file that changes while it is read: the moment cannot be met from outside."""
+
+    def setUp(self):
+        super().setUp()
+        sys.dont_write_bytecode = True
+        loader = importlib.machinery.SourceFileLoader("mkpack", str(MKPACK))
+        self.mkpack = importlib.util.module_from_spec(importlib.util.spec_from_loader("mkpack", loader))
+        loader.exec_module(self.mkpack)
+        self.file = self.payload / "lib/libdecoder.so.1"
+
+    def add(self, change):
+        """Adds the file to an archive that calls `change` before it reads the file."""
+
+        class Archive(tarfile.TarFile):
+            def addfile(self, info, file):
+                change()
+                super().addfile(info, file)
+
+        with Archive(fileobj=io.BytesIO(), mode="w") as archive:
+            self.mkpack.add_file(archive, tarfile.TarInfo("file"), str(self.file))
+
+    def test_unchanged_file_is_added(self):
+        self.add(lambda: None)
+
+    def test_changed_file_is_refused(self):
+        for name, change in (
+            ("shorter", lambda: self.file.write_bytes(b"")),
+            ("longer", lambda: self.file.write_bytes(b"a decoder and more")),
+            ("other", lambda: os.utime(self.file, (1, 1))),
+        ):
+            with self.subTest(name), self.assertRaisesRegex(
+                self.mkpack.MkpackError, "payload: file: it changed while it was read"
+            ):
+                self.file.write_bytes(b"decoder")
+                self.add(change)
+
+    def test_link_that_took_the_place_of_a_file_is_refused(self):
+        self.file.unlink()
+        self.file.symlink_to("/etc/passwd")
+        with self.assertRaises(OSError):
+            self.add(lambda: None)
+
+
+class MkpackReplyTest(MkpackTest):
+    def member(self, package, **others):
+        data = package.read_bytes()
+        return {
+            "title": "HEVC decoder",
+            "version": "1.2",
+            "link": f"http://packs.example.com/packs/{package.name}",
+            "checksum": hashlib.sha256(data).hexdigest(),
+            "size": len(data),
+            **others,
+        }
+
+    def test_names_the_package(self):
+        package = self.make()
+        checksum = hashlib.sha256(package.read_bytes()).hexdigest()
+        self.assertEqual(self.output / f"orbamira-hevc-1.2-{checksum[:12]}.opk", package)
+        self.assertEqual({"orbamira-hevc": self.member(package)}, json.loads(self.reply.read_text()))
+
+    def test_says_what_was_published(self):
+        result = self.run_mkpack()
+        member = json.loads(self.reply.read_text())["orbamira-hevc"]
+        package = self.output / member["link"].rpartition("/")[2]
+        self.assertEqual(
+            f"package   {package}\nsize      {member['size']}\nchecksum  {member['checksum']}\nreply     {self.reply}\n",
+            result.stdout,
+        )
+
+    def test_is_written_in_a_fixed_form(self):
+        checksum = hashlib.sha256(self.make(title='B\u00fccher "x"').read_bytes()).hexdigest()
+        size = next(self.output.glob("*.opk")).stat().st_size
+        self.assertEqual(
+            "{\n"
+            '  "orbamira-hevc": {\n'
+            f'    "checksum": "{checksum}",\n'
+            f'    "link": "http://packs.example.com/packs/orbamira-hevc-1.2-{checksum[:12]}.opk",\n'
+            f'    "size": {size},\n'
+            '    "title": "B\\u00fccher \\"x\\"",\n'
+            '    "version": "1.2"\n'
+            "  }\n"
+            "}\n",
+            self.reply.read_text(),
+        )
+
+    def test_other_members_stay(self):
+        self.output.mkdir()
+        other = {"note": {"a": [1, "b", None, True, 1.5]}, "orbamira-hevc": "replaced"}
+        self.reply.write_text(json.dumps(other))
+        first = self.make()
+        second = self.make(name="orbamira-hevc-aac", version="2")
+        self.assertEqual(
+            {
+                "note": other["note"],
+                "orbamira-hevc": self.member(first),
+                "orbamira-hevc-aac": self.member(second, version="2"),
+            },
+            json.loads(self.reply.read_text()),
+        )
+
+    def test_newer_pack_takes_the_place_of_the_older_whose_file_stays(self):
+        first = self.make()
+        second = self.make(version="1.3")
+        self.assertTrue(first.exists())
+        self.assertEqual({"orbamira-hevc": self.member(second, version="1.3")}, json.loads(self.reply.read_text()))
+
+    def test_that_is_no_reply_is_an_error_and_stays(self):
+        self.output.mkdir()
+        for text, message in (
+            ("{", "not valid JSON, left as it is: Expecting property name enclosed in double quotes: line 1 column 2"),
+            ("", "not valid JSON, left as it is: Expecting value: line 1 column 1"),
+            ("[]", "not a JSON object, left as it is"),
+            ("[" * 100000, "not valid JSON, left as it is: maximum recursion depth exceeded"),
+        ):
+            with self.subTest(text[:9]):
+                self.reply.write_text(text)
+                result = self.run_mkpack()
+                self.assertEqual((1, ""), (result.returncode, result.stdout))
+                self.assertTrue(result.stderr.startswith(f"mkpack: {self.reply}: {message}"), result.stderr)
+                self.assertEqual(text, self.reply.read_text())
+                self.assertEqual(["reply.json"], os.listdir(self.output))
+
+    def test_that_is_not_text_is_an_error_and_stays(self):
+        self.output.mkdir()
+        self.reply.write_bytes(b'{"a": "\xff"}')
+        self.assertEqual(1, self.run_mkpack().returncode)
+        self.assertEqual(b'{"a": "\xff"}', self.reply.read_bytes())
+
+    def test_may_lie_elsewhere(self):
+        reply = self.top / "web/replies/packs.json"
+        package = self.make(reply=reply)
+        self.assertEqual({"orbamira-hevc": self.member(package)}, json.loads(reply.read_text()))
+        self.assertFalse(self.reply.exists())
+
+    def test_may_lie_in_the_current_folder(self):
+        result = subprocess.run(
+            self.command(reply="r.json"), cwd=self.top, stdout=subprocess.DEVNULL, timeout=HANG, check=False
+        )
+        self.assertEqual(0, result.returncode)
+        self.assertIn("orbamira-hevc", json.loads((self.top / "r.json").read_text()))
+
+    def test_and_package_are_readable_for_the_web_server(self):
+        package = self.make(preexec_fn=lambda: os.umask(0o077))
+        for path in (package, self.reply):
+            self.assertEqual(0o644, stat.S_IMODE(path.stat().st_mode))
+
+    def test_waits_for_another_mkpack(self):
+        self.make()
+        with open(self.output / ".reply.json.lock", "r+") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            with subprocess.Popen(self.command(version="2"), stdout=subprocess.DEVNULL) as process:
+                # The new package is there, and the reply does not name it as long as the lock is held.
+                self.wait_for(process, "orbamira-hevc-2-*.opk")
+                with self.assertRaises(subprocess.TimeoutExpired):
+                    process.wait(0.3)
+                self.reply.write_text('{"other": 1}')
+                fcntl.flock(lock, fcntl.LOCK_UN)
+                self.assertEqual(0, process.wait(HANG))
+        self.assertEqual(["orbamira-hevc", "other"], sorted(json.loads(self.reply.read_text())))
+
+    def test_loses_no_member_when_many_publish_at_once(self):
+        names = ["orbamira-hevc", "orbamira-hevc-aac"]
+        for round_number in range(5):
+            self.reply.unlink(missing_ok=True)
+            processes = [
+                subprocess.Popen(self.command(name=name, version=str(round_number)), stdout=subprocess.DEVNULL)
+                for name in names
+            ]
+            self.assertEqual([0, 0], [process.wait(HANG) for process in processes])
+            self.assertEqual(names, sorted(json.loads(self.reply.read_text())))
+        self.assertEqual([], self.left_over())
+
+
+class MkpackUsageTest(MkpackTest):
+    def test_help_teaches(self):
+        result = subprocess.run([MKPACK, "--help"], stdout=subprocess.PIPE, text=True, timeout=HANG, check=False)
+        self.assertEqual(0, result.returncode)
+        for text in ("--base-url URL", "exit status", "example", "SOURCE_DATE_EPOCH"):
+            self.assertIn(text, result.stdout)
+
+    def test_every_option_but_two_is_required(self):
+        for name in ("payload", "output", "name", "version", "title", "base_url"):
+            with self.subTest(name):
+                option = "--" + name.replace("_", "-")
+                self.assert_usage(f"the following arguments are required: {option}", **{name: None})
+
+    def test_unknown_and_shortened_options_are_refused(self):
+        self.assert_usage("unrecognized arguments: --sign x", sign="x")
+        self.assert_usage("unrecognized arguments: --rep x", rep="x")
+
+    def test_name_and_codec_must_be_known(self):
+        for option, known in (("name", "'orbamira-hevc', 'orbamira-hevc-aac'"), ("codec", "'hevc', 'aac'")):
+            with self.subTest(option):
+                self.assert_usage(
+                    f"argument --{option}: invalid choice: 'vp9' (choose from {known})", **{option: "vp9"}
+                )
+
+    def test_version_must_fit_file_names_and_settings_files(self):
+        for text in ("", "1/2", "1\n2", "1\n", '1"', "1'", "_1", ".1", "1 2", "\u0661", "1" * 65):
+            with self.subTest(text):
+                self.assert_usage(
+                    f"argument --version: {text!r} is no version: up to 64 letters, digits and . _ + ~ -, beginning "
+                    "with a letter or digit",
+                    version=text,
+                )
+
+    def test_version_may_have_all_its_signs(self):
+        package = self.make(version="1.2-3_4+deb~5")
+        with tarfile.open(package, "r:") as outer:
+            self.assertIn(b'version="1.2-3_4+deb~5"\n', outer.extractfile("INFO").read())
+        link = json.loads(self.reply.read_text())["orbamira-hevc"]["link"]
+        self.assertIn("/orbamira-hevc-1.2-3_4%2Bdeb~5-", link)
+
+    def test_title_must_be_printable(self):
+        for text in ("", "  ", "a\nb", "\x1b[1m"):
+            with self.subTest(text):
+                self.assert_usage(
+                    f"argument --title: {text!r} is no title: it is empty or holds unprintable characters", title=text
+                )
+
+    def test_base_url_must_be_http(self):
+        for text in ("", "x", "ftp://h/", "file:///x", "http://", "http:///x", "http://h:99999/", "http://h:x/",
+                     "http://h/?a", "http://h/#a", "http://h/a b", "http://[x/", "http://h/\n", "http://h/\u00fc"):
+            with self.subTest(text):
+                self.assert_usage(f"argument --base-url: {text!r} is no http or https address of a folder", base_url=text)
+
+    def test_base_url_may_have_a_port_and_a_folder(self):
+        for text in ("https://h", "http://[::1]:8080/a/b/"):
+            package = self.make(base_url=text)
+            link = json.loads(self.reply.read_text())["orbamira-hevc"]["link"]
+            self.assertEqual(f"{text.rstrip('/')}/{package.name}", link)
+
+    def test_payload_must_be_a_folder(self):
+        missing = self.top / "missing"
+        self.assert_usage(f"argument --payload: {missing} is not a folder", payload=missing)
+
+    def test_output_must_not_be_inside_the_payload(self):
+        (self.top / "link").symlink_to("payload")
+        for output in (self.payload, self.payload / "lib/out", self.top / "link/out"):
+            with self.subTest(output):
+                self.assert_usage("argument --output: it must not be inside the payload", output=output)
+        self.make(output=self.top / "payload2")
+
+    def test_output_that_cannot_be_made_is_an_error(self):
+        self.output.write_text("")
+        result = self.run_mkpack()
+        self.assertEqual((1, f"mkpack: {self.reply}: Not a directory\n"), (result.returncode, result.stderr))
+
+
+if __name__ == "__main__":
+    unittest.main()
