@@ -1,0 +1,718 @@
+#include "platform/download_wrapper.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "platform/download_policy.h"
+#include "platform/exception.h"
+#include "tests/support/http_server.h"
+#include "tests/support/test_root.h"
+
+namespace orbamira::wrapper {
+namespace {
+
+using exception::kDownloadFailure;
+using std::chrono::milliseconds;
+using test::HttpRequest;
+using test::HttpResponse;
+using test::HttpServer;
+using test::PatternOf;
+using test::ReadFile;
+using test::ServeFile;
+using test::TempDir;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::Ge;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Le;
+using testing::Pair;
+using testing::SizeIs;
+using testing::StartsWith;
+
+constexpr std::size_t kMebibyte = 1024 * 1024;
+
+class DownloadWrapperTest : public testing::Test {
+ protected:
+  DownloadWrapperTest() {
+    policy_.limits.stall = milliseconds(200);
+    policy_.wait = [this](milliseconds time) { waits_.push_back(time); };
+  }
+
+  int DownloadTo(std::ofstream& file, const std::string& url) {
+    const std::shared_ptr<DownloadWrapper> download = MakeDownload(policy_);
+    download->SetUrl(url);
+    download->SetProgressCallback(progress_);
+    return download->DownloadToFile(file);
+  }
+
+  int Download(const std::string& url) {
+    std::ofstream file(path_, std::ios::binary);
+    return DownloadTo(file, url);
+  }
+
+  // The text of the failure that the download ends with.
+  std::string FailureOf(const std::string& url) {
+    std::ofstream file(path_, std::ios::binary);
+    return FailureOf(file, url);
+  }
+
+  std::string FailureOf(std::ofstream& file, const std::string& url) {
+    try {
+      ADD_FAILURE() << "the download returned " << DownloadTo(file, url);
+    } catch (const exception::Exception<kDownloadFailure>& failure) {
+      EXPECT_EQ(failure.file(), "download_wrapper.cpp");
+      return failure.what();
+    }
+    return "";
+  }
+
+  // What the requests asked for, as "Range|If-Range".
+  static std::vector<std::string> RangesOf(const HttpServer& server) {
+    std::vector<std::string> ranges;
+    for (const HttpRequest& request : server.Requests()) {
+      ranges.push_back(request.Header("Range") + "|" + request.Header("If-Range"));
+    }
+    return ranges;
+  }
+
+  DownloadPolicy policy_;
+  std::vector<milliseconds> waits_;
+  std::vector<std::pair<long, long>> calls_;
+  std::function<void(long, long)> progress_ = [this](long now, long total) { calls_.emplace_back(now, total); };
+  TempDir dir_;
+  std::string path_ = dir_.File("body");
+};
+
+TEST_F(DownloadWrapperTest, CreateMakesADownload) {
+  const std::string body = PatternOf(100'000);
+  HttpServer server([&](const HttpRequest&) { return HttpResponse{.body = body}; });
+  const std::shared_ptr<DownloadWrapper> download = DownloadWrapper::Create();
+  ASSERT_NE(download, nullptr);
+  download->SetUrl(server.Url("/pack"));
+  std::ofstream file(path_, std::ios::binary);
+  EXPECT_EQ(download->DownloadToFile(file), 200);
+  EXPECT_EQ(ReadFile(path_), body);
+  EXPECT_TRUE(file.is_open());
+}
+
+TEST_F(DownloadWrapperTest, CreateMakesAFreshDownloadEachTime) {
+  EXPECT_NE(DownloadWrapper::Create(), DownloadWrapper::Create());
+}
+
+TEST_F(DownloadWrapperTest, DownloadPolicyOfTheProductIsAsPromised) {
+  const DownloadPolicy policy;
+  EXPECT_EQ(policy.limits.connect, std::chrono::seconds(30));
+  EXPECT_EQ(policy.limits.stall, std::chrono::seconds(30));
+  EXPECT_EQ(policy.resumes, 5);
+  EXPECT_EQ(policy.first_wait, std::chrono::seconds(1));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileAsksOnceAndForTheBytesAsTheyAre) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "body"}; });
+  EXPECT_EQ(Download(server.Url("/pack?x=1")), 200);
+  ASSERT_THAT(server.Requests(), SizeIs(1));
+  EXPECT_EQ(server.Requests()[0].method, "GET");
+  EXPECT_EQ(server.Requests()[0].target, "/pack?x=1");
+  EXPECT_EQ(server.Requests()[0].Header("Accept-Encoding"), "");
+  EXPECT_EQ(server.Requests()[0].Header("Range"), "");
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileTakesAnEmptyBody) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{}; });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), "");
+  EXPECT_THAT(calls_, ElementsAre(Pair(0, 0)));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileTakesABodyOfUnknownLength) {
+  const std::string body = PatternOf(3 * kMebibyte);
+  for (const auto framing : {HttpResponse::Framing::kChunked, HttpResponse::Framing::kUntilClose}) {
+    calls_.clear();
+    HttpServer server([&](const HttpRequest&) { return HttpResponse{.body = body, .framing = framing}; });
+    EXPECT_EQ(Download(server.Url()), 200);
+    EXPECT_EQ(ReadFile(path_), body);
+    EXPECT_EQ(calls_.front().second, 0);
+    EXPECT_THAT(calls_.back(), Pair(body.size(), body.size()));
+  }
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileTakesNoMoreThanTheLengthClaims) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "body and more", .claimed_length = 4}; });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), "body");
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileTakesABodyThatTrickles) {
+  const std::string body = PatternOf(50);
+  HttpServer server(
+      [&](const HttpRequest&) { return HttpResponse{.body = body, .piece = 1, .pause = milliseconds(10)}; });
+  EXPECT_EQ(Download(server.Url()), 200);  // takes longer than a stall may
+  EXPECT_EQ(ReadFile(path_), body);
+  EXPECT_THAT(server.Requests(), SizeIs(1));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileReturnsAnyOtherStatusWithItsBody) {
+  for (const int status : {204, 206, 401, 403, 404, 410, 416, 429, 500, 503}) {
+    const std::string page = status == 204 ? "" : "page of " + std::to_string(status);
+    HttpServer server([&](const HttpRequest&) { return HttpResponse{.status = status, .body = page}; });
+    EXPECT_EQ(Download(server.Url()), status);
+    EXPECT_EQ(ReadFile(path_), page);
+    EXPECT_THAT(server.Requests(), SizeIs(1)) << status;
+  }
+  EXPECT_THAT(calls_, IsEmpty());
+  EXPECT_THAT(waits_, IsEmpty());
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileKeepsTheBeginningOfALongErrorPage) {
+  const std::string page = PatternOf(kMebibyte);
+  HttpServer server([&](const HttpRequest&) { return HttpResponse{.status = 500, .body = page}; });
+  EXPECT_EQ(Download(server.Url()), 500);
+  EXPECT_EQ(ReadFile(path_), page.substr(0, 64 * 1024));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileReturnsTheStatusOfAnErrorPageThatIsCut) {
+  HttpServer server(
+      [](const HttpRequest&) { return HttpResponse{.status = 404, .body = "page", .claimed_length = 100}; });
+  EXPECT_EQ(Download(server.Url()), 404);
+  EXPECT_THAT(server.Requests(), SizeIs(1));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileFollowsRedirects) {
+  HttpServer server([](const HttpRequest& request) {
+    return request.target == "/new" ? HttpResponse{.body = "body"}
+                                    : HttpResponse{.status = 301, .headers = {{"Location", "/new"}}, .body = "moved"};
+  });
+  EXPECT_EQ(Download(server.Url("/old")), 200);
+  EXPECT_EQ(ReadFile(path_), "body");
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileGivesUpARedirectLoop) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.status = 301, .headers = {{"Location", "/"}}}; });
+  EXPECT_THAT(FailureOf(server.Url()), HasSubstr("10"));
+  EXPECT_THAT(server.Requests(), SizeIs(11));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileRefusesARedirectToAnotherProtocol) {
+  const std::string secret = dir_.File("secret");
+  test::WriteFile(secret, "secret");
+  for (const std::string& url : {"file://" + secret, std::string("ftp://127.0.0.1/x")}) {
+    HttpServer server([&](const HttpRequest&) { return HttpResponse{.status = 301, .headers = {{"Location", url}}}; });
+    EXPECT_THAT(FailureOf(server.Url()), HasSubstr("not supported or disabled"));
+    EXPECT_EQ(ReadFile(path_), "");
+  }
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileRefusesAnotherProtocol) {
+  const std::string secret = dir_.File("secret");
+  test::WriteFile(secret, "secret");
+  EXPECT_THAT(FailureOf("file://" + secret),
+              AllOf(StartsWith("file://" + secret), HasSubstr("not supported or disabled")));
+  EXPECT_THAT(FailureOf("ftp://127.0.0.1/x"), HasSubstr("not supported or disabled"));
+  EXPECT_EQ(ReadFile(path_), "");
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileWithoutAUrlFails) { EXPECT_NE(FailureOf(""), ""); }
+
+TEST_F(DownloadWrapperTest, DownloadToFileReportsARefusedConnectionAtOnce) {
+  const test::RefusingPort port;
+  EXPECT_THAT(FailureOf(port.Url("/pack")), AllOf(StartsWith(port.Url("/pack") + ": "), HasSubstr("connect")));
+  EXPECT_THAT(waits_, IsEmpty());
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileReportsAnUnknownHostAtOnce) {
+  EXPECT_THAT(FailureOf("http://no-such-host.invalid/"), HasSubstr("no-such-host.invalid"));
+  EXPECT_THAT(waits_, IsEmpty());
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileReportsAServerThatHangsUpAtOnce) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.silent = true}; });
+  EXPECT_THAT(FailureOf(server.Url()), HasSubstr("Empty reply"));
+  EXPECT_THAT(waits_, IsEmpty());
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileReportsAStreamThatIsNotOpen) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "body"}; });
+  std::ofstream file(dir_.File("missing/body"), std::ios::binary);
+  EXPECT_THAT(FailureOf(file, server.Url()), EndsWith("the file is not open: Bad file descriptor"));
+  EXPECT_THAT(server.Requests(), IsEmpty());
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileReportsAFullDiskAndDoesNotTryAgain) {
+  for (const std::size_t size : {std::size_t{1}, kMebibyte}) {
+    HttpServer server([&](const HttpRequest&) { return HttpResponse{.body = PatternOf(size)}; });
+    std::ofstream file("/dev/full", std::ios::binary);
+    EXPECT_EQ(FailureOf(file, server.Url()), server.Url() + ": cannot write the file: No space left on device");
+    EXPECT_THAT(server.Requests(), SizeIs(1));
+  }
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileReportsAFileThatCannotBePutOnDisk) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "body"}; });
+  std::ofstream file("/dev/null", std::ios::binary);
+  EXPECT_EQ(FailureOf(file, server.Url()), server.Url() + ": cannot sync the file: Invalid argument");
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileBeginsWhereTheStreamStands) {
+  const std::string body = PatternOf(kMebibyte);
+  int requests = 0;
+  HttpServer server([&](const HttpRequest&) {
+    HttpResponse response{.body = body};
+    if (++requests == 1) {
+      response.close_at = 1000;
+    }
+    return response;
+  });
+  std::ofstream file(path_, std::ios::binary);
+  file << "before ";
+  EXPECT_EQ(DownloadTo(file, server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), "before " + body);
+}
+
+// A transfer that is cut.
+
+TEST_F(DownloadWrapperTest, DownloadToFileTakesACutTransferUpWhereItStopped) {
+  const std::string body = PatternOf(100'000);
+  int requests = 0;
+  HttpServer server([&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, "\"v1\"");
+    switch (++requests) {
+      case 1:
+        response.close_at = 30'000;
+        break;
+      case 2:
+        response.reset_at = 20'000;
+        break;
+      case 3:
+        response.stall_at = 10'000;
+        break;
+      default:
+        break;
+    }
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body);
+  EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=30000-|\"v1\"", "bytes=50000-|\"v1\"", "bytes=60000-|\"v1\""));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileTakesAnAnswerThatIsCutBeforeItsFirstByteForACut) {
+  const std::string body = PatternOf(1000);
+  int requests = 0;
+  HttpServer server([&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, "\"v1\"");
+    if (++requests == 1) {
+      response.close_at = 0;
+    }
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body);
+  EXPECT_THAT(RangesOf(server), ElementsAre("|", "|"));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileAsksByDateWhereThereIsNoStrongTag) {
+  const std::string body = PatternOf(1000);
+  const std::string date = "Wed, 21 Oct 2015 07:28:00 GMT";
+  int requests = 0;
+  HttpServer server([&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, date);
+    response.headers = {{"ETag", "W/\"weak\""}, {"Last-Modified", date}, {"Content-Range", "bytes 400-999/1000"}};
+    if (++requests == 1) {
+      response.close_at = 400;
+    }
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body);
+  EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|" + date));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileStartsOverWhereNothingTellsTheFileApart) {
+  const std::string body = PatternOf(1000);
+  int requests = 0;
+  HttpServer server([&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, "");
+    if (++requests == 1) {
+      response.close_at = 400;
+    }
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body);
+  EXPECT_THAT(RangesOf(server), ElementsAre("|", "|"));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileStartsOverWhenTheServerIgnoresTheRange) {
+  const std::string body = PatternOf(1000);
+  int requests = 0;
+  HttpServer server([&](const HttpRequest&) {
+    HttpResponse response{.headers = {{"ETag", "\"v1\""}}, .body = body};
+    if (++requests == 1) {
+      response.close_at = 400;
+    }
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body);
+  EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\""));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileStartsOverWhenTheFileHasChanged) {
+  const std::string old_body = PatternOf(1000);
+  const std::string new_body(300, 'n');
+  int requests = 0;
+  HttpServer server([&](const HttpRequest& request) {
+    if (++requests > 1) {
+      return ServeFile(request, new_body, "\"v2\"");
+    }
+    HttpResponse response = ServeFile(request, old_body, "\"v1\"");
+    response.close_at = 400;
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), new_body);
+  EXPECT_THAT(calls_.back(), Pair(300, 300));
+}
+
+struct WrongPart {
+  std::string name;
+  std::string content_range;
+  std::string etag;
+};
+
+class DownloadWrapperWrongPartTest : public DownloadWrapperTest, public testing::WithParamInterface<WrongPart> {
+ protected:
+  HttpResponse Answer(const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body_, "\"v1\"");
+    if (++requests_ == 1) {
+      response.close_at = 400;
+    } else if (requests_ == 2) {
+      response = {.status = 206,
+                  .headers = {{"Content-Range", GetParam().content_range}, {"ETag", GetParam().etag}},
+                  .body = "wrong"};
+    }
+    return response;
+  }
+
+  std::string body_ = PatternOf(1000);
+  int requests_ = 0;
+  HttpServer server_{[this](const HttpRequest& request) { return Answer(request); }};
+};
+
+TEST_P(DownloadWrapperWrongPartTest, DownloadToFileNeverWritesIt) {
+  policy_.resumes = 1;
+  EXPECT_THAT(FailureOf(server_.Url()), HasSubstr("the server sent another part than the rest of the file"));
+  EXPECT_EQ(ReadFile(path_), body_.substr(0, 400));
+}
+
+TEST_P(DownloadWrapperWrongPartTest, DownloadToFileStartsOverAfterIt) {
+  EXPECT_EQ(Download(server_.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body_);
+  EXPECT_THAT(RangesOf(server_), ElementsAre("|", "bytes=400-|\"v1\"", "|"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, DownloadWrapperWrongPartTest,
+                         testing::Values(WrongPart{"OtherBegin", "bytes 300-999/1000", "\"v1\""},
+                                         WrongPart{"LaterBegin", "bytes 500-999/1000", "\"v1\""},
+                                         WrongPart{"OtherSize", "bytes 400-999/1001", "\"v1\""},
+                                         WrongPart{"OtherTag", "bytes 400-999/1000", "\"v2\""},
+                                         WrongPart{"NoRange", "nonsense", "\"v1\""},
+                                         WrongPart{"NoNumbers", "bytes x-y/z", "\"v1\""},
+                                         WrongPart{"Negative", "bytes -400-999/1000", "\"v1\""},
+                                         WrongPart{"NoEnd", "bytes 400", "\"v1\""},
+                                         WrongPart{"NoSize", "bytes 400-999", "\"v1\""},
+                                         WrongPart{"Trailing", "bytes 400-999/1000x", "\"v1\""},
+                                         WrongPart{"OtherUnit", "items 400-999/1000", "\"v1\""},
+                                         WrongPart{"Overflow", "bytes 99999999999999999999-999/1000", "\"v1\""}),
+                         [](const auto& each) { return each.param.name; });
+
+TEST_F(DownloadWrapperTest, DownloadToFileNeverWritesMoreThanTheRest) {
+  const std::string body = PatternOf(1000);
+  int requests = 0;
+  HttpServer server([&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, "\"v1\"");
+    if (++requests == 1) {
+      response.close_at = 400;
+    } else if (requests == 2) {
+      response.body += "too much";
+    }
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body);
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileTakesAPartOfTheRestForACut) {
+  const std::string body = PatternOf(1000);
+  int requests = 0;
+  HttpServer server([&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, "\"v1\"");
+    if (++requests == 1) {
+      response.close_at = 400;
+    } else if (requests == 2) {
+      response.body.resize(100);
+      response.headers["Content-Range"] = "bytes 400-499/1000";
+    }
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body);
+  EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\"", "bytes=500-|\"v1\""));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileTakesARestOfUnknownSize) {
+  const std::string body = PatternOf(1000);
+  int requests = 0;
+  HttpServer server([&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, "\"v1\"");
+    if (++requests == 1) {
+      response.framing = HttpResponse::Framing::kChunked;
+      response.close_at = 400;
+    } else {
+      response.headers["Content-Range"] = "bytes 400-999/*";
+    }
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body);
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileTriesAgainWhenTheServerIsBusyForTheRest) {
+  const std::string body = PatternOf(1000);
+  for (const int status : {429, 500, 502, 503}) {
+    int requests = 0;
+    HttpServer server([&](const HttpRequest& request) {
+      HttpResponse response = ServeFile(request, body, "\"v1\"");
+      if (++requests == 1) {
+        response.close_at = 400;
+      } else if (requests == 2) {
+        response = {.status = status, .body = "busy"};
+      }
+      return response;
+    });
+    EXPECT_EQ(Download(server.Url()), 200);
+    EXPECT_EQ(ReadFile(path_), body);
+    EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\"", "bytes=400-|\"v1\""));
+  }
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileStartsOverWhenThereIsNoSuchRest) {
+  const std::string body = PatternOf(1000);
+  int requests = 0;
+  HttpServer server([&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, "\"v1\"");
+    if (++requests == 1) {
+      response.close_at = 400;
+    } else if (requests == 2) {
+      response = {.status = 416};
+    }
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body);
+  EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\"", "|"));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileReturnsAStatusThatEndsAResume) {
+  const std::string body = PatternOf(1000);
+  for (const int status : {401, 403, 404, 410}) {
+    int requests = 0;
+    HttpServer server([&](const HttpRequest& request) {
+      HttpResponse response = ServeFile(request, body, "\"v1\"");
+      if (++requests == 1) {
+        response.close_at = 400;
+      } else {
+        response = {.status = status, .body = "gone"};
+      }
+      return response;
+    });
+    EXPECT_EQ(Download(server.Url()), status);
+    EXPECT_EQ(ReadFile(path_), body.substr(0, 400));
+    EXPECT_THAT(server.Requests(), SizeIs(2));
+  }
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileGivesUpAfterFiveResumesWithoutProgress) {
+  HttpServer server([](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, PatternOf(1000), "\"v1\"");
+    response.close_at = 10;
+    return response;
+  });
+  EXPECT_THAT(FailureOf(server.Url("/pack")),
+              AllOf(StartsWith(server.Url("/pack") + ": "),
+                    EndsWith("; got 60 of 1000 bytes, taken up 5 times without getting on")));
+  EXPECT_THAT(server.Requests(), SizeIs(6));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileGivesUpWhenTheServerIsGone) {
+  auto server = std::make_unique<HttpServer>([](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, PatternOf(1000), "\"v1\"");
+    response.close_at = 10;
+    return response;
+  });
+  const std::string url = server->Url();
+  policy_.wait = [&](milliseconds time) {
+    server.reset();
+    waits_.push_back(time);
+  };
+  EXPECT_THAT(FailureOf(url), AllOf(HasSubstr("Failed to connect"), HasSubstr("got 10 of 1000 bytes")));
+  EXPECT_THAT(waits_, SizeIs(5));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileWaitsLongerBeforeEachResume) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "half", .claimed_length = 8}; });
+  EXPECT_NE(FailureOf(server.Url()), "");
+  ASSERT_THAT(waits_, SizeIs(5));
+  long expected = 1000;
+  for (const milliseconds wait : waits_) {
+    EXPECT_THAT(wait.count(), AllOf(Ge(expected * 3 / 4), Le(expected * 5 / 4)));
+    expected *= 2;
+  }
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileVariesItsWaits) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "half", .claimed_length = 8}; });
+  EXPECT_NE(FailureOf(server.Url()), "");
+  const std::vector<milliseconds> first = std::exchange(waits_, {});
+  EXPECT_NE(FailureOf(server.Url()), "");
+  EXPECT_NE(first, waits_);
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileGoesOnOverABadLineThatMakesProgress) {
+  const std::string body = PatternOf(12 * kMebibyte);
+  HttpServer server([&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, "\"v1\"");
+    response.close_at = kMebibyte;
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body);
+  EXPECT_THAT(server.Requests(), SizeIs(12));
+  for (const milliseconds wait : waits_) {
+    EXPECT_LE(wait.count(), 1250);
+  }
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileIsNotHeldByAServerThatOnlyStartsOver) {
+  HttpServer server([](const HttpRequest&) {
+    HttpResponse response{.body = PatternOf(3 * kMebibyte)};
+    response.close_at = 2 * kMebibyte;
+    return response;
+  });
+  EXPECT_NE(FailureOf(server.Url()), "");
+  EXPECT_THAT(server.Requests(), SizeIs(6));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileEndsAStall) {
+  policy_.resumes = 0;
+  for (const std::size_t place : {std::size_t{0}, std::size_t{500}}) {
+    HttpServer server([&](const HttpRequest&) { return HttpResponse{.body = PatternOf(1000), .stall_at = place}; });
+    policy_.limits.connect = milliseconds(100);
+    EXPECT_THAT(FailureOf(server.Url()), HasSubstr("under 1 byte per second for 200 ms")) << place;
+  }
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileGoesOnWhenAStallEndsInTime) {
+  policy_.limits.stall = std::chrono::seconds(60);
+  HttpServer server([&](const HttpRequest&) { return HttpResponse{.body = PatternOf(1000), .stall_at = 500}; });
+  progress_ = [&](long now, long) {
+    if (now == 500) {
+      server.Release();
+    }
+  };
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), PatternOf(1000));
+  EXPECT_THAT(server.Requests(), SizeIs(1));
+}
+
+// Progress.
+
+TEST_F(DownloadWrapperTest, DownloadToFileReportsTheFirstAndTheLastByte) {
+  const std::string body = PatternOf(4 * kMebibyte);
+  HttpServer server([&](const HttpRequest&) { return HttpResponse{.body = body}; });
+  EXPECT_EQ(Download(server.Url()), 200);
+  ASSERT_THAT(calls_, SizeIs(Ge(2U)));
+  EXPECT_THAT(calls_.front(), Pair(AllOf(Ge(1), Le(64 * 1024)), body.size()));
+  EXPECT_THAT(calls_.back(), Pair(body.size(), body.size()));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileReportsAResumedTransferAsOne) {
+  const std::string body = PatternOf(1000);
+  int requests = 0;
+  HttpServer server([&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, "\"v1\"");
+    if (++requests < 3) {
+      response.close_at = 400;
+    }
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_THAT(calls_, ElementsAre(Pair(400, 1000), Pair(1000, 1000)));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileReportsSizesBeyondThirtyTwoBits) {
+  policy_.resumes = 0;
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "begin", .claimed_length = 5'000'000'000}; });
+  EXPECT_THAT(FailureOf(server.Url()), HasSubstr("got 5 of 5000000000 bytes"));
+  EXPECT_THAT(calls_, ElementsAre(Pair(5, 5'000'000'000)));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileWritesBeforeItReports) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = PatternOf(200'000)}; });
+  progress_ = [this](long now, long) {
+    calls_.emplace_back(now, static_cast<long>(std::filesystem::file_size(path_)));
+  };
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_THAT(calls_.back(), Pair(200'000, 200'000));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileDoesNotCallAnEmptyFunction) {
+  progress_ = nullptr;
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "body"}; });
+  EXPECT_EQ(Download(server.Url()), 200);
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileLetsAnExceptionOfTheFunctionOut) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = PatternOf(kMebibyte)}; });
+  progress_ = [](long, long) { throw std::logic_error("stop"); };
+  EXPECT_THROW(Download(server.Url()), std::logic_error);
+  EXPECT_THAT(server.Requests(), SizeIs(1));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileTellsAFailedStoreFromAFailedDownload) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "body"}; });
+  progress_ = [](long, long) { throw std::system_error(ENOSPC, std::generic_category()); };
+  EXPECT_THROW(Download(server.Url()), std::system_error);
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileCanBeRepeatedAfterAnException) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "body"}; });
+  const std::shared_ptr<DownloadWrapper> download = MakeDownload(policy_);
+  bool fail = true;
+  std::function<void(long, long)> progress = [&](long, long) {
+    if (fail) {
+      throw std::logic_error("stop");
+    }
+  };
+  download->SetUrl(server.Url());
+  download->SetProgressCallback(progress);
+  std::ofstream first(path_, std::ios::binary);
+  EXPECT_THROW(download->DownloadToFile(first), std::logic_error);
+  fail = false;
+  std::ofstream second(path_, std::ios::binary);
+  EXPECT_EQ(download->DownloadToFile(second), 200);
+  EXPECT_EQ(ReadFile(path_), "body");
+}
+
+}  // namespace
+}  // namespace orbamira::wrapper
