@@ -57,6 +57,7 @@ const char* const kPkgSetting = AtRoot("/etc/orbamira/updater.conf");
 const char* const kDefaultPkgSetting = AtRoot("/usr/share/orbamira/updater.conf");
 const char* const kAccountFile = AtRoot("/etc/orbamira/account.json");
 const char* const kAccountLock = AtRoot("/run/orbamira/lock/account.lock");
+const char* const kPackctlLock = AtRoot("/run/orbamira/lock/packctl.lock");
 const char* const kLocaltime = AtRoot("/etc/localtime");
 
 }  // namespace path

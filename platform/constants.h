@@ -78,6 +78,8 @@ extern const char* const kDefaultPkgSetting;
 extern const char* const kAccountFile;
 /// Lock file of kAccountFile.
 extern const char* const kAccountLock;
+/// Lock file of the command line: whoever changes something holds it.
+extern const char* const kPackctlLock;
 /// The system's time zone: a symbolic link into the zone database.
 extern const char* const kLocaltime;
 

@@ -1,0 +1,240 @@
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+#include "platform/constants.h"
+#include "tools/packctl/checking_pack_handler.h"
+#include "tools/packctl/command.h"
+#include "tools/packctl/exclusive_lock.h"
+#include "tools/packctl/progress_view.h"
+#include "tools/packctl/recovery.h"
+#include "tools/packctl/status_reader.h"
+#include "tools/packctl/status_words.h"
+#include "tools/packctl/watched_work.h"
+#include "updater/pack_manager.h"
+
+namespace orbamira::packctl {
+namespace {
+
+/// The library's objects, put together as PackManager::Create() does it, with a handler that remembers its offers.
+struct Updater {
+  std::shared_ptr<updater::IPackStatusHelper> status;
+  std::shared_ptr<CheckingPackHandler> handler;
+  std::unique_ptr<updater::IPackManager> manager;
+};
+
+Updater MakeUpdater() {
+  std::shared_ptr<updater::IKOSHelper> facts = updater::KOSHelper::Create();
+  std::shared_ptr<updater::IPackStatusHelper> status = updater::PackStatusHelper::Create();
+  if (status == nullptr) {
+    throw std::runtime_error(std::string("cannot use the status store ") + path::kPackStatusFile);
+  }
+  const auto core = std::make_shared<wrapper::OrbaCoreWrapper>();
+  auto handler = std::make_shared<CheckingPackHandler>(wrapper::CprSession::Create(), facts, core,
+                                                       std::make_shared<wrapper::OrbaSDKWrapper>());
+  auto manager = std::make_unique<updater::PackManager>(core, std::make_shared<wrapper::OrbaPkgWrapper>(), facts,
+                                                        status, handler, updater::PluginNotifier::Create());
+  return {std::move(status), std::move(handler), std::move(manager)};
+}
+
+/// One of the three flows, with the rule that tells whether it may begin.
+struct Flow {
+  const char* command;
+  const char* noun;
+  bool (updater::IPackManager::*run)() const;
+  bool (updater::IPackStatusHelper::*is_permitted)(updater::PackStatus) const;
+  const char* success;
+};
+
+Outcome Answer(ExitStatus exit, const char* command, const char* result) {
+  Outcome outcome{.exit = exit};
+  outcome.json["command"] = command;
+  outcome.json["result"] = result;
+  return outcome;
+}
+
+/// As above, with the recorded status; null when that cannot be read.
+Outcome AnswerWithStatus(ExitStatus exit, const char* command, const char* result) {
+  Outcome outcome = Answer(exit, command, result);
+  try {
+    outcome.json["status"] = StatusText(ReadStatus().status);
+  } catch (const std::exception&) {
+    outcome.json["status"] = Json::nullValue;
+  }
+  return outcome;
+}
+
+std::string StatusSentence(const Json::Value& status) {
+  return status.isNull() ? "the recorded status cannot be read" : "the recorded status is " + status.asString();
+}
+
+/// A failed change: what the programs and the library gave as reasons, what the recovery then did, and where that
+/// leaves the machine.
+Outcome FailedChange(Context& context, const char* command, const char* noun) {
+  Console::Held held = context.console.TakeHeld();
+  const RecoveryReport recovery = Recover();
+  Outcome outcome = AnswerWithStatus(kExitFailed, command, "failed");
+  std::vector<std::string>& problems = outcome.problems;
+  problems = std::move(held.other);
+  problems.insert(problems.end(), held.log.begin(), held.log.end());
+  for (const std::vector<std::string>& sentences : {recovery.done, recovery.failed}) {
+    for (const std::string& sentence : sentences) {
+      problems.push_back("recovery: " + sentence);
+    }
+  }
+  problems.push_back(std::string("the ") + noun + " failed; " + StatusSentence(outcome.json["status"]));
+  return outcome;
+}
+
+std::unique_ptr<ProgressView> MakeProgressView(const Console& console) {
+  const auto write = [&console](std::string_view text) { console.Print(text); };
+  if (console.IsTerminal()) {
+    return std::make_unique<LineView>(write, [&console] { return console.Columns(); });
+  }
+  return std::make_unique<PlainView>(write);
+}
+
+bool RunWithProgress(const Console& console, const std::function<bool()>& work) {
+  const auto view = MakeProgressView(console);
+  const auto show = [&view] {
+    try {
+      view->Show(ReadStatus(), ProgressView::Clock::now());
+    } catch (const std::exception&) {
+      // A record that cannot be read now costs one picture; whether the work succeeds is told by the work.
+      return;
+    }
+  };
+  const bool done = RunWatched(work, show);
+  view->Finish();
+  return done;
+}
+
+Outcome NotPermitted(const Flow& flow, updater::PackStatus status) {
+  Outcome outcome = AnswerWithStatus(kExitNotPermitted, flow.command, "not_permitted");
+  outcome.problems.push_back(std::string("the ") + flow.noun + " is not permitted while the recorded status is " +
+                             StatusText(status) + " (" + StatusMeaning(status) + ")");
+  const bool under_way = status == updater::kStatusDownloading || status == updater::kStatusInstalling ||
+                         status == updater::kStatusDownloadingInstalling;
+  outcome.problems.push_back(under_way ? "if no program is at work on it, run \"packctl recover\""
+                                       : "permitted now: " + PermittedCommands(status));
+  return outcome;
+}
+
+Outcome RunFlow(Context& context, const Flow& flow) {
+  const ExclusiveLock lock(path::kPackctlLock);
+  const Updater updater = MakeUpdater();
+  if (const updater::PackStatus status = updater.status->GetPackStatus();
+      !(updater.status.get()->*flow.is_permitted)(status)) {
+    return NotPermitted(flow, status);
+  }
+  const auto work = [&] { return (updater.manager.get()->*flow.run)(); };
+  if (!(context.json ? work() : RunWithProgress(context.console, work))) {
+    return FailedChange(context, flow.command, flow.noun);
+  }
+  Outcome outcome = AnswerWithStatus(kExitDone, flow.command, "done");
+  outcome.text = flow.success;
+  return outcome;
+}
+
+Json::Value InstalledVersion() {
+  const std::string version = updater::KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath);
+  return version.empty() ? Json::Value() : Json::Value(version);
+}
+
+std::string Installed(const Json::Value& version) {
+  return version.isNull() ? "no version is installed" : "installed is " + version.asString();
+}
+
+}  // namespace
+
+Outcome Check(Context& context) {
+  const ExclusiveLock lock(path::kPackctlLock);
+  const Updater updater = MakeUpdater();
+  const bool found = updater.manager->CheckNewPack();
+  const std::optional<std::string>& declined = updater.handler->declined_version();
+  Outcome outcome;
+  outcome.json["installed_version"] = InstalledVersion();
+  const std::string installed = Installed(outcome.json["installed_version"]);
+  if (found) {
+    const std::string version = ReadStatus().new_version;
+    outcome.json["result"] = "new_pack";
+    outcome.json["version"] = version;
+    outcome.text = "A new pack is available: version " + version + ", " + installed +
+                   ".\nFetch and install it with \"packctl update\".\n";
+  } else if (declined) {
+    outcome.exit = kExitNothingToDo;
+    outcome.json["result"] = "nothing_new";
+    outcome.json["version"] = *declined;
+    outcome.text = "Nothing new: version " + *declined + " is offered, " + installed + ".\n";
+  } else {
+    outcome.exit = kExitFailed;
+    outcome.json["result"] = "failed";
+    outcome.json["version"] = Json::nullValue;
+    outcome.problems = context.console.TakeHeld().log;
+    outcome.problems.emplace_back("the check failed; the recorded status is unchanged");
+  }
+  return outcome;
+}
+
+Outcome Download(Context& context) {
+  return RunFlow(context,
+                 {"download", "download", &updater::IPackManager::Download, &updater::IPackStatusHelper::CanDoDownload,
+                  "The new pack is downloaded and verified. Install it with \"packctl install\".\n"});
+}
+
+Outcome Install(Context& context) {
+  return RunFlow(context, {"install", "install", &updater::IPackManager::Install,
+                           &updater::IPackStatusHelper::CanDoInstall, "The new pack is installed.\n"});
+}
+
+Outcome Update(Context& context) {
+  return RunFlow(context,
+                 {"update", "update", &updater::IPackManager::DownloadAndInstall,
+                  &updater::IPackStatusHelper::CanDoDownloadInstall, "The new pack is downloaded and installed.\n"});
+}
+
+Outcome Remove(Context& context) {
+  namespace fs = std::filesystem;
+  const ExclusiveLock lock(path::kPackctlLock);
+  if (!updater::KOSHelper::Create()->DirExist(path::kPackFolderPath)) {
+    Outcome outcome = AnswerWithStatus(kExitNothingToDo, "remove", "nothing_to_do");
+    outcome.text = "No codec pack is installed.\n";
+    return outcome;
+  }
+  const Updater updater = MakeUpdater();
+  // The information file goes first: what an interrupted removal leaves is then no pack to anyone, and the recovery
+  // clears it. What a symbolic link points to is not ours.
+  if (!fs::is_symlink(path::kPackFolderPath)) {
+    fs::remove(path::kPackInfoPath);
+  }
+  if (!updater.manager->RemovePack()) {
+    return FailedChange(context, "remove", "removal");
+  }
+  Outcome outcome = AnswerWithStatus(kExitDone, "remove", "done");
+  outcome.text = "The codec pack is removed.\n";
+  return outcome;
+}
+
+Outcome RunRecovery(Context& /*context*/) {
+  const ExclusiveLock lock(path::kPackctlLock);
+  const RecoveryReport report = Recover();
+  const bool whole = report.failed.empty();
+  Outcome outcome = AnswerWithStatus(whole ? kExitDone : kExitFailed, "recover", whole ? "done" : "failed");
+  outcome.problems = report.failed;
+  Json::Value& actions = outcome.json["actions"] = Json::arrayValue;
+  for (const std::string& action : report.done) {
+    actions.append(action);
+    outcome.text += action + "\n";
+  }
+  Json::Value& failures = outcome.json["failures"] = Json::arrayValue;
+  for (const std::string& failure : report.failed) {
+    failures.append(failure);
+  }
+  if (whole && report.done.empty()) {
+    outcome.text = "Everything is in order.\n";
+  }
+  return outcome;
+}
+
+}  // namespace orbamira::packctl

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+#include <vector>
+
+#include "tools/packctl/console.h"
+
+namespace orbamira::packctl {
+
+/// What packctl's exit status tells; scripts rely on the numbers.
+enum ExitStatus : int {
+  kExitDone = 0,
+  kExitFailed = 1,
+  kExitNothingToDo = 2,
+  kExitNotPermitted = 3,  ///< by the recorded status, or because another packctl is at work
+  kExitUsage = 64,
+};
+
+/// What a command has to say when it is done.
+struct Outcome {
+  ExitStatus exit = kExitDone;
+  Json::Value json = Json::objectValue;    ///< the answer to a program
+  std::string text = {};                   ///< the answer to a person; whole lines, may be empty
+  std::vector<std::string> problems = {};  ///< sentences for the standard error
+};
+
+/// What a command may use besides the library.
+struct Context {
+  Console& console;
+  bool json;  ///< the answer will be JSON: nothing is shown in between
+};
+
+/// The queries: they change nothing and may run beside anything.
+Outcome Status(Context& context);
+Outcome Info(Context& context);
+Outcome Codecs(Context& context);
+
+/// Asks the plugins who they are. The library's answer file allows one at a time, so it excludes the changing commands.
+Outcome Plugins(Context& context);
+
+/// The changing commands: each holds the lock that keeps two of them apart, and throws Busy when another holds it. One
+/// that fails runs the recovery before it returns.
+Outcome Check(Context& context);
+Outcome Download(Context& context);
+Outcome Install(Context& context);
+Outcome Update(Context& context);
+Outcome Remove(Context& context);
+Outcome RunRecovery(Context& context);
+
+}  // namespace orbamira::packctl

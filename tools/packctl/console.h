@@ -1,0 +1,52 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace orbamira::packctl {
+
+/// The only way by which packctl speaks to its user.
+///
+/// From its construction on, whatever else is written to the standard output and error is held back: the library gives
+/// its reasons only through the system log, which is asked for a copy on standard error, and its child programs may
+/// print. Neither may get into a progress line or into an answer in JSON. The caller shows what was held back once
+/// something failed.
+class Console {
+ public:
+  /// Opens the system log under packctl's name. Throws std::system_error when the output cannot be held back.
+  Console();
+
+  /// Gives standard output and error back.
+  ~Console();
+
+  Console(const Console&) = delete;
+  Console& operator=(const Console&) = delete;
+
+  /// Writes the text to the standard output. False when not all of it could be written.
+  bool Print(std::string_view text) const;
+
+  /// Writes "packctl: TEXT" and a line's end to the standard error.
+  void Complain(std::string_view text) const;
+
+  [[nodiscard]] bool IsTerminal() const;
+
+  /// The terminal's width now; $COLUMNS or 80 where it is not known.
+  [[nodiscard]] int Columns() const;
+
+  struct Held {
+    std::vector<std::string> log;    ///< the library's messages, without the source's name and line
+    std::vector<std::string> other;  ///< what child programs wrote
+  };
+
+  /// The lines held back since the last call; of a flood only the first part.
+  Held TakeHeld();
+
+ private:
+  int output_;
+  int error_;
+  int held_;
+  long taken_ = 0;  // bytes of held_ that were given out
+};
+
+}  // namespace orbamira::packctl

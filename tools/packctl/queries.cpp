@@ -1,0 +1,161 @@
+#include <array>
+#include <ctime>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+#include "platform/constants.h"
+#include "tools/packctl/command.h"
+#include "tools/packctl/exclusive_lock.h"
+#include "tools/packctl/progress_text.h"
+#include "tools/packctl/status_reader.h"
+#include "tools/packctl/status_words.h"
+#include "updater/kos_helper.h"
+#include "updater/pack_manager.h"
+#include "updater/plugin_notifier.h"
+
+namespace orbamira::packctl {
+namespace {
+
+// HEVC's name in the codec-requirements file, beside kAac.
+constexpr const char* kHevc = "hevc";
+
+std::unique_ptr<updater::IPackManager> MakeManager() {
+  auto manager = updater::PackManager::Create();
+  if (manager == nullptr) {
+    throw std::runtime_error("cannot use the updater");
+  }
+  return manager;
+}
+
+Outcome Failed(Console::Held held, const std::string& problem) {
+  Outcome outcome{.exit = kExitFailed, .problems = std::move(held.log)};
+  outcome.json["result"] = "failed";
+  outcome.problems.push_back(problem);
+  return outcome;
+}
+
+std::string Joined(const Json::Value& texts) {
+  std::string joined;
+  for (const Json::Value& text : texts) {
+    joined += (joined.empty() ? "" : ", ") + text.asString();
+  }
+  return joined.empty() ? "none" : joined;
+}
+
+std::string LocalTime(std::time_t time) {
+  std::tm parts{};
+  std::array<char, 64> buffer{};
+  if (localtime_r(&time, &parts) == nullptr) {
+    return "unknown";
+  }
+  return {buffer.data(), std::strftime(buffer.data(), buffer.size(), "%Y-%m-%d %H:%M:%S %Z", &parts)};
+}
+
+std::string StatusLines(const StatusRecord& record) {
+  std::string text =
+      std::string("Status:    ") + StatusText(record.status) + " (" + StatusMeaning(record.status) + ")\n";
+  if (!record.new_version.empty()) {
+    text +=
+        "New pack:  " + (record.new_pack_name.empty() ? "" : record.new_pack_name + " ") + record.new_version + "\n";
+  }
+  if (record.download_size_now > 0 || record.download_size_total > 0) {
+    const DownloadProgress progress{record.download_size_now, record.download_size_total};
+    text += "Download:  " + FormatBytes(progress.now);
+    if (progress.total > 0) {
+      text += " of " + FormatBytes(progress.total) + " (" + std::to_string(progress.Percent()) + " %)";
+    }
+    text += "\n";
+  }
+  if (!record.install_step.empty()) {
+    text += std::string("Step:      ") + StepWords(record.install_step) + "\n";
+  }
+  return text + "Permitted: " + PermittedCommands(record.status) + "\n";
+}
+
+}  // namespace
+
+Outcome Status(Context& /*context*/) {
+  namespace keys = webapi::param;
+  StatusRecord record;
+  try {
+    record = ReadStatus();
+  } catch (const std::logic_error&) {
+    return Failed({}, "the recorded status cannot be read; \"packctl recover\" mends it");
+  }
+  Outcome outcome{.text = StatusLines(record)};
+  outcome.json[keys::kStatus] = StatusText(record.status);
+  outcome.json[keys::kNewPackName] = record.new_pack_name;
+  outcome.json[keys::kNewVersion] = record.new_version;
+  outcome.json[keys::kDownloadSizeNow] = Json::Int64{record.download_size_now};
+  outcome.json[keys::kDownloadSizeTotal] = Json::Int64{record.download_size_total};
+  outcome.json[keys::kInstallStep] = record.install_step;
+  return outcome;
+}
+
+Outcome Info(Context& /*context*/) {
+  const auto manager = MakeManager();
+  Outcome outcome;
+  Json::Value& json = outcome.json;
+  json["installed"] = manager->CheckPackExists();
+  json["package"] = json["version"] = json["updated"] = Json::nullValue;
+  if (!manager->CheckPackExists()) {
+    outcome.text = "No codec pack is installed.\n";
+    return outcome;
+  }
+  const auto facts = updater::KOSHelper::Create();
+  const std::string package = facts->GetPackageNameFromPath(path::kPackInfoPath);
+  const std::string version = facts->GetVersionFromPath(path::kPackInfoPath);
+  const long updated = manager->GetPackLastUpdateTime();
+  json["package"] = package;
+  json["version"] = version;
+  json["updated"] = Json::Int64{updated};
+  outcome.text = "Package: " + package + "\nVersion: " + version + "\nUpdated: " + LocalTime(updated) + "\n";
+  return outcome;
+}
+
+Outcome Codecs(Context& context) {
+  const auto manager = MakeManager();
+  context.console.TakeHeld();
+  Outcome outcome;
+  Json::Value& installed = outcome.json["installed"] = Json::arrayValue;
+  Json::Value& requested = outcome.json["requested"] = Json::arrayValue;
+  if (manager->HasHevcCurrently()) {
+    installed.append(kHevc);
+  }
+  if (manager->HasAacCurrently()) {
+    installed.append(kAac);
+  }
+  for (const char* codec : {kHevc, kAac}) {
+    if (manager->IsCodecRequested(codec)) {
+      requested.append(codec);
+    }
+  }
+  // The library takes a requirements file that it cannot read for one without requests, and says so only in the log.
+  if (Console::Held held = context.console.TakeHeld(); !held.log.empty()) {
+    return Failed(std::move(held), "cannot tell which codecs applications ask for");
+  }
+  outcome.text = "Installed: " + Joined(installed) + "\nRequested: " + Joined(requested) + "\n";
+  return outcome;
+}
+
+Outcome Plugins(Context& context) {
+  const ExclusiveLock lock(path::kPackctlLock);
+  const std::vector<std::string> ids = updater::PluginNotifier::Create()->GetAppId();
+  // An empty list with a line in the log is the library's way to say that the list cannot be had.
+  if (Console::Held held = context.console.TakeHeld(); ids.empty() && !held.log.empty()) {
+    return Failed(std::move(held), "cannot list the plugins");
+  }
+  Outcome outcome;
+  Json::Value& app_ids = outcome.json["app_ids"] = Json::arrayValue;
+  for (const std::string& id : ids) {
+    app_ids.append(id);
+    outcome.text += id + "\n";
+  }
+  if (ids.empty()) {
+    outcome.text = "No plugin is registered.\n";
+  }
+  return outcome;
+}
+
+}  // namespace orbamira::packctl

@@ -1,0 +1,213 @@
+#include "tools/packctl/recovery.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <system_error>
+
+#include "platform/constants.h"
+#include "platform/file_lock.h"
+#include "platform/log.h"
+#include "platform/orba_sdk_wrapper.h"
+#include "tools/packctl/status_words.h"
+#include "updater/pack_status_helper.h"
+
+namespace orbamira::packctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+void SyncFolder(const fs::path& folder) {
+  const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const bool synced = fd >= 0 && fsync(fd) == 0;
+  const int error = errno;
+  if (fd >= 0) {
+    close(fd);
+  }
+  if (!synced) {
+    throw std::system_error(error, std::generic_category(), "cannot sync " + folder.string());
+  }
+}
+
+bool Exists(const fs::path& path) { return fs::exists(fs::symlink_status(path)); }
+
+// Every pack has an information file, and a pack is put in place whole. What has none is the rest of a removal that was
+// cut short. A symbolic link was made by the machine's owner: what it points to may not be mounted yet.
+bool IsPack(const fs::path& folder) { return fs::is_symlink(folder) || fs::is_regular_file(folder / "INFO"); }
+
+// Whether the name is "PREFIX.XXXXXX" as mkstemp makes it. A file set aside as broken is no temporary file, though it
+// has the same form.
+bool IsTemporaryOf(const std::string& prefix, const std::string& name) {
+  constexpr std::size_t kSuffixLength = 6;
+  if (name.size() != prefix.size() + 1 + kSuffixLength || !name.starts_with(prefix + ".") ||
+      name.ends_with(".broken")) {
+    return false;
+  }
+  return std::all_of(name.end() - kSuffixLength, name.end(), [](unsigned char c) { return std::isalnum(c) != 0; });
+}
+
+class Recovery {
+ public:
+  RecoveryReport Run() {
+    Step("make the folders", [this] { MakeFolders(); });
+    Step("restore the pack", [this] { RestorePack(); });
+    Step("remove unpacked files", [this] { RemoveUnpacked(); });
+    Step("remove the status store's temporary files",
+         [this] { RemoveTemporaries(path::kPackStatusFile, path::kPackStatusLock); });
+    Step("remove the account's temporary files", [this] { RemoveTemporaries(path::kAccountFile, path::kAccountLock); });
+    Step("remove the plugins' answer", [this] { Remove(path::kTempPluginAppIdPath, "the plugins' old answer"); });
+    Step("mend the recorded status", [this] { MendStatus(); });
+    Step("remove the download", [this] { RemoveDownload(); });
+    return std::move(report_);
+  }
+
+ private:
+  void Step(const char* what, const std::function<void()>& step) {
+    try {
+      step();
+    } catch (const std::exception& error) {
+      report_.failed.push_back(std::string("cannot ") + what + ": " + error.what());
+      ORBAMIRA_LOG_ERROR("Recovery: %s", report_.failed.back().c_str());
+    }
+  }
+
+  void Did(const std::string& what) {
+    report_.done.push_back(what);
+    ORBAMIRA_LOG_INFO("Recovery: %s", what.c_str());
+  }
+
+  void Remove(const fs::path& path, const std::string& what) {
+    if (Exists(path)) {
+      fs::remove_all(path);
+      Did("removed " + what + " " + path.string());
+    }
+  }
+
+  void MakeFolders() {
+    for (const fs::path& folder : {fs::path(kTargetFolder), fs::path(path::kPackStatusFile).parent_path()}) {
+      if (fs::exists(folder)) {
+        continue;
+      }
+      if (const int made = wrapper::OrbaSDKWrapper().MakeDirectory(folder); made < 0) {
+        throw std::system_error(-made, std::generic_category(), folder);
+      }
+      Did("made the missing folder " + folder.string());
+    }
+  }
+
+  void RestorePack() {
+    const fs::path pack = path::kPackFolderPath;
+    const fs::path backup = path::kBackupPackFolderPath;
+    if (!IsPack(pack)) {
+      Remove(pack, "the rest of a pack");
+      if (IsPack(backup)) {
+        fs::rename(backup, pack);
+        SyncFolder(pack.parent_path());
+        Did("brought the previous pack back to " + pack.string());
+      }
+    }
+    Remove(backup, "the pack's backup");
+  }
+
+  void RemoveUnpacked() {
+    Remove(path::kTempPackFolderPath, "the unpacked pack");
+    const std::string prefix = "." + std::string(kPackFolderName) + ".partial.";
+    RemoveMatching(kTargetFolder, "the half-built pack",
+                   [&](const std::string& name) { return name.starts_with(prefix); });
+  }
+
+  // Under the file's own lock: a temporary file may be another process's write under way.
+  void RemoveTemporaries(const fs::path& file, const std::string& lock_path) {
+    const store::FileLock lock(lock_path);
+    RemoveMatching(file.parent_path(), "the temporary file",
+                   [&](const std::string& name) { return IsTemporaryOf(file.filename(), name); });
+  }
+
+  void RemoveMatching(const fs::path& folder, const std::string& what,
+                      const std::function<bool(const std::string&)>& matches) {
+    if (!fs::exists(folder)) {
+      return;
+    }
+    std::vector<fs::path> found;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+      if (matches(entry.path().filename())) {
+        found.push_back(entry.path());
+      }
+    }
+    std::sort(found.begin(), found.end());
+    for (const fs::path& path : found) {
+      Remove(path, what);
+    }
+  }
+
+  void MendStatus() {
+    const auto helper = updater::PackStatusHelper::Create();
+    if (helper == nullptr) {
+      throw std::runtime_error(std::string("cannot use the status store ") + path::kPackStatusFile);
+    }
+    try {
+      status_ = Mended(helper->GetPackStatus());
+    } catch (const std::logic_error& error) {
+      ORBAMIRA_LOG_ERROR("Recovery: the recorded status cannot be read: %s", error.what());
+      status_ = updater::kStatusDownloadInstallFailed;
+      Record(*helper, "an unreadable text");
+      return;
+    }
+    if (const updater::PackStatus recorded = helper->GetPackStatus(); recorded != status_) {
+      Record(*helper, StatusText(recorded));
+    }
+  }
+
+  // What the status becomes when no work is under way.
+  static updater::PackStatus Mended(updater::PackStatus status) {
+    switch (status) {
+      case updater::kStatusDownloading:
+        return updater::kStatusDownloadFailed;
+      case updater::kStatusInstalling:
+      case updater::kStatusDownloadingInstalling:
+        return updater::kStatusDownloadInstallFailed;
+      case updater::kStatusNeedInstall:
+      case updater::kStatusInstallFailed:
+        return fs::is_regular_file(path::kDownloadedOpkPath) ? status : updater::kStatusDownloadInstallFailed;
+      case updater::kStatusLost:
+      case updater::kStatusNeedDownload:
+      case updater::kStatusDownloadFailed:
+      case updater::kStatusDownloadInstallFailed:
+      case updater::kStatusUpToDate:
+        break;
+    }
+    return status;
+  }
+
+  void Record(const updater::IPackStatusHelper& helper, const std::string& instead_of) {
+    if (status_ == updater::kStatusDownloadFailed) {
+      helper.SetAsDownloadFailed();
+    } else {
+      helper.SetAsDownloadInstallFailed();
+    }
+    Did("changed the recorded status from " + instead_of + " to " + StatusText(*status_));
+  }
+
+  // A package that waits to be installed is what is needed to go on; without a known status it may be that.
+  void RemoveDownload() {
+    if (status_ && status_ != updater::kStatusNeedInstall && status_ != updater::kStatusInstallFailed) {
+      Remove(kDownloadFolder, "the download");
+    }
+  }
+
+  RecoveryReport report_;
+  std::optional<updater::PackStatus> status_;
+};
+
+}  // namespace
+
+RecoveryReport Recover() { return Recovery().Run(); }
+
+}  // namespace orbamira::packctl

@@ -1,0 +1,40 @@
+#include "tools/packctl/status_reader.h"
+
+#include <filesystem>
+#include <stdexcept>
+
+#include "platform/constants.h"
+#include "platform/file_lock.h"
+#include "platform/key_value_store.h"
+
+namespace orbamira::packctl {
+
+namespace keys = webapi::param;
+
+StatusRecord ReadStatus() {
+  const store::FileLock lock(path::kPackStatusLock);
+  if (!std::filesystem::exists(path::kPackStatusFile)) {
+    return {};
+  }
+  const auto store = store::FileKeyValueStore::Create(path::kPackStatusFile);
+  if (store == nullptr) {
+    throw std::runtime_error(std::string("cannot use the status store ") + path::kPackStatusFile);
+  }
+  StatusRecord record;
+  if (store->Has(keys::kStatus)) {
+    record.status = updater::PackStatusFromText(store->Get(keys::kStatus));
+  }
+  record.new_pack_name = store->Get(keys::kNewPackName);
+  record.new_version = store->Get(keys::kNewVersion);
+  if (store->Has(keys::kDownloadSizeNow)) {
+    record.download_size_now = std::stoll(store->Get(keys::kDownloadSizeNow));
+  }
+  if (store->Has(keys::kDownloadSizeTotal)) {
+    record.download_size_total = std::stoll(store->Get(keys::kDownloadSizeTotal));
+  }
+  record.install_step = store->Get(keys::kInstallStep);
+  static_cast<void>(updater::InstallStepFromText(record.install_step));  // throws for a text that is no step
+  return record;
+}
+
+}  // namespace orbamira::packctl

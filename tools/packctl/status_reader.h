@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "updater/enumerations.h"
+
+namespace orbamira::packctl {
+
+/// The recorded status as any other process finds it in the status store.
+struct StatusRecord {
+  updater::PackStatus status = updater::kStatusLost;
+  std::string new_pack_name;
+  std::string new_version;
+  std::int64_t download_size_now = 0;    ///< bytes
+  std::int64_t download_size_total = 0;  ///< bytes; 0 while unknown
+  /// One of the step texts. Kept as text, because "post_uninstall" decodes to another step than it was written for.
+  std::string install_step;
+
+  friend bool operator==(const StatusRecord&, const StatusRecord&) = default;
+};
+
+/// Reads the store under its lock, sizes in full width. A store that does not exist reads as the default record and is
+/// not made. Throws std::logic_error for a text that cannot be decoded, std::runtime_error when the store or its lock
+/// cannot be used.
+StatusRecord ReadStatus();
+
+}  // namespace orbamira::packctl

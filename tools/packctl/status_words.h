@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+
+#include "updater/enumerations.h"
+
+namespace orbamira::packctl {
+
+/// The status as the status store spells it.
+const char* StatusText(updater::PackStatus status);
+
+/// What the status means, as a clause that a sentence can end with.
+const char* StatusMeaning(updater::PackStatus status);
+
+/// The commands that the status permits, as a list for a sentence: "check, update".
+std::string PermittedCommands(updater::PackStatus status);
+
+/// What happens in the install step of this text, as a clause; empty for the empty step.
+const char* StepWords(const std::string& step);
+
+}  // namespace orbamira::packctl
