@@ -10,12 +10,12 @@ namespace orbamira::packctl {
 /// The recorded status as any other process finds it in the status store.
 struct StatusRecord {
   updater::PackStatus status = updater::kStatusLost;
-  std::string new_pack_name;
-  std::string new_version;
+  std::string new_pack_name = {};
+  std::string new_version = {};
   std::int64_t download_size_now = 0;    ///< bytes
   std::int64_t download_size_total = 0;  ///< bytes; 0 while unknown
   /// One of the step texts. Kept as text, because "post_uninstall" decodes to another step than it was written for.
-  std::string install_step;
+  std::string install_step = {};
 
   friend bool operator==(const StatusRecord&, const StatusRecord&) = default;
 };

@@ -1,0 +1,113 @@
+#include <gmock/gmock.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+#include "platform/constants.h"
+#include "tests/support/test_root.h"
+#include "tools/packctl/checking_pack_handler.h"
+#include "tools/packctl/status_words.h"
+#include "tools/packctl/watched_work.h"
+
+namespace orbamira::packctl {
+namespace {
+
+using testing::Not;
+using testing::StrEq;
+
+TEST(RunWatchedTest, ReturnsWhatTheWorkReturned) {
+  EXPECT_TRUE(RunWatched([] { return true; }, [] {}));
+  EXPECT_FALSE(RunWatched([] { return false; }, [] {}));
+}
+
+TEST(RunWatchedTest, LooksOnTheCallersThreadWhileTheWorkRunsOnAnother) {
+  std::mutex mutex;
+  std::condition_variable looked;
+  int looks = 0;
+  std::thread::id worker;
+  const bool seen = RunWatched(
+      [&] {
+        worker = std::this_thread::get_id();
+        std::unique_lock lock(mutex);
+        return looked.wait_for(lock, std::chrono::seconds(30), [&] { return looks >= 2; });
+      },
+      [&, caller = std::this_thread::get_id()] {
+        EXPECT_EQ(std::this_thread::get_id(), caller);
+        const std::lock_guard lock(mutex);
+        ++looks;
+        looked.notify_one();
+      });
+  EXPECT_TRUE(seen);
+  EXPECT_NE(worker, std::this_thread::get_id());
+}
+
+TEST(RunWatchedTest, EndsAsSoonAsTheWorkDoes) {
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 50; ++i) {
+    RunWatched([] { return true; }, [] {});
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << "50 times the interval is 10 s";
+}
+
+TEST(RunWatchedTest, ThrowsWhatTheWorkThrew) {
+  EXPECT_THROW(RunWatched([]() -> bool { throw std::runtime_error("work"); }, [] {}), std::runtime_error);
+}
+
+TEST(StatusWordsTest, StatusMeaningDiffersForEachStatus) {
+  std::set<std::string> meanings;
+  for (int status = updater::kStatusLost; status <= updater::kStatusUpToDate; ++status) {
+    meanings.insert(StatusMeaning(static_cast<updater::PackStatus>(status)));
+  }
+  EXPECT_EQ(meanings.size(), updater::kPackStatusTexts.size());
+}
+
+TEST(StatusWordsTest, PermittedCommandsFollowTheLibrarysRules) {
+  EXPECT_EQ(PermittedCommands(updater::kStatusNeedDownload), "check, download, update");
+  EXPECT_EQ(PermittedCommands(updater::kStatusDownloading), "check");
+  EXPECT_EQ(PermittedCommands(updater::kStatusDownloadFailed), "check, download");
+  EXPECT_EQ(PermittedCommands(updater::kStatusNeedInstall), "check, install, update");
+  EXPECT_EQ(PermittedCommands(updater::kStatusUpToDate), "check, update");
+}
+
+TEST(StatusWordsTest, StepWordsDifferForEachStep) {
+  std::set<std::string> words;
+  for (const char* step : updater::kInstallStepTexts) {
+    words.insert(StepWords(step));
+  }
+  EXPECT_EQ(words.size(), updater::kInstallStepTexts.size());
+  EXPECT_THAT(StepWords(""), StrEq(""));
+}
+
+class CheckingPackHandlerTest : public testing::Test {
+ protected:
+  static Json::Value Offer(const std::string& version) {
+    Json::Value info;
+    info[param::kVersion] = version;
+    return info;
+  }
+
+  CheckingPackHandler handler_{nullptr, nullptr, std::make_shared<wrapper::OrbaCoreWrapper>(), nullptr};
+};
+
+TEST_F(CheckingPackHandlerTest, CheckNewVersionRemembersAnOfferItDeclined) {
+  test::WriteFile(path::kPackInfoPath, "version=2.0\n");
+  EXPECT_FALSE(handler_.CheckNewVersion(Offer("1.9")));
+  EXPECT_EQ(handler_.declined_version(), "1.9");
+}
+
+TEST_F(CheckingPackHandlerTest, CheckNewVersionRemembersNothingOfANewerOffer) {
+  test::WriteFile(path::kPackInfoPath, "version=2.0\n");
+  EXPECT_TRUE(handler_.CheckNewVersion(Offer("2.1")));
+  EXPECT_FALSE(handler_.declined_version());
+}
+
+TEST_F(CheckingPackHandlerTest, CheckNewVersionTakesAnOfferWithoutVersionForNone) {
+  test::WriteFile(path::kPackInfoPath, "version=2.0\n");
+  EXPECT_FALSE(handler_.CheckNewVersion(Json::Value(Json::objectValue)));
+  EXPECT_FALSE(handler_.declined_version());
+}
+
+}  // namespace
+}  // namespace orbamira::packctl

@@ -1,0 +1,305 @@
+#include <gmock/gmock.h>
+#include <sys/file.h>
+
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/constants.h"
+#include "platform/key_value_store.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/test_root.h"
+#include "tools/packctl/recovery.h"
+#include "tools/packctl/status_reader.h"
+#include "updater/pack_status_helper.h"
+
+namespace orbamira::packctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::ErrorLine;
+using test::InfoLine;
+using test::LogCapture;
+using test::ReadFile;
+using test::WriteFile;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class RecoveryTest : public testing::Test {
+ protected:
+  RecoveryTest() {
+    for (const auto& entry : fs::directory_iterator(test::Root())) {
+      fs::remove_all(entry.path());
+    }
+    fs::create_directories(kTargetFolder);
+    LogCapture::Clear();
+  }
+
+  static void MakePack(const fs::path& folder, const std::string& version) {
+    WriteFile(folder / "INFO", "package=orbamira-hevc\nversion=" + version + "\n");
+    WriteFile(folder / "lib/codec.so", version);
+  }
+
+  static std::string PackVersion() { return ReadFile(fs::path(path::kPackFolderPath) / "lib/codec.so"); }
+
+  static std::unique_ptr<updater::IPackStatusHelper> Status() { return updater::PackStatusHelper::Create(); }
+
+  static updater::PackStatus Recorded() { return Status()->GetPackStatus(); }
+
+  // Every path below the root, so that a test sees everything that is left.
+  static std::set<std::string> Left(const fs::path& folder) {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+      names.insert(entry.path().filename());
+    }
+    return names;
+  }
+
+  static void ExpectNothingLeftToDo() {
+    const RecoveryReport again = Recover();
+    EXPECT_THAT(again.done, IsEmpty());
+    EXPECT_THAT(again.failed, IsEmpty());
+  }
+};
+
+TEST_F(RecoveryTest, RecoverOnAnEmptySystemMakesTheFoldersAndFindsNothingElse) {
+  fs::remove_all(fs::path(path::kPackStatusFile).parent_path());
+  const RecoveryReport report = Recover();
+  EXPECT_THAT(report.done, ElementsAre(std::string("made the missing folder ") + kTargetFolder));
+  EXPECT_THAT(report.failed, IsEmpty());
+  EXPECT_EQ(Recorded(), updater::kStatusLost);
+  ExpectNothingLeftToDo();
+}
+
+TEST_F(RecoveryTest, RecoverLeavesASystemInOrderAlone) {
+  MakePack(path::kPackFolderPath, "1");
+  WriteFile(path::kAccountFile, "{}");
+  Status()->SetAsUpToDate();
+  ExpectNothingLeftToDo();
+  EXPECT_EQ(PackVersion(), "1");
+  EXPECT_EQ(ReadFile(path::kAccountFile), "{}");
+  EXPECT_EQ(Recorded(), updater::kStatusUpToDate);
+}
+
+TEST_F(RecoveryTest, RecoverBringsTheBackupBackWithoutAPack) {
+  MakePack(path::kBackupPackFolderPath, "1");
+  const RecoveryReport report = Recover();
+  EXPECT_THAT(report.done, ElementsAre(std::string("brought the previous pack back to ") + path::kPackFolderPath));
+  EXPECT_EQ(PackVersion(), "1");
+  EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
+  ExpectNothingLeftToDo();
+}
+
+TEST_F(RecoveryTest, RecoverRemovesTheBackupBesideANewPack) {
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kBackupPackFolderPath, "1");
+  Recover();
+  EXPECT_EQ(PackVersion(), "2");
+  EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
+  ExpectNothingLeftToDo();
+}
+
+TEST_F(RecoveryTest, RecoverClearsTheRestOfARemovalThatWasCutShort) {
+  WriteFile(fs::path(path::kPackFolderPath) / "lib/codec.so", "1");
+  Recover();
+  EXPECT_FALSE(fs::exists(path::kPackFolderPath));
+  ExpectNothingLeftToDo();
+}
+
+TEST_F(RecoveryTest, RecoverPrefersTheBackupToTheRestOfAPack) {
+  WriteFile(fs::path(path::kPackFolderPath) / "lib/codec.so", "2");
+  MakePack(path::kBackupPackFolderPath, "1");
+  Recover();
+  EXPECT_EQ(PackVersion(), "1");
+  ExpectNothingLeftToDo();
+}
+
+TEST_F(RecoveryTest, RecoverDoesNotBringTheRestOfABackupBack) {
+  WriteFile(fs::path(path::kBackupPackFolderPath) / "lib/codec.so", "1");
+  Recover();
+  EXPECT_FALSE(fs::exists(path::kPackFolderPath));
+  EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
+}
+
+TEST_F(RecoveryTest, RecoverKeepsAPackThatIsALinkToAPlaceNotMountedYet) {
+  fs::create_symlink(test::Root() / "volume/codec-pack", path::kPackFolderPath);
+  ExpectNothingLeftToDo();
+  EXPECT_TRUE(fs::is_symlink(path::kPackFolderPath));
+}
+
+TEST_F(RecoveryTest, RecoverRemovesTemporaryAndHalfBuiltFolders) {
+  MakePack(path::kPackFolderPath, "1");
+  MakePack(path::kTempPackFolderPath, "2");
+  MakePack(fs::path(kTargetFolder) / ".codec-pack.partial.x7Yz01", "2");
+  MakePack(fs::path(kTargetFolder) / ".codec-pack.partial.2", "2");
+  MakePack(fs::path(kTargetFolder) / ".other-pack.partial.2", "2");
+  MakePack(fs::path(kTargetFolder) / "other-pack", "2");
+  EXPECT_THAT(Recover().done, SizeIs(3));
+  EXPECT_THAT(Left(kTargetFolder), ElementsAre(".other-pack.partial.2", "codec-pack", "other-pack"));
+  ExpectNothingLeftToDo();
+}
+
+TEST_F(RecoveryTest, RecoverRemovesALinkWithoutWhatItPointsTo) {
+  MakePack(test::Root() / "elsewhere", "1");
+  fs::create_symlink(test::Root() / "elsewhere", path::kTempPackFolderPath);
+  fs::create_symlink(test::Root() / "elsewhere", fs::path(kTargetFolder) / ".codec-pack.partial.1");
+  Recover();
+  EXPECT_THAT(Left(kTargetFolder), IsEmpty());
+  EXPECT_TRUE(fs::exists(test::Root() / "elsewhere/INFO"));
+}
+
+TEST_F(RecoveryTest, RecoverRemovesTheTemporaryFilesOfStoreAndAccount) {
+  Status()->SetAsUpToDate();
+  const std::string store = path::kPackStatusFile;
+  const std::string account = path::kAccountFile;
+  for (const std::string& file : {store, account}) {
+    WriteFile(file + ".aZ09xy", "temporary");
+    WriteFile(file + ".broken", "kept");
+    WriteFile(file + ".backup1", "kept");
+    WriteFile(file + ".a-b_cd", "kept");
+    WriteFile(file + "x.aZ09xy", "kept");
+  }
+  const RecoveryReport report = Recover();
+  EXPECT_THAT(report.done, ElementsAre("removed the temporary file " + store + ".aZ09xy",
+                                       "removed the temporary file " + account + ".aZ09xy"));
+  for (const std::string& file : {store, account}) {
+    for (const char* kept : {".broken", ".backup1", ".a-b_cd", "x.aZ09xy"}) {
+      EXPECT_TRUE(fs::exists(file + kept)) << file << kept;
+    }
+  }
+  ExpectNothingLeftToDo();
+}
+
+TEST_F(RecoveryTest, RecoverRemovesThePluginsOldAnswer) {
+  WriteFile(path::kTempPluginAppIdPath, "[]");
+  Recover();
+  EXPECT_FALSE(fs::exists(path::kTempPluginAppIdPath));
+  ExpectNothingLeftToDo();
+}
+
+struct StatusCase {
+  const char* name;
+  std::function<void(const updater::IPackStatusHelper&)> record;
+  bool has_package;
+  updater::PackStatus expected;
+  bool keeps_download;
+};
+
+class RecoveryStatusTest : public RecoveryTest, public testing::WithParamInterface<StatusCase> {};
+
+TEST_P(RecoveryStatusTest, RecoverMendsTheStatusAndClearsTheDownload) {
+  const StatusCase& param = GetParam();
+  param.record(*Status());
+  const StatusRecord before = ReadStatus();
+  WriteFile(fs::path(kDownloadFolder) / "other", "");
+  if (param.has_package) {
+    WriteFile(path::kDownloadedOpkPath, "package");
+  }
+  const RecoveryReport report = Recover();
+  EXPECT_THAT(report.failed, IsEmpty());
+  EXPECT_EQ(Recorded(), param.expected);
+  EXPECT_EQ(fs::exists(kDownloadFolder), param.keeps_download);
+  if (before.status == param.expected) {
+    EXPECT_EQ(ReadStatus(), before);
+  } else {
+    EXPECT_THAT(report.done, Contains(HasSubstr("changed the recorded status from ")));
+  }
+  ExpectNothingLeftToDo();
+}
+
+using Helper = updater::IPackStatusHelper;
+
+INSTANTIATE_TEST_SUITE_P(
+    AllStatuses, RecoveryStatusTest,
+    testing::Values(StatusCase{"Lost", [](const Helper&) {}, true, updater::kStatusLost, false},
+                    StatusCase{"NeedDownload", [](const Helper& h) { h.SetAsNeedDownload("2"); }, true,
+                               updater::kStatusNeedDownload, false},
+                    StatusCase{"Downloading", [](const Helper& h) { h.SetAsDownloading(1, 2); }, true,
+                               updater::kStatusDownloadFailed, false},
+                    StatusCase{"DownloadFailed", [](const Helper& h) { h.SetAsDownloadFailed(); }, true,
+                               updater::kStatusDownloadFailed, false},
+                    StatusCase{"NeedInstall", [](const Helper& h) { h.SetAsNeedInstall("2", "n"); }, true,
+                               updater::kStatusNeedInstall, true},
+                    StatusCase{"NeedInstallWithoutPackage", [](const Helper& h) { h.SetAsNeedInstall("2", "n"); },
+                               false, updater::kStatusDownloadInstallFailed, false},
+                    StatusCase{"Installing", [](const Helper& h) { h.SetAsInstalling(updater::kStepInstall); }, true,
+                               updater::kStatusDownloadInstallFailed, false},
+                    StatusCase{"InstallFailed", [](const Helper& h) { h.SetAsInstallFailed("2", "n"); }, true,
+                               updater::kStatusInstallFailed, true},
+                    StatusCase{"InstallFailedWithoutPackage", [](const Helper& h) { h.SetAsInstallFailed("2", "n"); },
+                               false, updater::kStatusDownloadInstallFailed, false},
+                    StatusCase{"DownloadingInstalling", [](const Helper& h) { h.SetAsDownloadInstalling(1, 2); }, true,
+                               updater::kStatusDownloadInstallFailed, false},
+                    StatusCase{"DownloadInstallFailed", [](const Helper& h) { h.SetAsDownloadInstallFailed(); }, true,
+                               updater::kStatusDownloadInstallFailed, false},
+                    StatusCase{"UpToDate", [](const Helper& h) { h.SetAsUpToDate(); }, true, updater::kStatusUpToDate,
+                               false}),
+    [](const auto& param) { return std::string(param.param.name); });
+
+TEST_F(RecoveryTest, RecoverReplacesAStatusThatCannotBeDecoded) {
+  store::FileKeyValueStore::Create(path::kPackStatusFile)->Set(webapi::param::kStatus, "dancing");
+  const RecoveryReport report = Recover();
+  EXPECT_THAT(report.done,
+              ElementsAre("changed the recorded status from an unreadable text to download_install_failed"));
+  EXPECT_THAT(LogCapture::Lines(),
+              ElementsAre(ErrorLine("recovery.cpp", "Recovery: the recorded status cannot be read: _Map_base::at"),
+                          InfoLine("recovery.cpp", "Recovery: " + report.done[0])));
+  EXPECT_EQ(Recorded(), updater::kStatusDownloadInstallFailed);
+  ExpectNothingLeftToDo();
+}
+
+TEST_F(RecoveryTest, RecoverReplacesASizeThatCannotBeDecoded) {
+  store::FileKeyValueStore::Create(path::kPackStatusFile)->Set(webapi::param::kDownloadSizeNow, "many");
+  Recover();
+  EXPECT_EQ(Recorded(), updater::kStatusDownloadInstallFailed);
+}
+
+TEST_F(RecoveryTest, RecoverTakesAStoreThatIsNoStoreForLost) {
+  WriteFile(path::kPackStatusFile, "{\"status\": \"insta");
+  EXPECT_THAT(Recover().failed, IsEmpty());
+  EXPECT_EQ(Recorded(), updater::kStatusLost);
+  ExpectNothingLeftToDo();
+}
+
+TEST_F(RecoveryTest, RecoverLogsWhatItDid) {
+  MakePack(path::kBackupPackFolderPath, "1");
+  const RecoveryReport report = Recover();
+  ASSERT_THAT(report.done, SizeIs(1));
+  EXPECT_THAT(LogCapture::Lines(), ElementsAre(InfoLine("recovery.cpp", "Recovery: " + report.done[0])));
+}
+
+TEST_F(RecoveryTest, RecoverGoesOnAfterAStepThatFailed) {
+  // A file where the account's folder belongs, and a folder where the status store belongs: neither can be used.
+  WriteFile(fs::path(path::kAccountFile).parent_path(), "");
+  fs::create_directories(path::kPackStatusFile);
+  MakePack(path::kBackupPackFolderPath, "1");
+  WriteFile(path::kTempPluginAppIdPath, "[]");
+  WriteFile(path::kDownloadedOpkPath, "may be needed");
+
+  const RecoveryReport report = Recover();
+  EXPECT_THAT(report.failed, ElementsAre(HasSubstr("cannot remove the account's temporary files: "),
+                                         std::string("cannot mend the recorded status: cannot use the status store ") +
+                                             path::kPackStatusFile));
+  for (const std::string& failure : report.failed) {
+    EXPECT_THAT(LogCapture::Lines(), Contains(ErrorLine("recovery.cpp", "Recovery: " + failure)));
+  }
+  EXPECT_EQ(PackVersion(), "1");
+  EXPECT_FALSE(fs::exists(path::kTempPluginAppIdPath));
+  EXPECT_TRUE(fs::exists(path::kDownloadedOpkPath)) << "without a known status the package may be what is needed";
+}
+
+TEST_F(RecoveryTest, RecoverReportsFoldersThatCannotBeMade) {
+  fs::remove_all(test::Root() / "var");
+  WriteFile(test::Root() / "var", "a file in the way");
+  EXPECT_THAT(Recover().failed, Contains(HasSubstr("cannot make the folders: ")));
+}
+
+}  // namespace
+}  // namespace orbamira::packctl
