@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <charconv>
 #include <clocale>
 #include <csignal>
@@ -75,13 +76,12 @@ void CheckCombination(const Options& options) {
 
 Options ParseOptions(int argc, char** argv) {
   constexpr int kLimit = 1;
-  static constexpr option kLongOptions[] = {{"limit", required_argument, nullptr, kLimit},
-                                            {"help", no_argument, nullptr, 'h'},
-                                            {"version", no_argument, nullptr, 'v'},
-                                            {nullptr, 0, nullptr, 0}};
+  static constexpr std::array kLongOptions = {
+      option{"limit", required_argument, nullptr, kLimit}, option{"help", no_argument, nullptr, 'h'},
+      option{"version", no_argument, nullptr, 'v'}, option{nullptr, 0, nullptr, 0}};
   Options options;
   opterr = 0;
-  for (int letter = 0; (letter = getopt_long(argc, argv, "xtcf:C:", kLongOptions, nullptr)) != -1;) {
+  for (int letter = 0; (letter = getopt_long(argc, argv, "xtcf:C:", kLongOptions.data(), nullptr)) != -1;) {
     switch (letter) {
       case 'x':
       case 't':
