@@ -75,7 +75,6 @@ bool ArchiveReader::Next(Member& member) {
   member.kind = KindOf(entry);
   member.mode = archive_entry_perm(entry);
   member.size = member.kind == Member::Kind::kFile ? static_cast<uint64_t>(size) : 0;
-  member.mtime = {archive_entry_mtime(entry), archive_entry_mtime_nsec(entry)};
   member.target = Text(member.kind == Member::Kind::kHardLink ? archive_entry_hardlink(entry)  //
                                                               : archive_entry_symlink(entry));
   size_of_member_ = member.size;

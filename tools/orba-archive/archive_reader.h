@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <ctime>
 #include <exception>
 #include <memory>
 #include <span>
@@ -23,7 +22,6 @@ struct Member {
   Kind kind = Kind::kOther;
   mode_t mode = 0;
   uint64_t size = 0;  ///< bytes once unpacked, holes included; 0 for anything but a file
-  timespec mtime = {};
   std::string target;  ///< where a symbolic link leads, or the name a hard link shares its file with
 };
 

@@ -4,7 +4,6 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <stdexcept>
 #include <system_error>
@@ -114,10 +113,6 @@ void Extractor::PlaceFile(ArchiveReader& archive, const Member& member, int pare
     written = std::max(written, piece.offset + piece.data.size());
   }
   if (written < member.size && ftruncate(file.get(), static_cast<off_t>(member.size)) != 0) {
-    ThrowErrno(name);
-  }
-  const std::array times = {member.mtime, member.mtime};
-  if (futimens(file.get(), times.data()) != 0) {
     ThrowErrno(name);
   }
   files_.insert(Stat(file.get(), name).st_ino);

@@ -17,9 +17,10 @@ namespace orbamira::tools {
 /// Unpacks archives that nobody vouches for: whatever they hold, nothing outside the folder is made, changed or
 /// reached, no existing file in it is touched, and no more is written than the limit and the free space allow.
 ///
-/// Files keep their modification time and the mode bits 0755; folders are always open to their owner; the owner is
-/// whoever unpacks. What the archive asks for beyond that (owners, set-id bits, attributes) is left out, and what has
-/// no place in a pack (devices, FIFOs, sockets) is an error.
+/// Files keep the mode bits 0755; folders are always open to their owner; the owner is whoever unpacks, and the time
+/// that of unpacking: the age of a pack's files tells when it was installed. What the archive asks for beyond that
+/// (owners, times, set-id bits, attributes) is left out, and what has no place in a pack (devices, FIFOs, sockets) is
+/// an error.
 class Extractor {
  public:
   /// `folder` is open and outlives the object; `limit` bounds the bytes unpacked. Throws std::system_error.

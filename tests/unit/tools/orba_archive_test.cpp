@@ -284,9 +284,10 @@ TEST_F(OrbaArchiveTest, GivesModesOfItsOwnWhateverTheUmask) {
   }
 }
 
-TEST_F(OrbaArchiveTest, TakesTheTimeButNotTheOwnerFromTheArchive) {
+TEST_F(OrbaArchiveTest, TakesNeitherTimeNorOwnerFromTheArchive) {
+  const time_t before = time(nullptr);
   ASSERT_TRUE(UnpackPayload(Tar().File("file")).Exited(0));
-  EXPECT_EQ(Status(out_ / "file").st_mtim.tv_sec, 1'000'000'000);
+  EXPECT_GE(Status(out_ / "file").st_mtim.tv_sec, before - 1);
   EXPECT_EQ(Status(out_ / "file").st_uid, geteuid());
   EXPECT_EQ(Status(out_ / "file").st_gid, Status(out_).st_gid);
 }
