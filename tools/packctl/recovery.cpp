@@ -118,7 +118,7 @@ class Recovery {
 
   void RemoveUnpacked() {
     Remove(path::kTempPackFolderPath, "the unpacked pack");
-    const std::string prefix = "." + std::string(kPackFolderName) + ".partial.";
+    const std::string prefix = std::string(".").append(kPackFolderName).append(".partial.");
     RemoveMatching(kTargetFolder, "the half-built pack",
                    [&](const std::string& name) { return name.starts_with(prefix); });
   }
