@@ -1,0 +1,165 @@
+"""An appliance in a folder of its own, with the programs of a build, and a server that publishes packs to it."""
+
+import contextlib
+import functools
+import hashlib
+import http.server
+import json
+import os
+import pathlib
+import random
+import shutil
+import stat
+import subprocess
+import threading
+
+PACK_NAME = "orbamira-hevc"
+PROGRAMS = ("orba-archive", "orba-copy")
+SCRIPTS = ("notify_plugin.py", "get_app_id.py", "orbamira_plugins.py")
+
+
+def tree(folder):
+    """What the folder holds: each path below it with its kind, mode and content; None when it does not exist."""
+    folder = pathlib.Path(folder)
+    if not folder.is_dir():
+        return None
+    entries = {}
+    for path in sorted(folder.rglob("*")):
+        status = path.lstat()
+        if stat.S_ISLNK(status.st_mode):
+            content = os.readlink(path)
+        elif stat.S_ISREG(status.st_mode):
+            content = hashlib.sha256(path.read_bytes()).hexdigest()
+        else:
+            content = ""
+        entries[str(path.relative_to(folder))] = (stat.S_IFMT(status.st_mode), content)
+    return entries
+
+
+class Publisher:
+    """Makes packs and serves them over HTTP on a free loopback port for as long as it is entered."""
+
+    def __init__(self, source, folder):
+        self.mkpack = pathlib.Path(source) / "tools/mkpack/mkpack"
+        self.folder = pathlib.Path(folder)
+        self.payloads = {}
+
+    def __enter__(self):
+        class Quiet(http.server.SimpleHTTPRequestHandler):
+            def log_message(self, *_):
+                pass
+
+        class Server(http.server.ThreadingHTTPServer):
+            def handle_error(self, *_):
+                pass  # a client that was killed midway
+
+        self.folder.mkdir(parents=True)
+        handler = functools.partial(Quiet, directory=str(self.folder))
+        self.server = Server(("127.0.0.1", 0), handler)
+        self.url = f"http://127.0.0.1:{self.server.server_address[1]}"
+        threading.Thread(target=self.server.serve_forever, daemon=True).start()
+        return self
+
+    def __exit__(self, *_):
+        self.server.shutdown()
+        self.server.server_close()
+
+    def publish(self, version, seed, sizes=(40_000, 150_000)):
+        """Publishes a pack of a few files under a reply of its own; returns the reply's address."""
+        payload = self.folder.parent / f"payload-{version}"
+        (payload / "lib/plugins").mkdir(parents=True)
+        source = random.Random(seed)
+        for number, size in enumerate(sizes):
+            (payload / f"lib/libcodec{number}.so.{version}").write_bytes(source.randbytes(size))
+        (payload / "lib/plugins/table.bin").write_bytes(source.randbytes(3_000))
+        (payload / "lib/libcodec.so").symlink_to(f"libcodec0.so.{version}")
+        reply = self.folder / f"reply-{version}.json"
+        subprocess.run(
+            [self.mkpack, "--payload", payload, "--output", self.folder, "--name", PACK_NAME, "--version", version,
+             "--title", "HEVC", "--base-url", self.url, "--reply", reply],
+            check=True, stdout=subprocess.DEVNULL)
+        self.payloads[version] = tree(payload)
+        return f"{self.url}/{reply.name}"
+
+    def is_whole(self, folder, version):
+        """Whether the folder holds exactly the pack of this version, byte for byte."""
+        found = tree(folder)
+        if found is None:
+            return False
+        info = pathlib.Path(folder) / "INFO"
+        return (info.is_file() and f'version="{version}"' in info.read_text(errors="replace").splitlines()
+                and {name: entry for name, entry in found.items() if name not in ("INFO", "has_hevc")}
+                == self.payloads[version] and "has_hevc" in found)
+
+
+class Appliance:
+    """One appliance; everything that it keeps lies below `root`."""
+
+    def __init__(self, root):
+        self.root = pathlib.Path(root)
+        self.packages = self.root / "var/lib/orbamira/packages"
+        self.pack = self.packages / "codec-pack"
+        self.backup = self.packages / ".codec-pack.backup"
+        self.download = self.root / "var/cache/orbamira/download"
+        self.status_file = self.root / "var/lib/orbamira/status.json"
+
+    @classmethod
+    def lay_out(cls, root, build, source):
+        """A fresh appliance with the programs of the build folder."""
+        appliance = cls(root)
+        build, source = pathlib.Path(build).resolve(), pathlib.Path(source).resolve()
+        libexec = appliance.root / "usr/libexec/orbamira"
+        share = appliance.root / "usr/share/orbamira"
+        plugins = appliance.root / "usr/lib/orbamira/plugins"
+        settings = appliance.root / "etc/orbamira"
+        for folder in (libexec, share, plugins, settings, appliance.packages, appliance.root / "run/orbamira/lock"):
+            folder.mkdir(parents=True)
+        for program in PROGRAMS:
+            (libexec / program).symlink_to(build / "tools" / program / program)
+        (libexec / "orba-tar").symlink_to("orba-archive")
+        for script in SCRIPTS:
+            (libexec / script).symlink_to(source / "libexec" / script)
+        (appliance.root / "packctl").symlink_to(build / "tools/packctl/packctl")
+        shutil.copy(build / "packaging/INFO", share / "INFO")
+        (settings / "system.conf").write_text('unique="test-appliance"\n')
+        (settings / "version.conf").write_text('major_version="3"\nminor_version="1"\nbuild_number="1200"\n')
+        return appliance
+
+    def use_server(self, address):
+        (self.root / "etc/orbamira/updater.conf").write_text(f'pack_update_server="{address}"\n')
+
+    def copy_to(self, root):
+        """A second appliance in the same state."""
+        shutil.copytree(self.root, root, symlinks=True)
+        return Appliance(root)
+
+    def environment(self):
+        return {**os.environ, "ORBAMIRA_ROOT": str(self.root)}
+
+    def packctl(self, *arguments, wrapper=(), timeout=120):
+        """Runs packctl, behind a wrapper command where one is given; returns the completed process."""
+        return subprocess.run([*map(str, wrapper), str(self.root / "packctl"), *arguments], env=self.environment(),
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=timeout, check=False)
+
+    def expect(self, *arguments):
+        """Runs packctl, which must end with 0."""
+        done = self.packctl(*arguments)
+        if done.returncode != 0:
+            raise RuntimeError(f"packctl {' '.join(arguments)} ended with {done.returncode}: {done.stdout}{done.stderr}")
+
+    def status(self):
+        """The recorded status; "lost" when the store has none. Raises ValueError when the store is no JSON object."""
+        with contextlib.suppress(FileNotFoundError):
+            store = json.loads(self.status_file.read_text())
+            if not isinstance(store, dict):
+                raise ValueError("the status store is no object")
+            return store.get("status", "lost")
+        return "lost"
+
+    def leftovers(self):
+        """What an update should not leave behind, as paths."""
+        kept = {self.pack, self.status_file, self.packages, self.root / "var/lib/orbamira/codec-requirements.json"}
+        found = [*self.packages.iterdir(), *(self.root / "var/lib/orbamira").iterdir()]
+        if self.download.exists():
+            found.append(self.download)
+        return sorted(str(path) for path in found if path not in kept)

@@ -1,0 +1,176 @@
+#!/usr/bin/env python3
+"""Cuts the power of an appliance at random instants of an update, and looks at what the disk held.
+
+The appliance lies on an ext4 image, and the image on a file system that shares blocks. A cut is a clone of the image at
+one instant: what had been written to the disk by then, nothing else. The clone is mounted as after a boot; recover,
+check and update against the healthy server must end up to date with the right pack.
+
+Exits with 0 when nothing was lost and nothing was stuck, with 1 otherwise, and with 77 (skipped) where the machine
+lacks the privilege or the programs that it takes.
+"""
+
+import argparse
+import collections
+import contextlib
+import os
+import pathlib
+import random
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+from aftermath import Aftermath
+from appliance import Appliance, Publisher
+
+SKIPPED = 77
+OLD, NEW = "1.0.0", "2.0.0"
+SIZES = (4_000_000, 1_500_000, 300_000, 20_000)
+NEEDED = ("mkfs.ext4", "mkfs.xfs", "mount", "umount", "cp")
+
+
+def run(*command):
+    subprocess.run([str(word) for word in command], check=True, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+
+
+@contextlib.contextmanager
+def mounted(image, folder):
+    folder.mkdir(exist_ok=True)
+    run("mount", "-o", "loop", image, folder)
+    try:
+        yield folder
+    finally:
+        # A family that was just killed may hold the mount a moment longer.
+        end = time.monotonic() + 10
+        while subprocess.run(["umount", str(folder)], check=False, capture_output=True).returncode != 0:
+            if time.monotonic() > end:
+                raise RuntimeError(f"{folder} stays busy")
+
+
+def why_impossible():
+    if os.geteuid() != 0:
+        return "mounting images takes root"
+    missing = [program for program in NEEDED if shutil.which(program) is None]
+    if missing:
+        return f"missing programs: {' '.join(missing)}"
+    if not os.path.exists("/dev/loop-control"):
+        return "the machine has no loop devices"
+    return None
+
+
+class Bench:
+    """The images and the states that the updates start from."""
+
+    def __init__(self, folder, store, build, source, publisher):
+        self.folder, self.store, self.publisher = folder, store, publisher
+        old, new = publisher.publish(OLD, 1, SIZES), publisher.publish(NEW, 2, SIZES)
+        self.starts = {"update": None, "upgrade": OLD}
+        for name, version in self.starts.items():
+            image = store / f"{name}.img"
+            with image.open("wb") as file:
+                file.truncate(128 * 2**20)
+            run("mkfs.ext4", "-q", "-F", image)
+            with mounted(image, folder / "mount") as mount:
+                appliance = Appliance.lay_out(mount / "root", build, source)
+                if version:
+                    appliance.use_server(old)
+                    appliance.expect("check")
+                    appliance.expect("update")
+                appliance.use_server(new)
+                appliance.expect("check")
+
+    def clone(self, image, name):
+        copy = self.store / name
+        run("cp", "--reflink=always", image, copy)
+        return copy
+
+    def start(self, mount):
+        appliance = Appliance(mount / "root")
+        return subprocess.Popen([str(appliance.root / "packctl"), "update"], env=appliance.environment(),
+                                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                start_new_session=True)
+
+    def duration(self, name):
+        """Seconds that an undisturbed run takes."""
+        image = self.clone(self.store / f"{name}.img", "run.img")
+        with mounted(image, self.folder / "mount") as mount:
+            begin = time.monotonic()
+            if self.start(mount).wait(timeout=120) != 0:
+                raise RuntimeError(f"the undisturbed {name} failed")
+            return time.monotonic() - begin
+
+    def cut(self, name, delay):
+        """One power cut; the status at that instant, what was lost and what was stuck."""
+        image = self.clone(self.store / f"{name}.img", "run.img")
+        with mounted(image, self.folder / "mount") as mount:
+            process = self.start(mount)
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                process.wait(timeout=delay)
+            cut = self.clone(image, "cut.img")
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(process.pid, signal.SIGKILL)
+            process.wait()
+        with mounted(cut, self.folder / "mount") as mount:
+            appliance = Appliance(mount / "root")
+            aftermath = Aftermath(self.publisher, appliance, self.starts[name], NEW)
+            aftermath.look()
+            stage = self.stage(appliance)
+            aftermath.go_on()
+        return stage, aftermath.lost, aftermath.stuck
+
+    @staticmethod
+    def stage(appliance):
+        """The recorded status with what the disk holds, as the name of the stage that the cut fell into."""
+        with contextlib.suppress(ValueError):
+            held = [name for name, path in (("pack", appliance.pack), ("backup", appliance.backup),
+                                            ("unpacked", appliance.packages / ".codec-pack.unpacked"),
+                                            ("download", appliance.download)) if path.exists()]
+            return f"{appliance.status()}: {', '.join(held) or 'nothing'}"
+        return "unreadable"
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--build", required=True, help="build folder whose programs are put to the test")
+    parser.add_argument("--source", required=True, help="the project's folder")
+    parser.add_argument("--cuts", type=int, default=200, help="how many cuts")
+    parser.add_argument("--seed", type=int, default=None, help="what decides the instants; a new one each time by default")
+    arguments = parser.parse_args()
+    reason = why_impossible()
+    if reason:
+        print(f"power cuts: skipped: {reason}")
+        sys.exit(SKIPPED)
+    seed = random.randrange(2**32) if arguments.seed is None else arguments.seed
+    instants = random.Random(seed)
+    stages, lost, stuck = collections.Counter(), [], []
+    with contextlib.ExitStack() as stack:
+        folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="orbamira-power-")))
+        publisher = stack.enter_context(Publisher(arguments.source, folder / "published"))
+        disk = folder / "disk.img"
+        with disk.open("wb") as file:
+            file.truncate(2 * 2**30)
+        run("mkfs.xfs", "-q", "-m", "reflink=1", disk)
+        store = stack.enter_context(mounted(disk, folder / "store"))
+        bench = Bench(folder, store, arguments.build, arguments.source, publisher)
+        durations = {name: bench.duration(name) for name in bench.starts}
+        for number in range(arguments.cuts):
+            name = ("update", "upgrade")[number % 2]
+            delay = instants.uniform(0, 1.05 * durations[name])
+            stage, cut_lost, cut_stuck = bench.cut(name, delay)
+            stages[f"{name} | {stage}"] += 1
+            for kind, problems, found in (("lost", lost, cut_lost), ("stuck", stuck, cut_stuck)):
+                problems.extend(found)
+                for problem in found:
+                    print(f"{name}: cut after {delay:.3f} s ({stage}): {kind}: {problem}", flush=True)
+    print(f"\npower cuts: seed {seed}, durations {durations}")
+    print("| run | stage on disk at the cut | cuts |\n|---|---|---|")
+    for stage, count in sorted(stages.items()):
+        print(f"| {stage} | {count} |")
+    print(f"power cuts: {arguments.cuts}, packs lost: {len(lost)}, states stuck: {len(stuck)}")
+    sys.exit(1 if lost or stuck else 0)
+
+
+if __name__ == "__main__":
+    main()
