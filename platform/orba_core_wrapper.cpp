@@ -29,7 +29,7 @@
 //
 // It is a copy and does not share the caller's memory (CLONE_VM | CLONE_VFORK) because the caller would be stopped
 // until the program ends: no signal would be handled, and setuid() in any other thread, which needs an answer from
-// every thread, would hang as long. The copy costs some tens of microseconds and grows with the host's memory.
+// every thread, would hang as long. The copy costs about 4 ms for each 100 MB that the host has in use.
 //
 // Threads of the host may hold any lock at the moment of the copy, so the supervisor makes system calls only and takes
 // no memory.

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <functional>
+#include <stdexcept>
+
+namespace orbamira::test {
+
+/// Another process that runs `body` and ends with the status that it returns; 99 when it throws. Waited for at the
+/// latest by the destructor.
+class Forked {
+ public:
+  explicit Forked(const std::function<int()>& body) : pid_(fork()) {
+    if (pid_ < 0) {
+      throw std::runtime_error("fork");
+    }
+    if (pid_ == 0) {
+      int status = 99;
+      try {
+        status = body();
+      } catch (...) {  // NOLINT(bugprone-empty-catch): the status tells
+      }
+      _exit(status);
+    }
+  }
+  Forked(const Forked&) = delete;
+  Forked& operator=(const Forked&) = delete;
+  ~Forked() { Wait(); }
+
+  [[nodiscard]] pid_t pid() const { return pid_; }
+
+  /// Its exit status, or the negative number of the signal that ended it.
+  int Wait() {
+    if (!waited_) {
+      waited_ = true;
+      int status = 0;
+      waitpid(pid_, &status, 0);
+      result_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+    return result_;
+  }
+
+ private:
+  pid_t pid_;
+  bool waited_ = false;
+  int result_ = 0;
+};
+
+/// In a forked process: gives up the rights of root, so that the modes of files count.
+inline void BecomeOrdinaryUser() {
+  constexpr uid_t kNobody = 65534;
+  if (geteuid() == 0 && setuid(kNobody) != 0) {
+    throw std::runtime_error("setuid");
+  }
+}
+
+}  // namespace orbamira::test

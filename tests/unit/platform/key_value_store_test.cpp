@@ -1,0 +1,531 @@
+#include "platform/key_value_store.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <json/json.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "platform/file_lock.h"
+#include "tests/support/fake_key_value_store.h"
+#include "tests/support/forked.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/test_root.h"
+
+namespace orbamira::store {
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+class RealStore {
+ public:
+  IKeyValueStore& store() { return *store_; }
+
+ private:
+  test::TempDir folder_;
+  std::unique_ptr<IKeyValueStore> store_ = FileKeyValueStore::Create(folder_.File("store"));
+};
+
+class FakeStore {
+ public:
+  IKeyValueStore& store() { return store_; }
+
+ private:
+  test::FakeKeyValueStore store_;
+};
+
+// What every store promises.
+template <typename Store>
+class KeyValueStoreContractTest : public testing::Test {
+ protected:
+  Store holder_;
+  IKeyValueStore& store_ = holder_.store();
+};
+
+using Stores = testing::Types<RealStore, FakeStore>;
+TYPED_TEST_SUITE(KeyValueStoreContractTest, Stores);
+
+TYPED_TEST(KeyValueStoreContractTest, IsEmptyAtFirst) {
+  EXPECT_FALSE(this->store_.Has("key"));
+  EXPECT_EQ(this->store_.Get("key"), "");
+}
+
+TYPED_TEST(KeyValueStoreContractTest, GetGivesWhatWasSet) {
+  this->store_.Set("key", "value");
+  EXPECT_TRUE(this->store_.Has("key"));
+  EXPECT_EQ(this->store_.Get("key"), "value");
+  EXPECT_FALSE(this->store_.Has("Key"));
+}
+
+TYPED_TEST(KeyValueStoreContractTest, SetReplacesTheValue) {
+  this->store_.Set("key", "a longer value");
+  this->store_.Set("key", "b");
+  EXPECT_EQ(this->store_.Get("key"), "b");
+}
+
+TYPED_TEST(KeyValueStoreContractTest, SetKeepsTheOtherKeys) {
+  this->store_.Set("a", "1");
+  this->store_.Set("b", "2");
+  this->store_.Set("a", "3");
+  EXPECT_EQ(this->store_.Get("a"), "3");
+  EXPECT_EQ(this->store_.Get("b"), "2");
+}
+
+TYPED_TEST(KeyValueStoreContractTest, AnEmptyValueIsPresent) {
+  this->store_.Set("key", "");
+  EXPECT_TRUE(this->store_.Has("key"));
+  EXPECT_EQ(this->store_.Get("key"), "");
+}
+
+TYPED_TEST(KeyValueStoreContractTest, GetDoesNotMakeTheKey) {
+  EXPECT_EQ(this->store_.Get("key"), "");
+  EXPECT_FALSE(this->store_.Has("key"));
+}
+
+TYPED_TEST(KeyValueStoreContractTest, AnyTextComesBackAsItWas) {
+  std::string every_byte;
+  for (int byte = 0; byte < 256; ++byte) {
+    every_byte += static_cast<char>(byte);
+  }
+  const std::vector<std::string> texts = {
+      every_byte, "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80", "\"\\/\b\f\n\r\t", std::string(100'000, 'x'), "\\u0041", "{}",
+      " "};
+  for (const std::string& text : texts) {
+    this->store_.Set("key", text);
+    EXPECT_EQ(this->store_.Get("key"), text);
+    this->store_.Set(text, "value");
+    EXPECT_EQ(this->store_.Get(text), "value");
+  }
+}
+
+TYPED_TEST(KeyValueStoreContractTest, TheEmptyKeyIsAKey) {
+  EXPECT_FALSE(this->store_.Has(""));
+  this->store_.Set("", "value");
+  EXPECT_EQ(this->store_.Get(""), "value");
+}
+
+TYPED_TEST(KeyValueStoreContractTest, ClearEmptiesTheStore) {
+  this->store_.Clear();
+  this->store_.Set("a", "1");
+  this->store_.Set("b", "2");
+  this->store_.Clear();
+  EXPECT_FALSE(this->store_.Has("a"));
+  EXPECT_EQ(this->store_.Get("b"), "");
+  this->store_.Set("b", "3");
+  EXPECT_FALSE(this->store_.Has("a"));
+  EXPECT_EQ(this->store_.Get("b"), "3");
+}
+
+TEST(FakeKeyValueStoreTest, RecordsWhatIsWritten) {
+  test::FakeKeyValueStore store;
+  store.Clear();
+  store.Set("a", "1");
+  EXPECT_THAT(store.writes(), ElementsAre("Clear", "Set a"));
+}
+
+TEST(FakeKeyValueStoreTest, FailsOnDemandAndStaysAsItWas) {
+  test::FakeKeyValueStore store;
+  store.FailWriteAfter(1);
+  store.Set("a", "1");
+  EXPECT_THROW(store.Set("a", "2"), std::system_error);
+  EXPECT_EQ(store.Get("a"), "1");
+  store.Set("a", "3");
+  store.FailReads();
+  EXPECT_THROW(store.Get("a"), std::system_error);
+  EXPECT_THROW(store.Has("a"), std::system_error);
+}
+
+class FileKeyValueStoreTest : public testing::Test {
+ protected:
+  [[nodiscard]] std::unique_ptr<IKeyValueStore> Open() const { return FileKeyValueStore::Create(path_); }
+
+  [[nodiscard]] std::vector<std::string> FilesInFolder() const {
+    std::vector<std::string> names;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder_.path())) {
+      names.push_back(entry.path().filename());
+    }
+    return names;
+  }
+
+  [[nodiscard]] Json::Value Content() const {
+    Json::Value root;
+    std::string problems;
+    const std::string text = test::ReadFile(path_);
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &root, &problems)) << problems;
+    return root;
+  }
+
+  // Writes into the file in place, as an editor does, until the clock of the file system has moved on.
+  void Overwrite(const std::string& text) const {
+    struct stat before {};
+    struct stat after {};
+    ASSERT_EQ(stat(path_.c_str(), &before), 0);
+    do {
+      test::WriteFile(path_, text);
+      ASSERT_EQ(stat(path_.c_str(), &after), 0);
+    } while (after.st_ctim.tv_sec == before.st_ctim.tv_sec && after.st_ctim.tv_nsec == before.st_ctim.tv_nsec);
+  }
+
+  test::TempDir folder_;
+  const std::string path_ = folder_.File("store");
+};
+
+TEST_F(FileKeyValueStoreTest, CreateMakesAnEmptyStore) {
+  ASSERT_NE(Open(), nullptr);
+  EXPECT_EQ(Content(), Json::Value(Json::objectValue));
+  EXPECT_THAT(FilesInFolder(), ElementsAre("store"));
+}
+
+TEST_F(FileKeyValueStoreTest, CreateKeepsWhatIsThere) {
+  Open()->Set("key", "value");
+  EXPECT_EQ(Open()->Get("key"), "value");
+}
+
+TEST_F(FileKeyValueStoreTest, CreateReadsAFileOfAnotherHand) {
+  test::WriteFile(path_, " { \"status\" :\t\"lost\", \"euro\": \"\\u20ac\" } \n\n");
+  EXPECT_EQ(Open()->Get("status"), "lost");
+  EXPECT_EQ(Open()->Get("euro"), "\xE2\x82\xAC");
+}
+
+TEST_F(FileKeyValueStoreTest, CreateGivesNothingWhenTheFolderIsMissing) {
+  EXPECT_EQ(FileKeyValueStore::Create(folder_.File("missing/store")), nullptr);
+  EXPECT_EQ(FileKeyValueStore::Create(""), nullptr);
+}
+
+TEST_F(FileKeyValueStoreTest, CreateGivesNothingForADirectory) {
+  EXPECT_EQ(FileKeyValueStore::Create(folder_.path()), nullptr);
+  EXPECT_TRUE(fs::is_directory(folder_.path()));
+}
+
+TEST_F(FileKeyValueStoreTest, CreateGivesNothingForAFileThatIsClosedToUs) {
+  Open()->Set("key", "value");
+  fs::permissions(test::Root(), fs::perms(0711));
+  fs::permissions(folder_.path(), fs::perms(0777));
+  fs::permissions(path_, fs::perms::none);
+  test::Forked user([&] {
+    test::BecomeOrdinaryUser();
+    return Open() == nullptr ? 0 : 1;
+  });
+  EXPECT_EQ(user.Wait(), 0);
+  EXPECT_THAT(FilesInFolder(), ElementsAre("store"));
+}
+
+TEST_F(FileKeyValueStoreTest, CreateGivesNothingWhenTheFileCannotBeMade) {
+  fs::permissions(test::Root(), fs::perms(0711));
+  fs::permissions(folder_.path(), fs::perms(0555));
+  test::Forked user([&] {
+    test::BecomeOrdinaryUser();
+    return Open() == nullptr ? 0 : 1;
+  });
+  EXPECT_EQ(user.Wait(), 0);
+  fs::permissions(folder_.path(), fs::perms(0755));
+  EXPECT_THAT(FilesInFolder(), IsEmpty());
+}
+
+TEST_F(FileKeyValueStoreTest, AnotherUserMayReadButNotWrite) {
+  const auto store = Open();
+  store->Set("key", "value");
+  fs::permissions(test::Root(), fs::perms(0711));
+  fs::permissions(folder_.path(), fs::perms(0555));
+  test::Forked user([&] {
+    test::BecomeOrdinaryUser();
+    const auto reader = Open();
+    if (reader->Get("key") != "value") {
+      return 1;
+    }
+    try {
+      reader->Set("key", "other");
+      return 2;
+    } catch (const std::system_error&) {
+      return reader->Get("key") == "value" ? 0 : 3;
+    }
+  });
+  EXPECT_EQ(user.Wait(), 0);
+  fs::permissions(folder_.path(), fs::perms(0755));
+  EXPECT_EQ(store->Get("key"), "value");
+}
+
+TEST_F(FileKeyValueStoreTest, TheFileIsAJsonObjectOfTexts) {
+  const auto store = Open();
+  store->Set("status", "up_to_date");
+  store->Set("download_size_now", "12");
+  Json::Value expected(Json::objectValue);
+  expected["status"] = "up_to_date";
+  expected["download_size_now"] = "12";
+  EXPECT_EQ(Content(), expected);
+}
+
+TEST_F(FileKeyValueStoreTest, TheFileIsReadableForAllWhateverTheUmask) {
+  const mode_t before = umask(0077);
+  const auto store = Open();
+  EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0644));
+  store->Set("key", "value");
+  EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0644));
+  store->Clear();
+  EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0644));
+  umask(before);
+}
+
+TEST_F(FileKeyValueStoreTest, NoTemporaryFileStays) {
+  const auto store = Open();
+  store->Set("key", "value");
+  store->Clear();
+  EXPECT_THAT(FilesInFolder(), ElementsAre("store"));
+}
+
+TEST_F(FileKeyValueStoreTest, SeesWhatAnotherObjectWrote) {
+  const auto writer = Open();
+  const auto reader = Open();
+  for (int i = 0; i < 50; ++i) {
+    const std::string value(1, static_cast<char>('a' + i % 20));
+    writer->Set("key", value);
+    EXPECT_EQ(reader->Get("key"), value);
+    reader->Set("other", value);
+    EXPECT_EQ(writer->Get("other"), value);
+  }
+  writer->Clear();
+  EXPECT_FALSE(reader->Has("key"));
+}
+
+TEST_F(FileKeyValueStoreTest, SeesWhatAnotherProcessWrote) {
+  const auto store = Open();
+  EXPECT_FALSE(store->Has("key"));
+  test::Forked other([&] {
+    Open()->Set("key", "value");
+    return 0;
+  });
+  EXPECT_EQ(other.Wait(), 0);
+  EXPECT_EQ(store->Get("key"), "value");
+}
+
+TEST_F(FileKeyValueStoreTest, SeesWhatWasWrittenInPlace) {
+  const auto store = Open();
+  store->Set("key", "1");
+  Overwrite("{\"key\":\"2\"}");
+  EXPECT_EQ(store->Get("key"), "2");
+  Overwrite("{\"key\":\"3\"}");  // of the same size
+  EXPECT_EQ(store->Get("key"), "3");
+}
+
+TEST_F(FileKeyValueStoreTest, IsEmptyWhileTheFileIsMissing) {
+  const auto store = Open();
+  store->Set("key", "value");
+  fs::remove(path_);
+  EXPECT_FALSE(store->Has("key"));
+  EXPECT_EQ(store->Get("key"), "");
+  EXPECT_FALSE(fs::exists(path_));
+  store->Set("other", "1");
+  EXPECT_EQ(Open()->Get("other"), "1");
+  EXPECT_FALSE(Open()->Has("key"));
+}
+
+TEST_F(FileKeyValueStoreTest, ThrowsWhenTheFolderIsGone) {
+  const auto store = Open();
+  fs::remove_all(folder_.path());
+  EXPECT_THROW(store->Set("key", "value"), std::system_error);
+  EXPECT_THROW(store->Clear(), std::system_error);
+  fs::create_directory(folder_.path());
+}
+
+TEST_F(FileKeyValueStoreTest, ThrowsWhenADirectoryTakesThePlaceOfTheFile) {
+  const auto store = Open();
+  fs::remove(path_);
+  fs::create_directory(path_);
+  EXPECT_THROW(store->Has("key"), std::system_error);
+  EXPECT_THROW(store->Set("key", "value"), std::system_error);
+  EXPECT_THAT(FilesInFolder(), ElementsAre("store"));
+}
+
+class BrokenStoreTest : public FileKeyValueStoreTest, public testing::WithParamInterface<std::string> {};
+
+TEST_P(BrokenStoreTest, IsSetAsideAndAnEmptyStoreTakesItsPlace) {
+  test::WriteFile(path_, GetParam());
+  test::LogCapture::Clear();
+  const auto store = Open();
+  ASSERT_NE(store, nullptr);
+  EXPECT_FALSE(store->Has("key"));
+  EXPECT_EQ(test::ReadFile(path_ + ".broken"), GetParam());
+  EXPECT_EQ(Content(), Json::Value(Json::objectValue));
+  EXPECT_THAT(FilesInFolder(), UnorderedElementsAre("store", "store.broken"));
+  EXPECT_THAT(test::LogCapture::Lines(),
+              ElementsAre(test::ErrorLine("key_value_store.cpp", "Set aside broken store " + path_)));
+  store->Set("key", "new");
+  EXPECT_EQ(Open()->Get("key"), "new");
+}
+
+INSTANTIATE_TEST_SUITE_P(FileKeyValueStore, BrokenStoreTest,
+                         testing::Values("", "{", "{\"key\":\"value\"", "{\"key\":\"value\"} x", "[]", "\"text\"",
+                                         "null", "{\"key\":1}", "{\"key\":null}", "{\"key\":{}}", "{\"key\":[\"a\"]}",
+                                         "{\"key\":\"a\",\"key\":\"b\"}", "{'key':'a'}", "{\"key\":\"a\",}",
+                                         "// text\n{}", std::string("\0\xFF\x01", 3), std::string(500'000, '['),
+                                         std::string(100'000, '{'),
+                                         "{\"key\":\"" + std::string(1024 * 1024, 'x') + "\"}"));
+
+TEST_F(FileKeyValueStoreTest, ABrokenFileReplacesAnEarlierOne) {
+  test::WriteFile(path_, "first");
+  const auto store = Open();
+  Overwrite("second");
+  EXPECT_FALSE(store->Has("key"));
+  EXPECT_EQ(test::ReadFile(path_ + ".broken"), "second");
+}
+
+TEST_F(FileKeyValueStoreTest, ABrokenFileIsSetAsideByClearAndSetAsWell) {
+  const auto store = Open();
+  Overwrite("first");
+  store->Clear();
+  EXPECT_EQ(test::ReadFile(path_ + ".broken"), "first");
+  Overwrite("second");
+  store->Set("key", "value");
+  EXPECT_EQ(test::ReadFile(path_ + ".broken"), "second");
+  EXPECT_EQ(store->Get("key"), "value");
+}
+
+TEST_F(FileKeyValueStoreTest, ABrokenFileThatCannotBeSetAsideReadsAsEmpty) {
+  test::WriteFile(path_, "broken");
+  test::WriteFile(path_ + ".broken/file", "");  // no file can replace a directory
+  test::LogCapture::Clear();
+  const auto store = Open();
+  ASSERT_NE(store, nullptr);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_FALSE(store->Has("key"));
+  }
+  EXPECT_EQ(test::ReadFile(path_), "broken");
+  EXPECT_THAT(test::LogCapture::Lines(),
+              ElementsAre(test::ErrorLine("key_value_store.cpp",
+                                          "Failed to set aside broken store " + path_ + ": Is a directory")));
+  store->Set("key", "value");
+  EXPECT_EQ(store->Get("key"), "value");
+}
+
+TEST_F(FileKeyValueStoreTest, SetRefusesWhatCouldNotBeReadAgain) {
+  const auto store = Open();
+  store->Set("key", "value");
+  EXPECT_THROW(store->Set("key", std::string(1024 * 1024, 'x')), std::system_error);
+  EXPECT_EQ(store->Get("key"), "value");
+  store->Set("key", std::string(1000 * 1000, 'x'));
+  EXPECT_EQ(Open()->Get("key").size(), 1000U * 1000U);
+}
+
+TEST_F(FileKeyValueStoreTest, AFailedWriteLeavesEverythingAsItWas) {
+  Open()->Set("key", "value");
+  test::Forked writer([&] {
+    const auto store = Open();
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{64, 64};  // a disk that is full after 64 bytes
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) {
+      return 1;
+    }
+    try {
+      store->Set("key", std::string(1000, 'x'));
+      return 2;
+    } catch (const std::system_error& error) {
+      return error.code().value() == EFBIG && store->Get("key") == "value" ? 0 : 3;
+    }
+  });
+  EXPECT_EQ(writer.Wait(), 0);
+  EXPECT_EQ(Open()->Get("key"), "value");
+  EXPECT_THAT(FilesInFolder(), ElementsAre("store"));
+}
+
+TEST_F(FileKeyValueStoreTest, AReaderWithoutTheLockNeverSeesATornFile) {
+  const std::string first(5000, 'a');
+  const std::string second(70'000, 'b');
+  Open()->Set("key", first);
+  const auto read_until_done = [&] {
+    const auto store = Open();
+    std::string done;
+    while (done.empty()) {
+      const std::string value = store->Get("key");
+      const std::string text = test::ReadFile(path_);
+      if ((value != first && value != second) || !text.ends_with("\n}\n")) {
+        return 1;
+      }
+      done = store->Get("done");
+    }
+    return 0;
+  };
+  test::Forked one(read_until_done);
+  test::Forked two(read_until_done);
+  const auto writer = Open();
+  for (int i = 0; i < 200; ++i) {
+    writer->Set("key", i % 2 == 0 ? second : first);
+  }
+  writer->Set("done", "yes");
+  EXPECT_EQ(one.Wait(), 0);
+  EXPECT_EQ(two.Wait(), 0);
+  EXPECT_THAT(FilesInFolder(), ElementsAre("store"));
+}
+
+TEST_F(FileKeyValueStoreTest, TwoProcessesWithTheLockLoseNoUpdate) {
+  const std::string lock_path = folder_.File("lock");
+  const auto count = [&] {
+    const auto store = Open();
+    for (int i = 0; i < 200; ++i) {
+      const FileLock lock(lock_path);
+      store->Set("count", std::to_string(store->Has("count") ? std::stoi(store->Get("count")) + 1 : 1));
+    }
+    return 0;
+  };
+  test::Forked one(count);
+  test::Forked two(count);
+  EXPECT_EQ(one.Wait(), 0);
+  EXPECT_EQ(two.Wait(), 0);
+  EXPECT_EQ(Open()->Get("count"), "400");
+}
+
+TEST_F(FileKeyValueStoreTest, CreateNeverReplacesWhatAnotherProcessWrites) {
+  for (int round = 0; round < 100; ++round) {
+    const std::string path = folder_.File(std::to_string(round));
+    test::Forked other([&] { return FileKeyValueStore::Create(path) != nullptr ? 0 : 1; });
+    FileKeyValueStore::Create(path)->Set("key", "value");
+    EXPECT_EQ(other.Wait(), 0);
+    EXPECT_EQ(FileKeyValueStore::Create(path)->Get("key"), "value");
+  }
+}
+
+// Only an unchanged file is spared the reading: a limit on what may be opened shows that nothing is opened.
+TEST_F(FileKeyValueStoreTest, ReadsAnUnchangedFileOnce) {
+  Open()->Set("key", "value");
+  test::Forked reader([&] {
+    const auto store = Open();
+    const rlimit none{0, 0};
+    if (store->Get("key") != "value" || setrlimit(RLIMIT_NOFILE, &none) != 0) {
+      return 1;
+    }
+    return store->Has("key") && store->Get("key") == "value" ? 0 : 2;
+  });
+  EXPECT_EQ(reader.Wait(), 0);
+}
+
+TEST_F(FileKeyValueStoreTest, KeepsClearOfTheStandardStreams) {
+  Open()->Set("key", "value");
+  test::Forked host([&] {
+    close(STDIN_FILENO);
+    close(STDOUT_FILENO);
+    close(STDERR_FILENO);
+    const auto store = Open();
+    if (store->Get("key") != "value") {
+      return 1;
+    }
+    store->Set("key", "other");
+    return fcntl(STDIN_FILENO, F_GETFD) == -1 && fcntl(STDOUT_FILENO, F_GETFD) == -1 ? 0 : 2;
+  });
+  EXPECT_EQ(host.Wait(), 0);
+}
+
+}  // namespace
+}  // namespace orbamira::store

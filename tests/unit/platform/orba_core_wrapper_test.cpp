@@ -1,0 +1,472 @@
+#include "platform/orba_core_wrapper.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <semaphore.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/file_lock.h"
+#include "tests/support/forked.h"
+#include "tests/support/test_root.h"
+
+namespace orbamira::wrapper {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A disposition of SIGCHLD for the life of the object.
+class ScopedSigchld {
+ public:
+  ScopedSigchld(void (*handler)(int), int flags) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = flags;
+    sigaction(SIGCHLD, &action, &before_);
+  }
+  ScopedSigchld(const ScopedSigchld&) = delete;
+  ScopedSigchld& operator=(const ScopedSigchld&) = delete;
+  ~ScopedSigchld() { sigaction(SIGCHLD, &before_, nullptr); }
+
+ private:
+  struct sigaction before_ {};
+};
+
+class OrbaCoreWrapperRunCommandTest : public testing::Test {
+ protected:
+  int Run(const std::vector<std::string>& args) { return wrapper_.RunCommand(args); }
+  int RunScript(const std::string& script) { return Run({"/bin/sh", "-c", script, out_}); }
+  [[nodiscard]] std::string Out() const { return test::ReadFile(out_); }
+
+  test::TempDir folder_;
+  const std::string out_ = folder_.File("out");  // "$0" of a script
+  OrbaCoreWrapper wrapper_;
+};
+
+TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsTheExitStatus) {
+  for (const int status : {0, 1, 3, 127, 128, 255}) {
+    EXPECT_EQ(RunScript("exit " + std::to_string(status)), status);
+  }
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsTheNegativeNumberOfTheSignal) {
+  for (const int signal : {SIGHUP, SIGINT, SIGKILL, SIGTERM, SIGUSR1}) {
+    EXPECT_EQ(RunScript("kill -" + std::to_string(signal) + " $$"), -signal);
+  }
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsMinusOneWhenTheProgramCannotBeStarted) {
+  test::WriteFile(folder_.File("text"), "exit 0\n");
+  EXPECT_EQ(Run({folder_.File("missing")}), -1);
+  EXPECT_EQ(Run({folder_.File("text")}), -1);
+  EXPECT_EQ(Run({folder_.path()}), -1);
+  EXPECT_EQ(Run({""}), -1);
+  EXPECT_EQ(Run({}), -1);
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, DoesNotHandAFileThatIsNoProgramToAShell) {
+  test::WriteFile(folder_.File("text"), "exit 0\n");
+  fs::permissions(folder_.File("text"), fs::perms(0755));
+  EXPECT_EQ(Run({folder_.File("text")}), -1);
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, DoesNotSearchForTheProgram) { EXPECT_EQ(Run({"true"}), -1); }
+
+TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsMinusOneWhenTheArgumentsAreTooLong) {
+  EXPECT_EQ(Run({"/bin/true", std::string(1 << 20, 'x')}), -1);
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, RefusesAnArgumentWithANul) {
+  EXPECT_EQ(Run({"/bin/true", std::string("a\0b", 3)}), -1);
+  EXPECT_EQ(Run({std::string("/bin/true\0", 10)}), -1);
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, GivesTheArgumentsExactly) {
+  const std::vector<std::string> given = {"",    "a b",       "\"quoted\"", "it's", "$HOME",    "`id`", "*",
+                                          "\\n", "line\nend", " ",          "-x",   "; exit 9", "",     "\xFF\xC3"};
+  std::vector<std::string> args = {"/bin/sh", "-c", "for a; do printf '<%s>' \"$a\"; done > \"$0\"", out_};
+  args.insert(args.end(), given.begin(), given.end());
+  EXPECT_EQ(Run(args), 0);
+  std::string expected;
+  for (const std::string& argument : given) {
+    expected += "<" + argument + ">";
+  }
+  EXPECT_EQ(Out(), expected);
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, GivesTheEnvironmentAndTheFolder) {
+  ASSERT_EQ(setenv("ORBAMIRA_TEST", "here", 1), 0);
+  EXPECT_EQ(RunScript("{ echo $ORBAMIRA_TEST; pwd -P; } > \"$0\""), 0);
+  EXPECT_EQ(Out(), "here\n" + fs::canonical(fs::current_path()).string() + "\n");
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsTheStatusWhenSigchldIsIgnored) {
+  const ScopedSigchld ignored(SIG_IGN, 0);
+  EXPECT_EQ(RunScript("exit 3"), 3);
+  EXPECT_EQ(RunScript("kill -9 $$"), -9);
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsTheStatusWhenChildrenAreNotKept) {
+  const ScopedSigchld not_kept(SIG_DFL, SA_NOCLDWAIT);
+  EXPECT_EQ(RunScript("exit 3"), 3);
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsTheStatusWhenAHandlerReapsEveryChild) {
+  const ScopedSigchld reaps(
+      [](int) {
+        const int error = errno;
+        while (waitpid(-1, nullptr, WNOHANG) > 0) {
+        }
+        errno = error;
+      },
+      0);
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(RunScript("exit 3"), 3);
+  }
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsTheStatusWhenAThreadReapsEveryChild) {
+  std::atomic<bool> done = false;
+  std::thread reaper([&] {
+    while (!done) {
+      waitpid(-1, nullptr, WNOHANG);
+      std::this_thread::yield();
+    }
+  });
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(RunScript("exit 3"), 3);
+  }
+  done = true;
+  reaper.join();
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, SendsTheHostNoSigchld) {
+  static std::atomic<int> received;
+  received = 0;
+  const ScopedSigchld counts([](int) { ++received; }, SA_RESTART);
+  EXPECT_EQ(RunScript("exit 3"), 3);
+  EXPECT_EQ(received, 0);
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, LeavesTheHostsChildrenAlone) {
+  test::Forked child([] { return 7; });
+  siginfo_t info{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child.pid()), &info, WEXITED | WNOWAIT), 0);
+  EXPECT_EQ(RunScript("exit 3"), 3);
+  EXPECT_EQ(child.Wait(), 7);
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, LeavesNoChildBehind) {
+  EXPECT_EQ(RunScript("exit 3"), 3);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), -1);
+  EXPECT_EQ(errno, ECHILD);
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, LeavesTheHostsSignalsAsTheyWere) {
+  const ScopedSigchld ignored(SIG_IGN, 0);
+  sigset_t set;
+  sigset_t before;
+  sigemptyset(&set);
+  sigaddset(&set, SIGUSR2);
+  ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &set, &before), 0);
+  EXPECT_EQ(RunScript("exit 3"), 3);
+  sigset_t after;
+  ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &before, &after), 0);
+  for (int signal = 1; signal < SIGRTMIN; ++signal) {
+    EXPECT_EQ(sigismember(&after, signal), signal == SIGUSR2 ? 1 : 0) << signal;
+  }
+  struct sigaction action {};
+  sigaction(SIGCHLD, nullptr, &action);
+  EXPECT_EQ(action.sa_handler, SIG_IGN);
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, StartsTheProgramWithDefaultSignals) {
+  test::Forked host([&] {
+    for (const int signal : {SIGCHLD, SIGPIPE, SIGINT, SIGTERM, SIGRTMIN}) {
+      std::signal(signal, SIG_IGN);
+    }
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, nullptr);
+    return RunScript("exec grep -E '^Sig(Blk|Ign)' /proc/self/status > \"$0\"");
+  });
+  EXPECT_EQ(host.Wait(), 0);
+  // The C library keeps signals 32 and 33 for itself and leaves them ignored in a spawned program.
+  EXPECT_THAT(Out(), testing::MatchesRegex("SigBlk:\t0000000000000000\nSigIgn:\t0000000[01][08]0000000\n"));
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, GivesDevNullAsStandardInput) {
+  test::Forked host([&] {
+    int ends[2];
+    if (pipe(ends) != 0 || dup2(ends[0], STDIN_FILENO) != STDIN_FILENO) {
+      return 98;
+    }
+    return RunScript("readlink /proc/$$/fd/0 > \"$0\"; cat >> \"$0\"");
+  });
+  EXPECT_EQ(host.Wait(), 0);
+  EXPECT_EQ(Out(), "/dev/null\n");
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, LetsTheProgramWriteToTheHostsStreams) {
+  test::Forked host([&] {
+    const int out = open(out_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    dup2(out, STDOUT_FILENO);
+    dup2(out, STDERR_FILENO);
+    return RunScript("echo out; echo err >&2");
+  });
+  EXPECT_EQ(host.Wait(), 0);
+  EXPECT_EQ(Out(), "out\nerr\n");
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, GivesDevNullForStreamsThatTheHostHasClosed) {
+  test::Forked host([&] {
+    close(STDIN_FILENO);
+    close(STDOUT_FILENO);
+    close(STDERR_FILENO);
+    return RunScript("for fd in 0 1 2; do test \"$(readlink /proc/$$/fd/$fd)\" = /dev/null || exit 1; done");
+  });
+  EXPECT_EQ(host.Wait(), 0);
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, DoesNotLetTheProgramWriteToAFileOfTheHostsOwn) {
+  test::Forked host([&] {
+    close(STDOUT_FILENO);
+    close(STDERR_FILENO);
+    const int own = open(out_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    return own == STDOUT_FILENO ? RunScript("echo out; echo err >&2") : 98;
+  });
+  EXPECT_EQ(host.Wait(), 0);
+  EXPECT_EQ(Out(), "");
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, GivesTheProgramNoOtherDescriptor) {
+  test::Forked host([&] {
+    const int leaked = open("/dev/zero", O_RDONLY);  // NOLINT(android-cloexec-open)
+    const int out = open(out_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (dup2(leaked, 57) != 57 || dup2(leaked, 500) != 500 || dup2(out, STDOUT_FILENO) != STDOUT_FILENO) {
+      return 98;
+    }
+    return RunScript("ls /proc/$$/fd; true");
+  });
+  EXPECT_EQ(host.Wait(), 0);
+  EXPECT_EQ(Out(), "0\n1\n2\n");
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, MayBeCalledFromSeveralThreads) {
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong = 0;
+  for (int number = 0; number < 8; ++number) {
+    threads.emplace_back([this, number, &wrong] {
+      for (int i = 0; i < 10; ++i) {
+        const int status = 20 * number + i;
+        wrong += RunScript("exit " + std::to_string(status)) == status ? 0 : 1;
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(wrong, 0);
+}
+
+// The copy of the host may find any lock of it taken, that of the memory allocator first of all.
+TEST_F(OrbaCoreWrapperRunCommandTest, WorksWhileOtherThreadsTakeMemory) {
+  std::atomic<bool> done = false;
+  std::vector<std::thread> threads;
+  for (int number = 0; number < 4; ++number) {
+    threads.emplace_back([&] {
+      while (!done) {
+        const std::vector<std::string> texts(100, std::string(1000, 'x'));
+      }
+    });
+  }
+  for (int i = 0; i < 30; ++i) {
+    EXPECT_EQ(RunScript("exit 3"), 3);
+  }
+  done = true;
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+// What happens to the host while a program runs: the program says that it has started and goes on when it is told.
+class OrbaCoreWrapperRunningTest : public OrbaCoreWrapperRunCommandTest {
+ protected:
+  OrbaCoreWrapperRunningTest() {
+    EXPECT_EQ(mkfifo(started_.c_str(), 0600), 0);
+    EXPECT_EQ(mkfifo(go_on_.c_str(), 0600), 0);
+  }
+
+  int RunUntilTold() { return Run({"/bin/sh", "-c", "echo > \"$0\"; read line < \"$1\"; exit 5", started_, go_on_}); }
+  void AwaitStart() { test::ReadFile(started_); }
+  void Tell() { std::ofstream(go_on_) << "go on\n"; }
+
+  const std::string started_ = folder_.File("started");
+  const std::string go_on_ = folder_.File("go_on");
+};
+
+TEST_F(OrbaCoreWrapperRunningTest, TheHostsSignalsAreHandled) {
+  static sem_t handled;
+  ASSERT_EQ(sem_init(&handled, 0, 0), 0);
+  struct sigaction action {};
+  struct sigaction before {};
+  action.sa_handler = [](int) { sem_post(&handled); };  // without SA_RESTART: the wait is interrupted
+  ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
+  std::atomic<int> status = 0;
+  std::thread caller([&] { status = RunUntilTold(); });
+  AwaitStart();
+  pthread_kill(caller.native_handle(), SIGUSR1);
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += 20;
+  EXPECT_EQ(sem_timedwait(&handled, &deadline), 0);
+  Tell();
+  caller.join();
+  EXPECT_EQ(status, 5);
+  sigaction(SIGUSR1, &before, nullptr);
+}
+
+TEST_F(OrbaCoreWrapperRunningTest, AnotherThreadMayChangeTheUser) {
+  std::atomic<int> status = 0;
+  std::thread caller([&] { status = RunUntilTold(); });
+  AwaitStart();
+  EXPECT_EQ(setuid(getuid()), 0);  // every thread of the process takes part in it
+  Tell();
+  caller.join();
+  EXPECT_EQ(status, 5);
+}
+
+TEST_F(OrbaCoreWrapperRunningTest, ALockOfAHostThatIsKilledIsFree) {
+  const std::string lock_path = folder_.File("lock");
+  test::Forked host([&] {
+    const store::FileLock lock(lock_path);
+    return RunUntilTold();
+  });
+  AwaitStart();
+  const int fd = open(lock_path.c_str(), O_RDONLY | O_CLOEXEC);
+  EXPECT_EQ(flock(fd, LOCK_EX | LOCK_NB), -1);
+  kill(host.pid(), SIGKILL);
+  EXPECT_EQ(host.Wait(), -SIGKILL);
+  EXPECT_EQ(flock(fd, LOCK_EX | LOCK_NB), 0);
+  close(fd);
+  Tell();
+}
+
+class OrbaCoreWrapperGetKeyValueTest : public testing::Test {
+ protected:
+  std::string Get(const std::string& text, const std::string& key) {
+    test::WriteFile(file_, text);
+    return wrapper_.GetKeyValue(file_, key);
+  }
+
+  test::TempDir folder_;
+  const std::string file_ = folder_.File("settings");
+  OrbaCoreWrapper wrapper_;
+};
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, GivesTheValueOfTheKey) {
+  EXPECT_EQ(Get("a=1\nb=2\nc=3\n", "b"), "2");
+  EXPECT_EQ(Get("a=1\nb=2", "b"), "2");
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, GivesNothingWhenTheKeyIsMissing) {
+  EXPECT_EQ(Get("a=1\n", "b"), "");
+  EXPECT_EQ(Get("", "b"), "");
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, MatchesTheWholeKey) {
+  EXPECT_EQ(Get("keys=1\nmykey=2\nKEY=3\nkey=4\n", "key"), "4");
+  EXPECT_EQ(Get("key\nkey 1\n", "key"), "");
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, TakesTheFirstOfSeveral) {
+  EXPECT_EQ(Get("a=1\na=2\n", "a"), "1");
+  EXPECT_EQ(Get("a=\na=2\n", "a"), "");
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, DropsBlanksAroundKeyAndValue) {
+  EXPECT_EQ(Get(" \ta\t =\t two words \t\n", "a"), "two words");
+  EXPECT_EQ(Get("a=   \n", "a"), "");
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, DropsOnePairOfQuotes) {
+  EXPECT_EQ(Get("a=\"1.2\"\n", "a"), "1.2");
+  EXPECT_EQ(Get("a= \" kept \" \n", "a"), " kept ");
+  EXPECT_EQ(Get("a=\"\"x\"\"\n", "a"), "\"x\"");
+  EXPECT_EQ(Get("a=\"\n", "a"), "\"");
+  EXPECT_EQ(Get("a=\"open\n", "a"), "\"open");
+  EXPECT_EQ(Get("a=\"\"\n", "a"), "");
+  EXPECT_EQ(Get("a='1'\n", "a"), "'1'");
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, KeepsEverythingAfterTheFirstEqualsSign) {
+  EXPECT_EQ(Get("a=http://host/?b=c&d==\n", "a"), "http://host/?b=c&d==");
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, DropsACarriageReturnBeforeTheLinesEnd) {
+  EXPECT_EQ(Get("a=\"1\"\r\nb=2\r\n", "a"), "1");
+  EXPECT_EQ(Get("b=2\r", "b"), "2");
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, IgnoresComments) {
+  EXPECT_EQ(Get("#a=1\na=2 # kept\n", "a"), "2 # kept");
+  EXPECT_EQ(Get("#a=1\n", "#a"), "");
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, TakesBinaryContentAsItIs) {
+  const std::string text(
+      "\0\xFF=x\n=\n\0\0\n"
+      "a=1\0002\nb=3",
+      21);
+  EXPECT_EQ(Get(text, "a"), std::string("1\0002", 3));
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, LooksAtTheFirstMebibyteOnly) {
+  const std::string filler(1024 * 1024 - 4, '#');
+  EXPECT_EQ(Get("k=v\n" + filler, "k"), "v");
+  EXPECT_EQ(Get(filler.substr(4) + "\nk=v\nlater=1\n", "later"), "");
+  EXPECT_EQ(Get(filler.substr(4) + "\nk=v\nlater=1\n", "k"), "v");
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, GivesNoPartOfAValue) {
+  EXPECT_EQ(Get(std::string(1024 * 1024 - 10, '#') + "\nkey=a long value\n", "key"), "");
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, GivesNothingForWhatIsNoReadableFile) {
+  EXPECT_EQ(wrapper_.GetKeyValue(folder_.File("missing"), "a"), "");
+  EXPECT_EQ(wrapper_.GetKeyValue(folder_.path(), "a"), "");
+  EXPECT_EQ(wrapper_.GetKeyValue("", "a"), "");
+  EXPECT_EQ(wrapper_.GetKeyValue("/proc/self/mem", "a"), "");
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, DoesNotWaitAtAPipe) {
+  ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
+  EXPECT_EQ(wrapper_.GetKeyValue(file_, "a"), "");
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, GivesNothingForAFileThatIsClosedToUs) {
+  test::WriteFile(file_, "a=1\n");
+  fs::permissions(test::Root(), fs::perms(0711));
+  fs::permissions(folder_.path(), fs::perms(0711));
+  fs::permissions(file_, fs::perms::none);
+  test::Forked user([&] {
+    test::BecomeOrdinaryUser();
+    return wrapper_.GetKeyValue(file_, "a").empty() ? 0 : 1;
+  });
+  EXPECT_EQ(user.Wait(), 0);
+}
+
+}  // namespace
+}  // namespace orbamira::wrapper
