@@ -1,0 +1,28 @@
+#pragma once
+
+#include <json/json.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace orbazelo {
+
+/// The JSON object that the text holds, and nothing else; empty for any other text. Why is not told: the parser's own
+/// words may quote the text, which may hold a token.
+inline std::optional<Json::Value> ParseJsonObject(const std::string& text) {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value value;
+  try {
+    if (!reader->parse(text.data(), text.data() + text.size(), &value, nullptr) || !value.isObject()) {
+      return std::nullopt;
+    }
+  } catch (const Json::Exception&) {  // nested too deeply
+    return std::nullopt;
+  }
+  return value;
+}
+
+}  // namespace orbazelo

@@ -1,0 +1,200 @@
+#include "platform/oidc_provider.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+
+#include "platform/orbazelo.h"
+#include "tests/support/oidc_provider.h"
+
+namespace orbazelo {
+namespace {
+
+using orbamira::test::HttpResponse;
+using orbamira::test::OidcProvider;
+using orbamira::test::RefusingPort;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+using testing::StartsWith;
+
+class RefreshTokensTest : public testing::Test {
+ protected:
+  RefreshTokensTest() { provider_.token_response["id_token"] = "new-id"; }
+
+  RefreshedTokens Refresh() { return RefreshTokens(provider_.issuer(), "client", "old-refresh"); }
+
+  std::string FailureOf(const std::string& issuer, const ProviderLimits& limits = {}) {
+    try {
+      RefreshTokens(issuer, "client", "old-refresh", limits);
+    } catch (const ZeloException& failure) {
+      EXPECT_THAT(failure.what(), Not(HasSubstr("old-refresh")));
+      return failure.what();
+    }
+    ADD_FAILURE() << "tokens were renewed";
+    return "";
+  }
+
+  std::string Failure() { return FailureOf(provider_.issuer()); }
+
+  OidcProvider provider_;
+};
+
+TEST_F(RefreshTokensTest, RefreshTokensSendsTheForm) {
+  EXPECT_EQ(Refresh().id_token, "new-id");
+  ASSERT_THAT(provider_.server().Requests(), SizeIs(2));
+  const orbamira::test::HttpRequest request = provider_.server().Requests()[1];
+  EXPECT_EQ(request.Header("Content-Type"), "application/x-www-form-urlencoded");
+  EXPECT_EQ(request.Header("Accept"), "application/json");
+  EXPECT_EQ(request.body, "grant_type=refresh_token&refresh_token=old-refresh&client_id=client");
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensEncodesTheForm) {
+  RefreshTokens(provider_.issuer(), "a client", "1+2/3=&x=y");
+  EXPECT_EQ(provider_.LastForm(), "grant_type=refresh_token&refresh_token=1%2B2%2F3%3D%26x%3Dy&client_id=a%20client");
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensReturnsARotatedToken) {
+  EXPECT_EQ(Refresh().refresh_token, "");
+  provider_.token_response["refresh_token"] = "new-refresh";
+  EXPECT_EQ(Refresh().refresh_token, "new-refresh");
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensDropsTheSlashBehindTheIssuer) {
+  provider_.configuration["issuer"] = provider_.issuer() + "/";
+  EXPECT_EQ(RefreshTokens(provider_.issuer() + "/", "client", "old-refresh").id_token, "new-id");
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensRefusesAnIssuerThatIsNotSafe) {
+  for (const std::string issuer :
+       {"http://issuer.example", "http://127.0.0.1@issuer.example", "http://127.0.0.2.example", "ftp://127.0.0.1",
+        "file:///etc", "issuer.example", "", "http://", "nonsense with blanks"}) {
+    EXPECT_EQ(FailureOf(issuer), "the issuer is neither https nor on this machine: " + issuer);
+  }
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensTakesTheLoopbackByAnyName) {
+  const RefusingPort port;
+  const std::string number = port.Url("").substr(port.Url("").rfind(':'));
+  for (const std::string host : {"127.0.0.1", "localhost", "[::1]"}) {
+    EXPECT_THAT(FailureOf("http://" + host + number), StartsWith("the provider cannot be asked: ")) << host;
+  }
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensRefusesTheConfigurationOfAnotherIssuer) {
+  for (const Json::Value& issuer : {Json::Value("https://other.example"), Json::Value(provider_.issuer() + "/"),
+                                    Json::Value(), Json::Value(7), Json::Value(Json::objectValue)}) {
+    provider_.configuration["issuer"] = issuer;
+    EXPECT_EQ(Failure(), "the provider's configuration is of another issuer than " + provider_.issuer());
+  }
+  EXPECT_EQ(provider_.TokenRequests(), 0U);
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensRefusesATokenEndpointThatIsNotSafe) {
+  for (const Json::Value& endpoint :
+       {Json::Value("http://other.example/token"), Json::Value("/token"), Json::Value(), Json::Value(7)}) {
+    provider_.configuration["token_endpoint"] = endpoint;
+    EXPECT_EQ(Failure(), "the provider's configuration has no token endpoint that is https or on this machine");
+  }
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensReportsAConfigurationThatIsMalformed) {
+  for (const std::string body : {"", "<html>", "[]", "{", "7", "{} {}"}) {
+    provider_.discovery_answer = [&] { return HttpResponse{.body = body}; };
+    EXPECT_EQ(Failure(), "the provider's configuration is not a JSON object") << body;
+  }
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensReportsNestingWithoutEnd) {
+  provider_.discovery_answer = [] { return HttpResponse{.body = std::string(500'000, '[')}; };
+  EXPECT_EQ(Failure(), "the provider's configuration is not a JSON object");
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensReportsAnotherStatusOfDiscovery) {
+  for (const int status : {301, 404, 500}) {
+    provider_.discovery_answer = [&] { return HttpResponse{.status = status, .headers = {{"Location", "/x"}}}; };
+    EXPECT_EQ(Failure(), "the provider answered " + std::to_string(status) + " when asked for its configuration");
+  }
+  EXPECT_THAT(provider_.server().Requests(), SizeIs(3));
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensReportsAnAnswerThatIsTooLong) {
+  provider_.discovery_answer = [] { return HttpResponse{.body = std::string(1024 * 1024 + 1, ' ')}; };
+  EXPECT_EQ(Failure(), "the provider's answer is over 1048576 bytes");
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensReportsAProviderThatIsDown) {
+  const RefusingPort port;
+  EXPECT_THAT(FailureOf(port.Url("")), AllOf(StartsWith("the provider cannot be asked: "), HasSubstr("connect")));
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensReportsAProviderThatStalls) {
+  const ProviderLimits limits{.whole = std::chrono::milliseconds(200)};
+  provider_.discovery_answer = [] { return HttpResponse{.body = "{}", .stall_at = 0}; };
+  EXPECT_THAT(FailureOf(provider_.issuer(), limits),
+              AllOf(StartsWith("the provider cannot be asked: "), HasSubstr("timed out")));
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensWaitsNoLongerThanPromised) {
+  EXPECT_EQ(ProviderLimits{}.connect, std::chrono::seconds(10));
+  EXPECT_EQ(ProviderLimits{}.whole, std::chrono::seconds(20));
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensQuotesTheProvidersReason) {
+  provider_.token_answer = [] {
+    return HttpResponse{.status = 400,
+                        .body = R"({"error":"invalid_grant","error_description":"Token was\n revoked"})"};
+  };
+  EXPECT_EQ(Failure(), "the provider refused to renew the token: status 400, invalid_grant, Token was revoked");
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensNeverQuotesTheToken) {
+  provider_.token_answer = [] {
+    return HttpResponse{.status = 400, .body = R"({"error":"x","error_description":"old-refresh is unknown"})"};
+  };
+  EXPECT_EQ(Failure(), "the provider refused to renew the token: status 400, x");
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensQuotesNoMoreThanItNeeds) {
+  provider_.token_answer = [] {
+    return HttpResponse{.status = 400, .body = R"({"error":")" + std::string(5000, 'x') + "\"}"};
+  };
+  EXPECT_EQ(Failure(), "the provider refused to renew the token: status 400, " + std::string(200, 'x'));
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensReportsARefusalWithoutReason) {
+  for (const std::string body : {"", "<html>", R"({"error":7})"}) {
+    provider_.token_answer = [&] { return HttpResponse{.status = 503, .body = body}; };
+    EXPECT_EQ(Failure(), "the provider refused to renew the token: status 503");
+  }
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensDoesNotFollowARedirectWithTheToken) {
+  provider_.token_answer = [] { return HttpResponse{.status = 307, .headers = {{"Location", "/elsewhere"}}}; };
+  EXPECT_EQ(Failure(), "the provider refused to renew the token: status 307");
+  EXPECT_THAT(provider_.server().Requests(), SizeIs(2));
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensReportsAnAnswerThatIsMalformed) {
+  for (const std::string body : {"", "<html>", "[]", "{\"id_token\":"}) {
+    provider_.token_answer = [&] { return HttpResponse{.body = body}; };
+    EXPECT_EQ(Failure(), "the provider's answer is not a JSON object") << body;
+  }
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensReportsARefreshTokenThatIsNoText) {
+  provider_.token_response["refresh_token"] = 7;
+  EXPECT_EQ(Failure(), "the provider's refresh token is not a text");
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensTakesAnIdTokenThatIsNoTextForNone) {
+  provider_.token_response["id_token"] = 7;
+  EXPECT_EQ(Refresh().id_token, "");
+}
+
+}  // namespace
+}  // namespace orbazelo

@@ -1,0 +1,389 @@
+#include "platform/orbazelo.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <barrier>
+#include <csignal>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "platform/constants.h"
+#include "tests/support/oidc_provider.h"
+#include "tests/support/test_root.h"
+
+namespace orbazelo {
+namespace {
+
+namespace fs = std::filesystem;
+namespace path = orbamira::path;
+using orbamira::test::HttpResponse;
+using orbamira::test::MakeIdToken;
+using orbamira::test::OidcProvider;
+using orbamira::test::ReadFile;
+using orbamira::test::WriteFile;
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr const char* kClient = "client";
+
+void WriteAccount(const std::string& text, mode_t mode = 0600) {
+  WriteFile(path::kAccountFile, text);
+  ASSERT_EQ(chmod(path::kAccountFile, mode), 0);
+}
+
+void StoreAccount(const Json::Value& account) { WriteAccount(account.toStyledString()); }
+
+Json::Value ReadAccount() {
+  Json::Value account;
+  EXPECT_TRUE(Json::Reader().parse(ReadFile(path::kAccountFile), account));
+  return account;
+}
+
+template <typename Action>
+std::string FailureOf(Action action) {
+  try {
+    action();
+  } catch (const ZeloException& failure) {
+    return failure.what();
+  }
+  ADD_FAILURE() << "nothing was thrown";
+  return "";
+}
+
+std::string AboutFile(const std::string& text) {
+  return std::string("the account file ") + path::kAccountFile + " " + text;
+}
+
+class UserTest : public testing::Test {
+ protected:
+  void SetUp() override { fs::remove_all(path::kAccountFile); }
+
+  static std::string Failure() {
+    return FailureOf([] { User(); });
+  }
+};
+
+TEST_F(UserTest, ExistsWhenTheAccountHasAUser) {
+  WriteAccount(R"({"user_id": "4711"})");
+  EXPECT_TRUE(User().Exists());
+  EXPECT_EQ(User().GetId(), "4711");
+}
+
+TEST_F(UserTest, DoesNotExistWithoutAFile) {
+  EXPECT_FALSE(User().Exists());
+  EXPECT_EQ(User().GetId(), "");
+}
+
+TEST_F(UserTest, DoesNotExistWithoutAnId) {
+  for (const std::string text : {"{}", R"({"user_id": ""})"}) {
+    WriteAccount(text);
+    EXPECT_FALSE(User().Exists()) << text;
+  }
+}
+
+TEST_F(UserTest, IsAsItWasWhenItWasMade) {
+  WriteAccount(R"({"user_id": "4711"})");
+  const User user;
+  fs::remove(path::kAccountFile);
+  EXPECT_EQ(user.GetId(), "4711");
+}
+
+TEST_F(UserTest, RefusesAFileThatIsOpenToOthers) {
+  for (const mode_t mode : {0640U, 0620U, 0610U, 0604U, 0602U, 0601U, 0644U, 0777U}) {
+    WriteAccount(R"({"user_id": "4711"})", mode);
+    EXPECT_EQ(Failure(), AboutFile("is open to others than its owner; its mode must be 0600")) << std::oct << mode;
+  }
+}
+
+TEST_F(UserTest, TakesAFileThatOnlyItsOwnerReads) {
+  WriteAccount(R"({"user_id": "4711"})", 0400);
+  EXPECT_TRUE(User().Exists());
+}
+
+TEST_F(UserTest, RefusesAMalformedFile) {
+  for (const std::string text : {"", "{", "[]", "7", "<html>", "{} x", R"({"user_id": "a", "user_id": "b"})"}) {
+    WriteAccount(text);
+    EXPECT_EQ(Failure(), AboutFile("is malformed: it is not a JSON object")) << text;
+  }
+}
+
+TEST_F(UserTest, RefusesNestingWithoutEnd) {
+  WriteAccount(R"({"user_id": )" + std::string(100'000, '['));
+  EXPECT_EQ(Failure(), AboutFile("is malformed: it is not a JSON object"));
+}
+
+TEST_F(UserTest, RefusesAnIdThatIsNoText) {
+  for (const std::string text : {"7", "null", "[]", "{}", "true"}) {
+    WriteAccount(R"({"user_id": )" + text + "}");
+    EXPECT_EQ(Failure(), AboutFile("is malformed: \"user_id\" is not a text")) << text;
+  }
+}
+
+TEST_F(UserTest, RefusesAFileOfMoreThanAMebibyte) {
+  const std::string text = R"({"user_id": "4711"})";
+  WriteAccount(text + std::string(1024 * 1024 - text.size(), ' '));
+  EXPECT_TRUE(User().Exists());
+  WriteAccount(text + std::string(1024 * 1024 - text.size() + 1, ' '));
+  EXPECT_EQ(Failure(), AboutFile("is over 1048576 bytes"));
+}
+
+TEST_F(UserTest, RefusesWhatIsNoFile) {
+  fs::create_directories(path::kAccountFile);
+  EXPECT_EQ(Failure(), AboutFile("is not a regular file"));
+  fs::remove(path::kAccountFile);
+  ASSERT_EQ(mkfifo(path::kAccountFile, 0600), 0);
+  EXPECT_EQ(Failure(), AboutFile("is not a regular file"));
+}
+
+TEST_F(UserTest, ReportsAFileThatCannotBeOpened) {
+  fs::create_directories(fs::path(path::kAccountFile).parent_path());
+  fs::create_symlink(path::kAccountFile, path::kAccountFile);
+  EXPECT_THAT(Failure(), StartsWith(AboutFile("cannot be opened: ")));
+}
+
+class PackagePkceClientTest : public testing::Test {
+ protected:
+  PackagePkceClientTest() {
+    fs::remove_all(path::kAccountFile);
+    fs::remove_all(path::kAccountLock);
+    account_["user_id"] = "4711";
+    account_["issuer"] = provider_.issuer();
+    provider_.token_response["id_token"] = new_token_;
+    provider_.token_response["refresh_token"] = "new-refresh";
+    SetTokens(Token(-1), "old-refresh");
+  }
+
+  [[nodiscard]] std::string Token(std::int64_t seconds) const {
+    return MakeIdToken(provider_.Claims(kClient, seconds));
+  }
+
+  void SetTokens(const std::string& id_token, const std::string& refresh_token) {
+    account_["clients"][kClient]["id_token"] = id_token;
+    account_["clients"][kClient]["refresh_token"] = refresh_token;
+    StoreAccount(account_);
+  }
+
+  static std::string Get() { return PackagePkceClient(kClient).GetIdToken(); }
+
+  // No reason may show a token.
+  static std::string Failure() {
+    std::string reason = FailureOf([] { Get(); });
+    EXPECT_THAT(reason, AllOf(Not(HasSubstr("-refresh")), Not(HasSubstr("eyJ"))));
+    return reason;
+  }
+
+  // The provider's token is refused, but its refresh token must not be lost.
+  void ExpectRefused(const std::string& id_token, const std::string& fault) {
+    provider_.token_response["id_token"] = id_token;
+    SetTokens(Token(-1), "old-refresh");
+    EXPECT_EQ(Failure(), "the provider's identity token cannot be used: " + fault);
+    EXPECT_EQ(ReadAccount()["clients"][kClient]["id_token"], account_["clients"][kClient]["id_token"]);
+    EXPECT_EQ(ReadAccount()["clients"][kClient]["refresh_token"], "new-refresh");
+  }
+
+  OidcProvider provider_;
+  std::string new_token_ = Token(3600);
+  Json::Value account_;
+};
+
+TEST_F(PackagePkceClientTest, GetIdTokenReturnsAValidToken) {
+  const std::string token = Token(3600);
+  SetTokens(token, "old-refresh");
+  EXPECT_EQ(Get(), token);
+  EXPECT_THAT(provider_.server().Requests(), IsEmpty());
+  EXPECT_FALSE(fs::exists(path::kAccountLock));
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenReturnsATokenThatIsValidForMoreThanAMinute) {
+  const std::string token = Token(65);  // a few seconds for the test
+  SetTokens(token, "old-refresh");
+  EXPECT_EQ(Get(), token);
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRenewsATokenThatIsValidForLessThanAMinute) {
+  SetTokens(Token(59), "old-refresh");
+  EXPECT_EQ(Get(), new_token_);
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRenewsAnExpiredToken) {
+  EXPECT_EQ(Get(), new_token_);
+  EXPECT_EQ(provider_.LastForm(), "grant_type=refresh_token&refresh_token=old-refresh&client_id=client");
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRenewsATokenThatCannotBeRead) {
+  Json::Value claims = provider_.Claims(kClient, 3600);
+  claims.removeMember("exp");
+  for (const std::string& token : {std::string(), std::string("nonsense"), MakeIdToken(claims)}) {
+    SetTokens(token, "old-refresh");
+    EXPECT_EQ(Get(), new_token_) << token;
+  }
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRenewsATokenThatIsMissing) {
+  account_["clients"][kClient].removeMember("id_token");
+  StoreAccount(account_);
+  EXPECT_EQ(Get(), new_token_);
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenKeepsTheNewTokens) {
+  account_["clients"]["other"]["id_token"] = "of another client";
+  account_["clients"][kClient]["more"] = "kept";
+  account_["more"]["\u00fc"] = 1.5;
+  account_["large"] = Json::UInt64{18446744073709551615U};
+  StoreAccount(account_);
+  EXPECT_EQ(Get(), new_token_);
+  Json::Value expected = account_;
+  expected["clients"][kClient]["id_token"] = new_token_;
+  expected["clients"][kClient]["refresh_token"] = "new-refresh";
+  EXPECT_EQ(ReadAccount(), expected);
+  EXPECT_EQ(fs::status(path::kAccountFile).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(Get(), new_token_);
+  EXPECT_EQ(provider_.TokenRequests(), 1U);
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenKeepsTheRefreshTokenThatWasNotRotated) {
+  provider_.token_response.removeMember("refresh_token");
+  EXPECT_EQ(Get(), new_token_);
+  EXPECT_EQ(ReadAccount()["clients"][kClient]["refresh_token"], "old-refresh");
+  EXPECT_EQ(ReadAccount()["clients"][kClient]["id_token"], new_token_);
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRenewsOnceForManyAtOnce) {
+  constexpr int kCallers = 8;
+  std::barrier start(kCallers);
+  std::array<std::string, kCallers> tokens;
+  std::array<std::thread, kCallers> callers;
+  for (int i = 0; i < kCallers; ++i) {
+    callers.at(static_cast<std::size_t>(i)) = std::thread([&, i] {
+      start.arrive_and_wait();
+      tokens.at(static_cast<std::size_t>(i)) = Get();
+    });
+  }
+  for (std::thread& caller : callers) {
+    caller.join();
+  }
+  EXPECT_THAT(tokens, testing::Each(new_token_));
+  EXPECT_EQ(provider_.TokenRequests(), 1U);
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenNeedsAnAccount) {
+  fs::remove(path::kAccountFile);
+  EXPECT_EQ(Failure(), "no account is signed in");
+  WriteAccount("{}");
+  EXPECT_EQ(Failure(), "no account is signed in");
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenNeedsTokensOfTheClient) {
+  account_["clients"].removeMember(kClient);
+  StoreAccount(account_);
+  EXPECT_EQ(Failure(), "the account has no tokens for client client");
+  account_.removeMember("clients");
+  StoreAccount(account_);
+  EXPECT_EQ(Failure(), "the account has no tokens for client client");
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenNeedsARefreshTokenToRenew) {
+  SetTokens(Token(-1), "");
+  EXPECT_EQ(Failure(), "the identity token has expired and there is no refresh token for client client");
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRefusesAFileThatIsOpenToOthers) {
+  ASSERT_EQ(chmod(path::kAccountFile, 0640), 0);
+  EXPECT_EQ(Failure(), AboutFile("is open to others than its owner; its mode must be 0600"));
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRefusesMembersOfAnotherType) {
+  Json::Value account = account_;
+  account["clients"] = 7;
+  StoreAccount(account);
+  EXPECT_EQ(Failure(), AboutFile("is malformed: \"clients\" is not an object"));
+  account = account_;
+  account["clients"][kClient] = "text";
+  StoreAccount(account);
+  EXPECT_EQ(Failure(), AboutFile("is malformed: \"client\" is not an object"));
+  for (const char* const member : {"id_token", "refresh_token"}) {
+    account = account_;
+    account["clients"][kClient][member] = 7;
+    StoreAccount(account);
+    EXPECT_EQ(Failure(), AboutFile("is malformed: \"" + std::string(member) + "\" is not a text"));
+  }
+  account = account_;
+  account["issuer"] = 7;
+  StoreAccount(account);
+  EXPECT_EQ(Failure(), AboutFile("is malformed: \"issuer\" is not a text"));
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRefusesAnIssuerThatIsNotSafe) {
+  account_["issuer"] = "http://issuer.example";
+  StoreAccount(account_);
+  EXPECT_EQ(Failure(), "the issuer is neither https nor on this machine: http://issuer.example");
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenReportsARevokedToken) {
+  provider_.token_answer = [] { return HttpResponse{.status = 400, .body = R"({"error":"invalid_grant"})"}; };
+  const std::string before = ReadFile(path::kAccountFile);
+  EXPECT_EQ(Failure(), "the provider refused to renew the token: status 400, invalid_grant");
+  EXPECT_EQ(ReadFile(path::kAccountFile), before);
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenThatIsMalformed) {
+  ExpectRefused("", "it is missing or malformed");
+  ExpectRefused("nonsense", "it is missing or malformed");
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenOfAnotherIssuer) {
+  Json::Value claims = provider_.Claims(kClient, 3600);
+  claims["iss"] = "https://other.example";
+  ExpectRefused(MakeIdToken(claims), "it is of another issuer");
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenForAnotherClient) {
+  ExpectRefused(MakeIdToken(provider_.Claims("other", 3600)), "it is for another client");
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenOfAnotherUser) {
+  Json::Value claims = provider_.Claims(kClient, 3600);
+  claims["sub"] = "somebody else";
+  ExpectRefused(MakeIdToken(claims), "it is of another user");
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenThatHasExpired) { ExpectRefused(Token(-1), "it has expired"); }
+
+TEST_F(PackagePkceClientTest, GetIdTokenChangesNothingWhenARefusedTokenCameAlone) {
+  provider_.token_response = Json::objectValue;
+  const std::string before = ReadFile(path::kAccountFile);
+  EXPECT_EQ(Failure(), "the provider's identity token cannot be used: it is missing or malformed");
+  EXPECT_EQ(ReadFile(path::kAccountFile), before);
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenReportsTokensThatCannotBeKept) {
+  const std::string before = ReadFile(path::kAccountFile);
+  ASSERT_NE(std::signal(SIGXFSZ, SIG_IGN), SIG_ERR);
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+  const rlimit nothing{1, limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &nothing), 0);
+  const std::string reason = FailureOf([] { Get(); });
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  EXPECT_THAT(reason, AllOf(StartsWith("the provider's new tokens could not be kept: "), EndsWith("File too large")));
+  EXPECT_EQ(ReadFile(path::kAccountFile), before);
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenReportsALockThatCannotBeHad) {
+  fs::create_directories(fs::path(path::kAccountLock).parent_path());
+  fs::create_symlink(path::kAccountLock, path::kAccountLock);
+  EXPECT_THAT(Failure(), HasSubstr("account.lock"));
+}
+
+}  // namespace
+}  // namespace orbazelo
