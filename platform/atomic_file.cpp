@@ -8,39 +8,22 @@
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
-#include <utility>
+
+#include "platform/unique_fd.h"
 
 namespace orbamira {
 namespace {
 
 [[noreturn]] void ThrowErrno(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
 
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) {
-      close(fd_);
-    }
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  [[nodiscard]] int get() const { return fd_; }
-
-  // The last chance of some file systems to report a failed write; the descriptor is gone either way.
-  [[nodiscard]] bool Close() { return close(std::exchange(fd_, -1)) == 0 || errno == EINTR; }
-
- private:
-  int fd_;
-};
-
 // The new content while it is not yet in place: a file beside its final name, so that rename stays on one file system.
 class TemporaryFile {
  public:
   explicit TemporaryFile(const std::string& final_path)
-      : final_path_(final_path), path_(final_path + ".XXXXXX"), fd_(mkostemp(path_.data(), O_CLOEXEC)) {
-    if (fd_.get() < 0) {
+      : final_path_(final_path),
+        path_(final_path + ".XXXXXX"),
+        fd_(AboveStandardStreams(UniqueFd(mkostemp(path_.data(), O_CLOEXEC)))) {
+    if (!fd_.valid()) {
       ThrowErrno("cannot make a file beside " + final_path);
     }
   }
@@ -76,7 +59,8 @@ class TemporaryFile {
   }
 
   void PutInPlace() {
-    if (!fd_.Close()) {
+    // The last chance of some file systems to report a failed write; the descriptor is gone either way.
+    if (close(fd_.Release()) != 0 && errno != EINTR) {
       ThrowErrno("cannot write " + final_path_);
     }
     if (rename(path_.c_str(), final_path_.c_str()) != 0) {
@@ -88,14 +72,14 @@ class TemporaryFile {
  private:
   const std::string& final_path_;
   std::string path_;
-  Descriptor fd_;
+  UniqueFd fd_;
   bool in_place_ = false;
 };
 
 void SyncFolderOf(const std::string& path) {
   const std::string folder = (std::filesystem::path(path).parent_path() / ".").string();
-  const Descriptor fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (fd.get() < 0 || fsync(fd.get()) != 0) {
+  const UniqueFd fd = OpenFile(folder, O_RDONLY | O_DIRECTORY);
+  if (!fd.valid() || fsync(fd.get()) != 0) {
     ThrowErrno("cannot sync the folder of " + path);
   }
 }
