@@ -11,7 +11,7 @@ from plugin_test_case import HANG, LIBEXEC, PluginTestCase
 import notify_plugin
 import orbamira_plugins
 
-STEP = ["--event", "install", "--package", "orbamira-hevc", "--timing", "pre", "--version", "1.2", "--status", "UPGRADE"]
+STEP = "--event install --package orbamira-hevc --timing pre --version 1.2 --status UPGRADE".split()
 RECORD = 'printf "%s" "${0##*/}" >> "$LOG"; for a in "$@"; do printf " [%s]" "$a" >> "$LOG"; done; echo >> "$LOG"'
 STEP_TEXT = " ".join(f"[{argument}]" for argument in STEP)
 
@@ -227,8 +227,17 @@ class NotifyPluginTest(PluginTestCase):
         result = self.notify(preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
         self.assert_told(result, "/a: exited with status 7")
 
+    def test_missing_standard_descriptors_are_opened(self):
+        program = (
+            "import os, sys; os.closerange(0, 3); import orbamira_plugins; orbamira_plugins.start('x');"
+            "sys.exit([os.readlink(f'/proc/self/fd/{fd}') for fd in range(3)] != 3 * ['/dev/null'])"
+        )
+        environment = dict(self.environment, PYTHONPATH=str(LIBEXEC))
+        result = subprocess.run(["/usr/bin/python3", "-B", "-c", program], env=environment, timeout=HANG, check=False)
+        self.assertEqual(0, result.returncode)
+
     def test_runs_without_standard_descriptors(self):
-        self.add_plugin("a", RECORD + '; ls -l /proc/$$/fd > "$LOG.fds"')
+        self.add_plugin("a", RECORD)
         command = 'exec "$0" "$@" 0<&- 1>&- 2>&-'
         result = subprocess.run(
             ["/bin/sh", "-c", command, LIBEXEC / "notify_plugin.py", *STEP],
@@ -279,26 +288,28 @@ class OrbamiraPluginsTest(PluginTestCase):
         self.syslog.assert_called_once_with(orbamira_plugins.syslog.LOG_ERR, "\ufffd: gone")
 
     def status_of(self, uid, mode=0o100755):
-        return self.replace("os.stat", mock.Mock(return_value=mock.Mock(st_mode=mode, st_uid=uid)))
+        """Makes every file one of the user `uid`, with user 4242 running the program."""
+        self.replace("os.geteuid", mock.Mock(return_value=4242))
+        self.replace("os.stat", mock.Mock(return_value=mock.Mock(st_mode=mode, st_uid=uid)))
 
     def test_plugin_of_another_user_is_refused(self):
         path = self.add_plugin("a", "exit 0")
-        self.status_of(os.geteuid() + 1)
-        with self.assertRaisesRegex(orbamira_plugins.PluginFailure, f"a: refused: it belongs to user {os.geteuid() + 1}"):
+        self.status_of(4243)
+        with self.assertRaisesRegex(orbamira_plugins.PluginFailure, "a: refused: it belongs to user 4243"):
             orbamira_plugins.run(str(path), [], 60)
 
     def test_plugins_of_root_and_of_the_running_user_are_run(self):
         path = self.add_plugin("a", 'echo ran >> "$LOG"')
         with mock.patch.dict(os.environ, self.environment):
-            for uid in (0, os.geteuid()):
+            for uid in (0, 4242):
                 self.status_of(uid)
                 orbamira_plugins.run(str(path), [], 60)
         self.assertEqual(["ran", "ran"], self.log_lines())
 
     def test_folder_of_another_user_is_refused(self):
         self.add_plugin("a", "exit 0")
-        self.status_of(os.geteuid() + 1, 0o40755)
-        with self.assertRaisesRegex(orbamira_plugins.PluginFailure, "plugins: refused: it belongs to user"):
+        self.status_of(4243, 0o40755)
+        with self.assertRaisesRegex(orbamira_plugins.PluginFailure, "plugins: refused: it belongs to user 4243"):
             orbamira_plugins.list_plugins()
 
     def test_plugin_gone_since_it_was_listed_cannot_be_started(self):
