@@ -115,33 +115,21 @@ def run(plugin, arguments, seconds, take_output=write_output):
     and is its failure. Its standard error goes to ours. Raises PluginFailure when the plugin is not to be trusted,
     cannot be started, takes too long or does not exit with 0.
     """
+    process, ended = None, False
+    # Whatever happens here, a signal to this program included, the plugin does not outlive it. So such a signal has to
+    # wait while the plugin is being started.
+    signal.pthread_sigmask(signal.SIG_BLOCK, _STOP_SIGNALS)
     try:
-        _check_trust(plugin, os.stat(plugin))
-        process = subprocess.Popen(
-            [plugin, *arguments],
-            bufsize=0,
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-            process_group=0,
-        )
-    except OSError as error:
-        raise PluginFailure(plugin, f"cannot be started: {error.strerror}") from error
-    ended = False
-    # Whatever happens here, a signal to this program included, the plugin does not outlive it.
-    try:
+        process = _start(plugin, arguments)
+        _unblock_stop_signals()
         deadline = time.monotonic() + seconds
         ended = _follow(process, deadline, {process.stdout: take_output, process.stderr: write_output})
     except ValueError as error:
         raise PluginFailure(plugin, str(error)) from error
     finally:
-        if not ended:
-            _end_group(process)
-        process.stdout.close()
-        process.stderr.close()
-        # Not even SIGKILL ends a process that hangs in a system call.
-        with contextlib.suppress(subprocess.TimeoutExpired):
-            process.wait(_GRACE)
+        if process is not None:
+            _finish(process, ended)
+        _unblock_stop_signals()
     if not ended:
         raise PluginFailure(plugin, f"stopped: it took longer than {seconds:g} s")
     if process.returncode < 0:
@@ -162,6 +150,36 @@ def _check_trust(path, status):
         raise PluginFailure(path, "refused: everyone may write it")
     if status.st_uid not in (0, os.geteuid()):
         raise PluginFailure(path, f"refused: it belongs to user {status.st_uid}")
+
+
+def _unblock_stop_signals():
+    signal.pthread_sigmask(signal.SIG_UNBLOCK, _STOP_SIGNALS)
+
+
+def _start(plugin, arguments):
+    try:
+        _check_trust(plugin, os.stat(plugin))
+        return subprocess.Popen(
+            [plugin, *arguments],
+            bufsize=0,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            process_group=0,
+            preexec_fn=_unblock_stop_signals,
+        )
+    except OSError as error:
+        raise PluginFailure(plugin, f"cannot be started: {error.strerror}") from error
+
+
+def _finish(process, ended):
+    if not ended:
+        _end_group(process)
+    process.stdout.close()
+    process.stderr.close()
+    # Not even SIGKILL ends a process that hangs in a system call.
+    with contextlib.suppress(subprocess.TimeoutExpired):
+        process.wait(_GRACE)
 
 
 def _setting(path, key):

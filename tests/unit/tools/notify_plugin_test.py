@@ -222,6 +222,19 @@ class NotifyPluginTest(PluginTestCase):
                     self.assertEqual(128 + number, process.wait(HANG))
                 self.wait_for_process_end(self.log_lines()[0])
 
+    def test_signal_at_the_very_start_of_a_plugin_stops_the_plugin(self):
+        self.add_plugin("a", 'kill -TERM $PPID; echo $$ >> "$LOG"; exec sleep 1000')
+        for _ in range(20):
+            self.log.unlink(missing_ok=True)
+            self.assertEqual(128 + signal.SIGTERM, self.notify().returncode)
+            for process in self.log_lines():
+                self.wait_for_process_end(process)
+
+    def test_plugin_may_be_stopped_by_every_signal(self):
+        self.add_plugin("a", 'grep -E "^Sig(Blk|Ign)" /proc/$$/status | grep -o "[0-9a-f]*$" >> "$LOG"')
+        self.assert_told(self.notify())
+        self.assertEqual(["0" * 16] * 2, self.log_lines())
+
     def test_caller_that_ignores_child_signals_still_learns_of_failures(self):
         self.add_plugin("a", "exit 7")
         result = self.notify(preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
