@@ -69,21 +69,11 @@ std::string StatusSentence(const Json::Value& status) {
   return status.isNull() ? "the recorded status cannot be read" : "the recorded status is " + status.asString();
 }
 
-/// A failed change: what the programs and the library gave as reasons, what the recovery then did, and where that
-/// leaves the machine.
-Outcome FailedChange(Context& context, const char* command, const char* noun) {
-  Console::Held held = context.console.TakeHeld();
-  const RecoveryReport recovery = Recover();
+/// A failed change: puts in order what it left, and says where that leaves the machine.
+Outcome FailedChange(const char* command, const char* noun) {
+  Recover();
   Outcome outcome = AnswerWithStatus(kExitFailed, command, "failed");
-  std::vector<std::string>& problems = outcome.problems;
-  problems = std::move(held.other);
-  problems.insert(problems.end(), held.log.begin(), held.log.end());
-  for (const std::vector<std::string>& sentences : {recovery.done, recovery.failed}) {
-    for (const std::string& sentence : sentences) {
-      problems.push_back("recovery: " + sentence);
-    }
-  }
-  problems.push_back(std::string("the ") + noun + " failed; " + StatusSentence(outcome.json["status"]));
+  outcome.problems = {std::string("the ") + noun + " failed; " + StatusSentence(outcome.json["status"])};
   return outcome;
 }
 
@@ -130,7 +120,7 @@ Outcome RunFlow(Context& context, const Flow& flow) {
   }
   const auto work = [&] { return (updater.manager.get()->*flow.run)(); };
   if (!(context.json ? work() : RunWithProgress(context.console, work))) {
-    return FailedChange(context, flow.command, flow.noun);
+    return FailedChange(flow.command, flow.noun);
   }
   Outcome outcome = AnswerWithStatus(kExitDone, flow.command, "done");
   outcome.text = flow.success;
@@ -148,7 +138,7 @@ std::string Installed(const Json::Value& version) {
 
 }  // namespace
 
-Outcome Check(Context& context) {
+Outcome Check(Context& /*context*/) {
   const ExclusiveLock lock(path::kPackctlLock);
   const Updater updater = MakeUpdater();
   const bool found = updater.manager->CheckNewPack();
@@ -171,8 +161,7 @@ Outcome Check(Context& context) {
     outcome.exit = kExitFailed;
     outcome.json["result"] = "failed";
     outcome.json["version"] = Json::nullValue;
-    outcome.problems = context.console.TakeHeld().log;
-    outcome.problems.emplace_back("the check failed; the recorded status is unchanged");
+    outcome.problems = {"the check failed; the recorded status is unchanged"};
   }
   return outcome;
 }
@@ -194,7 +183,7 @@ Outcome Update(Context& context) {
                   &updater::IPackStatusHelper::CanDoDownloadInstall, "The new pack is downloaded and installed.\n"});
 }
 
-Outcome Remove(Context& context) {
+Outcome Remove(Context& /*context*/) {
   namespace fs = std::filesystem;
   const ExclusiveLock lock(path::kPackctlLock);
   if (!updater::KOSHelper::Create()->DirExist(path::kPackFolderPath)) {
@@ -209,7 +198,7 @@ Outcome Remove(Context& context) {
     fs::remove(path::kPackInfoPath);
   }
   if (!updater.manager->RemovePack()) {
-    return FailedChange(context, "remove", "removal");
+    return FailedChange("remove", "removal");
   }
   Outcome outcome = AnswerWithStatus(kExitDone, "remove", "done");
   outcome.text = "The codec pack is removed.\n";
@@ -221,7 +210,6 @@ Outcome RunRecovery(Context& /*context*/) {
   const RecoveryReport report = Recover();
   const bool whole = report.failed.empty();
   Outcome outcome = AnswerWithStatus(whole ? kExitDone : kExitFailed, "recover", whole ? "done" : "failed");
-  outcome.problems = report.failed;
   Json::Value& actions = outcome.json["actions"] = Json::arrayValue;
   for (const std::string& action : report.done) {
     actions.append(action);
@@ -231,7 +219,9 @@ Outcome RunRecovery(Context& /*context*/) {
   for (const std::string& failure : report.failed) {
     failures.append(failure);
   }
-  if (whole && report.done.empty()) {
+  if (!whole) {
+    outcome.problems = {"not everything could be put in order"};
+  } else if (report.done.empty()) {
     outcome.text = "Everything is in order.\n";
   }
   return outcome;

@@ -23,7 +23,7 @@ struct Outcome {
   ExitStatus exit = kExitDone;
   Json::Value json = Json::objectValue;    ///< the answer to a program
   std::string text = {};                   ///< the answer to a person; whole lines, may be empty
-  std::vector<std::string> problems = {};  ///< sentences for the standard error
+  std::vector<std::string> problems = {};  ///< sentences for the standard error, after the reasons that were logged
 };
 
 /// What a command may use besides the library.

@@ -124,14 +124,23 @@ Outcome RunCommand(const Command& command, Context& context) {
   }
 }
 
+void ComplainAll(const Console& console, const std::vector<std::string>& problems) {
+  for (const std::string& problem : problems) {
+    console.Complain(problem);
+  }
+}
+
 int Answer(const Command& command, bool json) {
   Console console;
   SetUpSignals(console);
   Context context{console, json};
   const Outcome outcome = RunCommand(command, context);
-  for (const std::string& problem : outcome.problems) {
-    console.Complain(problem);
+  const Console::Held held = console.TakeHeld();
+  ComplainAll(console, held.other);
+  if (outcome.exit == packctl::kExitFailed) {
+    ComplainAll(console, held.log);
   }
+  ComplainAll(console, outcome.problems);
   if (!console.Print(json ? OneLine(outcome.json) : outcome.text)) {
     console.Complain("cannot write to the standard output");
     return packctl::kExitFailed;
@@ -156,7 +165,11 @@ int main(int argc, char** argv) try {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? packctl::kExitDone : packctl::kExitUsage;
+    const int code = app.exit(error);
+    if (const std::vector<std::string> unknown = app.remaining(); code != 0 && !unknown.empty()) {
+      std::cerr << "Not understood: " << unknown.front() << '\n';
+    }
+    return code == 0 ? packctl::kExitDone : packctl::kExitUsage;
   }
   for (const Command& command : kCommands) {
     if (app.got_subcommand(command.name)) {

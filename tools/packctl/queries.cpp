@@ -29,8 +29,9 @@ std::unique_ptr<updater::IPackManager> MakeManager() {
 }
 
 Outcome Failed(Console::Held held, const std::string& problem) {
-  Outcome outcome{.exit = kExitFailed, .problems = std::move(held.log)};
+  Outcome outcome{.exit = kExitFailed, .problems = std::move(held.other)};
   outcome.json["result"] = "failed";
+  outcome.problems.insert(outcome.problems.end(), held.log.begin(), held.log.end());
   outcome.problems.push_back(problem);
   return outcome;
 }
@@ -143,10 +144,11 @@ Outcome Plugins(Context& context) {
   const ExclusiveLock lock(path::kPackctlLock);
   const std::vector<std::string> ids = updater::PluginNotifier::Create()->GetAppId();
   // An empty list with a line in the log is the library's way to say that the list cannot be had.
-  if (Console::Held held = context.console.TakeHeld(); ids.empty() && !held.log.empty()) {
+  Console::Held held = context.console.TakeHeld();
+  if (ids.empty() && !held.log.empty()) {
     return Failed(std::move(held), "cannot list the plugins");
   }
-  Outcome outcome;
+  Outcome outcome{.problems = std::move(held.other)};
   Json::Value& app_ids = outcome.json["app_ids"] = Json::arrayValue;
   for (const std::string& id : ids) {
     app_ids.append(id);

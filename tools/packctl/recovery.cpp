@@ -62,7 +62,7 @@ class Recovery {
     Step("remove the status store's temporary files",
          [this] { RemoveTemporaries(path::kPackStatusFile, path::kPackStatusLock); });
     Step("remove the account's temporary files", [this] { RemoveTemporaries(path::kAccountFile, path::kAccountLock); });
-    Step("remove the plugins' answer", [this] { Remove(path::kTempPluginAppIdPath, "the plugins' old answer"); });
+    Step("remove the plugins' answer", [this] { RemovePluginAnswer(); });
     Step("mend the recorded status", [this] { MendStatus(); });
     Step("remove the download", [this] { RemoveDownload(); });
     return std::move(report_);
@@ -145,6 +145,14 @@ class Recovery {
     for (const fs::path& path : found) {
       Remove(path, what);
     }
+  }
+
+  void RemovePluginAnswer() {
+    const fs::path answer = path::kTempPluginAppIdPath;
+    Remove(answer, "the plugins' old answer");
+    const std::string prefix = "." + answer.filename().string() + ".";
+    RemoveMatching(answer.parent_path(), "the temporary file",
+                   [&](const std::string& name) { return name.starts_with(prefix); });
   }
 
   void MendStatus() {

@@ -177,10 +177,13 @@ TEST_F(RecoveryTest, RecoverRemovesTheTemporaryFilesOfStoreAndAccount) {
   ExpectNothingLeftToDo();
 }
 
-TEST_F(RecoveryTest, RecoverRemovesThePluginsOldAnswer) {
-  WriteFile(path::kTempPluginAppIdPath, "[]");
-  Recover();
-  EXPECT_FALSE(fs::exists(path::kTempPluginAppIdPath));
+TEST_F(RecoveryTest, RecoverRemovesThePluginsOldAnswerAndItsTemporaryFiles) {
+  const fs::path answer = path::kTempPluginAppIdPath;
+  WriteFile(answer, "[]");
+  WriteFile(answer.parent_path() / ("." + answer.filename().string() + ".k3_x9abc"), "[");
+  WriteFile(answer.parent_path() / "other", "");
+  EXPECT_THAT(Recover().done, SizeIs(2));
+  EXPECT_THAT(Left(answer.parent_path()), ElementsAre("lock", "other"));
   ExpectNothingLeftToDo();
 }
 
