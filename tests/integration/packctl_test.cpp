@@ -1,0 +1,367 @@
+// The built packctl with everything it runs, on an appliance of the test's own.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <json/reader.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+
+#include "platform/constants.h"
+#include "tests/support/appliance.h"
+#include "tests/support/test_root.h"
+#include "updater/pack_status_helper.h"
+
+namespace orbamira {
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::Appliance;
+using test::HttpRequest;
+using test::HttpResponse;
+using test::ProgramResult;
+using test::RunningProgram;
+using test::WriteFile;
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+// A payload that no compression makes small, so that a download can be stopped inside.
+std::string BigPayload() { return test::PatternOf(4 << 20); }
+
+class PackctlTest : public testing::Test {
+ protected:
+  static ProgramResult Run(const std::vector<std::string>& arguments) { return Appliance::Packctl(arguments); }
+
+  /// Runs with --json; the answer must be one JSON object on one line.
+  static Json::Value RunJson(const std::vector<std::string>& arguments, int expected_status) {
+    std::vector<std::string> all = arguments;
+    all.emplace_back("--json");
+    const ProgramResult result = Run(all);
+    EXPECT_EQ(result.status, expected_status) << result.errors;
+    return Parse(result.output);
+  }
+
+  static Json::Value Parse(const std::string& text) {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    Json::Value value;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << text << errors;
+    EXPECT_EQ(text.find('\n'), text.size() - 1);
+    return value;
+  }
+
+  static std::vector<std::string> Members(const Json::Value& value) { return value.getMemberNames(); }
+
+  static std::unique_ptr<updater::IPackStatusHelper> Status() { return updater::PackStatusHelper::Create(); }
+
+  /// Waits until the condition holds; fails the test when it does not within a minute.
+  static void Await(const std::function<bool()>& condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (!condition()) {
+      ASSERT_LT(std::chrono::steady_clock::now(), end);
+      ASSERT_EQ(poll(nullptr, 0, 10), 0);
+    }
+  }
+
+  /// Lets downloads of packages stop after the first half.
+  void StallPackages() {
+    appliance_.SetFault([](const HttpRequest& request, HttpResponse& response) {
+      if (request.target.ends_with(".opk")) {
+        response.stall_at = response.body.size() / 2;
+      }
+    });
+  }
+
+  Appliance appliance_;
+};
+
+TEST_F(PackctlTest, HelpTeachesEveryCommand) {
+  const ProgramResult help = Run({"--help"});
+  EXPECT_EQ(help.status, 0);
+  for (const char* command :
+       {"check", "download", "install", "update", "remove", "status", "info", "codecs", "plugins", "recover"}) {
+    EXPECT_THAT(help.output, HasSubstr(command));
+    const ProgramResult own = Run({command, "--help"});
+    EXPECT_EQ(own.status, 0);
+    EXPECT_THAT(own.output, AllOf(HasSubstr(std::string("packctl ") + command), HasSubstr("--json")));
+  }
+}
+
+TEST_F(PackctlTest, VersionIsPrinted) {
+  EXPECT_EQ(Run({"--version"}).status, 0);
+  EXPECT_THAT(Run({"--version"}).output, StartsWith("packctl "));
+}
+
+TEST_F(PackctlTest, WrongUsageEndsWith64AndSaysWhy) {
+  for (const std::vector<std::string>& wrong : std::vector<std::vector<std::string>>{
+           {}, {"dance"}, {"status", "--loud"}, {"status", "more"}, {"check", "update"}}) {
+    const ProgramResult result = Run(wrong);
+    EXPECT_EQ(result.status, 64) << testing::PrintToString(wrong);
+    EXPECT_THAT(result.errors, Not(IsEmpty()));
+    EXPECT_THAT(result.output, IsEmpty());
+  }
+  EXPECT_THAT(Run({"dance"}).errors, HasSubstr("Not understood: dance"));
+}
+
+TEST_F(PackctlTest, AFirstUpdateBringsThePack) {
+  appliance_.Publish("1.0", "one");
+  const Json::Value check = RunJson({"check"}, 0);
+  EXPECT_EQ(check["result"], "new_pack");
+  EXPECT_EQ(check["version"], "1.0");
+  EXPECT_TRUE(check["installed_version"].isNull());
+
+  const Json::Value update = RunJson({"update"}, 0);
+  EXPECT_THAT(Members(update), testing::ElementsAre("command", "result", "status"));
+  EXPECT_EQ(update["command"], "update");
+  EXPECT_EQ(update["result"], "done");
+  EXPECT_EQ(update["status"], "up_to_date");
+  EXPECT_EQ(Appliance::InstalledPayload(), "one");
+
+  struct stat about {};
+  ASSERT_EQ(stat(path::kPackInfoPath, &about), 0);
+  const Json::Value info = RunJson({"info"}, 0);
+  EXPECT_EQ(info["installed"], true);
+  EXPECT_EQ(info["package"], "orbamira-hevc");
+  EXPECT_EQ(info["version"], "1.0");
+  EXPECT_EQ(info["updated"].asInt64(), about.st_mtime);
+
+  const Json::Value codecs = RunJson({"codecs"}, 0);
+  EXPECT_EQ(codecs["installed"], Parse("[\"hevc\"]\n"));
+  EXPECT_EQ(codecs["requested"], Parse("[]\n"));
+}
+
+TEST_F(PackctlTest, CheckEndsWith2WhenNothingIsNew) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  const Json::Value check = RunJson({"check"}, 2);
+  EXPECT_EQ(check["result"], "nothing_new");
+  EXPECT_EQ(check["version"], "1.0");
+  EXPECT_EQ(check["installed_version"], "1.0");
+  EXPECT_EQ(Run({"check"}).output, "Nothing new: version 1.0 is offered, installed is 1.0.\n");
+}
+
+TEST_F(PackctlTest, CheckEndsWith1AndTheReasonWhenTheServerFails) {
+  const Json::Value check = RunJson({"check"}, 1);
+  EXPECT_EQ(check["result"], "failed");
+  EXPECT_TRUE(check["version"].isNull());
+  EXPECT_EQ(Run({"check"}).errors,
+            "packctl: Failed to send request with status: 404\n"
+            "packctl: FetchDownloadInfo failed\n"
+            "packctl: the check failed; the recorded status is unchanged\n");
+}
+
+TEST_F(PackctlTest, DownloadAndInstallDoTheHalves) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"check"}).status, 0);
+  EXPECT_EQ(RunJson({"download"}, 0)["status"], "need_install");
+  const Json::Value status = RunJson({"status"}, 0);
+  EXPECT_EQ(status["new_version"], "1.0");
+  EXPECT_EQ(status["new_pack_name"], "orbamira-hevc");
+  EXPECT_TRUE(fs::exists(path::kDownloadedOpkPath));
+  EXPECT_EQ(RunJson({"recover"}, 0)["status"], "need_install");
+  EXPECT_EQ(RunJson({"install"}, 0)["status"], "up_to_date");
+  EXPECT_EQ(Appliance::InstalledPayload(), "one");
+}
+
+TEST_F(PackctlTest, AnOperationThatTheStatusForbidsEndsWith3AndNamesWhatIsPermitted) {
+  const Json::Value answer = RunJson({"install"}, 3);
+  EXPECT_EQ(answer["result"], "not_permitted");
+  EXPECT_EQ(answer["status"], "lost");
+  EXPECT_EQ(Run({"download"}).errors,
+            "packctl: the download is not permitted while the recorded status is lost (nothing is recorded yet)\n"
+            "packctl: permitted now: check, update\n");
+  Status()->SetAsDownloading();
+  EXPECT_THAT(Run({"update"}).errors, HasSubstr("if no program is at work on it, run \"packctl recover\""));
+}
+
+TEST_F(PackctlTest, StatusGivesSizesInFullWidth) {
+  Status()->SetAsDownloading(3'000'000'000, 4'000'000'000);
+  const Json::Value status = RunJson({"status"}, 0);
+  EXPECT_EQ(status["status"], "downloading");
+  EXPECT_EQ(status["download_size_now"].asInt64(), 3'000'000'000);
+  EXPECT_EQ(status["download_size_total"].asInt64(), 4'000'000'000);
+  EXPECT_THAT(Run({"status"}).output, HasSubstr("Download:  2.8 GiB of 3.7 GiB (75 %)\n"));
+}
+
+TEST_F(PackctlTest, StatusThatCannotBeReadPointsToRecover) {
+  store::FileKeyValueStore::Create(path::kPackStatusFile)->Set(webapi::param::kStatus, "dancing");
+  EXPECT_EQ(RunJson({"status"}, 1)["result"], "failed");
+  EXPECT_THAT(Run({"status"}).errors, HasSubstr("\"packctl recover\" mends it"));
+  EXPECT_EQ(RunJson({"recover"}, 0)["status"], "download_install_failed");
+  EXPECT_EQ(Run({"status"}).status, 0);
+}
+
+TEST_F(PackctlTest, JsonIsTakenBeforeAndAfterTheCommand) {
+  EXPECT_EQ(Run({"--json", "status"}).output, Run({"status", "--json"}).output);
+}
+
+TEST_F(PackctlTest, InfoWithoutAPackIsAnAnswer) {
+  const Json::Value info = RunJson({"info"}, 0);
+  EXPECT_EQ(info["installed"], false);
+  EXPECT_TRUE(info["version"].isNull());
+}
+
+TEST_F(PackctlTest, RemoveEndsWith2WithoutAPack) {
+  EXPECT_EQ(RunJson({"remove"}, 2)["result"], "nothing_to_do");
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  const Json::Value removed = RunJson({"remove"}, 0);
+  EXPECT_EQ(removed["result"], "done");
+  EXPECT_EQ(removed["status"], "up_to_date");
+  EXPECT_FALSE(fs::exists(path::kPackFolderPath));
+  EXPECT_EQ(Run({"remove"}).status, 2);
+}
+
+TEST_F(PackctlTest, CodecsTellsARequirementsFileThatCannotBeRead) {
+  WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player"], "hevc": []})");
+  EXPECT_EQ(RunJson({"codecs"}, 0)["requested"], Parse("[\"aac\"]\n"));
+  WriteFile(path::kCodecRequirementsPath, "{");
+  EXPECT_EQ(RunJson({"codecs"}, 1)["result"], "failed");
+  EXPECT_THAT(Run({"codecs"}).errors, HasSubstr(path::kCodecRequirementsPath));
+}
+
+TEST_F(PackctlTest, PluginsListsTheIds) {
+  EXPECT_EQ(RunJson({"plugins"}, 0)["app_ids"], Parse("[]\n"));
+  Appliance::AddPlugin("a", "echo player\n");
+  EXPECT_EQ(RunJson({"plugins"}, 0)["app_ids"], Parse("[\"player\"]\n"));
+  fs::remove(path::kGetAppIdPyPath);
+  EXPECT_EQ(RunJson({"plugins"}, 1)["result"], "failed");
+}
+
+TEST_F(PackctlTest, WhatAPluginPrintsStaysOutOfTheAnswer) {
+  Appliance::AddPlugin("noisy", "echo out; echo err >&2\n");
+  appliance_.Publish("1.0", "one");
+  EXPECT_EQ(RunJson({"update"}, 0)["result"], "done");  // which takes nothing but one line of JSON
+}
+
+TEST_F(PackctlTest, AFailedInstallBringsThePreviousPackBack) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  appliance_.Publish("2.0", "two");
+  // An archiver that fails: the old pack is out of the way by then.
+  fs::remove(path::kTarPath);
+  const ProgramResult result = Run({"update"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.errors, HasSubstr("Failed to untar archive"));
+  EXPECT_THAT(result.errors, HasSubstr("Recovery: brought the previous pack back"));
+  EXPECT_THAT(result.errors, EndsWith("packctl: the update failed; the recorded status is download_install_failed\n"));
+  EXPECT_EQ(Appliance::InstalledPayload(), "one");
+  EXPECT_EQ(RunJson({"info"}, 0)["version"], "1.0");
+}
+
+TEST_F(PackctlTest, AFailedInstallKeepsThePackageForTheNextTry) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"check"}).status, 0);
+  ASSERT_EQ(Run({"download"}).status, 0);
+  const fs::path archiver = fs::read_symlink(path::kTarPath);
+  fs::remove(path::kTarPath);
+  EXPECT_EQ(RunJson({"install"}, 1)["status"], "install_failed");
+  fs::create_symlink(archiver, path::kTarPath);
+  EXPECT_EQ(RunJson({"install"}, 0)["status"], "up_to_date");
+}
+
+TEST_F(PackctlTest, TwoChangesExcludeEachOtherWhileStatusAnswers) {
+  appliance_.Publish("1.0", BigPayload());
+  StallPackages();
+  RunningProgram first(Appliance::PackctlCommand({"update"}));
+  Await([] { return RunJson({"status"}, 0)["download_size_now"].asInt64() > 0; });
+
+  for (const char* command : {"check", "download", "install", "update", "remove", "recover", "plugins"}) {
+    const ProgramResult second = Run({command});
+    EXPECT_EQ(second.status, 3) << command;
+    EXPECT_EQ(second.errors, "packctl: another packctl is at work (pid " + std::to_string(first.pid()) + ")\n");
+  }
+  EXPECT_EQ(RunJson({"update"}, 3)["result"], "busy");
+
+  appliance_.server().Release();
+  EXPECT_EQ(first.Wait().status, 0);
+  EXPECT_EQ(Appliance::InstalledPayload(), BigPayload());
+}
+
+TEST_F(PackctlTest, RecoverMendsWhatAKilledUpdateLeft) {
+  appliance_.Publish("1.0", BigPayload());
+  StallPackages();
+  RunningProgram update(Appliance::PackctlCommand({"update"}));
+  Await([] { return RunJson({"status"}, 0)["download_size_now"].asInt64() > 0; });
+  update.Signal(SIGKILL);
+  EXPECT_EQ(update.Wait().status, -SIGKILL);
+  EXPECT_EQ(Run({"update"}).status, 3);
+
+  const Json::Value recovered = RunJson({"recover"}, 0);
+  EXPECT_EQ(recovered["status"], "download_install_failed");
+  EXPECT_EQ(recovered["actions"].size(), 2U);
+  EXPECT_EQ(recovered["failures"].size(), 0U);
+  EXPECT_EQ(Run({"recover"}).output, "Everything is in order.\n");
+  appliance_.SetFault({});
+  EXPECT_EQ(Run({"update"}).status, 0);
+}
+
+TEST_F(PackctlTest, PlainProgressIsWrittenToAFile) {
+  appliance_.Publish("1.0", BigPayload());
+  StallPackages();
+  RunningProgram update(Appliance::PackctlCommand({"update"}));
+  Await([&] { return update.Output().find("Downloaded ") != std::string::npos; });
+  appliance_.server().Release();
+  const ProgramResult result = update.Wait();
+  EXPECT_EQ(result.status, 0);
+  EXPECT_THAT(result.output, EndsWith("The new pack is downloaded and installed.\n"));
+  EXPECT_THAT(result.output, Not(HasSubstr("\r")));
+}
+
+TEST_F(PackctlTest, ATerminalGetsOneLineThatIsRedrawnAndEnded) {
+  appliance_.Publish("1.0", BigPayload());
+  StallPackages();
+  int master = -1;
+  int slave = -1;
+  winsize size{.ws_row = 24, .ws_col = 100, .ws_xpixel = 0, .ws_ypixel = 0};
+  ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, &size), 0);
+  fcntl(master, F_SETFD, FD_CLOEXEC);
+  fcntl(slave, F_SETFD, FD_CLOEXEC);
+  RunningProgram update(Appliance::PackctlCommand({"update"}), slave);
+  close(slave);
+  std::string screen;
+  const auto read_some = [&] {
+    std::array<char, 4096> buffer{};
+    const ssize_t length = read(master, buffer.data(), buffer.size());
+    screen.append(buffer.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+    return length > 0;
+  };
+  while (screen.find("MiB [") == std::string::npos) {
+    ASSERT_TRUE(read_some()) << screen;
+  }
+  appliance_.server().Release();
+  while (read_some()) {
+  }
+  close(master);
+  EXPECT_EQ(update.Wait().status, 0);
+  EXPECT_THAT(screen, HasSubstr("\rAsking the update server"));
+  EXPECT_THAT(screen, HasSubstr("%"));
+  EXPECT_THAT(screen, EndsWith("\r\nThe new pack is downloaded and installed.\r\n"));
+}
+
+TEST_F(PackctlTest, AnAnswerThatCannotBeWrittenIsAFailure) {
+  const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+  ASSERT_GE(full, 0);
+  RunningProgram status(Appliance::PackctlCommand({"status"}), full);
+  close(full);
+  const ProgramResult result = status.Wait();
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.errors, "packctl: cannot write to the standard output\n");
+}
+
+}  // namespace
+}  // namespace orbamira

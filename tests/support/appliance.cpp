@@ -1,0 +1,146 @@
+#include "tests/support/appliance.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "platform/constants.h"
+#include "tests/support/test_root.h"
+
+namespace orbamira::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+// What a staged install has under <root>/usr/libexec/orbamira, where the build made it.
+void LinkPrograms() {
+  const std::vector<std::pair<std::string, std::string>> programs = {
+      {ORBAMIRA_TEST_ORBA_COPY, path::kCpPath},
+      {ORBAMIRA_TEST_ORBA_ARCHIVE, path::kOrbaArchivePath},
+      {ORBAMIRA_TEST_ORBA_ARCHIVE, path::kTarPath},
+      {ORBAMIRA_TEST_LIBEXEC "/notify_plugin.py", path::kNotifyPluginPyPath},
+      {ORBAMIRA_TEST_LIBEXEC "/get_app_id.py", path::kGetAppIdPyPath},
+  };
+  for (const auto& [built, installed] : programs) {
+    fs::create_directories(fs::path(installed).parent_path());
+    fs::create_symlink(built, installed);
+  }
+}
+
+std::string TemporaryName() {
+  std::string name = (Root() / "program-XXXXXX").string();
+  const int fd = mkostemp(name.data(), O_CLOEXEC);
+  if (fd < 0) {
+    throw std::system_error(errno, std::generic_category(), name);
+  }
+  close(fd);
+  return name;
+}
+
+}  // namespace
+
+RunningProgram::RunningProgram(const std::vector<std::string>& command, int terminal)
+    : output_(TemporaryName()), errors_(TemporaryName()) {
+  std::vector<char*> arguments;
+  for (const std::string& argument : command) {
+    arguments.push_back(const_cast<char*>(argument.c_str()));  // NOLINT: posix_spawn does not write to it
+  }
+  arguments.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  if (terminal >= 0) {
+    posix_spawn_file_actions_adddup2(&actions, terminal, STDOUT_FILENO);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output_.c_str(), O_WRONLY, 0);
+  }
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors_.c_str(), O_WRONLY, 0);
+  const int error = posix_spawn(&pid_, arguments[0], &actions, nullptr, arguments.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (error != 0) {
+    throw std::system_error(error, std::generic_category(), command[0]);
+  }
+}
+
+RunningProgram::~RunningProgram() {
+  if (pid_ > 0) {
+    Signal(SIGKILL);
+    Wait();
+  }
+}
+
+void RunningProgram::Signal(int signal_number) const { kill(pid_, signal_number); }
+
+std::string RunningProgram::Output() const { return ReadFile(output_); }
+
+ProgramResult RunningProgram::Wait() {
+  int status = 0;
+  while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  }
+  pid_ = -1;
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), ReadFile(output_), ReadFile(errors_)};
+}
+
+Appliance::Appliance() : server_([this](const HttpRequest& request) { return Serve(request); }) {
+  for (const auto& entry : fs::directory_iterator(Root())) {
+    fs::remove_all(entry.path());
+  }
+  LinkPrograms();
+  WriteFile(path::kPkgSetting, std::string(common::kPackUpdateServer) + "=" + server_.Url("/reply.json") + "\n");
+  WriteFile(kPackageInfoPath, "package=orbamira\nversion=1.0.0\n");
+  WriteFile(common::kDefaultOrbaInfoPath, std::string(common::kUnique) + "=kos_ds_1\n");
+  WriteFile(common::kDefaultVersionPath, std::string(common::kMajorVersion) + "=7\n" + common::kMinorVersion + "=2\n" +
+                                             common::kBuildNumber + "=64570\n");
+  fs::create_directories(kTargetFolder);
+}
+
+void Appliance::Publish(const std::string& version, const std::string& payload, const std::string& name) {
+  const TempDir folder;
+  WriteFile(folder.path() / "payload/codec", payload);
+  RunningProgram mkpack({ORBAMIRA_TEST_MKPACK, "--payload", folder.File("payload"), "--output",
+                         (Root() / "srv").string(), "--name", name, "--version", version, "--title", "Codec pack",
+                         "--base-url", server_.Url("")});
+  if (const ProgramResult result = mkpack.Wait(); result.status != 0) {
+    throw std::runtime_error("mkpack: " + result.errors);
+  }
+}
+
+std::vector<std::string> Appliance::PackctlCommand(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), ORBAMIRA_TEST_PACKCTL);
+  return arguments;
+}
+
+ProgramResult Appliance::Packctl(const std::vector<std::string>& arguments) {
+  return RunningProgram(PackctlCommand(arguments)).Wait();
+}
+
+void Appliance::AddPlugin(const std::string& name, const std::string& script) {
+  const fs::path plugin = Root() / "usr/lib/orbamira/plugins" / name;
+  WriteFile(plugin, "#!/bin/sh\n" + script);
+  fs::permissions(plugin, fs::perms(0755));
+}
+
+std::string Appliance::InstalledPayload() { return ReadFile(fs::path(path::kPackFolderPath) / "codec"); }
+
+HttpResponse Appliance::Serve(const HttpRequest& request) const {
+  const fs::path file = Root() / "srv" / fs::path(request.target.substr(0, request.target.find('?'))).filename();
+  HttpResponse response;
+  if (fs::exists(file)) {
+    response = ServeFile(request, ReadFile(file), "\"1\"");
+  } else {
+    response.status = 404;
+  }
+  if (fault_) {
+    fault_(request, response);
+  }
+  return response;
+}
+
+}  // namespace orbamira::test
