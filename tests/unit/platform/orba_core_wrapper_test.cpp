@@ -27,6 +27,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using namespace std::string_literals;  // texts that hold a NUL
+
 // A disposition of SIGCHLD for the life of the object.
 class ScopedSigchld {
  public:
@@ -89,8 +91,8 @@ TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsMinusOneWhenTheArgumentsAreTooLong)
 }
 
 TEST_F(OrbaCoreWrapperRunCommandTest, RefusesAnArgumentWithANul) {
-  EXPECT_EQ(Run({"/bin/true", std::string("a\0b", 3)}), -1);
-  EXPECT_EQ(Run({std::string("/bin/true\0", 10)}), -1);
+  EXPECT_EQ(Run({"/bin/true", "a\0b"s}), -1);
+  EXPECT_EQ(Run({"/bin/true\0"s}), -1);
 }
 
 TEST_F(OrbaCoreWrapperRunCommandTest, GivesTheArgumentsExactly) {
@@ -426,11 +428,8 @@ TEST_F(OrbaCoreWrapperGetKeyValueTest, IgnoresComments) {
 }
 
 TEST_F(OrbaCoreWrapperGetKeyValueTest, TakesBinaryContentAsItIs) {
-  const std::string text(
-      "\0\xFF=x\n=\n\0\0\n"
-      "a=1\0002\nb=3",
-      21);
-  EXPECT_EQ(Get(text, "a"), std::string("1\0002", 3));
+  const std::string text = "\0\xFF=x\n=\n\0\0\na=1\0002\nb=3"s;
+  EXPECT_EQ(Get(text, "a"), "1\0002"s);
 }
 
 TEST_F(OrbaCoreWrapperGetKeyValueTest, LooksAtTheFirstMebibyteOnly) {

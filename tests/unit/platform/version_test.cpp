@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <bitset>
 #include <string>
 #include <vector>
 
@@ -76,7 +77,7 @@ TEST(VersionTest, IsNewVersionIsFalseForEqualTexts) {
 }
 
 TEST(VersionTest, IsNewVersionIsFastForLongTexts) {
-  const std::string dots(1'000'000, '.');
+  const std::string dots(100'000, '.');
   ExpectEqual(dots, "");
   ExpectOlder(dots, dots + "1");
 }
@@ -98,24 +99,22 @@ TEST(VersionTest, IsNewVersionIsAStrictWeakOrder) {
   const std::vector<std::string> versions = ManyVersions();
   const std::size_t count = versions.size();
   ASSERT_GT(count, 300U);
-  std::vector<std::vector<bool>> less(count, std::vector<bool>(count));
+  constexpr std::size_t kMost = 512;
+  ASSERT_LE(count, kMost);
+  std::vector<std::bitset<kMost>> newer(count);  // newer[i][j]: j is newer than i
+  std::vector<std::bitset<kMost>> older(count);
   for (std::size_t i = 0; i < count; ++i) {
     for (std::size_t j = 0; j < count; ++j) {
-      less[i][j] = IsNewVersion(versions[i], versions[j]);
+      newer[i][j] = older[j][i] = IsNewVersion(versions[i], versions[j]);
     }
   }
   for (std::size_t i = 0; i < count; ++i) {
-    ASSERT_FALSE(less[i][i]) << versions[i];
+    ASSERT_FALSE(newer[i][i]) << versions[i];
+    ASSERT_TRUE((newer[i] & older[i]).none()) << versions[i];
     for (std::size_t j = 0; j < count; ++j) {
-      ASSERT_FALSE(less[i][j] && less[j][i]) << versions[i] << " and " << versions[j];
-    }
-  }
-  // If i is less than j, every k is greater than i or less than j: transitivity of the order and of equivalence in one.
-  for (std::size_t i = 0; i < count; ++i) {
-    for (std::size_t j = 0; j < count; ++j) {
-      for (std::size_t k = 0; less[i][j] && k < count; ++k) {
-        ASSERT_TRUE(less[i][k] || less[k][j]) << versions[i] << ", " << versions[j] << ", " << versions[k];
-      }
+      // When j is newer than i, everything is newer than i or older than j: transitivity of the order and of
+      // equivalence in one.
+      ASSERT_TRUE(!newer[i][j] || (newer[i] | older[j]).count() == count) << versions[i] << ", " << versions[j];
     }
   }
 }
