@@ -524,6 +524,9 @@ class MkpackUsageTest(MkpackTest):
         for output in (self.payload, self.payload / "lib/out", self.top / "link/out"):
             with self.subTest(output):
                 self.assert_usage("argument --output: it must not be inside the payload", output=output)
+        self.assert_usage(
+            "argument --output: it must not be inside the payload", payload=self.top / "link", output=self.payload / "out"
+        )
         self.make(output=self.top / "payload2")
 
     def test_output_that_cannot_be_made_is_an_error(self):
