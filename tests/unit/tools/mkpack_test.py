@@ -348,6 +348,18 @@ class MkpackReplyTest(MkpackTest):
             result.stdout.splitlines(),
         )
 
+    def test_folder_of_any_name_will_do(self):
+        output = self.top / os.fsdecode(b"out\xff")
+        result = subprocess.run(
+            self.command(output=output),
+            env=dict(os.environ, PYTHONIOENCODING="utf-8:strict"),
+            stdout=subprocess.PIPE,
+            timeout=HANG,
+            check=False,
+        )
+        self.assertEqual(0, result.returncode)
+        self.assertIn(b"/out\xff/reply.json\n", result.stdout)
+
     def test_is_written_in_a_fixed_form(self):
         checksum = hashlib.sha256(self.make(title='B\u00fccher "x"').read_bytes()).hexdigest()
         size = next(self.output.glob("*.opk")).stat().st_size
@@ -525,7 +537,9 @@ class MkpackUsageTest(MkpackTest):
             with self.subTest(output):
                 self.assert_usage("argument --output: it must not be inside the payload", output=output)
         self.assert_usage(
-            "argument --output: it must not be inside the payload", payload=self.top / "link", output=self.payload / "out"
+            "argument --output: it must not be inside the payload",
+            payload=self.top / "link",
+            output=self.payload / "out",
         )
         self.make(output=self.top / "payload2")
 
