@@ -23,7 +23,7 @@ class DescriptorOf : public std::filebuf {
 
 }  // namespace
 
-BodyFile::BodyFile(std::ofstream& stream) : stream_(stream), begin_(0) {
+BodyFile::BodyFile(std::ofstream& stream) : stream_(stream) {
   if (!stream.is_open() || !stream) {
     throw std::system_error(EBADF, std::generic_category(), "the file is not open");
   }

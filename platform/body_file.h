@@ -26,7 +26,7 @@ class BodyFile {
 
  private:
   std::ofstream& stream_;
-  std::streamoff begin_;
+  std::streamoff begin_ = 0;
 };
 
 }  // namespace orbamira::wrapper

@@ -13,7 +13,7 @@
 namespace orbazelo {
 namespace {
 
-constexpr std::size_t kReplyLimit = 1024 * 1024;
+constexpr std::size_t kReplyLimit = std::size_t{1024} * 1024;
 constexpr std::size_t kQuoteLimit = 200;
 
 struct Reply {

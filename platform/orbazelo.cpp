@@ -209,6 +209,7 @@ bool User::Exists() const { return !id_.empty(); }
 
 std::string User::GetId() const { return id_; }
 
+// NOLINTNEXTLINE(modernize-pass-by-value): the constructor's type is part of the interface
 PackagePkceClient::PackagePkceClient(const std::string& client_name) : client_name_(client_name) {}
 
 std::string PackagePkceClient::GetIdToken() const {

@@ -21,7 +21,7 @@
 namespace orbamira::test {
 namespace {
 
-constexpr std::size_t kPieceUnlessSaid = 256 * 1024;
+constexpr std::size_t kPieceUnlessSaid = std::size_t{256} * 1024;
 
 int Check(int result, const char* what) {
   if (result < 0) {
@@ -50,7 +50,8 @@ std::string UrlOf(int port, const std::string& target) { return "http://127.0.0.
 
 void KeepOutOfProxies() { Check(setenv("no_proxy", "127.0.0.1", 1), "setenv"); }
 
-void Signal(int event) { Check(eventfd_write(event, 1), "eventfd_write"); }
+// Cannot fail for a counter this small.
+void Signal(int event) { static_cast<void>(eventfd_write(event, 1)); }
 
 std::string ReasonOf(int status) {
   static const std::map<int, std::string> reasons = {
@@ -143,7 +144,7 @@ std::vector<HttpRequest> HttpServer::Requests() const {
   return requests_;
 }
 
-void HttpServer::Release() { Signal(release_); }
+void HttpServer::Release() const { Signal(release_); }
 
 void HttpServer::AcceptLoop() {
   std::array<pollfd, 2> waited{{{listener_, POLLIN, 0}, {stop_, POLLIN, 0}}};

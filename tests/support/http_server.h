@@ -82,7 +82,7 @@ class HttpServer {
   [[nodiscard]] std::vector<HttpRequest> Requests() const;
 
   /// Lets every stalled answer go on, now and from now on.
-  void Release();
+  void Release() const;
 
  private:
   class Socket;
