@@ -83,12 +83,12 @@ void EndLineAndDie(int signal_number) {
   if (terminal >= 0 && write(terminal, "\n", 1) < 0) {
     _exit(packctl::kExitFailed);
   }
-  raise(signal_number);
+  static_cast<void>(raise(signal_number));
 }
 
 void SetUpSignals(const Console& console) {
   // A reader that goes away must not end an install halfway.
-  signal(SIGPIPE, SIG_IGN);
+  static_cast<void>(signal(SIGPIPE, SIG_IGN));
   if (!console.IsTerminal()) {
     return;
   }

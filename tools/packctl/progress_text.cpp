@@ -33,11 +33,11 @@ std::string TimeLeft(const DownloadProgress& progress) {
 }
 
 std::string FormatUnknownTotal(const DownloadProgress& progress, std::size_t room) {
-  const std::string sizes = FormatBytes(progress.now);
+  std::string sizes = FormatBytes(progress.now);
   if (!progress.rate) {
     return sizes;
   }
-  const std::string with_rate = PadLeft(sizes, kSizeWidth) + "  " + PadLeft(FormatRate(*progress.rate), kRateWidth);
+  std::string with_rate = PadLeft(sizes, kSizeWidth) + "  " + PadLeft(FormatRate(*progress.rate), kRateWidth);
   return with_rate.size() <= room ? with_rate : sizes;
 }
 
@@ -72,13 +72,11 @@ std::string FormatDuration(std::chrono::seconds duration) {
   if (in_hours > 99) {
     return "over 99 h";
   }
-  std::array<char, 32> buffer{};
+  const auto two_digits = [](long number) { return (number < 10 ? "0" : "") + std::to_string(number); };
   if (in_hours > 0) {
-    std::snprintf(buffer.data(), buffer.size(), "%ld:%02ld:%02ld", in_hours, in_minutes, in_seconds);
-  } else {
-    std::snprintf(buffer.data(), buffer.size(), "%ld:%02ld", in_minutes, in_seconds);
+    return std::to_string(in_hours) + ":" + two_digits(in_minutes) + ":" + two_digits(in_seconds);
   }
-  return buffer.data();
+  return std::to_string(in_minutes) + ":" + two_digits(in_seconds);
 }
 
 std::string FormatBar(double fraction, int width) {
@@ -108,19 +106,22 @@ std::string FormatDownload(const DownloadProgress& progress, int columns) {
   const std::string rate = progress.rate ? "  " + PadLeft(FormatRate(*progress.rate), kRateWidth) : "";
   const std::string left = progress.rate && *progress.rate >= 1 ? "  " + TimeLeft(progress) : "";
 
-  for (const std::string& tail : {rate + left, rate}) {
-    // The time left changes its width; the bar is given what its longest form leaves.
-    constexpr int kLongestLeft = 16;
-    const int taken = static_cast<int>(sizes.size() + percent.size() + rate.size()) + 2;
-    const int bar = columns - taken - (tail == rate ? 0 : kLongestLeft);
-    if (bar >= kMinBar) {
-      return sizes + " " + FormatBar(progress.Fraction(), std::min(bar, kMaxBar)) + " " + percent + tail;
-    }
+  const std::string front = sizes + " ";
+  const std::string back = " " + percent + rate;
+  const int bar = columns - static_cast<int>(front.size() + back.size());
+  // The time left changes its width: the bar gets what its longest form leaves.
+  constexpr int kLongestLeft = 16;
+  if (!left.empty() && bar - kLongestLeft >= kMinBar) {
+    return front + FormatBar(progress.Fraction(), std::min(bar - kLongestLeft, kMaxBar)) + back + left;
   }
-  for (const std::string& line : {sizes + " " + percent + rate, sizes + " " + percent}) {
-    if (line.size() <= room) {
-      return line;
-    }
+  if (bar >= kMinBar) {
+    return front + FormatBar(progress.Fraction(), std::min(bar, kMaxBar)) + back;
+  }
+  if (sizes.size() + back.size() <= room) {
+    return sizes + back;
+  }
+  if (sizes.size() + 1 + percent.size() <= room) {
+    return front + percent;
   }
   return Shorten(percent, columns);
 }

@@ -105,7 +105,7 @@ TEST(FormatDownloadTest, NeverExceedsTheLine) {
   for (int columns = 0; columns < 200; ++columns) {
     for (const std::int64_t total : {std::int64_t{0}, 68 * kMiB, std::int64_t{1} << 62}) {
       for (const double rate : {0.0, 1.0, 5e9}) {
-        EXPECT_LE(FormatDownload({1023 * 1024, total, rate}, columns).size(), static_cast<std::size_t>(columns));
+        EXPECT_LE(FormatDownload({kMiB - 1024, total, rate}, columns).size(), static_cast<std::size_t>(columns));
       }
     }
   }

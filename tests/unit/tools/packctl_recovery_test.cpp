@@ -3,7 +3,7 @@
 
 #include <filesystem>
 #include <functional>
-#include <map>
+#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -195,6 +195,8 @@ struct StatusCase {
   bool keeps_download;
 };
 
+void PrintTo(const StatusCase& param, std::ostream* out) { *out << param.name; }
+
 class RecoveryStatusTest : public RecoveryTest, public testing::WithParamInterface<StatusCase> {};
 
 TEST_P(RecoveryStatusTest, RecoverMendsTheStatusAndClearsTheDownload) {
@@ -265,7 +267,7 @@ TEST_F(RecoveryTest, RecoverReplacesASizeThatCannotBeDecoded) {
 }
 
 TEST_F(RecoveryTest, RecoverTakesAStoreThatIsNoStoreForLost) {
-  WriteFile(path::kPackStatusFile, "{\"status\": \"insta");
+  WriteFile(path::kPackStatusFile, R"({"status": "insta)");
   EXPECT_THAT(Recover().failed, IsEmpty());
   EXPECT_EQ(Recorded(), updater::kStatusLost);
   ExpectNothingLeftToDo();
