@@ -213,7 +213,7 @@ int OrbaCoreWrapper::RunCommand(const std::vector<std::string>& args) {
   if (supervisor < 0) {
     return kNotStarted;
   }
-  WaitFor(supervisor, nullptr, __WCLONE);
+  WaitFor(supervisor, nullptr, static_cast<int>(__WCLONE));
   return *result;
 }
 
