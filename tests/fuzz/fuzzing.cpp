@@ -1,0 +1,100 @@
+#include "tests/fuzz/fuzzing.h"
+
+#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+namespace orbamira::fuzz {
+namespace {
+
+// Every input writes files: in memory they cost nothing to sync.
+std::filesystem::path ScratchFolder() {
+  const char* chosen = std::getenv("TMPDIR");
+  if (chosen != nullptr) {
+    return chosen;
+  }
+  return access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+}
+
+// The library composes its paths when it is loaded, so the root must be set before the process begins: the first start
+// makes the root, runs the same program again under it, and clears up.
+[[noreturn]] void RunUnderRoot(char** argv) {
+  std::string root = (ScratchFolder() / "orbamira-fuzz-XXXXXX").string();
+  if (mkdtemp(root.data()) == nullptr || setenv("ORBAMIRA_ROOT", root.c_str(), 1) != 0) {
+    std::perror(root.c_str());
+    _exit(EXIT_FAILURE);
+  }
+  int status = -1;
+  pid_t child = 0;
+  if (posix_spawn(&child, "/proc/self/exe", nullptr, nullptr, argv, environ) == 0) {
+    static_cast<void>(std::signal(SIGINT, SIG_IGN));  // the child gets it too, and ends after its statistics
+    waitpid(child, &status, 0);
+  }
+  std::error_code ignored;
+  std::filesystem::remove_all(root, ignored);
+  _exit(WIFEXITED(status) ? WEXITSTATUS(status) : EXIT_FAILURE);
+}
+
+// Reads what the message is made of, as the system log would, so that a text that is gone is found.
+void Swallow(const char* format, va_list arguments) {
+  static_cast<void>(std::vsnprintf(nullptr, 0, format, arguments));
+}
+
+}  // namespace
+
+void Require(bool holds, const char* rule) {
+  if (!holds) {
+    static_cast<void>(std::fprintf(stderr, "broken rule: %s\n", rule));
+    std::abort();
+  }
+}
+
+std::string Text(const uint8_t* data, std::size_t size) { return {reinterpret_cast<const char*>(data), size}; }
+
+std::string TakeLine(std::string& text) {
+  const std::size_t end = std::min(text.find('\n'), text.size());
+  std::string line = text.substr(0, end);
+  text.erase(0, std::min(end + 1, text.size()));
+  return line;
+}
+
+}  // namespace orbamira::fuzz
+
+extern "C" {
+
+int LLVMFuzzerInitialize(int* argc, char*** argv);
+
+int LLVMFuzzerInitialize(int* /*argc*/, char*** argv) {
+  if (std::getenv("ORBAMIRA_ROOT") == nullptr) {
+    orbamira::fuzz::RunUnderRoot(*argv);
+  }
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  return 0;
+}
+
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system names them with underscores
+void syslog(int /*priority*/, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  orbamira::fuzz::Swallow(format, arguments);
+  va_end(arguments);
+}
+
+// What a build with _FORTIFY_SOURCE calls in place of syslog.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+void __syslog_chk(int /*priority*/, int /*flag*/, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  orbamira::fuzz::Swallow(format, arguments);
+  va_end(arguments);
+}
+
+}  // extern "C"

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace orbamira::fuzz {
+
+/// Ends the fuzzer, which keeps the input as a finding, unless `holds`. `rule` is the rule that was broken.
+void Require(bool holds, const char* rule);
+
+/// The input as a text of any bytes.
+std::string Text(const uint8_t* data, std::size_t size);
+
+/// Takes the first line off the text; without a line's end, all of it.
+std::string TakeLine(std::string& text);
+
+}  // namespace orbamira::fuzz
