@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "platform/unique_fd.h"
 
@@ -58,16 +60,17 @@ class TemporaryFile {
     }
   }
 
-  void PutInPlace() {
-    // The last chance of some file systems to report a failed write; the descriptor is gone either way.
-    if (close(fd_.Release()) != 0 && errno != EINTR) {
-      ThrowErrno("cannot write " + final_path_);
-    }
-    if (rename(path_.c_str(), final_path_.c_str()) != 0) {
+  /// False when the flags forbid to replace a file that exists, and one does.
+  [[nodiscard]] bool PutInPlace(unsigned flags) {
+    if (renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, final_path_.c_str(), flags) == 0) {
+      in_place_ = true;
+    } else if (errno != EEXIST) {
       ThrowErrno("cannot replace " + final_path_);
     }
-    in_place_ = true;
+    return in_place_;
   }
+
+  [[nodiscard]] UniqueFd Take() { return std::move(fd_); }
 
  private:
   const std::string& final_path_;
@@ -86,17 +89,25 @@ void SyncFolderOf(const std::string& path) {
 
 }  // namespace
 
-void ReplaceFile(const std::string& path, std::string_view content, mode_t mode, Durability durability) {
+UniqueFd ReplaceFile(const std::string& path, std::string_view content, mode_t mode, Durability durability) {
   TemporaryFile file(path);
   file.SetMode(mode);
   file.Write(content);
   if (durability == Durability::kDurable) {
     file.Sync();
   }
-  file.PutInPlace();
+  static_cast<void>(file.PutInPlace(0));  // what exists is replaced
   if (durability == Durability::kDurable) {
     SyncFolderOf(path);
   }
+  return file.Take();
+}
+
+UniqueFd MakeFile(const std::string& path, std::string_view content, mode_t mode) {
+  TemporaryFile file(path);
+  file.SetMode(mode);
+  file.Write(content);
+  return file.PutInPlace(RENAME_NOREPLACE) ? file.Take() : UniqueFd();
 }
 
 }  // namespace orbamira

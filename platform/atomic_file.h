@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/unique_fd.h"
+
 namespace orbamira {
 
 /// When a replaced file counts as replaced.
@@ -21,6 +23,11 @@ enum class Durability {
 /// only when the very last step of kDurable failed, syncing the folder, is the new content already in place.
 ///
 /// Two writers at once do not mix their contents; which of them wins is for the caller's lock to decide.
-void ReplaceFile(const std::string& path, std::string_view content, mode_t mode, Durability durability);
+///
+/// Returns the new file, still open.
+UniqueFd ReplaceFile(const std::string& path, std::string_view content, mode_t mode, Durability durability);
+
+/// As ReplaceFile with kVisible, but never over a file that exists: returns no valid descriptor when there is one.
+[[nodiscard]] UniqueFd MakeFile(const std::string& path, std::string_view content, mode_t mode);
 
 }  // namespace orbamira

@@ -7,13 +7,12 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <optional>
 #include <system_error>
 #include <utility>
 
+#include "platform/atomic_file.h"
 #include "platform/log.h"
 #include "platform/unique_fd.h"
 
@@ -25,7 +24,7 @@ using Values = std::map<std::string, std::string>;
 // A bound on what a damaged or hostile file can make us read. What is written keeps to it, so that it can be read.
 constexpr std::size_t kMaxFileSize = 1024 * 1024;
 
-enum class Durability { kAtOnce, kPowerCut };
+constexpr mode_t kFileMode = 0644;
 
 [[noreturn]] void Throw(int error, const std::string& what, const std::string& path) {
   throw std::system_error(error, std::generic_category(), what + " " + path);
@@ -66,68 +65,6 @@ std::string Format(const Values& values) {
   builder["indentation"] = "  ";
   builder["emitUTF8"] = true;  // otherwise bytes that are no UTF-8 would not come back as they were
   return Json::writeString(builder, root) + "\n";
-}
-
-// A file beside its final name, which is removed unless it gets there.
-class TemporaryFile {
- public:
-  explicit TemporaryFile(const std::string& target) : path_(target + ".XXXXXX") {
-    fd_ = AboveStandardStreams(UniqueFd(mkostemp(path_.data(), O_CLOEXEC)));
-    if (!fd_.valid()) {
-      Throw(errno, "make temporary file for", target);
-    }
-  }
-  TemporaryFile(const TemporaryFile&) = delete;
-  TemporaryFile& operator=(const TemporaryFile&) = delete;
-  ~TemporaryFile() {
-    if (!path_.empty()) {
-      unlink(path_.c_str());
-    }
-  }
-
-  void Write(const std::string& text) {
-    for (std::size_t done = 0; done < text.size();) {
-      const ssize_t count = write(fd_.get(), text.data() + done, text.size() - done);
-      if (count >= 0) {
-        done += static_cast<std::size_t>(count);
-      } else if (errno != EINTR) {
-        Throw(errno, "write", path_);
-      }
-    }
-    if (fchmod(fd_.get(), 0644) != 0) {
-      Throw(errno, "set mode of", path_);
-    }
-  }
-
-  void Sync() {
-    if (fsync(fd_.get()) != 0) {
-      Throw(errno, "sync", path_);
-    }
-  }
-
-  /// 0, or the error: EEXIST when `flags` forbid to replace a file that exists.
-  [[nodiscard]] int RenameTo(const std::string& target, unsigned flags) {
-    if (renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, target.c_str(), flags) != 0) {
-      return errno;
-    }
-    path_.clear();
-    return 0;
-  }
-
-  /// The file, still open once it is renamed.
-  [[nodiscard]] UniqueFd Take() { return std::move(fd_); }
-
- private:
-  std::string path_;
-  UniqueFd fd_;
-};
-
-void SyncFolderOf(const std::string& path) {
-  const std::string folder = std::filesystem::path(path).parent_path();
-  const UniqueFd fd = OpenFile(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
-  if (!fd.valid() || fsync(fd.get()) != 0) {
-    Throw(errno, "sync folder of", path);
-  }
 }
 
 }  // namespace
@@ -223,14 +160,11 @@ void FileKeyValueStore::File::SetAside(UniqueFd broken, const struct stat& statu
 
 // Never over a file that another process has put there meanwhile.
 bool FileKeyValueStore::File::PutEmptyIfMissing() {
-  TemporaryFile temporary(path_);
-  temporary.Write(Format({}));
-  if (const int error = temporary.RenameTo(path_, RENAME_NOREPLACE); error == EEXIST) {
+  UniqueFd made = MakeFile(path_, Format({}), kFileMode);
+  if (!made.valid()) {
     return false;
-  } else if (error != 0) {
-    Throw(error, "make", path_);
   }
-  RememberWritten(temporary.Take(), {});
+  RememberWritten(std::move(made), {});
   return true;
 }
 
@@ -239,18 +173,7 @@ void FileKeyValueStore::File::Replace(Values values, Durability durability) {
   if (text.size() > kMaxFileSize) {
     Throw(EFBIG, "write", path_);
   }
-  TemporaryFile temporary(path_);
-  temporary.Write(text);
-  if (durability == Durability::kPowerCut) {
-    temporary.Sync();
-  }
-  if (const int error = temporary.RenameTo(path_, 0); error != 0) {
-    Throw(error, "replace", path_);
-  }
-  if (durability == Durability::kPowerCut) {
-    SyncFolderOf(path_);
-  }
-  RememberWritten(temporary.Take(), std::move(values));
+  RememberWritten(ReplaceFile(path_, text, kFileMode, durability), std::move(values));
 }
 
 void FileKeyValueStore::File::Remember(UniqueFd fd, const struct stat& status, Values values) {
@@ -300,12 +223,12 @@ std::string FileKeyValueStore::Get(const std::string& key) {
 void FileKeyValueStore::Set(const std::string& key, const std::string& value) {
   Values values = file_->Read();
   values[key] = value;
-  file_->Replace(std::move(values), Durability::kPowerCut);
+  file_->Replace(std::move(values), Durability::kDurable);
 }
 
 void FileKeyValueStore::Clear() {
   file_->Read();  // sets a broken file aside rather than losing it
-  file_->Replace({}, Durability::kAtOnce);
+  file_->Replace({}, Durability::kVisible);
 }
 
 }  // namespace orbamira::store
