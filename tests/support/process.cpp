@@ -113,7 +113,8 @@ void Collect(pid_t child, const Pipe& out, const Pipe& err, std::chrono::seconds
     execvpe(argv[0], argv, environment);
   }
   const int error = errno;
-  static_cast<void>(!write(failure.write_end(), &error, sizeof error));
+  const ssize_t written = write(failure.write_end(), &error, sizeof error);
+  static_cast<void>(written);
   _exit(127);
 }
 

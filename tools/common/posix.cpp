@@ -28,10 +28,10 @@ int FileDescriptor::Release() noexcept { return std::exchange(fd_, -1); }
 
 void ThrowErrno(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
 
-std::string Below(const std::string& folder, const std::string& name) {
+std::string Below(const std::string& folder, const std::string& inner) {
   std::string path;
-  path.reserve(folder.size() + 1 + name.size());
-  return path.append(folder).append("/").append(name);
+  path.reserve(folder.size() + 1 + inner.size());
+  return path.append(folder).append("/").append(inner);
 }
 
 FileDescriptor OpenDirectory(int at, const std::string& name, const std::string& shown) {

@@ -32,8 +32,8 @@ class FileDescriptor {
 /// Throws std::system_error with the text of errno, headed by `what`.
 [[noreturn]] void ThrowErrno(const std::string& what);
 
-/// "folder/name".
-std::string Below(const std::string& folder, const std::string& name);
+/// "folder/inner".
+std::string Below(const std::string& folder, const std::string& inner);
 
 /// Opens the directory `name` below `at` for reading; a symbolic link in its place is an error. `shown` is its name in
 /// the error. Throws std::system_error.

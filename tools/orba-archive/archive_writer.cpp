@@ -55,8 +55,8 @@ class Collector {
     }
     names_.insert(name);
     if (type == S_IFDIR) {
-      for (const std::string& entry : ListDirectory(OpenDirectory(folder_, name, name).get(), name)) {
-        AddTree(Below(name, entry));
+      for (const std::string& inner : ListDirectory(OpenDirectory(folder_, name, name).get(), name)) {
+        AddTree(Below(name, inner));
       }
     }
   }
