@@ -138,10 +138,13 @@ TEST_F(RecoveryTest, RecoverRemovesTemporaryAndHalfBuiltFolders) {
   MakePack(path::kPackFolderPath, "1");
   MakePack(path::kTempPackFolderPath, "2");
   MakePack(fs::path(kTargetFolder) / ".codec-pack.partial.x7Yz01", "2");
+  MakePack(fs::path(kTargetFolder) / ".codec-pack.partial.A", "2");
   MakePack(fs::path(kTargetFolder) / ".codec-pack.partial.2", "2");
   MakePack(fs::path(kTargetFolder) / ".other-pack.partial.2", "2");
   MakePack(fs::path(kTargetFolder) / "other-pack", "2");
-  EXPECT_THAT(Recover().done, SizeIs(3));
+  EXPECT_THAT(Recover().done, ElementsAre(std::string("removed the unpacked pack ") + path::kTempPackFolderPath,
+                                          HasSubstr(".codec-pack.partial.2"), HasSubstr(".codec-pack.partial.A"),
+                                          HasSubstr(".codec-pack.partial.x7Yz01")));
   EXPECT_THAT(Left(kTargetFolder), ElementsAre(".other-pack.partial.2", "codec-pack", "other-pack"));
   ExpectNothingLeftToDo();
 }
