@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
@@ -103,16 +104,13 @@ void WaitFor(pid_t process, int* status, int options) {
 // close-on-exec, which is any descriptor of the host's own that was opened while the stream was closed. Going upwards,
 // the stream at hand is the lowest free descriptor, the one that open() takes.
 bool PrepareStandardStreams() {
-  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+  return std::ranges::all_of(std::array{STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}, [](int stream) {
     if (stream != STDIN_FILENO && fcntl(stream, F_GETFD) == 0) {
-      continue;
+      return true;
     }
     close(stream);
-    if (open("/dev/null", O_RDWR) != stream) {  // NOLINT(android-cloexec-open): the program is to inherit it
-      return false;
-    }
-  }
-  return true;
+    return open("/dev/null", O_RDWR) == stream;
+  });
 }
 
 int RunAndWait(char* const* arguments, const posix_spawnattr_t* attributes) {
@@ -128,7 +126,8 @@ int RunAndWait(char* const* arguments, const posix_spawnattr_t* attributes) {
 // Runs with all signals blocked. Descriptors go first: should the host die, the supervisor must hold none of its locks.
 [[noreturn]] void Supervise(char* const* arguments, const posix_spawnattr_t* attributes, int& result) {
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-  std::signal(SIGCHLD, SIG_DFL);
+  struct sigaction keep_children {};  // all zeros: SIG_DFL, and no SA_NOCLDWAIT
+  sigaction(SIGCHLD, &keep_children, nullptr);
   closefrom(STDERR_FILENO + 1);
   result = PrepareStandardStreams() ? RunAndWait(arguments, attributes) : kNotStarted;
   syscall(SYS_exit_group, 0);  // not _exit(), where a sanitizer waits for threads that the copy does not have
@@ -149,7 +148,7 @@ pid_t StartSupervisor(char* const* arguments, const posix_spawnattr_t* attribute
 }
 
 // More than any settings file holds, and little enough to be read on every call.
-constexpr std::size_t kMaxSettingsSize = 1024 * 1024;
+constexpr std::size_t kMaxSettingsSize = 1UL << 20U;
 
 std::string_view WithoutBlanks(std::string_view text) {
   constexpr std::string_view kBlanks = " \t";

@@ -16,7 +16,7 @@
 namespace orbamira::wrapper {
 namespace {
 
-constexpr std::size_t kBufferSize = 256 * 1024;
+constexpr std::size_t kBufferSize = 256UL << 10U;
 
 using Digest = std::vector<unsigned char>;
 
@@ -36,7 +36,7 @@ UniqueFd OpenRegularFile(const std::string& path) {
   UniqueFd fd = OpenFile(path, O_RDONLY);
   struct stat status {};
   if (!fd.valid() || fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-    return UniqueFd();
+    return {};
   }
   return fd;
 }

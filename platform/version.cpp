@@ -27,12 +27,11 @@ std::strong_ordering CompareNumbers(std::string_view left, std::string_view righ
 }
 
 std::strong_ordering CompareParts(std::string_view left, std::string_view right) {
-  const bool left_is_text = !IsNumber(left);
-  const bool right_is_text = !IsNumber(right);
-  if (left_is_text != right_is_text) {
-    return left_is_text <=> right_is_text;
+  const bool left_is_number = IsNumber(left);
+  if (left_is_number != IsNumber(right)) {
+    return left_is_number ? std::strong_ordering::less : std::strong_ordering::greater;
   }
-  return left_is_text ? left <=> right : CompareNumbers(left, right);
+  return left_is_number ? CompareNumbers(left, right) : left <=> right;
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <filesystem>
@@ -110,8 +111,8 @@ TEST_F(FileLockTest, TwoObjectsInOneProcessExcludeEachOther) {
 }
 
 TEST_F(FileLockTest, TheKernelGivesTheLockOfAKilledProcessBack) {
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
+  std::array<int, 2> ready{};
+  ASSERT_EQ(pipe(ready.data()), 0);
   test::Forked holder([&] {
     const FileLock lock(path_);
     if (write(ready[1], "x", 1) != 1) {
@@ -130,8 +131,8 @@ TEST_F(FileLockTest, TheKernelGivesTheLockOfAKilledProcessBack) {
 }
 
 TEST_F(FileLockTest, AProcessForkedMeanwhileDoesNotKeepTheLock) {
-  int done[2];
-  ASSERT_EQ(pipe(done), 0);
+  std::array<int, 2> done{};
+  ASSERT_EQ(pipe(done.data()), 0);
   std::optional<FileLock> lock(path_);
   test::Forked copy([&] {
     close(done[1]);

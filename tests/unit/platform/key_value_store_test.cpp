@@ -315,9 +315,9 @@ TEST_F(FileKeyValueStoreTest, SeesWhatAnotherProcessWrote) {
 TEST_F(FileKeyValueStoreTest, SeesWhatWasWrittenInPlace) {
   const auto store = Open();
   store->Set("key", "1");
-  Overwrite("{\"key\":\"2\"}");
+  Overwrite(R"({"key":"2"})");
   EXPECT_EQ(store->Get("key"), "2");
-  Overwrite("{\"key\":\"3\"}");  // of the same size
+  Overwrite(R"({"key":"3"})");  // of the same size
   EXPECT_EQ(store->Get("key"), "3");
 }
 
@@ -373,7 +373,7 @@ INSTANTIATE_TEST_SUITE_P(FileKeyValueStore, BrokenStoreTest,
                                          "{\"key\":\"a\",\"key\":\"b\"}", "{'key':'a'}", "{\"key\":\"a\",}",
                                          "// text\n{}", std::string("\0\xFF\x01", 3), std::string(500'000, '['),
                                          std::string(100'000, '{'),
-                                         "{\"key\":\"" + std::string(1024 * 1024, 'x') + "\"}"));
+                                         "{\"key\":\"" + std::string(std::size_t{1} << 20U, 'x') + "\"}"));
 
 TEST_F(FileKeyValueStoreTest, ABrokenFileReplacesAnEarlierOne) {
   test::WriteFile(path_, "first");
@@ -414,17 +414,19 @@ TEST_F(FileKeyValueStoreTest, ABrokenFileThatCannotBeSetAsideReadsAsEmpty) {
 TEST_F(FileKeyValueStoreTest, SetRefusesWhatCouldNotBeReadAgain) {
   const auto store = Open();
   store->Set("key", "value");
-  EXPECT_THROW(store->Set("key", std::string(1024 * 1024, 'x')), std::system_error);
+  EXPECT_THROW(store->Set("key", std::string(std::size_t{1} << 20U, 'x')), std::system_error);
   EXPECT_EQ(store->Get("key"), "value");
-  store->Set("key", std::string(1000 * 1000, 'x'));
-  EXPECT_EQ(Open()->Get("key").size(), 1000U * 1000U);
+  store->Set("key", std::string(std::size_t{1'000'000}, 'x'));
+  EXPECT_EQ(Open()->Get("key").size(), 1'000'000U);
 }
 
 TEST_F(FileKeyValueStoreTest, AFailedWriteLeavesEverythingAsItWas) {
   Open()->Set("key", "value");
   test::Forked writer([&] {
     const auto store = Open();
-    std::signal(SIGXFSZ, SIG_IGN);
+    if (std::signal(SIGXFSZ, SIG_IGN) == SIG_ERR) {
+      return 4;
+    }
     const rlimit limit{64, 64};  // a disk that is full after 64 bytes
     if (setrlimit(RLIMIT_FSIZE, &limit) != 0) {
       return 1;

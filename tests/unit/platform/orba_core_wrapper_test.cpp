@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -98,7 +99,7 @@ TEST_F(OrbaCoreWrapperRunCommandTest, RefusesAnArgumentWithANul) {
 TEST_F(OrbaCoreWrapperRunCommandTest, GivesTheArgumentsExactly) {
   const std::vector<std::string> given = {"",    "a b",       "\"quoted\"", "it's", "$HOME",    "`id`", "*",
                                           "\\n", "line\nend", " ",          "-x",   "; exit 9", "",     "\xFF\xC3"};
-  std::vector<std::string> args = {"/bin/sh", "-c", "for a; do printf '<%s>' \"$a\"; done > \"$0\"", out_};
+  std::vector<std::string> args = {"/bin/sh", "-c", R"(for a; do printf '<%s>' "$a"; done > "$0")", out_};
   args.insert(args.end(), given.begin(), given.end());
   EXPECT_EQ(Run(args), 0);
   std::string expected;
@@ -110,7 +111,7 @@ TEST_F(OrbaCoreWrapperRunCommandTest, GivesTheArgumentsExactly) {
 
 TEST_F(OrbaCoreWrapperRunCommandTest, GivesTheEnvironmentAndTheFolder) {
   ASSERT_EQ(setenv("ORBAMIRA_TEST", "here", 1), 0);
-  EXPECT_EQ(RunScript("{ echo $ORBAMIRA_TEST; pwd -P; } > \"$0\""), 0);
+  EXPECT_EQ(RunScript(R"({ echo $ORBAMIRA_TEST; pwd -P; } > "$0")"), 0);
   EXPECT_EQ(Out(), "here\n" + fs::canonical(fs::current_path()).string() + "\n");
 }
 
@@ -197,12 +198,14 @@ TEST_F(OrbaCoreWrapperRunCommandTest, LeavesTheHostsSignalsAsTheyWere) {
 TEST_F(OrbaCoreWrapperRunCommandTest, StartsTheProgramWithDefaultSignals) {
   test::Forked host([&] {
     for (const int signal : {SIGCHLD, SIGPIPE, SIGINT, SIGTERM, SIGRTMIN}) {
-      std::signal(signal, SIG_IGN);
+      if (std::signal(signal, SIG_IGN) == SIG_ERR) {
+        return 98;
+      }
     }
     sigset_t all;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, nullptr);
-    return RunScript("exec grep -E '^Sig(Blk|Ign)' /proc/self/status > \"$0\"");
+    return RunScript(R"(exec grep -E '^Sig(Blk|Ign)' /proc/self/status > "$0")");
   });
   EXPECT_EQ(host.Wait(), 0);
   // The C library keeps signals 32 and 33 for itself and leaves them ignored in a spawned program.
@@ -211,11 +214,11 @@ TEST_F(OrbaCoreWrapperRunCommandTest, StartsTheProgramWithDefaultSignals) {
 
 TEST_F(OrbaCoreWrapperRunCommandTest, GivesDevNullAsStandardInput) {
   test::Forked host([&] {
-    int ends[2];
-    if (pipe(ends) != 0 || dup2(ends[0], STDIN_FILENO) != STDIN_FILENO) {
+    std::array<int, 2> ends{};
+    if (pipe(ends.data()) != 0 || dup2(ends[0], STDIN_FILENO) != STDIN_FILENO) {
       return 98;
     }
-    return RunScript("readlink /proc/$$/fd/0 > \"$0\"; cat >> \"$0\"");
+    return RunScript(R"(readlink /proc/$$/fd/0 > "$0"; cat >> "$0")");
   });
   EXPECT_EQ(host.Wait(), 0);
   EXPECT_EQ(Out(), "/dev/null\n");
@@ -268,6 +271,7 @@ TEST_F(OrbaCoreWrapperRunCommandTest, GivesTheProgramNoOtherDescriptor) {
 
 TEST_F(OrbaCoreWrapperRunCommandTest, MayBeCalledFromSeveralThreads) {
   std::vector<std::thread> threads;
+  threads.reserve(8);
   std::atomic<int> wrong = 0;
   for (int number = 0; number < 8; ++number) {
     threads.emplace_back([this, number, &wrong] {
@@ -287,6 +291,7 @@ TEST_F(OrbaCoreWrapperRunCommandTest, MayBeCalledFromSeveralThreads) {
 TEST_F(OrbaCoreWrapperRunCommandTest, WorksWhileOtherThreadsTakeMemory) {
   std::atomic<bool> done = false;
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int number = 0; number < 4; ++number) {
     threads.emplace_back([&] {
       while (!done) {
@@ -311,7 +316,7 @@ class OrbaCoreWrapperRunningTest : public OrbaCoreWrapperRunCommandTest {
     EXPECT_EQ(mkfifo(go_on_.c_str(), 0600), 0);
   }
 
-  int RunUntilTold() { return Run({"/bin/sh", "-c", "echo > \"$0\"; read line < \"$1\"; exit 5", started_, go_on_}); }
+  int RunUntilTold() { return Run({"/bin/sh", "-c", R"(echo > "$0"; read line < "$1"; exit 5)", started_, go_on_}); }
   void AwaitStart() { test::ReadFile(started_); }
   void Tell() { std::ofstream(go_on_) << "go on\n"; }
 

@@ -37,7 +37,7 @@ TEST_F(OrbaSDKWrapperTest, MakeDirectoryMakesTheMissingParents) {
 }
 
 TEST_F(OrbaSDKWrapperTest, MakeDirectoryGivesTheSameModeWhateverTheUmask) {
-  for (const mode_t mask : {0000, 0022, 0077}) {
+  for (const mode_t mask : {0000U, 0022U, 0077U}) {
     const std::string name = "mask" + std::to_string(mask);
     const mode_t before = umask(mask);
     EXPECT_EQ(Make(name + "/inner"), 0);

@@ -87,9 +87,9 @@ std::vector<std::string> ManyVersions() {
   std::vector<std::string> versions = parts;
   for (const std::string& first : parts) {
     for (const std::string& second : parts) {
-      versions.push_back(first + "." + second);
-      versions.push_back(first + "-" + second + "_0");
-      versions.push_back("1." + first + "+" + second);
+      for (const char* separator : {".", "-", "+0_"}) {
+        versions.emplace_back(first).append(separator).append(second);
+      }
     }
   }
   return versions;
