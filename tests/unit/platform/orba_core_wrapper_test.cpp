@@ -250,7 +250,7 @@ TEST_F(OrbaCoreWrapperRunCommandTest, DoesNotLetTheProgramWriteToAFileOfTheHosts
     close(STDOUT_FILENO);
     close(STDERR_FILENO);
     const int own = open(out_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    return own == STDOUT_FILENO ? RunScript("echo out; echo err >&2") : 98;
+    return own == STDOUT_FILENO ? RunScript("echo out && echo err >&2") : 98;
   });
   EXPECT_EQ(host.Wait(), 0);
   EXPECT_EQ(Out(), "");
