@@ -64,12 +64,7 @@ using Record = std::vector<std::string>;
 
 class PackStatusHelperTest : public testing::Test {
  protected:
-  PackStatusHelperTest() {
-    fs::create_directories(fs::path(path::kPackStatusFile).parent_path());
-    fs::remove(path::kPackStatusFile);
-    LogCapture::Clear();
-    store_ = store::FileKeyValueStore::Create(path::kPackStatusFile);
-  }
+  PackStatusHelperTest() { LogCapture::Clear(); }
 
   // Nothing is ever logged by what the helper does once it is made.
   ~PackStatusHelperTest() override { EXPECT_THAT(LogCapture::Lines(), IsEmpty()); }
@@ -83,7 +78,13 @@ class PackStatusHelperTest : public testing::Test {
     return record;
   }
 
-  std::shared_ptr<store::IKeyValueStore> store_;
+  static std::shared_ptr<store::IKeyValueStore> MakeStore() {
+    fs::create_directories(fs::path(path::kPackStatusFile).parent_path());
+    fs::remove(path::kPackStatusFile);
+    return store::FileKeyValueStore::Create(path::kPackStatusFile);
+  }
+
+  std::shared_ptr<store::IKeyValueStore> store_ = MakeStore();
   PackStatusHelper helper_{store::FileKeyValueStore::Create(path::kPackStatusFile)};
 };
 
