@@ -31,6 +31,18 @@ class PlainSource final : public ByteSource {
     return {buffer_.data(), static_cast<size_t>(count)};
   }
 
+  /// The byte at `offset` of the whole source; 0 behind its end. Next() goes on where it was.
+  [[nodiscard]] uint8_t At(off_t offset) const {
+    uint8_t byte = 0;
+    if (pread(fd_, &byte, 1, offset) < 0) {
+      ThrowErrno("cannot read");
+    }
+    return byte;
+  }
+
+  /// How much Next() has given.
+  [[nodiscard]] off_t offset() const { return offset_; }
+
  private:
   int fd_;
   off_t offset_ = 0;
@@ -49,6 +61,11 @@ class GzipSource final : public ByteSource {
     while (HasInput()) {
       if (state_.block_state == ISAL_BLOCK_FINISH) {
         isal_inflate_reset(&state_);
+        at_header_ = true;
+      }
+      if (at_header_) {
+        CheckFlags();
+        at_header_ = false;
       }
       state_.next_out = buffer_.data();
       state_.avail_out = static_cast<uint32_t>(buffer_.size());
@@ -63,6 +80,16 @@ class GzipSource final : public ByteSource {
   }
 
  private:
+  /// A flag that has no meaning yet (RFC 1952, section 2.3.1) may tell of a field that the decoder, which passes over
+  /// the flag, would take for data.
+  void CheckFlags() const {
+    constexpr off_t kFlags = 3;
+    constexpr uint8_t kReserved = 0xe0;
+    if ((compressed_.At(compressed_.offset() - state_.avail_in + kFlags) & kReserved) != 0) {
+      throw std::runtime_error("damaged gzip data");
+    }
+  }
+
   /// Whether there is something to inflate: in the decoder, which may hold back what did not fit into a full buffer, or
   /// in the file.
   bool HasInput() {
@@ -87,6 +114,7 @@ class GzipSource final : public ByteSource {
   std::vector<uint8_t> buffer_;
   inflate_state state_ = {};
   bool started_ = false;
+  bool at_header_ = true;
 };
 
 }  // namespace

@@ -579,6 +579,21 @@ TEST_F(OrbaArchiveTest, ReadsEveryFieldOfAGzipHeader) {
   EXPECT_EQ(ReadFile(out_ / "f"), "data");
 }
 
+// The decoder passes over the flags that have no meaning yet, in the first header as in a later one.
+TEST_F(OrbaArchiveTest, RefusesReservedFlagsInAGzipHeader) {
+  const std::string first = Gzip(Tar().File("f").WithoutEnd());
+  const std::string second = Gzip(std::string(1024, '\0'));
+  EXPECT_TRUE(Unpack(Program::kTar, first + second).Exited(0));
+  for (const size_t flags : {size_t{3}, first.size() + 3}) {
+    for (const char reserved : {'\x20', '\x40', '\x80'}) {
+      std::string bytes = first + second;
+      bytes[flags] = reserved;
+      fs::remove(out_ / "f");
+      ExpectRefused(Program::kTar, bytes, "damaged gzip data");
+    }
+  }
+}
+
 TEST_F(OrbaArchiveTest, ChecksTheChecksumAndLengthOfAPayload) {
   const std::string whole = Gzip(Tar().File("f").Bytes());
   for (size_t back = 1; back <= 8; ++back) {
