@@ -83,10 +83,10 @@ Reply Ask(const std::string& url, const ProviderLimits& limits, const std::optio
 // A text of the provider's as it may stand in a message: printable, short and without the token that it was sent.
 std::string Quote(const Json::Value& value, const std::string& secret) {
   std::string text = value.isString() ? value.asString() : "";
+  std::erase_if(text, [](char c) { return c < ' ' || c > '~'; });
   if (text.find(secret) != std::string::npos) {
     return "";
   }
-  std::erase_if(text, [](char c) { return c < ' ' || c > '~'; });
   return text.substr(0, kQuoteLimit);
 }
 

@@ -159,6 +159,14 @@ TEST_F(RefreshTokensTest, RefreshTokensNeverQuotesTheToken) {
   EXPECT_EQ(Failure(), "the provider refused to renew the token: status 400, x");
 }
 
+// The token was looked for in the text as sent, and came together when the line break was dropped.
+TEST_F(RefreshTokensTest, RefreshTokensNeverQuotesATokenBrokenByALineEnd) {
+  provider_.token_answer = [] {
+    return HttpResponse{.status = 400, .body = R"({"error":"x","error_description":"old-re\nfresh is unknown"})"};
+  };
+  EXPECT_EQ(Failure(), "the provider refused to renew the token: status 400, x");
+}
+
 TEST_F(RefreshTokensTest, RefreshTokensQuotesNoMoreThanItNeeds) {
   provider_.token_answer = [] {
     return HttpResponse{.status = 400, .body = R"({"error":")" + std::string(5000, 'x') + "\"}"};
