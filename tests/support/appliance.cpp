@@ -1,6 +1,7 @@
 #include "tests/support/appliance.h"
 
 #include <fcntl.h>
+#include <json/reader.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -43,6 +45,15 @@ std::string TemporaryName() {
   }
   close(fd);
   return name;
+}
+
+fs::path JournalPath() { return Root() / "journal"; }
+
+Json::Value Parsed(const std::string& text) {
+  Json::Value value;
+  std::istringstream stream(text);
+  stream >> value;
+  return value;
 }
 
 }  // namespace
@@ -125,6 +136,32 @@ void Appliance::AddPlugin(const std::string& name, const std::string& script) {
   const fs::path plugin = Root() / "usr/lib/orbamira/plugins" / name;
   WriteFile(plugin, "#!/bin/sh\n" + script);
   fs::permissions(plugin, fs::perms(0755));
+}
+
+void Appliance::AddJournal() {
+  AddPlugin("00-journal", "echo \"$2 $6 $4 $8 ${10}\" >> '" + JournalPath().string() +
+                              "'\n" ORBAMIRA_TEST_PACKCTL " status --json >> '" + JournalPath().string() + "'\n");
+}
+
+std::vector<std::string> Appliance::Journal() {
+  std::vector<std::string> entries;
+  std::istringstream lines(ReadFile(JournalPath()));
+  for (std::string told, record; std::getline(lines, told) && std::getline(lines, record);) {
+    const Json::Value status = Parsed(record);
+    entries.push_back(told + ": " + status["status"].asString() + " " + status["install_step"].asString());
+  }
+  return entries;
+}
+
+std::map<std::string, std::string> Appliance::StatusRecord() {
+  std::map<std::string, std::string> record;
+  if (const std::string text = ReadFile(path::kPackStatusFile); !text.empty()) {
+    const Json::Value store = Parsed(text);
+    for (const std::string& key : store.getMemberNames()) {
+      record[key] = store[key].asString();
+    }
+  }
+  return record;
 }
 
 std::string Appliance::InstalledPayload() { return ReadFile(fs::path(path::kPackFolderPath) / "codec"); }

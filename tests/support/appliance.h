@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -43,7 +44,8 @@ class RunningProgram {
 };
 
 /// A whole appliance in the test's own root: settings, the updater's programs as they were built, and a web server that
-/// publishes packs. What a test does with it goes the way of a user: through packctl, a program of its own.
+/// publishes packs. A test changes it the way of a user, through packctl, a program of its own, or the way of a host,
+/// through the library in the test's own process.
 class Appliance {
  public:
   Appliance();
@@ -62,6 +64,14 @@ class Appliance {
 
   /// Adds a plugin: a shell script in the plugins' folder.
   static void AddPlugin(const std::string& name, const std::string& script);
+
+  /// Adds a plugin that keeps a journal of what plugins are told and of the status record at that moment, as another
+  /// process finds it. An entry reads "EVENT TIMING NAME VERSION MEANING: STATUS STEP".
+  static void AddJournal();
+  [[nodiscard]] static std::vector<std::string> Journal();
+
+  /// What the status store holds; empty without one.
+  [[nodiscard]] static std::map<std::string, std::string> StatusRecord();
 
   /// The text of the file "codec" in the installed pack; empty without a pack.
   [[nodiscard]] static std::string InstalledPayload();
