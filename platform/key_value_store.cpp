@@ -56,6 +56,11 @@ std::optional<Values> Parse(const std::string& text) {
   return values;
 }
 
+bool IsAt(const std::string& path, const struct stat& status) {
+  struct stat now {};
+  return stat(path.c_str(), &now) == 0 && now.st_dev == status.st_dev && now.st_ino == status.st_ino;
+}
+
 std::string Format(const Values& values) {
   Json::Value root(Json::objectValue);
   for (const auto& [key, value] : values) {
@@ -129,11 +134,11 @@ void FileKeyValueStore::File::Load() {
   if (fstat(fd.get(), &status) != 0) {
     Throw(errno, "look at", path_);
   }
-  const std::optional<std::string> text = ReadUpTo(fd.get(), kMaxFileSize + 1);
-  if (!text.has_value()) {
-    Throw(errno, "read", path_);
+  if (S_ISDIR(status.st_mode)) {
+    Throw(EISDIR, "read", path_);
   }
-  if (std::optional<Values> values = Parse(*text)) {
+  const std::optional<std::string> text = ReadUpTo(fd.get(), kMaxFileSize + 1);
+  if (std::optional<Values> values = text.has_value() ? Parse(*text) : std::nullopt) {
     Remember(std::move(fd), status, *std::move(values));
   } else {
     SetAside(std::move(fd), status);
@@ -141,15 +146,21 @@ void FileKeyValueStore::File::Load() {
 }
 
 void FileKeyValueStore::File::SetAside(UniqueFd broken, const struct stat& status) {
-  struct stat now {};
-  if (stat(path_.c_str(), &now) != 0 || now.st_dev != status.st_dev || now.st_ino != status.st_ino) {
+  if (!IsAt(path_, status)) {
     Load();  // another process has set it aside, and what stands there now is good
     return;
   }
-  if (std::rename(path_.c_str(), (path_ + ".broken").c_str()) != 0) {
+  const std::string aside = path_ + ".broken";
+  if (std::rename(path_.c_str(), aside.c_str()) != 0) {
     ORBAMIRA_LOG_ERROR("Failed to set aside broken store %s: %s", path_.c_str(),
                        std::generic_category().message(errno).c_str());
     Remember(std::move(broken), status, {});
+    return;
+  }
+  if (!IsAt(aside, status)) {
+    // Another process has put a good file in place since we looked: back it goes, unless there is one already.
+    static_cast<void>(renameat2(AT_FDCWD, aside.c_str(), AT_FDCWD, path_.c_str(), RENAME_NOREPLACE));
+    Load();
     return;
   }
   ORBAMIRA_LOG_ERROR("Set aside broken store %s", path_.c_str());

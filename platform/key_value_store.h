@@ -30,7 +30,8 @@ class ORBAMIRA_EXPORT IKeyValueStore {
 /// The store as a JSON object of texts in one file, mode 0644. The file is only ever replaced whole, so a reader
 /// without the lock sees one state or the next, never a part. Every operation sees what other processes wrote.
 ///
-/// A file that is no JSON object of texts is renamed to "<name>.broken", logged, and an empty store takes its place.
+/// A file that is no JSON object of texts, or cannot be read to its end, is renamed to "<name>.broken", logged, and an
+/// empty store takes its place.
 /// All operations throw std::system_error when the file system refuses them; the file then is as it was.
 class ORBAMIRA_EXPORT FileKeyValueStore : public IKeyValueStore {
  public:

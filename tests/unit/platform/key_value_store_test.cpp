@@ -375,6 +375,17 @@ INSTANTIATE_TEST_SUITE_P(FileKeyValueStore, BrokenStoreTest,
                                          std::string(100'000, '{'),
                                          "{\"key\":\"" + std::string(std::size_t{1} << 20U, 'x') + "\"}"));
 
+TEST_F(FileKeyValueStoreTest, AFileThatCannotBeReadIsSetAside) {
+  fs::create_symlink("/proc/self/mem", path_);  // nothing is at its beginning: reading there is an error
+  test::LogCapture::Clear();
+  const auto store = Open();
+  ASSERT_NE(store, nullptr);
+  EXPECT_THAT(test::LogCapture::Lines(),
+              ElementsAre(test::ErrorLine("key_value_store.cpp", "Set aside broken store " + path_)));
+  store->Set("key", "value");
+  EXPECT_EQ(Open()->Get("key"), "value");
+}
+
 TEST_F(FileKeyValueStoreTest, ABrokenFileReplacesAnEarlierOne) {
   test::WriteFile(path_, "first");
   const auto store = Open();
