@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <spawn.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -32,12 +33,18 @@
 // until the program ends: no signal would be handled, and setuid() in any other thread, which needs an answer from
 // every thread, would hang as long. The copy costs about 4 ms for each 100 MB that the host has in use.
 //
+// Should the host die, the supervisor ends the program: what recovers from that death must not find it still changing
+// files.
+//
 // Threads of the host may hold any lock at the moment of the copy, so the supervisor makes system calls only and takes
-// no memory.
+// no memory from the heap.
 namespace orbamira::wrapper {
 namespace {
 
 constexpr int kNotStarted = -1;
+
+// What the kernel sends to the supervisor when its caller dies. Others may send it too, so it only asks for a look.
+constexpr int kCallerDied = SIGHUP;
 
 // One number that supervisor and caller both see.
 class SharedResult {
@@ -113,23 +120,39 @@ bool PrepareStandardStreams() {
   });
 }
 
-int RunAndWait(char* const* arguments, const posix_spawnattr_t* attributes) {
+// All signals are blocked, so that one which comes between the look and the wait is kept.
+int WaitWhileCallerLives(pid_t program, pid_t caller) {
+  sigset_t awaited;
+  sigemptyset(&awaited);
+  sigaddset(&awaited, SIGCHLD);
+  sigaddset(&awaited, kCallerDied);
+  int status = 0;
+  while (waitpid(program, &status, WNOHANG) == 0) {
+    if (getppid() != caller) {
+      kill(program, SIGKILL);
+    }
+    sigwaitinfo(&awaited, nullptr);
+  }
+  return status;
+}
+
+int RunAndWait(char* const* arguments, const posix_spawnattr_t* attributes, pid_t caller) {
+  prctl(PR_SET_PDEATHSIG, kCallerDied);
   pid_t program = 0;
   if (posix_spawn(&program, arguments[0], nullptr, attributes, arguments, environ) != 0) {
     return kNotStarted;
   }
-  int status = 0;
-  WaitFor(program, &status, 0);
+  const int status = WaitWhileCallerLives(program, caller);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 // Runs with all signals blocked. Descriptors go first: should the host die, the supervisor must hold none of its locks.
-[[noreturn]] void Supervise(char* const* arguments, const posix_spawnattr_t* attributes, int& result) {
+[[noreturn]] void Supervise(char* const* arguments, const posix_spawnattr_t* attributes, pid_t caller, int& result) {
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   struct sigaction keep_children {};  // all zeros: SIG_DFL, and no SA_NOCLDWAIT
   sigaction(SIGCHLD, &keep_children, nullptr);
   closefrom(STDERR_FILENO + 1);
-  result = PrepareStandardStreams() ? RunAndWait(arguments, attributes) : kNotStarted;
+  result = PrepareStandardStreams() ? RunAndWait(arguments, attributes, caller) : kNotStarted;
   syscall(SYS_exit_group, 0);  // not _exit(), where a sanitizer waits for threads that the copy does not have
   __builtin_unreachable();
 }
@@ -140,9 +163,10 @@ pid_t ForkSupervisor() { return static_cast<pid_t>(syscall(SYS_clone, 0L, 0L, 0L
 
 pid_t StartSupervisor(char* const* arguments, const posix_spawnattr_t* attributes, int& result) {
   const AllSignalsBlocked blocked;  // no handler of the host's may run in the copy
+  const pid_t caller = getpid();
   const pid_t supervisor = ForkSupervisor();
   if (supervisor == 0) {
-    Supervise(arguments, attributes, result);
+    Supervise(arguments, attributes, caller, result);
   }
   return supervisor;
 }

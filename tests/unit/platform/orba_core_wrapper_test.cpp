@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <semaphore.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -368,7 +370,17 @@ TEST_F(OrbaCoreWrapperRunningTest, ALockOfAHostThatIsKilledIsFree) {
   EXPECT_EQ(host.Wait(), -SIGKILL);
   EXPECT_EQ(flock(fd, LOCK_EX | LOCK_NB), 0);
   close(fd);
-  Tell();
+}
+
+TEST_F(OrbaCoreWrapperRunningTest, TheProgramOfAHostThatIsKilledIsEnded) {
+  test::Forked host([&] { return Run({"/bin/sh", "-c", R"(echo $$ > "$0"; exec sleep 600)", started_}); });
+  const pid_t program = std::stoi(test::ReadFile(started_));
+  pollfd ended = {static_cast<int>(syscall(SYS_pidfd_open, program, 0)), POLLIN, 0};
+  ASSERT_GE(ended.fd, 0);
+  kill(host.pid(), SIGKILL);
+  EXPECT_EQ(host.Wait(), -SIGKILL);
+  EXPECT_EQ(poll(&ended, 1, 20'000), 1);
+  close(ended.fd);
 }
 
 class OrbaCoreWrapperGetKeyValueTest : public testing::Test {
