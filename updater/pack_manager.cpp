@@ -305,6 +305,7 @@ bool PackManager::DoUninstallStep(std::function<void(InstallStep)>& step) const 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is the interface's
 bool PackManager::NotifyStep(NotifyPluginEvent event, std::function<bool()> action, const std::string& name,
                              const std::string& version, NotifyPluginStatus status) const {
+  // Before anything else: the notifier's own tables are not checked.
   const char* const event_text = kNotifyPluginEventTexts.at(static_cast<std::size_t>(event));
   const auto notify = [&](NotifyPluginTiming timing) {
     if (!plugin_notifier_->NotifyPlugin(event, timing, name, version, status)) {

@@ -21,8 +21,9 @@ namespace orbamira::updater {
 /// about the installed pack.
 ///
 /// All work runs on the caller's thread and blocks until it is done; meanwhile its state can be read from the status
-/// store by any process. False comes with one line in the system log and, where an operation had begun, a failed
-/// status. The flows let no standard exception out. Two flows exclude each other only by the recorded status, so one
+/// store by any process. A failure is false, one line or more in the system log and, where an operation had begun, a
+/// failed status; an operation that an exception ended, a malformed reply for one, leaves the status under way behind.
+/// The flows let no standard exception out. Two flows exclude each other only by the recorded status, so one
 /// process at a time should run them. One object is not for use from two threads at once. The order of the operations
 /// is a binary contract.
 class ORBAMIRA_EXPORT IPackManager {
@@ -30,7 +31,8 @@ class ORBAMIRA_EXPORT IPackManager {
   virtual ~IPackManager() = default;
 
   /// Asks the update server; true when a newer pack, or one with a codec that is missing, was recorded as waiting for
-  /// download. False when there is none or the check failed; the recorded status is then unchanged.
+  /// download. False when there is none or the check failed; the recorded status is then unchanged, unless saving it is
+  /// what failed.
   virtual bool CheckNewPack() const = 0;
 
   /// Downloads the pack that the server offers and installs it.
@@ -64,7 +66,7 @@ class ORBAMIRA_EXPORT IPackManager {
   virtual bool RemovePack() const = 0;
 
   /// Whether any application asks for the codec in the codec-requirements file, which is read under its lock. Throws
-  /// std::system_error when the lock cannot be had, Json::LogicError when the file holds no object.
+  /// std::system_error when the lock cannot be had, Json::Exception when the file holds no object or nests too deep.
   virtual bool IsCodecRequested(const std::string& codec) const = 0;
 
   /// Whether the installed pack carries the codec.
@@ -98,7 +100,7 @@ class ORBAMIRA_EXPORT PackManager : public IPackManager {
   bool HasHevcCurrently() const override;
 
   /// Asks the update server for the download information of the pack with or without AAC. `pack_info` is unspecified
-  /// when the result is false. A reply that is JSON but no object throws Json::LogicError.
+  /// when the result is false. A reply that is JSON but no object, or that nests too deep, throws Json::Exception.
   bool FetchDownloadInfo(bool with_aac, Json::Value& pack_info) const;
 
   /// Whether the downloaded file has the digest that `pack_info` names; false when it names none.

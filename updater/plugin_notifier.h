@@ -23,7 +23,7 @@ class ORBAMIRA_EXPORT IPluginNotifier {
                             const std::string& version, NotifyPluginStatus status) const = 0;
 
   /// The plugins' application ids in the order listed, duplicates and empty ones included; empty, with a line in the
-  /// log, when they cannot be had. An answer that nests arrays or objects throws Json::LogicError. Uses one fixed
+  /// log, when they cannot be had. An answer that nests arrays or objects throws Json::Exception. Uses one fixed
   /// answer file: call it from one thread and one process at a time.
   virtual std::vector<std::string> GetAppId() const = 0;
 };
