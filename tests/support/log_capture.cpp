@@ -1,11 +1,11 @@
 #include "tests/support/log_capture.h"
 
-#include <array>
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
 #include <ostream>
-#include <regex>
+#include <string_view>
 
 namespace orbamira::test {
 namespace {
@@ -32,12 +32,14 @@ std::string Format(const char* format, va_list arguments) {
 }
 
 void Record(int priority, const std::string& message) {
-  static const std::regex front("^([A-Za-z0-9_.]+):[0-9]+ ");
-  std::smatch match;
+  constexpr std::string_view kDigits = "0123456789";
+  constexpr std::string_view kFileName = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.";
   LogLine line{priority, "", message};
-  if (std::regex_search(message, match, front)) {
-    line.file = match[1];
-    line.text = match.suffix();
+  const std::size_t colon = std::min(message.find_first_not_of(kFileName), message.size());
+  const std::size_t blank = std::min(message.find_first_not_of(kDigits, colon + 1), message.size());
+  if (colon > 0 && blank > colon + 1 && message[colon] == ':' && message[blank] == ' ') {
+    line.file = message.substr(0, colon);
+    line.text = message.substr(blank + 1);
   }
   const std::lock_guard lock(TheLog().mutex);
   TheLog().lines.push_back(line);

@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <regex>
+#include <optional>
 #include <sstream>
 #include <system_error>
 
@@ -38,6 +38,34 @@ bool WriteAll(int fd, std::string_view text) {
     text.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
   }
   return true;
+}
+
+// Takes `front` off the text; false when the text does not begin with it.
+bool Skip(std::string_view& text, std::string_view front) {
+  const bool found = text.starts_with(front);
+  text.remove_prefix(found ? front.size() : 0);
+  return found;
+}
+
+// Takes the longest front made of these characters off the text; false when there is none.
+bool SkipAnyOf(std::string_view& text, std::string_view characters) {
+  const std::size_t length = std::min(text.find_first_not_of(characters), text.size());
+  text.remove_prefix(length);
+  return length > 0;
+}
+
+// What the library logged with this line, without "packctl[PID]: " and "FILE:LINE " in front; empty for a line that is
+// not from the log. By hand: a message may quote text of any length from outside, and a std::regex recurses over it.
+std::optional<std::string_view> LoggedMessage(std::string_view line) {
+  constexpr std::string_view kDigits = "0123456789";
+  constexpr std::string_view kFileName = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.";
+  if (!Skip(line, kName) || !Skip(line, "[") || !SkipAnyOf(line, kDigits) || !Skip(line, "]: ")) {
+    return std::nullopt;
+  }
+  std::string_view message = line;
+  const bool has_source =
+      SkipAnyOf(message, kFileName) && Skip(message, ":") && SkipAnyOf(message, kDigits) && Skip(message, " ");
+  return has_source ? message : line;
 }
 
 }  // namespace
@@ -89,13 +117,11 @@ Console::Held Console::TakeHeld() {
   text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
   taken_ = size;
 
-  static const std::regex log_line(R"(packctl\[\d+\]: (?:[\w.]+:\d+ )?(.*))");
   Held held;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
-    std::smatch match;
-    if (std::regex_match(line, match, log_line)) {
-      held.log.push_back(match[1]);
+    if (const auto message = LoggedMessage(line)) {
+      held.log.emplace_back(*message);
     } else if (!line.empty()) {
       held.other.push_back(line);
     }

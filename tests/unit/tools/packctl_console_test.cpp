@@ -82,6 +82,27 @@ TEST_F(ConsoleTest, TakeHeldTellsTheLogFromTheRest) {
   EXPECT_THAT(held.other, ElementsAre("orba-archive: truncated"));
 }
 
+TEST_F(ConsoleTest, TakeHeldTakesOnlyAWholeSourceForOne) {
+  Console console;
+  for (const char* message : {"a b.cpp:1 x", "a.cpp:x y", "a.cpp: y", ":1 y", "a.cpp:12", "a.cpp", ""}) {
+    WriteTo(STDERR_FILENO, std::string("packctl[1]: ") + message + "\n");
+    EXPECT_THAT(console.TakeHeld().log, ElementsAre(message));
+  }
+  for (const char* line : {"packctl: x", "packctl[]: x", "packctl[1] x", "other[1]: x", " packctl[1]: x"}) {
+    WriteTo(STDERR_FILENO, std::string(line) + "\n");
+    EXPECT_THAT(console.TakeHeld().other, ElementsAre(line));
+  }
+}
+
+TEST_F(ConsoleTest, TakeHeldTakesMessagesOfAnyLength) {
+  Console console;
+  const std::string link(60'000, 'x');
+  WriteTo(STDERR_FILENO, "packctl[12]: pack_handler.cpp:31 " + link + "\n");
+  EXPECT_THAT(console.TakeHeld().log, ElementsAre(link));
+  WriteTo(STDERR_FILENO, "packctl[12]: " + link + "\n");
+  EXPECT_THAT(console.TakeHeld().log, ElementsAre(link));
+}
+
 TEST_F(ConsoleTest, TakeHeldGivesEachLineOnce) {
   Console console;
   WriteTo(STDERR_FILENO, "one\n");
