@@ -154,6 +154,24 @@ TEST_F(PackctlTest, CheckEndsWith2WhenNothingIsNew) {
   EXPECT_EQ(Run({"check"}).output, "Nothing new: version 1.0 is offered, installed is 1.0.\n");
 }
 
+TEST_F(PackctlTest, TextFromOutsideCannotSteerTheTerminal) {
+  const std::string escape = "9\033[2J";
+  const std::string shown = "9\\033[2J";
+  appliance_.SetFault([](const HttpRequest& /*request*/, HttpResponse& response) {
+    response.status = 200;
+    response.body = R"({"orbamira-hevc": {"version": "9\u001b[2J"}})";
+  });
+  EXPECT_THAT(Run({"check"}).output, HasSubstr("version " + shown));
+  EXPECT_EQ(RunJson({"check"}, 0)["version"], escape);
+  Status()->SetAsNeedInstall(escape, "name\033");
+  EXPECT_THAT(Run({"status"}).output, HasSubstr("New pack:  name\\033 " + shown + "\n"));
+  WriteFile(path::kPackInfoPath, "package=p\033\nversion=" + escape + "\n");
+  EXPECT_THAT(Run({"info"}).output, AllOf(HasSubstr("Package: p\\033\n"), HasSubstr("Version: " + shown + "\n")));
+  EXPECT_EQ(Run({"check"}).output, "Nothing new: version " + shown + " is offered, installed is " + shown + ".\n");
+  fs::create_directory(fs::path(kTargetFolder) / (std::string(".") + kPackFolderName + ".partial.\033"));
+  EXPECT_THAT(Run({"recover"}).output, AllOf(HasSubstr(".partial.\\033\n"), Not(HasSubstr("\033"))));
+}
+
 TEST_F(PackctlTest, CheckEndsWith1AndTheReasonWhenTheServerFails) {
   const Json::Value check = RunJson({"check"}, 1);
   EXPECT_EQ(check["result"], "failed");

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/constants.h"
+#include "tools/common/posix.h"
 #include "tools/packctl/checking_pack_handler.h"
 #include "tools/packctl/command.h"
 #include "tools/packctl/exclusive_lock.h"
@@ -133,7 +134,7 @@ Json::Value InstalledVersion() {
 }
 
 std::string Installed(const Json::Value& version) {
-  return version.isNull() ? "no version is installed" : "installed is " + version.asString();
+  return version.isNull() ? "no version is installed" : "installed is " + tools::Printable(version.asString());
 }
 
 }  // namespace
@@ -150,13 +151,13 @@ Outcome Check(Context& /*context*/) {
     const std::string version = ReadStatus().new_version;
     outcome.json["result"] = "new_pack";
     outcome.json["version"] = version;
-    outcome.text = "A new pack is available: version " + version + ", " + installed +
+    outcome.text = "A new pack is available: version " + tools::Printable(version) + ", " + installed +
                    ".\nFetch and install it with \"packctl update\".\n";
   } else if (declined) {
     outcome.exit = kExitNothingToDo;
     outcome.json["result"] = "nothing_new";
     outcome.json["version"] = *declined;
-    outcome.text = "Nothing new: version " + *declined + " is offered, " + installed + ".\n";
+    outcome.text = "Nothing new: version " + tools::Printable(*declined) + " is offered, " + installed + ".\n";
   } else {
     outcome.exit = kExitFailed;
     outcome.json["result"] = "failed";
@@ -213,7 +214,7 @@ Outcome RunRecovery(Context& /*context*/) {
   Json::Value& actions = outcome.json["actions"] = Json::arrayValue;
   for (const std::string& action : report.done) {
     actions.append(action);
-    outcome.text += action + "\n";
+    outcome.text += tools::Printable(action) + "\n";
   }
   Json::Value& failures = outcome.json["failures"] = Json::arrayValue;
   for (const std::string& failure : report.failed) {

@@ -14,6 +14,8 @@
 #include <sstream>
 #include <system_error>
 
+#include "tools/common/posix.h"
+
 namespace orbamira::packctl {
 namespace {
 
@@ -91,7 +93,7 @@ Console::~Console() {
 bool Console::Print(std::string_view text) const { return WriteAll(output_, text); }
 
 void Console::Complain(std::string_view text) const {
-  WriteAll(error_, std::string(kName) + ": " + std::string(text) + "\n");
+  WriteAll(error_, std::string(kName) + ": " + tools::Printable(text) + "\n");
 }
 
 bool Console::IsTerminal() const { return isatty(output_) == 1; }

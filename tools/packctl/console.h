@@ -23,10 +23,11 @@ class Console {
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
 
-  /// Writes the text to the standard output. False when not all of it could be written.
+  /// Writes the text to the standard output as it is: whoever puts text from outside into it makes that printable.
+  /// False when not all of it could be written.
   bool Print(std::string_view text) const;
 
-  /// Writes "packctl: TEXT" and a line's end to the standard error.
+  /// Writes "packctl: TEXT" as one line to the standard error; control characters in the text become \ooo.
   void Complain(std::string_view text) const;
 
   [[nodiscard]] bool IsTerminal() const;

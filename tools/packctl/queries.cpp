@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "platform/constants.h"
+#include "tools/common/posix.h"
 #include "tools/packctl/command.h"
 #include "tools/packctl/exclusive_lock.h"
 #include "tools/packctl/progress_text.h"
@@ -57,8 +58,8 @@ std::string StatusLines(const StatusRecord& record) {
   std::string text =
       std::string("Status:    ") + StatusText(record.status) + " (" + StatusMeaning(record.status) + ")\n";
   if (!record.new_version.empty()) {
-    text +=
-        "New pack:  " + (record.new_pack_name.empty() ? "" : record.new_pack_name + " ") + record.new_version + "\n";
+    const std::string name = record.new_pack_name.empty() ? "" : record.new_pack_name + " ";
+    text += "New pack:  " + tools::Printable(name + record.new_version) + "\n";
   }
   if (record.download_size_now > 0 || record.download_size_total > 0) {
     const DownloadProgress progress{record.download_size_now, record.download_size_total};
@@ -111,7 +112,8 @@ Outcome Info(Context& /*context*/) {
   json["package"] = package;
   json["version"] = version;
   json["updated"] = Json::Int64{updated};
-  outcome.text = "Package: " + package + "\nVersion: " + version + "\nUpdated: " + LocalTime(updated) + "\n";
+  outcome.text = "Package: " + tools::Printable(package) + "\nVersion: " + tools::Printable(version) +
+                 "\nUpdated: " + LocalTime(updated) + "\n";
   return outcome;
 }
 
@@ -152,7 +154,7 @@ Outcome Plugins(Context& context) {
   Json::Value& app_ids = outcome.json["app_ids"] = Json::arrayValue;
   for (const std::string& id : ids) {
     app_ids.append(id);
-    outcome.text += id + "\n";
+    outcome.text += tools::Printable(id) + "\n";
   }
   if (ids.empty()) {
     outcome.text = "No plugin is registered.\n";

@@ -56,6 +56,12 @@ TEST_F(ConsoleTest, PrintAndComplainReachTheUser) {
   EXPECT_EQ(Errors(), "packctl: no\n");
 }
 
+TEST_F(ConsoleTest, ComplainKeepsControlCharactersFromTheTerminal) {
+  const Console console;
+  console.Complain("a\033[2Jb\nc");
+  EXPECT_EQ(Errors(), "packctl: a\\033[2Jb\\012c\n");
+}
+
 TEST_F(ConsoleTest, WhatOthersWriteIsHeldBack) {
   const Console console;
   WriteTo(STDOUT_FILENO, "stray\n");
