@@ -206,6 +206,26 @@ TEST_F(PackctlTest, AnOperationThatTheStatusForbidsEndsWith3AndNamesWhatIsPermit
   EXPECT_THAT(Run({"update"}).errors, HasSubstr("if no program is at work on it, run \"packctl recover\""));
 }
 
+TEST_F(PackctlTest, ARefusedFlowLeavesTheFoldersOfTheProgramAtWork) {
+  appliance_.Publish("1.0", "one");
+  Status()->SetAsDownloadInstalling(updater::kStepInstall);
+  WriteFile(fs::path(path::kTempPackFolderPath) / "half", "");
+  WriteFile(fs::path(kDownloadFolder) / "half", "");
+  for (const char* command : {"download", "install", "update"}) {
+    EXPECT_EQ(RunJson({command}, 3)["status"], "downloading_installing") << command;
+  }
+  EXPECT_TRUE(fs::exists(fs::path(path::kTempPackFolderPath) / "half"));
+  EXPECT_TRUE(fs::exists(fs::path(kDownloadFolder) / "half"));
+}
+
+TEST_F(PackctlTest, AFlowThatCannotReadTheStatusBeginsNothing) {
+  store::FileKeyValueStore::Create(path::kPackStatusFile)->Set(webapi::param::kStatus, "dancing");
+  WriteFile(fs::path(path::kTempPackFolderPath) / "half", "");
+  EXPECT_THAT(Run({"update"}).errors, EndsWith("packctl: the update failed; the recorded status cannot be read\n"));
+  EXPECT_EQ(RunJson({"update"}, 1)["result"], "failed");
+  EXPECT_TRUE(fs::exists(fs::path(path::kTempPackFolderPath) / "half"));
+}
+
 TEST_F(PackctlTest, StatusGivesSizesInFullWidth) {
   Status()->SetAsDownloading(3'000'000'000, 4'000'000'000);
   const Json::Value status = RunJson({"status"}, 0);

@@ -4,7 +4,9 @@
 #include <utility>
 
 #include "platform/constants.h"
+#include "platform/key_value_store.h"
 #include "tools/common/posix.h"
+#include "tools/packctl/asked_status_helper.h"
 #include "tools/packctl/checking_pack_handler.h"
 #include "tools/packctl/command.h"
 #include "tools/packctl/exclusive_lock.h"
@@ -18,19 +20,21 @@
 namespace orbamira::packctl {
 namespace {
 
-/// The library's objects, put together as PackManager::Create() does it, with a handler that remembers its offers.
+/// The library's objects, put together as PackManager::Create() does it, with a handler that remembers its offers and a
+/// status helper that remembers its permissions.
 struct Updater {
-  std::shared_ptr<updater::IPackStatusHelper> status;
+  std::shared_ptr<AskedStatusHelper> status;
   std::shared_ptr<CheckingPackHandler> handler;
   std::unique_ptr<updater::IPackManager> manager;
 };
 
 Updater MakeUpdater() {
   std::shared_ptr<updater::IKOSHelper> facts = updater::KOSHelper::Create();
-  std::shared_ptr<updater::IPackStatusHelper> status = updater::PackStatusHelper::Create();
-  if (status == nullptr) {
+  std::shared_ptr<store::IKeyValueStore> store = store::FileKeyValueStore::Create(path::kPackStatusFile);
+  if (store == nullptr) {
     throw std::runtime_error(std::string("cannot use the status store ") + path::kPackStatusFile);
   }
+  auto status = std::make_shared<AskedStatusHelper>(std::move(store));
   const auto core = std::make_shared<wrapper::OrbaCoreWrapper>();
   auto handler = std::make_shared<CheckingPackHandler>(wrapper::CprSession::Create(), facts, core,
                                                        std::make_shared<wrapper::OrbaSDKWrapper>());
@@ -39,12 +43,11 @@ Updater MakeUpdater() {
   return {std::move(status), std::move(handler), std::move(manager)};
 }
 
-/// One of the three flows, with the rule that tells whether it may begin.
+/// One of the three flows.
 struct Flow {
   const char* command;
   const char* noun;
   bool (updater::IPackManager::*run)() const;
-  bool (updater::IPackStatusHelper::*is_permitted)(updater::PackStatus) const;
   const char* success;
 };
 
@@ -70,12 +73,16 @@ std::string StatusSentence(const Json::Value& status) {
   return status.isNull() ? "the recorded status cannot be read" : "the recorded status is " + status.asString();
 }
 
-/// A failed change: puts in order what it left, and says where that leaves the machine.
-Outcome FailedChange(const char* command, const char* noun) {
-  Recover();
+Outcome Failed(const char* command, const char* noun) {
   Outcome outcome = AnswerWithStatus(kExitFailed, command, "failed");
   outcome.problems = {std::string("the ") + noun + " failed; " + StatusSentence(outcome.json["status"])};
   return outcome;
+}
+
+/// A change that failed after it had begun: puts in order what it left, and says where that leaves the machine.
+Outcome FailedChange(const char* command, const char* noun) {
+  Recover();
+  return Failed(command, noun);
 }
 
 std::unique_ptr<ProgressView> MakeProgressView(const Console& console) {
@@ -115,13 +122,13 @@ Outcome NotPermitted(const Flow& flow, updater::PackStatus status) {
 Outcome RunFlow(Context& context, const Flow& flow) {
   const ExclusiveLock lock(path::kPackctlLock);
   const Updater updater = MakeUpdater();
-  if (const updater::PackStatus status = updater.status->GetPackStatus();
-      !(updater.status.get()->*flow.is_permitted)(status)) {
-    return NotPermitted(flow, status);
-  }
   const auto work = [&] { return (updater.manager.get()->*flow.run)(); };
-  if (!(context.json ? work() : RunWithProgress(context.console, work))) {
-    return FailedChange(flow.command, flow.noun);
+  const bool done = context.json ? work() : RunWithProgress(context.console, work);
+  if (const auto status = updater.status->refused_status()) {
+    return NotPermitted(flow, *status);
+  }
+  if (!done) {
+    return updater.status->permitted() ? FailedChange(flow.command, flow.noun) : Failed(flow.command, flow.noun);
   }
   Outcome outcome = AnswerWithStatus(kExitDone, flow.command, "done");
   outcome.text = flow.success;
@@ -168,20 +175,17 @@ Outcome Check(Context& /*context*/) {
 }
 
 Outcome Download(Context& context) {
-  return RunFlow(context,
-                 {"download", "download", &updater::IPackManager::Download, &updater::IPackStatusHelper::CanDoDownload,
-                  "The new pack is downloaded and verified. Install it with \"packctl install\".\n"});
+  return RunFlow(context, {"download", "download", &updater::IPackManager::Download,
+                           "The new pack is downloaded and verified. Install it with \"packctl install\".\n"});
 }
 
 Outcome Install(Context& context) {
-  return RunFlow(context, {"install", "install", &updater::IPackManager::Install,
-                           &updater::IPackStatusHelper::CanDoInstall, "The new pack is installed.\n"});
+  return RunFlow(context, {"install", "install", &updater::IPackManager::Install, "The new pack is installed.\n"});
 }
 
 Outcome Update(Context& context) {
-  return RunFlow(context,
-                 {"update", "update", &updater::IPackManager::DownloadAndInstall,
-                  &updater::IPackStatusHelper::CanDoDownloadInstall, "The new pack is downloaded and installed.\n"});
+  return RunFlow(context, {"update", "update", &updater::IPackManager::DownloadAndInstall,
+                           "The new pack is downloaded and installed.\n"});
 }
 
 Outcome Remove(Context& /*context*/) {

@@ -7,6 +7,7 @@
 
 #include "platform/constants.h"
 #include "tests/support/test_root.h"
+#include "tools/packctl/asked_status_helper.h"
 #include "tools/packctl/checking_pack_handler.h"
 #include "tools/packctl/status_words.h"
 #include "tools/packctl/watched_work.h"
@@ -78,6 +79,30 @@ TEST(StatusWordsTest, StepWordsDifferForEachStep) {
   }
   EXPECT_EQ(words.size(), updater::kInstallStepTexts.size());
   EXPECT_THAT(StepWords(""), StrEq(""));
+}
+
+class AskedStatusHelperTest : public testing::Test {
+ protected:
+  AskedStatusHelper helper_{nullptr};
+};
+
+TEST_F(AskedStatusHelperTest, RemembersNothingBeforeItIsAsked) {
+  EXPECT_FALSE(helper_.permitted());
+  EXPECT_FALSE(helper_.refused_status());
+}
+
+TEST_F(AskedStatusHelperTest, EveryPermissionIsTheLibrarysAndRemembered) {
+  const updater::PackStatusHelper rules(nullptr);
+  for (const auto can_do : {&updater::IPackStatusHelper::CanDoDownload, &updater::IPackStatusHelper::CanDoInstall,
+                            &updater::IPackStatusHelper::CanDoDownloadInstall}) {
+    for (int number = updater::kStatusLost; number <= updater::kStatusUpToDate; ++number) {
+      const auto status = static_cast<updater::PackStatus>(number);
+      const bool expected = (rules.*can_do)(status);
+      EXPECT_EQ((helper_.*can_do)(status), expected) << number;
+      EXPECT_EQ(helper_.permitted(), expected) << number;
+      EXPECT_EQ(helper_.refused_status(), expected ? std::nullopt : std::optional(status)) << number;
+    }
+  }
 }
 
 class CheckingPackHandlerTest : public testing::Test {
