@@ -11,8 +11,8 @@ usage: notify_plugin.py --event EVENT --package NAME --timing TIMING --version V
 
 Each of the five options is given once, in any order; its text may be empty. The plugins are the executables in
 <root>/usr/lib/orbamira/plugins (see orbamira_plugins.py). They are run one after the other in the order of their
-names, each with exactly the arguments that this program was given; what they print goes to standard error. One that
-fails does not keep the others from being told.
+names, each with exactly the arguments that this program was given; what they print goes to standard error, up to
+64 KiB from each. One that fails does not keep the others from being told.
 
 exit status: 0 all plugins were told (or there are none); 1 at least one failed, each of them named in a line on
 standard error and in the system log; 64 wrong usage

@@ -6,9 +6,9 @@ package; <root> is the environment variable ORBAMIRA_ROOT, empty by default. Plu
 ~) are not plugins. A plugin runs with all rights of the updater, so one that anybody else could have written is
 refused: the folder and the file must belong to root or to the running user, and must not be writable by everyone.
 
-A plugin is run in a process group of its own with an empty standard input. What it prints goes to standard error, or
-where the caller of run() wants it, and ends with it: what it leaves running in the background may go on but should
-have an output of its own. Its time is limited to `plugin_time_limit` seconds of <root>/etc/orbamira/updater.conf, else
+A plugin is run in a process group of its own with an empty standard input. What it prints goes to standard error, up to
+64 KiB, or where the caller of run() wants it, and ends with it: what it leaves running in the background may go on but
+should have an output of its own. Its time is limited to `plugin_time_limit` seconds of <root>/etc/orbamira/updater.conf, else
 of <root>/usr/share/orbamira/updater.conf, else to 60. When the time is up the whole group gets SIGTERM, and SIGKILL
 shortly after.
 """
@@ -33,6 +33,7 @@ MAX_TIME_LIMIT = 24 * 60 * 60.0
 EXIT_USAGE = 64
 
 _MAX_SETTINGS_SIZE = 1 << 20
+_MAX_HANDED_ON = 64 * 1024
 # All that the largest pipe of an ordinary user can hold.
 _CHUNK = 1 << 20
 # While a plugin holds its output open only its end is worth waiting for; this is how soon that is noticed.
@@ -63,14 +64,7 @@ def start(program):
 
 def print_error(text):
     """Writes `text` to standard error; one that nobody reads any more is no failure."""
-    write_output(os.fsencode(text))
-
-
-def write_output(data):
-    """Writes the bytes `data` to standard error: the way a plugin's output takes unless something else is wanted."""
-    with contextlib.suppress(OSError):
-        while data:
-            data = data[os.write(2, data) :]
+    _write_error(os.fsencode(text))
 
 
 def report(program, failure):
@@ -108,14 +102,16 @@ def time_limit():
     return DEFAULT_TIME_LIMIT
 
 
-def run(plugin, arguments, seconds, take_output=write_output):
+def run(plugin, arguments, seconds, take_output=None):
     """Runs `plugin` with `arguments` and waits for its end, at most `seconds`.
 
     Every piece of its standard output is handed to `take_output` as bytes; a ValueError from there stops the plugin
-    and is its failure. Its standard error goes to ours. Raises PluginFailure when the plugin is not to be trusted,
+    and is its failure. Its standard error, and without `take_output` its standard output too, goes to ours: 64 KiB in
+    all, and then a line that says that the rest is dropped. Raises PluginFailure when the plugin is not to be trusted,
     cannot be started, takes too long or does not exit with 0.
     """
     process, ended = None, False
+    hand_on = _HandOn(plugin)
     # Whatever happens here, a signal to this program included, the plugin does not outlive it. So such a signal has to
     # wait while the plugin is being started.
     signal.pthread_sigmask(signal.SIG_BLOCK, _STOP_SIGNALS)
@@ -123,7 +119,7 @@ def run(plugin, arguments, seconds, take_output=write_output):
         process = _start(plugin, arguments)
         _unblock_stop_signals()
         deadline = time.monotonic() + seconds
-        ended = _follow(process, deadline, {process.stdout: take_output, process.stderr: write_output})
+        ended = _follow(process, deadline, {process.stdout: take_output or hand_on, process.stderr: hand_on})
     except ValueError as error:
         raise PluginFailure(plugin, str(error)) from error
     finally:
@@ -136,6 +132,30 @@ def run(plugin, arguments, seconds, take_output=write_output):
         raise PluginFailure(plugin, f"ended by signal {-process.returncode}")
     if process.returncode > 0:
         raise PluginFailure(plugin, f"exited with status {process.returncode}")
+
+
+class _HandOn:
+    """Writes the output of one run of a plugin to standard error, up to the bound: whoever reads us may keep it all."""
+
+    def __init__(self, plugin):
+        self._plugin = plugin
+        self._left = _MAX_HANDED_ON
+        self._dropping = False
+
+    def __call__(self, data):
+        if self._dropping:
+            return
+        _write_error(data[: self._left])
+        if len(data) > self._left:
+            self._dropping = True
+            print_error(f"\n{self._plugin}: printed more than {_MAX_HANDED_ON // 1024} KiB, the rest is dropped\n")
+        self._left -= len(data)
+
+
+def _write_error(data):
+    with contextlib.suppress(OSError):
+        while data:
+            data = data[os.write(2, data) :]
 
 
 def _stop(received, frame):

@@ -132,9 +132,22 @@ class NotifyPluginTest(PluginTestCase):
             ["one", "two", f"notify_plugin: {self.folder}/a: exited with status 1"], result.stderr.splitlines()
         )
 
-    def test_much_output_is_handed_on_whole(self):
-        self.add_plugin("a", "head -c 3000000 /dev/zero | tr '\\0' x")
-        self.assertEqual("x" * 3000000, self.notify().stderr)
+    def test_output_of_the_full_size_is_handed_on_whole(self):
+        self.add_plugin("a", "head -c 65536 /dev/zero | tr '\\0' x")
+        self.assertEqual("x" * 65536, self.notify().stderr)
+
+    def test_more_output_is_taken_from_the_plugin_and_dropped(self):
+        said = f"\n{self.folder}/a: printed more than 64 KiB, the rest is dropped\n"
+        self.add_plugin("a", "head -c 3000000 /dev/zero | tr '\\0' x; echo done >> \"$LOG\"")
+        self.add_plugin("b", "echo another")
+        result = self.notify()
+        self.assertEqual((0, "x" * 65536 + said + "another\n"), (result.returncode, result.stderr))
+        self.assertEqual(["done"], self.log_lines())
+
+    def test_output_and_error_output_have_one_bound(self):
+        self.add_plugin("a", "head -c 40000 /dev/zero | tr '\\0' x; head -c 40000 /dev/zero | tr '\\0' x >&2")
+        said = f"\n{self.folder}/a: printed more than 64 KiB, the rest is dropped\n"
+        self.assertEqual("x" * 65536 + said, self.notify().stderr)
 
     def test_standard_input_of_plugins_is_empty(self):
         self.add_plugin("a", 'readlink /proc/self/fd/0 >> "$LOG"; cat >> "$LOG"')
@@ -187,6 +200,7 @@ class NotifyPluginTest(PluginTestCase):
         result = self.notify()
         self.assertEqual(1, result.returncode)
         self.assertTrue(result.stderr.endswith("/a: stopped: it took longer than 0.5 s\n"))
+        self.assertLess(len(result.stderr), 66000)
 
     def test_time_limit_holds_for_a_plugin_that_closed_its_output(self):
         self.write_setting("plugin_time_limit=0.5\n")
