@@ -9,9 +9,10 @@ ids on several lines, or nothing when it has none, as UTF-8 text and at most 64 
 JSON array of all ids in the order they came; it is put in place whole, and its folder is made when missing.
 
 A plugin that fails is named in a line on standard error and in the system log, and left out: the ids of the others are
-still good.
+still good. Without a plugin folder there are no ids; one that cannot be read or is not to be trusted is an error, since
+nobody knows then what the ids are.
 
-exit status: 0 FILE is written; 1 it could not be; 64 wrong usage
+exit status: 0 FILE is written; 1 it is not, the reason is on standard error and in the system log; 64 wrong usage
 """
 
 import json
@@ -46,17 +47,15 @@ def ask(path, seconds):
 
 
 def ask_all():
-    """The ids of all plugins; those that fail are reported and left out."""
+    """The ids of all plugins; those that fail are reported and left out. Raises PluginFailure for the folder."""
+    paths = plugins.list_plugins()
+    seconds = plugins.time_limit()
     ids = []
-    try:
-        seconds = plugins.time_limit()
-        for path in plugins.list_plugins():
-            try:
-                ids += ask(path, seconds)
-            except plugins.PluginFailure as failure:
-                plugins.report(PROGRAM, failure)
-    except plugins.PluginFailure as failure:
-        plugins.report(PROGRAM, failure)
+    for path in paths:
+        try:
+            ids += ask(path, seconds)
+        except plugins.PluginFailure as failure:
+            plugins.report(PROGRAM, failure)
     return ids
 
 
@@ -85,9 +84,11 @@ def main(arguments):
     if len(arguments) != 1 or not arguments[0] or arguments[0].startswith("-"):
         plugins.print_error("usage: get_app_id.py FILE\n")
         return plugins.EXIT_USAGE
-    ids = ask_all()
     try:
-        write_whole(arguments[0], json.dumps(ids) + "\n")
+        write_whole(arguments[0], json.dumps(ask_all()) + "\n")
+    except plugins.PluginFailure as failure:
+        plugins.report(PROGRAM, failure)
+        return 1
     except OSError as error:
         plugins.report(PROGRAM, f"{arguments[0]}: cannot be written: {error.strerror}")
         return 1

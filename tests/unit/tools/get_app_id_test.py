@@ -61,10 +61,26 @@ class GetAppIdTest(PluginTestCase):
             "/d: refused: everyone may write it",
         )
 
-    def test_untrusted_folder_gives_an_empty_array(self):
-        self.add_plugin("a", "echo com.example.a")
+    def assert_no_answer(self, result, line):
+        self.assertEqual(
+            (1, "", f"get_app_id: {self.folder}{line}\n"), (result.returncode, result.stdout, result.stderr)
+        )
+
+    def test_untrusted_folder_fails_and_writes_no_file(self):
+        self.add_plugin("a", 'echo asked >> "$LOG"')
         self.folder.chmod(0o777)
-        self.assert_answer(self.ask(), [], ": refused: everyone may write it")
+        self.assert_no_answer(self.ask(), ": refused: everyone may write it")
+        self.assertEqual([], self.log_lines())
+        self.assertFalse(self.file.parent.exists())
+
+    def test_folder_that_cannot_be_read_fails_and_leaves_the_file_as_it_was(self):
+        self.folder.parent.mkdir(parents=True)
+        self.folder.write_text("a file")
+        self.file.parent.mkdir(parents=True)
+        self.file.write_text("as it was")
+        self.assert_no_answer(self.ask(), ": cannot be read: Not a directory")
+        self.assertEqual("as it was", self.file.read_text())
+        self.assertEqual([self.file.name], os.listdir(self.file.parent))
 
     def test_answer_of_the_full_size_is_taken(self):
         self.add_plugin("a", "head -c 65535 /dev/zero | tr '\\0' x; echo")
