@@ -4,7 +4,9 @@ A plugin is an executable file in <root>/usr/lib/orbamira/plugins, put there by 
 package; <root> is the environment variable ORBAMIRA_ROOT, empty by default. Plugins run in the order of their names
 (a leading number such as 10- gives the place), symbolic links followed; hidden files and backups (a name that ends in
 ~) are not plugins. A plugin runs with all rights of the updater, so one that anybody else could have written is
-refused: the folder and the file must belong to root or to the running user, and must not be writable by everyone.
+refused: the folder and the file must belong to root or to the running user, must not be writable by everyone, and
+may be writable by a group only when that is root's (0) or the one this program runs as, which on an appliance is
+root's too.
 
 A plugin is run in a process group of its own with an empty standard input. What it prints goes to standard error, up to
 64 KiB, or where the caller of run() wants it, and ends with it: what it leaves running in the background may go on but
@@ -168,6 +170,8 @@ def _stop(received, frame):
 def _check_trust(path, status):
     if status.st_mode & stat.S_IWOTH:
         raise PluginFailure(path, "refused: everyone may write it")
+    if status.st_mode & stat.S_IWGRP and status.st_gid not in (0, os.getegid()):
+        raise PluginFailure(path, f"refused: group {status.st_gid} may write it")
     if status.st_uid not in (0, os.geteuid()):
         raise PluginFailure(path, f"refused: it belongs to user {status.st_uid}")
 

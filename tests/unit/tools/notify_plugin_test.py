@@ -314,10 +314,11 @@ class OrbamiraPluginsTest(PluginTestCase):
         orbamira_plugins.report("x", orbamira_plugins.PluginFailure(os.fsdecode(b"\xff"), "gone"))
         self.syslog.assert_called_once_with(orbamira_plugins.syslog.LOG_ERR, "\ufffd: gone")
 
-    def status_of(self, uid, mode=0o100755):
-        """Makes every file one of the user `uid`, with user 4242 running the program."""
+    def status_of(self, uid, mode=0o100755, gid=4343):
+        """Makes every file one of the user `uid` and the group `gid`; 4242 of group 4244 runs the program."""
         self.replace("os.geteuid", mock.Mock(return_value=4242))
-        self.replace("os.stat", mock.Mock(return_value=mock.Mock(st_mode=mode, st_uid=uid)))
+        self.replace("os.getegid", mock.Mock(return_value=4244))
+        self.replace("os.stat", mock.Mock(return_value=mock.Mock(st_mode=mode, st_uid=uid, st_gid=gid)))
 
     def test_plugin_of_another_user_is_refused(self):
         path = self.add_plugin("a", "exit 0")
@@ -332,6 +333,26 @@ class OrbamiraPluginsTest(PluginTestCase):
                 self.status_of(uid)
                 orbamira_plugins.run(str(path), [], 60)
         self.assertEqual(["ran", "ran"], self.log_lines())
+
+    def test_plugin_that_a_group_may_write_is_refused(self):
+        path = self.add_plugin("a", "exit 0")
+        self.status_of(0, 0o100775)
+        with self.assertRaisesRegex(orbamira_plugins.PluginFailure, "a: refused: group 4343 may write it"):
+            orbamira_plugins.run(str(path), [], 60)
+
+    def test_plugins_that_the_own_group_or_that_of_root_may_write_are_run(self):
+        path = self.add_plugin("a", 'echo ran >> "$LOG"')
+        with mock.patch.dict(os.environ, self.environment):
+            for gid in (0, 4244):
+                self.status_of(0, 0o100775, gid)
+                orbamira_plugins.run(str(path), [], 60)
+        self.assertEqual(["ran", "ran"], self.log_lines())
+
+    def test_folder_that_a_group_may_write_is_refused(self):
+        self.add_plugin("a", "exit 0")
+        self.status_of(0, 0o40775)
+        with self.assertRaisesRegex(orbamira_plugins.PluginFailure, "plugins: refused: group 4343 may write it"):
+            orbamira_plugins.list_plugins()
 
     def test_folder_of_another_user_is_refused(self):
         self.add_plugin("a", "exit 0")
