@@ -1,0 +1,67 @@
+// The compression of a payload: what is taken as whole decompresses to the same bytes in another library too.
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <sys/mman.h>
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+
+#include "tests/fuzz/fuzzing.h"
+#include "tools/common/posix.h"
+#include "tools/orba-archive/byte_source.h"
+
+namespace {
+
+using orbamira::fuzz::Require;
+
+// Empty when the bytes are refused.
+std::optional<std::string> Decompress(const std::string& gzip) {
+  const orbamira::tools::FileDescriptor file(memfd_create("gzip", MFD_CLOEXEC));
+  orbamira::tools::WriteFully(file.get(), gzip.data(), gzip.size(), "gzip");
+  std::string content;
+  try {
+    const auto source = orbamira::tools::OpenByteSource(file.get(), orbamira::tools::Layer::kPayload);
+    for (std::span<const uint8_t> bytes = source->Next(); !bytes.empty(); bytes = source->Next()) {
+      content.append(bytes.begin(), bytes.end());
+    }
+  } catch (const std::runtime_error&) {
+    return std::nullopt;
+  }
+  return content;
+}
+
+std::optional<std::string> DecompressElsewhere(const std::string& gzip) {
+  const std::unique_ptr<archive, int (*)(archive*)> reader(archive_read_new(), archive_read_free);
+  archive_read_support_filter_gzip(reader.get());
+  archive_read_support_format_raw(reader.get());
+  archive_read_support_format_empty(reader.get());
+  archive_entry* entry = nullptr;
+  if (archive_read_open_memory(reader.get(), gzip.data(), gzip.size()) != ARCHIVE_OK) {
+    return std::nullopt;
+  }
+  if (const int result = archive_read_next_header(reader.get(), &entry); result != ARCHIVE_OK) {
+    return result == ARCHIVE_EOF ? std::optional(std::string()) : std::nullopt;
+  }
+  std::string content;
+  std::array<char, 4096> buffer;
+  la_ssize_t count = 0;
+  while ((count = archive_read_data(reader.get(), buffer.data(), buffer.size())) > 0) {
+    content.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+  return count == 0 ? std::optional(content) : std::nullopt;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+  const std::string gzip = orbamira::fuzz::Text(data, size);
+  if (const std::optional<std::string> content = Decompress(gzip)) {
+    Require(DecompressElsewhere(gzip) == content, "both libraries decompress to the same bytes");
+  }
+  return 0;
+}

@@ -1,0 +1,79 @@
+#!/usr/bin/env bash
+# Runs every fuzzer from its seeds, two at a time, and prints what each did; fails when one found something.
+#
+# usage: tests/fuzz/run.sh [--seconds N] [--build DIR]
+#   --seconds N   how long each fuzzer runs; 30 by default
+#   --build DIR   where the preset fuzz was built; build/fuzz by default
+#
+# New inputs go to a scratch folder and are dropped with it: the seeds stay as they are. The input and the report of a
+# finding are kept in DIR/findings.
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+seconds=30
+build=$here/../../build/fuzz
+
+usage() {
+  sed -n '4,6s/^# \{0,1\}//p' "$0" >&2
+  exit 64
+}
+
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --seconds) seconds=${2:-} ;;
+    --build) build=${2:-} ;;
+    *) usage ;;
+  esac
+  shift 2 || usage
+done
+[[ "$seconds" =~ ^[1-9][0-9]*$ ]] || usage
+build=$(cd "$build" && pwd)
+
+# In memory where there is room: every input writes files.
+scratch=$(mktemp -d -p "$([ -w /dev/shm ] && printf /dev/shm || printf '%s' "${TMPDIR:-/tmp}")" orbamira-fuzz-XXXXXX)
+trap 'rm -rf "$scratch"' EXIT
+findings=$build/findings
+mkdir -p "$findings"
+
+run_one() {
+  local target=$1 log=$scratch/$1.log status=0 dictionary=()
+  mkdir -p "$scratch/$target/corpus" "$scratch/$target/tmp"
+  if compgen -G "$here/corpus/$target/*.json" > /dev/null; then
+    dictionary=("-dict=$here/json.dict")
+  fi
+  TMPDIR=$scratch/$target/tmp "$build/tests/fuzz/fuzz_$target" "${dictionary[@]}" -max_total_time="$seconds" \
+    -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$findings/$target-" \
+    "$scratch/$target/corpus" "$here/corpus/$target" > "$log" 2>&1 || status=$?
+  if [ "$status" != 0 ]; then
+    cp "$log" "$findings/$target.log"
+  fi
+  printf '%s\n' "$status" > "$scratch/$target.status"
+}
+
+stat_of() { sed -nE "s/^stat::$1: +([0-9]+)$/\1/p" "$2" | tail -n 1; }
+coverage_of() { sed -nE "s/^#[0-9]+\s+$1\s+cov: ([0-9]+) .*$/\1/p" "$2" | tail -n 1; }
+
+mapfile -t targets < <(cd "$here/corpus" && printf '%s\n' *)
+for target in "${targets[@]}"; do
+  if [ "$(jobs -rp | wc -l)" -ge 2 ]; then
+    wait -n
+  fi
+  run_one "$target" &
+done
+wait
+
+failed=0
+printf '%-20s %12s %8s %8s  %s\n' target executions per_sec new_cov result
+for target in "${targets[@]}"; do
+  log=$scratch/$target.log
+  result=ok
+  if [ "$(cat "$scratch/$target.status")" != 0 ]; then
+    result="FOUND $findings/$target.log"
+    failed=$((failed + 1))
+  fi
+  first=$(coverage_of INITED "$log")
+  last=$(coverage_of DONE "$log")
+  printf '%-20s %12s %8s %8s  %s\n' "$target" "$(stat_of number_of_executed_units "$log")" \
+    "$(stat_of average_exec_per_sec "$log")" "$((${last:-0} - ${first:-0}))" "$result"
+done
+[ "$failed" = 0 ]
