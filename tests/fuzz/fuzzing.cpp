@@ -66,6 +66,14 @@ std::string TakeLine(std::string& text) {
   return line;
 }
 
+std::string LittleEndian(uint64_t number, int bytes) {
+  std::string text;
+  for (int i = 0; i < bytes; ++i, number >>= 8) {
+    text.push_back(static_cast<char>(number & 0xff));
+  }
+  return text;
+}
+
 }  // namespace orbamira::fuzz
 
 extern "C" {

@@ -15,4 +15,7 @@ std::string Text(const uint8_t* data, std::size_t size);
 /// Takes the first line off the text; without a line's end, all of it.
 std::string TakeLine(std::string& text);
 
+/// The number's low bytes, lowest first.
+std::string LittleEndian(uint64_t number, int bytes);
+
 }  // namespace orbamira::fuzz

@@ -10,13 +10,7 @@
 
 namespace {
 
-std::string LittleEndian(uint64_t number, int bytes) {
-  std::string text;
-  for (int i = 0; i < bytes; ++i, number >>= 8) {
-    text.push_back(static_cast<char>(number & 0xff));
-  }
-  return text;
-}
+using orbamira::fuzz::LittleEndian;
 
 // The content in blocks that are not compressed.
 std::string Gzip(const std::string& content) {
