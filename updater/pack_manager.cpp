@@ -186,7 +186,8 @@ bool PackManager::RemovePack() const {
 bool PackManager::IsCodecRequested(const std::string& codec) const {
   const store::FileLock lock(path::kCodecRequirementsLock);
   std::ifstream file(path::kCodecRequirementsPath);
-  if (!file) {
+  file.peek();  // a folder can be opened, but not read
+  if (!file.is_open() || file.bad()) {
     return false;
   }
   Json::Value root;

@@ -15,7 +15,8 @@ namespace {
 Json::Value ReadAnswer(const char* path) {
   Json::Value answer(Json::arrayValue);
   std::ifstream file(path);
-  if (!file) {
+  file.peek();  // a folder can be opened, but not read
+  if (!file.is_open() || file.bad()) {
     ORBAMIRA_LOG_ERROR("Failed to open %s", path);
     return answer;
   }

@@ -162,6 +162,12 @@ TEST_F(PackManagerCodecTest, IsCodecRequestedCountsTheRequests) {
   EXPECT_THAT(LogCapture::Lines(), IsEmpty());
 }
 
+TEST_F(PackManagerCodecTest, IsCodecRequestedIsFalseWithoutALineForAFolder) {
+  std::filesystem::create_directories(path::kCodecRequirementsPath);
+  EXPECT_FALSE(manager_.IsCodecRequested("aac"));
+  EXPECT_THAT(LogCapture::Lines(), IsEmpty());
+}
+
 TEST_F(PackManagerCodecTest, IsCodecRequestedTakesPlainValuesForEmpty) {
   Require(R"({"text": "app", "number": 5, "flag": true})");
   EXPECT_FALSE(manager_.IsCodecRequested("text"));

@@ -118,6 +118,15 @@ TEST_F(PluginNotifierTest, GetAppIdWithAFailedProgramLeavesAStaleAnswerAlone) {
   }
 }
 
+TEST_F(PluginNotifierTest, GetAppIdIsEmptyWhenTheAnswerIsAFolder) {
+  fs::remove(path::kTempPluginAppIdPath);
+  fs::create_directories(path::kTempPluginAppIdPath);
+  EXPECT_CALL(*core_, RunCommand).WillOnce(Return(0));
+  EXPECT_THAT(notifier_.GetAppId(), IsEmpty());
+  EXPECT_THAT(LogCapture::Lines(),
+              ElementsAre(ErrorLine(kFile, "Failed to open " + std::string(path::kTempPluginAppIdPath))));
+}
+
 TEST_F(PluginNotifierTest, GetAppIdIsEmptyWhenTheAnswerCannotBeRemovedEither) {
   fs::remove(path::kTempPluginAppIdPath);
   EXPECT_CALL(*core_, RunCommand).WillOnce(Return(0));
