@@ -68,7 +68,7 @@ for target in "${targets[@]}"; do
   log=$scratch/$target.log
   result=ok
   if [ "$(cat "$scratch/$target.status")" != 0 ]; then
-    result="FOUND $findings/$target.log"
+    result="FAILED, see $findings/$target.log"
     failed=$((failed + 1))
   fi
   first=$(coverage_of INITED "$log")
