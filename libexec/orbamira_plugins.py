@@ -207,18 +207,35 @@ def _finish(process, ended):
 
 
 def _setting(path, key):
-    """The value of `key` in the settings file `path`, read as the updater reads it; empty when there is none."""
-    try:
-        with open(path, "rb") as file:
-            text = file.read(_MAX_SETTINGS_SIZE).decode("utf-8", "replace")
-    except OSError:
-        return ""
-    for line in text.split("\n"):
-        name, separator, value = line.partition("=")
-        if separator and not line.startswith("#") and name.strip() == key:
-            value = value.strip()
+    """The value of `key` in the settings file `path`, read as the updater reads it; empty when there is none.
+
+    The first line whose key matches counts. Blanks are spaces and tabs.
+    """
+    for line in _settings_text(path).split("\n"):
+        name, separator, value = line.removesuffix("\r").partition("=")
+        if separator and not line.startswith("#") and name.strip(" \t") == key:
+            value = value.strip(" \t")
             return value[1:-1] if len(value) >= 2 and value[0] == value[-1] == '"' else value
     return ""
+
+
+def _settings_text(path):
+    """The whole lines in the part of the file `path` that is looked at; empty when it is no file that can be read."""
+    try:
+        with open(path, "rb", opener=_open_without_waiting) as file:
+            if not stat.S_ISREG(os.fstat(file.fileno()).st_mode):
+                return ""
+            data = file.read(_MAX_SETTINGS_SIZE)
+    except OSError:
+        return ""
+    if len(data) == _MAX_SETTINGS_SIZE:
+        data = data[: data.rfind(b"\n") + 1]  # half a value is worse than none
+    return data.decode("utf-8", "replace")
+
+
+def _open_without_waiting(path, flags):
+    # A pipe would keep us waiting for its writer.
+    return os.open(path, flags | os.O_NONBLOCK | os.O_NOCTTY)
 
 
 def _follow(process, deadline, outputs):

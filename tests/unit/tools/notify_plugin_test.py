@@ -386,10 +386,56 @@ class OrbamiraPluginsTest(PluginTestCase):
             "#plugin_time_limit=9\nplugin_time_limit=5\nplugin_time_limit=8\n",
             'a\n=\nb=plugin_time_limit=9\n\t plugin_time_limit\t=\t" 5"\n',
             "plugin_time_limits=9\nplugin_time_limit=5.0",
+            "\vplugin_time_limit=9\n\u00a0plugin_time_limit=9\nplugin_time_limit\r=9\nplugin_time_limit=5\n",
+            "plugin_time_limit=5\r\nplugin_time_limit=9\r\n",
+            'plugin_time_limit=\t"5"\r',
+            " #plugin_time_limit=9\nplugin_time_limit=5\n",
         ):
             with self.subTest(text):
                 self.write_setting(text)
                 self.assertEqual(5, orbamira_plugins.time_limit())
+
+    def test_only_blanks_and_one_pair_of_quotes_are_dropped_from_a_setting(self):
+        for text, value in (
+            ('\v"5"\f', '\v"5"\f'),
+            ('\u00a0"5"', '\u00a0"5"'),
+            ('""5""', '"5"'),
+            ('"', '"'),
+            ('""', ""),
+            ('"5', '"5'),
+            ('" 5 "', " 5 "),
+            ("5\r\r", "5\r"),
+            ("a=b", "a=b"),
+        ):
+            with self.subTest(text):
+                self.write_setting(f"key={text}\n")
+                self.assertEqual(value, orbamira_plugins._setting(orbamira_plugins.SETTINGS_FILES[0], "key"))
+
+    def test_first_mebibyte_of_the_settings_is_looked_at(self):
+        line = "plugin_time_limit=50\n"
+        self.write_setting("#" * ((1 << 20) - len(line) - 1) + "\n" + line)
+        self.assertEqual(50, orbamira_plugins.time_limit())
+        self.write_setting("#" * ((1 << 20) - len(line) + 1) + "\n" + line)
+        self.assertEqual(60, orbamira_plugins.time_limit())
+
+    def test_settings_that_are_no_regular_file_are_passed_over(self):
+        path = self.root / "etc/orbamira/updater.conf"
+        path.parent.mkdir(parents=True)
+        self.write_setting("plugin_time_limit=7\n", "usr/share/orbamira")
+        os.mkfifo(path)
+        script = "import orbamira_plugins; print(orbamira_plugins.time_limit())"
+        result = subprocess.run(
+            ["/usr/bin/python3", "-B", "-c", script],
+            env=dict(self.environment, PYTHONPATH=str(LIBEXEC)),
+            stdout=subprocess.PIPE,
+            text=True,
+            timeout=HANG,
+            check=True,
+        )
+        self.assertEqual("7.0\n", result.stdout)
+        path.unlink()
+        path.mkdir()
+        self.assertEqual(7, orbamira_plugins.time_limit())
 
     def test_time_limit_that_is_none_is_logged_and_the_default_taken(self):
         self.write_setting("plugin_time_limit=7\n", "usr/share/orbamira")
