@@ -246,6 +246,37 @@ class MkpackPackageTest(MkpackTest):
         (self.payload / "empty").mkdir()
         self.assert_fails("mkpack: payload: there is no file in it\n")
 
+    def make_deep(self, names):
+        """Folders of these names in the payload, one in the other. Such a path may be too long for any call."""
+        at = os.open(self.payload, os.O_RDONLY)
+        for name in names:
+            os.mkdir(name, dir_fd=at)
+            at, parent = os.open(name, os.O_RDONLY, dir_fd=at), at
+            os.close(parent)
+        os.close(at)
+
+    def test_folders_may_be_128_deep(self):
+        self.make_deep(["d"] * 128)
+        self.assertIn("/".join(["d"] * 128), self.members(self.make()))
+
+    def test_deeper_folders_are_refused(self):
+        self.make_deep(["d"] * 129)
+        path = "/".join(["d"] * 129)
+        self.assert_fails(f"mkpack: payload: {path}: more than 128 names deep\n")
+        self.assertFalse(self.output.exists())
+
+    def test_too_long_names_are_refused(self):
+        names = ["\u00fc" * 120] * 16 + ["n" * 245]
+        self.make_deep(names)
+        self.assert_fails(f"mkpack: payload: {'/'.join(names)}: the name has more than 4096 bytes\n")
+
+    def test_files_of_more_than_16_gib_are_refused(self):
+        for name, size in (("a", 16 << 30), ("lib/b", 1)):
+            with open(self.payload / name, "wb") as file:
+                file.truncate(size)
+        self.assert_fails("mkpack: payload: its files have more than 17179869184 bytes\n")
+        self.assertFalse(self.output.exists())
+
     def test_big_payload_is_not_held_in_memory(self):
         size = 300 << 20
         with open(self.payload / "big", "wb") as file:
@@ -272,8 +303,8 @@ class MkpackPackageTest(MkpackTest):
                 self.assertEqual([], os.listdir(self.output))
 
 
-class MkpackFileChangesTest(MkpackTest):
-    """A file that changes while it is read: the moment cannot be met from outside."""
+class MkpackModuleTest(MkpackTest):
+    """The base of what needs a look inside."""
 
     def setUp(self):
         super().setUp()
@@ -281,6 +312,30 @@ class MkpackFileChangesTest(MkpackTest):
         loader = importlib.machinery.SourceFileLoader("mkpack", str(MKPACK))
         self.mkpack = importlib.util.module_from_spec(importlib.util.spec_from_loader("mkpack", loader))
         loader.exec_module(self.mkpack)
+
+
+class MkpackBoundsTest(MkpackModuleTest):
+    """Bounds that a test cannot reach in a reasonable time, or only with more disk than it may have."""
+
+    def test_are_those_of_the_appliances(self):
+        self.assertEqual((1_000_000, 17179869184), (self.mkpack.MAX_MEMBERS, self.mkpack.MAX_CONTENT_SIZE))
+
+    def test_members_up_to_the_bound_may_be_packed(self):
+        self.mkpack.MAX_MEMBERS = 3
+        self.mkpack.check_bounds(str(self.payload), ["hevc"])
+        with self.assertRaisesRegex(self.mkpack.MkpackError, "payload: more than 3 files, folders and links"):
+            self.mkpack.check_bounds(str(self.payload), ["hevc", "aac"])
+
+    def test_content_up_to_the_bound_may_be_packed(self):
+        self.mkpack.MAX_CONTENT_SIZE = len(b"decoder")
+        self.mkpack.check_bounds(str(self.payload), ["hevc"])
+
+
+class MkpackFileChangesTest(MkpackModuleTest):
+    """A file that changes while it is read: the moment cannot be met from outside."""
+
+    def setUp(self):
+        super().setUp()
         self.file = self.payload / "lib/libdecoder.so.1"
 
     def add(self, change):
