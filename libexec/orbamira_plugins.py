@@ -10,9 +10,9 @@ root's too.
 
 A plugin is run in a process group of its own with an empty standard input. What it prints goes to standard error, up to
 64 KiB, or where the caller of run() wants it, and ends with it: what it leaves running in the background may go on but
-should have an output of its own. Its time is limited to `plugin_time_limit` seconds of <root>/etc/orbamira/updater.conf, else
-of <root>/usr/share/orbamira/updater.conf, else to 60. When the time is up the whole group gets SIGTERM, and SIGKILL
-shortly after.
+should have an output of its own. Its time is limited to `plugin_time_limit` seconds of
+<root>/etc/orbamira/updater.conf, else of <root>/usr/share/orbamira/updater.conf, else to 60. When the time is up the
+whole group gets SIGTERM, and SIGKILL shortly after.
 """
 
 import contextlib
