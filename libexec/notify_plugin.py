@@ -3,13 +3,14 @@
 
 usage: notify_plugin.py --event EVENT --package NAME --timing TIMING --version VERSION --status STATUS
 
-    EVENT    install or uninstall
+    EVENT    what is done: the updater says install or uninstall
     NAME     the package that the step is about
-    TIMING   pre (the step is about to begin) or post (it is done)
+    TIMING   when: the updater says pre (the step is about to begin) or post (it is done)
     VERSION  the version of that package
-    STATUS   what the step means for the pack as a whole: INSTALL, UNINSTALL or UPGRADE
+    STATUS   what the step means for the pack as a whole: the updater says INSTALL, UNINSTALL or UPGRADE
 
-Each of the five options is given once, in any order; its text may be empty. The plugins are the executables in
+Each of the five options is given once, in any order. Its text is not checked and may be empty: any text is handed on
+as it is, and a plugin should pass over one that it does not know. The plugins are the executables in
 <root>/usr/lib/orbamira/plugins (see orbamira_plugins.py). They are run one after the other in the order of their
 names, each with exactly the arguments that this program was given; what they print goes to standard error, up to
 64 KiB from each. One that fails does not keep the others from being told.
