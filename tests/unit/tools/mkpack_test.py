@@ -371,6 +371,154 @@ class MkpackFileChangesTest(MkpackModuleTest):
             self.add(lambda: None)
 
 
+class MkpackSigningTest(MkpackTest):
+    def setUp(self):
+        super().setUp()
+        self.ca = self.top / "ca.pem"
+        self.key = self.top / "signer.key"
+        self.certificate = self.top / "signer.pem"
+        self.issue("ca", None)
+        self.issue("between", "ca", "basicConstraints=critical,CA:TRUE")
+        self.issue("signer", "ca")
+
+    def openssl(self, *arguments, check=True):
+        return subprocess.run(
+            ["openssl", *arguments],
+            cwd=self.top,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            timeout=HANG,
+            check=check,
+        )
+
+    def issue(self, name, issuer, extension="basicConstraints=CA:FALSE"):
+        """Makes NAME.key and NAME.pem; without issuer it is its own."""
+        common = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", f"{name}.key"]
+        common += ["-subj", f"/CN={name}"]
+        if issuer is None:
+            self.openssl("req", "-x509", *common, "-days", "2", "-out", f"{name}.pem")
+            return
+        self.openssl("req", "-new", *common, "-out", f"{name}.csr")
+        (self.top / "extensions").write_text(extension + "\n")
+        self.openssl(
+            *("x509", "-req", "-in", f"{name}.csr", "-CA", f"{issuer}.pem", "-CAkey", f"{issuer}.key"),
+            *("-CAcreateserial", "-days", "2", "-extfile", "extensions", "-out", f"{name}.pem"),
+        )
+
+    def make_signed(self, **options):
+        return self.make(**{"sign_key": self.key, "sign_cert": self.certificate, **options})
+
+    def unpack(self, package):
+        with tarfile.open(package, "r:") as outer:
+            members = {info.name: outer.extractfile(info).read() for info in outer}
+        for name, content in members.items():
+            (self.top / name).write_bytes(content)
+        return members
+
+    def verify(self):
+        """Checks the unpacked manifest as a user would; whether it is good."""
+        command = "cms -verify -binary -inform DER -in MANIFEST.sig -content MANIFEST -CAfile ca.pem -purpose any"
+        return self.openssl(*command.split(), "-out", os.devnull, check=False).returncode == 0
+
+    def test_puts_manifest_and_signature_first(self):
+        members = self.unpack(self.make_signed())
+        self.assertEqual(["MANIFEST", "MANIFEST.sig", "INFO", "package.tgz"], list(members))
+        self.assertEqual(
+            "".join(f"{hashlib.sha256(members[name]).hexdigest()}  {name}\n" for name in ("INFO", "package.tgz")),
+            members["MANIFEST"].decode(),
+        )
+
+    def test_other_members_are_those_of_a_package_without_signature(self):
+        plain = self.unpack(self.make())
+        self.assertEqual(["INFO", "package.tgz"], list(plain))
+        members = self.unpack(self.make_signed())
+        self.assertEqual(plain, {name: members[name] for name in plain})
+
+    def test_signature_is_good(self):
+        self.unpack(self.make_signed())
+        self.assertTrue(self.verify())
+
+    def test_signature_is_of_exactly_these_bytes(self):
+        members = self.unpack(self.make_signed())
+        for changed in (members["MANIFEST"].replace(b"\n", b"\r\n"), members["MANIFEST"][:-1], b""):
+            with self.subTest(changed):
+                (self.top / "MANIFEST").write_bytes(changed)
+                self.assertFalse(self.verify())
+
+    def test_signature_does_not_hold_what_it_signs(self):
+        members = self.unpack(self.make_signed())
+        self.assertNotIn(b"package.tgz", members["MANIFEST.sig"])
+
+    def test_signature_is_made_with_sha256_and_tells_the_time(self):
+        self.unpack(self.make_signed())
+        text = self.openssl(*"cms -cmsout -print -noout -inform DER -in MANIFEST.sig".split()).stdout.decode()
+        self.assertRegex(text, r"digestAlgorithms:\s+algorithm: sha256 ")
+        self.assertIn("signingTime", text)
+        self.assertNotIn("S/MIME Capabilities", text)
+
+    def test_key_with_a_passphrase_is_refused_where_nobody_can_be_asked(self):
+        self.openssl("pkey", "-in", "signer.key", "-aes256", "-passout", "pass:secret", "-out", "locked.key")
+        result = self.run_mkpack(
+            sign_key=self.top / "locked.key", sign_cert=self.certificate, preexec_fn=os.setsid
+        )
+        self.assertEqual((1, ""), (result.returncode, result.stdout))
+        self.assertTrue(result.stderr.startswith("mkpack: cannot be signed with "), result.stderr)
+        self.assertEqual([], os.listdir(self.output))
+
+    def test_certificates_between_are_in_the_signature(self):
+        self.issue("signer", "between")
+        self.unpack(self.make_signed())
+        self.assertFalse(self.verify())
+        chain = self.top / "chain.pem"
+        chain.write_bytes(self.certificate.read_bytes() + (self.top / "between.pem").read_bytes())
+        self.unpack(self.make_signed(sign_cert=chain))
+        self.assertTrue(self.verify())
+
+    def test_reply_names_the_signed_package(self):
+        package = self.make_signed()
+        member = json.loads(self.reply.read_text())["orbamira-hevc"]
+        self.assertEqual(hashlib.sha256(package.read_bytes()).hexdigest(), member["checksum"])
+        self.assertEqual(package.stat().st_size, member["size"])
+
+    def test_key_of_another_certificate_is_refused(self):
+        other = self.top / "between.key"
+        result = self.run_mkpack(sign_key=other, sign_cert=self.certificate)
+        self.assertEqual((1, ""), (result.returncode, result.stdout))
+        self.assertRegex(
+            result.stderr,
+            f"^mkpack: cannot be signed with {other} and {self.certificate}: .*private key does not match certificate",
+        )
+        self.assertEqual(1, result.stderr.count("\n"))
+        self.assertEqual([], os.listdir(self.output))
+
+    def test_file_without_certificate_is_refused(self):
+        self.assert_fails(
+            f"mkpack: {self.key}: there is no certificate in it\n", sign_key=self.key, sign_cert=self.key
+        )
+        missing = self.top / "missing"
+        self.assert_fails(f"mkpack: {missing}: No such file or directory\n", sign_key=self.key, sign_cert=missing)
+
+    def test_missing_key_is_refused(self):
+        missing = self.top / "missing"
+        result = self.run_mkpack(sign_key=missing, sign_cert=self.certificate)
+        self.assertEqual((1, ""), (result.returncode, result.stdout))
+        self.assertIn("No such file or directory", result.stderr)
+        self.assertEqual([], os.listdir(self.output))
+
+    def test_missing_openssl_is_an_error(self):
+        self.assert_fails(
+            "mkpack: openssl: No such file or directory\n",
+            sign_key=self.key,
+            sign_cert=self.certificate,
+            environment={"PATH": str(self.top)},
+        )
+
+    def test_key_and_certificate_go_together(self):
+        message = "arguments --sign-key and --sign-cert: one is no use without the other"
+        self.assert_usage(message, sign_key=self.key)
+        self.assert_usage(message, sign_cert=self.certificate)
+
+
 class MkpackReplyTest(MkpackTest):
     def member(self, package, **others):
         data = package.read_bytes()
@@ -524,12 +672,12 @@ class MkpackUsageTest(MkpackTest):
         result = subprocess.run([MKPACK, "--help"], stdout=subprocess.PIPE, text=True, timeout=HANG, check=False)
         self.assertEqual(0, result.returncode)
         for text in (
-            *("--base-url URL", "exit status", "example", "SOURCE_DATE_EPOCH"),
-            *("1.0-rc1 is NEWER than 1.0", "versions of Python and zlib"),
+            *("--base-url URL", "--sign-key KEY", "exit status", "example", "SOURCE_DATE_EPOCH"),
+            *("1.0-rc1 is NEWER than 1.0", "versions of Python and zlib", "tells the time it was made"),
         ):
             self.assertIn(text, result.stdout)
 
-    def test_every_option_but_two_is_required(self):
+    def test_options_of_what_is_published_and_where_are_required(self):
         for name in ("payload", "output", "name", "version", "title", "base_url"):
             with self.subTest(name):
                 option = "--" + name.replace("_", "-")
