@@ -301,6 +301,32 @@ TEST_F(PackctlTest, AFailedInstallBringsThePreviousPackBack) {
   EXPECT_EQ(RunJson({"info"}, 0)["version"], "1.0");
 }
 
+TEST_F(PackctlTest, AnUpdateThatPutNoPackInPlaceIsAFailure) {
+  appliance_.Publish("1.0", "one");
+  const fs::path copier = fs::read_symlink(path::kCpPath);
+  fs::remove(path::kCpPath);
+  WriteFile(path::kCpPath, "#!/bin/sh\nmkdir \"$3\"; echo part > \"$3/codec\"; exit 1\n");
+  fs::permissions(path::kCpPath, fs::perms(0755));
+  const ProgramResult result = Run({"update"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.output, Not(HasSubstr("installed")));
+  EXPECT_THAT(result.errors, EndsWith("packctl: the new pack did not get into place\n"
+                                      "packctl: the update failed; the recorded status is download_install_failed\n"));
+  EXPECT_FALSE(fs::exists(path::kPackFolderPath));
+
+  ASSERT_EQ(Run({"check"}).status, 0);
+  ASSERT_EQ(Run({"download"}).status, 0);
+  const Json::Value install = RunJson({"install"}, 1);
+  EXPECT_EQ(install["result"], "failed");
+  EXPECT_EQ(install["status"], "download_install_failed");
+  EXPECT_FALSE(fs::exists(path::kPackFolderPath));
+
+  fs::remove(path::kCpPath);
+  fs::create_symlink(copier, path::kCpPath);
+  EXPECT_EQ(Run({"update"}).status, 0);
+  EXPECT_EQ(Appliance::InstalledPayload(), "one");
+}
+
 TEST_F(PackctlTest, AFailedInstallKeepsThePackageForTheNextTry) {
   appliance_.Publish("1.0", "one");
   ASSERT_EQ(Run({"check"}).status, 0);

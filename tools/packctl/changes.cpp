@@ -49,6 +49,7 @@ struct Flow {
   const char* noun;
   bool (updater::IPackManager::*run)() const;
   const char* success;
+  bool installs;  ///< a pack is in place when it succeeded
 };
 
 Outcome Answer(ExitStatus exit, const char* command, const char* result) {
@@ -130,6 +131,13 @@ Outcome RunFlow(Context& context, const Flow& flow) {
   if (!done) {
     return updater.status->permitted() ? FailedChange(flow.command, flow.noun) : Failed(flow.command, flow.noun);
   }
+  // The library counts a copy as done whatever exit status its program gave.
+  if (flow.installs && !updater.manager->CheckPackExists()) {
+    updater.status->SetAsDownloadInstallFailed();
+    Outcome outcome = FailedChange(flow.command, flow.noun);
+    outcome.problems.insert(outcome.problems.begin(), "the new pack did not get into place");
+    return outcome;
+  }
   Outcome outcome = AnswerWithStatus(kExitDone, flow.command, "done");
   outcome.text = flow.success;
   return outcome;
@@ -176,16 +184,17 @@ Outcome Check(Context& /*context*/) {
 
 Outcome Download(Context& context) {
   return RunFlow(context, {"download", "download", &updater::IPackManager::Download,
-                           "The new pack is downloaded and verified. Install it with \"packctl install\".\n"});
+                           "The new pack is downloaded and verified. Install it with \"packctl install\".\n", false});
 }
 
 Outcome Install(Context& context) {
-  return RunFlow(context, {"install", "install", &updater::IPackManager::Install, "The new pack is installed.\n"});
+  return RunFlow(context,
+                 {"install", "install", &updater::IPackManager::Install, "The new pack is installed.\n", true});
 }
 
 Outcome Update(Context& context) {
   return RunFlow(context, {"update", "update", &updater::IPackManager::DownloadAndInstall,
-                           "The new pack is downloaded and installed.\n"});
+                           "The new pack is downloaded and installed.\n", true});
 }
 
 Outcome Remove(Context& /*context*/) {
