@@ -113,10 +113,8 @@ Outcome NotPermitted(const Flow& flow, updater::PackStatus status) {
   Outcome outcome = AnswerWithStatus(kExitNotPermitted, flow.command, "not_permitted");
   outcome.problems.push_back(std::string("the ") + flow.noun + " is not permitted while the recorded status is " +
                              StatusText(status) + " (" + StatusMeaning(status) + ")");
-  const bool under_way = status == updater::kStatusDownloading || status == updater::kStatusInstalling ||
-                         status == updater::kStatusDownloadingInstalling;
-  outcome.problems.push_back(under_way ? "if no program is at work on it, run \"packctl recover\""
-                                       : "permitted now: " + PermittedCommands(status));
+  outcome.problems.push_back(IsUnderWay(status) ? "if no program is at work on it, run \"packctl recover\""
+                                                : "permitted now: " + PermittedCommands(status));
   return outcome;
 }
 

@@ -8,11 +8,6 @@
 namespace orbamira::packctl {
 namespace {
 
-bool IsUnderWay(updater::PackStatus status) {
-  return status == updater::kStatusDownloading || status == updater::kStatusInstalling ||
-         status == updater::kStatusDownloadingInstalling;
-}
-
 // A record of work under way without step and sizes is what the work begins with.
 std::string FirstWords(updater::PackStatus status) {
   return status == updater::kStatusInstalling ? "Preparing the install" : "Asking the update server";

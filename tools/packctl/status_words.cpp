@@ -29,9 +29,14 @@ const char* StatusMeaning(updater::PackStatus status) {
     case updater::kStatusDownloadInstallFailed:
       return "the last update failed";
     case updater::kStatusUpToDate:
-      return "the pack was up to date when last updated";
+      break;
   }
-  return "unknown";
+  return "the pack was up to date when last updated";
+}
+
+bool IsUnderWay(updater::PackStatus status) {
+  return status == updater::kStatusDownloading || status == updater::kStatusInstalling ||
+         status == updater::kStatusDownloadingInstalling;
 }
 
 std::string PermittedCommands(updater::PackStatus status) {
