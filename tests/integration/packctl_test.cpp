@@ -264,6 +264,33 @@ TEST_F(PackctlTest, RemoveEndsWith2WithoutAPack) {
   EXPECT_EQ(Run({"remove"}).status, 2);
 }
 
+TEST_F(PackctlTest, RemoveIsNotPermittedWhileWorkIsUnderWay) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  const auto status = Status();
+  for (const std::function<void()>& begin : std::vector<std::function<void()>>{
+           [&] { status->SetAsDownloading(); },
+           [&] { status->SetAsInstalling(); },
+           [&] { status->SetAsDownloadInstalling(); },
+       }) {
+    begin();
+    EXPECT_EQ(RunJson({"remove"}, 3)["result"], "not_permitted");
+    EXPECT_THAT(Run({"remove"}).errors, AllOf(HasSubstr("packctl: the removal is not permitted while the recorded "),
+                                              HasSubstr("if no program is at work on it, run \"packctl recover\"")));
+  }
+  EXPECT_EQ(Appliance::InstalledPayload(), "one");
+  ASSERT_EQ(Run({"recover"}).status, 0);
+  EXPECT_EQ(Run({"remove"}).status, 0);
+}
+
+TEST_F(PackctlTest, RemoveNeedsAStatusThatCanBeRead) {
+  WriteFile(path::kPackInfoPath, "version=1.0\n");
+  store::FileKeyValueStore::Create(path::kPackStatusFile)->Set(webapi::param::kStatus, "dancing");
+  EXPECT_EQ(RunJson({"remove"}, 1)["result"], "failed");
+  EXPECT_EQ(Run({"remove"}).errors, "packctl: the recorded status cannot be read; \"packctl recover\" mends it\n");
+  EXPECT_TRUE(fs::exists(path::kPackInfoPath));
+}
+
 TEST_F(PackctlTest, CodecsTellsARequirementsFileThatCannotBeRead) {
   WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player"], "hevc": []})");
   EXPECT_EQ(RunJson({"codecs"}, 0)["requested"], Parse("[\"aac\"]\n"));

@@ -109,9 +109,10 @@ bool RunWithProgress(const Console& console, const std::function<bool()>& work) 
   return done;
 }
 
-Outcome NotPermitted(const Flow& flow, updater::PackStatus status) {
-  Outcome outcome = AnswerWithStatus(kExitNotPermitted, flow.command, "not_permitted");
-  outcome.problems.push_back(std::string("the ") + flow.noun + " is not permitted while the recorded status is " +
+Outcome NotPermitted(const char* command, const char* noun, updater::PackStatus status) {
+  Outcome outcome = Answer(kExitNotPermitted, command, "not_permitted");
+  outcome.json["status"] = StatusText(status);
+  outcome.problems.push_back(std::string("the ") + noun + " is not permitted while the recorded status is " +
                              StatusText(status) + " (" + StatusMeaning(status) + ")");
   outcome.problems.push_back(IsUnderWay(status) ? "if no program is at work on it, run \"packctl recover\""
                                                 : "permitted now: " + PermittedCommands(status));
@@ -124,7 +125,7 @@ Outcome RunFlow(Context& context, const Flow& flow) {
   const auto work = [&] { return (updater.manager.get()->*flow.run)(); };
   const bool done = context.json ? work() : RunWithProgress(context.console, work);
   if (const auto status = updater.status->refused_status()) {
-    return NotPermitted(flow, *status);
+    return NotPermitted(flow.command, flow.noun, *status);
   }
   if (!done) {
     return updater.status->permitted() ? FailedChange(flow.command, flow.noun) : Failed(flow.command, flow.noun);
@@ -198,6 +199,9 @@ Outcome Update(Context& context) {
 Outcome Remove(Context& /*context*/) {
   namespace fs = std::filesystem;
   const ExclusiveLock lock(path::kPackctlLock);
+  if (const updater::PackStatus status = ReadStatus().status; IsUnderWay(status)) {
+    return NotPermitted("remove", "removal", status);
+  }
   if (!updater::KOSHelper::Create()->DirExist(path::kPackFolderPath)) {
     Outcome outcome = AnswerWithStatus(kExitNothingToDo, "remove", "nothing_to_do");
     outcome.text = "No codec pack is installed.\n";

@@ -43,7 +43,8 @@ constexpr std::array kCommands = {
             "The versions are not compared: the pack on offer is fetched even if it is installed already. Run\n"
             "\"packctl check\" first to fetch only what is new. When it fails, the previous pack comes back."},
     Command{"remove", packctl::Remove, "Remove the installed pack",
-            "Applications are not told, and the recorded status stays as it is.\n"
+            "Applications are not told, and the recorded status stays as it is. Not permitted while that says work is\n"
+            "under way.\n"
             "Exit status 2: no pack is installed."},
     Command{"status", packctl::Status, "Show the recorded status and progress",
             "May be run at any time, also while an update is running. With --json the keys are those of the status\n"

@@ -79,12 +79,7 @@ std::string StatusLines(const StatusRecord& record) {
 
 Outcome Status(Context& /*context*/) {
   namespace keys = webapi::param;
-  StatusRecord record;
-  try {
-    record = ReadStatus();
-  } catch (const std::logic_error&) {
-    return Failed({}, "the recorded status cannot be read; \"packctl recover\" mends it");
-  }
+  const StatusRecord record = ReadStatus();
   Outcome outcome{.text = StatusLines(record)};
   outcome.json[keys::kStatus] = StatusText(record.status);
   outcome.json[keys::kNewPackName] = record.new_pack_name;

@@ -11,6 +11,28 @@ namespace orbamira::packctl {
 
 namespace keys = webapi::param;
 
+namespace {
+
+StatusRecord Decoded(store::IKeyValueStore& store) {
+  StatusRecord record;
+  if (store.Has(keys::kStatus)) {
+    record.status = updater::PackStatusFromText(store.Get(keys::kStatus));
+  }
+  record.new_pack_name = store.Get(keys::kNewPackName);
+  record.new_version = store.Get(keys::kNewVersion);
+  if (store.Has(keys::kDownloadSizeNow)) {
+    record.download_size_now = std::stoll(store.Get(keys::kDownloadSizeNow));
+  }
+  if (store.Has(keys::kDownloadSizeTotal)) {
+    record.download_size_total = std::stoll(store.Get(keys::kDownloadSizeTotal));
+  }
+  record.install_step = store.Get(keys::kInstallStep);
+  static_cast<void>(updater::InstallStepFromText(record.install_step));  // throws for a text that is no step
+  return record;
+}
+
+}  // namespace
+
 StatusRecord ReadStatus() {
   const store::FileLock lock(path::kPackStatusLock);
   if (!std::filesystem::exists(path::kPackStatusFile)) {
@@ -20,21 +42,11 @@ StatusRecord ReadStatus() {
   if (store == nullptr) {
     throw std::runtime_error(std::string("cannot use the status store ") + path::kPackStatusFile);
   }
-  StatusRecord record;
-  if (store->Has(keys::kStatus)) {
-    record.status = updater::PackStatusFromText(store->Get(keys::kStatus));
+  try {
+    return Decoded(*store);
+  } catch (const std::logic_error&) {
+    throw std::domain_error("the recorded status cannot be read; \"packctl recover\" mends it");
   }
-  record.new_pack_name = store->Get(keys::kNewPackName);
-  record.new_version = store->Get(keys::kNewVersion);
-  if (store->Has(keys::kDownloadSizeNow)) {
-    record.download_size_now = std::stoll(store->Get(keys::kDownloadSizeNow));
-  }
-  if (store->Has(keys::kDownloadSizeTotal)) {
-    record.download_size_total = std::stoll(store->Get(keys::kDownloadSizeTotal));
-  }
-  record.install_step = store->Get(keys::kInstallStep);
-  static_cast<void>(updater::InstallStepFromText(record.install_step));  // throws for a text that is no step
-  return record;
 }
 
 }  // namespace orbamira::packctl

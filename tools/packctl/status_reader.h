@@ -20,9 +20,11 @@ struct StatusRecord {
   friend bool operator==(const StatusRecord&, const StatusRecord&) = default;
 };
 
-/// Reads the store under its lock, sizes in full width. A store that does not exist reads as the default record and is
-/// not made. Throws std::logic_error for a text that cannot be decoded, std::runtime_error when the store or its lock
-/// cannot be used.
+/// Reads the store under its lock. A store that does not exist reads as the default record and is not made. Throws
+/// std::domain_error, in words for the user, for a text that cannot be decoded; std::runtime_error when the store or
+/// its lock cannot be used.
+///
+/// A reading of its own, because PackStatusHelper cuts sizes to 32 bits and gives one step for two texts.
 StatusRecord ReadStatus();
 
 }  // namespace orbamira::packctl

@@ -72,7 +72,7 @@ TEST_F(StatusReaderTest, ReadStatusThrowsForWhatCannotBeDecoded) {
                                                                      {keys::kDownloadSizeTotal, ""}}) {
     std::filesystem::remove(path::kPackStatusFile);
     Store({{key, value}});
-    EXPECT_THROW(ReadStatus(), std::logic_error) << key;
+    EXPECT_THROW(ReadStatus(), std::domain_error) << key;
   }
 }
 
