@@ -16,6 +16,7 @@
 
 #include "platform/constants.h"
 #include "tests/support/appliance.h"
+#include "tests/support/process.h"
 #include "tests/support/test_root.h"
 #include "updater/pack_status_helper.h"
 
@@ -442,6 +443,26 @@ TEST_F(PackctlTest, ATerminalGetsOneLineThatIsRedrawnAndEnded) {
   EXPECT_THAT(screen, HasSubstr("\rAsking the update server"));
   EXPECT_THAT(screen, HasSubstr("%"));
   EXPECT_THAT(screen, EndsWith("\r\nThe new pack is downloaded and installed.\r\n"));
+}
+
+TEST_F(PackctlTest, ClosedStandardDescriptorsDoNotStopACommand) {
+  appliance_.Publish("1.0", "one");
+  const auto run_closed = [](const std::string& command, const std::vector<int>& closed) {
+    test::ProcessOptions options;
+    options.before_exec = [&closed] {
+      for (const int fd : closed) {
+        close(fd);
+      }
+    };
+    return test::RunProgram(Appliance::PackctlCommand({command}), options);
+  };
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    EXPECT_TRUE(run_closed("status", {fd}).Exited(0)) << fd;
+  }
+  EXPECT_TRUE(run_closed("check", {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}).Exited(0));
+  EXPECT_EQ(RunJson({"status"}, 0)["new_version"], "1.0");
+  EXPECT_TRUE(run_closed("update", {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}).Exited(0));
+  EXPECT_EQ(Appliance::InstalledPayload(), "one");
 }
 
 TEST_F(PackctlTest, AnAnswerThatCannotBeWrittenIsAFailure) {

@@ -4,9 +4,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <exception>
 #include <iostream>
+#include <system_error>
 
 #include "tools/packctl/command.h"
 #include "tools/packctl/exclusive_lock.h"
@@ -77,6 +79,18 @@ constexpr const char* kFooter =
     "The environment variable ORBAMIRA_ROOT stands in front of every path: a staged system is served in place.";
 
 constexpr const char* kJsonHelp = "Print one JSON object instead of text";
+
+// A closed standard descriptor would go to the next file that is opened, and be written to as output.
+void OpenStandardDescriptors() {
+  int fd = 0;
+  while (fd <= STDERR_FILENO) {
+    fd = open("/dev/null", O_RDWR);
+    if (fd < 0) {
+      throw std::system_error(errno, std::generic_category(), "cannot open /dev/null");
+    }
+  }
+  close(fd);
+}
 
 // An interrupted line still ends as one; the program then ends as the signal says. What it leaves is for the recovery.
 void EndLineAndDie(int signal_number) {
@@ -152,6 +166,7 @@ int Answer(const Command& command, bool json) {
 }  // namespace
 
 int main(int argc, char** argv) try {
+  OpenStandardDescriptors();
   CLI::App app("Keeps the media codec pack up to date.", "packctl");
   bool json = false;
   app.require_subcommand(1);
