@@ -121,7 +121,10 @@ TEST_F(PackctlTest, WrongUsageEndsWith64AndSaysWhy) {
 TEST_F(PackctlTest, AFirstUpdateBringsThePack) {
   appliance_.Publish("1.0", "one");
   const Json::Value check = RunJson({"check"}, 0);
+  EXPECT_THAT(Members(check), testing::ElementsAre("command", "installed_version", "result", "status", "version"));
+  EXPECT_EQ(check["command"], "check");
   EXPECT_EQ(check["result"], "new_pack");
+  EXPECT_EQ(check["status"], "need_download");
   EXPECT_EQ(check["version"], "1.0");
   EXPECT_TRUE(check["installed_version"].isNull());
 
@@ -149,7 +152,9 @@ TEST_F(PackctlTest, CheckEndsWith2WhenNothingIsNew) {
   appliance_.Publish("1.0", "one");
   ASSERT_EQ(Run({"update"}).status, 0);
   const Json::Value check = RunJson({"check"}, 2);
+  EXPECT_EQ(check["command"], "check");
   EXPECT_EQ(check["result"], "nothing_new");
+  EXPECT_EQ(check["status"], "up_to_date");
   EXPECT_EQ(check["version"], "1.0");
   EXPECT_EQ(check["installed_version"], "1.0");
   EXPECT_EQ(Run({"check"}).output, "Nothing new: version 1.0 is offered, installed is 1.0.\n");
@@ -175,12 +180,29 @@ TEST_F(PackctlTest, TextFromOutsideCannotSteerTheTerminal) {
 
 TEST_F(PackctlTest, CheckEndsWith1AndTheReasonWhenTheServerFails) {
   const Json::Value check = RunJson({"check"}, 1);
+  EXPECT_EQ(check["command"], "check");
   EXPECT_EQ(check["result"], "failed");
+  EXPECT_EQ(check["status"], "lost");
   EXPECT_TRUE(check["version"].isNull());
   EXPECT_EQ(Run({"check"}).errors,
             "packctl: Failed to send request with status: 404\n"
             "packctl: FetchDownloadInfo failed\n"
-            "packctl: the check failed; the recorded status is unchanged\n");
+            "packctl: the check failed; the recorded status is lost\n");
+}
+
+TEST_F(PackctlTest, CheckPointsToRecoverWhileTheStatusSaysWorkIsUnderWay) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  EXPECT_EQ(Run({"check"}).errors, "");
+  Status()->SetAsDownloadInstalling();
+  const std::string hint =
+      "the recorded status is downloading_installing; if no program is at work on it, run \"packctl recover\"\n";
+  const ProgramResult nothing_new = Run({"check"});
+  EXPECT_EQ(nothing_new.status, 2);
+  EXPECT_EQ(nothing_new.errors, "packctl: " + hint);
+  appliance_.SetFault([](const HttpRequest& /*request*/, HttpResponse& response) { response.status = 500; });
+  EXPECT_THAT(Run({"check"}).errors, EndsWith("packctl: the check failed; " + hint));
+  EXPECT_EQ(Status()->GetPackStatus(), updater::kStatusDownloadingInstalling);
 }
 
 TEST_F(PackctlTest, DownloadAndInstallDoTheHalves) {
@@ -222,7 +244,8 @@ TEST_F(PackctlTest, ARefusedFlowLeavesTheFoldersOfTheProgramAtWork) {
 TEST_F(PackctlTest, AFlowThatCannotReadTheStatusBeginsNothing) {
   store::FileKeyValueStore::Create(path::kPackStatusFile)->Set(webapi::param::kStatus, "dancing");
   WriteFile(fs::path(path::kTempPackFolderPath) / "half", "");
-  EXPECT_THAT(Run({"update"}).errors, EndsWith("packctl: the update failed; the recorded status cannot be read\n"));
+  EXPECT_THAT(Run({"update"}).errors, EndsWith("packctl: the update failed; the recorded status cannot be read; "
+                                               "if no program is at work on it, run \"packctl recover\"\n"));
   EXPECT_EQ(RunJson({"update"}, 1)["result"], "failed");
   EXPECT_TRUE(fs::exists(fs::path(path::kTempPackFolderPath) / "half"));
 }

@@ -70,8 +70,18 @@ Outcome AnswerWithStatus(ExitStatus exit, const char* command, const char* resul
   return outcome;
 }
 
+constexpr const char* kRecoverHint = "if no program is at work on it, run \"packctl recover\"";
+
+/// Whether an interrupted program may have left this status, the text or null of an answer. Only the user knows whether
+/// another program using the library is at work: this one holds no lock against those.
+bool MayNeedRecovery(const Json::Value& status) {
+  return status.isNull() || IsUnderWay(updater::PackStatusFromText(status.asString()));
+}
+
 std::string StatusSentence(const Json::Value& status) {
-  return status.isNull() ? "the recorded status cannot be read" : "the recorded status is " + status.asString();
+  const std::string sentence =
+      status.isNull() ? "the recorded status cannot be read" : "the recorded status is " + status.asString();
+  return MayNeedRecovery(status) ? sentence + "; " + kRecoverHint : sentence;
 }
 
 Outcome Failed(const char* command, const char* noun) {
@@ -114,8 +124,7 @@ Outcome NotPermitted(const char* command, const char* noun, updater::PackStatus 
   outcome.json["status"] = StatusText(status);
   outcome.problems.push_back(std::string("the ") + noun + " is not permitted while the recorded status is " +
                              StatusText(status) + " (" + StatusMeaning(status) + ")");
-  outcome.problems.push_back(IsUnderWay(status) ? "if no program is at work on it, run \"packctl recover\""
-                                                : "permitted now: " + PermittedCommands(status));
+  outcome.problems.push_back(IsUnderWay(status) ? kRecoverHint : "permitted now: " + PermittedCommands(status));
   return outcome;
 }
 
@@ -158,26 +167,27 @@ Outcome Check(Context& /*context*/) {
   const Updater updater = MakeUpdater();
   const bool found = updater.manager->CheckNewPack();
   const std::optional<std::string>& declined = updater.handler->declined_version();
+  const Json::Value installed_version = InstalledVersion();
+  const std::string installed = Installed(installed_version);
   Outcome outcome;
-  outcome.json["installed_version"] = InstalledVersion();
-  const std::string installed = Installed(outcome.json["installed_version"]);
   if (found) {
     const std::string version = ReadStatus().new_version;
-    outcome.json["result"] = "new_pack";
+    outcome = AnswerWithStatus(kExitDone, "check", "new_pack");
     outcome.json["version"] = version;
     outcome.text = "A new pack is available: version " + tools::Printable(version) + ", " + installed +
                    ".\nFetch and install it with \"packctl update\".\n";
   } else if (declined) {
-    outcome.exit = kExitNothingToDo;
-    outcome.json["result"] = "nothing_new";
+    outcome = AnswerWithStatus(kExitNothingToDo, "check", "nothing_new");
     outcome.json["version"] = *declined;
     outcome.text = "Nothing new: version " + tools::Printable(*declined) + " is offered, " + installed + ".\n";
+    if (const Json::Value& status = outcome.json["status"]; MayNeedRecovery(status)) {
+      outcome.problems = {StatusSentence(status)};
+    }
   } else {
-    outcome.exit = kExitFailed;
-    outcome.json["result"] = "failed";
+    outcome = Failed("check", "check");
     outcome.json["version"] = Json::nullValue;
-    outcome.problems = {"the check failed; the recorded status is unchanged"};
   }
+  outcome.json["installed_version"] = installed_version;
   return outcome;
 }
 
