@@ -32,7 +32,8 @@ struct Context {
   bool json;  ///< the answer will be JSON: nothing is shown in between
 };
 
-/// The queries: they change nothing and may run beside anything.
+/// The queries: they change neither pack nor record and may run beside anything. A missing store or lock file may be
+/// made on the way, and a broken store is set aside.
 Outcome Status(Context& context);
 Outcome Info(Context& context);
 Outcome Codecs(Context& context);
@@ -40,8 +41,9 @@ Outcome Codecs(Context& context);
 /// Asks the plugins who they are. The library's answer file allows one at a time, so it excludes the changing commands.
 Outcome Plugins(Context& context);
 
-/// The changing commands: each holds the lock that keeps two of them apart, and throws Busy when another holds it. One
-/// that fails runs the recovery before it returns.
+/// The changing commands: each holds the lock that keeps two of them apart, and throws Busy when another holds it. A
+/// flow that fails after it began, and a removal that fails, run the recovery before they return; one that the recorded
+/// status forbids changes nothing.
 Outcome Check(Context& context);
 Outcome Download(Context& context);
 Outcome Install(Context& context);
