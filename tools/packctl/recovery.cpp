@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <exception>
 #include <filesystem>
@@ -160,16 +161,17 @@ class Recovery {
     if (helper == nullptr) {
       throw std::runtime_error(std::string("cannot use the status store ") + path::kPackStatusFile);
     }
+    std::string recorded = "an unreadable text";
     try {
-      status_ = Mended(helper->GetPackStatus());
+      const updater::PackStatus status = helper->GetPackStatus();
+      recorded = StatusText(status);
+      status_ = Mended(status);
     } catch (const std::logic_error& error) {
       ORBAMIRA_LOG_ERROR("Recovery: the recorded status cannot be read: %s", error.what());
       status_ = updater::kStatusDownloadInstallFailed;
-      Record(*helper, "an unreadable text");
-      return;
     }
-    if (const updater::PackStatus recorded = helper->GetPackStatus(); recorded != status_) {
-      Record(*helper, StatusText(recorded));
+    if (recorded != StatusText(*status_)) {
+      Record(*helper, recorded);
     }
   }
 
