@@ -327,6 +327,8 @@ TEST_F(PackctlTest, PluginsListsTheIds) {
   EXPECT_EQ(RunJson({"plugins"}, 0)["app_ids"], Parse("[]\n"));
   Appliance::AddPlugin("a", "echo player\n");
   EXPECT_EQ(RunJson({"plugins"}, 0)["app_ids"], Parse("[\"player\"]\n"));
+  Appliance::AddPlugin("a", "printf 'pla\\033yer\\n'\n");
+  EXPECT_EQ(Run({"plugins"}).output, "pla\\033yer\n");
   fs::remove(path::kGetAppIdPyPath);
   EXPECT_EQ(RunJson({"plugins"}, 1)["result"], "failed");
 }
