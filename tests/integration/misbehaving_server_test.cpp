@@ -1,0 +1,674 @@
+// What an update server and a web server of packages can do wrong, each against the library and against packctl: the
+// installed pack survives it, the log says what happened, and the next update succeeds.
+
+#include <gmock/gmock.h>
+#include <json/json.h>
+#include <openssl/evp.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <vector>
+
+#include "platform/constants.h"
+#include "tests/support/appliance.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/test_root.h"
+#include "updater/pack_manager.h"
+
+namespace orbamira::updater {
+namespace {
+
+namespace fs = std::filesystem;
+
+using std::chrono::milliseconds;
+using test::Appliance;
+using test::ErrorLine;
+using test::HttpRequest;
+using test::HttpResponse;
+using test::InfoLine;
+using test::LogCapture;
+using test::LogLine;
+using test::ProgramResult;
+using test::RunningProgram;
+
+using Log = std::vector<LogLine>;
+constexpr std::size_t kMebibyte = std::size_t{1} << 20;
+
+struct Misbehaviour {
+  std::string name;
+  /// What becomes of the reply and of the package; `attempt` counts the requests for it in one update, from 1. Not
+  /// called for the other of the two.
+  std::function<void(HttpResponse&)> reply = {};
+  std::function<void(const HttpRequest&, HttpResponse&, int attempt)> package = {};
+  /// What the library logs; empty for an update that succeeds. `link` is where the package was published.
+  std::function<Log(const std::string& link)> log = {};
+  /// The update ends by an exception: the library leaves the recorded status as it was then.
+  bool throws = false;
+  /// It went as far as to download.
+  bool downloads = false;
+  /// It makes the download wait longer than a test should.
+  bool slow = false;
+  std::string payload = "two";
+};
+
+void PrintTo(const Misbehaviour& misbehaviour, std::ostream* out) { *out << misbehaviour.name; }
+
+LogLine ManagerError(const std::string& text) { return ErrorLine("pack_manager.cpp", text); }
+
+// The log of each stage that an update can fail at.
+auto CheckFails(const std::string& text) {
+  return [text](const std::string&) { return Log{ManagerError(text), ManagerError("FetchDownloadInfo failed")}; };
+}
+
+auto DownloadFails(const std::string& text) {
+  return [text](const std::string& link) {
+    return Log{InfoLine("pack_handler.cpp", "Failed to download pack: " + link + ": " + text),
+               ManagerError("DoDownload failed")};
+  };
+}
+
+Log LogOfStatus(const std::string& link, int status) {
+  return {InfoLine("pack_handler.cpp", std::string("Failed to download pack to ") + path::kDownloadedOpkPath +
+                                           " from link: " + link + ", status code: " + std::to_string(status)),
+          ManagerError("DoDownload failed")};
+}
+
+auto DownloadEndsWith(int status) {
+  return [status](const std::string& link) { return LogOfStatus(link, status); };
+}
+
+Log LogOfVerification(const std::string& /*link*/) {
+  return {ManagerError("Failed to verify checksum of downloaded file.")};
+}
+
+// The words of the JSON library for what goes wrong in `action`.
+auto Throws(const std::function<void()>& action) {
+  std::string words;
+  try {
+    action();
+  } catch (const Json::Exception& error) {
+    words = error.what();
+  }
+  return [words](const std::string&) { return Log{ManagerError("Download and install failed: " + words)}; };
+}
+
+// What a reply may do.
+auto Says(const std::string& body) {
+  return [body](HttpResponse& response) { response.body = body; };
+}
+
+auto AnswersWith(int status) {
+  return [status](HttpResponse& response) { response.status = status; };
+}
+
+auto Redirects(const std::string& target) {
+  return [target](HttpResponse& response) {
+    response = HttpResponse{.status = 301, .headers = {{"Location", target}}};
+  };
+}
+
+auto OffersWith(const std::string& member, const Json::Value& value) {
+  return [member, value](HttpResponse& response) {
+    Json::Value reply;
+    std::istringstream(response.body) >> reply;
+    reply[kHevcPack][member] = value;
+    response.body = reply.toStyledString();
+  };
+}
+
+auto OffersInPlace(const Json::Value& value) {
+  return [value](HttpResponse& response) {
+    Json::Value reply;
+    reply[kHevcPack] = value;
+    response.body = reply.toStyledString();
+  };
+}
+
+std::string DigestOf(const char* algorithm, const std::string& text) {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  std::size_t length = 0;
+  EXPECT_EQ(EVP_Q_digest(nullptr, algorithm, nullptr, text.data(), text.size(), digest.data(), &length), 1);
+  std::string hex;
+  for (std::size_t i = 0; i < length; ++i) {
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    hex += kDigits[digest[i] >> 4U];
+    hex += kDigits[digest[i] & 15U];
+  }
+  return hex;
+}
+
+std::string PublishedReply() { return test::ReadFile(test::Root() / "srv/reply.json"); }
+
+std::string PublishedLink() {
+  Json::Value reply;
+  std::istringstream(PublishedReply()) >> reply;
+  return reply[kHevcPack][param::kLink].asString();
+}
+
+std::string PublishedPackage() { return test::ReadFile(test::Root() / "srv" / fs::path(PublishedLink()).filename()); }
+
+// The same package by another of its digests.
+auto OffersDigest(const char* algorithm) {
+  return [algorithm](HttpResponse& response) {
+    OffersWith(param::kChecksum, DigestOf(algorithm, PublishedPackage()))(response);
+  };
+}
+
+// The same for every attempt.
+auto Always(const std::function<void(HttpResponse&)>& change) {
+  return [change](const HttpRequest&, HttpResponse& response, int) { change(response); };
+}
+
+std::vector<Misbehaviour> MisbehavioursOfTheReply() {
+  const std::string deep = std::string(2000, '[') + std::string(2000, ']');
+  const auto get = [](const Json::Value& value) { return [value] { static_cast<void>(value.get("link", "")); }; };
+  const auto text = [](const Json::Value& value) { return [value] { static_cast<void>(value.asString()); }; };
+  const auto parse = [](const std::string& json) {
+    return [json] {
+      Json::Value value;
+      Json::Reader().parse(json, value);
+    };
+  };
+  return {
+      {.name = "ReplyNeverComes",
+       .reply = [](HttpResponse& response) { response.silent = true; },
+       .log = CheckFails("Failed to send request with error: Empty reply from server")},
+      {.name = "ReplyIsResetBeforeItsHead",
+       .reply =
+           [](HttpResponse& response) {
+             response.silent = true;
+             response.reset_at = 0;
+           },
+       .log = CheckFails("Failed to send request with error: Recv failure: Connection reset by peer")},
+      {.name = "ReplyIsResetAfterItsHead",
+       .reply = [](HttpResponse& response) { response.reset_at = 0; },
+       .log = CheckFails("Failed to parse response")},
+      {.name = "ReplyIsResetMidway",
+       .reply = [](HttpResponse& response) { response.reset_at = 30; },
+       .log = CheckFails("Failed to parse response")},
+      {.name = "ReplyIsCut",
+       .reply = [](HttpResponse& response) { response.close_at = 30; },
+       .log = CheckFails("Failed to parse response")},
+      {.name = "ReplyIsLongerThanItSays",
+       .reply = [](HttpResponse& response) { response.claimed_length = 30; },
+       .log = CheckFails("Failed to parse response")},
+      {.name = "ReplyTrickles",
+       .reply =
+           [](HttpResponse& response) {
+             response.piece = 1;
+             response.pause = milliseconds(1);
+           }},
+      {.name = "ReplyInChunks",
+       .reply = [](HttpResponse& response) { response.framing = HttpResponse::Framing::kChunked; }},
+      {.name = "ReplyWithoutLength",
+       .reply = [](HttpResponse& response) { response.framing = HttpResponse::Framing::kUntilClose; }},
+      {.name = "ReplyRedirectsForever",
+       .reply = Redirects("/reply.json"),
+       .log = CheckFails("Failed to send request with status: 301")},
+      {.name = "ReplyRedirectsToAFile",
+       .reply = Redirects("file:///etc/passwd"),
+       .log = CheckFails("Failed to send request with status: 301")},
+      {.name = "ReplyIs401", .reply = AnswersWith(401), .log = CheckFails("Failed to send request with status: 401")},
+      {.name = "ReplyIs404", .reply = AnswersWith(404), .log = CheckFails("Failed to send request with status: 404")},
+      {.name = "ReplyIs429", .reply = AnswersWith(429), .log = CheckFails("Failed to send request with status: 429")},
+      {.name = "ReplyIs500", .reply = AnswersWith(500), .log = CheckFails("Failed to send request with status: 500")},
+      {.name = "ReplyIs204", .reply = AnswersWith(204), .log = CheckFails("Failed to send request with status: 204")},
+      {.name = "ReplyIsGarbage",
+       .reply = Says(test::PatternOf(100'000)),
+       .log = CheckFails("Failed to parse response")},
+      {.name = "ReplyIsHtml",
+       .reply = Says("<!DOCTYPE html><html><body>Please sign in</body></html>"),
+       .log = CheckFails("Failed to parse response")},
+      {.name = "ReplyIsEmpty", .reply = Says(""), .log = CheckFails("Failed to parse response")},
+      {.name = "ReplyIsNull", .reply = Says("null"), .log = CheckFails("Get orbamira-hevc info failed")},
+      {.name = "ReplyIsAnEmptyObject", .reply = Says("{}"), .log = CheckFails("Get orbamira-hevc info failed")},
+      {.name = "ReplyIsAnArray",
+       .reply = Says("[{}]"),
+       .log = Throws(get(Json::Value(Json::arrayValue))),
+       .throws = true},
+      {.name = "ReplyIsAText", .reply = Says("\"pack\""), .log = Throws(get("pack")), .throws = true},
+      {.name = "ReplyIsANumber", .reply = Says("7"), .log = Throws(get(7)), .throws = true},
+      {.name = "ReplyIsTrue", .reply = Says("true"), .log = Throws(get(true)), .throws = true},
+      {.name = "ReplyIsNestedTooDeep", .reply = Says(deep), .log = Throws(parse(deep)), .throws = true},
+      {.name = "OfferIsNestedTooDeep",
+       .reply = Says("{\"orbamira-hevc\": " + deep + "}"),
+       .log = Throws(parse(deep)),
+       .throws = true},
+      {.name = "OfferIsNull",
+       .reply = OffersInPlace(Json::nullValue),
+       .log = CheckFails("Get orbamira-hevc info failed")},
+      {.name = "OfferIsAnArray",
+       .reply = OffersInPlace(Json::arrayValue),
+       .log = Throws(get(Json::Value(Json::arrayValue))),
+       .throws = true},
+      {.name = "OfferIsAText", .reply = OffersInPlace("2.0"), .log = Throws(get("2.0")), .throws = true},
+      {.name = "OfferIsANumber", .reply = OffersInPlace(2), .log = Throws(get(2)), .throws = true},
+      {.name = "OfferIsTwice",
+       .reply =
+           [](HttpResponse& response) {
+             response.body.resize(response.body.rfind('}'));
+             response.body += ", \"orbamira-hevc\": null}";
+           },
+       .log = CheckFails("Get orbamira-hevc info failed")},
+      {.name = "LinkIsAnArray",
+       .reply = OffersWith(param::kLink, Json::arrayValue),
+       .log = Throws(text(Json::arrayValue)),
+       .throws = true},
+      {.name = "LinkIsAnObject",
+       .reply = OffersWith(param::kLink, Json::objectValue),
+       .log = Throws(text(Json::objectValue)),
+       .throws = true},
+      {.name = "LinkIsEmpty",
+       .reply = OffersWith(param::kLink, ""),
+       .log = [](const std::string&) { return DownloadFails("URL_MALFORMAT")(""); },
+       .downloads = true},
+      {.name = "LinkIsNull",
+       .reply = OffersWith(param::kLink, Json::nullValue),
+       .log = [](const std::string&) { return DownloadFails("URL_MALFORMAT")(""); },
+       .downloads = true},
+      {.name = "LinkIsALocalFile",
+       .reply = OffersWith(param::kLink, "file:///etc/passwd"),
+       .log =
+           [](const std::string&) {
+             return DownloadFails("Protocol \"file\" not supported or disabled in libcurl")("file:///etc/passwd");
+           },
+       .downloads = true},
+      {.name = "LinkHasAnotherScheme",
+       .reply = OffersWith(param::kLink, "ftp://127.0.0.1/pack"),
+       .log =
+           [](const std::string&) {
+             return DownloadFails("Protocol \"ftp\" not supported or disabled in libcurl")("ftp://127.0.0.1/pack");
+           },
+       .downloads = true},
+      {.name = "LinkLooksLikeAFormat",
+       .reply = [](HttpResponse& response) { OffersWith(param::kLink, PublishedLink() + "%s%n%d")(response); },
+       .log = [](const std::string& link) { return LogOfStatus(link + "%s%n%d", 404); },
+       .downloads = true},
+      {.name = "ChecksumIsWrong",
+       .reply = OffersWith(param::kChecksum, std::string(64, '0')),
+       .log = LogOfVerification,
+       .downloads = true},
+      {.name = "ChecksumIsOfAnAlgorithmTooWeak",
+       .reply = OffersDigest("SHA1"),
+       .log = LogOfVerification,
+       .downloads = true},
+      {.name = "ChecksumIsOfAStrongerAlgorithm", .reply = OffersDigest("SHA512")},
+      {.name = "ChecksumIsInCapitals",
+       .reply =
+           [](HttpResponse& response) {
+             std::string digest = DigestOf("SHA256", PublishedPackage());
+             std::transform(digest.begin(), digest.end(), digest.begin(), [](char c) { return c >= 'a' ? c - 32 : c; });
+             OffersWith(param::kChecksum, digest)(response);
+           }},
+      {.name = "ChecksumIsEmpty",
+       .reply = OffersWith(param::kChecksum, ""),
+       .log = LogOfVerification,
+       .downloads = true},
+      {.name = "ChecksumIsNull",
+       .reply = OffersWith(param::kChecksum, Json::nullValue),
+       .log = LogOfVerification,
+       .downloads = true},
+      {.name = "ChecksumIsAnArray",
+       .reply = OffersWith(param::kChecksum, Json::arrayValue),
+       .log = Throws(text(Json::arrayValue)),
+       .throws = true,
+       .downloads = true},
+      {.name = "VersionIsAnArray",
+       .reply = OffersWith(param::kVersion, Json::arrayValue),
+       .log = Throws(text(Json::arrayValue)),
+       .throws = true,
+       .downloads = true},
+      {.name = "VersionIsANumber", .reply = OffersWith(param::kVersion, 2)},
+  };
+}
+
+std::vector<Misbehaviour> MisbehavioursOfThePackage() {
+  const auto cut_once = [](std::size_t at) {
+    return [at](const HttpRequest&, HttpResponse& response, int attempt) {
+      if (attempt == 1) {
+        response.reset_at = at;
+      }
+    };
+  };
+  std::vector<Misbehaviour> all;
+  for (const int status : {204, 206, 304, 401, 404, 429, 500, 503}) {
+    all.push_back({.name = "PackageIs" + std::to_string(status),
+                   .package = Always(AnswersWith(status)),
+                   .log = DownloadEndsWith(status),
+                   .downloads = true});
+  }
+  for (const std::size_t at : {std::size_t{0}, std::size_t{1}, std::size_t{4096}}) {
+    all.push_back({.name = "PackageIsResetOnceAtByte" + std::to_string(at), .package = cut_once(at), .slow = true});
+  }
+  const std::string gave_up = "taken up 5 times without getting on";
+  const std::vector<Misbehaviour> others = {
+      {.name = "PackageNeverComes",
+       .package = Always([](HttpResponse& response) { response.silent = true; }),
+       .log = DownloadFails("Empty reply from server"),
+       .downloads = true},
+      {.name = "PackageIsResetBeforeItsHead",
+       .package = Always([](HttpResponse& response) {
+         response.silent = true;
+         response.reset_at = 0;
+       }),
+       .log = DownloadFails("Recv failure: Connection reset by peer"),
+       .downloads = true},
+      {.name = "PackageIsAlwaysResetAtOnce",
+       .package = Always([](HttpResponse& response) { response.reset_at = 0; }),
+       .log = DownloadFails("Recv failure: Connection reset by peer; got 0 of 10240 bytes, " + gave_up),
+       .downloads = true,
+       .slow = true},
+      {.name = "PackageIsAlwaysCutAfterAByte",
+       .package = Always([](HttpResponse& response) { response.close_at = 1; }),
+       .log = DownloadFails("transfer closed with 10234 bytes remaining to read; got 6 of 10240 bytes, " + gave_up),
+       .downloads = true,
+       .slow = true},
+      {.name = "PackageStallsForever",
+       .package = Always([](HttpResponse& response) { response.stall_at = 100; }),
+       .log = DownloadFails("under 1 byte per second for 30000 ms; got 600 of 10240 bytes, " + gave_up),
+       .downloads = true,
+       .slow = true},
+      {.name = "PackageStallsOnce",
+       .package =
+           [](const HttpRequest&, HttpResponse& response, int attempt) {
+             if (attempt == 1) {
+               response.stall_at = 4096;
+             }
+           },
+       .slow = true},
+      {.name = "PackageTrickles", .package = Always([](HttpResponse& response) {
+                                    response.piece = 100;
+                                    response.pause = milliseconds(1);
+                                  })},
+      {.name = "PackageInChunks",
+       .package = Always([](HttpResponse& response) { response.framing = HttpResponse::Framing::kChunked; })},
+      {.name = "PackageWithoutLength",
+       .package = Always([](HttpResponse& response) { response.framing = HttpResponse::Framing::kUntilClose; })},
+      {.name = "PackageIsCutWhereNobodyCanTell",
+       .package = Always([](HttpResponse& response) {
+         response.framing = HttpResponse::Framing::kUntilClose;
+         response.close_at = 4096;
+       }),
+       .log = LogOfVerification,
+       .downloads = true},
+      {.name = "PackageIsLongerThanItSays",
+       .package = Always([](HttpResponse& response) { response.claimed_length = 4096; }),
+       .log = LogOfVerification,
+       .downloads = true},
+      {.name = "PackageIsLongerThanPublished",
+       .package = Always([](HttpResponse& response) { response.body += "more"; }),
+       .log = LogOfVerification,
+       .downloads = true},
+      {.name = "PackageIsShorterThanItSays",
+       .package = Always([](HttpResponse& response) {
+         if (response.status == 200) {
+           response.claimed_length = 20000;
+         }
+       }),
+       .log = DownloadFails("the server answered 416 when asked for the rest; got 10240 of 20000 bytes, " + gave_up),
+       .downloads = true,
+       .slow = true},
+      {.name = "PackageRestIsAnotherPart",
+       .package =
+           [](const HttpRequest& request, HttpResponse& response, int) {
+             if (request.Header("Range").empty()) {
+               response.close_at = 100;
+             } else {
+               response.headers["Content-Range"] = "bytes 0-10139/10240";
+             }
+           },
+       .log =
+           DownloadFails("the server sent another part than the rest of the file; got 100 of 10240 bytes, " + gave_up),
+       .downloads = true,
+       .slow = true},
+      {.name = "PackageRedirectsForever",
+       .package = Always([](HttpResponse& response) { Redirects(PublishedLink())(response); }),
+       .log = DownloadFails("Maximum (10) redirects followed"),
+       .downloads = true},
+      {.name = "PackageRedirectsToAFile",
+       .package = Always(Redirects("file:///etc/passwd")),
+       .log = DownloadFails("Protocol \"file\" not supported or disabled in libcurl"),
+       .downloads = true},
+      {.name = "PackageIsHtml",
+       .package = Always(Says("<!DOCTYPE html><html><body>Please sign in</body></html>")),
+       .log = LogOfVerification,
+       .downloads = true},
+      {.name = "PackageIsEmpty", .package = Always(Says("")), .log = LogOfVerification, .downloads = true},
+      {.name = "PackageChangesBetweenAttempts",
+       .package =
+           [](const HttpRequest& request, HttpResponse& response, int attempt) {
+             if (attempt == 1) {
+               response.close_at = 4096;
+             } else {
+               response = ServeFile(request, test::PatternOf(10240), "\"2\"");
+             }
+           },
+       .log = LogOfVerification,
+       .downloads = true,
+       .slow = true},
+      {.name = "PackageChangesBetweenAttemptsAndKeepsItsTag",
+       .package =
+           [](const HttpRequest& request, HttpResponse& response, int attempt) {
+             if (attempt == 1) {
+               response.close_at = 4096;
+             } else {
+               response = ServeFile(request, test::PatternOf(10240), "\"1\"");
+             }
+           },
+       .log = LogOfVerification,
+       .downloads = true,
+       .slow = true},
+      {.name = "PackageComesInTwentyPieces",
+       .package = Always([](HttpResponse& response) {
+         if (response.body.size() > kMebibyte + 1) {
+           response.close_at = kMebibyte + 1;
+         }
+       }),
+       .slow = true,
+       .payload = test::PatternOf(20 * kMebibyte)},
+  };
+  all.insert(all.end(), others.begin(), others.end());
+  return all;
+}
+
+class MisbehavingServerTest : public testing::TestWithParam<Misbehaviour> {
+ protected:
+  MisbehavingServerTest() {
+    appliance_.Publish("1.0", "one");
+    EXPECT_TRUE(manager_->DownloadAndInstall());
+  }
+
+  // The time that a connection took to fail is not the same twice.
+  static std::string Timeless(const std::string& text) {
+    static const std::regex time("after [0-9]+ ms");
+    return std::regex_replace(text, time, "after N ms");
+  }
+
+  static Log TimelessLog() {
+    Log lines = LogCapture::Lines();
+    for (LogLine& line : lines) {
+      line.text = Timeless(line.text);
+    }
+    return lines;
+  }
+
+  // What packctl writes about a failed update: the log, what the recovery did, and how it ended.
+  static std::string ErrorsOf(const Log& log, const Misbehaviour& misbehaviour) {
+    std::string errors;
+    const auto complain = [&errors](const std::string& text) { errors += "packctl: " + text + "\n"; };
+    for (const LogLine& line : log) {
+      complain(line.text);
+    }
+    if (misbehaviour.throws) {
+      complain("Recovery: changed the recorded status from downloading_installing to download_install_failed");
+    }
+    if (misbehaviour.downloads) {
+      complain(std::string("Recovery: removed the download ") + kDownloadFolder);
+    }
+    complain("the update failed; the recorded status is download_install_failed");
+    return errors;
+  }
+
+  static ProgramResult PackctlUpdate(bool in_haste) {
+    return in_haste ? RunningProgram({ORBAMIRA_TEST_IMPATIENT_PACKCTL, "update"}).Wait()
+                    : Appliance::Packctl({"update"});
+  }
+
+  static std::string RecordedStatus() { return Appliance::StatusRecord()["status"]; }
+
+  static void ExpectPack(const std::string& version, const std::string& payload) {
+    EXPECT_EQ(Appliance::InstalledPayload(), payload);
+    EXPECT_EQ(KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath), version);
+    std::vector<std::string> beside;
+    for (const auto& entry : fs::directory_iterator(kTargetFolder)) {
+      beside.push_back(entry.path().filename());
+    }
+    EXPECT_THAT(beside, testing::ElementsAre(kPackFolderName));
+  }
+
+  void Misbehave(const Misbehaviour& misbehaviour) {
+    attempts_ = 0;
+    appliance_.SetFault([this, misbehaviour](const HttpRequest& request, HttpResponse& response) {
+      if (request.target.starts_with("/reply.json")) {
+        if (misbehaviour.reply) {
+          misbehaviour.reply(response);
+        }
+      } else if (misbehaviour.package) {
+        misbehaviour.package(request, response, ++attempts_);
+      }
+    });
+    LogCapture::Clear();
+  }
+
+  void ExpectLibrarySurvives(const Misbehaviour& misbehaviour, const Log& log) {
+    Misbehave(misbehaviour);
+    EXPECT_EQ(manager_->DownloadAndInstall(), log.empty());
+    EXPECT_EQ(TimelessLog(), log);
+    if (log.empty()) {
+      ExpectPack("2.0", misbehaviour.payload);
+      EXPECT_EQ(RecordedStatus(), "up_to_date");
+      return;
+    }
+    ExpectPack("1.0", "one");
+    EXPECT_EQ(RecordedStatus(), misbehaviour.throws ? "downloading_installing" : "download_install_failed");
+    EXPECT_EQ(Appliance::Packctl({"recover"}).status, 0);
+    EXPECT_EQ(RecordedStatus(), "download_install_failed");
+  }
+
+  void ExpectPackctlSurvives(const Misbehaviour& misbehaviour, const Log& log) {
+    Misbehave(misbehaviour);
+    const ProgramResult result = PackctlUpdate(misbehaviour.slow);
+    if (log.empty()) {
+      EXPECT_EQ(result.status, 0);
+      EXPECT_EQ(result.errors, "");
+      ExpectPack("2.0", misbehaviour.payload);
+      EXPECT_EQ(RecordedStatus(), "up_to_date");
+      return;
+    }
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(Timeless(result.errors), ErrorsOf(log, misbehaviour));
+    ExpectPack("1.0", "one");
+    EXPECT_EQ(RecordedStatus(), "download_install_failed");
+    EXPECT_FALSE(fs::exists(kDownloadFolder));
+  }
+
+  void ExpectHealthyUpdate(const std::string& payload) {
+    appliance_.SetFault({});
+    const ProgramResult result = Appliance::Packctl({"update"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.errors, "");
+    ExpectPack("2.0", payload);
+    EXPECT_EQ(RecordedStatus(), "up_to_date");
+  }
+
+  Appliance appliance_;
+  std::unique_ptr<IPackManager> manager_ = PackManager::Create();
+  int attempts_ = 0;
+};
+
+TEST_P(MisbehavingServerTest, ThePackSurvivesAndTheNextUpdateSucceeds) {
+  const Misbehaviour& misbehaviour = GetParam();
+  appliance_.Publish("2.0", misbehaviour.payload);
+  const Log log = misbehaviour.log ? misbehaviour.log(PublishedLink()) : Log{};
+  ExpectLibrarySurvives(misbehaviour, log);
+  ExpectPackctlSurvives(misbehaviour, log);
+  ExpectHealthyUpdate(misbehaviour.payload);
+}
+
+std::string NameOf(const testing::TestParamInfo<Misbehaviour>& info) { return info.param.name; }
+
+INSTANTIATE_TEST_SUITE_P(Reply, MisbehavingServerTest, testing::ValuesIn(MisbehavioursOfTheReply()), NameOf);
+INSTANTIATE_TEST_SUITE_P(Package, MisbehavingServerTest, testing::ValuesIn(MisbehavioursOfThePackage()), NameOf);
+
+// Only held back by the machine's memory, of which it takes a few times its size.
+TEST_F(MisbehavingServerTest, AReplyOfAHundredMegabytesEndsWell) {
+  appliance_.Publish("2.0", "two");
+  const Misbehaviour huge{.name = "ReplyIsHuge", .reply = [](HttpResponse& response) {
+                            response.body = "{\"x\": \"" + std::string(100 * kMebibyte, 'x');
+                          }};
+  const Log log = CheckFails("Failed to parse response")("");
+  ExpectPackctlSurvives(huge, log);
+  rusage usage{};
+  ASSERT_EQ(getrusage(RUSAGE_CHILDREN, &usage), 0);
+  EXPECT_LT(usage.ru_maxrss, 1024 * 1024);  // KiB
+  ExpectHealthyUpdate("two");
+}
+
+TEST_F(MisbehavingServerTest, ACheckThatFailsLeavesTheRecordAsItWas) {
+  appliance_.Publish("2.0", "two");
+  const auto record = Appliance::StatusRecord();
+  for (const char* reply : {"", "null", "[]", "7", "{\"orbamira-hevc\": []}", "{\"orbamira-hevc\": {}}"}) {
+    appliance_.SetFault([reply](const HttpRequest&, HttpResponse& response) { response.body = reply; });
+    EXPECT_FALSE(manager_->CheckNewPack()) << reply;
+    const ProgramResult check = Appliance::Packctl({"check"});
+    EXPECT_EQ(check.status, 1) << reply;
+    EXPECT_THAT(check.errors, testing::EndsWith("packctl: the check failed; the recorded status is unchanged\n"));
+    EXPECT_EQ(Appliance::StatusRecord(), record) << reply;
+  }
+  ExpectHealthyUpdate("two");
+}
+
+// What is not the same server saying something else.
+class AbsentServerTest : public MisbehavingServerTest {
+ protected:
+  AbsentServerTest() { appliance_.Publish("2.0", "two"); }
+
+  static std::string Refusal(const test::RefusingPort& port) {
+    const std::string url = port.Url("");
+    return "Failed to connect to 127.0.0.1 port " + url.substr(url.rfind(':') + 1) +
+           " after N ms: Couldn't connect to server";
+  }
+
+  const test::RefusingPort refusing_;
+};
+
+TEST_F(AbsentServerTest, AnUpdateServerThatRefusesIsNoHarm) {
+  const std::string settings = test::ReadFile(path::kPkgSetting);
+  test::WriteFile(path::kPkgSetting,
+                  std::string(common::kPackUpdateServer) + "=" + refusing_.Url("/reply.json") + "\n");
+  const Misbehaviour absent{.name = "UpdateServerRefuses"};
+  const Log log = CheckFails("Failed to send request with error: " + Refusal(refusing_))("");
+  ExpectLibrarySurvives(absent, log);
+  ExpectPackctlSurvives(absent, log);
+  test::WriteFile(path::kPkgSetting, settings);
+  ExpectHealthyUpdate("two");
+}
+
+TEST_F(AbsentServerTest, AServerOfPackagesThatRefusesIsNoHarm) {
+  const std::string link = refusing_.Url("/pack.opk");
+  const Misbehaviour absent{.name = "PackageServerRefuses", .reply = OffersWith(param::kLink, link), .downloads = true};
+  const Log log = DownloadFails(Refusal(refusing_))(link);
+  ExpectLibrarySurvives(absent, log);
+  ExpectPackctlSurvives(absent, log);
+  ExpectHealthyUpdate("two");
+}
+
+}  // namespace
+}  // namespace orbamira::updater
