@@ -629,7 +629,7 @@ TEST_F(MisbehavingServerTest, ACheckThatFailsLeavesTheRecordAsItWas) {
     EXPECT_FALSE(manager_->CheckNewPack()) << reply;
     const ProgramResult check = Appliance::Packctl({"check"});
     EXPECT_EQ(check.status, 1) << reply;
-    EXPECT_THAT(check.errors, testing::EndsWith("packctl: the check failed; the recorded status is unchanged\n"));
+    EXPECT_THAT(check.errors, testing::EndsWith("packctl: the check failed; the recorded status is up_to_date\n"));
     EXPECT_EQ(Appliance::StatusRecord(), record) << reply;
   }
   ExpectHealthyUpdate("two");
