@@ -238,7 +238,7 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
       {.name = "ReplyIsTrue", .reply = Says("true"), .log = Throws(get(true)), .throws = true},
       {.name = "ReplyIsNestedTooDeep", .reply = Says(deep), .log = Throws(parse(deep)), .throws = true},
       {.name = "OfferIsNestedTooDeep",
-       .reply = Says("{\"orbamira-hevc\": " + deep + "}"),
+       .reply = Says(R"({"orbamira-hevc": )" + deep + "}"),
        .log = Throws(parse(deep)),
        .throws = true},
       {.name = "OfferIsNull",
@@ -254,7 +254,7 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
        .reply =
            [](HttpResponse& response) {
              response.body.resize(response.body.rfind('}'));
-             response.body += ", \"orbamira-hevc\": null}";
+             response.body += R"(, "orbamira-hevc": null})";
            },
        .log = CheckFails("Get orbamira-hevc info failed")},
       {.name = "LinkIsAnArray",
@@ -611,7 +611,7 @@ INSTANTIATE_TEST_SUITE_P(Package, MisbehavingServerTest, testing::ValuesIn(Misbe
 TEST_F(MisbehavingServerTest, AReplyOfAHundredMegabytesEndsWell) {
   appliance_.Publish("2.0", "two");
   const Misbehaviour huge{.name = "ReplyIsHuge", .reply = [](HttpResponse& response) {
-                            response.body = "{\"x\": \"" + std::string(100 * kMebibyte, 'x');
+                            response.body = R"({"x": ")" + std::string(100 * kMebibyte, 'x');
                           }};
   const Log log = CheckFails("Failed to parse response")("");
   ExpectPackctlSurvives(huge, log);
@@ -624,7 +624,7 @@ TEST_F(MisbehavingServerTest, AReplyOfAHundredMegabytesEndsWell) {
 TEST_F(MisbehavingServerTest, ACheckThatFailsLeavesTheRecordAsItWas) {
   appliance_.Publish("2.0", "two");
   const auto record = Appliance::StatusRecord();
-  for (const char* reply : {"", "null", "[]", "7", "{\"orbamira-hevc\": []}", "{\"orbamira-hevc\": {}}"}) {
+  for (const char* reply : {"", "null", "[]", "7", R"({"orbamira-hevc": []})", R"({"orbamira-hevc": {}})"}) {
     appliance_.SetFault([reply](const HttpRequest&, HttpResponse& response) { response.body = reply; });
     EXPECT_FALSE(manager_->CheckNewPack()) << reply;
     const ProgramResult check = Appliance::Packctl({"check"});

@@ -2,8 +2,9 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdexcept>
+#include <utility>
 
 namespace orbamira::test {
 
@@ -41,7 +42,9 @@ void WriteFile(const fs::path& file, const std::string& text) {
 
 std::string ReadFile(const fs::path& file) {
   std::ifstream stream(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), {}};
+  std::ostringstream text;
+  text << stream.rdbuf();
+  return std::move(text).str();
 }
 
 }  // namespace orbamira::test
