@@ -512,7 +512,7 @@ std::vector<HostCondition> HostConditions() {
 
 class UpdateFlowHostTest : public UpdateFlowTest, public testing::WithParamInterface<HostCondition> {
  protected:
-  // Runs an update in a process of its own under the condition; whether it succeeded and said nothing.
+  // Runs an update in a process of its own under the condition; how many lines it logged, or 100 when it failed.
   static int UpdateUnderCondition() {
     Forked host([] {
       const std::shared_ptr<void> condition = GetParam().impose();
@@ -529,7 +529,7 @@ TEST_P(UpdateFlowHostTest, AnInstallAndAnUpgradeSucceed) {
   for (const auto& [version, payload] : {std::pair{"1.0", std::string("one")}, {"2.0", test::PatternOf(3 << 20)}}) {
     appliance_.Publish(version, payload);
     EXPECT_EQ(UpdateUnderCondition(), 0);
-    EXPECT_EQ(Appliance::InstalledPayload(), payload);
+    EXPECT_TRUE(Appliance::InstalledPayload() == payload);  // too long to print
     EXPECT_EQ(Appliance::StatusRecord(), RecordOf("up_to_date"));
     EXPECT_THAT(LeftBesideThePack(), IsEmpty());
     EXPECT_EQ(Appliance::Packctl({"info"}).status, 0);
@@ -538,6 +538,19 @@ TEST_P(UpdateFlowHostTest, AnInstallAndAnUpgradeSucceed) {
   EXPECT_EQ(fs::status(path::kPackFolderPath).permissions(), fs::perms(0755));
   EXPECT_EQ(fs::status(fs::path(path::kPackFolderPath) / "codec").permissions(), fs::perms(0644));
   EXPECT_EQ(fs::status(path::kPackInfoPath).permissions(), fs::perms(0644));
+}
+
+// An exit status that gets lost looks like success.
+TEST_P(UpdateFlowHostTest, FailedProgramsAreNoticed) {
+  Appliance::AddPlugin("50-fails", "exit 3\n");
+  appliance_.Publish("1.0", "one");
+  EXPECT_EQ(UpdateUnderCondition(), 4);  // two for each notification
+  EXPECT_EQ(Appliance::InstalledPayload(), "one");
+  appliance_.Publish("2.0", "two");
+  fs::remove(path::kTarPath);
+  EXPECT_EQ(UpdateUnderCondition(), 100);
+  EXPECT_EQ(Appliance::StatusRecord(), RecordOf("download_install_failed"));
+  EXPECT_EQ(test::ReadFile(fs::path(path::kBackupPackFolderPath) / "codec"), "one");
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, UpdateFlowHostTest, testing::ValuesIn(HostConditions()),
