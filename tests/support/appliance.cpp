@@ -174,8 +174,13 @@ HttpResponse Appliance::Serve(const HttpRequest& request) const {
   } else {
     response.status = 404;
   }
-  if (fault_) {
-    fault_(request, response);
+  Fault fault;
+  {
+    const std::lock_guard lock(fault_mutex_);
+    fault = fault_;
+  }
+  if (fault) {
+    fault(request, response);
   }
   return response;
 }

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <map>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -55,7 +56,10 @@ class Appliance {
 
   /// What the server does in place of answering honestly; asked with each request.
   using Fault = std::function<void(const HttpRequest&, HttpResponse&)>;
-  void SetFault(Fault fault) { fault_ = std::move(fault); }
+  void SetFault(Fault fault) {
+    const std::lock_guard lock(fault_mutex_);
+    fault_ = std::move(fault);
+  }
   [[nodiscard]] HttpServer& server() { return server_; }
 
   /// The command line that runs packctl, and its run from start to end.
@@ -79,6 +83,7 @@ class Appliance {
  private:
   [[nodiscard]] HttpResponse Serve(const HttpRequest& request) const;
 
+  mutable std::mutex fault_mutex_;  // the server answers in threads of its own
   Fault fault_;
   HttpServer server_;
 };
