@@ -21,7 +21,7 @@ struct Member {
   std::string name;
   Kind kind = Kind::kOther;
   mode_t mode = 0;
-  uint64_t size = 0;  ///< bytes once unpacked, holes included; 0 for anything but a file
+  uint64_t size = 0;   ///< bytes once unpacked, holes included; 0 for anything but a file
   std::string target;  ///< where a symbolic link leads, or the name a hard link shares its file with
 };
 
