@@ -13,6 +13,7 @@ import dataclasses
 import json
 import os
 import pathlib
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -56,6 +57,13 @@ def fill(folder, keep=0):
     return filler
 
 
+def take_entries(spare, keep):
+    """Makes empty files until only `keep` more can be made."""
+    spare.mkdir()
+    for number in range(os.statvfs(spare).f_ffree - keep):
+        (spare / str(number)).touch()
+
+
 @dataclasses.dataclass(frozen=True)
 class Stage:
     name: str
@@ -73,7 +81,7 @@ STAGES = (
           "Failed to extract opk "),
     Stage("inner extraction", "var/lib/orbamira/packages", "size=8m", 2_500_000, "download_install_failed",
           "Failed to untar archive "),
-    Stage("copy", "var/lib/orbamira/packages", "size=16m,nr_inodes={inodes}", 8_000_000,
+    Stage("copy", "var/lib/orbamira/packages", "size=16m,nr_inodes=500", 8_000_000,
           "download_install_failed", "Failed to copy extracted pack."),
     # With no room for a status, the one before is what stays.
     Stage("status write", "var/lib/orbamira", "size=16m", 0, "need_download", "No space left on device"),
@@ -101,9 +109,11 @@ class FullDisk:
         folder = appliance.root / stage.folder
         # The old pack, the folder that is unpacked and half of its copy: the copy runs out of directory entries.
         entries = sum(1 for _ in appliance.packages.rglob("*")) + 2
-        options = stage.options.format(inodes=2 * entries + entries // 2)
-        with small_file_system(folder, options):
+        with small_file_system(folder, stage.options):
             filler = fill(folder, stage.keep)
+            spare = folder / "spare"
+            if "nr_inodes" in stage.options:
+                take_entries(spare, keep=entries + entries // 2)
             found = []
             if (ended := appliance.packctl("update")).returncode != 1:
                 found.append(f"update ended with {ended.returncode}")
@@ -114,8 +124,7 @@ class FullDisk:
             if stage.reason not in ended.stderr:
                 found.append(f"packctl does not say {stage.reason!r} but {ended.stderr!r}")
             filler.unlink()
-            if "nr_inodes" in options:
-                run("mount", "-o", "remount,nr_inodes=10000", folder)
+            shutil.rmtree(spare, ignore_errors=True)
             if (again := appliance.packctl("update")).returncode != 0:
                 found.append(f"with room, update ended with {again.returncode}: {again.stderr}")
             after = Aftermath(self.publisher, appliance, OLD, NEW)
