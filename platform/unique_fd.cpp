@@ -9,14 +9,6 @@
 
 namespace orbamira {
 
-UniqueFd::~UniqueFd() {
-  if (valid()) {
-    const int error = errno;  // what failed before matters more to whoever looks at errno next
-    close(fd_);
-    errno = error;
-  }
-}
-
 UniqueFd AboveStandardStreams(UniqueFd fd) {
   if (!fd.valid() || fd.get() > STDERR_FILENO) {
     return fd;

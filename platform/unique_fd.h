@@ -1,7 +1,9 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -22,7 +24,13 @@ class UniqueFd {
   }
   UniqueFd(const UniqueFd&) = delete;
   UniqueFd& operator=(const UniqueFd&) = delete;
-  ~UniqueFd();
+  ~UniqueFd() {
+    if (valid()) {
+      const int error = errno;  // what failed before matters more to whoever looks at errno next
+      close(fd_);
+      errno = error;
+    }
+  }
 
   [[nodiscard]] int get() const { return fd_; }
   [[nodiscard]] bool valid() const { return fd_ >= 0; }

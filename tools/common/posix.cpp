@@ -9,22 +9,8 @@
 #include <climits>
 #include <memory>
 #include <system_error>
-#include <utility>
 
 namespace orbamira::tools {
-
-FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
-  std::swap(fd_, other.fd_);
-  return *this;
-}
-
-FileDescriptor::~FileDescriptor() {
-  if (fd_ >= 0) {
-    close(fd_);
-  }
-}
-
-int FileDescriptor::Release() noexcept { return std::exchange(fd_, -1); }
 
 void ThrowErrno(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
 
@@ -34,9 +20,9 @@ std::string Below(const std::string& folder, const std::string& inner) {
   return path.append(folder).append("/").append(inner);
 }
 
-FileDescriptor OpenDirectory(int at, const std::string& name, const std::string& shown) {
-  FileDescriptor directory(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!directory) {
+UniqueFd OpenDirectory(int at, const std::string& name, const std::string& shown) {
+  UniqueFd directory(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!directory.valid()) {
     ThrowErrno(shown);
   }
   return directory;

@@ -6,28 +6,11 @@
 #include <string_view>
 #include <vector>
 
-/// What the small programs share on top of the system calls: descriptors that close themselves, errors that name what
-/// they are about, and a walk that never follows a symbolic link.
+#include "platform/unique_fd.h"
+
+/// What the small programs share on top of the system calls: errors that name what they are about, and a walk that
+/// never follows a symbolic link.
 namespace orbamira::tools {
-
-/// Owns one open descriptor, or none (-1).
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd = -1) noexcept : fd_(fd) {}
-  FileDescriptor(FileDescriptor&& other) noexcept : fd_(other.Release()) {}
-  FileDescriptor& operator=(FileDescriptor&& other) noexcept;
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  ~FileDescriptor();
-
-  [[nodiscard]] int get() const noexcept { return fd_; }
-  explicit operator bool() const noexcept { return fd_ >= 0; }
-
- private:
-  int Release() noexcept;
-
-  int fd_;
-};
 
 /// Throws std::system_error with the text of errno, headed by `what`.
 [[noreturn]] void ThrowErrno(const std::string& what);
@@ -37,7 +20,7 @@ std::string Below(const std::string& folder, const std::string& inner);
 
 /// Opens the directory `name` below `at` for reading; a symbolic link in its place is an error. `shown` is its name in
 /// the error. Throws std::system_error.
-FileDescriptor OpenDirectory(int at, const std::string& name, const std::string& shown);
+UniqueFd OpenDirectory(int at, const std::string& name, const std::string& shown);
 
 /// The names in the open directory but for "." and "..", sorted by bytes. Throws std::system_error.
 std::vector<std::string> ListDirectory(int directory, const std::string& shown);

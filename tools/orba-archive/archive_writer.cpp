@@ -70,8 +70,8 @@ class Collector {
 class PendingFile {
  public:
   explicit PendingFile(std::string path) : path_(std::move(path)), pending_(path_ + ".XXXXXX") {
-    file_ = FileDescriptor(mkostemp(pending_.data(), O_CLOEXEC));
-    if (!file_) {
+    file_ = UniqueFd(mkostemp(pending_.data(), O_CLOEXEC));
+    if (!file_.valid()) {
       ThrowErrno("cannot create");
     }
   }
@@ -95,7 +95,7 @@ class PendingFile {
  private:
   std::string path_;
   std::string pending_;
-  FileDescriptor file_;
+  UniqueFd file_;
 };
 
 class Writer {
@@ -139,8 +139,8 @@ class Writer {
 
  private:
   void AddFile(archive_entry* entry, const std::string& name) {
-    const FileDescriptor file(openat(folder_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!file) {
+    const UniqueFd file(openat(folder_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file.valid()) {
       ThrowErrno(name);
     }
     const off_t size = Stat(file.get(), name).st_size;

@@ -16,7 +16,7 @@ namespace {
 constexpr mode_t kModes = 0755;
 
 /// Opens the folder `name`, made when it is missing. A symbolic link in its place is an error.
-FileDescriptor EnterFolder(int at, const std::string& name) {
+UniqueFd EnterFolder(int at, const std::string& name) {
   if (mkdirat(at, name.c_str(), kModes) != 0 && errno != EEXIST) {
     ThrowErrno(name);
   }
@@ -24,7 +24,7 @@ FileDescriptor EnterFolder(int at, const std::string& name) {
 }
 
 void PlaceFolder(int parent, const std::string& name, mode_t mode) {
-  const FileDescriptor folder = EnterFolder(parent, name);
+  const UniqueFd folder = EnterFolder(parent, name);
   if (fchmod(folder.get(), (mode & kModes) | S_IRWXU) != 0) {
     ThrowErrno(name);
   }
@@ -101,9 +101,9 @@ void Extractor::Place(ArchiveReader& archive, const Member& member) {
 
 void Extractor::PlaceFile(ArchiveReader& archive, const Member& member, int parent, const std::string& name) {
   TakeSpace(member.size);
-  const FileDescriptor file(
+  const UniqueFd file(
       openat(parent, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, member.mode & kModes));
-  if (!file) {
+  if (!file.valid()) {
     ThrowErrno(name);
   }
   uint64_t written = 0;
@@ -124,7 +124,7 @@ void Extractor::PlaceHardLink(const Member& member, int parent, const std::strin
     throw std::runtime_error("a link to no file");
   }
   // The folders are opened anew: `parent` belongs to the cache, which must keep its place.
-  FileDescriptor folder;
+  UniqueFd folder;
   int at = folder_;
   for (size_t i = 0; i + 1 < parts.size(); ++i) {
     folder = OpenDirectory(at, std::string(parts[i]), member.target);
@@ -159,7 +159,7 @@ int Extractor::OpenParent(const std::vector<std::string_view>& parts) {
     return folder_;
   }
   if (path != parent_path_) {
-    FileDescriptor folder;
+    UniqueFd folder;
     for (size_t i = 0; i + 1 < parts.size(); ++i) {
       folder = EnterFolder(i == 0 ? folder_ : folder.get(), std::string(parts[i]));
     }

@@ -42,7 +42,7 @@ class Extractor {
   uint64_t limit_;
   uint64_t free_;
   uint64_t unpacked_ = 0;
-  FileDescriptor parent_;    // the folder that the last member went into,
+  UniqueFd parent_;          // the folder that the last member went into,
   std::string parent_path_;  // and its path: most members share it with the one before
   std::unordered_set<ino_t> files_;
 };

@@ -25,6 +25,7 @@
 
 namespace {
 
+using namespace orbamira;
 using namespace orbamira::tools;
 
 constexpr int kExitUsage = 64;
@@ -119,9 +120,9 @@ Options ParseOptions(int argc, char** argv) {
   return options;
 }
 
-FileDescriptor OpenArchive(const std::string& path) {
-  FileDescriptor archive(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  if (!archive) {
+UniqueFd OpenArchive(const std::string& path) {
+  UniqueFd archive(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!archive.valid()) {
     ThrowErrno("cannot open");
   }
   if (!S_ISREG(Stat(archive.get(), "cannot open").st_mode)) {
@@ -130,19 +131,19 @@ FileDescriptor OpenArchive(const std::string& path) {
   return archive;
 }
 
-FileDescriptor OpenFolder(const Options& options) {
+UniqueFd OpenFolder(const Options& options) {
   const std::string path = options.folder.value_or(".");
-  FileDescriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!folder) {
+  UniqueFd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder.valid()) {
     ThrowErrno(path);
   }
   return folder;
 }
 
 void Unpack(const Options& options, Layer layer) {
-  const FileDescriptor folder = OpenFolder(options);
+  const UniqueFd folder = OpenFolder(options);
   // Every pass over the archive reads this one descriptor: what was looked at is what is unpacked.
-  const FileDescriptor file = OpenArchive(options.archive);
+  const UniqueFd file = OpenArchive(options.archive);
   umask(0);
   ArchiveReader archive(OpenByteSource(file.get(), layer));
   Extractor(folder.get(), layer, options.limit.value_or(kDefaultLimit)).Unpack(archive);
@@ -155,7 +156,7 @@ void Print(const std::string& text) {
 }
 
 void List(const Options& options, Layer layer) {
-  const FileDescriptor file = OpenArchive(options.archive);
+  const UniqueFd file = OpenArchive(options.archive);
   ArchiveReader archive(OpenByteSource(file.get(), layer));
   Member member;
   while (archive.Next(member)) {

@@ -15,7 +15,7 @@
 
 namespace {
 
-using orbamira::tools::FileDescriptor;
+using orbamira::UniqueFd;
 using orbamira::tools::OpenDirectory;
 using orbamira::tools::PartialFolder;
 using orbamira::tools::Printable;
@@ -51,7 +51,7 @@ int Print(const char* text) {
 }
 
 void Copy(const std::string& source, const std::string& target) {
-  const FileDescriptor from = OpenDirectory(AT_FDCWD, source, source);
+  const UniqueFd from = OpenDirectory(AT_FDCWD, source, source);
   PartialFolder partial(target);
   TreeCopier(partial.get()).Copy(from.get(), source);
   orbamira::tools::MakeDurable(partial.get(), target);

@@ -20,7 +20,7 @@ void RemoveTree(int parent, const std::string& name) {
   // A read-only folder must be opened up before an ordinary user can empty it.
   fchmodat(parent, name.c_str(), 0700, 0);
   try {
-    const FileDescriptor folder = OpenDirectory(parent, name, name);
+    const UniqueFd folder = OpenDirectory(parent, name, name);
     for (const std::string& inner : ListDirectory(folder.get(), name)) {
       RemoveTree(folder.get(), inner);
     }
@@ -43,8 +43,8 @@ PartialFolder::PartialFolder(const std::string& target) : target_(target) {
   if (name_.empty() || name_ == "." || name_ == "..") {
     throw std::runtime_error(target + ": not a name for a new folder");
   }
-  parent_ = FileDescriptor(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!parent_) {
+  parent_ = UniqueFd(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!parent_.valid()) {
     ThrowErrno(parent);
   }
   CheckTargetIsFree();

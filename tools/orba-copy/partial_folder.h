@@ -32,8 +32,8 @@ class PartialFolder {
   std::string target_;
   std::string name_;     // the last part of target_
   std::string partial_;  // what the folder is called in parent_ meanwhile; empty once it has its final name
-  FileDescriptor parent_;
-  FileDescriptor folder_;
+  UniqueFd parent_;
+  UniqueFd folder_;
 };
 
 }  // namespace orbamira::tools

@@ -60,8 +60,8 @@ void SyncEach(int folder, const std::string& shown) {
     if (type == S_IFDIR) {
       SyncEach(OpenDirectory(folder, name, inner).get(), inner);
     } else if (type == S_IFREG) {
-      const FileDescriptor file(openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-      if (!file || fsync(file.get()) != 0) {
+      const UniqueFd file(openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+      if (!file.valid() || fsync(file.get()) != 0) {
         ThrowErrno(inner);
       }
     }
@@ -113,12 +113,12 @@ void TreeCopier::CopyFile(int from, int to, const std::string& name, const std::
   if (links_work_ && Link(from, to, name, shown)) {
     return;
   }
-  const FileDescriptor original(openat(from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (!original) {
+  const UniqueFd original(openat(from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!original.valid()) {
     ThrowErrno(shown);
   }
-  const FileDescriptor copy(openat(to, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!copy) {
+  const UniqueFd copy(openat(to, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!copy.valid()) {
     ThrowErrno(shown);
   }
   CopyContents(original.get(), copy.get(), shown);
