@@ -1,0 +1,72 @@
+#include "platform/settings_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <string_view>
+
+#include "platform/unique_fd.h"
+
+namespace orbamira {
+namespace {
+
+// More than any settings file holds, and little enough to be read on every call.
+constexpr std::size_t kMaxSettingsSize = 1UL << 20U;
+
+std::string_view WithoutBlanks(std::string_view text) {
+  constexpr std::string_view kBlanks = " \t";
+  const std::size_t begin = text.find_first_not_of(kBlanks);
+  return begin == std::string_view::npos ? std::string_view()
+                                         : text.substr(begin, text.find_last_not_of(kBlanks) + 1 - begin);
+}
+
+std::string_view WithoutQuotes(std::string_view text) {
+  const bool quoted = text.size() >= 2 && text.front() == '"' && text.back() == '"';
+  return quoted ? text.substr(1, text.size() - 2) : text;
+}
+
+std::string_view TakeLine(std::string_view& text) {
+  const std::size_t end = std::min(text.find('\n'), text.size());
+  std::string_view line = text.substr(0, end);
+  text.remove_prefix(std::min(end + 1, text.size()));
+  if (line.ends_with('\r')) {
+    line.remove_suffix(1);
+  }
+  return line;
+}
+
+// The whole lines in the part of the file that is looked at; empty when it is no file that can be read.
+std::string ReadWholeLines(const std::string& path) {
+  const UniqueFd file = OpenFile(path, O_RDONLY);
+  struct stat status {};
+  if (!file.valid() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return "";
+  }
+  std::string text = ReadUpTo(file.get(), kMaxSettingsSize).value_or("");
+  if (text.size() == kMaxSettingsSize) {
+    text.resize(text.rfind('\n') + 1);  // half a value is worse than none
+  }
+  return text;
+}
+
+}  // namespace
+
+std::string ReadSetting(const std::string& file, const std::string& key) {
+  const std::string text = ReadWholeLines(file);
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const std::string_view line = TakeLine(rest);
+    const std::size_t equals = line.find('=');
+    if (line.starts_with('#') || equals == std::string_view::npos) {
+      continue;
+    }
+    if (WithoutBlanks(line.substr(0, equals)) == key) {
+      return std::string(WithoutQuotes(WithoutBlanks(line.substr(equals + 1))));
+    }
+  }
+  return "";
+}
+
+}  // namespace orbamira

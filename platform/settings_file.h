@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+
+// The key=value files that the appliance is set up by. Not installed.
+namespace orbamira {
+
+/// The value of the first line of `file` whose key is `key`; empty when there is none, or no regular file that can be
+/// read. A line is KEY=VALUE; blanks around both and one pair of double quotes around the value are dropped, as is a CR
+/// at the end; lines that begin with '#' are comments. Only the first mebibyte of the file is looked at.
+std::string ReadSetting(const std::string& file, const std::string& key);
+
+}  // namespace orbamira
