@@ -55,6 +55,7 @@ const char* const kCodecRequirementsPath = AtRoot("/var/lib/orbamira/codec-requi
 const char* const kCodecRequirementsLock = AtRoot("/run/orbamira/lock/codec-requirements.lock");
 const char* const kPkgSetting = AtRoot("/etc/orbamira/updater.conf");
 const char* const kDefaultPkgSetting = AtRoot("/usr/share/orbamira/updater.conf");
+const char* const kKeyring = AtRoot("/etc/orbamira/keyring.pem");
 const char* const kAccountFile = AtRoot("/etc/orbamira/account.json");
 const char* const kAccountLock = AtRoot("/run/orbamira/lock/account.lock");
 const char* const kPackctlLock = AtRoot("/run/orbamira/lock/packctl.lock");
@@ -72,6 +73,7 @@ const char* const kMajorVersion = "major_version";
 const char* const kMinorVersion = "minor_version";
 const char* const kBuildNumber = "build_number";
 const char* const kPackUpdateServer = "pack_update_server";
+const char* const kUnpackLimit = "unpack_limit";
 
 }  // namespace common
 

@@ -74,6 +74,8 @@ extern const char* const kCodecRequirementsLock;
 extern const char* const kPkgSetting;
 /// The maker's default settings (key=value).
 extern const char* const kDefaultPkgSetting;
+/// The certificates that a package must be signed by (PEM); where there is none, unsigned packages are accepted.
+extern const char* const kKeyring;
 /// The signed-in account (JSON, mode 0600).
 extern const char* const kAccountFile;
 /// Lock file of kAccountFile.
@@ -103,6 +105,8 @@ extern const char* const kMinorVersion;
 extern const char* const kBuildNumber;
 /// Key of the update server's address in the settings files.
 extern const char* const kPackUpdateServer;
+/// Key of the bytes that an archive may unpack to, in the settings files.
+extern const char* const kUnpackLimit;
 
 }  // namespace common
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <clocale>
 #include <csignal>
@@ -17,11 +18,14 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/constants.h"
+#include "platform/settings_file.h"
 #include "tools/common/posix.h"
 #include "tools/orba-archive/archive_reader.h"
 #include "tools/orba-archive/archive_writer.h"
 #include "tools/orba-archive/extractor.h"
 #include "tools/orba-archive/layer.h"
+#include "tools/orba-archive/signature.h"
 
 namespace {
 
@@ -43,9 +47,13 @@ constexpr const char* kUsage =
     "                 same bytes, dated SOURCE_DATE_EPOCH or 1970\n"
     "  -f ARCHIVE     the archive: a regular file\n"
     "  -C DIR         the folder, which must exist; the current one by default\n"
-    "  --limit BYTES  unpack no more than this; 17179869184 by default\n"
+    "  --limit BYTES  unpack no more than this; by default the unpack_limit of the\n"
+    "                 settings, or 17179869184\n"
     "  --help         print this text\n"
-    "  --version      print the version\n";
+    "  --version      print the version\n"
+    "\n"
+    "Where there is a keyring, /etc/orbamira/keyring.pem, a package is unpacked only\n"
+    "when it is signed by a certificate that the keyring trusts.\n";
 
 struct UsageError {};
 
@@ -140,13 +148,46 @@ UniqueFd OpenFolder(const Options& options) {
   return folder;
 }
 
+/// The limit that the machine, or else the maker, has set.
+uint64_t LimitFromSettings() {
+  for (const char* settings : {path::kPkgSetting, path::kDefaultPkgSetting}) {
+    const std::string text = ReadSetting(settings, common::kUnpackLimit);
+    if (text.empty()) {
+      continue;
+    }
+    if (const auto limit = ParseNumber<uint64_t>(text)) {
+      return *limit;
+    }
+    throw std::runtime_error(std::string(settings) + ": " + common::kUnpackLimit +
+                             " is not a number of bytes: " + text);
+  }
+  return kDefaultLimit;
+}
+
+/// A link to nowhere is a keyring too, one that cannot be read: whoever made it did not want every package.
+bool HasKeyring() {
+  struct stat status = {};
+  if (lstat(path::kKeyring, &status) == 0) {
+    return true;
+  }
+  if (errno != ENOENT) {
+    ThrowErrno(path::kKeyring);
+  }
+  return false;
+}
+
 void Unpack(const Options& options, Layer layer) {
   const UniqueFd folder = OpenFolder(options);
   // Every pass over the archive reads this one descriptor: what was looked at is what is unpacked.
   const UniqueFd file = OpenArchive(options.archive);
+  const uint64_t limit = options.limit ? *options.limit : LimitFromSettings();
+  // The payload comes out of a package that has been checked.
+  if (layer == Layer::kPackage && HasKeyring()) {
+    CheckSignature(file.get(), path::kKeyring);
+  }
   umask(0);
   ArchiveReader archive(OpenByteSource(file.get(), layer));
-  Extractor(folder.get(), layer, options.limit.value_or(kDefaultLimit)).Unpack(archive);
+  Extractor(folder.get(), layer, limit).Unpack(archive);
 }
 
 void Print(const std::string& text) {

@@ -19,6 +19,8 @@ import tempfile
 import time
 import unittest
 
+from authority import INTERMEDIATE, Authority
+
 MKPACK = pathlib.Path(__file__).resolve().parents[3] / "tools/mkpack/mkpack"
 
 # Far more than anything here takes; only a program that hangs meets it.
@@ -374,36 +376,11 @@ class MkpackFileChangesTest(MkpackModuleTest):
 class MkpackSigningTest(MkpackTest):
     def setUp(self):
         super().setUp()
-        self.ca = self.top / "ca.pem"
+        self.authority = Authority(self.top)
+        self.openssl = self.authority.openssl
+        self.authority.issue("between", "ca", INTERMEDIATE)
+        self.certificate = self.authority.issue("signer", "ca")
         self.key = self.top / "signer.key"
-        self.certificate = self.top / "signer.pem"
-        self.issue("ca", None)
-        self.issue("between", "ca", "basicConstraints=critical,CA:TRUE")
-        self.issue("signer", "ca")
-
-    def openssl(self, *arguments, check=True):
-        return subprocess.run(
-            ["openssl", *arguments],
-            cwd=self.top,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-            timeout=HANG,
-            check=check,
-        )
-
-    def issue(self, name, issuer, extension="basicConstraints=CA:FALSE"):
-        """Makes NAME.key and NAME.pem; without issuer it is its own."""
-        common = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", f"{name}.key"]
-        common += ["-subj", f"/CN={name}"]
-        if issuer is None:
-            self.openssl("req", "-x509", *common, "-days", "2", "-out", f"{name}.pem")
-            return
-        self.openssl("req", "-new", *common, "-out", f"{name}.csr")
-        (self.top / "extensions").write_text(extension + "\n")
-        self.openssl(
-            *("x509", "-req", "-in", f"{name}.csr", "-CA", f"{issuer}.pem", "-CAkey", f"{issuer}.key"),
-            *("-CAcreateserial", "-days", "2", "-extfile", "extensions", "-out", f"{name}.pem"),
-        )
 
     def make_signed(self, **options):
         return self.make(**{"sign_key": self.key, "sign_cert": self.certificate, **options})
@@ -466,7 +443,7 @@ class MkpackSigningTest(MkpackTest):
         self.assertEqual([], os.listdir(self.output))
 
     def test_certificates_between_are_in_the_signature(self):
-        self.issue("signer", "between")
+        self.authority.issue("signer", "between")
         self.unpack(self.make_signed())
         self.assertFalse(self.verify())
         chain = self.top / "chain.pem"

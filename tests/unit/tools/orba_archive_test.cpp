@@ -441,6 +441,26 @@ TEST_F(OrbaArchiveTest, StopsAtTheLimit) {
   EXPECT_TRUE(UnpackPayload(tar, {"--limit=1000"}).Exited(0));
 }
 
+TEST_F(OrbaArchiveTest, TakesTheLimitFromTheSettings) {
+  const fs::path own = Root() / "etc/orbamira/updater.conf";
+  const fs::path makers = Root() / "usr/share/orbamira/updater.conf";
+  const Tar tar = Tar().File("file", std::string(600, 'a'));
+  WriteFile(makers, "unpack_limit=\"599\"\n");
+  ExpectPayloadRefused(tar, "file: unpacks to more than the limit of 599 bytes");
+  ExpectPackageRefused(tar, "file: unpacks to more than the limit of 599 bytes");
+  WriteFile(own, "unpack_limit=\"598\"\n");
+  ExpectPayloadRefused(tar, "file: unpacks to more than the limit of 598 bytes");
+  ExpectPayloadRefused(tar, "file: unpacks to more than the limit of 597 bytes", {"--limit", "597"});
+  for (const char* malformed : {"many", "-1", "1k", "1 000", "99999999999999999999"}) {
+    WriteFile(own, std::string("unpack_limit=\"") + malformed + "\"\n");
+    ExpectPayloadRefused(tar, own.string() + ": unpack_limit is not a number of bytes: " + malformed);
+  }
+  WriteFile(own, "unpack_limit=\"600\"\n");
+  EXPECT_TRUE(UnpackPayload(tar).Exited(0));
+  fs::remove(own);
+  fs::remove(makers);
+}
+
 TEST_F(OrbaArchiveTest, RefusesABombBeforeWritingIt) {
   const std::string bomb = Gzip(Tar().File("bomb", std::string(50'000'000, '\0')).Bytes());
   ASSERT_LT(bomb.size(), 200'000U);

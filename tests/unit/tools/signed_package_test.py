@@ -1,0 +1,401 @@
+"""Where there is a keyring, only a package that it vouches for is unpacked."""
+
+import hashlib
+import io
+import os
+import pathlib
+import shutil
+import subprocess
+import tarfile
+import tempfile
+import unittest
+
+from authority import INTERMEDIATE, Authority
+
+TOOLS = pathlib.Path(os.environ["ORBA_TOOLS"])
+LIMIT_OF_TEXTS = 1 << 20
+
+
+def manifest(members):
+    """The text that lists `members`, contents by name."""
+    return "".join(f"{hashlib.sha256(members[name]).hexdigest()}  {name}\n" for name in sorted(members)).encode()
+
+
+def tar(members):
+    """A package of `members`: names with their contents, or TarInfo with contents, in this order."""
+    file = io.BytesIO()
+    with tarfile.open(fileobj=file, mode="w", format=tarfile.PAX_FORMAT) as archive:
+        for name, content in members:
+            info = name if isinstance(name, tarfile.TarInfo) else tarfile.TarInfo(name)
+            info.size = len(content)
+            archive.addfile(info, io.BytesIO(content))
+    return file.getvalue()
+
+
+class SignedPackageTest(unittest.TestCase):
+    def setUp(self):
+        self.top = pathlib.Path(tempfile.mkdtemp())
+        self.addCleanup(shutil.rmtree, self.top)
+        self.root = self.top / "root"
+        self.keyring = self.root / "etc/orbamira/keyring.pem"
+        self.keyring.parent.mkdir(parents=True)
+        self.package = self.top / "package.opk"
+        self.folder = self.top / "unpacked"
+        self.folder.mkdir()
+        (self.top / "pki").mkdir()
+        self.authority = Authority(self.top / "pki")
+        self.authority.issue("signer", "ca")
+        self.members = {"INFO": b'version="2"\n', "package.tgz": bytes(range(256)) * 3000}
+
+    def trust(self, *names):
+        self.keyring.write_bytes(b"".join((self.top / f"pki/{name}.pem").read_bytes() for name in names))
+
+    def sign(self, text, signer="signer", *options):
+        (self.top / "pki/text").write_bytes(text)
+        certificates = ("-signer", f"{signer}.pem", "-inkey", f"{signer}.key")
+        return self.authority.openssl(
+            "cms", "-sign", "-binary", "-in", "text", *certificates, "-outform", "DER", *options
+        ).stdout
+
+    def pack(self, signature=None, text=None, members=None, **signing):
+        """Makes the package of `members`, with the manifest `text` and its signature where they are not given."""
+        members = self.members if members is None else members
+        text = manifest(self.members) if text is None else text
+        signature = self.sign(text, *signing.get("by", ())) if signature is None else signature
+        self.package.write_bytes(tar([("MANIFEST", text), ("MANIFEST.sig", signature), *members.items()]))
+
+    def unpack(self, program="orba-archive", *options):
+        return subprocess.run(
+            [TOOLS / program, "-xf", self.package, "-C", self.folder, *options],
+            env={**os.environ, "ORBAMIRA_ROOT": str(self.root)},
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+            timeout=60,
+            check=False,
+        )
+
+    def assert_unpacked(self, *more):
+        done = self.unpack()
+        self.assertEqual((0, "", ""), (done.returncode, done.stdout, done.stderr))
+        found = {path.name: path.read_bytes() for path in self.folder.iterdir()}
+        self.assertEqual(self.members, {name: found[name] for name in self.members})
+        self.assertEqual(sorted([*self.members, *more]), sorted(found))
+        for name in found:
+            (self.folder / name).unlink()
+
+    def assert_refused(self, reason, program="orba-archive"):
+        done = self.unpack(program)
+        line = f"{program}: {self.package}: {reason}\n"
+        self.assertEqual((1, "", line), (done.returncode, done.stdout, done.stderr))
+        self.assertEqual([], os.listdir(self.folder))
+
+    def test_signed_package_is_unpacked(self):
+        self.trust("ca")
+        self.pack()
+        self.assert_unpacked("MANIFEST", "MANIFEST.sig")
+
+    def test_unsigned_package_is_unpacked_where_there_is_no_keyring(self):
+        self.package.write_bytes(tar(self.members.items()))
+        self.assert_unpacked()
+
+    def test_signature_counts_for_nothing_where_there_is_no_keyring(self):
+        self.pack(signature=b"garbage")
+        self.assert_unpacked("MANIFEST", "MANIFEST.sig")
+
+    def test_unsigned_package_is_refused(self):
+        self.trust("ca")
+        for members in ([], [("MANIFEST", manifest(self.members))], [("MANIFEST.sig", b"signature")]):
+            with self.subTest(members):
+                self.package.write_bytes(tar([*members, *self.members.items()]))
+                self.assert_refused("not signed")
+
+    def test_order_of_the_members_does_not_matter(self):
+        self.trust("ca")
+        text = manifest(self.members)
+        self.package.write_bytes(
+            tar([*self.members.items(), ("MANIFEST.sig", self.sign(text)), ("MANIFEST", text)])
+        )
+        self.assert_unpacked("MANIFEST", "MANIFEST.sig")
+
+    def test_any_certificate_of_the_keyring_will_do(self):
+        self.authority.issue("older", None)
+        self.pack()
+        for keyring in (("older", "ca"), ("ca", "older"), ("signer",), ("older", "signer")):
+            with self.subTest(keyring):
+                self.trust(*keyring)
+                self.assert_unpacked("MANIFEST", "MANIFEST.sig")
+
+    def test_certificate_in_between_comes_with_the_signature_or_the_keyring(self):
+        self.authority.issue("between", "ca", INTERMEDIATE)
+        self.authority.issue("signer", "between")
+        self.trust("ca")
+        self.pack()
+        self.assert_refused(
+            "MANIFEST.sig: certificate verify error: Verify error: unable to get local issuer certificate"
+        )
+        self.trust("ca", "between")
+        self.assert_unpacked("MANIFEST", "MANIFEST.sig")
+        self.trust("ca")
+        self.pack(by=("signer", "-certfile", "between.pem"))
+        self.assert_unpacked("MANIFEST", "MANIFEST.sig")
+        self.trust("between")
+        self.assert_unpacked("MANIFEST", "MANIFEST.sig")
+
+    def test_package_signed_by_another_is_refused(self):
+        self.pack()
+        self.authority.issue("other", None)
+        self.trust("other")
+        self.assert_refused(
+            "MANIFEST.sig: certificate verify error: Verify error: unable to get local issuer certificate"
+        )
+
+    def test_package_signed_by_another_of_the_same_name_is_refused(self):
+        self.pack()
+        self.authority.issue("ca", None)
+        self.trust("ca")
+        self.assert_refused(
+            "MANIFEST.sig: certificate verify error: Verify error: unable to get local issuer certificate"
+        )
+
+    def test_leaf_cannot_sign_for_a_signer_of_its_own(self):
+        self.authority.issue("child", "signer")
+        self.pack(by=("child", "-certfile", "signer.pem"))
+        self.trust("ca")
+        self.assert_refused("MANIFEST.sig: certificate verify error: Verify error: invalid CA certificate")
+
+    def test_every_signer_must_be_trusted(self):
+        self.authority.issue("other", None)
+        self.pack(by=("signer", "-signer", "other.pem", "-inkey", "other.key"))
+        self.trust("ca")
+        self.assert_refused("MANIFEST.sig: certificate verify error: Verify error: self-signed certificate")
+        self.trust("ca", "other")
+        self.assert_unpacked("MANIFEST", "MANIFEST.sig")
+
+    def test_expired_certificate_is_refused(self):
+        self.authority.issue("signer", "ca", days=-1)
+        self.pack()
+        self.trust("ca")
+        self.assert_refused("MANIFEST.sig: certificate verify error: Verify error: certificate has expired")
+
+    def test_expired_certificate_is_refused_though_it_is_in_the_keyring(self):
+        self.authority.issue("signer", "ca", days=-1)
+        self.pack()
+        self.trust("signer")
+        self.assert_refused("MANIFEST.sig: certificate verify error: Verify error: certificate has expired")
+
+    def test_certificate_of_the_future_is_refused(self):
+        self.authority.issue_for_the_future("signer", "ca")
+        self.pack()
+        self.trust("ca")
+        self.assert_refused("MANIFEST.sig: certificate verify error: Verify error: certificate is not yet valid")
+
+    def test_weak_key_is_refused(self):
+        self.authority.issue("signer", "ca", key=("-newkey", "rsa:1024"))
+        self.pack()
+        self.trust("ca")
+        self.assert_refused("MANIFEST.sig: certificate verify error: Verify error: EE certificate key too weak")
+
+    def test_weak_digest_is_refused(self):
+        self.trust("ca")
+        for digest in ("sha1", "sha224"):
+            with self.subTest(digest):
+                self.pack(by=("signer", "-md", digest))
+                self.assert_refused("MANIFEST.sig: signed with a weak digest")
+
+    def test_strong_digests_and_keys_will_do(self):
+        self.trust("ca")
+        for key, digest in ((("-newkey", "rsa:2048"), "sha256"), (("-newkey", "rsa:3072"), "sha512")):
+            with self.subTest(key):
+                self.authority.issue("signer", "ca", key=key)
+                self.pack(by=("signer", "-md", digest))
+                self.assert_unpacked("MANIFEST", "MANIFEST.sig")
+
+    def test_message_without_signer_is_refused(self):
+        self.trust("ca")
+        message = self.authority.openssl("crl2pkcs7", "-nocrl", "-certfile", "signer.pem", "-outform", "DER").stdout
+        self.pack(signature=message)
+        self.assert_refused("MANIFEST.sig: signed by nobody")
+
+    def test_message_of_another_kind_is_refused(self):
+        self.trust("ca")
+        (self.top / "pki/text").write_bytes(manifest(self.members))
+        self.pack(
+            signature=self.authority.openssl("cms", "-data_create", "-in", "text", "-outform", "DER").stdout
+        )
+        self.assert_refused("MANIFEST.sig: signed by nobody")
+
+    def test_garbage_for_a_signature_is_refused(self):
+        self.trust("ca")
+        good = self.sign(manifest(self.members))
+        for signature in (b"", b"garbage", good[:-1], good[1:]):
+            with self.subTest(signature[:8]):
+                self.pack(signature=signature)
+                done = self.unpack()
+                self.assertEqual(1, done.returncode)
+                self.assertIn(f"{self.package}: MANIFEST.sig: ", done.stderr)
+                self.assertEqual([], os.listdir(self.folder))
+
+    def test_no_single_bit_of_the_signature_or_manifest_can_change_what_is_accepted(self):
+        self.trust("ca")
+        text = manifest(self.members)
+        good = self.sign(text)
+        for number in range(0, 8 * len(good), 97):
+            changed = bytearray(good)
+            changed[number // 8] ^= 1 << number % 8
+            self.pack(signature=bytes(changed))
+            # Some bits mean nothing, those of the certificate's own copy of what the store knows better for one.
+            with self.subTest(f"bit {number} of the signature"):
+                done = self.unpack()
+                self.assertIn(done.returncode, (0, 1))
+                self.assertEqual(done.returncode == 1, os.listdir(self.folder) == [], done.stderr)
+                for path in self.folder.iterdir():
+                    path.unlink()
+        for number in range(0, 8 * len(text), 41):
+            changed = bytearray(text)
+            changed[number // 8] ^= 1 << number % 8
+            self.pack(signature=good, text=bytes(changed))
+            with self.subTest(f"bit {number} of the manifest"):
+                self.assert_refused("MANIFEST.sig: content verify error")
+
+    def test_signature_of_another_package_is_refused(self):
+        self.trust("ca")
+        self.pack(signature=self.sign(manifest({**self.members, "INFO": b'version="1"\n'})))
+        self.assert_refused("MANIFEST.sig: content verify error")
+
+    def test_signature_that_carries_another_text_is_refused(self):
+        self.trust("ca")
+        self.pack(signature=self.sign(manifest({"INFO": b""}), "signer", "-nodetach"))
+        self.assert_refused("MANIFEST.sig: content verify error")
+
+    def test_altered_member_is_refused(self):
+        self.trust("ca")
+        self.pack(members={**self.members, "INFO": b'version="3"\n'})
+        self.assert_refused("INFO: not what MANIFEST says")
+
+    def test_member_that_the_manifest_lacks_is_refused(self):
+        self.trust("ca")
+        for name in ("extra", "./INFO", "./MANIFEST", "MANIFEST.SIG"):
+            with self.subTest(name):
+                self.pack(members={**self.members, name: b"content"})
+                self.assert_refused(f"{name}: not in MANIFEST")
+
+    def test_missing_member_is_refused(self):
+        self.trust("ca")
+        self.pack(members={"INFO": self.members["INFO"]})
+        self.assert_refused("package.tgz: in MANIFEST, but not in the package")
+
+    def test_member_that_is_there_twice_is_refused(self):
+        self.trust("ca")
+        text = manifest(self.members)
+        signed = [("MANIFEST", text), ("MANIFEST.sig", self.sign(text)), *self.members.items()]
+        for name, content in dict(signed).items():
+            with self.subTest(name):
+                self.package.write_bytes(tar([*signed, (name, content)]))
+                self.assert_refused(f"{name}: in the package twice")
+
+    def test_anything_but_files_is_refused(self):
+        self.trust("ca")
+        text = manifest({**self.members, "link": b""})
+        for kind in (tarfile.SYMTYPE, tarfile.LNKTYPE, tarfile.DIRTYPE, tarfile.FIFOTYPE, tarfile.CHRTYPE):
+            with self.subTest(kind):
+                link = tarfile.TarInfo("link")
+                link.type, link.linkname = kind, "INFO"
+                self.package.write_bytes(
+                    tar([("MANIFEST", text), ("MANIFEST.sig", self.sign(text)), *self.members.items(), (link, b"")])
+                )
+                name = "link/" if kind == tarfile.DIRTYPE else "link"
+                self.assert_refused(f"{name}: a package holds only files at its top")
+
+    def test_damaged_manifest_is_refused_though_it_is_signed(self):
+        self.trust("ca")
+        text = manifest(self.members)
+        for damaged in (b"garbage\n", text[:-1], text + b"\n", text + text, text.replace(b"  ", b" *")):
+            with self.subTest(damaged):
+                self.pack(text=damaged)
+                self.assert_refused("MANIFEST: damaged")
+
+    def test_sparse_file_is_refused(self):
+        self.trust("ca")
+        folder = self.top / "sparse"
+        folder.mkdir()
+        with (folder / "INFO").open("wb") as file:
+            file.truncate(1 << 40)
+        text = manifest(self.members)
+        (folder / "MANIFEST").write_bytes(text)
+        (folder / "MANIFEST.sig").write_bytes(self.sign(text))
+        for style in ("gnu", "pax"):
+            with self.subTest(style):
+                command = ["tar", f"--format={style}", "-S", "-cf", self.package, "-C", folder, *os.listdir(folder)]
+                subprocess.run(command, check=True)
+                self.assert_refused("INFO: a sparse file in a signed package")
+
+    def test_texts_of_any_length_are_refused(self):
+        self.trust("ca")
+        for name in ("MANIFEST", "MANIFEST.sig"):
+            with self.subTest(name):
+                self.package.write_bytes(tar([(name, bytes(LIMIT_OF_TEXTS + 1))]))
+                self.assert_refused(f"{name}: longer than {LIMIT_OF_TEXTS} bytes")
+
+    def test_damaged_package_is_refused_before_anything_is_unpacked(self):
+        self.trust("ca")
+        self.pack()
+        whole = self.package.read_bytes()
+        self.package.write_bytes(whole[: len(whole) // 2])
+        done = self.unpack()
+        self.assertEqual(1, done.returncode, done.stderr)
+        self.assertEqual([], os.listdir(self.folder))
+
+    def test_payload_in_place_of_a_package_is_refused(self):
+        self.trust("ca")
+        inner = self.top / "inner"
+        inner.mkdir()
+        (inner / "library").write_bytes(b"planted")
+        with tarfile.open(self.package, "w:gz") as archive:
+            archive.add(inner / "library", "library")
+        self.assert_refused("Unrecognized archive format")
+
+    def test_payload_needs_no_signature_of_its_own(self):
+        self.trust("ca")
+        with tarfile.open(self.package, "w:gz") as archive:
+            archive.addfile(tarfile.TarInfo("library"))
+        self.assertEqual(0, self.unpack("orba-tar").returncode)
+
+    def test_keyring_that_cannot_be_used_accepts_nothing(self):
+        self.pack()
+        key = (self.top / "pki/ca.key").read_bytes()
+        certificate = (self.top / "pki/ca.pem").read_bytes()
+        for content, reason in (
+            (b"", "no certificate in it"),
+            (b"garbage\n", "no certificate in it"),
+            (certificate + key, "something other than certificates in it"),
+            (certificate[:-40], None),
+        ):
+            with self.subTest(reason):
+                self.keyring.write_bytes(content)
+                done = self.unpack()
+                self.assertEqual(1, done.returncode)
+                self.assertIn(f"orba-archive: {self.package}: {self.keyring}: {reason or ''}", done.stderr)
+                self.assertEqual([], os.listdir(self.folder))
+
+    def test_keyring_that_is_no_file_accepts_nothing(self):
+        self.pack()
+        with self.subTest("a link to nowhere"):
+            self.keyring.symlink_to("nowhere")
+            self.assert_refused(f"{self.keyring}: No such file or directory")
+        with self.subTest("a folder"):
+            self.keyring.unlink()
+            self.keyring.mkdir()
+            done = self.unpack()
+            self.assertEqual(1, done.returncode)
+            self.assertEqual([], os.listdir(self.folder))
+        with self.subTest("settings that are a file"):
+            self.keyring.rmdir()
+            self.keyring.parent.rmdir()
+            self.keyring.parent.touch()
+            self.assert_refused(f"{self.keyring}: Not a directory")
+
+
+if __name__ == "__main__":
+    unittest.main()
