@@ -151,7 +151,7 @@ class Recovery {
   void RemovePluginAnswer() {
     const fs::path answer = path::kTempPluginAppIdPath;
     Remove(answer, "the plugins' old answer");
-    const std::string prefix = "." + answer.filename().string() + ".";
+    const std::string prefix = std::string(".").append(answer.filename()).append(".");
     RemoveMatching(answer.parent_path(), "the temporary file",
                    [&](const std::string& name) { return name.starts_with(prefix); });
   }

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <stdexcept>
@@ -28,7 +29,9 @@ using test::PatternOf;
 using test::ReadFile;
 using test::ServeFile;
 using test::TempDir;
+using testing::_;
 using testing::AllOf;
+using testing::Each;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::Ge;
@@ -657,7 +660,11 @@ TEST_F(DownloadWrapperTest, DownloadToFileReportsAResumedTransferAsOne) {
     return response;
   });
   EXPECT_EQ(Download(server.Url()), 200);
-  EXPECT_THAT(calls_, ElementsAre(Pair(400, 1000), Pair(1000, 1000)));
+  // On a slow machine there may be more calls in between.
+  EXPECT_THAT(calls_, Each(Pair(_, 1000)));
+  EXPECT_THAT(calls_.front(), Pair(400, 1000));
+  EXPECT_THAT(calls_.back(), Pair(1000, 1000));
+  EXPECT_TRUE(std::is_sorted(calls_.begin(), calls_.end()));
 }
 
 TEST_F(DownloadWrapperTest, DownloadToFileReportsSizesBeyondThirtyTwoBits) {
