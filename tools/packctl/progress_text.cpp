@@ -72,7 +72,9 @@ std::string FormatDuration(std::chrono::seconds duration) {
   if (in_hours > 99) {
     return "over 99 h";
   }
-  const auto two_digits = [](long number) { return (number < 10 ? "0" : "") + std::to_string(number); };
+  const auto two_digits = [](long number) {
+    return std::string(number < 10 ? "0" : "").append(std::to_string(number));
+  };
   if (in_hours > 0) {
     return std::to_string(in_hours) + ":" + two_digits(in_minutes) + ":" + two_digits(in_seconds);
   }
