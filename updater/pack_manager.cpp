@@ -5,16 +5,37 @@
 
 #include <exception>
 #include <fstream>
+#include <string_view>
 #include <utility>
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/log.h"
+#include "updater/json_text.h"
 
 namespace orbamira::updater {
 namespace {
 
 constexpr int kHttpOk = 200;
+
+// The response to one GET. The transfer of a body over the limit is ended, and the response then has none.
+cpr::Response SendRequest(const cpr::Url& url, const cpr::Parameters& parameters) {
+  std::string body;
+  cpr::Session session;
+  session.SetUrl(url);
+  session.SetParameters(parameters);
+  session.SetWriteCallback(cpr::WriteCallback([&body](std::string_view bytes, intptr_t /*unused*/) {
+    if (body.size() + bytes.size() > kJsonTextLimit) {
+      body.clear();
+      return false;
+    }
+    body += bytes;
+    return true;
+  }));
+  cpr::Response response = session.Get();
+  response.text = std::move(body);
+  return response;
+}
 
 }  // namespace
 
@@ -191,7 +212,7 @@ bool PackManager::IsCodecRequested(const std::string& codec) const {
     return false;
   }
   Json::Value root;
-  if (!Json::Reader().parse(file, root)) {
+  if (!Json::Reader().parse(ReadJsonText(file), root)) {
     ORBAMIRA_LOG_ERROR("Failed to parse %s", path::kCodecRequirementsPath);
     return false;
   }
@@ -214,11 +235,10 @@ bool PackManager::FetchDownloadInfo(bool with_aac, Json::Value& pack_info) const
     return false;
   }
 
-  cpr::Session session;
-  session.SetUrl(cpr::Url(url));
-  session.SetParameters(cpr::Parameters{
-      {"identify", kPackageId}, {"unique", unique}, {"version", package_version}, {"kos_version", kos_version}});
-  const cpr::Response response = session.Get();
+  const cpr::Response response = SendRequest(
+      cpr::Url(url),
+      cpr::Parameters{
+          {"identify", kPackageId}, {"unique", unique}, {"version", package_version}, {"kos_version", kos_version}});
   if (response.status_code == 0) {
     ORBAMIRA_LOG_ERROR("Failed to send request with error: %s", response.error.message.c_str());
     return false;

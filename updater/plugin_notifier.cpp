@@ -8,6 +8,7 @@
 
 #include "platform/constants.h"
 #include "platform/log.h"
+#include "updater/json_text.h"
 
 namespace orbamira::updater {
 namespace {
@@ -20,7 +21,7 @@ Json::Value ReadAnswer(const char* path) {
     ORBAMIRA_LOG_ERROR("Failed to open %s", path);
     return answer;
   }
-  if (!Json::Reader().parse(file, answer, true)) {
+  if (!Json::Reader().parse(ReadJsonText(file), answer, true)) {
     ORBAMIRA_LOG_ERROR("Failed to parse %s", path);
     return Json::arrayValue;
   }

@@ -39,6 +39,7 @@ constexpr const char* kPackage = "orbamira\n";
 constexpr const char* kPackageSha256 = "2b79f22455be0c5d84f69a2f8272a92fb166da07ba0ac556f8c95a54200ef6bc";
 
 std::string reply;
+cpr::WriteCallback take;
 
 /// Every setting and every version is there.
 class SettledCore : public orbamira::wrapper::IOrbaCoreWrapper {
@@ -97,10 +98,12 @@ void CheckRecord(const PackManager& manager, MemoryStore& store) {
 }  // namespace
 
 // In place of the request.
+void cpr::Session::SetWriteCallback(const WriteCallback& write) { take = write; }
+
 cpr::Response cpr::Session::Get() {
+  take(reply);
   cpr::Response response;
   response.status_code = 200;
-  response.text = reply;
   return response;
 }
 

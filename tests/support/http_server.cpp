@@ -235,7 +235,7 @@ bool HttpServer::SendBody(const Socket& client, const HttpResponse& response) co
     if (!(chunked ? Send(client, ChunkOf(bytes)) : Send(client, bytes))) {
       return false;
     }
-    at = next;
+    at = response.endless && next == end ? 0 : next;
     if (response.pause.count() > 0) {
       pollfd stop{stop_, POLLIN, 0};
       poll(&stop, 1, static_cast<int>(response.pause.count()));

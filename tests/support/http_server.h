@@ -56,6 +56,8 @@ struct HttpResponse {
   std::optional<std::size_t> reset_at = {};
   /// Stops sending at this place until Release(), the client hangs up or the server stops.
   std::optional<std::size_t> stall_at = {};
+  /// Sends the body again and again until the client hangs up or the server stops; never with kLength.
+  bool endless = false;
   /// Sends the body in pieces of this many bytes, `pause` apart; 0 sends it in one go.
   std::size_t piece = 0;
   std::chrono::milliseconds pause{0};

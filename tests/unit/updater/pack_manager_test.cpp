@@ -21,6 +21,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/mocks.h"
 #include "tests/support/test_root.h"
+#include "updater/json_text.h"
 
 namespace orbamira::updater {
 namespace {
@@ -30,6 +31,7 @@ using test::HttpRequest;
 using test::HttpResponse;
 using test::HttpServer;
 using test::LogCapture;
+using test::LogLine;
 using testing::_;
 using testing::ElementsAre;
 using testing::InSequence;
@@ -40,8 +42,8 @@ using testing::Throw;
 
 using Command = std::vector<std::string>;
 
-test::LogLine Error(const std::string& text) { return test::ErrorLine("pack_manager.cpp", text); }
-test::LogLine Info(const std::string& text) { return test::InfoLine("pack_manager.cpp", text); }
+LogLine Error(const std::string& text) { return test::ErrorLine("pack_manager.cpp", text); }
+LogLine Info(const std::string& text) { return test::InfoLine("pack_manager.cpp", text); }
 
 // Thrown as it is, without a std::exception to catch it by.
 struct NoStandardException {};
@@ -210,6 +212,20 @@ TEST_F(PackManagerCodecTest, IsCodecRequestedOfARootThatIsNoObjectThrowsAndGives
   EXPECT_FALSE(IsLocked());
 }
 
+TEST_F(PackManagerCodecTest, IsCodecRequestedReadsNoMoreThanTheLimit) {
+  const std::string text = R"({"aac": ["app"]})";
+  Require(text + std::string(kJsonTextLimit - text.size(), ' '));
+  EXPECT_TRUE(manager_.IsCodecRequested("aac"));
+  LogCapture::Clear();
+  Require(text + std::string(kJsonTextLimit - text.size() + 1, ' '));
+  EXPECT_FALSE(manager_.IsCodecRequested("aac"));
+  fs::remove(path::kCodecRequirementsPath);
+  fs::create_symlink("/dev/zero", path::kCodecRequirementsPath);
+  EXPECT_FALSE(manager_.IsCodecRequested("aac"));
+  const LogLine failed = Error("Failed to parse " + std::string(path::kCodecRequirementsPath));
+  EXPECT_THAT(LogCapture::Lines(), ElementsAre(failed, failed));
+}
+
 // A pipe in place of the file: its writer comes to life once the library has opened it, so what the writer sees is what
 // holds while the file is read.
 TEST_F(PackManagerCodecTest, IsCodecRequestedHoldsTheLockWhileItReads) {
@@ -364,6 +380,30 @@ TEST_F(PackManagerRequestTest, FetchDownloadInfoOfNoJsonFails) {
     EXPECT_FALSE(manager_.FetchDownloadInfo(false, info_));
     EXPECT_THAT(LogCapture::Lines(), ElementsAre(Error("Failed to parse response")));
   }
+}
+
+TEST_F(PackManagerRequestTest, FetchDownloadInfoTakesAReplyUpToTheLimit) {
+  const std::string reply = R"({"orbamira-hevc": {"version": "2.0"}})";
+  answer_.body = reply + std::string(kJsonTextLimit - reply.size(), ' ');
+  ExpectSystem(server_.Url());
+  EXPECT_TRUE(manager_.FetchDownloadInfo(false, info_));
+  EXPECT_EQ(info_["version"], "2.0");
+  EXPECT_THAT(LogCapture::Lines(), IsEmpty());
+  answer_.body += ' ';
+  ExpectSystem(server_.Url());
+  EXPECT_FALSE(manager_.FetchDownloadInfo(false, info_));
+  EXPECT_THAT(LogCapture::Lines(), ElementsAre(Error("Failed to parse response")));
+}
+
+TEST_F(PackManagerRequestTest, FetchDownloadInfoEndsAnEndlessReplyWithItsStatus) {
+  answer_ = {.body = std::string(1000, '['), .framing = HttpResponse::Framing::kChunked, .endless = true};
+  ExpectSystem(server_.Url());
+  EXPECT_FALSE(manager_.FetchDownloadInfo(false, info_));
+  answer_.status = 404;
+  ExpectSystem(server_.Url());
+  EXPECT_FALSE(manager_.FetchDownloadInfo(false, info_));
+  EXPECT_THAT(LogCapture::Lines(),
+              ElementsAre(Error("Failed to parse response"), Error("Failed to send request with status: 404")));
 }
 
 TEST_F(PackManagerRequestTest, FetchDownloadInfoWithoutTheWantedPackNamesIt) {

@@ -13,6 +13,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/mocks.h"
 #include "tests/support/test_root.h"
+#include "updater/json_text.h"
 
 namespace orbamira::updater {
 namespace {
@@ -21,6 +22,7 @@ namespace fs = std::filesystem;
 using test::ErrorLine;
 using test::InfoLine;
 using test::LogCapture;
+using test::LogLine;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Return;
@@ -238,6 +240,20 @@ TEST_F(PluginNotifierProgramTest, GetAppIdOfNoJsonIsEmpty) {
     EXPECT_THAT(LogCapture::Lines(),
                 ElementsAre(ErrorLine(kFile, "Failed to parse " + std::string(path::kTempPluginAppIdPath))));
   }
+}
+
+TEST_F(PluginNotifierProgramTest, GetAppIdReadsNoMoreThanTheLimit) {
+  const std::string text = R"(["app.one"])";
+  AnswerWith(text + std::string(kJsonTextLimit - text.size(), ' '));
+  EXPECT_THAT(notifier_->GetAppId(), ElementsAre("app.one"));
+  EXPECT_THAT(LogCapture::Lines(), IsEmpty());
+  AnswerWith(text + std::string(kJsonTextLimit - text.size() + 1, ' '));
+  EXPECT_THAT(notifier_->GetAppId(), IsEmpty());
+  WriteProgram(path::kGetAppIdPyPath, "ln -s /dev/zero \"$1\"");
+  EXPECT_THAT(notifier_->GetAppId(), IsEmpty());
+  EXPECT_FALSE(AnswerIsLeft());
+  const LogLine failed = ErrorLine(kFile, "Failed to parse " + std::string(path::kTempPluginAppIdPath));
+  EXPECT_THAT(LogCapture::Lines(), ElementsAre(failed, failed));
 }
 
 TEST_F(PluginNotifierProgramTest, GetAppIdOfAProgramThatWritesNothingIsEmpty) {
