@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <system_error>
@@ -56,6 +57,9 @@ std::optional<Values> Parse(const std::string& text) {
   return values;
 }
 
+// Also a link that leads nowhere or round in a circle: the first write puts a file in its place.
+bool IsMissing(int error) { return error == ENOENT || error == ELOOP; }
+
 bool IsAt(const std::string& path, const struct stat& status) {
   struct stat now {};
   return stat(path.c_str(), &now) == 0 && now.st_dev == status.st_dev && now.st_ino == status.st_ino;
@@ -92,6 +96,7 @@ class FileKeyValueStore::File {
  private:
   void Load();
   void SetAside(UniqueFd broken, const struct stat& status);
+  [[nodiscard]] bool MoveAside(const std::string& aside, const struct stat& status) const;
   [[nodiscard]] bool PutEmptyIfMissing();
   void Remember(UniqueFd fd, const struct stat& status, Values values);
   void RememberWritten(UniqueFd fd, Values values);
@@ -112,7 +117,7 @@ void FileKeyValueStore::File::MakeIfMissing() {
 
 const Values& FileKeyValueStore::File::Read() {
   struct stat now {};
-  if (stat(path_.c_str(), &now) != 0 && errno != ENOENT) {
+  if (stat(path_.c_str(), &now) != 0 && !IsMissing(errno)) {
     Throw(errno, "look at", path_);
   }
   if (!IsSeen(now)) {
@@ -123,8 +128,11 @@ const Values& FileKeyValueStore::File::Read() {
 
 void FileKeyValueStore::File::Load() {
   UniqueFd fd = OpenFile(path_, O_RDONLY);
+  if (!fd.valid() && errno == ENXIO) {
+    fd = OpenFile(path_, O_PATH);  // a socket, which cannot be read
+  }
   if (!fd.valid()) {
-    if (errno != ENOENT) {
+    if (!IsMissing(errno)) {
       Throw(errno, "open", path_);
     }
     Remember(UniqueFd(), {}, {});
@@ -133,9 +141,6 @@ void FileKeyValueStore::File::Load() {
   struct stat status {};
   if (fstat(fd.get(), &status) != 0) {
     Throw(errno, "look at", path_);
-  }
-  if (S_ISDIR(status.st_mode)) {
-    Throw(EISDIR, "read", path_);
   }
   const std::optional<std::string> text = ReadUpTo(fd.get(), kMaxFileSize + 1);
   if (std::optional<Values> values = text.has_value() ? Parse(*text) : std::nullopt) {
@@ -151,7 +156,7 @@ void FileKeyValueStore::File::SetAside(UniqueFd broken, const struct stat& statu
     return;
   }
   const std::string aside = path_ + ".broken";
-  if (std::rename(path_.c_str(), aside.c_str()) != 0) {
+  if (!MoveAside(aside, status)) {
     ORBAMIRA_LOG_ERROR("Failed to set aside broken store %s: %s", path_.c_str(),
                        std::generic_category().message(errno).c_str());
     Remember(std::move(broken), status, {});
@@ -167,6 +172,21 @@ void FileKeyValueStore::File::SetAside(UniqueFd broken, const struct stat& statu
   if (!PutEmptyIfMissing()) {
     Load();
   }
+}
+
+// A folder and a file cannot replace each other, nor a folder one that is not empty: what was set aside earlier then
+// goes first. The newest is what tells most.
+bool FileKeyValueStore::File::MoveAside(const std::string& aside, const struct stat& status) const {
+  if (std::rename(path_.c_str(), aside.c_str()) == 0) {
+    return true;
+  }
+  const bool in_the_way = errno == EISDIR || errno == ENOTDIR || errno == ENOTEMPTY || errno == EEXIST;
+  if (!in_the_way || !IsAt(path_, status)) {
+    return false;
+  }
+  std::error_code error;
+  std::filesystem::remove_all(aside, error);
+  return std::rename(path_.c_str(), aside.c_str()) == 0;
 }
 
 // Never over a file that another process has put there meanwhile.

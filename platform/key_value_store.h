@@ -30,9 +30,10 @@ class ORBAMIRA_EXPORT IKeyValueStore {
 /// The store as a JSON object of texts in one file, mode 0644. The file is only ever replaced whole, so a reader
 /// without the lock sees one state or the next, never a part. Every operation sees what other processes wrote.
 ///
-/// A file that is no JSON object of texts, or cannot be read to its end, is renamed to "<name>.broken", logged, and an
-/// empty store takes its place.
-/// All operations throw std::system_error when the file system refuses them; the file then is as it was.
+/// What stands there but is no JSON object of texts, cannot be read to its end or is no file at all (a folder, a pipe)
+/// is renamed to "<name>.broken" in place of what was set aside earlier, logged, and an empty store takes its place. A
+/// file that is only closed to this user stays. All operations throw std::system_error when the file system refuses
+/// them; the file then is as it was.
 class ORBAMIRA_EXPORT FileKeyValueStore : public IKeyValueStore {
  public:
   /// The store in the file `path`, which is made when missing. Empty when the file cannot be used: its folder is

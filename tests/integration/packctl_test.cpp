@@ -427,6 +427,52 @@ TEST_F(PackctlTest, RecoverMendsWhatAKilledUpdateLeft) {
   EXPECT_EQ(Run({"update"}).status, 0);
 }
 
+TEST_F(PackctlTest, RecoverGoesOnWithAFolderInPlaceOfTheStatusStore) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  fs::remove(path::kPackStatusFile);
+  WriteFile(fs::path(path::kPackStatusFile) / "file", "text");
+  const Json::Value recovered = RunJson({"recover"}, 0);
+  EXPECT_EQ(recovered["status"], "lost");
+  EXPECT_EQ(recovered["failures"].size(), 0U);
+  EXPECT_EQ(test::ReadFile(std::string(path::kPackStatusFile) + ".broken/file"), "text");
+  EXPECT_EQ(Run({"update"}).status, 0);
+  EXPECT_EQ(RunJson({"status"}, 0)["status"], "up_to_date");
+}
+
+TEST_F(PackctlTest, WhatStandsInTheWayIsNamedAndOnceItIsGoneAllIsWell) {
+  appliance_.Publish("1.0", "one");
+  const std::string locks = fs::path(path::kPackctlLock).parent_path();
+  struct Obstacle {
+    std::string file;     // stands in the way
+    std::string path;     // of this
+    std::string command;  // which then cannot be done
+    std::string problem;
+  };
+  const std::vector<Obstacle> obstacles = {
+      {locks, locks, "update", "cannot make the folder " + locks + ": Not a directory"},
+      {std::string(path::kPackctlLock) + "/file", path::kPackctlLock, "update",
+       std::string("cannot open the lock ") + path::kPackctlLock + ": Is a directory"},
+      {kTargetFolder, kTargetFolder, "update",
+       std::string("Failed to create temp directory ") + path::kTempPackFolderPath},
+      {kTargetFolder, kTargetFolder, "recover",
+       std::string("cannot make the folders: ") + kTargetFolder + ": Not a directory"},
+      {kDownloadFolder, kDownloadFolder, "update",
+       std::string("Failed to create download directory ") + kDownloadFolder},
+  };
+  for (const Obstacle& obstacle : obstacles) {
+    fs::remove_all(obstacle.path);
+    WriteFile(obstacle.file, "in the way");
+    const ProgramResult result = Run({obstacle.command});
+    EXPECT_EQ(result.status, 1) << obstacle.problem;
+    EXPECT_THAT(result.errors, HasSubstr(obstacle.problem));
+    fs::remove_all(obstacle.path);
+    EXPECT_EQ(Run({"recover"}).status, 0) << obstacle.problem;
+    EXPECT_EQ(Run({"update"}).status, 0) << obstacle.problem;
+    EXPECT_EQ(Appliance::InstalledPayload(), "one");
+  }
+}
+
 TEST_F(PackctlTest, PlainProgressIsWrittenToAFile) {
   appliance_.Publish("1.0", BigPayload());
   StallPackages();

@@ -93,7 +93,7 @@ class Recovery {
 
   void MakeFolders() {
     for (const fs::path& folder : {fs::path(kTargetFolder), fs::path(path::kPackStatusFile).parent_path()}) {
-      if (fs::exists(folder)) {
+      if (fs::is_directory(folder)) {
         continue;
       }
       if (const int made = wrapper::OrbaSDKWrapper().MakeDirectory(folder); made < 0) {

@@ -28,7 +28,7 @@ using testing::HasSubstr;
 
 // Whether another descriptor could take the lock at this moment.
 bool IsFree(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   const bool is_free = fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0;
   close(fd);
   return is_free;
@@ -221,6 +221,20 @@ TEST_F(FileLockTest, ThrowsWithThePathWhenTheFileCannotBeMade) {
   EXPECT_THAT(ErrorOf(path_ + "/lock"), testing::AllOf(HasSubstr(path_ + "/lock"), HasSubstr("Not a directory")));
   EXPECT_THAT(ErrorOf(path_ + "/a/lock"), testing::AllOf(HasSubstr(path_ + "/a"), HasSubstr("Not a directory")));
   EXPECT_THAT(ErrorOf(""), HasSubstr("No such file"));
+}
+
+// A folder or a pipe in its place is strange, but whoever opens it locks the same thing.
+TEST_F(FileLockTest, LocksWhateverStandsThere) {
+  fs::create_directory(path_);
+  ASSERT_EQ(mkfifo(folder_.File("pipe").c_str(), 0600), 0);
+  for (const std::string& path : {path_, folder_.File("pipe")}) {
+    {
+      const FileLock lock(path);
+      test::Forked other([&] { return IsFree(path) ? 1 : 0; });
+      EXPECT_EQ(other.Wait(), 0);
+    }
+    EXPECT_TRUE(IsFree(path));
+  }
 }
 
 TEST_F(FileLockTest, ThrowsAtALinkToNothing) {

@@ -9,6 +9,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -206,11 +207,6 @@ TEST_F(FileKeyValueStoreTest, CreateGivesNothingWhenTheFolderIsMissing) {
   EXPECT_EQ(FileKeyValueStore::Create(""), nullptr);
 }
 
-TEST_F(FileKeyValueStoreTest, CreateGivesNothingForADirectory) {
-  EXPECT_EQ(FileKeyValueStore::Create(folder_.path()), nullptr);
-  EXPECT_TRUE(fs::is_directory(folder_.path()));
-}
-
 TEST_F(FileKeyValueStoreTest, CreateGivesNothingForAFileThatIsClosedToUs) {
   Open()->Set("key", "value");
   fs::permissions(test::Root(), fs::perms(0711));
@@ -341,15 +337,6 @@ TEST_F(FileKeyValueStoreTest, ThrowsWhenTheFolderIsGone) {
   fs::create_directory(folder_.path());
 }
 
-TEST_F(FileKeyValueStoreTest, ThrowsWhenADirectoryTakesThePlaceOfTheFile) {
-  const auto store = Open();
-  fs::remove(path_);
-  fs::create_directory(path_);
-  EXPECT_THROW(store->Has("key"), std::system_error);
-  EXPECT_THROW(store->Set("key", "value"), std::system_error);
-  EXPECT_THAT(FilesInFolder(), ElementsAre("store"));
-}
-
 class BrokenStoreTest : public FileKeyValueStoreTest, public testing::WithParamInterface<std::string> {};
 
 TEST_P(BrokenStoreTest, IsSetAsideAndAnEmptyStoreTakesItsPlace) {
@@ -386,6 +373,90 @@ TEST_F(FileKeyValueStoreTest, AFileThatCannotBeReadIsSetAside) {
   EXPECT_EQ(Open()->Get("key"), "value");
 }
 
+// What can stand in place of the store without being a file; `aside` is where it is to be found afterwards.
+struct Stranger {
+  const char* name;
+  std::function<void(const std::string& path)> make;
+  std::function<bool(const std::string& aside)> is;
+};
+
+void PrintTo(const Stranger& stranger, std::ostream* out) { *out << stranger.name; }
+
+std::vector<Stranger> Strangers() {
+  return {
+      {"AnEmptyFolder", [](const std::string& path) { fs::create_directory(path); },
+       [](const std::string& aside) { return fs::is_directory(aside); }},
+      {"AFolder", [](const std::string& path) { test::WriteFile(path + "/deep/file", "text"); },
+       [](const std::string& aside) { return test::ReadFile(aside + "/deep/file") == "text"; }},
+      {"APipe", [](const std::string& path) { ASSERT_EQ(mkfifo(path.c_str(), 0600), 0); },
+       [](const std::string& aside) { return fs::is_fifo(aside); }},
+      {"ASocket", [](const std::string& path) { ASSERT_EQ(mknod(path.c_str(), S_IFSOCK | 0600, 0), 0); },
+       [](const std::string& aside) { return fs::is_socket(aside); }},
+      {"ALinkToAFolder", [](const std::string& path) { fs::create_directory_symlink(test::Root(), path); },
+       [](const std::string& aside) { return fs::read_symlink(aside) == test::Root(); }},
+      {"ALinkToAnEndlessFile", [](const std::string& path) { fs::create_symlink("/dev/zero", path); },
+       [](const std::string& aside) { return fs::read_symlink(aside) == "/dev/zero"; }},
+      {"ABrokenFile", [](const std::string& path) { test::WriteFile(path, "broken"); },
+       [](const std::string& aside) { return test::ReadFile(aside) == "broken"; }},
+  };
+}
+
+std::string NameOf(const testing::TestParamInfo<Stranger>& info) { return info.param.name; }
+
+class StrangeStoreTest : public FileKeyValueStoreTest, public testing::WithParamInterface<Stranger> {};
+
+TEST_P(StrangeStoreTest, IsSetAsideAndAnEmptyStoreTakesItsPlace) {
+  GetParam().make(path_);
+  test::LogCapture::Clear();
+  const auto store = Open();
+  ASSERT_NE(store, nullptr);
+  EXPECT_FALSE(store->Has("key"));
+  EXPECT_TRUE(GetParam().is(path_ + ".broken"));
+  EXPECT_EQ(Content(), Json::Value(Json::objectValue));
+  EXPECT_THAT(FilesInFolder(), UnorderedElementsAre("store", "store.broken"));
+  EXPECT_THAT(test::LogCapture::Lines(),
+              ElementsAre(test::ErrorLine("key_value_store.cpp", "Set aside broken store " + path_)));
+  store->Set("key", "new");
+  EXPECT_EQ(Open()->Get("key"), "new");
+}
+
+TEST_P(StrangeStoreTest, IsSetAsideUnderAnOpenStore) {
+  const auto store = Open();
+  store->Set("key", "old");
+  fs::remove(path_);
+  GetParam().make(path_);
+  store->Set("key", "new");
+  EXPECT_EQ(Open()->Get("key"), "new");
+  EXPECT_TRUE(GetParam().is(path_ + ".broken"));
+}
+
+TEST_P(StrangeStoreTest, ReplacesWhateverWasSetAsideEarlier) {
+  for (const Stranger& earlier : Strangers()) {
+    earlier.make(path_ + ".broken");
+    fs::remove_all(path_);
+    GetParam().make(path_);
+    EXPECT_FALSE(Open()->Has("key"));
+    EXPECT_TRUE(GetParam().is(path_ + ".broken")) << earlier.name;
+    EXPECT_THAT(FilesInFolder(), UnorderedElementsAre("store", "store.broken"));
+    fs::remove_all(path_ + ".broken");
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(FileKeyValueStore, StrangeStoreTest, testing::ValuesIn(Strangers()), NameOf);
+
+TEST_F(FileKeyValueStoreTest, ALinkThatLeadsNowhereIsAMissingFile) {
+  for (const char* target : {"missing", "store"}) {
+    fs::create_symlink(target, path_);
+    const auto store = Open();
+    ASSERT_NE(store, nullptr);
+    EXPECT_FALSE(store->Has("key"));
+    store->Set("key", "value");
+    EXPECT_EQ(Open()->Get("key"), "value");
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(path_)));
+    fs::remove(path_);
+  }
+}
+
 TEST_F(FileKeyValueStoreTest, ABrokenFileReplacesAnEarlierOne) {
   test::WriteFile(path_, "first");
   const auto store = Open();
@@ -405,21 +476,28 @@ TEST_F(FileKeyValueStoreTest, ABrokenFileIsSetAsideByClearAndSetAsWell) {
   EXPECT_EQ(store->Get("key"), "value");
 }
 
-TEST_F(FileKeyValueStoreTest, ABrokenFileThatCannotBeSetAsideReadsAsEmpty) {
-  test::WriteFile(path_, "broken");
-  test::WriteFile(path_ + ".broken/file", "");  // no file can replace a directory
-  test::LogCapture::Clear();
-  const auto store = Open();
-  ASSERT_NE(store, nullptr);
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_FALSE(store->Has("key"));
+TEST_F(FileKeyValueStoreTest, WhatCannotBeSetAsideReadsAsEmptyAndStays) {
+  fs::permissions(test::Root(), fs::perms(0711));
+  for (const char* file : {"store", "store/file"}) {
+    test::WriteFile(folder_.path() / file, "broken");
+    fs::permissions(folder_.path(), fs::perms(0555));
+    test::Forked user([&] {
+      test::BecomeOrdinaryUser();
+      test::LogCapture::Clear();
+      const auto store = Open();
+      if (store == nullptr || store->Has("key") || store->Has("other")) {
+        return 1;
+      }
+      const std::vector<test::LogLine> expected = {
+          test::ErrorLine("key_value_store.cpp", "Failed to set aside broken store " + path_ + ": Permission denied")};
+      return test::LogCapture::Lines() == expected ? 0 : 2;
+    });
+    EXPECT_EQ(user.Wait(), 0) << file;
+    fs::permissions(folder_.path(), fs::perms(0755));
+    EXPECT_THAT(FilesInFolder(), ElementsAre("store"));
+    EXPECT_EQ(test::ReadFile(folder_.path() / file), "broken");
+    fs::remove_all(path_);
   }
-  EXPECT_EQ(test::ReadFile(path_), "broken");
-  EXPECT_THAT(test::LogCapture::Lines(),
-              ElementsAre(test::ErrorLine("key_value_store.cpp",
-                                          "Failed to set aside broken store " + path_ + ": Is a directory")));
-  store->Set("key", "value");
-  EXPECT_EQ(store->Get("key"), "value");
 }
 
 TEST_F(FileKeyValueStoreTest, SetRefusesWhatCouldNotBeReadAgain) {

@@ -276,6 +276,14 @@ TEST_F(RecoveryTest, RecoverTakesAStoreThatIsNoStoreForLost) {
   ExpectNothingLeftToDo();
 }
 
+TEST_F(RecoveryTest, RecoverSetsAFolderInPlaceOfTheStoreAside) {
+  WriteFile(fs::path(path::kPackStatusFile) / "file", "text");
+  EXPECT_THAT(Recover().failed, IsEmpty());
+  EXPECT_EQ(Recorded(), updater::kStatusLost);
+  EXPECT_EQ(ReadFile(std::string(path::kPackStatusFile) + ".broken/file"), "text");
+  ExpectNothingLeftToDo();
+}
+
 TEST_F(RecoveryTest, RecoverLogsWhatItDid) {
   MakePack(path::kBackupPackFolderPath, "1");
   const RecoveryReport report = Recover();
@@ -284,9 +292,9 @@ TEST_F(RecoveryTest, RecoverLogsWhatItDid) {
 }
 
 TEST_F(RecoveryTest, RecoverGoesOnAfterAStepThatFailed) {
-  // A file where the account's folder belongs, and a folder where the status store belongs: neither can be used.
+  // A file where the account's folder belongs, and a link through it for a status store: neither can be used.
   WriteFile(fs::path(path::kAccountFile).parent_path(), "");
-  fs::create_directories(path::kPackStatusFile);
+  fs::create_symlink(path::kAccountFile, path::kPackStatusFile);
   MakePack(path::kBackupPackFolderPath, "1");
   WriteFile(path::kTempPluginAppIdPath, "[]");
   WriteFile(path::kDownloadedOpkPath, "may be needed");
@@ -301,6 +309,14 @@ TEST_F(RecoveryTest, RecoverGoesOnAfterAStepThatFailed) {
   EXPECT_EQ(PackVersion(), "1");
   EXPECT_FALSE(fs::exists(path::kTempPluginAppIdPath));
   EXPECT_TRUE(fs::exists(path::kDownloadedOpkPath)) << "without a known status the package may be what is needed";
+}
+
+TEST_F(RecoveryTest, RecoverReportsAFileInPlaceOfTheFolderOfPacks) {
+  fs::remove_all(kTargetFolder);
+  WriteFile(kTargetFolder, "a file in the way");
+  EXPECT_THAT(Recover().failed,
+              Contains(std::string("cannot make the folders: ") + kTargetFolder + ": Not a directory"));
+  EXPECT_EQ(ReadFile(kTargetFolder), "a file in the way");
 }
 
 TEST_F(RecoveryTest, RecoverReportsFoldersThatCannotBeMade) {

@@ -6,6 +6,7 @@
 
 #include "platform/constants.h"
 #include "platform/key_value_store.h"
+#include "tests/support/forked.h"
 #include "tests/support/test_root.h"
 #include "tools/packctl/status_reader.h"
 #include "updater/pack_status_helper.h"
@@ -77,8 +78,21 @@ TEST_F(StatusReaderTest, ReadStatusThrowsForWhatCannotBeDecoded) {
 }
 
 TEST_F(StatusReaderTest, ReadStatusThrowsWhenTheStoreCannotBeUsed) {
-  std::filesystem::create_directory(path::kPackStatusFile);
-  EXPECT_THROW(ReadStatus(), std::runtime_error);
+  Store({});
+  ReadStatus();  // makes the lock
+  std::filesystem::permissions(test::Root(), std::filesystem::perms(0711));
+  std::filesystem::permissions(path::kPackStatusLock, std::filesystem::perms(0644));
+  std::filesystem::permissions(path::kPackStatusFile, std::filesystem::perms::none);
+  test::Forked user([] {
+    test::BecomeOrdinaryUser();
+    try {
+      ReadStatus();
+      return 1;
+    } catch (const std::runtime_error& error) {
+      return error.what() == std::string("cannot use the status store ") + path::kPackStatusFile ? 0 : 2;
+    }
+  });
+  EXPECT_EQ(user.Wait(), 0);
 }
 
 }  // namespace
