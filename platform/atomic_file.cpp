@@ -37,6 +37,26 @@ class TemporaryFile {
   TemporaryFile(const TemporaryFile&) = delete;
   TemporaryFile& operator=(const TemporaryFile&) = delete;
 
+  /// Also on disk: a file system may keep a rename through a power cut and lose what the renamed file held.
+  void Fill(std::string_view content, mode_t mode) {
+    SetMode(mode);
+    Write(content);
+    Sync();
+  }
+
+  /// False when the flags forbid to replace a file that exists, and one does.
+  [[nodiscard]] bool PutInPlace(unsigned flags) {
+    if (renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, final_path_.c_str(), flags) == 0) {
+      in_place_ = true;
+    } else if (errno != EEXIST) {
+      ThrowErrno("cannot replace " + final_path_);
+    }
+    return in_place_;
+  }
+
+  [[nodiscard]] UniqueFd Take() { return std::move(fd_); }
+
+ private:
   void Write(std::string_view content) {
     while (!content.empty()) {
       const ssize_t written = write(fd_.get(), content.data(), content.size());
@@ -60,19 +80,6 @@ class TemporaryFile {
     }
   }
 
-  /// False when the flags forbid to replace a file that exists, and one does.
-  [[nodiscard]] bool PutInPlace(unsigned flags) {
-    if (renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, final_path_.c_str(), flags) == 0) {
-      in_place_ = true;
-    } else if (errno != EEXIST) {
-      ThrowErrno("cannot replace " + final_path_);
-    }
-    return in_place_;
-  }
-
-  [[nodiscard]] UniqueFd Take() { return std::move(fd_); }
-
- private:
   const std::string& final_path_;
   std::string path_;
   UniqueFd fd_;
@@ -91,11 +98,7 @@ void SyncFolderOf(const std::string& path) {
 
 UniqueFd ReplaceFile(const std::string& path, std::string_view content, mode_t mode, Durability durability) {
   TemporaryFile file(path);
-  file.SetMode(mode);
-  file.Write(content);
-  if (durability == Durability::kDurable) {
-    file.Sync();
-  }
+  file.Fill(content, mode);
   static_cast<void>(file.PutInPlace(0));  // what exists is replaced
   if (durability == Durability::kDurable) {
     SyncFolderOf(path);
@@ -105,8 +108,7 @@ UniqueFd ReplaceFile(const std::string& path, std::string_view content, mode_t m
 
 UniqueFd MakeFile(const std::string& path, std::string_view content, mode_t mode) {
   TemporaryFile file(path);
-  file.SetMode(mode);
-  file.Write(content);
+  file.Fill(content, mode);
   return file.PutInPlace(RENAME_NOREPLACE) ? file.Take() : UniqueFd();
 }
 

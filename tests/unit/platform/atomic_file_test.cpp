@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -15,6 +16,8 @@
 #include <system_error>
 #include <thread>
 
+#include "tests/support/forked.h"
+#include "tests/support/process.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira {
@@ -131,6 +134,33 @@ TEST_P(AtomicFileTest, ReplaceFileThatCannotWriteLeavesTheOldFile) {
   EXPECT_EQ(error.code().value(), EFBIG);
   EXPECT_EQ(ReadFile(path_), "old");
   EXPECT_EQ(EntriesIn(dir_.path()), 1U);
+}
+
+// A rename may outlive a power cut that the content of the renamed file does not.
+TEST_P(AtomicFileTest, ReplaceFileThatCannotSyncLeavesTheOldFile) {
+  WriteFile(path_, "old");
+  test::Forked replacing([&] {
+    test::FailSystemCall(SYS_fsync, EIO);
+    return ErrorOfReplacing(path_, "content", GetParam()).code().value();
+  });
+  EXPECT_EQ(replacing.Wait(), EIO);
+  EXPECT_EQ(ReadFile(path_), "old");
+  EXPECT_EQ(EntriesIn(dir_.path()), 1U);
+}
+
+TEST(MakeFileTest, MakeFileThatCannotSyncMakesNone) {
+  const TempDir dir;
+  test::Forked making([&] {
+    test::FailSystemCall(SYS_fsync, EIO);
+    try {
+      static_cast<void>(MakeFile(dir.File("file"), "content", 0644));
+    } catch (const std::system_error& error) {
+      return error.code().value();
+    }
+    return 0;
+  });
+  EXPECT_EQ(making.Wait(), EIO);
+  EXPECT_EQ(EntriesIn(dir.path()), 0U);
 }
 
 TEST_P(AtomicFileTest, ReplaceFileNeverShowsAReaderAPart) {
