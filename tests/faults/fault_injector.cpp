@@ -1,11 +1,18 @@
 // Runs a program with everything that it starts, numbers every system call by which they change files or make changes
 // durable, and brings a fault about at one of them:
 //
-//   fault_injector [--record FILE] [--at N --fault kill|EIO|ENOSPC] -- PROGRAM [ARGUMENT...]
+//   fault_injector [--record FILE] [--at N --fault kill|power|EIO|ENOSPC] [--below FOLDER] -- PROGRAM [ARGUMENT...]
 //
-// "kill" ends the whole family by SIGKILL in place of the call; the others make the call fail with that error. The exit
-// status is the program's own, 137 after a kill, and 125 when the injector itself failed. FILE gets a line for every
+// "kill" ends the whole family by SIGKILL in place of the call. "power" does so too and then empties every file below
+// FOLDER that holds data which was not synced. The others make the call fail with that error. The exit status is the
+// program's own, 137 after a kill or a power cut, and 125 when the injector itself failed. FILE gets a line for every
 // numbered call: number, process, system call, path.
+//
+// What a power cut loses here is the worst that a journalling file system with delayed allocation does: of a file
+// written since its last fsync, fdatasync, syncfs or sync nothing remains, whatever names it has by then, its earlier
+// content included. Names, folders and modes are kept as they stand at the cut: a journal keeps their order, so a cut
+// that loses the latest of them is the cut at an earlier call. Not covered: folders on different file systems whose
+// journals reach the disk in another order, blocks written in part, data written through memory maps or O_SYNC.
 //
 // The calls are seen through ptrace behind a seccomp filter, so that only they stop the family.
 
@@ -13,8 +20,10 @@
 #include <fcntl.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
+#include <linux/fs.h>
 #include <linux/seccomp.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
@@ -29,6 +38,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -36,6 +46,7 @@
 #include <set>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -44,12 +55,16 @@ constexpr int kExitKilled = 137;
 constexpr int kExitInjectorFailed = 125;
 
 // Where a call names the file that it changes: by a path or a descriptor in one of its arguments.
-enum class Target { kPath, kPathAt, kDescriptor, kOpenedPath };
+enum class Target { kPath, kPathAt, kDescriptor, kOpenedPath, kClonedTo, kEverything };
+
+// What the call means for the data that a power cut loses.
+enum class Effect { kNone, kWrites, kSyncsFile, kSyncsFileSystem, kSyncsAll };
 
 struct Call {
   const char* name;
   Target target;
   int argument;  // index of the path or the descriptor
+  Effect effect = Effect::kNone;
 };
 
 // Every call by which the updater and its programs could change a file or wait for the disk.
@@ -57,19 +72,20 @@ const std::map<long, Call> kCalls = {
     {SYS_openat, {"openat", Target::kOpenedPath, 1}},
     {SYS_open, {"open", Target::kOpenedPath, 0}},
     {SYS_creat, {"creat", Target::kPath, 0}},
-    {SYS_write, {"write", Target::kDescriptor, 0}},
-    {SYS_pwrite64, {"pwrite64", Target::kDescriptor, 0}},
-    {SYS_writev, {"writev", Target::kDescriptor, 0}},
-    {SYS_pwritev, {"pwritev", Target::kDescriptor, 0}},
-    {SYS_sendfile, {"sendfile", Target::kDescriptor, 0}},
-    {SYS_copy_file_range, {"copy_file_range", Target::kDescriptor, 2}},
-    {SYS_ioctl, {"ioctl", Target::kDescriptor, 0}},
-    {SYS_fallocate, {"fallocate", Target::kDescriptor, 0}},
-    {SYS_ftruncate, {"ftruncate", Target::kDescriptor, 0}},
+    {SYS_write, {"write", Target::kDescriptor, 0, Effect::kWrites}},
+    {SYS_pwrite64, {"pwrite64", Target::kDescriptor, 0, Effect::kWrites}},
+    {SYS_writev, {"writev", Target::kDescriptor, 0, Effect::kWrites}},
+    {SYS_pwritev, {"pwritev", Target::kDescriptor, 0, Effect::kWrites}},
+    {SYS_sendfile, {"sendfile", Target::kDescriptor, 0, Effect::kWrites}},
+    {SYS_copy_file_range, {"copy_file_range", Target::kDescriptor, 2, Effect::kWrites}},
+    {SYS_ioctl, {"ioctl", Target::kClonedTo, 0, Effect::kWrites}},
+    {SYS_fallocate, {"fallocate", Target::kDescriptor, 0, Effect::kWrites}},
+    {SYS_ftruncate, {"ftruncate", Target::kDescriptor, 0, Effect::kWrites}},
     {SYS_truncate, {"truncate", Target::kPath, 0}},
-    {SYS_fsync, {"fsync", Target::kDescriptor, 0}},
-    {SYS_fdatasync, {"fdatasync", Target::kDescriptor, 0}},
-    {SYS_syncfs, {"syncfs", Target::kDescriptor, 0}},
+    {SYS_fsync, {"fsync", Target::kDescriptor, 0, Effect::kSyncsFile}},
+    {SYS_fdatasync, {"fdatasync", Target::kDescriptor, 0, Effect::kSyncsFile}},
+    {SYS_syncfs, {"syncfs", Target::kDescriptor, 0, Effect::kSyncsFileSystem}},
+    {SYS_sync, {"sync", Target::kEverything, 0, Effect::kSyncsAll}},
     {SYS_sync_file_range, {"sync_file_range", Target::kDescriptor, 0}},
     {SYS_rename, {"rename", Target::kPath, 1}},
     {SYS_renameat, {"renameat", Target::kPathAt, 3}},
@@ -93,8 +109,17 @@ const std::map<long, Call> kCalls = {
 };
 
 struct Fault {
-  long at = 0;    // number of the call; 0 for none
-  int error = 0;  // what the call fails with; 0 kills
+  long at = 0;        // number of the call; 0 for none
+  int error = 0;      // what the call fails with; 0 kills
+  std::string below;  // where files lose what was not synced; empty when none do
+};
+
+using FileId = std::pair<dev_t, ino_t>;
+
+// The file that a call changes.
+struct Changed {
+  std::string path;
+  FileId id;  // of a file named by a descriptor
 };
 
 [[noreturn]] void Fail(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
@@ -116,9 +141,46 @@ std::string ReadText(pid_t process, unsigned long address) {
   return text;
 }
 
+// The files with data that no sync has reached yet.
+class UnsyncedFiles {
+ public:
+  void Note(Effect effect, const FileId& file) {
+    switch (effect) {
+      case Effect::kNone:
+        break;
+      case Effect::kWrites:
+        files_.insert(file);
+        break;
+      case Effect::kSyncsFile:
+        files_.erase(file);
+        break;
+      case Effect::kSyncsFileSystem:
+        std::erase_if(files_, [&](const FileId& other) { return other.first == file.first; });
+        break;
+      case Effect::kSyncsAll:
+        files_.clear();
+        break;
+    }
+  }
+
+  // Empties those that still have a name below the folder.
+  void Lose(const std::filesystem::path& folder) const {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+      struct stat status {};
+      if (lstat(entry.path().c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+          files_.contains({status.st_dev, status.st_ino}) && truncate(entry.path().c_str(), 0) != 0) {
+        Fail("truncate");
+      }
+    }
+  }
+
+ private:
+  std::set<FileId> files_;
+};
+
 class Family {
  public:
-  Family(Fault fault, std::ostream* record) : fault_(fault), record_(record) {}
+  Family(Fault fault, std::ostream* record) : fault_(std::move(fault)), record_(record) {}
 
   int Run(std::vector<char*> command) {
     leader_ = fork();
@@ -139,7 +201,11 @@ class Family {
     }
     members_.insert(leader_);
     ptrace(PTRACE_CONT, leader_, nullptr, 0);
-    return Watch();
+    const int result = Watch();
+    if (killed_ && !fault_.below.empty()) {
+      unsynced_.Lose(fault_.below);
+    }
+    return result;
   }
 
  private:
@@ -162,14 +228,13 @@ class Family {
 
   int Watch() {
     int result = kExitInjectorFailed;
-    while (!members_.empty()) {
-      int status = 0;
-      const pid_t member = waitpid(-1, &status, __WALL);
-      if (member < 0) {
-        break;
-      }
+    int status = 0;
+    for (pid_t member = 0; (member = waitpid(-1, &status, __WALL)) > 0;) {
       if (WIFSTOPPED(status)) {
         members_.insert(member);
+        if (killed_) {
+          kill(member, SIGKILL);  // born at the moment of the kill
+        }
         Stopped(member, status);
         continue;
       }
@@ -201,16 +266,18 @@ class Family {
     if (call == kCalls.end()) {
       return;
     }
-    const std::optional<std::string> path = ChangedFile(member, call->second, registers);
-    if (!path) {
+    const std::optional<Changed> changed = ChangedFile(member, call->second, registers);
+    if (!changed) {
       return;
     }
     ++count_;
     if (record_ != nullptr) {
-      *record_ << count_ << ' ' << Name(member) << ' ' << call->second.name << ' ' << *path << '\n';
+      *record_ << count_ << ' ' << Name(member) << ' ' << call->second.name << ' ' << changed->path << '\n';
     }
     if (count_ == fault_.at) {
       BringAbout(member, registers);
+    } else if (!killed_) {
+      unsynced_.Note(call->second.effect, changed->id);
     }
   }
 
@@ -228,33 +295,47 @@ class Family {
   }
 
   // The file that the call would change; none for a call that changes none: an open for reading, output to a terminal.
-  static std::optional<std::string> ChangedFile(pid_t member, const Call& call, const user_regs_struct& registers) {
+  static std::optional<Changed> ChangedFile(pid_t member, const Call& call, const user_regs_struct& registers) {
     const std::array<unsigned long long, 6> arguments = {registers.rdi, registers.rsi, registers.rdx,
                                                          registers.r10, registers.r8,  registers.r9};
     const unsigned long long argument = arguments.at(static_cast<std::size_t>(call.argument));
     switch (call.target) {
-      case Target::kDescriptor: {
-        const std::string link =
-            "/proc/" + std::to_string(member) + "/fd/" + std::to_string(static_cast<int>(argument));
-        struct stat status {};
-        if (stat(link.c_str(), &status) != 0 || !(S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))) {
+      case Target::kClonedTo:
+        if (arguments[1] != FICLONE && arguments[1] != FICLONERANGE) {
           return std::nullopt;
         }
-        return ReadLink(link);
-      }
+        return OpenFile(member, argument);
+      case Target::kDescriptor:
+        return OpenFile(member, argument);
       case Target::kOpenedPath: {
         const auto flags = static_cast<int>(arguments.at(static_cast<std::size_t>(call.argument) + 1));
         if ((flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) == 0) {
           return std::nullopt;
         }
         std::string path = ReadText(member, argument);
-        return path.starts_with("/dev/") || path.starts_with("/proc/") ? std::nullopt : std::optional(path);
+        struct stat status {};
+        if (path.starts_with("/proc/") || (stat(path.c_str(), &status) == 0 && S_ISCHR(status.st_mode))) {
+          return std::nullopt;
+        }
+        return Changed{std::move(path), {}};
       }
       case Target::kPath:
       case Target::kPathAt:
-        return ReadText(member, argument);
+        return Changed{ReadText(member, argument), {}};
+      case Target::kEverything:
+        return Changed{"/", {}};
     }
     return std::nullopt;
+  }
+
+  // The file or folder behind a descriptor; none for anything else.
+  static std::optional<Changed> OpenFile(pid_t member, unsigned long long descriptor) {
+    const std::string link = "/proc/" + std::to_string(member) + "/fd/" + std::to_string(static_cast<int>(descriptor));
+    struct stat status {};
+    if (stat(link.c_str(), &status) != 0 || !(S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))) {
+      return std::nullopt;
+    }
+    return Changed{ReadLink(link), {status.st_dev, status.st_ino}};
   }
 
   static std::string Name(pid_t member) {
@@ -268,6 +349,7 @@ class Family {
   std::ostream* record_;
   pid_t leader_ = 0;
   std::set<pid_t> members_;
+  UnsyncedFiles unsynced_;
   long count_ = 0;
   bool killed_ = false;
 };
@@ -282,11 +364,16 @@ int main(int argc, char** argv) {
   Fault fault;
   app.add_option("--record", record_path, "write a line for every numbered call to this file");
   app.add_option("--at", fault.at, "number of the call that the fault hits, from 1");
-  app.add_option("--fault", fault_name, "what happens there")->check(CLI::IsMember({"kill", "EIO", "ENOSPC"}));
+  app.add_option("--fault", fault_name, "what happens there")->check(CLI::IsMember({"kill", "power", "EIO", "ENOSPC"}));
+  app.add_option("--below", fault.below, "folder whose files a power cut empties")->check(CLI::ExistingDirectory);
   app.add_option("command", command, "absolute path of the program, and its arguments")->required();
   CLI11_PARSE(app, argc, argv);
-  if (fault_name != "kill") {
+  if (fault_name == "EIO" || fault_name == "ENOSPC") {
     fault.error = fault_name == "EIO" ? EIO : ENOSPC;
+  }
+  if ((fault_name == "power") == fault.below.empty()) {
+    std::cerr << "fault_injector: a power cut, and nothing else, takes --below\n";
+    return kExitInjectorFailed;
   }
 
   std::ofstream record;
@@ -299,7 +386,7 @@ int main(int argc, char** argv) {
   }
   arguments.push_back(nullptr);
   try {
-    return Family(fault, record.is_open() ? &record : nullptr).Run(arguments);
+    return Family(std::move(fault), record.is_open() ? &record : nullptr).Run(arguments);
   } catch (const std::exception& error) {
     std::cerr << "fault_injector: " << error.what() << '\n';
     return kExitInjectorFailed;
