@@ -4,11 +4,12 @@
 class Aftermath:
     """Looks at an appliance that was struck while it went from one version (none when empty) to another.
 
-    `lost` collects how a pack, or the store, was less than promised; `stuck` what would need a person.
+    `broken` is the text of a status store that was unreadable before the fault. `lost` collects how a pack, or the
+    store, was less than promised; `stuck` what would need a person.
     """
 
-    def __init__(self, publisher, appliance, old, new):
-        self.publisher, self.appliance, self.old, self.new = publisher, appliance, old, new
+    def __init__(self, publisher, appliance, old, new, broken=None):
+        self.publisher, self.appliance, self.old, self.new, self.broken = publisher, appliance, old, new, broken
         self.lost = []
         self.stuck = []
 
@@ -21,10 +22,12 @@ class Aftermath:
                 self.lost.append("the pack folder holds a part of a pack")
         elif self.old and not publisher.is_whole(appliance.backup, self.old):
             self.lost.append("neither pack nor backup is whole")
-        try:
-            appliance.status()
-        except ValueError as error:
-            self.lost.append(f"the status store cannot be read: {error}")
+        self._look_at_store(self.broken)
+
+    def look_after_error(self):
+        """A program that met an error, and lived, has removed what it was building."""
+        if self.appliance.half_built():
+            self.stuck.append(f"not removed after the error: {' '.join(self.appliance.half_built())}")
 
     def go_on(self):
         """Recovery, as at boot, then the next check and update against the healthy server."""
@@ -32,16 +35,30 @@ class Aftermath:
         self._packctl("recover", 0)
         if self.old and not appliance.pack.exists():
             self.lost.append("no pack is in place after recovery")
+        self.broken, was_broken = None, self.broken is not None
         self.look()
+        if appliance.half_built():
+            self.stuck.append(f"left behind by recovery: {' '.join(appliance.half_built())}")
         self._packctl("check", 0, 2)
         self._packctl("update", 0)
-        status = appliance.status()
+        status = self._look_at_store(None)
         if status != "up_to_date":
             self.stuck.append(f"the status is {status}")
         if not self.publisher.is_whole(appliance.pack, self.new):
             self.lost.append("the new pack is not whole at the end")
-        if appliance.leftovers():
-            self.stuck.append(f"left behind: {' '.join(appliance.leftovers())}")
+        # Only what was broken to begin with may be set aside.
+        kept = {str(appliance.broken_status_file)} if was_broken else set()
+        left = [path for path in appliance.leftovers() if path not in kept]
+        if left:
+            self.stuck.append(f"left behind: {' '.join(left)}")
+
+    def _look_at_store(self, broken):
+        try:
+            return self.appliance.status()
+        except ValueError as error:
+            if broken is None or self.appliance.status_file.read_bytes() != broken:
+                self.lost.append(f"the status store cannot be read: {error}")
+            return "unreadable"
 
     def _packctl(self, command, *accepted):
         done = self.appliance.packctl(command)

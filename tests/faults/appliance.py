@@ -1,6 +1,5 @@
 """An appliance in a folder of its own, with the programs of a build, and a server that publishes packs to it."""
 
-import contextlib
 import functools
 import hashlib
 import http.server
@@ -8,6 +7,7 @@ import json
 import os
 import pathlib
 import random
+import re
 import shutil
 import stat
 import subprocess
@@ -32,7 +32,7 @@ def tree(folder):
             content = hashlib.sha256(path.read_bytes()).hexdigest()
         else:
             content = ""
-        entries[str(path.relative_to(folder))] = (stat.S_IFMT(status.st_mode), content)
+        entries[str(path.relative_to(folder))] = (status.st_mode, content)
     return entries
 
 
@@ -102,6 +102,7 @@ class Appliance:
         self.backup = self.packages / ".codec-pack.backup"
         self.download = self.root / "var/cache/orbamira/download"
         self.status_file = self.root / "var/lib/orbamira/status.json"
+        self.broken_status_file = self.root / "var/lib/orbamira/status.json.broken"
 
     @classmethod
     def lay_out(cls, root, build, source):
@@ -149,12 +150,24 @@ class Appliance:
 
     def status(self):
         """The recorded status; "lost" when the store has none. Raises ValueError when the store is no JSON object."""
-        with contextlib.suppress(FileNotFoundError):
-            store = json.loads(self.status_file.read_text())
-            if not isinstance(store, dict):
-                raise ValueError("the status store is no object")
-            return store.get("status", "lost")
-        return "lost"
+        try:
+            store = json.loads(self.status_file.read_bytes())
+        except FileNotFoundError:
+            return "lost"
+        if not isinstance(store, dict):
+            raise ValueError("the status store is no object")
+        return store.get("status", "lost")
+
+    def state(self):
+        """A digest of what the disk holds below the root: times, locks and the chance parts of names do not count."""
+        entries = sorted((re.sub(r"\.(?!backup|broken)[A-Za-z0-9]{6}(?=/|$)", ".XXXXXX", name), *entry)
+                         for name, entry in tree(self.root).items() if not name.startswith("run/orbamira/lock/"))
+        return hashlib.sha256(repr(entries).encode()).hexdigest()
+
+    def half_built(self):
+        """Files and folders that were not yet put in place, as paths."""
+        found = [*self.packages.glob(".codec-pack.partial.*"), *self.status_file.parent.glob("status.json.??????")]
+        return sorted(str(path) for path in found if path != self.broken_status_file)
 
     def leftovers(self):
         """What an update should not leave behind, as paths."""

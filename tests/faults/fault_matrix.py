@@ -1,10 +1,14 @@
 #!/usr/bin/env python3
 """Brings every fault about at every file-changing system call of an update, and looks at what is left.
 
-An update and an upgrade are run once to number their calls. Then, for a call and a fault (the whole family of processes
-killed there, or the call failing with EIO or ENOSPC), the same is run again from the same state with that fault; after
-it the pack must be whole or absent with the means to go on, the status store readable, and recover, check and update
-against the healthy server must end up to date with the right pack.
+Four runs are struck: a first update, an upgrade, the check that finds a broken status store, and the recovery of an
+upgrade that was killed before its new pack was in place. Each is run once to number its calls. Then, for a call and a
+fault, the same is run again from the same state with that fault: the whole family of processes is killed there, or
+killed with the loss of all data that was not synced (a power cut), or the call fails with EIO or ENOSPC. After it the
+pack must be whole or absent with the means to go on, and the status store readable; recover, check and update against
+the healthy server must end up to date with the right pack and nothing left behind.
+
+Faults that leave the disk in the same state share one recovery, check and update.
 
 Exits with 0 when nothing was lost and nothing was stuck, else with 1.
 """
@@ -26,8 +30,18 @@ import time
 from aftermath import Aftermath
 from appliance import Appliance, Publisher
 
-FAULTS = ("kill", "EIO", "ENOSPC")
+ERRORS = ("EIO", "ENOSPC")
+FAULTS = ("kill", "power", *ERRORS)
 OLD, NEW = "1.0.0", "2.0.0"
+INJECTOR_FAILED = 125
+
+
+@dataclasses.dataclass(frozen=True)
+class Scenario:
+    start: Appliance  # copied for every run
+    command: str  # of packctl, the one that is struck
+    old: str | None  # version of the pack that is there before
+    broken: bytes | None = None  # text of the status store when it is unreadable before
 
 
 @dataclasses.dataclass(frozen=True)
@@ -40,6 +54,7 @@ class Case:
 @dataclasses.dataclass(frozen=True)
 class Outcome:
     reached: bool
+    state: str
     lost: tuple
     stuck: tuple
 
@@ -50,6 +65,7 @@ class Matrix:
         self.injector = self.build / "tests/faults/fault_injector"
         self.numbers = itertools.count()
         self.scenarios = {}
+        self.known = {}
 
     def prepare(self, publisher):
         """Makes the state that each scenario starts from."""
@@ -58,73 +74,106 @@ class Matrix:
         fresh = Appliance.lay_out(self.folder / "fresh", self.build, self.source)
         fresh.use_server(new)
         fresh.expect("check")
-        self.scenarios["update"] = fresh
+        self.scenarios["update"] = Scenario(fresh, "update", None)
+
         upgrade = Appliance.lay_out(self.folder / "upgrade", self.build, self.source)
         upgrade.use_server(old)
         upgrade.expect("check")
         upgrade.expect("update")
         upgrade.use_server(new)
         upgrade.expect("check")
-        self.scenarios["upgrade"] = upgrade
+        self.scenarios["upgrade"] = Scenario(upgrade, "update", OLD)
+
+        broken = upgrade.copy_to(self.folder / "broken")
+        text = broken.status_file.read_bytes()
+        text = text[:len(text) // 2]
+        broken.status_file.write_bytes(text)
+        self.scenarios["broken store"] = Scenario(broken, "check", OLD, text)
+
+        killed = upgrade.copy_to(self.folder / "killed")
+        placing = next(int(number) for number, process, call, _ in self.calls("upgrade")
+                       if process == "orba-copy" and call.startswith("rename"))
+        killed.packctl("update", wrapper=(self.injector, "--at", placing, "--fault", "kill", "--"))
+        if killed.pack.exists() or not killed.backup.exists() or not killed.half_built():
+            raise RuntimeError("the killed upgrade did not end before its pack was in place")
+        self.scenarios["recovery"] = Scenario(killed, "recover", OLD)
 
     @contextlib.contextmanager
     def appliance_for(self, scenario):
         root = self.folder / f"run-{next(self.numbers)}"
         try:
-            yield self.scenarios[scenario].copy_to(root)
+            yield self.scenarios[scenario].start.copy_to(root)
         finally:
             shutil.rmtree(root, ignore_errors=True)
 
-    def calls(self, scenario):
+    def calls(self, name):
         """The numbered calls of an undisturbed run."""
-        with self.appliance_for(scenario) as appliance:
-            record = appliance.root / "calls"
-            done = appliance.packctl("update", wrapper=(self.injector, "--record", record, "--"))
-            if done.returncode != 0 or not self.publisher.is_whole(appliance.pack, NEW):
-                raise RuntimeError(f"the undisturbed {scenario} failed: {done.stdout}{done.stderr}")
+        scenario = self.scenarios[name]
+        with self.appliance_for(name) as appliance:
+            record = self.folder / f"calls-{next(self.numbers)}"
+            done = appliance.packctl(scenario.command, wrapper=(self.injector, "--record", record, "--"))
+            if done.returncode != 0:
+                raise RuntimeError(f"the undisturbed {name} failed: {done.stdout}{done.stderr}")
             return [line.split(" ", 3) for line in record.read_text().splitlines()]
 
     def run(self, case):
+        scenario = self.scenarios[case.scenario]
         with self.appliance_for(case.scenario) as appliance:
-            record = appliance.root / "calls"
-            wrapper = (self.injector, "--record", record, "--at", case.call, "--fault", case.fault, "--")
-            appliance.packctl("update", wrapper=wrapper)
-            reached = sum(1 for _ in record.open()) >= case.call
-            aftermath = Aftermath(self.publisher, appliance, OLD if case.scenario == "upgrade" else None, NEW)
-            aftermath.look()
-            aftermath.go_on()
-            return Outcome(reached, tuple(aftermath.lost), tuple(aftermath.stuck))
+            record = appliance.root.with_name(f"{appliance.root.name}.calls")
+            wrapper = [self.injector, "--record", record, "--at", case.call, "--fault", case.fault]
+            if case.fault == "power":
+                wrapper += ["--below", appliance.root]
+            ended = appliance.packctl(scenario.command, wrapper=(*wrapper, "--")).returncode
+            reached = sum(1 for _ in record.open(errors="replace")) >= case.call
+            record.unlink()
+            if ended == INJECTOR_FAILED:
+                raise RuntimeError(f"the injector failed at {case}")
+            state = appliance.state()
+            struck = Aftermath(self.publisher, appliance, scenario.old, NEW, scenario.broken)
+            struck.look()
+            if case.fault in ERRORS and not scenario.start.half_built():
+                struck.look_after_error()
+            if (case.scenario, state) not in self.known:
+                later = Aftermath(self.publisher, appliance, scenario.old, NEW, scenario.broken)
+                later.go_on()
+                self.known[case.scenario, state] = later
+            later = self.known[case.scenario, state]
+            return Outcome(reached, state, (*struck.lost, *later.lost), (*struck.stuck, *later.stuck))
 
 
 def report(outcomes, numbered):
-    """The table: what was tried and what came of it."""
-    rows = collections.defaultdict(collections.Counter)
+    """The table: what was tried and what came of it; whether anything went wrong."""
+    rows = collections.defaultdict(list)
     for case, outcome in outcomes:
-        row = rows[case.scenario, case.fault]
-        row["tried"] += 1
-        row["not reached"] += not outcome.reached
-        row["lost"] += bool(outcome.lost)
-        row["stuck"] += bool(outcome.stuck)
-    print("\n| run | fault | calls | faults tried | not reached | packs lost | states stuck |")
-    print("|---|---|---|---|---|---|---|")
+        rows[case.scenario, case.fault].append(outcome)
+    print("\n| run | fault | calls | faults tried | not reached | states of the disk | packs lost | states stuck |")
+    print("|---|---|---|---|---|---|---|---|")
     for (scenario, fault), row in sorted(rows.items()):
-        print(f"| {scenario} | {fault} | {len(numbered[scenario])} | {row['tried']} | {row['not reached']} "
-              f"| {row['lost']} | {row['stuck']} |")
+        print(f"| {scenario} | {fault} | {len(numbered[scenario])} | {len(row)} "
+              f"| {sum(not outcome.reached for outcome in row)} | {len({outcome.state for outcome in row})} "
+              f"| {sum(bool(outcome.lost) for outcome in row)} | {sum(bool(outcome.stuck) for outcome in row)} |")
     for case, outcome in outcomes:
         for problem in (*outcome.lost, *outcome.stuck):
             _, process, call, path = numbered[case.scenario][case.call - 1]
             print(f"{case.scenario}: {case.fault} at call {case.call} ({process} {call} {path}): {problem}")
-    return any(outcome.lost or outcome.stuck for _, outcome in outcomes)
+    lost = sum(bool(outcome.lost) for _, outcome in outcomes)
+    stuck = sum(bool(outcome.stuck) for _, outcome in outcomes)
+    print(f"faults: {len(outcomes)} tried, {lost} lost, {stuck} stuck, 0 skipped")
+    return lost or stuck
 
 
-def chosen(cases, seconds, seed):
-    """All cases, or as many as the time allows in an order that the seed decides."""
+def chosen(cases, numbered, seconds, seed):
+    """All cases, or as many as the time allows: by turns one of each scenario, fault and program, in a seeded order."""
     if seconds is None:
         yield from cases
         return
     end = time.monotonic() + seconds
-    shuffled = random.Random(seed).sample(cases, len(cases))
-    yield from itertools.takewhile(lambda _: time.monotonic() < end, shuffled)
+    strata = collections.defaultdict(list)
+    for case in random.Random(seed).sample(cases, len(cases)):
+        program = numbered[case.scenario][case.call - 1][1]
+        strata[case.scenario, case.fault, program].append(case)
+    turns = itertools.chain.from_iterable(itertools.zip_longest(*strata.values()))
+    yield from itertools.takewhile(lambda _: time.monotonic() < end, filter(None, turns))
 
 
 def main():
@@ -149,7 +198,7 @@ def main():
         outcomes = []
         with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as workers:
             waiting = set()
-            for case in chosen(cases, arguments.seconds, seed):
+            for case in chosen(cases, numbered, arguments.seconds, seed):
                 if len(waiting) >= 2 * arguments.jobs:
                     done, waiting = concurrent.futures.wait(waiting, return_when=concurrent.futures.FIRST_COMPLETED)
                     outcomes.extend(future.result() for future in done)
