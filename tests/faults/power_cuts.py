@@ -1,9 +1,13 @@
 #!/usr/bin/env python3
-"""Cuts the power of an appliance at random instants of an update, and looks at what the disk held.
+"""Cuts the power of an appliance in every stage of an update, and looks at what the disk held.
 
 The appliance lies on an ext4 image, and the image on a file system that shares blocks. A cut is a clone of the image at
 one instant: what had been written to the disk by then, nothing else. The clone is mounted as after a boot; recover,
 check and update against the healthy server must end up to date with the right pack.
+
+A stage lasts for as long as the same of pack, backup, unpacked files, half-built pack and download are there. An
+undisturbed run tells the stages and how long each takes; the cuts go through them by turns, each at a random instant of
+its stage, so that the short ones are not left to chance.
 
 Exits with 0 when nothing was lost and nothing was stuck, with 1 otherwise, and with 77 (skipped) where the machine
 lacks the privilege or the programs that it takes.
@@ -28,6 +32,7 @@ from appliance import Appliance, Publisher
 SKIPPED = 77
 OLD, NEW = "1.0.0", "2.0.0"
 SIZES = (4_000_000, 1_500_000, 300_000, 20_000)
+POLL = 0.0005
 NEEDED = ("mkfs.ext4", "mkfs.xfs", "mount", "umount", "cp")
 
 
@@ -58,6 +63,11 @@ def why_impossible():
     if not os.path.exists("/dev/loop-control"):
         return "the machine has no loop devices"
     return None
+
+
+def skip(cuts, reason):
+    print(f"power cuts: 0 tried, 0 lost, 0 stuck, {cuts} skipped: {reason}")
+    sys.exit(SKIPPED)
 
 
 class Bench:
@@ -92,22 +102,35 @@ class Bench:
                                 stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                 start_new_session=True)
 
-    def duration(self, name):
-        """Seconds that an undisturbed run takes."""
-        image = self.clone(self.store / f"{name}.img", "run.img")
-        with mounted(image, self.folder / "mount") as mount:
-            begin = time.monotonic()
-            if self.start(mount).wait(timeout=120) != 0:
-                raise RuntimeError(f"the undisturbed {name} failed")
-            return time.monotonic() - begin
-
-    def cut(self, name, delay):
-        """One power cut; the status at that instant, what was lost and what was stuck."""
+    def stages(self, name):
+        """The stages of an undisturbed run with the seconds that each takes."""
+        found = {}
         image = self.clone(self.store / f"{name}.img", "run.img")
         with mounted(image, self.folder / "mount") as mount:
             process = self.start(mount)
+            last = time.monotonic()
+            while process.poll() is None:
+                stage = held(Appliance(mount / "root"))
+                now = time.monotonic()
+                found[stage] = found.get(stage, 0) + now - last
+                last = now
+                time.sleep(POLL)
+            if process.returncode != 0:
+                raise RuntimeError(f"the undisturbed {name} failed")
+            found.setdefault(held(Appliance(mount / "root")), 0)
+        return found
+
+    def cut(self, name, stage, delay):
+        """One power cut so long after the stage began; what was there then and on the disk, lost and stuck."""
+        image = self.clone(self.store / f"{name}.img", "run.img")
+        with mounted(image, self.folder / "mount") as mount:
+            process = self.start(mount)
+            running = Appliance(mount / "root")
+            while process.poll() is None and held(running) != stage:
+                time.sleep(POLL)
             with contextlib.suppress(subprocess.TimeoutExpired):
                 process.wait(timeout=delay)
+            there = held(running)
             cut = self.clone(image, "cut.img")
             with contextlib.suppress(ProcessLookupError):
                 os.killpg(process.pid, signal.SIGKILL)
@@ -116,19 +139,19 @@ class Bench:
             appliance = Appliance(mount / "root")
             aftermath = Aftermath(self.publisher, appliance, self.starts[name], NEW)
             aftermath.look()
-            stage = self.stage(appliance)
+            on_disk = held(appliance)
             aftermath.go_on()
-        return stage, aftermath.lost, aftermath.stuck
+        return f"{there} | {on_disk}", aftermath.lost, aftermath.stuck
 
-    @staticmethod
-    def stage(appliance):
-        """The recorded status with what the disk holds, as the name of the stage that the cut fell into."""
-        with contextlib.suppress(ValueError):
-            held = [name for name, path in (("pack", appliance.pack), ("backup", appliance.backup),
-                                            ("unpacked", appliance.packages / ".codec-pack.unpacked"),
-                                            ("download", appliance.download)) if path.exists()]
-            return f"{appliance.status()}: {', '.join(held) or 'nothing'}"
-        return "unreadable"
+
+def held(appliance):
+    """What of an update is there, in words."""
+    there = [name for name, path in (("pack", appliance.pack), ("backup", appliance.backup),
+                                     ("unpacked", appliance.packages / ".codec-pack.unpacked"),
+                                     ("download", appliance.download)) if path.exists()]
+    if any(appliance.packages.glob(".codec-pack.partial.*")):
+        there.append("half-built")
+    return ", ".join(there) or "nothing"
 
 
 def main():
@@ -140,35 +163,38 @@ def main():
     arguments = parser.parse_args()
     reason = why_impossible()
     if reason:
-        print(f"power cuts: skipped: {reason}")
-        sys.exit(SKIPPED)
+        skip(arguments.cuts, reason)
     seed = random.randrange(2**32) if arguments.seed is None else arguments.seed
     instants = random.Random(seed)
-    stages, lost, stuck = collections.Counter(), [], []
+    memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
+    rows, lost, stuck = collections.Counter(), 0, 0
     with contextlib.ExitStack() as stack:
-        folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="orbamira-power-")))
+        folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="orbamira-power-", dir=memory)))
         publisher = stack.enter_context(Publisher(arguments.source, folder / "published"))
         disk = folder / "disk.img"
         with disk.open("wb") as file:
             file.truncate(2 * 2**30)
         run("mkfs.xfs", "-q", "-m", "reflink=1", disk)
-        store = stack.enter_context(mounted(disk, folder / "store"))
+        try:
+            store = stack.enter_context(mounted(disk, folder / "store"))
+        except subprocess.CalledProcessError as error:
+            skip(arguments.cuts, f"images cannot be mounted: {error.stderr.decode().strip()}")
         bench = Bench(folder, store, arguments.build, arguments.source, publisher)
-        durations = {name: bench.duration(name) for name in bench.starts}
+        stages = [(name, stage, seconds) for name in bench.starts for stage, seconds in bench.stages(name).items()]
+        print(f"power cuts by turns in {len(stages)} stages, seed {seed}", flush=True)
         for number in range(arguments.cuts):
-            name = ("update", "upgrade")[number % 2]
-            delay = instants.uniform(0, 1.05 * durations[name])
-            stage, cut_lost, cut_stuck = bench.cut(name, delay)
-            stages[f"{name} | {stage}"] += 1
-            for kind, problems, found in (("lost", lost, cut_lost), ("stuck", stuck, cut_stuck)):
-                problems.extend(found)
-                for problem in found:
-                    print(f"{name}: cut after {delay:.3f} s ({stage}): {kind}: {problem}", flush=True)
-    print(f"\npower cuts: seed {seed}, durations {durations}")
-    print("| run | stage on disk at the cut | cuts |\n|---|---|---|")
-    for stage, count in sorted(stages.items()):
-        print(f"| {stage} | {count} |")
-    print(f"power cuts: {arguments.cuts}, packs lost: {len(lost)}, states stuck: {len(stuck)}")
+            name, stage, seconds = stages[number % len(stages)]
+            delay = instants.uniform(0, seconds)
+            found, cut_lost, cut_stuck = bench.cut(name, stage, delay)
+            rows[f"{name} | {found}"] += 1
+            lost += bool(cut_lost)
+            stuck += bool(cut_stuck)
+            for problem in (*cut_lost, *cut_stuck):
+                print(f"{name}: cut {delay:.4f} s after \"{stage}\" began ({found}): {problem}", flush=True)
+    print("\n| run | there at the cut | on the disk | cuts |\n|---|---|---|---|")
+    for row, count in sorted(rows.items()):
+        print(f"| {row} | {count} |")
+    print(f"power cuts: {arguments.cuts} tried, {lost} lost, {stuck} stuck, 0 skipped")
     sys.exit(1 if lost or stuck else 0)
 
 
