@@ -12,6 +12,7 @@ class Aftermath:
         self.publisher, self.appliance, self.old, self.new, self.broken = publisher, appliance, old, new, broken
         self.lost = []
         self.stuck = []
+        self.may_be_left = set()
 
     def look(self):
         """The promises that hold at every instant."""
@@ -22,41 +23,47 @@ class Aftermath:
                 self.lost.append("the pack folder holds a part of a pack")
         elif self.old and not publisher.is_whole(appliance.backup, self.old):
             self.lost.append("neither pack nor backup is whole")
-        self._look_at_store(self.broken)
+        self._look_at_store()
 
-    def look_after_error(self):
-        """A program that met an error, and lived, has removed what it was building."""
+    def look_after_error(self, calls):
+        """A program that met an error, and lived, has itself removed what it was building."""
         if self.appliance.half_built():
             self.stuck.append(f"not removed after the error: {' '.join(self.appliance.half_built())}")
+        if any(process == "packctl" and ".codec-pack.partial." in path for _, process, _, path in calls):
+            self.stuck.append("the half-built pack was left to recovery after the error")
 
-    def go_on(self):
-        """Recovery, as at boot, then the next check and update against the healthy server."""
+    def recover(self):
+        """Recovery, as at boot."""
         appliance = self.appliance
         self._packctl("recover", 0)
         if self.old and not appliance.pack.exists():
             self.lost.append("no pack is in place after recovery")
-        self.broken, was_broken = None, self.broken is not None
+        if self.broken is not None:
+            self.may_be_left.add(str(appliance.broken_status_file))
+            self.broken = None
         self.look()
         if appliance.half_built():
             self.stuck.append(f"left behind by recovery: {' '.join(appliance.half_built())}")
+
+    def go_on(self):
+        """The next check and update against the healthy server."""
+        appliance = self.appliance
         self._packctl("check", 0, 2)
         self._packctl("update", 0)
-        status = self._look_at_store(None)
+        status = self._look_at_store()
         if status != "up_to_date":
             self.stuck.append(f"the status is {status}")
         if not self.publisher.is_whole(appliance.pack, self.new):
             self.lost.append("the new pack is not whole at the end")
-        # Only what was broken to begin with may be set aside.
-        kept = {str(appliance.broken_status_file)} if was_broken else set()
-        left = [path for path in appliance.leftovers() if path not in kept]
+        left = [path for path in appliance.leftovers() if path not in self.may_be_left]
         if left:
             self.stuck.append(f"left behind: {' '.join(left)}")
 
-    def _look_at_store(self, broken):
+    def _look_at_store(self):
         try:
             return self.appliance.status()
         except ValueError as error:
-            if broken is None or self.appliance.status_file.read_bytes() != broken:
+            if self.appliance.status_file.read_bytes() != self.broken:
                 self.lost.append(f"the status store cannot be read: {error}")
             return "unreadable"
 

@@ -8,7 +8,7 @@ killed with the loss of all data that was not synced (a power cut), or the call 
 pack must be whole or absent with the means to go on, and the status store readable; recover, check and update against
 the healthy server must end up to date with the right pack and nothing left behind.
 
-Faults that leave the disk in the same state share one recovery, check and update.
+Recoveries that leave the disk in the same state share one check and update.
 
 Exits with 0 when nothing was lost and nothing was stuck, else with 1.
 """
@@ -114,7 +114,7 @@ class Matrix:
             done = appliance.packctl(scenario.command, wrapper=(self.injector, "--record", record, "--"))
             if done.returncode != 0:
                 raise RuntimeError(f"the undisturbed {name} failed: {done.stdout}{done.stderr}")
-            return [line.split(" ", 3) for line in record.read_text().splitlines()]
+            return read_record(record)
 
     def run(self, case):
         scenario = self.scenarios[case.scenario]
@@ -124,21 +124,34 @@ class Matrix:
             if case.fault == "power":
                 wrapper += ["--below", appliance.root]
             ended = appliance.packctl(scenario.command, wrapper=(*wrapper, "--")).returncode
-            reached = sum(1 for _ in record.open(errors="replace")) >= case.call
-            record.unlink()
             if ended == INJECTOR_FAILED:
                 raise RuntimeError(f"the injector failed at {case}")
+            calls = read_record(record)
+            record.unlink()
             state = appliance.state()
-            struck = Aftermath(self.publisher, appliance, scenario.old, NEW, scenario.broken)
-            struck.look()
+            aftermath = Aftermath(self.publisher, appliance, scenario.old, NEW, scenario.broken)
+            aftermath.look()
             if case.fault in ERRORS and not scenario.start.half_built():
-                struck.look_after_error()
-            if (case.scenario, state) not in self.known:
-                later = Aftermath(self.publisher, appliance, scenario.old, NEW, scenario.broken)
-                later.go_on()
-                self.known[case.scenario, state] = later
-            later = self.known[case.scenario, state]
-            return Outcome(reached, state, (*struck.lost, *later.lost), (*struck.stuck, *later.stuck))
+                aftermath.look_after_error(calls)
+            aftermath.recover()
+            lost, stuck = self.going_on(case.scenario, aftermath)
+            return Outcome(len(calls) >= case.call, state, (*aftermath.lost, *lost), (*aftermath.stuck, *stuck))
+
+    def going_on(self, name, recovered):
+        """What check and update come to after recovery, lost and stuck; the same state of the disk is tried once."""
+        key = name, recovered.appliance.state()
+        if key not in self.known:
+            scenario = self.scenarios[name]
+            later = Aftermath(self.publisher, recovered.appliance, scenario.old, NEW)
+            later.may_be_left = recovered.may_be_left
+            later.go_on()
+            self.known[key] = later.lost, later.stuck
+        return self.known[key]
+
+
+def read_record(record):
+    """The numbered calls that the injector wrote down."""
+    return [line.split(" ", 3) for line in record.read_text(errors="replace").splitlines()]
 
 
 def report(outcomes, numbered):

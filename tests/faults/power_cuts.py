@@ -140,6 +140,7 @@ class Bench:
             aftermath = Aftermath(self.publisher, appliance, self.starts[name], NEW)
             aftermath.look()
             on_disk = held(appliance)
+            aftermath.recover()
             aftermath.go_on()
         return f"{there} | {on_disk}", aftermath.lost, aftermath.stuck
 
