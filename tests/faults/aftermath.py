@@ -4,12 +4,13 @@
 class Aftermath:
     """Looks at an appliance that was struck while it went from one version (none when empty) to another.
 
-    `broken` is the text of a status store that was unreadable before the fault. `lost` collects how a pack, or the
-    store, was less than promised; `stuck` what would need a person.
+    `broken` is the text of a status store that was unreadable before the fault; `after_error` tells that the fault was a
+    failing call. `lost` collects how a pack, or the store, was less than promised; `stuck` what would need a person.
     """
 
-    def __init__(self, publisher, appliance, old, new, broken=None):
-        self.publisher, self.appliance, self.old, self.new, self.broken = publisher, appliance, old, new, broken
+    def __init__(self, publisher, appliance, old, new, broken=None, after_error=False):
+        self.publisher, self.appliance, self.old, self.new = publisher, appliance, old, new
+        self.broken, self.after_error = broken, after_error
         self.lost = []
         self.stuck = []
         self.may_be_left = set()
@@ -39,8 +40,7 @@ class Aftermath:
         if self.old and not appliance.pack.exists():
             self.lost.append("no pack is in place after recovery")
         if self.broken is not None:
-            self.may_be_left.add(str(appliance.broken_status_file))
-            self.broken = None
+            self._look_at_broken_store()
         self.look()
         if appliance.half_built():
             self.stuck.append(f"left behind by recovery: {' '.join(appliance.half_built())}")
@@ -66,6 +66,15 @@ class Aftermath:
             if self.appliance.status_file.read_bytes() != self.broken:
                 self.lost.append(f"the status store cannot be read: {error}")
             return "unreadable"
+
+    def _look_at_broken_store(self):
+        """What was broken to begin with is set aside by now, and its text kept unless that very step failed."""
+        aside = self.appliance.broken_status_file
+        if aside.exists():
+            self.may_be_left.add(str(aside))
+        if not self.after_error and not (aside.exists() and aside.read_bytes() == self.broken):
+            self.lost.append("the text of the broken status store is gone")
+        self.broken = None
 
     def _packctl(self, command, *accepted):
         done = self.appliance.packctl(command)

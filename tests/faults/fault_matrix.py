@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
 """Brings every fault about at every file-changing system call of an update, and looks at what is left.
 
-Four runs are struck: a first update, an upgrade, the check that finds a broken status store, and the recovery of an
-upgrade that was killed before its new pack was in place. Each is run once to number its calls. Then, for a call and a
-fault, the same is run again from the same state with that fault: the whole family of processes is killed there, or
-killed with the loss of all data that was not synced (a power cut), or the call fails with EIO or ENOSPC. After it the
-pack must be whole or absent with the means to go on, and the status store readable; recover, check and update against
-the healthy server must end up to date with the right pack and nothing left behind.
+Six runs are struck: a first update; an upgrade, at once and as a download and an install; the check that finds a broken
+status store; and the recovery of an upgrade that was killed before its new pack was in place. Each is run once to
+number its calls. Then, for a call and a fault, the same is run again from the same state with that fault: the whole
+family of processes is killed there, or killed with the loss of all data that was not synced (a power cut), or the call
+fails with EIO or ENOSPC. After it the pack must be whole or absent with the means to go on, and the status store
+readable; recover, check and update against the healthy server must end up to date with the right pack and nothing left
+behind.
 
 Recoveries that leave the disk in the same state share one check and update.
 
@@ -84,6 +85,11 @@ class Matrix:
         upgrade.expect("check")
         self.scenarios["upgrade"] = Scenario(upgrade, "update", OLD)
 
+        self.scenarios["download"] = Scenario(upgrade, "download", OLD)
+        downloaded = upgrade.copy_to(self.folder / "downloaded")
+        downloaded.expect("download")
+        self.scenarios["install"] = Scenario(downloaded, "install", OLD)
+
         broken = upgrade.copy_to(self.folder / "broken")
         text = broken.status_file.read_bytes()
         text = text[:len(text) // 2]
@@ -129,9 +135,9 @@ class Matrix:
             calls = read_record(record)
             record.unlink()
             state = appliance.state()
-            aftermath = Aftermath(self.publisher, appliance, scenario.old, NEW, scenario.broken)
+            aftermath = Aftermath(self.publisher, appliance, scenario.old, NEW, scenario.broken, case.fault in ERRORS)
             aftermath.look()
-            if case.fault in ERRORS and not scenario.start.half_built():
+            if aftermath.after_error and not scenario.start.half_built():
                 aftermath.look_after_error(calls)
             aftermath.recover()
             lost, stuck = self.going_on(case.scenario, aftermath)
