@@ -23,7 +23,7 @@ using orbamira::fuzz::Require;
 
 // Empty when the bytes are refused.
 std::optional<std::string> Decompress(const std::string& gzip) {
-  const orbamira::tools::FileDescriptor file(memfd_create("gzip", MFD_CLOEXEC));
+  const orbamira::UniqueFd file(memfd_create("gzip", MFD_CLOEXEC));
   orbamira::tools::WriteFully(file.get(), gzip.data(), gzip.size(), "gzip");
   std::string content;
   try {

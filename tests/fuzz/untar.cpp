@@ -28,7 +28,6 @@ namespace {
 namespace fs = std::filesystem;
 
 using tools::ArchiveReader;
-using tools::FileDescriptor;
 using tools::Layer;
 using tools::Member;
 
@@ -104,14 +103,14 @@ class CurrentFolder {
   fs::path before_ = fs::current_path();
 };
 
-FileDescriptor Put(const std::string& bytes) {
-  FileDescriptor file(memfd_create("archive", MFD_CLOEXEC));
+UniqueFd Put(const std::string& bytes) {
+  UniqueFd file(memfd_create("archive", MFD_CLOEXEC));
   tools::WriteFully(file.get(), bytes.data(), bytes.size(), "archive");
   return file;
 }
 
 bool Unpack(int archive, Layer layer, const fs::path& into) {
-  const FileDescriptor folder = tools::OpenDirectory(AT_FDCWD, into, into);
+  const UniqueFd folder = tools::OpenDirectory(AT_FDCWD, into, into);
   try {
     ArchiveReader reader(tools::OpenByteSource(archive, layer));
     tools::Extractor(folder.get(), layer, kLimit).Unpack(reader);
@@ -208,7 +207,7 @@ void CorrectHeaders(uint8_t* data, std::size_t size) {
 void UnpackAndCheck(const std::string& archive, Layer layer) {
   static const Yard yard;
   yard.Prepare();
-  const FileDescriptor file = Put(archive);
+  const UniqueFd file = Put(archive);
   const bool unpacked = [&] {
     const CurrentFolder elsewhere(yard.current());
     return Unpack(file.get(), layer, yard.into());
