@@ -4,8 +4,8 @@
 class Aftermath:
     """Looks at an appliance that was struck while it went from one version (none when empty) to another.
 
-    `broken` is the text of a status store that was unreadable before the fault; `after_error` tells that the fault was a
-    failing call. `lost` collects how a pack, or the store, was less than promised; `stuck` what would need a person.
+    `broken` is the text of a status store that was unreadable before the fault; `after_error` tells that the fault was
+    a failing call. `lost` collects how a pack, or the store, was less than promised; `stuck` what would need a person.
     """
 
     def __init__(self, publisher, appliance, old, new, broken=None, after_error=False):

@@ -22,7 +22,6 @@
 #include <linux/filter.h>
 #include <linux/fs.h>
 #include <linux/seccomp.h>
-#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
@@ -35,6 +34,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -212,7 +212,7 @@ class Family {
   [[noreturn]] static void Become(std::vector<char*>& command) {
     setpgid(0, 0);
     ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-    raise(SIGSTOP);
+    static_cast<void>(raise(SIGSTOP));
     std::vector<sock_filter> filter = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
     for (const auto& [number, call] : kCalls) {
       filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<__u32>(number), 0, 1));
@@ -354,9 +354,7 @@ class Family {
   bool killed_ = false;
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int Inject(int argc, char** argv) {
   CLI::App app{"Runs a program and brings a fault about at one of its file-changing system calls"};
   std::string record_path;
   std::string fault_name = "kill";
@@ -381,12 +379,19 @@ int main(int argc, char** argv) {
     record.open(record_path);
   }
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (std::string& argument : command) {
     arguments.push_back(argument.data());
   }
   arguments.push_back(nullptr);
+  return Family(std::move(fault), record.is_open() ? &record : nullptr).Run(arguments);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   try {
-    return Family(std::move(fault), record.is_open() ? &record : nullptr).Run(arguments);
+    return Inject(argc, argv);
   } catch (const std::exception& error) {
     std::cerr << "fault_injector: " << error.what() << '\n';
     return kExitInjectorFailed;

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Tests of the fault injector, on small programs of the shell: injector_test.py FAULT_INJECTOR [unittest argument...]"""
+"""Tests of the fault injector, on small scripts of the shell: injector_test.py FAULT_INJECTOR [unittest argument...]"""
 
 import pathlib
 import subprocess
@@ -59,7 +59,7 @@ class InjectorTest(unittest.TestCase):
         self.assertEqual((self.folder / "file").read_text(), "text\n")
 
     def test_a_power_cut_loses_an_unsynced_file_and_keeps_a_synced_one(self):
-        self.assertEqual(self.cut_power("echo kept > kept; sync kept; echo lost > lost"), {"kept": "kept\n", "lost": ""})
+        self.assertEqual(self.cut_power("echo a > kept; sync kept; echo b > lost"), {"kept": "a\n", "lost": ""})
 
     def test_a_power_cut_loses_what_was_written_after_the_sync(self):
         self.assertEqual(self.cut_power("echo text > file; sync file; echo more >> file"), {"file": ""})

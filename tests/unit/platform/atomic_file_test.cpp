@@ -11,12 +11,12 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <system_error>
 #include <thread>
 
-#include "tests/support/forked.h"
 #include "tests/support/process.h"
 #include "tests/support/test_root.h"
 
@@ -139,27 +139,27 @@ TEST_P(AtomicFileTest, ReplaceFileThatCannotWriteLeavesTheOldFile) {
 // A rename may outlive a power cut that the content of the renamed file does not.
 TEST_P(AtomicFileTest, ReplaceFileThatCannotSyncLeavesTheOldFile) {
   WriteFile(path_, "old");
-  test::Forked replacing([&] {
+  const auto replace = [&] {
     test::FailSystemCall(SYS_fsync, EIO);
-    return ErrorOfReplacing(path_, "content", GetParam()).code().value();
-  });
-  EXPECT_EQ(replacing.Wait(), EIO);
+    _exit(ErrorOfReplacing(path_, "content", GetParam()).code().value());
+  };
+  EXPECT_EXIT(replace(), testing::ExitedWithCode(EIO), "");
   EXPECT_EQ(ReadFile(path_), "old");
   EXPECT_EQ(EntriesIn(dir_.path()), 1U);
 }
 
 TEST(MakeFileTest, MakeFileThatCannotSyncMakesNone) {
   const TempDir dir;
-  test::Forked making([&] {
+  const auto make = [&] {
     test::FailSystemCall(SYS_fsync, EIO);
     try {
       static_cast<void>(MakeFile(dir.File("file"), "content", 0644));
     } catch (const std::system_error& error) {
-      return error.code().value();
+      _exit(error.code().value());
     }
-    return 0;
-  });
-  EXPECT_EQ(making.Wait(), EIO);
+    _exit(EXIT_SUCCESS);
+  };
+  EXPECT_EXIT(make(), testing::ExitedWithCode(EIO), "");
   EXPECT_EQ(EntriesIn(dir.path()), 0U);
 }
 
