@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -17,10 +18,10 @@
 #include <filesystem>
 #include <memory>
 #include <new>
-#include <optional>
 #include <set>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "platform/constants.h"
@@ -44,7 +45,6 @@ using test::Forked;
 using test::ProgramResult;
 using test::RunningProgram;
 using testing::AnyOf;
-using testing::EndsWith;
 using testing::StartsWith;
 using Clock = std::chrono::steady_clock;
 
@@ -169,9 +169,13 @@ class SideBySideTest : public testing::Test {
     EXPECT_EQ(Appliance::Packctl({"update"}).status, 0);
   }
 
+  [[nodiscard]] bool IsWholePack() const {
+    return Appliance::InstalledPayload() == payload_ && fs::exists(path::kHasHevcPath) &&
+           KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath) == "1.0";
+  }
+
   void ExpectWholePack() const {
-    EXPECT_TRUE(Appliance::InstalledPayload() == payload_);  // too long to print
-    EXPECT_EQ(KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath), "1.0");
+    EXPECT_TRUE(IsWholePack());
     std::vector<std::string> beside;
     for (const auto& entry : fs::directory_iterator(kTargetFolder)) {
       beside.push_back(entry.path().filename());
@@ -208,6 +212,60 @@ TEST_F(SideBySideTest, FiftyReadersSeeWholeRecordsAndNobodyStarves) {
     EXPECT_LT(milliseconds((*readings)[i].longest), kPatience) << "reader " << i;
   }
   ExpectWholePack();
+}
+
+/// Gives the status to nobody until everybody has asked for it: then the status permits all of them to go on.
+class MeetingStatusHelper : public PackStatusHelper {
+ public:
+  MeetingStatusHelper(std::shared_ptr<store::IKeyValueStore> store, std::atomic<int>& missing)
+      : PackStatusHelper(std::move(store)), missing_(missing) {}
+
+  PackStatus GetPackStatus() override {
+    const PackStatus status = PackStatusHelper::GetPackStatus();
+    --missing_;
+    while (missing_ > 0) {
+      sched_yield();
+    }
+    return status;
+  }
+
+ private:
+  std::atomic<int>& missing_;
+};
+
+int UpdateThroughTheLibrary(std::atomic<int>& missing) {
+  const std::shared_ptr<IKOSHelper> facts = KOSHelper::Create();
+  const PackManager manager(
+      std::make_shared<wrapper::OrbaCoreWrapper>(), std::make_shared<wrapper::OrbaPkgWrapper>(), facts,
+      std::make_shared<MeetingStatusHelper>(store::FileKeyValueStore::Create(path::kPackStatusFile), missing),
+      PackHandler::Create(), PluginNotifier::Create());
+  return manager.DownloadAndInstall() ? 0 : 1;
+}
+
+// The library takes no lock around a flow: two hosts that read the status at the same moment both go to work, and what
+// one has put in place the other may take away. It is never a part of a pack, and nothing that an update cannot mend.
+TEST_F(SideBySideTest, TwoUpdatesThroughTheLibraryLeaveAWholePackOrNone) {
+  const auto end = Clock::now() + Duration();
+  bool with_pack = true;
+  do {
+    if (!with_pack) {
+      fs::remove_all(path::kPackFolderPath);
+    }
+    with_pack = !with_pack;
+    const Shared<std::atomic<int>> missing;
+    *missing = 2;
+    Forked one([&] { return UpdateThroughTheLibrary(*missing); });
+    Forked two([&] { return UpdateThroughTheLibrary(*missing); });
+    EXPECT_THAT(one.Wait(), AnyOf(0, 1));
+    EXPECT_THAT(two.Wait(), AnyOf(0, 1));
+    EXPECT_TRUE(!fs::exists(path::kPackFolderPath) || IsWholePack());
+    EXPECT_NO_THROW(EXPECT_NE(PackStatusHelper::Create()->GetPackStatus(), kStatusLost));
+    EXPECT_EQ(Appliance::Packctl({"recover"}).status, 0);
+    EXPECT_THAT(Appliance::Packctl({"check"}).status, AnyOf(0, 2));
+    EXPECT_EQ(Appliance::Packctl({"update"}).status, 0);
+    ExpectWholePack();
+    EXPECT_EQ(Appliance::StatusRecord()["status"], "up_to_date");
+  } while (Clock::now() < end && !HasFailure());
 }
 
 TEST_F(SideBySideTest, OfManyUpdatesAtOnceEachWorksOrSaysWhoDoes) {

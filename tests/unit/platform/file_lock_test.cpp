@@ -8,14 +8,17 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <system_error>
 #include <thread>
 #include <vector>
 
+#include "platform/orba_core_wrapper.h"
 #include "tests/support/forked.h"
 #include "tests/support/test_root.h"
 
@@ -40,14 +43,19 @@ bool WaitsForLock(pid_t process) {
          std::string::npos;
 }
 
-bool EventuallyWaitsForLock(pid_t process) {
-  for (int i = 0; i < 100'000; ++i) {
-    if (WaitsForLock(process)) {
-      return true;
+bool Eventually(const std::function<bool()>& condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) {
+      return false;
     }
     std::this_thread::yield();
   }
-  return false;
+  return true;
+}
+
+bool EventuallyWaitsForLock(pid_t process) {
+  return Eventually([process] { return WaitsForLock(process); });
 }
 
 std::string ErrorOf(const std::string& path) {
@@ -128,6 +136,56 @@ TEST_F(FileLockTest, TheKernelGivesTheLockOfAKilledProcessBack) {
   EXPECT_TRUE(IsFree(path_));
   close(ready[0]);
   close(ready[1]);
+}
+
+TEST_F(FileLockTest, AWaiterGetsTheLockOfAKilledProcess) {
+  std::optional<FileLock> lock(path_);
+  test::Forked holder([&] {
+    const FileLock mine(path_);
+    return pause();
+  });
+  ASSERT_TRUE(EventuallyWaitsForLock(holder.pid()));
+  lock.reset();
+  const auto held = [&] { return !IsFree(path_); };
+  ASSERT_TRUE(Eventually(held));
+  test::Forked next([&] {
+    const FileLock mine(path_);
+    return 7;
+  });
+  EXPECT_TRUE(EventuallyWaitsForLock(next.pid()));
+  kill(holder.pid(), SIGKILL);
+  EXPECT_EQ(next.Wait(), 7);
+  EXPECT_EQ(holder.Wait(), -SIGKILL);
+}
+
+// A program that the holder ran outlives it: once the program has started, nothing of the lock is left to it.
+TEST_F(FileLockTest, AProgramThatOutlivesTheHolderDoesNotKeepTheLock) {
+  const std::string pid_file = folder_.File("pid");
+  const std::string sleeps =
+      "echo $$ > '" + pid_file + ".new' && mv '" + pid_file + ".new' '" + pid_file + "' && exec sleep 600";
+  const auto run_command = [&] { return wrapper::OrbaCoreWrapper().RunCommand({"/bin/sh", "-c", sleeps}); };
+  const auto fork_and_exec = [&] {
+    if (fork() == 0) {
+      execl("/bin/sh", "sh", "-c", sleeps.c_str(), nullptr);
+      _exit(127);
+    }
+    return pause();
+  };
+  for (const std::function<int()>& run : std::vector<std::function<int()>>{run_command, fork_and_exec}) {
+    fs::remove(pid_file);
+    test::Forked holder([&] {
+      const FileLock lock(path_);
+      return run();
+    });
+    const bool started = Eventually([&] { return fs::exists(pid_file); });
+    EXPECT_FALSE(IsFree(path_));
+    kill(holder.pid(), SIGKILL);
+    EXPECT_EQ(holder.Wait(), -SIGKILL);
+    EXPECT_TRUE(IsFree(path_));
+    ASSERT_TRUE(started);
+    const pid_t program = std::stoi(test::ReadFile(pid_file));
+    EXPECT_EQ(kill(program, SIGKILL), 0) << "it was to outlive the holder";
+  }
 }
 
 TEST_F(FileLockTest, AProcessForkedMeanwhileDoesNotKeepTheLock) {
