@@ -1,5 +1,7 @@
 #include "platform/body_file.h"
 
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -34,19 +36,34 @@ BodyFile::BodyFile(std::ofstream& stream) : stream_(stream) {
   }
 }
 
+// Only a regular file takes up room, and not every file system knows how much it has.
+void BodyFile::ExpectRoomFor(std::int64_t size) {
+  struct stat file {};
+  struct statvfs disk {};
+  if (fstat(Descriptor(), &file) != 0 || !S_ISREG(file.st_mode) || fstatvfs(Descriptor(), &disk) != 0 ||
+      disk.f_blocks == 0) {
+    return;
+  }
+  const std::uint64_t room = std::uint64_t{disk.f_bfree} * disk.f_frsize;
+  if (size > 0 && static_cast<std::uint64_t>(size) > room) {
+    throw std::system_error(
+        ENOSPC, std::generic_category(),
+        "cannot write the file: it has " + std::to_string(size) + " bytes, " + std::to_string(room) + " are free");
+  }
+}
+
 // Goes to the buffer itself, which never throws. Pieces as large as curl's pass it by: they are written without a copy.
 void BodyFile::Write(std::string_view bytes) {
   errno = 0;
   const auto size = static_cast<std::streamsize>(bytes.size());
   if (stream_.rdbuf()->sputn(bytes.data(), size) != size) {
-    ThrowErrno("cannot write the file");
+    DropAndThrow("cannot write the file");
   }
 }
 
 void BodyFile::StartOver() {
   Flush();
-  if (ftruncate(DescriptorOf::Get(*stream_.rdbuf()), begin_) != 0 ||
-      stream_.rdbuf()->pubseekpos(begin_, std::ios::out) < 0) {
+  if (ftruncate(Descriptor(), begin_) != 0 || stream_.rdbuf()->pubseekpos(begin_, std::ios::out) < 0) {
     ThrowErrno("cannot truncate the file");
   }
 }
@@ -54,15 +71,27 @@ void BodyFile::StartOver() {
 void BodyFile::Flush() {
   errno = 0;
   if (stream_.rdbuf()->pubsync() != 0) {
-    ThrowErrno("cannot write the file");
+    DropAndThrow("cannot write the file");
   }
 }
 
 void BodyFile::Sync() {
   Flush();
-  if (fsync(DescriptorOf::Get(*stream_.rdbuf())) != 0) {
-    ThrowErrno("cannot sync the file");
+  if (fsync(Descriptor()) != 0) {
+    DropAndThrow("cannot sync the file");
   }
+}
+
+int BodyFile::Descriptor() const { return DescriptorOf::Get(*stream_.rdbuf()); }
+
+// Past the buffer: the few bytes still in it are written when the stream is closed, and then go to the beginning.
+void BodyFile::DropAndThrow(const std::string& what) {
+  const int error = errno;
+  if (ftruncate(Descriptor(), begin_) == 0) {
+    lseek(Descriptor(), begin_, SEEK_SET);
+  }
+  errno = error;
+  ThrowErrno(what);
 }
 
 }  // namespace orbamira::wrapper

@@ -1,16 +1,22 @@
 #pragma once
 
+#include <cstdint>
 #include <fstream>
+#include <string>
 #include <string_view>
 
 namespace orbamira::wrapper {
 
 /// The caller's stream while a body is written to it, with the checks and the operations on the disk that a stream
-/// leaves out. Everything throws std::system_error with the reason when it fails.
+/// leaves out. Everything throws std::system_error with the reason when it fails. A body that cannot be written is
+/// dropped at once: on a full disk others need its room, the record of the failure first of all.
 class BodyFile {
  public:
   /// The body begins where the stream stands. Fails when the stream is not open.
   explicit BodyFile(std::ofstream& stream);
+
+  /// Fails when the file system has no room for a body of this many bytes, as far as it tells.
+  void ExpectRoomFor(std::int64_t size);
 
   /// Adds to the body.
   void Write(std::string_view bytes);
@@ -25,6 +31,9 @@ class BodyFile {
   void Sync();
 
  private:
+  [[nodiscard]] int Descriptor() const;
+  [[noreturn]] void DropAndThrow(const std::string& what);
+
   std::ofstream& stream_;
   std::streamoff begin_ = 0;
 };

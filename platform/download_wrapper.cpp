@@ -232,6 +232,7 @@ class Run {
     begun_ = true;
     received_ = 0;
     total_ = answer_.Length();
+    OnDisk([this] { body_.ExpectRoomFor(total_.value_or(0)); });
     validator_ = answer_.Validator();
     use_ = Use::kAppend;
   }

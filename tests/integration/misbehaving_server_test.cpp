@@ -17,6 +17,7 @@
 
 #include "platform/constants.h"
 #include "tests/support/appliance.h"
+#include "tests/support/file_size_limit.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_root.h"
 #include "updater/pack_manager.h"
@@ -630,6 +631,36 @@ std::string NameOf(const testing::TestParamInfo<Misbehaviour>& info) { return in
 
 INSTANTIATE_TEST_SUITE_P(Reply, MisbehavingServerTest, testing::ValuesIn(MisbehavioursOfTheReply()), NameOf);
 INSTANTIATE_TEST_SUITE_P(Package, MisbehavingServerTest, testing::ValuesIn(MisbehavioursOfThePackage()), NameOf);
+
+// It would fill the disk, and with it the place where the failure is to be recorded.
+TEST_F(MisbehavingServerTest, APackageWithoutEndGivesItsRoomBack) {
+  appliance_.Publish("2.0", test::PatternOf(kMebibyte));
+  const Misbehaviour endless{.name = "PackageNeverEnds",
+                             .package = Always([](HttpResponse& response) {
+                               response.framing = HttpResponse::Framing::kUntilClose;
+                               response.endless = true;
+                             }),
+                             .downloads = true};
+  const Log log = DownloadFails("cannot write the file: File too large")(PublishedLink());
+  {
+    const test::FileSizeLimit full(3 * kMebibyte);
+    ExpectPackctlSurvives(endless, log);
+    Misbehave(endless);
+    PackStatusHelper::Create()->SetAsNeedDownload("2.0");
+    EXPECT_FALSE(manager_->Download());
+    EXPECT_EQ(LogCapture::Lines(), log);
+    EXPECT_EQ(RecordedStatus(), "download_failed");
+    EXPECT_LT(fs::file_size(path::kDownloadedOpkPath), 10'000U);
+    ASSERT_TRUE(manager_->CheckNewPack());
+    const ProgramResult download = Appliance::Packctl({"download"});
+    EXPECT_EQ(download.status, 1);
+    EXPECT_THAT(download.errors, testing::EndsWith("the download failed; the recorded status is download_failed\n"));
+    EXPECT_FALSE(fs::exists(kDownloadFolder));
+  }
+  appliance_.SetFault({});
+  ASSERT_TRUE(manager_->CheckNewPack());
+  ExpectHealthyUpdate(test::PatternOf(kMebibyte));
+}
 
 TEST_F(MisbehavingServerTest, ACheckThatFailsLeavesTheRecordAsItWas) {
   appliance_.Publish("2.0", "two");

@@ -14,6 +14,7 @@
 
 #include "platform/download_policy.h"
 #include "platform/exception.h"
+#include "tests/support/file_size_limit.h"
 #include "tests/support/http_server.h"
 #include "tests/support/test_root.h"
 
@@ -257,6 +258,32 @@ TEST_F(DownloadWrapperTest, DownloadToFileReportsAFullDiskAndDoesNotTryAgain) {
     EXPECT_EQ(FailureOf(file, server.Url()), server.Url() + ": cannot write the file: No space left on device");
     EXPECT_THAT(server.Requests(), SizeIs(1));
   }
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileOfAnEndlessBodyGivesTheRoomBackOnceTheDiskIsFull) {
+  HttpServer server([](const HttpRequest&) {
+    return HttpResponse{.body = PatternOf(kMebibyte), .framing = HttpResponse::Framing::kUntilClose, .endless = true};
+  });
+  std::ofstream file(path_, std::ios::binary);
+  file << "before" << std::flush;
+  {
+    const test::FileSizeLimit full(3 * kMebibyte + 7);
+    EXPECT_EQ(FailureOf(file, server.Url()), server.Url() + ": cannot write the file: File too large");
+    EXPECT_EQ(ReadFile(path_), "before");
+    file.close();
+  }
+  EXPECT_LT(std::filesystem::file_size(path_), 10'000U);  // a buffer of the stream's
+  EXPECT_THAT(server.Requests(), SizeIs(1));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileOfABodyLargerThanTheDiskFailsAtOnce) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "begin", .claimed_length = 1L << 60U}; });
+  EXPECT_THAT(FailureOf(server.Url()),
+              testing::MatchesRegex(server.Url() + ": cannot write the file: it has 1152921504606846976 bytes, "
+                                                   "[0-9]+ are free: No space left on device"));
+  EXPECT_THAT(calls_, IsEmpty());
+  EXPECT_EQ(ReadFile(path_), "");
+  EXPECT_THAT(server.Requests(), SizeIs(1));
 }
 
 TEST_F(DownloadWrapperTest, DownloadToFileReportsAFileThatCannotBePutOnDisk) {
@@ -670,7 +697,8 @@ TEST_F(DownloadWrapperTest, DownloadToFileReportsAResumedTransferAsOne) {
 TEST_F(DownloadWrapperTest, DownloadToFileReportsSizesBeyondThirtyTwoBits) {
   policy_.resumes = 0;
   HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "begin", .claimed_length = 5'000'000'000}; });
-  EXPECT_THAT(FailureOf(server.Url()), HasSubstr("got 5 of 5000000000 bytes"));
+  std::ofstream file("/dev/null", std::ios::binary);  // has room
+  EXPECT_THAT(FailureOf(file, server.Url()), HasSubstr("got 5 of 5000000000 bytes"));
   EXPECT_THAT(calls_, ElementsAre(Pair(5, 5'000'000'000)));
 }
 
