@@ -1,0 +1,22 @@
+"""Where the project's parts are, and the appliance that its tests use too."""
+
+import argparse
+import pathlib
+import sys
+
+SOURCE = pathlib.Path(__file__).resolve().parent.parent.parent
+sys.path.insert(0, str(SOURCE / "tests/faults"))
+from appliance import PACK_NAME, Appliance, tree  # noqa: E402,F401  pylint: disable=wrong-import-position,unused-import
+
+BUILD = SOURCE / "build/release"
+FOLDER = SOURCE / "build/bench"
+
+
+def parser(description):
+    """A parser with the options that every benchmark has."""
+    made = argparse.ArgumentParser(description=description, formatter_class=argparse.RawDescriptionHelpFormatter)
+    made.add_argument("--build", type=pathlib.Path, default=BUILD, help="build folder whose programs are measured")
+    made.add_argument("--folder", type=pathlib.Path, default=FOLDER,
+                      help="where payloads (kept for the next time), packs and downloads lie: on a real disk")
+    made.add_argument("--json", type=pathlib.Path, help="write the figures to this file, too")
+    return made

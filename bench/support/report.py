@@ -1,0 +1,28 @@
+"""Figures as tables in Markdown and as JSON."""
+
+import json
+import statistics
+
+
+def median(values):
+    return statistics.median(list(values))
+
+
+def table(head, rows):
+    """A Markdown table; the first column is text, the others are figures."""
+    lines = ["| " + " | ".join(head) + " |", "| --- |" + " ---: |" * (len(head) - 1)]
+    lines += ["| " + " | ".join(str(cell) for cell in row) + " |" for row in rows]
+    return "\n".join(lines) + "\n"
+
+
+def megabytes(size):
+    return f"{size / 1e6:.1f}"
+
+
+def milliseconds(seconds):
+    return f"{seconds * 1000:.1f}" if seconds < 0.1 else f"{seconds * 1000:.0f}"
+
+
+def write_json(path, figures):
+    if path:
+        path.write_text(json.dumps(figures, indent=2) + "\n")
