@@ -1,7 +1,9 @@
 """Where the project's parts are, and the appliance that its tests use too."""
 
 import argparse
+import os
 import pathlib
+import subprocess
 import sys
 
 SOURCE = pathlib.Path(__file__).resolve().parent.parent.parent
@@ -20,3 +22,15 @@ def parser(description):
                       help="where payloads (kept for the next time), packs and downloads lie: on a real disk")
     made.add_argument("--json", type=pathlib.Path, help="write the figures to this file, too")
     return made
+
+
+def install(build, root):
+    """A fresh appliance below `root`, with what an installation of the build folder's programs brings."""
+    subprocess.run(["cmake", "--install", build, "--strip"], env={**os.environ, "DESTDIR": str(root)}, check=True,
+                   stdout=subprocess.DEVNULL)
+    appliance = Appliance(root)
+    settings = root / "etc/orbamira"
+    (settings / "system.conf").write_text('unique="bench-appliance"\n')
+    (settings / "version.conf").write_text('major_version="3"\nminor_version="1"\nbuild_number="1200"\n')
+    (root / "packctl").symlink_to("usr/bin/packctl")
+    return appliance

@@ -9,7 +9,7 @@ import shutil
 import subprocess
 
 from packs import INSTALLED
-from project import SOURCE, Appliance
+from project import install
 
 _PIPELINE = """\
 set -e
@@ -52,7 +52,7 @@ class Updater(Side):
 
     def __init__(self, folder, shelf, url, build):
         super().__init__(folder, shelf, url)
-        self.appliance = Appliance.lay_out(folder, build, SOURCE)
+        self.appliance = install(build, folder)
 
     def command(self, pack):
         self.appliance.use_server(self.shelf.offer(pack, self.url))
