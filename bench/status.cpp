@@ -44,7 +44,7 @@ using Clock = std::chrono::steady_clock;
 constexpr long kSize = 68'000'000;
 constexpr int kWritesPerSave = 6;
 constexpr int kReadsOfChanged = 200;
-constexpr int kSavesPerProcess = 20;
+constexpr int kSavesPerProcess = 10;
 
 [[noreturn]] void Fail(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
 

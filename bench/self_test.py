@@ -1,0 +1,92 @@
+#!/usr/bin/env python3
+"""Every benchmark runs through and gives the figures that it promises."""
+
+import argparse
+import json
+import pathlib
+import subprocess
+import sys
+import tempfile
+
+BENCH = pathlib.Path(__file__).resolve().parent
+ROW = {"wall", "processor", "peak"}
+STAGES = {"check", "download", "download, made durable", "digest", "unpack, outer", "unpack, inner", "place", "clean up",
+          "status writes", "plugin calls", "other"}
+
+
+def run(build, folder, script, *options):
+    """The JSON that the benchmark writes."""
+    figures = folder / "figures.json"
+    subprocess.run([sys.executable, "-B", BENCH / script, "--build", build, "--folder", folder, "--json", figures,
+                    *options], check=True, stdout=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
+    return json.loads(figures.read_text())
+
+
+def expect(condition, what):
+    if not condition:
+        raise SystemExit(f"failed: {what}")
+
+
+def test_update(build, folder):
+    found = run(build, folder, "update", "--payload", "small", "--runs", "1")
+    expect(found["payload_bytes"] == 2_000_000 and 0 < found["package_bytes"] < 2_000_000, "sizes of the payload")
+    for side in ("packctl", "pipeline", "dpkg"):
+        for row in (found["medians"][side], *found["runs"][side]):
+            expect(row.keys() == ROW | {"dirtied", "dropped"}, f"figures of {side}")
+            expect(all(row[figure] > 0 for figure in ROW), f"{side} took nothing")
+        expect(found["medians"][side]["dirtied"] > 2_000_000, f"{side} wrote less than the payload")
+    for side in ("pipeline", "dpkg"):
+        expect(found["ratios"][side].keys() == {"wall", "processor"}, f"ratios to {side}")
+
+
+def test_stages(build, folder):
+    found = run(build, folder, "update", "--payload", "small", "--runs", "1", "--stages")
+    expect(found["stages"].keys() == STAGES, "names of the stages")
+    expect(all(time > 0 for time in found["stages"].values()), f"a stage took no time: {found['stages']}")
+    for program in ("packctl", "orba-archive", "orba-tar", "orba-copy", "rm", "notify_plugin.py"):
+        expect(found["programs"][program]["peak"] > 0, f"figures of {program}")
+
+
+def test_growth(build, folder):
+    found = run(build, folder, "growth", "--runs", "1", "--most-megabytes", "2", "--most-files", "10")
+    for figures, size in (("by_size", "2"), ("by_files", "10")):
+        expect(found[figures][size].keys() == ROW | {"package"}, f"figures {figures}")
+
+
+def test_load(build, folder):
+    found = run(build, folder, "load", "--runs", "1")
+    expect(all(found["load"][part] > 0 for part in ("dlopen", "create", "both")), "processor time of loading")
+    expect(len(found["sizes"]) == 5 and all(found["sizes"].values()), "sizes")
+    expect(found["calls"]["the answer"] == 1 and "the record" in found["calls"], "system calls")
+
+
+def test_progress(build, folder):
+    found = run(build, folder, "progress", "--runs", "1", "--megabytes", "5")
+    expect(found["nothing_recorded"]["saves"] == 0, "saves when nothing is recorded")
+    expect(set(found["recorded"]) == {"0", "5", "50", "200"}, "latencies")
+    expect(found["recorded"]["200"]["first"] >= 0.2, "what a slow save costs")
+
+
+def test_status(build, folder):
+    report = folder / "status.json"
+    subprocess.run([build.resolve() / "bench/status", "--folder", folder, f"--benchmark_out={report}",
+                    "--benchmark_min_time=0.01", "--benchmark_filter=-processes:16"], check=True, capture_output=True)
+    found = {row["name"]: row for row in json.loads(report.read_text())["benchmarks"]}
+    expect(found["Save/against_plain_writes/manual_time"]["ratio"] > 0, "ratio of a save")
+    expect(found["Read/unchanged"]["cpu_time"] > 0, "processor time of a read")
+    for count in (1, 4):
+        expect(found[f"Saves/processes:{count}/manual_time"]["saves_per_s"] > 0, f"saves by {count} processes")
+
+
+def main():
+    tests = {name.removeprefix("test_"): test for name, test in globals().items() if name.startswith("test_")}
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--build", type=pathlib.Path, required=True, help="build folder whose programs are run")
+    parser.add_argument("test", choices=tests)
+    arguments = parser.parse_args()
+    with tempfile.TemporaryDirectory(prefix="orbamira-bench-") as name:
+        tests[arguments.test](arguments.build, pathlib.Path(name))
+
+
+if __name__ == "__main__":
+    main()
