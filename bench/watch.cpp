@@ -198,6 +198,7 @@ int main(int argc, char** argv) try {
   CLI11_PARSE(app, argc, argv);
 
   std::vector<char*> command;
+  command.reserve(program.size() + 1);
   for (std::string& word : program) {
     command.push_back(word.data());
   }
