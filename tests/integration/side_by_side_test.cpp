@@ -13,9 +13,9 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <memory>
 #include <new>
 #include <set>
@@ -152,7 +152,7 @@ int ReadUntil(Signal& stop, Reading& reading, bool keeps_store) {
       store = store::FileKeyValueStore::Create(path::kPackStatusFile);
     }
     if (const std::string fault = FaultOfRecord(*store); !fault.empty()) {
-      std::fprintf(stderr, "A reader found %s\n", fault.c_str());
+      std::cerr << "A reader found " << fault << '\n';
       return 1;
     }
     const auto took = std::chrono::duration_cast<milliseconds>(Clock::now() - begin).count();
@@ -269,9 +269,9 @@ TEST_F(SideBySideTest, TwoUpdatesThroughTheLibraryLeaveAWholePackOrNone) {
 }
 
 TEST_F(SideBySideTest, OfManyUpdatesAtOnceEachWorksOrSaysWhoDoes) {
-  std::vector<std::unique_ptr<RunningProgram>> updates;
-  for (int i = 0; i < 6; ++i) {
-    updates.push_back(std::make_unique<RunningProgram>(Appliance::PackctlCommand({"update"})));
+  std::array<std::unique_ptr<RunningProgram>, 6> updates;
+  for (auto& update : updates) {
+    update = std::make_unique<RunningProgram>(Appliance::PackctlCommand({"update"}));
   }
   int done = 0;
   for (const auto& update : updates) {
