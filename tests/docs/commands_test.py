@@ -1,0 +1,159 @@
+#!/usr/bin/env python3
+"""Runs every command that the documentation shows, and follows every link in it.
+
+The fenced blocks marked `sh` of one page are run in turn by one shell, on an appliance and a publisher of the page's own.
+What a page calls by its place on a real machine is put where the test may write: see Page.here().
+"""
+
+import argparse
+import functools
+import http.server
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+PAGES = [SOURCE / "README.md", *sorted((SOURCE / "docs").glob("*.md")), *sorted((SOURCE / "examples").glob("*.md"))]
+BLOCK = re.compile(r"^```sh\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+LINK = re.compile(r"\]\(([^)\s]+)\)")
+HEADING = re.compile(r"^#+ (.+)$", re.MULTILINE)
+
+# These are run as they are by .ci/run, which a test cannot start: it is part of it.
+RUN_BY_CI = ("scripts/demo", "scripts/test", "scripts/lint", ".ci/run")
+
+# What takes a real machine: that the page is right is seen from what the project has.
+STUB = """#!/bin/sh
+for word in "$@"; do
+  case "$word" in
+    *.service | *.timer) [ -e "{source}/packaging/systemd/$word" ] || exit 1 ;;
+  esac
+done
+"""
+STUBBED = ("systemctl", "journalctl", "apt-get", "apt", "dpkg", "adduser")
+
+
+def anchor(heading):
+    """What a link calls the heading."""
+    return re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
+
+
+class Page:
+    """One page with the machine that its commands are run on."""
+
+    def __init__(self, path, build, folder):
+        self.path, self.build, self.folder = path, build, folder
+        self.root, self.packs, self.work = folder / "root", folder / "srv/packs", folder / "work"
+
+    def here(self, text):
+        """The commands with places and names of this test."""
+        for there, here in (
+            ("https://packs.example.com/packs", self.address),
+            ("/srv/packs", str(self.packs)),
+            ("/etc/orbamira", f"{self.root}/etc/orbamira"),
+            ("sudo ", ""),
+        ):
+            text = text.replace(there, here)
+        return "\n".join(line for line in text.split("\n") if not line.startswith(RUN_BY_CI))
+
+    def prepare(self):
+        subprocess.run(
+            ["cmake", "--install", self.build], env={**os.environ, "DESTDIR": str(self.root)}, check=True,
+            stdout=subprocess.DEVNULL,
+        )
+        etc = self.root / "etc/orbamira"
+        (etc / "system.conf").write_text('unique="test-appliance"\n')
+        (etc / "version.conf").write_text('major_version="3"\nminor_version="1"\nbuild_number="1200"\n')
+        (etc / "updater.conf").write_text(f'pack_update_server="{self.address}/reply.json"\n')
+        self.packs.mkdir(parents=True)
+        for library in ("decoder/libdecoder.so.1", "build/pack/lib/libdecoder.so.1"):
+            (self.work / library).parent.mkdir(parents=True)
+            (self.work / library).write_bytes(b"decoder")
+        for name in ("examples", "docs", "scripts", "bench", "tests"):
+            (self.work / name).symlink_to(SOURCE / name)
+        (self.work / "build/release").symlink_to(self.build)
+        for name in STUBBED:
+            stub = self.folder / "stubs" / name
+            stub.parent.mkdir(exist_ok=True)
+            stub.write_text(STUB.format(source=SOURCE))
+            stub.chmod(0o755)
+        # Something is on offer, and then installed, before the page begins.
+        self.shell(
+            "mkpack --payload build/pack --output /srv/packs --name orbamira-hevc --version 1.0.0 --title HEVC "
+            "--base-url https://packs.example.com/packs"
+        )
+
+    def shell(self, text):
+        environment = {
+            **os.environ,
+            "ORBAMIRA_ROOT": str(self.root),
+            "PATH": f"{self.folder}/stubs:{self.root}/usr/bin:{os.environ['PATH']}:/usr/sbin",
+        }
+        done = subprocess.run(
+            ["bash", "-euo", "pipefail", "-c", self.here(text)], cwd=self.work, env=environment,
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=300,
+            check=False,
+        )
+        if done.returncode != 0:
+            raise AssertionError(f"{self.path.name}: ended with {done.returncode}:\n{text}\n{done.stdout}")
+
+    def run(self):
+        class Quiet(http.server.SimpleHTTPRequestHandler):
+            def log_message(self, *_):
+                pass
+
+        with http.server.ThreadingHTTPServer(
+            ("127.0.0.1", 0), functools.partial(Quiet, directory=str(self.packs))
+        ) as server:
+            self.address = f"http://127.0.0.1:{server.server_address[1]}"
+            threading.Thread(target=server.serve_forever, daemon=True).start()
+            try:
+                self.prepare()
+                for block in BLOCK.findall(self.path.read_text()):
+                    self.shell(block)
+            finally:
+                server.shutdown()
+
+
+class DocumentationTest(unittest.TestCase):
+    build = None
+
+    def test_every_command_runs(self):
+        for path in PAGES:
+            with self.subTest(path.name), tempfile.TemporaryDirectory() as folder:
+                Page(path, self.build, pathlib.Path(folder)).run()
+
+    def test_every_link_leads_somewhere(self):
+        for path in PAGES:
+            for link in LINK.findall(path.read_text()):
+                if re.match(r"https?:", link):
+                    continue
+                name, _, fragment = link.partition("#")
+                target = path.parent / name if name else path
+                with self.subTest(page=path.name, link=link):
+                    self.assertTrue(target.exists())
+                    if fragment:
+                        self.assertIn(fragment, map(anchor, HEADING.findall(target.read_text())))
+
+    def test_every_page_can_be_reached(self):
+        """From the first page, in any number of steps."""
+        reached, ahead = set(), [SOURCE / "README.md"]
+        while ahead:
+            path = ahead.pop()
+            reached.add(path)
+            links = [link.partition("#")[0] for link in LINK.findall(path.read_text())]
+            pages = {(path.parent / link).resolve() for link in links if link.endswith(".md")}
+            ahead.extend(page for page in pages - reached if page.exists())
+        self.assertEqual([], sorted(str(page) for page in set(PAGES) - reached))
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--build", required=True, type=pathlib.Path, help="build folder that is installed")
+    arguments, rest = parser.parse_known_args()
+    DocumentationTest.build = arguments.build.resolve()
+    unittest.main(argv=[sys.argv[0], *rest])
