@@ -37,6 +37,7 @@ namespace path {
 
 const char* const kNotifyPluginPyPath = AtRoot("/usr/libexec/orbamira/notify_plugin.py");
 const char* const kGetAppIdPyPath = AtRoot("/usr/libexec/orbamira/get_app_id.py");
+const char* const kPluginFolder = AtRoot("/usr/lib/orbamira/plugins");
 const char* const kTempPluginAppIdPath = AtRoot("/run/orbamira/plugin-app-ids.json");
 const char* const kTarPath = AtRoot("/usr/libexec/orbamira/orba-tar");
 const char* const kCpPath = AtRoot("/usr/libexec/orbamira/orba-copy");
@@ -51,6 +52,7 @@ const char* const kHasHevcPath = AtRoot("/var/lib/orbamira/packages/codec-pack/h
 const char* const kDownloadedOpkPath = AtRoot("/var/cache/orbamira/download/codec-pack.opk");
 const char* const kPackStatusFile = AtRoot("/var/lib/orbamira/status.json");
 const char* const kPackStatusLock = AtRoot("/run/orbamira/lock/status.lock");
+const char* const kHistoryFile = AtRoot("/var/lib/orbamira/history.jsonl");
 const char* const kCodecRequirementsPath = AtRoot("/var/lib/orbamira/codec-requirements.json");
 const char* const kCodecRequirementsLock = AtRoot("/run/orbamira/lock/codec-requirements.lock");
 const char* const kPkgSetting = AtRoot("/etc/orbamira/updater.conf");

@@ -38,6 +38,8 @@ namespace path {
 extern const char* const kNotifyPluginPyPath;
 /// Program that lists the plugins' application ids into the file named by its only argument.
 extern const char* const kGetAppIdPyPath;
+/// Directory of the plugins, which the two programs above run.
+extern const char* const kPluginFolder;
 /// The answer file of kGetAppIdPyPath; exists only while the answer is being read.
 extern const char* const kTempPluginAppIdPath;
 /// Program that unpacks package.tgz: "-xf ARCHIVE -C DIR".
@@ -66,6 +68,8 @@ extern const char* const kDownloadedOpkPath;
 extern const char* const kPackStatusFile;
 /// Lock file of the status store.
 extern const char* const kPackStatusLock;
+/// What packctl has done, one JSON object a line; an older part lies beside it under the same name with ".1" behind.
+extern const char* const kHistoryFile;
 /// What applications ask for: a JSON object of codec name to the list of those who ask.
 extern const char* const kCodecRequirementsPath;
 /// Lock file of the codec-requirements file.

@@ -102,6 +102,7 @@ class Appliance:
         self.backup = self.packages / ".codec-pack.backup"
         self.download = self.root / "var/cache/orbamira/download"
         self.status_file = self.root / "var/lib/orbamira/status.json"
+        self.history = {self.root / "var/lib/orbamira" / name for name in ("history.jsonl", "history.jsonl.1")}
         self.broken_status_file = self.root / "var/lib/orbamira/status.json.broken"
 
     @classmethod
@@ -159,9 +160,12 @@ class Appliance:
         return store.get("status", "lost")
 
     def state(self):
-        """A digest of what the disk holds below the root: times, locks and the chance parts of names do not count."""
+        """A digest of what the disk holds below the root: times, locks, the history and the chance parts of names do
+        not count."""
+        history = {str(path.relative_to(self.root)) for path in self.history}
         entries = sorted((re.sub(r"\.(?!backup|broken)[A-Za-z0-9]{6}(?=/|$)", ".XXXXXX", name), *entry)
-                         for name, entry in tree(self.root).items() if not name.startswith("run/orbamira/lock/"))
+                         for name, entry in tree(self.root).items()
+                         if not name.startswith("run/orbamira/lock/") and name not in history)
         return hashlib.sha256(repr(entries).encode()).hexdigest()
 
     def half_built(self):
@@ -171,7 +175,8 @@ class Appliance:
 
     def leftovers(self):
         """What an update should not leave behind, as paths."""
-        kept = {self.pack, self.status_file, self.packages, self.root / "var/lib/orbamira/codec-requirements.json"}
+        kept = {self.pack, self.status_file, self.packages, self.root / "var/lib/orbamira/codec-requirements.json",
+                *self.history}
         found = [*self.packages.iterdir(), *(self.root / "var/lib/orbamira").iterdir()]
         if self.download.exists():
             found.append(self.download)

@@ -9,7 +9,6 @@
 #include "tools/packctl/asked_status_helper.h"
 #include "tools/packctl/checking_pack_handler.h"
 #include "tools/packctl/command.h"
-#include "tools/packctl/exclusive_lock.h"
 #include "tools/packctl/progress_view.h"
 #include "tools/packctl/recovery.h"
 #include "tools/packctl/status_reader.h"
@@ -96,16 +95,10 @@ Outcome FailedChange(const char* command, const char* noun) {
   return Failed(command, noun);
 }
 
-std::unique_ptr<ProgressView> MakeProgressView(const Console& console) {
-  const auto write = [&console](std::string_view text) { console.Print(text); };
-  if (console.IsTerminal()) {
-    return std::make_unique<LineView>(write, [&console] { return console.Columns(); });
-  }
-  return std::make_unique<PlainView>(write);
-}
-
 bool RunWithProgress(const Console& console, const std::function<bool()>& work) {
-  const auto view = MakeProgressView(console);
+  const auto view = MakeProgressView(
+      console.IsTerminal(), [&console](std::string_view text) { console.Print(text); },
+      [&console] { return console.Columns(); });
   const auto show = [&view] {
     try {
       view->Show(ReadStatus(), ProgressView::Clock::now());
@@ -129,10 +122,9 @@ Outcome NotPermitted(const char* command, const char* noun, updater::PackStatus 
 }
 
 Outcome RunFlow(Context& context, const Flow& flow) {
-  const ExclusiveLock lock(path::kPackctlLock);
   const Updater updater = MakeUpdater();
   const auto work = [&] { return (updater.manager.get()->*flow.run)(); };
-  const bool done = context.json ? work() : RunWithProgress(context.console, work);
+  const bool done = context.options.json ? work() : RunWithProgress(context.console, work);
   if (const auto status = updater.status->refused_status()) {
     return NotPermitted(flow.command, flow.noun, *status);
   }
@@ -148,6 +140,11 @@ Outcome RunFlow(Context& context, const Flow& flow) {
   }
   Outcome outcome = AnswerWithStatus(kExitDone, flow.command, "done");
   outcome.text = flow.success;
+  outcome.changed = true;
+  if (!flow.installs) {
+    const StatusRecord record = ReadStatus();
+    outcome.offer = PackIdentity{record.new_pack_name, record.new_version};
+  }
   return outcome;
 }
 
@@ -163,7 +160,6 @@ std::string Installed(const Json::Value& version) {
 }  // namespace
 
 Outcome Check(Context& /*context*/) {
-  const ExclusiveLock lock(path::kPackctlLock);
   const Updater updater = MakeUpdater();
   const bool found = updater.manager->CheckNewPack();
   const std::optional<std::string>& declined = updater.handler->declined_version();
@@ -174,6 +170,8 @@ Outcome Check(Context& /*context*/) {
     const std::string version = ReadStatus().new_version;
     outcome = AnswerWithStatus(kExitDone, "check", "new_pack");
     outcome.json["version"] = version;
+    outcome.changed = true;
+    outcome.offer = PackIdentity{.version = version};
     outcome.text = "A new pack is available: version " + tools::Printable(version) + ", " + installed +
                    ".\nFetch and install it with \"packctl update\".\n";
   } else if (declined) {
@@ -208,7 +206,6 @@ Outcome Update(Context& context) {
 
 Outcome Remove(Context& /*context*/) {
   namespace fs = std::filesystem;
-  const ExclusiveLock lock(path::kPackctlLock);
   if (const updater::PackStatus status = ReadStatus().status; IsUnderWay(status)) {
     return NotPermitted("remove", "removal", status);
   }
@@ -227,15 +224,16 @@ Outcome Remove(Context& /*context*/) {
     return FailedChange("remove", "removal");
   }
   Outcome outcome = AnswerWithStatus(kExitDone, "remove", "done");
+  outcome.changed = true;
   outcome.text = "The codec pack is removed.\n";
   return outcome;
 }
 
 Outcome RunRecovery(Context& /*context*/) {
-  const ExclusiveLock lock(path::kPackctlLock);
   const RecoveryReport report = Recover();
   const bool whole = report.failed.empty();
   Outcome outcome = AnswerWithStatus(whole ? kExitDone : kExitFailed, "recover", whole ? "done" : "failed");
+  outcome.changed = !report.done.empty();
   Json::Value& actions = outcome.json["actions"] = Json::arrayValue;
   for (const std::string& action : report.done) {
     actions.append(action);

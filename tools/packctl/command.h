@@ -2,10 +2,13 @@
 
 #include <json/value.h>
 
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/packctl/console.h"
+#include "tools/packctl/history.h"
 
 namespace orbamira::packctl {
 
@@ -21,15 +24,24 @@ enum ExitStatus : int {
 /// What a command has to say when it is done.
 struct Outcome {
   ExitStatus exit = kExitDone;
-  Json::Value json = Json::objectValue;    ///< the answer to a program
+  Json::Value json = Json::objectValue;    ///< the answer to a program; null when all was printed already
   std::string text = {};                   ///< the answer to a person; whole lines, may be empty
   std::vector<std::string> problems = {};  ///< sentences for the standard error, after the reasons that were logged
+  bool changed = false;                    ///< something was changed or found: the history tells of it
+  std::optional<PackIdentity> offer = {};  ///< the pack that was found or fetched and now waits
+};
+
+/// What the user asked of a command.
+struct Options {
+  bool json = false;                      ///< the answer will be JSON: nothing else is shown in between
+  bool watch = false;                     ///< status: go on until interrupted
+  std::optional<std::size_t> limit = {};  ///< history: only so many entries
 };
 
 /// What a command may use besides the library.
 struct Context {
   Console& console;
-  bool json;  ///< the answer will be JSON: nothing is shown in between
+  Options options;
 };
 
 /// The queries: they change neither pack nor record and may run beside anything. A missing store or lock file may be
@@ -37,13 +49,13 @@ struct Context {
 Outcome Status(Context& context);
 Outcome Info(Context& context);
 Outcome Codecs(Context& context);
+Outcome ShowHistory(Context& context);
 
 /// Asks the plugins who they are. The library's answer file allows one at a time, so it excludes the changing commands.
 Outcome Plugins(Context& context);
 
-/// The changing commands: each holds the lock that keeps two of them apart, and throws Busy when another holds it. A
-/// flow that fails after it began, and a removal that fails, run the recovery before they return; one that the recorded
-/// status forbids changes nothing.
+/// The changing commands, for a caller that keeps two of them apart. A flow that fails after it began, and a removal
+/// that fails, run the recovery before they return; one that the recorded status forbids changes nothing.
 Outcome Check(Context& context);
 Outcome Download(Context& context);
 Outcome Install(Context& context);

@@ -32,6 +32,9 @@ class Console {
 
   [[nodiscard]] bool IsTerminal() const;
 
+  /// Where Print() writes, to wait for: it reports an error once nobody reads any more.
+  [[nodiscard]] int output() const { return output_; }
+
   /// The terminal's width now; $COLUMNS or 80 where it is not known.
   [[nodiscard]] int Columns() const;
 

@@ -89,4 +89,12 @@ void PlainView::ShowDownload(const StatusRecord& record) {
 
 void PlainView::Finish() {}
 
+std::unique_ptr<ProgressView> MakeProgressView(bool on_terminal, ProgressView::Write write,
+                                               std::function<int()> columns) {
+  if (on_terminal) {
+    return std::make_unique<LineView>(std::move(write), std::move(columns));
+  }
+  return std::make_unique<PlainView>(std::move(write));
+}
+
 }  // namespace orbamira::packctl

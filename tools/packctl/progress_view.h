@@ -60,4 +60,8 @@ class PlainView : public ProgressView {
   std::string step_;
 };
 
+/// The view that fits what is written to; `columns` is asked only of a terminal.
+std::unique_ptr<ProgressView> MakeProgressView(bool on_terminal, ProgressView::Write write,
+                                               std::function<int()> columns);
+
 }  // namespace orbamira::packctl

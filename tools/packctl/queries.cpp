@@ -1,5 +1,4 @@
-#include <array>
-#include <ctime>
+#include <algorithm>
 #include <memory>
 #include <stdexcept>
 #include <utility>
@@ -7,10 +6,11 @@
 #include "platform/constants.h"
 #include "tools/common/posix.h"
 #include "tools/packctl/command.h"
-#include "tools/packctl/exclusive_lock.h"
+#include "tools/packctl/local_time.h"
 #include "tools/packctl/progress_text.h"
 #include "tools/packctl/status_reader.h"
 #include "tools/packctl/status_words.h"
+#include "tools/packctl/watch.h"
 #include "updater/kos_helper.h"
 #include "updater/pack_manager.h"
 #include "updater/plugin_notifier.h"
@@ -45,15 +45,6 @@ std::string Joined(const Json::Value& texts) {
   return joined.empty() ? "none" : joined;
 }
 
-std::string LocalTime(std::time_t time) {
-  std::tm parts{};
-  std::array<char, 64> buffer{};
-  if (localtime_r(&time, &parts) == nullptr) {
-    return "unknown";
-  }
-  return {buffer.data(), std::strftime(buffer.data(), buffer.size(), "%Y-%m-%d %H:%M:%S %Z", &parts)};
-}
-
 std::string StatusLines(const StatusRecord& record) {
   std::string text =
       std::string("Status:    ") + StatusText(record.status) + " (" + StatusMeaning(record.status) + ")\n";
@@ -75,19 +66,32 @@ std::string StatusLines(const StatusRecord& record) {
   return text + "Permitted: " + PermittedCommands(record.status) + "\n";
 }
 
+std::string PackWords(const std::optional<PackIdentity>& pack) {
+  if (!pack) {
+    return "no pack";
+  }
+  const std::string name = pack->package.empty() ? "" : pack->package + " ";
+  return tools::Printable(name + (pack->version.empty() ? "of unknown version" : pack->version));
+}
+
+std::string HistoryLines(const HistoryEntry& entry) {
+  std::string lines = LocalTime(entry.time) + "  " + tools::Printable(entry.command + ": " + entry.result) + ", " +
+                      PackWords(entry.from) + " -> " + PackWords(entry.to) + ", " +
+                      FormatDuration(std::chrono::seconds(entry.duration_ms / 1000)) + "\n";
+  for (const std::string& error : entry.errors) {
+    lines += "    " + tools::Printable(error) + "\n";
+  }
+  return lines;
+}
+
 }  // namespace
 
-Outcome Status(Context& /*context*/) {
-  namespace keys = webapi::param;
+Outcome Status(Context& context) {
+  if (context.options.watch) {
+    return WatchStatus(context);
+  }
   const StatusRecord record = ReadStatus();
-  Outcome outcome{.text = StatusLines(record)};
-  outcome.json[keys::kStatus] = StatusText(record.status);
-  outcome.json[keys::kNewPackName] = record.new_pack_name;
-  outcome.json[keys::kNewVersion] = record.new_version;
-  outcome.json[keys::kDownloadSizeNow] = Json::Int64{record.download_size_now};
-  outcome.json[keys::kDownloadSizeTotal] = Json::Int64{record.download_size_total};
-  outcome.json[keys::kInstallStep] = record.install_step;
-  return outcome;
+  return {.json = record.ToJson(), .text = StatusLines(record)};
 }
 
 Outcome Info(Context& /*context*/) {
@@ -137,8 +141,27 @@ Outcome Codecs(Context& context) {
   return outcome;
 }
 
+Outcome ShowHistory(Context& context) {
+  const History history = ReadHistory();
+  const std::size_t shown = std::min(history.entries.size(), context.options.limit.value_or(history.entries.size()));
+  Outcome outcome;
+  Json::Value& entries = outcome.json["entries"] = Json::arrayValue;
+  for (auto entry = history.entries.end() - static_cast<std::ptrdiff_t>(shown); entry != history.entries.end();
+       ++entry) {
+    entries.append(entry->ToJson());
+    outcome.text += HistoryLines(*entry);
+  }
+  outcome.json["damaged"] = Json::UInt64{history.damaged};
+  if (history.entries.empty()) {
+    outcome.text = "Nothing was done yet.\n";
+  }
+  if (history.damaged > 0) {
+    outcome.problems = {"unreadable lines in the history, passed over: " + std::to_string(history.damaged)};
+  }
+  return outcome;
+}
+
 Outcome Plugins(Context& context) {
-  const ExclusiveLock lock(path::kPackctlLock);
   const std::vector<std::string> ids = updater::PluginNotifier::Create()->GetAppId();
   // An empty list with a line in the log is the library's way to say that the list cannot be had.
   Console::Held held = context.console.TakeHeld();

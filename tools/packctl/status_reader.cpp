@@ -6,6 +6,7 @@
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
+#include "tools/packctl/status_words.h"
 
 namespace orbamira::packctl {
 
@@ -32,6 +33,17 @@ StatusRecord Decoded(store::IKeyValueStore& store) {
 }
 
 }  // namespace
+
+Json::Value StatusRecord::ToJson() const {
+  Json::Value json;
+  json[keys::kStatus] = StatusText(status);
+  json[keys::kNewPackName] = new_pack_name;
+  json[keys::kNewVersion] = new_version;
+  json[keys::kDownloadSizeNow] = Json::Int64{download_size_now};
+  json[keys::kDownloadSizeTotal] = Json::Int64{download_size_total};
+  json[keys::kInstallStep] = install_step;
+  return json;
+}
 
 StatusRecord ReadStatus() {
   const store::FileLock lock(path::kPackStatusLock);

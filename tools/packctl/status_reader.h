@@ -1,5 +1,7 @@
 #pragma once
 
+#include <json/value.h>
+
 #include <cstdint>
 #include <string>
 
@@ -16,6 +18,9 @@ struct StatusRecord {
   std::int64_t download_size_total = 0;  ///< bytes; 0 while unknown
   /// One of the step texts. Kept as text, because "post_uninstall" decodes to another step than it was written for.
   std::string install_step = {};
+
+  /// Under the keys of the status store; sizes are numbers.
+  [[nodiscard]] Json::Value ToJson() const;
 
   friend bool operator==(const StatusRecord&, const StatusRecord&) = default;
 };

@@ -1,0 +1,193 @@
+// What packctl remembers of its own runs.
+
+#include <gmock/gmock.h>
+#include <json/reader.h>
+
+#include <ctime>
+#include <filesystem>
+#include <sstream>
+
+#include "platform/constants.h"
+#include "tests/support/appliance.h"
+#include "tests/support/test_root.h"
+#include "updater/pack_status_helper.h"
+
+namespace orbamira {
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::Appliance;
+using test::ProgramResult;
+using test::ReadFile;
+using test::WriteFile;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+class PackctlHistoryTest : public testing::Test {
+ protected:
+  static ProgramResult Run(const std::vector<std::string>& arguments) { return Appliance::Packctl(arguments); }
+
+  static Json::Value Answer(const std::vector<std::string>& arguments = {"history", "--json"}) {
+    const ProgramResult result = Run(arguments);
+    EXPECT_EQ(result.status, 0) << result.errors;
+    Json::Value answer;
+    std::istringstream(result.output) >> answer;
+    return answer;
+  }
+
+  static std::vector<std::string> Commands() {
+    std::vector<std::string> commands;
+    const Json::Value answer = Answer();
+    for (const Json::Value& entry : answer["entries"]) {
+      commands.push_back(entry["command"].asString());
+    }
+    return commands;
+  }
+
+  static Json::Value Last() {
+    const Json::Value entries = Answer()["entries"];
+    return entries.empty() ? Json::Value() : entries[entries.size() - 1];
+  }
+
+  static Json::Value Pack(const char* package, const char* version) {
+    Json::Value pack;
+    pack["package"] = package != nullptr ? Json::Value(package) : Json::Value();
+    pack["version"] = version;
+    return pack;
+  }
+
+  Appliance appliance_;
+};
+
+TEST_F(PackctlHistoryTest, IsEmptyAtFirst) {
+  EXPECT_EQ(Answer()["entries"].size(), 0U);
+  EXPECT_EQ(Run({"history"}).output, "Nothing was done yet.\n");
+}
+
+TEST_F(PackctlHistoryTest, TellsOfEveryCommandThatChangedSomething) {
+  appliance_.Publish("1.0", "one");
+  const std::time_t begin = std::time(nullptr);
+  ASSERT_EQ(Run({"check"}).status, 0);
+  EXPECT_EQ(Last()["to"], Pack(nullptr, "1.0"));
+  ASSERT_EQ(Run({"download"}).status, 0);
+  EXPECT_EQ(Last()["to"], Pack("orbamira-hevc", "1.0"));
+  ASSERT_EQ(Run({"install"}).status, 0);
+  EXPECT_EQ(Last()["to"], Pack("orbamira-hevc", "1.0"));
+  EXPECT_TRUE(Last()["from"].isNull());
+
+  appliance_.Publish("2.0", "two");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  const Json::Value update = Last();
+  EXPECT_EQ(update["command"], "update");
+  EXPECT_EQ(update["from"], Pack("orbamira-hevc", "1.0"));
+  EXPECT_EQ(update["to"], Pack("orbamira-hevc", "2.0"));
+  EXPECT_EQ(update["result"], "done");
+  EXPECT_EQ(update["status"], "up_to_date");
+  EXPECT_EQ(update["exit"], 0);
+  EXPECT_EQ(update["errors"].size(), 0U);
+  EXPECT_GE(update["time"].asInt64(), begin);
+  EXPECT_LE(update["time"].asInt64(), std::time(nullptr));
+  EXPECT_GT(update["duration_ms"].asInt64(), 0);
+
+  ASSERT_EQ(Run({"remove"}).status, 0);
+  EXPECT_TRUE(Last()["to"].isNull());
+  updater::PackStatusHelper::Create()->SetAsDownloading();
+  ASSERT_EQ(Run({"recover"}).status, 0);
+  EXPECT_EQ(Last()["status"], "download_failed");
+  EXPECT_THAT(Commands(), ElementsAre("check", "download", "install", "update", "remove", "recover"));
+}
+
+TEST_F(PackctlHistoryTest, DoesNotTellOfWhatChangedNothing) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  EXPECT_EQ(Run({"check"}).status, 2);
+  EXPECT_EQ(Run({"install"}).status, 3);
+  EXPECT_EQ(Run({"recover"}).status, 0);
+  for (const char* query : {"status", "info", "codecs", "plugins", "history"}) {
+    EXPECT_EQ(Run({query}).status, 0) << query;
+  }
+  ASSERT_EQ(Run({"remove"}).status, 0);
+  EXPECT_EQ(Run({"remove"}).status, 2);
+  EXPECT_THAT(Commands(), ElementsAre("update", "remove"));
+}
+
+TEST_F(PackctlHistoryTest, TellsWhyACommandFailed) {
+  EXPECT_EQ(Run({"check"}).status, 1);
+  const Json::Value check = Last();
+  EXPECT_EQ(check["result"], "failed");
+  EXPECT_EQ(check["exit"], 1);
+  EXPECT_EQ(check["status"], "lost");
+  ASSERT_EQ(check["errors"].size(), 3U);
+  EXPECT_EQ(check["errors"][0], "Failed to send request with status: 404");
+  EXPECT_EQ(check["errors"][2], "the check failed; the recorded status is lost");
+  EXPECT_THAT(Run({"history"}).output,
+              AllOf(HasSubstr("  check: failed, no pack -> no pack, 0:0"),
+                    EndsWith("\n    Failed to send request with status: 404\n    FetchDownloadInfo failed\n"
+                             "    the check failed; the recorded status is lost\n")));
+}
+
+TEST_F(PackctlHistoryTest, AFailedUpdateTellsThatTheOldPackIsBack) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  appliance_.Publish("2.0", "two");
+  fs::remove(path::kTarPath);
+  ASSERT_EQ(Run({"update"}).status, 1);
+  const Json::Value update = Last();
+  EXPECT_EQ(update["from"], Pack("orbamira-hevc", "1.0"));
+  EXPECT_EQ(update["to"], Pack("orbamira-hevc", "1.0"));
+  EXPECT_EQ(update["status"], "download_install_failed");
+  EXPECT_THAT(update["errors"].toStyledString(), HasSubstr("Recovery: brought the previous pack back"));
+}
+
+TEST_F(PackctlHistoryTest, LimitGivesTheNewest) {
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(Run({"check"}).status, 1);
+  }
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"check"}).status, 0);
+  const Json::Value two = Answer({"history", "--json", "--limit", "2"})["entries"];
+  ASSERT_EQ(two.size(), 2U);
+  EXPECT_EQ(two[0]["exit"], 1);
+  EXPECT_EQ(two[1]["exit"], 0);
+  EXPECT_EQ(Answer({"history", "--json", "--limit", "0"})["entries"].size(), 0U);
+  EXPECT_EQ(Answer({"history", "--json", "--limit", "99"})["entries"].size(), 4U);
+  for (const char* wrong : {"-1", "many", ""}) {
+    EXPECT_EQ(Run({"history", "--limit", wrong}).status, 64) << wrong;
+  }
+}
+
+TEST_F(PackctlHistoryTest, TextFromOutsideCannotSteerTheTerminal) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  WriteFile(path::kPackInfoPath, "package=p\033\nversion=1\033[2J\n");
+  ASSERT_EQ(Run({"remove"}).status, 0);
+  EXPECT_THAT(Run({"history"}).output,
+              AllOf(HasSubstr("p\\033 1\\033[2J -> no pack"), testing::Not(HasSubstr("\033"))));
+}
+
+TEST_F(PackctlHistoryTest, ADamagedHistoryFailsNoCommand) {
+  appliance_.Publish("1.0", "one");
+  WriteFile(path::kHistoryFile, std::string("\0\xFF{\"time\":", 10));
+  ASSERT_EQ(Run({"update"}).status, 0);
+  EXPECT_THAT(Commands(), ElementsAre("update"));
+  EXPECT_EQ(Answer()["damaged"], 1);
+  EXPECT_EQ(Run({"history"}).errors, "packctl: unreadable lines in the history, passed over: 1\n");
+}
+
+TEST_F(PackctlHistoryTest, AHistoryThatCannotBeKeptIsToldAndFailsNoCommand) {
+  appliance_.Publish("1.0", "one");
+  fs::create_directories(path::kHistoryFile);
+  const ProgramResult update = Run({"update"});
+  EXPECT_EQ(update.status, 0);
+  EXPECT_EQ(update.errors,
+            std::string("packctl: cannot keep the history: ") + path::kHistoryFile + ": Is a directory\n");
+  EXPECT_EQ(Appliance::InstalledPayload(), "one");
+  EXPECT_EQ(Run({"recover"}).status, 0);
+  EXPECT_EQ(Run({"history"}).status, 1);
+}
+
+}  // namespace
+}  // namespace orbamira

@@ -1,0 +1,244 @@
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <system_error>
+
+#include "platform/constants.h"
+#include "tests/support/forked.h"
+#include "tests/support/process.h"
+#include "tests/support/test_root.h"
+#include "tools/packctl/history.h"
+
+namespace orbamira::packctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::ReadFile;
+using test::WriteFile;
+using testing::StartsWith;
+
+class HistoryTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fs::remove_all(file_.parent_path());
+    fs::create_directories(file_.parent_path());
+  }
+
+  static HistoryEntry Entry(const std::string& command) {
+    return {.time = 1'700'000'000,
+            .duration_ms = 1234,
+            .command = command,
+            .from = PackIdentity{"orbamira-hevc", "1.0"},
+            .to = PackIdentity{"orbamira-hevc", "2.0"},
+            .result = "done",
+            .status = "up_to_date"};
+  }
+
+  static std::vector<std::string> Commands(const History& history) {
+    std::vector<std::string> commands;
+    for (const HistoryEntry& entry : history.entries) {
+      commands.push_back(entry.command);
+    }
+    return commands;
+  }
+
+  const fs::path file_ = path::kHistoryFile;
+  const fs::path older_ = file_.string() + ".1";
+};
+
+TEST_F(HistoryTest, ReadHistoryWithoutAFileIsEmpty) {
+  const History history = ReadHistory();
+  EXPECT_TRUE(history.entries.empty());
+  EXPECT_EQ(history.damaged, 0U);
+  EXPECT_FALSE(fs::exists(file_));
+}
+
+TEST_F(HistoryTest, ReadHistoryGivesWhatWasAppendedInItsOrder) {
+  HistoryEntry failed = Entry("check");
+  failed.from.reset();
+  failed.to.reset();
+  failed.status.clear();
+  failed.exit = 1;
+  failed.errors = {"one", "t\xC3\xA4wo \"quoted\"\n"};
+  AppendToHistory(Entry("update"));
+  AppendToHistory(failed);
+  const History history = ReadHistory();
+  ASSERT_THAT(Commands(history), testing::ElementsAre("update", "check"));
+  EXPECT_EQ(history.damaged, 0U);
+  EXPECT_EQ(history.entries[0].ToJson(), Entry("update").ToJson());
+  EXPECT_EQ(history.entries[1].ToJson(), failed.ToJson());
+}
+
+TEST_F(HistoryTest, AppendToHistoryWritesOneLineOfJson) {
+  AppendToHistory(Entry("update"));
+  EXPECT_EQ(ReadFile(file_),
+            R"({"command":"update","duration_ms":1234,"errors":[],"exit":0,)"
+            R"("from":{"package":"orbamira-hevc","version":"1.0"},"result":"done","status":"up_to_date",)"
+            R"("time":1700000000,"to":{"package":"orbamira-hevc","version":"2.0"}})"
+            "\n");
+  struct stat about {};
+  ASSERT_EQ(stat(file_.c_str(), &about), 0);
+  EXPECT_EQ(about.st_mode & 0777U, 0640U);
+}
+
+TEST_F(HistoryTest, AppendToHistoryKeepsBytesThatAreNoTextOutOfTheFile) {
+  HistoryEntry entry = Entry("update");
+  entry.errors = {"\xFF\xFE\x01"};
+  AppendToHistory(entry);
+  for (const char c : ReadFile(file_)) {
+    EXPECT_TRUE((c >= 0x20 && c < 0x7f) || c == '\n');
+  }
+  EXPECT_THAT(Commands(ReadHistory()), testing::ElementsAre("update"));
+}
+
+TEST_F(HistoryTest, AppendToHistoryCutsWhatHasNoBound) {
+  HistoryEntry entry = Entry("update");
+  entry.from->version = std::string(100'000, 'v');
+  for (int i = 0; i < 1000; ++i) {
+    entry.errors.push_back(std::to_string(i) + std::string(100'000, '\xFF'));
+  }
+  AppendToHistory(entry);
+  EXPECT_LT(fs::file_size(file_), 100'000U);
+  const History history = ReadHistory();
+  ASSERT_EQ(history.entries.size(), 1U);
+  EXPECT_THAT(history.entries[0].errors.back(), StartsWith("999"));
+}
+
+TEST_F(HistoryTest, ALineThatWasCutIsPassedOverAndTheNextEntryStandsOnItsOwn) {
+  AppendToHistory(Entry("update"));
+  const std::string whole = ReadFile(file_);
+  WriteFile(file_, whole + whole.substr(0, whole.size() / 2));
+  EXPECT_THAT(Commands(ReadHistory()), testing::ElementsAre("update"));
+  EXPECT_EQ(ReadHistory().damaged, 1U);
+  AppendToHistory(Entry("remove"));
+  EXPECT_THAT(Commands(ReadHistory()), testing::ElementsAre("update", "remove"));
+  EXPECT_EQ(ReadHistory().damaged, 1U);
+}
+
+TEST_F(HistoryTest, ALineWithoutItsEndIsReadAndEndedByTheNextEntry) {
+  AppendToHistory(Entry("update"));
+  const std::string whole = ReadFile(file_);
+  WriteFile(file_, whole.substr(0, whole.size() - 1));
+  EXPECT_THAT(Commands(ReadHistory()), testing::ElementsAre("update"));
+  AppendToHistory(Entry("remove"));
+  EXPECT_THAT(Commands(ReadHistory()), testing::ElementsAre("update", "remove"));
+  EXPECT_EQ(ReadHistory().damaged, 0U);
+}
+
+TEST_F(HistoryTest, LinesThatAreNoEntryAreCountedAndPassedOver) {
+  AppendToHistory(Entry("update"));
+  const std::string whole = ReadFile(file_);
+  const std::vector<std::string> damages = {
+      "",
+      "null",
+      "[]",
+      "{}",
+      "text",
+      std::string(5000, '['),
+      std::string("\0\0\0", 3),
+      R"({"command":7,"duration_ms":1,"errors":[],"exit":0,"from":null,"result":"","status":null,"time":1,"to":null})",
+      R"({"command":"","duration_ms":1,"errors":[1],"exit":0,"from":null,"result":"","status":null,"time":1,"to":null})",
+      R"({"command":"","duration_ms":1,"errors":[],"exit":0,"from":"1","result":"","status":null,"time":1,"to":null})",
+      R"({"command":"","duration_ms":1,"errors":[],"exit":0,"from":null,"result":"","status":1,"time":1,"to":null})",
+      R"({"command":"","duration_ms":1,"errors":[],"exit":0,"from":null,"result":"","status":null,"time":"","to":null})",
+  };
+  std::string text = whole;
+  for (const std::string& damage : damages) {
+    text += damage + "\n";
+  }
+  WriteFile(file_, text + whole);
+  const History history = ReadHistory();
+  EXPECT_THAT(Commands(history), testing::ElementsAre("update", "update"));
+  EXPECT_EQ(history.damaged, damages.size());
+}
+
+TEST_F(HistoryTest, TwoFilesOfAQuarterMebibyteAreAllThatIsKept) {
+  constexpr std::size_t kBound = 256UL * 1024;
+  HistoryEntry entry = Entry("update");
+  entry.errors = {std::string(500, 'e')};
+  for (int i = 0; i < 2000; ++i) {
+    entry.time = i;
+    AppendToHistory(entry);
+  }
+  EXPECT_LE(fs::file_size(file_), kBound);
+  EXPECT_LE(fs::file_size(older_), kBound);
+  EXPECT_GT(fs::file_size(older_), kBound - 1000);
+  const History history = ReadHistory();
+  EXPECT_EQ(history.damaged, 0U);
+  ASSERT_GT(history.entries.size(), 300U);
+  for (std::size_t i = 0; i < history.entries.size(); ++i) {
+    EXPECT_EQ(history.entries[i].time, 2000 - static_cast<long>(history.entries.size() - i));
+  }
+}
+
+TEST_F(HistoryTest, AFileThatSomebodyElseMadeHugeIsReadFromItsEndAndSetAside) {
+  AppendToHistory(Entry("update"));
+  const std::string line = ReadFile(file_);
+  WriteFile(file_, std::string(8UL << 20, 'x') + "\n" + line);
+  EXPECT_THAT(Commands(ReadHistory()), testing::ElementsAre("update"));
+  AppendToHistory(Entry("remove"));
+  EXPECT_THAT(Commands(ReadHistory()), testing::ElementsAre("update", "remove"));
+  EXPECT_LT(fs::file_size(file_), 1000U);
+}
+
+TEST_F(HistoryTest, WhatCannotBeAHistoryIsAnErrorAndStays) {
+  fs::create_directories(file_);
+  EXPECT_THROW(AppendToHistory(Entry("update")), std::system_error);
+  EXPECT_THROW(ReadHistory(), std::system_error);
+  fs::remove(file_);
+  ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
+  EXPECT_THROW(AppendToHistory(Entry("update")), std::system_error);
+  EXPECT_THROW(ReadHistory(), std::system_error);
+  fs::remove(file_);
+  WriteFile(file_.string() + ".target", "text");
+  fs::create_symlink(file_.string() + ".target", file_);
+  EXPECT_THROW(AppendToHistory(Entry("update")), std::system_error);
+  EXPECT_EQ(ReadFile(file_.string() + ".target"), "text");
+}
+
+TEST_F(HistoryTest, AnOlderFileThatCannotBeReplacedIsAnErrorAndNothingGrows) {
+  WriteFile(file_, std::string(256UL * 1024, 'x'));
+  WriteFile(older_ / "file", "in the way");
+  EXPECT_THROW(AppendToHistory(Entry("update")), std::system_error);
+  EXPECT_EQ(fs::file_size(file_), 256UL * 1024);
+}
+
+TEST_F(HistoryTest, AnEntryThatTheDiskHasNoRoomForIsTakenBack) {
+  AppendToHistory(Entry("update"));
+  const std::string before = ReadFile(file_);
+  test::Forked child([&] {
+    static_cast<void>(signal(SIGXFSZ, SIG_IGN));
+    const rlimit limit{.rlim_cur = before.size() + 10, .rlim_max = before.size() + 10};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    try {
+      AppendToHistory(Entry("remove"));
+    } catch (const std::system_error& error) {
+      return error.code().value() == EFBIG ? 0 : 1;
+    }
+    return 2;
+  });
+  EXPECT_EQ(child.Wait(), 0);
+  EXPECT_EQ(ReadFile(file_), before);
+}
+
+TEST_F(HistoryTest, AnEntryIsSyncedBeforeTheCallReturns) {
+  test::Forked child([] {
+    test::FailSystemCall(SYS_fsync, EIO);
+    try {
+      AppendToHistory(Entry("update"));
+    } catch (const std::system_error& error) {
+      return error.code().value() == EIO ? 0 : 1;
+    }
+    return 2;
+  });
+  EXPECT_EQ(child.Wait(), 0);
+}
+
+}  // namespace
+}  // namespace orbamira::packctl

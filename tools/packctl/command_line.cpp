@@ -1,0 +1,156 @@
+#include "tools/packctl/command_line.h"
+
+#include <CLI/CLI.hpp>
+
+#include <array>
+#include <iostream>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace orbamira::packctl {
+namespace {
+
+constexpr std::array kCommands = {
+    Command{"check", Check, Effect::kChange, "Ask the update server for a new pack",
+            "Records a newer pack as waiting for download, whatever the recorded status was.\n"
+            "Exit status: 0 a new pack is available, 2 nothing new, 1 the check failed.\n"
+            "Example: packctl check && packctl update"},
+    Command{"download", Download, Effect::kChange, "Download and verify the pack on offer",
+            "Permitted when the status is need_download or download_failed. Nothing is installed yet; follow with\n"
+            "\"packctl install\"."},
+    Command{"install", Install, Effect::kChange, "Install the downloaded pack",
+            "Permitted when the status is need_install or install_failed. Applications are told before and after.\n"
+            "When it fails, the previous pack comes back."},
+    Command{"update", Update, Effect::kChange, "Download the pack on offer and install it",
+            "Permitted when the status is lost, need_download, need_install, download_install_failed or up_to_date.\n"
+            "The versions are not compared: the pack on offer is fetched even if it is installed already. Run\n"
+            "\"packctl check\" first to fetch only what is new. When it fails, the previous pack comes back."},
+    Command{"remove", Remove, Effect::kChange, "Remove the installed pack",
+            "Applications are not told, and the recorded status stays as it is. Not permitted while that says work is\n"
+            "under way.\n"
+            "Exit status 2: no pack is installed."},
+    Command{"status", Status, Effect::kNone, "Show the recorded status and progress",
+            "May be run at any time, also while an update is running. With --json the keys are those of the status\n"
+            "store; sizes are numbers of bytes.\n"
+            "With --watch each change is shown as it comes, until SIGINT or SIGTERM (Ctrl-C) ends it with exit status\n"
+            "0; with --json too, one object a line. It sleeps while nothing changes."},
+    Command{
+        "info", Info, Effect::kNone, "Show the installed pack",
+        "With --json: installed, package, version, and updated in seconds since the epoch; the last three are null\n"
+        "without a pack. Exit status 0 also when none is installed."},
+    Command{"history", ShowHistory, Effect::kNone, "Show what was done, when and how it ended",
+            "Tells of each check, download, install, update, remove and recover that changed something, found a new\n"
+            "pack or failed, oldest first. At most half a mebibyte is kept. A run that was killed leaves no entry;\n"
+            "the recovery after it does.\n"
+            "With --json: the list entries, and damaged, the count of lines that could not be read. An entry has time\n"
+            "(seconds since the epoch, at its end), duration_ms, command, from (the pack that was installed before),\n"
+            "to (the pack that is installed or waits since), result, status, exit and errors."},
+    Command{"codecs", Codecs, Effect::kNone, "Show which codecs are installed and which are asked for",
+            "With --json: the lists installed and requested."},
+    Command{"plugins", Plugins, Effect::kExclusive, "List the plugins that are told of installs",
+            "Prints one application id a line; with --json: the list app_ids."},
+    Command{
+        "recover", RunRecovery, Effect::kChange, "Clear what an interrupted update left behind",
+        "Brings the previous pack back where a new one did not get into place, removes temporary files and folders,\n"
+        "and turns a status that says work is under way into its failed form. Run at boot, before anything else\n"
+        "uses the pack; by hand only while no other program is updating it.\n"
+        "Exit status 0: everything is in order now, 1: something could not be mended."},
+};
+
+constexpr const char* kFooter =
+    "Exit status:\n"
+    "  0   done\n"
+    "  1   failed; the reason is on standard error and in the system log\n"
+    "  2   nothing to do\n"
+    "  3   not permitted by the recorded status, or another packctl is at work\n"
+    "  64  wrong usage\n"
+    "\n"
+    "Commands that change something exclude each other, and plugins; the others run at any time.\n"
+    "The environment variable ORBAMIRA_ROOT stands in front of every path: a staged system is served in place.";
+
+constexpr const char* kJsonHelp = "Print one JSON object instead of text";
+
+// The parser, which writes what it finds into `options`.
+std::unique_ptr<CLI::App> MakeApp(Options& options) {
+  auto app = std::make_unique<CLI::App>("Keeps the media codec pack up to date.", "packctl");
+  app->require_subcommand(1);
+  app->set_version_flag("--version", "packctl " PACKCTL_VERSION);
+  app->add_flag("--json", options.json, kJsonHelp);
+  app->footer(kFooter);
+  for (const Command& command : kCommands) {
+    CLI::App* const subcommand = app->add_subcommand(command.name, command.summary);
+    subcommand->add_flag("--json", options.json, kJsonHelp);
+    subcommand->footer(command.details);
+  }
+  app->get_subcommand("status")->add_flag("--watch", options.watch, "Go on showing each change until interrupted");
+  app->get_subcommand("history")
+      ->add_option("--limit", options.limit, "Show only the newest N entries")
+      ->type_name("N")
+      ->check(CLI::Validator(CLI::NonNegativeNumber).description(""));
+  return app;
+}
+
+Json::Value DescribeOptions(const CLI::App& app) {
+  Json::Value described = Json::arrayValue;
+  for (const CLI::Option* option : app.get_options()) {
+    Json::Value entry;
+    for (const std::string& name : option->get_snames()) {
+      entry["names"].append("-" + name);
+    }
+    for (const std::string& name : option->get_lnames()) {
+      entry["names"].append("--" + name);
+    }
+    entry["help"] = option->get_description();
+    const bool is_flag = option->get_expected_max() == 0;
+    entry["value"] = is_flag ? Json::Value() : Json::Value(option->get_type_name());
+    described.append(entry);
+  }
+  return described;
+}
+
+}  // namespace
+
+ParsedLine ParseCommandLine(int argc, const char* const* argv) {
+  Options options;
+  const auto app = MakeApp(options);
+  try {
+    app->parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    const int code = app->exit(error);
+    if (const std::vector<std::string> unknown = app->remaining(); code != 0 && !unknown.empty()) {
+      std::cerr << "Not understood: " << unknown.front() << '\n';
+    }
+    return {.exit = code == 0 ? kExitDone : kExitUsage};
+  }
+  for (const Command& command : kCommands) {
+    if (app->got_subcommand(command.name)) {
+      return {.invocation = Invocation{&command, options}};
+    }
+  }
+  return {.exit = kExitUsage};
+}
+
+Json::Value DescribeCommandLine() {
+  Options options;
+  const auto app = MakeApp(options);
+  Json::Value described;
+  described["name"] = app->get_name();
+  described["version"] = PACKCTL_VERSION;
+  described["summary"] = app->get_description();
+  described["footer"] = kFooter;
+  described["options"] = DescribeOptions(*app);
+  for (const Command& command : kCommands) {
+    Json::Value entry;
+    entry["name"] = command.name;
+    entry["summary"] = command.summary;
+    entry["details"] = command.details;
+    entry["options"] = DescribeOptions(*app->get_subcommand(command.name));
+    described["commands"].append(entry);
+  }
+  return described;
+}
+
+}  // namespace orbamira::packctl
