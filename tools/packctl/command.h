@@ -51,6 +51,9 @@ Outcome Info(Context& context);
 Outcome Codecs(Context& context);
 Outcome ShowHistory(Context& context);
 
+/// Looks for what is wrong with the machine and says what to do about it. Changes nothing, makes nothing.
+Outcome Doctor(Context& context);
+
 /// Asks the plugins who they are. The library's answer file allows one at a time, so it excludes the changing commands.
 Outcome Plugins(Context& context);
 

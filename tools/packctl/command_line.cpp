@@ -48,6 +48,12 @@ constexpr std::array kCommands = {
             "With --json: the list entries, and damaged, the count of lines that could not be read. An entry has time\n"
             "(seconds since the epoch, at its end), duration_ms, command, from (the pack that was installed before),\n"
             "to (the pack that is installed or waits since), result, status, exit and errors."},
+    Command{"doctor", Doctor, Effect::kNone, "Look for what is wrong and say what to do about it",
+            "Looks at the settings, permissions, keyring, plugins, locks, the state of the pack and its record, the\n"
+            "update server, the clock and the free space. Changes nothing. Each plugin is asked for its ids, and the\n"
+            "server for its offer. Takes half a minute when the server is silent. Run it as root.\n"
+            "Exit status: 0 all is well, 1 something is wrong.\n"
+            "With --json: result (well or faults) and the list findings of check, problem and remedy."},
     Command{"codecs", Codecs, Effect::kNone, "Show which codecs are installed and which are asked for",
             "With --json: the lists installed and requested."},
     Command{"plugins", Plugins, Effect::kExclusive, "List the plugins that are told of installs",

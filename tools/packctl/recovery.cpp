@@ -12,6 +12,7 @@
 #include <optional>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
@@ -52,6 +53,35 @@ bool IsTemporaryOf(const std::string& prefix, const std::string& name) {
     return false;
   }
   return std::all_of(name.end() - kSuffixLength, name.end(), [](unsigned char c) { return std::isalnum(c) != 0; });
+}
+
+bool IsHalfBuiltPack(const std::string& name) {
+  return name.starts_with(std::string(".").append(kPackFolderName).append(".partial."));
+}
+
+bool IsTemporaryAnswer(const std::string& name) {
+  return name.starts_with("." + fs::path(path::kTempPluginAppIdPath).filename().string() + ".");
+}
+
+using NameTest = std::function<bool(const std::string&)>;
+
+NameTest TemporariesOf(const fs::path& file) {
+  return [prefix = file.filename().string()](const std::string& name) { return IsTemporaryOf(prefix, name); };
+}
+
+// What matches in the folder, in order; nothing when there is no folder.
+std::vector<fs::path> Matching(const fs::path& folder, const NameTest& matches) {
+  std::vector<fs::path> found;
+  if (!fs::exists(folder)) {
+    return found;
+  }
+  for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+    if (matches(entry.path().filename())) {
+      found.push_back(entry.path());
+    }
+  }
+  std::sort(found.begin(), found.end());
+  return found;
 }
 
 class Recovery {
@@ -119,31 +149,17 @@ class Recovery {
 
   void RemoveUnpacked() {
     Remove(path::kTempPackFolderPath, "the unpacked pack");
-    const std::string prefix = std::string(".").append(kPackFolderName).append(".partial.");
-    RemoveMatching(kTargetFolder, "the half-built pack",
-                   [&](const std::string& name) { return name.starts_with(prefix); });
+    RemoveMatching(kTargetFolder, "the half-built pack", IsHalfBuiltPack);
   }
 
   // Under the file's own lock: a temporary file may be another process's write under way.
   void RemoveTemporaries(const fs::path& file, const std::string& lock_path) {
     const store::FileLock lock(lock_path);
-    RemoveMatching(file.parent_path(), "the temporary file",
-                   [&](const std::string& name) { return IsTemporaryOf(file.filename(), name); });
+    RemoveMatching(file.parent_path(), "the temporary file", TemporariesOf(file));
   }
 
-  void RemoveMatching(const fs::path& folder, const std::string& what,
-                      const std::function<bool(const std::string&)>& matches) {
-    if (!fs::exists(folder)) {
-      return;
-    }
-    std::vector<fs::path> found;
-    for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
-      if (matches(entry.path().filename())) {
-        found.push_back(entry.path());
-      }
-    }
-    std::sort(found.begin(), found.end());
-    for (const fs::path& path : found) {
+  void RemoveMatching(const fs::path& folder, const std::string& what, const NameTest& matches) {
+    for (const fs::path& path : Matching(folder, matches)) {
       Remove(path, what);
     }
   }
@@ -151,9 +167,7 @@ class Recovery {
   void RemovePluginAnswer() {
     const fs::path answer = path::kTempPluginAppIdPath;
     Remove(answer, "the plugins' old answer");
-    const std::string prefix = std::string(".").append(answer.filename()).append(".");
-    RemoveMatching(answer.parent_path(), "the temporary file",
-                   [&](const std::string& name) { return name.starts_with(prefix); });
+    RemoveMatching(answer.parent_path(), "the temporary file", IsTemporaryAnswer);
   }
 
   void MendStatus() {
@@ -219,5 +233,25 @@ class Recovery {
 }  // namespace
 
 RecoveryReport Recover() { return Recovery().Run(); }
+
+std::vector<fs::path> FindLeftovers() {
+  std::vector<fs::path> found;
+  for (const fs::path& path : {fs::path(path::kBackupPackFolderPath), fs::path(path::kTempPackFolderPath)}) {
+    if (Exists(path)) {
+      found.push_back(path);
+    }
+  }
+  const fs::path store = path::kPackStatusFile;
+  const fs::path account = path::kAccountFile;
+  const fs::path answer = path::kTempPluginAppIdPath;
+  for (const auto& [folder, matches] : {std::pair<fs::path, NameTest>(kTargetFolder, IsHalfBuiltPack),
+                                        {store.parent_path(), TemporariesOf(store)},
+                                        {account.parent_path(), TemporariesOf(account)},
+                                        {answer.parent_path(), IsTemporaryAnswer}}) {
+    const std::vector<fs::path> more = Matching(folder, matches);
+    found.insert(found.end(), more.begin(), more.end());
+  }
+  return found;
+}
 
 }  // namespace orbamira::packctl

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -17,5 +18,9 @@ struct RecoveryReport {
 /// Each step stands alone: one that fails is reported and the next is taken. Doing it twice is doing it once. What it
 /// did outlives a power cut. Whatever it says is also logged. The caller makes sure that no update is running.
 RecoveryReport Recover();
+
+/// The folders and files that an interrupted update may have left and that a recovery would put away, in order of their
+/// names; while an update is running, what it needs. Changes nothing.
+std::vector<std::filesystem::path> FindLeftovers();
 
 }  // namespace orbamira::packctl

@@ -1,0 +1,456 @@
+// "packctl doctor" on an appliance with one fault at a time.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <json/reader.h>
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <sstream>
+
+#include "platform/constants.h"
+#include "platform/file_lock.h"
+#include "platform/key_value_store.h"
+#include "platform/unique_fd.h"
+#include "tests/support/appliance.h"
+#include "tests/support/process.h"
+#include "tests/support/test_root.h"
+#include "updater/pack_status_helper.h"
+
+namespace orbamira {
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::Appliance;
+using test::HttpRequest;
+using test::HttpResponse;
+using test::ProgramResult;
+using test::ReadFile;
+using test::WriteFile;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+template <auto Free>
+struct Deleter {
+  template <typename T>
+  void operator()(T* object) const {
+    Free(object);
+  }
+};
+template <typename T, auto Free>
+using Owned = std::unique_ptr<T, Deleter<Free>>;
+
+std::string TextOf(BIO* bio) {
+  char* data = nullptr;
+  const long length = BIO_get_mem_data(bio, &data);
+  return {data, static_cast<std::size_t>(length)};
+}
+
+Owned<EVP_PKEY, EVP_PKEY_free> MakeKey() { return Owned<EVP_PKEY, EVP_PKEY_free>(EVP_EC_gen("P-256")); }
+
+/// A certificate of its own key in PEM, valid from so many days from now to so many.
+std::string Certificate(int from, int to, Owned<EVP_PKEY, EVP_PKEY_free> key = MakeKey()) {
+  constexpr long kDay = 24L * 60 * 60;
+  const Owned<X509, X509_free> certificate(X509_new());
+  X509_gmtime_adj(X509_getm_notBefore(certificate.get()), from * kDay);
+  X509_gmtime_adj(X509_getm_notAfter(certificate.get()), to * kDay);
+  X509_set_pubkey(certificate.get(), key.get());
+  X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate.get()), "CN", MBSTRING_ASC,
+                             reinterpret_cast<const unsigned char*>("signer"), -1, -1, 0);
+  X509_sign(certificate.get(), key.get(), EVP_sha256());
+  const Owned<BIO, BIO_free> text(BIO_new(BIO_s_mem()));
+  PEM_write_bio_X509(text.get(), certificate.get());
+  return TextOf(text.get());
+}
+
+std::string PrivateKey() {
+  const Owned<BIO, BIO_free> text(BIO_new(BIO_s_mem()));
+  PEM_write_bio_PrivateKey(text.get(), MakeKey().get(), nullptr, nullptr, 0, nullptr, nullptr);
+  return TextOf(text.get());
+}
+
+void WriteKeyring(const std::string& text) {
+  WriteFile(path::kKeyring, text);
+  fs::permissions(path::kKeyring, fs::perms(0644));
+}
+
+void PutFolderAt(const fs::path& file) {
+  fs::remove_all(file);
+  fs::create_directories(file);
+}
+
+void AddSetting(const std::string& line) { WriteFile(path::kPkgSetting, ReadFile(path::kPkgSetting) + line + "\n"); }
+
+void Use(const std::string& address) {
+  WriteFile(path::kPkgSetting, std::string(common::kPackUpdateServer) + "=\"" + address + "\"\n");
+}
+
+/// Answers the request for the reply with this text.
+void Reply(Appliance& appliance, const std::string& text) {
+  appliance.SetFault([text](const HttpRequest& request, HttpResponse& response) {
+    if (!request.target.ends_with(".opk")) {
+      response.body = text;
+    }
+  });
+}
+
+constexpr const char* kDigest = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
+
+std::string Offer(const std::string& version, const std::string& link, const std::string& checksum) {
+  return R"({"orbamira-hevc": {"version": ")" + version + R"(", "link": ")" + link + R"(", "checksum": ")" + checksum +
+         "\"}}";
+}
+
+class PackctlDoctorTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    appliance_.Publish("1.0", "one");
+    ASSERT_EQ(Appliance::Packctl({"update"}).status, 0);
+  }
+
+  static Json::Value Diagnose(int expected_status) {
+    const ProgramResult result = Appliance::Packctl({"doctor", "--json"});
+    EXPECT_EQ(result.status, expected_status) << result.output << result.errors;
+    EXPECT_EQ(result.errors, "");
+    Json::Value answer;
+    std::istringstream(result.output) >> answer;
+    return answer;
+  }
+
+  Appliance appliance_;
+};
+
+TEST_F(PackctlDoctorTest, FindsNothingWhereAllIsWell) {
+  WriteKeyring(Certificate(-1, 365) + Certificate(-1, 3650));
+  WriteFile(path::kDefaultPkgSetting,
+            "# The maker's\n\npack_update_server=\"\"\nplugin_time_limit=\"60\"\nunpack_limit=\"17179869184\"\r\n");
+  WriteFile(path::kAccountFile, "{}");
+  fs::permissions(path::kAccountFile, fs::perms(0600));
+  WriteFile(path::kCodecRequirementsPath, R"({"aac": []})");
+  Appliance::AddPlugin("10-player", "echo player\n");
+  const Json::Value answer = Diagnose(0);
+  EXPECT_EQ(answer["command"], "doctor");
+  EXPECT_EQ(answer["result"], "well");
+  EXPECT_EQ(answer["findings"].size(), 0U);
+  EXPECT_EQ(Appliance::Packctl({"doctor"}).output, "No fault was found.\n");
+}
+
+TEST_F(PackctlDoctorTest, FindsNothingOnANewMachine) {
+  fs::remove_all(test::Root() / "var");
+  fs::remove_all(test::Root() / "run");
+  EXPECT_EQ(Diagnose(0)["result"], "well");
+  EXPECT_FALSE(fs::exists(test::Root() / "var"));
+  EXPECT_FALSE(fs::exists(test::Root() / "run"));
+}
+
+/// Every file and folder below the root with its mode, size and time of change.
+std::map<std::string, std::string> Everything() {
+  std::map<std::string, std::string> everything;
+  for (const auto& entry : fs::recursive_directory_iterator(test::Root())) {
+    struct stat about {};
+    lstat(entry.path().c_str(), &about);
+    everything[entry.path()] = std::to_string(about.st_mode) + " " + std::to_string(about.st_size) + " " +
+                               std::to_string(about.st_ctim.tv_sec) + "." + std::to_string(about.st_ctim.tv_nsec);
+  }
+  return everything;
+}
+
+TEST_F(PackctlDoctorTest, ChangesNothing) {
+  Appliance::AddPlugin("10-player", "echo player\n");
+  WriteFile(path::kPackStatusFile, "{");
+  WriteFile(fs::path(path::kBackupPackFolderPath) / "INFO", "version=0.9\n");
+  fs::remove_all(fs::path(path::kPackctlLock).parent_path());
+  const auto before = Everything();
+  test::ProcessOptions options;
+  options.folder = "/";
+  const test::ProcessResult result = test::RunProgram(Appliance::PackctlCommand({"doctor"}), options);
+  EXPECT_TRUE(result.Exited(1)) << result;
+  EXPECT_EQ(Everything(), before);
+}
+
+TEST_F(PackctlDoctorTest, SaysInASentenceWhatIsWrongAndInAnotherWhatToDo) {
+  fs::create_directories(path::kTempPackFolderPath);
+  const ProgramResult result = Appliance::Packctl({"doctor"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.errors, "");
+  EXPECT_EQ(result.output, std::string("state: ") + path::kTempPackFolderPath +
+                               " was left behind.\n    if no program is at work on it, run \"packctl recover\".\n");
+}
+
+TEST_F(PackctlDoctorTest, TextFromOutsideCannotSteerTheTerminal) {
+  AddSetting("a\033[2J=1");
+  EXPECT_THAT(Appliance::Packctl({"doctor"}).output, AllOf(HasSubstr("a\\033[2J"), testing::Not(HasSubstr("\033"))));
+}
+
+TEST_F(PackctlDoctorTest, FindsNothingInTheStateOfAPackctlAtWork) {
+  fs::create_directories(path::kTempPackFolderPath);
+  updater::PackStatusHelper::Create()->SetAsDownloading();
+  const UniqueFd lock(open(path::kPackctlLock, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  ASSERT_EQ(flock(lock.get(), LOCK_EX), 0);
+  EXPECT_EQ(Diagnose(0)["result"], "well");
+}
+
+TEST_F(PackctlDoctorTest, FindsAPackctlThatHasBeenAtWorkForHours) {
+  const UniqueFd lock(open(path::kPackctlLock, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  ASSERT_EQ(flock(lock.get(), LOCK_EX), 0);
+  const std::time_t yesterday = std::time(nullptr) - 24L * 60 * 60;
+  const timespec times[2] = {{.tv_sec = yesterday, .tv_nsec = 0}, {.tv_sec = yesterday, .tv_nsec = 0}};
+  ASSERT_EQ(futimens(lock.get(), times), 0);
+  const Json::Value findings = Diagnose(1)["findings"];
+  ASSERT_EQ(findings.size(), 1U);
+  EXPECT_EQ(findings[0]["check"], "locks");
+  EXPECT_EQ(findings[0]["problem"], "a packctl has been at work for over 6 hours");
+}
+
+TEST_F(PackctlDoctorTest, FindsALockThatSomebodyKeeps) {
+  const store::FileLock lock(path::kPackStatusLock);
+  const Json::Value findings = Diagnose(1)["findings"];
+  ASSERT_EQ(findings.size(), 1U);
+  EXPECT_EQ(findings[0]["check"], "locks");
+  EXPECT_EQ(findings[0]["problem"],
+            std::string("another process keeps ") + path::kPackStatusLock + ", and updates wait for it");
+}
+
+TEST_F(PackctlDoctorTest, FindsAServerThatRefuses) {
+  const test::RefusingPort port;
+  Use(port.Url("/reply.json"));
+  const Json::Value findings = Diagnose(1)["findings"];
+  ASSERT_EQ(findings.size(), 1U);
+  EXPECT_EQ(findings[0]["check"], "server");
+  EXPECT_THAT(findings[0]["problem"].asString(), HasSubstr("the update server does not answer: "));
+}
+
+TEST_F(PackctlDoctorTest, ComesToAnEndWithAServerThatIsSilent) {
+  appliance_.SetFault([](const HttpRequest& /*request*/, HttpResponse& response) { response.stall_at = 0; });
+  const test::ProcessResult result = test::RunProgram({ORBAMIRA_TEST_IMPATIENT_PACKCTL, "doctor"});
+  EXPECT_TRUE(result.Exited(1)) << result;
+  EXPECT_THAT(result.out, HasSubstr("server: the update server does not answer: "));
+}
+
+TEST_F(PackctlDoctorTest, FindsAFolderThatCannotBeWritten) {
+  const fs::path folder = fs::path(path::kPackStatusFile).parent_path();
+  fs::permissions(test::Root(), fs::perms(0755));
+  fs::permissions(folder, fs::perms(0555));
+  test::ProcessOptions options;
+  options.before_exec = test::BecomeOrdinaryUser;
+  const test::ProcessResult result = test::RunProgram(Appliance::PackctlCommand({"doctor"}), options);
+  fs::permissions(folder, fs::perms(0755));
+  EXPECT_TRUE(result.Exited(1)) << result;
+  EXPECT_THAT(result.out, HasSubstr("permissions: " + folder.string() + " cannot be written: Permission denied.\n"));
+}
+
+/// Something that is wrong, alone.
+struct Fault {
+  const char* name;
+  std::function<void(Appliance&)> plant;
+  const char* check;
+  std::string problem;  // a part of it
+};
+
+std::vector<Fault> Faults() {
+  const std::string settings = path::kPkgSetting;
+  const std::string keyring = path::kKeyring;
+  const fs::path plugins = path::kPluginFolder;
+  const fs::path half_built = fs::path(kTargetFolder) / ".codec-pack.partial.AbCdEf";
+  const std::string temporary = std::string(path::kPackStatusFile) + ".AbCdEf";
+  return {
+      {"SettingsThatCannotBeRead", [](Appliance&) { PutFolderAt(path::kDefaultPkgSetting); }, "settings",
+       std::string(path::kDefaultPkgSetting) + " cannot be read: it is no file"},
+      {"ALineThatIsNoSetting", [](Appliance&) { AddSetting("pack_update_server"); }, "settings",
+       settings + ": line 2 is not KEY=VALUE"},
+      {"AKeyThatNothingReads", [](Appliance&) { AddSetting("pack_updat_server=x"); }, "settings",
+       settings + ": line 2 sets pack_updat_server, which nothing reads"},
+      {"NoServer", [](Appliance&) { Use(""); }, "settings", "no update server is set"},
+      {"AServerAddressOfAnotherKind", [](Appliance&) { Use("ftp://packs.example.com/"); }, "settings",
+       "the update server's address is none of http or https: ftp://packs.example.com/"},
+      {"AServerAddressWithoutHost", [](Appliance&) { Use("https:///reply.json"); }, "settings",
+       "the update server's address is none of http or https: https:///reply.json"},
+      {"ATimeLimitThatIsNone", [](Appliance&) { AddSetting("plugin_time_limit=0"); }, "settings",
+       settings + ": plugin_time_limit is not a number of seconds up to a day: 0"},
+      {"AnUnpackLimitWithAUnit", [](Appliance&) { AddSetting("unpack_limit=16G"); }, "settings",
+       settings + ": unpack_limit is not a whole number of bytes: 16G"},
+      {"NoUniqueValue", [](Appliance&) { fs::remove(common::kDefaultOrbaInfoPath); }, "settings",
+       std::string(common::kDefaultOrbaInfoPath) + " gives no unique"},
+      {"NoPackageVersion", [](Appliance&) { fs::remove(kPackageInfoPath); }, "settings",
+       std::string(kPackageInfoPath) + " gives no version"},
+
+      {"SettingsThatEveryoneMayWrite", [](Appliance&) { fs::permissions(path::kPkgSetting, fs::perms(0666)); },
+       "permissions", settings + " may be written by others than its owner"},
+      {"AKeyringThatEveryoneMayWrite",
+       [](Appliance&) {
+         WriteKeyring(Certificate(-1, 365));
+         fs::permissions(path::kKeyring, fs::perms(0666));
+       },
+       "permissions", keyring + " may be written by others than its owner"},
+      {"AnAccountThatIsOpenToOthers",
+       [](Appliance&) {
+         WriteFile(path::kAccountFile, "{}");
+         fs::permissions(path::kAccountFile, fs::perms(0640));
+       },
+       "permissions", std::string(path::kAccountFile) + " is open to others"},
+      {"AnAccountThatIsAFolder", [](Appliance&) { PutFolderAt(path::kAccountFile); }, "permissions",
+       std::string(path::kAccountFile) + " is no file"},
+      {"AMissingProgram", [](Appliance&) { fs::remove(path::kCpPath); }, "permissions",
+       std::string(path::kCpPath) + " is missing or cannot be run"},
+      {"AFileInPlaceOfAFolder",
+       [](Appliance&) {
+         fs::remove_all(kDownloadFolder);
+         WriteFile(kDownloadFolder, "");
+       },
+       "permissions", std::string(kDownloadFolder) + " is no folder"},
+      {"ALockFolderThatEveryoneMayWrite",
+       [](Appliance&) { fs::permissions(fs::path(path::kPackctlLock).parent_path(), fs::perms(0777)); }, "permissions",
+       "so anyone can hold up every update"},
+
+      {"AKeyringThatIsEmpty", [](Appliance&) { WriteKeyring(""); }, "keyring", keyring + " holds no certificate"},
+      {"AKeyringThatLeadsNowhere", [](Appliance&) { fs::create_symlink("nowhere", path::kKeyring); }, "keyring",
+       keyring + " cannot be read, so no package is accepted: it is a link to nowhere"},
+      {"AKeyringThatIsDamaged",
+       [](Appliance&) { WriteKeyring("-----BEGIN CERTIFICATE-----\nMIIB\n-----END CERTIFICATE-----\n"); }, "keyring",
+       keyring + " is damaged"},
+      {"AKeyringWithAPrivateKey", [](Appliance&) { WriteKeyring(Certificate(-1, 365) + PrivateKey()); }, "keyring",
+       keyring + " holds something other than certificates"},
+      {"ACertificateThatHasExpired", [](Appliance&) { WriteKeyring(Certificate(-9, -1)); }, "keyring",
+       keyring + ": the certificate of CN=signer has expired"},
+      {"ACertificateThatExpiresSoon", [](Appliance&) { WriteKeyring(Certificate(-9, 29)); }, "keyring",
+       keyring + ": the certificate of CN=signer expires within 30 days"},
+      {"ACertificateThatIsNotValidYet", [](Appliance&) { WriteKeyring(Certificate(1, 365)); }, "keyring",
+       keyring + ": the certificate of CN=signer is not valid yet"},
+      {"ACertificateWithAWeakKey",
+       [](Appliance&) {
+         constexpr std::size_t kBits = 1024;
+         WriteKeyring(Certificate(-1, 365, Owned<EVP_PKEY, EVP_PKEY_free>(EVP_RSA_gen(kBits))));
+       },
+       "keyring", "CN=signer has a key that is too weak"},
+
+      {"APluginThatIsNotExecutable",
+       [plugins](Appliance&) {
+         Appliance::AddPlugin("a", "echo player\n");
+         fs::permissions(plugins / "a", fs::perms(0644));
+       },
+       "plugins", (plugins / "a").string() + " is not executable"},
+      {"APluginThatEveryoneMayWrite",
+       [plugins](Appliance&) {
+         Appliance::AddPlugin("a", "echo player\n");
+         fs::permissions(plugins / "a", fs::perms(0777));
+       },
+       "plugins", (plugins / "a").string() + ": refused: everyone may write it"},
+      {"APluginFolderThatEveryoneMayWrite",
+       [plugins](Appliance&) {
+         Appliance::AddPlugin("a", "echo player\n");
+         fs::permissions(plugins, fs::perms(0777));
+       },
+       "plugins", plugins.string() + ": refused: everyone may write it"},
+      {"APluginThatFails", [](Appliance&) { Appliance::AddPlugin("a", "exit 3\n"); }, "plugins",
+       "a: exited with status 3"},
+      {"APluginThatTakesTooLong",
+       [](Appliance&) {
+         AddSetting("plugin_time_limit=0.2");
+         Appliance::AddPlugin("a", "sleep 100\n");
+       },
+       "plugins", "a: stopped: it took longer than 0.2 s"},
+
+      {"AStoreThatIsDamaged", [](Appliance&) { WriteFile(path::kPackStatusFile, "{\"status\": \"lo"); }, "state",
+       std::string(path::kPackStatusFile) + " is damaged"},
+      {"AStoreThatIsAFolder", [](Appliance&) { PutFolderAt(path::kPackStatusFile); }, "state",
+       std::string(path::kPackStatusFile) + " cannot be read: it is no file"},
+      {"AStatusThatIsNone",
+       [](Appliance&) {
+         store::FileKeyValueStore::Create(path::kPackStatusFile)->Set(webapi::param::kStatus, "dancing");
+       },
+       "state", "the recorded status cannot be read: dancing"},
+      {"AnInterruptedUpdate", [](Appliance&) { updater::PackStatusHelper::Create()->SetAsDownloadInstalling(1, 2); },
+       "state", "the recorded status is downloading_installing, but no packctl is at work"},
+      {"AMissingPackage", [](Appliance&) { updater::PackStatusHelper::Create()->SetAsNeedInstall("2.0", "pack"); },
+       "state", "the recorded status is need_install, but no package is there"},
+      {"AStoreThatWasSetAside", [](Appliance&) { WriteFile(std::string(path::kPackStatusFile) + ".broken", ""); },
+       "state", "a damaged status store was set aside"},
+      {"APartOfAPack", [](Appliance&) { fs::remove(path::kPackInfoPath); }, "state",
+       std::string(path::kPackFolderPath) + " is no whole pack"},
+      {"ABackup", [](Appliance&) { fs::create_directories(path::kBackupPackFolderPath); }, "state",
+       std::string(path::kBackupPackFolderPath) + " was left behind"},
+      {"AHalfBuiltPack", [half_built](Appliance&) { fs::create_directories(half_built); }, "state",
+       half_built.string() + " was left behind"},
+      {"ATemporaryFile", [temporary](Appliance&) { WriteFile(temporary, ""); }, "state",
+       temporary + " was left behind"},
+      {"RequirementsThatAreNoObject", [](Appliance&) { WriteFile(path::kCodecRequirementsPath, "[]"); }, "state",
+       std::string(path::kCodecRequirementsPath) + " holds no JSON object"},
+      {"AHistoryWithDamagedLines", [](Appliance&) { WriteFile(path::kHistoryFile, "{\n{\n"); }, "state",
+       "unreadable lines in the history: 2"},
+      {"AHistoryThatIsAFolder", [](Appliance&) { PutFolderAt(path::kHistoryFile); }, "state",
+       "the history cannot be read: "},
+
+      {"AServerWithoutAReply", [](Appliance&) { fs::remove_all(test::Root() / "srv"); }, "server",
+       "the update server answers with status 404"},
+      {"AReplyThatIsNoJson", [](Appliance& appliance) { Reply(appliance, "<html>"); }, "server",
+       "the update server's reply is no JSON object"},
+      {"AReplyThatIsTooLong", [](Appliance& appliance) { Reply(appliance, std::string(2UL << 20, ' ')); }, "server",
+       "the update server's reply is too long"},
+      {"AReplyWithoutThePack", [](Appliance& appliance) { Reply(appliance, "{}"); }, "server",
+       "the update server offers no pack called orbamira-hevc"},
+      {"AReplyWithoutThePackWithAac",
+       [](Appliance&) { WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player"]})"); }, "server",
+       "the update server offers no pack called orbamira-hevc-aac"},
+      {"AnOfferWithoutVersion",
+       [](Appliance& appliance) { Reply(appliance, Offer("", appliance.server().Url("/reply.json"), kDigest)); },
+       "server", "the offer of orbamira-hevc names no version"},
+      {"AnOfferWithoutChecksum",
+       [](Appliance& appliance) { Reply(appliance, Offer("2.0", appliance.server().Url("/reply.json"), "abc")); },
+       "server", "the offer of orbamira-hevc has no SHA-256 or SHA-512 checksum"},
+      {"AnOfferWithoutLink", [](Appliance& appliance) { Reply(appliance, Offer("2.0", "/pack.opk", kDigest)); },
+       "server", "the offer of orbamira-hevc has no http or https link"},
+      {"APackageThatIsNotThere",
+       [](Appliance& appliance) { Reply(appliance, Offer("2.0", appliance.server().Url("/none.opk"), kDigest)); },
+       "server", "/none.opk: status 404"},
+      {"AClockThatIsWrong",
+       [](Appliance& appliance) {
+         appliance.SetFault([](const HttpRequest& /*request*/, HttpResponse& response) {
+           response.headers["Date"] = "Thu, 01 Jan 1970 00:00:10 GMT";
+         });
+       },
+       "clock", "the clock differs from the update server's by "},
+      {"APackageThatThereIsNoRoomFor",
+       [](Appliance& appliance) {
+         appliance.SetFault([](const HttpRequest& request, HttpResponse& response) {
+           if (request.method == "HEAD") {
+             response.claimed_length = std::int64_t{1} << 60;
+           }
+         });
+       },
+       "space", "for an update "},
+  };
+}
+
+class PackctlDoctorFaultTest : public PackctlDoctorTest, public testing::WithParamInterface<std::size_t> {};
+
+TEST_P(PackctlDoctorFaultTest, IsTheOneFinding) {
+  const Fault fault = Faults().at(GetParam());
+  fault.plant(appliance_);
+  const Json::Value answer = Diagnose(1);
+  EXPECT_EQ(answer["result"], "faults");
+  const Json::Value& findings = answer["findings"];
+  ASSERT_EQ(findings.size(), 1U) << findings.toStyledString();
+  EXPECT_EQ(findings[0]["check"], fault.check);
+  EXPECT_THAT(findings[0]["problem"].asString(), HasSubstr(fault.problem));
+  EXPECT_THAT(findings[0]["remedy"].asString(), testing::Not(IsEmpty()));
+}
+
+std::string NameOf(const testing::TestParamInfo<std::size_t>& fault) { return Faults().at(fault.param).name; }
+
+INSTANTIATE_TEST_SUITE_P(Faults, PackctlDoctorFaultTest, testing::Range(std::size_t{0}, Faults().size()), NameOf);
+
+}  // namespace
+}  // namespace orbamira
