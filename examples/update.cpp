@@ -1,0 +1,81 @@
+// Brings the codec pack up to date once and shows how far it is: what a host does at night or behind a button.
+//
+// usage: update
+//
+// Ends with 0 after an update and when there is no new pack, and with 1 when the update failed; the reason is in the
+// system log, and so is why a check found nothing.
+
+#include <cstddef>
+#include <iostream>
+#include <memory>
+#include <utility>
+
+#include "platform/constants.h"
+#include "platform/key_value_store.h"
+#include "platform/orba_core_wrapper.h"
+#include "platform/orba_pkg_wrapper.h"
+#include "updater/kos_helper.h"
+#include "updater/pack_handler.h"
+#include "updater/pack_manager.h"
+#include "updater/pack_status_helper.h"
+#include "updater/plugin_notifier.h"
+
+namespace {
+
+using namespace orbamira;           // NOLINT(google-build-using-namespace)
+using namespace orbamira::updater;  // NOLINT(google-build-using-namespace)
+
+// The manager reports every stage to its status helper. One that also tells the user needs to know no more than that:
+// there is nothing to poll, and no thread besides the one that works.
+class TellingStatusHelper : public PackStatusHelper {
+ public:
+  using PackStatusHelper::PackStatusHelper;
+  using PackStatusHelper::SetAsDownloadInstalling;
+
+  // Bytes; the total is 0 while the server has not named it.
+  void SetAsDownloadInstalling(long now, long total) const override {
+    PackStatusHelper::SetAsDownloadInstalling(now, total);
+    while (total > 0 && told_quarters_ < 4 && now * 4 >= total * (told_quarters_ + 1)) {
+      std::cout << "downloaded " << 25 * ++told_quarters_ << " %\n";
+    }
+  }
+
+  void SetAsDownloadInstalling(InstallStep step) const override {
+    PackStatusHelper::SetAsDownloadInstalling(step);
+    std::cout << "step: " << kInstallStepTexts[static_cast<std::size_t>(step)] << '\n';
+  }
+
+ private:
+  mutable long told_quarters_ = 0;
+};
+
+}  // namespace
+
+int main() {
+  // PackManager::Create() makes a manager over the platform's services. Whoever wants one part to be another makes the
+  // others the same way and hands them all over.
+  std::shared_ptr<store::IKeyValueStore> store = store::FileKeyValueStore::Create(path::kPackStatusFile);
+  std::shared_ptr<IPackHandler> handler = PackHandler::Create();
+  if (store == nullptr || handler == nullptr) {
+    std::cerr << "update: the status cannot be recorded in " << path::kPackStatusFile << '\n';
+    return 1;
+  }
+  const auto status = std::make_shared<TellingStatusHelper>(std::move(store));
+  const PackManager manager(std::make_shared<wrapper::OrbaCoreWrapper>(), std::make_shared<wrapper::OrbaPkgWrapper>(),
+                            KOSHelper::Create(), status, std::move(handler), PluginNotifier::Create());
+
+  // A check that finds a newer pack records it; only then there is something to do.
+  if (!manager.CheckNewPack()) {
+    std::cout << "no new pack\n";
+    return 0;
+  }
+  status->GetPackStatus();  // the queries answer from the last read
+  std::cout << "new pack: version " << status->GetPackNewVersion() << '\n';
+
+  if (!manager.DownloadAndInstall()) {
+    std::cout << "update failed\n";
+    return 1;
+  }
+  std::cout << "up to date\n";
+  return 0;
+}
