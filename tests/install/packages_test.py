@@ -1,0 +1,220 @@
+#!/usr/bin/env python3
+"""Installs, upgrades, removes and purges the Debian packages of a folder, in a root of its own, with dpkg itself.
+
+The root holds nothing but what the packages bring; what they depend on is the machine's, and has to be installed there
+as the packages say. Maintainer scripts run outside the root and are told of it by DPKG_ROOT, so an ordinary user can
+run this. It ends with 77 (skipped) where dpkg cannot.
+"""
+
+import argparse
+import json
+import os
+import pathlib
+import re
+import shutil
+import stat
+import subprocess
+import sys
+import tempfile
+
+from staged import WebServer
+
+SKIPPED = 77
+NEEDED = ("dpkg", "dpkg-deb", "dpkg-query", "systemd-sysusers", "systemd-tmpfiles")
+OLD_VERSION = "0.9.0"
+
+
+class Root:
+    """A root folder with a dpkg of its own."""
+
+    def __init__(self, folder, packages):
+        self.folder = folder
+        self.database = folder / "var/lib/dpkg"
+        (self.database / "info").mkdir(parents=True)
+        (self.database / "updates").mkdir()
+        (self.database / "status").write_text("".join(map(installed_elsewhere, sorted(needed_by(packages)))))
+
+    def dpkg(self, *arguments):
+        done = subprocess.run(
+            ["dpkg", f"--root={self.folder}", "--force-not-root", "--force-script-chrootless", "--force-confold",
+             *map(str, arguments)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            text=True, check=False)
+        if done.returncode != 0:
+            raise RuntimeError(f"dpkg {' '.join(map(str, arguments))} ended with {done.returncode}:\n{done.stdout}")
+
+    def status(self, package):
+        done = subprocess.run(["dpkg-query", f"--admindir={self.database}", "-W", "-f", "${db:Status-Status} ${Version}",
+                               package], capture_output=True, text=True, check=False)
+        return done.stdout or "unknown"
+
+    def run(self, program, *arguments):
+        done = subprocess.run([self.folder / program, *arguments], env={**os.environ, "ORBAMIRA_ROOT": str(self.folder)},
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120, check=False)
+        if done.returncode != 0:
+            raise RuntimeError(f"{program} {arguments} ended with {done.returncode}:\n{done.stdout}{done.stderr}")
+        return done.stdout
+
+    def files(self, *folders):
+        """What lies below the folders and is no folder itself."""
+        return sorted(str(path.relative_to(self.folder)) for name in folders for path in (self.folder / name).rglob("*")
+                      if path.is_symlink() or not path.is_dir())
+
+
+def field(package, name):
+    return subprocess.run(["dpkg-deb", "-f", package, name], check=True, capture_output=True, text=True).stdout.strip()
+
+
+def needed_by(packages):
+    """The names of all that the packages depend on, but themselves."""
+    own = {field(package, "Package") for package in packages}
+    names = set()
+    for package in packages:
+        names.update(re.split(r"[ :(]", term.strip())[0]
+                     for term in re.split(r"[,|]", field(package, "Depends")) if term.strip())
+    return names - own
+
+
+def installed_elsewhere(package):
+    """What the machine's own dpkg knows of an installed package; without its own dependencies, which are met there."""
+    done = subprocess.run(["dpkg-query", "-s", package], capture_output=True, text=True, check=False)
+    if done.returncode != 0 or "\nStatus: install ok installed\n" not in done.stdout:
+        return ""
+    dropped = ("Depends", "Pre-Depends", "Conffiles", "Recommends", "Suggests", "Breaks", "Conflicts", "Replaces")
+    kept = [part for part in re.split(r"\n(?! )", done.stdout.strip()) if part.split(":")[0] not in dropped]
+    return "\n".join(kept) + "\n\n"
+
+
+def as_previous_version(packages, folder):
+    """The same packages as an older version, whose maker gave the machine's settings file another text."""
+    previous = []
+    for package in packages:
+        tree = folder / package.stem
+        subprocess.run(["dpkg-deb", "-R", package, tree], check=True)
+        control = tree / "DEBIAN/control"
+        version = field(package, "Version")
+        control.write_text(control.read_text().replace(f"Version: {version}", f"Version: {OLD_VERSION}")
+                           .replace(f"= {version})", f"= {OLD_VERSION})"))
+        settings = tree / "etc/orbamira/updater.conf"
+        if settings.exists():
+            settings.write_text("# Of the version before.\n" + settings.read_text())
+        file = folder / package.name
+        subprocess.run(["dpkg-deb", "--root-owner-group", "-b", tree, file], check=True, stdout=subprocess.DEVNULL)
+        previous.append(file)
+    return previous
+
+
+class Report:
+    failures = 0
+
+    def expect(self, what, expected, seen):
+        holds = expected == seen
+        print(f"{'ok' if holds else 'FAILED'}: {what}")
+        if not holds:
+            print(f"  expected: {expected}\n  seen:     {seen}")
+            self.failures += 1
+
+
+def check(packages, build, folder):
+    report = Report()
+    names = sorted(field(package, "Package") for package in packages)
+    version = field(packages[0], "Version")
+    root = Root(folder / "root", packages)
+    pack, settings = root.folder / "var/lib/orbamira/packages/codec-pack", root.folder / "etc/orbamira"
+
+    def expect_state(when, expected):
+        report.expect(f"the packages {when}", {name: expected for name in names},
+                      {name: root.status(name) for name in names})
+
+    # A first installation.
+    root.dpkg("-i", *as_previous_version(packages, folder))
+    expect_state("are installed", f"installed {OLD_VERSION}")
+    stage = folder / "stage"
+    subprocess.run(["cmake", "--install", build], env={**os.environ, "DESTDIR": str(stage)}, check=True,
+                   stdout=subprocess.DEVNULL)
+    staged = {str(path.relative_to(stage)) for path in stage.rglob("*") if path.is_symlink() or path.is_file()}
+    report.expect("no installed file is without a package", set(), staged - set(root.files("usr", "etc")))
+    groups = [line.split(":") for line in (root.folder / "etc/group").read_text().splitlines()]
+    numbers = [int(group[2]) for group in groups if group[0] == "orbamira"]
+    report.expect("there is one group for the locks", 1, len(numbers))
+    locks = (root.folder / "run/orbamira/lock").stat()
+    if os.geteuid() == 0:
+        report.expect("the locks' folder is the group's", (numbers[0], 0o2770),
+                      (locks.st_gid, stat.S_IMODE(locks.st_mode)))
+
+    # Work is done with it: settings, a pack, an account, a keyring that the maker brought.
+    with WebServer(folder / "server") as server:
+        address = f'pack_update_server="{server.url}/reply.json"\n'
+        (settings / "updater.conf").write_text(address)
+        (settings / "system.conf").write_text('unique="packaged"\n')
+        (settings / "version.conf").write_text('major_version="7"\nminor_version="2"\nbuild_number="64570"\n')
+        (settings / "account.json").write_text("{}\n")
+        payload = folder / "payload"
+        payload.mkdir()
+        (payload / "codec").write_text("decoder\n")
+        root.run("usr/bin/mkpack", "--payload", payload, "--output", server.packs, "--name", "orbamira-hevc",
+                 "--version", "1.0.0", "--title", "HEVC", "--base-url", server.url)
+        root.run("usr/bin/packctl", "check")
+        root.run("usr/bin/packctl", "update")
+    (settings / "keyring.pem").write_text("the maker's\n")
+    before = root.files("var/lib/orbamira", "etc/orbamira")
+
+    def expect_kept(when):
+        report.expect(f"{when} keeps the pack", "decoder\n", (pack / "codec").read_text())
+        report.expect(f"{when} keeps the status", "up_to_date",
+                      json.loads((root.folder / "var/lib/orbamira/status.json").read_text())["status"])
+        report.expect(f"{when} keeps the settings", address, (settings / "updater.conf").read_text())
+        report.expect(f"{when} takes nothing", [], sorted(set(before) - set(root.files("var/lib/orbamira",
+                                                                                       "etc/orbamira"))))
+
+    # What the packages do with it.
+    root.dpkg("-i", *packages)
+    expect_state("are upgraded", f"installed {version}")
+    expect_kept("an upgrade")
+    report.expect("the upgraded packctl sees the pack", "1.0.0",
+                  json.loads(root.run("usr/bin/packctl", "--json", "info"))["version"])
+
+    root.dpkg("-r", *names)
+    expect_kept("a removal")
+    report.expect("a removal leaves no program", [], root.files("usr"))
+
+    root.dpkg("-i", *packages)
+    expect_kept("an installation after a removal")
+    report.expect("the reinstalled packctl sees the pack", "1.0.0",
+                  json.loads(root.run("usr/bin/packctl", "--json", "info"))["version"])
+
+    root.dpkg("-P", *names)
+    expect_state("are purged", "unknown")
+    report.expect("a purge leaves no state", (False, False, False),
+                  tuple((root.folder / name).exists() for name in ("var/lib/orbamira", "var/cache/orbamira",
+                                                                   "run/orbamira")))
+    report.expect("a purge leaves of the settings those of others",
+                  ["etc/orbamira/keyring.pem", "etc/orbamira/system.conf", "etc/orbamira/version.conf"],
+                  root.files("etc/orbamira"))
+    report.expect("a purge leaves no program", [], root.files("usr"))
+    shutil.rmtree(settings)
+    root.dpkg("-i", *packages)
+    root.dpkg("-P", *names)
+    report.expect("a purge leaves no folder of settings where there are no others", False, settings.exists())
+    return report.failures
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--packages", type=pathlib.Path, required=True)
+    parser.add_argument("--build", type=pathlib.Path, required=True)
+    options = parser.parse_args()
+
+    os.environ["PATH"] += ":/usr/sbin:/sbin"
+    missing = [program for program in NEEDED if shutil.which(program) is None]
+    if missing:
+        print(f"skipped: not installed here: {', '.join(missing)}")
+        return SKIPPED
+    if not options.packages.is_dir():
+        print("skipped: no packages were made")
+        return SKIPPED
+    with tempfile.TemporaryDirectory(prefix="orbamira-packages-") as name:
+        return 1 if check(sorted(options.packages.glob("*.deb")), options.build, pathlib.Path(name)) else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
