@@ -20,8 +20,10 @@ import tempfile
 from staged import WebServer
 
 SKIPPED = 77
-NEEDED = ("dpkg", "dpkg-deb", "dpkg-query", "systemd-sysusers", "systemd-tmpfiles")
+NEEDED = ("dpkg", "dpkg-deb", "dpkg-query", "systemd-sysusers", "systemd-tmpfiles", "systemctl")
 OLD_VERSION = "0.9.0"
+DEFAULT_UNITS = ["orbamira-check.timer", "orbamira-recover.service"]
+CHOSEN_UNITS = ["orbamira-recover.service", "orbamira-update.timer"]
 
 
 class Root:
@@ -53,6 +55,12 @@ class Root:
         if done.returncode != 0:
             raise RuntimeError(f"{program} {arguments} ended with {done.returncode}:\n{done.stdout}{done.stderr}")
         return done.stdout
+
+    def systemctl(self, *arguments):
+        subprocess.run(["systemctl", f"--root={self.folder}", *arguments], check=True, stderr=subprocess.DEVNULL)
+
+    def enabled_units(self):
+        return sorted(path.name for path in (self.folder / "etc/systemd/system").glob("*.wants/*"))
 
     def files(self, *folders):
         """What lies below the folders and is no folder itself."""
@@ -138,8 +146,12 @@ def check(packages, build, folder):
     report.expect("there is one group for the locks", 1, len(numbers))
     locks = (root.folder / "run/orbamira/lock").stat()
     if os.geteuid() == 0:
-        report.expect("the locks' folder is the group's", (numbers[0], 0o2770),
-                      (locks.st_gid, stat.S_IMODE(locks.st_mode)))
+        report.expect("the locks' folder is the group's to enter", (numbers[0], stat.S_IXGRP),
+                      (locks.st_gid, locks.st_mode & (stat.S_IXGRP | stat.S_IXOTH)))
+    report.expect("of the services those are enabled that change nothing by themselves", DEFAULT_UNITS,
+                  root.enabled_units())
+    root.systemctl("disable", "orbamira-check.timer")
+    root.systemctl("enable", "orbamira-update.timer")
 
     # Work is done with it: settings, a pack, an account, a keyring that the maker brought.
     with WebServer(folder / "server") as server:
@@ -173,6 +185,8 @@ def check(packages, build, folder):
     report.expect("the upgraded packctl sees the pack", "1.0.0",
                   json.loads(root.run("usr/bin/packctl", "--json", "info"))["version"])
 
+    report.expect("an upgrade leaves the owner's choice of services", CHOSEN_UNITS, root.enabled_units())
+
     root.dpkg("-r", *names)
     expect_kept("a removal")
     report.expect("a removal leaves no program", [], root.files("usr"))
@@ -191,6 +205,7 @@ def check(packages, build, folder):
                   ["etc/orbamira/keyring.pem", "etc/orbamira/system.conf", "etc/orbamira/version.conf"],
                   root.files("etc/orbamira"))
     report.expect("a purge leaves no program", [], root.files("usr"))
+    report.expect("a purge leaves no service", [], root.enabled_units())
     shutil.rmtree(settings)
     root.dpkg("-i", *packages)
     root.dpkg("-P", *names)
