@@ -144,7 +144,6 @@ Json::Value DescribeCommandLine() {
   const auto app = MakeApp(options);
   Json::Value described;
   described["name"] = app->get_name();
-  described["version"] = PACKCTL_VERSION;
   described["summary"] = app->get_description();
   described["footer"] = kFooter;
   described["options"] = DescribeOptions(*app);

@@ -42,7 +42,7 @@ ParsedLine ParseCommandLine(int argc, const char* const* argv);
 
 /// The commands and options as packctl itself takes them, for whoever writes its man page and completions:
 ///
-///     {"name", "version", "summary", "footer", "options": [OPTION...],
+///     {"name", "summary", "footer", "options": [OPTION...],
 ///      "commands": [{"name", "summary", "details", "options": [OPTION...]}...]}
 ///
 /// where OPTION is {"names": ["--limit"...], "help": "...", "value": "N"}, with null for the value of a flag.

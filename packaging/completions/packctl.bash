@@ -1,0 +1,34 @@
+# shellcheck shell=bash
+# Completes the command line of packctl. Made by packaging/generate.py: change what it is made from.
+
+_packctl() {
+  local word command='' words
+  COMPREPLY=()
+  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+    case $word in
+      -*) ;;
+      *) command=$word && break ;;
+    esac
+  done
+  case ${COMP_WORDS[COMP_CWORD - 1]} in
+    --limit) return ;;
+  esac
+  case $command in
+    '') words='check download install update remove status info history doctor codecs plugins recover -h --help --version --json' ;;
+    check) words='-h --help --json' ;;
+    download) words='-h --help --json' ;;
+    install) words='-h --help --json' ;;
+    update) words='-h --help --json' ;;
+    remove) words='-h --help --json' ;;
+    status) words='-h --help --json --watch' ;;
+    info) words='-h --help --json' ;;
+    history) words='-h --help --json --limit' ;;
+    doctor) words='-h --help --json' ;;
+    codecs) words='-h --help --json' ;;
+    plugins) words='-h --help --json' ;;
+    recover) words='-h --help --json' ;;
+    *) return ;;
+  esac
+  mapfile -t COMPREPLY < <(compgen -W "$words" -- "${COMP_WORDS[COMP_CWORD]}")
+}
+complete -F _packctl packctl

@@ -1,0 +1,241 @@
+#!/usr/bin/python3
+"""Writes packctl's man page and completions, and mkpack's man page, from what the programs themselves take.
+
+usage: generate.py PACKCTL_DESCRIBE MKPACK FOLDER
+
+PACKCTL_DESCRIBE is the program tests/unit/tools/packctl_describe of a build, MKPACK the one in tools/. FOLDER, which is
+packaging/ itself, gets man/packctl.1, man/mkpack.1, completions/packctl.bash and completions/_packctl. They are kept in
+the tree, so that installing takes no program to be run; a test fails as soon as they differ from what this writes.
+"""
+
+import json
+import os
+import pathlib
+import re
+import subprocess
+import sys
+
+GENERATED = "Made by packaging/generate.py: change what it is made from."
+
+PACKCTL_FILES = (
+    ("/etc/orbamira/updater.conf", "The machine's settings (KEY=VALUE), which win over those of the maker in "
+     "/usr/share/orbamira/updater.conf: pack_update_server, plugin_time_limit and unpack_limit."),
+    ("/etc/orbamira/keyring.pem", "The certificates that packages must be signed by. Where there is none, unsigned "
+     "packages are accepted."),
+    ("/usr/lib/orbamira/plugins", "The programs that are told of installs."),
+    ("/var/lib/orbamira/packages/codec-pack", "The installed pack."),
+    ("/var/lib/orbamira/status.json", "The recorded status."),
+    ("/var/lib/orbamira/history.jsonl", "The history, one JSON object a line; an older part in history.jsonl.1."),
+    ("/run/orbamira/lock", "The lock files. Whoever can open them can hold up an update."),
+)
+
+
+def roff(text):
+    """`text` as it is, for the body of a page."""
+    text = text.replace("\\", "\\e").replace("-", "\\-").replace("'", "\\(aq").replace("`", "\\(ga")
+    return re.sub(r"^\.", r"\\&.", text, flags=re.MULTILINE)
+
+
+def paragraphs(text):
+    """Help text in lines, as paragraphs: a line that begins a sentence of its own kind begins a new one."""
+    lines = []
+    for line in text.splitlines():
+        if lines and line and not re.match(r"(Exit status|Example|With --)", line):
+            lines[-1] += " " + line
+        else:
+            lines.append(line)
+    return [line.strip() for line in lines if line.strip()]
+
+
+def option_term(option):
+    names = ", ".join(f"\\fB{roff(name)}\\fR" for name in option["names"])
+    return names + (f" \\fI{roff(option['value'])}\\fR" if option["value"] else "")
+
+
+def option_entries(options):
+    return [part for option in options for part in (".TP", option_term(option), roff(option["help"]) + ".")]
+
+
+def packctl_page(program):
+    statuses = re.findall(r"^  (\d+) +(.+)$", program["footer"], flags=re.MULTILINE)
+    rest = program["footer"].split("\n\n", 1)[1]
+    page = [
+        f'.\\" {GENERATED}',
+        '.TH PACKCTL 1 "" Orbamira "User Commands"',
+        ".SH NAME",
+        f"packctl \\- {roff(program['summary'][0].lower() + program['summary'][1:].rstrip('.'))}",
+        ".SH SYNOPSIS",
+        ".B packctl",
+        "[\\fB\\-\\-json\\fR] \\fICOMMAND\\fR [\\fIOPTION\\fR...]",
+        ".SH DESCRIPTION",
+        roff(program["summary"]),
+        *(line for text in rest.splitlines() for line in (".PP", roff(text))),
+        ".SH OPTIONS",
+        *option_entries(program["options"]),
+        ".SH COMMANDS",
+    ]
+    for command in program["commands"]:
+        own = [option for option in command["options"] if option["names"][-1] not in ("--help", "--json")]
+        takes = "".join(f" [{option_term(option)}]" for option in own)
+        page += [".SS", f"\\fB{command['name']}\\fR{takes}", roff(command["summary"]) + "."]
+        page += [line for text in paragraphs(command["details"]) for line in (".PP", roff(text))]
+        page += option_entries(own)
+    page.append(".SH EXIT STATUS")
+    page += [part for number, meaning in statuses for part in (".TP", f"\\fB{number}\\fR", roff(meaning) + ".")]
+    page.append(".SH FILES")
+    page += [part for path, meaning in PACKCTL_FILES for part in (".TP", f"\\fI{roff(path)}\\fR", roff(meaning))]
+    page += [".SH SEE ALSO", "\\fBmkpack\\fR(1)"]
+    return "\n".join(page) + "\n"
+
+
+def verbatim(rows):
+    return [".PP", ".nf", *(roff(row) for row in rows), ".fi"]
+
+
+def block(rows):
+    """A block of help text: two columns become entries, prose is filled, and what a reader would type stays as it is."""
+    depth = min(len(row) - len(row.lstrip()) for row in rows)
+    rows = [row[depth:] for row in rows]
+    if all(re.match(r"(\S+  |   ) *\S", row) for row in rows):
+        page = []
+        for row in rows:
+            term, text = re.match(r"(\S*) +(.*)", row).groups()
+            page += [".TP", f"\\fI{roff(term)}\\fR", roff(text)] if term else [roff(text)]
+        return page
+    if any(row.endswith("\\") for row in rows):
+        return verbatim(rows)
+    typed = [row for row in rows if re.match(r"openssl |pack_update_server=", row)]
+    return [".PP", *(roff(row) for row in rows if row not in typed), *(verbatim(typed) if typed else [])]
+
+
+def blocks(lines):
+    return [line for rows in re.split(r"\n\s*\n", "\n".join(lines).strip("\n")) for line in block(rows.splitlines())]
+
+
+def mkpack_page(text):
+    """The page of the program whose help is `text`, as argparse lays it out."""
+    usage, description, rest = text.split("\n\n", 2)
+    options, sections = rest.split("\n\n", 1)
+    page = [
+        f'.\\" {GENERATED}',
+        '.TH MKPACK 1 "" Orbamira "User Commands"',
+        ".SH NAME",
+        "mkpack \\- make a codec pack of a folder and publish it",
+        ".SH SYNOPSIS",
+        ".B mkpack",
+        roff(" ".join(usage.split()[2:])),
+        ".SH DESCRIPTION",
+        roff(description),
+        ".SH OPTIONS",
+    ]
+    for entry in re.split(r"\n(?=  -)", options)[1:]:
+        term, help_text = re.match(r"  (.+?)(?:  +|\n)(.*)", entry, flags=re.DOTALL).groups()
+        page += [".TP", f"\\fB{roff(term)}\\fR", roff(" ".join(help_text.split()))]
+    for section in re.split(r"\n(?=\S)", sections):
+        heading, *lines = section.splitlines()
+        page += [f".SH {heading.upper()}", *blocks(lines)]
+    page += [".SH SEE ALSO", "\\fBpackctl\\fR(1)"]
+    return "\n".join(page) + "\n"
+
+
+def names(options):
+    return [name for option in options for name in option["names"]]
+
+
+def bash_completion(program):
+    takes_value = [name for options in [program["options"], *(c["options"] for c in program["commands"])]
+                   for option in options if option["value"] for name in option["names"]]
+    lines = [
+        "# shellcheck shell=bash",
+        f"# Completes the command line of packctl. {GENERATED}",
+        "",
+        "_packctl() {",
+        "  local word command='' words",
+        "  COMPREPLY=()",
+        '  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do',
+        "    case $word in",
+        "      -*) ;;",
+        '      *) command=$word && break ;;',
+        "    esac",
+        "  done",
+        '  case ${COMP_WORDS[COMP_CWORD - 1]} in',
+        f"    {' | '.join(sorted(set(takes_value)))}) return ;;",
+        "  esac",
+        "  case $command in",
+        f"    '') words='{' '.join([c['name'] for c in program['commands']] + names(program['options']))}' ;;",
+        *(f"    {c['name']}) words='{' '.join(names(c['options']))}' ;;" for c in program["commands"]),
+        "    *) return ;;",
+        "  esac",
+        '  mapfile -t COMPREPLY < <(compgen -W "$words" -- "${COMP_WORDS[COMP_CWORD]}")',
+        "}",
+        "complete -F _packctl packctl",
+    ]
+    return "\n".join(lines) + "\n"
+
+
+def zsh_text(text):
+    return re.sub(r"([\\\[\]:])", r"\\\1", text).replace("'", "'\\''")
+
+
+def zsh_options(options):
+    specifications = []
+    for option in options:
+        value = f":{option['value']}: " if option["value"] else ""
+        excluded = "(- *)" if option["names"][-1] in ("--help", "--version") else ""
+        specifications += [f"'{excluded}{name}[{zsh_text(option['help'])}]{value}'" for name in option["names"]]
+    return specifications
+
+
+def zsh_completion(program):
+    lines = [
+        "#compdef packctl",
+        f"# Completes the command line of packctl. {GENERATED}",
+        "",
+        "_packctl() {",
+        "  local -a commands",
+        "  local state line context",
+        "  commands=(",
+        *(f"    '{c['name']}:{zsh_text(c['summary'])}'" for c in program["commands"]),
+        "  )",
+        "  _arguments -C \\",
+        *(f"    {specification} \\" for specification in zsh_options(program["options"])),
+        "    '1:command:->command' \\",
+        "    '*::argument:->argument'",
+        "  case $state in",
+        "    command) _describe command commands ;;",
+        "    argument)",
+        "      case $words[1] in",
+    ]
+    for command in program["commands"]:
+        specifications = " ".join(zsh_options(command["options"]))
+        lines.append(f"        {command['name']}) _arguments {specifications} ;;")
+    lines += ["      esac", "      ;;", "  esac", "}", "", '_packctl "$@"']
+    return "\n".join(lines) + "\n"
+
+
+def run(*command):
+    environment = {**os.environ, "COLUMNS": "120", "LC_ALL": "C.UTF-8"}
+    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True, env=environment).stdout
+
+
+def main(arguments):
+    if len(arguments) != 3 or arguments[0].startswith("-"):
+        print(__doc__.strip(), file=sys.stderr)
+        return 64
+    describe, mkpack, folder = arguments
+    program = json.loads(run(describe))
+    files = {
+        "man/packctl.1": packctl_page(program),
+        "man/mkpack.1": mkpack_page(run(mkpack, "--help")),
+        "completions/packctl.bash": bash_completion(program),
+        "completions/_packctl": zsh_completion(program),
+    }
+    for name, text in files.items():
+        path = pathlib.Path(folder) / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text(text, encoding="utf-8")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
