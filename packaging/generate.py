@@ -26,6 +26,7 @@ PACKCTL_FILES = (
     ("/var/lib/orbamira/packages/codec-pack", "The installed pack."),
     ("/var/lib/orbamira/status.json", "The recorded status."),
     ("/var/lib/orbamira/history.jsonl", "The history, one JSON object a line; an older part in history.jsonl.1."),
+    ("/usr/share/orbamira/packctl.schema.json", "The JSON Schema of what is printed with --json."),
     ("/run/orbamira/lock", "The lock files. Whoever can open them can hold up an update."),
 )
 

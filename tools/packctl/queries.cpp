@@ -29,8 +29,9 @@ std::unique_ptr<updater::IPackManager> MakeManager() {
   return manager;
 }
 
-Outcome Failed(Console::Held held, const std::string& problem) {
+Outcome Failed(const char* command, Console::Held held, const std::string& problem) {
   Outcome outcome{.exit = kExitFailed, .problems = std::move(held.other)};
+  outcome.json["command"] = command;
   outcome.json["result"] = "failed";
   outcome.problems.insert(outcome.problems.end(), held.log.begin(), held.log.end());
   outcome.problems.push_back(problem);
@@ -135,7 +136,7 @@ Outcome Codecs(Context& context) {
   }
   // The library takes a requirements file that it cannot read for one without requests, and says so only in the log.
   if (Console::Held held = context.console.TakeHeld(); !held.log.empty()) {
-    return Failed(std::move(held), "cannot tell which codecs applications ask for");
+    return Failed("codecs", std::move(held), "cannot tell which codecs applications ask for");
   }
   outcome.text = "Installed: " + Joined(installed) + "\nRequested: " + Joined(requested) + "\n";
   return outcome;
@@ -166,7 +167,7 @@ Outcome Plugins(Context& context) {
   // An empty list with a line in the log is the library's way to say that the list cannot be had.
   Console::Held held = context.console.TakeHeld();
   if (ids.empty() && !held.log.empty()) {
-    return Failed(std::move(held), "cannot list the plugins");
+    return Failed("plugins", std::move(held), "cannot list the plugins");
   }
   Outcome outcome{.problems = std::move(held.other)};
   Json::Value& app_ids = outcome.json["app_ids"] = Json::arrayValue;

@@ -1,0 +1,155 @@
+"""What packctl prints with --json, held against its schema: every command, well and ill, on an appliance with a server.
+
+usage: json_schema_test.py --build BUILD --source SOURCE
+"""
+
+import argparse
+import copy
+import fcntl
+import json
+import pathlib
+import signal
+import subprocess
+import sys
+import tempfile
+import unittest
+
+import jsonschema
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "faults"))
+from appliance import Appliance, Publisher  # noqa: E402
+
+FAILED, NOTHING, REFUSED = 1, 2, 3
+
+
+class JsonSchemaTest(unittest.TestCase):
+    arguments = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.source = pathlib.Path(cls.arguments.source)
+        cls.schema = json.loads((cls.source / "packaging/packctl.schema.json").read_text())
+        cls.folder = cls.enterClassContext(tempfile.TemporaryDirectory())
+        cls.publisher = cls.enterClassContext(Publisher(cls.source, pathlib.Path(cls.folder) / "served"))
+        cls.addresses = {version: cls.publisher.publish(version, 1) for version in ("1.0", "2.0")}
+
+    def setUp(self):
+        root = self.enterContext(tempfile.TemporaryDirectory(dir=self.folder))
+        self.appliance = Appliance.lay_out(root, self.arguments.build, self.source)
+        self.appliance.use_server(self.addresses["1.0"])
+
+    def validator(self, command):
+        return jsonschema.Draft202012Validator({"$ref": f"#/$defs/{command}", "$defs": self.schema["$defs"]})
+
+    def check(self, command, expected_status, *arguments):
+        """Runs the command; its answer must be as the schema says and be refused with any part taken out."""
+        done = self.appliance.packctl(command, "--json", *arguments)
+        self.assertEqual(done.returncode, expected_status, done.stdout + done.stderr)
+        self.assertEqual(done.stdout.count("\n"), 1)
+        answer = json.loads(done.stdout)
+        self.validator(command).validate(answer)
+        jsonschema.Draft202012Validator(self.schema).validate(answer)
+        self.check_strict(command, answer)
+        return answer
+
+    def check_strict(self, command, answer):
+        validator = self.validator(command)
+        more = {**answer, "more": 1}
+        self.assertFalse(validator.is_valid(more), "a member that the schema does not know")
+        for name in answer:
+            wrong = copy.deepcopy(answer)
+            wrong[name] = 1.5
+            self.assertFalse(validator.is_valid(wrong), f"{name} of another type")
+        for name in answer:
+            less = {key: value for key, value in answer.items() if key != name}
+            if set(less) != {"command", "result"}:  # which is a whole answer, of a run that did not come to another
+                self.assertFalse(validator.is_valid(less), f"without {name}")
+
+    def test_is_a_schema_of_the_commands_that_there_are(self):
+        jsonschema.Draft202012Validator.check_schema(self.schema)
+        shown = self.appliance.packctl("--help").stdout.split("Subcommands:\n")[1].split("\n\n")[0]
+        commands = [line.split()[0] for line in shown.splitlines()]
+        self.assertEqual(set(self.schema["$defs"]) - {"status_text", "pack"}, set(commands))
+        self.assertEqual([form["$ref"] for form in self.schema["anyOf"]],
+                         [f"#/$defs/{name}" for name in self.schema["$defs"] if name in commands])
+
+    def test_updates_from_the_first_to_the_last(self):
+        self.check("status", 0)
+        self.check("info", 0)
+        self.check("history", 0)
+        self.assertEqual(self.check("check", 0)["version"], "1.0")
+        self.check("download", 0)
+        self.check("status", 0)
+        self.check("install", 0)
+        self.check("check", NOTHING)
+        self.check("install", REFUSED)
+        self.check("info", 0)
+        self.check("codecs", 0)
+        self.appliance.use_server(self.addresses["2.0"])
+        self.check("update", 0)
+        self.check("remove", 0)
+        self.check("remove", NOTHING)
+        self.check("recover", 0)
+        self.assertEqual(self.check("doctor", 0)["result"], "well")
+        self.assertEqual(len(self.check("history", 0)["entries"]), 5)
+        self.check("history", 0, "--limit", "1")
+
+    def test_failures(self):
+        self.appliance.use_server(self.publisher.url + "/none.json")
+        for command in ("check", "update"):
+            self.check(command, FAILED)
+        self.assertEqual(self.check("doctor", FAILED)["result"], "faults")
+        for entry in self.check("history", 0)["entries"]:
+            self.assertTrue(entry["errors"])
+        self.appliance.status_file.write_text('{"status": "dancing"}')
+        for command in ("status", "update", "remove"):
+            self.check(command, FAILED)
+        self.check("recover", 0)
+        (self.appliance.root / "var/lib/orbamira/codec-requirements.json").write_text("{")
+        self.check("codecs", FAILED)
+        (self.appliance.root / "usr/libexec/orbamira/get_app_id.py").unlink()
+        self.check("plugins", FAILED)
+        for history in self.appliance.history:
+            history.unlink(missing_ok=True)
+            history.mkdir()
+        self.check("history", FAILED)
+        locks = self.appliance.root / "run/orbamira/lock"
+        for lock in locks.iterdir():
+            lock.unlink()
+        locks.rmdir()
+        locks.write_text("")
+        for command in ("check", "download", "install", "update", "remove", "recover", "plugins", "status"):
+            self.check(command, FAILED)
+
+    def test_plugins(self):
+        plugin = self.appliance.root / "usr/lib/orbamira/plugins/10-player"
+        plugin.write_text("#!/bin/sh\necho player\n")
+        plugin.chmod(0o755)
+        self.assertEqual(self.check("plugins", 0)["app_ids"], ["player"])
+
+    def test_another_packctl_at_work(self):
+        with open(self.appliance.root / "run/orbamira/lock/packctl.lock", "w", encoding="ascii") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            for command in ("check", "download", "install", "update", "remove", "recover", "plugins"):
+                self.assertEqual(self.check(command, REFUSED)["result"], "busy")
+
+    def test_watch(self):
+        watch = subprocess.Popen([self.appliance.root / "packctl", "status", "--watch", "--json"],
+                                 env=self.appliance.environment(), stdout=subprocess.PIPE, text=True)
+        with watch:
+            lines = [watch.stdout.readline()]
+            self.appliance.expect("update")
+            while json.loads(lines[-1])["status"] != "up_to_date":
+                lines.append(watch.stdout.readline())
+            watch.send_signal(signal.SIGTERM)
+        self.assertEqual(watch.returncode, 0)
+        for line in lines:
+            self.validator("status").validate(json.loads(line))
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    for name in ("--build", "--source"):
+        parser.add_argument(name, required=True)
+    JsonSchemaTest.arguments, rest = parser.parse_known_args()
+    unittest.main(argv=[sys.argv[0], "--verbose", *rest])
