@@ -24,8 +24,8 @@
 
 namespace {
 
-using namespace orbamira;           // NOLINT(google-build-using-namespace)
-using namespace orbamira::updater;  // NOLINT(google-build-using-namespace)
+using namespace orbamira;
+using namespace orbamira::updater;
 
 // Settings that come from the appliance's own database. Programs are run as the library would run them, and a file that
 // belongs to a pack is read as a file: for both the platform's implementation is the base.

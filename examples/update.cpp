@@ -22,8 +22,8 @@
 
 namespace {
 
-using namespace orbamira;           // NOLINT(google-build-using-namespace)
-using namespace orbamira::updater;  // NOLINT(google-build-using-namespace)
+using namespace orbamira;
+using namespace orbamira::updater;
 
 // The manager reports every stage to its status helper. One that also tells the user needs to know no more than that:
 // there is nothing to poll, and no thread besides the one that works.

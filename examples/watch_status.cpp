@@ -15,7 +15,7 @@
 
 namespace {
 
-using namespace orbamira::updater;  // NOLINT(google-build-using-namespace)
+using namespace orbamira::updater;
 
 bool IsUnderWay(PackStatus status) {
   return status == kStatusDownloading || status == kStatusInstalling || status == kStatusDownloadingInstalling;
