@@ -14,5 +14,5 @@ command -v lintian > /dev/null || {
   exit 77
 }
 packages=("$1"/*.deb)
-lintian --allow-root --suppress-tags no-manual-page --fail-on error,warning "${packages[@]}"
+lintian --allow-root --fail-on error,warning "${packages[@]}"
 printf '%d packages\n' "${#packages[@]}"
