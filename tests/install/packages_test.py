@@ -45,13 +45,15 @@ class Root:
             raise RuntimeError(f"dpkg {' '.join(map(str, arguments))} ended with {done.returncode}:\n{done.stdout}")
 
     def status(self, package):
-        done = subprocess.run(["dpkg-query", f"--admindir={self.database}", "-W", "-f", "${db:Status-Status} ${Version}",
-                               package], capture_output=True, text=True, check=False)
+        done = subprocess.run(
+            ["dpkg-query", f"--admindir={self.database}", "-W", "-f", "${db:Status-Status} ${Version}", package],
+            capture_output=True, text=True, check=False)
         return done.stdout or "unknown"
 
     def run(self, program, *arguments):
-        done = subprocess.run([self.folder / program, *arguments], env={**os.environ, "ORBAMIRA_ROOT": str(self.folder)},
-                              stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120, check=False)
+        done = subprocess.run(
+            [self.folder / program, *arguments], env={**os.environ, "ORBAMIRA_ROOT": str(self.folder)},
+            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120, check=False)
         if done.returncode != 0:
             raise RuntimeError(f"{program} {arguments} ended with {done.returncode}:\n{done.stdout}{done.stderr}")
         return done.stdout
