@@ -336,6 +336,13 @@ std::vector<Fault> Faults() {
        },
        "keyring", "CN=signer has a key that is too weak"},
 
+      {"UnsignedPackagesOverHttp",
+       [](Appliance& appliance) {
+         std::string address = appliance.server().Url("/reply.json");
+         Use(address.replace(address.find("127.0.0.1"), 9, "0.0.0.0"));
+       },
+       "keyring", "packages come over http and unsigned ones are accepted"},
+
       {"APluginThatIsNotExecutable",
        [plugins](Appliance&) {
          Appliance::AddPlugin("a", "echo player\n");
@@ -428,6 +435,16 @@ std::vector<Fault> Faults() {
            if (request.method == "HEAD") {
              response.claimed_length = std::int64_t{1} << 60;
            }
+         });
+       },
+       "space", "for an update "},
+      {"APackageOfWhichOnlyTheReplyTellsTheSize",
+       [](Appliance& appliance) {
+         const std::string link = appliance.server().Url("/pack.opk");
+         appliance.SetFault([link](const HttpRequest& request, HttpResponse& response) {
+           response.status = request.method == "HEAD" ? 405 : 200;
+           response.body = Offer("2.0", link, kDigest);
+           response.body.replace(response.body.find("{\"version\""), 1, R"({"size": 1000000000000000000, )");
          });
        },
        "space", "for an update "},

@@ -35,8 +35,8 @@ FileText ReadText(const std::filesystem::path& file) {
 }
 
 std::string SchemeOf(const std::string& address) {
-  for (const std::string scheme : {"http", "https"}) {
-    const std::string front = scheme + "://";
+  for (const char* scheme : {"http", "https"}) {
+    const std::string front = std::string(scheme) + "://";
     const bool has_host = address.size() > front.size() && address.find_first_of("/?#:", front.size()) != front.size();
     if (address.starts_with(front) && has_host && address.find_first_of(" \t\r\n\"'") == std::string::npos) {
       return scheme;

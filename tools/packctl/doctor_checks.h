@@ -27,7 +27,7 @@ Findings CheckSettings();
 /// Who may write what is believed, whether we can write what is ours, and whether the programs are there.
 Findings CheckPermissions();
 
-/// The certificates that packages must be signed by. A machine without a keyring has nothing to find.
+/// The certificates that packages must be signed by; without a keyring, whether the way to the server is safe at least.
 Findings CheckKeyring();
 
 /// Asks each plugin for its application ids, which takes up to the plugins' time limit each.

@@ -10,6 +10,7 @@
 
 #include "platform/constants.h"
 #include "tools/packctl/doctor_checks.h"
+#include "updater/kos_helper.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -58,6 +59,13 @@ void CheckCertificate(X509* certificate, Findings& findings) {
   }
 }
 
+// Whether somebody between here and the server could answer in its place.
+bool IsOpenToAnyone(const std::string& address) {
+  const bool is_here = address.starts_with("http://127.") || address.starts_with("http://localhost") ||
+                       address.starts_with("http://[::1]");
+  return SchemeOf(address) == "http" && !is_here;
+}
+
 }  // namespace
 
 Findings CheckKeyring() {
@@ -65,6 +73,12 @@ Findings CheckKeyring() {
   const std::string file = path::kKeyring;
   struct stat about {};
   if (lstat(file.c_str(), &about) != 0) {
+    if (IsOpenToAnyone(updater::KOSHelper::Create()->GetPackUpdateServerUrl())) {
+      findings.push_back({kCheck,
+                          "packages come over http and unsigned ones are accepted, so whoever is on the way to the "
+                          "update server can replace them",
+                          std::string("sign packages and ship ") + file + ", or serve them over https"});
+    }
     return findings;
   }
   const FileText read = ReadText(file);

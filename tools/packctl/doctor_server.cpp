@@ -140,6 +140,9 @@ void CheckReply(const std::string& text, Offer& offer, Findings& findings) {
     findings.push_back({kServer, "the update server offers no pack called " + name, "publish one with mkpack"});
     return;
   }
+  if (pack["size"].isUInt64()) {
+    offer.package_size = pack["size"].asUInt64();
+  }
   if (TextMember(pack, param::kVersion).empty()) {
     findings.push_back({kServer, "the offer of " + name + " names no version", kPublish});
   }

@@ -34,7 +34,8 @@ void CheckLines(const std::string& file, const std::string& text, Findings& find
     if (line.starts_with('#') || WithoutBlanks(line).empty()) {
       continue;
     }
-    const std::string place = file + ": line " + std::to_string(number);
+    std::string place = file;
+    place.append(": line ").append(std::to_string(number));
     const std::size_t equals = line.find('=');
     if (equals == std::string::npos) {
       findings.push_back({kCheck, place + " is not KEY=VALUE and is passed over", "correct or remove the line"});

@@ -85,7 +85,7 @@ void WriteOrTakeBack(const UniqueFd& file, std::size_t size, const std::string& 
     tools::WriteFully(file.get(), line.data(), line.size(), path::kHistoryFile);
   } catch (const std::system_error&) {
     // Should this fail too, the next entry begins on a line of its own all the same.
-    static_cast<void>(!ftruncate(file.get(), static_cast<off_t>(size)));
+    static_cast<void>(ftruncate(file.get(), static_cast<off_t>(size)) == 0);
     throw;
   }
 }

@@ -177,6 +177,12 @@ TEST_F(HistoryTest, TwoFilesOfAQuarterMebibyteAreAllThatIsKept) {
   }
 }
 
+TEST_F(HistoryTest, AFileThatBecomesTheOlderOneMeanwhileIsReadOnce) {
+  AppendToHistory(Entry("update"));
+  fs::create_hard_link(file_, older_);
+  EXPECT_THAT(Commands(ReadHistory()), testing::ElementsAre("update"));
+}
+
 TEST_F(HistoryTest, AFileThatSomebodyElseMadeHugeIsReadFromItsEndAndSetAside) {
   AppendToHistory(Entry("update"));
   const std::string line = ReadFile(file_);
