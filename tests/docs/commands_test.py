@@ -18,13 +18,16 @@ import threading
 import unittest
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
-PAGES = [SOURCE / "README.md", *sorted((SOURCE / "docs").glob("*.md")), *sorted((SOURCE / "examples").glob("*.md"))]
+PAGES = sorted(path for folder in ("", "docs", "examples", "packaging") for path in (SOURCE / folder).glob("*.md"))
 BLOCK = re.compile(r"^```sh\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 LINK = re.compile(r"\]\(([^)\s]+)\)")
 HEADING = re.compile(r"^#+ (.+)$", re.MULTILINE)
 
-# These are run as they are by .ci/run, which a test cannot start: it is part of it.
-RUN_BY_CI = ("scripts/demo", "scripts/test", "scripts/lint", ".ci/run")
+# These are run as they are by .ci/run, which a test cannot start since it is part of it, and by the tests of packages.
+RUN_ELSEWHERE = (
+    *("scripts/setup", "scripts/demo", "scripts/test", "scripts/lint", ".ci/run"),
+    *("cmake --preset", "cmake --build --preset", "cpack --config"),
+)
 
 # What takes a real machine: that the page is right is seen from what the project has.
 STUB = """#!/bin/sh
@@ -58,7 +61,7 @@ class Page:
             ("sudo ", ""),
         ):
             text = text.replace(there, here)
-        return "\n".join(line for line in text.split("\n") if not line.startswith(RUN_BY_CI))
+        return "\n".join(line for line in text.split("\n") if not line.startswith(RUN_ELSEWHERE))
 
     def prepare(self):
         subprocess.run(
