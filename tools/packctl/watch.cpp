@@ -60,7 +60,10 @@ class StoreWatch {
       std::array<pollfd, 2> waited{
           {{.fd = output_, .events = 0, .revents = 0}, {.fd = fd_.get(), .events = POLLIN, .revents = 0}}};
       const int ready = poll(waited.data(), waited.size(), watched_ ? kWatchedMs : kUnwatchedMs);
-      if (waited[0].revents != 0) {
+      if (ready < 0 && errno != EINTR) {
+        tools::ThrowErrno("cannot wait for the status store");
+      }
+      if (ready > 0 && waited[0].revents != 0) {
         return Wake::kOutputGone;
       }
       if (!watched_) {
@@ -104,6 +107,12 @@ class StoreWatch {
   UniqueFd fd_;
   bool watched_ = false;
 };
+
+// Whether whoever read the output is gone, which is no failure of ours.
+bool IsGone(int output) {
+  pollfd reader{.fd = output, .events = 0, .revents = 0};
+  return poll(&reader, 1, 0) > 0;
+}
 
 /// What a look at the store gave: the record, or why there is none.
 struct Look {
@@ -202,7 +211,7 @@ Outcome WatchStatus(Context& context) {
     }
   }
   Outcome outcome{.json = Json::nullValue};
-  if (!watcher.can_write()) {
+  if (!watcher.can_write() && !IsGone(context.console.output())) {
     outcome.exit = kExitFailed;
     outcome.problems = {"cannot write to the standard output"};
   }
