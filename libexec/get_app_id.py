@@ -1,4 +1,4 @@
-#!/usr/bin/python3
+#!/usr/bin/python3 -SE
 """Asks the plugins for their application ids.
 
 usage: get_app_id.py FILE
@@ -23,6 +23,7 @@ import tempfile
 # The folder of this program is not the place for compiled copies of its module.
 sys.dont_write_bytecode = True
 
+import orbamira_plugin_runner as runner  # noqa: E402
 import orbamira_plugins as plugins  # noqa: E402
 
 PROGRAM = "get_app_id"
@@ -38,7 +39,7 @@ def ask(path, seconds):
         if len(answer) > MAX_ANSWER_SIZE:
             raise ValueError(f"stopped: it printed more than {MAX_ANSWER_SIZE // 1024} KiB")
 
-    plugins.run(path, ["--app-id"], seconds, take_output)
+    runner.run(path, ["--app-id"], seconds, take_output)
     try:
         lines = answer.decode("utf-8").split("\n")
     except UnicodeDecodeError as error:
@@ -49,7 +50,7 @@ def ask(path, seconds):
 def ask_all():
     """The ids of all plugins; those that fail are reported and left out. Raises PluginFailure for the folder."""
     paths = plugins.list_plugins()
-    seconds = plugins.time_limit()
+    seconds = runner.time_limit()
     ids = []
     for path in paths:
         try:
@@ -78,6 +79,7 @@ def write_whole(path, text):
 
 def main(arguments):
     plugins.start(PROGRAM)
+    runner.take_signals()
     if arguments == ["--help"]:
         print(__doc__.strip())
         return 0

@@ -1,4 +1,4 @@
-#!/usr/bin/python3
+#!/usr/bin/python3 -SE
 """Tells every plugin of one step of an installation or removal.
 
 usage: notify_plugin.py --event EVENT --package NAME --timing TIMING --version VERSION --status STATUS
@@ -37,11 +37,16 @@ def notify_all(arguments):
     except plugins.PluginFailure as failure:
         plugins.report(PROGRAM, failure)
         return False
-    seconds = plugins.time_limit()
+    if not paths:
+        return True
+    import orbamira_plugin_runner as runner  # not at the top: orbamira_plugins.py tells why
+
+    runner.take_signals()
+    seconds = runner.time_limit()
     succeeded = True
     for path in paths:
         try:
-            plugins.run(path, arguments, seconds)
+            runner.run(path, arguments, seconds)
         except plugins.PluginFailure as failure:
             plugins.report(PROGRAM, failure)
             succeeded = False

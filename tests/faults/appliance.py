@@ -15,7 +15,7 @@ import threading
 
 PACK_NAME = "orbamira-hevc"
 PROGRAMS = ("orba-archive", "orba-copy")
-SCRIPTS = ("notify_plugin.py", "get_app_id.py", "orbamira_plugins.py")
+SCRIPTS = ("notify_plugin.py", "get_app_id.py", "orbamira_plugin_runner.py", "orbamira_plugins.py")
 
 
 def tree(folder):

@@ -9,6 +9,7 @@ from unittest import mock
 from plugin_test_case import HANG, LIBEXEC, PluginTestCase
 
 import notify_plugin
+import orbamira_plugin_runner
 import orbamira_plugins
 
 STEP = "--event install --package orbamira-hevc --timing pre --version 1.2 --status UPGRADE".split()
@@ -31,6 +32,23 @@ class NotifyPluginTest(PluginTestCase):
 
     def test_with_empty_plugin_folder_succeeds(self):
         self.folder.mkdir(parents=True)
+        self.assert_told(self.notify())
+
+    def loaded_modules(self):
+        command = ["/usr/bin/python3", "-SE", "-X", "importtime", LIBEXEC / "notify_plugin.py", *STEP]
+        result = subprocess.run(command, env=self.environment, capture_output=True, text=True, timeout=HANG, check=True)
+        return {line.rpartition("|")[2].strip() for line in result.stderr.splitlines()}
+
+    def test_loads_what_runs_plugins_only_when_there_is_one(self):
+        slow = {"orbamira_plugin_runner", "contextlib", "selectors", "signal", "subprocess"}
+        self.assertEqual(set(), slow & self.loaded_modules())
+        self.add_plugin("a", "")
+        self.assertEqual(slow, slow & self.loaded_modules())
+
+    def test_environment_does_not_change_which_modules_are_loaded(self):
+        (self.root / "subprocess.py").write_text("raise SystemExit(9)")
+        self.environment["PYTHONPATH"] = str(self.root)
+        self.add_plugin("a", "")
         self.assert_told(self.notify())
 
     def test_runs_plugins_in_name_order_with_the_arguments_given(self):
@@ -289,29 +307,29 @@ class OrbamiraPluginsTest(PluginTestCase):
 
     def setUp(self):
         super().setUp()
-        self.syslog = self.replace("syslog.syslog")
-        self.openlog = self.replace("syslog.openlog")
-        self.replace("PLUGIN_FOLDER", str(self.folder))
+        self.syslog = self.replace("orbamira_plugins.syslog.syslog")
+        self.openlog = self.replace("orbamira_plugins.syslog.openlog")
+        self.replace("orbamira_plugins.PLUGIN_FOLDER", str(self.folder))
         self.replace(
-            "SETTINGS_FILES",
+            "orbamira_plugin_runner.SETTINGS_FILES",
             (str(self.root / "etc/orbamira/updater.conf"), str(self.root / "usr/share/orbamira/updater.conf")),
         )
 
     def replace(self, name, *values):
-        patch = mock.patch(f"orbamira_plugins.{name}", *values)
+        patch = mock.patch(name, *values)
         self.addCleanup(patch.stop)
         return patch.start()
 
     def test_program_logs_failures_at_local1(self):
-        self.replace("print_error")
-        self.replace("signal.signal")
+        self.replace("orbamira_plugins.print_error")
+        self.replace("orbamira_plugin_runner.signal.signal")
         path = self.add_plugin("a", "exit 3")
         self.assertEqual(1, notify_plugin.main(STEP))
         self.openlog.assert_called_once_with("notify_plugin", 0, orbamira_plugins.syslog.LOG_LOCAL1)
         self.syslog.assert_called_once_with(orbamira_plugins.syslog.LOG_ERR, f"{path}: exited with status 3")
 
     def test_undecodable_name_is_logged(self):
-        self.replace("print_error")
+        self.replace("orbamira_plugins.print_error")
         orbamira_plugins.report("x", orbamira_plugins.PluginFailure(os.fsdecode(b"\xff"), "gone"))
         self.syslog.assert_called_once_with(orbamira_plugins.syslog.LOG_ERR, "\ufffd: gone")
 
@@ -325,28 +343,28 @@ class OrbamiraPluginsTest(PluginTestCase):
         path = self.add_plugin("a", "exit 0")
         self.status_of(4243)
         with self.assertRaisesRegex(orbamira_plugins.PluginFailure, "a: refused: it belongs to user 4243"):
-            orbamira_plugins.run(str(path), [], 60)
+            orbamira_plugin_runner.run(str(path), [], 60)
 
     def test_plugins_of_root_and_of_the_running_user_are_run(self):
         path = self.add_plugin("a", 'echo ran >> "$LOG"')
         with mock.patch.dict(os.environ, self.environment):
             for uid in (0, 4242):
                 self.status_of(uid)
-                orbamira_plugins.run(str(path), [], 60)
+                orbamira_plugin_runner.run(str(path), [], 60)
         self.assertEqual(["ran", "ran"], self.log_lines())
 
     def test_plugin_that_a_group_may_write_is_refused(self):
         path = self.add_plugin("a", "exit 0")
         self.status_of(0, 0o100775)
         with self.assertRaisesRegex(orbamira_plugins.PluginFailure, "a: refused: group 4343 may write it"):
-            orbamira_plugins.run(str(path), [], 60)
+            orbamira_plugin_runner.run(str(path), [], 60)
 
     def test_plugins_that_the_own_group_or_that_of_root_may_write_are_run(self):
         path = self.add_plugin("a", 'echo ran >> "$LOG"')
         with mock.patch.dict(os.environ, self.environment):
             for gid in (0, 4244):
                 self.status_of(0, 0o100775, gid)
-                orbamira_plugins.run(str(path), [], 60)
+                orbamira_plugin_runner.run(str(path), [], 60)
         self.assertEqual(["ran", "ran"], self.log_lines())
 
     def test_folder_that_a_group_may_write_is_refused(self):
@@ -364,21 +382,21 @@ class OrbamiraPluginsTest(PluginTestCase):
     def test_plugin_gone_since_it_was_listed_cannot_be_started(self):
         self.folder.mkdir(parents=True)
         with self.assertRaisesRegex(orbamira_plugins.PluginFailure, "cannot be started: No such file or directory"):
-            orbamira_plugins.run(str(self.folder / "a"), [], 60)
+            orbamira_plugin_runner.run(str(self.folder / "a"), [], 60)
 
     def test_time_limit_is_a_minute_by_default(self):
-        self.assertEqual(60, orbamira_plugins.time_limit())
+        self.assertEqual(60, orbamira_plugin_runner.time_limit())
         self.write_setting("other=1\n")
-        self.assertEqual(60, orbamira_plugins.time_limit())
+        self.assertEqual(60, orbamira_plugin_runner.time_limit())
         self.syslog.assert_not_called()
 
     def test_time_limit_of_this_system_wins_over_the_default_one(self):
         self.write_setting("plugin_time_limit=7\n", "usr/share/orbamira")
-        self.assertEqual(7, orbamira_plugins.time_limit())
+        self.assertEqual(7, orbamira_plugin_runner.time_limit())
         self.write_setting("plugin_time_limit=\n")
-        self.assertEqual(7, orbamira_plugins.time_limit())
+        self.assertEqual(7, orbamira_plugin_runner.time_limit())
         self.write_setting("plugin_time_limit=5\n")
-        self.assertEqual(5, orbamira_plugins.time_limit())
+        self.assertEqual(5, orbamira_plugin_runner.time_limit())
 
     def test_time_limit_is_read_like_every_setting(self):
         for text in (
@@ -394,7 +412,7 @@ class OrbamiraPluginsTest(PluginTestCase):
         ):
             with self.subTest(text):
                 self.write_setting(text)
-                self.assertEqual(5, orbamira_plugins.time_limit())
+                self.assertEqual(5, orbamira_plugin_runner.time_limit())
 
     def test_only_blanks_and_one_pair_of_quotes_are_dropped_from_a_setting(self):
         for text, value in (
@@ -410,21 +428,21 @@ class OrbamiraPluginsTest(PluginTestCase):
         ):
             with self.subTest(text):
                 self.write_setting(f"key={text}\n")
-                self.assertEqual(value, orbamira_plugins._setting(orbamira_plugins.SETTINGS_FILES[0], "key"))
+                self.assertEqual(value, orbamira_plugin_runner._setting(orbamira_plugin_runner.SETTINGS_FILES[0], "key"))
 
     def test_first_mebibyte_of_the_settings_is_looked_at(self):
         line = "plugin_time_limit=50\n"
         self.write_setting("#" * ((1 << 20) - len(line) - 1) + "\n" + line)
-        self.assertEqual(50, orbamira_plugins.time_limit())
+        self.assertEqual(50, orbamira_plugin_runner.time_limit())
         self.write_setting("#" * ((1 << 20) - len(line) + 1) + "\n" + line)
-        self.assertEqual(60, orbamira_plugins.time_limit())
+        self.assertEqual(60, orbamira_plugin_runner.time_limit())
 
     def test_settings_that_are_no_regular_file_are_passed_over(self):
         path = self.root / "etc/orbamira/updater.conf"
         path.parent.mkdir(parents=True)
         self.write_setting("plugin_time_limit=7\n", "usr/share/orbamira")
         os.mkfifo(path)
-        script = "import orbamira_plugins; print(orbamira_plugins.time_limit())"
+        script = "import orbamira_plugin_runner; print(orbamira_plugin_runner.time_limit())"
         result = subprocess.run(
             ["/usr/bin/python3", "-B", "-c", script],
             env=dict(self.environment, PYTHONPATH=str(LIBEXEC)),
@@ -436,7 +454,7 @@ class OrbamiraPluginsTest(PluginTestCase):
         self.assertEqual("7.0\n", result.stdout)
         path.unlink()
         path.mkdir()
-        self.assertEqual(7, orbamira_plugins.time_limit())
+        self.assertEqual(7, orbamira_plugin_runner.time_limit())
 
     def test_time_limit_that_is_none_is_logged_and_the_default_taken(self):
         self.write_setting("plugin_time_limit=7\n", "usr/share/orbamira")
@@ -445,7 +463,7 @@ class OrbamiraPluginsTest(PluginTestCase):
             with self.subTest(text):
                 self.syslog.reset_mock()
                 self.write_setting(f"plugin_time_limit={text}\n")
-                self.assertEqual(60, orbamira_plugins.time_limit())
+                self.assertEqual(60, orbamira_plugin_runner.time_limit())
                 self.syslog.assert_called_once_with(
                     orbamira_plugins.syslog.LOG_ERR, f"{path}: plugin_time_limit is not a number of seconds up to a day"
                 )
