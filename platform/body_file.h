@@ -15,6 +15,12 @@ class BodyFile {
   /// The body begins where the stream stands. Fails when the stream is not open.
   explicit BodyFile(std::ofstream& stream);
 
+  /// Leaves with the stream what was added and not flushed.
+  ~BodyFile();
+
+  BodyFile(const BodyFile&) = delete;
+  BodyFile& operator=(const BodyFile&) = delete;
+
   /// Fails when the file system has no room for a body of this many bytes, as far as it tells.
   void ExpectRoomFor(std::int64_t size);
 
@@ -32,10 +38,12 @@ class BodyFile {
 
  private:
   [[nodiscard]] int Descriptor() const;
+  [[nodiscard]] bool WriteOut();
   [[noreturn]] void DropAndThrow(const std::string& what);
 
   std::ofstream& stream_;
   std::streamoff begin_ = 0;
+  std::string piece_;  // not yet written
 };
 
 }  // namespace orbamira::wrapper
