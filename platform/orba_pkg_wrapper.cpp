@@ -16,7 +16,7 @@
 namespace orbamira::wrapper {
 namespace {
 
-constexpr std::size_t kBufferSize = 256UL << 10U;
+constexpr std::size_t kBufferSize = 64UL << 10U;
 
 using Digest = std::vector<unsigned char>;
 

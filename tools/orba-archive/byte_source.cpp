@@ -12,7 +12,8 @@
 namespace orbamira::tools {
 namespace {
 
-constexpr size_t kReadSize = 256UL * 1024;
+// Small enough to stay in the nearest cache until it is used.
+constexpr size_t kReadSize = 64UL * 1024;
 constexpr size_t kInflatedSize = 512UL * 1024;
 
 class PlainSource final : public ByteSource {
