@@ -38,9 +38,10 @@ void CheckLines(const std::string& file, const std::string& text, Findings& find
     place.append(": line ").append(std::to_string(number));
     const std::size_t equals = line.find('=');
     if (equals == std::string::npos) {
-      findings.push_back({kCheck, place + " is not KEY=VALUE and is passed over", "correct or remove the line"});
+      findings.push_back({kCheck, place.append(" is not KEY=VALUE and is passed over"), "correct or remove the line"});
     } else if (const std::string key = WithoutBlanks(line.substr(0, equals)); !IsKnown(key)) {
-      findings.push_back({kCheck, place + " sets " + key + ", which nothing reads", "correct or remove the line"});
+      findings.push_back(
+          {kCheck, place.append(" sets ").append(key).append(", which nothing reads"), "correct or remove the line"});
     }
   }
 }
