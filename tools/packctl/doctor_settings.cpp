@@ -26,23 +26,24 @@ bool IsKnown(const std::string& key) {
   return key == common::kPackUpdateServer || key == common::kUnpackLimit || key == kPluginTimeLimit;
 }
 
+void CheckLine(const std::string& place, const std::string& line, Findings& findings) {
+  if (line.starts_with('#') || WithoutBlanks(line).empty()) {
+    return;
+  }
+  const std::size_t equals = line.find('=');
+  if (equals == std::string::npos) {
+    findings.push_back({kCheck, place + " is not KEY=VALUE and is passed over", "correct or remove the line"});
+  } else if (const std::string key = WithoutBlanks(line.substr(0, equals)); !IsKnown(key)) {
+    findings.push_back({kCheck, place + " sets " + key + ", which nothing reads", "correct or remove the line"});
+  }
+}
+
 void CheckLines(const std::string& file, const std::string& text, Findings& findings) {
   std::istringstream lines(text);
   int number = 0;
   for (std::string line; std::getline(lines, line);) {
     ++number;
-    if (line.starts_with('#') || WithoutBlanks(line).empty()) {
-      continue;
-    }
-    std::string place = file;
-    place.append(": line ").append(std::to_string(number));
-    const std::size_t equals = line.find('=');
-    if (equals == std::string::npos) {
-      findings.push_back({kCheck, place.append(" is not KEY=VALUE and is passed over"), "correct or remove the line"});
-    } else if (const std::string key = WithoutBlanks(line.substr(0, equals)); !IsKnown(key)) {
-      findings.push_back(
-          {kCheck, place.append(" sets ").append(key).append(", which nothing reads"), "correct or remove the line"});
-    }
+    CheckLine(file + ": line " + std::to_string(number), line, findings);
   }
 }
 
