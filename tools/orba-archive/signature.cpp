@@ -11,12 +11,12 @@
 #include <cerrno>
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <new>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
 
+#include "tools/common/openssl.h"
 #include "tools/common/posix.h"
 #include "tools/orba-archive/archive_reader.h"
 
@@ -28,16 +28,6 @@ constexpr const char* kSignatureName = "MANIFEST.sig";
 constexpr uint64_t kMaxTextSize = 1UL << 20U;  // of the two above, which are held in memory
 constexpr size_t kDigestSize = 32;
 constexpr int kMinSecurityLevel = 2;  // 112 bits: RSA from 2048 bits on, no SHA-1
-
-template <auto Free>
-struct Deleter {
-  template <typename T>
-  void operator()(T* object) const {
-    Free(object);
-  }
-};
-template <typename T, auto Free>
-using Owned = std::unique_ptr<T, Deleter<Free>>;
 
 template <typename Pointer>
 Pointer NotNull(Pointer pointer) {
@@ -186,22 +176,19 @@ void CheckMembers(const Digests& members, const Digests& listed) {
   }
 }
 
-void FreeInfos(STACK_OF(X509_INFO) * infos) { sk_X509_INFO_pop_free(infos, X509_INFO_free); }
-
 Owned<X509_STORE, X509_STORE_free> LoadKeyring(const std::string& path) {
   const auto file = Owned<BIO, BIO_free>(BIO_new_file(path.c_str(), "r"));
   if (!file) {
     ThrowErrno(path);
   }
-  const auto infos =
-      Owned<STACK_OF(X509_INFO), FreeInfos>(PEM_X509_INFO_read_bio(file.get(), nullptr, nullptr, nullptr));
+  const PemObjects infos(PEM_X509_INFO_read_bio(file.get(), nullptr, nullptr, nullptr));
   if (!infos) {
     ThrowLibraryError(path);
   }
   auto store = NotNull(Owned<X509_STORE, X509_STORE_free>(X509_STORE_new()));
   for (int i = 0; i < sk_X509_INFO_num(infos.get()); ++i) {
     const X509_INFO* info = sk_X509_INFO_value(infos.get(), i);
-    if (info->crl != nullptr || info->x_pkey != nullptr || info->x509 == nullptr) {
+    if (!IsCertificateAlone(*info)) {
       throw std::runtime_error(path + ": something other than certificates in it");
     }
     if (X509_STORE_add_cert(store.get(), info->x509) != 1) {

@@ -6,29 +6,21 @@
 #include <sys/stat.h>
 
 #include <ctime>
-#include <memory>
 
 #include "platform/constants.h"
+#include "tools/common/openssl.h"
 #include "tools/packctl/doctor_checks.h"
 #include "updater/kos_helper.h"
 
 namespace orbamira::packctl {
 namespace {
 
+using tools::IsCertificateAlone;
+using tools::Owned;
+using tools::PemObjects;
+
 constexpr const char* kCheck = "keyring";
 constexpr const char* kShipAgain = "ship a keyring of certificates alone";
-
-template <auto Free>
-struct Deleter {
-  template <typename T>
-  void operator()(T* object) const {
-    Free(object);
-  }
-};
-template <typename T, auto Free>
-using Owned = std::unique_ptr<T, Deleter<Free>>;
-
-void FreeInfos(STACK_OF(X509_INFO) * infos) { sk_X509_INFO_pop_free(infos, X509_INFO_free); }
 
 std::string SubjectOf(const X509* certificate) {
   const Owned<BIO, BIO_free> text(BIO_new(BIO_s_mem()));
@@ -88,8 +80,7 @@ Findings CheckKeyring() {
     return findings;
   }
   const Owned<BIO, BIO_free> source(BIO_new_mem_buf(read.text->data(), static_cast<int>(read.text->size())));
-  const Owned<STACK_OF(X509_INFO), FreeInfos> infos(
-      source ? PEM_X509_INFO_read_bio(source.get(), nullptr, nullptr, nullptr) : nullptr);
+  const PemObjects infos(source ? PEM_X509_INFO_read_bio(source.get(), nullptr, nullptr, nullptr) : nullptr);
   ERR_clear_error();
   if (!infos) {
     findings.push_back({kCheck, file + " is damaged, so no package is accepted", kShipAgain});
@@ -100,7 +91,7 @@ Findings CheckKeyring() {
   }
   for (int i = 0; i < sk_X509_INFO_num(infos.get()); ++i) {
     const X509_INFO* const info = sk_X509_INFO_value(infos.get(), i);
-    if (info->crl != nullptr || info->x_pkey != nullptr || info->x509 == nullptr) {
+    if (!IsCertificateAlone(*info)) {
       findings.push_back(
           {kCheck, file + " holds something other than certificates, so no package is accepted", kShipAgain});
     } else {

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include <memory>
+
+// Owners for what OpenSSL hands out as raw pointers.
+namespace orbamira::tools {
+
+template <auto Free>
+struct Deleter {
+  template <typename T>
+  void operator()(T* object) const {
+    Free(object);
+  }
+};
+
+template <typename T, auto Free>
+using Owned = std::unique_ptr<T, Deleter<Free>>;
+
+inline void FreePemObjects(STACK_OF(X509_INFO) * objects) { sk_X509_INFO_pop_free(objects, X509_INFO_free); }
+
+/// What a PEM file holds.
+using PemObjects = Owned<STACK_OF(X509_INFO), FreePemObjects>;
+
+/// Whether the object is a certificate and nothing else comes with it: what a keyring may hold.
+inline bool IsCertificateAlone(const X509_INFO& object) {
+  return object.x509 != nullptr && object.crl == nullptr && object.x_pkey == nullptr;
+}
+
+}  // namespace orbamira::tools
