@@ -1,0 +1,145 @@
+#!/usr/bin/env python3
+"""What an update costs, by counts: processes, calls that change files, saves of the record, bytes written.
+
+Counts do not depend on how busy the machine is, so they show what a benchmark would: a program started once more, a
+body written in small pieces, a copy where a link would do, a record that is saved for every piece of the download.
+"""
+
+import argparse
+import collections
+import json
+import pathlib
+import re
+import sys
+import tempfile
+import time
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "faults"))
+from appliance import Appliance, Publisher  # pylint: disable=wrong-import-position
+
+KIB = 1024
+MIB = 1024 * KIB
+PAYLOAD = (8 * MIB, 8 * MIB)
+
+# Of an upgrade without plugins: every program has a supervisor, a copy of packctl.
+PROCESSES = {"packctl": 1, "supervisor": 10, "notify_plugin.py": 4, "orba-archive": 1, "orba-tar": 1, "orba-copy": 1,
+             "rm": 3}
+
+SAVE = ["openat", "fchmod", "write", "fsync", "renameat"]  # and the fsync of the folder
+# A state is recorded by clearing the record and setting its six values. An upgrade goes through seven of them, and
+# the progress of its download is one more at its first and its last byte and every tenth of a second at most.
+SAVES_OF_STATE = 7
+STATES = 7
+REPORT_INTERVAL = 0.1
+
+BODY_PIECE = 256 * KIB
+UNPACKED_PIECE = 64 * KIB
+OTHER_CALLS = 100  # locks, folders, links, modes, and what is deleted
+OTHER_BYTES = MIB
+
+
+class Update:
+    """One upgrade to a new pack, behind a wrapper that watches it and writes to the file `report`."""
+
+    def __init__(self, arguments, folder, wrapper, report):
+        with Publisher(arguments.source, folder / "published") as publisher:
+            appliance = Appliance.lay_out(folder / "root", arguments.build, arguments.source)
+            appliance.use_server(publisher.publish("1.0", 1))
+            appliance.expect("update")
+            appliance.use_server(publisher.publish("2.0", 2, PAYLOAD))
+            begin = time.monotonic()
+            done = appliance.packctl("update", wrapper=wrapper)
+            self.seconds = time.monotonic() - begin
+            if done.returncode != 0 or not publisher.is_whole(appliance.pack, "2.0"):
+                raise RuntimeError(f"the update ended with {done.returncode}: {done.stdout}{done.stderr}")
+            self.package_size = next((folder / "published").glob("*2.0*.opk")).stat().st_size
+        self.payload_size = sum(path.lstat().st_size for path in (folder / "payload-2.0").rglob("*") if path.is_file())
+        self.report = report.read_text()
+
+
+def update(wrapper, *options):
+    """An upgrade behind the program `wrapper` of the build folder, whose last option is the report's name."""
+    # In the build folder, which is on a disk: files in memory are not counted as written.
+    with tempfile.TemporaryDirectory(prefix="cost-", dir=ARGUMENTS.build) as name:
+        report = pathlib.Path(name) / "report"
+        return Update(ARGUMENTS, pathlib.Path(name), [ARGUMENTS.build / wrapper, *options, report, "--"], report)
+
+
+class CallsOfAnUpdate(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.update = update("tests/faults/fault_injector", "--record")
+        lines = (line.split(" ", 3) for line in cls.update.report.splitlines())
+        cls.calls = [(program, call, pathlib.PurePath(path)) for _, program, call, path in lines]
+
+    def test_a_save_of_the_record_is_six_calls_at_most(self):
+        saves = []
+        calls = []
+        for _, call, path in self.calls:
+            if path.name.startswith("status.json"):
+                calls.append(call)
+                if path.name == "status.json":
+                    saves.append(calls)
+                    calls = []
+        self.assertEqual([SAVE] * len(saves), saves)
+        folders = [call for _, call, path in self.calls if path.parts[-2:] == ("lib", "orbamira") and call == "fsync"]
+        self.assertLessEqual(len(folders), len(saves))
+
+    def test_a_download_is_recorded_ten_times_a_second_at_most(self):
+        saves = sum(path.name == "status.json" for _, _, path in self.calls)
+        reports = 2 + int(self.update.seconds / REPORT_INTERVAL)
+        self.assertLessEqual(saves, SAVES_OF_STATE * (STATES + reports))
+
+    def count_writes(self, program, pattern):
+        return sum(called == program and call in ("write", "writev", "pwrite64") and bool(re.search(pattern, str(path)))
+                   for called, call, path in self.calls)
+
+    def test_files_are_written_in_large_pieces(self):
+        package, payload = self.update.package_size, self.update.payload_size
+        for program, pattern, bound in (
+            ("packctl", r"/download/", package // BODY_PIECE + 2),
+            ("orba-archive", r"/package\.tgz$", package // UNPACKED_PIECE + 2),
+            # A piece ends where the compressed data that was read does, or the member.
+            ("orba-tar", r"\.so", payload // UNPACKED_PIECE + 2 * len(PAYLOAD) + 2),
+        ):
+            with self.subTest(program):
+                writes = self.count_writes(program, pattern)
+                self.assertGreater(writes, 0)
+                self.assertLessEqual(writes, bound)
+
+    def test_little_else_changes_files(self):
+        others = [call for _, call, path in self.calls
+                  if not path.name.startswith("status.json") and not call.startswith(("write", "pwrite", "fsync"))]
+        self.assertLessEqual(len(others), OTHER_CALLS)
+
+
+class ProcessesOfAnUpdate(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.update = update("bench/watch", "--report")
+        cls.watched = json.loads(cls.update.report)
+
+    def test_every_program_is_started_as_often_as_it_takes(self):
+        def name_of(process):
+            words = [pathlib.PurePath(word).name for word in process["command"]]
+            return next(word for word in words if word in PROCESSES)
+
+        found = collections.Counter("supervisor" if process["forked"] else name_of(process)
+                                    for process in self.watched["processes"])
+        self.assertEqual(PROCESSES, dict(found))
+
+    def test_package_is_written_twice_and_payload_once(self):
+        if self.watched["dirtied"] == 0:
+            self.skipTest("the build folder is in memory")
+        size = 2 * self.update.package_size + self.update.payload_size
+        self.assertGreaterEqual(self.watched["dirtied"], self.update.payload_size)
+        self.assertLessEqual(self.watched["dirtied"], size + OTHER_BYTES)
+
+
+if __name__ == "__main__":
+    PARSER = argparse.ArgumentParser(description=__doc__)
+    PARSER.add_argument("--build", type=pathlib.Path, required=True, help="build folder whose programs are counted")
+    PARSER.add_argument("--source", type=pathlib.Path, required=True, help="the project's folder")
+    ARGUMENTS = PARSER.parse_args()
+    unittest.main(argv=sys.argv[:1])
