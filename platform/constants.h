@@ -32,6 +32,7 @@ extern const char* const kHevcPack;
 /// Name of the pack that carries HEVC and AAC; a member of the update server's reply.
 extern const char* const kHevcAacPack;
 
+/// Absolute paths, under the root prefix where nothing else is said.
 namespace path {
 
 /// Program told of each step of an install or uninstall.
@@ -91,6 +92,7 @@ extern const char* const kLocaltime;
 
 }  // namespace path
 
+/// Files of the appliance's settings and identity, and the keys in them.
 namespace common {
 
 /// The system's main settings file (key=value), which holds kUnique.
@@ -114,6 +116,7 @@ extern const char* const kUnpackLimit;
 
 }  // namespace common
 
+/// Keys of what describes a package.
 namespace param {
 
 /// Key of the version, in an information file and in the download information.
@@ -132,11 +135,17 @@ extern const char* const kChecksum;
 /// Keys of the status store; the web interface uses the same names.
 namespace webapi::param {
 
+/// Version of the pack on offer.
 extern const char* const kNewVersion;
+/// Name of the pack on offer.
 extern const char* const kNewPackName;
+/// What the updater is doing, a text of orbamira::updater::kPackStatusTexts.
 extern const char* const kStatus;
+/// The step of the install under way, a text of orbamira::updater::kInstallStepTexts.
 extern const char* const kInstallStep;
+/// Bytes downloaded so far, in decimal.
 extern const char* const kDownloadSizeNow;
+/// Bytes of the whole download, in decimal.
 extern const char* const kDownloadSizeTotal;
 
 }  // namespace webapi::param

@@ -27,8 +27,10 @@ class ORBAMIRA_EXPORT ICprSession {
 /// The HTTP session on cpr.
 class ORBAMIRA_EXPORT CprSession : public ICprSession {
  public:
+  /// A fresh session; never empty.
   static std::shared_ptr<ICprSession> Create();
 
+  /// As Create() makes it.
   CprSession();
 
   cpr::Response DownloadToFile(std::ofstream& file) override;

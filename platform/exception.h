@@ -14,14 +14,19 @@ class ORBAMIRA_EXPORT BaseException : public std::exception {
   /// `message` is what what() returns, `file` and `line` name the place of the throw, and `code` tells the failures of
   /// one category apart; 0 where nothing needs telling apart.
   BaseException(const char* message, const std::string& file, int line, int code = 0);
+  /// As above.
   BaseException(const std::string& message, const std::string& file, int line, int code = 0);
   BaseException(const BaseException&) = default;
   BaseException& operator=(const BaseException&) = default;
   ~BaseException() override;
 
+  /// The message.
   [[nodiscard]] const char* what() const noexcept override;
+  /// The source file that it was thrown from.
   [[nodiscard]] const std::string& file() const noexcept { return file_; }
+  /// The line in that file.
   [[nodiscard]] int line() const noexcept { return line_; }
+  /// Which failure of its category it is; 0 where nothing needs telling apart.
   [[nodiscard]] int code() const noexcept { return code_; }
 
  private:

@@ -4,6 +4,7 @@
 
 #include "platform/export.h"
 
+/// Questions about files.
 namespace orbamira::filesystem {
 
 /// Whether a file exists at the path: anything but a directory, symbolic links followed. False when the path cannot be

@@ -5,6 +5,7 @@
 
 #include "platform/export.h"
 
+/// What several processes keep and share.
 namespace orbamira::store {
 
 /// A small persistent map of texts. The order of the operations is a binary contract. One object is not for use from

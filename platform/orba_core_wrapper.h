@@ -5,6 +5,7 @@
 
 #include "platform/export.h"
 
+/// What the updater needs of a system: services, each behind an interface.
 namespace orbamira::wrapper {
 
 /// Core services: running programs and reading settings files, behind an interface so that a test or another platform

@@ -40,6 +40,7 @@ class ORBAMIRA_EXPORT User {
 /// One client of the signed-in account, known to the provider by its name.
 class ORBAMIRA_EXPORT PackagePkceClient {
  public:
+  /// The client of this name. Nothing is read or asked yet.
   explicit PackagePkceClient(const std::string& client_name);
 
   /// The stored identity token while it is valid for another minute. Otherwise a new one, fetched with the refresh

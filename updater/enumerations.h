@@ -61,12 +61,13 @@ enum NotifyPluginStatus : std::int32_t {
   kNotifyUpgrade = 2,
 };
 
-/// The texts, indexed by the value; the index is not checked.
+/// The texts of UpdatePolicy, indexed by the value; the index is not checked.
 inline constexpr std::array<const char*, 3> kUpdatePolicyTexts = {
     "auto_download_auto_install",
     "auto_download_manual_install",
     "manual_download_manual_install",
 };
+/// The texts of PackStatus, likewise.
 inline constexpr std::array<const char*, 10> kPackStatusTexts = {
     "lost",
     "need_download",
@@ -79,16 +80,21 @@ inline constexpr std::array<const char*, 10> kPackStatusTexts = {
     "download_install_failed",
     "up_to_date",
 };
+/// The texts of InstallStep, likewise.
 inline constexpr std::array<const char*, 7> kInstallStepTexts = {
     "", "pre_install", "install", "post_install", "pre_uninstall", "uninstall", "post_uninstall",
 };
+/// The texts of NotifyPluginEvent, likewise.
 inline constexpr std::array<const char*, 2> kNotifyPluginEventTexts = {"install", "uninstall"};
+/// The texts of NotifyPluginTiming, likewise.
 inline constexpr std::array<const char*, 2> kNotifyPluginTimingTexts = {"pre", "post"};
+/// The texts of NotifyPluginStatus, likewise.
 inline constexpr std::array<const char*, 3> kNotifyPluginStatusTexts = {"INSTALL", "UNINSTALL", "UPGRADE"};
 
 /// The value of a text, case-sensitively. An unknown text throws std::out_of_range("_Map_base::at"). Safe to call from
 /// several threads at once.
 [[nodiscard]] ORBAMIRA_EXPORT UpdatePolicy UpdatePolicyFromText(const std::string& text);
+/// As above.
 [[nodiscard]] ORBAMIRA_EXPORT PackStatus PackStatusFromText(const std::string& text);
 
 /// As above; "post_uninstall" reads back as kStepPostInstall, on purpose: readers of the store rely on it.

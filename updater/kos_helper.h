@@ -28,8 +28,13 @@ class ORBAMIRA_EXPORT IKOSHelper {
   /// Modification time in seconds since the epoch, links followed; 0 when the file cannot be looked at.
   virtual time_t FileMtime(const std::string& path) const = 0;
 
+  /// The build number of the system's version.
   virtual std::string GetBuildNumber() const = 0;
+
+  /// The major number of the system's version.
   virtual std::string GetMajorVersion() const = 0;
+
+  /// The minor number of the system's version.
   virtual std::string GetMinorVersion() const = 0;
 
   /// The package's name in the package information file `path`.
@@ -65,6 +70,7 @@ class ORBAMIRA_EXPORT KOSHelper : public IKOSHelper {
   static std::unique_ptr<IKOSHelper> CreateForTest(std::shared_ptr<wrapper::IOrbaCoreWrapper> core,
                                                    std::shared_ptr<wrapper::IOrbaZeloWrapper> zelo);
 
+  /// A helper over the given services, which it shares.
   KOSHelper(std::shared_ptr<wrapper::IOrbaCoreWrapper> core, std::shared_ptr<wrapper::IOrbaZeloWrapper> zelo);
 
   bool Chmod(const std::string& path, unsigned int mode) const override;

@@ -29,10 +29,14 @@ class ORBAMIRA_EXPORT IPackHandler {
   /// anything; an offer without a version is never newer.
   virtual bool CheckNewVersion(const Json::Value& info) const = 0;
 
-  /// The members of the download information; empty when missing. Throw Json::LogicError when `info` is no object or
-  /// the member is no plain value.
+  /// The version of the pack on offer; empty when missing. Throws Json::LogicError when `info` is no object or the
+  /// member is no plain value, and so do the next two.
   virtual std::string GetDownloadVersion(const Json::Value& info) const = 0;
+
+  /// The address of the package; empty when missing.
   virtual std::string GetDownloadLink(const Json::Value& info) const = 0;
+
+  /// The digest of the package, hexadecimal; empty when missing.
   virtual std::string GetDownloadChecksum(const Json::Value& info) const = 0;
 
   /// The file that the package is downloaded to.
@@ -53,6 +57,7 @@ class ORBAMIRA_EXPORT IPackHandler {
   /// Moves the installed pack aside, to the backup.
   virtual bool Uninstall() = 0;
 
+  /// Makes the download directory and its missing parents; an existing one is success.
   virtual bool CreateDownloadDirectory() const = 0;
 
   /// Removes the download directory with everything in it.
@@ -72,8 +77,11 @@ class ORBAMIRA_EXPORT PackHandler : public IPackHandler {
                                                      std::shared_ptr<wrapper::IOrbaSDKWrapper> sdk,
                                                      const Json::Value& download_info);
 
+  /// A handler over the given services, without download information of its own.
   PackHandler(std::shared_ptr<wrapper::ICprSession> session, std::shared_ptr<IKOSHelper> kos_helper,
               std::shared_ptr<wrapper::IOrbaCoreWrapper> core, std::shared_ptr<wrapper::IOrbaSDKWrapper> sdk);
+
+  /// As above, with download information.
   PackHandler(std::shared_ptr<wrapper::ICprSession> session, std::shared_ptr<IKOSHelper> kos_helper,
               std::shared_ptr<wrapper::IOrbaCoreWrapper> core, std::shared_ptr<wrapper::IOrbaSDKWrapper> sdk,
               const Json::Value& download_info);
@@ -92,19 +100,28 @@ class ORBAMIRA_EXPORT PackHandler : public IPackHandler {
   bool CreateDownloadDirectory() const override;
   bool RemoveDownloadDirectory() const override;
 
-  /// The members of the handler's own download information; empty when it has none.
+  /// The package's address in the handler's own download information; empty when it has none.
   std::string GetDownloadLink() const;
+
+  /// The version there; empty when it has none.
   std::string GetDownloadVersion() const;
+
+  /// The pack's name there; empty when it has none.
   std::string GetDownloadPackName() const;
 
   /// The installed pack's information file, whether or not it exists.
   std::string GetInfoPath() const;
 
-  /// The version and the package name in a package information file; empty when missing.
+  /// The version in a package information file; empty when missing.
   std::string GetVersionFromInfo(const std::string& info_path) const;
+
+  /// The package's name there; empty when missing.
   std::string GetPackageNameFromInfo(const std::string& info_path) const;
 
+  /// Makes the directory that a new pack is unpacked into.
   bool CreateTempPackDirectory() const;
+
+  /// Removes it with everything in it.
   bool RemoveTempPackDirectory() const;
 
   /// Unpacks the package and its payload into `target_dir`. Any exit status but 0 is a failure.

@@ -69,8 +69,10 @@ class ORBAMIRA_EXPORT IPackManager {
   /// std::system_error when the lock cannot be had, Json::Exception when the file holds no object or nests too deep.
   virtual bool IsCodecRequested(const std::string& codec) const = 0;
 
-  /// Whether the installed pack carries the codec.
+  /// Whether the installed pack carries AAC.
   virtual bool HasAacCurrently() const = 0;
+
+  /// Whether the installed pack carries HEVC.
   virtual bool HasHevcCurrently() const = 0;
 };
 
@@ -80,6 +82,7 @@ class ORBAMIRA_EXPORT PackManager : public IPackManager {
   /// A manager over the platform's own services; empty, with one line in the log, when one of them cannot be made.
   static std::unique_ptr<IPackManager> Create();
 
+  /// A manager over the given collaborators.
   PackManager(std::shared_ptr<wrapper::IOrbaCoreWrapper> core, std::shared_ptr<wrapper::IOrbaPkgWrapper> pkg,
               std::shared_ptr<IKOSHelper> kos_helper, std::shared_ptr<IPackStatusHelper> status_helper,
               std::shared_ptr<IPackHandler> pack_handler, std::shared_ptr<IPluginNotifier> plugin_notifier);
@@ -109,10 +112,17 @@ class ORBAMIRA_EXPORT PackManager : public IPackManager {
   /// The name of the pack with or without AAC, a member of the update server's reply.
   std::string GetDownloadPackName(bool with_aac) const;
 
-  /// The steps of the flows above. `step` is told each install step as it begins.
+  /// Makes the download directory and downloads the package into it.
   bool DoDownload(const std::string& link, std::function<void(long, long)>& progress) const;
+
+  /// Moves an installed pack aside and puts the downloaded one in place, the plugins told of both. `version` and `name`
+  /// are the new pack's; `step` is told each step as it begins.
   bool DoInstall(const std::string& version, const std::string& name, std::function<void(InstallStep)>& step) const;
+
+  /// Puts the downloaded pack in place and removes the download directory. No plugin is told.
   bool DoInstallStep(std::function<void(InstallStep)>& step) const;
+
+  /// Moves the installed pack aside. No plugin is told.
   bool DoUninstallStep(std::function<void(InstallStep)>& step) const;
 
   /// Runs `action` between the "pre" and the "post" notification of the plugins. A notification that fails does not

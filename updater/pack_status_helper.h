@@ -13,12 +13,12 @@ namespace orbamira::updater {
 
 /// What the updater is doing, as the status store records it.
 struct PackStatusData {
-  PackStatus status = kStatusLost;
+  PackStatus status = kStatusLost;       ///< the state
   std::string new_pack_name = {};        ///< name of the pack on offer; empty unless an install waits or failed
   std::string new_version = {};          ///< version of the pack on offer; empty when none is
   std::int64_t download_size_now = 0;    ///< bytes downloaded so far
   std::int64_t download_size_total = 0;  ///< bytes of the whole download
-  InstallStep install_step = kStepNone;
+  InstallStep install_step = kStepNone;  ///< the step of the install under way
 };
 
 /// The persistent record of the pack's state: every change is a named transition, every rule about which operation a
@@ -36,36 +36,68 @@ class ORBAMIRA_EXPORT IPackStatusHelper {
  public:
   virtual ~IPackStatusHelper() = default;
 
+  /// The recorded state, read now.
   virtual PackStatus GetPackStatus() = 0;
+
+  /// The name of the pack on offer; empty unless an install waits or failed.
   virtual std::string GetPackNewName() = 0;
+
+  /// The version of the pack on offer; empty when none is.
   virtual std::string GetPackNewVersion() = 0;
 
   /// Bytes downloaded and bytes in total, each cut to its low 32 bits: sizes of 2 GiB and more come back wrapped. The
   /// total may be 0.
   virtual std::pair<std::int32_t, std::int32_t> GetPackDownloadProgress() = 0;
 
+  /// The step of the install under way.
   virtual InstallStep GetInstallProgress() = 0;
 
+  /// A pack of this version is on offer.
   virtual void SetAsNeedDownload(const std::string& new_version) const = 0;
+
+  /// A download begins.
   virtual void SetAsDownloading() const = 0;
+
+  /// The download failed.
   virtual void SetAsDownloadFailed() const = 0;
+
+  /// The pack of this version and name was downloaded and waits to be installed.
   virtual void SetAsNeedInstall(const std::string& new_version, const std::string& new_pack_name) const = 0;
+
+  /// The install of the downloaded pack begins.
   virtual void SetAsInstalling() const = 0;
+
+  /// The install failed; the pack of this version and name still waits.
   virtual void SetAsInstallFailed(const std::string& new_version, const std::string& new_pack_name) const = 0;
+
+  /// A download with an install after it begins.
   virtual void SetAsDownloadInstalling() const = 0;
+
+  /// One of the two failed.
   virtual void SetAsDownloadInstallFailed() const = 0;
+
+  /// The pack is installed.
   virtual void SetAsUpToDate() const = 0;
 
-  /// Sizes in bytes.
+  /// The download has brought so many bytes of so many in total.
   virtual void SetAsDownloading(long download_size_now, long download_size_total) const = 0;
+
+  /// Likewise, of a download with an install after it.
   virtual void SetAsDownloadInstalling(long download_size_now, long download_size_total) const = 0;
 
+  /// The install has reached this step.
   virtual void SetAsInstalling(InstallStep step) const = 0;
+
+  /// Likewise, of an install after its download.
   virtual void SetAsDownloadInstalling(InstallStep step) const = 0;
 
-  /// Whether the status permits the operation; false for a number that is no status.
+  /// Whether the status permits a download; false for a number that is no status.
   virtual bool CanDoDownload(PackStatus status) const = 0;
+
+  /// Whether the status permits an install; false for a number that is no status.
   virtual bool CanDoInstall(PackStatus status) const = 0;
+
+  /// Whether the status permits a download with an install after it; false for a number that is no status.
   virtual bool CanDoDownloadInstall(PackStatus status) const = 0;
 };
 
@@ -76,6 +108,7 @@ class ORBAMIRA_EXPORT PackStatusHelper : public IPackStatusHelper {
   /// be used.
   static std::unique_ptr<IPackStatusHelper> Create();
 
+  /// A helper over the given store, which it shares.
   explicit PackStatusHelper(std::shared_ptr<store::IKeyValueStore> store);
 
   PackStatus GetPackStatus() override;

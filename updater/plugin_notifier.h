@@ -34,6 +34,7 @@ class ORBAMIRA_EXPORT PluginNotifier : public IPluginNotifier {
   /// A notifier over the platform's own core services; never empty.
   static std::unique_ptr<IPluginNotifier> Create();
 
+  /// A notifier that runs the programs through the given services.
   explicit PluginNotifier(std::shared_ptr<wrapper::IOrbaCoreWrapper> core);
 
   bool NotifyPlugin(NotifyPluginEvent event, NotifyPluginTiming timing, const std::string& package,

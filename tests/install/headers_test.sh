@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Every installed header can be included first and alone, with nothing but what is installed, from C++17 on.
+# Every installed header can be included first and alone, with nothing but what is installed, from C++17 on; and the API
+# reference is made of just these.
 #
 # usage: headers_test.sh BUILD COMPILER
 set -euo pipefail
@@ -25,5 +26,8 @@ while read -r header; do
   }
 done < <(cd "$headers" && find . -name '*.h' -printf '%P\n' | sort)
 printf '%d headers\n' "$count"
+top=$(cd "$(dirname "$0")/../.." && pwd)
+diff -u --label installed --label docs/Doxyfile <(cd "$headers" && find . -name '*.h' -printf '%P\n' | sort) \
+  <(grep -oE '[a-z_]+/[a-z_]+\.h\b' "$top/docs/Doxyfile" | sort) || failed=1
 [ "$count" -gt 0 ] || failed=1
 exit "$failed"
