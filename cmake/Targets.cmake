@@ -1,8 +1,11 @@
 # How this project makes its libraries and programs, so that each is made the same way.
 
+# The folders of the programs that the library runs, and of the maker's settings; the same as in platform/constants.cpp.
+set(ORBAMIRA_LIBEXECDIR ${CMAKE_INSTALL_LIBEXECDIR}/orbamira)
+set(ORBAMIRA_DATADIR ${CMAKE_INSTALL_DATADIR}/orbamira)
+
 # Where an installed program finds the libraries installed with it, relative to itself: an install staged in any folder
 # runs there.
-set(ORBAMIRA_LIBEXECDIR ${CMAKE_INSTALL_LIBEXECDIR}/orbamira)
 set(ORBAMIRA_BIN_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}:$ORIGIN/../${CMAKE_INSTALL_LIBDIR}/orbamira/lib")
 
 # orbamira_add_library(NAME SOURCES file... HEADERS file... PUBLIC target... PRIVATE target...)

@@ -1,0 +1,279 @@
+#!/usr/bin/env python3
+"""Brings the updater to another appliance by doing what docs/porting.md says, and has it work there.
+
+The commands of the guide's two levels of change are run in a copy of the sources. After each level the whole story is
+told by the programs of that copy: another root, other folders and names first, then an own platform library too.
+"""
+
+import argparse
+import hashlib
+import json
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+
+from staged import Stage, WebServer
+
+SOURCES = ("CMakeLists.txt", "CMakePresets.json", "cmake", "docs", "libexec", "packaging", "platform", "tools",
+           "updater", "tests/install/own_platform")
+OLD_FOLDERS = re.compile(rb"/(etc|run|usr/(lib|libexec|share)|var/(cache|lib))/orbamira")
+TOOLS = ("cmake", "ninja", "nginx", "bash")
+SKIPPED = 77
+
+PLUGIN = """#!/bin/sh
+case $1 in
+  --app-id) echo com.example.recorder ;;
+  *) echo "$*" >> "$ORBAMIRA_ROOT/plugin.log" ;;
+esac
+"""
+
+
+def digest(path):
+    return hashlib.sha256(path.read_bytes()).hexdigest()
+
+
+class Port:
+    """A copy of the sources that becomes another appliance's, level by level."""
+
+    def __init__(self, source, folder, compiler):
+        self.tree, self.build_folder, self.compiler = folder, folder / "build/release", compiler
+        for name in SOURCES:
+            copy = shutil.copytree if (source / name).is_dir() else shutil.copy
+            (folder / name).parent.mkdir(parents=True, exist_ok=True)
+            copy(source / name, folder / name)
+        if (source / "build/deps").exists():
+            (folder / "build").mkdir()
+            (folder / "build/deps").symlink_to((source / "build/deps").resolve())
+        self.environment = {"CMAKE_BUILD_PARALLEL_LEVEL": "2", **os.environ, "CCACHE_BASEDIR": str(folder),
+                            "CCACHE_NOHASHDIR": "1"}
+
+    def run(self, *command):
+        done = subprocess.run(command, cwd=self.tree, env=self.environment, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True, check=False)
+        if done.returncode != 0:
+            raise RuntimeError(f"{' '.join(command)} ended with {done.returncode}:\n{done.stdout}")
+
+    def follow_guide(self, level):
+        """Runs the commands of the guide's section that begins with this number."""
+        guide = (self.tree / "docs/porting.md").read_text()
+        section = re.search(rf"^## {level}\. .*?(?=^## )", guide, re.MULTILINE | re.DOTALL).group()
+        blocks = re.findall(r"^```sh port\n(.*?)^```$", section, re.MULTILINE | re.DOTALL)
+        assert blocks, f"level {level} of the guide has no commands"
+        for block in blocks:
+            before = self.digests()
+            self.run("bash", "-euo", "pipefail", "-c", block)
+            assert self.digests() != before, f"these commands of the guide change nothing:\n{block}"
+
+    def digests(self):
+        return {path: digest(path) for name in SOURCES for path in [self.tree / name, *(self.tree / name).rglob("*")]
+                if path.is_file()}
+
+    def configure(self):
+        launcher = [f"-DCMAKE_CXX_COMPILER_LAUNCHER={shutil.which('ccache')}"] if shutil.which("ccache") else []
+        self.run("cmake", "--preset", "release", "-DCMAKE_BUILD_TYPE=Debug", "-DORBAMIRA_BUILD_BENCH=OFF",
+                 f"-DCMAKE_CXX_COMPILER={self.compiler}", *launcher)
+
+    def build(self):
+        self.run("cmake", "--build", "--preset", "release")
+
+
+class Story:
+    """The story of the demo, on the appliance that the guide's commands make."""
+
+    def __init__(self, stage, server, report):
+        self.stage, self.root, self.server, self.report = stage, stage.root, server, report
+        self.settings = self.root / "etc/acme/codecs/updater.conf"
+        self.packages = self.root / "volume1/acme/state/packages"
+        self.plugin_log = self.root / "plugin.log"
+        self.told = []
+
+    def write_settings(self, line):
+        """`line` formats a key and its value."""
+        def write(path, **settings):
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.write_text("".join(line.format(key, value) + "\n" for key, value in settings.items()))
+
+        write(self.root / "etc/acme/nas.conf", model="acme-nas", owner="owner-7", timezone="Europe/Vienna")
+        write(self.root / "etc/acme/codecs/version.conf", major_version="3", minor_version="1", build_number="1200")
+        write(self.settings, pack_update_server=f"{self.server.url}/reply.json", plugin_time_limit="7")
+
+    def add_plugin(self):
+        plugin = self.root / "opt/acme/lib/plugins/10-recorder"
+        plugin.write_text(PLUGIN)
+        plugin.chmod(0o755)
+
+    def publish(self, version):
+        payload = self.server.folder / f"payload-{version}"
+        if not payload.exists():
+            payload.mkdir()
+            (payload / "codec").write_bytes(os.urandom(200_000))
+        subprocess.run([self.stage.usr / "bin/mkpack", "--payload", payload, "--output", self.server.packs, "--name",
+                        "acme-hevc", "--version", version, "--title", "HEVC", "--base-url", self.server.url],
+                       check=True, stdout=subprocess.DEVNULL)
+
+    def run(self, expected, *arguments):
+        done = subprocess.run([self.stage.usr / "bin/packctl", *arguments], env=self.stage.environment(),
+                              capture_output=True, text=True, timeout=120, check=False)
+        self.report.check(f"packctl {' '.join(arguments)} ends with {expected}", done.returncode == expected,
+                          f"{done.returncode}, {done.stdout}{done.stderr}")
+        return done.stdout
+
+    def answer(self, command, key):
+        return json.loads(self.run(0, "--json", command)).get(key)
+
+    def expect_status(self, status):
+        self.report.equal("the status", status, self.answer("status", "status"))
+
+    def expect_installed(self, version):
+        self.report.equal("the package", ("acme-hevc", version),
+                          (self.answer("info", "package"), self.answer("info", "version")))
+        self.report.equal("the packages' folder", ["codecs"], os.listdir(self.packages))
+        self.report.equal("the pack's content", digest(self.server.folder / f"payload-{version}/codec"),
+                          digest(self.packages / "codecs/codec"))
+
+    def expect_told(self, event, version, status):
+        self.told += [f"--event {event} --package acme-hevc --timing {timing} --version {version} --status {status}"
+                      for timing in ("pre", "post")]
+
+    def tell(self, release):
+        first, second = f"{release}.0.0", f"{release}.1.0"
+        self.publish(first)
+        self.run(0, "check")
+        self.expect_status("need_download")
+        self.report.equal("what the server was asked",
+                          "GET /reply.json?identify=acme-codecs&unique=acme-nas&version=1.0.0&kos_version=3.1-1200",
+                          self.server.requests()[-1])
+        self.run(0, "doctor")
+        self.run(0, "update")
+        self.expect_told("install", first, "INSTALL")
+        self.expect_status("up_to_date")
+        self.expect_installed(first)
+        self.run(2, "check")
+
+        self.publish(second)
+        self.run(0, "check")
+        package = next(self.server.packs.glob(f"acme-hevc-{second}-*.opk"))
+        with package.open("r+b") as file:
+            file.seek(4000)
+            byte = file.read(1)
+            file.seek(4000)
+            file.write(bytes([byte[0] ^ 1]))
+        self.run(1, "download")
+        self.expect_status("download_failed")
+        self.expect_installed(first)
+
+        self.publish(second)
+        self.run(0, "download")
+        self.expect_status("need_install")
+        self.expect_installed(first)
+        self.run(0, "install")
+        self.expect_told("uninstall", first, "UPGRADE")
+        self.expect_told("install", second, "UPGRADE")
+        self.expect_status("up_to_date")
+        self.expect_installed(second)
+
+        self.report.equal("the plugins", ["com.example.recorder"], self.answer("plugins", "app_ids"))
+        self.run(0, "remove")
+        self.report.equal("a pack is installed", False, self.answer("info", "installed"))
+        self.report.equal("the packages' folder", [], os.listdir(self.packages))
+        self.report.equal("what plugins were told", self.told, self.plugin_log.read_text().splitlines())
+        self.expect_limits(release)
+        self.run(0, "recover")
+
+    def expect_limits(self, release):
+        """The programs that read settings for themselves read the same ones."""
+        libexec = self.root / "opt/acme/libexec"
+        limit = subprocess.run([sys.executable, "-B", "-c", "import orbamira_plugins as o; print(o.time_limit())"],
+                               env={**self.stage.environment(), "PYTHONPATH": str(libexec)}, check=True,
+                               capture_output=True, text=True).stdout
+        self.report.equal("the plugins' time limit", "7.0", limit.strip())
+
+        settings = self.settings.read_text()
+        limit = settings.splitlines()[-1].replace("plugin_time_limit", "unpack_limit")
+        self.settings.write_text(f"{settings}{limit}\n")
+        version = f"{release}.2.0"
+        self.publish(version)
+        self.run(0, "check")
+        self.run(1, "update")
+        self.told.append(f"--event install --package acme-hevc --timing pre --version {version} --status INSTALL")
+        self.report.equal("a pack beyond the unpack limit is installed", False, self.answer("info", "installed"))
+        self.settings.write_text(settings)
+
+
+class Report:
+    def __init__(self):
+        self.failures = 0
+
+    def check(self, what, holds, seen):
+        print(f"{'ok' if holds else 'FAILED'}: {what}", flush=True)
+        if not holds:
+            print(f"seen: {seen}", flush=True)
+            self.failures += 1
+
+    def equal(self, what, expected, seen):
+        self.check(f"{what}: {expected}", expected == seen, seen)
+
+
+def build_host(stage, source, program, compiler):
+    """Builds owner.cpp against what is installed."""
+    folders = [f"-I{folder}" for folder in stage.include_folders] + ["-I/usr/include/jsoncpp"]
+    subprocess.run([compiler, "-std=c++17", *folders, source, "-o", program, f"-L{stage.libraries}",
+                    f"-Wl,-rpath-link,{stage.libraries}/orbamira/lib", "-lorbamira_updater", "-lorbamira_platform"],
+                   check=True)
+
+
+def owner(stage, program):
+    environment = {**stage.environment(), "LD_LIBRARY_PATH": str(stage.libraries)}
+    return subprocess.run([program], env=environment, check=True, capture_output=True, text=True).stdout.rstrip("\n")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--source", type=pathlib.Path, required=True)
+    parser.add_argument("--compiler", required=True)
+    options = parser.parse_args()
+    path = os.environ["PATH"] + ":/usr/sbin"
+    missing = [tool for tool in TOOLS if not shutil.which(tool, path=path)]
+    if missing:
+        print(f"skipped: without {', '.join(missing)}")
+        return SKIPPED
+
+    report = Report()
+    with tempfile.TemporaryDirectory(prefix="orbamira-port-") as name, \
+            WebServer(pathlib.Path(name) / "server") as server:
+        folder = pathlib.Path(name)
+        port = Port(options.source.resolve(), folder / "source", options.compiler)
+        port.follow_guide(2)
+        port.configure()
+        port.build()
+        stage = Stage(folder / "stage", port.build_folder)
+        kept = sorted(str(file.relative_to(stage.root)) for file in stage.root.rglob("*")
+                      if file.is_file() and OLD_FOLDERS.search(file.read_bytes()))
+        report.equal("files that name a folder of before", [], kept)
+        story = Story(stage, server, report)
+        story.write_settings('{}="{}"')
+        story.add_plugin()
+        story.tell(1)
+        host = folder / "owner"
+        build_host(stage, port.tree / "tests/install/own_platform/owner.cpp", host, options.compiler)
+        report.equal("the owner", " in ", owner(stage, host))
+
+        libraries = stage.libraries / "liborbamira_updater.so.1", stage.libraries / "liborbamira_platform.so.1"
+        updater, platform = map(digest, libraries)
+        port.follow_guide(3)
+        port.build()
+        stage = Stage(stage.root, port.build_folder)
+        report.equal("the updater's library", updater, digest(libraries[0]))
+        report.check("the platform's library is another", platform != digest(libraries[1]), platform)
+        story.write_settings("{}: {}")
+        story.tell(2)
+        report.equal("the owner", "owner-7 in Europe/Vienna", owner(stage, host))
+    return 1 if report.failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
