@@ -196,7 +196,7 @@ void AppendToHistory(const HistoryEntry& entry) {
     size = SizeOf(file);
   }
   if (EndsInsideALine(file, size)) {
-    line.insert(0, "\n");
+    line.insert(line.begin(), '\n');
   }
   WriteOrTakeBack(file, size, line);
   if (fsync(file.get()) != 0) {
