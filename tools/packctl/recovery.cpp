@@ -60,7 +60,7 @@ bool IsHalfBuiltPack(const std::string& name) {
 }
 
 bool IsTemporaryAnswer(const std::string& name) {
-  return name.starts_with("." + fs::path(path::kTempPluginAppIdPath).filename().string() + ".");
+  return name.starts_with(std::string(".").append(fs::path(path::kTempPluginAppIdPath).filename()).append("."));
 }
 
 using NameTest = std::function<bool(const std::string&)>;
