@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Builds the examples against an installed library, runs them, and compares what they print with their page.
+"""Builds the examples against the unpacked packages, runs them, and compares what they print with their page.
 
 --with says how the library is found: by find_package or by pkg-config.
 """
@@ -15,7 +15,7 @@ import sys
 import tempfile
 import time
 
-from staged import Stage, WebServer
+from staged import Stage, WebServer, unpack
 
 EXAMPLES = ("update", "watch_status", "own_services")
 WARNINGS = "-Wall -Wextra -Wpedantic -Werror"
@@ -117,7 +117,7 @@ def watch_an_update(session, stage):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--build", type=pathlib.Path, required=True)
+    parser.add_argument("--packages", type=pathlib.Path, required=True)
     parser.add_argument("--source", type=pathlib.Path, required=True)
     parser.add_argument("--compiler", required=True)
     parser.add_argument("--with", dest="tool", choices=("find_package", "pkg-config"), required=True)
@@ -126,7 +126,8 @@ def main():
     with tempfile.TemporaryDirectory(prefix="orbamira-examples-") as name, \
             WebServer(pathlib.Path(name) / "server") as server:
         folder = pathlib.Path(name)
-        stage = Stage(folder / "stage", options.build)
+        unpack(options.packages, folder / "stage")
+        stage = Stage(folder / "stage")
         build = build_with_cmake if options.tool == "find_package" else build_with_pkg_config
         environment = build(stage, options.source, folder / "programs", options.compiler)
         session = Session(stage, folder / "programs", environment, options.source / "examples/README.md")

@@ -16,7 +16,7 @@ import subprocess
 import sys
 import tempfile
 
-from staged import Stage, WebServer
+from staged import Stage, WebServer, install
 
 SOURCES = ("CMakeLists.txt", "CMakePresets.json", "cmake", "docs", "libexec", "packaging", "platform", "tools",
            "updater", "tests/install/own_platform")
@@ -250,7 +250,8 @@ def main():
         port.follow_guide(2)
         port.configure()
         port.build()
-        stage = Stage(folder / "stage", port.build_folder)
+        install(port.build_folder, folder / "stage")
+        stage = Stage(folder / "stage")
         kept = sorted(str(file.relative_to(stage.root)) for file in stage.root.rglob("*")
                       if file.is_file() and OLD_FOLDERS.search(file.read_bytes()))
         report.equal("files that name a folder of before", [], kept)
@@ -266,7 +267,8 @@ def main():
         updater, platform = map(digest, libraries)
         port.follow_guide(3)
         port.build()
-        stage = Stage(stage.root, port.build_folder)
+        install(port.build_folder, stage.root)
+        stage = Stage(stage.root)
         report.equal("the updater's library", updater, digest(libraries[0]))
         report.check("the platform's library is another", platform != digest(libraries[1]), platform)
         story.write_settings("{}: {}")

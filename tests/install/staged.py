@@ -1,4 +1,4 @@
-"""An installation staged in a folder, as `cmake --install` makes it, and a web server that publishes packs to it."""
+"""An installation staged in a folder, and a web server that publishes packs to it."""
 
 import os
 import pathlib
@@ -8,14 +8,24 @@ import time
 import urllib.request
 
 
-class Stage:
-    """The installation of a build below `root`. It runs there, and hosts can be built against it."""
+def install(build, root):
+    """Installs the build folder below `root`."""
+    subprocess.run(["cmake", "--install", str(build)], env={**os.environ, "DESTDIR": str(root)}, check=True,
+                   stdout=subprocess.DEVNULL)
 
-    def __init__(self, root, build):
+
+def unpack(packages, root):
+    """Unpacks all Debian packages of the folder below `root`."""
+    for package in sorted(pathlib.Path(packages).glob("*.deb")):
+        subprocess.run(["dpkg-deb", "-x", package, root], check=True)
+
+
+class Stage:
+    """What is installed below `root`. It runs there, and hosts can be built against it."""
+
+    def __init__(self, root):
         self.root = pathlib.Path(root)
         self.usr = self.root / "usr"
-        subprocess.run(["cmake", "--install", str(build)], env={**os.environ, "DESTDIR": str(self.root)}, check=True,
-                       stdout=subprocess.DEVNULL)
         self.libraries = next(self.usr.glob("lib/**/liborbamira_updater.so")).parent
         self.include_folders = [self.usr / "include/orbamira", self.libraries / "orbamira/include"]
 
