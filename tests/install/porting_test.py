@@ -187,7 +187,7 @@ class Story:
     def expect_limits(self, release):
         """The programs that read settings for themselves read the same ones."""
         libexec = self.root / "opt/acme/libexec"
-        limit = subprocess.run([sys.executable, "-B", "-c", "import orbamira_plugins as o; print(o.time_limit())"],
+        limit = subprocess.run([sys.executable, "-B", "-c", "import orbamira_plugin_runner as o; print(o.time_limit())"],
                                env={**self.stage.environment(), "PYTHONPATH": str(libexec)}, check=True,
                                capture_output=True, text=True).stdout
         self.report.equal("the plugins' time limit", "7.0", limit.strip())
