@@ -179,12 +179,12 @@ def zsh_text(text):
 
 
 def zsh_options(options):
-    specifications = []
+    arguments = []
     for option in options:
         value = f":{option['value']}: " if option["value"] else ""
         excluded = "(- *)" if option["names"][-1] in ("--help", "--version") else ""
-        specifications += [f"'{excluded}{name}[{zsh_text(option['help'])}]{value}'" for name in option["names"]]
-    return specifications
+        arguments += [f"'{excluded}{name}[{zsh_text(option['help'])}]{value}'" for name in option["names"]]
+    return arguments
 
 
 def zsh_completion(program):
@@ -199,7 +199,7 @@ def zsh_completion(program):
         *(f"    '{c['name']}:{zsh_text(c['summary'])}'" for c in program["commands"]),
         "  )",
         "  _arguments -C \\",
-        *(f"    {specification} \\" for specification in zsh_options(program["options"])),
+        *(f"    {option} \\" for option in zsh_options(program["options"])),
         "    '1:command:->command' \\",
         "    '*::argument:->argument'",
         "  case $state in",
@@ -208,8 +208,8 @@ def zsh_completion(program):
         "      case $words[1] in",
     ]
     for command in program["commands"]:
-        specifications = " ".join(zsh_options(command["options"]))
-        lines.append(f"        {command['name']}) _arguments {specifications} ;;")
+        arguments = " ".join(zsh_options(command["options"]))
+        lines.append(f"        {command['name']}) _arguments {arguments} ;;")
     lines += ["      esac", "      ;;", "  esac", "}", "", '_packctl "$@"']
     return "\n".join(lines) + "\n"
 

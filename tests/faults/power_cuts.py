@@ -33,6 +33,7 @@ SKIPPED = 77
 OLD, NEW = "1.0.0", "2.0.0"
 SIZES = (4_000_000, 1_500_000, 300_000, 20_000)
 POLL = 0.0005
+HANG = 120  # seconds, far more than an update takes
 NEEDED = ("mkfs.ext4", "mkfs.xfs", "mount", "umount", "cp")
 
 
@@ -63,6 +64,16 @@ def why_impossible():
     if not os.path.exists("/dev/loop-control"):
         return "the machine has no loop devices"
     return None
+
+
+def while_running(process):
+    """Comes round every POLL seconds until the process ends; one that does not end is an error."""
+    deadline = time.monotonic() + HANG
+    while process.poll() is None:
+        if time.monotonic() > deadline:
+            raise RuntimeError("an update does not end")
+        yield
+        time.sleep(POLL)
 
 
 def skip(cuts, reason):
@@ -109,12 +120,11 @@ class Bench:
         with mounted(image, self.folder / "mount") as mount:
             process = self.start(mount)
             last = time.monotonic()
-            while process.poll() is None:
+            for _ in while_running(process):
                 stage = held(Appliance(mount / "root"))
                 now = time.monotonic()
                 found[stage] = found.get(stage, 0) + now - last
                 last = now
-                time.sleep(POLL)
             if process.returncode != 0:
                 raise RuntimeError(f"the undisturbed {name} failed")
             found.setdefault(held(Appliance(mount / "root")), 0)
@@ -126,8 +136,9 @@ class Bench:
         with mounted(image, self.folder / "mount") as mount:
             process = self.start(mount)
             running = Appliance(mount / "root")
-            while process.poll() is None and held(running) != stage:
-                time.sleep(POLL)
+            for _ in while_running(process):
+                if held(running) == stage:
+                    break
             with contextlib.suppress(subprocess.TimeoutExpired):
                 process.wait(timeout=delay)
             there = held(running)

@@ -26,6 +26,7 @@
 #include "tests/support/appliance.h"
 #include "tests/support/process.h"
 #include "tests/support/test_root.h"
+#include "tools/common/openssl.h"
 #include "updater/pack_status_helper.h"
 
 namespace orbamira {
@@ -42,16 +43,7 @@ using test::WriteFile;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-template <auto Free>
-struct Deleter {
-  template <typename T>
-  void operator()(T* object) const {
-    Free(object);
-  }
-};
-template <typename T, auto Free>
-using Owned = std::unique_ptr<T, Deleter<Free>>;
+using tools::Owned;
 
 std::string TextOf(BIO* bio) {
   char* data = nullptr;
