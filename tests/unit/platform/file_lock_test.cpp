@@ -158,34 +158,59 @@ TEST_F(FileLockTest, AWaiterGetsTheLockOfAKilledProcess) {
   EXPECT_EQ(holder.Wait(), -SIGKILL);
 }
 
-// A program that the holder ran outlives it: once the program has started, nothing of the lock is left to it.
+// What the holder ran may live on for a while: once the program has started, nothing of the lock is left to it.
+class ProgramOfTheHolder {
+ public:
+  ProgramOfTheHolder(const std::string& lock_path, const std::string& pid_file,
+                     const std::function<int(const std::string& shell_text)>& run)
+      : holder_([&] {
+          const FileLock lock(lock_path);
+          return run("echo $$ > '" + pid_file + ".new' && mv '" + pid_file + ".new' '" + pid_file +
+                     "' && exec sleep 600");
+        }) {
+    started_ = Eventually([&] { return fs::exists(pid_file); });
+    program_ = started_ ? std::stoi(test::ReadFile(pid_file)) : 0;
+  }
+
+  [[nodiscard]] bool started() const { return started_; }
+  [[nodiscard]] pid_t program() const { return program_; }
+
+  int KillHolder() {
+    kill(holder_.pid(), SIGKILL);
+    return holder_.Wait();
+  }
+
+ private:
+  test::Forked holder_;
+  bool started_ = false;
+  pid_t program_ = 0;
+};
+
 TEST_F(FileLockTest, AProgramThatOutlivesTheHolderDoesNotKeepTheLock) {
-  const std::string pid_file = folder_.File("pid");
-  const std::string sleeps =
-      "echo $$ > '" + pid_file + ".new' && mv '" + pid_file + ".new' '" + pid_file + "' && exec sleep 600";
-  const auto run_command = [&] { return wrapper::OrbaCoreWrapper().RunCommand({"/bin/sh", "-c", sleeps}); };
-  const auto fork_and_exec = [&] {
+  ProgramOfTheHolder running(path_, folder_.File("pid"), [](const std::string& shell_text) {
     if (fork() == 0) {
-      execl("/bin/sh", "sh", "-c", sleeps.c_str(), nullptr);
+      execl("/bin/sh", "sh", "-c", shell_text.c_str(), nullptr);
       _exit(127);
     }
     return pause();
-  };
-  for (const std::function<int()>& run : std::vector<std::function<int()>>{run_command, fork_and_exec}) {
-    fs::remove(pid_file);
-    test::Forked holder([&] {
-      const FileLock lock(path_);
-      return run();
-    });
-    const bool started = Eventually([&] { return fs::exists(pid_file); });
-    EXPECT_FALSE(IsFree(path_));
-    kill(holder.pid(), SIGKILL);
-    EXPECT_EQ(holder.Wait(), -SIGKILL);
-    EXPECT_TRUE(IsFree(path_));
-    ASSERT_TRUE(started);
-    const pid_t program = std::stoi(test::ReadFile(pid_file));
-    EXPECT_EQ(kill(program, SIGKILL), 0) << "it was to outlive the holder";
-  }
+  });
+  EXPECT_FALSE(IsFree(path_));
+  EXPECT_EQ(running.KillHolder(), -SIGKILL);
+  EXPECT_TRUE(IsFree(path_));
+  ASSERT_TRUE(running.started());
+  EXPECT_EQ(kill(running.program(), SIGKILL), 0) << "it was to outlive the holder";
+}
+
+// RunCommand ends the program after its caller's death, but not before the caller is gone.
+TEST_F(FileLockTest, ACommandThatTheHolderRanDoesNotKeepTheLock) {
+  ProgramOfTheHolder running(path_, folder_.File("pid"), [](const std::string& shell_text) {
+    return wrapper::OrbaCoreWrapper().RunCommand({"/bin/sh", "-c", shell_text});
+  });
+  EXPECT_FALSE(IsFree(path_));
+  EXPECT_EQ(running.KillHolder(), -SIGKILL);
+  EXPECT_TRUE(IsFree(path_));
+  ASSERT_TRUE(running.started());
+  EXPECT_TRUE(Eventually([&] { return kill(running.program(), 0) != 0; })) << "it was to end after its caller";
 }
 
 TEST_F(FileLockTest, AProcessForkedMeanwhileDoesNotKeepTheLock) {
