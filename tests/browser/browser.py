@@ -1,0 +1,36 @@
+"""A headless browser for tests, with a profile of its own that ends with it."""
+
+import contextlib
+import os
+import pathlib
+
+from selenium import webdriver
+from selenium.webdriver.chrome.service import Service
+
+# How long a test waits for what a page is to show, in seconds.
+PATIENCE = 30
+
+
+@contextlib.contextmanager
+def open_browser(*, width=1000, height=800, color_scheme="light"):
+    """Gives a webdriver.Chrome whose window has this size, in pixels, and whose user prefers this color scheme."""
+    options = webdriver.ChromeOptions()
+    options.binary_location = "/usr/bin/chromium"
+    # The browser's own sandbox needs rights that neither root nor a container gives; it sees our pages only.
+    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--no-first-run", "--no-proxy-server",
+                     "--disable-background-networking", f"--window-size={width},{height}"):
+        options.add_argument(argument)
+    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+    with webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options) as browser:
+        browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride",
+                                {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": False})
+        browser.execute_cdp_cmd("Emulation.setEmulatedMedia",
+                                {"features": [{"name": "prefers-color-scheme", "value": color_scheme}]})
+        yield browser
+
+
+def save_screenshot(browser, name):
+    """Keeps a picture of the window where the environment's ORBAMIRA_SCREENSHOTS says; without that, nowhere."""
+    if folder := os.environ.get("ORBAMIRA_SCREENSHOTS"):
+        pathlib.Path(folder).mkdir(parents=True, exist_ok=True)
+        browser.save_screenshot(str(pathlib.Path(folder) / f"{name}.png"))
