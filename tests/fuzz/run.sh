@@ -3,7 +3,7 @@
 #
 # usage: tests/fuzz/run.sh [--seconds N] [--build DIR]
 #   --seconds N   how long each fuzzer runs; 30 by default
-#   --build DIR   where the preset fuzz was built; build/fuzz by default
+#   --build DIR   where the preset asan was built; build/asan by default
 #
 # New inputs go to a scratch folder and are dropped with it: the seeds stay as they are. The input and the report of a
 # finding are kept in DIR/findings.
@@ -11,7 +11,7 @@ set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 seconds=30
-build=$here/../../build/fuzz
+build=$here/../../build/asan
 
 usage() {
   sed -n '4,6s/^# \{0,1\}//p' "$0" >&2
