@@ -9,7 +9,9 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <optional>
+#include <sstream>
 #include <system_error>
 #include <utility>
 
@@ -65,16 +67,30 @@ bool IsAt(const std::string& path, const struct stat& status) {
   return stat(path.c_str(), &now) == 0 && now.st_dev == status.st_dev && now.st_ino == status.st_ino;
 }
 
-std::string Format(const Values& values) {
-  Json::Value root(Json::objectValue);
-  for (const auto& [key, value] : values) {
-    root[key] = value;
+// Writes a store's text; kept for the life of a store, because making one takes as long as using it.
+class Formatter {
+ public:
+  Formatter() {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "  ";
+    builder["emitUTF8"] = true;  // otherwise bytes that are no UTF-8 would not come back as they were
+    writer_.reset(builder.newStreamWriter());
   }
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "  ";
-  builder["emitUTF8"] = true;  // otherwise bytes that are no UTF-8 would not come back as they were
-  return Json::writeString(builder, root) + "\n";
-}
+
+  [[nodiscard]] std::string Format(const Values& values) const {
+    Json::Value root(Json::objectValue);
+    for (const auto& [key, value] : values) {
+      root[key] = value;
+    }
+    std::ostringstream text;
+    writer_->write(root, &text);
+    text << '\n';
+    return std::move(text).str();
+  }
+
+ private:
+  std::unique_ptr<Json::StreamWriter> writer_;
+};
 
 }  // namespace
 
@@ -103,6 +119,7 @@ class FileKeyValueStore::File {
   [[nodiscard]] bool IsSeen(const struct stat& now) const;
 
   std::string path_;
+  Formatter formatter_;
   UniqueFd seen_;
   struct stat seen_status_ {};
   Values values_;
@@ -191,7 +208,7 @@ bool FileKeyValueStore::File::MoveAside(const std::string& aside, const struct s
 
 // Never over a file that another process has put there meanwhile.
 bool FileKeyValueStore::File::PutEmptyIfMissing() {
-  UniqueFd made = MakeFile(path_, Format({}), kFileMode);
+  UniqueFd made = MakeFile(path_, formatter_.Format({}), kFileMode);
   if (!made.valid()) {
     return false;
   }
@@ -200,7 +217,7 @@ bool FileKeyValueStore::File::PutEmptyIfMissing() {
 }
 
 void FileKeyValueStore::File::Replace(Values values, Durability durability) {
-  const std::string text = Format(values);
+  const std::string text = formatter_.Format(values);
   if (text.size() > kMaxFileSize) {
     Throw(EFBIG, "write", path_);
   }
