@@ -18,15 +18,17 @@ import threading
 import unittest
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
-PAGES = sorted(path for folder in ("", "docs", "examples", "packaging") for path in (SOURCE / folder).glob("*.md"))
-BLOCK = re.compile(r"^```sh\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+FOLDERS = ("", "docs", "examples", "packaging", "tests/abi")
+PAGES = sorted(path for folder in FOLDERS for path in (SOURCE / folder).glob("*.md"))
+BLOCK = re.compile(r"^ *```sh\n(.*?)^ *```$", re.MULTILINE | re.DOTALL)
 LINK = re.compile(r"\]\(([^)\s]+)\)")
 HEADING = re.compile(r"^#+ (.+)$", re.MULTILINE)
 
-# These are run as they are by .ci/run, which a test cannot start since it is part of it, and by the tests of packages.
+# These are run as they are by .ci/run, which a test cannot start since it is part of it, and by the tests of packages and
+# of the binary interface.
 RUN_ELSEWHERE = (
     *("scripts/setup", "scripts/demo", "scripts/test", "scripts/lint", ".ci/run"),
-    *("cmake --preset", "cmake --build --preset", "cpack --config"),
+    *("cmake --preset", "cmake --build --preset", "cpack --config", "tests/abi/abi.sh"),
 )
 
 # What takes a real machine: that the page is right is seen from what the project has.
@@ -61,7 +63,7 @@ class Page:
             ("sudo ", ""),
         ):
             text = text.replace(there, here)
-        return "\n".join(line for line in text.split("\n") if not line.startswith(RUN_ELSEWHERE))
+        return "\n".join(line for line in text.split("\n") if not line.strip().startswith(RUN_ELSEWHERE))
 
     def prepare(self):
         subprocess.run(
