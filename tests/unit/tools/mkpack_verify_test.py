@@ -1,0 +1,746 @@
+"""mkpack verify: a folder as mkpack makes it, with one fault planted in it, and the one finding that tells of it."""
+
+import gzip
+import hashlib
+import io
+import json
+import os
+import pathlib
+import random
+import resource
+import shutil
+import subprocess
+import sys
+import tarfile
+import tempfile
+import unittest
+import unittest.mock
+
+from authority import Authority
+
+MKPACK = pathlib.Path(__file__).resolve().parents[3] / "tools/mkpack/mkpack"
+sys.path.insert(0, str(MKPACK.parent))
+sys.dont_write_bytecode = True
+from orbamira_mkpack import archive, package, rules  # noqa: E402  pylint: disable=wrong-import-position
+
+HEVC, AAC = "orbamira-hevc", "orbamira-hevc-aac"
+BASE = "https://packs.example.com/packs"
+
+# Far more than anything here takes; only a program that hangs meets it.
+HANG = 60
+
+
+def tar(members, mode="w"):
+    """An archive of members: pairs of a name, or a TarInfo, and bytes."""
+    out = io.BytesIO()
+    with tarfile.open(fileobj=out, mode=mode, format=tarfile.PAX_FORMAT) as made:
+        for member, content in members:
+            info = member if isinstance(member, tarfile.TarInfo) else tarfile.TarInfo(member)
+            if info.isreg():
+                info.size = len(content)
+            made.addfile(info, io.BytesIO(content))
+    return out.getvalue()
+
+
+def member(name, kind, target=""):
+    info = tarfile.TarInfo(name)
+    info.type, info.linkname = kind, target
+    return info, b""
+
+
+def info_text(name=HEVC, version="1.2"):
+    return f'package="{name}"\nversion="{version}"\n'.encode()
+
+
+class VerifyTest(unittest.TestCase):
+    def setUp(self):
+        os.umask(0o022)
+        self.top = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        self.folder = self.top / "packs"
+        self.reply = self.folder / "reply.json"
+        self.payload = self.top / "payload"
+        self.payload.mkdir()
+        (self.payload / "libdecoder.so.1").write_bytes(b"decoder")
+
+    def publish(self, name=HEVC, version="1.2", *options):
+        """Publishes a pack; returns the path of its package."""
+        done = subprocess.run(
+            [MKPACK, "--payload", self.payload, "--output", self.folder, "--name", name, "--version", version,
+             "--title", "Decoder", "--base-url", BASE, *options],
+            check=True, stdout=subprocess.PIPE, text=True, timeout=HANG)
+        return pathlib.Path(done.stdout.split("\n")[0].split(maxsplit=1)[1])
+
+    def publish_both(self, *options):
+        self.publish(AAC, "1.2", *options)
+        return self.publish(HEVC, "1.2", *options)
+
+    def verify(self, *options, preexec_fn=None):
+        """The object that is printed, which must agree with the exit status."""
+        done = subprocess.run([MKPACK, "verify", self.folder, "--json", *options], stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, preexec_fn=preexec_fn, text=True, timeout=HANG, check=False)
+        self.assertEqual("", done.stderr)
+        report = json.loads(done.stdout)
+        self.assertEqual({"folder", "result", "packs", "findings", "notes"}, report.keys())
+        self.assertEqual((done.returncode, report["result"]), (1, "faults") if report["findings"] else (0, "well"))
+        return report
+
+    def assert_well(self, *options):
+        self.assertEqual([], self.verify(*options)["findings"])
+
+    def assert_finding(self, about, problem, *options, **more):
+        """There is this one finding; returns its remedy."""
+        found = self.verify(*options, **more)["findings"]
+        self.assertEqual([(about, problem)], [(each["about"], each["problem"]) for each in found])
+        return found[0]["remedy"]
+
+    def members(self):
+        return json.loads(self.reply.read_text())
+
+    def change(self, name=HEVC, **values):
+        """Changes members of the pack in the reply; None takes one out."""
+        reply = self.members()
+        reply[name].update(values)
+        reply[name] = {key: value for key, value in reply[name].items() if value is not None}
+        self.reply.write_text(json.dumps(reply))
+
+    def replace(self, content, name=HEVC):
+        """Publishes these bytes as the package, as somebody without mkpack may; returns the file's name."""
+        digest = hashlib.sha256(content).hexdigest()
+        path = self.folder / f"{name}-1.2-{digest[:12]}.opk"
+        path.write_bytes(content)
+        self.change(name, link=f"{BASE}/{path.name}", checksum=digest, size=len(content))
+        return path.name
+
+    def replace_payload(self, payload):
+        return self.replace(tar([("INFO", info_text()), ("package.tgz", payload)]))
+
+    def assert_refused(self, content, reason):
+        file = self.replace(content)
+        self.assert_finding(HEVC, f"appliances refuse {file}: {reason}")
+
+    def assert_payload_refused(self, members, reason):
+        content = members if isinstance(members, bytes) else tar([("has_hevc", b""), *members], "w:gz")
+        file = self.replace_payload(content)
+        self.assert_finding(HEVC, f"appliances refuse {file}: {reason}")
+
+
+class PublishedTest(VerifyTest):
+    """Begins with both packs published; each test has a copy of what was published once."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.published = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory())) / "packs"
+
+    def setUp(self):
+        super().setUp()
+        if not self.published.exists():
+            self.publish_both()
+            self.folder.rename(self.published)
+        shutil.copytree(self.published, self.folder)
+        self.file = self.folder / self.members()[HEVC]["link"].rpartition("/")[2]
+
+
+class VerifyWellTest(VerifyTest):
+    def test_finds_nothing_in_what_mkpack_published(self):
+        (self.payload / "lib/deep").mkdir(parents=True)
+        (self.payload / "lib/link").symlink_to("../libdecoder.so.1")
+        (self.payload / ("n" * 200)).write_bytes(os.urandom(100_000))
+        (self.payload / os.fsdecode(b"not\xffutf8")).write_bytes(b"")
+        file = self.publish_both()
+        report = self.verify("--base-url", BASE + "/")
+        self.assertEqual(([], []), (report["findings"], report["notes"]))
+        self.assertEqual(
+            {"version": "1.2", "package": file.name, "size": file.stat().st_size, "signed": False},
+            report["packs"][HEVC])
+        self.assertEqual({HEVC, AAC}, report["packs"].keys())
+
+    def test_says_so_in_a_line(self):
+        self.publish_both()
+        done = subprocess.run([MKPACK, "verify", self.folder], capture_output=True, text=True, timeout=HANG, check=False)
+        self.assertEqual((0, f"{self.folder}: nothing wrong with {HEVC} 1.2, {AAC} 1.2\n", ""),
+                         (done.returncode, done.stdout, done.stderr))
+
+    def test_changes_nothing(self):
+        self.publish_both()
+        paths = [self.folder, *self.folder.iterdir()]
+        before = [(path, path.stat().st_mtime_ns, path.stat().st_size) for path in paths]
+        self.assert_well()
+        self.assertEqual(before, [(path, path.stat().st_mtime_ns, path.stat().st_size) for path in paths])
+        self.assertEqual(set(paths), {self.folder, *self.folder.iterdir()})
+
+    def test_finds_nothing_in_archives_of_other_programs(self):
+        self.publish_both()
+        whole = tar([("has_hevc", b""), member("lib", tarfile.DIRTYPE), member("./lib/", tarfile.DIRTYPE),
+                     ("lib/a", b"a"), member("lib/b", tarfile.LNKTYPE, "lib/a")])
+        two = gzip.compress(whole[:700]) + gzip.compress(whole[700:])
+        self.replace_payload(two)
+        self.assert_well()
+
+    def test_link_may_lead_to_a_folder_below(self):
+        file = self.publish_both()
+        (self.folder / "old stuff").mkdir()
+        file.rename(self.folder / "old stuff" / file.name)
+        self.change(link=f"{BASE}/old%20stuff/{file.name}")
+        self.assert_well("--base-url", BASE)
+
+    def test_checksum_may_be_sha512_and_in_capitals(self):
+        file = self.publish_both()
+        self.change(checksum=hashlib.sha512(file.read_bytes()).hexdigest().upper())
+        self.assert_well()
+
+    def test_link_that_stays_in_the_folder_is_followed(self):
+        file = self.publish_both()
+        file.rename(self.folder / "there.opk")
+        file.symlink_to("there.opk")
+        self.assert_well()
+
+    def test_reply_may_lie_elsewhere(self):
+        reply = self.top / "elsewhere.json"
+        self.publish(HEVC, "1.2", "--reply", reply)
+        self.assert_well("--reply", reply)
+        self.assert_finding("reply.json", "reply.json is not there")
+
+
+class VerifyReplyTest(PublishedTest):
+    def assert_reply_refused(self, text, reason):
+        self.reply.write_bytes(text)
+        self.assert_finding("reply.json", f"no appliance takes the reply, since {reason}")
+
+    def test_that_is_missing(self):
+        self.reply.unlink()
+        remedy = self.assert_finding("reply.json", "reply.json is not there")
+        self.assertEqual("publish a pack here, or name the reply with --reply", remedy)
+
+    def test_that_is_no_json(self):
+        self.assert_reply_refused(b"<html>", "it is not valid JSON: Expecting value: line 1 column 1 (char 0)")
+        for text in (b"", b"{", b'{"a": NaN}', b"\xef\xbb\xbf{}", b'{"a": "\xff"}', b"[" * 100_000):
+            with self.subTest(text[:9]):
+                self.reply.write_bytes(text)
+                found = self.verify()["findings"]
+                self.assertEqual(1, len(found))
+                self.assertIn("it is not valid JSON", found[0]["problem"])
+
+    def test_that_is_no_object(self):
+        self.assert_reply_refused(b"[]", "it is no JSON object")
+
+    def test_that_names_something_twice(self):
+        self.assert_reply_refused(b'{"orbamira-hevc": {"size": 1, "size": 2}}', "'size' is in it twice")
+
+    def test_that_is_too_long(self):
+        text = self.reply.read_bytes()
+        self.reply.write_bytes(text.ljust(1 << 20))
+        self.assert_well()
+        self.assert_reply_refused(text.ljust((1 << 20) + 1), "it is longer than 1048576 bytes")
+
+    def test_that_names_no_pack(self):
+        self.reply.write_text('{"other": {}}')
+        self.assert_finding("the reply", f"it names neither {HEVC} nor {AAC}")
+
+    def test_with_members_of_other_types(self):
+        digest = "is no SHA-256 or SHA-512, and without one no appliance installs it"
+        for values, problem in (
+            ({"version": 12}, "its version 12 is none that mkpack gives"),
+            ({"version": None}, "its version None is none that mkpack gives"),
+            ({"version": "1 2"}, "its version '1 2' is none that mkpack gives"),
+            ({"title": ["x"]}, "its title is no text"),
+            ({"size": "1"}, "its size '1' is no number of bytes"),
+            ({"size": True}, "its size True is no number of bytes"),
+            ({"size": -1}, "its size -1 is no number of bytes"),
+            ({"size": 1.5}, "its size 1.5 is no number of bytes"),
+            ({"checksum": None}, f"its checksum None {digest}"),
+            ({"checksum": "abc"}, f"its checksum 'abc' {digest}"),
+            ({"checksum": "g" * 64}, f"its checksum '{'g' * 64}' {digest}"),
+            ({"link": None}, "its link None is no http or https address"),
+            ({"link": 1}, "its link 1 is no http or https address"),
+            ({"link": "ftp://h/x.opk"}, "its link 'ftp://h/x.opk' is no http or https address"),
+            ({"link": "x.opk"}, "its link 'x.opk' is no http or https address"),
+            ({"link": "http://h/a/"}, "its link http://h/a/ names no file"),
+            ({"link": "http://h/a/.."}, "its link http://h/a/.. names no file"),
+            ({"link": "http://h/a%00b"}, "its link http://h/a%00b names no file"),
+        ):
+            with self.subTest(values):
+                before = self.reply.read_bytes()
+                self.change(**values)
+                self.assert_finding(HEVC, problem)
+                self.reply.write_bytes(before)
+
+    def test_with_a_pack_that_is_no_object(self):
+        for value in ("text", [], None, 1):
+            with self.subTest(value):
+                self.reply.write_text(json.dumps({**self.members(), HEVC: value}))
+                self.assert_finding(HEVC, "it is no JSON object")
+
+    def test_whose_links_lead_elsewhere(self):
+        for link in ("https://other.example.com/packs/x.opk", BASE + "x/x.opk", BASE):
+            with self.subTest(link):
+                self.change(link=link)
+                self.assert_finding(HEVC, f"its link {link} is not below {BASE}", "--base-url", BASE)
+
+    def test_whose_links_climb(self):
+        link = BASE + "/../secret.opk"
+        self.change(link=link)
+        self.assert_finding(HEVC, f"its link {link} names no file", "--base-url", BASE)
+
+
+class VerifyFileTest(PublishedTest):
+    def test_that_is_missing(self):
+        self.file.unlink()
+        remedy = self.assert_finding(HEVC, f"{self.file.name} is not there")
+        self.assertEqual(f"put it back into {self.folder}, or publish the pack again", remedy)
+
+    def test_whose_content_changed(self):
+        content = bytearray(self.file.read_bytes())
+        content[-1] ^= 1
+        self.file.write_bytes(content)
+        digest = hashlib.sha256(content).hexdigest()
+        self.assert_finding(HEVC, f"{self.file.name} has the SHA256 {digest} and {len(content)} bytes, which is not what "
+                            "the reply says")
+
+    def test_that_was_cut(self):
+        content = self.file.read_bytes()[:1000]
+        self.file.write_bytes(content)
+        self.assert_finding(HEVC, f"{self.file.name} has the SHA256 {hashlib.sha256(content).hexdigest()} and 1000 "
+                            "bytes, which is not what the reply says")
+
+    def test_whose_sha512_is_another(self):
+        self.change(checksum="0" * 128)
+        digest = hashlib.sha512(self.file.read_bytes()).hexdigest()
+        self.assert_finding(HEVC, f"{self.file.name} has the SHA512 {digest} and {self.file.stat().st_size} bytes, which "
+                            "is not what the reply says")
+
+    def test_whose_size_is_another(self):
+        size = self.file.stat().st_size
+        self.change(size=size + 1)
+        self.assert_finding(HEVC, f"{self.file.name} has {size} bytes, and the reply says {size + 1}")
+
+    def test_whose_name_has_another_digest(self):
+        other = self.folder / "orbamira-hevc-1.2-000000000000.opk"
+        self.file.rename(other)
+        self.change(link=f"{BASE}/{other.name}")
+        digest = self.members()[HEVC]["checksum"]
+        self.assert_finding(HEVC, f"{other.name} says 000000000000 in its name, and its SHA-256 begins with "
+                            f"{digest[:12]}, so caches may hold other content under this name")
+
+    def test_that_only_some_may_read(self):
+        for path, about in ((self.file, HEVC), (self.reply, "reply.json")):
+            with self.subTest(about):
+                path.chmod(0o640)
+                remedy = self.assert_finding(
+                    about, f"only some may read {path.name}, so perhaps not the web server")
+                self.assertEqual(f"chmod 644 {path}", remedy)
+                path.chmod(0o644)
+
+    def test_folder_that_only_some_may_enter(self):
+        self.folder.chmod(0o750)
+        self.assert_finding(str(self.folder), "only some may enter the folder, so perhaps not the web server")
+
+    def test_link_out_of_the_folder(self):
+        outside = self.top / "outside.opk"
+        self.file.rename(outside)
+        self.file.symlink_to(outside)
+        self.assert_finding(HEVC, f"{self.file.name} is a symbolic link that leads out of the folder")
+
+    def test_link_to_itself(self):
+        self.file.unlink()
+        self.file.symlink_to(self.file.name)
+        self.assert_finding(HEVC, f"{self.file.name} is not there")
+
+    def test_that_is_no_regular_file(self):
+        self.file.unlink()
+        os.mkfifo(self.file)
+        self.assert_finding(HEVC, f"{self.file.name} is no regular file")
+
+
+class VerifyPackageTest(PublishedTest):
+    def setUp(self):
+        super().setUp()
+        self.good = gzip.compress(tar([("has_hevc", b"")]))
+
+    def test_whose_info_says_another_version(self):
+        file = self.replace(tar([("INFO", info_text(version="1.3")), ("package.tgz", self.good)]))
+        self.assert_finding(HEVC, f"INFO in {file} says version '1.3', and the reply says '1.2'")
+
+    def test_whose_info_says_another_name(self):
+        file = self.replace(tar([("INFO", info_text(name=AAC)), ("package.tgz", self.good)]))
+        self.assert_finding(HEVC, f"INFO in {file} says package '{AAC}', and the reply says '{HEVC}'")
+
+    def test_info_is_read_as_appliances_read_it(self):
+        text = b'#version="9"\n\nno\n package = "orbamira-hevc" \r\nversion=1.2\r\nversion="3"\n'
+        self.replace(tar([("INFO", text), ("package.tgz", self.good)]))
+        self.assert_well()
+
+    def test_whose_info_is_empty(self):
+        file = self.replace(tar([("INFO", b""), ("package.tgz", self.good)]))
+        self.assertEqual(
+            [f"INFO in {file} says package '', and the reply says '{HEVC}'",
+             f"INFO in {file} says version '', and the reply says '1.2'"],
+            [found["problem"] for found in self.verify()["findings"]])
+
+    def test_without_a_codec_that_its_name_promises(self):
+        file = self.replace(tar([("INFO", info_text(AAC)), ("package.tgz", self.good)]), AAC)
+        self.assert_finding(AAC, f"the payload of {file} has no has_aac, so appliances do not know that it brings aac")
+
+    def test_with_a_codec_more(self):
+        self.replace_payload(tar([("has_hevc", b""), ("has_aac", b"")], "w:gz"))
+        self.assert_well()
+
+    def test_marker_that_is_no_file(self):
+        file = self.replace_payload(tar([member("has_hevc", tarfile.DIRTYPE)], "w:gz"))
+        self.assert_finding(HEVC, f"the payload of {file} has no has_hevc, so appliances do not know that it brings hevc")
+
+    def test_without_its_members(self):
+        self.assert_refused(tar([("INFO", info_text())]), "there is no package.tgz in it")
+        self.assert_refused(tar([("package.tgz", self.good)]), "there is no INFO in it")
+        self.assert_refused(b"", "damaged archive: empty file")
+        self.assert_refused(b"\0" * 10240, "empty archive")
+
+    def test_with_members_that_have_no_place(self):
+        begin = [("INFO", info_text()), ("package.tgz", self.good)]
+        only = "a package holds only files at its top"
+        self.assert_refused(tar([*begin, ("lib/a", b"")]), f"lib/a: {only}")
+        self.assert_refused(tar([*begin, member("lib", tarfile.DIRTYPE)]), f"lib: {only}")
+        self.assert_refused(tar([*begin, member("a", tarfile.SYMTYPE, "INFO")]), f"a: {only}")
+        self.assert_refused(tar([*begin, ("INFO", b"")]), "INFO: there is something of that name already")
+        self.assert_refused(tar([*begin, *((f"f{n}", b"") for n in range(99))]), "more than 100 members")
+        self.assert_refused(tar([("INFO", b"x" * ((1 << 20) + 1))]), "INFO: longer than 1048576 bytes")
+
+    def test_that_is_damaged(self):
+        whole = tar([("INFO", info_text()), ("package.tgz", self.good)])
+        end = len(whole.rstrip(b"\0")) + 511 & ~511
+        self.assert_refused(whole[:end + 512], "truncated archive")
+        self.assert_refused(whole[:1600], "package.tgz: damaged archive: unexpected end of data")
+        self.assert_refused(whole + b"x", "damaged, or data behind the end of the archive")
+        self.assert_refused(whole[:1024] + b"x" + whole[1025:], "damaged, or data behind the end of the archive")
+        self.assert_refused(b"x" * 10240, "damaged archive: invalid header")
+
+    def test_whose_payload_is_damaged(self):
+        whole = tar([("has_hevc", b"")])
+        self.assert_payload_refused(b"", "package.tgz: damaged archive: empty file")
+        self.assert_payload_refused(b"no gzip", "package.tgz: damaged gzip data")
+        self.assert_payload_refused(self.good[:-1], "package.tgz: truncated gzip data")
+        self.assert_payload_refused(self.good + b"\0" * 20, "package.tgz: damaged gzip data")
+        self.assert_payload_refused(gzip.compress(whole[:512]), "package.tgz: truncated archive")
+
+    def test_whose_payload_leads_out(self):
+        slash = "package.tgz: {}: not a relative name"
+        for name, kind, target, reason in (
+            ("/etc/x", tarfile.REGTYPE, "", slash.format("/etc/x")),
+            ("a/../../x", tarfile.REGTYPE, "", 'package.tgz: a/../../x: a name with ".."'),
+            ("a", tarfile.SYMTYPE, "/etc", "package.tgz: a: a symbolic link to /etc, which may lead outside"),
+            ("a", tarfile.SYMTYPE, "b/..", "package.tgz: a: a symbolic link to b/.., which may lead outside"),
+            ("a/b", tarfile.SYMTYPE, "../..", "package.tgz: a/b: a symbolic link to ../.., which may lead outside"),
+            ("a", tarfile.LNKTYPE, "/etc/passwd", slash.format("a")),
+            ("a", tarfile.LNKTYPE, "b", "package.tgz: a: a link to b, which is no file of this archive"),
+            ("a", tarfile.CHRTYPE, "", "package.tgz: a: neither a file, a folder nor a link"),
+            (".", tarfile.REGTYPE, "", "package.tgz: .: not a name for a file"),
+        ):
+            with self.subTest(f"{name} {target}"):
+                self.assert_payload_refused([member(name, kind, target)], reason)
+
+    def test_whose_payload_goes_through_a_link(self):
+        link = member("a", tarfile.SYMTYPE, "b")
+        self.assert_payload_refused([link, ("a/x", b"")], "package.tgz: a/x: it lies below what is no folder")
+        self.assert_payload_refused([link, ("a", b"")], "package.tgz: a: there is something of that name already")
+
+    def test_whose_payload_replaces_the_packs_own_files(self):
+        self.assert_payload_refused([("INFO", b"")], "package.tgz: INFO: there is something of that name already")
+
+    def test_with_names_beyond_what_appliances_take(self):
+        self.assert_payload_refused([("n" * 4097, b"")], f"package.tgz: {'n' * 4097}: a name of more than 4096 bytes")
+        deep = "/".join("d" * 129)
+        self.assert_payload_refused([(deep, b"")], f"package.tgz: {deep}: more than 128 names deep")
+
+    def test_that_unpacks_to_too_much(self):
+        big = tarfile.TarInfo("big")
+        big.size = (16 << 30) + 1
+        bomb = gzip.compress(big.tobuf() + b"\0" * 1024)
+        self.assert_payload_refused(bomb, "package.tgz: big: unpacks to more than 17179869184 bytes")
+
+    def test_bomb_is_not_held_in_memory(self):
+        """256 MiB of zeros: as a file, as a header that says what it has not, behind the end of the archive."""
+        zeros = gzip.compress(b"\0" * (16 << 20)) * 16
+        limit = 128 << 20
+        bound = {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_AS, (limit, limit))}
+        for name, size, kind, problem in (
+            ("f", 1 << 28, tarfile.REGTYPE, "package.tgz: truncated archive"),
+            ("f", 1 << 28, tarfile.XHDTYPE, "package.tgz: a member's header is too long"),
+            ("f", 1 << 28, tarfile.GNUTYPE_LONGNAME, "package.tgz: a member's header is too long"),
+        ):
+            with self.subTest(kind):
+                info = tarfile.TarInfo(name)
+                info.size, info.type = size, kind
+                marker = tarfile.TarInfo("has_hevc").tobuf()
+                file = self.replace_payload(gzip.compress(marker + info.tobuf()) + zeros)
+                self.assert_finding(HEVC, f"appliances refuse {file}: {problem}", **bound)
+        self.replace_payload(gzip.compress(tarfile.TarInfo("has_hevc").tobuf()) + zeros)
+        self.assertEqual([], self.verify(**bound)["findings"])
+
+    def test_output_does_not_reach_the_terminal_raw(self):
+        self.replace_payload(tar([("has_hevc", b""), ("\x1b[2J\n/..", b"")], "w:gz"))
+        done = subprocess.run([MKPACK, "verify", self.folder], capture_output=True, text=True, timeout=HANG, check=False)
+        self.assertEqual(1, done.returncode)
+        self.assertIn("package.tgz: \\x1b[2J\\n/..: a name with", done.stdout)
+        self.assertNotIn("\x1b", done.stdout)
+
+
+class VerifyBoundsTest(unittest.TestCase):
+    """Bounds that a test cannot reach in a reasonable time, and damage of every kind."""
+
+    def test_members_are_counted(self):
+        content = tar([(f"f{n}", b"") for n in range(4)])
+        with unittest.mock.patch.object(rules, "MAX_MEMBERS", 3):
+            with self.assertRaisesRegex(archive.Refused, "^more than 3 members$"):
+                list(archive.members(iter([content])))
+
+    def test_whole_size_is_bounded(self):
+        content = tar([("f", b"")]) + b"\0" * 10240
+        with unittest.mock.patch.object(archive, "MAX_ARCHIVE_SIZE", 10240):
+            with self.assertRaisesRegex(archive.Refused, "^unpacks to more than 10240 bytes$"):
+                list(archive.members(archive.pieces_of(io.BytesIO(content))))
+
+    def test_any_damage_is_told(self):
+        """The reader ends with a Package or Refused, whatever bytes there are."""
+        payload = gzip.compress(tar([("has_hevc", b""), ("n" * 150, b"x" * 600), member("l", tarfile.SYMTYPE, "a")]), 0)
+        whole = tar([("INFO", info_text()), ("MANIFEST", b"m"), ("package.tgz", payload)])
+        source = random.Random(1)
+        refused = 0
+        for _ in range(3000):
+            content = bytearray(whole)
+            for _ in range(source.choice((1, 1, 2, 8))):
+                content[source.randrange(len(content))] = source.choice((0, 0x7F, 0x80, 0xFF, source.randrange(256)))
+            try:
+                package.read(io.BytesIO(content))
+            except archive.Refused:
+                refused += 1
+        self.assertGreater(refused, 300)
+
+
+class VerifySignatureTest(VerifyTest):
+    def setUp(self):
+        super().setUp()
+        self.authority = Authority(self.top)
+        self.keyring = ("--keyring", self.top / "ca.pem")
+
+    def sign(self, name, issuer="ca", **options):
+        """The options that sign with a new key."""
+        certificate = self.authority.issue(name, issuer, **options)
+        return "--sign-key", self.top / f"{name}.key", "--sign-cert", certificate
+
+    def refused(self, file, reason):
+        return f"appliances with a keyring refuse {file.name}: {reason}"
+
+    def repack(self, change):
+        """Publishes the signed package with its members changed."""
+        file = self.publish_both(*self.sign("signer"))
+        with tarfile.open(file) as outer:
+            members = {info.name: outer.extractfile(info).read() for info in outer}
+        change(members)
+        return pathlib.Path(self.replace(tar(members.items())))
+
+    def test_finds_nothing_where_the_keyring_trusts_the_signer(self):
+        self.publish_both(*self.sign("signer"))
+        self.assertTrue(self.verify(*self.keyring)["packs"][HEVC]["signed"])
+        self.assert_well(*self.keyring)
+        self.assert_well("--keyring", self.top / "signer.pem")
+        self.assert_well()
+
+    def test_unsigned_where_a_keyring_is_given(self):
+        options = self.sign("signer")
+        self.publish(AAC, "1.2", *options)
+        file = self.publish()
+        remedy = self.assert_finding(HEVC, f"{file.name} is not signed, so appliances with a keyring refuse it",
+                                     *self.keyring)
+        self.assertEqual("publish the pack again with --sign-key and --sign-cert", remedy)
+
+    def test_mixture_of_signed_and_unsigned(self):
+        self.publish(AAC, "1.2", *self.sign("signer"))
+        self.publish()
+        self.assert_finding(HEVC, "its package is not signed, while another in the reply is")
+
+    def test_expired_signer(self):
+        options = self.sign("signer")
+        self.publish(AAC, "1.2", *options)
+        file = self.publish(HEVC, "1.2", *self.sign("old", days=-1))
+        self.assert_finding(HEVC, self.refused(file, "Verify error: certificate has expired"), *self.keyring)
+        self.assert_well()
+
+    def test_foreign_signer(self):
+        self.publish(AAC, "1.2", *self.sign("signer"))
+        file = self.publish(HEVC, "1.2", *self.sign("stranger", None))
+        found = self.verify(*self.keyring)["findings"]
+        self.assertEqual([HEVC], [each["about"] for each in found])
+        self.assertTrue(found[0]["problem"].startswith(self.refused(file, "Verify error: ")), found)
+
+    def test_altered_manifest(self):
+        def change(members):
+            members["MANIFEST"] = members["MANIFEST"].replace(b"  INFO", b"  INFQ")
+            members["INFQ"] = members["INFO"]
+        file = self.repack(change)
+        problem = self.refused(file, "INFO is not what MANIFEST says")
+        self.assert_finding(HEVC, problem)
+        def resign(members):
+            members["MANIFEST"] += f"{hashlib.sha256(b'').hexdigest()}  more\n".encode()
+            members["more"] = b""
+        file = self.repack(resign)
+        self.assert_well()
+        self.assert_finding(HEVC, self.refused(file, "content verify error"), *self.keyring)
+
+    def test_altered_member(self):
+        file = self.repack(lambda members: members.update(INFO=info_text() + b"\n"))
+        self.assert_finding(HEVC, self.refused(file, "INFO is not what MANIFEST says"))
+
+    def test_altered_payload(self):
+        file = self.repack(lambda members: members.update({"package.tgz": gzip.compress(tar([("has_hevc", b"")]))}))
+        self.assert_finding(HEVC, self.refused(file, "package.tgz is not what MANIFEST says"))
+
+    def test_member_that_is_not_listed(self):
+        file = self.repack(lambda members: members.update(more=b""))
+        self.assert_finding(HEVC, self.refused(file, "more is not what MANIFEST says"))
+
+    def test_listed_member_that_is_missing(self):
+        line = f"{hashlib.sha256(b'').hexdigest()}  more\n".encode()
+        file = self.repack(lambda members: members.update(MANIFEST=members["MANIFEST"] + line))
+        self.assert_finding(HEVC, self.refused(file, "more is in MANIFEST, but not in the package"))
+
+    def test_damaged_manifest(self):
+        for text in (b"x\n", b"\n", b"no newline"):
+            with self.subTest(text):
+                file = self.repack(lambda members, text=text: members.update(MANIFEST=text))
+                self.assert_finding(HEVC, self.refused(file, "MANIFEST is damaged"))
+                shutil.rmtree(self.folder)
+
+    def test_half_a_signature(self):
+        for name in ("MANIFEST", "MANIFEST.sig"):
+            with self.subTest(name):
+                file = self.repack(lambda members, name=name: members.pop(name))
+                self.assert_finding(HEVC, self.refused(file, f"there is no {name} in it"))
+                shutil.rmtree(self.folder)
+
+    def test_damaged_signature(self):
+        file = self.repack(lambda members: members.update({"MANIFEST.sig": members["MANIFEST.sig"][:100]}))
+        self.assert_well()
+        self.assert_finding(HEVC, self.refused(file, "not enough data"), *self.keyring)
+
+    def resign(self, signer, digest):
+        """Publishes a package whose signature this signer made with this digest; mkpack itself takes SHA-256."""
+        def change(members):
+            (self.top / "manifest").write_bytes(members["MANIFEST"])
+            self.authority.openssl("cms", "-sign", "-binary", "-in", "manifest", "-outform", "DER", "-nosmimecap",
+                                   "-signer", f"{signer}.pem", "-inkey", f"{signer}.key", "-md", digest, "-out", "made")
+            members["MANIFEST.sig"] = (self.top / "made").read_bytes()
+        return self.repack(change)
+
+    def test_digest_of_the_signature(self):
+        file = self.resign("signer", "sha1")
+        self.assert_finding(HEVC, self.refused(file, "signed with sha1, a weak digest"), *self.keyring)
+        shutil.rmtree(self.folder)
+        self.sign("rsa", key=("-newkey", "rsa:2048"))
+        self.resign("rsa", "sha3-256")
+        self.assert_well(*self.keyring)
+
+    def test_weak_key(self):
+        self.sign("rsa", key=("-newkey", "rsa:1024"))
+        file = self.resign("rsa", "sha256")
+        self.assert_finding(HEVC, self.refused(file, "Verify error: EE certificate key too weak"), *self.keyring)
+
+    def test_missing_openssl_is_told(self):
+        file = self.publish_both(*self.sign("signer"))
+        report = subprocess.run([MKPACK, "verify", self.folder, *self.keyring], env={"PATH": str(self.top)},
+                                capture_output=True, text=True, timeout=HANG, check=False)
+        self.assertEqual(1, report.returncode)
+        self.assertIn(self.refused(file, "the signature cannot be checked without the program openssl"), report.stdout)
+
+
+class VerifyNotesTest(VerifyTest):
+    def notes(self):
+        report = self.verify()
+        self.assertEqual([], report["findings"])
+        return report["notes"]
+
+    def test_pack_that_is_not_offered(self):
+        self.publish()
+        self.assertEqual(
+            [f"{AAC} is not offered: appliances that ask for it find nothing new, and log a failed check"], self.notes())
+
+    def test_name_that_nobody_asks_for(self):
+        self.publish_both()
+        self.reply.write_text(json.dumps({**self.members(), "vendor": {"x": 1}}))
+        self.assertEqual(["vendor is in the reply, and no appliance asks for it"], self.notes())
+
+    def test_packages_that_the_reply_names_no_more(self):
+        older = self.publish(HEVC, "1.1")
+        newer = self.publish(HEVC, "1.10")
+        self.publish_both()
+        (self.folder / "other.opk").write_text("")
+        self.assertEqual(
+            [f"{older.name} is not in the reply: it may go when nobody fetches it any more",
+             f"{newer.name} is newer than 1.2, which is offered: appliances that installed it stay with it"],
+            self.notes())
+
+    def test_unfinished_work(self):
+        self.publish_both()
+        (self.folder / ".mkpack.abc").mkdir()
+        self.assertEqual([".mkpack.abc is unfinished work: remove it, unless mkpack is just at work"], self.notes())
+
+    def test_are_printed_as_notes(self):
+        self.publish()
+        done = subprocess.run([MKPACK, "verify", self.folder], capture_output=True, text=True, timeout=HANG, check=False)
+        self.assertEqual(0, done.returncode)
+        self.assertTrue(done.stdout.startswith(f"note: {AAC} is not offered"), done.stdout)
+
+
+class VersionsTest(unittest.TestCase):
+    def test_are_ordered_as_appliances_order_them(self):
+        ordered = ["0.99.1", "1", "1.0-rc1", "1.9", "1.10", "1.10a", "2-3_4+5", "10000000000000000000000000"]
+        for index, left in enumerate(ordered):
+            for right in ordered[:index + 1]:
+                self.assertFalse(rules.is_newer(left, right), f"{left} {right}")
+            for right in ordered[index + 1:]:
+                self.assertTrue(rules.is_newer(left, right), f"{left} {right}")
+        for left, right in (("1.0", "1"), ("1.0.0", "1"), ("01.2", "1.02"), ("1-0", "1.0")):
+            self.assertFalse(rules.is_newer(left, right) or rules.is_newer(right, left))
+
+
+class VerifyUsageTest(VerifyTest):
+    def assert_usage(self, message, *arguments):
+        done = subprocess.run([MKPACK, "verify", *arguments], capture_output=True, text=True, timeout=HANG, check=False)
+        self.assertEqual((64, "", f"mkpack verify: {message}\nTry 'mkpack verify --help'.\n"),
+                         (done.returncode, done.stdout, done.stderr))
+
+    def test_folder_must_be_there(self):
+        self.assert_usage("the following arguments are required: FOLDER")
+        self.assert_usage("argument FOLDER: /no/such is not a folder", "/no/such")
+
+    def test_keyring_must_hold_certificates(self):
+        keyring = self.top / "keyring"
+        option = self.top, "--keyring", keyring
+        self.assert_usage(f"argument --keyring: {keyring}: No such file or directory", *option)
+        keyring.write_text("")
+        self.assert_usage(f"argument --keyring: {keyring}: there is no certificate in it", *option)
+        authority = Authority(self.top)
+        keyring.write_bytes((authority.folder / "ca.pem").read_bytes() + (authority.folder / "ca.key").read_bytes())
+        self.assert_usage(f"argument --keyring: {keyring}: there is something other than certificates in it", *option)
+
+    def test_address_must_be_one(self):
+        self.assert_usage("argument --base-url: 'x' is no http or https address of a folder", self.top, "--base-url", "x")
+
+    def test_help_teaches(self):
+        done = subprocess.run([MKPACK, "verify", "--help"], capture_output=True, text=True, timeout=HANG, check=False)
+        self.assertEqual(0, done.returncode)
+        for text in ("--keyring FILE", "what is verified", "what is printed", "example", "exit status"):
+            self.assertIn(text, done.stdout)
+
+    def test_program_may_be_called_by_a_link_and_copied_with_its_folder(self):
+        self.publish_both()
+        copy = self.top / "copy"
+        shutil.copytree(MKPACK.parent, copy)
+        link = self.top / "mkpack"
+        link.symlink_to("copy/mkpack")
+        done = subprocess.run([link, "verify", self.folder], cwd="/", capture_output=True, text=True, timeout=HANG,
+                              check=False)
+        self.assertEqual((0, ""), (done.returncode, done.stderr))
+        self.assertEqual([], list(copy.rglob("__pycache__")))
+
+
+if __name__ == "__main__":
+    unittest.main()

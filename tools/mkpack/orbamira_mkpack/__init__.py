@@ -1,0 +1,1 @@
+"""What the program mkpack is made of: publishing packs, and verifying what is published."""

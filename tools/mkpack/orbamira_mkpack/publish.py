@@ -1,0 +1,430 @@
+"""Makes a codec pack of a folder and publishes it for the update server."""
+
+import argparse
+import contextlib
+import fcntl
+import gzip
+import hashlib
+import io
+import json
+import os
+import re
+import shutil
+import signal
+import stat
+import subprocess
+import sys
+import tarfile
+import tempfile
+import urllib.parse
+
+from orbamira_mkpack import rules
+from orbamira_mkpack.command_line import EXIT_FAILED, ArgumentParser, base_url
+
+RESERVED_NAMES = {rules.INFO_NAME, rules.PAYLOAD_NAME, *map(rules.marker_of, rules.CODECS)}
+RESERVED_PREFIX = "MANIFEST"
+
+GZIP_LEVEL = 9
+
+DESCRIPTION = """\
+Makes a codec pack of a folder and publishes it: writes the package file into the folder that a web server serves, and
+names it in the reply that appliances fetch when they look for updates.
+"""
+
+EPILOG = """\
+what is made
+  OUTPUT/NAME-VERSION-DIGEST.opk   the package: a tar archive of INFO (name and version) and package.tgz (the payload
+                                   and an empty file has_CODEC for each codec). DIGEST is the beginning of the file's
+                                   SHA-256, so a name never stands for other content and may be cached for ever.
+  OUTPUT/reply.json                a JSON object with one member for each pack name: title, version, link, checksum
+                                   and size in bytes of the pack published last. Members of other names stay.
+
+  Both are put in place whole, the package first. Packages published earlier stay, for appliances that are just
+  fetching them. Several mkpack may publish into one folder at the same time.
+
+the payload
+  Regular files, folders and symbolic links that stay inside. Whatever is executable becomes 0755, other files 0644;
+  owners and times are dropped. Every time in the package is SOURCE_DATE_EPOCH (seconds since 1970) when the environment
+  has it, else 0. So the same payload gives the same package, byte for byte, as long as the versions of Python and zlib
+  are the same: others may compress the same content to other bytes. At the top of the payload the names INFO,
+  package.tgz, has_hevc, has_aac and MANIFEST* are taken.
+
+  Appliances unpack at most 1,000,000 members and 16 GiB, names of at most 4096 bytes, and nothing more than 128 names
+  deep; a payload beyond that is refused before it is packed.
+
+signing
+  With --sign-key and --sign-cert the package begins with two members more, so that a reader can check the others before
+  it unpacks them. MANIFEST lists each of the others, sorted by name, in a line of its SHA-256 in hexadecimal digits,
+  two spaces and its name. MANIFEST.sig is the detached CMS signature of exactly these bytes, in DER, made by the
+  program openssl, which must be installed; it asks at the terminal for the passphrase of a key that has one. The
+  signature tells the time it was made, so a signed package is not the same, byte for byte, when it is made again. To
+  check a signature by hand:
+  openssl cms -verify -binary -inform DER -in MANIFEST.sig -content MANIFEST -CAfile CA -purpose any
+
+versions
+  Appliances install a pack when its version is newer than theirs. They split both versions at . - _ and + and compare
+  them part by part: parts of digits as numbers, others as text by their bytes, and a number is older than a text. A
+  missing part counts as 0. So 1.9 is older than 1.10, and 1.0 is the same as 1; but 1.0-rc1 is NEWER than 1.0, and who
+  has it is not offered 1.0. Give what comes before 1.0 a lower number, as in 0.99.1.
+
+example
+  mkpack --payload build/pack --output /srv/packs --name orbamira-hevc --version 1.2.0 \\
+         --title "HEVC decoder" --base-url https://packs.example.com/packs
+
+  Serve /srv/packs at https://packs.example.com/packs, and set on the appliances, in /etc/orbamira/updater.conf:
+  pack_update_server="https://packs.example.com/packs/reply.json"
+
+exit status
+  0 published; 1 failed, nothing but perhaps the package file was published; 64 wrong usage
+"""
+
+
+class MkpackError(Exception):
+    """What keeps the pack from being published."""
+
+
+class DigestingWriter:
+    """Passes on what is written to a file and keeps its length and SHA-256."""
+
+    def __init__(self, file):
+        self._file = file
+        self._sha256 = hashlib.sha256()
+        self.size = 0
+
+    def write(self, data):
+        self._sha256.update(data)
+        self.size += len(data)
+        return self._file.write(data)
+
+    def hexdigest(self):
+        return self._sha256.hexdigest()
+
+
+def version(text):
+    if not rules.VERSION_PATTERN.fullmatch(text):
+        raise argparse.ArgumentTypeError(
+            f"{text!r} is no version: up to 64 letters, digits and . _ + -, beginning with a letter or digit"
+        )
+    return text
+
+
+def title(text):
+    if not text.strip() or not text.isprintable():
+        raise argparse.ArgumentTypeError(f"{text!r} is no title: it is empty or holds unprintable characters")
+    return text
+
+
+def parse_arguments(arguments):
+    parser = ArgumentParser(
+        prog="mkpack",
+        description=DESCRIPTION,
+        epilog=EPILOG,
+    )
+    parser.add_argument("--payload", required=True, metavar="DIR", help="the folder whose content the pack carries")
+    parser.add_argument(
+        "--output", required=True, metavar="DIR", help="the folder to publish into; made when it is missing"
+    )
+    parser.add_argument("--name", required=True, choices=rules.CODECS_OF_PACK, help="the name of the pack")
+    parser.add_argument(
+        "--version",
+        required=True,
+        type=version,
+        help="the version of the pack; appliances install newer ones (see versions below)",
+    )
+    parser.add_argument("--title", required=True, type=title, help="what people call the pack")
+    parser.add_argument(
+        "--base-url", required=True, type=base_url, metavar="URL", help="the http(s) address that serves the output"
+    )
+    parser.add_argument(
+        "--codec",
+        action="append",
+        choices=rules.CODECS,
+        help="a codec that the payload carries, once for each; by default those in the pack's name, which must be "
+        "among them",
+    )
+    parser.add_argument(
+        "--reply", metavar="FILE", help="the reply to name the pack in (default: reply.json in the output folder)"
+    )
+    parser.add_argument("--sign-key", metavar="KEY", help="sign the package with this private key (PEM)")
+    parser.add_argument(
+        "--sign-cert",
+        metavar="CERT",
+        help="the certificate of the key (PEM), followed by those between it and the one that appliances trust",
+    )
+    options = parser.parse_args(arguments)
+
+    options.codec = sorted(set(options.codec or rules.CODECS_OF_PACK[options.name]), key=rules.CODECS.index)
+    for codec in rules.CODECS_OF_PACK[options.name]:
+        if codec not in options.codec:
+            parser.error(f"argument --codec: a pack of the name {options.name} carries {codec}")
+    if (options.sign_key is None) != (options.sign_cert is None):
+        parser.error("arguments --sign-key and --sign-cert: one is no use without the other")
+    if not os.path.isdir(options.payload):
+        parser.error(f"argument --payload: {options.payload} is not a folder")
+    payload = os.path.realpath(options.payload)
+    if os.path.commonpath([payload, os.path.realpath(options.output)]) == payload:
+        parser.error("argument --output: it must not be inside the payload")
+    options.reply = options.reply or os.path.join(options.output, "reply.json")
+    return options
+
+
+def source_date():
+    text = os.environ.get("SOURCE_DATE_EPOCH", "0")
+    if not re.fullmatch(r"[0-9]{1,10}", text):
+        raise MkpackError(f"SOURCE_DATE_EPOCH is not a number of seconds: {text!r}")
+    return int(text)
+
+
+def payload_members(folder, prefix=""):
+    """The paths of everything below `folder`, relative to it, in a fixed order: a folder before what is in it."""
+    with os.scandir(folder) as entries:
+        for entry in sorted(entries, key=lambda found: os.fsencode(found.name)):
+            path = prefix + entry.name
+            yield path
+            if entry.is_dir(follow_symlinks=False):
+                yield from payload_members(entry.path, path + "/")
+
+
+def check_bounds(payload, codecs):
+    """Refuses a payload that no appliance would unpack."""
+    count, size = len(codecs), 0
+    for path in payload_members(payload):
+        if len(os.fsencode(path)) > rules.MAX_NAME_SIZE:
+            raise MkpackError(f"payload: {path}: the name has more than {rules.MAX_NAME_SIZE} bytes")
+        if path.count("/") >= rules.MAX_DEPTH:
+            raise MkpackError(f"payload: {path}: more than {rules.MAX_DEPTH} names deep")
+        count += 1
+        if count > rules.MAX_MEMBERS:
+            raise MkpackError(f"payload: more than {rules.MAX_MEMBERS} files, folders and links")
+        status = os.lstat(os.path.join(payload, path))
+        size += status.st_size if stat.S_ISREG(status.st_mode) else 0
+        if size > rules.MAX_CONTENT_SIZE:
+            raise MkpackError(f"payload: its files have more than {rules.MAX_CONTENT_SIZE} bytes")
+
+
+def member_info(path, status, mtime):
+    info = tarfile.TarInfo(path)
+    info.mtime = mtime
+    if stat.S_ISDIR(status.st_mode):
+        info.type = tarfile.DIRTYPE
+        info.mode = 0o755
+    elif stat.S_ISLNK(status.st_mode):
+        info.type = tarfile.SYMTYPE
+        info.mode = 0o777
+    elif stat.S_ISREG(status.st_mode):
+        info.size = status.st_size
+        info.mode = 0o755 if status.st_mode & 0o111 else 0o644
+    else:
+        raise MkpackError(f"payload: {path}: neither a regular file nor a folder nor a symbolic link")
+    return info
+
+
+def add_file(archive, info, source):
+    """Adds the regular file `source`. It must stay as it is meanwhile: a mixture of old and new is no use to anyone."""
+    with open(os.open(source, os.O_RDONLY | os.O_NOFOLLOW | os.O_CLOEXEC), "rb") as file:
+        before = os.fstat(file.fileno())
+        info.size = before.st_size
+        try:
+            archive.addfile(info, file)
+        except OSError as error:
+            # tarfile's own words for a file that became shorter carry no error number.
+            if error.errno is not None:
+                raise
+            raise MkpackError(f"payload: {info.name}: it changed while it was read") from error
+        after = os.fstat(file.fileno())
+    if (before.st_size, before.st_mtime_ns) != (after.st_size, after.st_mtime_ns):
+        raise MkpackError(f"payload: {info.name}: it changed while it was read")
+
+
+def write_payload(payload, codecs, mtime, file):
+    """Writes package.tgz: the payload folder's content and the marker of each codec."""
+    with (
+        gzip.GzipFile(filename="", mode="wb", compresslevel=GZIP_LEVEL, fileobj=file, mtime=0) as compressed,
+        tarfile.open(fileobj=compressed, mode="w|", format=tarfile.PAX_FORMAT) as archive,
+    ):
+        for codec in sorted(codecs):
+            info = tarfile.TarInfo(rules.marker_of(codec))
+            info.mtime = mtime
+            archive.addfile(info)
+        empty = True
+        for path in payload_members(payload):
+            if path in RESERVED_NAMES or path.startswith(RESERVED_PREFIX):
+                raise MkpackError(f"payload: {path}: the name is taken at the top of a pack")
+            source = os.path.join(payload, path)
+            info = member_info(path, os.lstat(source), mtime)
+            if info.isreg():
+                empty = False
+                add_file(archive, info, source)
+                continue
+            if info.issym():
+                info.linkname = os.readlink(source)
+                if rules.leads_outside(info.linkname, path.count("/")):
+                    raise MkpackError(f"payload: {path}: the link to {info.linkname} may lead out of the payload")
+            archive.addfile(info)
+        if empty:
+            raise MkpackError("payload: there is no file in it")
+
+
+def manifest(members):
+    """The text that lists `members`, files by name, with the SHA-256 of each."""
+    lines = []
+    for name, content in sorted(members.items()):
+        content.seek(0)
+        lines.append(f"{hashlib.file_digest(content, 'sha256').hexdigest()}  {name}\n")
+    return "".join(lines).encode()
+
+
+def sign(path, key, certificate):
+    """The detached CMS signature of the file `path`, whose folder takes what else openssl needs."""
+    with open(certificate, "rb") as file:
+        certificates = rules.CERTIFICATE_PATTERN.findall(file.read())
+    if not certificates:
+        raise MkpackError(f"{certificate}: there is no certificate in it")
+    command = ["openssl", "cms", "-sign", "-binary", "-in", path, "-signer", certificate, "-inkey", key]
+    command += ["-outform", "DER", "-nosmimecap", "-md", "sha256"]
+    if certificates[1:]:
+        # The signer's own would be there twice, which openssl refuses.
+        others = path + ".others"
+        with open(others, "wb") as file:
+            file.write(b"\n".join(certificates[1:]) + b"\n")
+        command += ["-certfile", others]
+    result = subprocess.run(
+        command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False
+    )
+    if result.returncode != 0:
+        reason = "; ".join(result.stderr.decode("utf-8", "replace").split("\n")).strip("; ")
+        raise MkpackError(f"cannot be signed with {key} and {certificate}: {reason}")
+    return result.stdout
+
+
+def signed(members, key, certificate, work):
+    """`members` with their manifest and its signature before them; `work` is a folder for temporary files."""
+    text = manifest(members)
+    path = os.path.join(work, rules.MANIFEST_NAME)
+    with open(path, "wb") as file:
+        file.write(text)
+    signature = sign(path, key, certificate)
+    return {rules.MANIFEST_NAME: io.BytesIO(text), rules.SIGNATURE_NAME: io.BytesIO(signature), **members}
+
+
+def write_package(members, mtime, file):
+    """Writes the package of `members`, files by name, in their order; returns its size and SHA-256."""
+    writer = DigestingWriter(file)
+    with tarfile.open(fileobj=writer, mode="w|", format=tarfile.PAX_FORMAT) as archive:
+        for member, content in members.items():
+            info = tarfile.TarInfo(member)
+            info.size = content.seek(0, os.SEEK_END)
+            info.mtime = mtime
+            content.seek(0)
+            archive.addfile(info, content)
+    return writer.size, writer.hexdigest()
+
+
+def put_in_place(file, temporary, path):
+    """Makes the written `file` at `temporary` the file `path`: on disk, readable by the web server, in one step."""
+    file.flush()
+    os.fchmod(file.fileno(), 0o644)
+    os.fsync(file.fileno())
+    os.replace(temporary, path)
+    folder = os.open(os.path.dirname(path) or ".", os.O_RDONLY | os.O_DIRECTORY)
+    try:
+        os.fsync(folder)
+    finally:
+        os.close(folder)
+
+
+@contextlib.contextmanager
+def work_folder(folder):
+    """A folder for unfinished files beside the finished ones, removed with what is in it."""
+    os.makedirs(folder, exist_ok=True)
+    path = tempfile.mkdtemp(prefix=".mkpack.", dir=folder)
+    try:
+        yield path
+    finally:
+        shutil.rmtree(path, ignore_errors=True)
+
+
+def make_package(options):
+    """Makes the package file in the output folder; returns its name, its size and its SHA-256."""
+    mtime = source_date()
+    check_bounds(options.payload, options.codec)
+    with work_folder(options.output) as work:
+        temporary = os.path.join(work, "package.opk")
+        with open(os.path.join(work, rules.PAYLOAD_NAME), "w+b") as payload_file, open(temporary, "wb") as file:
+            write_payload(options.payload, options.codec, mtime, payload_file)
+            text = f'package="{options.name}"\nversion="{options.version}"\n'
+            members = {rules.INFO_NAME: io.BytesIO(text.encode()), rules.PAYLOAD_NAME: payload_file}
+            if options.sign_key is not None:
+                members = signed(members, options.sign_key, options.sign_cert, work)
+            size, checksum = write_package(members, mtime, file)
+            name = f"{options.name}-{options.version}-{checksum[:rules.DIGITS_IN_NAME]}.opk"
+            put_in_place(file, temporary, os.path.join(options.output, name))
+    return name, size, checksum
+
+
+def read_reply(path):
+    """The members of the reply; none when there is no file yet. Raises MkpackError for a file that is no reply."""
+    try:
+        with open(path, encoding="utf-8") as file:
+            members = json.load(file)
+    except FileNotFoundError:
+        return {}
+    except (ValueError, RecursionError) as error:
+        raise MkpackError(f"{path}: not valid JSON, left as it is: {error}") from error
+    if not isinstance(members, dict):
+        raise MkpackError(f"{path}: not a JSON object, left as it is")
+    return members
+
+
+@contextlib.contextmanager
+def reply_lock(path):
+    """Keeps other mkpack from the reply. The lock is on a file beside it, since the reply itself is replaced."""
+    folder, name = os.path.split(path)
+    os.makedirs(folder or ".", exist_ok=True)
+    with open(os.path.join(folder, f".{name}.lock"), "a") as file:
+        fcntl.flock(file, fcntl.LOCK_EX)
+        yield
+
+
+def publish(path, name, member):
+    """Puts `member` into the reply under `name`; the other members stay."""
+    with reply_lock(path):
+        members = read_reply(path)
+        members[name] = member
+        with work_folder(os.path.dirname(path) or ".") as work:
+            temporary = os.path.join(work, "reply")
+            with open(temporary, "w", encoding="utf-8") as file:
+                json.dump(members, file, indent=2, sort_keys=True)
+                file.write("\n")
+                put_in_place(file, temporary, path)
+
+
+def main(arguments):
+    options = parse_arguments(arguments)
+    # So that a stopped run, too, takes its unfinished files along.
+    for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, lambda received, frame: sys.exit(128 + received))
+    try:
+        # A reply that cannot be used is found before the work rather than after it.
+        read_reply(options.reply)
+        file_name, size, checksum = make_package(options)
+        member = {
+            "title": options.title,
+            "version": options.version,
+            "link": f"{options.base_url}/{urllib.parse.quote(file_name)}",
+            "checksum": checksum,
+            "size": size,
+        }
+        publish(options.reply, options.name, member)
+    except MkpackError as error:
+        print(f"mkpack: {error}", file=sys.stderr)
+        return EXIT_FAILED
+    except OSError as error:
+        print(f"mkpack: {error.filename or options.output}: {error.strerror}", file=sys.stderr)
+        return EXIT_FAILED
+    sys.stdout.reconfigure(errors="surrogateescape")
+    print(f"package   {os.path.join(options.output, file_name)}")
+    print(f"size      {size}")
+    print(f"checksum  {checksum}")
+    print(f"reply     {options.reply}")
+    return 0

@@ -1,0 +1,106 @@
+"""The command line of mkpack verify."""
+
+import json
+import os
+import sys
+
+from orbamira_mkpack import rules
+from orbamira_mkpack.command_line import EXIT_FAILED, ArgumentParser, base_url
+from orbamira_mkpack.folder import Folder
+
+DESCRIPTION = """\
+Verifies a published folder: reads the reply and every package that it names as an appliance would, and tells what an
+appliance, or the web server, would stumble over. It changes nothing and needs no network.
+"""
+
+EPILOG = """\
+what is verified
+  The reply is there, has at most 1 MiB, is a JSON object of the right form (reply.schema.json), and names a pack. Each
+  link is an http or https address, below --base-url where that is given, of a file in the folder. Each package has the
+  checksum and the size that the reply says, and the digest in its name; it unpacks, within what appliances unpack at
+  most; its INFO says the same name and version as the reply; its payload brings the codecs that the name promises.
+
+  A signed package has the members that its MANIFEST lists. With --keyring each package is signed by somebody whom the
+  keyring trusts now. Without it, a reply that names signed and unsigned packages is told.
+
+  Reply, packages and folder may be read by everyone, and no package is a symbolic link that leads out of the folder.
+
+what is printed
+  A line for each finding: what it is about, what is wrong, and what to do. Lines that begin with "note" tell what is
+  not wrong but worth knowing: packages that the reply does not name, or no longer, and unfinished work. With --json,
+  one object with the members "folder", "result" ("well" or "faults"), "packs", "findings" and "notes".
+
+example
+  mkpack verify /srv/packs --base-url https://packs.example.com/packs --keyring authority.pem
+
+exit status
+  0 nothing found; 1 findings; 64 wrong usage
+"""
+
+
+def parse_arguments(arguments):
+    parser = ArgumentParser(prog="mkpack verify", description=DESCRIPTION, epilog=EPILOG)
+    parser.add_argument("folder", metavar="FOLDER", help="the folder that the web server serves")
+    parser.add_argument("--reply", metavar="FILE", help="the reply (default: reply.json in the folder)")
+    parser.add_argument("--base-url", type=base_url, metavar="URL", help="the http(s) address that serves the folder")
+    parser.add_argument("--keyring", metavar="FILE", help="the certificates that appliances trust (PEM)")
+    parser.add_argument("--json", action="store_true", help="print one JSON object")
+    options = parser.parse_args(arguments)
+    if not os.path.isdir(options.folder):
+        parser.error(f"argument FOLDER: {options.folder} is not a folder")
+    if options.keyring is not None:
+        try:
+            _check_keyring(options.keyring)
+        except OSError as error:
+            parser.error(f"argument --keyring: {options.keyring}: {error.strerror}")
+        except ValueError as error:
+            parser.error(f"argument --keyring: {options.keyring}: {error}")
+    return options
+
+
+def _check_keyring(path):
+    """Raises ValueError for a keyring that appliances take nothing by."""
+    with open(path, "rb") as file:
+        text = file.read()
+    rest = rules.CERTIFICATE_PATTERN.sub(b"", text)
+    if rest == text:
+        raise ValueError("there is no certificate in it")
+    if b"-----BEGIN" in rest:
+        raise ValueError("there is something other than certificates in it")
+
+
+def printable(text):
+    """The text without anything that a terminal would act on."""
+    return "".join(sign if sign.isprintable() else sign.encode("unicode_escape", "surrogatepass").decode()
+                   for sign in text)
+
+
+def print_report(options, report):
+    for finding in report.findings:
+        print(printable(f"{finding.about}: {finding.problem}: {finding.remedy}"))
+    for note in report.notes:
+        print(printable(f"note: {note}"))
+    if not report.findings:
+        packs = ", ".join(f"{name} {pack['version']}" + (" (signed)" if pack["signed"] else "")
+                          for name, pack in report.packs.items())
+        print(printable(f"{options.folder}: nothing wrong with {packs}"))
+
+
+def main(arguments):
+    options = parse_arguments(arguments)
+    try:
+        report = Folder(options.folder, options.reply, options.base_url, options.keyring).verify()
+    except OSError as error:
+        print(f"mkpack verify: {error.filename or options.folder}: {error.strerror}", file=sys.stderr)
+        return EXIT_FAILED
+    if options.json:
+        print(json.dumps({
+            "folder": options.folder,
+            "result": "faults" if report.findings else "well",
+            "packs": report.packs,
+            "findings": [vars(finding) for finding in report.findings],
+            "notes": report.notes,
+        }))
+    else:
+        print_report(options, report)
+    return EXIT_FAILED if report.findings else 0
