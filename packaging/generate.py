@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Writes packctl's man page and completions, and mkpack's man page, from what the programs themselves take.
+"""Writes packctl's man page and completions, and mkpack's man pages, from what the programs themselves take.
 
 usage: generate.py PACKCTL_DESCRIBE MKPACK FOLDER
 
 PACKCTL_DESCRIBE is the program tests/unit/tools/packctl_describe of a build, MKPACK the one in tools/. FOLDER, which is
-packaging/ itself, gets man/packctl.1, man/mkpack.1, completions/packctl.bash and completions/_packctl. They are kept in
-the tree, so that installing takes no program to be run; a test fails as soon as they differ from what this writes.
+packaging/ itself, gets man/packctl.1, man/mkpack.1, man/mkpack-verify.1, completions/packctl.bash and
+completions/_packctl. They are kept in the tree, so that installing takes no program to be run; a test fails as soon as they differ from what this writes.
 """
 
 import json
@@ -105,7 +105,7 @@ def block(rows):
         return page
     if any(row.endswith("\\") for row in rows):
         return verbatim(rows)
-    typed = [row for row in rows if re.match(r"openssl |pack_update_server=", row)]
+    typed = [row for row in rows if re.match(r"openssl |mkpack |pack_update_server=", row)]
     return [".PP", *(roff(row) for row in rows if row not in typed), *(verbatim(typed) if typed else [])]
 
 
@@ -113,29 +113,30 @@ def blocks(lines):
     return [line for rows in re.split(r"\n\s*\n", "\n".join(lines).strip("\n")) for line in block(rows.splitlines())]
 
 
-def mkpack_page(text):
-    """The page of the program whose help is `text`, as argparse lays it out."""
+def mkpack_page(command, summary, see_also, text):
+    """The page of the command whose help is `text`, as argparse lays it out."""
     usage, description, rest = text.split("\n\n", 2)
-    options, sections = rest.split("\n\n", 1)
+    sections = re.split(r"\n(?=\S)", rest)
+    taken = [section for section in sections if section.startswith(("positional arguments:", "options:"))]
     page = [
         f'.\\" {GENERATED}',
-        '.TH MKPACK 1 "" Orbamira "User Commands"',
+        f'.TH {command.upper().replace(" ", "-")} 1 "" Orbamira "User Commands"',
         ".SH NAME",
-        "mkpack \\- make a codec pack of a folder and publish it",
+        f"{roff(command.replace(' ', '-'))} \\- {summary}",
         ".SH SYNOPSIS",
-        ".B mkpack",
-        roff(" ".join(usage.split()[2:])),
+        f".B {command}",
+        roff(" ".join(usage.split()[1 + len(command.split()):])),
         ".SH DESCRIPTION",
         roff(description),
         ".SH OPTIONS",
     ]
-    for entry in re.split(r"\n(?=  -)", options)[1:]:
+    for entry in (entry for section in taken for entry in re.split(r"\n(?=  \S)", section.rstrip())[1:]):
         term, help_text = re.match(r"  (.+?)(?:  +|\n)(.*)", entry, flags=re.DOTALL).groups()
         page += [".TP", f"\\fB{roff(term)}\\fR", roff(" ".join(help_text.split()))]
-    for section in re.split(r"\n(?=\S)", sections):
+    for section in sections[len(taken):]:
         heading, *lines = section.splitlines()
         page += [f".SH {heading.upper()}", *blocks(lines)]
-    page += [".SH SEE ALSO", "\\fBpackctl\\fR(1)"]
+    page += [".SH SEE ALSO", ", ".join(f"\\fB{roff(page_name)}\\fR(1)" for page_name in see_also)]
     return "\n".join(page) + "\n"
 
 
@@ -227,7 +228,10 @@ def main(arguments):
     program = json.loads(run(describe))
     files = {
         "man/packctl.1": packctl_page(program),
-        "man/mkpack.1": mkpack_page(run(mkpack, "--help")),
+        "man/mkpack.1": mkpack_page("mkpack", "make a codec pack of a folder and publish it",
+                                    ("mkpack-verify", "packctl"), run(mkpack, "--help")),
+        "man/mkpack-verify.1": mkpack_page("mkpack verify", "verify a published folder", ("mkpack",),
+                                           run(mkpack, "verify", "--help")),
         "completions/packctl.bash": bash_completion(program),
         "completions/_packctl": zsh_completion(program),
     }

@@ -649,7 +649,8 @@ class MkpackUsageTest(MkpackTest):
         result = subprocess.run([MKPACK, "--help"], stdout=subprocess.PIPE, text=True, timeout=HANG, check=False)
         self.assertEqual(0, result.returncode)
         for text in (
-            *("--base-url URL", "--sign-key KEY", "exit status", "example", "SOURCE_DATE_EPOCH"),
+            *("--base-url URL", "--sign-key KEY", "exit status", "every day", "SOURCE_DATE_EPOCH"),
+            *("mkpack verify /srv/packs", "what goes wrong first"),
             *("1.0-rc1 is NEWER than 1.0", "versions of Python and zlib", "tells the time it was made"),
         ):
             self.assertIn(text, result.stdout)

@@ -28,7 +28,8 @@ GZIP_LEVEL = 9
 
 DESCRIPTION = """\
 Makes a codec pack of a folder and publishes it: writes the package file into the folder that a web server serves, and
-names it in the reply that appliances fetch when they look for updates.
+names it in the reply that appliances fetch when they look for updates. "mkpack verify" then reads the folder as an
+appliance would; see mkpack verify --help.
 """
 
 EPILOG = """\
@@ -67,12 +68,26 @@ versions
   missing part counts as 0. So 1.9 is older than 1.10, and 1.0 is the same as 1; but 1.0-rc1 is NEWER than 1.0, and who
   has it is not offered 1.0. Give what comes before 1.0 a lower number, as in 0.99.1.
 
-example
+every day
   mkpack --payload build/pack --output /srv/packs --name orbamira-hevc --version 1.2.0 \\
          --title "HEVC decoder" --base-url https://packs.example.com/packs
+  mkpack verify /srv/packs --base-url https://packs.example.com/packs
 
-  Serve /srv/packs at https://packs.example.com/packs, and set on the appliances, in /etc/orbamira/updater.conf:
+  Serve /srv/packs at https://packs.example.com/packs, with any web server; copy the packages there before the reply. Set
+  on the appliances, in /etc/orbamira/updater.conf:
   pack_update_server="https://packs.example.com/packs/reply.json"
+
+what goes wrong first
+  Appliances find nothing new: the version is not newer than theirs, see versions above; or a cache still gives the old
+  reply, where it should ask for it anew each time.
+
+  The download fails: the folder is not served at --base-url. Verify with that address, which compares the links, and
+  fetch one of them.
+
+  The install fails: the appliances have a keyring, and the package is not signed, or its signer has expired. Verify with
+  the keyring tells both.
+
+  Some appliances find nothing at all: those with AAC ask for orbamira-hevc-aac. Publish both packs, always.
 
 exit status
   0 published; 1 failed, nothing but perhaps the package file was published; 64 wrong usage
