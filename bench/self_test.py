@@ -67,6 +67,25 @@ def test_progress(build, folder):
     expect(found["recorded"]["200"]["first"] >= 0.2, "what a slow save costs")
 
 
+def test_fleet(build, folder):
+    found = run(build, folder, "fleet/run", "--runs", "1", "--checks", "4", "--processes", "1", "2", "--appliances", "3000")
+    check = found["bytes"]
+    expect(0 < check["request"] < check["to_server"] and 0 < check["answer"] < check["from_server"], "bytes of a check")
+    for row in found["load"].values():
+        expect(row["checks_per_second"] > 0 and row["nginx"] > 0, "figures of the load")
+        expect((row["request"], row["answer"]) == (check["request"], check["answer"]), "bytes in the server's log")
+    for place in ("time zones of the world", "one time zone"):
+        delayed, bare = (found["fleets"][f"{delay}, {place}"] for delay in ("random delay", "no random delay"))
+        expect(delayed["checks"]["peak_minute"] < bare["checks"]["peak_minute"] / 5, "what the delay is for")
+        for row in (delayed, bare):
+            checks, release = row["checks"], row["release"]
+            expect(checks["checks"] == 3000, "everyone checks once")
+            expect(0 < checks["mean"] < checks["peak_minute"] <= checks["peak_second"], "order of the rates")
+            expect(release["bytes"] == 3000 * 68_000_000 < release["bytes_without_resumes"], "bytes of a release")
+            expect(abs(release["mean_bits_per_second"] * 86_400 / 8 / release["bytes"] - 1) < 1e-6, "bytes over the day")
+            expect(release["mean_bits_per_second"] < release["peak_bits_per_second"], "peak of a release")
+
+
 def test_status(build, folder):
     report = folder / "status.json"
     subprocess.run([build.resolve() / "bench/status", "--folder", folder, f"--benchmark_out={report}",

@@ -1,9 +1,10 @@
-"""A plot of a few lines over logarithmic axes, as SVG."""
+"""A plot of a few lines as SVG: upwards over a logarithmic axis, across over one too or over the hours of a day."""
 
 import math
 
 _WIDTH, _HEIGHT = 640, 400
 _LEFT, _RIGHT, _TOP, _BOTTOM = 70, 20, 40, 55
+_MOST_MARKS = 20
 _COLOURS = ("#0b62a4", "#c2410c", "#15803d", "#7e22ce")
 
 
@@ -23,8 +24,21 @@ class _Axis:
         return [10.0 ** power for power in range(self.low, self.high + 1)]
 
 
+class Hours:
+    """The hours of a day, laid onto pixels."""
+
+    def __init__(self, _values, first, last):
+        self.first, self.last = first, last
+
+    def at(self, value):
+        return round(self.first + value / 24 * (self.last - self.first), 1)
+
+    def ticks(self):
+        return range(0, 25, 3)
+
+
 def _label(value):
-    return f"{value:,.0f}" if value >= 1 else f"{value:g}"
+    return f"{value:,.0f}" if value >= 1 or value == 0 else f"{value:g}"
 
 
 def _text(left, top, words, anchor="middle", colour="#333"):
@@ -36,9 +50,9 @@ def _line(points, colour, width):
     return f'<polyline points="{path}" fill="none" stroke="{colour}" stroke-width="{width}"/>'
 
 
-def svg(title, x_label, series):
+def svg(title, x_label, series, across=_Axis):
     """The document; `series` are names of lines (with their unit) and their points, all greater than 0."""
-    across = _Axis([x for points in series.values() for x, _ in points], _LEFT, _WIDTH - _RIGHT)
+    across = across([x for points in series.values() for x, _ in points], _LEFT, _WIDTH - _RIGHT)
     up = _Axis([y for points in series.values() for _, y in points], _HEIGHT - _BOTTOM, _TOP)
     parts = [f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {_WIDTH} {_HEIGHT}" font-family="sans-serif" '
              f'font-size="12"><rect width="{_WIDTH}" height="{_HEIGHT}" fill="white"/>',
@@ -53,6 +67,7 @@ def svg(title, x_label, series):
         colour = _COLOURS[number]
         places = [(across.at(x), up.at(y)) for x, y in points]
         parts.append(_line(places, colour, 2))
-        parts += [f'<circle cx="{left}" cy="{top}" r="3" fill="{colour}"/>' for left, top in places]
+        if len(places) <= _MOST_MARKS:
+            parts += [f'<circle cx="{left}" cy="{top}" r="3" fill="{colour}"/>' for left, top in places]
         parts.append(_text(_LEFT + 10, _TOP + 16 + 16 * number, name, "start", colour))
     return "\n".join([*parts, "</svg>"]) + "\n"

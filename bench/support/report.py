@@ -26,3 +26,10 @@ def milliseconds(seconds):
 def write_json(path, figures):
     if path:
         path.write_text(json.dumps(figures, indent=2) + "\n")
+
+
+def replace_section(page, name, text):
+    """Puts the text between the page's marks for this section."""
+    begin, end = f"<!-- {name}: begin -->\n", f"<!-- {name}: end -->"
+    head, rest = page.read_text().split(begin)
+    page.write_text(head + begin + text + end + rest.split(end, 1)[1])

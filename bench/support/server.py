@@ -1,5 +1,6 @@
 """nginx over a folder, on a free port of the loopback."""
 
+import pathlib
 import socket
 import subprocess
 import time
@@ -13,7 +14,8 @@ pid nginx.pid;
 error_log error.log;
 events {{}}
 http {{
-  access_log off;
+  log_format bytes '$status $request_length $bytes_sent';
+  access_log {log};
   sendfile on;
   client_body_temp_path tmp;
   proxy_temp_path tmp;
@@ -35,10 +37,12 @@ def _free_port():
 
 
 class Server:
-    """Serves the folder for as long as it is entered; `work` takes nginx's own files, `rate` bytes per second."""
+    """Serves the folder for as long as it is entered; `work` takes nginx's own files, `rate` bytes per second.
+    With `log`, what was answered can be asked for."""
 
-    def __init__(self, folder, work, rate=None):
+    def __init__(self, folder, work, rate=None, log=False):
         self.folder, self.work, self.rate = folder.resolve(), work.resolve(), rate
+        self.log_setting = "access.log bytes" if log else "off"
 
     def __enter__(self):
         self.work.mkdir(parents=True, exist_ok=True)
@@ -46,7 +50,8 @@ class Server:
         for _ in range(5):
             # Between here and nginx somebody else may take the port: then another is tried.
             port = _free_port()
-            (self.work / "nginx.conf").write_text(CONFIGURATION.format(port=port, folder=self.folder, limit=limit))
+            (self.work / "nginx.conf").write_text(CONFIGURATION.format(
+                port=port, folder=self.folder, limit=limit, log=self.log_setting))
             self.process = subprocess.Popen(["nginx", "-e", "error.log", "-p", str(self.work), "-c", "nginx.conf"],
                                             stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             self.url = f"http://127.0.0.1:{port}"
@@ -57,6 +62,15 @@ class Server:
 
     def __exit__(self, *_):
         self._stop()
+
+    def processor(self):
+        """Seconds of processor time that nginx, which is one thread here, has taken."""
+        return int(pathlib.Path(f"/proc/{self.process.pid}/schedstat").read_text().split()[0]) / 1e9
+
+    def log(self):
+        """Every request that was answered: its status, and the bytes of the request and of the answer."""
+        lines = (self.work / "access.log").read_text().splitlines()
+        return [dict(zip(("status", "request", "answer"), map(int, line.split()), strict=True)) for line in lines]
 
     def _answers(self):
         fetch = urllib.request.build_opener(urllib.request.ProxyHandler({})).open
