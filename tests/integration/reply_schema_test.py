@@ -126,6 +126,13 @@ class ReplySchemaTest(unittest.TestCase):
                 text = self.changed(values)
                 self.assertEqual((False, True), (self.is_valid(text), self.is_installed(text)))
 
+    def test_json_is_stricter_than_appliances(self):
+        for text in ("// a comment\n" + self.changed({}), self.changed({}) + "more"):
+            with self.subTest(text):
+                self.assertTrue(self.is_installed(text))
+                with self.assertRaises(self.reply.ReplyError):
+                    self.reply.parse(text.encode())
+
     def test_bound_is_that_of_appliances(self):
         text = self.changed({})
         for size, taken in ((self.reply.MAX_SIZE, True), (self.reply.MAX_SIZE + 1, False)):
