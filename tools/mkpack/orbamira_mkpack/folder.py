@@ -1,6 +1,5 @@
 """Verifies a published folder: what appliances would meet, and what only its publisher sees."""
 
-import dataclasses
 import errno
 import hashlib
 import os
@@ -8,25 +7,14 @@ import re
 import stat
 
 from orbamira_mkpack import archive, package, reply, rules, signature
-from orbamira_mkpack.reply import PUBLISH_AGAIN, Finding
+from orbamira_mkpack.reply import PUBLISH_AGAIN
+from orbamira_mkpack.report import Report
 
 REPLY_NAME = "reply.json"
 _WORK_PREFIX = ".mkpack."
 _PACKAGE_PATTERN = re.compile(
     rf"({'|'.join(rules.CODECS_OF_PACK)})-({rules.VERSION_PATTERN.pattern})-([0-9a-f]{{{rules.DIGITS_IN_NAME}}})\.opk"
 )
-
-
-@dataclasses.dataclass
-class Report:
-    """What was found: packs by name, what is wrong, and what is not wrong but worth knowing."""
-
-    packs: dict = dataclasses.field(default_factory=dict)
-    findings: list = dataclasses.field(default_factory=list)
-    notes: list = dataclasses.field(default_factory=list)
-
-    def found(self, about, problem, remedy):
-        self.findings.append(Finding(about, problem, remedy))
 
 
 class Folder:
@@ -48,7 +36,7 @@ class Folder:
         if members is not None:
             self._report.findings += reply.findings(members, self._base_url)
             self._report.notes += reply.notes(members)
-            wrong = {finding.about for finding in self._report.findings}
+            wrong = self._report.names_with_findings()
             for name in rules.CODECS_OF_PACK:
                 if name in members and name not in wrong:
                     self._verify_pack(name, members[name])

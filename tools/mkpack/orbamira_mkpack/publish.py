@@ -81,11 +81,11 @@ what goes wrong first
   Appliances find nothing new: the version is not newer than theirs, see versions above; or a cache still gives the old
   reply, where it should ask for it anew each time.
 
-  The download fails: the folder is not served at --base-url. Verify with that address, which compares the links, and
-  fetch one of them.
+  The download fails: the folder is not served at --base-url. mkpack verify --url asks the server itself, for the reply
+  and for each package.
 
-  The install fails: the appliances have a keyring, and the package is not signed, or its signer has expired. Verify with
-  the keyring tells both.
+  The install fails: the appliances have a keyring, and the package is not signed, or its signer has expired. Verifying
+  with --keyring tells both.
 
   Some appliances find nothing at all: those with AAC ask for orbamira-hevc-aac. Publish both packs, always.
 

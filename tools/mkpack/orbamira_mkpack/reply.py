@@ -1,27 +1,18 @@
 """Reads a reply as appliances do, and tells what of it they cannot use."""
 
-import dataclasses
 import json
 import os
 import re
 import urllib.parse
 
 from orbamira_mkpack import rules
+from orbamira_mkpack.report import Finding
 
 # What appliances read of a reply at most.
 MAX_SIZE = 1 << 20
 DIGEST_PATTERN = re.compile(r"[0-9A-Fa-f]{64}|[0-9A-Fa-f]{128}")
 
 PUBLISH_AGAIN = "publish the pack again"
-
-
-@dataclasses.dataclass(frozen=True)
-class Finding:
-    """Something wrong, and what to do about it. What it is about is a file's or a pack's name."""
-
-    about: str
-    problem: str
-    remedy: str
 
 
 class ReplyError(Exception):

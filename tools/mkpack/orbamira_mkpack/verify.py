@@ -1,5 +1,6 @@
 """The command line of mkpack verify."""
 
+import argparse
 import json
 import os
 import sys
@@ -7,10 +8,12 @@ import sys
 from orbamira_mkpack import rules
 from orbamira_mkpack.command_line import EXIT_FAILED, ArgumentParser, base_url
 from orbamira_mkpack.folder import Folder
+from orbamira_mkpack.served import Served
 
 DESCRIPTION = """\
 Verifies a published folder: reads the reply and every package that it names as an appliance would, and tells what an
-appliance, or the web server, would stumble over. It changes nothing and needs no network.
+appliance, or the web server, would stumble over. It changes nothing and needs no network. With --url it asks a web server
+instead, and tells how the reply and the packages are served.
 """
 
 EPILOG = """\
@@ -25,13 +28,18 @@ what is verified
 
   Reply, packages and folder may be read by everyone, and no package is a symbolic link that leads out of the folder.
 
+  With --url: the reply has status 200 behind an appliance's query, and is right as above; caches do not keep it for more
+  than a day. Each package is there, as long as the reply says and not compressed, with ranges, a validator and If-Range,
+  so that a cut download goes on. Packages are not fetched whole: verify the folder for what is in them.
+
 what is printed
   A line for each finding: what it is about, what is wrong, and what to do. Lines that begin with "note" tell what is
   not wrong but worth knowing: packages that the reply does not name, or no longer, and unfinished work. With --json,
-  one object with the members "folder", "result" ("well" or "faults"), "packs", "findings" and "notes".
+  one object with the members "folder" or "url", "result" ("well" or "faults"), "packs", "findings" and "notes".
 
 example
   mkpack verify /srv/packs --base-url https://packs.example.com/packs --keyring authority.pem
+  mkpack verify --url https://packs.example.com/packs/reply.json
 
 exit status
   0 nothing found; 1 findings; 64 wrong usage
@@ -40,12 +48,19 @@ exit status
 
 def parse_arguments(arguments):
     parser = ArgumentParser(prog="mkpack verify", description=DESCRIPTION, epilog=EPILOG)
-    parser.add_argument("folder", metavar="FOLDER", help="the folder that the web server serves")
+    parser.add_argument("folder", metavar="FOLDER", nargs="?", help="the folder that the web server serves")
+    parser.add_argument("--url", type=reply_url, help="the http(s) address of a reply, in place of a folder")
     parser.add_argument("--reply", metavar="FILE", help="the reply (default: reply.json in the folder)")
     parser.add_argument("--base-url", type=base_url, metavar="URL", help="the http(s) address that serves the folder")
     parser.add_argument("--keyring", metavar="FILE", help="the certificates that appliances trust (PEM)")
     parser.add_argument("--json", action="store_true", help="print one JSON object")
     options = parser.parse_args(arguments)
+    if (options.folder is None) == (options.url is None):
+        parser.error("one of FOLDER and --url is needed, and not both")
+    if options.url:
+        if options.reply or options.keyring:
+            parser.error("arguments --reply and --keyring: they go with FOLDER")
+        return options
     if not os.path.isdir(options.folder):
         parser.error(f"argument FOLDER: {options.folder} is not a folder")
     if options.keyring is not None:
@@ -56,6 +71,12 @@ def parse_arguments(arguments):
         except ValueError as error:
             parser.error(f"argument --keyring: {options.keyring}: {error}")
     return options
+
+
+def reply_url(text):
+    if rules.http_address(text) is None or set("?#") & set(text):
+        raise argparse.ArgumentTypeError(f"{text!r} is no http or https address")
+    return text
 
 
 def _check_keyring(path):
@@ -81,21 +102,24 @@ def print_report(options, report):
     for note in report.notes:
         print(printable(f"note: {note}"))
     if not report.findings:
-        packs = ", ".join(f"{name} {pack['version']}" + (" (signed)" if pack["signed"] else "")
+        packs = ", ".join(f"{name} {pack['version']}" + (" (signed)" if pack.get("signed") else "")
                           for name, pack in report.packs.items())
-        print(printable(f"{options.folder}: nothing wrong with {packs}"))
+        print(printable(f"{options.url or options.folder}: nothing wrong with {packs}"))
 
 
 def main(arguments):
     options = parse_arguments(arguments)
     try:
-        report = Folder(options.folder, options.reply, options.base_url, options.keyring).verify()
+        if options.url:
+            report = Served(options.url, options.base_url).verify()
+        else:
+            report = Folder(options.folder, options.reply, options.base_url, options.keyring).verify()
     except OSError as error:
         print(f"mkpack verify: {error.filename or options.folder}: {error.strerror}", file=sys.stderr)
         return EXIT_FAILED
     if options.json:
         print(json.dumps({
-            "folder": options.folder,
+            **({"url": options.url} if options.url else {"folder": options.folder}),
             "result": "faults" if report.findings else "well",
             "packs": report.packs,
             "findings": [vars(finding) for finding in report.findings],
