@@ -184,10 +184,11 @@ class HostingTest(unittest.TestCase):
         for server in (self.origin, self.start_cache()):
             self.publish(server.address, "1.0" if server is self.origin else "2.0")
             done = subprocess.run(
-                [self.source / "tools/mkpack/mkpack", "verify", "--json", "--url", server.address + "/packs/reply.json"],
+                [self.source / "tools/mkpack/mkpack", "verify", "--json",
+                 "--url", server.address + "/packs/reply.json"],
                 check=True, stdout=subprocess.PIPE, env={**os.environ, "no_proxy": "*"})
-            self.assertEqual(["orbamira-hevc-aac is not offered: appliances that ask for it find nothing new, and log a "
-                              "failed check"], json.loads(done.stdout)["notes"])
+            self.assertEqual(["orbamira-hevc-aac is not offered: appliances that ask for it find nothing new, and log "
+                              "a failed check"], json.loads(done.stdout)["notes"])
 
     def test_cache_asks_once_for_all_appliances(self):
         cache = self.start_cache()

@@ -2,145 +2,27 @@
 
 import gzip
 import hashlib
-import http.server
 import io
+import itertools
 import json
 import os
 import pathlib
 import random
 import resource
 import shutil
-import ssl
 import subprocess
 import sys
 import tarfile
-import tempfile
-import threading
+import tracemalloc
 import unittest
 import unittest.mock
 
 from authority import Authority
+from verify_test_case import AAC, BASE, HEVC, MKPACK, PublishedTest, VerifyTest, info_text, member, tar
 
-MKPACK = pathlib.Path(__file__).resolve().parents[3] / "tools/mkpack/mkpack"
 sys.path.insert(0, str(MKPACK.parent))
 sys.dont_write_bytecode = True
 from orbamira_mkpack import archive, package, rules  # noqa: E402  pylint: disable=wrong-import-position
-
-HEVC, AAC = "orbamira-hevc", "orbamira-hevc-aac"
-BASE = "https://packs.example.com/packs"
-
-# Far more than anything here takes; only a program that hangs meets it.
-HANG = 60
-
-
-def tar(members, mode="w"):
-    """An archive of members: pairs of a name, or a TarInfo, and bytes."""
-    out = io.BytesIO()
-    with tarfile.open(fileobj=out, mode=mode, format=tarfile.PAX_FORMAT) as made:
-        for member, content in members:
-            info = member if isinstance(member, tarfile.TarInfo) else tarfile.TarInfo(member)
-            if info.isreg():
-                info.size = len(content)
-            made.addfile(info, io.BytesIO(content))
-    return out.getvalue()
-
-
-def member(name, kind, target=""):
-    info = tarfile.TarInfo(name)
-    info.type, info.linkname = kind, target
-    return info, b""
-
-
-def info_text(name=HEVC, version="1.2"):
-    return f'package="{name}"\nversion="{version}"\n'.encode()
-
-
-class VerifyTest(unittest.TestCase):
-    def setUp(self):
-        os.umask(0o022)
-        self.top = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
-        self.folder = self.top / "packs"
-        self.reply = self.folder / "reply.json"
-        self.payload = self.top / "payload"
-        self.payload.mkdir()
-        (self.payload / "libdecoder.so.1").write_bytes(b"decoder")
-
-    def publish(self, name=HEVC, version="1.2", *options):
-        """Publishes a pack; returns the path of its package."""
-        done = subprocess.run(
-            [MKPACK, "--payload", self.payload, "--output", self.folder, "--name", name, "--version", version,
-             "--title", "Decoder", "--base-url", BASE, *options],
-            check=True, stdout=subprocess.PIPE, text=True, timeout=HANG)
-        return pathlib.Path(done.stdout.split("\n")[0].split(maxsplit=1)[1])
-
-    def publish_both(self, *options):
-        self.publish(AAC, "1.2", *options)
-        return self.publish(HEVC, "1.2", *options)
-
-    def verify(self, *options, preexec_fn=None):
-        """The object that is printed, which must agree with the exit status."""
-        done = subprocess.run([MKPACK, "verify", self.folder, "--json", *options], stdout=subprocess.PIPE,
-                              stderr=subprocess.PIPE, preexec_fn=preexec_fn, text=True, timeout=HANG, check=False)
-        self.assertEqual("", done.stderr)
-        report = json.loads(done.stdout)
-        self.assertEqual({"folder", "result", "packs", "findings", "notes"}, report.keys())
-        self.assertEqual((done.returncode, report["result"]), (1, "faults") if report["findings"] else (0, "well"))
-        return report
-
-    def assert_well(self, *options):
-        self.assertEqual([], self.verify(*options)["findings"])
-
-    def assert_finding(self, about, problem, *options, **more):
-        """There is this one finding; returns its remedy."""
-        found = self.verify(*options, **more)["findings"]
-        self.assertEqual([(about, problem)], [(each["about"], each["problem"]) for each in found])
-        return found[0]["remedy"]
-
-    def members(self):
-        return json.loads(self.reply.read_text())
-
-    def change(self, name=HEVC, **values):
-        """Changes members of the pack in the reply; None takes one out."""
-        reply = self.members()
-        reply[name].update(values)
-        reply[name] = {key: value for key, value in reply[name].items() if value is not None}
-        self.reply.write_text(json.dumps(reply))
-
-    def replace(self, content, name=HEVC):
-        """Publishes these bytes as the package, as somebody without mkpack may; returns the file's name."""
-        digest = hashlib.sha256(content).hexdigest()
-        path = self.folder / f"{name}-1.2-{digest[:12]}.opk"
-        path.write_bytes(content)
-        self.change(name, link=f"{BASE}/{path.name}", checksum=digest, size=len(content))
-        return path.name
-
-    def replace_payload(self, payload):
-        return self.replace(tar([("INFO", info_text()), ("package.tgz", payload)]))
-
-    def assert_refused(self, content, reason):
-        file = self.replace(content)
-        self.assert_finding(HEVC, f"appliances refuse {file}: {reason}")
-
-    def assert_payload_refused(self, members, reason):
-        content = members if isinstance(members, bytes) else tar([("has_hevc", b""), *members], "w:gz")
-        file = self.replace_payload(content)
-        self.assert_finding(HEVC, f"appliances refuse {file}: {reason}")
-
-
-class PublishedTest(VerifyTest):
-    """Begins with both packs published; each test has a copy of what was published once."""
-
-    @classmethod
-    def setUpClass(cls):
-        cls.published = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory())) / "packs"
-
-    def setUp(self):
-        super().setUp()
-        if not self.published.exists():
-            self.publish_both()
-            self.folder.rename(self.published)
-        shutil.copytree(self.published, self.folder)
-        self.file = self.folder / self.members()[HEVC]["link"].rpartition("/")[2]
 
 
 class VerifyWellTest(VerifyTest):
@@ -159,7 +41,7 @@ class VerifyWellTest(VerifyTest):
 
     def test_says_so_in_a_line(self):
         self.publish_both()
-        done = subprocess.run([MKPACK, "verify", self.folder], capture_output=True, text=True, timeout=HANG, check=False)
+        done = self.run_verify(self.folder)
         self.assertEqual((0, f"{self.folder}: nothing wrong with {HEVC} 1.2, {AAC} 1.2\n", ""),
                          (done.returncode, done.stdout, done.stderr))
 
@@ -296,8 +178,8 @@ class VerifyFileTest(PublishedTest):
         content[-1] ^= 1
         self.file.write_bytes(content)
         digest = hashlib.sha256(content).hexdigest()
-        self.assert_finding(HEVC, f"{self.file.name} has the SHA256 {digest} and {len(content)} bytes, which is not what "
-                            "the reply says")
+        self.assert_finding(HEVC, f"{self.file.name} has the SHA256 {digest} and {len(content)} bytes, which is not "
+                            "what the reply says")
 
     def test_that_was_cut(self):
         content = self.file.read_bytes()[:1000]
@@ -308,8 +190,8 @@ class VerifyFileTest(PublishedTest):
     def test_whose_sha512_is_another(self):
         self.change(checksum="0" * 128)
         digest = hashlib.sha512(self.file.read_bytes()).hexdigest()
-        self.assert_finding(HEVC, f"{self.file.name} has the SHA512 {digest} and {self.file.stat().st_size} bytes, which "
-                            "is not what the reply says")
+        self.assert_finding(HEVC, f"{self.file.name} has the SHA512 {digest} and {self.file.stat().st_size} bytes, "
+                            "which is not what the reply says")
 
     def test_whose_size_is_another(self):
         size = self.file.stat().st_size
@@ -389,7 +271,8 @@ class VerifyPackageTest(PublishedTest):
 
     def test_marker_that_is_no_file(self):
         file = self.replace_payload(tar([member("has_hevc", tarfile.DIRTYPE)], "w:gz"))
-        self.assert_finding(HEVC, f"the payload of {file} has no has_hevc, so appliances do not know that it brings hevc")
+        self.assert_finding(HEVC, f"the payload of {file} has no has_hevc, so appliances do not know that it brings "
+                            "hevc")
 
     def test_without_its_members(self):
         self.assert_refused(tar([("INFO", info_text())]), "there is no package.tgz in it")
@@ -480,7 +363,7 @@ class VerifyPackageTest(PublishedTest):
 
     def test_output_does_not_reach_the_terminal_raw(self):
         self.replace_payload(tar([("has_hevc", b""), ("\x1b[2J\n/..", b"")], "w:gz"))
-        done = subprocess.run([MKPACK, "verify", self.folder], capture_output=True, text=True, timeout=HANG, check=False)
+        done = self.run_verify(self.folder)
         self.assertEqual(1, done.returncode)
         self.assertIn("package.tgz: \\x1b[2J\\n/..: a name with", done.stdout)
         self.assertNotIn("\x1b", done.stdout)
@@ -500,6 +383,32 @@ class VerifyBoundsTest(unittest.TestCase):
         with unittest.mock.patch.object(archive, "MAX_ARCHIVE_SIZE", 10240):
             with self.assertRaisesRegex(archive.Refused, "^unpacks to more than 10240 bytes$"):
                 list(archive.members(archive.pieces_of(io.BytesIO(content))))
+
+    def assert_little_memory(self, pieces):
+        tracemalloc.start()
+        self.addCleanup(tracemalloc.stop)
+        for _ in archive.members(pieces):
+            pass
+        self.assertLess(tracemalloc.get_traced_memory()[1], 2 << 20)
+
+    def test_members_are_not_kept(self):
+        headers = (tarfile.TarInfo(f"file{number}").tobuf() for number in range(10_000))
+        self.assert_little_memory(itertools.chain(headers, [b"\0" * 1024]))
+
+    def test_global_headers_are_not_kept(self):
+        def pieces():
+            for number in range(300):
+                text = f"key{number}=".encode().ljust(20_000, b"x") + b"\n"
+                yield tarfile.TarInfo.create_pax_global_header({f"key{number}": text.decode()})
+                yield tarfile.TarInfo(f"file{number}").tobuf()
+            yield b"\0" * 1024
+        self.assert_little_memory(pieces())
+
+    def test_negative_size_is_refused(self):
+        info = tarfile.TarInfo("f")
+        info.size = -1024
+        with self.assertRaisesRegex(archive.Refused, "^damaged member$"):
+            list(archive.members(iter([info.tobuf(tarfile.GNU_FORMAT), b"\0" * 1024])))
 
     def test_any_damage_is_told(self):
         """The reader ends with a Package or Refused, whatever bytes there are."""
@@ -648,8 +557,7 @@ class VerifySignatureTest(VerifyTest):
 
     def test_missing_openssl_is_told(self):
         file = self.publish_both(*self.sign("signer"))
-        report = subprocess.run([MKPACK, "verify", self.folder, *self.keyring], env={"PATH": str(self.top)},
-                                capture_output=True, text=True, timeout=HANG, check=False)
+        report = self.run_verify(self.folder, *self.keyring, env={"PATH": str(self.top)})
         self.assertEqual(1, report.returncode)
         self.assertIn(self.refused(file, "the signature cannot be checked without the program openssl"), report.stdout)
 
@@ -663,7 +571,8 @@ class VerifyNotesTest(VerifyTest):
     def test_pack_that_is_not_offered(self):
         self.publish()
         self.assertEqual(
-            [f"{AAC} is not offered: appliances that ask for it find nothing new, and log a failed check"], self.notes())
+            [f"{AAC} is not offered: appliances that ask for it find nothing new, and log a failed check"],
+            self.notes())
 
     def test_name_that_nobody_asks_for(self):
         self.publish_both()
@@ -687,7 +596,7 @@ class VerifyNotesTest(VerifyTest):
 
     def test_are_printed_as_notes(self):
         self.publish()
-        done = subprocess.run([MKPACK, "verify", self.folder], capture_output=True, text=True, timeout=HANG, check=False)
+        done = self.run_verify(self.folder)
         self.assertEqual(0, done.returncode)
         self.assertTrue(done.stdout.startswith(f"note: {AAC} is not offered"), done.stdout)
 
@@ -704,181 +613,9 @@ class VersionsTest(unittest.TestCase):
             self.assertFalse(rules.is_newer(left, right) or rules.is_newer(right, left))
 
 
-class Misbehaving(http.server.SimpleHTTPRequestHandler):
-    """Serves files with all that appliances need, but for what its server's `faults` say."""
-
-    protocol_version = "HTTP/1.1"
-
-    def log_message(self, *_):
-        pass
-
-    def do_HEAD(self):
-        self.send_error(405) if "no HEAD" in self.server.faults else self.answer(False)
-
-    def do_GET(self):
-        self.answer(True)
-
-    def answer(self, with_body):
-        faults = self.server.faults
-        path, _, query = self.path.partition("?")
-        file = self.server.folder / path.removeprefix("/packs/")
-        package = path.endswith(".opk")
-        if ("package away" in faults and package) or ("reply away" in faults and not package):
-            self.send_error(404)
-            return
-        if "redirect" in faults and package and "/moved/" not in path:
-            self.send_response(302)
-            self.send_header("Location", path.replace("/packs/", "/packs/moved/"))
-            self.send_header("Content-Length", "0")
-            self.end_headers()
-            return
-        body = (self.server.folder / file.name).read_bytes()
-        if "by query" in faults and not package:
-            body += b" " * (1 + query.count("mkpack-2"))
-        if "short" in faults and package:
-            body = body[:-1]
-        tag = self.headers.get("If-Range", '"tag"')
-        part = package and "Range" in self.headers and "no ranges" not in faults and (
-            tag == '"tag"' or "no If-Range" in faults)
-        self.send_response(206 if part else 200)
-        if part:
-            self.send_header("Content-Range", f"bytes 0-0/{len(body)}")
-            body = body[:1]
-        if "compressed" in faults and package:
-            self.send_header("Content-Encoding", "gzip")
-        if "no validator" not in faults:
-            self.send_header("ETag", 'W/"tag"' if "weak tag" in faults else '"tag"')
-        if "no Cache-Control" not in faults:
-            age = "31536000, immutable" if package else "100000" if "old" in faults else "300"
-            self.send_header("Cache-Control", f"public, max-age={age}")
-        self.send_header("Content-Type", "text/html" if "html" in faults else "application/json")
-        self.send_header("Content-Length", str(len(body)))
-        self.end_headers()
-        if with_body:
-            self.wfile.write(body)
-
-
-class VerifyServedTest(PublishedTest):
-    def setUp(self):
-        super().setUp()
-        self.server = self.enterContext(http.server.ThreadingHTTPServer(("127.0.0.1", 0), Misbehaving))
-        self.server.folder, self.server.faults = self.folder, ()
-        threading.Thread(target=self.server.serve_forever, daemon=True).start()
-        self.addCleanup(self.server.shutdown)
-        self.base = f"http://127.0.0.1:{self.server.server_address[1]}/packs"
-        self.reply.write_text(self.reply.read_text().replace(BASE, self.base))
-        self.link = f"{self.base}/{self.file.name}"
-
-    def ask(self, *faults, url=None, **environment):
-        self.server.faults = faults
-        url = url or self.base + "/reply.json"
-        done = subprocess.run([MKPACK, "verify", "--json", "--url", url], capture_output=True, text=True, timeout=HANG,
-                              env={**os.environ, "no_proxy": "*", **environment}, check=False)
-        self.assertEqual("", done.stderr)
-        report = json.loads(done.stdout)
-        self.assertEqual(done.returncode, 1 if report["findings"] else 0)
-        self.assertEqual(url, report["url"])
-        return report
-
-    def assert_served(self, fault, *problems):
-        """With this fault these are the findings, for each of both packs where they are about packages."""
-        found = self.ask(fault)["findings"]
-        self.assertEqual(sorted(problems), sorted({each["problem"] for each in found}))
-
-    def assert_packages(self, fault, problem):
-        links = [self.members()[name]["link"] for name in (HEVC, AAC)]
-        self.assert_served(fault, *(link + " " + problem for link in links))
-
-    def test_finds_nothing_where_all_is_right(self):
-        report = self.ask()
-        self.assertEqual(([], []), (report["findings"], report["notes"]))
-        self.assertEqual({"version": "1.2", "link": self.link}, report["packs"][HEVC])
-
-    def test_follows_redirects(self):
-        self.assertEqual([], self.ask("redirect")["findings"])
-
-    def test_redirect_to_what_is_not_protected(self):
-        class Redirecting(http.server.BaseHTTPRequestHandler):
-            def do_GET(handler):  # pylint: disable=no-self-argument
-                handler.send_response(302)
-                handler.send_header("Location", self.base + handler.path)
-                handler.end_headers()
-
-            def log_message(self, *_):
-                pass
-
-        certificate = Authority(self.top).issue("server", "ca", "subjectAltName=IP:127.0.0.1")
-        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        context.load_cert_chain(certificate, self.top / "server.key")
-        with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Redirecting) as server:
-            server.socket = context.wrap_socket(server.socket, server_side=True)
-            threading.Thread(target=server.serve_forever, daemon=True).start()
-            self.addCleanup(server.shutdown)
-            url = f"https://127.0.0.1:{server.server_address[1]}/reply.json"
-            found = self.ask(url=url, SSL_CERT_FILE=str(self.top / "ca.pem"))["findings"]
-            self.assertEqual(1, len(found), found)
-            self.assertRegex(found[0]["problem"], f"^{url} leads to {self.base}/reply.json.*, which is not protected$")
-            found = self.ask(url=url, SSL_CERT_FILE=str(self.top / "none.pem"))["findings"]
-            self.assertEqual(1, len(found), found)
-            self.assertIn("certificate verify failed", found[0]["problem"])
-
-    def test_reply_that_cannot_be_had(self):
-        self.assert_served("reply away", f"{self.base}/reply.json answers with status 404, so each check fails")
-        self.server.shutdown()
-        self.server.server_close()
-        found = self.ask()["findings"]
-        self.assertEqual(1, len(found))
-        self.assertIn("cannot be reached: ", found[0]["problem"])
-
-    def test_reply_that_no_appliance_takes(self):
-        self.reply.write_text("<html>")
-        self.assert_served("", "no appliance takes it, since it is not valid JSON: Expecting value: line 1 column 1 "
-                           "(char 0)")
-
-    def test_reply_that_caches_keep_too_long(self):
-        self.assert_served("old", "caches may keep it for 100000 seconds, so long nobody sees a release")
-
-    def test_reply_with_a_fault(self):
-        self.change(checksum=None)
-        self.assert_served("", "its checksum None is no SHA-256 or SHA-512, and without one no appliance installs it")
-
-    def test_packages_that_cannot_be_had(self):
-        self.assert_packages("package away", "answers with status 404")
-        self.change(link="http://127.0.0.1:1/x.opk")
-        found = self.ask()["findings"]
-        self.assertEqual([HEVC], [each["about"] for each in found])
-        self.assertIn("http://127.0.0.1:1/x.opk cannot be reached: ", found[0]["problem"])
-
-    def test_packages_of_another_size(self):
-        size = self.file.stat().st_size
-        self.assert_packages("short", f"has {size - 1} bytes, and the reply says {size}")
-
-    def test_packages_that_are_compressed(self):
-        self.assert_packages("compressed", "is compressed on the way")
-
-    def test_packages_that_cannot_be_resumed(self):
-        self.assert_packages("no ranges", "is given without ranges, so a cut download begins anew")
-        tag = "has neither a strong ETag nor Last-Modified, so a cut download begins anew"
-        self.assert_packages("no validator", tag)
-        self.assert_packages("weak tag", tag)
-        self.assert_packages("no If-Range",
-                             "is given in part although If-Range names another, so a download may become a mixture")
-
-    def test_notes(self):
-        self.assertEqual(["the reply depends on the query, so no cache can give it to all appliances"],
-                         self.ask("by query")["notes"])
-        self.assertEqual(["the reply has the type text/html, which is application/json by right"],
-                         self.ask("html")["notes"])
-        notes = self.ask("no Cache-Control")["notes"]
-        self.assertEqual("the reply has no Cache-Control: caches keep it for as long as they think fit", notes[0])
-        self.assertIn(f"{self.link} may be kept for ever: Cache-Control: public, max-age=31536000, immutable", notes)
-        self.assertIn(f"{self.link} answers HEAD with status 405: packctl doctor learns no size from it",
-                      self.ask("no HEAD")["notes"])
-
-
 class VerifyUsageTest(VerifyTest):
     def assert_usage(self, message, *arguments):
-        done = subprocess.run([MKPACK, "verify", *arguments], capture_output=True, text=True, timeout=HANG, check=False)
+        done = self.run_verify(*arguments)
         self.assertEqual((64, "", f"mkpack verify: {message}\nTry 'mkpack verify --help'.\n"),
                          (done.returncode, done.stdout, done.stderr))
 
@@ -898,7 +635,8 @@ class VerifyUsageTest(VerifyTest):
         self.assert_usage(f"argument --keyring: {keyring}: there is something other than certificates in it", *option)
 
     def test_address_must_be_one(self):
-        self.assert_usage("argument --base-url: 'x' is no http or https address of a folder", self.top, "--base-url", "x")
+        message = "argument --base-url: 'x' is no http or https address of a folder"
+        self.assert_usage(message, self.top, "--base-url", "x")
 
     def test_url_must_be_one_and_stands_by_itself(self):
         self.assert_usage("argument --url: 'x' is no http or https address", "--url", "x")
@@ -907,7 +645,7 @@ class VerifyUsageTest(VerifyTest):
             self.assert_usage("arguments --reply and --keyring: they go with FOLDER", "--url", BASE, option, "x")
 
     def test_help_teaches(self):
-        done = subprocess.run([MKPACK, "verify", "--help"], capture_output=True, text=True, timeout=HANG, check=False)
+        done = self.run_verify("--help")
         self.assertEqual(0, done.returncode)
         for text in ("--keyring FILE", "what is verified", "what is printed", "example", "exit status"):
             self.assertIn(text, done.stdout)
@@ -918,8 +656,7 @@ class VerifyUsageTest(VerifyTest):
         shutil.copytree(MKPACK.parent, copy)
         link = self.top / "mkpack"
         link.symlink_to("copy/mkpack")
-        done = subprocess.run([link, "verify", self.folder], cwd="/", capture_output=True, text=True, timeout=HANG,
-                              check=False)
+        done = subprocess.run([link, "verify", self.folder], cwd="/", capture_output=True, text=True, check=False)
         self.assertEqual((0, ""), (done.returncode, done.stderr))
         self.assertEqual([], list(copy.rglob("__pycache__")))
 

@@ -106,7 +106,8 @@ class Folder:
                 checksum.update(piece)
         if checksum.hexdigest() != member["checksum"].lower():
             self._report.found(name, f"{relative} has the {checksum.name.upper()} {checksum.hexdigest()} and {size} "
-                               "bytes, which is not what the reply says", "put the right file back, or " + PUBLISH_AGAIN)
+                               "bytes, which is not what the reply says",
+                               "put the right file back, or " + PUBLISH_AGAIN)
             return False
         if member.get("size", size) != size:
             self._report.found(name, f"{relative} has {size} bytes, and the reply says {member['size']}", PUBLISH_AGAIN)
@@ -122,7 +123,8 @@ class Folder:
         try:
             content = package.read(file)
         except archive.Refused as error:
-            self._report.found(name, f"appliances refuse {relative}: {error}", "make the package with mkpack, and publish it")
+            self._report.found(name, f"appliances refuse {relative}: {error}",
+                               "make the package with mkpack, and publish it")
             return
         self._report.packs[name]["signed"] = content.signed
         for key, value in (("package", name), ("version", member["version"])):
@@ -147,7 +149,7 @@ class Folder:
                 signature.check_signature(content, self._keyring)
         except archive.Refused as error:
             self._report.found(name, f"appliances with a keyring refuse {relative}: {error}",
-                               "sign the pack with a key whose certificate the keyring trusts now, and publish it again")
+                               "sign the pack with a key whose certificate the keyring trusts now, and publish it")
 
     def _compare_signatures(self):
         """With a keyring each unsigned package has been found already."""

@@ -71,7 +71,7 @@ class _Folder:
 
 
 def _parts(name):
-    """What stands between the slashes. Refuses names that lead out of the folder and those that only harm is made of."""
+    """What stands between the slashes. Refuses names that lead out of the folder and those that only do harm."""
     if not name or name.startswith("/"):
         raise Refused("not a relative name")
     if len(name.encode("utf-8", "surrogateescape")) > rules.MAX_NAME_SIZE:

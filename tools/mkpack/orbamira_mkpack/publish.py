@@ -73,8 +73,8 @@ every day
          --title "HEVC decoder" --base-url https://packs.example.com/packs
   mkpack verify /srv/packs --base-url https://packs.example.com/packs
 
-  Serve /srv/packs at https://packs.example.com/packs, with any web server; copy the packages there before the reply. Set
-  on the appliances, in /etc/orbamira/updater.conf:
+  Serve /srv/packs at https://packs.example.com/packs, with any web server; copy the packages there before the reply.
+  Set on the appliances, in /etc/orbamira/updater.conf:
   pack_update_server="https://packs.example.com/packs/reply.json"
 
 what goes wrong first

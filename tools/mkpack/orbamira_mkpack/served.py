@@ -88,7 +88,8 @@ class Served:
         try:
             return _ask(address, **question)
         except Unreachable as error:
-            self._report.found(about, f"{address} cannot be reached: {error}", "see that the server runs and is named right")
+            self._report.found(about, f"{address} cannot be reached: {error}",
+                               "see that the server runs and is named right")
             return None
 
     def _read_reply(self):
@@ -108,7 +109,8 @@ class Served:
         try:
             return reply.parse(first.body)
         except reply.ReplyError as error:
-            self._report.found("the reply", f"no appliance takes it, since {error}", "serve the reply that mkpack wrote")
+            self._report.found("the reply", f"no appliance takes it, since {error}",
+                               "serve the reply that mkpack wrote")
             return None
 
     def _verify_reply_headers(self, answer):
@@ -147,10 +149,12 @@ class Served:
         self._verify_size(name, link, member, answer)
         self._verify_resuming(name, link, answer)
         if "immutable" not in answer.headers.get("Cache-Control", ""):
-            self._report.notes.append(f"{link} may be kept for ever: Cache-Control: public, max-age=31536000, immutable")
+            self._report.notes.append(f"{link} may be kept for ever, and does not say so: Cache-Control: public, "
+                                      "max-age=31536000, immutable")
         head = self._ask(name, link, method="HEAD")
         if head and head.status != 200:
-            self._report.notes.append(f"{link} answers HEAD with status {head.status}: packctl doctor learns no size from it")
+            self._report.notes.append(f"{link} answers HEAD with status {head.status}: packctl doctor learns no size "
+                                      "from it")
 
     def _verify_size(self, name, link, member, answer):
         field = "Content-Range" if answer.status == 206 else "Content-Length"
@@ -166,8 +170,8 @@ class Served:
             self._report.found(name, f"{link} is given without ranges, so a cut download begins anew",
                                "switch ranges on for packages; " + _HOSTING)
         elif not answer.has_validator():
-            self._report.found(name, f"{link} has neither a strong ETag nor Last-Modified, so a cut download begins anew",
-                               "let the server give one; " + _HOSTING)
+            self._report.found(name, f"{link} has neither a strong ETag nor Last-Modified, so a cut download "
+                               "begins anew", "let the server give one; " + _HOSTING)
         else:
             other = self._ask(name, link, most=1, Range="bytes=0-0", If_Range=_OTHER_TAG)
             if other and other.status == 206:

@@ -33,7 +33,8 @@ def check_manifest(package):
 def _openssl(*arguments):
     """What openssl prints. Refuses with its words when it fails."""
     try:
-        done = subprocess.run(["openssl", "cms", *arguments], stdin=subprocess.DEVNULL, capture_output=True, check=False)
+        done = subprocess.run(["openssl", "cms", *arguments], stdin=subprocess.DEVNULL, capture_output=True,
+                              check=False)
     except FileNotFoundError:
         raise Refused("the signature cannot be checked without the program openssl") from None
     if done.returncode != 0:

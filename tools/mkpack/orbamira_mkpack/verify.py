@@ -12,8 +12,8 @@ from orbamira_mkpack.served import Served
 
 DESCRIPTION = """\
 Verifies a published folder: reads the reply and every package that it names as an appliance would, and tells what an
-appliance, or the web server, would stumble over. It changes nothing and needs no network. With --url it asks a web server
-instead, and tells how the reply and the packages are served.
+appliance, or the web server, would stumble over. It changes nothing and needs no network. With --url it asks a web
+server instead, and tells how the reply and the packages are served.
 """
 
 EPILOG = """\
@@ -28,9 +28,9 @@ what is verified
 
   Reply, packages and folder may be read by everyone, and no package is a symbolic link that leads out of the folder.
 
-  With --url: the reply has status 200 behind an appliance's query, and is right as above; caches do not keep it for more
-  than a day. Each package is there, as long as the reply says and not compressed, with ranges, a validator and If-Range,
-  so that a cut download goes on. Packages are not fetched whole: verify the folder for what is in them.
+  With --url: the reply has status 200 behind an appliance's query, and is right as above; caches do not keep it for
+  more than a day. Each package is there, as long as the reply says and not compressed, with ranges, a validator and
+  If-Range, so that a cut download goes on. Packages are not fetched whole: verify the folder for what is in them.
 
 what is printed
   A line for each finding: what it is about, what is wrong, and what to do. Lines that begin with "note" tell what is
