@@ -106,14 +106,30 @@ class VerifyTest(unittest.TestCase):
     def replace_payload(self, payload):
         return self.replace(tar([("INFO", info_text()), ("package.tgz", payload)]))
 
-    def assert_refused(self, content, reason):
+    def assert_refused(self, content, reason, by_appliances=True):
+        """The finding has this reason, and what an appliance runs does refuse it."""
         file = self.replace(content)
         self.assert_finding(HEVC, f"appliances refuse {file}: {reason}")
+        self.assertEqual(by_appliances, not self.unpacks(file))
 
     def assert_payload_refused(self, members, reason):
         content = members if isinstance(members, bytes) else tar([("has_hevc", b""), *members], "w:gz")
-        file = self.replace_payload(content)
-        self.assert_finding(HEVC, f"appliances refuse {file}: {reason}")
+        self.assert_refused(tar([("INFO", info_text()), ("package.tgz", content)]), reason)
+
+    def assert_taken(self):
+        """Nothing is found, and what an appliance runs takes the package."""
+        self.assert_well()
+        self.assertTrue(self.unpacks(self.members()[HEVC]["link"].rpartition("/")[2]))
+
+    def unpacks(self, file):
+        """Whether the programs that an appliance runs unpack the package."""
+        tools = pathlib.Path(os.environ["ORBA_TOOLS"])
+        with tempfile.TemporaryDirectory(dir=self.top) as folder:
+            return (all(subprocess.run([tools / program, "-xf", archive, "-C", folder], stderr=subprocess.DEVNULL,
+                                       env={"ORBAMIRA_ROOT": str(self.top)}, timeout=HANG, check=False).returncode == 0
+                        for program, archive in (("orba-archive", self.folder / file),
+                                                 ("orba-tar", pathlib.Path(folder) / "package.tgz")))
+                    and (pathlib.Path(folder) / "INFO").is_file())
 
 
 class PublishedTest(VerifyTest):

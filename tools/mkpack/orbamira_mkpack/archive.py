@@ -85,6 +85,18 @@ class _Source:
             raise Refused("truncated archive")
 
 
+def _check_names(info):
+    """Refuses names in an extended header that are not UTF-8 and do not say so."""
+    for key, text in (("path", info.name), ("linkpath", info.linkname)):
+        if key in info.pax_headers and info.pax_headers.get("hdrcharset") != "BINARY" and not _is_utf8(text):
+            raise Refused(f"{text}: a name that is not UTF-8")
+
+
+def _is_utf8(text):
+    """Whether the text, as tarfile has it, came from UTF-8."""
+    return not any("\ud800" <= sign <= "\udfff" for sign in text)
+
+
 def members(pieces):
     """Yields each member of the archive and its content, a file for those that have some, to be read at once.
 
@@ -106,6 +118,7 @@ def members(pieces):
                     raise Refused(f"more than {rules.MAX_MEMBERS} members")
                 if size > rules.MAX_CONTENT_SIZE:
                     raise Refused(f"{info.name}: unpacks to more than {rules.MAX_CONTENT_SIZE} bytes")
+                _check_names(info)
                 source.expect_content()
                 content = archive.extractfile(info) if info.isreg() else None
                 yield info, content

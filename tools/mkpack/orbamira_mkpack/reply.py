@@ -100,6 +100,16 @@ def findings(reply, base_url):
     return found
 
 
+def judge(reply, base_url, report):
+    """Tells the report of the reply by itself; yields the name and the member of each pack that is right so far."""
+    report.findings += findings(reply, base_url)
+    report.notes += notes(reply)
+    wrong = report.names_with_findings()
+    for name in rules.CODECS_OF_PACK:
+        if name in reply and name not in wrong:
+            yield name, reply[name]
+
+
 def notes(reply):
     """What a publisher may want to know of a reply that is not wrong."""
     for name in rules.CODECS_OF_PACK:

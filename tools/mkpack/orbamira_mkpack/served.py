@@ -75,12 +75,8 @@ class Served:
     def verify(self):
         members = self._read_reply()
         if members is not None:
-            self._report.findings += reply.findings(members, self._base_url)
-            self._report.notes += reply.notes(members)
-            wrong = self._report.names_with_findings()
-            for name in rules.CODECS_OF_PACK:
-                if name in members and name not in wrong:
-                    self._verify_pack(name, members[name])
+            for name, member in reply.judge(members, self._base_url, self._report):
+                self._verify_pack(name, member)
         return self._report
 
     def _ask(self, about, address, **question):
