@@ -10,15 +10,17 @@ import pathlib
 import random
 import resource
 import shutil
+import signal
 import subprocess
 import sys
 import tarfile
+import time
 import tracemalloc
 import unittest
 import unittest.mock
 
 from authority import Authority
-from verify_test_case import AAC, BASE, HEVC, MKPACK, PublishedTest, VerifyTest, info_text, member, tar
+from verify_test_case import AAC, BASE, HANG, HEVC, MKPACK, PublishedTest, VerifyTest, info_text, member, tar
 
 sys.path.insert(0, str(MKPACK.parent))
 sys.dont_write_bytecode = True
@@ -401,7 +403,7 @@ class VerifyBoundsTest(unittest.TestCase):
         self.assertLess(tracemalloc.get_traced_memory()[1], 2 << 20)
 
     def test_members_are_not_kept(self):
-        headers = (tarfile.TarInfo(f"file{number}").tobuf() for number in range(10_000))
+        headers = (tarfile.TarInfo(f"file{number}").tobuf() for number in range(5_000))
         self.assert_little_memory(itertools.chain(headers, [b"\0" * 1024]))
 
     def test_global_headers_are_not_kept(self):
@@ -563,6 +565,22 @@ class VerifySignatureTest(VerifyTest):
         self.sign("rsa", key=("-newkey", "rsa:1024"))
         file = self.resign("rsa", "sha256")
         self.assert_finding(HEVC, self.refused(file, "Verify error: EE certificate key too weak"), *self.keyring)
+
+    def test_stopped_run_leaves_nothing_behind(self):
+        self.publish_both(*self.sign("signer"))
+        temporary, programs = self.top / "temporary", self.top / "programs"
+        temporary.mkdir()
+        programs.mkdir()
+        (programs / "openssl").write_text("#!/bin/sh\nexec sleep 60\n")
+        (programs / "openssl").chmod(0o755)
+        environment = {"PATH": f"{programs}:{os.environ['PATH']}", "TMPDIR": str(temporary)}
+        with subprocess.Popen([MKPACK, "verify", self.folder, *self.keyring], env=environment) as process:
+            while not list(temporary.glob("mkpack-*/MANIFEST.sig")):
+                self.assertIsNone(process.poll())
+                time.sleep(0.01)
+            process.send_signal(signal.SIGTERM)
+            self.assertEqual(128 + signal.SIGTERM, process.wait(HANG))
+        self.assertEqual([], os.listdir(temporary))
 
     def test_missing_openssl_is_told(self):
         file = self.publish_both(*self.sign("signer"))

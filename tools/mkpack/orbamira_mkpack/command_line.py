@@ -1,6 +1,8 @@
 """What the command lines of publishing and of verifying have in common."""
 
 import argparse
+import signal
+import sys
 
 from orbamira_mkpack import rules
 
@@ -16,6 +18,12 @@ class ArgumentParser(argparse.ArgumentParser):
 
     def error(self, message):
         self.exit(EXIT_USAGE, f"{self.prog}: {message}\nTry '{self.prog} --help'.\n")
+
+
+def end_in_order():
+    """Lets a stopped run, too, take its unfinished files along."""
+    for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, lambda received, frame: sys.exit(128 + received))
 
 
 def base_url(text):

@@ -10,7 +10,6 @@ import json
 import os
 import re
 import shutil
-import signal
 import stat
 import subprocess
 import sys
@@ -19,7 +18,7 @@ import tempfile
 import urllib.parse
 
 from orbamira_mkpack import rules
-from orbamira_mkpack.command_line import EXIT_FAILED, ArgumentParser, base_url
+from orbamira_mkpack.command_line import EXIT_FAILED, ArgumentParser, base_url, end_in_order
 
 RESERVED_NAMES = {rules.INFO_NAME, rules.PAYLOAD_NAME, *map(rules.marker_of, rules.CODECS)}
 RESERVED_PREFIX = "MANIFEST"
@@ -416,9 +415,7 @@ def publish(path, name, member):
 
 def main(arguments):
     options = parse_arguments(arguments)
-    # So that a stopped run, too, takes its unfinished files along.
-    for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
-        signal.signal(number, lambda received, frame: sys.exit(128 + received))
+    end_in_order()
     try:
         # A reply that cannot be used is found before the work rather than after it.
         read_reply(options.reply)

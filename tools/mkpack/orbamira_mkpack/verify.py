@@ -6,7 +6,7 @@ import os
 import sys
 
 from orbamira_mkpack import rules
-from orbamira_mkpack.command_line import EXIT_FAILED, ArgumentParser, base_url
+from orbamira_mkpack.command_line import EXIT_FAILED, ArgumentParser, base_url, end_in_order
 from orbamira_mkpack.folder import Folder
 from orbamira_mkpack.served import Served
 
@@ -109,6 +109,7 @@ def print_report(options, report):
 
 def main(arguments):
     options = parse_arguments(arguments)
+    end_in_order()
     try:
         if options.url:
             report = Served(options.url, options.base_url).verify()
