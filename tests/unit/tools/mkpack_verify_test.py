@@ -232,9 +232,13 @@ class VerifyFileTest(PublishedTest):
         self.assert_finding(HEVC, f"{self.file.name} is not there")
 
     def test_that_is_no_regular_file(self):
-        self.file.unlink()
-        os.mkfifo(self.file)
-        self.assert_finding(HEVC, f"{self.file.name} is no regular file")
+        for make in (os.mkfifo, os.mkdir):
+            with self.subTest(make.__name__):
+                self.file.unlink()
+                make(self.file)
+                self.assert_finding(HEVC, f"{self.file.name} is no regular file")
+                self.file.rename(self.top / make.__name__)
+                self.file.touch()
 
 
 class VerifyPackageTest(PublishedTest):
@@ -615,6 +619,11 @@ class VerifyNotesTest(VerifyTest):
             [f"{older.name} is not in the reply: it may go when nobody fetches it any more",
              f"{newer.name} is newer than 1.2, which is offered: appliances that installed it stay with it"],
             self.notes())
+
+    def test_package_of_a_pack_with_a_fault_is_in_the_reply_all_the_same(self):
+        self.publish_both()
+        self.change(title=1)
+        self.assertEqual([], self.verify()["notes"])
 
     def test_unfinished_work(self):
         self.publish_both()

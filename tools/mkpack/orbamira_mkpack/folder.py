@@ -25,7 +25,7 @@ class Folder:
         self._reply_path = reply_path or os.path.join(path, REPLY_NAME)
         self._base_url = base_url
         self._keyring = keyring
-        self._named = set()  # packages that the reply names
+        self._named = set()  # packages that the reply names, right or wrong
         self._report = Report()
 
     def verify(self):
@@ -34,6 +34,7 @@ class Folder:
                                f"chmod 755 {self._path}")
         members = self._read_reply()
         if members is not None:
+            self._named = reply.named_paths(members, self._base_url)
             for name, member in reply.judge(members, self._base_url, self._report):
                 self._verify_pack(name, member)
             self._compare_signatures()
@@ -43,22 +44,22 @@ class Folder:
     def _open(self, path, about, missing):
         """Opens a regular file that the web server can read; None when there is none. `missing` is the remedy then."""
         try:
-            file = open(os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC), "rb")
+            descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC)
         except OSError as error:
             absent = error.errno in (errno.ENOENT, errno.ENOTDIR, errno.ELOOP)
             problem = "is not there" if absent else f"cannot be read: {error.strerror}"
             remedy = missing if absent else f"chmod 644 {path}"
             self._report.found(about, f"{os.path.basename(path)} {problem}", remedy)
             return None
-        mode = os.fstat(file.fileno()).st_mode
+        mode = os.fstat(descriptor).st_mode
         if not stat.S_ISREG(mode):
-            file.close()
+            os.close(descriptor)
             self._report.found(about, f"{os.path.basename(path)} is no regular file", missing)
             return None
         if not mode & stat.S_IROTH:
             self._report.found(about, f"only some may read {os.path.basename(path)}, so perhaps not the web server",
                                f"chmod 644 {path}")
-        return file
+        return open(descriptor, "rb")
 
     def _read_reply(self):
         file = self._open(self._reply_path, REPLY_NAME, "publish a pack here, or name the reply with --reply")
@@ -75,7 +76,6 @@ class Folder:
 
     def _verify_pack(self, name, member):
         relative = reply.path_of(member["link"], self._base_url)
-        self._named.add(relative)
         path = os.path.join(self._path, relative)
         top = os.path.realpath(self._path)
         if os.path.commonpath([top, os.path.realpath(path)]) != top:

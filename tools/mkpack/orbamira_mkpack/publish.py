@@ -59,7 +59,7 @@ signing
   program openssl, which must be installed; it asks at the terminal for the passphrase of a key that has one. The
   signature tells the time it was made, so a signed package is not the same, byte for byte, when it is made again. To
   check a signature by hand:
-  openssl cms -verify -binary -inform DER -in MANIFEST.sig -content MANIFEST -CAfile CA -purpose any
+  openssl cms -verify -binary -inform DER -in MANIFEST.sig -content MANIFEST -CAfile CA -no-CApath -purpose any
 
 versions
   Appliances install a pack when its version is newer than theirs. They split both versions at . - _ and + and compare

@@ -64,6 +64,12 @@ def path_of(link, base_url):
     return None if bad else path
 
 
+def named_paths(reply, base_url):
+    """The files that the links of packs stand for, as far as they stand for any."""
+    links = [member.get("link") for member in reply.values() if isinstance(member, dict)]
+    return {path_of(link, base_url) for link in links if isinstance(link, str) and rules.http_address(link)}
+
+
 def _member_findings(member, base_url):
     """Pairs of what is wrong with one member and what to do."""
     if not isinstance(member, dict):

@@ -8,7 +8,7 @@ import urllib.error
 import urllib.parse
 import urllib.request
 
-from orbamira_mkpack import reply, rules
+from orbamira_mkpack import reply
 from orbamira_mkpack.report import Report
 
 TIMEOUT = 30
