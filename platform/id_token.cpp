@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <utility>
 
 #include "platform/json_object.h"
 
@@ -51,30 +52,42 @@ std::vector<std::string> AudienceOf(const Json::Value& value) {
   return audience;
 }
 
-std::int64_t ExpiryOf(const Json::Value& value) {
+}  // namespace
+
+std::int64_t TimeOf(const Json::Value& value) {
   const double seconds = value.isNumeric() ? value.asDouble() : 0;
   return seconds > 0 && seconds < kLatest ? static_cast<std::int64_t>(seconds) : 0;
 }
-
-}  // namespace
 
 bool IdToken::IsFor(const std::string& client) const {
   return std::find(audience.begin(), audience.end(), client) != audience.end();
 }
 
-std::optional<IdToken> ParseIdToken(const std::string& text) {
+std::optional<JsonWebToken> ParseJsonWebToken(const std::string& text) {
   const std::size_t first = text.find('.');
   const std::size_t second = first == std::string::npos ? first : text.find('.', first + 1);
-  if (second == std::string::npos || !DecodeObject(text.substr(0, first)) ||
-      !DecodeBase64Url(text.substr(second + 1))) {
+  if (second == std::string::npos || !DecodeBase64Url(text.substr(second + 1))) {
     return std::nullopt;
   }
-  const std::optional<Json::Value> claims = DecodeObject(text.substr(first + 1, second - first - 1));
-  if (!claims) {
+  JsonWebToken token{
+      {}, {}, text.substr(0, first), text.substr(first + 1, second - first - 1), text.substr(second + 1)};
+  std::optional<Json::Value> header = DecodeObject(token.encoded_header);
+  std::optional<Json::Value> claims = DecodeObject(token.encoded_claims);
+  if (!header || !claims) {
     return std::nullopt;
   }
-  return IdToken{TextOf((*claims)["iss"]), TextOf((*claims)["sub"]), AudienceOf((*claims)["aud"]),
-                 ExpiryOf((*claims)["exp"])};
+  token.header = *std::move(header);
+  token.claims = *std::move(claims);
+  return token;
+}
+
+IdToken ReadClaims(const Json::Value& claims) {
+  return {TextOf(claims["iss"]), TextOf(claims["sub"]), AudienceOf(claims["aud"]), TimeOf(claims["exp"])};
+}
+
+std::optional<IdToken> ParseIdToken(const std::string& text) {
+  const std::optional<JsonWebToken> token = ParseJsonWebToken(text);
+  return token ? std::optional(ReadClaims(token->claims)) : std::nullopt;
 }
 
 }  // namespace orbazelo

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <json/value.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -7,8 +9,8 @@
 
 namespace orbazelo {
 
-/// What an identity token (a JSON Web Token) says. Its signature is not looked at: the token comes straight from the
-/// provider over a connection that proves who that is.
+/// What an identity token (a JSON Web Token) says. Its signature is not looked at here: a renewed token comes straight
+/// from the provider over a connection that proves who that is.
 struct IdToken {
   std::string issuer;                 ///< empty when missing
   std::string subject;                ///< empty when missing
@@ -20,5 +22,23 @@ struct IdToken {
 
 /// Reads a token; empty when the text is not a well-formed one.
 std::optional<IdToken> ParseIdToken(const std::string& text);
+
+/// The parts of a signed token (RFC 7519 and 7515), for whoever looks at its signature.
+struct JsonWebToken {
+  Json::Value header;  ///< an object
+  Json::Value claims;  ///< an object
+  std::string encoded_header;
+  std::string encoded_claims;
+  std::string encoded_signature;
+};
+
+/// Takes a token apart; empty when the text is not a well-formed one.
+std::optional<JsonWebToken> ParseJsonWebToken(const std::string& text);
+
+/// What the claims say.
+IdToken ReadClaims(const Json::Value& claims);
+
+/// The claim as seconds since 1970; 0 when it is missing, no number or no date that a token can mean.
+std::int64_t TimeOf(const Json::Value& value);
 
 }  // namespace orbazelo

@@ -3,9 +3,14 @@
 #include <cpr/cpr.h>
 #include <curl/curl.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "platform/json_object.h"
 #include "platform/orbazelo.h"
@@ -16,10 +21,15 @@ namespace {
 constexpr std::size_t kReplyLimit = std::size_t{1024} * 1024;
 constexpr std::size_t kQuoteLimit = 200;
 
+using Secrets = std::vector<std::string>;
+
 struct Reply {
   long status = 0;
   std::string body;
+  std::optional<std::int64_t> date;
 };
+
+constexpr long kOk = 200;
 
 struct UrlCleanup {
   void operator()(CURLU* url) const { curl_url_cleanup(url); }
@@ -77,75 +87,133 @@ Reply Ask(const std::string& url, const ProviderLimits& limits, const std::optio
     throw ZeloException("the provider cannot be asked: " + response.error.message);
   }
   reply.status = response.status_code;
+  if (const auto date = response.header.find("Date"); date != response.header.end()) {
+    const std::time_t seconds = curl_getdate(date->second.c_str(), nullptr);
+    reply.date = seconds >= 0 ? std::optional<std::int64_t>(seconds) : std::nullopt;
+  }
   return reply;
 }
 
-// A text of the provider's as it may stand in a message: printable, short and without the token that it was sent.
-std::string Quote(const Json::Value& value, const std::string& secret) {
+// A text of the provider's as it may stand in a message: printable, short and without what it was sent in secret.
+std::string Quote(const Json::Value& value, const Secrets& secrets) {
   std::string text = value.isString() ? value.asString() : "";
   std::erase_if(text, [](char c) { return c < ' ' || c > '~'; });
-  if (text.find(secret) != std::string::npos) {
-    return "";
-  }
-  return text.substr(0, kQuoteLimit);
+  const bool tells = std::any_of(secrets.begin(), secrets.end(),
+                                 [&](const std::string& secret) { return text.find(secret) != std::string::npos; });
+  return tells ? "" : text.substr(0, kQuoteLimit);
 }
 
-std::string FindTokenEndpoint(const std::string& issuer, const ProviderLimits& limits) {
-  if (!IsSafeAddress(issuer)) {
-    throw ZeloException("the issuer is neither https nor on this machine: " + issuer);
-  }
-  const std::string base = issuer.ends_with('/') ? issuer.substr(0, issuer.size() - 1) : issuer;
-  const Reply reply = Ask(base + "/.well-known/openid-configuration", limits, std::nullopt);
-  if (reply.status != 200) {
-    throw ZeloException("the provider answered " + std::to_string(reply.status) + " when asked for its configuration");
-  }
-  const std::optional<Json::Value> configuration = ParseJsonObject(reply.body);
-  if (!configuration) {
-    throw ZeloException("the provider's configuration is not a JSON object");
-  }
-  // Or one provider could speak for another.
-  if ((*configuration)["issuer"] != Json::Value(issuer)) {
-    throw ZeloException("the provider's configuration is of another issuer than " + issuer);
-  }
-  const Json::Value endpoint = (*configuration)["token_endpoint"];
-  if (!endpoint.isString() || !IsSafeAddress(endpoint.asString())) {
-    throw ZeloException("the provider's configuration has no token endpoint that is https or on this machine");
-  }
-  return endpoint.asString();
-}
-
-[[noreturn]] void ThrowRefusal(const Reply& reply, const std::string& refresh_token) {
-  std::string reason = "the provider refused to renew the token: status " + std::to_string(reply.status);
+[[noreturn]] void ThrowRefusal(const Reply& reply, const std::string& what, const Secrets& secrets) {
+  std::string reason = "the provider refused to " + what + ": status " + std::to_string(reply.status);
   if (const std::optional<Json::Value> details = ParseJsonObject(reply.body)) {
     for (const char* const member : {"error", "error_description"}) {
-      const std::string text = Quote((*details)[member], refresh_token);
+      const std::string text = Quote((*details)[member], secrets);
       reason += text.empty() ? "" : ", " + text;
     }
+    reason += (*details)["error"] == "invalid_grant" ? "; sign in again" : "";
   }
   throw ZeloException(reason);
 }
 
-}  // namespace
+std::string TextOf(const Json::Value& value) { return value.isString() ? value.asString() : ""; }
 
-RefreshedTokens RefreshTokens(const std::string& issuer, const std::string& client_id, const std::string& refresh_token,
-                              const ProviderLimits& limits) {
-  const std::string endpoint = FindTokenEndpoint(issuer, limits);
-  const Reply reply =
-      Ask(endpoint, limits,
-          cpr::Payload{{"grant_type", "refresh_token"}, {"refresh_token", refresh_token}, {"client_id", client_id}});
-  if (reply.status != 200) {
-    ThrowRefusal(reply, refresh_token);
+// What a token endpoint answers to the form; `what` it is asked to do and what of the form is secret are for the reason
+// of a refusal.
+IssuedTokens RequestTokens(const std::string& endpoint, const cpr::Payload& form, const ProviderLimits& limits,
+                           const std::string& what, const Secrets& secrets) {
+  const Reply reply = Ask(endpoint, limits, form);
+  if (reply.status != kOk) {
+    ThrowRefusal(reply, what, secrets);
   }
   const std::optional<Json::Value> tokens = ParseJsonObject(reply.body);
   if (!tokens) {
     throw ZeloException("the provider's answer is not a JSON object");
   }
-  const Json::Value rotated = tokens->get("refresh_token", "");
-  if (!rotated.isString()) {
+  const Json::Value refresh_token = tokens->get("refresh_token", "");
+  if (!refresh_token.isString()) {
     throw ZeloException("the provider's refresh token is not a text");
   }
-  const Json::Value id_token = tokens->get("id_token", "");
-  return {id_token.isString() ? id_token.asString() : "", rotated.asString()};
+  return {TextOf((*tokens)["id_token"]), refresh_token.asString(), TextOf((*tokens)["access_token"]), reply.date};
+}
+
+}  // namespace
+
+Json::Value DiscoverProvider(const std::string& issuer, const ProviderLimits& limits) {
+  if (!IsSafeAddress(issuer)) {
+    throw ZeloException("the issuer is neither https nor on this machine: " + issuer);
+  }
+  const std::string base = issuer.ends_with('/') ? issuer.substr(0, issuer.size() - 1) : issuer;
+  const Reply reply = Ask(base + "/.well-known/openid-configuration", limits, std::nullopt);
+  if (reply.status != kOk) {
+    throw ZeloException("the provider answered " + std::to_string(reply.status) + " when asked for its configuration");
+  }
+  std::optional<Json::Value> configuration = ParseJsonObject(reply.body);
+  if (!configuration) {
+    throw ZeloException("the provider's configuration is not a JSON object");
+  }
+  // Or one provider could speak for another.
+  const Json::Value& named = (*configuration)["issuer"];
+  if (named != Json::Value(issuer)) {
+    const std::string name = Quote(named, {});
+    throw ZeloException("the provider's configuration is of another issuer than " + issuer +
+                        (name.empty() ? "" : ": " + name));
+  }
+  return *std::move(configuration);
+}
+
+std::string EndpointOf(const Json::Value& configuration, const std::string& name) {
+  const std::string address = TextOf(configuration[name]);
+  if (!IsSafeAddress(address)) {
+    throw ZeloException("the provider's configuration has no " + name + " that is https or on this machine");
+  }
+  return address;
+}
+
+IssuedTokens ExchangeCode(const std::string& token_endpoint, const CodeGrant& grant, const ProviderLimits& limits) {
+  return RequestTokens(token_endpoint,
+                       cpr::Payload{{"grant_type", "authorization_code"},
+                                    {"code", grant.code},
+                                    {"redirect_uri", grant.redirect_uri},
+                                    {"client_id", grant.client_id},
+                                    {"code_verifier", grant.code_verifier}},
+                       limits, "give tokens for the sign-in", {grant.code, grant.code_verifier});
+}
+
+IssuedTokens RefreshTokens(const std::string& issuer, const std::string& client_id, const std::string& refresh_token,
+                           const ProviderLimits& limits) {
+  const std::string endpoint = EndpointOf(DiscoverProvider(issuer, limits), "token_endpoint");
+  return RequestTokens(
+      endpoint,
+      cpr::Payload{{"grant_type", "refresh_token"}, {"refresh_token", refresh_token}, {"client_id", client_id}}, limits,
+      "renew the token", {refresh_token});
+}
+
+void RevokeToken(const std::string& revocation_endpoint, const std::string& client_id, const std::string& refresh_token,
+                 const ProviderLimits& limits) {
+  const Reply reply =
+      Ask(revocation_endpoint, limits,
+          cpr::Payload{{"token", refresh_token}, {"token_type_hint", "refresh_token"}, {"client_id", client_id}});
+  if (reply.status != kOk) {
+    ThrowRefusal(reply, "revoke the token", {refresh_token});
+  }
+}
+
+std::string FetchKeys(const std::string& jwks_uri, const ProviderLimits& limits) {
+  Reply reply = Ask(jwks_uri, limits, std::nullopt);
+  if (reply.status != kOk) {
+    throw ZeloException("the provider answered " + std::to_string(reply.status) + " when asked for its keys");
+  }
+  return std::move(reply.body);
+}
+
+std::string ClockFault(std::int64_t now, std::optional<std::int64_t> provider) {
+  constexpr std::int64_t kUsual = 5LL * 60;
+  const std::int64_t difference = now - provider.value_or(now);
+  if (std::abs(difference) < kUsual) {
+    return "";
+  }
+  return "this machine's clock is " + std::to_string(std::abs(difference) / 60) + " minutes " +
+         (difference > 0 ? "ahead of" : "behind") + " the provider's";
 }
 
 }  // namespace orbazelo

@@ -9,7 +9,9 @@
 /// 1.0) that proves it. The account lies in orbamira::path::kAccountFile, a JSON object of mode 0600:
 ///
 ///     {"user_id": "...", "issuer": "https://...",
-///      "clients": {"<client name>": {"id_token": "...", "refresh_token": "..."}}}
+///      "clients": {"<client name>": {"id_token": "...", "refresh_token": "...", "client_id": "..."}}}
+///
+/// where client_id is what the provider calls the client, when that is not its name.
 namespace orbazelo {
 
 /// Why the account service could not answer; what() gives the reason and never a token.

@@ -26,7 +26,7 @@ class RefreshTokensTest : public testing::Test {
  protected:
   RefreshTokensTest() { provider_.token_response["id_token"] = "new-id"; }
 
-  RefreshedTokens Refresh() { return RefreshTokens(provider_.issuer(), "client", "old-refresh"); }
+  IssuedTokens Refresh() { return RefreshTokens(provider_.issuer(), "client", "old-refresh"); }
 
   std::string FailureOf(const std::string& issuer, const ProviderLimits& limits = {}) {
     try {
@@ -86,8 +86,12 @@ TEST_F(RefreshTokensTest, RefreshTokensTakesTheLoopbackByAnyName) {
 }
 
 TEST_F(RefreshTokensTest, RefreshTokensRefusesTheConfigurationOfAnotherIssuer) {
-  for (const Json::Value& issuer : {Json::Value("https://other.example"), Json::Value(provider_.issuer() + "/"),
-                                    Json::Value(), Json::Value(7), Json::Value(Json::objectValue)}) {
+  for (const Json::Value& issuer : {Json::Value("https://other.example"), Json::Value(provider_.issuer() + "/")}) {
+    provider_.configuration["issuer"] = issuer;
+    EXPECT_EQ(Failure(),
+              "the provider's configuration is of another issuer than " + provider_.issuer() + ": " + issuer.asString());
+  }
+  for (const Json::Value& issuer : {Json::Value(), Json::Value(7), Json::Value(Json::objectValue)}) {
     provider_.configuration["issuer"] = issuer;
     EXPECT_EQ(Failure(), "the provider's configuration is of another issuer than " + provider_.issuer());
   }
@@ -98,7 +102,7 @@ TEST_F(RefreshTokensTest, RefreshTokensRefusesATokenEndpointThatIsNotSafe) {
   for (const Json::Value& endpoint :
        {Json::Value("http://other.example/token"), Json::Value("/token"), Json::Value(), Json::Value(7)}) {
     provider_.configuration["token_endpoint"] = endpoint;
-    EXPECT_EQ(Failure(), "the provider's configuration has no token endpoint that is https or on this machine");
+    EXPECT_EQ(Failure(), "the provider's configuration has no token_endpoint that is https or on this machine");
   }
 }
 
@@ -149,7 +153,7 @@ TEST_F(RefreshTokensTest, RefreshTokensQuotesTheProvidersReason) {
     return HttpResponse{.status = 400,
                         .body = R"({"error":"invalid_grant","error_description":"Token was\n revoked"})"};
   };
-  EXPECT_EQ(Failure(), "the provider refused to renew the token: status 400, invalid_grant, Token was revoked");
+  EXPECT_EQ(Failure(), "the provider refused to renew the token: status 400, invalid_grant, Token was revoked; sign in again");
 }
 
 TEST_F(RefreshTokensTest, RefreshTokensNeverQuotesTheToken) {

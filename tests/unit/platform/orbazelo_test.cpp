@@ -332,7 +332,7 @@ TEST_F(PackagePkceClientTest, GetIdTokenRefusesAnIssuerThatIsNotSafe) {
 TEST_F(PackagePkceClientTest, GetIdTokenReportsARevokedToken) {
   provider_.token_answer = [] { return HttpResponse{.status = 400, .body = R"({"error":"invalid_grant"})"}; };
   const std::string before = ReadFile(path::kAccountFile);
-  EXPECT_EQ(Failure(), "the provider refused to renew the token: status 400, invalid_grant");
+  EXPECT_EQ(Failure(), "the provider refused to renew the token: status 400, invalid_grant; sign in again");
   EXPECT_EQ(ReadFile(path::kAccountFile), before);
 }
 

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+
+// The account file of platform/orbazelo.h, as its readers and writers share it. Not installed. A reader needs no lock:
+// the file is only ever replaced whole. Who writes holds orbamira::path::kAccountLock from reading to writing.
+namespace orbazelo {
+
+/// The account; an empty object when none is registered. Throws ZeloException when there is an account file but it
+/// cannot be read, is open to others or is malformed.
+[[nodiscard]] Json::Value ReadAccount();
+
+/// Replaces the account file, mode 0600. Durable when it returns; throws ZeloException when that fails.
+void WriteAccount(const Json::Value& account);
+
+/// Removes the account file. Durable when it returns; throws ZeloException when that fails.
+void RemoveAccount();
+
+/// A member of the account or of a part of it; empty when it is missing. Throw ZeloException when it is something else.
+[[nodiscard]] std::string TextMember(const Json::Value& object, const std::string& name);
+[[nodiscard]] Json::Value ObjectMember(const Json::Value& object, const std::string& name);
+
+/// What the account holds for one client.
+struct ClientTokens {
+  std::string client_id = {};      ///< what the provider calls the client
+  std::string id_token = {};       ///< as it was sent
+  std::string refresh_token = {};  ///< empty when there is none
+};
+
+/// The tokens of the client of this name. Throws ZeloException when no account is signed in or it has none for it.
+[[nodiscard]] ClientTokens TokensOf(const Json::Value& account, const std::string& client);
+
+}  // namespace orbazelo
