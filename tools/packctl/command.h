@@ -31,11 +31,21 @@ struct Outcome {
   std::optional<PackIdentity> offer = {};  ///< the pack that was found or fetched and now waits
 };
 
+/// What the user asked of a sign-in.
+struct SignInOptions {
+  std::string issuer = {};
+  std::string client_id = {};  ///< what the provider calls this client; empty: the client's own name
+  int port = 0;                ///< where the provider's answer is taken; 0: a free one
+  int timeout = 300;           ///< seconds to wait for it
+  bool replace = false;        ///< whatever account there is
+};
+
 /// What the user asked of a command.
 struct Options {
   bool json = false;                      ///< the answer will be JSON: nothing else is shown in between
   bool watch = false;                     ///< status: go on until interrupted
   std::optional<std::size_t> limit = {};  ///< history: only so many entries
+  SignInOptions sign_in = {};
 };
 
 /// What a command may use besides the library.
@@ -53,6 +63,11 @@ Outcome ShowHistory(Context& context);
 
 /// Looks for what is wrong with the machine and says what to do about it. Changes nothing, makes nothing.
 Outcome Doctor(Context& context);
+
+/// The signed-in account. Signing in and out change the account file and nothing else; they may run beside anything.
+Outcome SignIn(Context& context);
+Outcome SignOut(Context& context);
+Outcome AccountStatus(Context& context);
 
 /// Asks the plugins who they are. The library's answer file allows one at a time, so it excludes the changing commands.
 Outcome Plugins(Context& context);

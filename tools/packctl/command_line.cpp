@@ -59,6 +59,24 @@ constexpr std::array kCommands = {
     Command{"plugins", Plugins, Effect::kExclusive, "List the plugins that are told of installs",
             "Prints one application id a line; with --json: the list app_ids."},
     Command{
+        "account sign-in", SignIn, Effect::kNone, "Sign this appliance in to an account",
+        "Prints an address to open in a browser, on this machine or, through ssh, on another (ssh -L with the port\n"
+        "of --port), and waits for the answer of the OpenID Connect provider. Its tokens are kept in\n"
+        "/etc/orbamira/account.json, which only root reads, and are never shown. Run it as root.\n"
+        "With --json: first result (waiting) and address, in the end result (signed_in), user_id, issuer,\n"
+        "expires (seconds since the epoch) and renewable.\n"
+        "Example: packctl account sign-in --issuer https://accounts.example.com"},
+    Command{"account sign-out", SignOut, Effect::kNone, "Sign this appliance out",
+            "Has the provider revoke the refresh token, where it offers that, and removes the account and its tokens\n"
+            "from this machine, also when the provider does not answer.\n"
+            "Exit status 2: nobody is signed in.\n"
+            "With --json: result and revoked."},
+    Command{"account status", AccountStatus, Effect::kNone, "Show who is signed in",
+            "Shows the user, the issuer, and until when the identity token is valid; never a token.\n"
+            "Exit status 2: nobody is signed in.\n"
+            "With --json: result (signed_in), user_id, issuer, client_id, valid, expires (seconds since the epoch;\n"
+            "null without a token) and renewable; or result (signed_out) alone."},
+    Command{
         "recover", RunRecovery, Effect::kChange, "Clear what an interrupted update left behind",
         "Brings the previous pack back where a new one did not get into place, removes temporary files and folders,\n"
         "and turns a status that says work is under way into its failed form. Run at boot, before anything else\n"
@@ -79,6 +97,43 @@ constexpr const char* kFooter =
 
 constexpr const char* kJsonHelp = "Print one JSON object instead of text";
 
+constexpr const char* kAccount = "account";
+constexpr const char* kAccountSummary = "Sign in to an account, sign out, show who is signed in";
+
+// The name of a command that belongs to the group begins with the group's.
+bool IsOfAccount(std::string_view name) { return name.starts_with(std::string(kAccount) + ' '); }
+
+std::string OwnName(std::string_view name) { return std::string(name.substr(name.find(' ') + 1)); }
+
+CLI::App* AddCommand(CLI::App& app, const Command& command) {
+  if (!IsOfAccount(command.name)) {
+    return app.add_subcommand(command.name, command.summary);
+  }
+  const auto groups = app.get_subcommands([](const CLI::App* present) { return present->get_name() == kAccount; });
+  CLI::App* const group = groups.empty() ? app.add_subcommand(kAccount, kAccountSummary) : groups.front();
+  return group->add_subcommand(OwnName(command.name), command.summary);
+}
+
+CLI::App* FindCommand(CLI::App& app, const Command& command) {
+  return IsOfAccount(command.name) ? app.get_subcommand(kAccount)->get_subcommand(OwnName(command.name))
+                                   : app.get_subcommand(command.name);
+}
+
+CLI::Validator NumberBetween(int least, int most) { return CLI::Range(least, most).description(""); }
+
+void AddSignInOptions(CLI::App& command, SignInOptions& options) {
+  command.add_option("--issuer", options.issuer, "The provider, as it names itself")->type_name("URL")->required();
+  command.add_option("--client-id", options.client_id, "What the provider calls this client, if not orbamira-updater")
+      ->type_name("ID");
+  command.add_option("--port", options.port, "Take the answer at this port of 127.0.0.1, not at any free one")
+      ->type_name("N")
+      ->check(NumberBetween(1, 65535));
+  command.add_option("--timeout", options.timeout, "Wait so long for the answer, 300 seconds if not told")
+      ->type_name("SECONDS")
+      ->check(NumberBetween(1, 24 * 60 * 60));
+  command.add_flag("--replace", options.replace, "Give up the account that is signed in now");
+}
+
 // The parser, which writes what it finds into `options`.
 std::unique_ptr<CLI::App> MakeApp(Options& options) {
   auto app = std::make_unique<CLI::App>("Keeps the media codec pack up to date.", "packctl");
@@ -87,7 +142,7 @@ std::unique_ptr<CLI::App> MakeApp(Options& options) {
   app->add_flag("--json", options.json, kJsonHelp);
   app->footer(kFooter);
   for (const Command& command : kCommands) {
-    CLI::App* const subcommand = app->add_subcommand(command.name, command.summary);
+    CLI::App* const subcommand = AddCommand(*app, command);
     subcommand->add_flag("--json", options.json, kJsonHelp);
     subcommand->footer(command.details);
   }
@@ -96,6 +151,7 @@ std::unique_ptr<CLI::App> MakeApp(Options& options) {
       ->add_option("--limit", options.limit, "Show only the newest N entries")
       ->type_name("N")
       ->check(CLI::Validator(CLI::NonNegativeNumber).description(""));
+  AddSignInOptions(*app->get_subcommand(kAccount)->get_subcommand("sign-in"), options.sign_in);
   return app;
 }
 
@@ -132,10 +188,11 @@ ParsedLine ParseCommandLine(int argc, const char* const* argv) {
     return {.exit = code == 0 ? kExitDone : kExitUsage};
   }
   for (const Command& command : kCommands) {
-    if (app->got_subcommand(command.name)) {
+    if (FindCommand(*app, command)->parsed()) {
       return {.invocation = Invocation{&command, options}};
     }
   }
+  std::cerr << app->help();  // of the group, which was named alone
   return {.exit = kExitUsage};
 }
 
@@ -152,7 +209,7 @@ Json::Value DescribeCommandLine() {
     entry["name"] = command.name;
     entry["summary"] = command.summary;
     entry["details"] = command.details;
-    entry["options"] = DescribeOptions(*app->get_subcommand(command.name));
+    entry["options"] = DescribeOptions(*FindCommand(*app, command));
     described["commands"].append(entry);
   }
   return described;
