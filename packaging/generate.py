@@ -21,6 +21,7 @@ GENERATED = "Made by packaging/generate.py: change what it is made from."
 PACKCTL_FILES = (
     ("/etc/orbamira/updater.conf", "The machine's settings (KEY=VALUE), which win over those of the maker in "
      "/usr/share/orbamira/updater.conf: pack_update_server, plugin_time_limit and unpack_limit."),
+    ("/etc/orbamira/account.json", "The account that is signed in, and its tokens; for root alone."),
     ("/etc/orbamira/keyring.pem", "The certificates that packages must be signed by. Where there is none, unsigned "
      "packages are accepted."),
     ("/usr/lib/orbamira/plugins", "The programs that are told of installs."),
@@ -79,7 +80,7 @@ def packctl_page(program):
     for command in program["commands"]:
         own = [option for option in command["options"] if option["names"][-1] not in ("--help", "--json")]
         takes = "".join(f" [{option_term(option)}]" for option in own)
-        page += [".SS", f"\\fB{command['name']}\\fR{takes}", roff(command["summary"]) + "."]
+        page += [".SS", f"\\fB{roff(command['name'])}\\fR{takes}", roff(command["summary"]) + "."]
         page += [line for text in paragraphs(command["details"]) for line in (".PP", roff(text))]
         page += option_entries(own)
     page.append(".SH EXIT STATUS")
@@ -145,9 +146,23 @@ def names(options):
     return [name for option in options for name in option["names"]]
 
 
+def groups(program):
+    """The commands as they follow each other on the line: (first word, its commands); a command with no second word is
+    a group of itself."""
+    grouped = {}
+    for command in program["commands"]:
+        grouped.setdefault(command["name"].split()[0], []).append(command)
+    return grouped.items()
+
+
+def second_words(commands):
+    return [command["name"].split()[1] for command in commands if " " in command["name"]]
+
+
 def bash_completion(program):
     takes_value = [name for options in [program["options"], *(c["options"] for c in program["commands"])]
                    for option in options if option["value"] for name in option["names"]]
+    families = [group for group, commands in groups(program) if second_words(commands)]
     lines = [
         "# shellcheck shell=bash",
         f"# Completes the command line of packctl. {GENERATED}",
@@ -157,16 +172,22 @@ def bash_completion(program):
         "  COMPREPLY=()",
         '  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do',
         "    case $word in",
-        "      -*) ;;",
-        '      *) command=$word && break ;;',
+        "      -*) continue ;;",
+        "    esac",
+        "    command+=${command:+ }$word",
+        "    case $command in",
+        f"      {' | '.join(families)}) ;;",
+        "      *) break ;;",
         "    esac",
         "  done",
         '  case ${COMP_WORDS[COMP_CWORD - 1]} in',
         f"    {' | '.join(sorted(set(takes_value)))}) return ;;",
         "  esac",
         "  case $command in",
-        f"    '') words='{' '.join([c['name'] for c in program['commands']] + names(program['options']))}' ;;",
-        *(f"    {c['name']}) words='{' '.join(names(c['options']))}' ;;" for c in program["commands"]),
+        f"    '') words='{' '.join([group for group, _ in groups(program)] + names(program['options']))}' ;;",
+        *(f"    {group}) words='{' '.join(second_words(commands) + ['-h', '--help'])}' ;;"
+          for group, commands in groups(program) if second_words(commands)),
+        *(f"    {quoted(c['name'])}) words='{' '.join(names(c['options']))}' ;;" for c in program["commands"]),
         "    *) return ;;",
         "  esac",
         '  mapfile -t COMPREPLY < <(compgen -W "$words" -- "${COMP_WORDS[COMP_CWORD]}")',
@@ -174,6 +195,10 @@ def bash_completion(program):
         "complete -F _packctl packctl",
     ]
     return "\n".join(lines) + "\n"
+
+
+def quoted(name):
+    return f"'{name}'" if " " in name else name
 
 
 def zsh_text(text):
@@ -189,7 +214,36 @@ def zsh_options(options):
     return arguments
 
 
+def zsh_commands(entries, depth):
+    """The words that may come next, as the array `commands`."""
+    return [f"{depth}commands=(", *(f"{depth}  '{name}:{zsh_text(summary)}'" for name, summary in entries), f"{depth})"]
+
+
+def zsh_case(command, word):
+    return f"{word}) _arguments {' '.join(zsh_options(command['options']))} ;;"
+
+
+def zsh_group(group, commands, depth):
+    """The case of a first word that a second one follows."""
+    return [
+        f"{depth}{group})",
+        *zsh_commands([(c["name"].split()[1], c["summary"]) for c in commands], depth + "  "),
+        f"{depth}  _arguments -C '(- *)--help[Print this help message and exit]' '1:command:->command' "
+        "'*::argument:->argument'",
+        f"{depth}  case $state in",
+        f"{depth}    command) _describe command commands ;;",
+        f"{depth}    argument)",
+        f"{depth}      case $words[1] in",
+        *(f"{depth}        {zsh_case(c, c['name'].split()[1])}" for c in commands),
+        f"{depth}      esac",
+        f"{depth}      ;;",
+        f"{depth}  esac",
+        f"{depth}  ;;",
+    ]
+
+
 def zsh_completion(program):
+    entries = [(group, program["groups"].get(group, commands[0]["summary"])) for group, commands in groups(program)]
     lines = [
         "#compdef packctl",
         f"# Completes the command line of packctl. {GENERATED}",
@@ -197,9 +251,7 @@ def zsh_completion(program):
         "_packctl() {",
         "  local -a commands",
         "  local state line context",
-        "  commands=(",
-        *(f"    '{c['name']}:{zsh_text(c['summary'])}'" for c in program["commands"]),
-        "  )",
+        *zsh_commands(entries, "  "),
         "  _arguments -C \\",
         *(f"    {option} \\" for option in zsh_options(program["options"])),
         "    '1:command:->command' \\",
@@ -209,9 +261,9 @@ def zsh_completion(program):
         "    argument)",
         "      case $words[1] in",
     ]
-    for command in program["commands"]:
-        arguments = " ".join(zsh_options(command["options"]))
-        lines.append(f"        {command['name']}) _arguments {arguments} ;;")
+    for group, commands in groups(program):
+        lines += (zsh_group(group, commands, " " * 8) if second_words(commands)
+                  else [" " * 8 + zsh_case(commands[0], group)])
     lines += ["      esac", "      ;;", "  esac", "}", "", '_packctl "$@"']
     return "\n".join(lines) + "\n"
 

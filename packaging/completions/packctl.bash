@@ -6,15 +6,20 @@ _packctl() {
   COMPREPLY=()
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
     case $word in
-      -*) ;;
-      *) command=$word && break ;;
+      -*) continue ;;
+    esac
+    command+=${command:+ }$word
+    case $command in
+      account) ;;
+      *) break ;;
     esac
   done
   case ${COMP_WORDS[COMP_CWORD - 1]} in
-    --limit) return ;;
+    --client-id | --issuer | --limit | --port | --timeout) return ;;
   esac
   case $command in
-    '') words='check download install update remove status info history doctor codecs plugins recover -h --help --version --json' ;;
+    '') words='check download install update remove status info history doctor codecs plugins account recover -h --help --version --json' ;;
+    account) words='sign-in sign-out status -h --help' ;;
     check) words='-h --help --json' ;;
     download) words='-h --help --json' ;;
     install) words='-h --help --json' ;;
@@ -26,6 +31,9 @@ _packctl() {
     doctor) words='-h --help --json' ;;
     codecs) words='-h --help --json' ;;
     plugins) words='-h --help --json' ;;
+    'account sign-in') words='-h --help --json --issuer --client-id --port --timeout --replace' ;;
+    'account sign-out') words='-h --help --json' ;;
+    'account status') words='-h --help --json' ;;
     recover) words='-h --help --json' ;;
     *) return ;;
   esac

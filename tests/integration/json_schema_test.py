@@ -13,6 +13,7 @@ import subprocess
 import sys
 import tempfile
 import unittest
+import urllib.request
 
 import jsonschema
 
@@ -38,15 +39,30 @@ class JsonSchemaTest(unittest.TestCase):
         self.appliance = Appliance.lay_out(root, self.arguments.build, self.source)
         self.appliance.use_server(self.addresses["1.0"])
 
+    @staticmethod
+    def definition(command):
+        return command.replace(" ", "_").replace("-", "_")
+
     def validator(self, command):
-        return jsonschema.Draft202012Validator({"$ref": f"#/$defs/{command}", "$defs": self.schema["$defs"]})
+        return jsonschema.Draft202012Validator(
+            {"$ref": f"#/$defs/{self.definition(command)}", "$defs": self.schema["$defs"]})
+
+    def commands(self):
+        def listed(*group):
+            shown = self.appliance.packctl(*group, "--help").stdout.split("Subcommands:\n")[1].split("\n\n")[0]
+            return [line.split()[0] for line in shown.splitlines()]
+
+        return [name for name in listed() if name != "account"] + [f"account {name}" for name in listed("account")]
 
     def check(self, command, expected_status, *arguments):
         """Runs the command; its answer must be as the schema says and be refused with any part taken out."""
-        done = self.appliance.packctl(command, "--json", *arguments)
+        done = self.appliance.packctl(*command.split(), "--json", *arguments)
         self.assertEqual(done.returncode, expected_status, done.stdout + done.stderr)
         self.assertEqual(done.stdout.count("\n"), 1)
-        answer = json.loads(done.stdout)
+        return self.check_answer(command, done.stdout)
+
+    def check_answer(self, command, line):
+        answer = json.loads(line)
         self.validator(command).validate(answer)
         jsonschema.Draft202012Validator(self.schema).validate(answer)
         self.check_strict(command, answer)
@@ -67,8 +83,7 @@ class JsonSchemaTest(unittest.TestCase):
 
     def test_is_a_schema_of_the_commands_that_there_are(self):
         jsonschema.Draft202012Validator.check_schema(self.schema)
-        shown = self.appliance.packctl("--help").stdout.split("Subcommands:\n")[1].split("\n\n")[0]
-        commands = [line.split()[0] for line in shown.splitlines()]
+        commands = [self.definition(name) for name in self.commands()]
         self.assertEqual(set(self.schema["$defs"]) - {"status_text", "pack"}, set(commands))
         self.assertEqual([form["$ref"] for form in self.schema["anyOf"]],
                          [f"#/$defs/{name}" for name in self.schema["$defs"] if name in commands])
@@ -126,6 +141,28 @@ class JsonSchemaTest(unittest.TestCase):
         plugin.write_text("#!/bin/sh\necho player\n")
         plugin.chmod(0o755)
         self.assertEqual(self.check("plugins", 0)["app_ids"], ["player"])
+
+    def test_account(self):
+        provider = self.enterContext(subprocess.Popen(
+            [self.arguments.build + "/tests/oidc_provider"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True))
+        issuer = provider.stdout.readline().strip()
+        self.check("account status", NOTHING)
+        self.check("account sign-out", NOTHING)
+        self.check("account sign-in", FAILED, "--issuer", "http://accounts.example")
+        with subprocess.Popen([self.appliance.root / "packctl", "account", "sign-in", "--json", "--issuer", issuer],
+                              env=self.appliance.environment(), stdout=subprocess.PIPE, text=True) as sign_in:
+            waiting = self.check_answer("account sign-in", sign_in.stdout.readline())
+            urllib.request.build_opener(urllib.request.ProxyHandler({})).open(waiting["address"]).close()
+            done = self.check_answer("account sign-in", sign_in.stdout.readline())
+        self.assertEqual((sign_in.returncode, done["issuer"]), (0, issuer))
+        self.assertTrue(self.check("account status", 0)["valid"])
+        self.assertTrue(self.check("account sign-out", 0)["revoked"])
+        account = self.appliance.root / "etc/orbamira/account.json"
+        account.write_text("{}")
+        self.check("account status", FAILED)
+        account.unlink()
+        account.mkdir()
+        self.check("account sign-out", FAILED)
 
     def test_another_packctl_at_work(self):
         with open(self.appliance.root / "run/orbamira/lock/packctl.lock", "w", encoding="ascii") as lock:

@@ -204,6 +204,7 @@ Json::Value DescribeCommandLine() {
   described["summary"] = app->get_description();
   described["footer"] = kFooter;
   described["options"] = DescribeOptions(*app);
+  described["groups"][kAccount] = kAccountSummary;
   for (const Command& command : kCommands) {
     Json::Value entry;
     entry["name"] = command.name;

@@ -17,7 +17,7 @@ enum class Effect {
 
 /// A command of packctl, and what its help, its man page and its completions tell of it.
 struct Command {
-  const char* name;
+  const char* name;  ///< one word, or two for a command of a group
   Outcome (*run)(Context&);
   Effect effect;
   const char* summary;
@@ -42,10 +42,11 @@ ParsedLine ParseCommandLine(int argc, const char* const* argv);
 
 /// The commands and options as packctl itself takes them, for whoever writes its man page and completions:
 ///
-///     {"name", "summary", "footer", "options": [OPTION...],
+///     {"name", "summary", "footer", "options": [OPTION...], "groups": {"account": "..."},
 ///      "commands": [{"name", "summary", "details", "options": [OPTION...]}...]}
 ///
-/// where OPTION is {"names": ["--limit"...], "help": "...", "value": "N"}, with null for the value of a flag.
+/// where OPTION is {"names": ["--limit"...], "help": "...", "value": "N"}, with null for the value of a flag. The name of
+/// a command that belongs to a group is the group's and its own, with a blank between; groups are told with a summary.
 Json::Value DescribeCommandLine();
 
 }  // namespace orbamira::packctl

@@ -14,6 +14,15 @@ import unittest
 NAMES = ("man/packctl.1", "man/mkpack.1", "man/mkpack-verify.1", "completions/packctl.bash", "completions/_packctl")
 
 
+def first_words(program):
+    return list(dict.fromkeys(command["name"].split()[0] for command in program["commands"]))
+
+
+def listed(help_text):
+    """The commands that a help names."""
+    return [line.split()[0] for line in help_text.split("Subcommands:\n")[1].split("\n\n")[0].splitlines()]
+
+
 def output(*command):
     return subprocess.run(command, check=True, capture_output=True, text=True, timeout=60).stdout
 
@@ -48,11 +57,14 @@ class PagesTest(unittest.TestCase):
                                  f"packaging/{name} is out of date: run packaging/generate.py")
 
     def test_what_packctl_says_of_itself_is_what_it_takes(self):
-        self.assertEqual([command["name"] for command in self.program["commands"]],
-                         [line.split()[0] for line in output(self.arguments.packctl, "--help")
-                          .split("Subcommands:\n")[1].split("\n\n")[0].splitlines()])
+        taken = listed(output(self.arguments.packctl, "--help"))
+        self.assertEqual(first_words(self.program), taken)
+        for group in self.program["groups"]:
+            self.assertEqual(
+                [c["name"] for c in self.program["commands"] if c["name"].split()[0] == group],
+                [f"{group} {name}" for name in listed(output(self.arguments.packctl, group, "--help"))])
         for command in [None, *self.program["commands"]]:
-            arguments = [command["name"]] if command else []
+            arguments = command["name"].split() if command else []
             shown = output(self.arguments.packctl, *arguments, "--help").split("Options:\n")[1].split("\n\n")[0]
             taken = [line.split()[0].split(",") for line in shown.splitlines()]
             self.assertEqual(taken, [option["names"] for option in (command or self.program)["options"]])
@@ -71,17 +83,21 @@ class PagesTest(unittest.TestCase):
             self.assertEqual((done.returncode, done.stderr), (0, ""), name)
 
     def test_bash_completes_commands_and_options(self):
-        commands = [command["name"] for command in self.program["commands"]]
-        self.assertEqual(self.complete(""), commands + ["-h", "--help", "--version", "--json"])
+        self.assertEqual(self.complete(""), first_words(self.program) + ["-h", "--help", "--version", "--json"])
         self.assertEqual(self.complete("st"), ["status"])
         self.assertEqual(self.complete("--json", "re"), ["remove", "recover"])
         self.assertEqual(self.complete("--v"), ["--version"])
         for command in self.program["commands"]:
             names = [name for option in command["options"] for name in option["names"]]
-            self.assertEqual(self.complete(command["name"], ""), names)
+            self.assertEqual(self.complete(*command["name"].split(), ""), names)
         self.assertEqual(self.complete("status", "--json", "--w"), ["--watch"])
         self.assertEqual(self.complete("history", "--limit", ""), [])
         self.assertEqual(self.complete("history", "--limit", "5", "--j"), ["--json"])
+        self.assertEqual(self.complete("account", ""), ["sign-in", "sign-out", "status", "-h", "--help"])
+        self.assertEqual(self.complete("account", "sign-o"), ["sign-out"])
+        self.assertEqual(self.complete("account", "sign-in", "--issuer", ""), [])
+        self.assertEqual(self.complete("account", "sign-in", "--issuer", "x", "--r"), ["--replace"])
+        self.assertEqual(self.complete("account", "dance", ""), [])
         self.assertEqual(self.complete("dance", ""), [])
         self.assertEqual(self.complete("none_such"), [])
 
@@ -91,18 +107,23 @@ class PagesTest(unittest.TestCase):
             return  # there is nobody to ask
         file = self.packaging / "completions/_packctl"
         output(zsh, "-n", file)
-        # With the helpers of zsh in place of themselves: what they would be asked to offer.
+        # With the helpers of zsh in place of themselves: what they would be asked to offer. The second time that
+        # arguments are asked for, the first word is done with.
         script = """
-            _arguments() { print -r -- "arguments $#"; state=$wanted }
+            _arguments() { print -r -- "arguments $#"; state=$wanted; (( ++calls < 2 )) || words=($second) }
             _describe() { print -rl -- "${(@P)2}" }
             source "$0"
         """
         offered = output(zsh, "-fc", "wanted=command" + script, file).splitlines()
-        self.assertEqual(offered[1:], [f"{c['name']}:{c['summary']}" for c in self.program["commands"]])
+        summaries = {c["name"]: c["summary"] for c in self.program["commands"]} | self.program["groups"]
+        self.assertEqual(offered[1:], [f"{word}:{summaries[word]}" for word in first_words(self.program)])
         for command in self.program["commands"]:
             count = sum(len(option["names"]) for option in command["options"])
-            offered = output(zsh, "-fc", f"wanted=argument words=({command['name']})" + script, file).splitlines()
-            self.assertEqual(offered[1:], [f"arguments {count}"])
+            first, *second = command["name"].split()
+            words = f"wanted=argument words=({first}) second={' '.join(second)}"
+            offered = output(zsh, "-fc", words + script, file).splitlines()
+            self.assertEqual(len(offered), 2 + len(second))
+            self.assertEqual(offered[-1], f"arguments {count}")
 
 
 if __name__ == "__main__":
