@@ -7,6 +7,8 @@ set(ORBAMIRA_DATADIR ${CMAKE_INSTALL_DATADIR}/orbamira)
 # Where an installed program finds the libraries installed with it, relative to itself: an install staged in any folder
 # runs there.
 set(ORBAMIRA_BIN_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}:$ORIGIN/../${CMAKE_INSTALL_LIBDIR}/orbamira/lib")
+set(ORBAMIRA_LIBEXEC_RPATH
+  "$ORIGIN/../../${CMAKE_INSTALL_LIBDIR}:$ORIGIN/../../${CMAKE_INSTALL_LIBDIR}/orbamira/lib")
 
 # orbamira_add_library(NAME SOURCES file... HEADERS file... PUBLIC target... PRIVATE target...)
 #

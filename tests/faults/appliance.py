@@ -119,6 +119,7 @@ class Appliance:
         for program in PROGRAMS:
             (libexec / program).symlink_to(build / "tools" / program / program)
         (libexec / "orba-tar").symlink_to("orba-archive")
+        (libexec / "orba-account").symlink_to(build / "tools/packctl/orba-account")
         for script in SCRIPTS:
             (libexec / script).symlink_to(source / "libexec" / script)
         (appliance.root / "packctl").symlink_to(build / "tools/packctl/packctl")

@@ -64,6 +64,15 @@ void WriteAccount(const std::string& text) {
 
 Json::Value Account() { return Parsed(ReadFile(path::kAccountFile)); }
 
+std::vector<fs::path> FilesBesideTheAccount() {
+  std::vector<fs::path> files;
+  for (const auto& entry : fs::directory_iterator(fs::path(path::kAccountFile).parent_path())) {
+    files.push_back(entry.path());
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
 /// A sign-in that waits for the browser.
 class WaitingSignIn {
  public:
@@ -106,11 +115,6 @@ class WaitingSignIn {
 
 class PackctlAccountTest : public testing::Test {
  protected:
-  PackctlAccountTest() {
-    fs::create_directories(fs::path(path::kAccountFile).parent_path());
-    fs::remove(path::kAccountFile);
-  }
-
   /// Signs in from start to end, and looks for secrets where they must not be.
   ProgramResult SignIn(const std::vector<std::string>& more = {}) {
     WaitingSignIn waiting(provider_.issuer(), more);
@@ -147,6 +151,7 @@ class PackctlAccountTest : public testing::Test {
     return result.errors;
   }
 
+  Appliance appliance_;
   OidcProvider provider_;
   cpr::Response page_;
 };
@@ -306,6 +311,7 @@ TEST_F(PackctlAccountTest, SignInNeedsAFolderToKeepTheAccountIn) {
 
 TEST_F(PackctlAccountTest, SignInNeedsAFolderThatItMayWrite) {
   const std::string folder = fs::path(path::kAccountFile).parent_path();
+  fs::permissions(test::Root(), fs::perms(0755));
   fs::permissions(folder, fs::perms(0555));
   test::ProcessOptions options;
   options.before_exec = test::BecomeOrdinaryUser;
@@ -502,11 +508,12 @@ TEST_F(PackctlAccountTest, SignInWaitsOnlySoLong) {
 }
 
 TEST_F(PackctlAccountTest, AnInterruptedSignInLeavesNothing) {
+  const auto before = FilesBesideTheAccount();
   for (const int signal_number : {SIGINT, SIGTERM}) {
     WaitingSignIn waiting(provider_.issuer());
     waiting.program().Signal(signal_number);
     EXPECT_EQ(waiting.program().Wait().status, -signal_number);
-    EXPECT_TRUE(fs::is_empty(fs::path(path::kAccountFile).parent_path()));
+    EXPECT_EQ(FilesBesideTheAccount(), before);
     EXPECT_EQ(waiting.Call("").status_code, 0);
   }
 }
@@ -679,6 +686,21 @@ TEST_F(PackctlAccountTest, TheGroupAloneShowsItsHelp) {
   EXPECT_EQ(result.output, "");
   EXPECT_EQ(result.errors, Appliance::Packctl({"account", "--help"}).output);
   EXPECT_THAT(result.errors, HasSubstr("sign-out"));
+}
+
+TEST_F(PackctlAccountTest, TheProgramOfTheAccountCommandsMustBeThere) {
+  const fs::path program = fs::path(path::kOrbaArchivePath).replace_filename("orba-account");
+  fs::remove(program);
+  const ProgramResult result = Appliance::Packctl({"account", "status"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.errors, "packctl: cannot run " + program.string() + ": No such file or directory\n");
+}
+
+TEST_F(PackctlAccountTest, TheProgramOfTheAccountCommandsTakesNoOthers) {
+  const std::string program = fs::path(path::kOrbaArchivePath).replace_filename("orba-account");
+  const ProgramResult result = RunningProgram({program, "status"}).Wait();
+  EXPECT_EQ(result.status, 64);
+  EXPECT_EQ(result.errors, "packctl: use packctl for this command\n");
 }
 
 TEST_F(PackctlAccountTest, SignInWithoutAnIssuerIsWrongUsage) {

@@ -25,6 +25,7 @@ namespace fs = std::filesystem;
 // What a staged install has under <root>/usr/libexec/orbamira, where the build made it.
 void LinkPrograms() {
   const std::vector<std::pair<std::string, std::string>> programs = {
+      {ORBAMIRA_TEST_ORBA_ACCOUNT, fs::path(path::kOrbaArchivePath).replace_filename("orba-account")},
       {ORBAMIRA_TEST_ORBA_COPY, path::kCpPath},
       {ORBAMIRA_TEST_ORBA_ARCHIVE, path::kOrbaArchivePath},
       {ORBAMIRA_TEST_ORBA_ARCHIVE, path::kTarPath},

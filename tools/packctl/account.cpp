@@ -1,3 +1,5 @@
+#include "tools/packctl/account.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -18,7 +20,6 @@
 #include "tools/packctl/account_provider.h"
 #include "tools/packctl/account_secrets.h"
 #include "tools/packctl/account_token.h"
-#include "tools/packctl/command.h"
 #include "tools/packctl/json_line.h"
 #include "tools/packctl/local_time.h"
 

@@ -64,11 +64,6 @@ Outcome ShowHistory(Context& context);
 /// Looks for what is wrong with the machine and says what to do about it. Changes nothing, makes nothing.
 Outcome Doctor(Context& context);
 
-/// The signed-in account. Signing in and out change the account file and nothing else; they may run beside anything.
-Outcome SignIn(Context& context);
-Outcome SignOut(Context& context);
-Outcome AccountStatus(Context& context);
-
 /// Asks the plugins who they are. The library's answer file allows one at a time, so it excludes the changing commands.
 Outcome Plugins(Context& context);
 

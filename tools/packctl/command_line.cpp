@@ -14,70 +14,70 @@ namespace orbamira::packctl {
 namespace {
 
 constexpr std::array kCommands = {
-    Command{"check", Check, Effect::kChange, "Ask the update server for a new pack",
+    Command{"check", Effect::kChange, "Ask the update server for a new pack",
             "Records a newer pack as waiting for download, whatever the recorded status was.\n"
             "Exit status: 0 a new pack is available, 2 nothing new, 1 the check failed.\n"
             "Example: packctl check && packctl update"},
-    Command{"download", Download, Effect::kChange, "Download and verify the pack on offer",
+    Command{"download", Effect::kChange, "Download and verify the pack on offer",
             "Permitted when the status is need_download or download_failed. Nothing is installed yet; follow with\n"
             "\"packctl install\"."},
-    Command{"install", Install, Effect::kChange, "Install the downloaded pack",
+    Command{"install", Effect::kChange, "Install the downloaded pack",
             "Permitted when the status is need_install or install_failed. Applications are told before and after.\n"
             "When it fails, the previous pack comes back."},
-    Command{"update", Update, Effect::kChange, "Download the pack on offer and install it",
+    Command{"update", Effect::kChange, "Download the pack on offer and install it",
             "Permitted when the status is lost, need_download, need_install, download_install_failed or up_to_date.\n"
             "The versions are not compared: the pack on offer is fetched even if it is installed already. Run\n"
             "\"packctl check\" first to fetch only what is new. When it fails, the previous pack comes back."},
-    Command{"remove", Remove, Effect::kChange, "Remove the installed pack",
+    Command{"remove", Effect::kChange, "Remove the installed pack",
             "Applications are not told, and the recorded status stays as it is. Not permitted while that says work is\n"
             "under way.\n"
             "Exit status 2: no pack is installed."},
-    Command{"status", Status, Effect::kNone, "Show the recorded status and progress",
+    Command{"status", Effect::kNone, "Show the recorded status and progress",
             "May be run at any time, also while an update is running. With --json the keys are those of the status\n"
             "store; sizes are numbers of bytes.\n"
             "With --watch each change is shown as it comes, until SIGINT or SIGTERM (Ctrl-C) ends it with exit status\n"
             "0; with --json too, one object a line. It sleeps while nothing changes."},
     Command{
-        "info", Info, Effect::kNone, "Show the installed pack",
+        "info", Effect::kNone, "Show the installed pack",
         "With --json: installed, package, version, and updated in seconds since the epoch; the last three are null\n"
         "without a pack. Exit status 0 also when none is installed."},
-    Command{"history", ShowHistory, Effect::kNone, "Show what was done, when and how it ended",
+    Command{"history", Effect::kNone, "Show what was done, when and how it ended",
             "Tells of each check, download, install, update, remove and recover that changed something, found a new\n"
             "pack or failed, oldest first. At most half a mebibyte is kept. A run that was killed leaves no entry;\n"
             "the recovery after it does.\n"
             "With --json: the list entries, and damaged, the count of lines that could not be read. An entry has time\n"
             "(seconds since the epoch, at its end), duration_ms, command, from (the pack that was installed before),\n"
             "to (the pack that is installed or waits since), result, status, exit and errors."},
-    Command{"doctor", Doctor, Effect::kNone, "Look for what is wrong and say what to do about it",
+    Command{"doctor", Effect::kNone, "Look for what is wrong and say what to do about it",
             "Looks at the settings, permissions, keyring, plugins, locks, the state of the pack and its record, the\n"
             "update server, the clock and the free space. Changes nothing. Each plugin is asked for its ids, and the\n"
             "server for its offer. Takes half a minute when the server is silent. Run it as root.\n"
             "Exit status: 0 all is well, 1 something is wrong.\n"
             "With --json: result (well or faults) and the list findings of check, problem and remedy."},
-    Command{"codecs", Codecs, Effect::kNone, "Show which codecs are installed and which are asked for",
+    Command{"codecs", Effect::kNone, "Show which codecs are installed and which are asked for",
             "With --json: the lists installed and requested."},
-    Command{"plugins", Plugins, Effect::kExclusive, "List the plugins that are told of installs",
+    Command{"plugins", Effect::kExclusive, "List the plugins that are told of installs",
             "Prints one application id a line; with --json: the list app_ids."},
     Command{
-        "account sign-in", SignIn, Effect::kNone, "Sign this appliance in to an account",
+        "account sign-in", Effect::kOwnProgram, "Sign this appliance in to an account",
         "Prints an address to open in a browser, on this machine or, through ssh, on another (ssh -L with the port\n"
         "of --port), and waits for the answer of the OpenID Connect provider. Its tokens are kept in\n"
         "/etc/orbamira/account.json, which only root reads, and are never shown. Run it as root.\n"
         "With --json: first result (waiting) and address, in the end result (signed_in), user_id, issuer,\n"
         "expires (seconds since the epoch) and renewable.\n"
         "Example: packctl account sign-in --issuer https://accounts.example.com"},
-    Command{"account sign-out", SignOut, Effect::kNone, "Sign this appliance out",
+    Command{"account sign-out", Effect::kOwnProgram, "Sign this appliance out",
             "Has the provider revoke the refresh token, where it offers that, and removes the account and its tokens\n"
             "from this machine, also when the provider does not answer.\n"
             "Exit status 2: nobody is signed in.\n"
             "With --json: result and revoked."},
-    Command{"account status", AccountStatus, Effect::kNone, "Show who is signed in",
+    Command{"account status", Effect::kOwnProgram, "Show who is signed in",
             "Shows the user, the issuer, and until when the identity token is valid; never a token.\n"
             "Exit status 2: nobody is signed in.\n"
             "With --json: result (signed_in), user_id, issuer, client_id, valid, expires (seconds since the epoch;\n"
             "null without a token) and renewable; or result (signed_out) alone."},
     Command{
-        "recover", RunRecovery, Effect::kChange, "Clear what an interrupted update left behind",
+        "recover", Effect::kChange, "Clear what an interrupted update left behind",
         "Brings the previous pack back where a new one did not get into place, removes temporary files and folders,\n"
         "and turns a status that says work is under way into its failed form. Run at boot, before anything else\n"
         "uses the pack; by hand only while no other program is updating it.\n"

@@ -10,15 +10,15 @@ namespace orbamira::packctl {
 
 /// What a command does to the machine, and so what it may run beside.
 enum class Effect {
-  kNone,       ///< it runs at any time
-  kExclusive,  ///< it changes nothing that lasts, but runs beside no changing command
-  kChange,     ///< it changes something and is told of in the history
+  kNone,        ///< it runs at any time
+  kExclusive,   ///< it changes nothing that lasts, but runs beside no changing command
+  kChange,      ///< it changes something and is told of in the history
+  kOwnProgram,  ///< it runs at any time, in a program of its own
 };
 
 /// A command of packctl, and what its help, its man page and its completions tell of it.
 struct Command {
   const char* name;  ///< one word, or two for a command of a group
-  Outcome (*run)(Context&);
   Effect effect;
   const char* summary;
   const char* details;
@@ -45,8 +45,9 @@ ParsedLine ParseCommandLine(int argc, const char* const* argv);
 ///     {"name", "summary", "footer", "options": [OPTION...], "groups": {"account": "..."},
 ///      "commands": [{"name", "summary", "details", "options": [OPTION...]}...]}
 ///
-/// where OPTION is {"names": ["--limit"...], "help": "...", "value": "N"}, with null for the value of a flag. The name of
-/// a command that belongs to a group is the group's and its own, with a blank between; groups are told with a summary.
+/// where OPTION is {"names": ["--limit"...], "help": "...", "value": "N"}, with null for the value of a flag. The name
+/// of a command that belongs to a group is the group's and its own, with a blank between; groups are told with a
+/// summary.
 Json::Value DescribeCommandLine();
 
 }  // namespace orbamira::packctl

@@ -1,82 +1,41 @@
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <system_error>
 
+#include "platform/constants.h"
 #include "tools/packctl/command_line.h"
-#include "tools/packctl/json_line.h"
+#include "tools/packctl/program.h"
 #include "tools/packctl/run.h"
 
 namespace {
 
-using orbamira::packctl::Console;
-using orbamira::packctl::Context;
-using orbamira::packctl::Invocation;
-using orbamira::packctl::Outcome;
-
 namespace packctl = orbamira::packctl;
 
-// A closed standard descriptor would go to the next file that is opened, and be written to as output.
-void OpenStandardDescriptors() {
-  int fd = 0;
-  while (fd <= STDERR_FILENO) {
-    fd = open("/dev/null", O_RDWR);
-    if (fd < 0) {
-      throw std::system_error(errno, std::generic_category(), "cannot open /dev/null");
-    }
-  }
-  close(fd);
-}
-
-// An interrupted line still ends as one; the program then ends as the signal says. What it leaves is for the recovery.
-void EndLineAndDie(int signal_number) {
-  const int terminal = open("/dev/tty", O_WRONLY | O_CLOEXEC | O_NOCTTY);
-  if (terminal >= 0 && write(terminal, "\n", 1) < 0) {
-    _exit(packctl::kExitFailed);
-  }
-  static_cast<void>(raise(signal_number));
-}
-
-void SetUpSignals(const Console& console) {
-  // A reader that goes away must not end an install halfway.
-  static_cast<void>(signal(SIGPIPE, SIG_IGN));
-  if (!console.IsTerminal()) {
-    return;
-  }
-  struct sigaction action {};
-  action.sa_handler = EndLineAndDie;
-  action.sa_flags = static_cast<int>(SA_RESETHAND);
-  for (const int signal_number : {SIGINT, SIGTERM}) {
-    sigaction(signal_number, &action, nullptr);
-  }
-}
-
-int Answer(const Invocation& invocation) {
-  Console console;
-  SetUpSignals(console);
-  Context context{console, invocation.options};
-  const Outcome outcome = packctl::Run(*invocation.command, context);
-  for (const std::string& problem : outcome.problems) {
-    console.Complain(problem);
-  }
-  const bool json = invocation.options.json && !outcome.json.isNull();
-  if (!console.Print(json ? packctl::JsonLine(outcome.json) : outcome.text)) {
-    console.Complain("cannot write to the standard output");
-    return packctl::kExitFailed;
-  }
-  return outcome.exit;
+// The account commands need a web server and a library for signed tokens, which no other command is to pay for. Their
+// program takes the command line as it is.
+[[noreturn]] void BecomeAccountProgram(char** argv) {
+  const std::filesystem::path program =
+      std::filesystem::path(orbamira::path::kOrbaArchivePath).replace_filename("orba-account");
+  execv(program.c_str(), argv);
+  throw std::system_error(errno, std::generic_category(), "cannot run " + program.string());
 }
 
 }  // namespace
 
 int main(int argc, char** argv) try {
-  OpenStandardDescriptors();
+  packctl::OpenStandardDescriptors();
   const packctl::ParsedLine line = packctl::ParseCommandLine(argc, argv);
-  return line.invocation ? Answer(*line.invocation) : line.exit;
+  if (!line.invocation) {
+    return line.exit;
+  }
+  if (line.invocation->command->effect == packctl::Effect::kOwnProgram) {
+    BecomeAccountProgram(argv);
+  }
+  return packctl::Answer(*line.invocation, packctl::Run);
 } catch (const std::exception& error) {
   std::cerr << "packctl: " << error.what() << '\n';
   return packctl::kExitFailed;

@@ -1,13 +1,17 @@
 #include "tools/packctl/run.h"
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <ctime>
 #include <exception>
+#include <string_view>
 #include <utility>
 
 #include "platform/constants.h"
 #include "platform/log.h"
 #include "tools/packctl/exclusive_lock.h"
+#include "tools/packctl/program.h"
 #include "updater/kos_helper.h"
 
 namespace orbamira::packctl {
@@ -15,16 +19,23 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-Outcome Refused(ExitStatus exit, const Command& command, const char* result, const std::string& problem) {
-  Outcome outcome{.exit = exit, .problems = {problem}};
-  outcome.json["command"] = command.name;
-  outcome.json["result"] = result;
-  return outcome;
-}
+struct Function {
+  std::string_view command;
+  Outcome (*run)(Context&);
+};
+
+constexpr std::array kFunctions = {
+    Function{"check", Check},   Function{"download", Download},   Function{"install", Install},
+    Function{"update", Update}, Function{"remove", Remove},       Function{"status", Status},
+    Function{"info", Info},     Function{"history", ShowHistory}, Function{"doctor", Doctor},
+    Function{"codecs", Codecs}, Function{"plugins", Plugins},     Function{"recover", RunRecovery},
+};
 
 Outcome Attempt(const Command& command, Context& context) {
   try {
-    return command.run(context);
+    const auto* const function = std::find_if(kFunctions.begin(), kFunctions.end(),
+                                              [&](const Function& f) { return f.command == command.name; });
+    return function->run(context);
   } catch (const std::exception& error) {
     return Refused(kExitFailed, command, "failed", error.what());
   }
