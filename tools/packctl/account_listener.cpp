@@ -3,6 +3,7 @@
 #include <httplib.h>
 #include <openssl/crypto.h>
 
+#include <cctype>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -28,6 +29,12 @@ constexpr int kMisdirected = 421;
 void Answer(httplib::Response& response, int status, const std::string& title, const std::string& text) {
   response.status = status;
   response.set_content(MakePage(title, text), "text/html; charset=utf-8");
+}
+
+// The failure as a sentence of its own.
+std::string Sentence(std::string failure) {
+  failure[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(failure[0])));
+  return failure + '.';
 }
 
 // The parameter, which must not come twice (RFC 6749, section 3.1).
@@ -105,7 +112,7 @@ class AnswerListener::State : public std::enable_shared_from_this<State> {
   }
 
   void Stop() {
-    ShowEnd("The sign-in has ended.");
+    ShowEnd("the sign-in has ended");
     server_.stop();
     thread_.join();
   }
@@ -185,7 +192,7 @@ class AnswerListener::State : public std::enable_shared_from_this<State> {
     if (failure_->empty()) {
       Answer(response, kOk, "You are signed in", "This window may be closed.");
     } else {
-      Answer(response, kBadRequest, "You are not signed in", *failure_);
+      Answer(response, kBadRequest, "You are not signed in", Sentence(*failure_));
     }
   }
 
