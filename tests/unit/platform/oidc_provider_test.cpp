@@ -88,8 +88,8 @@ TEST_F(RefreshTokensTest, RefreshTokensTakesTheLoopbackByAnyName) {
 TEST_F(RefreshTokensTest, RefreshTokensRefusesTheConfigurationOfAnotherIssuer) {
   for (const Json::Value& issuer : {Json::Value("https://other.example"), Json::Value(provider_.issuer() + "/")}) {
     provider_.configuration["issuer"] = issuer;
-    EXPECT_EQ(Failure(),
-              "the provider's configuration is of another issuer than " + provider_.issuer() + ": " + issuer.asString());
+    EXPECT_EQ(Failure(), "the provider's configuration is of another issuer than " + provider_.issuer() + ": " +
+                             issuer.asString());
   }
   for (const Json::Value& issuer : {Json::Value(), Json::Value(7), Json::Value(Json::objectValue)}) {
     provider_.configuration["issuer"] = issuer;
@@ -153,7 +153,8 @@ TEST_F(RefreshTokensTest, RefreshTokensQuotesTheProvidersReason) {
     return HttpResponse{.status = 400,
                         .body = R"({"error":"invalid_grant","error_description":"Token was\n revoked"})"};
   };
-  EXPECT_EQ(Failure(), "the provider refused to renew the token: status 400, invalid_grant, Token was revoked; sign in again");
+  EXPECT_EQ(Failure(),
+            "the provider refused to renew the token: status 400, invalid_grant, Token was revoked; sign in again");
 }
 
 TEST_F(RefreshTokensTest, RefreshTokensNeverQuotesTheToken) {
@@ -206,6 +207,114 @@ TEST_F(RefreshTokensTest, RefreshTokensReportsARefreshTokenThatIsNoText) {
 TEST_F(RefreshTokensTest, RefreshTokensTakesAnIdTokenThatIsNoTextForNone) {
   provider_.token_response["id_token"] = 7;
   EXPECT_EQ(Refresh().id_token, "");
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensTellsTheProvidersClock) {
+  provider_.clock_offset = -3600;
+  const auto date = Refresh().date;
+  ASSERT_TRUE(date);
+  EXPECT_NEAR(static_cast<double>(*date), static_cast<double>(orbamira::test::UnixTime() - 3600), 30);
+  provider_.token_answer = [] { return HttpResponse{.headers = {{"Date", "yesterday"}}, .body = "{}"}; };
+  EXPECT_FALSE(Refresh().date);
+}
+
+class ProviderTest : public testing::Test {
+ protected:
+  template <typename Action>
+  static std::string FailureOf(Action action) {
+    try {
+      action();
+    } catch (const ZeloException& failure) {
+      return failure.what();
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return "";
+  }
+
+  OidcProvider provider_;
+};
+
+TEST_F(ProviderTest, ExchangeCodeSendsTheForm) {
+  provider_.token_answer = [] {
+    return HttpResponse{.body = R"({"id_token":"i","access_token":"a","refresh_token":"r"})"};
+  };
+  const IssuedTokens tokens =
+      ExchangeCode(provider_.issuer() + "/token", {"a code", "http://127.0.0.1:1/x", "me", "v"});
+  EXPECT_EQ(tokens.id_token, "i");
+  EXPECT_EQ(tokens.access_token, "a");
+  EXPECT_EQ(tokens.refresh_token, "r");
+  EXPECT_EQ(provider_.LastForm(),
+            "grant_type=authorization_code&code=a%20code&redirect_uri=http%3A%2F%2F127.0.0.1%3A1%2Fx&client_id=me&"
+            "code_verifier=v");
+}
+
+TEST_F(ProviderTest, ExchangeCodeNeverQuotesWhatIsSecret) {
+  for (const std::string text : {"the code secret-1 is unknown", "secret-2 does not fit"}) {
+    provider_.token_answer = [&] {
+      return HttpResponse{.status = 400, .body = R"({"error":"x","error_description":")" + text + "\"}"};
+    };
+    EXPECT_EQ(FailureOf([&] {
+                ExchangeCode(provider_.issuer() + "/token", {"secret-1", "u", "c", "secret-2"});
+              }),
+              "the provider refused to give tokens for the sign-in: status 400, x");
+  }
+}
+
+TEST_F(ProviderTest, ExchangeCodeDoesNotFollowARedirectWithTheCode) {
+  provider_.token_answer = [] { return HttpResponse{.status = 307, .headers = {{"Location", "/elsewhere"}}}; };
+  EXPECT_EQ(FailureOf([&] {
+              ExchangeCode(provider_.issuer() + "/token", {"c", "u", "i", "v"});
+            }),
+            "the provider refused to give tokens for the sign-in: status 307");
+  EXPECT_THAT(provider_.server().Requests(), SizeIs(1));
+}
+
+TEST_F(ProviderTest, ExchangeCodeReportsAProviderThatStalls) {
+  provider_.token_answer = [] { return HttpResponse{.body = "{}", .stall_at = 0}; };
+  EXPECT_THAT(
+      FailureOf([&] {
+        ExchangeCode(provider_.issuer() + "/token", {"c", "u", "i", "v"}, {.whole = std::chrono::milliseconds(200)});
+      }),
+      AllOf(StartsWith("the provider cannot be asked: "), HasSubstr("timed out")));
+}
+
+TEST_F(ProviderTest, RevokeTokenSendsTheForm) {
+  RevokeToken(provider_.issuer() + "/revoke", "me", "token");
+  EXPECT_EQ(provider_.LastForm(), "token=token&token_type_hint=refresh_token&client_id=me");
+}
+
+TEST_F(ProviderTest, RevokeTokenReportsARefusalWithoutTheToken) {
+  provider_.revocation_answer = [] {
+    return HttpResponse{.status = 503, .body = R"({"error":"x","error_description":"secret"})"};
+  };
+  EXPECT_EQ(FailureOf([&] { RevokeToken(provider_.issuer() + "/revoke", "me", "secret"); }),
+            "the provider refused to revoke the token: status 503, x");
+}
+
+TEST_F(ProviderTest, FetchKeysGivesThemAsSent) {
+  provider_.keys_answer = [] { return HttpResponse{.body = "anything"}; };
+  EXPECT_EQ(FetchKeys(provider_.issuer() + "/keys"), "anything");
+}
+
+TEST_F(ProviderTest, FetchKeysReportsAFailure) {
+  provider_.keys_answer = [] { return HttpResponse{.status = 404}; };
+  EXPECT_EQ(FailureOf([&] { FetchKeys(provider_.issuer() + "/keys"); }),
+            "the provider answered 404 when asked for its keys");
+  provider_.keys_answer = [] { return HttpResponse{.body = "{}", .stall_at = 0}; };
+  EXPECT_THAT(FailureOf([&] { FetchKeys(provider_.issuer() + "/keys", {.whole = std::chrono::milliseconds(200)}); }),
+              HasSubstr("timed out"));
+}
+
+TEST(ClockFaultTest, TellsADifferenceThatMatters) {
+  EXPECT_EQ(ClockFault(10'000, 6'400), "this machine's clock is 60 minutes ahead of the provider's");
+  EXPECT_EQ(ClockFault(6'400, 10'000), "this machine's clock is 60 minutes behind the provider's");
+  EXPECT_EQ(ClockFault(10'000, 9'700), "this machine's clock is 5 minutes ahead of the provider's");
+}
+
+TEST(ClockFaultTest, SaysNothingOfASmallOrUnknownDifference) {
+  EXPECT_EQ(ClockFault(10'000, 9'701), "");
+  EXPECT_EQ(ClockFault(10'000, 10'299), "");
+  EXPECT_EQ(ClockFault(10'000, std::nullopt), "");
 }
 
 }  // namespace

@@ -311,7 +311,7 @@ TEST_F(PackagePkceClientTest, GetIdTokenRefusesMembersOfAnotherType) {
   account["clients"][kClient] = "text";
   StoreAccount(account);
   EXPECT_EQ(Failure(), AboutFile("is malformed: \"client\" is not an object"));
-  for (const char* const member : {"id_token", "refresh_token"}) {
+  for (const char* const member : {"id_token", "refresh_token", "client_id"}) {
     account = account_;
     account["clients"][kClient][member] = 7;
     StoreAccount(account);
@@ -334,6 +334,24 @@ TEST_F(PackagePkceClientTest, GetIdTokenReportsARevokedToken) {
   const std::string before = ReadFile(path::kAccountFile);
   EXPECT_EQ(Failure(), "the provider refused to renew the token: status 400, invalid_grant; sign in again");
   EXPECT_EQ(ReadFile(path::kAccountFile), before);
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenTellsAWrongClockFromAnExpiredToken) {
+  provider_.clock_offset = -3660;
+  ExpectRefused(Token(1800),
+                "it seems to have expired, but this machine's clock is 61 minutes ahead of the provider's");
+  provider_.clock_offset = 0;
+  ExpectRefused(Token(-60), "it has expired");
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRenewsUnderTheNameThatTheProviderKnows) {
+  account_["clients"][kClient]["client_id"] = "4711";
+  StoreAccount(account_);
+  provider_.token_response["id_token"] = MakeIdToken(provider_.Claims("4711", 3600));
+  EXPECT_EQ(Get(), provider_.token_response["id_token"].asString());
+  EXPECT_EQ(provider_.LastForm(), "grant_type=refresh_token&refresh_token=old-refresh&client_id=4711");
+  EXPECT_EQ(ReadAccount()["clients"][kClient]["client_id"], "4711");
+  ExpectRefused(Token(3600), "it is for another client");
 }
 
 TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenThatIsMalformed) {
