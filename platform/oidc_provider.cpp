@@ -162,7 +162,7 @@ Json::Value DiscoverProvider(const std::string& issuer, const ProviderLimits& li
 }
 
 std::string EndpointOf(const Json::Value& configuration, const std::string& name) {
-  const std::string address = TextOf(configuration[name]);
+  std::string address = TextOf(configuration[name]);
   if (!IsSafeAddress(address)) {
     throw ZeloException("the provider's configuration has no " + name + " that is https or on this machine");
   }

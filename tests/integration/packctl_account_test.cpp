@@ -119,7 +119,7 @@ class PackctlAccountTest : public testing::Test {
   ProgramResult SignIn(const std::vector<std::string>& more = {}) {
     WaitingSignIn waiting(provider_.issuer(), more);
     page_ = waiting.Browse();
-    const ProgramResult result = waiting.program().Wait();
+    ProgramResult result = waiting.program().Wait();
     for (const std::string& secret : provider_.secrets()) {
       EXPECT_THAT(result.output, Not(HasSubstr(secret)));
       EXPECT_THAT(result.errors, Not(HasSubstr(secret)));
@@ -673,7 +673,7 @@ TEST_F(PackctlAccountTest, SignOutTellsThatNobodyIsSignedIn) {
 
 TEST_F(PackctlAccountTest, TheHistoryDoesNotTellOfIt) {
   SignIn();
-  Appliance::Packctl({"account", "status"}).status;
+  EXPECT_EQ(Appliance::Packctl({"account", "status"}).status, 0);
   provider_.callback = {{"error", "access_denied"}};
   FailureOfSignIn();
   EXPECT_EQ(Appliance::Packctl({"account", "sign-out"}).status, 0);

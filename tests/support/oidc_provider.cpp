@@ -4,9 +4,11 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <ctime>
+#include <iomanip>
+#include <locale>
+#include <sstream>
 #include <vector>
 
 namespace orbamira::test {
@@ -58,9 +60,10 @@ std::string HttpDate(std::int64_t seconds) {
   const std::time_t time = seconds;
   std::tm parts{};
   gmtime_r(&time, &parts);
-  std::array<char, 64> text{};
-  std::strftime(text.data(), text.size(), "%a, %d %b %Y %H:%M:%S GMT", &parts);
-  return text.data();
+  std::ostringstream text;
+  text.imbue(std::locale::classic());
+  text << std::put_time(&parts, "%a, %d %b %Y %H:%M:%S GMT");
+  return text.str();
 }
 
 HttpResponse Refusal(const std::string& error) { return {.status = 400, .body = R"({"error":")" + error + "\"}"}; }
@@ -163,15 +166,15 @@ HttpResponse OidcProvider::Route(const HttpRequest& request) {
 }
 
 HttpResponse OidcProvider::LoginPage(const std::map<std::string, std::string>& query) const {
-  std::string page =
-      "<!doctype html><html lang=\"en\"><meta charset=\"utf-8\"><title>Example accounts</title>"
-      "<style>body{font:1.1rem sans-serif;margin:15vh auto;max-width:24rem}</style>"
-      "<h1>Example accounts</h1><form method=\"post\" action=\"/login\">";
+  std::ostringstream page;
+  page << "<!doctype html><html lang=\"en\"><meta charset=\"utf-8\"><title>Example accounts</title>"
+          "<style>body{font:1.1rem sans-serif;margin:15vh auto;max-width:24rem}</style>"
+          "<h1>Example accounts</h1><form method=\"post\" action=\"/login\">";
   for (const auto& [name, value] : query) {
-    page += "<input type=\"hidden\" name=\"" + name + "\" value=\"" + value + "\">";
+    page << R"(<input type="hidden" name=")" << name << R"(" value=")" << value << "\">";
   }
-  page += "<p><label>User <input id=\"user\" autofocus></label></p><p><button>Sign in</button></p></form></html>";
-  return {.headers = {{"Content-Type", "text/html; charset=utf-8"}}, .body = page};
+  page << "<p><label>User <input id=\"user\" autofocus></label></p><p><button>Sign in</button></p></form></html>";
+  return {.headers = {{"Content-Type", "text/html; charset=utf-8"}}, .body = page.str()};
 }
 
 HttpResponse OidcProvider::Authorize(const std::map<std::string, std::string>& query) {

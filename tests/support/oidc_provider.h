@@ -33,7 +33,7 @@ class OidcProvider {
   [[nodiscard]] std::string issuer() const { return server_.Url(""); }
 
   /// The claims of a token of this provider that is valid for `seconds` from now.
-  [[nodiscard]] Json::Value Claims(const std::string& client, std::int64_t seconds) const;
+  [[nodiscard]] Json::Value Claims(const std::string& audience, std::int64_t seconds) const;
 
   /// How many requests came for new tokens, and the form of the last of them.
   [[nodiscard]] std::size_t TokenRequests() const;

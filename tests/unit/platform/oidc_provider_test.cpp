@@ -81,7 +81,9 @@ TEST_F(RefreshTokensTest, RefreshTokensTakesTheLoopbackByAnyName) {
   const RefusingPort port;
   const std::string number = port.Url("").substr(port.Url("").rfind(':'));
   for (const std::string host : {"127.0.0.1", "localhost", "[::1]"}) {
-    EXPECT_THAT(FailureOf("http://" + host + number), StartsWith("the provider cannot be asked: ")) << host;
+    EXPECT_THAT(FailureOf(std::string("http://").append(host).append(number)),
+                StartsWith("the provider cannot be asked: "))
+        << host;
   }
 }
 

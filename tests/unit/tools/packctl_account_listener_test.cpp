@@ -126,7 +126,7 @@ TEST_F(AccountListenerTest, SilentClientsHoldUpNothing) {
   const auto begin = steady_clock::now();
   {
     AnswerListener listener(0, "state");
-    for (int i = 0; i < 40; ++i) {
+    for (std::size_t i = 0; i < 40; ++i) {
       silent.push_back(Connect(listener));
       EXPECT_GT(send(silent.back().get(), "GET / HT", i % 9, MSG_NOSIGNAL), -1);
     }

@@ -64,7 +64,7 @@ class AccountTokenTest : public testing::Test {
   std::string FailureWith(const char* claim, const Json::Value& value) {
     Json::Value right = claims_;
     claims_[claim] = value;
-    const std::string failure = Failure();
+    std::string failure = Failure();
     claims_ = right;
     return failure;
   }
@@ -72,7 +72,7 @@ class AccountTokenTest : public testing::Test {
   std::string FailureWithout(const char* claim) {
     Json::Value right = claims_;
     claims_.removeMember(claim);
-    const std::string failure = Failure();
+    std::string failure = Failure();
     claims_ = right;
     return failure;
   }
