@@ -1,0 +1,48 @@
+// The identity token of a sign-in and the provider's keys, both from the network: whatever they hold, the token is
+// refused with a reason, or it is what was expected. The input's first line is the key set, the rest the token.
+
+#include <string>
+
+#include "platform/id_token.h"
+#include "tests/fuzz/fuzzing.h"
+#include "tools/packctl/account_error.h"
+#include "tools/packctl/account_token.h"
+
+namespace {
+
+using orbamira::fuzz::Require;
+
+const orbamira::packctl::TokenExpectation& Expected() {
+  static const orbamira::packctl::TokenExpectation expected{.issuer = "https://i",
+                                                            .client_id = "client",
+                                                            .nonce = "nonce",
+                                                            .access_token = "access",
+                                                            .now = 1'800'000'000,
+                                                            .provider_time = 1'800'003'600};
+  return expected;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+  std::string text = orbamira::fuzz::Text(data, size);
+  const std::string keys = orbamira::fuzz::TakeLine(text);
+  int asked = 0;
+  try {
+    const orbazelo::IdToken token = orbamira::packctl::CheckIdToken(text, Expected(), [&] {
+      ++asked;
+      return keys;
+    });
+    const auto parts = orbazelo::ParseJsonWebToken(text);
+    Require(parts && orbamira::packctl::IsSignatureAlgorithm(parts->header["alg"].asString()),
+            "only a token signed with a public key is taken");
+    Require(asked > 0, "no token is taken without the provider's keys");
+    Require(token.issuer == Expected().issuer && token.IsFor(Expected().client_id) &&
+                parts->claims["nonce"] == Expected().nonce && token.expires > Expected().now && !token.subject.empty(),
+            "only a token that is ours is taken");
+  } catch (const orbamira::packctl::SignInError& error) {
+    Require(!std::string(error.what()).empty(), "a refusal has a reason");
+  }
+  Require(asked <= 2, "the keys are asked for once more at most");
+  return 0;
+}
