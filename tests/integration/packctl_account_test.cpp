@@ -700,7 +700,7 @@ TEST_F(PackctlAccountTest, TheProgramOfTheAccountCommandsTakesNoOthers) {
   const std::string program = fs::path(path::kOrbaArchivePath).replace_filename("orba-account");
   const ProgramResult result = RunningProgram({program, "status"}).Wait();
   EXPECT_EQ(result.status, 64);
-  EXPECT_EQ(result.errors, "packctl: use packctl for this command\n");
+  EXPECT_EQ(result.errors, "packctl: this command is packctl's\n");
 }
 
 TEST_F(PackctlAccountTest, SignInWithoutAnIssuerIsWrongUsage) {

@@ -1,9 +1,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <exception>
 #include <filesystem>
-#include <iostream>
 #include <system_error>
 
 #include "platform/constants.h"
@@ -26,17 +24,11 @@ namespace packctl = orbamira::packctl;
 
 }  // namespace
 
-int main(int argc, char** argv) try {
-  packctl::OpenStandardDescriptors();
-  const packctl::ParsedLine line = packctl::ParseCommandLine(argc, argv);
-  if (!line.invocation) {
-    return line.exit;
-  }
-  if (line.invocation->command->effect == packctl::Effect::kOwnProgram) {
-    BecomeAccountProgram(argv);
-  }
-  return packctl::Answer(*line.invocation, packctl::Run);
-} catch (const std::exception& error) {
-  std::cerr << "packctl: " << error.what() << '\n';
-  return packctl::kExitFailed;
+int main(int argc, char** argv) {
+  return packctl::Main(argc, argv, [argv](const packctl::Invocation& invocation) {
+    if (invocation.command->effect == packctl::Effect::kOwnProgram) {
+      BecomeAccountProgram(argv);
+    }
+    return packctl::Answer(invocation, packctl::Run);
+  });
 }

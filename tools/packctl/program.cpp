@@ -3,8 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <exception>
+#include <iostream>
 #include <system_error>
 
 #include "tools/packctl/json_line.h"
@@ -35,8 +38,6 @@ void SetUpSignals(const Console& console) {
   }
 }
 
-}  // namespace
-
 // A closed standard descriptor would go to the next file that is opened, and be written to as output.
 void OpenStandardDescriptors() {
   int fd = 0;
@@ -47,6 +48,30 @@ void OpenStandardDescriptors() {
     }
   }
   close(fd);
+}
+
+}  // namespace
+
+int Main(int argc, char** argv, const std::function<int(const Invocation&)>& answer) try {
+  OpenStandardDescriptors();
+  const ParsedLine line = ParseCommandLine(argc, argv);
+  return line.invocation ? answer(*line.invocation) : line.exit;
+} catch (const std::exception& error) {
+  std::cerr << "packctl: " << error.what() << '\n';
+  return kExitFailed;
+}
+
+Outcome Attempt(const Command& command, Context& context, std::span<const Function> functions) {
+  const auto function = std::find_if(functions.begin(), functions.end(),
+                                     [&](const Function& candidate) { return candidate.command == command.name; });
+  if (function == functions.end()) {
+    return Refused(kExitUsage, command, "failed", "this command is packctl's");
+  }
+  try {
+    return function->run(context);
+  } catch (const std::exception& error) {
+    return Refused(kExitFailed, command, "failed", error.what());
+  }
 }
 
 Outcome Refused(ExitStatus exit, const Command& command, const char* result, const std::string& problem) {

@@ -1,11 +1,9 @@
 #include "tools/packctl/run.h"
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <ctime>
 #include <exception>
-#include <string_view>
 #include <utility>
 
 #include "platform/constants.h"
@@ -19,27 +17,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-struct Function {
-  std::string_view command;
-  Outcome (*run)(Context&);
-};
-
 constexpr std::array kFunctions = {
     Function{"check", Check},   Function{"download", Download},   Function{"install", Install},
     Function{"update", Update}, Function{"remove", Remove},       Function{"status", Status},
     Function{"info", Info},     Function{"history", ShowHistory}, Function{"doctor", Doctor},
     Function{"codecs", Codecs}, Function{"plugins", Plugins},     Function{"recover", RunRecovery},
 };
-
-Outcome Attempt(const Command& command, Context& context) {
-  try {
-    const auto* const function = std::find_if(kFunctions.begin(), kFunctions.end(),
-                                              [&](const Function& f) { return f.command == command.name; });
-    return function->run(context);
-  } catch (const std::exception& error) {
-    return Refused(kExitFailed, command, "failed", error.what());
-  }
-}
 
 std::vector<std::string> Joined(std::vector<std::string> front, const std::vector<std::string>& back) {
   front.insert(front.end(), back.begin(), back.end());
@@ -69,7 +52,7 @@ Outcome RunAlone(const Command& command, Context& context) {
   const bool is_change = command.effect == Effect::kChange;
   const Clock::time_point begin = Clock::now();
   const std::optional<PackIdentity> before = is_change ? InstalledPack() : std::nullopt;
-  Outcome outcome = Attempt(command, context);
+  Outcome outcome = Attempt(command, context, kFunctions);
   const bool failed = outcome.exit == kExitFailed;
   Console::Held held = context.console.TakeHeld();
   std::vector<std::string> errors = failed ? Joined(std::move(held.log), outcome.problems) : outcome.problems;
