@@ -151,12 +151,12 @@ Json::Value DiscoverProvider(const std::string& issuer, const ProviderLimits& li
   if (!configuration) {
     throw ZeloException("the provider's configuration is not a JSON object");
   }
-  // Or one provider could speak for another.
-  const Json::Value& named = (*configuration)["issuer"];
-  if (named != Json::Value(issuer)) {
-    const std::string name = Quote(named, {});
+  // Or one provider could speak for another. Its name is shown only where it is the one asked but for a slash: a
+  // hostile one could name itself by a token.
+  if (const std::string name = TextOf((*configuration)["issuer"]); name != issuer) {
+    const bool but_for_slash = name == issuer + "/" || name + "/" == issuer;
     throw ZeloException("the provider's configuration is of another issuer than " + issuer +
-                        (name.empty() ? "" : ": " + name));
+                        (but_for_slash ? ": it names itself " + name : ""));
   }
   return *std::move(configuration);
 }

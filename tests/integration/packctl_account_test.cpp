@@ -371,7 +371,7 @@ TEST_F(PackctlAccountTest, SignInNeedsAnIssuerThatIsSafe) {
 TEST_F(PackctlAccountTest, SignInNeedsTheIssuerAsTheProviderNamesItself) {
   provider_.configuration["issuer"] = provider_.issuer() + "/";
   EXPECT_EQ(FailureBeforeSignIn(), "packctl: the provider's configuration is of another issuer than " +
-                                       provider_.issuer() + ": " + provider_.issuer() + "/\n");
+                                       provider_.issuer() + ": it names itself " + provider_.issuer() + "/\n");
 }
 
 TEST_F(PackctlAccountTest, SignInTellsThatTheProviderIsDown) {

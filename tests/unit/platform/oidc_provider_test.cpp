@@ -88,16 +88,27 @@ TEST_F(RefreshTokensTest, RefreshTokensTakesTheLoopbackByAnyName) {
 }
 
 TEST_F(RefreshTokensTest, RefreshTokensRefusesTheConfigurationOfAnotherIssuer) {
-  for (const Json::Value& issuer : {Json::Value("https://other.example"), Json::Value(provider_.issuer() + "/")}) {
-    provider_.configuration["issuer"] = issuer;
-    EXPECT_EQ(Failure(), "the provider's configuration is of another issuer than " + provider_.issuer() + ": " +
-                             issuer.asString());
-  }
-  for (const Json::Value& issuer : {Json::Value(), Json::Value(7), Json::Value(Json::objectValue)}) {
+  for (const Json::Value& issuer :
+       {Json::Value("https://other.example"), Json::Value(), Json::Value(7), Json::Value(Json::objectValue)}) {
     provider_.configuration["issuer"] = issuer;
     EXPECT_EQ(Failure(), "the provider's configuration is of another issuer than " + provider_.issuer());
   }
   EXPECT_EQ(provider_.TokenRequests(), 0U);
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensShowsTheNameOfAnIssuerThatDiffersByASlash) {
+  provider_.configuration["issuer"] = provider_.issuer() + "/";
+  EXPECT_EQ(Failure(), "the provider's configuration is of another issuer than " + provider_.issuer() +
+                           ": it names itself " + provider_.issuer() + "/");
+  provider_.configuration["issuer"] = provider_.issuer();
+  EXPECT_EQ(FailureOf(provider_.issuer() + "/"), "the provider's configuration is of another issuer than " +
+                                                     provider_.issuer() + "/: it names itself " + provider_.issuer());
+}
+
+// A provider knows the tokens that it gave, and its name was shown.
+TEST_F(RefreshTokensTest, RefreshTokensShowsNoTokenForAName) {
+  provider_.configuration["issuer"] = "https://old-refresh";
+  EXPECT_EQ(Failure(), "the provider's configuration is of another issuer than " + provider_.issuer());
 }
 
 TEST_F(RefreshTokensTest, RefreshTokensRefusesATokenEndpointThatIsNotSafe) {
