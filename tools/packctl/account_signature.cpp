@@ -38,7 +38,8 @@ constexpr std::array kAlgorithms = {
 // RFC 7518, section 3.3: 2048 bits, in base64url without padding.
 constexpr std::size_t kLeastModulus = (256 * 4 + 2) / 3;
 
-constexpr std::size_t kLongestQuote = 20;
+// Of an algorithm in RFC 7518 and its registry; what is longer may be anything.
+constexpr std::size_t kLongestName = 8;
 
 const Algorithm* FindAlgorithm(std::string_view name) {
   const auto* const found = std::find_if(kAlgorithms.begin(), kAlgorithms.end(),
@@ -114,7 +115,7 @@ void CheckSignature(const orbazelo::JsonWebToken& token, const KeySource& keys) 
   const Algorithm* const algorithm = FindAlgorithm(name);
   if (algorithm == nullptr) {
     throw SignInError("the identity token is not signed with a public key of the provider's: its algorithm is " +
-                      (name.empty() ? "missing" : name.substr(0, kLongestQuote)));
+                      (name.empty() ? "missing" : (name.size() <= kLongestName ? name : "unknown")));
   }
   // RFC 7515, section 4.1.11: what must be understood and is not.
   if (token.header.isMember("crit")) {
