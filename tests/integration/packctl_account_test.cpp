@@ -282,6 +282,7 @@ TEST_F(PackctlAccountTest, SignInDoesNotReplaceAnotherUser) {
   provider_.user = "other";
   EXPECT_EQ(FailureOfSignIn(),
             "another account is signed in, user of " + provider_.issuer() + ": sign it out first, or give --replace");
+  EXPECT_EQ(provider_.refresh_token(), "") << "what is not kept is given back";
   EXPECT_EQ(SignIn({"--replace"}).status, 0);
   EXPECT_EQ(orbazelo::User().GetId(), "other");
 }
@@ -432,6 +433,16 @@ TEST_F(PackctlAccountTest, SignInRefusesAKeyThatTheProviderDoesNotShow) {
   keys["keys"].append(test::SigningKey::Ec("key-0").jwk());
   provider_.keys = keys;
   EXPECT_EQ(FailureOfSignIn(), "the identity token is signed with a key that is not among the provider's");
+}
+
+TEST_F(PackctlAccountTest, SignInTellsWhyNothingWasKeptWhateverBecomesOfTheRefreshToken) {
+  provider_.keys_answer = [] { return HttpResponse{.status = 503}; };
+  provider_.revocation_answer = [] { return HttpResponse{.status = 500}; };
+  EXPECT_EQ(FailureOfSignIn(), "the provider answered 503 when asked for its keys");
+  provider_.configuration["revocation_endpoint"] = "http://accounts.example/revoke";
+  EXPECT_EQ(FailureOfSignIn(), "the provider answered 503 when asked for its keys");
+  provider_.configuration.removeMember("revocation_endpoint");
+  EXPECT_EQ(FailureOfSignIn(), "the provider answered 503 when asked for its keys");
 }
 
 TEST_F(PackctlAccountTest, SignInTellsThatTheKeysCannotBeHad) {

@@ -118,6 +118,18 @@ struct SignedIn {
   bool renewable = false;
 };
 
+// A refresh token that is not kept should not go on either. What is told is why it is not kept.
+void GiveBack(const SignInProvider& provider, const std::string& client_id, const std::string& refresh_token) {
+  constexpr const char* kEndpoint = "revocation_endpoint";
+  if (refresh_token.empty() || !provider.configuration.isMember(kEndpoint)) {
+    return;
+  }
+  try {
+    orbazelo::RevokeToken(orbazelo::EndpointOf(provider.configuration, kEndpoint), client_id, refresh_token);
+  } catch (const orbazelo::ZeloException&) {  // it then ends by itself
+  }
+}
+
 SignedIn Complete(const Context& context, const SignInProvider& provider, const SignInSecrets& secrets,
                   const std::string& client_id, AnswerListener& listener) {
   const SignInOptions& options = context.options.sign_in;
@@ -127,16 +139,21 @@ SignedIn Complete(const Context& context, const SignInProvider& provider, const 
                                                        .redirect_uri = listener.RedirectUri(),
                                                        .client_id = client_id,
                                                        .code_verifier = secrets.code_verifier});
-  orbazelo::IdToken token = CheckIdToken(tokens.id_token,
-                                         {.issuer = provider.issuer,
-                                          .client_id = client_id,
-                                          .nonce = secrets.nonce,
-                                          .access_token = tokens.access_token,
-                                          .now = std::time(nullptr),
-                                          .provider_time = tokens.date},
-                                         [&] { return orbazelo::FetchKeys(provider.jwks_uri); });
-  Keep({provider.issuer, token.subject}, {client_id, tokens.id_token, tokens.refresh_token}, options.replace);
-  return {std::move(token), !tokens.refresh_token.empty()};
+  try {
+    orbazelo::IdToken token = CheckIdToken(tokens.id_token,
+                                           {.issuer = provider.issuer,
+                                            .client_id = client_id,
+                                            .nonce = secrets.nonce,
+                                            .access_token = tokens.access_token,
+                                            .now = std::time(nullptr),
+                                            .provider_time = tokens.date},
+                                           [&] { return orbazelo::FetchKeys(provider.jwks_uri); });
+    Keep({provider.issuer, token.subject}, {client_id, tokens.id_token, tokens.refresh_token}, options.replace);
+    return {std::move(token), !tokens.refresh_token.empty()};
+  } catch (const std::exception&) {
+    GiveBack(provider, client_id, tokens.refresh_token);
+    throw;
+  }
 }
 
 Outcome Describe(const SignedIn& done) {

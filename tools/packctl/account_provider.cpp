@@ -56,7 +56,8 @@ SignInProvider AskProvider(const std::string& issuer) {
           .token_endpoint = orbazelo::EndpointOf(configuration, "token_endpoint"),
           .jwks_uri = orbazelo::EndpointOf(configuration, "jwks_uri"),
           .offers_refresh = MayOffer(configuration, "scopes_supported", "offline_access"),
-          .names_itself = configuration["authorization_response_iss_parameter_supported"] == Json::Value(true)};
+          .names_itself = configuration["authorization_response_iss_parameter_supported"] == Json::Value(true),
+          .configuration = configuration};
 }
 
 SignInSecrets MakeSecrets() { return {.state = RandomText(), .nonce = RandomText(), .code_verifier = RandomText()}; }

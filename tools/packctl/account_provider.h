@@ -1,5 +1,7 @@
 #pragma once
 
+#include <json/value.h>
+
 #include <string>
 
 namespace orbamira::packctl {
@@ -12,6 +14,7 @@ struct SignInProvider {
   std::string jwks_uri;
   bool offers_refresh = false;  ///< the scope for a refresh token may be asked for
   bool names_itself = false;    ///< its answers name their issuer (RFC 9207)
+  Json::Value configuration;    ///< all that it says of itself
 };
 
 /// Asks the provider for its configuration and sees that it offers what a sign-in needs. Throws SignInError, or
