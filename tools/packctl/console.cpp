@@ -118,6 +118,10 @@ Console::Held Console::TakeHeld() {
   const ssize_t length = pread(held_, text.data(), text.size(), taken_);
   text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
   taken_ = size;
+  if (size > 0) {
+    // A command that runs for months would gather them. Should it fail, that costs memory alone.
+    static_cast<void>(fallocate(held_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, size));
+  }
 
   Held held;
   std::istringstream lines(text);
