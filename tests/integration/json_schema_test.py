@@ -4,6 +4,7 @@ usage: json_schema_test.py --build BUILD --source SOURCE
 """
 
 import argparse
+import contextlib
 import copy
 import fcntl
 import json
@@ -84,7 +85,8 @@ class JsonSchemaTest(unittest.TestCase):
     def test_is_a_schema_of_the_commands_that_there_are(self):
         jsonschema.Draft202012Validator.check_schema(self.schema)
         commands = [self.definition(name) for name in self.commands()]
-        self.assertEqual(set(self.schema["$defs"]) - {"status_text", "pack"}, set(commands))
+        parts = {"status_text", "step_text", "pack", "history_entry", "web_state"}
+        self.assertEqual(set(self.schema["$defs"]) - parts, set(commands))
         self.assertEqual([form["$ref"] for form in self.schema["anyOf"]],
                          [f"#/$defs/{name}" for name in self.schema["$defs"] if name in commands])
 
@@ -182,6 +184,43 @@ class JsonSchemaTest(unittest.TestCase):
         self.assertEqual(watch.returncode, 0)
         for line in lines:
             self.validator("status").validate(json.loads(line))
+
+    def test_web(self):
+        with self.running_web() as address:
+            first = self.check_state(address)
+            self.assertEqual(first["status"], "lost")
+            self.appliance.expect("update")
+            done = self.check_state(address, after=first["tag"])
+            while done["status"] != "up_to_date" or not done["history"] or done["at_work"]:
+                done = self.check_state(address, after=done["tag"])
+            self.assertEqual(done["installed"]["version"], "1.0")
+            self.appliance.status_file.write_text('{"status": "dancing"}')
+            while done["status"] is not None:
+                done = self.check_state(address, after=done["tag"])
+
+    def test_web_that_cannot_start(self):
+        (self.appliance.root / "usr/share/orbamira/web").unlink()
+        self.check("web", FAILED)
+
+    @contextlib.contextmanager
+    def running_web(self):
+        web = subprocess.Popen([self.appliance.root / "packctl", "web", "--json"], env=self.appliance.environment(),
+                               stdout=subprocess.PIPE, text=True)
+        with web:
+            line = json.loads(web.stdout.readline())
+            self.validator("web").validate(line)
+            self.check_strict("web", line)
+            try:
+                yield line["address"]
+            finally:
+                web.terminate()
+
+    def check_state(self, address, after=""):
+        with urllib.request.urlopen(f"{address}api/state?after={after}", timeout=60) as answer:
+            state = json.load(answer)
+        self.validator("web_state").validate(state)
+        self.check_strict("web_state", state)
+        return state
 
 
 if __name__ == "__main__":

@@ -40,12 +40,21 @@ struct SignInOptions {
   bool replace = false;        ///< whatever account there is
 };
 
+/// What the user asked of the command web.
+struct WebOptions {
+  std::string listen = "127.0.0.1";          ///< a numeric address
+  int port = 0;                              ///< 0 for one that is free
+  std::string token_file = {};               ///< where the token is; empty for one of the moment, which is printed
+  std::vector<std::string> host_names = {};  ///< further names under which it may be asked
+};
+
 /// What the user asked of a command.
 struct Options {
   bool json = false;                      ///< the answer will be JSON: nothing else is shown in between
   bool watch = false;                     ///< status: go on until interrupted
   std::optional<std::size_t> limit = {};  ///< history: only so many entries
   SignInOptions sign_in = {};
+  WebOptions web = {};
 };
 
 /// What a command may use besides the library.
@@ -63,6 +72,9 @@ Outcome ShowHistory(Context& context);
 
 /// Looks for what is wrong with the machine and says what to do about it. Changes nothing, makes nothing.
 Outcome Doctor(Context& context);
+
+/// Shows the state to browsers, and checks and updates for those that bring the token, until a signal ends the program.
+Outcome Web(Context& context);
 
 /// Asks the plugins who they are. The library's answer file allows one at a time, so it excludes the changing commands.
 Outcome Plugins(Context& context);

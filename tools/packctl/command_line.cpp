@@ -56,6 +56,11 @@ constexpr std::array kCommands = {
             "With --json: result (well or faults) and the list findings of check, problem and remedy."},
     Command{"codecs", Effect::kNone, "Show which codecs are installed and which are asked for",
             "With --json: the lists installed and requested."},
+    Command{
+        "web", Effect::kNone, "Show all of this in a browser, until interrupted",
+        "Prints the page's address, and a link with the token that checking and updating from the page takes. Runs\n"
+        "until SIGINT or SIGTERM (Ctrl-C) ends it with exit status 0; an update that was begun goes on.\n"
+        "With --json: address and token, which is null with --token-file."},
     Command{"plugins", Effect::kExclusive, "List the plugins that are told of installs",
             "Prints one application id a line; with --json: the list app_ids."},
     Command{
@@ -134,6 +139,19 @@ void AddSignInOptions(CLI::App& command, SignInOptions& options) {
   command.add_flag("--replace", options.replace, "Give up the account that is signed in now");
 }
 
+void AddWebOptions(CLI::App& web, WebOptions& options) {
+  web.add_option("--listen", options.listen, "Listen at this numeric address (by default 127.0.0.1); there is no TLS")
+      ->type_name("ADDRESS");
+  web.add_option("--port", options.port, "Listen at this port; 0, the default, is one that is free")
+      ->type_name("N")
+      ->check(NumberBetween(0, 65535));
+  web.add_option("--token-file", options.token_file, "Take the token from this file of mode 0600, and do not print it")
+      ->type_name("FILE");
+  web.add_option("--host-name", options.host_names, "Answer requests for this host too; may be given again")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
+}
+
 // The parser, which writes what it finds into `options`.
 std::unique_ptr<CLI::App> MakeApp(Options& options) {
   auto app = std::make_unique<CLI::App>("Keeps the media codec pack up to date.", "packctl");
@@ -152,6 +170,7 @@ std::unique_ptr<CLI::App> MakeApp(Options& options) {
       ->type_name("N")
       ->check(CLI::Validator(CLI::NonNegativeNumber).description(""));
   AddSignInOptions(*app->get_subcommand(kAccount)->get_subcommand("sign-in"), options.sign_in);
+  AddWebOptions(*app->get_subcommand("web"), options.web);
   return app;
 }
 

@@ -22,6 +22,7 @@ constexpr std::array kFunctions = {
     Function{"update", Update}, Function{"remove", Remove},       Function{"status", Status},
     Function{"info", Info},     Function{"history", ShowHistory}, Function{"doctor", Doctor},
     Function{"codecs", Codecs}, Function{"plugins", Plugins},     Function{"recover", RunRecovery},
+    Function{"web", Web},
 };
 
 std::vector<std::string> Joined(std::vector<std::string> front, const std::vector<std::string>& back) {
