@@ -154,7 +154,9 @@ class Site {
     }
     const std::string command = request.path == kUpdatePath ? "update" : "check";
     try {
-      actions_.Start(command);
+      if (!actions_.Start(command)) {
+        return ErrorReply(409, Busy(true));
+      }
     } catch (const std::exception& error) {
       return ErrorReply(500, error.what());
     }

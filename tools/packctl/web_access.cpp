@@ -129,7 +129,7 @@ bool WebAccess::IsOurs(const std::string& host, const std::string& local) const 
   const auto is_address = [&](const std::string& name) {
     return host == name + port || (port == ":80" && host == name);
   };
-  return is_address(WithoutPort(local)) || (IsLoopback(local) && is_address("localhost")) ||
+  return (!local.empty() && is_address(WithoutPort(local))) || (IsLoopback(local) && is_address("localhost")) ||
          std::find(names_.begin(), names_.end(), host) != names_.end() ||
          std::find(names_.begin(), names_.end(), WithoutPort(host)) != names_.end();
 }

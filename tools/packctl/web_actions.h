@@ -21,7 +21,7 @@ class WebActions {
   WebActions& operator=(const WebActions&) = delete;
 
   /// Starts "packctl COMMAND". False when one is at work already. Throws std::system_error when it cannot be started.
-  bool Start(const std::string& command);
+  [[nodiscard]] bool Start(const std::string& command);
 
   /// The action at work or the last one; null when there was none: {"command", "running", "exit", "result",
   /// "problems"}, of which exit and result are null while it runs. The exit status is -N when signal N ended it.

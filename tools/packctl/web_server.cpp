@@ -36,7 +36,7 @@ UniqueFd Listen(const std::string& address, int port) {
   const int on = 1;
   if (!fd.valid() || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
       bind(fd.get(), found->ai_addr, found->ai_addrlen) != 0 ||
-      listen(fd.get(), static_cast<int>(WebServer::kMaxClients)) != 0) {
+      listen(fd.get(), SOMAXCONN) != 0) {
     tools::ThrowErrno("cannot listen at " + tools::Printable(address) + ", port " + std::to_string(port));
   }
   return fd;
@@ -117,18 +117,22 @@ int WebServer::Timeout() const {
 }
 
 void WebServer::Accept() {
+  // Few at a time: each is heard before it may have to make room for the next.
+  constexpr int kAtATime = 16;
   constexpr std::chrono::milliseconds kPause{200};
-  UniqueFd fd(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-  if (!fd.valid()) {
-    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-      accept_at_ = Clock::now() + kPause;
+  for (int i = 0; i < kAtATime; ++i) {
+    UniqueFd fd(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!fd.valid()) {
+      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+        accept_at_ = Clock::now() + kPause;
+      }
+      return;
     }
-    return;
+    MakeRoom();
+    std::string local = LocalAuthority(fd.get());
+    clients_.push_back({.fd = std::move(fd), .local = std::move(local)});
+    Enter(clients_.back(), Phase::kReading, kPatience);
   }
-  MakeRoom();
-  std::string local = LocalAuthority(fd.get());
-  clients_.push_back({.fd = std::move(fd), .local = std::move(local)});
-  Enter(clients_.back(), Phase::kReading, kPatience);
 }
 
 void WebServer::MakeRoom() {

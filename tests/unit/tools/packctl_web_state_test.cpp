@@ -1,0 +1,239 @@
+// What "packctl web" finds on the machine.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <json/writer.h>
+#include <sys/file.h>
+
+#include <condition_variable>
+#include <filesystem>
+
+#include "platform/constants.h"
+#include "platform/file_lock.h"
+#include "platform/key_value_store.h"
+#include "tests/support/test_root.h"
+#include "tools/packctl/exclusive_lock.h"
+#include "tools/packctl/history.h"
+#include "tools/packctl/web_state.h"
+#include "updater/pack_status_helper.h"
+
+namespace orbamira::packctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(HolderOfTest, NamesTheProcessThatHoldsTheLock) {
+  const std::string file = path::kPackctlLock;
+  EXPECT_EQ(HolderOf(file), std::nullopt) << "there is no such file";
+  {
+    const ExclusiveLock lock(file);
+    EXPECT_EQ(HolderOf(file), getpid());
+  }
+  EXPECT_EQ(HolderOf(file), std::nullopt);
+}
+
+TEST(HolderOfTest, DoesNotTakeAWaiterOrAnotherLockForAHolder) {
+  const std::string file = path::kPackctlLock;
+  test::WriteFile(file, "");
+  const ExclusiveLock other(path::kAccountLock);
+  const UniqueFd shared(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(flock(shared.get(), LOCK_SH), 0);
+  EXPECT_EQ(HolderOf(file), std::nullopt);
+}
+
+class StateReaderTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fs::remove_all(test::Root() / "var");
+    fs::create_directories(kTargetFolder);
+  }
+
+  static void InstallPack() {
+    test::WriteFile(path::kPackInfoPath, "package=\"orbamira-hevc\"\nversion=\"1.0\"\n");
+    test::WriteFile(path::kHasHevcPath, "");
+  }
+
+  static std::unique_ptr<updater::IPackStatusHelper> Status() { return updater::PackStatusHelper::Create(); }
+
+  Console console_;
+  Context context_{.console = console_, .options = {}};
+  StateReader reader_{context_};
+};
+
+TEST_F(StateReaderTest, LookAtAFreshMachineFindsNothingAndNoProblem) {
+  const Json::Value state = reader_.Look();
+  EXPECT_EQ(state["status"], "lost");
+  EXPECT_EQ(state["meaning"], "nothing is recorded yet");
+  EXPECT_FALSE(state["under_way"].asBool());
+  for (const char* member : {"step", "progress", "offer", "installed", "why_no_update"}) {
+    EXPECT_TRUE(state.isMember(member)) << member;
+    EXPECT_TRUE(state[member].isNull()) << member;
+  }
+  EXPECT_TRUE(state["requested"].empty());
+  EXPECT_TRUE(state["history"].empty());
+  EXPECT_TRUE(state["problems"].empty()) << state["problems"];
+  EXPECT_FALSE(state["at_work"].asBool());
+}
+
+TEST_F(StateReaderTest, LookFindsThePackAndWhatWaits) {
+  InstallPack();
+  test::WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player"]})");
+  Status()->SetAsNeedInstall("2.0", "orbamira-hevc-aac");
+  const Json::Value state = reader_.Look();
+  EXPECT_EQ(state["installed"]["package"], "orbamira-hevc");
+  EXPECT_EQ(state["installed"]["version"], "1.0");
+  EXPECT_GT(state["installed"]["updated"].asInt64(), 0);
+  ASSERT_EQ(state["installed"]["codecs"].size(), 1U);
+  EXPECT_EQ(state["installed"]["codecs"][0], "hevc");
+  ASSERT_EQ(state["requested"].size(), 1U);
+  EXPECT_EQ(state["requested"][0], "aac");
+  EXPECT_EQ(state["offer"]["package"], "orbamira-hevc-aac");
+  EXPECT_EQ(state["offer"]["version"], "2.0");
+}
+
+TEST_F(StateReaderTest, LookFollowsTheProgressAndTheSteps) {
+  const auto status = Status();
+  status->SetAsDownloadInstalling(0L, 0L);
+  EXPECT_TRUE(reader_.Look()["progress"].isNull());
+  status->SetAsDownloadInstalling(512, 0);
+  Json::Value progress = reader_.Look()["progress"];
+  EXPECT_EQ(progress["text"], "512 B");
+  EXPECT_TRUE(progress["total"].isNull());
+  EXPECT_TRUE(progress["percent"].isNull());
+  status->SetAsDownloadInstalling(3000000000, 4000000000);
+  progress = reader_.Look()["progress"];
+  EXPECT_EQ(progress["now"].asInt64(), 3000000000);
+  EXPECT_EQ(progress["total"].asInt64(), 4000000000);
+  EXPECT_EQ(progress["percent"], 75);
+  EXPECT_EQ(progress["text"], "2.8 GiB of 3.7 GiB (75 %)");
+  InstallPack();
+  EXPECT_EQ(reader_.Look()["installed"]["version"], "1.0") << "nothing of the record has changed: a look at all";
+  status->SetAsDownloadInstalling(updater::kStepInstall);
+  const Json::Value state = reader_.Look();
+  EXPECT_TRUE(state["under_way"].asBool());
+  EXPECT_EQ(state["step"], "install");
+  EXPECT_TRUE(state["progress"].isNull());
+}
+
+TEST_F(StateReaderTest, LookNamesEveryStepInTheOrderOfAnUpgrade) {
+  std::string steps;
+  const Json::Value state = reader_.Look();
+  for (const Json::Value& step : state["steps"]) {
+    EXPECT_NE(step["words"], "");
+    steps += step["step"].asString() + " ";
+  }
+  EXPECT_EQ(steps, "pre_uninstall uninstall post_uninstall pre_install install post_install ");
+}
+
+TEST_F(StateReaderTest, LookTellsWhyAnUpdateIsNotPermitted) {
+  Status()->SetAsDownloadFailed();
+  EXPECT_EQ(reader_.Look()["why_no_update"],
+            "the update is not permitted while the recorded status is download_failed (the last download failed)");
+  Status()->SetAsDownloadInstallFailed();
+  EXPECT_TRUE(reader_.Look()["why_no_update"].isNull());
+}
+
+TEST_F(StateReaderTest, LookTellsOfARecordThatCannotBeReadAndOfTheRest) {
+  InstallPack();
+  store::FileKeyValueStore::Create(path::kPackStatusFile)->Set(webapi::param::kStatus, "dancing");
+  Json::Value state = reader_.Look();
+  EXPECT_TRUE(state["status"].isNull());
+  EXPECT_EQ(state["problems"][0], "the recorded status cannot be read; \"packctl recover\" mends it");
+  EXPECT_EQ(state["why_no_update"], state["problems"][0]);
+  EXPECT_EQ(state["installed"]["version"], "1.0");
+  Status()->SetAsUpToDate();
+  state = reader_.Look();
+  EXPECT_EQ(state["status"], "up_to_date");
+  EXPECT_TRUE(state["problems"].empty());
+}
+
+TEST_F(StateReaderTest, LookTellsOfAHistoryThatCannotBeReadAndOfTheRest) {
+  InstallPack();
+  fs::create_directories(path::kHistoryFile);
+  const Json::Value state = reader_.Look();
+  EXPECT_TRUE(state["history"].isArray());
+  EXPECT_TRUE(state["history"].empty());
+  EXPECT_EQ(state["installed"]["version"], "1.0");
+  ASSERT_EQ(state["problems"].size(), 1U);
+  EXPECT_THAT(state["problems"][0].asString(), testing::HasSubstr("is no file"));
+}
+
+TEST_F(StateReaderTest, LookShowsTheNewestTwentyEntries) {
+  for (int i = 0; i < 30; ++i) {
+    AppendToHistory({.time = i, .command = "check", .result = "new_pack"});
+  }
+  const Json::Value history = reader_.Look()["history"];
+  ASSERT_EQ(history.size(), 20U);
+  EXPECT_EQ(history[0]["time"], 10);
+  EXPECT_EQ(history[19]["time"], 29);
+}
+
+TEST_F(StateReaderTest, LookTellsWhetherAnotherIsAtWork) {
+  const ExclusiveLock lock(path::kPackctlLock);
+  EXPECT_TRUE(reader_.Look()["at_work"].asBool());
+}
+
+/// Counts what a WebState tells of, and waits for it.
+class Changes {
+ public:
+  void Add() {
+    const std::lock_guard lock(mutex_);
+    ++count_;
+    added_.notify_all();
+  }
+
+  /// Whether `holds` becomes true at one of the changes; asked again at each, and first at once.
+  template <typename Condition>
+  bool Await(Condition holds) {
+    std::unique_lock lock(mutex_);
+    return added_.wait_for(lock, std::chrono::seconds(30), holds);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable added_;
+  int count_ = 0;
+};
+
+TEST(WebStateTest, TellsOfEachChangeOfRecordHistoryAndRequirements) {
+  fs::create_directories(kTargetFolder);
+  Console console;
+  Context context{.console = console, .options = {}};
+  Changes changes;
+  const WebState state(context, [&] { changes.Add(); });
+  ASSERT_TRUE(changes.Await([&] { return state.Latest()["status"] == "lost"; }));
+  EXPECT_GT(state.Latest()["time"].asInt64(), 0);
+  updater::PackStatusHelper::Create()->SetAsNeedDownload("2.0");
+  ASSERT_TRUE(changes.Await([&] { return state.Latest()["offer"]["version"] == "2.0"; }));
+  AppendToHistory({.time = 7, .command = "check", .result = "new_pack"});
+  ASSERT_TRUE(changes.Await([&] { return state.Latest()["history"].size() == 1; }));
+  test::WriteFile(path::kCodecRequirementsPath, R"({"hevc": ["player"]})");
+  ASSERT_TRUE(changes.Await([&] { return state.Latest()["requested"].size() == 1; }));
+}
+
+TEST(WebStateTest, SeesTheEndOfSomebodysWork) {
+  fs::create_directories(kTargetFolder);
+  Console console;
+  Context context{.console = console, .options = {}};
+  Changes changes;
+  std::optional<ExclusiveLock> lock(path::kPackctlLock);
+  const WebState state(context, [&] { changes.Add(); });
+  ASSERT_TRUE(changes.Await([&] { return state.Latest()["at_work"].asBool(); }));
+  lock.reset();
+  ASSERT_TRUE(changes.Await([&] { return !state.Latest()["at_work"].asBool(); }));
+}
+
+TEST(WebStateTest, LatestDoesNotWaitForALockThatSomebodyKeeps) {
+  fs::create_directories(kTargetFolder);
+  Console console;
+  Context context{.console = console, .options = {}};
+  std::optional<store::FileLock> lock(path::kPackStatusLock);
+  Changes changes;
+  const WebState state(context, [&] { changes.Add(); });
+  EXPECT_TRUE(state.Latest().isNull());
+  lock.reset();
+  EXPECT_TRUE(changes.Await([&] { return !state.Latest().isNull(); }));
+}
+
+}  // namespace
+}  // namespace orbamira::packctl
