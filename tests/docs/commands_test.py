@@ -35,7 +35,7 @@ RUN_ELSEWHERE = (
 STUB = """#!/bin/sh
 for word in "$@"; do
   case "$word" in
-    *.service | *.timer) [ -e "{source}/packaging/systemd/$word" ] || exit 1 ;;
+    *.service | *.timer) [ -e "{source}/packaging/systemd/$word" ] || [ -e "{source}/packaging/systemd/$word.in" ] || exit 1 ;;
   esac
 done
 """

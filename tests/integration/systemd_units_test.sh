@@ -37,7 +37,7 @@ done
 
 # Every command that a unit gives is one that packctl has.
 mapfile -t commands < <(grep -hoE "$packctl [a-z]+" "$units"/*.service | awk '{ print $2 }' | sort -u)
-[ "${commands[*]}" = 'check recover update' ] || fail "commands: ${commands[*]}"
+[ "${commands[*]}" = 'check recover update web' ] || fail "commands: ${commands[*]}"
 for command in "${commands[@]}"; do
   "$packctl" "$command" --help > /dev/null || fail "packctl has no command $command"
 done

@@ -6,11 +6,12 @@
 #include <unistd.h>
 
 #include <array>
-#include <cinttypes>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <exception>
 #include <fstream>
+#include <sstream>
 #include <utility>
 
 #include "platform/constants.h"
@@ -142,16 +143,21 @@ std::optional<int> HolderOf(const std::string& lock_path) {
   if (stat(lock_path.c_str(), &lock) != 0) {
     return std::nullopt;
   }
+  // A line of the kernel's: "1: FLOCK  ADVISORY  WRITE 4711 fe:01:265 0 EOF"; that of a waiter has an arrow in it.
+  std::array<char, 64> name{};
+  std::snprintf(name.data(), name.size(), "%02x:%02x:%ju", major(lock.st_dev), minor(lock.st_dev),
+                static_cast<std::uintmax_t>(lock.st_ino));
   std::ifstream locks("/proc/locks");
   for (std::string line; std::getline(locks, line);) {
+    std::istringstream words(line);
+    std::string number;
+    std::string kind;
+    std::string advisory;
+    std::string access;
+    std::string file;
     int holder = 0;
-    unsigned int major_number = 0;
-    unsigned int minor_number = 0;
-    std::uint64_t inode = 0;
-    // "1: FLOCK  ADVISORY  WRITE 4711 fe:01:265 0 EOF"; who waits has an arrow behind the number.
-    if (std::sscanf(line.c_str(), "%*d: FLOCK %*s WRITE %d %x:%x:%" SCNu64, &holder, &major_number, &minor_number,
-                    &inode) == 4 &&
-        makedev(major_number, minor_number) == lock.st_dev && inode == lock.st_ino) {
+    words >> number >> kind >> advisory >> access >> holder >> file;
+    if (kind == "FLOCK" && access == "WRITE" && file == name.data()) {
       return holder;
     }
   }

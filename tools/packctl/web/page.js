@@ -96,11 +96,10 @@ function showSteps() {
   const steps = state.steps.filter((known) => !(isFirstInstall && known.step.endsWith("uninstall")));
   const current = steps.findIndex((known) => known.step === state.step);
   byId("steps").replaceChildren(...steps.map((known, index) => {
-    const item = element("li", capitalized(known.words));
+    const isPast = index < current;
+    const item = element("li", capitalized(known.words) + (isPast ? " – done" : ""), { class: isPast ? "past" : "" });
     if (index === current) {
       item.setAttribute("aria-current", "step");
-    } else if (index < current) {
-      item.className = "past";
     }
     return item;
   }));
