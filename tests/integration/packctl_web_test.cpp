@@ -26,6 +26,7 @@
 #include "tests/support/test_root.h"
 #include "tools/packctl/exclusive_lock.h"
 #include "tools/packctl/web_server.h"
+#include "tools/packctl/web_state.h"
 #include "updater/pack_status_helper.h"
 
 namespace orbamira {
@@ -403,6 +404,9 @@ TEST_F(PackctlWebTest, AnUpdateGoesOnWhenItsServerIsEnded) {
   Start();
   ASSERT_EQ(Act("update").status, 202);
   AwaitState([](const Json::Value& now) { return now["progress"]["percent"].asInt() > 0; });
+  const auto updater = packctl::HolderOf(path::kPackctlLock);
+  ASSERT_TRUE(updater);
+  EXPECT_EQ(getsid(*updater), *updater) << "what ends our session must not reach it";
   const Client waiting(port_);
   waiting.Send(Request("GET /api/state?after=" + State()["tag"].asString()));
   const Client silent(port_);

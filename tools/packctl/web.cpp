@@ -178,8 +178,6 @@ class Site {
   std::shared_ptr<const std::string> text_;  // of the state
 };
 
-bool IsLoopback(const std::string& local) { return local.starts_with("127.") || local.starts_with("[::1]:"); }
-
 std::string StartLines(bool json, const std::string& address, const std::string& token, bool show_token) {
   if (json) {
     Json::Value answer;

@@ -20,20 +20,11 @@ constexpr std::size_t kShortestToken = 32;
 constexpr std::size_t kLongestToken = 256;
 constexpr const char* kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~+/=";
 
-std::string LowerCase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](char letter) {
-    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter | 0x20) : letter;
-  });
-  return text;
-}
-
 // "name" of "name:80" and of "name"; "[::1]" of "[::1]:80".
 std::string WithoutPort(const std::string& host) {
   const std::size_t colon = host.find(':', host.find(']') + 1);
   return host.substr(0, colon);
 }
-
-bool IsLoopback(const std::string& local) { return local.starts_with("127.") || local.starts_with("[::1]"); }
 
 // How long the comparison takes tells nothing of where the texts differ.
 bool IsSame(const std::string& given, const std::string& secret) {
@@ -49,6 +40,8 @@ bool IsFromElsewhere(const HttpRequest& request, const std::string& host) {
 }
 
 }  // namespace
+
+bool IsLoopback(const std::string& local) { return local.starts_with("127.") || local.starts_with("[::1]:"); }
 
 std::string MakeToken() {
   constexpr const char* kDigits = "0123456789abcdef";

@@ -8,6 +8,9 @@
 
 namespace orbamira::packctl {
 
+/// Whether the address and port are of this machine alone.
+bool IsLoopback(const std::string& local);
+
 /// 256 bits of the kernel's chance, in hexadecimal. Throws std::system_error.
 std::string MakeToken();
 

@@ -38,14 +38,6 @@ bool HasControls(std::string_view text) {
                      [](unsigned char letter) { return (letter < ' ' && letter != '\t') || letter == 0x7f; });
 }
 
-std::string LowerCase(std::string_view text) {
-  std::string lower(text);
-  std::transform(lower.begin(), lower.end(), lower.begin(), [](char letter) {
-    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter | 0x20) : letter;
-  });
-  return lower;
-}
-
 bool ReadRequestLine(std::string_view line, HttpRequest& request) {
   const auto method = TakeUntil(line, " ");
   const auto target = TakeUntil(line, " ");
@@ -107,6 +99,14 @@ const char* Reason(int status) {
 }
 
 }  // namespace
+
+std::string LowerCase(std::string_view text) {
+  std::string lower(text);
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](char letter) {
+    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter | 0x20) : letter;
+  });
+  return lower;
+}
 
 std::optional<std::string> HttpRequest::Field(const std::string& name) const {
   const auto field = fields.find(name);

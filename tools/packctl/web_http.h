@@ -12,6 +12,9 @@
 /// before all of it is there.
 namespace orbamira::packctl {
 
+/// The text with the letters A to Z as a to z, which is all that HTTP means by it.
+std::string LowerCase(std::string_view text);
+
 /// A request as it was sent.
 struct HttpRequest {
   std::string method;

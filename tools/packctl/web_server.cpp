@@ -35,8 +35,7 @@ UniqueFd Listen(const std::string& address, int port) {
   UniqueFd fd(socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   const int on = 1;
   if (!fd.valid() || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-      bind(fd.get(), found->ai_addr, found->ai_addrlen) != 0 ||
-      listen(fd.get(), SOMAXCONN) != 0) {
+      bind(fd.get(), found->ai_addr, found->ai_addrlen) != 0 || listen(fd.get(), SOMAXCONN) != 0) {
     tools::ThrowErrno("cannot listen at " + tools::Printable(address) + ", port " + std::to_string(port));
   }
   return fd;

@@ -145,8 +145,8 @@ std::optional<int> HolderOf(const std::string& lock_path) {
   }
   // A line of the kernel's: "1: FLOCK  ADVISORY  WRITE 4711 fe:01:265 0 EOF"; that of a waiter has an arrow in it.
   std::array<char, 64> name{};
-  std::snprintf(name.data(), name.size(), "%02x:%02x:%ju", major(lock.st_dev), minor(lock.st_dev),
-                static_cast<std::uintmax_t>(lock.st_ino));
+  static_cast<void>(std::snprintf(name.data(), name.size(), "%02x:%02x:%ju", major(lock.st_dev), minor(lock.st_dev),
+                                  static_cast<std::uintmax_t>(lock.st_ino)));
   std::ifstream locks("/proc/locks");
   for (std::string line; std::getline(locks, line);) {
     std::istringstream words(line);

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -125,6 +126,17 @@ TEST_F(ConsoleTest, TakeHeldIsBounded) {
   }
   EXPECT_THAT(console.TakeHeld().other, SizeIs(64));
   EXPECT_THAT(console.TakeHeld().other, IsEmpty());
+}
+
+TEST_F(ConsoleTest, TakeHeldGivesTheMemoryBackAndGoesOn) {
+  Console console;
+  WriteTo(STDOUT_FILENO, std::string(1UL << 20, 'x') + "\n");
+  console.TakeHeld();
+  struct stat held {};
+  ASSERT_EQ(fstat(STDOUT_FILENO, &held), 0);
+  EXPECT_LE(held.st_blocks, 2 * 4096 / 512);
+  WriteTo(STDERR_FILENO, "next\n");
+  EXPECT_THAT(console.TakeHeld().other, ElementsAre("next"));
 }
 
 TEST_F(ConsoleTest, PrintReportsAFullDisk) {

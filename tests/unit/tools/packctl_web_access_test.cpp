@@ -143,7 +143,7 @@ TEST(MakeTokenTest, IsTwoHundredFiftySixBitsAndNeverTheSame) {
 class ReadTokenTest : public testing::Test {
  protected:
   std::string Write(const std::string& text, fs::perms mode = fs::perms(0600)) const {
-    const std::string file = folder_.File("token");
+    std::string file = folder_.File("token");
     test::WriteFile(file, text);
     fs::permissions(file, mode);
     return file;
