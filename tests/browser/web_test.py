@@ -410,8 +410,10 @@ class WebTest(unittest.TestCase):
     def resize(self, browser, width, scale=1):
         """Gives the window this width and the height of what is in it."""
         metrics = {"width": width, "height": 800, "deviceScaleFactor": scale, "mobile": False}
-        browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", metrics)
-        metrics["height"] = browser.execute_script("return document.documentElement.scrollHeight")
+        for _ in range(2):  # the second time without the scroll bar of the first
+            browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", metrics)
+            metrics["height"] = browser.execute_script(
+                "return Math.ceil(document.body.getBoundingClientRect().bottom)")
         browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", metrics)
 
     def check_looks(self, browser, name):
@@ -471,6 +473,24 @@ class WebTest(unittest.TestCase):
                 [...document.styleSheets].forEach((sheet) => look(sheet.cssRules, "any"));
                 return found;""")
             self.assertEqual(moving, ["(prefers-reduced-motion: no-preference)"])
+
+    def test_asks_for_nothing_while_nobody_sees_it(self):
+        self.appliance.status_file.write_text('{"status": "need_download", "new_version": "1.0"}')
+        self.start_web()
+        with open_browser(width=WIDE) as browser:
+            self.open_page(browser)
+            hide = ("Object.defineProperty(document, 'hidden', {value: arguments[0], configurable: true});"
+                    "document.dispatchEvent(new Event('visibilitychange'))")
+            browser.execute_script(hide, True)
+            # The first change answers what it had asked before; later it is given the time to ask again.
+            shown = "setTimeout(() => arguments[0](document.getElementById('offer').textContent), 600)"
+            for version in ("2.0", "3.0"):
+                self.appliance.status_file.write_text(f'{{"status": "need_download", "new_version": "{version}"}}')
+                self.await_that(browser, lambda version=version: self.state()["offer"]["version"] == version)
+                text = browser.execute_async_script(shown)
+            self.assertNotEqual(text, "version 3.0")
+            browser.execute_script(hide, False)
+            self.await_text(browser, "offer", "version 3.0")
 
     def test_comes_back_after_a_lost_connection(self):
         self.install("1.0")

@@ -63,7 +63,8 @@ Json::Value Parsed(const std::string& text) {
 }
 
 struct Answer {
-  int status = 0;  ///< 0 when the connection ended without an answer
+  int status = 0;         ///< 0 when the connection ended without an answer
+  bool is_reset = false;  ///< the connection ended by a reset, which on its way can overtake the answer
   std::string head;
   std::string body;
 };
@@ -96,14 +97,15 @@ class Client {
   [[nodiscard]] Answer Receive() const {
     std::string bytes;
     std::array<char, 4096> buffer{};
-    for (ssize_t length = 0; (length = recv(fd_.get(), buffer.data(), buffer.size(), 0)) > 0;) {
+    ssize_t length = 0;
+    while ((length = recv(fd_.get(), buffer.data(), buffer.size(), 0)) > 0) {
       bytes.append(buffer.data(), static_cast<std::size_t>(length));
     }
     const std::size_t end = bytes.find("\r\n\r\n");
     if (end == std::string::npos) {
       return {};
     }
-    return {std::stoi(bytes.substr(9, 3)), bytes.substr(0, end + 2), bytes.substr(end + 4)};
+    return {std::stoi(bytes.substr(9, 3)), length < 0, bytes.substr(0, end + 2), bytes.substr(end + 4)};
   }
 
  private:
@@ -141,7 +143,9 @@ class PackctlWebTest : public testing::Test {
     fields.emplace("Host", Host());
     std::string text = line + " HTTP/1.1\r\n";
     for (const auto& [name, value] : fields) {
-      text += value.empty() ? "" : name + ": " + value + "\r\n";
+      if (!value.empty()) {
+        text.append(name).append(": ").append(value).append("\r\n");
+      }
     }
     return text + (body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") + "\r\n" + body;
   }
@@ -268,7 +272,9 @@ TEST_F(PackctlWebTest, RefusesWhatIsTooLongOrNotUnderstood) {
   const auto status_of = [&](const std::string& bytes) {
     const Client client(port_);
     client.Send(bytes);
-    return client.Receive().status;
+    const Answer answer = client.Receive();
+    EXPECT_FALSE(answer.is_reset);
+    return answer.status;
   };
   EXPECT_EQ(status_of("nonsense\r\n\r\n"), 400);
   EXPECT_EQ(status_of(Request("GET /", {{"Long", std::string(9000, 'x')}})), 431);

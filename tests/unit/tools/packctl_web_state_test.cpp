@@ -195,20 +195,42 @@ class Changes {
   int count_ = 0;
 };
 
-TEST(WebStateTest, TellsOfEachChangeOfRecordHistoryAndRequirements) {
-  fs::create_directories(kTargetFolder);
-  Console console;
-  Context context{.console = console, .options = {}};
-  Changes changes;
-  const WebState state(context, [&] { changes.Add(); });
-  ASSERT_TRUE(changes.Await([&] { return state.Latest()["status"] == "lost"; }));
-  EXPECT_GT(state.Latest()["time"].asInt64(), 0);
+/// Each source alone: what is told of one would be found with the look at another.
+class WebStateSourceTest : public testing::Test {
+ protected:
+  WebStateSourceTest() {
+    fs::create_directories(kTargetFolder);
+    updater::PackStatusHelper::Create()->SetAsUpToDate();
+    state_ = std::make_unique<WebState>(context_, [this] { changes_.Add(); });
+    EXPECT_TRUE(changes_.Await([this] { return state_->Latest()["status"] == "up_to_date"; }));
+  }
+
+  Console console_;
+  Context context_{.console = console_, .options = {}};
+  Changes changes_;
+  std::unique_ptr<WebState> state_;
+};
+
+TEST_F(WebStateSourceTest, ToldOfAChangeOfTheRecord) {
+  EXPECT_GT(state_->Latest()["time"].asInt64(), 0);
   updater::PackStatusHelper::Create()->SetAsNeedDownload("2.0");
-  ASSERT_TRUE(changes.Await([&] { return state.Latest()["offer"]["version"] == "2.0"; }));
+  EXPECT_TRUE(changes_.Await([this] { return state_->Latest()["offer"]["version"] == "2.0"; }));
+}
+
+TEST_F(WebStateSourceTest, ToldOfANewEntryOfTheHistory) {
   AppendToHistory({.time = 7, .command = "check", .result = "new_pack"});
-  ASSERT_TRUE(changes.Await([&] { return state.Latest()["history"].size() == 1; }));
+  EXPECT_TRUE(changes_.Await([this] { return state_->Latest()["history"].size() == 1; }));
+}
+
+TEST_F(WebStateSourceTest, ToldOfAChangeOfTheRequirements) {
   test::WriteFile(path::kCodecRequirementsPath, R"({"hevc": ["player"]})");
-  ASSERT_TRUE(changes.Await([&] { return state.Latest()["requested"].size() == 1; }));
+  EXPECT_TRUE(changes_.Await([this] { return state_->Latest()["requested"].size() == 1; }));
+}
+
+TEST_F(WebStateSourceTest, LooksAgainWhenItIsAsked) {
+  test::WriteFile(path::kPackInfoPath, "package=\"orbamira-hevc\"\nversion=\"1.0\"\n");
+  state_->LookAgain();
+  EXPECT_TRUE(changes_.Await([this] { return state_->Latest()["installed"]["version"] == "1.0"; }));
 }
 
 TEST(WebStateTest, SeesTheEndOfSomebodysWork) {

@@ -196,7 +196,7 @@ function showHistory() {
   // Whoever reads in it should not lose the place.
   if (table.dataset.shown !== text) {
     table.dataset.shown = text;
-    table.tBodies[0].replaceChildren(...state.history.toReversed().map(historyRow));
+    table.tBodies[0].replaceChildren(...state.history.map(historyRow).reverse());
   }
   table.hidden = state.history.length === 0;
   byId("no-history").hidden = state.history.length > 0;
@@ -235,9 +235,17 @@ async function fetchState() {
   return answer;
 }
 
+async function untilVisible() {
+  while (document.hidden) {
+    await new Promise((resolve) => { document.addEventListener("visibilitychange", resolve, { once: true }); });
+  }
+}
+
 async function follow() {
   let wait = kFirstWait;
   for (;;) {
+    // A browser opens few connections to one server: a page that nobody sees takes none from another.
+    await untilVisible();
     try {
       state = await fetchState();
       wait = kFirstWait;
