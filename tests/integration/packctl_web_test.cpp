@@ -361,6 +361,16 @@ TEST_F(PackctlWebTest, TellsWhyAnActionFailed) {
   EXPECT_THAT(action["problems"][0].asString(), HasSubstr("status: 500"));
 }
 
+TEST_F(PackctlWebTest, ShowsToWhoMayNotChangeAnythingAndTellsWhyAnActionEnded) {
+  fs::create_directories(path::kPackctlLock);  // which nobody can open as the file that it should be
+  Start();
+  EXPECT_EQ(State()["status"], "lost");
+  ASSERT_EQ(Act("update").status, 202);
+  const Json::Value action = AwaitAction("update");
+  EXPECT_EQ(action["exit"], 1);
+  EXPECT_THAT(action["problems"][0].asString(), StartsWith("cannot open the lock "));
+}
+
 TEST_F(PackctlWebTest, RefusesASecondActionWhileOneIsAtWork) {
   StallDownloads();
   Start();
