@@ -95,7 +95,13 @@ function showSteps() {
   }
   const steps = state.steps.filter((known) => !(isFirstInstall && known.step.endsWith("uninstall")));
   const current = steps.findIndex((known) => known.step === state.step);
-  byId("steps").replaceChildren(...steps.map((known, index) => {
+  const list = byId("steps");
+  byId("install").hidden = state.status === "downloading";
+  if (list.dataset.shown === `${current} of ${steps.length}`) {
+    return;
+  }
+  list.dataset.shown = `${current} of ${steps.length}`;
+  list.replaceChildren(...steps.map((known, index) => {
     const isPast = index < current;
     const item = element("li", capitalized(known.words) + (isPast ? " – done" : ""), { class: isPast ? "past" : "" });
     if (index === current) {
@@ -103,7 +109,6 @@ function showSteps() {
     }
     return item;
   }));
-  byId("install").hidden = state.status === "downloading";
 }
 
 function showWork() {
