@@ -18,7 +18,7 @@ _packctl() {
     --client-id | --host-name | --issuer | --limit | --listen | --port | --timeout | --token-file) return ;;
   esac
   case $command in
-    '') words='check download install update remove status info history doctor codecs plugins account recover -h --help --version --json' ;;
+    '') words='check download install update remove status info history doctor codecs web plugins account recover -h --help --version --json' ;;
     account) words='sign-in sign-out status -h --help' ;;
     check) words='-h --help --json' ;;
     download) words='-h --help --json' ;;
