@@ -53,8 +53,10 @@ int Print(const char* text) {
 void Copy(const std::string& source, const std::string& target) {
   const UniqueFd from = OpenDirectory(AT_FDCWD, source, source);
   PartialFolder partial(target);
-  TreeCopier(partial.get()).Copy(from.get(), source);
+  TreeCopier copier(partial.get());
+  copier.Copy(from.get(), source);
   orbamira::tools::MakeDurable(partial.get(), target);
+  copier.CheckUnchanged(from.get(), source);
   partial.MoveIntoPlace();
 }
 

@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <stdexcept>
@@ -75,7 +76,44 @@ void SyncEach(int folder, const std::string& shown) {
 
 TreeCopier::TreeCopier(int target) : target_(target), target_status_(Stat(target, "the new folder")) {}
 
-void TreeCopier::Copy(int source, const std::string& shown) { CopyFolder(source, target_, shown, 1); }
+TreeCopier::Seen::Seen(const struct stat& status)
+    : inode(status.st_ino),
+      folders(S_ISDIR(status.st_mode) ? status.st_nlink : 0),
+      size(status.st_size),
+      modified(status.st_mtim) {}
+
+bool TreeCopier::Seen::operator==(const Seen& other) const {
+  return inode == other.inode && folders == other.folders && size == other.size &&
+         modified.tv_sec == other.modified.tv_sec && modified.tv_nsec == other.modified.tv_nsec;
+}
+
+void TreeCopier::Copy(int source, const std::string& shown) {
+  CopyFolder(source, target_, shown, 1);
+  std::ranges::sort(seen_, {}, &Seen::inode);
+}
+
+void TreeCopier::CheckUnchanged(int source, const std::string& shown) const {
+  std::vector<Seen> now;
+  now.reserve(seen_.size());
+  Look(source, shown, now);
+  std::ranges::sort(now, {}, &Seen::inode);
+  if (now != seen_) {
+    throw std::runtime_error(shown + ": changed while it was copied");
+  }
+}
+
+void TreeCopier::Look(int folder, const std::string& shown, std::vector<Seen>& seen) {
+  seen.emplace_back(Stat(folder, shown));
+  for (const std::string& name : ListDirectory(folder, shown)) {
+    const std::string inner = Below(shown, name);
+    const struct stat entry = StatName(folder, name, inner);
+    if (S_ISDIR(entry.st_mode)) {
+      Look(OpenDirectory(folder, name, inner).get(), inner, seen);
+    } else {
+      seen.emplace_back(entry);
+    }
+  }
+}
 
 void TreeCopier::CopyFolder(int from, int to, const std::string& shown, int depth) {
   const struct stat folder = Stat(from, shown);
@@ -85,9 +123,16 @@ void TreeCopier::CopyFolder(int from, int to, const std::string& shown, int dept
   if (depth > kMaxDepth) {
     throw std::runtime_error(shown + ": deeper than " + std::to_string(kMaxDepth) + " folders");
   }
+  if (folder.st_nlink == 0) {
+    throw std::runtime_error(shown + ": removed while it was copied");
+  }
+  seen_.emplace_back(folder);
   for (const std::string& name : ListDirectory(from, shown)) {
     const std::string inner = Below(shown, name);
     const struct stat entry = StatName(from, name, inner);
+    if (!S_ISDIR(entry.st_mode)) {
+      seen_.emplace_back(entry);
+    }
     switch (entry.st_mode & S_IFMT) {
       case S_IFREG:
         CopyFile(from, to, name, inner);

@@ -2,7 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <ctime>
 #include <string>
+#include <vector>
 
 namespace orbamira::tools {
 
@@ -22,7 +24,23 @@ class TreeCopier {
   /// Throws std::runtime_error or std::system_error, with part of the tree copied.
   void Copy(int source, const std::string& shown);
 
+  /// Throws std::runtime_error, or std::system_error, unless the source still is what was copied: of a folder that
+  /// somebody else was just removing or filling, the copy may lack a part. Call it last, when the copy is on disk.
+  void CheckUnchanged(int source, const std::string& shown) const;
+
  private:
+  /// What of an entry changes with it, but not by being linked or read.
+  struct Seen {
+    ino_t inode;
+    nlink_t folders;  ///< of a folder: how many it holds, and none once it is removed
+    off_t size;
+    timespec modified;
+
+    explicit Seen(const struct stat& status);
+    bool operator==(const Seen& other) const;
+  };
+
+  static void Look(int folder, const std::string& shown, std::vector<Seen>& seen);
   void CopyFolder(int from, int to, const std::string& shown, int depth);
   void CopyFile(int from, int to, const std::string& name, const std::string& shown);
   bool Link(int from, int to, const std::string& name, const std::string& shown);
@@ -30,6 +48,7 @@ class TreeCopier {
   int target_;
   struct stat target_status_;
   bool links_work_ = true;
+  std::vector<Seen> seen_;  // in the order of their inodes, once all is copied
 };
 
 /// Waits until the file system that holds the open folder has everything on disk: one call for the whole tree, or one

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -364,6 +365,76 @@ TEST_F(OrbaCopyTest, EndsBySignalThoughTheCallerBlocksAndIgnoresIt) {
   };
   ExpectFailedWithoutTrace(Copy(folder_.path() / "missing", target_, options), "missing");
 }
+
+TEST_F(OrbaCopyTest, CopyRefusesAFolderThatIsRemovedAlready) {
+  const ProcessResult result = RunProgram(
+      {"/bin/sh", "-c", "cd \"$1\" && rm -r \"$1\" && exec \"$2\" -a . \"$3\"", "sh", source_, ORBA_COPY, target_});
+  EXPECT_TRUE(result.EndedBy(SIGTERM)) << result;
+  EXPECT_EQ(result.err, "orba-copy: .: removed while it was copied\n");
+  EXPECT_THAT(Names(parent_), IsEmpty());
+}
+
+/// Somebody else is at work in the source while it is copied.
+class OrbaCopyChangeTest : public OrbaCopyTest, public testing::WithParamInterface<std::function<void(fs::path)>> {
+ protected:
+  static constexpr int kFolders = 100;
+
+  // One file in each of so many folders, made anew: copying them takes a while.
+  void FillSource() const {
+    fs::remove_all(source_);
+    for (int i = 0; i < kFolders; ++i) {
+      WriteFile(source_ / std::to_string(i) / "file", "content");
+    }
+  }
+
+  // A folder that is in the copy already; empty while there is none.
+  std::string CopiedFolder() const {
+    std::error_code ignored;
+    for (const auto& partial : fs::directory_iterator(parent_)) {
+      for (const auto& folder : fs::directory_iterator(partial, ignored)) {
+        if (fs::exists(folder.path() / "file", ignored)) {
+          return folder.path().filename();
+        }
+      }
+    }
+    return "";
+  }
+};
+
+TEST_P(OrbaCopyChangeTest, IsRefusedWhenItComesBeforeTheEnd) {
+  // The change may come too late: then the copy must be whole, and the next try shows the other case.
+  constexpr int kTries = 100;
+  for (int i = 0; i < kTries; ++i) {
+    FillSource();
+    std::atomic<bool> ended = false;
+    std::thread other([&] {
+      std::string folder;
+      while (folder.empty() && !ended) {
+        folder = CopiedFolder();
+      }
+      if (!ended) {
+        GetParam()(source_ / folder);
+      }
+    });
+    const ProcessResult result = Copy();
+    ended = true;
+    other.join();
+    if (result.EndedBy(SIGTERM)) {
+      EXPECT_THAT(Names(parent_), IsEmpty());
+      return;
+    }
+    ASSERT_TRUE(result.Exited(0)) << result;
+    ASSERT_EQ(Names(target_).size(), static_cast<std::size_t>(kFolders));
+    fs::remove_all(target_);
+  }
+  FAIL() << "every copy of " << kTries << " was done before the change";
+}
+
+INSTANTIATE_TEST_SUITE_P(Changes, OrbaCopyChangeTest,
+                         testing::Values([](const fs::path& folder) { fs::remove(folder / "file"); },
+                                         [](const fs::path& folder) { WriteFile(folder / "file", "longer content"); },
+                                         [](const fs::path& folder) { WriteFile(folder / "more", "content"); },
+                                         [](const fs::path& folder) { fs::remove_all(folder.parent_path()); }));
 
 TEST_F(OrbaCopyTest, HelpAndVersionSucceed) {
   const ProcessResult help = RunProgram({ORBA_COPY, "--help"});
