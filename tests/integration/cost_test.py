@@ -35,7 +35,7 @@ REPORT_INTERVAL = 0.1
 
 BODY_PIECE = 256 * KIB
 UNPACKED_PIECE = 64 * KIB
-OTHER_CALLS = 100  # locks, folders, links, modes, and what is deleted
+OTHER_CALLS = 150  # locks, folders, links, modes, and what is deleted
 OTHER_BYTES = MIB
 
 
