@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs every fuzzer from its seeds, two a processor, and prints what each did; fails when one found something.
+# Runs every fuzzer from its seeds, four a processor, and prints what each did; fails when one found something.
 #
 # usage: tests/fuzz/run.sh [--seconds N] [--build DIR]
 #   --seconds N   how long each fuzzer runs; 30 by default
@@ -55,7 +55,7 @@ coverage_of() { sed -nE "s/^#[0-9]+\s+$1\s+cov: ([0-9]+) .*$/\1/p" "$2" | tail -
 
 mapfile -t targets < <(cd "$here/corpus" && printf '%s\n' *)
 for target in "${targets[@]}"; do
-  if [ "$(jobs -rp | wc -l)" -ge "$((2 * $(nproc)))" ]; then
+  if [ "$(jobs -rp | wc -l)" -ge "$((4 * $(nproc)))" ]; then
     wait -n
   fi
   run_one "$target" &
