@@ -579,8 +579,10 @@ class VerifySignatureTest(VerifyTest):
         (programs / "openssl").chmod(0o755)
         environment = {"PATH": f"{programs}:{os.environ['PATH']}", "TMPDIR": str(temporary)}
         with subprocess.Popen([MKPACK, "verify", self.folder, *self.keyring], env=environment) as process:
+            deadline = time.monotonic() + HANG
             while not list(temporary.glob("mkpack-*/MANIFEST.sig")):
                 self.assertIsNone(process.poll())
+                self.assertLess(time.monotonic(), deadline)
                 time.sleep(0.01)
             process.send_signal(signal.SIGTERM)
             self.assertEqual(128 + signal.SIGTERM, process.wait(HANG))
