@@ -7,7 +7,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
+#include <stdexcept>
 #include <system_error>
 
 namespace orbamira::tools {
@@ -18,6 +21,17 @@ std::string Below(const std::string& folder, const std::string& inner) {
   std::string path;
   path.reserve(folder.size() + 1 + inner.size());
   return path.append(folder).append("/").append(inner);
+}
+
+PathParts SplitPath(const std::string& path) {
+  const std::string_view whole = path;
+  const std::string_view bare = whole.substr(0, whole.find_last_not_of('/') + 1);
+  const size_t name = bare.rfind('/') + 1;  // npos + 1 is 0
+  PathParts parts{name == 0 ? "." : std::string(bare.substr(0, name)), std::string(bare.substr(name))};
+  if (parts.name.empty() || parts.name == "." || parts.name == "..") {
+    throw std::runtime_error(path + ": not a name for a file or folder");
+  }
+  return parts;
 }
 
 UniqueFd OpenDirectory(int at, const std::string& name, const std::string& shown) {
@@ -122,6 +136,10 @@ std::string Printable(std::string_view text) {
     }
   }
   return line;
+}
+
+int PrintAll(const char* text) {
+  return std::fputs(text, stdout) >= 0 && std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace orbamira::tools

@@ -18,6 +18,15 @@ namespace orbamira::tools {
 /// "folder/inner".
 std::string Below(const std::string& folder, const std::string& inner);
 
+/// The folder that a path's last part lies in, and that part: "." and "a" for "a", "/x/" and "a" for "/x/a/".
+struct PathParts {
+  std::string parent;
+  std::string name;
+};
+
+/// Throws std::runtime_error for a path whose last part names no entry of its own: "", "/", ".", "..".
+PathParts SplitPath(const std::string& path);
+
 /// Opens the directory `name` below `at` for reading; a symbolic link in its place is an error. `shown` is its name in
 /// the error. Throws std::system_error.
 UniqueFd OpenDirectory(int at, const std::string& name, const std::string& shown);
@@ -40,5 +49,8 @@ void WriteFully(int fd, const void* data, size_t size, const std::string& shown)
 
 /// The text on one line whatever it holds: control characters become \ooo.
 std::string Printable(std::string_view text);
+
+/// Prints the whole standard output of a program; what the program is to exit with then.
+int PrintAll(const char* text);
 
 }  // namespace orbamira::tools

@@ -19,6 +19,7 @@ using orbamira::UniqueFd;
 using orbamira::tools::OpenDirectory;
 using orbamira::tools::PartialFolder;
 using orbamira::tools::Printable;
+using orbamira::tools::PrintAll;
 using orbamira::tools::TreeCopier;
 
 constexpr const char* kUsage =
@@ -46,10 +47,6 @@ constexpr const char* kUsage =
   std::abort();  // the first process of a container does not end by SIGTERM
 }
 
-int Print(const char* text) {
-  return std::fputs(text, stdout) >= 0 && std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
-}
-
 void Copy(const std::string& source, const std::string& target) {
   const UniqueFd from = OpenDirectory(AT_FDCWD, source, source);
   PartialFolder partial(target);
@@ -68,10 +65,10 @@ int main(int argc, char** argv) {
   static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
   const std::vector<std::string_view> arguments(argv + 1, argv + argc);
   if (arguments.size() == 1 && arguments[0] == "--help") {
-    return Print(kUsage);
+    return PrintAll(kUsage);
   }
   if (arguments.size() == 1 && arguments[0] == "--version") {
-    return Print("orba-copy " ORBAMIRA_VERSION "\n");
+    return PrintAll("orba-copy " ORBAMIRA_VERSION "\n");
   }
   if (arguments.size() != 3 || arguments[0] != "-a" || arguments[1].empty() || arguments[2].empty()) {
     static_cast<void>(std::fputs(kUsage, stderr));

@@ -7,49 +7,23 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <stdexcept>
 
+#include "tools/common/remove_tree.h"
+
 namespace orbamira::tools {
-namespace {
-
-/// Removes as much as it can: what remains is left to recovery.
-void RemoveTree(int parent, const std::string& name) {
-  if (unlinkat(parent, name.c_str(), 0) == 0 || errno != EISDIR) {
-    return;
-  }
-  // A read-only folder must be opened up before an ordinary user can empty it.
-  fchmodat(parent, name.c_str(), 0700, 0);
-  try {
-    const UniqueFd folder = OpenDirectory(parent, name, name);
-    for (const std::string& inner : ListDirectory(folder.get(), name)) {
-      RemoveTree(folder.get(), inner);
-    }
-  } catch (const std::exception&) {
-    return;
-  }
-  unlinkat(parent, name.c_str(), AT_REMOVEDIR);
-}
-
-}  // namespace
 
 PartialFolder::PartialFolder(const std::string& target) : target_(target) {
-  std::string path = target;
-  while (path.size() > 1 && path.back() == '/') {
-    path.pop_back();
-  }
-  const size_t slash = path.rfind('/');
-  const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  name_ = slash == std::string::npos ? path : path.substr(slash + 1);
-  if (name_.empty() || name_ == "." || name_ == "..") {
-    throw std::runtime_error(target + ": not a name for a new folder");
-  }
-  parent_ = UniqueFd(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const PathParts parts = SplitPath(target);
+  name_ = parts.name;
+  parent_ = UniqueFd(open(parts.parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!parent_.valid()) {
-    ThrowErrno(parent);
+    ThrowErrno(parts.parent);
   }
   CheckTargetIsFree();
 
-  std::string partial = parent + "/." + name_ + ".partial.XXXXXX";
+  std::string partial = parts.parent + "/." + name_ + ".partial.XXXXXX";
   if (mkdtemp(partial.data()) == nullptr) {
     ThrowErrno(partial);
   }
@@ -63,8 +37,13 @@ PartialFolder::PartialFolder(const std::string& target) : target_(target) {
 }
 
 PartialFolder::~PartialFolder() {
-  if (!partial_.empty()) {
-    RemoveTree(parent_.get(), partial_);
+  if (partial_.empty()) {
+    return;
+  }
+  try {
+    RemoveTree(parent_.get(), partial_, partial_);
+  } catch (const std::exception&) {
+    return;  // what remains is left to recovery
   }
 }
 

@@ -226,7 +226,7 @@ TEST_F(OrbaCopyTest, CopyRefusesAMissingParent) {
 
 TEST_F(OrbaCopyTest, CopyRefusesATargetWithoutAName) {
   for (const fs::path& target : {parent_ / ".", parent_ / "..", fs::path("/")}) {
-    ExpectFailedWithoutTrace(Copy(source_, target), "not a name for a new folder");
+    ExpectFailedWithoutTrace(Copy(source_, target), "not a name for a file or folder");
   }
 }
 
