@@ -43,7 +43,7 @@ def test_stages(build, folder):
     found = run(build, folder, "update", "--payload", "small", "--runs", "1", "--stages")
     expect(found["stages"].keys() == STAGES, "names of the stages")
     expect(all(time > 0 for time in found["stages"].values()), f"a stage took no time: {found['stages']}")
-    for program in ("packctl", "orba-archive", "orba-tar", "orba-copy", "rm", "notify_plugin.py"):
+    for program in ("packctl", "orba-archive", "orba-tar", "orba-copy", "orba-remove", "notify_plugin.py"):
         expect(found["programs"][program]["peak"] > 0, f"figures of {program}")
 
 
@@ -56,7 +56,7 @@ def test_growth(build, folder):
 def test_load(build, folder):
     found = run(build, folder, "load", "--runs", "1")
     expect(all(found["load"][part] > 0 for part in ("dlopen", "create", "both")), "processor time of loading")
-    expect(len(found["sizes"]) == 5 and all(found["sizes"].values()), "sizes")
+    expect(len(found["sizes"]) == 6 and all(found["sizes"].values()), "sizes")
     expect(found["calls"]["the answer"] == 1 and "the record" in found["calls"], "system calls")
 
 

@@ -47,7 +47,8 @@ extern const char* const kTempPluginAppIdPath;
 extern const char* const kTarPath;
 /// Program that puts an unpacked pack in place, whole or not at all: "-a SRC DST".
 extern const char* const kCpPath;
-/// The system's remove command; outside the root prefix.
+/// Program that takes a folder away: "-rf DIR". Not the system's rm, which leaves a part of a pack where the pack was
+/// when it is cut short, or when another process moves the folder back meanwhile.
 extern const char* const kRmPath;
 /// Program that unpacks a package archive: "-xf ARCHIVE -C DIR".
 extern const char* const kOrbaArchivePath;

@@ -12,7 +12,7 @@ CHILDREN = {
     "orba-archive": "unpack, outer",
     "orba-tar": "unpack, inner",
     "orba-copy": "place",
-    "rm": "clean up",
+    "orba-remove": "clean up",
 }
 STAGES = ("check", "download", "download, made durable", "digest", "unpack, outer", "unpack, inner", "place",
           "clean up", "status writes", "plugin calls", "other")

@@ -42,8 +42,9 @@ class Aftermath:
         if self.broken is not None:
             self._look_at_broken_store()
         self.look()
-        if appliance.half_built():
-            self.stuck.append(f"left behind by recovery: {' '.join(appliance.half_built())}")
+        left = [*appliance.half_built(), *appliance.half_removed()]
+        if left:
+            self.stuck.append(f"left behind by recovery: {' '.join(left)}")
 
     def go_on(self):
         """The next check and update against the healthy server."""

@@ -14,7 +14,7 @@ import subprocess
 import threading
 
 PACK_NAME = "orbamira-hevc"
-PROGRAMS = ("orba-archive", "orba-copy")
+PROGRAMS = ("orba-archive", "orba-copy", "orba-remove")
 SCRIPTS = ("notify_plugin.py", "get_app_id.py", "orbamira_plugin_runner.py", "orbamira_plugins.py")
 
 
@@ -175,11 +175,16 @@ class Appliance:
         found = [*self.packages.glob(".codec-pack.partial.*"), *self.status_file.parent.glob("status.json.??????")]
         return sorted(str(path) for path in found if path != self.broken_status_file)
 
+    def half_removed(self):
+        """Folders that are being removed, as paths."""
+        return sorted(str(path) for folder in (self.packages, self.download.parent)
+                      for path in folder.glob(".removed.??????"))
+
     def leftovers(self):
         """What an update should not leave behind, as paths."""
         kept = {self.pack, self.status_file, self.packages, self.root / "var/lib/orbamira/codec-requirements.json",
                 *self.history}
         found = [*self.packages.iterdir(), *(self.root / "var/lib/orbamira").iterdir()]
-        if self.download.exists():
-            found.append(self.download)
+        if self.download.parent.exists():
+            found.extend(self.download.parent.iterdir())
         return sorted(str(path) for path in found if path not in kept)

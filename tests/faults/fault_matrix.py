@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Brings every fault about at every file-changing system call of an update, and looks at what is left.
 
-Six runs are struck: a first update; an upgrade, at once and as a download and an install; the check that finds a broken
-status store; and the recovery of an upgrade that was killed before its new pack was in place. Each is run once to
+Seven runs are struck: a first update; an upgrade, at once and as a download and an install; the removal of a pack; the
+check that finds a broken status store; and the recovery of an upgrade that was killed before its new pack was in place. Each is run once to
 number its calls. Then, for a call and a fault, the same is run again from the same state with that fault: the whole
 family of processes is killed there, or killed with the loss of all data that was not synced (a power cut), or the call
 fails with EIO or ENOSPC. After it the pack must be whole or absent with the means to go on, and the status store
@@ -89,6 +89,10 @@ class Matrix:
         downloaded = upgrade.copy_to(self.folder / "downloaded")
         downloaded.expect("download")
         self.scenarios["install"] = Scenario(downloaded, "install", OLD)
+
+        installed = fresh.copy_to(self.folder / "installed")
+        installed.expect("update")
+        self.scenarios["remove"] = Scenario(installed, "remove", None)
 
         broken = upgrade.copy_to(self.folder / "broken")
         text = broken.status_file.read_bytes()

@@ -24,7 +24,7 @@ PAYLOAD = (8 * MIB, 8 * MIB)
 
 # Of an upgrade without plugins: every program has a supervisor, a copy of packctl.
 PROCESSES = {"packctl": 1, "supervisor": 10, "notify_plugin.py": 4, "orba-archive": 1, "orba-tar": 1, "orba-copy": 1,
-             "rm": 3}
+             "orba-remove": 3}
 
 SAVE = ["openat", "fchmod", "write", "fsync", "renameat"]  # and the fsync of the folder
 # A state is recorded by clearing the record and setting its six values. An upgrade goes through seven of them, and

@@ -243,9 +243,8 @@ int UpdateThroughTheLibrary(std::atomic<int>& missing) {
 }
 
 // The library takes no lock around a flow: two hosts that read the status at the same moment both go to work, and what
-// one has put in place the other may take away, or bring back while the first is still removing it. It is nothing that
-// recovery and an update cannot mend.
-TEST_F(SideBySideTest, TwoUpdatesThroughTheLibraryLeaveNothingThatAnUpdateCannotMend) {
+// one has put in place the other may take away. It is never a part of a pack, and nothing that an update cannot mend.
+TEST_F(SideBySideTest, TwoUpdatesThroughTheLibraryLeaveAWholePackOrNone) {
   const auto end = Clock::now() + Duration();
   bool with_pack = true;
   do {
@@ -259,6 +258,7 @@ TEST_F(SideBySideTest, TwoUpdatesThroughTheLibraryLeaveNothingThatAnUpdateCannot
     Forked two([&] { return UpdateThroughTheLibrary(*missing); });
     EXPECT_THAT(one.Wait(), AnyOf(0, 1));
     EXPECT_THAT(two.Wait(), AnyOf(0, 1));
+    EXPECT_TRUE(!fs::exists(path::kPackFolderPath) || IsWholePack());
     EXPECT_NO_THROW(EXPECT_NE(PackStatusHelper::Create()->GetPackStatus(), kStatusLost));
     EXPECT_EQ(Appliance::Packctl({"recover"}).status, 0);
     EXPECT_THAT(Appliance::Packctl({"check"}).status, AnyOf(0, 2));

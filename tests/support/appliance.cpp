@@ -27,6 +27,7 @@ void LinkPrograms() {
   const std::vector<std::pair<std::string, std::string>> programs = {
       {ORBAMIRA_TEST_ORBA_ACCOUNT, fs::path(path::kOrbaArchivePath).replace_filename("orba-account")},
       {ORBAMIRA_TEST_ORBA_COPY, path::kCpPath},
+      {ORBAMIRA_TEST_ORBA_REMOVE, path::kRmPath},
       {ORBAMIRA_TEST_ORBA_ARCHIVE, path::kOrbaArchivePath},
       {ORBAMIRA_TEST_ORBA_ARCHIVE, path::kTarPath},
       {ORBAMIRA_TEST_LIBEXEC "/notify_plugin.py", path::kNotifyPluginPyPath},

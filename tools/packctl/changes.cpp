@@ -1,4 +1,3 @@
-#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <utility>
@@ -205,7 +204,6 @@ Outcome Update(Context& context) {
 }
 
 Outcome Remove(Context& /*context*/) {
-  namespace fs = std::filesystem;
   if (const updater::PackStatus status = ReadStatus().status; IsUnderWay(status)) {
     return NotPermitted("remove", "removal", status);
   }
@@ -215,11 +213,6 @@ Outcome Remove(Context& /*context*/) {
     return outcome;
   }
   const Updater updater = MakeUpdater();
-  // The information file goes first: what an interrupted removal leaves is then no pack to anyone, and the recovery
-  // clears it. What a symbolic link points to is not ours.
-  if (!fs::is_symlink(path::kPackFolderPath)) {
-    fs::remove(path::kPackInfoPath);
-  }
   if (!updater.manager->RemovePack()) {
     return FailedChange("remove", "removal");
   }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <exception>
@@ -59,9 +60,15 @@ bool IsHalfBuiltPack(const std::string& name) {
   return name.starts_with(std::string(".").append(kPackFolderName).append(".partial."));
 }
 
+// What a removal that was cut short had moved aside.
+bool IsHalfRemoved(const std::string& name) { return IsTemporaryOf(".removed", name); }
+
 bool IsTemporaryAnswer(const std::string& name) {
   return name.starts_with(std::string(".").append(fs::path(path::kTempPluginAppIdPath).filename()).append("."));
 }
+
+// Where the folders lie that the updater has removed.
+std::array<fs::path, 2> FoldersOfRemovals() { return {kTargetFolder, fs::path(kDownloadFolder).parent_path()}; }
 
 using NameTest = std::function<bool(const std::string&)>;
 
@@ -96,6 +103,7 @@ class Recovery {
     Step("remove the plugins' answer", [this] { RemovePluginAnswer(); });
     Step("mend the recorded status", [this] { MendStatus(); });
     Step("remove the download", [this] { RemoveDownload(); });
+    Step("end cut removals", [this] { EndRemovals(); });
     return std::move(report_);
   }
 
@@ -226,6 +234,12 @@ class Recovery {
     }
   }
 
+  void EndRemovals() {
+    for (const fs::path& folder : FoldersOfRemovals()) {
+      RemoveMatching(folder, "the rest of a removal", IsHalfRemoved);
+    }
+  }
+
   RecoveryReport report_;
   std::optional<updater::PackStatus> status_;
 };
@@ -244,7 +258,10 @@ std::vector<fs::path> FindLeftovers() {
   const fs::path store = path::kPackStatusFile;
   const fs::path account = path::kAccountFile;
   const fs::path answer = path::kTempPluginAppIdPath;
-  for (const auto& [folder, matches] : {std::pair<fs::path, NameTest>(kTargetFolder, IsHalfBuiltPack),
+  const auto [packages, cache] = FoldersOfRemovals();
+  for (const auto& [folder, matches] : {std::pair<fs::path, NameTest>(packages, IsHalfBuiltPack),
+                                        {packages, IsHalfRemoved},
+                                        {cache, IsHalfRemoved},
                                         {store.parent_path(), TemporariesOf(store)},
                                         {account.parent_path(), TemporariesOf(account)},
                                         {answer.parent_path(), IsTemporaryAnswer}}) {

@@ -149,6 +149,21 @@ TEST_F(RecoveryTest, RecoverRemovesTemporaryAndHalfBuiltFolders) {
   ExpectNothingLeftToDo();
 }
 
+TEST_F(RecoveryTest, RecoverEndsRemovalsThatWereCut) {
+  const fs::path cache = fs::path(kDownloadFolder).parent_path();
+  MakePack(path::kPackFolderPath, "1");
+  MakePack(fs::path(kTargetFolder) / ".removed.aZ09xy" / ".codec-pack.backup", "0");
+  MakePack(fs::path(kTargetFolder) / ".removed.aZ09x", "0");
+  MakePack(fs::path(kTargetFolder) / "removed.aZ09xy", "0");
+  WriteFile(cache / ".removed.aZ09xy" / "download" / "pack.opk", "package");
+  const std::string rest = "removed the rest of a removal ";
+  EXPECT_THAT(Recover().done,
+              ElementsAre(rest + kTargetFolder + "/.removed.aZ09xy", rest + (cache / ".removed.aZ09xy").string()));
+  EXPECT_THAT(Left(kTargetFolder), ElementsAre(".removed.aZ09x", "codec-pack", "removed.aZ09xy"));
+  EXPECT_THAT(Left(cache), IsEmpty());
+  ExpectNothingLeftToDo();
+}
+
 TEST_F(RecoveryTest, RecoverRemovesALinkWithoutWhatItPointsTo) {
   MakePack(test::Root() / "elsewhere", "1");
   fs::create_symlink(test::Root() / "elsewhere", path::kTempPackFolderPath);

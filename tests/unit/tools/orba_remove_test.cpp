@@ -1,0 +1,232 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/process.h"
+#include "tests/support/test_root.h"
+
+namespace orbamira::test {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+std::vector<std::string> Names(const fs::path& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    names.push_back(entry.path().filename());
+  }
+  return names;
+}
+
+/// A folder with one of everything, in a folder of its own, and the program.
+class OrbaRemoveTest : public testing::Test {
+ protected:
+  OrbaRemoveTest() {
+    fs::create_directory(parent_);
+    Fill();
+  }
+
+  void Fill() const {
+    WriteFile(target_ / "INFO", "version=\"2.0\"\n");
+    WriteFile(target_ / "lib/plugins/table", "table");
+    fs::create_symlink(kept_, target_ / "lib/link");
+    fs::create_symlink("/nowhere", target_ / "dangling");
+    WriteFile(kept_ / "file", "kept");
+    WriteFile(target_ / "lib/closed/file", "file");
+    fs::permissions(target_ / "lib/closed", fs::perms::none);
+  }
+
+  static ProcessResult Remove(const fs::path& path, const ProcessOptions& options = {}) {
+    return RunProgram({ORBA_REMOVE, "-rf", path}, options);
+  }
+
+  static ProcessOptions Failing(const std::vector<int>& calls, int error) {
+    ProcessOptions options;
+    options.before_exec = [=] {
+      for (const int call : calls) {
+        FailSystemCall(call, error);
+      }
+    };
+    return options;
+  }
+
+  static void ExpectDone(const ProcessResult& result) {
+    EXPECT_TRUE(result.Exited(0)) << result;
+    EXPECT_EQ(result.out + result.err, "");
+  }
+
+  static void ExpectFailed(const ProcessResult& result, const std::string& error) {
+    EXPECT_TRUE(result.Exited(1)) << result;
+    EXPECT_EQ(result.err, "orba-remove: " + error + "\n");
+  }
+
+  TempDir folder_;
+  fs::path kept_ = folder_.path() / "kept";
+  fs::path parent_ = folder_.path() / "place";
+  fs::path target_ = parent_ / "pack";
+};
+
+TEST_F(OrbaRemoveTest, RemovesAFolderWithAllThatItHoldsAndFollowsNoLink) {
+  ExpectDone(Remove(target_));
+  EXPECT_THAT(Names(parent_), IsEmpty());
+  EXPECT_EQ(ReadFile(kept_ / "file"), "kept");
+}
+
+TEST_F(OrbaRemoveTest, TakesAPathBelowTheWorkingFolderAndSlashesAtItsEnd) {
+  ProcessOptions options;
+  options.folder = parent_;
+  ExpectDone(Remove("pack//", options));
+  EXPECT_THAT(Names(parent_), IsEmpty());
+}
+
+TEST_F(OrbaRemoveTest, RemovesAFileAndALinkButNotWhatItLeadsTo) {
+  WriteFile(parent_ / "file", "text");
+  fs::create_directory_symlink(kept_, parent_ / "link");
+  ExpectDone(Remove(parent_ / "file"));
+  ExpectDone(Remove(parent_ / "link"));
+  EXPECT_THAT(Names(parent_), ElementsAre("pack"));
+  EXPECT_EQ(ReadFile(kept_ / "file"), "kept");
+}
+
+TEST_F(OrbaRemoveTest, NothingThereIsNoError) {
+  for (const char* missing : {"missing", "missing/deeper", "pack/INFO/deeper"}) {
+    ExpectDone(Remove(parent_ / missing));
+  }
+  EXPECT_THAT(Names(parent_), ElementsAre("pack"));
+}
+
+TEST_F(OrbaRemoveTest, AFolderIsMovedAsideBeforeAnyOfItIsRemoved) {
+  const ProcessResult result = Remove(target_, Failing({SYS_unlinkat}, EIO));
+  EXPECT_TRUE(result.Exited(1)) << result;
+  ASSERT_THAT(Names(parent_), ElementsAre(MatchesRegex("\\.removed\\.[A-Za-z0-9]{6}")));
+  const fs::path aside = parent_ / Names(parent_)[0];
+  EXPECT_EQ(fs::status(aside).permissions(), fs::perms::owner_all);
+  EXPECT_EQ(ReadFile(aside / "pack/INFO"), "version=\"2.0\"\n");
+  EXPECT_EQ(ReadFile(aside / "pack/lib/plugins/table"), "table");
+}
+
+TEST_F(OrbaRemoveTest, AFolderThatCannotBeMovedIsRemovedWhereItIs) {
+  for (const std::vector<int>& calls :
+       {std::vector<int>{SYS_mkdir, SYS_mkdirat}, {SYS_rename, SYS_renameat, SYS_renameat2}}) {
+    for (const int error : {ENOSPC, EBUSY}) {
+      ExpectDone(Remove(target_, Failing(calls, error)));
+      EXPECT_THAT(Names(parent_), IsEmpty());
+      Fill();
+    }
+  }
+}
+
+TEST_F(OrbaRemoveTest, WhoeverMovesTheFolderMeanwhileHasAllOfIt) {
+  constexpr int kFiles = 200;
+  constexpr int kTries = 50;
+  const fs::path made = folder_.path() / "made";
+  const fs::path moved = folder_.path() / "moved";
+  fs::remove_all(target_);
+  for (int i = 0; i < kTries; ++i) {
+    for (int file = 0; file < kFiles; ++file) {
+      WriteFile(made / std::to_string(file), "");
+    }
+    std::atomic<bool> ended = false;
+    std::thread other([&] {
+      while (!ended && std::rename(target_.c_str(), moved.c_str()) != 0) {
+      }
+    });
+    fs::rename(made, target_);
+    ExpectDone(Remove(target_));
+    ended = true;
+    other.join();
+    EXPECT_THAT(Names(parent_), IsEmpty());
+    if (fs::exists(moved)) {
+      EXPECT_EQ(Names(moved).size(), static_cast<std::size_t>(kFiles));
+      fs::remove_all(moved);
+    }
+  }
+}
+
+TEST_F(OrbaRemoveTest, TwoAtOnceAreBothDone) {
+  for (int i = 0; i < 20; ++i) {
+    std::thread other([this] { ExpectDone(Remove(target_)); });
+    ExpectDone(Remove(target_));
+    other.join();
+    EXPECT_THAT(Names(parent_), IsEmpty());
+    Fill();
+  }
+}
+
+TEST_F(OrbaRemoveTest, AnErrorDoesNotKeepItFromRemovingTheRest) {
+  fs::path deep = target_ / "deep";
+  for (int i = 0; i < 30; ++i) {
+    deep /= "d";
+  }
+  fs::create_directories(deep);
+  WriteFile(target_ / "zlast", "removed after it");
+  ProcessOptions few_descriptors;
+  few_descriptors.before_exec = [] {
+    const rlimit few = {20, 20};
+    setrlimit(RLIMIT_NOFILE, &few);
+  };
+  const ProcessResult result = Remove(target_, few_descriptors);
+  EXPECT_TRUE(result.Exited(1)) << result;
+  EXPECT_THAT(result.err, MatchesRegex("orba-remove: .*/pack/deep/[d/]*: Too many open files\n"));
+  ASSERT_THAT(Names(parent_), ElementsAre(StartsWith(".removed.")));
+  EXPECT_THAT(Names(parent_ / Names(parent_)[0] / "pack"), ElementsAre("deep"));
+  EXPECT_FALSE(fs::exists(target_));
+}
+
+TEST_F(OrbaRemoveTest, AFolderThatCannotBeReadIsAnErrorOfOneLine) {
+  const fs::path odd = parent_ / "odd\nname";
+  fs::create_directory(odd);
+  ExpectFailed(Remove(odd, Failing({SYS_unlinkat}, EACCES)), parent_.string() + "/odd\\012name: Permission denied");
+}
+
+TEST_F(OrbaRemoveTest, APathThatNamesNothingOfItsOwnIsRefused) {
+  for (const std::string& path : {std::string("/"), std::string("."), (parent_ / "..").string()}) {
+    ProcessOptions options;
+    options.folder = target_;
+    ExpectFailed(Remove(path, options), path + ": not a name for a file or folder");
+  }
+  EXPECT_TRUE(fs::exists(target_ / "INFO"));
+}
+
+TEST_F(OrbaRemoveTest, WrongUsageFailsAndRemovesNothing) {
+  const std::vector<std::vector<std::string>> wrong = {{ORBA_REMOVE},
+                                                       {ORBA_REMOVE, "-rf"},
+                                                       {ORBA_REMOVE, target_},
+                                                       {ORBA_REMOVE, "-r", target_},
+                                                       {ORBA_REMOVE, "-rf", ""},
+                                                       {ORBA_REMOVE, "-rf", target_, target_}};
+  for (const auto& argv : wrong) {
+    const ProcessResult result = RunProgram(argv);
+    EXPECT_TRUE(result.Exited(1)) << result;
+    EXPECT_THAT(result.err, StartsWith("Usage: orba-remove -rf PATH\n"));
+  }
+  EXPECT_TRUE(fs::exists(target_ / "INFO"));
+}
+
+TEST_F(OrbaRemoveTest, HelpAndVersionSucceed) {
+  const ProcessResult help = RunProgram({ORBA_REMOVE, "--help"});
+  EXPECT_TRUE(help.Exited(0)) << help;
+  EXPECT_THAT(help.out, StartsWith("Usage: orba-remove -rf PATH\n"));
+  const ProcessResult version = RunProgram({ORBA_REMOVE, "--version"});
+  EXPECT_TRUE(version.Exited(0)) << version;
+  EXPECT_THAT(version.out, MatchesRegex("orba-remove [0-9.]+\n"));
+}
+
+}  // namespace
+}  // namespace orbamira::test
