@@ -66,7 +66,6 @@ TEST(ConstantsTest, ThePathsAreAllDifferent) {
   }
 }
 
-
 TEST(ConstantsTest, WhatIsRenamedIntoOneAnotherStandsInOneFolder) {
   namespace fs = std::filesystem;
   const fs::path pack = path::kPackFolderPath;
