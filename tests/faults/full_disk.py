@@ -133,6 +133,19 @@ class FullDisk:
                 found.append("the new pack is not in place at the end")
             return [*found, *after.lost]
 
+    def removal_problems(self):
+        """A full disk is the likeliest reason to remove the pack."""
+        appliance = self.appliance
+        self.begin()
+        with small_file_system(appliance.packages, "size=8m"):
+            fill(appliance.packages, 0)
+            found = []
+            if (ended := appliance.packctl("remove")).returncode != 0:
+                found.append(f"remove ended with {ended.returncode}: {ended.stderr}")
+            if left := [path.name for path in appliance.packages.iterdir() if path.name != "filler"]:
+                found.append(f"left behind: {' '.join(left)}")
+        return found
+
     def plugin_answer_problems(self):
         """A full disk under the plugins' answer: the query says so, leaves no part of an answer, and works again."""
         appliance = self.appliance
@@ -174,6 +187,7 @@ def main():
         with Publisher(arguments.source, folder / "published") as publisher:
             bench = FullDisk(folder, arguments.build, arguments.source, publisher)
             rows = [(stage.name, bench.problems(stage)) for stage in STAGES]
+            rows.append(("removal", bench.removal_problems()))
             rows.append(("plugin answer", bench.plugin_answer_problems()))
     for name, problems in rows:
         failed = failed or bool(problems)

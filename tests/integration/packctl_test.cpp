@@ -380,6 +380,14 @@ TEST_F(PackctlTest, AnUpdateThatPutNoPackInPlaceIsAFailure) {
   EXPECT_EQ(Appliance::InstalledPayload(), "one");
 }
 
+TEST_F(PackctlTest, AnUpdateEndsWhatAnEarlierRemovalHasLeft) {
+  const fs::path left = fs::path(kTargetFolder) / ".removed.aZ09xy";
+  WriteFile(left / "INFO", "version=\"1.0\"\n");
+  appliance_.Publish("1.0", "one");
+  EXPECT_EQ(Run({"update"}).status, 0);
+  EXPECT_FALSE(fs::exists(left));
+}
+
 TEST_F(PackctlTest, AFailedInstallKeepsThePackageForTheNextTry) {
   appliance_.Publish("1.0", "one");
   ASSERT_EQ(Run({"check"}).status, 0);

@@ -16,8 +16,10 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <ostream>
+#include <span>
 #include <stdexcept>
 #include <system_error>
 
@@ -166,16 +168,36 @@ ProcessResult RunProgram(const std::vector<std::string>& argv, const ProcessOpti
   return result;
 }
 
+namespace {
+
+void InstallFilter(std::span<sock_filter> filter) {
+  const sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+    _exit(126);
+  }
+}
+
+}  // namespace
+
 void FailSystemCall(int number, int error) {
   std::array<sock_filter, 4> filter = {
       sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
       sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(number), 0, 1),
       sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
       sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-  const sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
-  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
-    _exit(126);
-  }
+  InstallFilter(filter);
+}
+
+void FailRemovalOfFolders(int error) {
+  constexpr unsigned kFlags = offsetof(seccomp_data, args) + 2 * sizeof(std::uint64_t);  // the third argument
+  std::array<sock_filter, 6> filter = {
+      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_unlinkat, 0, 3),
+      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kFlags),
+      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AT_REMOVEDIR, 0, 1),
+      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
+      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  InstallFilter(filter);
 }
 
 void BecomeOrdinaryUser() {

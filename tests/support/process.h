@@ -41,6 +41,9 @@ ProcessResult RunProgram(const std::vector<std::string>& argv, const ProcessOpti
 /// it. Works unprivileged.
 void FailSystemCall(int number, int error);
 
+/// For before_exec: unlinkat() fails with `error` from now on where it is to remove a folder.
+void FailRemovalOfFolders(int error);
+
 /// For before_exec: goes on as the user "nobody" when we are root, so that modes mean something.
 void BecomeOrdinaryUser();
 

@@ -68,18 +68,9 @@ void PartialFolder::CheckTargetIsFree() const {
 }
 
 void PartialFolder::Rename(const std::string& from, const std::string& to) const {
-  if (renameat2(parent_.get(), from.c_str(), parent_.get(), to.c_str(), RENAME_NOREPLACE) == 0) {
-    return;
+  if (!RenameToFree(parent_.get(), from, to)) {
+    ThrowErrno(target_);
   }
-  // A kernel or file system without the flag: all that remains possible in its place is an empty folder made within the
-  // last moments, for rename() replaces no other.
-  if (errno == EINVAL || errno == ENOSYS) {
-    CheckTargetIsFree();
-    if (renameat(parent_.get(), from.c_str(), parent_.get(), to.c_str()) == 0) {
-      return;
-    }
-  }
-  ThrowErrno(target_);
 }
 
 }  // namespace orbamira::tools

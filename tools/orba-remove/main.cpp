@@ -1,8 +1,4 @@
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -15,12 +11,8 @@
 
 namespace {
 
-using orbamira::UniqueFd;
-using orbamira::tools::PathParts;
 using orbamira::tools::Printable;
 using orbamira::tools::PrintAll;
-using orbamira::tools::RemoveTree;
-using orbamira::tools::ThrowErrno;
 
 constexpr const char* kUsage =
     "Usage: orba-remove -rf PATH\n"
@@ -30,48 +22,14 @@ constexpr const char* kUsage =
     "  --help     print this text\n"
     "  --version  print the version\n"
     "\n"
-    "A folder leaves its place in one step: it is moved into a new folder\n"
-    "\".removed.XXXXXX\" beside it and removed there. Where it cannot be moved it is\n"
-    "removed where it is. The exit status is 0 when nothing is left, else 1.\n";
-
-/// Moves the entry into a new folder beside it; the name of that, or nothing where the entry must stay where it is: it
-/// is a mount point, say, or the disk is too full for one folder more. The name is a pattern that recovery knows.
-std::string MoveAside(int parent, const PathParts& path) {
-  std::string aside = path.parent + "/.removed.XXXXXX";
-  if (mkdtemp(aside.data()) == nullptr) {
-    return "";
-  }
-  aside = aside.substr(aside.rfind('/') + 1);
-  if (renameat(parent, path.name.c_str(), parent, (aside + "/" + path.name).c_str()) != 0 && errno != ENOENT) {
-    unlinkat(parent, aside.c_str(), AT_REMOVEDIR);
-    return "";
-  }
-  return aside;
-}
-
-/// Whoever looks at the path, at whatever instant, finds all of it or nothing: an end midway, or another process that
-/// gives the folder a new name meanwhile, never makes a part of it look like the whole.
-void Remove(const std::string& shown) {
-  const PathParts path = orbamira::tools::SplitPath(shown);
-  const UniqueFd parent(open(path.parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!parent.valid()) {
-    if (errno == ENOENT || errno == ENOTDIR) {
-      return;
-    }
-    ThrowErrno(path.parent);
-  }
-  struct stat status = {};
-  if (fstatat(parent.get(), path.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode)) {
-    const std::string aside = MoveAside(parent.get(), path);
-    RemoveTree(parent.get(), aside.empty() ? path.name : aside, shown);
-  } else {
-    RemoveTree(parent.get(), path.name, shown);
-  }
-}
+    "A folder leaves its place in one step: it is renamed to \".removed.XXXXXX\" beside\n"
+    "it and removed there. Where it cannot be renamed it is removed where it is. The\n"
+    "exit status is 0 when nothing is left, else 1.\n";
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));  // a reader of our messages that went away decides nothing
   const std::vector<std::string_view> arguments(argv + 1, argv + argc);
   if (arguments.size() == 1 && arguments[0] == "--help") {
     return PrintAll(kUsage);
@@ -84,7 +42,7 @@ int main(int argc, char** argv) {
     return EXIT_FAILURE;
   }
   try {
-    Remove(std::string(arguments[1]));
+    orbamira::tools::RemoveAtOnce(std::string(arguments[1]));
   } catch (const std::exception& error) {
     static_cast<void>(std::fprintf(stderr, "orba-remove: %s\n", Printable(error.what()).c_str()));
     return EXIT_FAILURE;

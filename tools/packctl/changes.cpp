@@ -137,6 +137,7 @@ Outcome RunFlow(Context& context, const Flow& flow) {
     outcome.problems.insert(outcome.problems.begin(), "the new pack did not get into place");
     return outcome;
   }
+  EndRemovals();  // to the library a removal is done whatever exit status its program gave
   Outcome outcome = AnswerWithStatus(kExitDone, flow.command, "done");
   outcome.text = flow.success;
   outcome.changed = true;

@@ -19,6 +19,7 @@
 #include "platform/file_lock.h"
 #include "platform/log.h"
 #include "platform/orba_sdk_wrapper.h"
+#include "tools/common/remove_tree.h"
 #include "tools/packctl/status_words.h"
 #include "updater/pack_status_helper.h"
 
@@ -97,14 +98,22 @@ class Recovery {
     Step("make the folders", [this] { MakeFolders(); });
     Step("restore the pack", [this] { RestorePack(); });
     Step("remove unpacked files", [this] { RemoveUnpacked(); });
+    EndRemovals();  // early: what follows needs room on the disk
     Step("remove the status store's temporary files",
          [this] { RemoveTemporaries(path::kPackStatusFile, path::kPackStatusLock); });
     Step("remove the account's temporary files", [this] { RemoveTemporaries(path::kAccountFile, path::kAccountLock); });
     Step("remove the plugins' answer", [this] { RemovePluginAnswer(); });
     Step("mend the recorded status", [this] { MendStatus(); });
     Step("remove the download", [this] { RemoveDownload(); });
-    Step("end cut removals", [this] { EndRemovals(); });
     return std::move(report_);
+  }
+
+  void EndRemovals() {
+    Step("end removals", [this] {
+      for (const fs::path& folder : FoldersOfRemovals()) {
+        RemoveMatching(folder, "the rest of a removal", IsHalfRemoved);
+      }
+    });
   }
 
  private:
@@ -124,7 +133,7 @@ class Recovery {
 
   void Remove(const fs::path& path, const std::string& what) {
     if (Exists(path)) {
-      fs::remove_all(path);
+      tools::RemoveAtOnce(path);
       Did("removed " + what + " " + path.string());
     }
   }
@@ -234,12 +243,6 @@ class Recovery {
     }
   }
 
-  void EndRemovals() {
-    for (const fs::path& folder : FoldersOfRemovals()) {
-      RemoveMatching(folder, "the rest of a removal", IsHalfRemoved);
-    }
-  }
-
   RecoveryReport report_;
   std::optional<updater::PackStatus> status_;
 };
@@ -247,6 +250,8 @@ class Recovery {
 }  // namespace
 
 RecoveryReport Recover() { return Recovery().Run(); }
+
+void EndRemovals() { Recovery().EndRemovals(); }
 
 std::vector<fs::path> FindLeftovers() {
   std::vector<fs::path> found;

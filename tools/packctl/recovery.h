@@ -19,6 +19,9 @@ struct RecoveryReport {
 /// did outlives a power cut. Whatever it says is also logged. The caller makes sure that no update is running.
 RecoveryReport Recover();
 
+/// The part of a recovery that ends removals which were cut short or met an error; also beside a running update.
+void EndRemovals();
+
 /// The folders and files that an interrupted update may have left and that a recovery would put away, in order of their
 /// names; while an update is running, what it needs. Changes nothing.
 std::vector<std::filesystem::path> FindLeftovers();

@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <sys/file.h>
+#include <sys/syscall.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <ostream>
@@ -10,7 +12,9 @@
 
 #include "platform/constants.h"
 #include "platform/key_value_store.h"
+#include "tests/support/forked.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/process.h"
 #include "tests/support/test_root.h"
 #include "tools/packctl/recovery.h"
 #include "tools/packctl/status_reader.h"
@@ -162,6 +166,20 @@ TEST_F(RecoveryTest, RecoverEndsRemovalsThatWereCut) {
   EXPECT_THAT(Left(kTargetFolder), ElementsAre(".removed.aZ09x", "codec-pack", "removed.aZ09xy"));
   EXPECT_THAT(Left(cache), IsEmpty());
   ExpectNothingLeftToDo();
+}
+
+// Another program may bring back a backup that it finds.
+TEST_F(RecoveryTest, ARecoveryThatIsCutLeavesNoPartOfABackup) {
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kBackupPackFolderPath, "1");
+  test::Forked cut([] {
+    test::FailSystemCall(SYS_unlinkat, EIO);
+    return Recover().failed.empty() ? 0 : 1;
+  });
+  EXPECT_EQ(cut.Wait(), 1);
+  EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
+  Recover();
+  EXPECT_THAT(Left(kTargetFolder), ElementsAre("codec-pack"));
 }
 
 TEST_F(RecoveryTest, RecoverRemovesALinkWithoutWhatItPointsTo) {
