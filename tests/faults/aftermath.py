@@ -61,6 +61,8 @@ class Aftermath:
             self.stuck.append(f"left behind: {' '.join(left)}")
 
     def _look_at_store(self):
+        if self.broken is None and not self.appliance.status_file.exists():
+            self.lost.append("the status store is gone")
         try:
             return self.appliance.status()
         except ValueError as error:

@@ -35,6 +35,7 @@ ERRORS = ("EIO", "ENOSPC")
 FAULTS = ("kill", "power", *ERRORS)
 OLD, NEW = "1.0.0", "2.0.0"
 INJECTOR_FAILED = 125
+MOST_UNREACHED = 20  # one in so many
 
 
 @dataclasses.dataclass(frozen=True)
@@ -182,6 +183,11 @@ def report(outcomes, numbered):
     lost = sum(bool(outcome.lost) for _, outcome in outcomes)
     stuck = sum(bool(outcome.stuck) for _, outcome in outcomes)
     print(f"faults: {len(outcomes)} tried, {lost} lost, {stuck} stuck, 0 skipped")
+    # How many calls a run takes depends a little on its pace.
+    unreached = sum(not outcome.reached for _, outcome in outcomes)
+    if unreached > len(outcomes) / MOST_UNREACHED:
+        print(f"{unreached} faults never came about")
+        return True
     return lost or stuck
 
 

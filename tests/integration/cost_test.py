@@ -82,6 +82,7 @@ class CallsOfAnUpdate(unittest.TestCase):
                 if path.name == "status.json":
                     saves.append(calls)
                     calls = []
+        self.assertGreaterEqual(len(saves), SAVES_OF_STATE * STATES)
         self.assertEqual([SAVE] * len(saves), saves)
         folders = [call for _, call, path in self.calls if path.parts[-2:] == ("lib", "orbamira") and call == "fsync"]
         self.assertLessEqual(len(folders), len(saves))

@@ -8,8 +8,10 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <memory>
 #include <regex>
 #include <sstream>
@@ -55,6 +57,8 @@ struct Misbehaviour {
   bool downloads = false;
   /// It makes the download wait longer than a test should.
   bool slow = false;
+  /// So many requests for the package it takes at least.
+  int attempts = 0;
   std::string payload = "two";
 };
 
@@ -370,7 +374,10 @@ std::vector<Misbehaviour> MisbehavioursOfThePackage() {
                    .downloads = true});
   }
   for (const std::size_t at : {std::size_t{0}, std::size_t{1}, std::size_t{4096}}) {
-    all.push_back({.name = "PackageIsResetOnceAtByte" + std::to_string(at), .package = cut_once(at), .slow = true});
+    all.push_back({.name = "PackageIsResetOnceAtByte" + std::to_string(at),
+                   .package = cut_once(at),
+                   .slow = true,
+                   .attempts = 2});
   }
   const std::string gave_up = "taken up 5 times without getting on";
   const std::vector<Misbehaviour> others = {
@@ -497,6 +504,7 @@ std::vector<Misbehaviour> MisbehavioursOfThePackage() {
          }
        }),
        .slow = true,
+       .attempts = 20,
        .payload = test::PatternOf(20 * kMebibyte)},
   };
   all.insert(all.end(), others.begin(), others.end());
@@ -576,6 +584,7 @@ class MisbehavingServerTest : public testing::TestWithParam<Misbehaviour> {
     Misbehave(misbehaviour);
     EXPECT_EQ(manager_->DownloadAndInstall(), log.empty());
     EXPECT_EQ(TimelessLog(), log);
+    EXPECT_GE(attempts_, misbehaviour.attempts);
     if (log.empty()) {
       ExpectPack("2.0", misbehaviour.payload);
       EXPECT_EQ(RecordedStatus(), "up_to_date");
@@ -590,6 +599,7 @@ class MisbehavingServerTest : public testing::TestWithParam<Misbehaviour> {
   void ExpectPackctlSurvives(const Misbehaviour& misbehaviour, const Log& log) {
     Misbehave(misbehaviour);
     const ProgramResult result = PackctlUpdate(misbehaviour.slow);
+    EXPECT_GE(attempts_, misbehaviour.attempts);
     if (log.empty()) {
       EXPECT_EQ(result.status, 0);
       EXPECT_EQ(result.errors, "");
@@ -673,6 +683,24 @@ TEST_F(MisbehavingServerTest, ACheckThatFailsLeavesTheRecordAsItWas) {
     EXPECT_THAT(check.errors, testing::EndsWith("packctl: the check failed; the recorded status is up_to_date\n"));
     EXPECT_EQ(Appliance::StatusRecord(), record) << reply;
   }
+  ExpectHealthyUpdate("two");
+}
+
+// The library waits for a reply for as long as that takes: whoever runs it decides when it has been long enough.
+TEST_F(MisbehavingServerTest, AReplyThatNeverComesCanBeGivenUp) {
+  appliance_.Publish("2.0", "two");
+  const auto record = Appliance::StatusRecord();
+  std::promise<void> asked;
+  appliance_.SetFault([&asked](const HttpRequest&, HttpResponse& response) {
+    response.stall_at = 0;
+    asked.set_value();
+  });
+  RunningProgram check(Appliance::PackctlCommand({"check"}));
+  ASSERT_EQ(asked.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  check.Signal(SIGTERM);
+  EXPECT_EQ(check.Wait().status, -SIGTERM);
+  EXPECT_EQ(Appliance::StatusRecord(), record);
+  appliance_.server().Release();
   ExpectHealthyUpdate("two");
 }
 
