@@ -2,12 +2,12 @@
 """Brings every fault about at every file-changing system call of an update, and looks at what is left.
 
 Seven runs are struck: a first update; an upgrade, at once and as a download and an install; the removal of a pack; the
-check that finds a broken status store; and the recovery of an upgrade that was killed before its new pack was in place. Each is run once to
-number its calls. Then, for a call and a fault, the same is run again from the same state with that fault: the whole
-family of processes is killed there, or killed with the loss of all data that was not synced (a power cut), or the call
-fails with EIO or ENOSPC. After it the pack must be whole or absent with the means to go on, and the status store
-readable; recover, check and update against the healthy server must end up to date with the right pack and nothing left
-behind.
+check that finds a broken status store; and the recovery of an upgrade that was killed before its new pack was in place.
+Each is run once to number its calls. Then, for a call and a fault, the same is run again from the same state with that
+fault: the whole family of processes is killed there, or killed with the loss of all data that was not synced (a power
+cut), or the call fails with EIO or ENOSPC. After it the pack must be whole or absent with the means to go on, and the
+status store readable; recover, check and update against the healthy server must end up to date with the right pack and
+nothing left behind.
 
 Recoveries that leave the disk in the same state share one check and update.
 
