@@ -4,8 +4,8 @@
 
 #include <system_error>
 
-#include "platform/body_file.h"
-#include "platform/http_transfer.h"
+#include "platform/http/body_file.h"
+#include "platform/http/http_transfer.h"
 
 namespace orbamira::wrapper {
 

@@ -12,11 +12,11 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/body_file.h"
-#include "platform/download_policy.h"
 #include "platform/exception.h"
-#include "platform/http_transfer.h"
-#include "platform/progress_throttle.h"
+#include "platform/http/body_file.h"
+#include "platform/http/download_policy.h"
+#include "platform/http/http_transfer.h"
+#include "platform/http/progress_throttle.h"
 
 namespace orbamira::wrapper {
 namespace {

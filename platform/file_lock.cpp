@@ -10,7 +10,7 @@
 #include <system_error>
 
 #include "platform/orba_sdk_wrapper.h"
-#include "platform/unique_fd.h"
+#include "platform/posix/unique_fd.h"
 
 namespace orbamira::store {
 namespace {

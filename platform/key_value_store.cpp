@@ -15,9 +15,9 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/atomic_file.h"
 #include "platform/log.h"
-#include "platform/unique_fd.h"
+#include "platform/posix/atomic_file.h"
+#include "platform/posix/unique_fd.h"
 
 namespace orbamira::store {
 namespace {

@@ -5,11 +5,11 @@
 #include <optional>
 #include <utility>
 
-#include "platform/account_file.h"
+#include "platform/account/account_file.h"
+#include "platform/account/id_token.h"
+#include "platform/account/oidc_provider.h"
 #include "platform/constants.h"
 #include "platform/file_lock.h"
-#include "platform/id_token.h"
-#include "platform/oidc_provider.h"
 
 namespace orbazelo {
 namespace {

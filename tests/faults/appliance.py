@@ -124,7 +124,7 @@ class Appliance:
             (libexec / script).symlink_to(source / "libexec" / script)
         (appliance.root / "packctl").symlink_to(build / "tools/packctl/packctl")
         shutil.copy(build / "packaging/INFO", share / "INFO")
-        (share / "web").symlink_to(source / "tools/packctl/web")
+        (share / "web").symlink_to(source / "tools/packctl/web/page")
         (settings / "system.conf").write_text('unique="test-appliance"\n')
         (settings / "version.conf").write_text('major_version="3"\nminor_version="1"\nbuild_number="1200"\n')
         return appliance

@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <string>
 
+#include "platform/account/id_token.h"
 #include "platform/constants.h"
-#include "platform/id_token.h"
 #include "platform/orba_zelo_wrapper.h"
 #include "platform/orbazelo.h"
 #include "tests/fuzz/fuzzing.h"

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "platform/constants.h"
-#include "platform/unique_fd.h"
+#include "platform/posix/unique_fd.h"
 #include "tests/fuzz/fuzzing.h"
 #include "tests/support/test_root.h"
 #include "updater/kos_helper.h"

@@ -13,8 +13,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "platform/posix/files.h"
 #include "tests/fuzz/fuzzing.h"
-#include "tools/common/posix.h"
 #include "tools/orba-archive/byte_source.h"
 
 namespace {

@@ -1,13 +1,13 @@
 // The identity token of a sign-in and the provider's keys, both from the network: whatever they hold, the token is
 // refused with a reason, or it is what was expected. The input's first line is the key set, the rest the token.
 
-#include "platform/id_token.h"
+#include "platform/account/id_token.h"
 
 #include <string>
 
 #include "tests/fuzz/fuzzing.h"
-#include "tools/packctl/account_error.h"
-#include "tools/packctl/account_token.h"
+#include "tools/orba-account/error.h"
+#include "tools/orba-account/token.h"
 
 namespace {
 

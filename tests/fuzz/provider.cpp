@@ -7,9 +7,9 @@
 
 #include <string>
 
+#include "platform/account/id_token.h"
 #include "platform/constants.h"
-#include "platform/id_token.h"
-#include "platform/json_object.h"
+#include "platform/json/json_object.h"
 #include "platform/orbazelo.h"
 #include "tests/fuzz/fuzzing.h"
 #include "tests/support/test_root.h"

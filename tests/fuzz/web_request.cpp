@@ -7,8 +7,8 @@
 #include <variant>
 
 #include "tests/fuzz/fuzzing.h"
-#include "tools/packctl/web_access.h"
-#include "tools/packctl/web_http.h"
+#include "tools/packctl/http/message.h"
+#include "tools/packctl/web/access.h"
 
 namespace {
 

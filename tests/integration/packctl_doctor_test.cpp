@@ -22,11 +22,11 @@
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
-#include "platform/unique_fd.h"
+#include "platform/posix/openssl.h"
+#include "platform/posix/unique_fd.h"
 #include "tests/support/appliance.h"
 #include "tests/support/process.h"
 #include "tests/support/test_root.h"
-#include "tools/common/openssl.h"
 #include "updater/pack_status_helper.h"
 
 namespace orbamira {

@@ -21,12 +21,12 @@
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
-#include "platform/unique_fd.h"
+#include "platform/posix/unique_fd.h"
 #include "tests/support/appliance.h"
 #include "tests/support/test_root.h"
-#include "tools/packctl/exclusive_lock.h"
-#include "tools/packctl/web_server.h"
-#include "tools/packctl/web_state.h"
+#include "tools/packctl/commands/exclusive_lock.h"
+#include "tools/packctl/http/server.h"
+#include "tools/packctl/web/state.h"
 #include "updater/pack_status_helper.h"
 
 namespace orbamira {

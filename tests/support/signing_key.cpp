@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "tools/common/openssl.h"
+#include "platform/posix/openssl.h"
 
 namespace orbamira::test {
 namespace {

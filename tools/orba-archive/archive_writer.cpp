@@ -14,7 +14,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "tools/common/posix.h"
+#include "platform/posix/files.h"
 #include "tools/orba-archive/member_name.h"
 
 namespace orbamira::tools {

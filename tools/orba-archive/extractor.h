@@ -8,7 +8,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "tools/common/posix.h"
+#include "platform/posix/files.h"
 #include "tools/orba-archive/archive_reader.h"
 #include "tools/orba-archive/layer.h"
 

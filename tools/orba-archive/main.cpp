@@ -19,8 +19,8 @@
 #include <vector>
 
 #include "platform/constants.h"
+#include "platform/posix/files.h"
 #include "platform/settings_file.h"
-#include "tools/common/posix.h"
 #include "tools/orba-archive/archive_reader.h"
 #include "tools/orba-archive/archive_writer.h"
 #include "tools/orba-archive/extractor.h"

@@ -16,8 +16,8 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "tools/common/openssl.h"
-#include "tools/common/posix.h"
+#include "platform/posix/files.h"
+#include "platform/posix/openssl.h"
 #include "tools/orba-archive/archive_reader.h"
 
 namespace orbamira::tools {

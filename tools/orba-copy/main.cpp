@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/common/posix.h"
+#include "platform/posix/files.h"
 #include "tools/orba-copy/partial_folder.h"
 #include "tools/orba-copy/tree_copier.h"
 

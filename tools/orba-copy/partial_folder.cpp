@@ -10,7 +10,7 @@
 #include <exception>
 #include <stdexcept>
 
-#include "tools/common/remove_tree.h"
+#include "platform/posix/remove_tree.h"
 
 namespace orbamira::tools {
 

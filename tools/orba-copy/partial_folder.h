@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "tools/common/posix.h"
+#include "platform/posix/files.h"
 
 namespace orbamira::tools {
 

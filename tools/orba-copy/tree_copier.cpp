@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "tools/common/posix.h"
+#include "platform/posix/files.h"
 
 namespace orbamira::tools {
 namespace {

@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/common/posix.h"
-#include "tools/common/remove_tree.h"
+#include "platform/posix/files.h"
+#include "platform/posix/remove_tree.h"
 
 namespace {
 

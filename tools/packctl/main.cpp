@@ -5,9 +5,9 @@
 #include <system_error>
 
 #include "platform/constants.h"
-#include "tools/packctl/command_line.h"
-#include "tools/packctl/program.h"
-#include "tools/packctl/run.h"
+#include "tools/packctl/cli/command_line.h"
+#include "tools/packctl/cli/program.h"
+#include "tools/packctl/cli/run.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/download_policy.h"
 #include "platform/exception.h"
+#include "platform/http/download_policy.h"
 #include "tests/support/file_size_limit.h"
 #include "tests/support/http_server.h"
 #include "tests/support/test_root.h"

@@ -1,4 +1,4 @@
-#include "platform/id_token.h"
+#include "platform/account/id_token.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "platform/oidc_provider.h"
+#include "platform/account/oidc_provider.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "platform/progress_throttle.h"
+#include "platform/http/progress_throttle.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

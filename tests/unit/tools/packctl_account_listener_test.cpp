@@ -9,10 +9,10 @@
 #include <future>
 #include <vector>
 
-#include "platform/unique_fd.h"
-#include "tools/packctl/account_error.h"
-#include "tools/packctl/account_listener.h"
-#include "tools/packctl/account_page.h"
+#include "platform/posix/unique_fd.h"
+#include "tools/orba-account/error.h"
+#include "tools/orba-account/listener.h"
+#include "tools/orba-account/page.h"
 
 namespace orbamira::packctl {
 namespace {

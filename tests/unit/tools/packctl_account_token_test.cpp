@@ -4,9 +4,9 @@
 #include <stdexcept>
 
 #include "tests/support/signing_key.h"
-#include "tools/packctl/account_error.h"
-#include "tools/packctl/account_secrets.h"
-#include "tools/packctl/account_token.h"
+#include "tools/orba-account/error.h"
+#include "tools/orba-account/secrets.h"
+#include "tools/orba-account/token.h"
 
 namespace orbamira::packctl {
 namespace {

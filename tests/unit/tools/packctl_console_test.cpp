@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "tests/support/test_root.h"
-#include "tools/packctl/console.h"
+#include "tools/packctl/cli/console.h"
 
 namespace orbamira::packctl {
 namespace {

@@ -11,7 +11,7 @@
 #include <system_error>
 
 #include "tests/support/test_root.h"
-#include "tools/packctl/exclusive_lock.h"
+#include "tools/packctl/commands/exclusive_lock.h"
 
 namespace orbamira::packctl {
 namespace {

@@ -12,7 +12,7 @@
 #include "tests/support/forked.h"
 #include "tests/support/process.h"
 #include "tests/support/test_root.h"
-#include "tools/packctl/history.h"
+#include "tools/packctl/record/history.h"
 
 namespace orbamira::packctl {
 namespace {

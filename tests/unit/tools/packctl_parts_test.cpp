@@ -7,10 +7,10 @@
 
 #include "platform/constants.h"
 #include "tests/support/test_root.h"
-#include "tools/packctl/asked_status_helper.h"
-#include "tools/packctl/checking_pack_handler.h"
-#include "tools/packctl/status_words.h"
-#include "tools/packctl/watched_work.h"
+#include "tools/packctl/commands/checking_pack_handler.h"
+#include "tools/packctl/commands/watched_work.h"
+#include "tools/packctl/record/asked_status_helper.h"
+#include "tools/packctl/view/status_words.h"
 
 namespace orbamira::packctl {
 namespace {

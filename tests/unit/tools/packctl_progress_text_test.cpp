@@ -2,7 +2,7 @@
 
 #include <limits>
 
-#include "tools/packctl/progress_text.h"
+#include "tools/packctl/view/progress_text.h"
 
 namespace orbamira::packctl {
 namespace {

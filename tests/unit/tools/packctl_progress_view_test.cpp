@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/packctl/progress_view.h"
+#include "tools/packctl/view/progress_view.h"
 
 namespace orbamira::packctl {
 namespace {

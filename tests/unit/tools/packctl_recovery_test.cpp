@@ -16,8 +16,8 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"
 #include "tests/support/test_root.h"
-#include "tools/packctl/recovery.h"
-#include "tools/packctl/status_reader.h"
+#include "tools/packctl/commands/recovery.h"
+#include "tools/packctl/record/status_reader.h"
 #include "updater/pack_status_helper.h"
 
 namespace orbamira::packctl {

@@ -8,7 +8,7 @@
 #include "platform/key_value_store.h"
 #include "tests/support/forked.h"
 #include "tests/support/test_root.h"
-#include "tools/packctl/status_reader.h"
+#include "tools/packctl/record/status_reader.h"
 #include "updater/pack_status_helper.h"
 
 namespace orbamira::packctl {

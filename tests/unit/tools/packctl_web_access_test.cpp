@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "tests/support/test_root.h"
-#include "tools/packctl/web_access.h"
+#include "tools/packctl/web/access.h"
 
 namespace orbamira::packctl {
 namespace {

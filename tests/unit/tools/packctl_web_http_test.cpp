@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 
-#include "tools/packctl/web_http.h"
+#include "tools/packctl/http/message.h"
 
 namespace orbamira::packctl {
 namespace {

@@ -12,9 +12,9 @@
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
 #include "tests/support/test_root.h"
-#include "tools/packctl/exclusive_lock.h"
-#include "tools/packctl/history.h"
-#include "tools/packctl/web_state.h"
+#include "tools/packctl/commands/exclusive_lock.h"
+#include "tools/packctl/record/history.h"
+#include "tools/packctl/web/state.h"
 #include "updater/pack_status_helper.h"
 
 namespace orbamira::packctl {

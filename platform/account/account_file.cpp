@@ -1,0 +1,129 @@
+#include "platform/account/account_file.h"
+
+#include <fcntl.h>
+#include <json/writer.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <utility>
+
+#include "platform/constants.h"
+#include "platform/json/json_object.h"
+#include "platform/orbazelo.h"
+#include "platform/posix/atomic_file.h"
+#include "platform/posix/unique_fd.h"
+
+namespace orbazelo {
+namespace {
+
+namespace path = orbamira::path;
+
+constexpr off_t kAccountLimit = 1024L * 1024;
+constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
+
+[[noreturn]] void ThrowAboutFile(const std::string& what) {
+  throw ZeloException("the account file " + std::string(path::kAccountFile) + " " + what);
+}
+
+std::string ErrorText() { return std::strerror(errno); }  // NOLINT(concurrency-mt-unsafe)
+
+// The text of the account file; empty when there is no such file.
+std::optional<std::string> ReadAccountFile() {
+  const orbamira::UniqueFd file = orbamira::OpenFile(path::kAccountFile, O_RDONLY);
+  if (!file.valid()) {
+    if (errno == ENOENT) {
+      return std::nullopt;
+    }
+    ThrowAboutFile("cannot be opened: " + ErrorText());
+  }
+  struct stat status {};
+  if (fstat(file.get(), &status) != 0) {
+    ThrowAboutFile("cannot be examined: " + ErrorText());
+  }
+  if (!S_ISREG(status.st_mode)) {
+    ThrowAboutFile("is not a regular file");
+  }
+  if ((status.st_mode & kOthers) != 0) {
+    ThrowAboutFile("is open to others than its owner; its mode must be 0600");
+  }
+  if (status.st_size > kAccountLimit) {
+    ThrowAboutFile("is over " + std::to_string(kAccountLimit) + " bytes");
+  }
+  std::optional<std::string> text = orbamira::ReadUpTo(file.get(), static_cast<std::size_t>(kAccountLimit));
+  if (!text) {
+    ThrowAboutFile("cannot be read: " + ErrorText());
+  }
+  return text;
+}
+
+}  // namespace
+
+Json::Value ReadAccount() {
+  const std::optional<std::string> text = ReadAccountFile();
+  if (!text) {
+    return Json::objectValue;
+  }
+  std::optional<Json::Value> account = ParseJsonObject(*text);
+  if (!account) {
+    ThrowAboutFile("is malformed: it is not a JSON object");
+  }
+  return *std::move(account);
+}
+
+void WriteAccount(const Json::Value& account) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "  ";
+  builder["emitUTF8"] = true;
+  try {
+    orbamira::ReplaceFile(path::kAccountFile, Json::writeString(builder, account) + "\n", S_IRUSR | S_IWUSR,
+                          orbamira::Durability::kDurable);
+  } catch (const std::exception& error) {
+    throw ZeloException(std::string("the provider's new tokens could not be kept: ") + error.what());
+  }
+}
+
+void RemoveAccount() {
+  if (unlink(path::kAccountFile) != 0) {
+    ThrowAboutFile("cannot be removed: " + ErrorText());
+  }
+  const std::string folder = std::filesystem::path(path::kAccountFile).parent_path();
+  const orbamira::UniqueFd directory = orbamira::OpenFile(folder, O_RDONLY | O_DIRECTORY);
+  if (!directory.valid() || fsync(directory.get()) != 0) {
+    ThrowAboutFile("is removed, but may come back after a power cut: " + ErrorText());
+  }
+}
+
+std::string TextMember(const Json::Value& object, const std::string& name) {
+  const Json::Value text = object.get(name, "");
+  if (!text.isString()) {
+    ThrowAboutFile("is malformed: \"" + name + "\" is not a text");
+  }
+  return text.asString();
+}
+
+Json::Value ObjectMember(const Json::Value& object, const std::string& name) {
+  Json::Value member = object.get(name, Json::objectValue);
+  if (!member.isObject()) {
+    ThrowAboutFile("is malformed: \"" + name + "\" is not an object");
+  }
+  return member;
+}
+
+ClientTokens TokensOf(const Json::Value& account, const std::string& client) {
+  if (TextMember(account, "user_id").empty()) {
+    throw ZeloException("no account is signed in");
+  }
+  const Json::Value clients = ObjectMember(account, "clients");
+  if (!clients.isMember(client)) {
+    throw ZeloException("the account has no tokens for client " + client);
+  }
+  const Json::Value tokens = ObjectMember(clients, client);
+  const std::string client_id = TextMember(tokens, "client_id");
+  return {client_id.empty() ? client : client_id, TextMember(tokens, "id_token"), TextMember(tokens, "refresh_token")};
+}
+
+}  // namespace orbazelo

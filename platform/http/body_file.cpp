@@ -1,0 +1,115 @@
+#include "platform/http/body_file.h"
+
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+#include <system_error>
+
+namespace orbamira::wrapper {
+namespace {
+
+// curl gives 16 KiB at a time. Written like this they would take the kernel half as long again, and in its cache be
+// as many small pieces, which also costs those who read or delete the file.
+constexpr std::size_t kPieceSize = 256UL * 1024;
+
+[[noreturn]] void ThrowErrno(const std::string& what) {
+  throw std::system_error(errno != 0 ? errno : EIO, std::generic_category(), what);
+}
+
+// The standard stream gives no way to fsync or truncate its file, and opening the file a second time by its name is no
+// way either: the name is not known here. libstdc++ keeps the file in a protected member of the buffer, which a derived
+// class may name; its fd() is documented. Everything that needs the descriptor goes through here.
+class DescriptorOf : public std::filebuf {
+ public:
+  static int Get(std::filebuf& buffer) { return (buffer.*(&DescriptorOf::_M_file)).fd(); }
+};
+
+}  // namespace
+
+BodyFile::BodyFile(std::ofstream& stream) : stream_(stream) {
+  if (!stream.is_open() || !stream) {
+    throw std::system_error(EBADF, std::generic_category(), "the file is not open");
+  }
+  errno = 0;
+  begin_ = stream.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::out);
+  if (begin_ < 0) {
+    ThrowErrno("cannot tell the position in the file");
+  }
+  piece_.reserve(kPieceSize);
+}
+
+BodyFile::~BodyFile() { static_cast<void>(WriteOut()); }
+
+// Only a regular file takes up room, and not every file system knows how much it has.
+void BodyFile::ExpectRoomFor(std::int64_t size) {
+  struct stat file {};
+  struct statvfs disk {};
+  if (fstat(Descriptor(), &file) != 0 || !S_ISREG(file.st_mode) || fstatvfs(Descriptor(), &disk) != 0 ||
+      disk.f_blocks == 0) {
+    return;
+  }
+  const std::uint64_t room = std::uint64_t{disk.f_bfree} * disk.f_frsize;
+  if (size > 0 && static_cast<std::uint64_t>(size) > room) {
+    throw std::system_error(
+        ENOSPC, std::generic_category(),
+        "cannot write the file: it has " + std::to_string(size) + " bytes, " + std::to_string(room) + " are free");
+  }
+}
+
+void BodyFile::Write(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const std::string_view fitting = bytes.substr(0, kPieceSize - piece_.size());
+    piece_ += fitting;
+    bytes.remove_prefix(fitting.size());
+    if (piece_.size() == kPieceSize && !WriteOut()) {
+      DropAndThrow("cannot write the file");
+    }
+  }
+}
+
+void BodyFile::StartOver() {
+  piece_.clear();
+  Flush();
+  if (ftruncate(Descriptor(), begin_) != 0 || stream_.rdbuf()->pubseekpos(begin_, std::ios::out) < 0) {
+    ThrowErrno("cannot truncate the file");
+  }
+}
+
+void BodyFile::Flush() {
+  if (!WriteOut() || stream_.rdbuf()->pubsync() != 0) {
+    DropAndThrow("cannot write the file");
+  }
+}
+
+void BodyFile::Sync() {
+  Flush();
+  if (fsync(Descriptor()) != 0) {
+    DropAndThrow("cannot sync the file");
+  }
+}
+
+int BodyFile::Descriptor() const { return DescriptorOf::Get(*stream_.rdbuf()); }
+
+// Goes to the buffer itself, which never throws. A piece as large as ours passes it by: it is written without a copy.
+bool BodyFile::WriteOut() {
+  errno = 0;
+  const auto size = static_cast<std::streamsize>(piece_.size());
+  const bool written = stream_.rdbuf()->sputn(piece_.data(), size) == size;
+  piece_.clear();
+  return written;
+}
+
+// Past the buffer: the few bytes still in it are written when the stream is closed, and then go to the beginning.
+void BodyFile::DropAndThrow(const std::string& what) {
+  const int error = errno;
+  if (ftruncate(Descriptor(), begin_) == 0) {
+    lseek(Descriptor(), begin_, SEEK_SET);
+  }
+  errno = error;
+  ThrowErrno(what);
+}
+
+}  // namespace orbamira::wrapper

@@ -1,0 +1,39 @@
+#include "platform/http/progress_throttle.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace orbamira::wrapper {
+namespace {
+
+// Time between two calls for each part of time in one: 1 of 50 is 2 %.
+constexpr int kRestPerCall = 49;
+constexpr std::chrono::milliseconds kShortestGap{100};
+
+}  // namespace
+
+ProgressThrottle::ProgressThrottle(const Progress* progress, std::function<TimePoint()> now)
+    : progress_(progress != nullptr && *progress ? progress : nullptr), now_(std::move(now)) {}
+
+void ProgressThrottle::Report(std::int64_t received, std::int64_t total) {
+  if (progress_ != nullptr && now_() >= next_) {
+    Call(received, total);
+  }
+}
+
+void ProgressThrottle::ReportLast(std::int64_t size) {
+  if (progress_ != nullptr && (last_received_ != size || last_total_ != size)) {
+    Call(size, size);
+  }
+}
+
+void ProgressThrottle::Call(std::int64_t received, std::int64_t total) {
+  const TimePoint begin = now_();
+  (*progress_)(static_cast<long>(received), static_cast<long>(total));
+  const TimePoint end = now_();
+  next_ = end + std::max<TimePoint::duration>(kShortestGap, kRestPerCall * (end - begin));
+  last_received_ = received;
+  last_total_ = total;
+}
+
+}  // namespace orbamira::wrapper

@@ -1,0 +1,161 @@
+#include "platform/posix/files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <system_error>
+
+namespace orbamira::tools {
+
+void ThrowErrno(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
+
+std::string Below(const std::string& folder, const std::string& inner) {
+  std::string path;
+  path.reserve(folder.size() + 1 + inner.size());
+  return path.append(folder).append("/").append(inner);
+}
+
+PathParts SplitPath(const std::string& path) {
+  const std::string_view whole = path;
+  const std::string_view bare = whole.substr(0, whole.find_last_not_of('/') + 1);
+  const size_t name = bare.rfind('/') + 1;  // npos + 1 is 0
+  PathParts parts{name == 0 ? "." : std::string(bare.substr(0, name)), std::string(bare.substr(name))};
+  if (parts.name.empty() || parts.name == "." || parts.name == "..") {
+    throw std::runtime_error(path + ": not a name for a file or folder");
+  }
+  return parts;
+}
+
+UniqueFd OpenDirectory(int at, const std::string& name, const std::string& shown) {
+  UniqueFd directory(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!directory.valid()) {
+    ThrowErrno(shown);
+  }
+  return directory;
+}
+
+std::vector<std::string> ListDirectory(int directory, const std::string& shown) {
+  const int own = openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (own < 0) {
+    ThrowErrno(shown);
+  }
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(fdopendir(own), closedir);
+  if (!stream) {
+    close(own);
+    ThrowErrno(shown);
+  }
+  std::vector<std::string> names;
+  errno = 0;
+  while (const dirent* entry = readdir(stream.get())) {  // NOLINT(concurrency-mt-unsafe): a stream of our own
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") {
+      names.emplace_back(name);
+    }
+  }
+  if (errno != 0) {
+    ThrowErrno(shown);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+struct stat Stat(int fd, const std::string& shown) {
+  struct stat status = {};
+  if (fstat(fd, &status) != 0) {
+    ThrowErrno(shown);
+  }
+  return status;
+}
+
+struct stat StatName(int at, const std::string& name, const std::string& shown) {
+  struct stat status = {};
+  if (fstatat(at, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    ThrowErrno(shown);
+  }
+  return status;
+}
+
+std::string ReadLink(int at, const std::string& name, const std::string& shown) {
+  std::string target(PATH_MAX, '\0');
+  const ssize_t length = readlinkat(at, name.c_str(), target.data(), target.size());
+  if (length < 0) {
+    ThrowErrno(shown);
+  }
+  target.resize(static_cast<size_t>(length));
+  return target;
+}
+
+bool RenameToFree(int folder, const std::string& from, const std::string& to) {
+  if (renameat2(folder, from.c_str(), folder, to.c_str(), RENAME_NOREPLACE) == 0) {
+    return true;
+  }
+  if (errno != EINVAL && errno != ENOSYS) {
+    return false;
+  }
+  // A kernel or file system without the flag: all that can be replaced now is what takes the name within the next
+  // moment, of folders an empty one.
+  if (faccessat(folder, to.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
+    errno = EEXIST;
+    return false;
+  }
+  return errno == ENOENT && renameat(folder, from.c_str(), folder, to.c_str()) == 0;
+}
+
+size_t ReadFully(int fd, void* buffer, size_t size, const std::string& shown) {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t count = read(fd, static_cast<char*>(buffer) + done, size - done);
+    if (count == 0) {
+      break;
+    }
+    if (count > 0) {
+      done += static_cast<size_t>(count);
+    } else if (errno != EINTR) {
+      ThrowErrno(shown);
+    }
+  }
+  return done;
+}
+
+void WriteFully(int fd, const void* data, size_t size, const std::string& shown) {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t count = write(fd, static_cast<const char*>(data) + done, size - done);
+    if (count >= 0) {
+      done += static_cast<size_t>(count);
+    } else if (errno != EINTR) {
+      ThrowErrno(shown);
+    }
+  }
+}
+
+std::string Printable(std::string_view text) {
+  std::string line;
+  line.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7f) {
+      line += c;
+      continue;
+    }
+    line += '\\';
+    for (const int shift : {6, 3, 0}) {
+      line += static_cast<char>('0' + ((byte >> shift) & 7));
+    }
+  }
+  return line;
+}
+
+int PrintAll(const char* text) {
+  return std::fputs(text, stdout) >= 0 && std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+}  // namespace orbamira::tools

@@ -1,0 +1,138 @@
+#include "tools/packctl/cli/console.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <optional>
+#include <sstream>
+#include <system_error>
+
+#include "platform/posix/files.h"
+
+namespace orbamira::packctl {
+namespace {
+
+constexpr const char* kName = "packctl";
+
+int CheckedFd(int fd, const char* what) {
+  if (fd < 0) {
+    throw std::system_error(errno, std::generic_category(), what);
+  }
+  return fd;
+}
+
+// Above the standard descriptors, so that a closed one is not taken for something else.
+int KeepAside(int fd) { return CheckedFd(fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1), "keep an output aside"); }
+
+bool WriteAll(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(fd, text.data(), text.size());
+    if (written < 0 && errno != EINTR) {
+      return false;
+    }
+    text.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
+  }
+  return true;
+}
+
+// Takes `front` off the text; false when the text does not begin with it.
+bool Skip(std::string_view& text, std::string_view front) {
+  const bool found = text.starts_with(front);
+  text.remove_prefix(found ? front.size() : 0);
+  return found;
+}
+
+// Takes the longest front made of these characters off the text; false when there is none.
+bool SkipAnyOf(std::string_view& text, std::string_view characters) {
+  const std::size_t length = std::min(text.find_first_not_of(characters), text.size());
+  text.remove_prefix(length);
+  return length > 0;
+}
+
+// What the library logged with this line, without "packctl[PID]: " and "FILE:LINE " in front; empty for a line that is
+// not from the log. By hand: a message may quote text of any length from outside, and a std::regex recurses over it.
+std::optional<std::string_view> LoggedMessage(std::string_view line) {
+  constexpr std::string_view kDigits = "0123456789";
+  constexpr std::string_view kFileName = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.";
+  if (!Skip(line, kName) || !Skip(line, "[") || !SkipAnyOf(line, kDigits) || !Skip(line, "]: ")) {
+    return std::nullopt;
+  }
+  std::string_view message = line;
+  const bool has_source =
+      SkipAnyOf(message, kFileName) && Skip(message, ":") && SkipAnyOf(message, kDigits) && Skip(message, " ");
+  return has_source ? message : line;
+}
+
+}  // namespace
+
+Console::Console()
+    : output_(KeepAside(STDOUT_FILENO)),
+      error_(KeepAside(STDERR_FILENO)),
+      held_(CheckedFd(memfd_create(kName, MFD_CLOEXEC), "hold back output")) {
+  CheckedFd(dup2(held_, STDOUT_FILENO), "hold back output");
+  CheckedFd(dup2(held_, STDERR_FILENO), "hold back output");
+  openlog(kName, LOG_PID | LOG_PERROR, LOG_LOCAL1);
+}
+
+Console::~Console() {
+  closelog();
+  dup2(output_, STDOUT_FILENO);
+  dup2(error_, STDERR_FILENO);
+  close(output_);
+  close(error_);
+  close(held_);
+}
+
+bool Console::Print(std::string_view text) const { return WriteAll(output_, text); }
+
+void Console::Complain(std::string_view text) const {
+  WriteAll(error_, std::string(kName) + ": " + tools::Printable(text) + "\n");
+}
+
+bool Console::IsTerminal() const { return isatty(output_) == 1; }
+
+int Console::Columns() const {
+  winsize size{};
+  if (ioctl(output_, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
+    return size.ws_col;
+  }
+  const char* const columns = std::getenv("COLUMNS");
+  const long number = columns != nullptr ? std::strtol(columns, nullptr, 10) : 0;
+  constexpr int kUsual = 80;
+  constexpr long kWidest = 1000;
+  return number > 0 && number <= kWidest ? static_cast<int>(number) : kUsual;
+}
+
+Console::Held Console::TakeHeld() {
+  constexpr long kMost = 64L * 1024;
+  struct stat about {};
+  const long size = fstat(held_, &about) == 0 ? about.st_size : 0;
+  std::string text(static_cast<std::size_t>(std::clamp(size - taken_, 0L, kMost)), '\0');
+  const ssize_t length = pread(held_, text.data(), text.size(), taken_);
+  text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+  taken_ = size;
+  if (size > 0) {
+    // A command that runs for months would gather them. Should it fail, that costs memory alone.
+    static_cast<void>(fallocate(held_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, size));
+  }
+
+  Held held;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (const auto message = LoggedMessage(line)) {
+      held.log.emplace_back(*message);
+    } else if (!line.empty()) {
+      held.other.push_back(line);
+    }
+  }
+  return held;
+}
+
+}  // namespace orbamira::packctl

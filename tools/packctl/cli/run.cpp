@@ -1,0 +1,93 @@
+#include "tools/packctl/cli/run.h"
+
+#include <array>
+#include <chrono>
+#include <ctime>
+#include <exception>
+#include <utility>
+
+#include "platform/constants.h"
+#include "platform/log.h"
+#include "tools/packctl/cli/program.h"
+#include "tools/packctl/commands/exclusive_lock.h"
+#include "updater/kos_helper.h"
+
+namespace orbamira::packctl {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::array kFunctions = {
+    Function{"check", Check},   Function{"download", Download},   Function{"install", Install},
+    Function{"update", Update}, Function{"remove", Remove},       Function{"status", Status},
+    Function{"info", Info},     Function{"history", ShowHistory}, Function{"doctor", Doctor},
+    Function{"codecs", Codecs}, Function{"plugins", Plugins},     Function{"recover", RunRecovery},
+    Function{"web", Web},
+};
+
+std::vector<std::string> Joined(std::vector<std::string> front, const std::vector<std::string>& back) {
+  front.insert(front.end(), back.begin(), back.end());
+  return front;
+}
+
+std::optional<PackIdentity> InstalledPack() {
+  const auto facts = updater::KOSHelper::Create();
+  if (!facts->FileExist(path::kPackInfoPath)) {
+    return std::nullopt;
+  }
+  return PackIdentity{facts->GetPackageNameFromPath(path::kPackInfoPath),
+                      facts->GetVersionFromPath(path::kPackInfoPath)};
+}
+
+// The history is a courtesy: that it cannot be kept is told, and fails nothing.
+void Keep(const HistoryEntry& entry, std::vector<std::string>& problems) {
+  try {
+    AppendToHistory(entry);
+  } catch (const std::exception& error) {
+    problems.push_back(std::string("cannot keep the history: ") + error.what());
+    ORBAMIRA_LOG_ERROR("Failed to keep the history: %s", error.what());
+  }
+}
+
+Outcome RunAlone(const Command& command, Context& context) {
+  const bool is_change = command.effect == Effect::kChange;
+  const Clock::time_point begin = Clock::now();
+  const std::optional<PackIdentity> before = is_change ? InstalledPack() : std::nullopt;
+  Outcome outcome = Attempt(command, context, kFunctions);
+  const bool failed = outcome.exit == kExitFailed;
+  Console::Held held = context.console.TakeHeld();
+  std::vector<std::string> errors = failed ? Joined(std::move(held.log), outcome.problems) : outcome.problems;
+  if (is_change && (outcome.changed || failed)) {
+    const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
+    Keep({.time = std::time(nullptr),
+          .duration_ms = duration.count(),
+          .command = command.name,
+          .from = before,
+          .to = outcome.offer ? outcome.offer : InstalledPack(),
+          .result = outcome.json["result"].asString(),
+          .status = outcome.json["status"].asString(),
+          .exit = outcome.exit,
+          .errors = errors},
+         errors);
+  }
+  outcome.problems = Joined(std::move(held.other), errors);
+  return outcome;
+}
+
+}  // namespace
+
+Outcome Run(const Command& command, Context& context) {
+  try {
+    std::optional<ExclusiveLock> lock;
+    if (command.effect != Effect::kNone) {
+      lock.emplace(path::kPackctlLock);
+    }
+    return RunAlone(command, context);
+  } catch (const Busy& busy) {
+    return Refused(kExitNotPermitted, command, "busy", busy.what());
+  } catch (const std::exception& error) {
+    return Refused(kExitFailed, command, "failed", error.what());
+  }
+}
+
+}  // namespace orbamira::packctl

@@ -1,0 +1,248 @@
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+#include "platform/constants.h"
+#include "platform/key_value_store.h"
+#include "platform/posix/files.h"
+#include "tools/packctl/cli/command.h"
+#include "tools/packctl/commands/checking_pack_handler.h"
+#include "tools/packctl/commands/recovery.h"
+#include "tools/packctl/commands/watched_work.h"
+#include "tools/packctl/record/asked_status_helper.h"
+#include "tools/packctl/record/status_reader.h"
+#include "tools/packctl/view/progress_view.h"
+#include "tools/packctl/view/status_words.h"
+#include "updater/pack_manager.h"
+
+namespace orbamira::packctl {
+namespace {
+
+/// The library's objects, put together as PackManager::Create() does it, with a handler that remembers its offers and a
+/// status helper that remembers its permissions.
+struct Updater {
+  std::shared_ptr<AskedStatusHelper> status;
+  std::shared_ptr<CheckingPackHandler> handler;
+  std::unique_ptr<updater::IPackManager> manager;
+};
+
+Updater MakeUpdater() {
+  std::shared_ptr<updater::IKOSHelper> facts = updater::KOSHelper::Create();
+  std::shared_ptr<store::IKeyValueStore> store = store::FileKeyValueStore::Create(path::kPackStatusFile);
+  if (store == nullptr) {
+    throw std::runtime_error(std::string("cannot use the status store ") + path::kPackStatusFile);
+  }
+  auto status = std::make_shared<AskedStatusHelper>(std::move(store));
+  const auto core = std::make_shared<wrapper::OrbaCoreWrapper>();
+  auto handler = std::make_shared<CheckingPackHandler>(wrapper::CprSession::Create(), facts, core,
+                                                       std::make_shared<wrapper::OrbaSDKWrapper>());
+  auto manager = std::make_unique<updater::PackManager>(core, std::make_shared<wrapper::OrbaPkgWrapper>(), facts,
+                                                        status, handler, updater::PluginNotifier::Create());
+  return {std::move(status), std::move(handler), std::move(manager)};
+}
+
+/// One of the three flows.
+struct Flow {
+  const char* command;
+  const char* noun;
+  bool (updater::IPackManager::*run)() const;
+  const char* success;
+  bool installs;  ///< a pack is in place when it succeeded
+};
+
+Outcome Answer(ExitStatus exit, const char* command, const char* result) {
+  Outcome outcome{.exit = exit};
+  outcome.json["command"] = command;
+  outcome.json["result"] = result;
+  return outcome;
+}
+
+/// As above, with the recorded status; null when that cannot be read.
+Outcome AnswerWithStatus(ExitStatus exit, const char* command, const char* result) {
+  Outcome outcome = Answer(exit, command, result);
+  try {
+    outcome.json["status"] = StatusText(ReadStatus().status);
+  } catch (const std::exception&) {
+    outcome.json["status"] = Json::nullValue;
+  }
+  return outcome;
+}
+
+constexpr const char* kRecoverHint = "if no program is at work on it, run \"packctl recover\"";
+
+/// Whether an interrupted program may have left this status, the text or null of an answer. Only the user knows whether
+/// another program using the library is at work: this one holds no lock against those.
+bool MayNeedRecovery(const Json::Value& status) {
+  return status.isNull() || IsUnderWay(updater::PackStatusFromText(status.asString()));
+}
+
+std::string StatusSentence(const Json::Value& status) {
+  const std::string sentence =
+      status.isNull() ? "the recorded status cannot be read" : "the recorded status is " + status.asString();
+  return MayNeedRecovery(status) ? sentence + "; " + kRecoverHint : sentence;
+}
+
+Outcome Failed(const char* command, const char* noun) {
+  Outcome outcome = AnswerWithStatus(kExitFailed, command, "failed");
+  outcome.problems = {std::string("the ") + noun + " failed; " + StatusSentence(outcome.json["status"])};
+  return outcome;
+}
+
+/// A change that failed after it had begun: puts in order what it left, and says where that leaves the machine.
+Outcome FailedChange(const char* command, const char* noun) {
+  Recover();
+  return Failed(command, noun);
+}
+
+bool RunWithProgress(const Console& console, const std::function<bool()>& work) {
+  const auto view = MakeProgressView(
+      console.IsTerminal(), [&console](std::string_view text) { console.Print(text); },
+      [&console] { return console.Columns(); });
+  const auto show = [&view] {
+    try {
+      view->Show(ReadStatus(), ProgressView::Clock::now());
+    } catch (const std::exception&) {
+      // A record that cannot be read now costs one picture; whether the work succeeds is told by the work.
+      return;
+    }
+  };
+  const bool done = RunWatched(work, show);
+  view->Finish();
+  return done;
+}
+
+Outcome NotPermitted(const char* command, const char* noun, updater::PackStatus status) {
+  Outcome outcome = Answer(kExitNotPermitted, command, "not_permitted");
+  outcome.json["status"] = StatusText(status);
+  outcome.problems.push_back(std::string("the ") + noun + " is not permitted while the recorded status is " +
+                             StatusText(status) + " (" + StatusMeaning(status) + ")");
+  outcome.problems.push_back(IsUnderWay(status) ? kRecoverHint : "permitted now: " + PermittedCommands(status));
+  return outcome;
+}
+
+Outcome RunFlow(Context& context, const Flow& flow) {
+  const Updater updater = MakeUpdater();
+  const auto work = [&] { return (updater.manager.get()->*flow.run)(); };
+  const bool done = context.options.json ? work() : RunWithProgress(context.console, work);
+  if (const auto status = updater.status->refused_status()) {
+    return NotPermitted(flow.command, flow.noun, *status);
+  }
+  if (!done) {
+    return updater.status->permitted() ? FailedChange(flow.command, flow.noun) : Failed(flow.command, flow.noun);
+  }
+  // The library counts a copy as done whatever exit status its program gave.
+  if (flow.installs && !updater.manager->CheckPackExists()) {
+    updater.status->SetAsDownloadInstallFailed();
+    Outcome outcome = FailedChange(flow.command, flow.noun);
+    outcome.problems.insert(outcome.problems.begin(), "the new pack did not get into place");
+    return outcome;
+  }
+  EndRemovals();  // to the library a removal is done whatever exit status its program gave
+  Outcome outcome = AnswerWithStatus(kExitDone, flow.command, "done");
+  outcome.text = flow.success;
+  outcome.changed = true;
+  if (!flow.installs) {
+    const StatusRecord record = ReadStatus();
+    outcome.offer = PackIdentity{record.new_pack_name, record.new_version};
+  }
+  return outcome;
+}
+
+Json::Value InstalledVersion() {
+  const std::string version = updater::KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath);
+  return version.empty() ? Json::Value() : Json::Value(version);
+}
+
+std::string Installed(const Json::Value& version) {
+  return version.isNull() ? "no version is installed" : "installed is " + tools::Printable(version.asString());
+}
+
+}  // namespace
+
+Outcome Check(Context& /*context*/) {
+  const Updater updater = MakeUpdater();
+  const bool found = updater.manager->CheckNewPack();
+  const std::optional<std::string>& declined = updater.handler->declined_version();
+  const Json::Value installed_version = InstalledVersion();
+  const std::string installed = Installed(installed_version);
+  Outcome outcome;
+  if (found) {
+    const std::string version = ReadStatus().new_version;
+    outcome = AnswerWithStatus(kExitDone, "check", "new_pack");
+    outcome.json["version"] = version;
+    outcome.changed = true;
+    outcome.offer = PackIdentity{.version = version};
+    outcome.text = "A new pack is available: version " + tools::Printable(version) + ", " + installed +
+                   ".\nFetch and install it with \"packctl update\".\n";
+  } else if (declined) {
+    outcome = AnswerWithStatus(kExitNothingToDo, "check", "nothing_new");
+    outcome.json["version"] = *declined;
+    outcome.text = "Nothing new: version " + tools::Printable(*declined) + " is offered, " + installed + ".\n";
+    if (const Json::Value& status = outcome.json["status"]; MayNeedRecovery(status)) {
+      outcome.problems = {StatusSentence(status)};
+    }
+  } else {
+    outcome = Failed("check", "check");
+    outcome.json["version"] = Json::nullValue;
+  }
+  outcome.json["installed_version"] = installed_version;
+  return outcome;
+}
+
+Outcome Download(Context& context) {
+  return RunFlow(context, {"download", "download", &updater::IPackManager::Download,
+                           "The new pack is downloaded and verified. Install it with \"packctl install\".\n", false});
+}
+
+Outcome Install(Context& context) {
+  return RunFlow(context,
+                 {"install", "install", &updater::IPackManager::Install, "The new pack is installed.\n", true});
+}
+
+Outcome Update(Context& context) {
+  return RunFlow(context, {"update", "update", &updater::IPackManager::DownloadAndInstall,
+                           "The new pack is downloaded and installed.\n", true});
+}
+
+Outcome Remove(Context& /*context*/) {
+  if (const updater::PackStatus status = ReadStatus().status; IsUnderWay(status)) {
+    return NotPermitted("remove", "removal", status);
+  }
+  if (!updater::KOSHelper::Create()->DirExist(path::kPackFolderPath)) {
+    Outcome outcome = AnswerWithStatus(kExitNothingToDo, "remove", "nothing_to_do");
+    outcome.text = "No codec pack is installed.\n";
+    return outcome;
+  }
+  const Updater updater = MakeUpdater();
+  if (!updater.manager->RemovePack()) {
+    return FailedChange("remove", "removal");
+  }
+  Outcome outcome = AnswerWithStatus(kExitDone, "remove", "done");
+  outcome.changed = true;
+  outcome.text = "The codec pack is removed.\n";
+  return outcome;
+}
+
+Outcome RunRecovery(Context& /*context*/) {
+  const RecoveryReport report = Recover();
+  const bool whole = report.failed.empty();
+  Outcome outcome = AnswerWithStatus(whole ? kExitDone : kExitFailed, "recover", whole ? "done" : "failed");
+  outcome.changed = !report.done.empty();
+  Json::Value& actions = outcome.json["actions"] = Json::arrayValue;
+  for (const std::string& action : report.done) {
+    actions.append(action);
+    outcome.text += tools::Printable(action) + "\n";
+  }
+  Json::Value& failures = outcome.json["failures"] = Json::arrayValue;
+  for (const std::string& failure : report.failed) {
+    failures.append(failure);
+  }
+  if (!whole) {
+    outcome.problems = {"not everything could be put in order"};
+  } else if (report.done.empty()) {
+    outcome.text = "Everything is in order.\n";
+  }
+  return outcome;
+}
+
+}  // namespace orbamira::packctl

@@ -1,0 +1,279 @@
+#include "tools/packctl/commands/recovery.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "platform/constants.h"
+#include "platform/file_lock.h"
+#include "platform/log.h"
+#include "platform/orba_sdk_wrapper.h"
+#include "platform/posix/remove_tree.h"
+#include "tools/packctl/view/status_words.h"
+#include "updater/pack_status_helper.h"
+
+namespace orbamira::packctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+void SyncFolder(const fs::path& folder) {
+  const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const bool synced = fd >= 0 && fsync(fd) == 0;
+  const int error = errno;
+  if (fd >= 0) {
+    close(fd);
+  }
+  if (!synced) {
+    throw std::system_error(error, std::generic_category(), "cannot sync " + folder.string());
+  }
+}
+
+bool Exists(const fs::path& path) { return fs::exists(fs::symlink_status(path)); }
+
+// Every pack has an information file, and a pack is put in place whole. What has none is the rest of a removal that was
+// cut short. A symbolic link was made by the machine's owner: what it points to may not be mounted yet.
+bool IsPack(const fs::path& folder) { return fs::is_symlink(folder) || fs::is_regular_file(folder / "INFO"); }
+
+// Whether the name is "PREFIX.XXXXXX" as mkstemp makes it. A file set aside as broken is no temporary file, though it
+// has the same form.
+bool IsTemporaryOf(const std::string& prefix, const std::string& name) {
+  constexpr std::size_t kSuffixLength = 6;
+  if (name.size() != prefix.size() + 1 + kSuffixLength || !name.starts_with(prefix + ".") ||
+      name.ends_with(".broken")) {
+    return false;
+  }
+  return std::all_of(name.end() - kSuffixLength, name.end(), [](unsigned char c) { return std::isalnum(c) != 0; });
+}
+
+bool IsHalfBuiltPack(const std::string& name) {
+  return name.starts_with(std::string(".").append(kPackFolderName).append(".partial."));
+}
+
+// What a removal that was cut short had moved aside.
+bool IsHalfRemoved(const std::string& name) { return IsTemporaryOf(".removed", name); }
+
+bool IsTemporaryAnswer(const std::string& name) {
+  return name.starts_with(std::string(".").append(fs::path(path::kTempPluginAppIdPath).filename()).append("."));
+}
+
+// Where the folders lie that the updater has removed.
+std::array<fs::path, 2> FoldersOfRemovals() { return {kTargetFolder, fs::path(kDownloadFolder).parent_path()}; }
+
+using NameTest = std::function<bool(const std::string&)>;
+
+NameTest TemporariesOf(const fs::path& file) {
+  return [prefix = file.filename().string()](const std::string& name) { return IsTemporaryOf(prefix, name); };
+}
+
+// What matches in the folder, in order; nothing when there is no folder.
+std::vector<fs::path> Matching(const fs::path& folder, const NameTest& matches) {
+  std::vector<fs::path> found;
+  if (!fs::exists(folder)) {
+    return found;
+  }
+  for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+    if (matches(entry.path().filename())) {
+      found.push_back(entry.path());
+    }
+  }
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+class Recovery {
+ public:
+  RecoveryReport Run() {
+    Step("make the folders", [this] { MakeFolders(); });
+    Step("restore the pack", [this] { RestorePack(); });
+    Step("remove unpacked files", [this] { RemoveUnpacked(); });
+    EndRemovals();  // early: what follows needs room on the disk
+    Step("remove the status store's temporary files",
+         [this] { RemoveTemporaries(path::kPackStatusFile, path::kPackStatusLock); });
+    Step("remove the account's temporary files", [this] { RemoveTemporaries(path::kAccountFile, path::kAccountLock); });
+    Step("remove the plugins' answer", [this] { RemovePluginAnswer(); });
+    Step("mend the recorded status", [this] { MendStatus(); });
+    Step("remove the download", [this] { RemoveDownload(); });
+    return std::move(report_);
+  }
+
+  void EndRemovals() {
+    Step("end removals", [this] {
+      for (const fs::path& folder : FoldersOfRemovals()) {
+        RemoveMatching(folder, "the rest of a removal", IsHalfRemoved);
+      }
+    });
+  }
+
+ private:
+  void Step(const char* what, const std::function<void()>& step) {
+    try {
+      step();
+    } catch (const std::exception& error) {
+      report_.failed.push_back(std::string("cannot ") + what + ": " + error.what());
+      ORBAMIRA_LOG_ERROR("Recovery: %s", report_.failed.back().c_str());
+    }
+  }
+
+  void Did(const std::string& what) {
+    report_.done.push_back(what);
+    ORBAMIRA_LOG_INFO("Recovery: %s", what.c_str());
+  }
+
+  void Remove(const fs::path& path, const std::string& what) {
+    if (Exists(path)) {
+      tools::RemoveAtOnce(path);
+      Did("removed " + what + " " + path.string());
+    }
+  }
+
+  void MakeFolders() {
+    for (const fs::path& folder : {fs::path(kTargetFolder), fs::path(path::kPackStatusFile).parent_path()}) {
+      if (fs::is_directory(folder)) {
+        continue;
+      }
+      if (const int made = wrapper::OrbaSDKWrapper().MakeDirectory(folder); made < 0) {
+        throw std::system_error(-made, std::generic_category(), folder);
+      }
+      Did("made the missing folder " + folder.string());
+    }
+  }
+
+  void RestorePack() {
+    const fs::path pack = path::kPackFolderPath;
+    const fs::path backup = path::kBackupPackFolderPath;
+    if (!IsPack(pack)) {
+      Remove(pack, "the rest of a pack");
+      if (IsPack(backup)) {
+        fs::rename(backup, pack);
+        SyncFolder(pack.parent_path());
+        Did("brought the previous pack back to " + pack.string());
+      }
+    }
+    Remove(backup, "the pack's backup");
+  }
+
+  void RemoveUnpacked() {
+    Remove(path::kTempPackFolderPath, "the unpacked pack");
+    RemoveMatching(kTargetFolder, "the half-built pack", IsHalfBuiltPack);
+  }
+
+  // Under the file's own lock: a temporary file may be another process's write under way.
+  void RemoveTemporaries(const fs::path& file, const std::string& lock_path) {
+    const store::FileLock lock(lock_path);
+    RemoveMatching(file.parent_path(), "the temporary file", TemporariesOf(file));
+  }
+
+  void RemoveMatching(const fs::path& folder, const std::string& what, const NameTest& matches) {
+    for (const fs::path& path : Matching(folder, matches)) {
+      Remove(path, what);
+    }
+  }
+
+  void RemovePluginAnswer() {
+    const fs::path answer = path::kTempPluginAppIdPath;
+    Remove(answer, "the plugins' old answer");
+    RemoveMatching(answer.parent_path(), "the temporary file", IsTemporaryAnswer);
+  }
+
+  void MendStatus() {
+    const auto helper = updater::PackStatusHelper::Create();
+    if (helper == nullptr) {
+      throw std::runtime_error(std::string("cannot use the status store ") + path::kPackStatusFile);
+    }
+    std::string recorded = "an unreadable text";
+    try {
+      const updater::PackStatus status = helper->GetPackStatus();
+      recorded = StatusText(status);
+      status_ = Mended(status);
+    } catch (const std::logic_error& error) {
+      ORBAMIRA_LOG_ERROR("Recovery: the recorded status cannot be read: %s", error.what());
+      status_ = updater::kStatusDownloadInstallFailed;
+    }
+    if (recorded != StatusText(*status_)) {
+      Record(*helper, recorded);
+    }
+  }
+
+  // What the status becomes when no work is under way.
+  static updater::PackStatus Mended(updater::PackStatus status) {
+    switch (status) {
+      case updater::kStatusDownloading:
+        return updater::kStatusDownloadFailed;
+      case updater::kStatusInstalling:
+      case updater::kStatusDownloadingInstalling:
+        return updater::kStatusDownloadInstallFailed;
+      case updater::kStatusNeedInstall:
+      case updater::kStatusInstallFailed:
+        return fs::is_regular_file(path::kDownloadedOpkPath) ? status : updater::kStatusDownloadInstallFailed;
+      case updater::kStatusLost:
+      case updater::kStatusNeedDownload:
+      case updater::kStatusDownloadFailed:
+      case updater::kStatusDownloadInstallFailed:
+      case updater::kStatusUpToDate:
+        break;
+    }
+    return status;
+  }
+
+  void Record(const updater::IPackStatusHelper& helper, const std::string& instead_of) {
+    if (status_ == updater::kStatusDownloadFailed) {
+      helper.SetAsDownloadFailed();
+    } else {
+      helper.SetAsDownloadInstallFailed();
+    }
+    Did("changed the recorded status from " + instead_of + " to " + StatusText(*status_));
+  }
+
+  // A package that waits to be installed is what is needed to go on; without a known status it may be that.
+  void RemoveDownload() {
+    if (status_ && status_ != updater::kStatusNeedInstall && status_ != updater::kStatusInstallFailed) {
+      Remove(kDownloadFolder, "the download");
+    }
+  }
+
+  RecoveryReport report_;
+  std::optional<updater::PackStatus> status_;
+};
+
+}  // namespace
+
+RecoveryReport Recover() { return Recovery().Run(); }
+
+void EndRemovals() { Recovery().EndRemovals(); }
+
+std::vector<fs::path> FindLeftovers() {
+  std::vector<fs::path> found;
+  for (const fs::path& path : {fs::path(path::kBackupPackFolderPath), fs::path(path::kTempPackFolderPath)}) {
+    if (Exists(path)) {
+      found.push_back(path);
+    }
+  }
+  const fs::path store = path::kPackStatusFile;
+  const fs::path account = path::kAccountFile;
+  const fs::path answer = path::kTempPluginAppIdPath;
+  const auto [packages, cache] = FoldersOfRemovals();
+  for (const auto& [folder, matches] : {std::pair<fs::path, NameTest>(packages, IsHalfBuiltPack),
+                                        {packages, IsHalfRemoved},
+                                        {cache, IsHalfRemoved},
+                                        {store.parent_path(), TemporariesOf(store)},
+                                        {account.parent_path(), TemporariesOf(account)},
+                                        {answer.parent_path(), IsTemporaryAnswer}}) {
+    const std::vector<fs::path> more = Matching(folder, matches);
+    found.insert(found.end(), more.begin(), more.end());
+  }
+  return found;
+}
+
+}  // namespace orbamira::packctl

@@ -1,8 +1,0 @@
-// Prints packctl's commands and options as JSON, for packaging/generate.py. Not installed.
-
-#include <iostream>
-
-#include "tools/packctl/command_line.h"
-#include "tools/packctl/json_line.h"
-
-int main() { std::cout << orbamira::packctl::JsonLine(orbamira::packctl::DescribeCommandLine()); }

@@ -1,0 +1,85 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <exception>
+#include <functional>
+#include <iterator>
+#include <system_error>
+
+#include "platform/posix/files.h"
+#include "platform/posix/unique_fd.h"
+#include "tools/packctl/cli/command.h"
+#include "tools/packctl/doctor/checks.h"
+
+namespace orbamira::packctl {
+
+FileText ReadText(const std::filesystem::path& file) {
+  constexpr std::size_t kMost = 1UL << 20U;
+  const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!fd.valid()) {
+    return {.problem = errno == ENOENT ? "" : std::generic_category().message(errno)};
+  }
+  struct stat about {};
+  if (fstat(fd.get(), &about) != 0 || !S_ISREG(about.st_mode)) {
+    return {.problem = "it is no file"};
+  }
+  try {
+    std::string text(kMost, '\0');
+    text.resize(tools::ReadFully(fd.get(), text.data(), text.size(), file));
+    return {.text = std::move(text)};
+  } catch (const std::system_error& error) {
+    return {.problem = error.code().message()};
+  }
+}
+
+std::string SchemeOf(const std::string& address) {
+  for (const char* scheme : {"http", "https"}) {
+    const std::string front = std::string(scheme) + "://";
+    const bool has_host = address.size() > front.size() && address.find_first_of("/?#:", front.size()) != front.size();
+    if (address.starts_with(front) && has_host && address.find_first_of(" \t\r\n\"'") == std::string::npos) {
+      return scheme;
+    }
+  }
+  return "";
+}
+
+Outcome Doctor(Context& context) {
+  Offer offer;
+  const std::vector<std::function<Findings()>> checks = {
+      CheckSettings,
+      CheckPermissions,
+      CheckKeyring,
+      [&context] { return CheckPlugins(context.console); },
+      CheckLocks,
+      [] { return ChangeIsUnderWay() ? Findings() : CheckState(); },
+      [&offer] { return CheckServer(offer); },
+      [&offer] { return CheckSpace(offer); },
+  };
+  Outcome outcome;
+  Json::Value& findings = outcome.json["findings"] = Json::arrayValue;
+  for (const auto& check : checks) {
+    for (const Finding& finding : check()) {
+      Json::Value entry;
+      entry["check"] = finding.check;
+      entry["problem"] = finding.problem;
+      entry["remedy"] = finding.remedy;
+      findings.append(entry);
+      outcome.text += tools::Printable(finding.check + ": " + finding.problem) + ".\n    " +
+                      tools::Printable(finding.remedy) + ".\n";
+    }
+  }
+  // What was logged on the way is what the findings tell.
+  context.console.TakeHeld();
+  const bool well = findings.empty();
+  outcome.json["command"] = "doctor";
+  outcome.json["result"] = well ? "well" : "faults";
+  outcome.exit = well ? kExitDone : kExitFailed;
+  if (well) {
+    outcome.text = "No fault was found.\n";
+  }
+  return outcome;
+}
+
+}  // namespace orbamira::packctl

@@ -1,0 +1,77 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <system_error>
+
+#include "platform/constants.h"
+#include "platform/orba_core_wrapper.h"
+#include "platform/posix/files.h"
+#include "tools/packctl/doctor/checks.h"
+
+namespace orbamira::packctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kCheck = "plugins";
+
+/// A folder that only we can open, gone with its object.
+class PrivateFolder {
+ public:
+  PrivateFolder() : path_((fs::temp_directory_path() / "packctl.XXXXXX").string()) {
+    if (mkdtemp(path_.data()) == nullptr) {
+      tools::ThrowErrno(path_);
+    }
+  }
+  ~PrivateFolder() {
+    std::error_code error;
+    fs::remove_all(path_, error);
+  }
+  PrivateFolder(const PrivateFolder&) = delete;
+  PrivateFolder& operator=(const PrivateFolder&) = delete;
+
+  [[nodiscard]] std::string File(const std::string& name) const { return tools::Below(path_, name); }
+
+ private:
+  std::string path_;
+};
+
+// What is meant as a plugin but is passed over.
+void CheckExecutable(Findings& findings) {
+  std::error_code error;
+  std::vector<std::string> passed_over;
+  for (fs::directory_iterator entry(path::kPluginFolder, error), end; !error && entry != end; entry.increment(error)) {
+    const std::string name = entry->path().filename();
+    if (!name.starts_with('.') && !name.ends_with('~') && fs::is_regular_file(entry->path()) &&
+        access(entry->path().c_str(), X_OK) != 0) {
+      passed_over.push_back(entry->path());
+    }
+  }
+  std::sort(passed_over.begin(), passed_over.end());
+  for (const std::string& file : passed_over) {
+    findings.push_back({kCheck, file + " is not executable, so it is never told of anything", "chmod 0755 " + file});
+  }
+}
+
+}  // namespace
+
+Findings CheckPlugins(Console& console) {
+  Findings findings;
+  CheckExecutable(findings);
+  // The answer goes beside the library's own, which an update or another query may be waiting for.
+  const PrivateFolder folder;
+  console.TakeHeld();
+  if (wrapper::OrbaCoreWrapper().RunCommand({path::kGetAppIdPyPath, folder.File("answer")}) < 0) {
+    return findings;  // that it cannot be run is for the check of the programs
+  }
+  constexpr std::string_view kSpeaker = "get_app_id: ";
+  for (const std::string& line : console.TakeHeld().other) {
+    if (line.starts_with(kSpeaker)) {
+      findings.push_back({kCheck, line.substr(kSpeaker.size()), "mend or remove it"});
+    }
+  }
+  return findings;
+}
+
+}  // namespace orbamira::packctl

@@ -1,0 +1,233 @@
+#include <cpr/cpr.h>
+#include <json/reader.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <system_error>
+
+#include "platform/constants.h"
+#include "tools/packctl/doctor/checks.h"
+#include "tools/packctl/view/progress_text.h"
+#include "updater/json_text.h"
+#include "updater/kos_helper.h"
+
+namespace orbamira::packctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kServer = "server";
+constexpr const char* kClock = "clock";
+constexpr const char* kSpace = "space";
+constexpr const char* kPublish = "publish the pack again with mkpack";
+constexpr long kOk = 200;
+
+// The updater waits as long as the server takes; a doctor must come to an end.
+void SetUp(cpr::Session& session, const std::string& address) {
+  session.SetUrl(cpr::Url(address));
+  session.SetConnectTimeout(cpr::ConnectTimeout(std::chrono::seconds(10)));
+  session.SetTimeout(cpr::Timeout(std::chrono::seconds(30)));
+}
+
+cpr::Response Ask(const std::string& address) {
+  const auto facts = updater::KOSHelper::Create();
+  cpr::Session session;
+  SetUp(session, address);
+  session.SetParameters({{"identify", kPackageId},
+                         {"unique", facts->GetUnique()},
+                         {"version", facts->GetVersionFromPath(kPackageInfoPath)},
+                         {"kos_version", facts->GetVersion()}});
+  std::string body;
+  session.SetWriteCallback(cpr::WriteCallback([&body](std::string_view bytes, intptr_t /*unused*/) {
+    body += bytes;
+    return body.size() <= updater::kJsonTextLimit;
+  }));
+  cpr::Response response = session.Get();
+  response.text = std::move(body);
+  return response;
+}
+
+// The pack that this machine would be offered, by the rules of the library.
+std::string PackName() {
+  if (fs::exists(path::kHasAacPath)) {
+    return kHevcAacPack;
+  }
+  Json::Value requirements;
+  const FileText read = ReadText(path::kCodecRequirementsPath);
+  try {
+    const bool asks = read.text && Json::Reader().parse(*read.text, requirements) && requirements.isObject() &&
+                      !requirements[kAac].empty();
+    return asks ? kHevcAacPack : kHevcPack;
+  } catch (const Json::Exception&) {  // nested too deep
+    return kHevcPack;
+  }
+}
+
+void CheckClock(const cpr::Response& response, Findings& findings) {
+  const auto date = response.header.find("Date");
+  std::tm parts{};
+  if (date == response.header.end() || strptime(date->second.c_str(), "%a, %d %b %Y %H:%M:%S GMT", &parts) == nullptr) {
+    return;
+  }
+  constexpr std::time_t kMostSeconds = 60L * 60;
+  const std::time_t difference = std::time(nullptr) - timegm(&parts);
+  if (std::abs(difference) > kMostSeconds) {
+    findings.push_back(
+        {kClock,
+         "the clock differs from the update server's by " + std::to_string(std::abs(difference) / 60) + " minutes",
+         "set the clock: certificates are judged by it"});
+  }
+}
+
+bool IsDigest(const std::string& text) {
+  constexpr std::size_t kSha256 = 64;
+  constexpr std::size_t kSha512 = 128;
+  return (text.size() == kSha256 || text.size() == kSha512) &&
+         text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+}
+
+std::string TextMember(const Json::Value& pack, const char* key) {
+  return pack[key].isString() ? pack[key].asString() : "";
+}
+
+void CheckPackage(const std::string& link, Offer& offer, Findings& findings) {
+  cpr::Session session;
+  SetUp(session, link);
+  const cpr::Response response = session.Head();
+  constexpr long kNoSuchMethod = 405;
+  constexpr long kNotImplemented = 501;
+  if (response.status_code == kNoSuchMethod || response.status_code == kNotImplemented) {
+    return;  // the server answers no such question, and may give the package all the same
+  }
+  if (response.status_code != kOk) {
+    const std::string why =
+        response.status_code == 0 ? response.error.message : "status " + std::to_string(response.status_code);
+    findings.push_back({kServer, "the package on offer cannot be had from " + link + ": " + why,
+                        "put the package there, or correct the link in the reply"});
+    return;
+  }
+  const auto length = response.header.find("Content-Length");
+  std::uint64_t size = 0;
+  if (length != response.header.end()) {
+    const std::string& text = length->second;
+    if (std::from_chars(text.data(), text.data() + text.size(), size).ec == std::errc()) {
+      offer.package_size = size;
+    }
+  }
+}
+
+void CheckReply(const std::string& text, Offer& offer, Findings& findings) {
+  Json::Value reply;
+  bool parsed = false;
+  try {
+    parsed = Json::Reader().parse(text, reply) && reply.isObject();
+  } catch (const Json::Exception&) {  // nested too deep
+    parsed = false;
+  }
+  if (!parsed) {
+    findings.push_back({kServer, "the update server's reply is no JSON object",
+                        "see that the address is that of the reply which mkpack writes"});
+    return;
+  }
+  const std::string name = PackName();
+  const Json::Value& pack = reply[name];
+  if (!pack.isObject()) {
+    findings.push_back({kServer, "the update server offers no pack called " + name, "publish one with mkpack"});
+    return;
+  }
+  if (pack["size"].isUInt64()) {
+    offer.package_size = pack["size"].asUInt64();
+  }
+  if (TextMember(pack, param::kVersion).empty()) {
+    findings.push_back({kServer, "the offer of " + name + " names no version", kPublish});
+  }
+  if (!IsDigest(TextMember(pack, param::kChecksum))) {
+    findings.push_back(
+        {kServer, "the offer of " + name + " has no SHA-256 or SHA-512 checksum, so no download passes", kPublish});
+  }
+  if (const std::string link = TextMember(pack, param::kLink); SchemeOf(link).empty()) {
+    findings.push_back({kServer, "the offer of " + name + " has no http or https link", kPublish});
+  } else {
+    CheckPackage(link, offer, findings);
+  }
+}
+
+struct Room {
+  dev_t device = 0;
+  std::uint64_t bytes = 0;
+};
+
+// What is free where the folder is, or will be made.
+Room RoomFor(fs::path folder) {
+  std::error_code error;
+  while (!fs::exists(folder, error) && folder.has_relative_path()) {
+    folder = folder.parent_path();
+  }
+  struct stat about {};
+  struct statvfs space {};
+  if (stat(folder.c_str(), &about) != 0 || statvfs(folder.c_str(), &space) != 0) {
+    return {};
+  }
+  return {.device = about.st_dev, .bytes = std::uint64_t{space.f_bavail} * space.f_frsize};
+}
+
+std::string SizeWords(std::uint64_t bytes) {
+  return FormatBytes(static_cast<std::int64_t>(std::min(bytes, std::uint64_t{INT64_MAX})));
+}
+
+void CheckRoom(const char* folder, std::uint64_t free, std::uint64_t needed, Findings& findings) {
+  if (free < needed) {
+    findings.push_back({kSpace,
+                        "for an update " + std::string(folder) + " needs about " + SizeWords(needed) +
+                            ", and there is room for " + SizeWords(free),
+                        "make room there"});
+  }
+}
+
+}  // namespace
+
+Findings CheckServer(Offer& offer) {
+  Findings findings;
+  const std::string address = updater::KOSHelper::Create()->GetPackUpdateServerUrl();
+  if (SchemeOf(address).empty()) {
+    return findings;  // which the check of the settings tells
+  }
+  const cpr::Response response = Ask(address);
+  CheckClock(response, findings);
+  if (response.text.size() > updater::kJsonTextLimit) {
+    findings.push_back({kServer, "the update server's reply is too long", "see that the address is that of a reply"});
+  } else if (response.status_code == 0 || response.error.code != cpr::ErrorCode::OK) {
+    findings.push_back({kServer, "the update server does not answer: " + response.error.message,
+                        "see to the network and the name service, and that the server runs"});
+  } else if (response.status_code != kOk) {
+    findings.push_back({kServer, "the update server answers with status " + std::to_string(response.status_code),
+                        std::string("correct ") + common::kPackUpdateServer + ", or publish the reply there"});
+  } else {
+    CheckReply(response.text, offer, findings);
+  }
+  return findings;
+}
+
+Findings CheckSpace(const Offer& offer) {
+  // A payload unpacks to about three times its size, and lies beside it meanwhile; the record needs next to nothing.
+  constexpr std::uint64_t kUnpacked = 4;
+  constexpr std::uint64_t kAlways = 1UL << 20U;
+  const std::uint64_t size = std::min(offer.package_size.value_or(0), std::uint64_t{INT64_MAX} / (2 * kUnpacked));
+  const Room download = RoomFor(kDownloadFolder);
+  const Room packages = RoomFor(kTargetFolder);
+  Findings findings;
+  if (download.device == packages.device) {
+    CheckRoom(kTargetFolder, packages.bytes, kAlways + (kUnpacked + 1) * size, findings);
+  } else {
+    CheckRoom(kDownloadFolder, download.bytes, size, findings);
+    CheckRoom(kTargetFolder, packages.bytes, kAlways + kUnpacked * size, findings);
+  }
+  return findings;
+}
+
+}  // namespace orbamira::packctl

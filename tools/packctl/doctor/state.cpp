@@ -1,0 +1,158 @@
+#include <fcntl.h>
+#include <json/reader.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <ctime>
+#include <exception>
+#include <memory>
+
+#include "platform/constants.h"
+#include "platform/posix/unique_fd.h"
+#include "tools/packctl/commands/recovery.h"
+#include "tools/packctl/doctor/checks.h"
+#include "tools/packctl/record/history.h"
+#include "tools/packctl/view/status_words.h"
+
+namespace orbamira::packctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kState = "state";
+constexpr const char* kLocks = "locks";
+constexpr const char* kRecover = "if no program is at work on it, run \"packctl recover\"";
+
+// Whether the lock is free, or there is none. Held for no longer than it takes to learn it, and never made.
+bool IsFree(const char* lock_path) {
+  const UniqueFd lock(open(lock_path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+  return !lock.valid() || flock(lock.get(), LOCK_SH | LOCK_NB) == 0;
+}
+
+// The library holds its locks for an instant at a time.
+bool BecomesFree(const char* lock_path) {
+  constexpr int kTries = 60;
+  constexpr int kPauseMs = 50;
+  for (int i = 0; i < kTries; ++i) {
+    if (IsFree(lock_path)) {
+      return true;
+    }
+    poll(nullptr, 0, kPauseMs);
+  }
+  return false;
+}
+
+// The object in the text; null when it holds none.
+Json::Value ObjectIn(const std::string& text) {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value value;
+  try {
+    const bool parsed = reader->parse(text.data(), text.data() + text.size(), &value, nullptr);
+    return parsed && value.isObject() ? value : Json::Value();
+  } catch (const Json::Exception&) {  // nested too deep
+    return {};
+  }
+}
+
+void CheckRecordedStatus(const std::string& text, Findings& findings) {
+  updater::PackStatus status{};
+  try {
+    status = updater::PackStatusFromText(text);
+  } catch (const std::exception&) {
+    findings.push_back({kState, "the recorded status cannot be read: " + text, "run \"packctl recover\""});
+    return;
+  }
+  if (IsUnderWay(status)) {
+    findings.push_back({kState,
+                        std::string("the recorded status is ") + StatusText(status) + ", but no packctl is at work",
+                        kRecover});
+  }
+  if (status == updater::kStatusNeedInstall && !fs::is_regular_file(path::kDownloadedOpkPath)) {
+    findings.push_back({kState, "the recorded status is need_install, but no package is there", kRecover});
+  }
+}
+
+void CheckStatusStore(Findings& findings) {
+  const std::string file = path::kPackStatusFile;
+  const FileText read = ReadText(file);
+  if (!read.problem.empty()) {
+    findings.push_back({kState, file + " cannot be read: " + read.problem, kRecover});
+  } else if (read.text) {
+    const Json::Value store = ObjectIn(*read.text);
+    if (store.isNull()) {
+      findings.push_back({kState, file + " is damaged", kRecover});
+    } else if (store.isMember(webapi::param::kStatus)) {
+      CheckRecordedStatus(store[webapi::param::kStatus].asString(), findings);
+    }
+  }
+  if (const std::string broken = file + ".broken"; fs::exists(fs::symlink_status(broken))) {
+    findings.push_back({kState, "a damaged status store was set aside as " + broken,
+                        "see what it tells of the cause, a failing disk perhaps, and remove it"});
+  }
+}
+
+void CheckPack(Findings& findings) {
+  if (fs::exists(path::kPackFolderPath) && !fs::is_regular_file(path::kPackInfoPath)) {
+    findings.push_back({kState, std::string(path::kPackFolderPath) + " is no whole pack", kRecover});
+  }
+}
+
+void CheckRequirements(Findings& findings) {
+  const std::string file = path::kCodecRequirementsPath;
+  const FileText read = ReadText(file);
+  if (!read.problem.empty() || (read.text && ObjectIn(*read.text).isNull())) {
+    const std::string why = read.problem.empty() ? "" : ": " + read.problem;
+    findings.push_back({kState, file + " holds no JSON object, so what applications ask for is not known" + why,
+                        "have the applications write it anew"});
+  }
+}
+
+void CheckHistory(Findings& findings) {
+  try {
+    if (const History history = ReadHistory(); history.damaged > 0) {
+      findings.push_back({kState, "unreadable lines in the history: " + std::to_string(history.damaged),
+                          std::string("harmless; remove ") + path::kHistoryFile + " to be rid of them"});
+    }
+  } catch (const std::exception& error) {
+    findings.push_back({kState, std::string("the history cannot be read: ") + error.what(), "move it away"});
+  }
+}
+
+}  // namespace
+
+Findings CheckLocks() {
+  Findings findings;
+  for (const char* lock : {path::kPackStatusLock, path::kCodecRequirementsLock, path::kAccountLock}) {
+    if (!BecomesFree(lock)) {
+      findings.push_back({kLocks, std::string("another process keeps ") + lock + ", and updates wait for it",
+                          std::string("find it with \"fuser -v ") + lock + "\" and end it"});
+    }
+  }
+  constexpr std::time_t kLong = 6L * 60 * 60;
+  struct stat about {};
+  if (ChangeIsUnderWay() && stat(path::kPackctlLock, &about) == 0 && about.st_mtime < std::time(nullptr) - kLong) {
+    findings.push_back({kLocks, "a packctl has been at work for over 6 hours",
+                        std::string("find it with \"fuser -v ") + path::kPackctlLock + "\" and end it"});
+  }
+  return findings;
+}
+
+bool ChangeIsUnderWay() { return !IsFree(path::kPackctlLock); }
+
+Findings CheckState() {
+  Findings findings;
+  CheckStatusStore(findings);
+  CheckPack(findings);
+  for (const fs::path& leftover : FindLeftovers()) {
+    findings.push_back({kState, leftover.string() + " was left behind", kRecover});
+  }
+  CheckRequirements(findings);
+  CheckHistory(findings);
+  return findings;
+}
+
+}  // namespace orbamira::packctl

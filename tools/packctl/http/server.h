@@ -1,0 +1,87 @@
+#pragma once
+
+#include <poll.h>
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/posix/unique_fd.h"
+#include "tools/packctl/http/message.h"
+
+namespace orbamira::packctl {
+
+/// Serves HTTP on one thread, which waits for all its clients at once: whoever is slow or silent keeps nobody waiting.
+/// A client has ten seconds for its request and as long to take the answer. So many are served at a time; for one more,
+/// the oldest that waits for nothing but itself goes.
+class WebServer {
+ public:
+  /// Answers a request. Nothing means later: it is asked again after each change, and with `may_wait` false once the
+  /// client has waited long enough, when it has to answer.
+  using Answer = std::function<std::optional<HttpReply>(const HttpRequest& request, bool may_wait)>;
+
+  static constexpr std::size_t kMaxClients = 64;
+  static constexpr std::size_t kMaxWaiting = 32;
+  static constexpr std::chrono::seconds kPatience{10};
+  static constexpr std::chrono::seconds kLongestWait{50};
+
+  /// Listens at the numeric address; port 0 takes a free one. Throws std::system_error, or std::runtime_error for an
+  /// address that is none.
+  WebServer(const std::string& address, int port, Answer answer);
+
+  /// Where it listens: "127.0.0.1:8080".
+  [[nodiscard]] const std::string& local() const { return local_; }
+
+  /// Serves until something fails, then throws std::system_error. Whenever `changed` (an eventfd) is readable, it is
+  /// reset and the waiting clients are answered anew.
+  [[noreturn]] void Run(int changed);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  enum class Phase {
+    kReading,   ///< the request is not whole
+    kWaiting,   ///< for a change
+    kHeld,      ///< the answer is there and comes later
+    kWriting,   ///< the answer is on its way
+    kDraining,  ///< it is sent; what the client still sends must be taken, or it would not get to see it
+    kDone,
+  };
+
+  struct Client {
+    UniqueFd fd;
+    std::string local;
+    Phase phase = Phase::kReading;
+    Clock::time_point deadline = {};
+    std::string received = {};
+    HttpRequest request = {};
+    std::string head = {};
+    std::shared_ptr<const std::string> body = {};
+    std::size_t sent = 0;
+  };
+
+  void Accept();
+  void MakeRoom();
+  void Enter(Client& client, Phase phase, Clock::duration patience) const;
+  void Read(Client& client);
+  void Ask(Client& client, bool may_wait);
+  void Reply(Client& client, const HttpReply& reply);
+  void Write(Client& client);
+  void Drain(Client& client);
+  void Go(Client& client, short events);
+  void Expire(Client& client);
+  [[nodiscard]] int Timeout() const;
+
+  Answer answer_;
+  UniqueFd listener_;
+  std::string local_;
+  std::list<Client> clients_;         // oldest first
+  Clock::time_point accept_at_ = {};  // not before: there was no descriptor left
+};
+
+}  // namespace orbamira::packctl
