@@ -168,6 +168,25 @@ class FullDisk:
         plugin.unlink()
         return found
 
+    def doctor_problems(self):
+        """A full disk under the record, the packs and the temporary files: the doctor goes on, and says what is full."""
+        appliance = self.appliance
+        temporary = appliance.root / "tmp"
+        temporary.mkdir()
+        with small_file_system(appliance.root / "var/lib/orbamira", "size=16m"), \
+                small_file_system(temporary, "size=1m,nr_inodes=2"):
+            fill(appliance.root / "var/lib/orbamira")
+            fill(temporary)
+            wrapper = ("env", f"TMPDIR={temporary}")
+            ended = appliance.packctl("doctor", "--json", wrapper=wrapper)
+        try:
+            problems = {finding["check"]: finding["problem"] for finding in json.loads(ended.stdout)["findings"]}
+        except (ValueError, KeyError):
+            return [f"doctor died with {ended.returncode}: {ended.stderr}"]
+        return [f"it does not say {part!r} of {check}: {problems}"
+                for check, part in (("plugins", "No space left on device"), ("space", "there is room for 0 B"))
+                if part not in problems.get(check, "")]
+
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -189,6 +208,7 @@ def main():
             rows = [(stage.name, bench.problems(stage)) for stage in STAGES]
             rows.append(("removal", bench.removal_problems()))
             rows.append(("plugin answer", bench.plugin_answer_problems()))
+            rows.append(("doctor", bench.doctor_problems()))
     for name, problems in rows:
         failed = failed or bool(problems)
         print(f"full disk at {name}: {'; '.join(problems) or 'as promised'}")

@@ -232,6 +232,17 @@ TEST_F(PackctlDoctorTest, ComesToAnEndWithAServerThatIsSilent) {
   EXPECT_THAT(result.out, HasSubstr("server: the update server does not answer: "));
 }
 
+TEST_F(PackctlDoctorTest, GoesOnWithoutATemporaryFolder) {
+  Use("nonsense");
+  test::ProcessOptions options;
+  options.environment = {"TMPDIR=/proc/self"};  // where nobody can make a folder, root included
+  const test::ProcessResult result = test::RunProgram(Appliance::PackctlCommand({"doctor"}), options);
+  EXPECT_TRUE(result.Exited(1)) << result;
+  EXPECT_EQ(result.err, "");
+  EXPECT_THAT(result.out, AllOf(HasSubstr("settings: "), HasSubstr("plugins: the plugins cannot be asked, for want "
+                                                                   "of a temporary folder: /proc/self/packctl.")));
+}
+
 TEST_F(PackctlDoctorTest, FindsAFolderThatCannotBeWritten) {
   const fs::path folder = fs::path(path::kPackStatusFile).parent_path();
   fs::permissions(test::Root(), fs::perms(0755));

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <optional>
 #include <system_error>
 
 #include "platform/constants.h"
@@ -59,10 +60,18 @@ void CheckExecutable(Findings& findings) {
 Findings CheckPlugins(Console& console) {
   Findings findings;
   CheckExecutable(findings);
-  // The answer goes beside the library's own, which an update or another query may be waiting for.
-  const PrivateFolder folder;
+  // Not in the library's own place, where an update or another query may be waiting for its answer.
+  std::optional<PrivateFolder> folder;
+  try {
+    folder.emplace();
+  } catch (const std::system_error& error) {
+    findings.push_back({kCheck,
+                        std::string("the plugins cannot be asked, for want of a temporary folder: ") + error.what(),
+                        "make room there, or set TMPDIR to a folder that can be written"});
+    return findings;
+  }
   console.TakeHeld();
-  if (wrapper::OrbaCoreWrapper().RunCommand({path::kGetAppIdPyPath, folder.File("answer")}) < 0) {
+  if (wrapper::OrbaCoreWrapper().RunCommand({path::kGetAppIdPyPath, folder->File("answer")}) < 0) {
     return findings;  // that it cannot be run is for the check of the programs
   }
   constexpr std::string_view kSpeaker = "get_app_id: ";
