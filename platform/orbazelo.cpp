@@ -1,6 +1,7 @@
 #include "platform/orbazelo.h"
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <utility>
@@ -17,6 +18,10 @@ namespace {
 namespace path = orbamira::path;
 
 constexpr std::int64_t kRemainingValidity = 60;
+
+// What new tokens may add to the account file: each at its longest, the refresh token with every character escaped, and
+// the names of their members.
+constexpr std::size_t kTokensLimit = 3 * kTokenLimit + 1024;
 
 std::int64_t Now() {
   return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch()).count();
@@ -57,6 +62,7 @@ std::string Refresh(Json::Value account, const std::string& client, const Client
     throw ZeloException("the identity token has expired and there is no refresh token for client " + client);
   }
   const std::string issuer = TextMember(account, "issuer");
+  AccountRoom room(account, kTokensLimit);  // before the refresh token is spent
   const IssuedTokens renewed = RefreshTokens(issuer, tokens.client_id, tokens.refresh_token);
   const std::string fault = FaultOf(renewed, tokens, issuer);
 
@@ -70,7 +76,7 @@ std::string Refresh(Json::Value account, const std::string& client, const Client
     kept["id_token"] = renewed.id_token;
   }
   if (fault.empty() || !renewed.refresh_token.empty()) {
-    WriteAccount(account);
+    room.Write(account);
   }
   if (!fault.empty()) {
     throw ZeloException("the provider's identity token cannot be used: " + fault);

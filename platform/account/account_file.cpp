@@ -9,12 +9,12 @@
 #include <cstring>
 #include <filesystem>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include "platform/constants.h"
 #include "platform/json/json_object.h"
 #include "platform/orbazelo.h"
-#include "platform/posix/atomic_file.h"
 #include "platform/posix/unique_fd.h"
 
 namespace orbazelo {
@@ -22,7 +22,7 @@ namespace {
 
 namespace path = orbamira::path;
 
-constexpr off_t kAccountLimit = 1024L * 1024;
+constexpr std::size_t kAccountLimit = std::size_t{1024} * 1024;
 constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
 
 [[noreturn]] void ThrowAboutFile(const std::string& what) {
@@ -50,14 +50,35 @@ std::optional<std::string> ReadAccountFile() {
   if ((status.st_mode & kOthers) != 0) {
     ThrowAboutFile("is open to others than its owner; its mode must be 0600");
   }
-  if (status.st_size > kAccountLimit) {
+  if (status.st_size > static_cast<off_t>(kAccountLimit)) {
     ThrowAboutFile("is over " + std::to_string(kAccountLimit) + " bytes");
   }
-  std::optional<std::string> text = orbamira::ReadUpTo(file.get(), static_cast<std::size_t>(kAccountLimit));
+  std::optional<std::string> text = orbamira::ReadUpTo(file.get(), kAccountLimit);
   if (!text) {
     ThrowAboutFile("cannot be read: " + ErrorText());
   }
   return text;
+}
+
+std::string TextOf(const Json::Value& account) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "  ";
+  builder["emitUTF8"] = true;
+  return Json::writeString(builder, account) + "\n";
+}
+
+// What an account of so many bytes takes on disk.
+std::size_t Checked(std::size_t size) {
+  if (size > kAccountLimit) {
+    ThrowAboutFile("would be over " + std::to_string(kAccountLimit) + " bytes");
+  }
+  return size;
+}
+
+orbamira::ReservedFile Reserve(std::size_t size) try {
+  return {path::kAccountFile, Checked(size)};
+} catch (const std::system_error& error) {
+  throw ZeloException(std::string("new tokens could not be kept: ") + error.what());
 }
 
 }  // namespace
@@ -74,20 +95,22 @@ Json::Value ReadAccount() {
   return *std::move(account);
 }
 
-void WriteAccount(const Json::Value& account) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "  ";
-  builder["emitUTF8"] = true;
-  try {
-    orbamira::ReplaceFile(path::kAccountFile, Json::writeString(builder, account) + "\n", S_IRUSR | S_IWUSR,
-                          orbamira::Durability::kDurable);
-  } catch (const std::exception& error) {
-    throw ZeloException(std::string("the provider's new tokens could not be kept: ") + error.what());
-  }
+void WriteAccount(const Json::Value& account) { AccountRoom(account, 0).Write(account); }
+
+AccountRoom::AccountRoom(const Json::Value& account, std::size_t growth)
+    : file_(Reserve(TextOf(account).size() + growth)) {}
+
+void AccountRoom::Write(const Json::Value& account) try {
+  const std::string text = TextOf(account);
+  Checked(text.size());
+  file_.Replace(text, S_IRUSR | S_IWUSR);
+} catch (const std::system_error& error) {
+  throw ZeloException(std::string("the provider's new tokens could not be kept: ") + error.what());
 }
 
 void RemoveAccount() {
-  if (unlink(path::kAccountFile) != 0) {
+  const std::string unfinished = orbamira::ReservedFile::NameBeside(path::kAccountFile);
+  if (unlink(path::kAccountFile) != 0 || (unlink(unfinished.c_str()) != 0 && errno != ENOENT)) {
     ThrowAboutFile("cannot be removed: " + ErrorText());
   }
   const std::string folder = std::filesystem::path(path::kAccountFile).parent_path();

@@ -2,7 +2,10 @@
 
 #include <json/value.h>
 
+#include <cstddef>
 #include <string>
+
+#include "platform/posix/atomic_file.h"
 
 // The account file of platform/orbazelo.h, as its readers and writers share it. Not installed. A reader needs no lock:
 // the file is only ever replaced whole. Who writes holds orbamira::path::kAccountLock from reading to writing.
@@ -12,10 +15,27 @@ namespace orbazelo {
 /// cannot be read, is open to others or is malformed.
 [[nodiscard]] Json::Value ReadAccount();
 
-/// Replaces the account file, mode 0600. Durable when it returns; throws ZeloException when that fails.
+/// Replaces the account file, mode 0600. Durable when it returns. Throws ZeloException when that fails, and before
+/// anything is replaced for an account that ReadAccount() would not take.
 void WriteAccount(const Json::Value& account);
 
-/// Removes the account file. Durable when it returns; throws ZeloException when that fails.
+/// The room on disk for the account as it will be with new tokens, taken before the provider is asked for them: it
+/// takes the refresh token for them, and gives them only once.
+class AccountRoom {
+ public:
+  /// For the account and `growth` bytes more. Throws ZeloException when there is no room, or the account could become
+  /// longer than ReadAccount() takes.
+  AccountRoom(const Json::Value& account, std::size_t growth);
+
+  /// As WriteAccount(). Only once.
+  void Write(const Json::Value& account);
+
+ private:
+  orbamira::ReservedFile file_;
+};
+
+/// Removes the account file, and what a writer that was killed left beside it. Durable when it returns; throws
+/// ZeloException when that fails.
 void RemoveAccount();
 
 /// A member of the account or of a part of it; empty when it is missing. Throw ZeloException when it is something else.

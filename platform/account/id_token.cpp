@@ -3,7 +3,6 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <utility>
 
 #include "platform/json/json_object.h"
@@ -66,7 +65,7 @@ bool IdToken::IsFor(const std::string& client) const {
 std::optional<JsonWebToken> ParseJsonWebToken(const std::string& text) {
   const std::size_t first = text.find('.');
   const std::size_t second = first == std::string::npos ? first : text.find('.', first + 1);
-  if (second == std::string::npos || !DecodeBase64Url(text.substr(second + 1))) {
+  if (text.size() > kTokenLimit || second == std::string::npos || !DecodeBase64Url(text.substr(second + 1))) {
     return std::nullopt;
   }
   JsonWebToken token{

@@ -2,12 +2,16 @@
 
 #include <json/value.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace orbazelo {
+
+/// The longest token that is taken, of any kind; in bytes.
+constexpr std::size_t kTokenLimit = std::size_t{64} * 1024;
 
 /// What an identity token (a JSON Web Token) says. Its signature is not looked at here: a renewed token comes straight
 /// from the provider over a connection that proves who that is.
@@ -20,7 +24,7 @@ struct IdToken {
   [[nodiscard]] bool IsFor(const std::string& client) const;
 };
 
-/// Reads a token; empty when the text is not a well-formed one.
+/// Reads a token; empty when ParseJsonWebToken() is.
 std::optional<IdToken> ParseIdToken(const std::string& text);
 
 /// The parts of a signed token (RFC 7519 and 7515), for whoever looks at its signature.
@@ -32,7 +36,7 @@ struct JsonWebToken {
   std::string encoded_signature;
 };
 
-/// Takes a token apart; empty when the text is not a well-formed one.
+/// Takes a token apart; empty when the text is not a well-formed one, or longer than kTokenLimit.
 std::optional<JsonWebToken> ParseJsonWebToken(const std::string& text);
 
 /// What the claims say.

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/account/id_token.h"
 #include "platform/json/json_object.h"
 #include "platform/orbazelo.h"
 
@@ -117,6 +118,12 @@ std::string Quote(const Json::Value& value, const Secrets& secrets) {
 
 std::string TextOf(const Json::Value& value) { return value.isString() ? value.asString() : ""; }
 
+// RFC 6749, appendix A.17; and no longer than can be kept.
+bool IsToken(const std::string& text) {
+  return text.size() <= kTokenLimit &&
+         std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
 // What a token endpoint answers to the form; `what` it is asked to do and what of the form is secret are for the reason
 // of a refusal.
 IssuedTokens RequestTokens(const std::string& endpoint, const cpr::Payload& form, const ProviderLimits& limits,
@@ -130,8 +137,8 @@ IssuedTokens RequestTokens(const std::string& endpoint, const cpr::Payload& form
     throw ZeloException("the provider's answer is not a JSON object");
   }
   const Json::Value refresh_token = tokens->get("refresh_token", "");
-  if (!refresh_token.isString()) {
-    throw ZeloException("the provider's refresh token is not a text");
+  if (!refresh_token.isString() || !IsToken(refresh_token.asString())) {
+    throw ZeloException("the provider's refresh token is not one that can be kept");
   }
   return {TextOf((*tokens)["id_token"]), refresh_token.asString(), TextOf((*tokens)["access_token"]), reply.date};
 }

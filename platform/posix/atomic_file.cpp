@@ -18,17 +18,26 @@ namespace {
 
 [[noreturn]] void ThrowErrno(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
 
+}  // namespace
+
 // The new content while it is not yet in place: a file beside its final name, so that rename stays on one file system.
 class TemporaryFile {
  public:
+  /// Under a name that no other file has.
   explicit TemporaryFile(const std::string& final_path)
       : final_path_(final_path),
         path_(final_path + ".XXXXXX"),
         fd_(AboveStandardStreams(UniqueFd(mkostemp(path_.data(), O_CLOEXEC)))) {
-    if (!fd_.valid()) {
-      ThrowErrno("cannot make a file beside " + final_path);
-    }
+    CheckOpen();
   }
+
+  /// Under this name; a file that has it already is removed.
+  TemporaryFile(const std::string& final_path, std::string path) : final_path_(final_path), path_(std::move(path)) {
+    unlink(path_.c_str());
+    fd_ = OpenFile(path_, O_RDWR | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);
+    CheckOpen();
+  }
+
   ~TemporaryFile() {
     if (!in_place_) {
       unlink(path_.c_str());
@@ -37,10 +46,23 @@ class TemporaryFile {
   TemporaryFile(const TemporaryFile&) = delete;
   TemporaryFile& operator=(const TemporaryFile&) = delete;
 
+  /// Takes the disk's room for so many bytes.
+  void Reserve(std::size_t size) {
+    errno = posix_fallocate(fd_.get(), 0, static_cast<off_t>(size));
+    if (errno != 0) {
+      ThrowErrno("cannot make room for " + final_path_);
+    }
+    Sync();
+    reserved_ = size;
+  }
+
   /// Also on disk: a file system may keep a rename through a power cut and lose what the renamed file held.
   void Fill(std::string_view content, mode_t mode) {
     SetMode(mode);
     Write(content);
+    if (content.size() < reserved_ && ftruncate(fd_.get(), static_cast<off_t>(content.size())) != 0) {
+      ThrowErrno("cannot write " + final_path_);
+    }
     Sync();
   }
 
@@ -57,6 +79,12 @@ class TemporaryFile {
   [[nodiscard]] UniqueFd Take() { return std::move(fd_); }
 
  private:
+  void CheckOpen() const {
+    if (!fd_.valid()) {
+      ThrowErrno("cannot make a file beside " + final_path_);
+    }
+  }
+
   void Write(std::string_view content) {
     while (!content.empty()) {
       const ssize_t written = write(fd_.get(), content.data(), content.size());
@@ -80,11 +108,14 @@ class TemporaryFile {
     }
   }
 
-  const std::string& final_path_;
+  std::string final_path_;
   std::string path_;
   UniqueFd fd_;
+  std::size_t reserved_ = 0;
   bool in_place_ = false;
 };
+
+namespace {
 
 void SyncFolderOf(const std::string& path) {
   const std::string folder = (std::filesystem::path(path).parent_path() / ".").string();
@@ -111,5 +142,20 @@ UniqueFd MakeFile(const std::string& path, std::string_view content, mode_t mode
   file.Fill(content, mode);
   return file.PutInPlace(RENAME_NOREPLACE) ? file.Take() : UniqueFd();
 }
+
+ReservedFile::ReservedFile(const std::string& path, std::size_t size)
+    : path_(path), file_(std::make_unique<TemporaryFile>(path, NameBeside(path))) {
+  file_->Reserve(size);
+}
+
+ReservedFile::~ReservedFile() = default;
+
+void ReservedFile::Replace(std::string_view content, mode_t mode) {
+  file_->Fill(content, mode);
+  static_cast<void>(file_->PutInPlace(0));
+  SyncFolderOf(path_);
+}
+
+std::string ReservedFile::NameBeside(const std::string& path) { return path + ".new"; }
 
 }  // namespace orbamira

@@ -212,9 +212,11 @@ TEST_F(RefreshTokensTest, RefreshTokensReportsAnAnswerThatIsMalformed) {
   }
 }
 
-TEST_F(RefreshTokensTest, RefreshTokensReportsARefreshTokenThatIsNoText) {
-  provider_.token_response["refresh_token"] = 7;
-  EXPECT_EQ(Failure(), "the provider's refresh token is not a text");
+TEST_F(RefreshTokensTest, RefreshTokensReportsARefreshTokenThatCannotBeKept) {
+  for (const Json::Value& token : {Json::Value(7), Json::Value("line\n"), Json::Value("\u00fc")}) {
+    provider_.token_response["refresh_token"] = token;
+    EXPECT_EQ(Failure(), "the provider's refresh token is not one that can be kept");
+  }
 }
 
 TEST_F(RefreshTokensTest, RefreshTokensTakesAnIdTokenThatIsNoTextForNone) {

@@ -2,18 +2,19 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <array>
 #include <barrier>
-#include <csignal>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <thread>
 
+#include "platform/account/account_file.h"
+#include "platform/account/id_token.h"
 #include "platform/constants.h"
+#include "tests/support/file_size_limit.h"
 #include "tests/support/oidc_provider.h"
 #include "tests/support/test_root.h"
 
@@ -22,6 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 namespace path = orbamira::path;
+using orbamira::test::FileSizeLimit;
 using orbamira::test::HttpResponse;
 using orbamira::test::MakeIdToken;
 using orbamira::test::OidcProvider;
@@ -36,18 +38,15 @@ using testing::StartsWith;
 
 constexpr const char* kClient = "client";
 
-void WriteAccount(const std::string& text, mode_t mode = 0600) {
+/// The account file while it is written.
+const std::string kUnfinished = std::string(path::kAccountFile) + ".new";
+
+void WriteAccountText(const std::string& text, mode_t mode = 0600) {
   WriteFile(path::kAccountFile, text);
   ASSERT_EQ(chmod(path::kAccountFile, mode), 0);
 }
 
-void StoreAccount(const Json::Value& account) { WriteAccount(account.toStyledString()); }
-
-Json::Value ReadAccount() {
-  Json::Value account;
-  EXPECT_TRUE(Json::Reader().parse(ReadFile(path::kAccountFile), account));
-  return account;
-}
+void StoreAccount(const Json::Value& account) { WriteAccountText(account.toStyledString()); }
 
 template <typename Action>
 std::string FailureOf(Action action) {
@@ -74,7 +73,7 @@ class UserTest : public testing::Test {
 };
 
 TEST_F(UserTest, ExistsWhenTheAccountHasAUser) {
-  WriteAccount(R"({"user_id": "4711"})");
+  WriteAccountText(R"({"user_id": "4711"})");
   EXPECT_TRUE(User().Exists());
   EXPECT_EQ(User().GetId(), "4711");
 }
@@ -86,13 +85,13 @@ TEST_F(UserTest, DoesNotExistWithoutAFile) {
 
 TEST_F(UserTest, DoesNotExistWithoutAnId) {
   for (const std::string text : {"{}", R"({"user_id": ""})"}) {
-    WriteAccount(text);
+    WriteAccountText(text);
     EXPECT_FALSE(User().Exists()) << text;
   }
 }
 
 TEST_F(UserTest, IsAsItWasWhenItWasMade) {
-  WriteAccount(R"({"user_id": "4711"})");
+  WriteAccountText(R"({"user_id": "4711"})");
   const User user;
   fs::remove(path::kAccountFile);
   EXPECT_EQ(user.GetId(), "4711");
@@ -100,40 +99,40 @@ TEST_F(UserTest, IsAsItWasWhenItWasMade) {
 
 TEST_F(UserTest, RefusesAFileThatIsOpenToOthers) {
   for (const mode_t mode : {0640U, 0620U, 0610U, 0604U, 0602U, 0601U, 0644U, 0777U}) {
-    WriteAccount(R"({"user_id": "4711"})", mode);
+    WriteAccountText(R"({"user_id": "4711"})", mode);
     EXPECT_EQ(Failure(), AboutFile("is open to others than its owner; its mode must be 0600")) << std::oct << mode;
   }
 }
 
 TEST_F(UserTest, TakesAFileThatOnlyItsOwnerReads) {
-  WriteAccount(R"({"user_id": "4711"})", 0400);
+  WriteAccountText(R"({"user_id": "4711"})", 0400);
   EXPECT_TRUE(User().Exists());
 }
 
 TEST_F(UserTest, RefusesAMalformedFile) {
   for (const std::string text : {"", "{", "[]", "7", "<html>", "{} x", R"({"user_id": "a", "user_id": "b"})"}) {
-    WriteAccount(text);
+    WriteAccountText(text);
     EXPECT_EQ(Failure(), AboutFile("is malformed: it is not a JSON object")) << text;
   }
 }
 
 TEST_F(UserTest, RefusesNestingWithoutEnd) {
-  WriteAccount(R"({"user_id": )" + std::string(100'000, '['));
+  WriteAccountText(R"({"user_id": )" + std::string(100'000, '['));
   EXPECT_EQ(Failure(), AboutFile("is malformed: it is not a JSON object"));
 }
 
 TEST_F(UserTest, RefusesAnIdThatIsNoText) {
   for (const std::string text : {"7", "null", "[]", "{}", "true"}) {
-    WriteAccount(R"({"user_id": )" + text + "}");
+    WriteAccountText(R"({"user_id": )" + text + "}");
     EXPECT_EQ(Failure(), AboutFile("is malformed: \"user_id\" is not a text")) << text;
   }
 }
 
 TEST_F(UserTest, RefusesAFileOfMoreThanAMebibyte) {
   const std::string text = R"({"user_id": "4711"})";
-  WriteAccount(text + std::string(1024 * 1024 - text.size(), ' '));
+  WriteAccountText(text + std::string(1024 * 1024 - text.size(), ' '));
   EXPECT_TRUE(User().Exists());
-  WriteAccount(text + std::string(1024 * 1024 - text.size() + 1, ' '));
+  WriteAccountText(text + std::string(1024 * 1024 - text.size() + 1, ' '));
   EXPECT_EQ(Failure(), AboutFile("is over 1048576 bytes"));
 }
 
@@ -279,7 +278,7 @@ TEST_F(PackagePkceClientTest, GetIdTokenRenewsOnceForManyAtOnce) {
 TEST_F(PackagePkceClientTest, GetIdTokenNeedsAnAccount) {
   fs::remove(path::kAccountFile);
   EXPECT_EQ(Failure(), "no account is signed in");
-  WriteAccount("{}");
+  WriteAccountText("{}");
   EXPECT_EQ(Failure(), "no account is signed in");
 }
 
@@ -384,17 +383,73 @@ TEST_F(PackagePkceClientTest, GetIdTokenChangesNothingWhenARefusedTokenCameAlone
   EXPECT_EQ(ReadFile(path::kAccountFile), before);
 }
 
-TEST_F(PackagePkceClientTest, GetIdTokenReportsTokensThatCannotBeKept) {
+// The provider takes a refresh token once: on a full disk the new one could not be kept, and the user would be signed
+// out for good.
+TEST_F(PackagePkceClientTest, GetIdTokenSpendsNoRefreshTokenOnAFullDisk) {
   const std::string before = ReadFile(path::kAccountFile);
-  ASSERT_NE(std::signal(SIGXFSZ, SIG_IGN), SIG_ERR);
-  rlimit limit{};
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
-  const rlimit nothing{1, limit.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &nothing), 0);
-  const std::string reason = FailureOf([] { Get(); });
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-  EXPECT_THAT(reason, AllOf(StartsWith("the provider's new tokens could not be kept: "), EndsWith("File too large")));
+  std::string reason;
+  {
+    const FileSizeLimit full_disk(before.size());  // has room for the account as it is
+    reason = FailureOf([] { Get(); });
+  }
+  EXPECT_THAT(reason, AllOf(StartsWith("new tokens could not be kept: "), EndsWith("File too large")));
+  EXPECT_THAT(provider_.server().Requests(), IsEmpty());
   EXPECT_EQ(ReadFile(path::kAccountFile), before);
+  EXPECT_FALSE(fs::exists(kUnfinished));
+  EXPECT_EQ(Get(), new_token_);
+}
+
+// As long as tokens are allowed to be, with characters that the file holds as two.
+TEST_F(PackagePkceClientTest, GetIdTokenHasTakenTheRoomForTheLongestTokens) {
+  Json::Value claims = provider_.Claims(kClient, 3600);
+  claims["more"] = std::string(40'000, 'x');
+  provider_.token_response["id_token"] = MakeIdToken(claims);
+  provider_.token_response["refresh_token"] = std::string(kTokenLimit, '"');
+  const FileSizeLimit full_disk(ReadFile(path::kAccountFile).size() + 3 * kTokenLimit + 4096);
+  EXPECT_EQ(Get(), provider_.token_response["id_token"].asString());
+  EXPECT_EQ(ReadAccount()["clients"][kClient]["refresh_token"], std::string(kTokenLimit, '"'));
+  provider_.token_response["refresh_token"] = std::string(kTokenLimit + 1, 'x');
+  SetTokens(Token(-1), "old-refresh");
+  EXPECT_EQ(Failure(), "the provider's refresh token is not one that can be kept");
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenSpendsNoRefreshTokenForAnAccountThatCouldBecomeTooLong) {
+  account_["more"] = std::string(1024 * 1024 - 4096, 'x');
+  StoreAccount(account_);
+  EXPECT_EQ(Failure(), AboutFile("would be over 1048576 bytes"));
+  EXPECT_THAT(provider_.server().Requests(), IsEmpty());
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRemovesWhatAKilledCallLeft) {
+  WriteFile(kUnfinished, std::string(1024 * 1024, 'x'));
+  EXPECT_EQ(Get(), new_token_);
+  EXPECT_FALSE(fs::exists(kUnfinished));
+}
+
+class AccountFileTest : public testing::Test {
+ protected:
+  AccountFileTest() { WriteAccountText(R"({"user_id": "4711"})"); }
+};
+
+// What ReadAccount() does not take must not replace what it does.
+TEST_F(AccountFileTest, WriteAccountWritesNothingThatReadAccountRefuses) {
+  Json::Value account;
+  account["user_id"] = "4711";
+  account["more"] = "";
+  WriteAccount(account);
+  account["more"] = std::string(1024 * 1024 - ReadFile(path::kAccountFile).size(), 'x');
+  WriteAccount(account);
+  EXPECT_EQ(ReadAccount(), account);
+  account["more"] = account["more"].asString() + 'x';
+  EXPECT_EQ(FailureOf([&] { WriteAccount(account); }), AboutFile("would be over 1048576 bytes"));
+  EXPECT_EQ(ReadFile(path::kAccountFile).size(), 1024U * 1024);
+}
+
+TEST_F(AccountFileTest, RemoveAccountRemovesWhatAKilledWriterLeft) {
+  WriteFile(kUnfinished, "a token");
+  RemoveAccount();
+  EXPECT_FALSE(fs::exists(path::kAccountFile));
+  EXPECT_FALSE(fs::exists(kUnfinished));
 }
 
 TEST_F(PackagePkceClientTest, GetIdTokenReportsALockThatCannotBeHad) {
