@@ -46,15 +46,28 @@ std::string PartOf(CURLU* url, CURLUPart part) {
   return copy;
 }
 
-// Whether a token may be sent there: over TLS, or without leaving the machine.
-bool IsSafeAddress(const std::string& address) {
+struct Address {
+  std::string scheme;
+  std::string host;
+};
+
+// Both parts are empty when the text is no address.
+Address AddressOf(const std::string& text) {
   const std::unique_ptr<CURLU, UrlCleanup> url(curl_url());
-  if (!url || curl_url_set(url.get(), CURLUPART_URL, address.c_str(), 0) != CURLUE_OK) {
-    return false;
+  if (!url || curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) {
+    return {};
   }
-  const std::string scheme = PartOf(url.get(), CURLUPART_SCHEME);
-  const std::string host = PartOf(url.get(), CURLUPART_HOST);
-  return scheme == "https" || (scheme == "http" && (host == "127.0.0.1" || host == "[::1]" || host == "localhost"));
+  return {PartOf(url.get(), CURLUPART_SCHEME), PartOf(url.get(), CURLUPART_HOST)};
+}
+
+bool IsOnThisMachine(const Address& address) {
+  return address.host == "127.0.0.1" || address.host == "[::1]" || address.host == "localhost";
+}
+
+// Whether a token may be sent there: over TLS, or without leaving the machine.
+bool IsSafeAddress(const std::string& text) {
+  const Address address = AddressOf(text);
+  return address.scheme == "https" || (address.scheme == "http" && IsOnThisMachine(address));
 }
 
 // One request; a GET without a form and a POST with one.
@@ -77,6 +90,10 @@ Reply Ask(const std::string& url, const ProviderLimits& limits, const std::optio
   curl_easy_setopt(session.GetCurlHolder()->handle, CURLOPT_PROTOCOLS_STR, "http,https");
   // The host has threads of its own: time-outs must not come as SIGALRM.
   curl_easy_setopt(session.GetCurlHolder()->handle, CURLOPT_NOSIGNAL, 1L);
+  // To a proxy, "this machine" would be another one.
+  if (IsOnThisMachine(AddressOf(url))) {
+    curl_easy_setopt(session.GetCurlHolder()->handle, CURLOPT_NOPROXY, "*");
+  }
   if (form) {
     session.SetPayload(*form);
   }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <string>
 
 #include "platform/orbazelo.h"
@@ -85,6 +86,15 @@ TEST_F(RefreshTokensTest, RefreshTokensTakesTheLoopbackByAnyName) {
                 StartsWith("the provider cannot be asked: "))
         << host;
   }
+}
+
+// To the proxy, 127.0.0.1 is another machine, which would be given the token.
+TEST_F(RefreshTokensTest, RefreshTokensAsksAProviderOnThisMachineWithoutAProxy) {
+  const RefusingPort proxy;
+  ASSERT_EQ(setenv("http_proxy", proxy.Url("").c_str(), 1), 0);
+  ASSERT_EQ(unsetenv("no_proxy"), 0);
+  EXPECT_EQ(Refresh().id_token, "new-id");
+  EXPECT_EQ(unsetenv("http_proxy"), 0);
 }
 
 TEST_F(RefreshTokensTest, RefreshTokensRefusesTheConfigurationOfAnotherIssuer) {
