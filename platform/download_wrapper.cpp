@@ -79,7 +79,8 @@ std::optional<ContentRange> ParseContentRange(std::string_view text) {
       return std::nullopt;
     }
   }
-  return range;
+  const bool sound = range.first <= range.last && (!range.size || range.last < *range.size);
+  return sound ? std::optional<ContentRange>(range) : std::nullopt;
 }
 
 // What the answer now arriving says, the last one where there were redirects.
@@ -171,7 +172,7 @@ class Run {
  private:
   enum class Outcome { kComplete, kOtherStatus, kFailed };
   // What becomes of the body that an answer brings.
-  enum class Use { kUndecided, kAppend, kErrorPage, kDrop };
+  enum class Use { kUndecided, kAppend, kErrorPage, kDrop, kNothingLeft };
 
   void Attempt() {
     asked_for_rest_ = received_ > 0 && !validator_.empty();
@@ -179,6 +180,7 @@ class Run {
         asked_for_rest_ ? cpr::Header{{"Range", "bytes=" + std::to_string(received_) + "-"}, {"If-Range", validator_}}
                         : cpr::Header{});
     use_ = Use::kUndecided;
+    part_end_.reset();
     reason_.clear();
     const cpr::Response response =
         Fetch(session_, policy_.limits, [this](std::string_view bytes) { return Take(bytes); });
@@ -193,14 +195,16 @@ class Run {
     if (reason_.empty() && (use_ == Use::kUndecided || use_ == Use::kAppend)) {
       if (error) {
         reason_ = ReasonOf(error);
-      } else if (total_ && received_ != *total_) {
+      } else if (total_ ? received_ != *total_ : part_end_ && received_ != *part_end_) {
         reason_ = "the server sent less than the rest of the file";
+      } else if (part_end_ && !total_) {
+        reason_ = "the server does not say how long the file is";
       }
     }
     if (!reason_.empty()) {
       outcome_ = Outcome::kFailed;
     } else {
-      outcome_ = use_ == Use::kAppend ? Outcome::kComplete : Outcome::kOtherStatus;
+      outcome_ = use_ == Use::kAppend || use_ == Use::kNothingLeft ? Outcome::kComplete : Outcome::kOtherStatus;
     }
   }
 
@@ -213,6 +217,10 @@ class Run {
       use_ = Use::kErrorPage;
     } else if (status == kPartialContent && asked_for_rest_) {
       Continue();
+    } else if (status == kRangeNotSatisfiable && asked_for_rest_ &&
+               answer_.Header("Content-Range") == "bytes */" + std::to_string(received_)) {
+      total_ = received_;
+      use_ = Use::kNothingLeft;
     } else if (status == kRangeNotSatisfiable || status == kTooManyRequests || status >= kServerErrors) {
       GiveUpAttempt("the server answered " + std::to_string(status) + " when asked for the rest");
       // There is no such rest: the file on the server is another one now.
@@ -245,6 +253,7 @@ class Run {
                            (tag.empty() || !validator_.starts_with('"') || tag == validator_);
     if (range && range->first == received_ && same_file) {
       total_ = total_ ? total_ : range->size;
+      part_end_ = range->last + 1;
       use_ = Use::kAppend;
       return;
     }
@@ -269,13 +278,16 @@ class Run {
         return AppendToErrorPage(bytes);
       case Use::kUndecided:
       case Use::kDrop:
+      case Use::kNothingLeft:
         break;
     }
     return false;
   }
 
   bool Append(std::string_view bytes) {
-    if (total_ && received_ + static_cast<std::int64_t>(bytes.size()) > *total_) {
+    // A part ends within the whole.
+    const std::optional<std::int64_t> end = part_end_ ? part_end_ : total_;
+    if (end && received_ + static_cast<std::int64_t>(bytes.size()) > *end) {
       reason_ = "the server sent more than the rest of the file";
       validator_.clear();
       return false;
@@ -331,6 +343,7 @@ class Run {
   // The current attempt.
   bool asked_for_rest_ = false;
   Use use_ = Use::kUndecided;
+  std::optional<std::int64_t> part_end_;  // where in the body the part ends that a 206 brings
   Outcome outcome_ = Outcome::kFailed;
   std::int64_t error_page_ = 0;
   std::string reason_;  // why it failed

@@ -462,6 +462,8 @@ INSTANTIATE_TEST_SUITE_P(Each, DownloadWrapperWrongPartTest,
                                          WrongPart{"NoEnd", "bytes 400", "\"v1\""},
                                          WrongPart{"NoSize", "bytes 400-999", "\"v1\""},
                                          WrongPart{"Trailing", "bytes 400-999/1000x", "\"v1\""},
+                                         WrongPart{"EndBeforeBegin", "bytes 400-399/1000", "\"v1\""},
+                                         WrongPart{"EndBehindSize", "bytes 400-1000/1000", "\"v1\""},
                                          WrongPart{"OtherUnit", "items 400-999/1000", "\"v1\""},
                                          WrongPart{"Overflow", "bytes 99999999999999999999-999/1000", "\"v1\""}),
                          [](const auto& each) { return each.param.name; });
@@ -500,6 +502,65 @@ TEST_F(DownloadWrapperTest, DownloadToFileTakesAPartOfTheRestForACut) {
   EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\"", "bytes=500-|\"v1\""));
 }
 
+TEST_F(DownloadWrapperTest, DownloadToFileNeverWritesMoreThanAPart) {
+  const std::string body = PatternOf(1000);
+  int requests = 0;
+  HttpServer server([&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, "\"v1\"");
+    if (++requests == 1) {
+      response.close_at = 400;
+    } else if (requests == 2) {
+      response.headers["Content-Range"] = "bytes 400-499/1000";
+    }
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body);
+  EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\"", "|"));
+}
+
+// The first answer was chunked and cut, and the parts do not tell either how long the file is.
+TEST_F(DownloadWrapperTest, DownloadToFileTakesNoPartForTheWholeWhileItsLengthIsUnknown) {
+  const std::string body = PatternOf(15);
+  int requests = 0;
+  HttpServer server([&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, "\"v1\"");
+    if (++requests == 1) {
+      response.framing = HttpResponse::Framing::kChunked;
+      response.close_at = 5;
+    } else if (requests <= 3) {
+      const std::string first = std::to_string(body.size() - response.body.size());
+      const std::string last = std::to_string(body.size() - response.body.size() + 4);
+      response.body.resize(5);
+      response.headers["Content-Range"] = "bytes " + first + "-" + last + "/*";
+    }
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body);
+  EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=5-|\"v1\"", "bytes=10-|\"v1\"", "bytes=15-|\"v1\""));
+  EXPECT_THAT(calls_.back(), Pair(15, 15));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileTakesAPartThatIsShorterThanItSaysForACut) {
+  const std::string body = PatternOf(1000);
+  int requests = 0;
+  HttpServer server([&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, "\"v1\"");
+    if (++requests == 1) {
+      response.framing = HttpResponse::Framing::kChunked;
+      response.close_at = 400;
+    } else if (requests == 2) {
+      response.body.resize(100);
+      response.headers["Content-Range"] = "bytes 400-999/*";
+    }
+    return response;
+  });
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body);
+  EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\"", "bytes=500-|\"v1\""));
+}
+
 TEST_F(DownloadWrapperTest, DownloadToFileTakesARestOfUnknownSize) {
   const std::string body = PatternOf(1000);
   int requests = 0;
@@ -508,13 +569,14 @@ TEST_F(DownloadWrapperTest, DownloadToFileTakesARestOfUnknownSize) {
     if (++requests == 1) {
       response.framing = HttpResponse::Framing::kChunked;
       response.close_at = 400;
-    } else {
+    } else if (requests == 2) {
       response.headers["Content-Range"] = "bytes 400-999/*";
     }
     return response;
   });
   EXPECT_EQ(Download(server.Url()), 200);
   EXPECT_EQ(ReadFile(path_), body);
+  EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\"", "bytes=1000-|\"v1\""));
 }
 
 TEST_F(DownloadWrapperTest, DownloadToFileTriesAgainWhenTheServerIsBusyForTheRest) {
