@@ -34,7 +34,7 @@
 // every thread, would hang as long. The copy costs about 4 ms for each 100 MB that the host has in use.
 //
 // Should the host die, the supervisor ends the program: what recovers from that death must not find it still changing
-// files.
+// files. It asks first, because the program that runs plugins has to end those too.
 //
 // Threads of the host may hold any lock at the moment of the copy, so the supervisor makes system calls only and takes
 // no memory from the heap.
@@ -45,6 +45,9 @@ constexpr int kNotStarted = -1;
 
 // What the kernel sends to the supervisor when its caller dies. Others may send it too, so it only asks for a look.
 constexpr int kCallerDied = SIGHUP;
+
+// How long a program may take to end when it is asked to; more than the one that runs plugins gives a plugin.
+constexpr timespec kGrace{.tv_sec = 8, .tv_nsec = 0};
 
 // One number that supervisor and caller both see.
 class SharedResult {
@@ -120,6 +123,22 @@ bool PrepareStandardStreams() {
   });
 }
 
+int AskToEndAndWait(pid_t program) {
+  sigset_t awaited;
+  sigemptyset(&awaited);
+  sigaddset(&awaited, SIGCHLD);
+  kill(program, SIGTERM);
+  int status = 0;
+  while (waitpid(program, &status, WNOHANG) == 0) {
+    if (sigtimedwait(&awaited, nullptr, &kGrace) < 0) {
+      kill(program, SIGKILL);
+      WaitFor(program, &status, 0);
+      break;
+    }
+  }
+  return status;
+}
+
 // All signals are blocked, so that one which comes between the look and the wait is kept.
 int WaitWhileCallerLives(pid_t program, pid_t caller) {
   sigset_t awaited;
@@ -129,7 +148,7 @@ int WaitWhileCallerLives(pid_t program, pid_t caller) {
   int status = 0;
   while (waitpid(program, &status, WNOHANG) == 0) {
     if (getppid() != caller) {
-      kill(program, SIGKILL);
+      return AskToEndAndWait(program);
     }
     sigwaitinfo(&awaited, nullptr);
   }
@@ -149,7 +168,8 @@ int RunAndWait(char* const* arguments, const posix_spawnattr_t* attributes, pid_
 // Runs with all signals blocked. Descriptors go first: should the host die, the supervisor must hold none of its locks.
 [[noreturn]] void Supervise(char* const* arguments, const posix_spawnattr_t* attributes, pid_t caller, int& result) {
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-  struct sigaction keep_children {};  // all zeros: SIG_DFL, and no SA_NOCLDWAIT
+  struct sigaction keep_children {};  // SIG_DFL, and no SA_NOCLDWAIT
+  keep_children.sa_flags = SA_NOCLDSTOP;
   sigaction(SIGCHLD, &keep_children, nullptr);
   closefrom(STDERR_FILENO + 1);
   result = PrepareStandardStreams() ? RunAndWait(arguments, attributes, caller) : kNotStarted;
