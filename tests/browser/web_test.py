@@ -8,6 +8,7 @@ import contextlib
 import functools
 import http.client
 import http.server
+import itertools
 import json
 import os
 import pathlib
@@ -58,6 +59,42 @@ for (const element of document.querySelectorAll("body *")) {
   }
 }
 return found.sort((a, b) => a[0] - b[0])[0].concat(found.length);
+"""
+
+
+# Whose text is not to be seen whole: its box ends beyond the window or its card, or hides some of what is in it.
+CUT = """
+const cut = [];
+for (const element of document.querySelectorAll("main *, header *")) {
+  if (!element.textContent.trim() || !element.checkVisibility() || element.closest("thead")?.offsetWidth === 1) {
+    continue;
+  }
+  const range = document.createRange();
+  range.selectNodeContents(element);
+  const card = (element.closest("section") ?? document.body).getBoundingClientRect();
+  const text = range.getBoundingClientRect();
+  if (text.right > card.right || text.left < card.left || element.scrollWidth > element.clientWidth + 1 &&
+      getComputedStyle(element).display !== "inline") {
+    cut.push(`${element.tagName} ${element.id} ${element.textContent.slice(0, 30)}`);
+  }
+}
+return cut;
+"""
+
+# The short words of the history's table that do not stand in one line.
+BROKEN_WORDS = """
+const broken = [];
+for (const cell of document.querySelectorAll("#history th, #history td:nth-of-type(1), #history td:last-of-type")) {
+  if (cell.closest("thead")?.offsetWidth === 1) { continue; }
+  const text = document.createTreeWalker(cell, NodeFilter.SHOW_TEXT).nextNode();
+  for (const word of text.textContent.matchAll(/\\S+/g)) {
+    const range = document.createRange();
+    range.setStart(text, word.index);
+    range.setEnd(text, word.index + word[0].length);
+    if (new Set([...range.getClientRects()].map((box) => box.top)).size > 1) { broken.push(word[0]); }
+  }
+}
+return broken;
 """
 
 
@@ -470,6 +507,37 @@ class WebTest(unittest.TestCase):
             self.stop_web()
             self.await_text(browser, "connection", "lost")
             self.check_looks(browser, "lost")
+
+    def write_long_history(self):
+        """A year of daily updates that failed, with texts as long as the history keeps them, in words that never end."""
+        sentence = "The server was asked for http://192.0.2.1/" + "x" * 200 + " and answered with: "
+        pack = {"package": "orbamira-hevc-aac", "version": "1.0.0-" + "9" * 80}
+        entry = {"duration_ms": 3_599_000, "command": "update", "from": pack, "to": pack, "result": "not_permitted",
+                 "status": "download_install_failed", "exit": 1,
+                 "errors": [sentence + "<b>no</b> " * 25, "y" * 500, "a short one"]}
+        now = int(time.time())
+        path = self.appliance.root / "var/lib/orbamira/history.jsonl"
+        path.write_text("".join(json.dumps(entry | {"time": now - day * 86_400}) + "\n" for day in range(365, 0, -1)))
+
+    def test_a_year_of_long_failures_fits_every_width(self):
+        self.install("1.0")
+        self.write_long_history()
+        self.start_web()
+        with open_browser(width=WIDE) as browser:
+            self.open_page(browser)
+            self.await_that(browser, lambda: browser.find_elements(By.CSS_SELECTOR, "#history tbody tr"))
+            for scheme, width in itertools.product(("light", "dark"), (320, 480, 768, 895, 897, 1000, 1440, 1920)):
+                with self.subTest(scheme=scheme, width=width):
+                    browser.execute_cdp_cmd("Emulation.setEmulatedMedia",
+                                            {"features": [{"name": "prefers-color-scheme", "value": scheme}]})
+                    self.resize(browser, width)
+                    visible, needed = browser.execute_script(
+                        "const page = document.documentElement; return [page.clientWidth, page.scrollWidth];")
+                    self.assertLessEqual(needed, visible)
+                    self.assertEqual(browser.execute_script(CUT), [])
+                    self.assertEqual(browser.execute_script(BROKEN_WORDS), [])
+                    self.assertGreaterEqual(browser.execute_script(CONTRAST)[0], 4.5)
+                    save_screenshot(browser, f"web-history-{scheme}-{width}")
 
     def test_moves_nothing_for_who_does_not_want_it(self):
         self.start_web()

@@ -64,7 +64,8 @@ function timeElement(seconds) {
 
 function durationWords(milliseconds) {
   const seconds = Math.round(milliseconds / 1000);
-  return seconds < 60 ? `${seconds} s` : `${Math.floor(seconds / 60)} min ${seconds % 60} s`;
+  // A number stays beside its unit.
+  return seconds < 60 ? `${seconds}\u00a0s` : `${Math.floor(seconds / 60)}\u00a0min ${seconds % 60}\u00a0s`;
 }
 
 function showHeadline() {
