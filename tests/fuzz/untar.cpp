@@ -12,15 +12,16 @@
 #include <cstring>
 #include <filesystem>
 #include <numeric>
+#include <optional>
 #include <set>
 #include <stdexcept>
 
 #include "tests/fuzz/fuzzing.h"
 #include "tests/support/test_root.h"
 #include "tools/orba-archive/archive_reader.h"
-#include "tools/orba-archive/byte_source.h"
 #include "tools/orba-archive/extractor.h"
 #include "tools/orba-archive/member_name.h"
+#include "tools/orba-archive/package.h"
 
 namespace orbamira::fuzz {
 namespace {
@@ -31,7 +32,7 @@ using tools::ArchiveReader;
 using tools::Layer;
 using tools::Member;
 
-constexpr uint64_t kLimit = 256UL * 1024;
+constexpr uint64_t kLimit = 1UL << 20U;
 constexpr const char* kEscape = "/dev/shm/orbamira-escaped";  // what the seeds aim at
 constexpr const char* kKept = "kept before\n";
 
@@ -64,6 +65,10 @@ class Yard {
     Require(StateOf(beside_ / "kept") == before_ && test::ReadFile(beside_ / "kept") == kKept,
             "no other file is touched");
     Require(fs::symlink_status(kEscape).type() == fs::file_type::not_found, "nothing is made at an absolute name");
+  }
+
+  void CheckNothingInside() const {
+    Require(NamesIn(into_) == std::set<std::string>{"kept"}, "nothing is left of a package that was refused");
   }
 
  private:
@@ -112,8 +117,12 @@ UniqueFd Put(const std::string& bytes) {
 bool Unpack(int archive, Layer layer, const fs::path& into) {
   const UniqueFd folder = tools::OpenDirectory(AT_FDCWD, into, into);
   try {
-    ArchiveReader reader(tools::OpenByteSource(archive, layer));
-    tools::Extractor(folder.get(), layer, kLimit).Unpack(reader);
+    if (layer == Layer::kPackage) {
+      tools::UnpackPackage(archive, folder.get(), kLimit, std::nullopt);
+    } else {
+      ArchiveReader reader(archive, layer);
+      tools::Extractor(folder.get(), kLimit).Unpack(reader);
+    }
     return true;
   } catch (const std::runtime_error&) {
     return false;
@@ -169,7 +178,7 @@ fs::file_type TypeOf(Member::Kind kind) {
 }
 
 void CheckComplete(int archive, Layer layer, const fs::path& into) {
-  ArchiveReader reader(tools::OpenByteSource(archive, layer));
+  ArchiveReader reader(archive, layer);
   Member member;
   while (reader.Next(member)) {
     fs::path path = into;
@@ -216,6 +225,8 @@ void UnpackAndCheck(const std::string& archive, Layer layer) {
   CheckInside(yard.into());
   if (unpacked) {
     CheckComplete(file.get(), layer, yard.into());
+  } else if (layer == Layer::kPackage) {
+    yard.CheckNothingInside();
   }
 }
 

@@ -6,12 +6,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <stdexcept>
+#include <system_error>
 
 namespace orbamira::tools {
 namespace {
 
-// Long names and extended headers fit many times over. What does not fit is made to fill the memory.
-constexpr uint64_t kMaxHeader = 2UL * 1024 * 1024;
+// Long names and extended headers fit many times over. What does not fit is made to fill the memory. A package's names
+// are those of plain files, and all its headers together are more than those of the 15,000 files that a manifest can
+// list at most.
+constexpr uint64_t kMaxHeaderOfPackage = 64UL * 1024;
+constexpr uint64_t kMaxHeadersOfPackage = 32UL * 1024 * 1024;
+constexpr uint64_t kMaxHeaderOfPayload = 2UL * 1024 * 1024;
 constexpr uint64_t kMaxMembers = 1'000'000;
 constexpr uint64_t kEndMark = 1024;
 
@@ -35,15 +40,18 @@ std::string Text(const char* text) { return text == nullptr ? std::string() : st
 
 }  // namespace
 
-ArchiveReader::ArchiveReader(std::unique_ptr<ByteSource> source)
-    : source_(std::move(source)), archive_(archive_read_new(), archive_read_free) {
+ArchiveReader::ArchiveReader(int file, Layer layer)
+    : source_(OpenByteSource(file, layer)),
+      archive_(archive_read_new(), archive_read_free),
+      max_header_(layer == Layer::kPackage ? kMaxHeaderOfPackage : kMaxHeaderOfPayload),
+      max_headers_(layer == Layer::kPackage ? kMaxHeadersOfPackage : UINT64_MAX),
+      header_end_(max_header_) {
   if (!archive_) {
     throw std::bad_alloc();
   }
   const auto feed = [](archive*, void* self, const void** buffer) -> la_ssize_t {
     return static_cast<ArchiveReader*>(self)->Feed(buffer);
   };
-  header_end_ = kMaxHeader;
   if (archive_read_support_format_tar(archive_.get()) != ARCHIVE_OK ||
       archive_read_open(archive_.get(), this, nullptr, feed, nullptr) != ARCHIVE_OK) {
     Fail();
@@ -53,7 +61,7 @@ ArchiveReader::ArchiveReader(std::unique_ptr<ByteSource> source)
 ArchiveReader::~ArchiveReader() = default;
 
 bool ArchiveReader::Next(Member& member) {
-  header_end_ = fed_ + kMaxHeader;
+  header_end_ = fed_ + max_header_;
   archive_entry* entry = nullptr;
   const int result = archive_read_next_header(archive_.get(), &entry);
   if (result == ARCHIVE_EOF) {
@@ -63,6 +71,11 @@ bool ArchiveReader::Next(Member& member) {
   // A warning means that the library had to guess, at a name for one.
   if (result != ARCHIVE_OK) {
     Fail();
+  }
+  headers_ +=
+      static_cast<uint64_t>(archive_filter_bytes(archive_.get(), 0) - archive_read_header_position(archive_.get()));
+  if (headers_ > max_headers_) {
+    throw std::runtime_error("more than " + std::to_string(max_headers_) + " bytes of headers");
   }
   if (++members_ > kMaxMembers) {
     throw std::runtime_error("more than " + std::to_string(kMaxMembers) + " members");
@@ -98,6 +111,19 @@ bool ArchiveReader::Read(Piece& piece) {
     throw std::runtime_error("damaged member");
   }
   return true;
+}
+
+void ArchiveReader::ForEach(const std::function<void(const Member&)>& action) {
+  Member member;
+  while (Next(member)) {
+    try {
+      action(member);
+    } catch (const std::system_error& error) {
+      throw std::runtime_error(member.name + ": " + error.code().message());
+    } catch (const std::runtime_error& error) {
+      throw std::runtime_error(member.name + ": " + error.what());
+    }
+  }
 }
 
 /// Called by the library for more bytes.

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -32,10 +33,12 @@ struct Piece {
 };
 
 /// Reads a tar archive once, from first member to last, and is strict about its end: an archive that was cut anywhere,
-/// or has anything but zeros behind its end mark, is an error. Errors are std::runtime_error or what the source throws.
+/// or has anything but zeros behind its end mark, is an error. Errors are std::runtime_error or, for a failed read,
+/// std::system_error. What a header may take of memory is bounded; for a package all headers together, too.
 class ArchiveReader {
  public:
-  explicit ArchiveReader(std::unique_ptr<ByteSource> source);
+  /// Reads the open file from its start.
+  ArchiveReader(int file, Layer layer);
   ~ArchiveReader();
   ArchiveReader(const ArchiveReader&) = delete;
   ArchiveReader& operator=(const ArchiveReader&) = delete;
@@ -48,6 +51,10 @@ class ArchiveReader {
   /// stay within the member's size.
   [[nodiscard]] bool Read(Piece& piece);
 
+  /// Calls `action` for each member, which must read its contents. A std::runtime_error that it throws gets the
+  /// member's name in front.
+  void ForEach(const std::function<void(const Member&)>& action);
+
  private:
   ssize_t Feed(const void** buffer);
   [[noreturn]] void Fail();
@@ -58,6 +65,9 @@ class ArchiveReader {
   std::exception_ptr source_error_;  // carried past the C library in between
   uint64_t size_of_member_ = 0;
   uint64_t members_ = 0;
+  uint64_t max_header_;       // bytes of one header,
+  uint64_t max_headers_;      // and of all together
+  uint64_t headers_ = 0;      // bytes of those read so far
   uint64_t fed_ = 0;          // bytes taken from the source
   uint64_t end_of_data_ = 0;  // where the last byte that is not zero ended
   uint64_t header_end_ = 0;   // how far the source may be read for the header that is being read

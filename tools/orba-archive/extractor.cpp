@@ -1,12 +1,10 @@
 #include "tools/orba-archive/extractor.h"
 
 #include <fcntl.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <stdexcept>
-#include <system_error>
 
 #include "tools/orba-archive/member_name.h"
 
@@ -16,21 +14,6 @@ namespace {
 constexpr mode_t kModes = 0755;
 // From here on the disk is kept busy by one file; smaller ones are better written together.
 constexpr uint64_t kLargeFile = 1UL << 20;
-
-/// Opens the folder `name`, made when it is missing. A symbolic link in its place is an error.
-UniqueFd EnterFolder(int at, const std::string& name) {
-  if (mkdirat(at, name.c_str(), kModes) != 0 && errno != EEXIST) {
-    ThrowErrno(name);
-  }
-  return OpenDirectory(at, name, name);
-}
-
-void PlaceFolder(int parent, const std::string& name, mode_t mode) {
-  const UniqueFd folder = EnterFolder(parent, name);
-  if (fchmod(folder.get(), (mode & kModes) | S_IRWXU) != 0) {
-    ThrowErrno(name);
-  }
-}
 
 void WriteAt(int fd, const Piece& piece, const std::string& name) {
   size_t done = 0;
@@ -47,32 +30,14 @@ void WriteAt(int fd, const Piece& piece, const std::string& name) {
 
 }  // namespace
 
-Extractor::Extractor(int folder, Layer layer, uint64_t limit) : folder_(folder), layer_(layer), limit_(limit) {
-  struct statvfs file_system = {};
-  if (fstatvfs(folder, &file_system) != 0) {
-    ThrowErrno("cannot tell the free space");
-  }
-  free_ = static_cast<uint64_t>(file_system.f_bavail) * file_system.f_frsize;
-}
+Extractor::Extractor(int folder, uint64_t limit) : folder_(folder), budget_(folder, limit) {}
 
 void Extractor::Unpack(ArchiveReader& archive) {
-  Member member;
-  while (archive.Next(member)) {
-    try {
-      Place(archive, member);
-    } catch (const std::system_error& error) {
-      throw std::runtime_error(member.name + ": " + error.code().message());
-    } catch (const std::runtime_error& error) {
-      throw std::runtime_error(member.name + ": " + error.what());
-    }
-  }
+  archive.ForEach([&](const Member& member) { Place(archive, member); });
 }
 
 void Extractor::Place(ArchiveReader& archive, const Member& member) {
   const std::vector<std::string_view> parts = SplitMemberName(member.name);
-  if (layer_ == Layer::kPackage && (member.kind != Member::Kind::kFile || parts.size() != 1)) {
-    throw std::runtime_error("a package holds only files at its top");
-  }
   if (parts.empty()) {
     if (member.kind == Member::Kind::kFolder) {
       return;  // the folder itself, which is the caller's
@@ -85,10 +50,13 @@ void Extractor::Place(ArchiveReader& archive, const Member& member) {
       PlaceFile(archive, member, OpenParent(parts), name);
       return;
     case Member::Kind::kFolder:
-      PlaceFolder(OpenParent(parts), name, member.mode);
+      if (fchmod(EnterFolder(OpenParent(parts), name).get(), (member.mode & kModes) | S_IRWXU) != 0) {
+        ThrowErrno(name);
+      }
       return;
     case Member::Kind::kSymlink:
       CheckSymlinkTarget(member.target, parts.size() - 1);
+      budget_.Take(member.target.size());
       if (symlinkat(member.target.c_str(), OpenParent(parts), name.c_str()) != 0) {
         ThrowErrno(name);
       }
@@ -102,7 +70,7 @@ void Extractor::Place(ArchiveReader& archive, const Member& member) {
 }
 
 void Extractor::PlaceFile(ArchiveReader& archive, const Member& member, int parent, const std::string& name) {
-  TakeSpace(member.size);
+  budget_.Take(member.size);
   const UniqueFd file(
       openat(parent, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, member.mode & kModes));
   if (!file.valid()) {
@@ -118,8 +86,8 @@ void Extractor::PlaceFile(ArchiveReader& archive, const Member& member, int pare
     ThrowErrno(name);
   }
   files_.insert(Stat(file.get(), name).st_ino);
-  // Whoever waits for the disk later finds most of it done. The payload of a package never needs to get there.
-  if (layer_ == Layer::kPayload && member.size >= kLargeFile) {
+  // Whoever waits for the disk later finds most of it done.
+  if (member.size >= kLargeFile) {
     static_cast<void>(sync_file_range(file.get(), 0, 0, SYNC_FILE_RANGE_WRITE));
   }
 }
@@ -140,19 +108,26 @@ void Extractor::PlaceHardLink(const Member& member, int parent, const std::strin
   if (!files_.contains(StatName(at, file, member.target).st_ino)) {
     throw std::runtime_error("a link to a file that is not of this archive");
   }
+  budget_.Take(0);
   if (linkat(at, file.c_str(), parent, name.c_str(), 0) != 0) {
     ThrowErrno(name);
   }
 }
 
-void Extractor::TakeSpace(uint64_t bytes) {
-  if (bytes > limit_ - unpacked_) {
-    throw std::runtime_error("unpacks to more than the limit of " + std::to_string(limit_) + " bytes");
+/// Opens the folder `name`, made when it is missing. A symbolic link in its place is an error.
+UniqueFd Extractor::EnterFolder(int at, const std::string& name) {
+  UniqueFd folder(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (folder.valid()) {
+    return folder;
   }
-  if (unpacked_ + bytes > free_) {
-    throw std::runtime_error("unpacks to more than the " + std::to_string(free_) + " bytes that are free");
+  if (errno != ENOENT) {
+    ThrowErrno(name);
   }
-  unpacked_ += bytes;
+  budget_.Take(UnpackBudget::kFolder);
+  if (mkdirat(at, name.c_str(), kModes) != 0) {
+    ThrowErrno(name);
+  }
+  return OpenDirectory(at, name, name);
 }
 
 /// The folder that the last of `parts` goes into; missing ones are made.

@@ -10,12 +10,12 @@
 
 #include "platform/posix/files.h"
 #include "tools/orba-archive/archive_reader.h"
-#include "tools/orba-archive/layer.h"
+#include "tools/orba-archive/unpack_budget.h"
 
 namespace orbamira::tools {
 
-/// Unpacks archives that nobody vouches for: whatever they hold, nothing outside the folder is made, changed or
-/// reached, no existing file in it is touched, and no more is written than the limit and the free space allow.
+/// Unpacks payloads that nobody vouches for: whatever they hold, nothing outside the folder is made, changed or
+/// reached, no existing file in it is touched, and no more is made than the limit and the file system allow.
 ///
 /// Files keep the mode bits 0755; folders are always open to their owner; the owner is whoever unpacks, and the time
 /// that of unpacking: the age of a pack's files tells when it was installed. What the archive asks for beyond that
@@ -23,25 +23,23 @@ namespace orbamira::tools {
 /// an error.
 class Extractor {
  public:
-  /// `folder` is open and outlives the object; `limit` bounds the bytes unpacked. Throws std::system_error.
-  Extractor(int folder, Layer layer, uint64_t limit);
+  /// `folder` is open and outlives the object; `limit` bounds the bytes unpacked, as UnpackBudget counts them. Throws
+  /// std::system_error.
+  Extractor(int folder, uint64_t limit);
 
-  /// Unpacks every member. Throws std::runtime_error or std::system_error at the first that cannot be; what was
-  /// unpacked by then stays. The process's umask must be 0.
+  /// Unpacks every member. Throws std::runtime_error at the first that cannot be; what was unpacked by then stays. The
+  /// process's umask must be 0.
   void Unpack(ArchiveReader& archive);
 
  private:
   void Place(ArchiveReader& archive, const Member& member);
   void PlaceFile(ArchiveReader& archive, const Member& member, int parent, const std::string& name);
   void PlaceHardLink(const Member& member, int parent, const std::string& name);
-  void TakeSpace(uint64_t bytes);
+  UniqueFd EnterFolder(int at, const std::string& name);
   int OpenParent(const std::vector<std::string_view>& parts);
 
   int folder_;
-  Layer layer_;
-  uint64_t limit_;
-  uint64_t free_;
-  uint64_t unpacked_ = 0;
+  UnpackBudget budget_;
   UniqueFd parent_;          // the folder that the last member went into,
   std::string parent_path_;  // and its path: most members share it with the one before
   std::unordered_set<ino_t> files_;

@@ -25,7 +25,7 @@
 #include "tools/orba-archive/archive_writer.h"
 #include "tools/orba-archive/extractor.h"
 #include "tools/orba-archive/layer.h"
-#include "tools/orba-archive/signature.h"
+#include "tools/orba-archive/package.h"
 
 namespace {
 
@@ -38,8 +38,9 @@ constexpr uint64_t kDefaultLimit = 16ULL << 30;
 constexpr const char* kUsage =
     "Usage: orba-archive -xf ARCHIVE [-C DIR] [--limit BYTES]\n"
     "       orba-archive -tf ARCHIVE\n"
+    "       orba-archive --verify PACKAGE\n"
     "       orba-archive -cf ARCHIVE [-C DIR] MEMBER...\n"
-    "Unpack, list or create a package archive; called as orba-tar, its payload.\n"
+    "Unpack, list, verify or create a package archive; called as orba-tar, its payload.\n"
     "\n"
     "  -x             unpack into DIR, where no existing file is overwritten\n"
     "  -t             list the members, one a line\n"
@@ -47,8 +48,11 @@ constexpr const char* kUsage =
     "                 same bytes, dated SOURCE_DATE_EPOCH or 1970\n"
     "  -f ARCHIVE     the archive: a regular file\n"
     "  -C DIR         the folder, which must exist; the current one by default\n"
-    "  --limit BYTES  unpack no more than this; by default the unpack_limit of the\n"
+    "  --limit BYTES  unpack no more than this, in blocks of 4096 bytes and one more for\n"
+    "                 each file, folder and link; by default the unpack_limit of the\n"
     "                 settings, or 17179869184\n"
+    "  --verify PACKAGE\n"
+    "                 read PACKAGE to its end and judge it as -x does; write nothing\n"
     "  --help         print this text\n"
     "  --version      print the version\n"
     "\n"
@@ -58,7 +62,7 @@ constexpr const char* kUsage =
 struct UsageError {};
 
 struct Options {
-  char action = '\0';  // x, t, c; h and v print the help and the version
+  char action = '\0';  // x, t, c, and y to verify; h and v print the help and the version
   std::string archive;
   std::optional<std::string> folder;
   std::optional<uint64_t> limit;
@@ -76,8 +80,8 @@ std::optional<Number> ParseNumber(std::string_view text) {
 }
 
 void CheckCombination(const Options& options) {
-  const bool listing = options.action == 't';
-  if (options.archive.empty() || (listing && options.folder) || (options.action != 'x' && options.limit) ||
+  const bool only_reading = options.action == 't' || options.action == 'y';
+  if (options.archive.empty() || (only_reading && options.folder) || (options.action != 'x' && options.limit) ||
       (options.action == 'c') == options.members.empty()) {
     throw UsageError();
   }
@@ -86,8 +90,9 @@ void CheckCombination(const Options& options) {
 Options ParseOptions(int argc, char** argv) {
   constexpr int kLimit = 1;
   static constexpr std::array kLongOptions = {
-      option{"limit", required_argument, nullptr, kLimit}, option{"help", no_argument, nullptr, 'h'},
-      option{"version", no_argument, nullptr, 'v'}, option{nullptr, 0, nullptr, 0}};
+      option{"limit", required_argument, nullptr, kLimit}, option{"verify", required_argument, nullptr, 'y'},
+      option{"help", no_argument, nullptr, 'h'}, option{"version", no_argument, nullptr, 'v'},
+      option{nullptr, 0, nullptr, 0}};
   Options options;
   opterr = 0;
   for (int letter = 0; (letter = getopt_long(argc, argv, "xtcf:C:", kLongOptions.data(), nullptr)) != -1;) {
@@ -95,10 +100,12 @@ Options ParseOptions(int argc, char** argv) {
       case 'x':
       case 't':
       case 'c':
+      case 'y':
         if (options.action != '\0') {
           throw UsageError();
         }
         options.action = static_cast<char>(letter);
+        options.archive = letter == 'y' ? optarg : options.archive;
         break;
       case 'f':
         options.archive = optarg;
@@ -164,30 +171,31 @@ uint64_t LimitFromSettings() {
   return kDefaultLimit;
 }
 
-/// A link to nowhere is a keyring too, one that cannot be read: whoever made it did not want every package.
-bool HasKeyring() {
+/// The keyring, where there is one. A link to nowhere is a keyring too, one that cannot be read: whoever made it did
+/// not want every package.
+std::optional<std::string> Keyring() {
   struct stat status = {};
   if (lstat(path::kKeyring, &status) == 0) {
-    return true;
+    return path::kKeyring;
   }
   if (errno != ENOENT) {
     ThrowErrno(path::kKeyring);
   }
-  return false;
+  return std::nullopt;
 }
 
 void Unpack(const Options& options, Layer layer) {
   const UniqueFd folder = OpenFolder(options);
-  // Every pass over the archive reads this one descriptor: what was looked at is what is unpacked.
   const UniqueFd file = OpenArchive(options.archive);
   const uint64_t limit = options.limit ? *options.limit : LimitFromSettings();
-  // The payload comes out of a package that has been checked.
-  if (layer == Layer::kPackage && HasKeyring()) {
-    CheckSignature(file.get(), path::kKeyring);
-  }
   umask(0);
-  ArchiveReader archive(OpenByteSource(file.get(), layer));
-  Extractor(folder.get(), layer, limit).Unpack(archive);
+  if (layer == Layer::kPackage) {
+    UnpackPackage(file.get(), folder.get(), limit, Keyring());
+    return;
+  }
+  // The payload comes out of a package that has been judged.
+  ArchiveReader archive(file.get(), layer);
+  Extractor(folder.get(), limit).Unpack(archive);
 }
 
 void Print(const std::string& text) {
@@ -198,7 +206,7 @@ void Print(const std::string& text) {
 
 void List(const Options& options, Layer layer) {
   const UniqueFd file = OpenArchive(options.archive);
-  ArchiveReader archive(OpenByteSource(file.get(), layer));
+  ArchiveReader archive(file.get(), layer);
   Member member;
   while (archive.Next(member)) {
     Print(Printable(member.name) + "\n");
@@ -226,6 +234,9 @@ void Run(const Options& options, Layer layer) {
       break;
     case 'c':
       Create(options, layer);
+      break;
+    case 'y':
+      CheckPackage(OpenArchive(options.archive).get(), Keyring());
       break;
     case 'h':
       Print(kUsage);

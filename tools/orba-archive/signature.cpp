@@ -6,27 +6,22 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509_vfy.h>
+#include <openssl/x509v3.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdint>
-#include <map>
 #include <new>
-#include <optional>
 #include <stdexcept>
 #include <string_view>
 
 #include "platform/posix/files.h"
 #include "platform/posix/openssl.h"
-#include "tools/orba-archive/archive_reader.h"
+#include "tools/orba-archive/sha256.h"
 
 namespace orbamira::tools {
 namespace {
 
-constexpr const char* kManifestName = "MANIFEST";
-constexpr const char* kSignatureName = "MANIFEST.sig";
-constexpr uint64_t kMaxTextSize = 1UL << 20U;  // of the two above, which are held in memory
-constexpr size_t kDigestSize = 32;
+using Digests = std::map<std::string, std::string>;
+
 constexpr int kMinSecurityLevel = 2;  // 112 bits: RSA from 2048 bits on, no SHA-1
 
 template <typename Pointer>
@@ -50,108 +45,15 @@ Pointer NotNull(Pointer pointer) {
   throw std::runtime_error(text);
 }
 
-void Check(bool done) {
-  if (!done) {
-    ThrowLibraryError("cannot compute a digest");
-  }
-}
-
-class Sha256 {
- public:
-  Sha256() : context_(NotNull(Owned<EVP_MD_CTX, EVP_MD_CTX_free>(EVP_MD_CTX_new()))) {
-    Check(EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1);
-  }
-
-  void Add(std::span<const uint8_t> bytes) { Check(EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1); }
-
-  /// The digest of all that was added, in hexadecimal digits. Nothing can be added behind it.
-  std::string Finish() {
-    std::array<uint8_t, kDigestSize> digest{};
-    Check(EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) == 1);
-    std::string text;
-    for (const uint8_t byte : digest) {
-      constexpr std::string_view kDigits = "0123456789abcdef";
-      text += kDigits[byte >> 4U];
-      text += kDigits[byte & 15U];
-    }
-    return text;
-  }
-
- private:
-  Owned<EVP_MD_CTX, EVP_MD_CTX_free> context_;
-};
-
-using Digests = std::map<std::string, std::string>;
-
-struct Package {
-  std::string manifest;
-  std::string signature;
-  Digests members;  // all but these two
-};
-
-/// Hands every piece of the current member to `take`. Bytes between pieces are refused: they cost nothing to send, and
-/// the time to digest them would have no bound.
-template <typename Take>
-void ReadContents(ArchiveReader& archive, const Member& member, Take take) {
-  uint64_t size = 0;
-  for (Piece piece; archive.Read(piece); size += piece.data.size()) {
-    if (piece.offset != size) {
-      throw std::runtime_error(member.name + ": a sparse file in a signed package");
-    }
-    take(piece.data);
-  }
-  if (size != member.size) {
-    throw std::runtime_error(member.name + ": a sparse file in a signed package");
-  }
-}
-
-std::string ReadText(ArchiveReader& archive, const Member& member) {
-  if (member.size > kMaxTextSize) {
-    throw std::runtime_error(member.name + ": longer than " + std::to_string(kMaxTextSize) + " bytes");
-  }
-  std::string text;
-  ReadContents(archive, member, [&text](std::span<const uint8_t> data) { text.append(data.begin(), data.end()); });
-  return text;
-}
-
-std::string ReadDigest(ArchiveReader& archive, const Member& member) {
-  Sha256 digest;
-  ReadContents(archive, member, [&digest](std::span<const uint8_t> data) { digest.Add(data); });
-  return digest.Finish();
-}
-
-Package ReadPackage(int file) {
-  ArchiveReader archive(OpenByteSource(file, Layer::kPackage));
-  Digests texts;
-  Package package;
-  Member member;
-  while (archive.Next(member)) {
-    if (member.kind != Member::Kind::kFile) {
-      throw std::runtime_error(member.name + ": a package holds only files at its top");
-    }
-    const bool is_text = member.name == kManifestName || member.name == kSignatureName;
-    const std::string value = is_text ? ReadText(archive, member) : ReadDigest(archive, member);
-    if (!(is_text ? texts : package.members).emplace(member.name, value).second) {
-      throw std::runtime_error(member.name + ": in the package twice");
-    }
-  }
-  if (!texts.contains(kManifestName) || !texts.contains(kSignatureName)) {
-    throw std::runtime_error("not signed");
-  }
-  package.manifest = texts[kManifestName];
-  package.signature = texts[kSignatureName];
-  return package;
-}
-
 Digests ParseManifest(std::string_view text) {
   constexpr std::string_view kSeparator = "  ";
-  constexpr size_t kNameStart = 2 * kDigestSize + kSeparator.size();
+  constexpr size_t kNameStart = 2 * Sha256::kSize + kSeparator.size();
   Digests digests;
   while (!text.empty()) {
     const std::string_view line = text.substr(0, text.find('\n'));
     if (line.size() <= kNameStart || line.size() == text.size() ||
-        line.substr(2 * kDigestSize, kSeparator.size()) != kSeparator ||
-        !digests.emplace(line.substr(kNameStart), line.substr(0, 2 * kDigestSize)).second) {
+        line.substr(2 * Sha256::kSize, kSeparator.size()) != kSeparator ||
+        !digests.emplace(line.substr(kNameStart), line.substr(0, 2 * Sha256::kSize)).second) {
       throw std::runtime_error("MANIFEST: damaged");
     }
     text.remove_prefix(line.size() + 1);
@@ -220,32 +122,48 @@ void CheckSigners(CMS_ContentInfo* message) {
     X509_ALGOR* algorithm = nullptr;
     CMS_SignerInfo_get0_algs(sk_CMS_SignerInfo_value(signers, i), nullptr, nullptr, &algorithm, nullptr);
     const EVP_MD* digest = EVP_get_digestbyobj(algorithm->algorithm);
-    if (digest == nullptr || EVP_MD_get_size(digest) < static_cast<int>(kDigestSize)) {
+    if (digest == nullptr || EVP_MD_get_size(digest) < static_cast<int>(Sha256::kSize)) {
       throw std::runtime_error("MANIFEST.sig: signed with a weak digest");
     }
   }
 }
 
-void CheckSignatureOf(const Package& package, X509_STORE* keyring) {
+/// For a stack that does not own its certificates.
+void FreeStackAlone(STACK_OF(X509) * certificates) { sk_X509_free(certificates); }
+
+/// A certificate that says what its key is for must say that it is for signatures.
+void CheckKeyUsage(CMS_ContentInfo* message) {
+  const Owned<STACK_OF(X509), FreeStackAlone> signers(CMS_get0_signers(message));
+  for (int i = 0; i < sk_X509_num(signers.get()); ++i) {
+    if ((X509_get_key_usage(sk_X509_value(signers.get(), i)) & KU_DIGITAL_SIGNATURE) == 0) {
+      throw std::runtime_error("MANIFEST.sig: the key usage of the signer's certificate has no digitalSignature");
+    }
+  }
+}
+
+void CheckManifest(const std::string& text, const std::string& signature_text, X509_STORE* keyring) {
   ERR_clear_error();
-  const Owned<BIO, BIO_free> signature = TextSource(package.signature);
+  const Owned<BIO, BIO_free> signature = TextSource(signature_text);
   const auto message = Owned<CMS_ContentInfo, CMS_ContentInfo_free>(d2i_CMS_bio(signature.get(), nullptr));
   if (!message) {
     ThrowLibraryError("MANIFEST.sig");
   }
   CheckSigners(message.get());
-  const Owned<BIO, BIO_free> manifest = TextSource(package.manifest);
+  const Owned<BIO, BIO_free> manifest = TextSource(text);
   if (CMS_verify(message.get(), nullptr, keyring, manifest.get(), nullptr, CMS_BINARY) != 1) {
     ThrowLibraryError("MANIFEST.sig");
   }
+  CheckKeyUsage(message.get());
 }
 
 }  // namespace
 
-void CheckSignature(int package, const std::string& keyring) {
-  const Package contents = ReadPackage(package);
-  CheckSignatureOf(contents, LoadKeyring(keyring).get());
-  CheckMembers(contents.members, ParseManifest(contents.manifest));
+void CheckSignature(const PackageContents& package, const std::string& keyring) {
+  if (!package.manifest || !package.signature) {
+    throw std::runtime_error("not signed");
+  }
+  CheckManifest(*package.manifest, *package.signature, LoadKeyring(keyring).get());
+  CheckMembers(package.digests, ParseManifest(*package.manifest));
 }
 
 }  // namespace orbamira::tools

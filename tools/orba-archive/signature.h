@@ -1,20 +1,38 @@
 #pragma once
 
+#include <cstdint>
+#include <map>
+#include <optional>
 #include <string>
 
 namespace orbamira::tools {
 
-/// Refuses the open package file unless somebody whom the keyring trusts vouches for every member of it.
+/// The members of a package that vouch for the others, and how long each may be.
+constexpr const char* kManifestName = "MANIFEST";
+constexpr const char* kSignatureName = "MANIFEST.sig";
+constexpr uint64_t kMaxTextSize = 1UL << 20U;
+/// What a line of MANIFEST takes besides the name: a digest, two blanks and the end of the line.
+constexpr uint64_t kManifestLineSize = 67;
+
+/// What a package was found to hold.
+struct PackageContents {
+  std::optional<std::string> manifest;   ///< MANIFEST, where there is one
+  std::optional<std::string> signature;  ///< MANIFEST.sig, likewise
+  std::map<std::string, std::string>
+      digests;  ///< SHA-256 in lower-case hexadecimal digits of each other member, by name
+};
+
+/// Refuses a package unless somebody whom the keyring trusts vouches for every member of it.
 ///
 /// The package must carry MANIFEST, the SHA-256 and name of each other member in the form of sha256sum(1), and
-/// MANIFEST.sig, a detached CMS signature (RFC 5652) of exactly these bytes, in DER. The members must be plain files,
-/// just those that MANIFEST lists, once each. Every signer's certificate must lead to one in the keyring and be valid
-/// now; the certificates in between come with the signature or are in the keyring too.
+/// MANIFEST.sig, a detached CMS signature (RFC 5652) of exactly these bytes, in DER. The members must be just those
+/// that MANIFEST lists. Every signer's certificate must lead to one in the keyring, be valid now and not be kept from
+/// signing by its key usage; the certificates in between come with the signature or are in the keyring too.
 ///
 /// The keyring is a file of PEM certificates and nothing else. Each is trusted by itself: a maker's root, an
 /// intermediate authority or just the signer.
 ///
-/// Nothing is unpacked. Throws std::runtime_error with the reason, or std::system_error when a file cannot be read.
-void CheckSignature(int package, const std::string& keyring);
+/// Throws std::runtime_error with the reason, or std::system_error when the keyring cannot be read.
+void CheckSignature(const PackageContents& package, const std::string& keyring);
 
 }  // namespace orbamira::tools

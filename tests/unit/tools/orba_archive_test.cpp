@@ -414,7 +414,38 @@ TEST_F(OrbaArchiveTest, RefusesAnythingButFilesAtThePackagesTop) {
   EXPECT_TRUE(Unpack(Program::kArchive, Tar().File("./INFO").Bytes()).Exited(0));
 }
 
+TEST_F(OrbaArchiveTest, UnpacksAllOfAPackageOrNothing) {
+  WriteFile(out_ / "package.tgz", "before");
+  const auto before = Snapshot(out_);
+  ExpectPackageRefused(Tar().File("INFO").File("package.tgz"), "package.tgz: File exists");
+  EXPECT_EQ(Snapshot(out_), before);
+  ExpectPackageRefused(Tar().File("INFO").File("other").File("INFO"), "INFO: in the package twice");
+  EXPECT_EQ(Snapshot(out_), before);
+}
+
 // Bounds.
+
+TEST_F(OrbaArchiveTest, BoundsWhatAPackageTakesOfMemory) {
+  const auto refused = [&](const Tar& tar, const std::string& reason) {
+    ExpectPackageRefused(tar, reason);
+    WriteFile(archive_, tar.Bytes());
+    const ProcessResult verified = Run(Program::kArchive, {"--verify", archive_});
+    EXPECT_TRUE(verified.Exited(1)) << verified;
+    EXPECT_THAT(verified.err, HasSubstr(reason));
+    EXPECT_THAT(Snapshot(out_), IsEmpty());
+  };
+  refused(Tar().LongName(std::string(900'000, 'n')).File("x"), "a member's header is too long");
+  Tar many;
+  for (int i = 0; i < 16'000; ++i) {
+    many.File(std::to_string(i), "");
+  }
+  refused(many, "one member more than a manifest can list");
+  Tar headers;
+  for (int i = 0; i < 700; ++i) {
+    headers.Extended({{"comment", std::string(50'000, 'c')}}).File(std::to_string(i), "");
+  }
+  refused(headers, "more than 33554432 bytes of headers");
+}
 
 TEST_F(OrbaArchiveTest, BoundsNames) {
   std::string longest;
@@ -434,28 +465,70 @@ TEST_F(OrbaArchiveTest, BoundsNames) {
 }
 
 TEST_F(OrbaArchiveTest, StopsAtTheLimit) {
-  const Tar tar = Tar().File("a", std::string(600, 'a')).File("b", std::string(400, 'b'));
-  ExpectPayloadRefused(tar, "b: unpacks to more than the limit of 999 bytes", {"--limit", "999"});
+  const Tar tar = Tar().File("a", std::string(4096, 'a')).File("b", std::string(4097, 'b'));
+  ExpectPayloadRefused(tar, "b: unpacks to more than the limit of 20479 bytes", {"--limit", "20479"});
   fs::remove(out_ / "a");
   EXPECT_FALSE(fs::exists(out_ / "b"));
-  EXPECT_TRUE(UnpackPayload(tar, {"--limit=1000"}).Exited(0));
+  EXPECT_TRUE(UnpackPayload(tar, {"--limit=20480"}).Exited(0));
+}
+
+// Ten thousand folders or links used to count for nothing: a few kilobytes of payload took all inodes of a disk.
+TEST_F(OrbaArchiveTest, CountsFoldersAndLinksAtWhatTheyCost) {
+  const auto expect_cost = [&](const Tar& tar, uint64_t bytes) {
+    const std::string less = std::to_string(bytes - 1);
+    ExpectPayloadRefused(tar, "unpacks to more than the limit of " + less + " bytes", {"--limit", less});
+    fs::remove_all(out_);
+    fs::create_directory(out_);
+    const ProcessResult result = UnpackPayload(tar, {"--limit", std::to_string(bytes)});
+    EXPECT_TRUE(result.Exited(0)) << result;
+    fs::remove_all(out_);
+    fs::create_directory(out_);
+  };
+  constexpr uint64_t kBlock = 4096;
+  expect_cost(Tar().File("empty", ""), kBlock);
+  expect_cost(Tar().Folder("folder"), 2 * kBlock);
+  expect_cost(Tar().Folder("folder").Folder("folder/"), 2 * kBlock);
+  expect_cost(Tar().File("a/b/c/file", "").File("a/b/d/file", ""), 4 * 2 * kBlock + 2 * kBlock);
+  expect_cost(Tar().Extended({{"linkpath", std::string(4000, 'x')}}).Symlink("link", "x"), 2 * kBlock);
+  expect_cost(Tar().File("file", "").HardLink("link", "file"), 2 * kBlock);
+}
+
+TEST_F(OrbaArchiveTest, BoundsTheNumberOfFilesFoldersAndLinks) {
+  Tar tar;
+  std::string deep;
+  for (int i = 0; i < 127; ++i) {
+    deep += "/d";
+  }
+  for (int i = 0; i < 180; ++i) {
+    tar.LongName(std::to_string(i) + deep).File("x", "");
+  }
+  struct statvfs disk = {};
+  ASSERT_EQ(statvfs(out_.c_str(), &disk), 0);
+  const ProcessResult result = UnpackPayload(tar);
+  EXPECT_TRUE(result.Exited(1)) << result;
+  EXPECT_THAT(result.err, testing::ContainsRegex(": more than [0-9]+ files, folders and links\n$"));
+  const auto made = std::distance(fs::recursive_directory_iterator(out_), fs::recursive_directory_iterator());
+  EXPECT_LE(made, 20'000);
+  if (disk.f_files != 0) {
+    EXPECT_LE(static_cast<uint64_t>(made), disk.f_favail / 2 + 1);
+  }
 }
 
 TEST_F(OrbaArchiveTest, TakesTheLimitFromTheSettings) {
   const fs::path own = Root() / "etc/orbamira/updater.conf";
   const fs::path makers = Root() / "usr/share/orbamira/updater.conf";
   const Tar tar = Tar().File("file", std::string(600, 'a'));
-  WriteFile(makers, "unpack_limit=\"599\"\n");
-  ExpectPayloadRefused(tar, "file: unpacks to more than the limit of 599 bytes");
-  ExpectPackageRefused(tar, "file: unpacks to more than the limit of 599 bytes");
-  WriteFile(own, "unpack_limit=\"598\"\n");
-  ExpectPayloadRefused(tar, "file: unpacks to more than the limit of 598 bytes");
-  ExpectPayloadRefused(tar, "file: unpacks to more than the limit of 597 bytes", {"--limit", "597"});
+  WriteFile(makers, "unpack_limit=\"8191\"\n");
+  ExpectPayloadRefused(tar, "file: unpacks to more than the limit of 8191 bytes");
+  ExpectPackageRefused(tar, "file: unpacks to more than the limit of 8191 bytes");
+  WriteFile(own, "unpack_limit=\"8190\"\n");
+  ExpectPayloadRefused(tar, "file: unpacks to more than the limit of 8190 bytes");
+  ExpectPayloadRefused(tar, "file: unpacks to more than the limit of 8189 bytes", {"--limit", "8189"});
   for (const char* malformed : {"many", "-1", "1k", "1 000", "99999999999999999999"}) {
     WriteFile(own, std::string("unpack_limit=\"") + malformed + "\"\n");
     ExpectPayloadRefused(tar, own.string() + ": unpack_limit is not a number of bytes: " + malformed);
   }
-  WriteFile(own, "unpack_limit=\"600\"\n");
+  WriteFile(own, "unpack_limit=\"8192\"\n");
   EXPECT_TRUE(UnpackPayload(tar).Exited(0));
   fs::remove(own);
   fs::remove(makers);
@@ -524,8 +597,7 @@ TEST_F(OrbaArchiveTest, RefusesAPackageCutAnywhere) {
   for (size_t size = 0; size < whole.size(); size += 512) {
     ExpectRefused(Program::kArchive, whole.substr(0, size), "");
     ExpectRefused(Program::kArchive, whole.substr(0, size + 200), "");
-    fs::remove(out_ / "INFO");
-    fs::remove(out_ / "package.tgz");
+    EXPECT_THAT(Snapshot(out_), IsEmpty());
   }
   EXPECT_TRUE(Unpack(Program::kArchive, whole).Exited(0));
 }

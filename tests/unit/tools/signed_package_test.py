@@ -10,7 +10,7 @@ import tarfile
 import tempfile
 import unittest
 
-from authority import INTERMEDIATE, Authority
+from authority import INTERMEDIATE, LEAF, Authority
 
 TOOLS = pathlib.Path(os.environ["ORBA_TOOLS"])
 LIMIT_OF_TEXTS = 1 << 20
@@ -64,10 +64,13 @@ class SignedPackageTest(unittest.TestCase):
         signature = self.sign(text, *signing.get("by", ())) if signature is None else signature
         self.package.write_bytes(tar([("MANIFEST", text), ("MANIFEST.sig", signature), *members.items()]))
 
-    def unpack(self, program="orba-archive", *options):
+    def unpack(self, program="orba-archive", **environment):
+        return self.run_tool(program, "-xf", self.package, "-C", self.folder, **environment)
+
+    def run_tool(self, program, *arguments, **environment):
         return subprocess.run(
-            [TOOLS / program, "-xf", self.package, "-C", self.folder, *options],
-            env={**os.environ, "ORBAMIRA_ROOT": str(self.root)},
+            [TOOLS / program, *arguments],
+            env={**os.environ, "ORBAMIRA_ROOT": str(self.root), **environment},
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
@@ -90,11 +93,67 @@ class SignedPackageTest(unittest.TestCase):
         line = f"{program}: {self.package}: {reason}\n"
         self.assertEqual((1, "", line), (done.returncode, done.stdout, done.stderr))
         self.assertEqual([], os.listdir(self.folder))
+        if program == "orba-archive":
+            done = self.run_tool(program, "--verify", self.package)
+            self.assertEqual((1, "", line), (done.returncode, done.stdout, done.stderr))
 
     def test_signed_package_is_unpacked(self):
         self.trust("ca")
         self.pack()
         self.assert_unpacked("MANIFEST", "MANIFEST.sig")
+
+    def test_verifying_writes_nothing(self):
+        self.trust("ca")
+        self.pack()
+        before = sorted(self.top.rglob("*"))
+        done = self.run_tool("orba-archive", "--verify", self.package)
+        self.assertEqual((0, "", ""), (done.returncode, done.stdout, done.stderr))
+        self.assertEqual(before, sorted(self.top.rglob("*")))
+
+    @unittest.skipUnless("SWAPPED_PACKAGE" in os.environ, "a sanitizer keeps others from being preloaded")
+    def test_what_is_unpacked_is_what_was_verified(self):
+        """A local user who could write to the package used to change it between two passes over it."""
+        self.trust("ca")
+        planted = self.top / "planted.opk"
+        self.pack(members={name: bytes(len(content)) for name, content in self.members.items()})
+        shutil.move(self.package, planted)
+        self.pack()
+        self.assertEqual(planted.stat().st_size, self.package.stat().st_size)
+        done = self.unpack(
+            LD_PRELOAD=os.environ["SWAPPED_PACKAGE"], SWAP_PACKAGE=str(self.package), SWAP_WITH=str(planted)
+        )
+        self.assertEqual((0, "", ""), (done.returncode, done.stdout, done.stderr))
+        self.assertTrue((self.top / "package.opk.swapped").exists(), "the package was never read to its end")
+        self.assertEqual(planted.read_bytes(), self.package.read_bytes())
+        for name, content in self.members.items():
+            self.assertEqual(content, (self.folder / name).read_bytes())
+
+    def test_hostile_package_takes_no_memory(self):
+        """Each name was kept until the end of the package, where its signature was missed."""
+        self.trust("ca")
+        name = b"n" * 900_000 + b"\0"
+        with self.package.open("wb") as file:
+            for number in range(100):
+                long_name = tarfile.TarInfo("././@LongLink")
+                long_name.type, long_name.size = tarfile.GNUTYPE_LONGNAME, len(name)
+                file.write(long_name.tobuf(tarfile.GNU_FORMAT) + name + bytes(-len(name) % 512))
+                file.write(tarfile.TarInfo(str(number)).tobuf(tarfile.GNU_FORMAT))
+            file.write(bytes(10240))
+        for action in (("--verify", self.package), ("-xf", self.package, "-C", self.folder)):
+            with self.subTest(action[0]):
+                child = subprocess.Popen(
+                    [TOOLS / "orba-archive", *action],
+                    env={**os.environ, "ORBAMIRA_ROOT": str(self.root)},
+                    stdin=subprocess.DEVNULL,
+                    stderr=subprocess.PIPE,
+                )
+                with child:
+                    words = child.stderr.read().decode()
+                    _, status, usage = os.wait4(child.pid, 0)
+                    child.returncode = os.waitstatus_to_exitcode(status)
+                self.assertEqual((1, f"orba-archive: {self.package}: a member's header is too long\n"),
+                                 (child.returncode, words))
+                self.assertLess(usage.ru_maxrss, 64 << 10)
 
     def test_unsigned_package_is_unpacked_where_there_is_no_keyring(self):
         self.package.write_bytes(tar(self.members.items()))
@@ -190,6 +249,24 @@ class SignedPackageTest(unittest.TestCase):
         self.pack()
         self.trust("ca")
         self.assert_refused("MANIFEST.sig: certificate verify error: Verify error: certificate is not yet valid")
+
+    def test_key_that_is_not_for_signatures_is_refused(self):
+        self.trust("ca")
+        for usage, accepted in (
+            ("keyEncipherment", False),
+            ("nonRepudiation,keyAgreement", False),
+            ("digitalSignature", True),
+            ("digitalSignature,keyEncipherment", True),
+        ):
+            with self.subTest(usage):
+                self.authority.issue("signer", "ca", LEAF + f"\nkeyUsage=critical,{usage}")
+                self.pack()
+                if accepted:
+                    self.assert_unpacked("MANIFEST", "MANIFEST.sig")
+                else:
+                    self.assert_refused(
+                        "MANIFEST.sig: the key usage of the signer's certificate has no digitalSignature"
+                    )
 
     def test_weak_key_is_refused(self):
         self.authority.issue("signer", "ca", key=("-newkey", "rsa:1024"))
@@ -321,7 +398,7 @@ class SignedPackageTest(unittest.TestCase):
         folder = self.top / "sparse"
         folder.mkdir()
         with (folder / "INFO").open("wb") as file:
-            file.truncate(1 << 40)
+            file.truncate(1 << 20)
         text = manifest(self.members)
         (folder / "MANIFEST").write_bytes(text)
         (folder / "MANIFEST.sig").write_bytes(self.sign(text))
@@ -329,7 +406,7 @@ class SignedPackageTest(unittest.TestCase):
             with self.subTest(style):
                 command = ["tar", f"--format={style}", "-S", "-cf", self.package, "-C", folder, *os.listdir(folder)]
                 subprocess.run(command, check=True)
-                self.assert_refused("INFO: a sparse file in a signed package")
+                self.assert_refused("INFO: a sparse file in a package")
 
     def test_texts_of_any_length_are_refused(self):
         self.trust("ca")

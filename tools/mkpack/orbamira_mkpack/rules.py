@@ -15,7 +15,7 @@ SIGNATURE_NAME = "MANIFEST.sig"
 # What appliances unpack at most.
 MAX_NAME_SIZE = 4096
 MAX_DEPTH = 128
-MAX_MEMBERS = 1_000_000
+MAX_MEMBERS = 20_000
 MAX_CONTENT_SIZE = 16 << 30
 
 VERSION_PATTERN = re.compile(r"[0-9A-Za-z][0-9A-Za-z._+-]{0,63}")

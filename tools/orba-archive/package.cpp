@@ -1,0 +1,134 @@
+#include "tools/orba-archive/package.h"
+
+#include <functional>
+#include <span>
+#include <stdexcept>
+#include <string_view>
+#include <vector>
+
+#include "platform/posix/files.h"
+#include "tools/orba-archive/archive_reader.h"
+#include "tools/orba-archive/member_name.h"
+#include "tools/orba-archive/sha256.h"
+#include "tools/orba-archive/signature.h"
+#include "tools/orba-archive/staged_files.h"
+#include "tools/orba-archive/unpack_budget.h"
+
+namespace orbamira::tools {
+namespace {
+
+constexpr mode_t kModes = 0755;
+
+/// Gives the file that a member's contents go to, open for writing; one that is not valid where they go nowhere.
+using OpenFile = std::function<UniqueFd(const std::string& name, const Member& member)>;
+
+std::string FileName(const Member& member) {
+  const std::vector<std::string_view> parts = SplitMemberName(member.name);
+  if (member.kind != Member::Kind::kFile || parts.size() != 1) {
+    throw std::runtime_error("a package holds only files at its top");
+  }
+  return std::string(parts.front());
+}
+
+class PackageReader {
+ public:
+  PackageReader(int package, bool with_digests, OpenFile open)
+      : archive_(package, Layer::kPackage), with_digests_(with_digests), open_(std::move(open)) {}
+
+  PackageContents Read() {
+    archive_.ForEach([this](const Member& member) { Take(member); });
+    return std::move(contents_);
+  }
+
+ private:
+  void Take(const Member& member) {
+    const std::string name = FileName(member);
+    if (member.name == kManifestName) {
+      TakeText(name, member, contents_.manifest);
+    } else if (member.name == kSignatureName) {
+      TakeText(name, member, contents_.signature);
+    } else {
+      TakeMember(name, member);
+    }
+  }
+
+  void TakeText(const std::string& name, const Member& member, std::optional<std::string>& text) {
+    if (text) {
+      throw std::runtime_error("in the package twice");
+    }
+    if (member.size > kMaxTextSize) {
+      throw std::runtime_error("longer than " + std::to_string(kMaxTextSize) + " bytes");
+    }
+    text.emplace();
+    Copy(name, member, [&text](std::span<const uint8_t> bytes) { text->append(bytes.begin(), bytes.end()); });
+  }
+
+  void TakeMember(const std::string& name, const Member& member) {
+    listed_ += kManifestLineSize + member.name.size();
+    if (listed_ > kMaxTextSize) {
+      throw std::runtime_error("one member more than a manifest can list");
+    }
+    const auto [entry, is_new] = contents_.digests.try_emplace(member.name);
+    if (!is_new) {
+      throw std::runtime_error("in the package twice");
+    }
+    if (!with_digests_) {
+      Copy(name, member, [](std::span<const uint8_t> /*bytes*/) {});
+      return;
+    }
+    Sha256 digest;
+    Copy(name, member, [&digest](std::span<const uint8_t> bytes) { digest.Add(bytes); });
+    entry->second = digest.Finish();
+  }
+
+  /// Reads the contents into the member's file and hands each piece to `take`. Bytes between pieces are refused: they
+  /// cost nothing to send, and the time to digest them would have no bound.
+  template <typename Take>
+  void Copy(const std::string& name, const Member& member, Take take) {
+    const UniqueFd file = open_(name, member);
+    uint64_t size = 0;
+    for (Piece piece; archive_.Read(piece); size += piece.data.size()) {
+      if (piece.offset != size) {
+        throw std::runtime_error("a sparse file in a package");
+      }
+      take(piece.data);
+      if (file.valid()) {
+        WriteFully(file.get(), piece.data.data(), piece.data.size(), name);
+      }
+    }
+    if (size != member.size) {
+      throw std::runtime_error("a sparse file in a package");
+    }
+  }
+
+  ArchiveReader archive_;
+  bool with_digests_;
+  OpenFile open_;
+  PackageContents contents_;
+  uint64_t listed_ = 0;  // bytes of the manifest that lists the members so far
+};
+
+void ReadAndJudge(int package, const std::optional<std::string>& keyring, OpenFile open) {
+  const PackageContents contents = PackageReader(package, keyring.has_value(), std::move(open)).Read();
+  if (keyring) {
+    CheckSignature(contents, *keyring);
+  }
+}
+
+}  // namespace
+
+void CheckPackage(int package, const std::optional<std::string>& keyring) {
+  ReadAndJudge(package, keyring, [](const std::string& /*name*/, const Member& /*member*/) { return UniqueFd(); });
+}
+
+void UnpackPackage(int package, int folder, uint64_t limit, const std::optional<std::string>& keyring) {
+  UnpackBudget budget(folder, limit);
+  StagedFiles files(folder);
+  ReadAndJudge(package, keyring, [&](const std::string& name, const Member& member) {
+    budget.Take(member.size);
+    return files.Add(name, member.mode & kModes);
+  });
+  files.Publish();
+}
+
+}  // namespace orbamira::tools
