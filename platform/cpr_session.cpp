@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "platform/http/body_file.h"
+#include "platform/http/http_only.h"
 #include "platform/http/http_transfer.h"
 
 namespace orbamira::wrapper {
@@ -13,7 +14,7 @@ std::shared_ptr<ICprSession> CprSession::Create() { return std::make_shared<CprS
 
 CprSession::CprSession() { SetUpForDownloads(session_); }
 
-void CprSession::SetUrl(const cpr::Url& url) { session_.SetUrl(url); }
+void CprSession::SetUrl(const cpr::Url& url) { SetHttpUrl(session_, url.str()); }
 
 cpr::Response CprSession::DownloadToFile(std::ofstream& file) {
   cpr::Response response;

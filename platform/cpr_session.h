@@ -20,7 +20,7 @@ class ORBAMIRA_EXPORT ICprSession {
   /// open) counts as a failed transfer. Not for use from two threads at once.
   virtual cpr::Response DownloadToFile(std::ofstream& file) = 0;
 
-  /// The URL to fetch; http and https only, and so are redirects (ten at most).
+  /// The URL to fetch; http and https only, and so are redirects (ten at most, none from https to http).
   virtual void SetUrl(const cpr::Url& url) = 0;
 };
 

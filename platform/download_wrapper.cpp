@@ -15,6 +15,7 @@
 #include "platform/exception.h"
 #include "platform/http/body_file.h"
 #include "platform/http/download_policy.h"
+#include "platform/http/http_only.h"
 #include "platform/http/http_transfer.h"
 #include "platform/http/progress_throttle.h"
 
@@ -357,7 +358,7 @@ class ResumingDownload : public DownloadWrapper {
 
   void SetUrl(const std::string& link) override {
     link_ = link;
-    session_.SetUrl(cpr::Url(link));
+    SetHttpUrl(session_, link);
   }
 
   void SetProgressCallback(std::function<void(long, long)>& progress) override { progress_ = &progress; }

@@ -26,7 +26,7 @@ class ORBAMIRA_EXPORT DownloadWrapper {
   /// such a body nothing stays in the file.
   virtual int DownloadToFile(std::ofstream& file) = 0;
 
-  /// The link to fetch; http and https only, and so are redirects (ten at most).
+  /// The link to fetch; http and https only, and so are redirects (ten at most, none from https to http).
   virtual void SetUrl(const std::string& link) = 0;
 
   /// `progress` is called with the bytes received so far and the size in bytes of the whole body (0 while unknown) at

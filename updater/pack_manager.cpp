@@ -10,6 +10,7 @@
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
+#include "platform/http/http_only.h"
 #include "platform/log.h"
 #include "updater/json_text.h"
 
@@ -19,10 +20,10 @@ namespace {
 constexpr int kHttpOk = 200;
 
 // The response to one GET. The transfer of a body over the limit is ended, and the response then has none.
-cpr::Response SendRequest(const cpr::Url& url, const cpr::Parameters& parameters) {
+cpr::Response SendRequest(const std::string& url, const cpr::Parameters& parameters) {
   std::string body;
   cpr::Session session;
-  session.SetUrl(url);
+  wrapper::SetHttpUrl(session, url);
   session.SetParameters(parameters);
   session.SetWriteCallback(cpr::WriteCallback([&body](std::string_view bytes, intptr_t /*unused*/) {
     if (body.size() + bytes.size() > kJsonTextLimit) {
@@ -236,7 +237,7 @@ bool PackManager::FetchDownloadInfo(bool with_aac, Json::Value& pack_info) const
   }
 
   const cpr::Response response = SendRequest(
-      cpr::Url(url),
+      url,
       cpr::Parameters{
           {"identify", kPackageId}, {"unique", unique}, {"version", package_version}, {"kos_version", kos_version}});
   if (response.status_code == 0) {

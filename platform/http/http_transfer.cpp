@@ -14,7 +14,6 @@ namespace {
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-constexpr long kRedirects = 10;
 // The largest that every curl accepts.
 constexpr long kReceiveBuffer = 512L * 1024;
 
@@ -90,11 +89,8 @@ class Drive {
 }  // namespace
 
 void SetUpForDownloads(cpr::Session& session) {
-  session.SetRedirect(cpr::Redirect(kRedirects));
   session.SetAcceptEncoding(cpr::AcceptEncoding({cpr::AcceptEncodingMethods::disabled}));
   CURL* curl = session.GetCurlHolder()->handle;
-  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kReceiveBuffer);
   // The host has threads of its own: time-outs must not come as SIGALRM.
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);

@@ -18,8 +18,7 @@ struct TransferLimits {
 /// Takes the next bytes of a body. False ends the transfer, and so does what it throws.
 using BodyCallback = std::function<bool(std::string_view)>;
 
-/// Confines the session to http and https, also after a redirect, and to ten redirects; bodies come as the server
-/// stores them, without content coding. Once for each session.
+/// Bodies come as the server stores them, without content coding. Once for each session.
 void SetUpForDownloads(cpr::Session& session);
 
 /// GETs the session's URL and hands the body, whatever the answer's status, to `take` piece by piece on this thread. A

@@ -374,6 +374,43 @@ TEST_F(PackManagerRequestTest, FetchDownloadInfoLogsWhyTheTransferFailed) {
   EXPECT_THAT(lines[0].text, testing::MatchesRegex("Failed to send request with error: .+"));
 }
 
+TEST_F(PackManagerRequestTest, FetchDownloadInfoFollowsTenRedirectsAndTakesNoCookieAlong) {
+  const HttpResponse reply = answer_;
+  for (const int redirects : {10, 11}) {
+    HttpServer server([&](const HttpRequest& request) {
+      const int done = request.target.starts_with("/at/") ? std::stoi(request.target.substr(4)) : 0;
+      HttpResponse answer = reply;
+      answer.headers["Set-Cookie"] = "name=value; Path=/";
+      if (done < redirects) {
+        answer.status = 302;
+        answer.headers["Location"] = "/at/" + std::to_string(done + 1);
+      }
+      return answer;
+    });
+    ExpectSystem(server.Url());
+    EXPECT_EQ(manager_.FetchDownloadInfo(false, info_), redirects == 10);
+    EXPECT_THAT(server.Requests(), testing::SizeIs(11));
+    for (const HttpRequest& request : server.Requests()) {
+      EXPECT_EQ(request.Header("Cookie"), "");
+    }
+  }
+  EXPECT_THAT(LogCapture::Lines(), ElementsAre(Error("Failed to send request with status: 302")));
+}
+
+TEST_F(PackManagerRequestTest, FetchDownloadInfoAsksByHttpAlone) {
+  const test::RefusingPort port;
+  const std::string ftp = "ftp" + port.Url("/reply.json").substr(4);
+  answer_ = {.status = 301, .headers = {{"Location", ftp}}};
+  ExpectSystem(server_.Url());
+  EXPECT_FALSE(manager_.FetchDownloadInfo(false, info_));
+  ExpectSystem(ftp);
+  EXPECT_FALSE(manager_.FetchDownloadInfo(false, info_));
+  EXPECT_THAT(LogCapture::Lines(),
+              ElementsAre(Error("Failed to send request with status: 301"),
+                          Error("Failed to send request with error: Protocol \"ftp\" not supported or disabled in "
+                                "libcurl")));
+}
+
 TEST_F(PackManagerRequestTest, FetchDownloadInfoOfNoJsonFails) {
   for (const char* body : {"", "<html>", "{\"a\": "}) {
     LogCapture::Clear();

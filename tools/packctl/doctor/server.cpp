@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "platform/constants.h"
+#include "platform/http/http_only.h"
 #include "tools/packctl/doctor/checks.h"
 #include "tools/packctl/view/progress_text.h"
 #include "updater/json_text.h"
@@ -29,7 +30,7 @@ constexpr long kOk = 200;
 
 // The updater waits as long as the server takes; a doctor must come to an end.
 void SetUp(cpr::Session& session, const std::string& address) {
-  session.SetUrl(cpr::Url(address));
+  wrapper::SetHttpUrl(session, address);
   session.SetConnectTimeout(cpr::ConnectTimeout(std::chrono::seconds(10)));
   session.SetTimeout(cpr::Timeout(std::chrono::seconds(30)));
 }
