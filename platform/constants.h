@@ -86,7 +86,7 @@ extern const char* const kKeyring;
 extern const char* const kAccountFile;
 /// Lock file of kAccountFile.
 extern const char* const kAccountLock;
-/// Lock file of the command line: whoever changes something holds it.
+/// Lock file of the updater: whoever changes pack, download or record holds it, packctl and every other host.
 extern const char* const kPackctlLock;
 /// The system's time zone: a symbolic link into the zone database.
 extern const char* const kLocaltime;

@@ -408,7 +408,8 @@ TEST_F(PackctlTest, TwoChangesExcludeEachOtherWhileStatusAnswers) {
   for (const char* command : {"check", "download", "install", "update", "remove", "recover", "plugins"}) {
     const ProgramResult second = Run({command});
     EXPECT_EQ(second.status, 3) << command;
-    EXPECT_EQ(second.errors, "packctl: another packctl is at work (pid " + std::to_string(first.pid()) + ")\n");
+    EXPECT_EQ(second.errors,
+              "packctl: another program is at work: packctl (pid " + std::to_string(first.pid()) + ")\n");
   }
   EXPECT_EQ(RunJson({"update"}, 3)["result"], "busy");
 

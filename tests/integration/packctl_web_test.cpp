@@ -24,10 +24,10 @@
 #include "platform/posix/unique_fd.h"
 #include "tests/support/appliance.h"
 #include "tests/support/test_root.h"
-#include "tools/packctl/commands/exclusive_lock.h"
 #include "tools/packctl/http/server.h"
 #include "tools/packctl/web/state.h"
 #include "updater/pack_status_helper.h"
+#include "updater/update_lock.h"
 
 namespace orbamira {
 namespace {
@@ -394,10 +394,10 @@ TEST_F(PackctlWebTest, RefusesASecondActionWhileOneIsAtWork) {
 TEST_F(PackctlWebTest, RefusesAnActionWhileAnotherPackctlIsAtWork) {
   Start();
   {
-    const packctl::ExclusiveLock lock(path::kPackctlLock);
+    const updater::UpdateLock lock;
     const Answer answer = Act("check");
     EXPECT_EQ(answer.status, 409);
-    EXPECT_EQ(Parsed(answer.body)["error"], "another packctl is at work");
+    EXPECT_EQ(Parsed(answer.body)["error"], "another program is at work");
   }
   EXPECT_EQ(Act("check").status, 202);
   AwaitAction("check");

@@ -279,7 +279,7 @@ TEST_F(SideBySideTest, OfManyUpdatesAtOnceEachWorksOrSaysWhoDoes) {
     done += result.status == 0 ? 1 : 0;
     EXPECT_THAT(result.status, AnyOf(0, 3)) << result.errors;
     EXPECT_EQ(result.errors.empty(), result.status == 0);
-    EXPECT_THAT(result.errors, AnyOf("", StartsWith("packctl: another packctl is at work")));
+    EXPECT_THAT(result.errors, AnyOf("", StartsWith("packctl: another program is at work")));
   }
   EXPECT_GT(done, 0);
   ExpectWholePack();

@@ -64,16 +64,6 @@ TEST(StatusWordsTest, StatusMeaningDiffersForEachStatus) {
   EXPECT_EQ(meanings.size(), updater::kPackStatusTexts.size());
 }
 
-TEST(StatusWordsTest, IsUnderWayHoldsForDownloadsAndInstallsInProgress) {
-  std::vector<std::string> under_way;
-  for (int status = updater::kStatusLost; status <= updater::kStatusUpToDate; ++status) {
-    if (IsUnderWay(static_cast<updater::PackStatus>(status))) {
-      under_way.emplace_back(StatusText(static_cast<updater::PackStatus>(status)));
-    }
-  }
-  EXPECT_THAT(under_way, testing::ElementsAre("downloading", "installing", "downloading_installing"));
-}
-
 TEST(StatusWordsTest, PermittedCommandsFollowTheLibrarysRules) {
   EXPECT_EQ(PermittedCommands(updater::kStatusNeedDownload), "check, download, update");
   EXPECT_EQ(PermittedCommands(updater::kStatusDownloading), "check");

@@ -17,7 +17,7 @@
 #include "tests/support/process.h"
 #include "tests/support/test_root.h"
 #include "tools/packctl/commands/recovery.h"
-#include "tools/packctl/record/status_reader.h"
+#include "tools/packctl/view/recorded_status.h"
 #include "updater/pack_status_helper.h"
 
 namespace orbamira::packctl {

@@ -12,10 +12,10 @@
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
 #include "tests/support/test_root.h"
-#include "tools/packctl/commands/exclusive_lock.h"
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/web/state.h"
 #include "updater/pack_status_helper.h"
+#include "updater/update_lock.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -26,7 +26,7 @@ TEST(HolderOfTest, NamesTheProcessThatHoldsTheLock) {
   const std::string file = path::kPackctlLock;
   EXPECT_EQ(HolderOf(file), std::nullopt) << "there is no such file";
   {
-    const ExclusiveLock lock(file);
+    const updater::UpdateLock lock;
     EXPECT_EQ(HolderOf(file), getpid());
   }
   EXPECT_EQ(HolderOf(file), std::nullopt);
@@ -35,7 +35,7 @@ TEST(HolderOfTest, NamesTheProcessThatHoldsTheLock) {
 TEST(HolderOfTest, DoesNotTakeAWaiterOrAnotherLockForAHolder) {
   const std::string file = path::kPackctlLock;
   test::WriteFile(file, "");
-  const ExclusiveLock other(path::kAccountLock);
+  const store::FileLock other(path::kAccountLock);
   const UniqueFd shared(open(file.c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(flock(shared.get(), LOCK_SH), 0);
   EXPECT_EQ(HolderOf(file), std::nullopt);
@@ -169,7 +169,7 @@ TEST_F(StateReaderTest, LookShowsTheNewestTwentyEntries) {
 }
 
 TEST_F(StateReaderTest, LookTellsWhetherAnotherIsAtWork) {
-  const ExclusiveLock lock(path::kPackctlLock);
+  const updater::UpdateLock lock;
   EXPECT_TRUE(reader_.Look()["at_work"].asBool());
 }
 
@@ -238,7 +238,7 @@ TEST(WebStateTest, SeesTheEndOfSomebodysWork) {
   Console console;
   Context context{.console = console, .options = {}};
   Changes changes;
-  std::optional<ExclusiveLock> lock(path::kPackctlLock);
+  std::optional<updater::UpdateLock> lock(std::in_place);
   const WebState state(context, [&] { changes.Add(); });
   ASSERT_TRUE(changes.Await([&] { return state.Latest()["at_work"].asBool(); }));
   lock.reset();

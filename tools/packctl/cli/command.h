@@ -10,6 +10,10 @@
 #include "tools/packctl/cli/console.h"
 #include "tools/packctl/record/history.h"
 
+namespace orbamira::updater {
+class UpdateLock;
+}
+
 namespace orbamira::packctl {
 
 /// What packctl's exit status tells; scripts rely on the numbers.
@@ -17,7 +21,7 @@ enum ExitStatus : int {
   kExitDone = 0,
   kExitFailed = 1,
   kExitNothingToDo = 2,
-  kExitNotPermitted = 3,  ///< by the recorded status, or because another packctl is at work
+  kExitNotPermitted = 3,  ///< by the recorded status, or because another program is at work
   kExitUsage = 64,
 };
 
@@ -61,6 +65,7 @@ struct Options {
 struct Context {
   Console& console;
   Options options;
+  const updater::UpdateLock* lock = nullptr;  ///< held while a changing command runs
 };
 
 /// The queries: they change neither pack nor record and may run beside anything. A missing store or lock file may be

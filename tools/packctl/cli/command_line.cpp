@@ -94,7 +94,7 @@ constexpr const char* kFooter =
     "  0   done\n"
     "  1   failed; the reason is on standard error and in the system log\n"
     "  2   nothing to do\n"
-    "  3   not permitted by the recorded status, or another packctl is at work\n"
+    "  3   not permitted by the recorded status, or another program is at work\n"
     "  64  wrong usage\n"
     "\n"
     "Commands that change something exclude each other, and plugins; the others run at any time.\n"

@@ -9,8 +9,8 @@
 #include "platform/constants.h"
 #include "platform/log.h"
 #include "tools/packctl/cli/program.h"
-#include "tools/packctl/commands/exclusive_lock.h"
 #include "updater/kos_helper.h"
+#include "updater/update_lock.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -78,12 +78,12 @@ Outcome RunAlone(const Command& command, Context& context) {
 
 Outcome Run(const Command& command, Context& context) {
   try {
-    std::optional<ExclusiveLock> lock;
+    std::optional<updater::UpdateLock> lock;
     if (command.effect != Effect::kNone) {
-      lock.emplace(path::kPackctlLock);
+      context.lock = &lock.emplace();
     }
     return RunAlone(command, context);
-  } catch (const Busy& busy) {
+  } catch (const updater::Busy& busy) {
     return Refused(kExitNotPermitted, command, "busy", busy.what());
   } catch (const std::exception& error) {
     return Refused(kExitFailed, command, "failed", error.what());

@@ -10,8 +10,8 @@
 #include "tools/packctl/commands/recovery.h"
 #include "tools/packctl/commands/watched_work.h"
 #include "tools/packctl/record/asked_status_helper.h"
-#include "tools/packctl/record/status_reader.h"
 #include "tools/packctl/view/progress_view.h"
+#include "tools/packctl/view/recorded_status.h"
 #include "tools/packctl/view/status_words.h"
 #include "updater/pack_manager.h"
 

@@ -7,9 +7,9 @@
 #include "platform/posix/files.h"
 #include "tools/packctl/cli/command.h"
 #include "tools/packctl/commands/watch.h"
-#include "tools/packctl/record/status_reader.h"
 #include "tools/packctl/view/local_time.h"
 #include "tools/packctl/view/progress_text.h"
+#include "tools/packctl/view/recorded_status.h"
 #include "tools/packctl/view/status_words.h"
 #include "updater/kos_helper.h"
 #include "updater/pack_manager.h"
@@ -92,7 +92,7 @@ Outcome Status(Context& context) {
     return WatchStatus(context);
   }
   const StatusRecord record = ReadStatus();
-  return {.json = record.ToJson(), .text = StatusLines(record)};
+  return {.json = StatusJson(record), .text = StatusLines(record)};
 }
 
 Outcome Info(Context& /*context*/) {

@@ -10,9 +10,9 @@
 #include "platform/posix/files.h"
 #include "tools/packctl/cli/ending.h"
 #include "tools/packctl/record/file_watch.h"
-#include "tools/packctl/record/status_reader.h"
 #include "tools/packctl/view/json_line.h"
 #include "tools/packctl/view/progress_view.h"
+#include "tools/packctl/view/recorded_status.h"
 #include "tools/packctl/view/status_words.h"
 
 namespace orbamira::packctl {
@@ -74,7 +74,7 @@ class Watcher {
 
   void ShowRecord(const StatusRecord& record) {
     if (json_) {
-      Write(JsonLine(record.ToJson()));
+      Write(JsonLine(StatusJson(record)));
       return;
     }
     if (const std::string line = StatusLine(record); line != line_) {

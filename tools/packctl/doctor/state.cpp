@@ -14,6 +14,7 @@
 #include "tools/packctl/commands/recovery.h"
 #include "tools/packctl/doctor/checks.h"
 #include "tools/packctl/record/history.h"
+#include "tools/packctl/view/recorded_status.h"
 #include "tools/packctl/view/status_words.h"
 
 namespace orbamira::packctl {

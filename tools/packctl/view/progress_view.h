@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "tools/packctl/record/status_reader.h"
 #include "tools/packctl/view/progress_text.h"
+#include "tools/packctl/view/recorded_status.h"
 
 namespace orbamira::packctl {
 

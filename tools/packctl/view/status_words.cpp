@@ -34,11 +34,6 @@ const char* StatusMeaning(updater::PackStatus status) {
   return "the pack was up to date when last updated";
 }
 
-bool IsUnderWay(updater::PackStatus status) {
-  return status == updater::kStatusDownloading || status == updater::kStatusInstalling ||
-         status == updater::kStatusDownloadingInstalling;
-}
-
 std::string PermittedCommands(updater::PackStatus status) {
   const updater::PackStatusHelper rules(nullptr);
   std::string commands = "check";

@@ -12,9 +12,6 @@ const char* StatusText(updater::PackStatus status);
 /// What the status means, as a clause that a sentence can end with.
 const char* StatusMeaning(updater::PackStatus status);
 
-/// Whether the status says that a program is at work: it is downloading, installing or both.
-bool IsUnderWay(updater::PackStatus status);
-
 /// The commands that the status permits, as a list for a sentence: "check, update".
 std::string PermittedCommands(updater::PackStatus status);
 

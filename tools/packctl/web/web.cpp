@@ -138,7 +138,7 @@ class Site {
     if (last["running"].asBool()) {
       return "packctl " + last["command"].asString() + " is at work";
     }
-    return others ? "another packctl is at work" : "";
+    return others ? "another program is at work" : "";
   }
 
   HttpReply Act(const HttpRequest& request) {

@@ -19,7 +19,7 @@ const kResultWords = {
   done: "done",
   failed: "failed",
   not_permitted: "not permitted now",
-  busy: "another packctl is at work",
+  busy: "another program is at work",
 };
 
 let state = null;

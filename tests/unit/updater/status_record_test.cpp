@@ -1,0 +1,127 @@
+#include "updater/status_record.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <map>
+#include <stdexcept>
+
+#include "platform/constants.h"
+#include "platform/file_lock.h"
+#include "platform/key_value_store.h"
+#include "tests/support/forked.h"
+#include "tests/support/test_root.h"
+#include "updater/pack_status_helper.h"
+
+namespace orbamira::updater {
+namespace {
+
+namespace keys = webapi::param;
+
+class StatusRecordTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::filesystem::remove_all(test::Root() / "var");
+    std::filesystem::create_directories(std::filesystem::path(path::kPackStatusFile).parent_path());
+  }
+
+  static void Store(const std::map<std::string, std::string>& values) {
+    const auto store = store::FileKeyValueStore::Create(path::kPackStatusFile);
+    for (const auto& [key, value] : values) {
+      store->Set(key, value);
+    }
+  }
+};
+
+TEST_F(StatusRecordTest, ReadWithoutAStoreIsTheDefaultAndMakesNone) {
+  EXPECT_EQ(ReadStatusRecord(), StatusRecord());
+  EXPECT_FALSE(std::filesystem::exists(path::kPackStatusFile));
+}
+
+TEST_F(StatusRecordTest, ReadMakesNothingAndSetsNothingAside) {
+  std::filesystem::remove_all(test::Root() / "run");
+  EXPECT_EQ(ReadStatusRecord(), StatusRecord());
+  EXPECT_FALSE(std::filesystem::exists(test::Root() / "run"));
+  const std::string cut = R"({"status": "insta)";
+  for (const std::string& text : {cut, std::string("[]"), std::string(R"({"status": 1})"), std::string()}) {
+    test::WriteFile(path::kPackStatusFile, text);
+    EXPECT_THROW(static_cast<void>(ReadStatusRecord()), std::domain_error) << text;
+    EXPECT_EQ(test::ReadFile(path::kPackStatusFile), text);
+  }
+  std::filesystem::remove(path::kPackStatusFile);
+  std::filesystem::create_directories(path::kPackStatusFile);
+  EXPECT_THROW(static_cast<void>(ReadStatusRecord()), std::domain_error);
+  EXPECT_TRUE(std::filesystem::is_empty(path::kPackStatusFile));
+}
+
+TEST_F(StatusRecordTest, IsUnderWayTellsWorkFromTheRest) {
+  for (const PackStatus status : {kStatusDownloading, kStatusInstalling, kStatusDownloadingInstalling}) {
+    EXPECT_TRUE(IsUnderWay(status)) << kPackStatusTexts.at(static_cast<std::size_t>(status));
+  }
+  for (const PackStatus status : {kStatusLost, kStatusNeedDownload, kStatusDownloadFailed, kStatusNeedInstall,
+                                  kStatusInstallFailed, kStatusDownloadInstallFailed, kStatusUpToDate}) {
+    EXPECT_FALSE(IsUnderWay(status)) << kPackStatusTexts.at(static_cast<std::size_t>(status));
+  }
+}
+
+TEST_F(StatusRecordTest, ReadOfAnEmptyStoreIsTheDefault) {
+  Store({});
+  EXPECT_EQ(ReadStatusRecord(), StatusRecord());
+}
+
+TEST_F(StatusRecordTest, ReadGivesWhatTheLibraryRecorded) {
+  const auto helper = PackStatusHelper::Create();
+  helper->SetAsNeedInstall("2.1", "orbamira-hevc");
+  EXPECT_EQ(ReadStatusRecord(),
+            (StatusRecord{.status = kStatusNeedInstall, .new_pack_name = "orbamira-hevc", .new_version = "2.1"}));
+  helper->SetAsInstalling(kStepInstall);
+  EXPECT_EQ(ReadStatusRecord(), (StatusRecord{.status = kStatusInstalling, .install_step = "install"}));
+}
+
+TEST_F(StatusRecordTest, ReadGivesSizesInFullWidth) {
+  PackStatusHelper::Create()->SetAsDownloading(3'000'000'000, 4'000'000'000);
+  EXPECT_EQ(ReadStatusRecord(), (StatusRecord{.status = kStatusDownloading,
+                                              .download_size_now = 3'000'000'000,
+                                              .download_size_total = 4'000'000'000}));
+}
+
+TEST_F(StatusRecordTest, ReadTellsTheStepsAfterInstallAndUninstallApart) {
+  const auto helper = PackStatusHelper::Create();
+  helper->SetAsInstalling(kStepPostUninstall);
+  EXPECT_EQ(ReadStatusRecord().install_step, "post_uninstall");
+  helper->SetAsInstalling(kStepPostInstall);
+  EXPECT_EQ(ReadStatusRecord().install_step, "post_install");
+}
+
+TEST_F(StatusRecordTest, ReadThrowsForWhatCannotBeDecoded) {
+  for (const auto& [key, value] : std::map<std::string, std::string>{{keys::kStatus, "UP_TO_DATE"},
+                                                                     {keys::kInstallStep, "dance"},
+                                                                     {keys::kDownloadSizeNow, "many"},
+                                                                     {keys::kDownloadSizeTotal, ""}}) {
+    std::filesystem::remove(path::kPackStatusFile);
+    Store({{key, value}});
+    EXPECT_THROW(static_cast<void>(ReadStatusRecord()), std::domain_error) << key;
+  }
+}
+
+TEST_F(StatusRecordTest, ReadThrowsWhenTheStoreCannotBeUsed) {
+  Store({});
+  store::FileLock(std::string(path::kPackStatusLock));  // makes it
+  std::filesystem::permissions(test::Root(), std::filesystem::perms(0711));
+  std::filesystem::permissions(path::kPackStatusLock, std::filesystem::perms(0644));
+  std::filesystem::permissions(path::kPackStatusFile, std::filesystem::perms::none);
+  test::Forked user([] {
+    test::BecomeOrdinaryUser();
+    try {
+      static_cast<void>(ReadStatusRecord());
+      return 1;
+    } catch (const std::runtime_error& error) {
+      const std::string problem = std::string("cannot use the status store ") + path::kPackStatusFile;
+      return error.what() == problem + ": Permission denied" ? 0 : 2;
+    }
+  });
+  EXPECT_EQ(user.Wait(), 0);
+}
+
+}  // namespace
+}  // namespace orbamira::updater

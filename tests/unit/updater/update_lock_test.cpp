@@ -1,0 +1,116 @@
+#include "updater/update_lock.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <optional>
+#include <system_error>
+
+#include "platform/constants.h"
+#include "tests/support/forked.h"
+#include "tests/support/test_root.h"
+
+namespace orbamira::updater {
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::StrEq;
+using testing::ThrowsMessage;
+
+class UpdateLockTest : public testing::Test {
+ protected:
+  UpdateLockTest() { fs::remove_all(path_.parent_path()); }
+
+  static std::string OwnName() {
+    return std::string(program_invocation_short_name) + " (pid " + std::to_string(getpid()) + ")";
+  }
+
+  const fs::path path_ = path::kPackctlLock;
+};
+
+TEST_F(UpdateLockTest, MakesItsFileAndFolder) {
+  const UpdateLock lock;
+  struct stat about {};
+  ASSERT_EQ(stat(path_.c_str(), &about), 0);
+  EXPECT_EQ(about.st_mode & 07777, 0600U);
+}
+
+TEST_F(UpdateLockTest, WritesTheHolderIntoTheFile) {
+  test::WriteFile(path_, "a program from the past with a long name (pid 1234567890)\n");
+  const UpdateLock lock;
+  EXPECT_EQ(test::ReadFile(path_), OwnName() + "\n");
+}
+
+TEST_F(UpdateLockTest, RefusesASecondHolderAtOnceAndNamesTheFirst) {
+  const UpdateLock first;
+  EXPECT_THAT([] { const UpdateLock second; }, ThrowsMessage<Busy>(StrEq("another program is at work: " + OwnName())));
+}
+
+TEST_F(UpdateLockTest, NamesNobodyWhenTheFileDoesNot) {
+  const UpdateLock first;
+  test::WriteFile(path_, "");
+  EXPECT_THAT([] { const UpdateLock second; }, ThrowsMessage<Busy>(StrEq("another program is at work")));
+}
+
+TEST_F(UpdateLockTest, ShowsAHolderOnOneLine) {
+  const UpdateLock first;
+  test::WriteFile(path_, "a\x1b[2Jb\nsecond line\n");
+  EXPECT_THAT([] { const UpdateLock second; }, ThrowsMessage<Busy>(StrEq("another program is at work: a\\033[2Jb")));
+}
+
+TEST_F(UpdateLockTest, IsFreeAgainAfterItsHolder) {
+  { const UpdateLock first; }
+  EXPECT_NO_THROW(const UpdateLock second);
+}
+
+TEST_F(UpdateLockTest, TheNameOfAHolderThatDiedHoldsNothing) {
+  test::Forked holder([] {
+    const UpdateLock lock;
+    return raise(SIGKILL);
+  });
+  holder.Wait();
+  ASSERT_NE(test::ReadFile(path_), "");
+  const UpdateLock lock;
+  EXPECT_EQ(test::ReadFile(path_), OwnName() + "\n");
+}
+
+TEST_F(UpdateLockTest, IsNotHandedToChildPrograms) {
+  std::optional<UpdateLock> lock(std::in_place);
+  pid_t child = 0;
+  std::array<char*, 3> arguments = {const_cast<char*>("sleep"), const_cast<char*>("60"), nullptr};  // NOLINT
+  ASSERT_EQ(posix_spawnp(&child, "sleep", nullptr, nullptr, arguments.data(), environ), 0);
+  lock.reset();
+  EXPECT_NO_THROW(const UpdateLock second);
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+}
+
+TEST_F(UpdateLockTest, SaysWhyItCannotBeHad) {
+  fs::create_directories(path_);
+  EXPECT_THROW(const UpdateLock lock, std::system_error);
+  fs::remove_all(path_.parent_path());
+  test::WriteFile(path_.parent_path(), "");
+  EXPECT_THROW(const UpdateLock lock, std::system_error);
+  fs::remove(path_.parent_path());
+}
+
+TEST_F(UpdateLockTest, DoesNotFollowALinkInItsPlace) {
+  const fs::path victim = test::Root() / "victim";
+  test::WriteFile(victim, "text");
+  fs::create_directories(path_.parent_path());
+  fs::create_symlink(victim, path_);
+  EXPECT_THROW(const UpdateLock lock, std::system_error);
+  EXPECT_EQ(test::ReadFile(victim), "text");
+}
+
+}  // namespace
+}  // namespace orbamira::updater

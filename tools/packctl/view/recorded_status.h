@@ -1,0 +1,18 @@
+#pragma once
+
+#include <json/value.h>
+
+#include "updater/status_record.h"
+
+namespace orbamira::packctl {
+
+using updater::IsUnderWay;
+using updater::StatusRecord;
+
+/// The library's ReadStatusRecord(), whose std::domain_error tells the user what mends it.
+StatusRecord ReadStatus();
+
+/// The record under the keys of the status store; sizes are numbers.
+Json::Value StatusJson(const StatusRecord& record);
+
+}  // namespace orbamira::packctl
