@@ -7,7 +7,7 @@
 #include <variant>
 
 #include "tests/fuzz/fuzzing.h"
-#include "tools/packctl/http/message.h"
+#include "tools/http/message.h"
 #include "tools/packctl/web/access.h"
 
 namespace {

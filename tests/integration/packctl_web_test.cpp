@@ -24,7 +24,7 @@
 #include "platform/posix/unique_fd.h"
 #include "tests/support/appliance.h"
 #include "tests/support/test_root.h"
-#include "tools/packctl/http/server.h"
+#include "tools/http/server.h"
 #include "tools/packctl/web/state.h"
 #include "updater/pack_status_helper.h"
 #include "updater/update_lock.h"

@@ -13,6 +13,7 @@
 #include "platform/account/oidc_provider.h"
 #include "platform/constants.h"
 #include "platform/file_lock.h"
+#include "platform/json/json_line.h"
 #include "platform/orbazelo.h"
 #include "platform/posix/files.h"
 #include "tools/orba-account/error.h"
@@ -20,7 +21,6 @@
 #include "tools/orba-account/provider.h"
 #include "tools/orba-account/secrets.h"
 #include "tools/orba-account/token.h"
-#include "tools/packctl/view/json_line.h"
 #include "tools/packctl/view/local_time.h"
 
 namespace orbamira::packctl {

@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 
-#include "tools/packctl/http/message.h"
+#include "tools/http/message.h"
 
 namespace orbamira::packctl {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <iostream>
 
+#include "platform/json/json_line.h"
 #include "tools/packctl/cli/command_line.h"
-#include "tools/packctl/view/json_line.h"
 
-int main() { std::cout << orbamira::packctl::JsonLine(orbamira::packctl::DescribeCommandLine()); }
+int main() { std::cout << orbamira::JsonLine(orbamira::packctl::DescribeCommandLine()); }

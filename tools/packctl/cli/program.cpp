@@ -10,7 +10,7 @@
 #include <iostream>
 #include <system_error>
 
-#include "tools/packctl/view/json_line.h"
+#include "platform/json/json_line.h"
 
 namespace orbamira::packctl {
 namespace {

@@ -7,10 +7,10 @@
 #include <optional>
 
 #include "platform/constants.h"
+#include "platform/json/json_line.h"
 #include "platform/posix/files.h"
 #include "tools/packctl/cli/ending.h"
 #include "tools/packctl/record/file_watch.h"
-#include "tools/packctl/view/json_line.h"
 #include "tools/packctl/view/progress_view.h"
 #include "tools/packctl/view/recorded_status.h"
 #include "tools/packctl/view/status_words.h"

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/packctl/http/message.h"
+#include "tools/http/message.h"
 
 namespace orbamira::packctl {
 

@@ -10,12 +10,12 @@
 #include <utility>
 
 #include "platform/constants.h"
+#include "platform/json/json_line.h"
 #include "platform/posix/files.h"
 #include "platform/posix/unique_fd.h"
+#include "tools/http/server.h"
 #include "tools/packctl/cli/command.h"
 #include "tools/packctl/cli/ending.h"
-#include "tools/packctl/http/server.h"
-#include "tools/packctl/view/json_line.h"
 #include "tools/packctl/web/access.h"
 #include "tools/packctl/web/actions.h"
 #include "tools/packctl/web/state.h"

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "platform/posix/unique_fd.h"
-#include "tools/packctl/http/message.h"
+#include "tools/http/message.h"
 
 namespace orbamira::packctl {
 

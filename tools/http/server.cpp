@@ -1,4 +1,4 @@
-#include "tools/packctl/http/server.h"
+#include "tools/http/server.h"
 
 #include <netdb.h>
 #include <sys/socket.h>

@@ -1,9 +1,9 @@
-#include "tools/packctl/http/message.h"
+#include "tools/http/message.h"
 
 #include <algorithm>
 #include <charconv>
 
-#include "tools/packctl/view/json_line.h"
+#include "platform/json/json_line.h"
 
 namespace orbamira::packctl {
 namespace {

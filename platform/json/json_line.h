@@ -1,0 +1,18 @@
+#pragma once
+
+#include <json/value.h>
+#include <json/writer.h>
+
+#include <string>
+
+namespace orbamira {
+
+/// The value as JSON on one line, its end included.
+inline std::string JsonLine(const Json::Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["emitUTF8"] = true;
+  return Json::writeString(builder, value) + "\n";
+}
+
+}  // namespace orbamira
