@@ -25,6 +25,7 @@
 #include "tools/orba-archive/archive_writer.h"
 #include "tools/orba-archive/extractor.h"
 #include "tools/orba-archive/layer.h"
+#include "tools/orba-archive/own_folder.h"
 #include "tools/orba-archive/package.h"
 
 namespace {
@@ -42,7 +43,9 @@ constexpr const char* kUsage =
     "       orba-archive -cf ARCHIVE [-C DIR] MEMBER...\n"
     "Unpack, list, verify or create a package archive; called as orba-tar, its payload.\n"
     "\n"
-    "  -x             unpack into DIR, where no existing file is overwritten\n"
+    "  -x             unpack into DIR, where no existing file is overwritten; a folder of\n"
+    "                 the updater's own, for the download or for unpacking, is emptied\n"
+    "                 first, but for ARCHIVE and what came out of a package with it\n"
     "  -t             list the members, one a line\n"
     "  -c             create ARCHIVE from members of DIR; the same members give the\n"
     "                 same bytes, dated SOURCE_DATE_EPOCH or 1970\n"
@@ -189,6 +192,7 @@ void Unpack(const Options& options, Layer layer) {
   const UniqueFd file = OpenArchive(options.archive);
   const uint64_t limit = options.limit ? *options.limit : LimitFromSettings();
   umask(0);
+  ClearOwnFolder(folder.get(), file.get(), layer);
   if (layer == Layer::kPackage) {
     UnpackPackage(file.get(), folder.get(), limit, Keyring());
     return;

@@ -423,6 +423,63 @@ TEST_F(OrbaArchiveTest, UnpacksAllOfAPackageOrNothing) {
   EXPECT_EQ(Snapshot(out_), before);
 }
 
+// What an install that failed has left used to be in the way of every later one.
+TEST_F(OrbaArchiveTest, EmptiesTheTemporaryFolderOfAPackFirst) {
+  const fs::path unpacked = Root() / "var/lib/orbamira/packages/.codec-pack.unpacked";
+  WriteFile(unpacked / "INFO", "left");
+  WriteFile(unpacked / "lib/planted.so", "planted");
+  fs::create_symlink(folder_.path(), unpacked / "link");
+  WriteFile(archive_, Tar().File("INFO").File("package.tgz", Gzip(Tar().File("lib/codec.so").Bytes())).Bytes());
+  ProcessResult result = Run(Program::kArchive, {"-xf", archive_, "-C", unpacked});
+  EXPECT_TRUE(result.Exited(0)) << result;
+  result = Run(Program::kTar, {"-xf", unpacked / "package.tgz", "-C", unpacked});
+  EXPECT_TRUE(result.Exited(0)) << result;
+  std::vector<std::string> names;
+  for (const auto& [name, about] : Snapshot(unpacked)) {
+    names.push_back(fs::relative(name, unpacked));
+  }
+  EXPECT_THAT(names, ElementsAre("INFO", "lib", "lib/codec.so", "package.tgz"));
+  EXPECT_EQ(ReadFile(unpacked / "INFO"), "data");
+  EXPECT_EQ(ReadFile(folder_.path() / "canary"), "alive");
+
+  // A payload from elsewhere: what is there did not come with it.
+  WriteFile(archive_, Gzip(Tar().File("lib/codec.so").Bytes()));
+  WriteFile(unpacked / "lib/planted.so", "planted");
+  result = Run(Program::kTar, {"-xf", archive_, "-C", unpacked});
+  EXPECT_TRUE(result.Exited(0)) << result;
+  EXPECT_EQ(Snapshot(unpacked).size(), 2U);
+  fs::remove_all(Root() / "var");
+}
+
+TEST_F(OrbaArchiveTest, EmptiesTheDownloadFolderButForThePackage) {
+  const fs::path download = Root() / "var/cache/orbamira/download";
+  const fs::path package = download / "codec-pack.opk";
+  WriteFile(package, Tar().File("INFO").File("package.tgz", Gzip(Tar().File("f").Bytes())).Bytes());
+  WriteFile(download / "package.tgz", "planted");
+  WriteFile(download / "folder/file", "left");
+  for (int run = 0; run < 2; ++run) {
+    const ProcessResult result = Run(Program::kArchive, {"-xf", package, "-C", download});
+    EXPECT_TRUE(result.Exited(0)) << result;
+    EXPECT_EQ(Snapshot(download).size(), 3U);
+    EXPECT_EQ(ReadFile(download / "package.tgz"), Gzip(Tar().File("f").Bytes()));
+  }
+  fs::remove_all(Root() / "var");
+}
+
+TEST_F(OrbaArchiveTest, EmptiesNoFolderButTheUpdatersOwn) {
+  const fs::path packages = Root() / "var/lib/orbamira/packages";
+  fs::create_directories(packages);
+  WriteFile(out_ / "mine", "kept");
+  EXPECT_TRUE(Unpack(Program::kArchive, Tar().File("INFO").Bytes()).Exited(0));
+  EXPECT_EQ(ReadFile(out_ / "mine"), "kept");
+  fs::create_directory_symlink(out_, packages / ".codec-pack.unpacked");
+  const ProcessResult result = Run(Program::kArchive, {"-xf", archive_, "-C", packages / ".codec-pack.unpacked"});
+  EXPECT_TRUE(result.Exited(1)) << result;
+  EXPECT_THAT(result.err, HasSubstr("INFO: File exists"));
+  EXPECT_EQ(ReadFile(out_ / "mine"), "kept");
+  fs::remove_all(Root() / "var");
+}
+
 // Bounds.
 
 TEST_F(OrbaArchiveTest, BoundsWhatAPackageTakesOfMemory) {
