@@ -1,7 +1,9 @@
 #include "updater/pack_handler.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <system_error>
 #include <utility>
 
 #include "platform/constants.h"
@@ -157,6 +159,9 @@ bool PackHandler::CreateDownloadDirectory() const {
     ORBAMIRA_LOG_INFO("Failed to create download directory %s", directory.c_str());
     return false;
   }
+  // What is downloaded is nobody else's to read or change before it is judged. Best effort: the file has its own mode.
+  std::error_code ignored;
+  std::filesystem::permissions(directory, std::filesystem::perms::owner_all, ignored);
   return true;
 }
 

@@ -39,9 +39,18 @@ BodyFile::BodyFile(std::ofstream& stream) : stream_(stream) {
     ThrowErrno("cannot tell the position in the file");
   }
   piece_.reserve(kPieceSize);
+  MakePrivate();
 }
 
 BodyFile::~BodyFile() { static_cast<void>(WriteOut()); }
+
+// The stream has made the file with what the host's umask leaves of 0666. A device keeps its mode.
+void BodyFile::MakePrivate() {
+  struct stat file {};
+  if (fstat(Descriptor(), &file) == 0 && S_ISREG(file.st_mode)) {
+    static_cast<void>(fchmod(Descriptor(), S_IRUSR | S_IWUSR));
+  }
+}
 
 // Only a regular file takes up room, and not every file system knows how much it has.
 void BodyFile::ExpectRoomFor(std::int64_t size) {

@@ -12,7 +12,8 @@ namespace orbamira::wrapper {
 /// dropped at once: on a full disk others need its room, the record of the failure first of all.
 class BodyFile {
  public:
-  /// The body begins where the stream stands. Fails when the stream is not open.
+  /// The body begins where the stream stands. A regular file is its owner's alone from then on, mode 0600, whatever the
+  /// process's umask. Fails when the stream is not open.
   explicit BodyFile(std::ofstream& stream);
 
   /// Leaves with the stream what was added and not flushed.
@@ -38,6 +39,7 @@ class BodyFile {
 
  private:
   [[nodiscard]] int Descriptor() const;
+  void MakePrivate();
   [[nodiscard]] bool WriteOut();
   [[noreturn]] void DropAndThrow(const std::string& what);
 

@@ -340,6 +340,64 @@ TEST_F(UpdateFlowTest, AnInstallThatFailsKeepsThePackageAndItsName) {
   EXPECT_EQ(Appliance::StatusRecord(), RecordOf("up_to_date"));
 }
 
+// An install that could not remove it used to be in the way of every later one, which had moved the old pack aside by
+// then. What somebody else put there must not become a part of the pack.
+TEST_F(UpdateFlowTest, AnInstallOverALeftTemporaryFolderHoldsOnlyThePack) {
+  const fs::path left = path::kTempPackFolderPath;
+  WriteFile(left / "INFO", "version=\"0.9\"\n");
+  WriteFile(left / "codec", "left");
+  WriteFile(left / "lib/planted.so", "planted");
+  appliance_.Publish("1.0", "one");
+  EXPECT_TRUE(manager_->DownloadAndInstall());
+  EXPECT_EQ(Appliance::InstalledPayload(), "one");
+  EXPECT_FALSE(fs::exists(fs::path(path::kPackFolderPath) / "lib"));
+  EXPECT_THAT(LeftBesideThePack(), IsEmpty());
+}
+
+TEST_F(UpdateFlowTest, APackageThatWasOnlyUnpackedCanBeUnpackedAgainAndInstalled) {
+  InstallFirst("1.0", "one");
+  appliance_.Publish("2.0", "two");
+  ASSERT_TRUE(manager_->CheckNewPack());
+  ASSERT_TRUE(manager_->Download());
+  const std::unique_ptr<IPackHandler> made = PackHandler::Create();
+  const auto* handler = dynamic_cast<PackHandler*>(made.get());
+  ASSERT_NE(handler, nullptr);
+  WriteFile(fs::path(path::kTempPackFolderPath) / "lib/planted.so", "planted");
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_TRUE(handler->ExtractOpk(path::kDownloadedOpkPath));
+    EXPECT_EQ(test::ReadFile(fs::path(path::kTempPackFolderPath) / "codec"), "two");
+    EXPECT_FALSE(fs::exists(fs::path(path::kTempPackFolderPath) / "lib"));
+  }
+  EXPECT_TRUE(manager_->Install());
+  EXPECT_EQ(Appliance::InstalledPayload(), "two");
+  EXPECT_THAT(LeftBesideThePack(), IsEmpty());
+}
+
+// Under a host with umask 0 everybody could write to the package.
+TEST_F(UpdateFlowTest, ModesDoNotDependOnTheUmask) {
+  const auto mode = [](const fs::path& entry) { return static_cast<unsigned>(fs::status(entry).permissions()); };
+  const mode_t before = umask(0);
+  for (const mode_t mask : {0U, 002U, 077U}) {
+    umask(mask);
+    fs::remove_all(fs::path(kDownloadFolder).parent_path());
+    fs::remove_all(kTargetFolder);
+    appliance_.Publish(std::to_string(mask + 1), "one");
+    ASSERT_TRUE(manager_->CheckNewPack());
+    ASSERT_TRUE(manager_->Download());
+    EXPECT_EQ(mode(kDownloadFolder), 0700U);
+    EXPECT_EQ(mode(path::kDownloadedOpkPath), 0600U);
+    EXPECT_TRUE(manager_->Install());
+    EXPECT_EQ(mode(kTargetFolder), 0755U);
+    EXPECT_EQ(mode(path::kPackFolderPath), 0755U);
+    for (const auto& entry : fs::recursive_directory_iterator(path::kPackFolderPath)) {
+      EXPECT_EQ(mode(entry) & 0022U, 0U) << entry.path();
+      EXPECT_EQ(mode(entry) & 0444U, 0444U) << entry.path();
+    }
+    EXPECT_EQ(mode(path::kPackStatusFile), 0644U);
+  }
+  umask(before);
+}
+
 // Verified, and yet no pack: what the publisher signed off as such.
 TEST_F(UpdateFlowTest, APackageThatIsNoneLeavesTheOldPackAtTheBackup) {
   InstallFirst("1.0", "one");

@@ -158,6 +158,16 @@ TEST_F(PackHandlerTest, CreateDownloadDirectorySucceedsFromZeroUp) {
   EXPECT_THAT(LogCapture::Lines(), IsEmpty());
 }
 
+// Whoever could write to the download could change a package between its check and its unpacking.
+TEST_F(PackHandlerTest, CreateDownloadDirectoryClosesItToOthersAlsoWhenItWasThereBefore) {
+  fs::create_directories(kDownloadFolder);
+  fs::permissions(kDownloadFolder, fs::perms(0777));
+  EXPECT_CALL(*sdk_, MakeDirectory(kDownloadFolder)).WillOnce(Return(0));
+  EXPECT_TRUE(handler_.CreateDownloadDirectory());
+  EXPECT_EQ(fs::status(kDownloadFolder).permissions(), fs::perms(0700));
+  fs::remove_all(kDownloadFolder);
+}
+
 TEST_F(PackHandlerTest, CreateDownloadDirectoryFailsBelowZero) {
   EXPECT_CALL(*sdk_, MakeDirectory(kDownloadFolder)).WillOnce(Return(-1));
   EXPECT_FALSE(handler_.CreateDownloadDirectory());
