@@ -7,13 +7,13 @@
 #include "platform/posix/files.h"
 #include "tools/packctl/cli/command.h"
 #include "tools/packctl/commands/checking_pack_handler.h"
-#include "tools/packctl/commands/recovery.h"
 #include "tools/packctl/commands/watched_work.h"
 #include "tools/packctl/record/asked_status_helper.h"
 #include "tools/packctl/view/progress_view.h"
 #include "tools/packctl/view/recorded_status.h"
 #include "tools/packctl/view/status_words.h"
 #include "updater/pack_manager.h"
+#include "updater/recovery.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -23,7 +23,7 @@ namespace {
 struct Updater {
   std::shared_ptr<AskedStatusHelper> status;
   std::shared_ptr<CheckingPackHandler> handler;
-  std::unique_ptr<updater::IPackManager> manager;
+  std::unique_ptr<updater::PackManager> manager;
 };
 
 Updater MakeUpdater() {
@@ -89,8 +89,8 @@ Outcome Failed(const char* command, const char* noun) {
 }
 
 /// A change that failed after it had begun: puts in order what it left, and says where that leaves the machine.
-Outcome FailedChange(const char* command, const char* noun) {
-  Recover();
+Outcome FailedChange(const Context& context, const char* command, const char* noun) {
+  updater::Recover(*context.lock);
   return Failed(command, noun);
 }
 
@@ -128,16 +128,14 @@ Outcome RunFlow(Context& context, const Flow& flow) {
     return NotPermitted(flow.command, flow.noun, *status);
   }
   if (!done) {
-    return updater.status->permitted() ? FailedChange(flow.command, flow.noun) : Failed(flow.command, flow.noun);
+    return updater.status->permitted() ? FailedChange(context, flow.command, flow.noun)
+                                       : Failed(flow.command, flow.noun);
   }
-  // The library counts a copy as done whatever exit status its program gave.
-  if (flow.installs && !updater.manager->CheckPackExists()) {
-    updater.status->SetAsDownloadInstallFailed();
-    Outcome outcome = FailedChange(flow.command, flow.noun);
-    outcome.problems.insert(outcome.problems.begin(), "the new pack did not get into place");
-    return outcome;
+  if (!flow.installs) {
+    updater::EndRemovals(*context.lock);
+  } else if (!updater::ConfirmInstall(*context.lock, *updater.status)) {
+    return FailedChange(context, flow.command, flow.noun);
   }
-  EndRemovals();  // to the library a removal is done whatever exit status its program gave
   Outcome outcome = AnswerWithStatus(kExitDone, flow.command, "done");
   outcome.text = flow.success;
   outcome.changed = true;
@@ -204,7 +202,7 @@ Outcome Update(Context& context) {
                            "The new pack is downloaded and installed.\n", true});
 }
 
-Outcome Remove(Context& /*context*/) {
+Outcome Remove(Context& context) {
   if (const updater::PackStatus status = ReadStatus().status; IsUnderWay(status)) {
     return NotPermitted("remove", "removal", status);
   }
@@ -215,7 +213,7 @@ Outcome Remove(Context& /*context*/) {
   }
   const Updater updater = MakeUpdater();
   if (!updater.manager->RemovePack()) {
-    return FailedChange("remove", "removal");
+    return FailedChange(context, "remove", "removal");
   }
   Outcome outcome = AnswerWithStatus(kExitDone, "remove", "done");
   outcome.changed = true;
@@ -223,8 +221,8 @@ Outcome Remove(Context& /*context*/) {
   return outcome;
 }
 
-Outcome RunRecovery(Context& /*context*/) {
-  const RecoveryReport report = Recover();
+Outcome RunRecovery(Context& context) {
+  const updater::RecoveryReport report = updater::Recover(*context.lock);
   const bool whole = report.failed.empty();
   Outcome outcome = AnswerWithStatus(whole ? kExitDone : kExitFailed, "recover", whole ? "done" : "failed");
   outcome.changed = !report.done.empty();

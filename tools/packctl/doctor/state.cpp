@@ -11,11 +11,11 @@
 
 #include "platform/constants.h"
 #include "platform/posix/unique_fd.h"
-#include "tools/packctl/commands/recovery.h"
 #include "tools/packctl/doctor/checks.h"
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/view/recorded_status.h"
 #include "tools/packctl/view/status_words.h"
+#include "updater/recovery.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -148,8 +148,8 @@ Findings CheckState() {
   Findings findings;
   CheckStatusStore(findings);
   CheckPack(findings);
-  for (const fs::path& leftover : FindLeftovers()) {
-    findings.push_back({kState, leftover.string() + " was left behind", kRecover});
+  for (const std::string& leftover : updater::FindLeftovers()) {
+    findings.push_back({kState, leftover + " was left behind", kRecover});
   }
   CheckRequirements(findings);
   CheckHistory(findings);

@@ -1,3 +1,5 @@
+#include "updater/recovery.h"
+
 #include <gmock/gmock.h>
 #include <sys/file.h>
 #include <sys/syscall.h>
@@ -16,11 +18,11 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"
 #include "tests/support/test_root.h"
-#include "tools/packctl/commands/recovery.h"
-#include "tools/packctl/view/recorded_status.h"
 #include "updater/pack_status_helper.h"
+#include "updater/status_record.h"
+#include "updater/update_lock.h"
 
-namespace orbamira::packctl {
+namespace orbamira::updater {
 namespace {
 
 namespace fs = std::filesystem;
@@ -35,6 +37,8 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
+
+RecoveryReport Recovered() { return Recover(UpdateLock()); }
 
 class RecoveryTest : public testing::Test {
  protected:
@@ -53,9 +57,9 @@ class RecoveryTest : public testing::Test {
 
   static std::string PackVersion() { return ReadFile(fs::path(path::kPackFolderPath) / "lib/codec.so"); }
 
-  static std::unique_ptr<updater::IPackStatusHelper> Status() { return updater::PackStatusHelper::Create(); }
+  static std::unique_ptr<IPackStatusHelper> Status() { return PackStatusHelper::Create(); }
 
-  static updater::PackStatus Recorded() { return Status()->GetPackStatus(); }
+  static PackStatus Recorded() { return Status()->GetPackStatus(); }
 
   // Every path below the root, so that a test sees everything that is left.
   static std::set<std::string> Left(const fs::path& folder) {
@@ -67,7 +71,7 @@ class RecoveryTest : public testing::Test {
   }
 
   static void ExpectNothingLeftToDo() {
-    const RecoveryReport again = Recover();
+    const RecoveryReport again = Recovered();
     EXPECT_THAT(again.done, IsEmpty());
     EXPECT_THAT(again.failed, IsEmpty());
   }
@@ -75,10 +79,10 @@ class RecoveryTest : public testing::Test {
 
 TEST_F(RecoveryTest, RecoverOnAnEmptySystemMakesTheFoldersAndFindsNothingElse) {
   fs::remove_all(fs::path(path::kPackStatusFile).parent_path());
-  const RecoveryReport report = Recover();
+  const RecoveryReport report = Recovered();
   EXPECT_THAT(report.done, ElementsAre(std::string("made the missing folder ") + kTargetFolder));
   EXPECT_THAT(report.failed, IsEmpty());
-  EXPECT_EQ(Recorded(), updater::kStatusLost);
+  EXPECT_EQ(Recorded(), kStatusLost);
   ExpectNothingLeftToDo();
 }
 
@@ -89,12 +93,13 @@ TEST_F(RecoveryTest, RecoverLeavesASystemInOrderAlone) {
   ExpectNothingLeftToDo();
   EXPECT_EQ(PackVersion(), "1");
   EXPECT_EQ(ReadFile(path::kAccountFile), "{}");
-  EXPECT_EQ(Recorded(), updater::kStatusUpToDate);
+  EXPECT_EQ(Recorded(), kStatusUpToDate);
 }
 
 TEST_F(RecoveryTest, RecoverBringsTheBackupBackWithoutAPack) {
+  Status()->SetAsUpToDate();
   MakePack(path::kBackupPackFolderPath, "1");
-  const RecoveryReport report = Recover();
+  const RecoveryReport report = Recovered();
   EXPECT_THAT(report.done, ElementsAre(std::string("brought the previous pack back to ") + path::kPackFolderPath));
   EXPECT_EQ(PackVersion(), "1");
   EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
@@ -104,7 +109,7 @@ TEST_F(RecoveryTest, RecoverBringsTheBackupBackWithoutAPack) {
 TEST_F(RecoveryTest, RecoverRemovesTheBackupBesideANewPack) {
   MakePack(path::kPackFolderPath, "2");
   MakePack(path::kBackupPackFolderPath, "1");
-  Recover();
+  Recovered();
   EXPECT_EQ(PackVersion(), "2");
   EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
   ExpectNothingLeftToDo();
@@ -112,7 +117,7 @@ TEST_F(RecoveryTest, RecoverRemovesTheBackupBesideANewPack) {
 
 TEST_F(RecoveryTest, RecoverClearsTheRestOfARemovalThatWasCutShort) {
   WriteFile(fs::path(path::kPackFolderPath) / "lib/codec.so", "1");
-  Recover();
+  Recovered();
   EXPECT_FALSE(fs::exists(path::kPackFolderPath));
   ExpectNothingLeftToDo();
 }
@@ -120,14 +125,14 @@ TEST_F(RecoveryTest, RecoverClearsTheRestOfARemovalThatWasCutShort) {
 TEST_F(RecoveryTest, RecoverPrefersTheBackupToTheRestOfAPack) {
   WriteFile(fs::path(path::kPackFolderPath) / "lib/codec.so", "2");
   MakePack(path::kBackupPackFolderPath, "1");
-  Recover();
+  Recovered();
   EXPECT_EQ(PackVersion(), "1");
   ExpectNothingLeftToDo();
 }
 
 TEST_F(RecoveryTest, RecoverDoesNotBringTheRestOfABackupBack) {
   WriteFile(fs::path(path::kBackupPackFolderPath) / "lib/codec.so", "1");
-  Recover();
+  Recovered();
   EXPECT_FALSE(fs::exists(path::kPackFolderPath));
   EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
 }
@@ -139,6 +144,7 @@ TEST_F(RecoveryTest, RecoverKeepsAPackThatIsALinkToAPlaceNotMountedYet) {
 }
 
 TEST_F(RecoveryTest, RecoverRemovesTemporaryAndHalfBuiltFolders) {
+  Status()->SetAsUpToDate();
   MakePack(path::kPackFolderPath, "1");
   MakePack(path::kTempPackFolderPath, "2");
   MakePack(fs::path(kTargetFolder) / ".codec-pack.partial.x7Yz01", "2");
@@ -146,14 +152,15 @@ TEST_F(RecoveryTest, RecoverRemovesTemporaryAndHalfBuiltFolders) {
   MakePack(fs::path(kTargetFolder) / ".codec-pack.partial.2", "2");
   MakePack(fs::path(kTargetFolder) / ".other-pack.partial.2", "2");
   MakePack(fs::path(kTargetFolder) / "other-pack", "2");
-  EXPECT_THAT(Recover().done, ElementsAre(std::string("removed the unpacked pack ") + path::kTempPackFolderPath,
-                                          HasSubstr(".codec-pack.partial.2"), HasSubstr(".codec-pack.partial.A"),
-                                          HasSubstr(".codec-pack.partial.x7Yz01")));
+  EXPECT_THAT(Recovered().done, ElementsAre(std::string("removed the unpacked pack ") + path::kTempPackFolderPath,
+                                            HasSubstr(".codec-pack.partial.2"), HasSubstr(".codec-pack.partial.A"),
+                                            HasSubstr(".codec-pack.partial.x7Yz01")));
   EXPECT_THAT(Left(kTargetFolder), ElementsAre(".other-pack.partial.2", "codec-pack", "other-pack"));
   ExpectNothingLeftToDo();
 }
 
 TEST_F(RecoveryTest, RecoverEndsRemovalsThatWereCut) {
+  Status()->SetAsUpToDate();
   const fs::path cache = fs::path(kDownloadFolder).parent_path();
   MakePack(path::kPackFolderPath, "1");
   MakePack(fs::path(kTargetFolder) / ".removed.aZ09xy" / ".codec-pack.backup", "0");
@@ -161,7 +168,7 @@ TEST_F(RecoveryTest, RecoverEndsRemovalsThatWereCut) {
   MakePack(fs::path(kTargetFolder) / "removed.aZ09xy", "0");
   WriteFile(cache / ".removed.aZ09xy" / "download" / "pack.opk", "package");
   const std::string rest = "removed the rest of a removal ";
-  EXPECT_THAT(Recover().done,
+  EXPECT_THAT(Recovered().done,
               ElementsAre(rest + kTargetFolder + "/.removed.aZ09xy", rest + (cache / ".removed.aZ09xy").string()));
   EXPECT_THAT(Left(kTargetFolder), ElementsAre(".removed.aZ09x", "codec-pack", "removed.aZ09xy"));
   EXPECT_THAT(Left(cache), IsEmpty());
@@ -174,11 +181,11 @@ TEST_F(RecoveryTest, ARecoveryThatIsCutLeavesNoPartOfABackup) {
   MakePack(path::kBackupPackFolderPath, "1");
   test::Forked cut([] {
     test::FailSystemCall(SYS_unlinkat, EIO);
-    return Recover().failed.empty() ? 0 : 1;
+    return Recovered().failed.empty() ? 0 : 1;
   });
   EXPECT_EQ(cut.Wait(), 1);
   EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
-  Recover();
+  Recovered();
   EXPECT_THAT(Left(kTargetFolder), ElementsAre("codec-pack"));
 }
 
@@ -186,7 +193,7 @@ TEST_F(RecoveryTest, RecoverRemovesALinkWithoutWhatItPointsTo) {
   MakePack(test::Root() / "elsewhere", "1");
   fs::create_symlink(test::Root() / "elsewhere", path::kTempPackFolderPath);
   fs::create_symlink(test::Root() / "elsewhere", fs::path(kTargetFolder) / ".codec-pack.partial.1");
-  Recover();
+  Recovered();
   EXPECT_THAT(Left(kTargetFolder), IsEmpty());
   EXPECT_TRUE(fs::exists(test::Root() / "elsewhere/INFO"));
 }
@@ -202,7 +209,7 @@ TEST_F(RecoveryTest, RecoverRemovesTheTemporaryFilesOfStoreAndAccount) {
     WriteFile(file + ".a-b_cd", "kept");
     WriteFile(file + "x.aZ09xy", "kept");
   }
-  const RecoveryReport report = Recover();
+  const RecoveryReport report = Recovered();
   EXPECT_THAT(report.done, ElementsAre("removed the temporary file " + store + ".aZ09xy",
                                        "removed the temporary file " + account + ".aZ09xy"));
   for (const std::string& file : {store, account}) {
@@ -218,16 +225,16 @@ TEST_F(RecoveryTest, RecoverRemovesThePluginsOldAnswerAndItsTemporaryFiles) {
   WriteFile(answer, "[]");
   WriteFile(answer.parent_path() / ("." + answer.filename().string() + ".k3_x9abc"), "[");
   WriteFile(answer.parent_path() / "other", "");
-  EXPECT_THAT(Recover().done, SizeIs(2));
+  EXPECT_THAT(Recovered().done, SizeIs(2));
   EXPECT_THAT(Left(answer.parent_path()), ElementsAre("lock", "other"));
   ExpectNothingLeftToDo();
 }
 
 struct StatusCase {
   const char* name;
-  std::function<void(const updater::IPackStatusHelper&)> record;
+  std::function<void(const IPackStatusHelper&)> record;
   bool has_package;
-  updater::PackStatus expected;
+  PackStatus expected;
   bool keeps_download;
 };
 
@@ -238,88 +245,138 @@ class RecoveryStatusTest : public RecoveryTest, public testing::WithParamInterfa
 TEST_P(RecoveryStatusTest, RecoverMendsTheStatusAndClearsTheDownload) {
   const StatusCase& param = GetParam();
   param.record(*Status());
-  const StatusRecord before = ReadStatus();
+  const StatusRecord before = ReadStatusRecord();
   WriteFile(fs::path(kDownloadFolder) / "other", "");
   if (param.has_package) {
     WriteFile(path::kDownloadedOpkPath, "package");
   }
-  const RecoveryReport report = Recover();
+  const RecoveryReport report = Recovered();
   EXPECT_THAT(report.failed, IsEmpty());
   EXPECT_EQ(Recorded(), param.expected);
   EXPECT_EQ(fs::exists(kDownloadFolder), param.keeps_download);
   if (before.status == param.expected) {
-    EXPECT_EQ(ReadStatus(), before);
+    EXPECT_EQ(ReadStatusRecord(), before);
   } else {
     EXPECT_THAT(report.done, Contains(HasSubstr("changed the recorded status from ")));
   }
   ExpectNothingLeftToDo();
 }
 
-using Helper = updater::IPackStatusHelper;
+using Helper = IPackStatusHelper;
 
 INSTANTIATE_TEST_SUITE_P(
     AllStatuses, RecoveryStatusTest,
-    testing::Values(StatusCase{"Lost", [](const Helper&) {}, true, updater::kStatusLost, false},
+    testing::Values(StatusCase{"Lost", [](const Helper&) {}, true, kStatusLost, false},
                     StatusCase{"NeedDownload", [](const Helper& h) { h.SetAsNeedDownload("2"); }, true,
-                               updater::kStatusNeedDownload, false},
+                               kStatusNeedDownload, false},
                     StatusCase{"Downloading", [](const Helper& h) { h.SetAsDownloading(1, 2); }, true,
-                               updater::kStatusDownloadFailed, false},
+                               kStatusDownloadFailed, false},
                     StatusCase{"DownloadFailed", [](const Helper& h) { h.SetAsDownloadFailed(); }, true,
-                               updater::kStatusDownloadFailed, false},
+                               kStatusDownloadFailed, false},
                     StatusCase{"NeedInstall", [](const Helper& h) { h.SetAsNeedInstall("2", "n"); }, true,
-                               updater::kStatusNeedInstall, true},
+                               kStatusNeedInstall, true},
                     StatusCase{"NeedInstallWithoutPackage", [](const Helper& h) { h.SetAsNeedInstall("2", "n"); },
-                               false, updater::kStatusDownloadInstallFailed, false},
-                    StatusCase{"Installing", [](const Helper& h) { h.SetAsInstalling(updater::kStepInstall); }, true,
-                               updater::kStatusDownloadInstallFailed, false},
+                               false, kStatusDownloadInstallFailed, false},
+                    StatusCase{"Installing", [](const Helper& h) { h.SetAsInstalling(kStepInstall); }, true,
+                               kStatusDownloadInstallFailed, false},
                     StatusCase{"InstallFailed", [](const Helper& h) { h.SetAsInstallFailed("2", "n"); }, true,
-                               updater::kStatusInstallFailed, true},
+                               kStatusInstallFailed, true},
                     StatusCase{"InstallFailedWithoutPackage", [](const Helper& h) { h.SetAsInstallFailed("2", "n"); },
-                               false, updater::kStatusDownloadInstallFailed, false},
+                               false, kStatusDownloadInstallFailed, false},
                     StatusCase{"DownloadingInstalling", [](const Helper& h) { h.SetAsDownloadInstalling(1, 2); }, true,
-                               updater::kStatusDownloadInstallFailed, false},
+                               kStatusDownloadInstallFailed, false},
                     StatusCase{"DownloadInstallFailed", [](const Helper& h) { h.SetAsDownloadInstallFailed(); }, true,
-                               updater::kStatusDownloadInstallFailed, false},
-                    StatusCase{"UpToDate", [](const Helper& h) { h.SetAsUpToDate(); }, true, updater::kStatusUpToDate,
-                               false}),
+                               kStatusDownloadInstallFailed, false},
+                    StatusCase{"UpToDate", [](const Helper& h) { h.SetAsUpToDate(); }, true, kStatusUpToDate, false}),
     [](const auto& param) { return std::string(param.param.name); });
+
+TEST_F(RecoveryTest, RecoverTakesAPackWithoutARecordForUpToDate) {
+  MakePack(path::kPackFolderPath, "1");
+  EXPECT_THAT(Recovered().done, ElementsAre("changed the recorded status from lost to up_to_date"));
+  EXPECT_EQ(Recorded(), kStatusUpToDate);
+  ExpectNothingLeftToDo();
+}
+
+// The record was cut while the update was midway.
+TEST_F(RecoveryTest, RecoverTakesABackupWithoutARecordForAFailure) {
+  MakePack(path::kBackupPackFolderPath, "1");
+  Recovered();
+  EXPECT_EQ(Recorded(), kStatusDownloadInstallFailed);
+  EXPECT_EQ(PackVersion(), "1");
+  ExpectNothingLeftToDo();
+}
+
+TEST_F(RecoveryTest, RecoverEndsAnUpdateOfWhichOnlyTheLastRecordIsMissing) {
+  MakePack(path::kPackFolderPath, "2");
+  for (const auto& record :
+       {std::function<void(InstallStep)>([](InstallStep step) { Status()->SetAsInstalling(step); }),
+        std::function<void(InstallStep)>([](InstallStep step) { Status()->SetAsDownloadInstalling(step); })}) {
+    record(kStepPostInstall);
+    Recovered();
+    EXPECT_EQ(Recorded(), kStatusUpToDate);
+    record(kStepInstall);  // not all plugins may have been told
+    Recovered();
+    EXPECT_EQ(Recorded(), kStatusDownloadInstallFailed);
+    record(kStepPostUninstall);  // in the library's own words the same step
+    Recovered();
+    EXPECT_EQ(Recorded(), kStatusDownloadInstallFailed);
+  }
+  fs::remove_all(path::kPackFolderPath);
+  Status()->SetAsInstalling(kStepPostInstall);
+  Recovered();
+  EXPECT_EQ(Recorded(), kStatusDownloadInstallFailed);
+}
+
+TEST_F(RecoveryTest, ConfirmInstallBelievesThePackAlone) {
+  const UpdateLock lock;
+  Status()->SetAsUpToDate();
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(fs::path(kTargetFolder) / ".removed.aZ09xy", "1");
+  EXPECT_TRUE(ConfirmInstall(lock, *Status()));
+  EXPECT_EQ(Recorded(), kStatusUpToDate);
+  EXPECT_THAT(Left(kTargetFolder), ElementsAre("codec-pack"));
+  fs::remove_all(path::kPackFolderPath);
+  EXPECT_FALSE(ConfirmInstall(lock, *Status()));
+  EXPECT_EQ(Recorded(), kStatusDownloadInstallFailed);
+}
 
 TEST_F(RecoveryTest, RecoverReplacesAStatusThatCannotBeDecoded) {
   store::FileKeyValueStore::Create(path::kPackStatusFile)->Set(webapi::param::kStatus, "dancing");
-  const RecoveryReport report = Recover();
+  const RecoveryReport report = Recovered();
   EXPECT_THAT(report.done,
               ElementsAre("changed the recorded status from an unreadable text to download_install_failed"));
   EXPECT_THAT(LogCapture::Lines(),
-              ElementsAre(ErrorLine("recovery.cpp", "Recovery: the recorded status cannot be read: _Map_base::at"),
+              ElementsAre(ErrorLine("recovery.cpp", "Recovery: the recorded status cannot be read"),
                           InfoLine("recovery.cpp", "Recovery: " + report.done[0])));
-  EXPECT_EQ(Recorded(), updater::kStatusDownloadInstallFailed);
+  EXPECT_EQ(Recorded(), kStatusDownloadInstallFailed);
   ExpectNothingLeftToDo();
 }
 
 TEST_F(RecoveryTest, RecoverReplacesASizeThatCannotBeDecoded) {
   store::FileKeyValueStore::Create(path::kPackStatusFile)->Set(webapi::param::kDownloadSizeNow, "many");
-  Recover();
-  EXPECT_EQ(Recorded(), updater::kStatusDownloadInstallFailed);
+  Recovered();
+  EXPECT_EQ(Recorded(), kStatusDownloadInstallFailed);
 }
 
 TEST_F(RecoveryTest, RecoverTakesAStoreThatIsNoStoreForLost) {
   WriteFile(path::kPackStatusFile, R"({"status": "insta)");
-  EXPECT_THAT(Recover().failed, IsEmpty());
-  EXPECT_EQ(Recorded(), updater::kStatusLost);
+  EXPECT_THAT(Recovered().failed, IsEmpty());
+  EXPECT_EQ(Recorded(), kStatusLost);
   ExpectNothingLeftToDo();
 }
 
 TEST_F(RecoveryTest, RecoverSetsAFolderInPlaceOfTheStoreAside) {
   WriteFile(fs::path(path::kPackStatusFile) / "file", "text");
-  EXPECT_THAT(Recover().failed, IsEmpty());
-  EXPECT_EQ(Recorded(), updater::kStatusLost);
+  EXPECT_THAT(Recovered().failed, IsEmpty());
+  EXPECT_EQ(Recorded(), kStatusLost);
   EXPECT_EQ(ReadFile(std::string(path::kPackStatusFile) + ".broken/file"), "text");
   ExpectNothingLeftToDo();
 }
 
 TEST_F(RecoveryTest, RecoverLogsWhatItDid) {
+  Status()->SetAsUpToDate();
   MakePack(path::kBackupPackFolderPath, "1");
-  const RecoveryReport report = Recover();
+  const RecoveryReport report = Recovered();
   ASSERT_THAT(report.done, SizeIs(1));
   EXPECT_THAT(LogCapture::Lines(), ElementsAre(InfoLine("recovery.cpp", "Recovery: " + report.done[0])));
 }
@@ -332,7 +389,7 @@ TEST_F(RecoveryTest, RecoverGoesOnAfterAStepThatFailed) {
   WriteFile(path::kTempPluginAppIdPath, "[]");
   WriteFile(path::kDownloadedOpkPath, "may be needed");
 
-  const RecoveryReport report = Recover();
+  const RecoveryReport report = Recovered();
   EXPECT_THAT(report.failed, ElementsAre(HasSubstr("cannot remove the account's temporary files: "),
                                          std::string("cannot mend the recorded status: cannot use the status store ") +
                                              path::kPackStatusFile));
@@ -347,7 +404,7 @@ TEST_F(RecoveryTest, RecoverGoesOnAfterAStepThatFailed) {
 TEST_F(RecoveryTest, RecoverReportsAFileInPlaceOfTheFolderOfPacks) {
   fs::remove_all(kTargetFolder);
   WriteFile(kTargetFolder, "a file in the way");
-  EXPECT_THAT(Recover().failed,
+  EXPECT_THAT(Recovered().failed,
               Contains(std::string("cannot make the folders: ") + kTargetFolder + ": Not a directory"));
   EXPECT_EQ(ReadFile(kTargetFolder), "a file in the way");
 }
@@ -355,8 +412,8 @@ TEST_F(RecoveryTest, RecoverReportsAFileInPlaceOfTheFolderOfPacks) {
 TEST_F(RecoveryTest, RecoverReportsFoldersThatCannotBeMade) {
   fs::remove_all(test::Root() / "var");
   WriteFile(test::Root() / "var", "a file in the way");
-  EXPECT_THAT(Recover().failed, Contains(HasSubstr("cannot make the folders: ")));
+  EXPECT_THAT(Recovered().failed, Contains(HasSubstr("cannot make the folders: ")));
 }
 
 }  // namespace
-}  // namespace orbamira::packctl
+}  // namespace orbamira::updater

@@ -1,4 +1,4 @@
-#include "tools/packctl/commands/recovery.h"
+#include "updater/recovery.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -20,10 +20,14 @@
 #include "platform/log.h"
 #include "platform/orba_sdk_wrapper.h"
 #include "platform/posix/remove_tree.h"
-#include "tools/packctl/view/status_words.h"
+#include "platform/version.h"
+#include "updater/kos_helper.h"
+#include "updater/pack_manager.h"
 #include "updater/pack_status_helper.h"
+#include "updater/status_record.h"
+#include "updater/update_lock.h"
 
-namespace orbamira::packctl {
+namespace orbamira::updater {
 namespace {
 
 namespace fs = std::filesystem;
@@ -70,6 +74,8 @@ bool IsTemporaryAnswer(const std::string& name) {
 
 // Where the folders lie that the updater has removed.
 std::array<fs::path, 2> FoldersOfRemovals() { return {kTargetFolder, fs::path(kDownloadFolder).parent_path()}; }
+
+const char* Text(PackStatus status) { return kPackStatusTexts.at(static_cast<std::size_t>(status)); }
 
 using NameTest = std::function<bool(const std::string&)>;
 
@@ -153,6 +159,7 @@ class Recovery {
   void RestorePack() {
     const fs::path pack = path::kPackFolderPath;
     const fs::path backup = path::kBackupPackFolderPath;
+    was_cut_ = Exists(backup);
     if (!IsPack(pack)) {
       Remove(pack, "the rest of a pack");
       if (IsPack(backup)) {
@@ -188,76 +195,114 @@ class Recovery {
   }
 
   void MendStatus() {
-    const auto helper = updater::PackStatusHelper::Create();
+    const auto helper = PackStatusHelper::Create();
     if (helper == nullptr) {
       throw std::runtime_error(std::string("cannot use the status store ") + path::kPackStatusFile);
     }
     std::string recorded = "an unreadable text";
     try {
-      const updater::PackStatus status = helper->GetPackStatus();
-      recorded = StatusText(status);
-      status_ = Mended(status);
+      const StatusRecord record = ReadStatusRecord();
+      recorded = Text(record.status);
+      status_ = Mended(record);
     } catch (const std::logic_error& error) {
-      ORBAMIRA_LOG_ERROR("Recovery: the recorded status cannot be read: %s", error.what());
-      status_ = updater::kStatusDownloadInstallFailed;
+      ORBAMIRA_LOG_ERROR("Recovery: %s", error.what());
+      status_ = kStatusDownloadInstallFailed;
     }
-    if (recorded != StatusText(*status_)) {
+    if (recorded != Text(*status_)) {
       Record(*helper, recorded);
     }
   }
 
-  // What the status becomes when no work is under way.
-  static updater::PackStatus Mended(updater::PackStatus status) {
-    switch (status) {
-      case updater::kStatusDownloading:
-        return updater::kStatusDownloadFailed;
-      case updater::kStatusInstalling:
-      case updater::kStatusDownloadingInstalling:
-        return updater::kStatusDownloadInstallFailed;
-      case updater::kStatusNeedInstall:
-      case updater::kStatusInstallFailed:
-        return fs::is_regular_file(path::kDownloadedOpkPath) ? status : updater::kStatusDownloadInstallFailed;
-      case updater::kStatusLost:
-      case updater::kStatusNeedDownload:
-      case updater::kStatusDownloadFailed:
-      case updater::kStatusDownloadInstallFailed:
-      case updater::kStatusUpToDate:
+  // What the status becomes when no work is under way. The last step is recorded after the last plugin was told.
+  PackStatus Mended(const StatusRecord& record) const {
+    const bool installed = fs::is_regular_file(path::kPackInfoPath);
+    switch (record.status) {
+      case kStatusLost:
+        return !installed ? kStatusLost : was_cut_ ? kStatusDownloadInstallFailed : kStatusUpToDate;
+      case kStatusDownloading:
+        return kStatusDownloadFailed;
+      case kStatusInstalling:
+      case kStatusDownloadingInstalling:
+        return installed && record.install_step == kInstallStepTexts[kStepPostInstall] ? kStatusUpToDate
+                                                                                       : kStatusDownloadInstallFailed;
+      case kStatusNeedInstall:
+      case kStatusInstallFailed:
+        return fs::is_regular_file(path::kDownloadedOpkPath) ? record.status : kStatusDownloadInstallFailed;
+      case kStatusNeedDownload:
+      case kStatusDownloadFailed:
+      case kStatusDownloadInstallFailed:
+      case kStatusUpToDate:
         break;
     }
-    return status;
+    return record.status;
   }
 
-  void Record(const updater::IPackStatusHelper& helper, const std::string& instead_of) {
-    if (status_ == updater::kStatusDownloadFailed) {
+  void Record(const IPackStatusHelper& helper, const std::string& instead_of) {
+    if (status_ == kStatusDownloadFailed) {
       helper.SetAsDownloadFailed();
+    } else if (status_ == kStatusUpToDate) {
+      helper.SetAsUpToDate();
     } else {
       helper.SetAsDownloadInstallFailed();
     }
-    Did("changed the recorded status from " + instead_of + " to " + StatusText(*status_));
+    Did("changed the recorded status from " + instead_of + " to " + Text(*status_));
   }
 
   // A package that waits to be installed is what is needed to go on; without a known status it may be that.
   void RemoveDownload() {
-    if (status_ && status_ != updater::kStatusNeedInstall && status_ != updater::kStatusInstallFailed) {
+    if (status_ && status_ != kStatusNeedInstall && status_ != kStatusInstallFailed) {
       Remove(kDownloadFolder, "the download");
     }
   }
 
   RecoveryReport report_;
-  std::optional<updater::PackStatus> status_;
+  bool was_cut_ = false;  // an update, while the old pack was out of its place
+  std::optional<PackStatus> status_;
 };
+
+bool HasFailed(PackStatus status) {
+  return status == kStatusDownloadFailed || status == kStatusInstallFailed || status == kStatusDownloadInstallFailed;
+}
 
 }  // namespace
 
-RecoveryReport Recover() { return Recovery().Run(); }
+RecoveryReport Recover(const UpdateLock& /*lock*/) { return Recovery().Run(); }
 
-void EndRemovals() { Recovery().EndRemovals(); }
+void EndRemovals(const UpdateLock& /*lock*/) { Recovery().EndRemovals(); }
 
-std::vector<fs::path> FindLeftovers() {
-  std::vector<fs::path> found;
+bool ConfirmInstall(const UpdateLock& lock, const IPackStatusHelper& status) {
+  EndRemovals(lock);
+  if (fs::is_regular_file(path::kPackInfoPath)) {
+    return true;
+  }
+  ORBAMIRA_LOG_ERROR("The new pack did not get into place");
+  status.SetAsDownloadInstallFailed();
+  return false;
+}
+
+bool RepeatFailedUpdate(const UpdateLock& /*lock*/, const PackManager& manager, IPackStatusHelper& status) {
+  const std::string installed = KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath);
+  Json::Value offer;
+  if (installed.empty() || !HasFailed(status.GetPackStatus()) ||
+      !manager.FetchDownloadInfo(manager.IsAacNeeded() || manager.HasAacCurrently(), offer)) {
+    return false;
+  }
+  if (IsNewVersion(offer.get(param::kVersion, "").asString(), installed)) {
+    ORBAMIRA_LOG_INFO("The last update failed, but the installed version %s is newer than the offer",
+                      installed.c_str());
+    status.SetAsUpToDate();
+    return false;
+  }
+  ORBAMIRA_LOG_INFO("The last update failed and is to be done again: version %s", installed.c_str());
+  status.SetAsNeedDownload(installed);
+  return true;
+}
+
+std::vector<std::string> FindLeftovers() {
+  std::vector<std::string> found;
   for (const fs::path& path : {fs::path(path::kBackupPackFolderPath), fs::path(path::kTempPackFolderPath)}) {
     if (Exists(path)) {
-      found.push_back(path);
+      found.push_back(path.string());
     }
   }
   const fs::path store = path::kPackStatusFile;
@@ -270,10 +315,11 @@ std::vector<fs::path> FindLeftovers() {
                                         {store.parent_path(), TemporariesOf(store)},
                                         {account.parent_path(), TemporariesOf(account)},
                                         {answer.parent_path(), IsTemporaryAnswer}}) {
-    const std::vector<fs::path> more = Matching(folder, matches);
-    found.insert(found.end(), more.begin(), more.end());
+    for (const fs::path& path : Matching(folder, matches)) {
+      found.push_back(path.string());
+    }
   }
   return found;
 }
 
-}  // namespace orbamira::packctl
+}  // namespace orbamira::updater
