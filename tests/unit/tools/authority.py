@@ -22,7 +22,7 @@ class Authority:
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
-            timeout=60,
+            timeout=600,
             check=check,
         )
 

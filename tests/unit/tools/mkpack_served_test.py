@@ -7,6 +7,7 @@ import ssl
 import threading
 import unittest
 
+import words
 from authority import Authority
 from verify_test_case import AAC, BASE, HEVC, PublishedTest
 
@@ -138,8 +139,7 @@ class VerifyServedTest(PublishedTest):
 
     def test_reply_that_no_appliance_takes(self):
         self.reply.write_text("<html>")
-        self.assert_served("", "no appliance takes it, since it is not valid JSON: Expecting value: line 1 column 1 "
-                           "(char 0)")
+        self.assert_served("", f"no appliance takes it, since it is not valid JSON: {words.json_error('<html>')}")
 
     def test_reply_that_caches_keep_too_long(self):
         self.assert_served("old", "caches may keep it for 100000 seconds, so long nobody sees a release")

@@ -1,3 +1,4 @@
+import errno
 import os
 import shutil
 import signal
@@ -111,7 +112,7 @@ class NotifyPluginTest(PluginTestCase):
             self.notify(),
             "/a: exited with status 3",
             "/b: ended by signal 9",
-            "/c: cannot be started: No such file or directory",
+            f"/c: cannot be started: {os.strerror(errno.ENOENT)}",
         )
         self.assertEqual([f"{name} {STEP_TEXT}" for name in "abd"], self.log_lines())
 

@@ -24,7 +24,7 @@ def listed(help_text):
 
 
 def output(*command):
-    return subprocess.run(command, check=True, capture_output=True, text=True, timeout=60).stdout
+    return subprocess.run(command, check=True, capture_output=True, text=True, timeout=600).stdout
 
 
 class PagesTest(unittest.TestCase):

@@ -1,15 +1,18 @@
 """Where there is a keyring, only a package that it vouches for is unpacked."""
 
+import errno
 import hashlib
 import io
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import tarfile
 import tempfile
 import unittest
 
+import words
 from authority import INTERMEDIATE, LEAF, Authority
 
 TOOLS = pathlib.Path(os.environ["ORBA_TOOLS"])
@@ -75,7 +78,7 @@ class SignedPackageTest(unittest.TestCase):
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
             text=True,
-            timeout=60,
+            timeout=600,
             check=False,
         )
 
@@ -89,13 +92,21 @@ class SignedPackageTest(unittest.TestCase):
             (self.folder / name).unlink()
 
     def assert_refused(self, reason, program="orba-archive"):
+        self.assert_refused_for(re.escape(reason), program)
+
+    def assert_refused_for(self, pattern, program="orba-archive"):
         done = self.unpack(program)
-        line = f"{program}: {self.package}: {reason}\n"
-        self.assertEqual((1, "", line), (done.returncode, done.stdout, done.stderr))
+        line = f"^{re.escape(f'{program}: {self.package}: ')}{pattern}\n$"
+        self.assertEqual((1, ""), (done.returncode, done.stdout))
+        self.assertRegex(done.stderr, line)
         self.assertEqual([], os.listdir(self.folder))
         if program == "orba-archive":
             done = self.run_tool(program, "--verify", self.package)
-            self.assertEqual((1, "", line), (done.returncode, done.stdout, done.stderr))
+            self.assertEqual((1, ""), (done.returncode, done.stdout))
+            self.assertRegex(done.stderr, line)
+
+    def assert_signer_refused(self, number):
+        self.assert_refused_for("MANIFEST.sig: " + words.certificate_error(number))
 
     def test_signed_package_is_unpacked(self):
         self.trust("ca")
@@ -191,9 +202,7 @@ class SignedPackageTest(unittest.TestCase):
         self.authority.issue("signer", "between")
         self.trust("ca")
         self.pack()
-        self.assert_refused(
-            "MANIFEST.sig: certificate verify error: Verify error: unable to get local issuer certificate"
-        )
+        self.assert_signer_refused(words.UNKNOWN_ISSUER)
         self.trust("ca", "between")
         self.assert_unpacked("MANIFEST", "MANIFEST.sig")
         self.trust("ca")
@@ -206,29 +215,25 @@ class SignedPackageTest(unittest.TestCase):
         self.pack()
         self.authority.issue("other", None)
         self.trust("other")
-        self.assert_refused(
-            "MANIFEST.sig: certificate verify error: Verify error: unable to get local issuer certificate"
-        )
+        self.assert_signer_refused(words.UNKNOWN_ISSUER)
 
     def test_package_signed_by_another_of_the_same_name_is_refused(self):
         self.pack()
         self.authority.issue("ca", None)
         self.trust("ca")
-        self.assert_refused(
-            "MANIFEST.sig: certificate verify error: Verify error: unable to get local issuer certificate"
-        )
+        self.assert_signer_refused(words.UNKNOWN_ISSUER)
 
     def test_leaf_cannot_sign_for_a_signer_of_its_own(self):
         self.authority.issue("child", "signer")
         self.pack(by=("child", "-certfile", "signer.pem"))
         self.trust("ca")
-        self.assert_refused("MANIFEST.sig: certificate verify error: Verify error: invalid CA certificate")
+        self.assert_signer_refused(words.NO_AUTHORITY)
 
     def test_every_signer_must_be_trusted(self):
         self.authority.issue("other", None)
         self.pack(by=("signer", "-signer", "other.pem", "-inkey", "other.key"))
         self.trust("ca")
-        self.assert_refused("MANIFEST.sig: certificate verify error: Verify error: self-signed certificate")
+        self.assert_signer_refused(words.SELF_SIGNED)
         self.trust("ca", "other")
         self.assert_unpacked("MANIFEST", "MANIFEST.sig")
 
@@ -236,19 +241,19 @@ class SignedPackageTest(unittest.TestCase):
         self.authority.issue("signer", "ca", days=-1)
         self.pack()
         self.trust("ca")
-        self.assert_refused("MANIFEST.sig: certificate verify error: Verify error: certificate has expired")
+        self.assert_signer_refused(words.EXPIRED)
 
     def test_expired_certificate_is_refused_though_it_is_in_the_keyring(self):
         self.authority.issue("signer", "ca", days=-1)
         self.pack()
         self.trust("signer")
-        self.assert_refused("MANIFEST.sig: certificate verify error: Verify error: certificate has expired")
+        self.assert_signer_refused(words.EXPIRED)
 
     def test_certificate_of_the_future_is_refused(self):
         self.authority.issue_for_the_future("signer", "ca")
         self.pack()
         self.trust("ca")
-        self.assert_refused("MANIFEST.sig: certificate verify error: Verify error: certificate is not yet valid")
+        self.assert_signer_refused(words.NOT_YET_VALID)
 
     def test_key_that_is_not_for_signatures_is_refused(self):
         self.trust("ca")
@@ -272,7 +277,7 @@ class SignedPackageTest(unittest.TestCase):
         self.authority.issue("signer", "ca", key=("-newkey", "rsa:1024"))
         self.pack()
         self.trust("ca")
-        self.assert_refused("MANIFEST.sig: certificate verify error: Verify error: EE certificate key too weak")
+        self.assert_signer_refused(words.WEAK_KEY)
 
     def test_weak_digest_is_refused(self):
         self.trust("ca")
@@ -334,17 +339,17 @@ class SignedPackageTest(unittest.TestCase):
             changed[number // 8] ^= 1 << number % 8
             self.pack(signature=good, text=bytes(changed))
             with self.subTest(f"bit {number} of the manifest"):
-                self.assert_refused("MANIFEST.sig: content verify error")
+                self.assert_refused_for("MANIFEST.sig: .+")
 
     def test_signature_of_another_package_is_refused(self):
         self.trust("ca")
         self.pack(signature=self.sign(manifest({**self.members, "INFO": b'version="1"\n'})))
-        self.assert_refused("MANIFEST.sig: content verify error")
+        self.assert_refused_for("MANIFEST.sig: .+")
 
     def test_signature_that_carries_another_text_is_refused(self):
         self.trust("ca")
         self.pack(signature=self.sign(manifest({"INFO": b""}), "signer", "-nodetach"))
-        self.assert_refused("MANIFEST.sig: content verify error")
+        self.assert_refused_for("MANIFEST.sig: .+")
 
     def test_altered_member_is_refused(self):
         self.trust("ca")
@@ -431,7 +436,7 @@ class SignedPackageTest(unittest.TestCase):
         (inner / "library").write_bytes(b"planted")
         with tarfile.open(self.package, "w:gz") as archive:
             archive.add(inner / "library", "library")
-        self.assert_refused("Unrecognized archive format")
+        self.assert_refused_for(".+")
 
     def test_payload_needs_no_signature_of_its_own(self):
         self.trust("ca")
@@ -460,7 +465,7 @@ class SignedPackageTest(unittest.TestCase):
         self.pack()
         with self.subTest("a link to nowhere"):
             self.keyring.symlink_to("nowhere")
-            self.assert_refused(f"{self.keyring}: No such file or directory")
+            self.assert_refused(f"{self.keyring}: {os.strerror(errno.ENOENT)}")
         with self.subTest("a folder"):
             self.keyring.unlink()
             self.keyring.mkdir()
@@ -471,7 +476,7 @@ class SignedPackageTest(unittest.TestCase):
             self.keyring.rmdir()
             self.keyring.parent.rmdir()
             self.keyring.parent.touch()
-            self.assert_refused(f"{self.keyring}: Not a directory")
+            self.assert_refused(f"{self.keyring}: {os.strerror(errno.ENOTDIR)}")
 
 
 if __name__ == "__main__":
