@@ -99,8 +99,8 @@ class Page:
             "PATH": f"{self.folder}/stubs:{self.root}/usr/bin:{os.environ['PATH']}:/usr/sbin",
         }
         done = subprocess.run(
-            ["bash", "-euo", "pipefail", "-c", self.here(text)], cwd=self.work, env=environment,
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=300,
+            [self.build / "tests/enclosed", "bash", "-euo", "pipefail", "-c", self.here(text)], cwd=self.work,
+            env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
             check=False,
         )
         if done.returncode != 0:
@@ -131,6 +131,17 @@ class DocumentationTest(unittest.TestCase):
         for path in PAGES:
             with self.subTest(path.name), tempfile.TemporaryDirectory() as folder:
                 Page(path, self.build, pathlib.Path(folder)).run()
+
+    def test_page_that_fails_leaves_no_process_and_holds_nothing_up(self):
+        with tempfile.TemporaryDirectory() as name:
+            folder = pathlib.Path(name)
+            page = folder / "page.md"
+            page.write_text("```sh\nsh -c 'echo $$ > started; exec sleep 100000' &\n"
+                            "until [ -s started ]; do sleep 0.01; done\nfalse\n```\n")
+            with self.assertRaisesRegex(AssertionError, "page.md: ended with 1"):
+                Page(page, self.build, folder).run()
+            process = (folder / "work/started").read_text().strip()
+            self.assertFalse(pathlib.Path("/proc", process).exists())
 
     def test_every_link_leads_somewhere(self):
         for path in PAGES:

@@ -1,0 +1,181 @@
+// Runs a test so that no process outlives it, however it ends.
+//
+// usage: enclosed [--patience SECONDS] COMMAND [ARGUMENT...]
+//
+// Whatever the command starts, in any session or process group, stays a descendant of this program, which ends what is
+// left when the command ends, when its own parent ends, and when it is stopped by a signal. It ends as the command
+// does; a command that succeeds and leaves processes behind fails, unless they end by themselves within SECONDS (30).
+
+#include <dirent.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::seconds;
+
+constexpr int kUsageError = 64;
+constexpr int kNotStarted = 127;
+constexpr int kSignalBase = 128;
+constexpr seconds kPatience{30};
+/// What is killed ends soon, unless it belongs to another user.
+constexpr seconds kUntilKilled{10};
+
+std::string Read(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string CommandLine(pid_t process) {
+  std::string text = Read("/proc/" + std::to_string(process) + "/cmdline");
+  std::replace(text.begin(), text.end(), '\0', ' ');
+  return text;
+}
+
+/// The parent of a process; 0 when there is no such process.
+pid_t ParentOf(pid_t process) {
+  const std::string text = Read("/proc/" + std::to_string(process) + "/stat");
+  // "pid (name) state parent ...", where the name may hold anything.
+  const size_t end = text.rfind(')');
+  return end == std::string::npos || end + 4 >= text.size() ? 0 : std::atoi(text.c_str() + end + 4);
+}
+
+std::vector<pid_t> Children() {
+  std::vector<pid_t> children;
+  const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir("/proc"), closedir);
+  while (const dirent* entry = folder ? readdir(folder.get()) : nullptr) {
+    const pid_t process = std::atoi(entry->d_name);
+    if (process > 0 && ParentOf(process) == getpid()) {
+      children.push_back(process);
+    }
+  }
+  return children;
+}
+
+/// A command and everything that it starts.
+class Enclosure {
+ public:
+  explicit Enclosure(char** command) {
+    sigemptyset(&signals_);
+    for (const int number : {SIGCHLD, SIGTERM, SIGINT, SIGHUP}) {
+      sigaddset(&signals_, number);
+    }
+    sigset_t before;
+    sigprocmask(SIG_BLOCK, &signals_, &before);
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    const pid_t self = getpid();
+    command_ = fork();
+    if (command_ == 0) {
+      sigprocmask(SIG_SETMASK, &before, nullptr);
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (getppid() == self) {
+        execvp(command[0], command);
+        std::cerr << "enclosed: " << command[0] << " cannot be started\n";
+      }
+      _exit(kNotStarted);
+    }
+  }
+
+  /// Waits for the end of the command, or for a signal that ends us. Returns the exit status that tells of it.
+  int Wait() {
+    while (Reap() && !status_) {
+      const int number = sigwaitinfo(&signals_, nullptr);
+      if (number > 0 && number != SIGCHLD) {
+        return kSignalBase + number;
+      }
+    }
+    if (!status_) {
+      return kNotStarted;
+    }
+    return WIFEXITED(*status_) ? WEXITSTATUS(*status_) : kSignalBase + WTERMSIG(*status_);
+  }
+
+  /// Whether everything ends by itself within this time, and before a signal ends us.
+  bool Empties(seconds limit) {
+    const auto end = Clock::now() + limit;
+    while (Reap()) {
+      if (Clock::now() >= end || Pause()) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  void Kill() {
+    const auto end = Clock::now() + kUntilKilled;
+    while (Reap() && Clock::now() < end) {
+      // The children of whom we kill become ours.
+      for (const pid_t child : Children()) {
+        kill(child, SIGKILL);
+      }
+      Pause();
+    }
+  }
+
+ private:
+  /// Takes note of all that ended. Whether anything is still there.
+  bool Reap() {
+    int status = 0;
+    pid_t ended = 0;
+    while ((ended = waitpid(-1, &status, WNOHANG)) > 0) {
+      if (ended == command_) {
+        status_ = status;
+      }
+    }
+    return ended == 0;
+  }
+
+  /// Until a child ends, but not for long: another one may have become ours. Whether a signal ends us.
+  bool Pause() const {
+    constexpr timespec kPause = {0, 50'000'000};
+    const int number = sigtimedwait(&signals_, nullptr, &kPause);
+    return number > 0 && number != SIGCHLD;
+  }
+
+  sigset_t signals_ = {};
+  pid_t command_ = 0;
+  std::optional<int> status_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  seconds patience = kPatience;
+  char** command = argv + 1;
+  if (argc > 2 && std::string_view(argv[1]) == "--patience") {
+    patience = seconds(std::atoi(argv[2]));
+    command += 2;
+  }
+  if (command >= argv + argc) {
+    std::cerr << "usage: enclosed [--patience SECONDS] COMMAND [ARGUMENT...]\n";
+    return kUsageError;
+  }
+  Enclosure enclosure(command);
+  int status = enclosure.Wait();
+  if (status == 0 && !enclosure.Empties(patience)) {
+    for (const pid_t child : Children()) {
+      std::cerr << "enclosed: left behind: " << child << " " << CommandLine(child) << "\n";
+    }
+    status = EXIT_FAILURE;
+  }
+  enclosure.Kill();
+  return status;
+}
