@@ -8,7 +8,7 @@ from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 
 # How long a test waits for what a page is to show, in seconds.
-PATIENCE = 30
+PATIENCE = 600
 
 
 @contextlib.contextmanager

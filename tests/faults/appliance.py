@@ -140,7 +140,7 @@ class Appliance:
     def environment(self):
         return {**os.environ, "ORBAMIRA_ROOT": str(self.root)}
 
-    def packctl(self, *arguments, wrapper=(), timeout=120):
+    def packctl(self, *arguments, wrapper=(), timeout=600):
         """Runs packctl, behind a wrapper command where one is given; returns the completed process."""
         return subprocess.run([*map(str, wrapper), str(self.root / "packctl"), *arguments], env=self.environment(),
                               stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=timeout, check=False)

@@ -33,7 +33,7 @@ SKIPPED = 77
 OLD, NEW = "1.0.0", "2.0.0"
 SIZES = (4_000_000, 1_500_000, 300_000, 20_000)
 POLL = 0.0005
-HANG = 120  # seconds, far more than an update takes
+HANG = 600  # seconds, far more than an update takes
 NEEDED = ("mkfs.ext4", "mkfs.xfs", "mount", "umount", "cp")
 
 
@@ -49,7 +49,7 @@ def mounted(image, folder):
         yield folder
     finally:
         # A family that was just killed may hold the mount a moment longer.
-        end = time.monotonic() + 10
+        end = time.monotonic() + 300
         while subprocess.run(["umount", str(folder)], check=False, capture_output=True).returncode != 0:
             if time.monotonic() > end:
                 raise RuntimeError(f"{folder} stays busy")

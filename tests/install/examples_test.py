@@ -19,7 +19,7 @@ from staged import Stage, WebServer, unpack
 
 EXAMPLES = ("update", "watch_status", "own_services")
 WARNINGS = "-Wall -Wextra -Wpedantic -Werror"
-PATIENCE = 60
+PATIENCE = 600
 
 # Once, after an install: waits until its folder holds no file "hold" any more.
 HOLDING_PLUGIN = """#!/bin/sh
@@ -27,7 +27,7 @@ HOLDING_PLUGIN = """#!/bin/sh
 cd "$(dirname "$0")" || exit 1
 : > ../held
 n=0
-while [ -e ../hold ] && [ "$n" -lt 600 ]; do sleep 0.1; n=$((n + 1)); done
+while [ -e ../hold ] && [ "$n" -lt 6000 ]; do sleep 0.1; n=$((n + 1)); done
 """
 
 

@@ -53,7 +53,7 @@ class Root:
     def run(self, program, *arguments):
         done = subprocess.run(
             [self.folder / program, *arguments], env={**os.environ, "ORBAMIRA_ROOT": str(self.folder)},
-            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120, check=False)
+            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=600, check=False)
         if done.returncode != 0:
             raise RuntimeError(f"{program} {arguments} ended with {done.returncode}:\n{done.stdout}{done.stderr}")
         return done.stdout

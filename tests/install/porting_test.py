@@ -117,7 +117,7 @@ class Story:
 
     def run(self, expected, *arguments):
         done = subprocess.run([self.stage.usr / "bin/packctl", *arguments], env=self.stage.environment(),
-                              capture_output=True, text=True, timeout=120, check=False)
+                              capture_output=True, text=True, timeout=600, check=False)
         self.report.check(f"packctl {' '.join(arguments)} ends with {expected}", done.returncode == expected,
                           f"{done.returncode}, {done.stdout}{done.stderr}")
         return done.stdout

@@ -102,7 +102,7 @@ http {{
         token = os.urandom(8).hex()
         (self.packs / "ready").write_text(token)
         opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
-        deadline = time.monotonic() + 20
+        deadline = time.monotonic() + 300
         while time.monotonic() < deadline and self.process.poll() is None:
             try:
                 return opener.open(f"{self.url}/ready", timeout=5).read().decode() == token

@@ -21,7 +21,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "faults"
 from appliance import PACK_NAME, Appliance  # noqa: E402
 
 # Far more than anything here takes.
-PATIENCE = 60
+PATIENCE = 600
 
 MAIN = """\
 daemon off;

@@ -216,7 +216,7 @@ class JsonSchemaTest(unittest.TestCase):
                 web.terminate()
 
     def check_state(self, address, after=""):
-        with urllib.request.urlopen(f"{address}api/state?after={after}", timeout=60) as answer:
+        with urllib.request.urlopen(f"{address}api/state?after={after}", timeout=600) as answer:
             state = json.load(answer)
         self.validator("web_state").validate(state)
         self.check_strict("web_state", state)

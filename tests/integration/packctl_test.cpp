@@ -71,7 +71,7 @@ class PackctlTest : public testing::Test {
 
   /// Waits until the condition holds; fails the test when it does not within a minute.
   static void Await(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(5);
     while (!condition()) {
       ASSERT_LT(std::chrono::steady_clock::now(), end);
       ASSERT_EQ(poll(nullptr, 0, 10), 0);

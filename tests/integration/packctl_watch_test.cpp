@@ -48,7 +48,7 @@ class PackctlWatchTest : public testing::Test {
 
   /// Waits until the condition holds; ends the test when it does not, sooner than the program looks of its own accord.
   static void Await(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(50);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(300);
     while (!condition()) {
       if (std::chrono::steady_clock::now() > end) {
         throw std::runtime_error("what is waited for does not come");

@@ -46,7 +46,7 @@ using Clock = std::chrono::steady_clock;
 
 /// Waits until the condition holds; ends the test when it does not.
 void Await(const std::function<bool()>& condition) {
-  const auto end = Clock::now() + std::chrono::seconds(40);
+  const auto end = Clock::now() + std::chrono::seconds(300);
   while (!condition()) {
     if (Clock::now() > end) {
       throw std::runtime_error("what is waited for does not come");

@@ -30,7 +30,7 @@ struct ProcessOptions {
   std::function<void()> before_exec;
   /// A program that takes longer is killed, and the result says SIGKILL: a hang fails the test instead of holding it
   /// up.
-  std::chrono::seconds limit{60};
+  std::chrono::seconds limit{600};
 };
 
 /// Runs the program argv[0], looked up in PATH when it has no slash, and waits for its end. Throws std::runtime_error

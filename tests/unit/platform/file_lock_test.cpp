@@ -44,7 +44,7 @@ bool WaitsForLock(pid_t process) {
 }
 
 bool Eventually(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(300);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) {
       return false;
