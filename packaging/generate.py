@@ -28,6 +28,7 @@ PACKCTL_FILES = (
     ("/var/lib/orbamira/packages/codec-pack", "The installed pack."),
     ("/var/lib/orbamira/status.json", "The recorded status."),
     ("/var/lib/orbamira/history.jsonl", "The history, one JSON object a line; an older part in history.jsonl.1."),
+    ("/var/cache/orbamira/checked", "Its time is that of the update server's last answer to a check."),
     ("/usr/share/orbamira/packctl.schema.json", "The JSON Schema of what is printed with --json."),
     ("/usr/share/orbamira/web", "The page of \"packctl web\"."),
     ("/run/orbamira/lock", "The lock files. Whoever can open them can hold up an update."),

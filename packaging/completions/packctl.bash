@@ -15,7 +15,7 @@ _packctl() {
     esac
   done
   case ${COMP_WORDS[COMP_CWORD - 1]} in
-    --client-id | --host-name | --issuer | --limit | --listen | --port | --timeout | --token-file) return ;;
+    --client-id | --host-name | --issuer | --limit | --listen | --port | --timeout | --token-file | --update-unit) return ;;
   esac
   case $command in
     '') words='check download install update remove status info history doctor codecs web plugins account recover -h --help --version --json' ;;
@@ -30,7 +30,7 @@ _packctl() {
     history) words='-h --help --json --limit' ;;
     doctor) words='-h --help --json' ;;
     codecs) words='-h --help --json' ;;
-    web) words='-h --help --json --listen --port --token-file --host-name' ;;
+    web) words='-h --help --json --listen --port --token-file --host-name --update-unit' ;;
     plugins) words='-h --help --json' ;;
     'account sign-in') words='-h --help --json --issuer --client-id --port --timeout --replace' ;;
     'account sign-out') words='-h --help --json' ;;

@@ -119,7 +119,7 @@ class Appliance:
         for program in PROGRAMS:
             (libexec / program).symlink_to(build / "tools" / program / program)
         (libexec / "orba-tar").symlink_to("orba-archive")
-        (libexec / "orba-account").symlink_to(build / "tools/packctl/orba-account")
+        (libexec / "orba-account").symlink_to(build / "tools/orba-account/orba-account")
         for script in SCRIPTS:
             (libexec / script).symlink_to(source / "libexec" / script)
         (appliance.root / "packctl").symlink_to(build / "tools/packctl/packctl")
@@ -183,7 +183,7 @@ class Appliance:
     def leftovers(self):
         """What an update should not leave behind, as paths."""
         kept = {self.pack, self.status_file, self.packages, self.root / "var/lib/orbamira/codec-requirements.json",
-                *self.history}
+                self.root / "var/cache/orbamira/checked", *self.history}
         found = [*self.packages.iterdir(), *(self.root / "var/lib/orbamira").iterdir()]
         if self.download.parent.exists():
             found.extend(self.download.parent.iterdir())

@@ -111,6 +111,10 @@ class JsonSchemaTest(unittest.TestCase):
         self.assertEqual(len(self.check("history", 0)["entries"]), 5)
         self.check("history", 0, "--limit", "1")
 
+    def test_a_check_without_an_address(self):
+        self.appliance.use_server("")
+        self.assertEqual(self.check("check", NOTHING)["result"], "no_address")
+
     def test_failures(self):
         self.appliance.use_server(self.publisher.url + "/none.json")
         for command in ("check", "update"):

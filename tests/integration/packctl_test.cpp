@@ -160,6 +160,34 @@ TEST_F(PackctlTest, CheckEndsWith2WhenNothingIsNew) {
   EXPECT_EQ(Run({"check"}).output, "Nothing new: version 1.0 is offered, installed is 1.0.\n");
 }
 
+TEST_F(PackctlTest, CheckWithoutAnAddressSaysThatThereIsNobodyToAsk) {
+  WriteFile(path::kPkgSetting, "# none\n");
+  const Json::Value check = RunJson({"check"}, 2);
+  EXPECT_EQ(check["result"], "no_address");
+  EXPECT_EQ(check["status"], "lost");
+  EXPECT_TRUE(check["version"].isNull());
+  const ProgramResult told = Run({"check"});
+  EXPECT_EQ(told.output, std::string("No update server is named, so there is nobody to ask.\n") +
+                             "Name it with pack_update_server in " + path::kPkgSetting + ".\n");
+  EXPECT_EQ(told.errors, "");
+  EXPECT_EQ(RunJson({"history"}, 0)["entries"].size(), 0U);
+}
+
+TEST_F(PackctlTest, CheckNotesWhenTheServerAnswered) {
+  const fs::path answered = fs::path(kDownloadFolder).parent_path() / "checked";
+  fs::create_directories(answered.parent_path());
+  ASSERT_EQ(Run({"check"}).status, 1);
+  EXPECT_FALSE(fs::exists(answered));
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"check"}).status, 0);
+  ASSERT_TRUE(fs::exists(answered));
+  ASSERT_EQ(Run({"update"}).status, 0);
+  const auto long_ago = fs::file_time_type::clock::now() - std::chrono::hours(30);
+  fs::last_write_time(answered, long_ago);
+  ASSERT_EQ(Run({"check"}).status, 2);
+  EXPECT_GT(fs::last_write_time(answered), long_ago + std::chrono::hours(29));
+}
+
 TEST_F(PackctlTest, TextFromOutsideCannotSteerTheTerminal) {
   const std::string escape = "9\033[2J";
   const std::string shown = "9\\033[2J";

@@ -6,6 +6,7 @@
 #include <json/reader.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <sstream>
@@ -126,14 +128,16 @@ class PackctlWebTest : public testing::Test {
     return Appliance::PackctlCommand(more);
   }
 
-  void Start(const std::vector<std::string>& more = {}) {
-    web_ = std::make_unique<RunningProgram>(Web(more));
+  void StartProgram(const std::vector<std::string>& command) {
+    web_ = std::make_unique<RunningProgram>(command);
     Await([&] { return web_->Output().ends_with('\n'); });
     const Json::Value started = Parsed(web_->Output());
     const std::string address = started["address"].asString();
     port_ = std::stoi(address.substr(address.rfind(':') + 1));
     token_ = started["token"].asString();
   }
+
+  void Start(const std::vector<std::string>& more = {}) { StartProgram(Web(more)); }
 
   [[nodiscard]] std::string Host() const { return "127.0.0.1:" + std::to_string(port_); }
 
@@ -619,6 +623,118 @@ TEST_F(PackctlWebTest, DoesNotStartWithoutWhatItNeeds) {
   fs::remove(fs::path(path::kDefaultPkgSetting).parent_path() / "web");
   EXPECT_THAT(errors({}), HasSubstr("cannot read the page "));
   EXPECT_EQ(RunningProgram(Web({"--port", "65536"})).Wait().status, 64);
+}
+
+/// A socket of loopback that listens, as systemd keeps one.
+UniqueFd KeptSocket() {
+  UniqueFd kept(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  // NOLINTNEXTLINE: what the interface is made for
+  if (bind(kept.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      listen(kept.get(), 8) != 0) {
+    throw std::system_error(errno, std::generic_category(), "listen");
+  }
+  return kept;
+}
+
+/// The command with the descriptor handed over as systemd does it: as number 3, for this process.
+std::vector<std::string> WithSocket(const UniqueFd& kept, const std::vector<std::string>& command,
+                                    const std::string& pid = "$$") {
+  fcntl(kept.get(), F_SETFD, 0);
+  const std::string script =
+      "exec 3<&" + std::to_string(kept.get()) + "; LISTEN_PID=" + pid + R"( LISTEN_FDS=1 exec "$@")";
+  std::vector<std::string> line = {"/bin/bash", "-c", script, "bash"};
+  line.insert(line.end(), command.begin(), command.end());
+  return line;
+}
+
+TEST_F(PackctlWebTest, ServesAtTheSocketThatSystemdKeeps) {
+  const UniqueFd kept = KeptSocket();
+  StartProgram(WithSocket(kept, Web()));
+  EXPECT_EQ(Ask("GET /").status, 200);
+  EXPECT_TRUE(State()["server"]["port_is_held"].asBool());
+  EXPECT_EQ(State()["server"]["user"], getpwuid(geteuid())->pw_name);
+
+  // While the server is away, the port is nobody else's, and who asks is answered by the next one.
+  web_->Signal(SIGTERM);
+  web_->Wait();
+  EXPECT_THAT(RunningProgram(Web({"--port", std::to_string(port_)})).Wait().errors, HasSubstr("cannot listen at "));
+  const Client early(port_);
+  ASSERT_TRUE(early.Send(Request("GET /")));
+  const int port = port_;
+  StartProgram(WithSocket(kept, Web()));
+  EXPECT_EQ(port_, port);
+  EXPECT_EQ(early.Receive().status, 200);
+}
+
+TEST_F(PackctlWebTest, TakesNoSocketThatIsNotMeantForIt) {
+  const UniqueFd kept = KeptSocket();
+  StartProgram(WithSocket(kept, Web(), "1"));
+  EXPECT_FALSE(State()["server"]["port_is_held"].asBool());
+  const UniqueFd file(open("/dev/null", O_RDWR | O_CLOEXEC));
+  EXPECT_THAT(RunningProgram(WithSocket(file, Web())).Wait().errors, HasSubstr("no listening socket"));
+}
+
+/// A systemctl in front of the PATH that does what the unit says, until the end of the test.
+class Systemctl {
+ public:
+  Systemctl() : path_(std::getenv("PATH")) {
+    const fs::path program = test::Root() / "bin/systemctl";
+    const std::string packctl = Appliance::PackctlCommand({}).front();
+    test::WriteFile(program, "#!/bin/sh\necho \"$*\" >> " + Asked().string() + "\n" + packctl +
+                                 " check > /dev/null 2>&1 || exit 0\n" + packctl +
+                                 " update > /dev/null 2>&1 || { echo 'Job failed.' >&2; exit 1; }\n");
+    fs::permissions(program, fs::perms(0755));
+    setenv("PATH", (program.parent_path().string() + ":" + path_).c_str(), 1);
+  }
+  ~Systemctl() { setenv("PATH", path_.c_str(), 1); }
+  Systemctl(const Systemctl&) = delete;
+  Systemctl& operator=(const Systemctl&) = delete;
+
+  [[nodiscard]] static fs::path Asked() { return test::Root() / "asked"; }
+
+ private:
+  std::string path_;
+};
+
+TEST_F(PackctlWebTest, UpdatesByTheUnitThatItIsGiven) {
+  const Systemctl systemctl;
+  Start({"--update-unit", "orbamira-update.service"});
+  ASSERT_EQ(Act("update").status, 202);
+  Json::Value action = AwaitAction("update");
+  EXPECT_EQ(action["result"], "done");
+  EXPECT_EQ(action["exit"], 0);
+  EXPECT_EQ(test::ReadFile(Systemctl::Asked()), "start orbamira-update.service\n");
+  EXPECT_EQ(Appliance::InstalledPayload(), "the first codec");
+
+  ASSERT_EQ(Act("update").status, 202);
+  action = AwaitAction("update");
+  EXPECT_EQ(action["result"], "nothing_to_do");
+  EXPECT_EQ(action["exit"], 2);
+}
+
+TEST_F(PackctlWebTest, TellsWhyAnUpdateByTheUnitFailed) {
+  const Systemctl systemctl;
+  Start({"--update-unit", "orbamira-update.service"});
+  appliance_.SetFault([](const test::HttpRequest& request, test::HttpResponse& response) {
+    response.status = request.target.ends_with(".opk") ? 404 : response.status;
+  });
+  ASSERT_EQ(Act("update").status, 202);
+  Json::Value action = AwaitAction("update");
+  EXPECT_EQ(action["result"], "failed");
+  EXPECT_EQ(action["exit"], 1);
+  ASSERT_FALSE(action["problems"].empty());
+  EXPECT_THAT(action["problems"][0].asString(), Not(HasSubstr("Job failed")));
+
+  // Without a history there is what systemctl says.
+  fs::remove(path::kHistoryFile);
+  fs::create_directories(path::kHistoryFile);
+  ASSERT_EQ(Act("update").status, 202);
+  action = AwaitAction("update");
+  EXPECT_EQ(action["exit"], 1);
+  EXPECT_EQ(action["problems"][0], "Job failed.");
 }
 
 TEST_F(PackctlWebTest, WarnsWhenItListensBeyondThisMachine) {

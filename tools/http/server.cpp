@@ -17,30 +17,6 @@
 namespace orbamira::packctl {
 namespace {
 
-using Addresses = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
-
-Addresses Resolve(const std::string& address, int port) {
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
-  addrinfo* found = nullptr;
-  if (getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
-    throw std::runtime_error("no address to listen at: " + tools::Printable(address));
-  }
-  return {found, freeaddrinfo};
-}
-
-UniqueFd Listen(const std::string& address, int port) {
-  const Addresses found = Resolve(address, port);
-  UniqueFd fd(socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  const int on = 1;
-  if (!fd.valid() || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-      bind(fd.get(), found->ai_addr, found->ai_addrlen) != 0 || listen(fd.get(), SOMAXCONN) != 0) {
-    tools::ThrowErrno("cannot listen at " + tools::Printable(address) + ", port " + std::to_string(port));
-  }
-  return fd;
-}
-
 // Our end of the connection; empty when it is gone already.
 std::string LocalAuthority(int fd) {
   sockaddr_storage address{};
@@ -65,8 +41,8 @@ constexpr std::array<short, 6> kEvents = {POLLIN, POLLRDHUP, 0, POLLOUT, POLLIN,
 
 }  // namespace
 
-WebServer::WebServer(const std::string& address, int port, Answer answer)
-    : answer_(std::move(answer)), listener_(Listen(address, port)), local_(LocalAuthority(listener_.get())) {}
+WebServer::WebServer(UniqueFd listener, Answer answer)
+    : answer_(std::move(answer)), listener_(std::move(listener)), local_(LocalAuthority(listener_.get())) {}
 
 void WebServer::Run(int changed) {
   while (true) {

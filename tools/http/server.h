@@ -30,9 +30,8 @@ class WebServer {
   static constexpr std::chrono::seconds kPatience{10};
   static constexpr std::chrono::seconds kLongestWait{50};
 
-  /// Listens at the numeric address; port 0 takes a free one. Throws std::system_error, or std::runtime_error for an
-  /// address that is none.
-  WebServer(const std::string& address, int port, Answer answer);
+  /// Serves at a socket that listens and does not block.
+  WebServer(UniqueFd listener, Answer answer);
 
   /// Where it listens: "127.0.0.1:8080".
   [[nodiscard]] const std::string& local() const { return local_; }

@@ -50,6 +50,7 @@ struct WebOptions {
   int port = 0;                              ///< 0 for one that is free
   std::string token_file = {};               ///< where the token is; empty for one of the moment, which is printed
   std::vector<std::string> host_names = {};  ///< further names under which it may be asked
+  std::string update_unit = {};              ///< the systemd unit that updates; empty: packctl itself
 };
 
 /// What the user asked of a command.

@@ -16,7 +16,7 @@ namespace {
 constexpr std::array kCommands = {
     Command{"check", Effect::kChange, "Ask the update server for a new pack",
             "Records a newer pack as waiting for download, whatever the recorded status was.\n"
-            "Exit status: 0 a new pack is available, 2 nothing new, 1 the check failed.\n"
+            "Exit status: 0 a new pack is available, 2 nothing new, or no update server is named, 1 the check failed.\n"
             "Example: packctl check && packctl update"},
     Command{"download", Effect::kChange, "Download and verify the pack on offer",
             "Permitted when the status is need_download or download_failed. Nothing is installed yet; follow with\n"
@@ -60,6 +60,7 @@ constexpr std::array kCommands = {
         "web", Effect::kNone, "Show all of this in a browser, until interrupted",
         "Prints the page's address, and a link with the token that checking and updating from the page takes. Runs\n"
         "until SIGINT or SIGTERM (Ctrl-C) ends it with exit status 0; an update that was begun goes on.\n"
+        "A listening socket that systemd hands over (LISTEN_FDS) is used in place of --listen and --port.\n"
         "With --json: address and token, which is null with --token-file."},
     Command{"plugins", Effect::kExclusive, "List the plugins that are told of installs",
             "Prints one application id a line; with --json: the list app_ids."},
@@ -150,6 +151,8 @@ void AddWebOptions(CLI::App& web, WebOptions& options) {
   web.add_option("--host-name", options.host_names, "Answer requests for this host too; may be given again")
       ->type_name("NAME")
       ->allow_extra_args(false);
+  web.add_option("--update-unit", options.update_unit, "Update by starting this systemd unit, not packctl update")
+      ->type_name("UNIT");
 }
 
 // The parser, which writes what it finds into `options`.

@@ -8,6 +8,7 @@
 #include "tools/packctl/cli/command.h"
 #include "tools/packctl/commands/checking_pack_handler.h"
 #include "tools/packctl/commands/watched_work.h"
+#include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/record/asked_status_helper.h"
 #include "tools/packctl/view/progress_view.h"
 #include "tools/packctl/view/recorded_status.h"
@@ -155,9 +156,21 @@ std::string Installed(const Json::Value& version) {
   return version.isNull() ? "no version is installed" : "installed is " + tools::Printable(version.asString());
 }
 
+Outcome NobodyToAsk() {
+  Outcome outcome = AnswerWithStatus(kExitNothingToDo, "check", "no_address");
+  outcome.json["version"] = Json::nullValue;
+  outcome.json["installed_version"] = InstalledVersion();
+  outcome.text = std::string("No update server is named, so there is nobody to ask.\nName it with ") +
+                 common::kPackUpdateServer + " in " + path::kPkgSetting + ".\n";
+  return outcome;
+}
+
 }  // namespace
 
 Outcome Check(Context& /*context*/) {
+  if (updater::KOSHelper::Create()->GetPackUpdateServerUrl().empty()) {
+    return NobodyToAsk();
+  }
   const Updater updater = MakeUpdater();
   const bool found = updater.manager->CheckNewPack();
   const std::optional<std::string>& declined = updater.handler->declined_version();
@@ -182,6 +195,9 @@ Outcome Check(Context& /*context*/) {
   } else {
     outcome = Failed("check", "check");
     outcome.json["version"] = Json::nullValue;
+  }
+  if (found || declined) {
+    NoteAnsweredCheck();
   }
   outcome.json["installed_version"] = installed_version;
   return outcome;

@@ -1,5 +1,7 @@
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
@@ -13,6 +15,7 @@
 #include "platform/json/json_line.h"
 #include "platform/posix/files.h"
 #include "platform/posix/unique_fd.h"
+#include "tools/http/listener.h"
 #include "tools/http/server.h"
 #include "tools/packctl/cli/command.h"
 #include "tools/packctl/cli/ending.h"
@@ -55,15 +58,25 @@ UniqueFd MakeEvent() {
   return event;
 }
 
+/// Who serves the page: the account, and whether the service manager keeps the port for it.
+Json::Value AboutServer(bool port_is_held) {
+  const passwd* const user = getpwuid(geteuid());
+  Json::Value server;
+  server["user"] = user == nullptr ? std::to_string(geteuid()) : user->pw_name;
+  server["port_is_held"] = port_is_held;
+  return server;
+}
+
 /// Answers each request, on the server's thread.
 class Site {
  public:
-  Site(Context& context, std::string token)
-      : access_(std::move(token), context.options.web.host_names),
+  Site(Context& context, std::string token, bool port_is_held)
+      : server_(AboutServer(port_is_held)),
+        access_(std::move(token), context.options.web.host_names),
         tag_front_(MakeToken().substr(0, 16) + "-"),
         page_(ReadPage()),
         state_(context, [this] { TellOfChange(); }),
-        actions_([this] {
+        actions_(context.options.web.update_unit, [this] {
           state_.LookAgain();
           TellOfChange();
         }) {}
@@ -119,6 +132,7 @@ class Site {
       return nullptr;
     }
     state["tag"] = tag_;
+    state["server"] = server_;
     state["action"] = actions_.Last();
     const std::string busy = Busy(state["at_work"].asBool());
     state["at_work"] = !busy.empty();
@@ -167,6 +181,7 @@ class Site {
     return {.status = 202, .body = std::make_shared<const std::string>(JsonLine(started))};
   }
 
+  Json::Value server_;
   WebAccess access_;
   std::string tag_front_;  // another one each time the program is started
   std::map<std::string, HttpReply> page_;
@@ -196,13 +211,15 @@ Outcome Web(Context& context) {
   const WebOptions& options = context.options.web;
   const bool own_token = options.token_file.empty();
   const std::string token = own_token ? MakeToken() : ReadToken(options.token_file);
+  std::optional<UniqueFd> inherited = InheritedListener();
+  const bool port_is_held = inherited.has_value();
   Site* asked = nullptr;
-  WebServer server(options.listen, options.port,
+  WebServer server(port_is_held ? *std::move(inherited) : Listen(options.listen, options.port),
                    [&asked](const HttpRequest& request, bool may_wait) { return asked->Answer(request, may_wait); });
   if (!IsLoopback(server.local())) {
     context.console.Complain("listening beyond this machine without TLS: whoever sees the traffic sees the token");
   }
-  Site site(context, token);
+  Site site(context, token, port_is_held);
   asked = &site;
   if (!context.console.Print(StartLines(context.options.json, "http://" + server.local() + "/", token, own_token))) {
     return {.exit = kExitFailed, .json = Json::nullValue, .problems = {"cannot write to the standard output"}};

@@ -16,6 +16,7 @@ const kBetweenLooks = 200;
 const kResultWords = {
   new_pack: "a new pack is available",
   nothing_new: "nothing new",
+  no_address: "no update server is named",
   done: "done",
   failed: "failed",
   not_permitted: "not permitted now",
@@ -141,7 +142,7 @@ function showAction(name, whyNot, explanation) {
 function showActions() {
   showAction("check", state.why_no_check, "Asks the maker's server whether there is a newer pack.");
   showAction("update", state.why_no_update,
-    state.offer === null ? "Fetches the pack of the maker's server, even if it is installed already."
+    state.offer === null ? "Fetches the pack of the maker's server and puts it in place."
       : `Fetches version ${state.offer.version} and puts it in place.`);
 }
 
@@ -196,6 +197,11 @@ function historyRow(entry) {
   return row;
 }
 
+function showServer() {
+  const port = state.server.port_is_held ? "a port that systemd keeps for it" : "a port that any user could have taken";
+  setText(byId("server"), `Served by the account ${state.server.user} at ${port}.`);
+}
+
 function showHistory() {
   const text = JSON.stringify(state.history);
   const table = byId("history");
@@ -219,6 +225,7 @@ function show() {
   showActions();
   showOutcome();
   showHistory();
+  showServer();
 }
 
 function showConnection(problem) {
