@@ -43,6 +43,7 @@ class Root:
             text=True, check=False)
         if done.returncode != 0:
             raise RuntimeError(f"dpkg {' '.join(map(str, arguments))} ended with {done.returncode}:\n{done.stdout}")
+        return done.stdout
 
     def status(self, package):
         done = subprocess.run(
@@ -95,7 +96,7 @@ def installed_elsewhere(package):
 
 
 def as_previous_version(packages, folder):
-    """The same packages as an older version, whose maker gave the machine's settings file another text."""
+    """The same packages as an older version."""
     previous = []
     for package in packages:
         tree = folder / package.stem
@@ -104,13 +105,15 @@ def as_previous_version(packages, folder):
         version = field(package, "Version")
         control.write_text(control.read_text().replace(f"Version: {version}", f"Version: {OLD_VERSION}")
                            .replace(f"= {version})", f"= {OLD_VERSION})"))
-        settings = tree / "etc/orbamira/updater.conf"
-        if settings.exists():
-            settings.write_text("# Of the version before.\n" + settings.read_text())
         file = folder / package.name
         subprocess.run(["dpkg-deb", "--root-owner-group", "-b", tree, file], check=True, stdout=subprocess.DEVNULL)
         previous.append(file)
     return previous
+
+
+def complaints(output):
+    """What dpkg says of folders that it cannot remove."""
+    return [line for line in output.splitlines() if re.search(r"directory '[^']*orbamira.*not empty", line)]
 
 
 class Report:
@@ -155,6 +158,9 @@ def check(packages, build, folder):
     root.systemctl("disable", "orbamira-check.timer")
     root.systemctl("enable", "orbamira-update.timer")
 
+    report.expect("a first installation shows where settings go", True,
+                  "# pack_update_server=" in (settings / "updater.conf").read_text())
+
     # Work is done with it: settings, a pack, an account, a keyring that the maker brought.
     with WebServer(folder / "server") as server:
         address = f'pack_update_server="{server.url}/reply.json"\n'
@@ -189,7 +195,8 @@ def check(packages, build, folder):
 
     report.expect("an upgrade leaves the owner's choice of services", CHOSEN_UNITS, root.enabled_units())
 
-    root.dpkg("-r", *names)
+    removal = root.dpkg("-r", *names)
+    report.expect("a removal does not complain of what it keeps", [], complaints(removal))
     expect_kept("a removal")
     report.expect("a removal leaves no program", [], root.files("usr"))
 
@@ -198,7 +205,8 @@ def check(packages, build, folder):
     report.expect("the reinstalled packctl sees the pack", "1.0.0",
                   json.loads(root.run("usr/bin/packctl", "--json", "info"))["version"])
 
-    root.dpkg("-P", *names)
+    purge = root.dpkg("-P", *names)
+    report.expect("a purge does not complain of what it keeps", [], complaints(purge))
     expect_state("are purged", "unknown")
     report.expect("a purge leaves no state", (False, False, False),
                   tuple((root.folder / name).exists() for name in ("var/lib/orbamira", "var/cache/orbamira",
