@@ -88,6 +88,15 @@ def test_fleet(build, folder):
             expect(release["mean_bits_per_second"] < release["peak_bits_per_second"], "peak of a release")
 
 
+    soon = found["missed"]["evening"]["with orbamira-missed@check.timer"]
+    expect(soon["checks_a_day"] > 0.95 and soon["never"] == 0, "everyone who is on in the evening checks every day")
+    expect(soon["most"] <= 20 * 60, "within some minutes of boot")
+    outages = found["missed"]["outages"]
+    expect(outages["19:00 to 20:00"]["checks"] == 0, "who checked at night does not check again")
+    night = outages["01:00 to 07:00"]
+    expect(night["checks"] == 3000 and night["peak_minute"] < 3000 / 600, "no crowd when power is back")
+
+
 def test_status(build, folder):
     report = folder / "status.json"
     subprocess.run([build.resolve() / "bench/status", "--folder", folder, f"--benchmark_out={report}",

@@ -24,6 +24,11 @@ ONE_ZONE = {1: 1.0}
 SET_CLOCK, LOOSE_CLOCK, LOOSE_SHARE = 0.05, 300, 0.02
 # When appliances that are off at night are switched on: local hour, and its standard deviation.
 MORNING, MORNING_SPREAD = 7.5, 1.0
+# When those that are on in the evening only are switched on, and for how many hours, with the standard deviations.
+EVENING, EVENING_SPREAD = 20.0, 1.0
+SITTING, SITTING_SPREAD = 3.0, 1.0
+# How long an appliance takes to boot after power is back, in seconds.
+QUICKEST_BOOT, SLOWEST_BOOT = 20, 80
 
 _UNITS = {"": 1, "s": 1, "sec": 1, "min": MINUTE, "m": MINUTE, "h": HOUR, "hour": HOUR, "hours": HOUR}
 
@@ -43,7 +48,6 @@ class Timer:
     at: int
     delay: int
     accuracy: int
-    persistent: bool
 
     @classmethod
     def read(cls, path):
@@ -55,28 +59,86 @@ class Timer:
         hours, minutes, rest = map(int, clock.groups())
         return cls(at=hours * HOUR + minutes * MINUTE + rest,
                    delay=seconds(settings.get("RandomizedDelaySec", "0")),
-                   accuracy=seconds(settings.get("AccuracySec", str(ACCURACY))),
-                   persistent=settings.get("Persistent") in ("yes", "true", "1", "on"))
+                   accuracy=seconds(settings.get("AccuracySec", str(ACCURACY))))
 
     def without_delay(self):
         return dataclasses.replace(self, delay=0)
 
 
-def times_of_checks(count, timer, zones, off_at_night, seed):
-    """When each appliance checks. Those that were off at the time do it when they are switched on, if the timer says
-    so, and with the same delay; otherwise not on this day."""
+@dataclasses.dataclass(frozen=True)
+class Missed:
+    """When a missed check is made up for: `wait` after boot and at most `delay` and `accuracy` later, where the last
+    answer is at least `age` old, in seconds."""
+
+    wait: int
+    delay: int
+    accuracy: int
+    age: int
+
+    @classmethod
+    def read(cls, timer, service):
+        """Of the unit files."""
+        settings = dict(re.findall(r"^(\w+)=(.*)$", timer.read_text(), flags=re.MULTILINE))
+        minutes = re.search(r"^ExecCondition=.* -mmin -(\d+) ", service.read_text(), flags=re.MULTILINE)
+        return cls(wait=seconds(settings["OnBootSec"]), delay=seconds(settings["RandomizedDelaySec"]),
+                   accuracy=seconds(settings.get("AccuracySec", str(ACCURACY))), age=int(minutes[1]) * MINUTE)
+
+    def after(self, boot, source):
+        """When the timer elapses."""
+        return boot + self.wait + source.uniform(0, self.delay) + source.uniform(0, self.accuracy)
+
+
+def times_of_checks(count, timer, missed, zones, off_at_night, seed):
+    """When each appliance checks. Those that were off at the time do it soon after they are switched on."""
     source = random.Random(seed)
     uniform, gauss, chance = source.uniform, source.gauss, source.random
     zone_of = source.choices([hours * HOUR for hours in zones], cum_weights=list(itertools.accumulate(zones.values())),
                              k=count)
     for zone in zone_of:
-        begin = timer.at
         if chance() < off_at_night:
-            if not timer.persistent:
-                continue
-            begin = max(begin, gauss(MORNING, MORNING_SPREAD) * HOUR)
-        clock = gauss(0, LOOSE_CLOCK if chance() < LOOSE_SHARE else SET_CLOCK)
-        yield (begin + uniform(0, timer.delay) + uniform(0, timer.accuracy) + clock - zone) % DAY
+            time = missed.after(gauss(MORNING, MORNING_SPREAD) * HOUR, source)
+        else:
+            clock = gauss(0, LOOSE_CLOCK if chance() < LOOSE_SHARE else SET_CLOCK)
+            time = timer.at + uniform(0, timer.delay) + uniform(0, timer.accuracy) + clock
+        yield (time - zone) % DAY
+
+
+def evening_figures(count, timer, missed, days, seed):
+    """How appliances fare that are on in the evening only: how soon after boot they check, and how many never do in so
+    many days. For comparison a persistent timer alone, whose own delay, the same every day, begins at each boot."""
+    source = random.Random(seed)
+    ways = {"with orbamira-missed@check.timer": [], "with a persistent timer alone": []}
+    never = dict.fromkeys(ways, 0)
+    for _ in range(count):
+        own_delay = source.uniform(0, timer.delay)
+        made = {way: [] for way in ways}
+        last = -DAY
+        for day in range(days):
+            boot = day * DAY + source.gauss(EVENING, EVENING_SPREAD) * HOUR
+            end = boot + max(0.5, source.gauss(SITTING, SITTING_SPREAD)) * HOUR
+            soon, late = missed.after(boot, source), boot + own_delay
+            if soon < end and soon - last >= missed.age:
+                made["with orbamira-missed@check.timer"].append(soon - boot)
+                last = soon
+            if late < end:
+                made["with a persistent timer alone"].append(late - boot)
+        for way, waits in made.items():
+            ways[way] += waits
+            never[way] += not waits
+    return {way: {"checks_a_day": len(waits) / count / days, "never": never[way] / count,
+                  "median": sorted(waits)[len(waits) // 2], "most": max(waits)} for way, waits in ways.items()}
+
+
+def checks_after_outage(count, timer, missed, begin, end, seed):
+    """When appliances of one time zone check that are always on, but lost power from one time of the day to another.
+    Seconds after power was back, of those alone that check because of it."""
+    source = random.Random(seed)
+    for _ in range(count):
+        own = timer.at + source.uniform(0, timer.delay)
+        last = own if own < begin else own - DAY
+        check = missed.after(end + source.uniform(QUICKEST_BOOT, SLOWEST_BOOT), source)
+        if check - last >= missed.age:
+            yield check - end
 
 
 def per_second(times):
@@ -94,6 +156,14 @@ def most_within(counts, window):
         total += counts[(second + window) % DAY] - counts[second]
         most = max(most, total)
     return most
+
+
+def outage_figures(count, timer, missed, begin, end, seed):
+    """Figures of the checks after an outage."""
+    times = list(checks_after_outage(count, timer, missed, begin, end, seed))
+    counts = per_second(times)
+    return {"checks": len(times), "peak_second": max(counts), "peak_minute": most_within(counts, MINUTE) / MINUTE,
+            "last": max(times, default=0)}
 
 
 def check_figures(counts, connection):
