@@ -246,6 +246,61 @@ TEST_F(PackctlTest, DownloadAndInstallDoTheHalves) {
   EXPECT_EQ(Appliance::InstalledPayload(), "one");
 }
 
+/// From now on packages must be signed, which those of the appliance's server are not.
+void DemandSignatures() {
+  const test::TempDir folder;
+  const fs::path keyring = path::kKeyring;
+  fs::create_directories(keyring.parent_path());
+  ASSERT_TRUE(test::RunProgram({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+                                "-nodes", "-subj", "/CN=authority", "-keyout", folder.File("key"), "-out", keyring})
+                  .Exited(0));
+  fs::permissions(keyring, fs::perms(0644));
+}
+
+/// Changes when the folder is moved, though it comes back.
+std::string PlaceOfPack() {
+  struct stat about = {};
+  EXPECT_EQ(stat(path::kPackFolderPath, &about), 0);
+  return std::to_string(about.st_ino) + " " + std::to_string(about.st_ctim.tv_sec) + " " +
+         std::to_string(about.st_ctim.tv_nsec);
+}
+
+// The signature used to be checked after plugins had been told and the old pack had been moved aside.
+TEST_F(PackctlTest, ARefusedPackageLeavesThePackInItsPlaceAllTheTime) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  const std::string place = PlaceOfPack();
+  Appliance::AddJournal();
+  appliance_.Publish("2.0", "two");
+  DemandSignatures();
+  const auto expect_refused = [&](const char* command, const char* status) {
+    ASSERT_EQ(Run({"check"}).status, 0);
+    const ProgramResult result = Run({command});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.errors, HasSubstr("not signed"));
+    EXPECT_EQ(Appliance::StatusRecord()["status"], status);
+    EXPECT_EQ(PlaceOfPack(), place) << command;
+    EXPECT_EQ(Appliance::InstalledPayload(), "one");
+    EXPECT_THAT(Appliance::Journal(), IsEmpty()) << command;
+  };
+  expect_refused("update", "download_install_failed");
+  expect_refused("download", "download_failed");
+
+  // A keyring that came between download and install.
+  fs::remove(path::kKeyring);
+  ASSERT_EQ(Run({"check"}).status, 0);
+  ASSERT_EQ(Run({"download"}).status, 0);
+  DemandSignatures();
+  EXPECT_THAT(Run({"install"}).errors, HasSubstr("not signed"));
+  EXPECT_EQ(Appliance::StatusRecord()["status"], "install_failed");
+  EXPECT_EQ(Appliance::StatusRecord()["new_version"], "2.0");
+  EXPECT_EQ(PlaceOfPack(), place);
+  EXPECT_THAT(Appliance::Journal(), IsEmpty());
+  fs::remove(path::kKeyring);
+  EXPECT_EQ(Run({"install"}).status, 0);
+  EXPECT_EQ(Appliance::InstalledPayload(), "two");
+}
+
 TEST_F(PackctlTest, AnOperationThatTheStatusForbidsEndsWith3AndNamesWhatIsPermitted) {
   const Json::Value answer = RunJson({"install"}, 3);
   EXPECT_EQ(answer["result"], "not_permitted");

@@ -14,14 +14,16 @@
 #include "tools/packctl/view/recorded_status.h"
 #include "tools/packctl/view/status_words.h"
 #include "updater/pack_manager.h"
+#include "updater/package_judge.h"
 #include "updater/recovery.h"
 
 namespace orbamira::packctl {
 namespace {
 
-/// The library's objects, put together as PackManager::Create() does it, with a handler that remembers its offers and a
-/// status helper that remembers its permissions.
+/// The library's objects, put together as PackManager::Create() does it, with package services that also judge the
+/// signature, a handler that remembers its offers and a status helper that remembers its permissions.
 struct Updater {
+  std::shared_ptr<updater::PackageJudge> packages;
   std::shared_ptr<AskedStatusHelper> status;
   std::shared_ptr<CheckingPackHandler> handler;
   std::unique_ptr<updater::PackManager> manager;
@@ -37,16 +39,17 @@ Updater MakeUpdater() {
   const auto core = std::make_shared<wrapper::OrbaCoreWrapper>();
   auto handler = std::make_shared<CheckingPackHandler>(wrapper::CprSession::Create(), facts, core,
                                                        std::make_shared<wrapper::OrbaSDKWrapper>());
-  auto manager = std::make_unique<updater::PackManager>(core, std::make_shared<wrapper::OrbaPkgWrapper>(), facts,
-                                                        status, handler, updater::PluginNotifier::Create());
-  return {std::move(status), std::move(handler), std::move(manager)};
+  auto packages = std::make_shared<updater::PackageJudge>(core, std::make_shared<wrapper::OrbaPkgWrapper>());
+  auto manager =
+      std::make_unique<updater::PackManager>(core, packages, facts, status, handler, updater::PluginNotifier::Create());
+  return {std::move(packages), std::move(status), std::move(handler), std::move(manager)};
 }
 
 /// One of the three flows.
 struct Flow {
   const char* command;
   const char* noun;
-  bool (updater::IPackManager::*run)() const;
+  bool (*run)(const Updater& updater);
   const char* success;
   bool installs;  ///< a pack is in place when it succeeded
 };
@@ -123,7 +126,7 @@ Outcome NotPermitted(const char* command, const char* noun, updater::PackStatus 
 
 Outcome RunFlow(Context& context, const Flow& flow) {
   const Updater updater = MakeUpdater();
-  const auto work = [&] { return (updater.manager.get()->*flow.run)(); };
+  const auto work = [&] { return flow.run(updater); };
   const bool done = context.options.json ? work() : RunWithProgress(context.console, work);
   if (const auto status = updater.status->refused_status()) {
     return NotPermitted(flow.command, flow.noun, *status);
@@ -145,6 +148,26 @@ Outcome RunFlow(Context& context, const Flow& flow) {
     outcome.offer = PackIdentity{record.new_pack_name, record.new_version};
   }
   return outcome;
+}
+
+/// False also where the record cannot be read, which is for the flow itself to tell.
+bool MayInstall(AskedStatusHelper& status) {
+  try {
+    return status.CanDoInstall(status.GetPackStatus());
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+/// The flow unpacks the package after plugins were told and the old pack was moved aside. A package that would be
+/// refused then is refused here, where that costs nothing.
+bool InstallWhatIsAccepted(const Updater& updater) {
+  AskedStatusHelper& status = *updater.status;
+  if (!MayInstall(status) || updater.packages->Accepts(path::kDownloadedOpkPath)) {
+    return updater.manager->Install();
+  }
+  status.SetAsInstallFailed(status.GetPackNewVersion(), status.GetPackNewName());
+  return false;
 }
 
 Json::Value InstalledVersion() {
@@ -204,18 +227,18 @@ Outcome Check(Context& /*context*/) {
 }
 
 Outcome Download(Context& context) {
-  return RunFlow(context, {"download", "download", &updater::IPackManager::Download,
+  return RunFlow(context, {"download", "download", [](const Updater& updater) { return updater.manager->Download(); },
                            "The new pack is downloaded and verified. Install it with \"packctl install\".\n", false});
 }
 
 Outcome Install(Context& context) {
-  return RunFlow(context,
-                 {"install", "install", &updater::IPackManager::Install, "The new pack is installed.\n", true});
+  return RunFlow(context, {"install", "install", &InstallWhatIsAccepted, "The new pack is installed.\n", true});
 }
 
 Outcome Update(Context& context) {
-  return RunFlow(context, {"update", "update", &updater::IPackManager::DownloadAndInstall,
-                           "The new pack is downloaded and installed.\n", true});
+  return RunFlow(context,
+                 {"update", "update", [](const Updater& updater) { return updater.manager->DownloadAndInstall(); },
+                  "The new pack is downloaded and installed.\n", true});
 }
 
 Outcome Remove(Context& context) {
