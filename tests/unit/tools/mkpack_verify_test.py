@@ -21,7 +21,7 @@ import unittest
 import unittest.mock
 
 import words
-from authority import Authority
+from authority import LEAF, Authority
 from verify_test_case import AAC, BASE, HANG, HEVC, MKPACK, PublishedTest, VerifyTest, info_text, member, tar
 
 sys.path.insert(0, str(MKPACK.parent))
@@ -574,6 +574,12 @@ class VerifySignatureTest(VerifyTest):
         file = self.resign("rsa", "sha256")
         self.assert_finding(HEVC, self.refused(file, ""), *self.keyring,
                             words=words.certificate_error(words.WEAK_KEY))
+
+    def test_key_that_is_not_for_signatures(self):
+        self.publish(AAC, "1.2", *self.sign("signer", extension=LEAF + "\nkeyUsage=digitalSignature"))
+        file = self.publish(HEVC, "1.2", *self.sign("other", extension=LEAF + "\nkeyUsage=keyEncipherment"))
+        reason = "the key usage of the signer's certificate has no digitalSignature"
+        self.assert_finding(HEVC, self.refused(file, reason), *self.keyring)
 
     def test_stopped_run_leaves_nothing_behind(self):
         self.publish_both(*self.sign("signer"))

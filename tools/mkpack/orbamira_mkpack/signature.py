@@ -30,11 +30,10 @@ def check_manifest(package):
         raise Refused(f"{name} is in {rules.MANIFEST_NAME}, but not in the package")
 
 
-def _openssl(*arguments):
+def _openssl(*arguments, stdin=b""):
     """What openssl prints. Refuses with its words when it fails."""
     try:
-        done = subprocess.run(["openssl", "cms", *arguments], stdin=subprocess.DEVNULL, capture_output=True,
-                              check=False)
+        done = subprocess.run(["openssl", *arguments], input=stdin, capture_output=True, check=False)
     except FileNotFoundError:
         raise Refused("the signature cannot be checked without the program openssl") from None
     if done.returncode != 0:
@@ -48,7 +47,7 @@ def _openssl(*arguments):
 
 def _check_digests(signature):
     """openssl takes a message without signers for well signed, and any digest that it knows."""
-    text = _openssl("-cmsout", "-print", "-noout", "-inform", "DER", "-in", signature).decode("utf-8", "replace")
+    text = _openssl("cms", "-cmsout", "-print", "-noout", "-inform", "DER", "-in", signature).decode("utf-8", "replace")
     names = re.findall(r"^ +digestAlgorithm: *\n +algorithm: (\S+)", text, flags=re.MULTILINE)
     if not names:
         raise Refused("signed by nobody")
@@ -58,17 +57,30 @@ def _check_digests(signature):
             raise Refused(f"signed with {name}, a weak digest")
 
 
+def _check_key_usage(certificates):
+    """A certificate that says what its key is for must say that it is for signatures."""
+    for certificate in rules.CERTIFICATE_PATTERN.findall(certificates):
+        usage = _openssl("x509", "-noout", "-ext", "keyUsage", stdin=certificate)
+        if b"Key Usage" in usage and b"Digital Signature" not in usage:
+            raise Refused("the key usage of the signer's certificate has no digitalSignature")
+
+
 def check_signature(package, keyring):
     """Refuses a package that nobody whom the file of certificates trusts vouches for now."""
     with tempfile.TemporaryDirectory(prefix="mkpack-") as folder:
-        manifest, signature = (os.path.join(folder, name) for name in (rules.MANIFEST_NAME, rules.SIGNATURE_NAME))
+        manifest, signature, signers = (
+            os.path.join(folder, name) for name in (rules.MANIFEST_NAME, rules.SIGNATURE_NAME, "signers.pem")
+        )
         for path, name in ((manifest, rules.MANIFEST_NAME), (signature, rules.SIGNATURE_NAME)):
             with open(path, "wb") as file:
                 file.write(package.texts[name])
         _check_digests(signature)
         # The keyring is all that is trusted: nothing of this machine is.
         _openssl(
-            *("-verify", "-binary", "-inform", "DER", "-in", signature, "-content", manifest, "-out", os.devnull),
+            *("cms", "-verify", "-binary", "-inform", "DER", "-in", signature, "-content", manifest),
+            *("-out", os.devnull, "-signer", signers),
             *("-CAfile", os.path.abspath(keyring), "-no-CApath", "-no-CAstore", "-partial_chain"),
             *("-auth_level", "2", "-purpose", "any"),
         )
+        with open(signers, "rb") as file:
+            _check_key_usage(file.read())
