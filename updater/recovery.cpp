@@ -260,8 +260,13 @@ class Recovery {
   std::optional<PackStatus> status_;
 };
 
-bool HasFailed(PackStatus status) {
-  return status == kStatusDownloadFailed || status == kStatusInstallFailed || status == kStatusDownloadInstallFailed;
+bool HasFailed(IPackStatusHelper& helper) {
+  try {
+    const PackStatus status = helper.GetPackStatus();
+    return status == kStatusDownloadFailed || status == kStatusInstallFailed || status == kStatusDownloadInstallFailed;
+  } catch (const std::logic_error&) {  // for the next recovery
+    return false;
+  }
 }
 
 }  // namespace
@@ -283,7 +288,7 @@ bool ConfirmInstall(const UpdateLock& lock, const IPackStatusHelper& status) {
 bool RepeatFailedUpdate(const UpdateLock& /*lock*/, const PackManager& manager, IPackStatusHelper& status) {
   const std::string installed = KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath);
   Json::Value offer;
-  if (installed.empty() || !HasFailed(status.GetPackStatus()) ||
+  if (installed.empty() || !HasFailed(status) ||
       !manager.FetchDownloadInfo(manager.IsAacNeeded() || manager.HasAacCurrently(), offer)) {
     return false;
   }

@@ -47,8 +47,8 @@ ORBAMIRA_EXPORT void EndRemovals(const UpdateLock& lock);
 /// Asks the server once more when the record says that an update failed and a pack is installed. Where its version is
 /// still on offer, records kStatusNeedDownload, from which every update may begin, and returns true. Where the offer is
 /// older, the installed pack stays and kStatusUpToDate is recorded. False, and the record as it was, when there is no
-/// failure, no pack or no offer. Throws a std::exception when the record cannot be read or written, or when the
-/// server's reply is no object.
+/// failure, no pack or no offer, and when the record makes no sense. Throws std::system_error when the record cannot be
+/// used, Json::Exception when the server's reply is no object.
 [[nodiscard]] ORBAMIRA_EXPORT bool RepeatFailedUpdate(const UpdateLock& lock, const PackManager& manager,
                                                       IPackStatusHelper& status);
 

@@ -6,10 +6,10 @@ check that finds a broken status store; and the recovery of an upgrade that was 
 Each is run once to number its calls. Then, for a call and a fault, the same is run again from the same state with that
 fault: the whole family of processes is killed there, or killed with the loss of all data that was not synced (a power
 cut), or the call fails with EIO or ENOSPC. After it the pack must be whole or absent with the means to go on, and the
-status store readable; recover, check and update against the healthy server must end up to date with the right pack and
-nothing left behind.
+status store readable; recovery, and then what the timers do in two days against the healthy server, must end up to date with
+the right pack and nothing left behind: a check, and an update where the check ended with 0.
 
-Recoveries that leave the disk in the same state share one check and update.
+Recoveries that leave the disk in the same state share these days.
 
 Exits with 0 when nothing was lost and nothing was stuck, else with 1.
 """

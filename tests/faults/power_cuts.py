@@ -2,8 +2,8 @@
 """Cuts the power of an appliance in every stage of an update, and looks at what the disk held.
 
 The appliance lies on an ext4 image, and the image on a file system that shares blocks. A cut is a clone of the image at
-one instant: what had been written to the disk by then, nothing else. The clone is mounted as after a boot; recover,
-check and update against the healthy server must end up to date with the right pack.
+one instant: what had been written to the disk by then, nothing else. The clone is mounted as after a boot; recovery,
+and then what the timers do in two days against the healthy server, must end up to date with the right pack.
 
 A stage lasts for as long as the same of pack, backup, unpacked files, half-built pack and download are there. An
 undisturbed run tells the stages and how long each takes; the cuts go through them by turns, each at a random instant of

@@ -637,5 +637,79 @@ TEST_F(PackctlTest, AnAnswerThatCannotBeWrittenIsAFailure) {
   EXPECT_EQ(result.errors, "packctl: cannot write to the standard output\n");
 }
 
+/// A record that an update left.
+struct Remains {
+  const char* name;
+  std::function<void(const updater::IPackStatusHelper&)> record;
+};
+
+void PrintTo(const Remains& remains, std::ostream* out) { *out << remains.name; }
+
+class TimersTest : public PackctlTest, public testing::WithParamInterface<Remains> {
+ protected:
+  /// What the boot and then the update timer's unit do on one day.
+  static void BootAndOneDay() {
+    EXPECT_EQ(Run({"recover"}).status, 0);
+    if (Run({"check"}).status == 0) {
+      EXPECT_EQ(Run({"update"}).status, 0);
+    }
+  }
+};
+
+// The cut came after the new pack was in place, so that its version was no news, and no timer went on.
+TEST_P(TimersTest, BringEveryRecordUpToDateWithoutAPerson) {
+  for (const char* offered : {"2.0", "1.0", "3.0"}) {
+    for (const bool installed : {true, false}) {
+      if (!installed && std::string(offered) != "2.0") {
+        continue;  // without a pack one offer is as good as another
+      }
+      appliance_.Publish("2.0", "pack 2.0");
+      ASSERT_EQ(Run({"update"}).status, 0);
+      if (!installed) {
+        ASSERT_EQ(Run({"remove"}).status, 0);
+      }
+      GetParam().record(*Status());
+      appliance_.Publish(offered, std::string("pack ") + offered);
+      BootAndOneDay();
+      EXPECT_EQ(Appliance::StatusRecord()["status"], "up_to_date") << installed << offered;
+      const bool stays = installed && std::string(offered) == "1.0";
+      EXPECT_EQ(Appliance::InstalledPayload(), std::string("pack ") + (stays ? "2.0" : offered)) << installed;
+      fs::remove_all(path::kPackFolderPath);
+    }
+  }
+}
+
+using Helper = updater::IPackStatusHelper;
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryRecord, TimersTest,
+    testing::Values(Remains{"Lost", [](const Helper&) { fs::remove(path::kPackStatusFile); }},
+                    Remains{"Downloading", [](const Helper& h) { h.SetAsDownloading(1, 2); }},
+                    Remains{"DownloadFailed", [](const Helper& h) { h.SetAsDownloadFailed(); }},
+                    Remains{"NeedInstallWithoutFile", [](const Helper& h) { h.SetAsNeedInstall("2.0", "n"); }},
+                    Remains{"Installing", [](const Helper& h) { h.SetAsInstalling(updater::kStepInstall); }},
+                    Remains{"InstallFailed", [](const Helper& h) { h.SetAsInstallFailed("2.0", "n"); }},
+                    Remains{"InstallFailedWithFile",
+                            [](const Helper& h) {
+                              WriteFile(path::kDownloadedOpkPath, "part");
+                              h.SetAsInstallFailed("2.0", "n");
+                            }},
+                    Remains{"DownloadingInstalling",
+                            [](const Helper& h) { h.SetAsDownloadInstalling(updater::kStepInstall); }},
+                    Remains{"DownloadInstallFailed", [](const Helper& h) { h.SetAsDownloadInstallFailed(); }}),
+    [](const auto& param) { return std::string(param.param.name); });
+
+TEST_F(PackctlTest, CheckSaysThatAFailedUpdateIsDueAgain) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  Status()->SetAsDownloadInstallFailed();
+  EXPECT_EQ(Run({"check"}).output, "The last update failed. Install version 1.0 again with \"packctl update\".\n");
+  EXPECT_EQ(RunJson({"status"}, 0)["status"], "need_download");
+  Status()->SetAsDownloadInstallFailed();
+  appliance_.SetFault([](const HttpRequest&, HttpResponse& response) { response.status = 500; });
+  EXPECT_EQ(Run({"check"}).status, 1) << "a server that does not answer offers nothing";
+  EXPECT_EQ(RunJson({"status"}, 0)["status"], "download_install_failed");
+}
+
 }  // namespace
 }  // namespace orbamira

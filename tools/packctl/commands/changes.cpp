@@ -190,7 +190,7 @@ Outcome NobodyToAsk() {
 
 }  // namespace
 
-Outcome Check(Context& /*context*/) {
+Outcome Check(Context& context) {
   if (updater::KOSHelper::Create()->GetPackUpdateServerUrl().empty()) {
     return NobodyToAsk();
   }
@@ -200,14 +200,18 @@ Outcome Check(Context& /*context*/) {
   const Json::Value installed_version = InstalledVersion();
   const std::string installed = Installed(installed_version);
   Outcome outcome;
-  if (found) {
+  const bool repeats =
+      !found && declined && updater::RepeatFailedUpdate(*context.lock, *updater.manager, *updater.status);
+  if (found || repeats) {
     const std::string version = ReadStatus().new_version;
     outcome = AnswerWithStatus(kExitDone, "check", "new_pack");
     outcome.json["version"] = version;
     outcome.changed = true;
     outcome.offer = PackIdentity{.version = version};
-    outcome.text = "A new pack is available: version " + tools::Printable(version) + ", " + installed +
-                   ".\nFetch and install it with \"packctl update\".\n";
+    outcome.text = repeats ? "The last update failed. Install version " + tools::Printable(version) +
+                                 " again with \"packctl update\".\n"
+                           : "A new pack is available: version " + tools::Printable(version) + ", " + installed +
+                                 ".\nFetch and install it with \"packctl update\".\n";
   } else if (declined) {
     outcome = AnswerWithStatus(kExitNothingToDo, "check", "nothing_new");
     outcome.json["version"] = *declined;
