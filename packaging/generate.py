@@ -20,7 +20,7 @@ GENERATED = "Made by packaging/generate.py: change what it is made from."
 
 PACKCTL_FILES = (
     ("/etc/orbamira/updater.conf", "The machine's settings (KEY=VALUE), which win over those of the maker in "
-     "/usr/share/orbamira/updater.conf: pack_update_server, plugin_time_limit and unpack_limit."),
+     "/usr/share/orbamira/updater.conf: pack_update_server, download_limit, plugin_time_limit and unpack_limit."),
     ("/etc/orbamira/account.json", "The account that is signed in, and its tokens; for root alone."),
     ("/etc/orbamira/keyring.pem", "The certificates that packages must be signed by. Where there is none, unsigned "
      "packages are accepted."),

@@ -75,6 +75,7 @@ const char* const kMajorVersion = "major_version";
 const char* const kMinorVersion = "minor_version";
 const char* const kBuildNumber = "build_number";
 const char* const kPackUpdateServer = "pack_update_server";
+const char* const kDownloadLimit = "download_limit";
 const char* const kUnpackLimit = "unpack_limit";
 
 }  // namespace common

@@ -112,6 +112,8 @@ extern const char* const kMinorVersion;
 extern const char* const kBuildNumber;
 /// Key of the update server's address in the settings files.
 extern const char* const kPackUpdateServer;
+/// Key of the bytes that a download may have, in the settings files.
+extern const char* const kDownloadLimit;
 /// Key of the bytes that an archive may unpack to, in the settings files.
 extern const char* const kUnpackLimit;
 

@@ -7,6 +7,7 @@
 #include "platform/http/body_file.h"
 #include "platform/http/http_only.h"
 #include "platform/http/http_transfer.h"
+#include "platform/http/size_limit.h"
 
 namespace orbamira::wrapper {
 
@@ -19,8 +20,15 @@ void CprSession::SetUrl(const cpr::Url& url) { SetHttpUrl(session_, url.str()); 
 cpr::Response CprSession::DownloadToFile(std::ofstream& file) {
   cpr::Response response;
   try {
+    const SizeLimit limit = SizeLimitFromSettings();
     BodyFile body(file);
-    response = Fetch(session_, TransferLimits{}, [&body](std::string_view bytes) {
+    std::int64_t size = 0;
+    response = Fetch(session_, TransferLimits{}, [&](std::string_view bytes) {
+      size += static_cast<std::int64_t>(bytes.size());
+      if (size > limit.bytes) {
+        body.StartOver();  // others need the room
+      }
+      ExpectWithin(limit, size);
       body.Write(bytes);
       return true;
     });

@@ -3,7 +3,6 @@
 #include <curl/curl.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <optional>
@@ -14,10 +13,12 @@
 
 #include "platform/exception.h"
 #include "platform/http/body_file.h"
+#include "platform/http/content_range.h"
 #include "platform/http/download_policy.h"
 #include "platform/http/http_only.h"
 #include "platform/http/http_transfer.h"
 #include "platform/http/progress_throttle.h"
+#include "platform/http/size_limit.h"
 
 namespace orbamira::wrapper {
 namespace {
@@ -34,55 +35,6 @@ constexpr long kPartialContent = 206;
 constexpr long kRangeNotSatisfiable = 416;
 constexpr long kTooManyRequests = 429;
 constexpr long kServerErrors = 500;
-
-struct ContentRange {
-  std::int64_t first = 0;
-  std::int64_t last = 0;
-  std::optional<std::int64_t> size;
-};
-
-// Takes a number off the front of the text.
-std::optional<std::int64_t> TakeNumber(std::string_view& text) {
-  std::int64_t number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || number < 0) {
-    return std::nullopt;
-  }
-  text.remove_prefix(static_cast<std::size_t>(end - text.data()));
-  return number;
-}
-
-bool TakeText(std::string_view& text, std::string_view expected) {
-  const bool found = text.starts_with(expected);
-  text.remove_prefix(found ? expected.size() : 0);
-  return found;
-}
-
-// "bytes FIRST-LAST/SIZE", where the size may be "*".
-std::optional<ContentRange> ParseContentRange(std::string_view text) {
-  ContentRange range;
-  if (!TakeText(text, "bytes ")) {
-    return std::nullopt;
-  }
-  const std::optional<std::int64_t> first = TakeNumber(text);
-  if (!first || !TakeText(text, "-")) {
-    return std::nullopt;
-  }
-  const std::optional<std::int64_t> last = TakeNumber(text);
-  if (!last || !TakeText(text, "/")) {
-    return std::nullopt;
-  }
-  range.first = *first;
-  range.last = *last;
-  if (text != "*") {
-    range.size = TakeNumber(text);
-    if (!range.size || !text.empty()) {
-      return std::nullopt;
-    }
-  }
-  const bool sound = range.first <= range.last && (!range.size || range.last < *range.size);
-  return sound ? std::optional<ContentRange>(range) : std::nullopt;
-}
 
 // What the answer now arriving says, the last one where there were redirects.
 class Answer {
@@ -122,6 +74,15 @@ class Answer {
   CURL* curl_;
 };
 
+// The lower of the two bounds that a body has.
+SizeLimit LimitOf(const DownloadPolicy& policy) {
+  SizeLimit limit = SizeLimitFromSettings();
+  if (policy.size && *policy.size < limit.bytes) {
+    return {*policy.size, "its size in the reply"};
+  }
+  return limit;
+}
+
 std::string ReasonOf(const cpr::Error& error) {
   return error.message.empty() ? std::to_string(error.code) : error.message;
 }
@@ -135,6 +96,7 @@ class Run {
         session_(session),
         answer_(session.GetCurlHolder()->handle),
         link_(std::move(link)),
+        limit_(OnDisk([&policy] { return LimitOf(policy); })),
         body_(OnDisk([&file] { return BodyFile(file); })),
         progress_(progress),
         random_(std::random_device()()) {}
@@ -218,7 +180,7 @@ class Run {
       use_ = Use::kErrorPage;
     } else if (status == kPartialContent && asked_for_rest_) {
       Continue();
-    } else if (status == kRangeNotSatisfiable && asked_for_rest_ &&
+    } else if (status == kRangeNotSatisfiable && asked_for_rest_ && !total_ &&
                answer_.Header("Content-Range") == "bytes */" + std::to_string(received_)) {
       total_ = received_;
       use_ = Use::kNothingLeft;
@@ -241,7 +203,10 @@ class Run {
     begun_ = true;
     received_ = 0;
     total_ = answer_.Length();
-    OnDisk([this] { body_.ExpectRoomFor(total_.value_or(0)); });
+    OnDisk([this] {
+      ExpectWithin(limit_, total_.value_or(0));
+      body_.ExpectRoomFor(total_.value_or(0));
+    });
     validator_ = answer_.Validator();
     use_ = Use::kAppend;
   }
@@ -293,10 +258,20 @@ class Run {
       validator_.clear();
       return false;
     }
-    OnDisk([&] { body_.Write(bytes); });
+    OnDisk([&] { WriteWithinLimit(bytes); });
     received_ += static_cast<std::int64_t>(bytes.size());
     progress_.Report(received_, total_.value_or(0));
     return true;
+  }
+
+  void WriteWithinLimit(std::string_view bytes) {
+    try {
+      ExpectWithin(limit_, received_ + static_cast<std::int64_t>(bytes.size()));
+    } catch (const std::system_error&) {
+      body_.StartOver();  // others need the room
+      throw;
+    }
+    body_.Write(bytes);
   }
 
   bool AppendToErrorPage(std::string_view bytes) {
@@ -330,6 +305,7 @@ class Run {
   cpr::Session& session_;
   Answer answer_;
   std::string link_;
+  SizeLimit limit_;
   BodyFile body_;
   ProgressThrottle progress_;
   std::minstd_rand random_;
@@ -377,5 +353,11 @@ std::shared_ptr<DownloadWrapper> MakeDownload(const DownloadPolicy& policy) {
 }
 
 std::shared_ptr<DownloadWrapper> DownloadWrapper::Create() { return MakeDownload(DownloadPolicy{}); }
+
+std::shared_ptr<DownloadWrapper> DownloadWrapper::CreateForSize(std::int64_t size) {
+  DownloadPolicy policy;
+  policy.size = size;
+  return MakeDownload(policy);
+}
 
 }  // namespace orbamira::wrapper

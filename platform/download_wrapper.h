@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -16,14 +17,17 @@ class ORBAMIRA_EXPORT DownloadWrapper {
   /// A fresh download; empty when none can be made.
   static std::shared_ptr<DownloadWrapper> Create();
 
+  /// As above, of a body that has at most `size` bytes: a larger one fails.
+  static std::shared_ptr<DownloadWrapper> CreateForSize(std::int64_t size);
+
   virtual ~DownloadWrapper() = default;
 
   /// Fetches the link and writes the body to `file`, which stays open and is the caller's. Blocks until the transfer
   /// ends. Returns the HTTP status; 200 is the only success, and then the whole body is on disk, also after a power
   /// cut. Throws Exception<kDownloadFailure> when the transfer failed: no connection, a stall (under 1 byte per second
   /// for 30 seconds; connecting and the first byte together may take 60), a cut that could not be mended, a link that
-  /// is neither http nor https, a body that could not be written or is announced larger than the room on the disk; of
-  /// such a body nothing stays in the file.
+  /// is neither http nor https, a body that could not be written, is larger than the settings' download_limit, or leaves
+  /// less free on the disk than a twentieth of it, up to 64 MiB; of such a body nothing stays in the file.
   virtual int DownloadToFile(std::ofstream& file) = 0;
 
   /// The link to fetch; http and https only, and so are redirects (ten at most, none from https to http).

@@ -101,7 +101,11 @@ bool PackHandler::Download(const std::string& link, const std::string& path) {
 
 bool PackHandler::DownloadWithProgress(const std::string& link, const std::string& path,
                                        std::function<void(long, long)>& progress) {
-  const auto download = wrapper::DownloadWrapper::Create();
+  return DownloadThrough(wrapper::DownloadWrapper::Create(), link, path, progress);
+}
+
+bool PackHandler::DownloadThrough(const std::shared_ptr<wrapper::DownloadWrapper>& download, const std::string& link,
+                                  const std::string& path, std::function<void(long, long)>& progress) const {
   if (download == nullptr) {
     ORBAMIRA_LOG_ERROR("Failed to create DownloadWrapper");
     return false;

@@ -12,6 +12,10 @@
 #include "platform/orba_sdk_wrapper.h"
 #include "updater/kos_helper.h"
 
+namespace orbamira::wrapper {
+class DownloadWrapper;
+}
+
 namespace orbamira::updater {
 
 /// The hands of the update: where the package lies, which version is installed, download, extraction, installation.
@@ -130,6 +134,11 @@ class ORBAMIRA_EXPORT PackHandler : public IPackHandler {
   /// Unpacks the package into the download directory and its payload into the temporary directory. Only a program that
   /// could not be run, or that a signal ended, is a failure.
   bool ExtractOpk(const std::string& opk_path) const;
+
+ protected:
+  /// What DownloadWithProgress() does, through `download`; a null one is a failure.
+  bool DownloadThrough(const std::shared_ptr<wrapper::DownloadWrapper>& download, const std::string& link,
+                       const std::string& path, std::function<void(long, long)>& progress) const;
 
  private:
   /// Unpacks the package and puts it where the old pack was; throws the install exception where that fails.

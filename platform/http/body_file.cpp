@@ -4,6 +4,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <system_error>
@@ -14,6 +15,10 @@ namespace {
 // curl gives 16 KiB at a time. Written like this they would take the kernel half as long again, and in its cache be
 // as many small pieces, which also costs those who read or delete the file.
 constexpr std::size_t kPieceSize = 256UL * 1024;
+
+// What stays free of a file system: one part of so many, up to so many bytes.
+constexpr std::uint64_t kReservedPart = 20;
+constexpr std::uint64_t kReserve = 64UL << 20;
 
 [[noreturn]] void ThrowErrno(const std::string& what) {
   throw std::system_error(errno != 0 ? errno : EIO, std::generic_category(), what);
@@ -56,15 +61,16 @@ void BodyFile::MakePrivate() {
 void BodyFile::ExpectRoomFor(std::int64_t size) {
   struct stat file {};
   struct statvfs disk {};
-  if (fstat(Descriptor(), &file) != 0 || !S_ISREG(file.st_mode) || fstatvfs(Descriptor(), &disk) != 0 ||
+  if (size <= 0 || fstat(Descriptor(), &file) != 0 || !S_ISREG(file.st_mode) || fstatvfs(Descriptor(), &disk) != 0 ||
       disk.f_blocks == 0) {
     return;
   }
-  const std::uint64_t room = std::uint64_t{disk.f_bfree} * disk.f_frsize;
-  if (size > 0 && static_cast<std::uint64_t>(size) > room) {
-    throw std::system_error(
-        ENOSPC, std::generic_category(),
-        "cannot write the file: it has " + std::to_string(size) + " bytes, " + std::to_string(room) + " are free");
+  const std::uint64_t free = std::uint64_t{disk.f_bavail} * disk.f_frsize;
+  const std::uint64_t reserve = std::min(kReserve, std::uint64_t{disk.f_blocks} / kReservedPart * disk.f_frsize);
+  if (free < reserve || static_cast<std::uint64_t>(size) > free - reserve) {
+    throw std::system_error(ENOSPC, std::generic_category(),
+                            "cannot write the file: it needs " + std::to_string(size) + " bytes, " +
+                                std::to_string(free) + " are free and " + std::to_string(reserve) + " stay free");
   }
 }
 
@@ -73,8 +79,8 @@ void BodyFile::Write(std::string_view bytes) {
     const std::string_view fitting = bytes.substr(0, kPieceSize - piece_.size());
     piece_ += fitting;
     bytes.remove_prefix(fitting.size());
-    if (piece_.size() == kPieceSize && !WriteOut()) {
-      DropAndThrow("cannot write the file");
+    if (piece_.size() == kPieceSize) {
+      WritePiece();
     }
   }
 }
@@ -88,7 +94,8 @@ void BodyFile::StartOver() {
 }
 
 void BodyFile::Flush() {
-  if (!WriteOut() || stream_.rdbuf()->pubsync() != 0) {
+  WritePiece();
+  if (stream_.rdbuf()->pubsync() != 0) {
     DropAndThrow("cannot write the file");
   }
 }
@@ -102,6 +109,19 @@ void BodyFile::Sync() {
 
 int BodyFile::Descriptor() const { return DescriptorOf::Get(*stream_.rdbuf()); }
 
+void BodyFile::WritePiece() {
+  try {
+    ExpectRoomFor(static_cast<std::int64_t>(piece_.size()));
+  } catch (const std::system_error&) {
+    piece_.clear();
+    Drop();
+    throw;
+  }
+  if (!WriteOut()) {
+    DropAndThrow("cannot write the file");
+  }
+}
+
 // Goes to the buffer itself, which never throws. A piece as large as ours passes it by: it is written without a copy.
 bool BodyFile::WriteOut() {
   errno = 0;
@@ -112,11 +132,15 @@ bool BodyFile::WriteOut() {
 }
 
 // Past the buffer: the few bytes still in it are written when the stream is closed, and then go to the beginning.
-void BodyFile::DropAndThrow(const std::string& what) {
-  const int error = errno;
+void BodyFile::Drop() {
   if (ftruncate(Descriptor(), begin_) == 0) {
     lseek(Descriptor(), begin_, SEEK_SET);
   }
+}
+
+void BodyFile::DropAndThrow(const std::string& what) {
+  const int error = errno;
+  Drop();
   errno = error;
   ThrowErrno(what);
 }

@@ -22,7 +22,8 @@ class BodyFile {
   BodyFile(const BodyFile&) = delete;
   BodyFile& operator=(const BodyFile&) = delete;
 
-  /// Fails when the file system has no room for a body of this many bytes, as far as it tells.
+  /// Fails when that many bytes more would leave too little free on the file system, as far as it tells: a twentieth of
+  /// it, at most 64 MiB, stays free for others. Every write is held to the same.
   void ExpectRoomFor(std::int64_t size);
 
   /// Adds to the body.
@@ -40,7 +41,9 @@ class BodyFile {
  private:
   [[nodiscard]] int Descriptor() const;
   void MakePrivate();
+  void WritePiece();
   [[nodiscard]] bool WriteOut();
+  void Drop();
   [[noreturn]] void DropAndThrow(const std::string& what);
 
   std::ofstream& stream_;

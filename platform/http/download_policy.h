@@ -1,8 +1,10 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "platform/download_wrapper.h"
@@ -19,6 +21,8 @@ struct DownloadPolicy {
   /// The wait before the first of them; it doubles with each, and is varied by a quarter so that many appliances which
   /// lost one server do not come back to it at once.
   std::chrono::milliseconds first_wait{std::chrono::seconds(1)};
+  /// What the update server says that the body has; a larger one fails. Empty where that is not known.
+  std::optional<std::int64_t> size = {};
   std::function<void(std::chrono::milliseconds)> wait = [](std::chrono::milliseconds time) {
     std::this_thread::sleep_for(time);
   };

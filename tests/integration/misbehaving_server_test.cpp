@@ -158,6 +158,13 @@ std::string PublishedLink() {
 
 std::string PublishedPackage() { return test::ReadFile(test::Root() / "srv" / fs::path(PublishedLink()).filename()); }
 
+void OffersWithoutSize(HttpResponse& response) { OffersWith("size", Json::nullValue)(response); }
+
+void SendWithoutEnd(HttpResponse& response) {
+  response.framing = HttpResponse::Framing::kUntilClose;
+  response.endless = true;
+}
+
 // The same package by another of its digests.
 auto OffersDigest(const char* algorithm) {
   return [algorithm](HttpResponse& response) {
@@ -435,10 +442,12 @@ std::vector<Misbehaviour> MisbehavioursOfThePackage() {
        .log = LogOfVerification,
        .downloads = true},
       {.name = "PackageIsLongerThanPublished",
+       .reply = OffersWithoutSize,
        .package = Always([](HttpResponse& response) { response.body += "more"; }),
        .log = LogOfVerification,
        .downloads = true},
       {.name = "PackageIsShorterThanItSays",
+       .reply = OffersWithoutSize,
        .package = Always([](HttpResponse& response) {
          if (response.status == 200) {
            response.claimed_length = 20000;
@@ -645,12 +654,8 @@ INSTANTIATE_TEST_SUITE_P(Package, MisbehavingServerTest, testing::ValuesIn(Misbe
 // It would fill the disk, and with it the place where the failure is to be recorded.
 TEST_F(MisbehavingServerTest, APackageWithoutEndGivesItsRoomBack) {
   appliance_.Publish("2.0", test::PatternOf(kMebibyte));
-  const Misbehaviour endless{.name = "PackageNeverEnds",
-                             .package = Always([](HttpResponse& response) {
-                               response.framing = HttpResponse::Framing::kUntilClose;
-                               response.endless = true;
-                             }),
-                             .downloads = true};
+  const Misbehaviour endless{
+      .name = "PackageNeverEnds", .reply = OffersWithoutSize, .package = Always(SendWithoutEnd), .downloads = true};
   const Log log = DownloadFails("cannot write the file: File too large")(PublishedLink());
   {
     const test::FileSizeLimit full(3 * kMebibyte);
@@ -670,6 +675,28 @@ TEST_F(MisbehavingServerTest, APackageWithoutEndGivesItsRoomBack) {
   appliance_.SetFault({});
   ASSERT_TRUE(manager_->CheckNewPack());
   ExpectHealthyUpdate(test::PatternOf(kMebibyte));
+}
+
+TEST_F(MisbehavingServerTest, PackctlTakesNoMoreThanTheSizeInTheReply) {
+  appliance_.Publish("2.0", "two");
+  const Log log = DownloadFails("the file is over 10240 bytes, its size in the reply: File too large")(PublishedLink());
+  ExpectPackctlSurvives({.name = "PackageNeverEnds", .package = Always(SendWithoutEnd), .log = {}, .downloads = true},
+                        log);
+  ExpectHealthyUpdate("two");
+}
+
+TEST_F(MisbehavingServerTest, ADownloadIsBoundedByTheSettings) {
+  appliance_.Publish("2.0", "two");
+  const std::string settings = test::ReadFile(path::kPkgSetting);
+  test::WriteFile(path::kPkgSetting, settings + "download_limit=10239\n");
+  const Misbehaviour endless{
+      .name = "PackageNeverEnds", .reply = OffersWithoutSize, .package = Always(SendWithoutEnd), .downloads = true};
+  const Log log = DownloadFails("the file is over 10239 bytes, the download_limit of the settings: File too large")(
+      PublishedLink());
+  ExpectLibrarySurvives(endless, log);
+  ExpectPackctlSurvives(endless, log);
+  test::WriteFile(path::kPkgSetting, settings + "download_limit=10240\n");
+  ExpectHealthyUpdate("two");
 }
 
 TEST_F(MisbehavingServerTest, ACheckThatFailsLeavesTheRecordAsItWas) {

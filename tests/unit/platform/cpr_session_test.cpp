@@ -3,9 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 
+#include "platform/constants.h"
 #include "tests/support/http_server.h"
 #include "tests/support/test_root.h"
 
@@ -68,6 +70,18 @@ TEST_F(CprSessionTest, DownloadToFileTakesABodyOfUnknownLength) {
     EXPECT_EQ(Download(server.Url()).status_code, 200);
     EXPECT_EQ(ReadFile(path_), body);
   }
+}
+
+TEST_F(CprSessionTest, DownloadToFileTakesNoMoreThanTheSettingsAllow) {
+  HttpServer server([](const HttpRequest&) {
+    return HttpResponse{.body = PatternOf(1000), .framing = HttpResponse::Framing::kChunked, .endless = true};
+  });
+  test::WriteFile(path::kPkgSetting, "download_limit=1500\n");
+  const cpr::Response response = Download(server.Url());
+  EXPECT_EQ(response.status_code, 0);
+  EXPECT_EQ(response.error.message, "the file is over 1500 bytes, the download_limit of the settings: File too large");
+  EXPECT_EQ(ReadFile(path_), "");
+  std::filesystem::remove(path::kPkgSetting);
 }
 
 TEST_F(CprSessionTest, DownloadToFileCanBeRepeatedWithAnotherUrl) {

@@ -2,21 +2,47 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <fstream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 #include <utility>
 #include <vector>
 
+#include "platform/constants.h"
 #include "platform/exception.h"
 #include "platform/http/download_policy.h"
 #include "tests/support/file_size_limit.h"
 #include "tests/support/http_server.h"
 #include "tests/support/test_root.h"
+
+namespace {
+
+// What is free on a disk of 1 GiB while it is empty; unset, files are on the disk that they are on.
+std::optional<std::uint64_t> free_on_empty_disk;
+
+}  // namespace
+
+// A disk that the product's code finds nearly full, which takes root to come by.
+extern "C" int fstatvfs(int fd, struct statvfs* disk) {
+  struct stat file {};
+  if (!free_on_empty_disk || fstat(fd, &file) != 0) {
+    return statvfs(("/proc/self/fd/" + std::to_string(fd)).c_str(), disk);
+  }
+  const auto size = static_cast<std::uint64_t>(file.st_size);
+  *disk = {};
+  disk->f_frsize = 4096;
+  disk->f_blocks = (1UL << 30U) / 4096;
+  disk->f_bavail = (*free_on_empty_disk - std::min(*free_on_empty_disk, size)) / 4096;
+  return 0;
+}
 
 namespace orbamira::wrapper {
 namespace {
@@ -276,11 +302,105 @@ TEST_F(DownloadWrapperTest, DownloadToFileOfAnEndlessBodyGivesTheRoomBackOnceThe
   EXPECT_THAT(server.Requests(), SizeIs(1));
 }
 
-TEST_F(DownloadWrapperTest, DownloadToFileOfABodyLargerThanTheDiskFailsAtOnce) {
+class DownloadWrapperLimitTest : public DownloadWrapperTest {
+ protected:
+  ~DownloadWrapperLimitTest() override {
+    free_on_empty_disk.reset();
+    std::filesystem::remove(path::kPkgSetting);
+    std::filesystem::remove(path::kDefaultPkgSetting);
+  }
+
+  HttpServer endless_{[](const HttpRequest&) {
+    return HttpResponse{.body = PatternOf(kMebibyte), .framing = HttpResponse::Framing::kChunked, .endless = true};
+  }};
+  HttpServer announcing_{
+      [](const HttpRequest&) { return HttpResponse{.body = PatternOf(1001), .claimed_length = 1001}; }};
+};
+
+TEST_F(DownloadWrapperLimitTest, DownloadToFileTakesNoMoreThanTheReplySays) {
+  policy_.size = 1000;
+  for (HttpServer* server : {&endless_, &announcing_}) {
+    EXPECT_EQ(FailureOf(server->Url()),
+              server->Url() + ": the file is over 1000 bytes, its size in the reply: File too large");
+    EXPECT_EQ(ReadFile(path_), "");
+    EXPECT_THAT(server->Requests(), SizeIs(1));
+  }
+  policy_.size = 1001;
+  EXPECT_EQ(Download(announcing_.Url()), 200);
+}
+
+TEST_F(DownloadWrapperLimitTest, DownloadToFileTakesNoMoreThanTheReplySaysWhenItIsTakenUp) {
+  const std::string body = PatternOf(1000);
+  int requests = 0;
+  HttpServer server([&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, "\"v1\"");
+    response.framing = HttpResponse::Framing::kChunked;
+    if (++requests == 1) {
+      response.close_at = 400;
+    }
+    return response;
+  });
+  policy_.size = 999;
+  EXPECT_THAT(FailureOf(server.Url()), HasSubstr("the file is over 999 bytes"));
+  EXPECT_EQ(ReadFile(path_), "");
+}
+
+TEST_F(DownloadWrapperLimitTest, DownloadToFileReturnsTheStatusOfAnErrorPageOverTheSize) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.status = 404, .body = PatternOf(1001)}; });
+  policy_.size = 1000;
+  EXPECT_EQ(Download(server.Url()), 404);
+}
+
+TEST_F(DownloadWrapperLimitTest, DownloadToFileTakesNoMoreThanTheSettingsAllow) {
+  test::WriteFile(path::kDefaultPkgSetting, "download_limit=\"1001\"\n");
+  EXPECT_EQ(Download(announcing_.Url()), 200);
+  test::WriteFile(path::kPkgSetting, "download_limit=\"1000\"\n");
+  policy_.size = 2000;
+  for (HttpServer* server : {&endless_, &announcing_}) {
+    EXPECT_EQ(FailureOf(server->Url()),
+              server->Url() + ": the file is over 1000 bytes, the download_limit of the settings: File too large");
+    EXPECT_EQ(ReadFile(path_), "");
+  }
+}
+
+TEST_F(DownloadWrapperLimitTest, DownloadToFileRefusesALimitThatIsNoNumberOfBytes) {
+  for (const char* malformed : {"16G", "-1", "0x10", "99999999999999999999"}) {
+    test::WriteFile(path::kPkgSetting, std::string("download_limit=") + malformed + "\n");
+    EXPECT_EQ(FailureOf(announcing_.Url()), announcing_.Url() + ": " + path::kPkgSetting +
+                                                ": download_limit is not a number of bytes: " + malformed +
+                                                ": Invalid argument");
+  }
+  EXPECT_THAT(announcing_.Requests(), IsEmpty());
+}
+
+// The disk would be full, for the record of the failure too.
+TEST_F(DownloadWrapperLimitTest, DownloadToFileOfAnEndlessBodyLeavesAReserveFree) {
+  free_on_empty_disk = 60 * kMebibyte;  // 51.2 of them are the reserve
+  EXPECT_THAT(FailureOf(endless_.Url()),
+              testing::MatchesRegex(endless_.Url() + ": cannot write the file: it needs 262144 bytes, [0-9]+ are free "
+                                                     "and 53686272 stay free: No space left on device"));
+  EXPECT_EQ(ReadFile(path_), "");
+  EXPECT_THAT(calls_.back().first, Le(static_cast<long>(9 * kMebibyte)));
+}
+
+TEST_F(DownloadWrapperLimitTest, DownloadToFileOfABodyThatDoesNotLeaveTheReserveFailsAtOnce) {
+  free_on_empty_disk = 52 * kMebibyte;
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = PatternOf(kMebibyte)}; });
+  EXPECT_EQ(FailureOf(server.Url()),
+            server.Url() +
+                ": cannot write the file: it needs 1048576 bytes, 54525952 are free and 53686272 stay free: No space "
+                "left on device");
+  EXPECT_THAT(calls_, IsEmpty());
+  free_on_empty_disk = 53 * kMebibyte;
+  EXPECT_EQ(Download(server.Url()), 200);
+}
+
+TEST_F(DownloadWrapperLimitTest, DownloadToFileOfABodyLargerThanTheDiskFailsAtOnce) {
+  test::WriteFile(path::kPkgSetting, "download_limit=9223372036854775807\n");
   HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "begin", .claimed_length = 1L << 60U}; });
   EXPECT_THAT(FailureOf(server.Url()),
-              testing::MatchesRegex(server.Url() + ": cannot write the file: it has 1152921504606846976 bytes, "
-                                                   "[0-9]+ are free: No space left on device"));
+              testing::MatchesRegex(server.Url() + ": cannot write the file: it needs 1152921504606846976 bytes, "
+                                                   "[0-9]+ are free and [0-9]+ stay free: No space left on device"));
   EXPECT_THAT(calls_, IsEmpty());
   EXPECT_EQ(ReadFile(path_), "");
   EXPECT_THAT(server.Requests(), SizeIs(1));

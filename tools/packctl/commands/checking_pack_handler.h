@@ -2,6 +2,8 @@
 
 #include <json/value.h>
 
+#include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -9,20 +11,27 @@
 
 namespace orbamira::packctl {
 
-/// The library's handler, which also remembers an offer that it turned down: a check that found nothing new and one
-/// that failed both give false, and the user wants to know which it was.
+/// The library's handler, which also
+/// - remembers an offer that it turned down: a check that found nothing new and one that failed both give false, and
+///   the user wants to know which it was;
+/// - takes no more of a package than the offer that its link came from says it has.
 class CheckingPackHandler : public updater::PackHandler {
  public:
   using PackHandler::CheckNewVersion;
+  using PackHandler::GetDownloadLink;
   using PackHandler::PackHandler;
 
   bool CheckNewVersion(const Json::Value& info) const override;
+  std::string GetDownloadLink(const Json::Value& info) const override;
+  bool DownloadWithProgress(const std::string& link, const std::string& path,
+                            std::function<void(long, long)>& progress) override;
 
   /// The version that the server offered and that is no newer than the installed one; empty when no offer arrived.
   [[nodiscard]] const std::optional<std::string>& declined_version() const { return declined_version_; }
 
  private:
   mutable std::optional<std::string> declined_version_;
+  mutable std::map<std::string, std::int64_t> sizes_;  // of packages, by their links
 };
 
 }  // namespace orbamira::packctl

@@ -23,7 +23,8 @@ std::string WithoutBlanks(std::string_view text) {
 }
 
 bool IsKnown(const std::string& key) {
-  return key == common::kPackUpdateServer || key == common::kUnpackLimit || key == kPluginTimeLimit;
+  return key == common::kPackUpdateServer || key == common::kUnpackLimit || key == common::kDownloadLimit ||
+         key == kPluginTimeLimit;
 }
 
 void CheckLine(const std::string& place, const std::string& line, Findings& findings) {
@@ -62,6 +63,8 @@ bool IsTimeLimit(const std::string& text) {
 }
 
 bool IsUnpackLimit(const std::string& text) { return IsNumber<std::uint64_t>(text, 0, UINT64_MAX); }
+
+bool IsDownloadLimit(const std::string& text) { return IsNumber<std::int64_t>(text, 0, INT64_MAX); }
 
 // The file that has the say about a key is the first that gives it a value.
 void CheckValue(const char* key, bool (*is_valid)(const std::string&), const char* kind, Findings& findings) {
@@ -109,6 +112,7 @@ Findings CheckSettings() {
   }
   CheckValue(kPluginTimeLimit, IsTimeLimit, "a number of seconds up to a day", findings);
   CheckValue(common::kUnpackLimit, IsUnpackLimit, "a whole number of bytes", findings);
+  CheckValue(common::kDownloadLimit, IsDownloadLimit, "a whole number of bytes", findings);
   CheckIdentity(kPackageInfoPath, common::kVersion, facts->GetVersionFromPath(kPackageInfoPath), findings);
   CheckIdentity(common::kDefaultOrbaInfoPath, common::kUnique, facts->GetUnique(), findings);
   CheckIdentity(common::kDefaultVersionPath, common::kMajorVersion, facts->GetMajorVersion(), findings);

@@ -1,0 +1,44 @@
+#include "platform/http/size_limit.h"
+
+#include <cerrno>
+#include <charconv>
+#include <system_error>
+
+#include "platform/constants.h"
+#include "platform/settings_file.h"
+
+namespace orbamira::wrapper {
+namespace {
+
+constexpr std::int64_t kDefaultLimit = 16LL << 30;
+
+}  // namespace
+
+SizeLimit SizeLimitFromSettings() {
+  const std::string source = std::string("the ") + common::kDownloadLimit + " of the settings";
+  for (const char* const settings : {path::kPkgSetting, path::kDefaultPkgSetting}) {
+    const std::string text = ReadSetting(settings, common::kDownloadLimit);
+    if (text.empty()) {
+      continue;
+    }
+    std::int64_t bytes = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, bytes);
+    if (error != std::errc() || stop != end || bytes < 0) {
+      throw std::system_error(
+          EINVAL, std::generic_category(),
+          std::string(settings) + ": " + common::kDownloadLimit + " is not a number of bytes: " + text);
+    }
+    return {bytes, source};
+  }
+  return {kDefaultLimit, source};
+}
+
+void ExpectWithin(const SizeLimit& limit, std::int64_t size) {
+  if (size > limit.bytes) {
+    throw std::system_error(EFBIG, std::generic_category(),
+                            "the file is over " + std::to_string(limit.bytes) + " bytes, " + limit.source);
+  }
+}
+
+}  // namespace orbamira::wrapper
