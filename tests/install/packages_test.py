@@ -22,6 +22,7 @@ from staged import WebServer
 SKIPPED = 77
 NEEDED = ("dpkg", "dpkg-deb", "dpkg-query", "systemd-sysusers", "systemd-tmpfiles", "systemctl")
 OLD_VERSION = "0.9.0"
+README = pathlib.Path(__file__).resolve().parents[2] / "packaging/README.md"
 DEFAULT_UNITS = ["orbamira-check.timer", "orbamira-recover.service"]
 CHOSEN_UNITS = ["orbamira-recover.service", "orbamira-update.timer"]
 
@@ -116,6 +117,25 @@ def complaints(output):
     return [line for line in output.splitlines() if re.search(r"directory '[^']*orbamira.*not empty", line)]
 
 
+def named_in_readme(packages):
+    """The packages that the page's command installs, of this folder; the command is apt's."""
+    command = re.search(r"^sudo apt install ((?:.*\\\n)*.*)$", README.read_text(), re.MULTILINE)[1]
+    patterns = [word.removeprefix("./build/packages/") for word in command.replace("\\\n", " ").split()]
+    return [package for pattern in patterns for package in packages if package.match(pattern)]
+
+
+def expect_readme_installs(report, packages):
+    """What the page names is all that apt has to be given. Nothing is installed."""
+    named = named_in_readme(packages)
+    done = subprocess.run(
+        ["apt-get", "--simulate", "-o", "Debug::NoLocking=true", "install", *(package.resolve() for package in named)],
+        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+    expected = sorted(field(package, "Package") for package in named)
+    seen = sorted(name for name in re.findall(r"^Inst (\S+)", done.stdout, re.MULTILINE) if name in expected)
+    report.expect("the page's command installs", expected, seen or done.stdout)
+    report.expect("the command line is among it", True, "orbamira-tools" in seen)
+
+
 class Report:
     failures = 0
 
@@ -137,6 +157,9 @@ def check(packages, build, folder):
     def expect_state(when, expected):
         report.expect(f"the packages {when}", {name: expected for name in names},
                       {name: root.status(name) for name in names})
+
+    if shutil.which("apt-get"):
+        expect_readme_installs(report, packages)
 
     # A first installation.
     root.dpkg("-i", *as_previous_version(packages, folder))
