@@ -1,9 +1,12 @@
 // "packctl account" against a provider of the test's own; the test is the browser.
 
+#include <arpa/inet.h>
 #include <cpr/cpr.h>
 #include <gmock/gmock.h>
 #include <json/reader.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -16,6 +19,7 @@
 
 #include "platform/constants.h"
 #include "platform/orbazelo.h"
+#include "platform/posix/unique_fd.h"
 #include "tests/support/appliance.h"
 #include "tests/support/oidc_provider.h"
 #include "tests/support/process.h"
@@ -71,6 +75,24 @@ std::vector<fs::path> FilesBesideTheAccount() {
   }
   std::sort(files.begin(), files.end());
   return files;
+}
+
+/// The most memory that the process had, in KiB.
+long PeakMemory(pid_t process) {
+  const std::string status = ReadFile("/proc/" + std::to_string(process) + "/status");
+  const std::size_t at = status.find("VmHWM:");
+  return at == std::string::npos ? 0 : std::stol(status.substr(at + 6));
+}
+
+/// A connection to the address, "http://127.0.0.1:PORT/...".
+UniqueFd ConnectTo(const std::string& address) {
+  sockaddr_in name{};
+  name.sin_family = AF_INET;
+  name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  name.sin_port = htons(static_cast<std::uint16_t>(std::stoi(address.substr(address.rfind(':') + 1))));
+  UniqueFd client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  EXPECT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name), 0);
+  return client;
 }
 
 /// A sign-in that waits for the browser.
@@ -509,6 +531,26 @@ TEST_F(PackctlAccountTest, PagesAreNotKeptAndLoadNothing) {
     EXPECT_EQ(page.header.at("Content-Type"), "text/html; charset=utf-8");
     EXPECT_THAT(page.header.at("Content-Security-Policy"), StartsWith("default-src 'none'; style-src 'sha256-"));
   }
+}
+
+// Any user of this machine can send to the port of a sign-in.
+TEST_F(PackctlAccountTest, AHeaderSectionWithoutEndTakesNoMemory) {
+  constexpr std::size_t kMost = std::size_t{256} * 1024 * 1024;
+  WaitingSignIn waiting(provider_.issuer());
+  const UniqueFd client = ConnectTo(waiting.Parameter("redirect_uri"));
+  const long before = PeakMemory(waiting.program().pid());
+  std::string fields = "GET / HTTP/1.1\r\n";
+  for (std::size_t sent = 0; sent < kMost;) {
+    const ssize_t length = send(client.get(), fields.data(), fields.size(), MSG_NOSIGNAL);
+    if (length <= 0) {
+      break;  // it was refused
+    }
+    sent += static_cast<std::size_t>(length);
+    fields.assign(std::size_t{64} * 1024, 'x');
+  }
+  EXPECT_EQ(waiting.Browse().status_code, 200);
+  EXPECT_LT(PeakMemory(waiting.program().pid()) - before, 16L * 1024);
+  EXPECT_EQ(waiting.program().Wait().status, 0);
 }
 
 TEST_F(PackctlAccountTest, SignInWaitsOnlySoLong) {

@@ -65,6 +65,25 @@ std::optional<std::size_t> Number(const std::string& text) {
   return result.ec == std::errc() && result.ptr == end ? std::optional(number) : std::nullopt;
 }
 
+// A value as a form encodes it; empty when it does not.
+std::optional<std::string> Decoded(std::string_view text) {
+  std::string decoded;
+  while (!text.empty()) {
+    if (text.front() != '%') {
+      decoded += text.front() == '+' ? ' ' : text.front();
+      text.remove_prefix(1);
+      continue;
+    }
+    unsigned char byte = 0;
+    if (text.size() < 3 || std::from_chars(text.data() + 1, text.data() + 3, byte, 16).ptr != text.data() + 3) {
+      return std::nullopt;
+    }
+    decoded += static_cast<char>(byte);
+    text.remove_prefix(3);
+  }
+  return decoded;
+}
+
 const char* Reason(int status) {
   switch (status) {
     case 200:
@@ -87,6 +106,8 @@ const char* Reason(int status) {
       return "Content Too Large";
     case 415:
       return "Unsupported Media Type";
+    case 421:
+      return "Misdirected Request";
     case 431:
       return "Request Header Fields Too Large";
     case 501:
@@ -111,6 +132,23 @@ std::string LowerCase(std::string_view text) {
 std::optional<std::string> HttpRequest::Field(const std::string& name) const {
   const auto field = fields.find(name);
   return field == fields.end() ? std::nullopt : std::optional(field->second);
+}
+
+std::optional<std::string> HttpRequest::Parameter(std::string_view name) const {
+  std::optional<std::string> value;
+  for (std::string_view rest = query; !rest.empty();) {
+    std::string_view pair = rest.substr(0, rest.find('&'));
+    rest.remove_prefix(std::min(pair.size() + 1, rest.size()));
+    if (TakeUntil(pair, "=") != name) {
+      continue;
+    }
+    const bool is_first = !value;
+    value = Decoded(pair);
+    if (!value || !is_first) {
+      return std::nullopt;
+    }
+  }
+  return value;
 }
 
 HttpReply ErrorReply(int status, const std::string& sentence) {
@@ -151,23 +189,23 @@ std::optional<std::variant<HttpRequest, HttpReply>> ParseRequest(std::string_vie
 }
 
 std::string HeadSection(const HttpReply& reply) {
-  std::string head =
-      "HTTP/1.1 " + std::to_string(reply.status) + " " + Reason(reply.status) +
-      "\r\n"
-      "Content-Type: " +
-      reply.type +
-      "\r\n"
-      "Content-Length: " +
-      std::to_string(reply.body->size()) +
-      "\r\n"
-      "Connection: close\r\n"
-      "Cache-Control: no-store\r\n"
-      "Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; "
-      "connect-src 'self'; img-src data:; frame-ancestors 'none'; base-uri 'none'; form-action 'none'\r\n"
-      "Cross-Origin-Opener-Policy: same-origin\r\n"
-      "Cross-Origin-Resource-Policy: same-origin\r\n"
-      "Referrer-Policy: no-referrer\r\n"
-      "X-Content-Type-Options: nosniff\r\n";
+  std::string head = "HTTP/1.1 " + std::to_string(reply.status) + " " + Reason(reply.status) +
+                     "\r\n"
+                     "Content-Type: " +
+                     reply.type +
+                     "\r\n"
+                     "Content-Length: " +
+                     std::to_string(reply.body->size()) +
+                     "\r\n"
+                     "Connection: close\r\n"
+                     "Cache-Control: no-store\r\n"
+                     "Content-Security-Policy: " +
+                     reply.policy +
+                     "\r\n"
+                     "Cross-Origin-Opener-Policy: same-origin\r\n"
+                     "Cross-Origin-Resource-Policy: same-origin\r\n"
+                     "Referrer-Policy: no-referrer\r\n"
+                     "X-Content-Type-Options: nosniff\r\n";
   if (!reply.allow.empty()) {
     head += "Allow: " + reply.allow + "\r\n";
   }

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <variant>
 
-/// The little of HTTP/1.1 that the page needs. One request a connection; nothing of a request is kept or believed
+/// The little of HTTP/1.1 that a page needs. One request a connection; nothing of a request is kept or believed
 /// before all of it is there.
 namespace orbamira::packctl {
 
@@ -26,15 +26,24 @@ struct HttpRequest {
 
   /// The field's value, whose name is given in lower case; empty when the request has none.
   [[nodiscard]] std::optional<std::string> Field(const std::string& name) const;
+
+  /// The decoded value of the query's parameter; empty when it is missing, comes twice or is wrongly encoded.
+  [[nodiscard]] std::optional<std::string> Parameter(std::string_view name) const;
 };
+
+/// What a page may load and run: what comes from its own server, and nothing else.
+constexpr const char* kOwnPartsAlone =
+    "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; img-src data:; "
+    "frame-ancestors 'none'; base-uri 'none'; form-action 'none'";
 
 /// An answer.
 struct HttpReply {
   int status = 200;
   std::string type = "application/json";
   std::shared_ptr<const std::string> body = {};
-  std::string allow = {};              ///< with status 405: the methods there are
-  std::chrono::milliseconds delay{0};  ///< how long the client waits for it
+  std::string policy = kOwnPartsAlone;  ///< for Content-Security-Policy
+  std::string allow = {};               ///< with status 405: the methods there are
+  std::chrono::milliseconds delay{0};   ///< how long the client waits for it
 };
 
 /// An answer in JSON with the one member "error".

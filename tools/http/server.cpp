@@ -46,41 +46,65 @@ WebServer::WebServer(UniqueFd listener, Answer answer)
 
 void WebServer::Run(int changed) {
   while (true) {
-    const bool accepts = accept_at_ <= Clock::now();
-    std::vector<pollfd> waited = {{.fd = accepts ? listener_.get() : -1, .events = POLLIN, .revents = 0},
-                                  {.fd = changed, .events = POLLIN, .revents = 0}};
-    for (const Client& client : clients_) {
-      waited.push_back(
-          {.fd = client.fd.get(), .events = kEvents.at(static_cast<std::size_t>(client.phase)), .revents = 0});
+    Serve(changed, Clock::time_point::max());
+  }
+}
+
+void WebServer::RunUntil(const std::function<bool()>& done, Clock::time_point limit) {
+  while (!done() && Clock::now() < limit) {
+    Serve(-1, limit);
+  }
+}
+
+void WebServer::Serve(int changed, Clock::time_point limit) {
+  const bool accepts = accept_at_ <= Clock::now();
+  std::vector<pollfd> waited = {{.fd = accepts ? listener_.get() : -1, .events = POLLIN, .revents = 0},
+                                {.fd = changed, .events = POLLIN, .revents = 0}};
+  for (const Client& client : clients_) {
+    waited.push_back(
+        {.fd = client.fd.get(), .events = kEvents.at(static_cast<std::size_t>(client.phase)), .revents = 0});
+  }
+  if (poll(waited.data(), waited.size(), Timeout(limit)) < 0 && errno != EINTR) {
+    tools::ThrowErrno("cannot wait for clients");
+  }
+  auto at = waited.begin() + 2;
+  for (Client& client : clients_) {
+    Go(client, (at++)->revents);
+  }
+  if (std::uint64_t count = 0; waited[1].revents != 0 && read(changed, &count, sizeof count) > 0) {
+    AskWaiting();
+  }
+  for (Client& client : clients_) {
+    if (client.deadline <= Clock::now()) {
+      Expire(client);
     }
-    if (poll(waited.data(), waited.size(), Timeout()) < 0 && errno != EINTR) {
-      tools::ThrowErrno("cannot wait for clients");
-    }
-    auto at = waited.begin() + 2;
-    for (Client& client : clients_) {
-      Go(client, (at++)->revents);
-    }
-    if (std::uint64_t count = 0; waited[1].revents != 0 && read(changed, &count, sizeof count) > 0) {
-      for (Client& client : clients_) {
-        if (client.phase == Phase::kWaiting) {
-          Ask(client, true);
-        }
-      }
-    }
-    for (Client& client : clients_) {
-      if (client.deadline <= Clock::now()) {
-        Expire(client);
-      }
-    }
-    clients_.remove_if([](const Client& client) { return client.phase == Phase::kDone; });
-    if (waited[0].revents != 0) {
-      Accept();
+  }
+  DropDone();
+  if (waited[0].revents != 0) {
+    Accept();
+    DropDone();
+  }
+}
+
+void WebServer::AskWaiting() {
+  for (Client& client : clients_) {
+    if (client.phase == Phase::kWaiting) {
+      Ask(client, true);
     }
   }
 }
 
-int WebServer::Timeout() const {
-  Clock::time_point next = accept_at_ > Clock::now() ? accept_at_ : Clock::time_point::max();
+bool WebServer::IsServing() const {
+  return std::any_of(clients_.begin(), clients_.end(),
+                     [](const Client& client) { return client.phase != Phase::kReading || !client.received.empty(); });
+}
+
+void WebServer::DropDone() {
+  clients_.remove_if([](const Client& client) { return client.phase == Phase::kDone; });
+}
+
+int WebServer::Timeout(Clock::time_point limit) const {
+  Clock::time_point next = accept_at_ > Clock::now() ? std::min(accept_at_, limit) : limit;
   for (const Client& client : clients_) {
     next = std::min(next, client.deadline);
   }
@@ -107,6 +131,7 @@ void WebServer::Accept() {
     std::string local = LocalAuthority(fd.get());
     clients_.push_back({.fd = std::move(fd), .local = std::move(local)});
     Enter(clients_.back(), Phase::kReading, kPatience);
+    Read(clients_.back());  // what a client on this machine has sent is there already
   }
 }
 

@@ -40,6 +40,16 @@ class WebServer {
   /// reset and the waiting clients are answered anew.
   [[noreturn]] void Run(int changed);
 
+  /// Serves until `done` gives true, which is asked before each round, or the time has come. Throws std::system_error.
+  /// Between two calls clients wait.
+  void RunUntil(const std::function<bool()>& done, std::chrono::steady_clock::time_point limit);
+
+  /// Answers the waiting clients anew.
+  void AskWaiting();
+
+  /// Whether a client has sent something and does not have the whole answer.
+  [[nodiscard]] bool IsServing() const;
+
  private:
   using Clock = std::chrono::steady_clock;
 
@@ -64,6 +74,7 @@ class WebServer {
     std::size_t sent = 0;
   };
 
+  void Serve(int changed, Clock::time_point limit);
   void Accept();
   void MakeRoom();
   void Enter(Client& client, Phase phase, Clock::duration patience) const;
@@ -74,7 +85,8 @@ class WebServer {
   void Drain(Client& client);
   void Go(Client& client, short events);
   void Expire(Client& client);
-  [[nodiscard]] int Timeout() const;
+  [[nodiscard]] int Timeout(Clock::time_point limit) const;
+  void DropDone();
 
   Answer answer_;
   UniqueFd listener_;

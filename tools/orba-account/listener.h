@@ -1,9 +1,10 @@
 #pragma once
 
 #include <chrono>
-#include <memory>
 #include <optional>
 #include <string>
+
+#include "tools/http/server.h"
 
 namespace orbamira::packctl {
 
@@ -13,19 +14,21 @@ struct AuthorizationAnswer {
   std::string error;
   std::string error_description;
   std::string issuer;  ///< RFC 9207; empty when the answer does not name it
+
+  friend bool operator==(const AuthorizationAnswer&, const AuthorizationAnswer&) = default;
 };
 
 /// Takes the provider's answer from the user's browser, on the loopback of this machine (RFC 8252, section 7.3).
 ///
 /// Any page that the browser shows, and any user of this machine, can send requests there: only one that is to the
 /// right address and knows the state counts, and only the first of them. The others get an error page and change
-/// nothing.
+/// nothing. Requests are answered during Wait() and ShowEnd(), on the caller's thread; in between they wait.
 class AnswerListener {
  public:
   /// Begins to listen on the port; 0 is a free one. Throws SignInError when that cannot be had.
-  AnswerListener(int port, const std::string& state);
+  AnswerListener(int port, std::string state);
 
-  /// Waits for the pages under way to be sent, a few seconds at most.
+  /// Shows that the sign-in has ended, when no other end was shown.
   ~AnswerListener();
 
   AnswerListener(const AnswerListener&) = delete;
@@ -34,16 +37,21 @@ class AnswerListener {
   /// Where the provider is to send the browser.
   [[nodiscard]] std::string RedirectUri() const;
 
-  /// Waits for the answer; empty when none came in time.
+  /// Waits for the answer; empty when none came in time. Throws std::system_error.
   [[nodiscard]] std::optional<AuthorizationAnswer> Wait(std::chrono::seconds limit);
 
-  /// Shows the end to the user, whose browser has waited for it: without a failure, that he is signed in.
+  /// Shows the end to the user, whose browser has waited for it: without a failure, that he is signed in. Takes a few
+  /// seconds at most. Only the first end is shown.
   void ShowEnd(const std::string& failure);
 
  private:
-  class State;
+  [[nodiscard]] std::optional<HttpReply> Answer(const HttpRequest& request, bool may_wait);
+  [[nodiscard]] std::optional<HttpReply> Take(const HttpRequest& request, bool may_wait);
 
-  std::shared_ptr<State> state_;
+  const std::string expected_;
+  std::optional<AuthorizationAnswer> answer_;
+  std::optional<std::string> failure_;  // why it ended; empty text: well
+  WebServer server_;
 };
 
 }  // namespace orbamira::packctl

@@ -22,6 +22,7 @@ using std::chrono::steady_clock;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
+using testing::StartsWith;
 
 class AccountListenerTest : public testing::Test {
  protected:
@@ -30,6 +31,21 @@ class AccountListenerTest : public testing::Test {
   static std::future<cpr::Response> Call(const AnswerListener& listener, const std::string& query) {
     return std::async(std::launch::async,
                       [address = listener.RedirectUri() + query] { return cpr::Get(cpr::Url(address)); });
+  }
+
+  static std::string HostOf(const AnswerListener& listener) {
+    const std::string uri = listener.RedirectUri();
+    const std::size_t begin = uri.find("//") + 2;
+    return uri.substr(begin, uri.rfind('/') - begin);
+  }
+
+  static void Send(const UniqueFd& client, const std::string& text) {
+    EXPECT_EQ(send(client.get(), text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
+  }
+
+  /// All that the listener answers; it is not asked to wait.
+  static std::string Received(const UniqueFd& client) {
+    return ReadUpTo(client.get(), std::size_t{64} * 1024).value_or("");
   }
 
   static UniqueFd Connect(const AnswerListener& listener) {
@@ -46,10 +62,10 @@ class AccountListenerTest : public testing::Test {
 
 TEST_F(AccountListenerTest, WaitGivesTheAnswerAndTheBrowserWaitsForTheEnd) {
   AnswerListener listener(0, "state");
-  std::future<cpr::Response> page = Call(listener, "?code=a%20code&state=state&iss=https%3A%2F%2Fi");
+  std::future<cpr::Response> page = Call(listener, "?code=a%20code+%2B&state=state&iss=https%3A%2F%2Fi");
   const auto answer = listener.Wait(seconds(30));
   ASSERT_TRUE(answer);
-  EXPECT_EQ(answer->code, "a code");
+  EXPECT_EQ(answer->code, "a code +");
   EXPECT_EQ(answer->error, "");
   EXPECT_EQ(answer->issuer, "https://i");
   EXPECT_EQ(page.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
@@ -77,16 +93,23 @@ TEST_F(AccountListenerTest, OnlyTheFirstAnswerCounts) {
   AnswerListener listener(0, "state");
   std::future<cpr::Response> first = Call(listener, "?code=1&state=state");
   ASSERT_TRUE(listener.Wait(seconds(30)));
-  EXPECT_EQ(Call(listener, "?code=2&state=state").get().status_code, 409);
+  const UniqueFd second = Connect(listener);
+  Send(second, "GET /callback?code=2&state=state HTTP/1.1\r\nHost: " + HostOf(listener) + "\r\n\r\n");
+  const UniqueFd reload = Connect(listener);
+  Send(reload, "GET /callback?code=1&state=state HTTP/1.1\r\nHost: " + HostOf(listener) + "\r\n\r\n");
   EXPECT_EQ(listener.Wait(seconds(0))->code, "1");
   listener.ShowEnd("");
   EXPECT_EQ(first.get().status_code, 200);
+  EXPECT_THAT(Received(second), StartsWith("HTTP/1.1 409 "));
+  EXPECT_THAT(Received(reload), StartsWith("HTTP/1.1 200 "));
 }
 
 TEST_F(AccountListenerTest, WaitEndsWithoutAnAnswer) {
   AnswerListener listener(0, "state");
-  EXPECT_EQ(Call(listener, "?code=1&state=other").get().status_code, 400);
-  EXPECT_FALSE(listener.Wait(seconds(0)));
+  const UniqueFd wrong = Connect(listener);
+  Send(wrong, "GET /callback?code=1&state=other HTTP/1.1\r\nHost: " + HostOf(listener) + "\r\n\r\n");
+  EXPECT_FALSE(listener.Wait(seconds(1)));
+  EXPECT_THAT(Received(wrong), StartsWith("HTTP/1.1 400 "));
 }
 
 TEST_F(AccountListenerTest, ABrowserThatStillWaitsIsToldThatItIsOver) {

@@ -52,6 +52,17 @@ TEST(ParseRequestTest, KnowsTheTargetsParts) {
   EXPECT_EQ(parts("/a?b?c"), "/a | b?c");
 }
 
+TEST(HttpRequestTest, ParameterGivesTheOnlyValueDecoded) {
+  HttpRequest request;
+  request.query = "a=1%202+3%2b%C3%BC&b=&c&d=1&d=2&e=%4&f=%zz&g=%&h=%2&last=x=y";
+  EXPECT_EQ(request.Parameter("a"), "1 2 3+\u00fc");
+  EXPECT_EQ(request.Parameter("b"), "");
+  EXPECT_EQ(request.Parameter("last"), "x=y");
+  for (const char* name : {"", "c", "d", "e", "f", "g", "h", "none"}) {
+    EXPECT_EQ(request.Parameter(name), std::nullopt) << name;
+  }
+}
+
 TEST(ParseRequestTest, RefusesWhatItDoesNotUnderstand) {
   for (const char* line :
        {"GET", "GET /", "GET / HTTP/2", "GET / HTTP/1.1 more", "GET  HTTP/1.1", "GET a HTTP/1.1",
@@ -104,7 +115,7 @@ TEST(HeadSectionTest, SaysWhatTheBodyIsAndWhatABrowserMustNotDo) {
 }
 
 TEST(HeadSectionTest, HasAReasonForEachStatusThatIsGiven) {
-  for (const int status : {200, 202, 400, 401, 403, 404, 405, 409, 413, 415, 431, 501, 503}) {
+  for (const int status : {200, 202, 400, 401, 403, 404, 405, 409, 413, 415, 421, 431, 501, 503}) {
     EXPECT_THAT(HeadSection(ErrorReply(status, "")), Not(HasSubstr("Internal"))) << status;
   }
   EXPECT_THAT(HeadSection(ErrorReply(500, "")), StartsWith("HTTP/1.1 500 Internal Server Error\r\n"));
