@@ -7,6 +7,7 @@
 #include <system_error>
 #include <utility>
 
+#include "tools/http/listener.h"
 #include "tools/orba-account/error.h"
 #include "tools/orba-account/page.h"
 
@@ -37,9 +38,7 @@ bool IsEqual(const std::string& left, const std::string& right) {
   return left.size() == right.size() && CRYPTO_memcmp(left.data(), right.data(), left.size()) == 0;
 }
 
-WebServer Listen(int port, WebServer::Answer answer) try {
-  return {kHost, port, std::move(answer)};
-} catch (const std::system_error&) {
+UniqueFd ListenAt(int port) try { return Listen(kHost, port); } catch (const std::system_error&) {
   throw SignInError(port == 0 ? "no port of this machine is free to take the provider's answer"
                               : "port " + std::to_string(port) + " is not free to take the provider's answer");
 }
@@ -48,7 +47,8 @@ WebServer Listen(int port, WebServer::Answer answer) try {
 
 AnswerListener::AnswerListener(int port, std::string state)
     : expected_(std::move(state)),
-      server_(Listen(port, [this](const HttpRequest& request, bool may_wait) { return Answer(request, may_wait); })) {}
+      server_(ListenAt(port), [this](const HttpRequest& request, bool may_wait) {
+  return Answer(request, may_wait); })) {}
 
 AnswerListener::~AnswerListener() { ShowEnd("the sign-in has ended"); }
 
