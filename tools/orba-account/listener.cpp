@@ -47,8 +47,8 @@ UniqueFd ListenAt(int port) try { return Listen(kHost, port); } catch (const std
 
 AnswerListener::AnswerListener(int port, std::string state)
     : expected_(std::move(state)),
-      server_(ListenAt(port), [this](const HttpRequest& request, bool may_wait) {
-  return Answer(request, may_wait); })) {}
+      server_(ListenAt(port), [this](const HttpRequest& request, bool may_wait) { return Answer(request, may_wait); }) {
+}
 
 AnswerListener::~AnswerListener() { ShowEnd("the sign-in has ended"); }
 
