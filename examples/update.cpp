@@ -1,11 +1,13 @@
-// Brings the codec pack up to date once and shows how far it is: what a host does at night or behind a button.
+// Brings the codec pack up to date once and shows how far it is: what a host does at night or behind a button. Killed
+// at any point and started again, it puts in order what it left and goes on.
 //
 // usage: update
 //
-// Ends with 0 after an update and when there is no new pack, and with 1 when the update failed; the reason is in the
-// system log, and so is why a check found nothing.
+// Ends with 0 after an update and when there is no new pack, and with 1 when the update failed or another program is at
+// work; the reason is in the system log, and so is why a check found nothing.
 
 #include <cstddef>
+#include <exception>
 #include <iostream>
 #include <memory>
 #include <utility>
@@ -19,6 +21,8 @@
 #include "updater/pack_manager.h"
 #include "updater/pack_status_helper.h"
 #include "updater/plugin_notifier.h"
+#include "updater/recovery.h"
+#include "updater/update_lock.h"
 
 namespace {
 
@@ -49,33 +53,45 @@ class TellingStatusHelper : public PackStatusHelper {
   mutable long told_quarters_ = 0;
 };
 
-}  // namespace
+// What there is to do under the lock; false when it failed.
+bool Update(const UpdateLock& lock) {
+  Recover(lock);  // what an earlier run left when it was killed, or the power went
 
-int main() {
   // PackManager::Create() makes a manager over the platform's services. Whoever wants one part to be another makes the
   // others the same way and hands them all over.
   std::shared_ptr<store::IKeyValueStore> store = store::FileKeyValueStore::Create(path::kPackStatusFile);
   std::shared_ptr<IPackHandler> handler = PackHandler::Create();
   if (store == nullptr || handler == nullptr) {
     std::cerr << "update: the status cannot be recorded in " << path::kPackStatusFile << '\n';
-    return 1;
+    return false;
   }
   const auto status = std::make_shared<TellingStatusHelper>(std::move(store));
   const PackManager manager(std::make_shared<wrapper::OrbaCoreWrapper>(), std::make_shared<wrapper::OrbaPkgWrapper>(),
                             KOSHelper::Create(), status, std::move(handler), PluginNotifier::Create());
 
-  // A check that finds a newer pack records it; only then there is something to do.
-  if (!manager.CheckNewPack()) {
+  // A check that finds a newer pack records it; besides that, there is only an update to do again that failed.
+  if (!manager.CheckNewPack() && !RepeatFailedUpdate(lock, manager, *status)) {
     std::cout << "no new pack\n";
-    return 0;
+    return true;
   }
   status->GetPackStatus();  // the queries answer from the last read
   std::cout << "new pack: version " << status->GetPackNewVersion() << '\n';
 
-  if (!manager.DownloadAndInstall()) {
+  if (!manager.DownloadAndInstall() || !ConfirmInstall(lock, *status)) {
+    Recover(lock);  // brings the old pack back
     std::cout << "update failed\n";
-    return 1;
+    return false;
   }
   std::cout << "up to date\n";
-  return 0;
+  return true;
+}
+
+}  // namespace
+
+int main() try {
+  const UpdateLock lock;  // packctl and other hosts keep away meanwhile
+  return Update(lock) ? 0 : 1;
+} catch (const std::exception& error) {
+  std::cerr << "update: " << error.what() << '\n';
+  return 1;
 }

@@ -10,6 +10,8 @@ class Aftermath:
     a failing call. `lost` collects how a pack, or the store, was less than promised; `stuck` what would need a person.
     """
 
+    PROGRAM = "packctl"  # that was struck
+
     def __init__(self, publisher, appliance, old, new, broken=None, after_error=False):
         self.publisher, self.appliance, self.old, self.new = publisher, appliance, old, new
         self.broken, self.after_error = broken, after_error
@@ -32,13 +34,13 @@ class Aftermath:
         """A program that met an error, and lived, has itself removed what it was building."""
         if self.appliance.half_built():
             self.stuck.append(f"not removed after the error: {' '.join(self.appliance.half_built())}")
-        if any(process == "packctl" and ".codec-pack.partial." in path for _, process, _, path in calls):
+        if any(process == self.PROGRAM and ".codec-pack.partial." in path for _, process, _, path in calls):
             self.stuck.append("the half-built pack was left to recovery after the error")
 
     def recover(self):
         """Recovery, as at boot."""
         appliance = self.appliance
-        self._packctl("recover", 0)
+        self._expect("recover", 0)
         if self.old and not appliance.pack.exists():
             self.lost.append("no pack is in place after recovery")
         if self.broken is not None:
@@ -49,12 +51,10 @@ class Aftermath:
             self.stuck.append(f"left behind by recovery: {' '.join(left)}")
 
     def go_on(self):
-        """The next days against the healthy server, by what the update timer's unit does and nothing else: its condition
-        is a check that ends with 0."""
+        """The next days against the healthy server, without a person."""
         appliance = self.appliance
         for _ in range(DAYS):
-            if self._packctl("check", 0, 2) == 0:
-                self._packctl("update", 0)
+            self._one_day()
             status = self._look_at_store()
             if status == "up_to_date":
                 break
@@ -65,6 +65,11 @@ class Aftermath:
         left = [path for path in appliance.leftovers() if path not in self.may_be_left]
         if left:
             self.stuck.append(f"left behind: {' '.join(left)}")
+
+    def _one_day(self):
+        """What the update timer's unit does, whose condition is a check that ends with 0."""
+        if self._expect("check", 0, 2) == 0:
+            self._expect("update", 0)
 
     def _look_at_store(self):
         if self.broken is None and not self.appliance.status_file.exists():
@@ -85,8 +90,21 @@ class Aftermath:
             self.lost.append("the text of the broken status store is gone")
         self.broken = None
 
-    def _packctl(self, command, *accepted):
-        done = self.appliance.packctl(command)
+    def _expect(self, command, *accepted):
+        done = self.appliance.run(self.PROGRAM, *command.split())
         if done.returncode not in accepted:
-            self.stuck.append(f"{command} ended with {done.returncode}: {(done.stdout + done.stderr).strip()}")
+            self.stuck.append(f"{self.PROGRAM} {command} ended with {done.returncode}: "
+                              f"{(done.stdout + done.stderr).strip()}")
         return done.returncode
+
+
+class HostAftermath(Aftermath):
+    """The same where a host of the library is all there is: it recovers, checks and updates each time it is started."""
+
+    PROGRAM = "host"
+
+    def recover(self):
+        """Left to the host, which does so when it starts again."""
+
+    def _one_day(self):
+        self._expect("", 0)

@@ -106,8 +106,8 @@ class Appliance:
         self.broken_status_file = self.root / "var/lib/orbamira/status.json.broken"
 
     @classmethod
-    def lay_out(cls, root, build, source):
-        """A fresh appliance with the programs of the build folder."""
+    def lay_out(cls, root, build, source, packctl=True):
+        """A fresh appliance with the programs of the build folder: with packctl, or with a host of the library alone."""
         appliance = cls(root)
         build, source = pathlib.Path(build).resolve(), pathlib.Path(source).resolve()
         libexec = appliance.root / "usr/libexec/orbamira"
@@ -122,7 +122,10 @@ class Appliance:
         (libexec / "orba-account").symlink_to(build / "tools/orba-account/orba-account")
         for script in SCRIPTS:
             (libexec / script).symlink_to(source / "libexec" / script)
-        (appliance.root / "packctl").symlink_to(build / "tools/packctl/packctl")
+        if packctl:
+            (appliance.root / "packctl").symlink_to(build / "tools/packctl/packctl")
+        else:
+            (appliance.root / "host").symlink_to(build / "tests/faults/update_host")
         shutil.copy(build / "packaging/INFO", share / "INFO")
         (share / "web").symlink_to(source / "tools/packctl/web/page")
         (settings / "system.conf").write_text('unique="test-appliance"\n')
@@ -142,14 +145,19 @@ class Appliance:
 
     def packctl(self, *arguments, wrapper=(), timeout=600):
         """Runs packctl, behind a wrapper command where one is given; returns the completed process."""
-        return subprocess.run([*map(str, wrapper), str(self.root / "packctl"), *arguments], env=self.environment(),
+        return self.run("packctl", *arguments, wrapper=wrapper, timeout=timeout)
+
+    def run(self, program, *arguments, wrapper=(), timeout=600):
+        """As above, for packctl or the host."""
+        return subprocess.run([*map(str, wrapper), str(self.root / program), *arguments], env=self.environment(),
                               stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=timeout, check=False)
 
-    def expect(self, *arguments):
-        """Runs packctl, which must end with 0."""
-        done = self.packctl(*arguments)
+    def expect(self, *arguments, program="packctl"):
+        """Runs packctl or the host, which must end with 0."""
+        done = self.run(program, *arguments)
         if done.returncode != 0:
-            raise RuntimeError(f"packctl {' '.join(arguments)} ended with {done.returncode}: {done.stdout}{done.stderr}")
+            raise RuntimeError(f"{program} {' '.join(arguments)} ended with {done.returncode}: "
+                               f"{done.stdout}{done.stderr}")
 
     def status(self):
         """The recorded status; "lost" when the store has none. Raises ValueError when the store is no JSON object."""

@@ -1,13 +1,15 @@
 #!/usr/bin/env python3
 """Brings every fault about at every file-changing system call of an update, and looks at what is left.
 
-Seven runs are struck: a first update; an upgrade, at once and as a download and an install; the removal of a pack; the
-check that finds a broken status store; and the recovery of an upgrade that was killed before its new pack was in place.
-Each is run once to number its calls. Then, for a call and a fault, the same is run again from the same state with that
+Seven runs of packctl are struck: a first update; an upgrade, at once and as a download and an install; the removal of a
+pack; the check that finds a broken status store; and the recovery of an upgrade that was killed before its new pack was
+in place. And three of a host of the library on an appliance without packctl: a first update; an upgrade; and its next
+start after an upgrade that was killed there. Each is run once to number its calls. Then, for a call and a fault, the same is run again from the same state with that
 fault: the whole family of processes is killed there, or killed with the loss of all data that was not synced (a power
 cut), or the call fails with EIO or ENOSPC. After it the pack must be whole or absent with the means to go on, and the
-status store readable; recovery, and then what the timers do in two days against the healthy server, must end up to date with
-the right pack and nothing left behind: a check, and an update where the check ended with 0.
+status store readable. Recovery, and then what the timers do in two days against the healthy server, must end up to date
+with the right pack and nothing left behind: a check, and an update where the check ended with 0. The host is started
+again and does all of that by itself.
 
 Recoveries that leave the disk in the same state share these days.
 
@@ -28,7 +30,7 @@ import sys
 import tempfile
 import time
 
-from aftermath import Aftermath
+from aftermath import Aftermath, HostAftermath
 from appliance import Appliance, Publisher
 
 ERRORS = ("EIO", "ENOSPC")
@@ -41,9 +43,16 @@ MOST_UNREACHED = 20  # one in so many
 @dataclasses.dataclass(frozen=True)
 class Scenario:
     start: Appliance  # copied for every run
-    command: str  # of packctl, the one that is struck
+    command: str  # of packctl, the one that is struck; empty for the host
     old: str | None  # version of the pack that is there before
     broken: bytes | None = None  # text of the status store when it is unreadable before
+
+    @property
+    def aftermath(self):
+        return Aftermath if self.command else HostAftermath
+
+    def run(self, appliance, *wrapper):
+        return appliance.run(self.aftermath.PROGRAM, *self.command.split(), wrapper=wrapper)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -101,13 +110,33 @@ class Matrix:
         broken.status_file.write_bytes(text)
         self.scenarios["broken store"] = Scenario(broken, "check", OLD, text)
 
-        killed = upgrade.copy_to(self.folder / "killed")
-        placing = next(int(number) for number, process, call, _ in self.calls("upgrade")
+        self.scenarios["recovery"] = Scenario(self.killed_while_placing("upgrade"), "recover", OLD)
+        self.prepare_hosts(old, new)
+
+    def prepare_hosts(self, old, new):
+        """The states of appliances without packctl."""
+        fresh = Appliance.lay_out(self.folder / "host-fresh", self.build, self.source, packctl=False)
+        fresh.use_server(new)
+        self.scenarios["host's update"] = Scenario(fresh, "", None)
+
+        upgrade = Appliance.lay_out(self.folder / "host-upgrade", self.build, self.source, packctl=False)
+        upgrade.use_server(old)
+        upgrade.expect(program="host")
+        upgrade.use_server(new)
+        self.scenarios["host's upgrade"] = Scenario(upgrade, "", OLD)
+
+        self.scenarios["host's next start"] = Scenario(self.killed_while_placing("host's upgrade"), "", OLD)
+
+    def killed_while_placing(self, name):
+        """The appliance of an upgrade that was killed just before its new pack was in place."""
+        scenario = self.scenarios[name]
+        killed = scenario.start.copy_to(self.folder / f"killed-{next(self.numbers)}")
+        placing = next(int(number) for number, process, call, _ in self.calls(name)
                        if process == "orba-copy" and call.startswith("rename"))
-        killed.packctl("update", wrapper=(self.injector, "--at", placing, "--fault", "kill", "--"))
+        scenario.run(killed, self.injector, "--at", placing, "--fault", "kill", "--")
         if killed.pack.exists() or not killed.backup.exists() or not killed.half_built():
             raise RuntimeError("the killed upgrade did not end before its pack was in place")
-        self.scenarios["recovery"] = Scenario(killed, "recover", OLD)
+        return killed
 
     @contextlib.contextmanager
     def appliance_for(self, scenario):
@@ -122,7 +151,7 @@ class Matrix:
         scenario = self.scenarios[name]
         with self.appliance_for(name) as appliance:
             record = self.folder / f"calls-{next(self.numbers)}"
-            done = appliance.packctl(scenario.command, wrapper=(self.injector, "--record", record, "--"))
+            done = scenario.run(appliance, self.injector, "--record", record, "--")
             if done.returncode != 0:
                 raise RuntimeError(f"the undisturbed {name} failed: {done.stdout}{done.stderr}")
             return read_record(record)
@@ -134,13 +163,14 @@ class Matrix:
             wrapper = [self.injector, "--record", record, "--at", case.call, "--fault", case.fault]
             if case.fault == "power":
                 wrapper += ["--below", appliance.root]
-            ended = appliance.packctl(scenario.command, wrapper=(*wrapper, "--")).returncode
+            ended = scenario.run(appliance, *wrapper, "--").returncode
             if ended == INJECTOR_FAILED:
                 raise RuntimeError(f"the injector failed at {case}")
             calls = read_record(record)
             record.unlink()
             state = appliance.state()
-            aftermath = Aftermath(self.publisher, appliance, scenario.old, NEW, scenario.broken, case.fault in ERRORS)
+            aftermath = scenario.aftermath(self.publisher, appliance, scenario.old, NEW, scenario.broken,
+                                           case.fault in ERRORS)
             aftermath.look()
             if aftermath.after_error and not scenario.start.half_built():
                 aftermath.look_after_error(calls)
@@ -153,7 +183,7 @@ class Matrix:
         key = name, recovered.appliance.state()
         if key not in self.known:
             scenario = self.scenarios[name]
-            later = Aftermath(self.publisher, recovered.appliance, scenario.old, NEW)
+            later = scenario.aftermath(self.publisher, recovered.appliance, scenario.old, NEW)
             later.may_be_left = recovered.may_be_left
             later.go_on()
             self.known[key] = later.lost, later.stuck
