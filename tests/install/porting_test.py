@@ -255,6 +255,11 @@ def main():
         kept = sorted(str(file.relative_to(stage.root)) for file in stage.root.rglob("*")
                       if file.is_file() and OLD_FOLDERS.search(file.read_bytes()))
         report.equal("files that name a folder of before", [], kept)
+        units = "\n".join(unit.read_text() for unit in stage.root.rglob("orbamira-*.service"))
+        report.equal("folders that services make under the name of before", [],
+                     re.findall(r"^\w+Directory=orbamira", units, re.MULTILINE))
+        report.equal("the services' folder of locks", {"acme/codecs"},
+                     set(re.findall(r"^RuntimeDirectory=(.*)", units, re.MULTILINE)))
         story = Story(stage, server, report)
         story.write_settings('{}="{}"')
         story.add_plugin()
