@@ -255,6 +255,21 @@ TEST_F(PackctlDoctorTest, FindsAFolderThatCannotBeWritten) {
   EXPECT_THAT(result.out, HasSubstr("permissions: " + folder.string() + " cannot be written: Permission denied.\n"));
 }
 
+// The download folder is its owner's alone.
+TEST_F(PackctlDoctorTest, SaysNothingOfADownloadThatTheUserMayNotSee) {
+  updater::PackStatusHelper::Create()->SetAsNeedInstall("2.0", "orbamira-hevc");
+  WriteFile(path::kDownloadedOpkPath, "package");
+  fs::permissions(test::Root(), fs::perms(0755));
+  fs::permissions(kDownloadFolder, fs::perms::none);
+  test::ProcessOptions options;
+  options.before_exec = test::BecomeOrdinaryUser;
+  const test::ProcessResult result = test::RunProgram(Appliance::PackctlCommand({"doctor"}), options);
+  fs::permissions(kDownloadFolder, fs::perms(0700));
+  EXPECT_THAT(result.out, HasSubstr("permissions: "));
+  EXPECT_THAT(result.out, Not(HasSubstr("no package is there")));
+  EXPECT_EQ(result.err, "");
+}
+
 /// Something that is wrong, alone.
 struct Fault {
   const char* name;

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <exception>
 #include <memory>
+#include <system_error>
 
 #include "platform/constants.h"
 #include "platform/posix/unique_fd.h"
@@ -59,6 +60,13 @@ Json::Value ObjectIn(const std::string& text) {
   }
 }
 
+/// False also for a user who may not look into the download folder.
+bool PackageIsMissing() {
+  std::error_code error;
+  const fs::file_type type = fs::status(path::kDownloadedOpkPath, error).type();
+  return type != fs::file_type::regular && error != std::errc::permission_denied;
+}
+
 void CheckRecordedStatus(const std::string& text, Findings& findings) {
   updater::PackStatus status{};
   try {
@@ -72,7 +80,7 @@ void CheckRecordedStatus(const std::string& text, Findings& findings) {
                         std::string("the recorded status is ") + StatusText(status) + ", but no packctl is at work",
                         kRecover});
   }
-  if (status == updater::kStatusNeedInstall && !fs::is_regular_file(path::kDownloadedOpkPath)) {
+  if (status == updater::kStatusNeedInstall && PackageIsMissing()) {
     findings.push_back({kState, "the recorded status is need_install, but no package is there", kRecover});
   }
 }
