@@ -18,6 +18,7 @@
 #include "platform/http/http_only.h"
 #include "platform/http/http_transfer.h"
 #include "platform/http/progress_throttle.h"
+#include "platform/http/shown_link.h"
 #include "platform/http/size_limit.h"
 
 namespace orbamira::wrapper {
@@ -117,14 +118,14 @@ class Run {
           break;
       }
       if (!begun_) {
-        throw DownloadFailure(link_ + ": " + reason_, __FILE_NAME__, __LINE__);
+        throw DownloadFailure(ShownLink(link_) + ": " + reason_, __FILE_NAME__, __LINE__);
       }
       if (received_ >= furthest_ + kProgressThatRenews) {
         furthest_ = received_;
         failed = 0;
       }
       if (++failed > policy_.resumes) {
-        throw DownloadFailure(link_ + ": " + reason_ + "; got " + Got() + ", taken up " +
+        throw DownloadFailure(ShownLink(link_) + ": " + reason_ + "; got " + Got() + ", taken up " +
                                   std::to_string(policy_.resumes) + " times without getting on",
                               __FILE_NAME__, __LINE__);
       }
@@ -287,7 +288,7 @@ class Run {
     try {
       return action();
     } catch (const std::system_error& error) {
-      throw DownloadFailure(link_ + ": " + error.what(), __FILE_NAME__, __LINE__);
+      throw DownloadFailure(ShownLink(link_) + ": " + error.what(), __FILE_NAME__, __LINE__);
     }
   }
 

@@ -26,8 +26,8 @@ class ORBAMIRA_EXPORT DownloadWrapper {
   /// ends. Returns the HTTP status; 200 is the only success, and then the whole body is on disk, also after a power
   /// cut. Throws Exception<kDownloadFailure> when the transfer failed: no connection, a stall (under 1 byte per second
   /// for 30 seconds; connecting and the first byte together may take 60), a cut that could not be mended, a link that
-  /// is neither http nor https, a body that could not be written, is larger than the settings' download_limit, or leaves
-  /// less free on the disk than a twentieth of it, up to 64 MiB; of such a body nothing stays in the file.
+  /// is neither http nor https, a body that could not be written, is larger than the settings' download_limit, or
+  /// leaves less free on the disk than a twentieth of it, up to 64 MiB; of such a body nothing stays in the file.
   virtual int DownloadToFile(std::ofstream& file) = 0;
 
   /// The link to fetch; http and https only, and so are redirects (ten at most, none from https to http).

@@ -9,6 +9,7 @@
 #include "platform/constants.h"
 #include "platform/download_wrapper.h"
 #include "platform/exception.h"
+#include "platform/http/shown_link.h"
 #include "platform/log.h"
 #include "platform/version.h"
 
@@ -27,7 +28,8 @@ constexpr int kPlacementFailed = 0;
 std::string TextMember(const Json::Value& info, const char* key) { return info.get(key, "").asString(); }
 
 void LogFailedStatus(const std::string& path, const std::string& link, int status) {
-  ORBAMIRA_LOG_INFO("Failed to download pack to %s from link: %s, status code: %d", path.c_str(), link.c_str(), status);
+  ORBAMIRA_LOG_INFO("Failed to download pack to %s from link: %s, status code: %d", path.c_str(),
+                    wrapper::ShownLink(link).c_str(), status);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/http/http_only.h"
+#include "platform/http/shown_link.h"
 #include "platform/log.h"
 #include "updater/json_text.h"
 
@@ -232,7 +233,7 @@ bool PackManager::FetchDownloadInfo(bool with_aac, Json::Value& pack_info) const
   const std::string unique = kos_helper_->GetUnique();
   if (url.empty() || package_version.empty() || kos_version.empty() || unique.empty()) {
     ORBAMIRA_LOG_ERROR("Bad request: pack update server url: %s, pkg version: %s, kos version: %s, kos unique: %s",
-                       url.c_str(), package_version.c_str(), kos_version.c_str(), unique.c_str());
+                       wrapper::ShownLink(url).c_str(), package_version.c_str(), kos_version.c_str(), unique.c_str());
     return false;
   }
 

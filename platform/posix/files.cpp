@@ -137,23 +137,6 @@ void WriteFully(int fd, const void* data, size_t size, const std::string& shown)
   }
 }
 
-std::string Printable(std::string_view text) {
-  std::string line;
-  line.reserve(text.size());
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte != 0x7f) {
-      line += c;
-      continue;
-    }
-    line += '\\';
-    for (const int shift : {6, 3, 0}) {
-      line += static_cast<char>('0' + ((byte >> shift) & 7));
-    }
-  }
-  return line;
-}
-
 int PrintAll(const char* text) {
   return std::fputs(text, stdout) >= 0 && std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/posix/unique_fd.h"
+#include "platform/printable.h"
 
 /// What the small programs share on top of the system calls: errors that name what they are about, and a walk that
 /// never follows a symbolic link.
@@ -51,8 +52,7 @@ size_t ReadFully(int fd, void* buffer, size_t size, const std::string& shown);
 /// Writes all of it. Throws std::system_error.
 void WriteFully(int fd, const void* data, size_t size, const std::string& shown);
 
-/// The text on one line whatever it holds: control characters become \ooo.
-std::string Printable(std::string_view text);
+using orbamira::Printable;
 
 /// Prints the whole standard output of a program; what the program is to exit with then.
 int PrintAll(const char* text);

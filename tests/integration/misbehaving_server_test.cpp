@@ -699,6 +699,30 @@ TEST_F(MisbehavingServerTest, ADownloadIsBoundedByTheSettings) {
   ExpectHealthyUpdate("two");
 }
 
+// The state of the page, which every user of the machine can read, holds the history.
+TEST_F(MisbehavingServerTest, NoSecretOfALinkIsShownLoggedOrKept) {
+  const test::RefusingPort port;
+  const std::string url = port.Url("/pack.opk");
+  for (const std::string& link : {"http://user:PW@" + url.substr(7), "ftp://user:PW@" + url.substr(7),
+                                  "http://user:PW@" + appliance_.server().Url("/missing").substr(7)}) {
+    appliance_.SetFault([link](const HttpRequest& request, HttpResponse& response) {
+      if (request.target.starts_with("/reply.json")) {
+        OffersWith(param::kLink, link)(response);
+      }
+    });
+    LogCapture::Clear();
+    EXPECT_FALSE(manager_->DownloadAndInstall());
+    for (const LogLine& line : LogCapture::Lines()) {
+      EXPECT_THAT(line.text, testing::Not(testing::HasSubstr("PW")));
+    }
+    const ProgramResult result = Appliance::Packctl({"update"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.errors, testing::AllOf(testing::HasSubstr("127.0.0.1"), testing::Not(testing::HasSubstr("PW"))));
+    EXPECT_THAT(Appliance::Packctl({"doctor"}).output, testing::Not(testing::HasSubstr("PW")));
+    EXPECT_THAT(test::ReadFile(path::kHistoryFile), testing::Not(testing::HasSubstr("PW")));
+  }
+}
+
 TEST_F(MisbehavingServerTest, ACheckThatFailsLeavesTheRecordAsItWas) {
   appliance_.Publish("2.0", "two");
   const auto record = Appliance::StatusRecord();

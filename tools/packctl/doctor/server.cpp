@@ -12,6 +12,7 @@
 
 #include "platform/constants.h"
 #include "platform/http/http_only.h"
+#include "platform/http/shown_link.h"
 #include "tools/packctl/doctor/checks.h"
 #include "tools/packctl/view/progress_text.h"
 #include "updater/json_text.h"
@@ -108,7 +109,7 @@ void CheckPackage(const std::string& link, Offer& offer, Findings& findings) {
   if (response.status_code != kOk) {
     const std::string why =
         response.status_code == 0 ? response.error.message : "status " + std::to_string(response.status_code);
-    findings.push_back({kServer, "the package on offer cannot be had from " + link + ": " + why,
+    findings.push_back({kServer, "the package on offer cannot be had from " + wrapper::ShownLink(link) + ": " + why,
                         "put the package there, or correct the link in the reply"});
     return;
   }

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "platform/constants.h"
+#include "platform/http/shown_link.h"
 #include "platform/orba_core_wrapper.h"
 #include "tools/packctl/doctor/checks.h"
 #include "updater/kos_helper.h"
@@ -107,7 +108,7 @@ Findings CheckSettings() {
     findings.push_back({kCheck, "no update server is set",
                         std::string("set ") + common::kPackUpdateServer + " in " + path::kPkgSetting});
   } else if (SchemeOf(server).empty()) {
-    findings.push_back({kCheck, "the update server's address is none of http or https: " + server,
+    findings.push_back({kCheck, "the update server's address is none of http or https: " + wrapper::ShownLink(server),
                         std::string("correct ") + common::kPackUpdateServer});
   }
   CheckValue(kPluginTimeLimit, IsTimeLimit, "a number of seconds up to a day", findings);
