@@ -22,8 +22,9 @@ KIB = 1024
 MIB = 1024 * KIB
 PAYLOAD = (8 * MIB, 8 * MIB)
 
-# Of an upgrade without plugins: every program has a supervisor, a copy of packctl.
-PROCESSES = {"packctl": 1, "supervisor": 10, "notify_plugin.py": 4, "orba-archive": 1, "orba-tar": 1, "orba-copy": 1,
+# Of an upgrade without plugins: every program has a supervisor, a copy of packctl. orba-archive judges the package after
+# the download, and unpacks it.
+PROCESSES = {"packctl": 1, "supervisor": 11, "notify_plugin.py": 4, "orba-archive": 2, "orba-tar": 1, "orba-copy": 1,
              "orba-remove": 3}
 
 SAVE = ["openat", "fchmod", "write", "fsync", "renameat"]  # and the fsync of the folder
@@ -100,7 +101,7 @@ class CallsOfAnUpdate(unittest.TestCase):
         package, payload = self.update.package_size, self.update.payload_size
         for program, pattern, bound in (
             ("packctl", r"/download/", package // BODY_PIECE + 2),
-            ("orba-archive", r"/package\.tgz$", package // UNPACKED_PIECE + 2),
+            ("orba-archive", r"/\.orba-archive\.[0-9.]+$", package // UNPACKED_PIECE + 2),
             # A piece ends where the compressed data that was read does, or the member.
             ("orba-tar", r"\.so", payload // UNPACKED_PIECE + 2 * len(PAYLOAD) + 2),
         ):

@@ -28,10 +28,10 @@ UnpackBudget::UnpackBudget(int folder, uint64_t limit) : limit_(limit), max_entr
     ThrowErrno("cannot tell the free space");
   }
   free_ = static_cast<uint64_t>(file_system.f_bavail) * file_system.f_frsize;
-  // A file system that makes inodes as it needs them says that it has none at all. Of the others, half is left to the
-  // rest of the machine.
+  // A file system that makes inodes as it needs them says that it has none at all. Elsewhere a tenth of the free ones
+  // is left to the rest of the machine.
   if (file_system.f_files != 0) {
-    max_entries_ = std::min<uint64_t>(max_entries_, file_system.f_favail / 2);
+    max_entries_ = std::min<uint64_t>(max_entries_, file_system.f_favail - file_system.f_favail / 10);
   }
 }
 
