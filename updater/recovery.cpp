@@ -20,9 +20,6 @@
 #include "platform/log.h"
 #include "platform/orba_sdk_wrapper.h"
 #include "platform/posix/remove_tree.h"
-#include "platform/version.h"
-#include "updater/kos_helper.h"
-#include "updater/pack_manager.h"
 #include "updater/pack_status_helper.h"
 #include "updater/status_record.h"
 #include "updater/update_lock.h"
@@ -260,15 +257,6 @@ class Recovery {
   std::optional<PackStatus> status_;
 };
 
-bool HasFailed(IPackStatusHelper& helper) {
-  try {
-    const PackStatus status = helper.GetPackStatus();
-    return status == kStatusDownloadFailed || status == kStatusInstallFailed || status == kStatusDownloadInstallFailed;
-  } catch (const std::logic_error&) {  // for the next recovery
-    return false;
-  }
-}
-
 }  // namespace
 
 RecoveryReport Recover(const UpdateLock& /*lock*/) { return Recovery().Run(); }
@@ -283,24 +271,6 @@ bool ConfirmInstall(const UpdateLock& lock, const IPackStatusHelper& status) {
   ORBAMIRA_LOG_ERROR("The new pack did not get into place");
   status.SetAsDownloadInstallFailed();
   return false;
-}
-
-bool RepeatFailedUpdate(const UpdateLock& /*lock*/, const PackManager& manager, IPackStatusHelper& status) {
-  const std::string installed = KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath);
-  Json::Value offer;
-  if (installed.empty() || !HasFailed(status) ||
-      !manager.FetchDownloadInfo(manager.IsAacNeeded() || manager.HasAacCurrently(), offer)) {
-    return false;
-  }
-  if (IsNewVersion(offer.get(param::kVersion, "").asString(), installed)) {
-    ORBAMIRA_LOG_INFO("The last update failed, but the installed version %s is newer than the offer",
-                      installed.c_str());
-    status.SetAsUpToDate();
-    return false;
-  }
-  ORBAMIRA_LOG_INFO("The last update failed and is to be done again: version %s", installed.c_str());
-  status.SetAsNeedDownload(installed);
-  return true;
 }
 
 std::vector<std::string> FindLeftovers() {

@@ -40,7 +40,7 @@ class Aftermath:
     def recover(self):
         """Recovery, as at boot."""
         appliance = self.appliance
-        self._expect("recover", 0)
+        self._expect("", 0, program="usr/libexec/orbamira/orba-recover")
         if self.old and not appliance.pack.exists():
             self.lost.append("no pack is in place after recovery")
         if self.broken is not None:
@@ -90,10 +90,11 @@ class Aftermath:
             self.lost.append("the text of the broken status store is gone")
         self.broken = None
 
-    def _expect(self, command, *accepted):
-        done = self.appliance.run(self.PROGRAM, *command.split())
+    def _expect(self, command, *accepted, program=None):
+        program = program or self.PROGRAM
+        done = self.appliance.run(program, *command.split())
         if done.returncode not in accepted:
-            self.stuck.append(f"{self.PROGRAM} {command} ended with {done.returncode}: "
+            self.stuck.append(f"{program} {command} ended with {done.returncode}: "
                               f"{(done.stdout + done.stderr).strip()}")
         return done.returncode
 

@@ -14,7 +14,7 @@ import subprocess
 import threading
 
 PACK_NAME = "orbamira-hevc"
-PROGRAMS = ("orba-archive", "orba-copy", "orba-remove")
+PROGRAMS = ("orba-archive", "orba-copy", "orba-recover", "orba-remove")
 SCRIPTS = ("notify_plugin.py", "get_app_id.py", "orbamira_plugin_runner.py", "orbamira_plugins.py")
 
 

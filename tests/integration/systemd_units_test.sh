@@ -2,11 +2,12 @@
 # The systemd units as they are installed: whether systemd understands them, how exposed it finds them, and whether the
 # folders of tmpfiles.d let members of the group share the lock files.
 #
-# usage: systemd_units_test.sh BUILD PACKCTL     (77: no systemd-analyze here)
+# usage: systemd_units_test.sh BUILD PACKCTL RECOVER     (77: no systemd-analyze here)
 set -euo pipefail
 
 build=$1
 packctl=$2
+recover=$3
 command -v systemd-analyze > /dev/null || exit 77
 
 # The most exposure that is allowed, in tenths. Four of them are for PrivateTmp and PrivateDevices, whose work others do.
@@ -23,7 +24,8 @@ fail() {
 }
 
 # The programs are the build's: those of this machine are not to be asked for.
-sed -i "s|/usr/bin/packctl|$packctl|g" "$units"/*.service
+sed -i "s|/usr/bin/packctl|$packctl|g; s|/usr/libexec/orbamira/orba-recover|$recover|g" "$units"/*.service
+grep -q "^ExecStart=$recover\$" "$units/orbamira-recover.service" || fail 'the boot does not recover by orba-recover'
 
 complaints=$(systemd-analyze verify --man=no --recursive-errors=no "$units"/orbamira-*.{service,timer,socket} 2>&1) ||
   fail "verify: $complaints"

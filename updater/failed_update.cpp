@@ -1,0 +1,44 @@
+#include <stdexcept>
+#include <string>
+
+#include "platform/constants.h"
+#include "platform/log.h"
+#include "platform/version.h"
+#include "updater/kos_helper.h"
+#include "updater/pack_manager.h"
+#include "updater/pack_status_helper.h"
+#include "updater/recovery.h"
+
+namespace orbamira::updater {
+namespace {
+
+bool HasFailed(IPackStatusHelper& helper) {
+  try {
+    const PackStatus status = helper.GetPackStatus();
+    return status == kStatusDownloadFailed || status == kStatusInstallFailed || status == kStatusDownloadInstallFailed;
+  } catch (const std::logic_error&) {  // for the next recovery
+    return false;
+  }
+}
+
+}  // namespace
+
+bool RepeatFailedUpdate(const UpdateLock& /*lock*/, const PackManager& manager, IPackStatusHelper& status) {
+  const std::string installed = KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath);
+  Json::Value offer;
+  if (installed.empty() || !HasFailed(status) ||
+      !manager.FetchDownloadInfo(manager.IsAacNeeded() || manager.HasAacCurrently(), offer)) {
+    return false;
+  }
+  if (IsNewVersion(offer.get(param::kVersion, "").asString(), installed)) {
+    ORBAMIRA_LOG_INFO("The last update failed, but the installed version %s is newer than the offer",
+                      installed.c_str());
+    status.SetAsUpToDate();
+    return false;
+  }
+  ORBAMIRA_LOG_INFO("The last update failed and is to be done again: version %s", installed.c_str());
+  status.SetAsNeedDownload(installed);
+  return true;
+}
+
+}  // namespace orbamira::updater
