@@ -9,6 +9,7 @@
 #include "platform/account/account_file.h"
 #include "platform/account/id_token.h"
 #include "platform/account/oidc_provider.h"
+#include "platform/account/token_check.h"
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 
@@ -32,28 +33,21 @@ bool IsValid(const ClientTokens& tokens) {
   return token && token->expires >= Now() + kRemainingValidity;
 }
 
-// Why the renewed token cannot be taken for the one that it replaces (OpenID Connect Core 1.0, section 12.2); empty
-// when it can.
-std::string FaultOf(const IssuedTokens& renewed, const ClientTokens& kept, const std::string& issuer) {
-  const std::optional<IdToken> token = ParseIdToken(renewed.id_token);
-  if (!token) {
-    return "it is missing or malformed";
+// What a renewed token must be: of the one whose token it replaces.
+TokenExpectation ExpectationOf(const Json::Value& account, const ClientTokens& kept, const IssuedTokens& renewed) {
+  TokenExpectation expected{.issuer = TextMember(account, "issuer"),
+                            .client_id = kept.client_id,
+                            .subject = TextMember(account, "user_id"),
+                            .nonce = "",
+                            .is_renewal = true,
+                            .access_token = renewed.access_token,
+                            .now = Now(),
+                            .provider_time = renewed.date};
+  if (const std::optional<JsonWebToken> old = ParseJsonWebToken(kept.id_token)) {
+    expected.subject = ReadClaims(old->claims).subject;
+    expected.nonce = old->claims["nonce"].isString() ? old->claims["nonce"].asString() : "";
   }
-  if (token->issuer != issuer) {
-    return "it is of another issuer";
-  }
-  if (!token->IsFor(kept.client_id)) {
-    return "it is for another client";
-  }
-  const std::optional<IdToken> old = ParseIdToken(kept.id_token);
-  if (old && old->subject != token->subject) {
-    return "it is of another user";
-  }
-  if (token->expires > Now()) {
-    return "";
-  }
-  const std::string clock = ClockFault(Now(), renewed.date);
-  return clock.empty() ? "it has expired" : "it seems to have expired, but " + clock;
+  return expected;
 }
 
 // Exchanges the tokens in the account for new ones. Called under the lock.
@@ -61,26 +55,23 @@ std::string Refresh(Json::Value account, const std::string& client, const Client
   if (tokens.refresh_token.empty()) {
     throw ZeloException("the identity token has expired and there is no refresh token for client " + client);
   }
-  const std::string issuer = TextMember(account, "issuer");
   AccountRoom room(account, kTokensLimit);  // before the refresh token is spent
-  const IssuedTokens renewed = RefreshTokens(issuer, tokens.client_id, tokens.refresh_token);
-  const std::string fault = FaultOf(renewed, tokens, issuer);
+  const Json::Value provider = DiscoverProvider(TextMember(account, "issuer"));
+  const std::string keys = EndpointOf(provider, "jwks_uri");
+  const std::string endpoint = EndpointOf(provider, "token_endpoint");
+  const IssuedTokens renewed = RefreshTokens(endpoint, tokens.client_id, tokens.refresh_token);
+  const TokenExpectation expected = ExpectationOf(account, tokens, renewed);
 
-  // A rotated refresh token is kept even beside an identity token that is of no use: the old one is spent, and without
-  // the new one a wrong clock here would sign the user out for good.
+  // A rotated refresh token is kept first, whatever the identity token is worth: the old one is spent, and without the
+  // new one a wrong clock here would sign the user out for good.
   Json::Value& kept = account["clients"][client];
   if (!renewed.refresh_token.empty()) {
     kept["refresh_token"] = renewed.refresh_token;
-  }
-  if (fault.empty()) {
-    kept["id_token"] = renewed.id_token;
-  }
-  if (fault.empty() || !renewed.refresh_token.empty()) {
     room.Write(account);
   }
-  if (!fault.empty()) {
-    throw ZeloException("the provider's identity token cannot be used: " + fault);
-  }
+  CheckIdToken(renewed.id_token, expected, [&] { return FetchKeys(keys); });
+  kept["id_token"] = renewed.id_token;
+  WriteAccount(account);
   return renewed.id_token;
 }
 

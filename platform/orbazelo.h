@@ -47,7 +47,8 @@ class ORBAMIRA_EXPORT PackagePkceClient {
 
   /// The stored identity token while it is valid for another minute. Otherwise a new one, fetched with the refresh
   /// token from the provider that `<issuer>/.well-known/openid-configuration` describes, and kept in the account file
-  /// together with a rotated refresh token. Blocks for the requests, at most a minute, and for another caller's.
+  /// together with a rotated refresh token. The new token must be signed by the provider, and be for this client and
+  /// the same user. Blocks for four requests of at most 20 seconds each, and for another caller's.
   /// Several processes and threads may call at once: one refreshes, the others take what it brought. Throws
   /// ZeloException with the reason for everything that goes wrong.
   [[nodiscard]] std::string GetIdToken() const;

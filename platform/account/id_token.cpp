@@ -17,7 +17,8 @@ bool IsBase64Url(char c) {
   return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
 }
 
-// Base64 in the alphabet for URLs, without padding.
+}  // namespace
+
 std::optional<std::string> DecodeBase64Url(std::string text) {
   const std::size_t padding = (4 - text.size() % 4) % 4;
   if (text.empty() || padding == 3 || !std::all_of(text.begin(), text.end(), IsBase64Url)) {
@@ -33,6 +34,8 @@ std::optional<std::string> DecodeBase64Url(std::string text) {
   }
   return std::string(bytes.begin(), bytes.end() - static_cast<std::ptrdiff_t>(padding));
 }
+
+namespace {
 
 std::optional<Json::Value> DecodeObject(const std::string& part) {
   const std::optional<std::string> text = DecodeBase64Url(part);

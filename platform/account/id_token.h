@@ -13,8 +13,7 @@ namespace orbazelo {
 /// The longest token that is taken, of any kind; in bytes.
 constexpr std::size_t kTokenLimit = std::size_t{64} * 1024;
 
-/// What an identity token (a JSON Web Token) says. Its signature is not looked at here: a renewed token comes straight
-/// from the provider over a connection that proves who that is.
+/// What an identity token (a JSON Web Token) says. Nothing of it is proved here: CheckIdToken() does that.
 struct IdToken {
   std::string issuer;                 ///< empty when missing
   std::string subject;                ///< empty when missing
@@ -35,6 +34,9 @@ struct JsonWebToken {
   std::string encoded_claims;
   std::string encoded_signature;
 };
+
+/// Base64 in the alphabet for addresses, without padding; empty when the text is none.
+std::optional<std::string> DecodeBase64Url(std::string text);
 
 /// Takes a token apart; empty when the text is not a well-formed one, or longer than kTokenLimit.
 std::optional<JsonWebToken> ParseJsonWebToken(const std::string& text);

@@ -203,11 +203,10 @@ IssuedTokens ExchangeCode(const std::string& token_endpoint, const CodeGrant& gr
                        limits, "give tokens for the sign-in", {grant.code, grant.code_verifier});
 }
 
-IssuedTokens RefreshTokens(const std::string& issuer, const std::string& client_id, const std::string& refresh_token,
-                           const ProviderLimits& limits) {
-  const std::string endpoint = EndpointOf(DiscoverProvider(issuer, limits), "token_endpoint");
+IssuedTokens RefreshTokens(const std::string& token_endpoint, const std::string& client_id,
+                           const std::string& refresh_token, const ProviderLimits& limits) {
   return RequestTokens(
-      endpoint,
+      token_endpoint,
       cpr::Payload{{"grant_type", "refresh_token"}, {"refresh_token", refresh_token}, {"client_id", client_id}}, limits,
       "renew the token", {refresh_token});
 }

@@ -46,8 +46,8 @@ std::string EndpointOf(const Json::Value& configuration, const std::string& name
 IssuedTokens ExchangeCode(const std::string& token_endpoint, const CodeGrant& grant, const ProviderLimits& limits = {});
 
 /// New tokens for a refresh token (Core 1.0, section 12).
-IssuedTokens RefreshTokens(const std::string& issuer, const std::string& client_id, const std::string& refresh_token,
-                           const ProviderLimits& limits = {});
+IssuedTokens RefreshTokens(const std::string& token_endpoint, const std::string& client_id,
+                           const std::string& refresh_token, const ProviderLimits& limits = {});
 
 /// Makes a refresh token worthless (RFC 7009).
 void RevokeToken(const std::string& revocation_endpoint, const std::string& client_id, const std::string& refresh_token,

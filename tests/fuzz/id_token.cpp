@@ -5,21 +5,21 @@
 
 #include <string>
 
+#include "platform/account/token_check.h"
+#include "platform/orbazelo.h"
 #include "tests/fuzz/fuzzing.h"
-#include "tools/orba-account/error.h"
-#include "tools/orba-account/token.h"
 
 namespace {
 
 using orbamira::fuzz::Require;
 
-const orbamira::packctl::TokenExpectation& Expected() {
-  static const orbamira::packctl::TokenExpectation expected{.issuer = "https://i",
-                                                            .client_id = "client",
-                                                            .nonce = "nonce",
-                                                            .access_token = "access",
-                                                            .now = 1'800'000'000,
-                                                            .provider_time = 1'800'003'600};
+const orbazelo::TokenExpectation& Expected() {
+  static const orbazelo::TokenExpectation expected{.issuer = "https://i",
+                                                   .client_id = "client",
+                                                   .nonce = "nonce",
+                                                   .access_token = "access",
+                                                   .now = 1'800'000'000,
+                                                   .provider_time = 1'800'003'600};
   return expected;
 }
 
@@ -30,18 +30,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const std::string keys = orbamira::fuzz::TakeLine(text);
   int asked = 0;
   try {
-    const orbazelo::IdToken token = orbamira::packctl::CheckIdToken(text, Expected(), [&] {
+    const orbazelo::IdToken token = orbazelo::CheckIdToken(text, Expected(), [&] {
       ++asked;
       return keys;
     });
     const auto parts = orbazelo::ParseJsonWebToken(text);
-    Require(parts && orbamira::packctl::IsSignatureAlgorithm(parts->header["alg"].asString()),
+    Require(parts && orbazelo::IsSignatureAlgorithm(parts->header["alg"].asString()),
             "only a token signed with a public key is taken");
     Require(asked > 0, "no token is taken without the provider's keys");
     Require(token.issuer == Expected().issuer && token.IsFor(Expected().client_id) &&
                 parts->claims["nonce"] == Expected().nonce && token.expires > Expected().now && !token.subject.empty(),
             "only a token that is ours is taken");
-  } catch (const orbamira::packctl::SignInError& error) {
+  } catch (const orbazelo::ZeloException& error) {
     Require(!std::string(error.what()).empty(), "a refusal has a reason");
   }
   Require(asked <= 2, "the keys are asked for once more at most");

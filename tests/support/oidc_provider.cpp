@@ -129,7 +129,9 @@ std::size_t OidcProvider::TokenRequests() const {
 
 std::string OidcProvider::LastForm() const {
   const std::vector<HttpRequest> requests = server_.Requests();
-  return requests.empty() ? "" : requests.back().body;
+  const auto last = std::find_if(requests.rbegin(), requests.rend(),
+                                 [](const HttpRequest& request) { return request.method == "POST"; });
+  return last == requests.rend() ? "" : last->body;
 }
 
 HttpResponse OidcProvider::Answer(const HttpRequest& request) {

@@ -11,6 +11,8 @@
 #include "platform/account/account_file.h"
 #include "platform/account/id_token.h"
 #include "platform/account/oidc_provider.h"
+#include "platform/account/secrets.h"
+#include "platform/account/token_check.h"
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/json/json_line.h"
@@ -19,8 +21,6 @@
 #include "tools/orba-account/error.h"
 #include "tools/orba-account/listener.h"
 #include "tools/orba-account/provider.h"
-#include "tools/orba-account/secrets.h"
-#include "tools/orba-account/token.h"
 #include "tools/packctl/view/local_time.h"
 
 namespace orbamira::packctl {
@@ -140,14 +140,14 @@ SignedIn Complete(const Context& context, const SignInProvider& provider, const 
                                                        .client_id = client_id,
                                                        .code_verifier = secrets.code_verifier});
   try {
-    orbazelo::IdToken token = CheckIdToken(tokens.id_token,
-                                           {.issuer = provider.issuer,
-                                            .client_id = client_id,
-                                            .nonce = secrets.nonce,
-                                            .access_token = tokens.access_token,
-                                            .now = std::time(nullptr),
-                                            .provider_time = tokens.date},
-                                           [&] { return orbazelo::FetchKeys(provider.jwks_uri); });
+    orbazelo::IdToken token = orbazelo::CheckIdToken(tokens.id_token,
+                                                     {.issuer = provider.issuer,
+                                                      .client_id = client_id,
+                                                      .nonce = secrets.nonce,
+                                                      .access_token = tokens.access_token,
+                                                      .now = std::time(nullptr),
+                                                      .provider_time = tokens.date},
+                                                     [&] { return orbazelo::FetchKeys(provider.jwks_uri); });
     Keep({provider.issuer, token.subject}, {client_id, tokens.id_token, tokens.refresh_token}, options.replace);
     return {std::move(token), !tokens.refresh_token.empty()};
   } catch (const std::exception&) {

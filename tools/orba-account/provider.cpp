@@ -6,9 +6,9 @@
 #include <algorithm>
 
 #include "platform/account/oidc_provider.h"
+#include "platform/account/secrets.h"
+#include "platform/account/token_signature.h"
 #include "tools/orba-account/error.h"
-#include "tools/orba-account/secrets.h"
-#include "tools/orba-account/signature.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -24,7 +24,7 @@ bool MayOffer(const Json::Value& configuration, const char* list, const char* wa
 
 bool SignsWithPublicKey(const Json::Value& algorithms) {
   return algorithms.isArray() && std::any_of(algorithms.begin(), algorithms.end(), [](const Json::Value& name) {
-           return name.isString() && IsSignatureAlgorithm(name.asString());
+           return name.isString() && orbazelo::IsSignatureAlgorithm(name.asString());
          });
 }
 
@@ -60,7 +60,9 @@ SignInProvider AskProvider(const std::string& issuer) {
           .configuration = configuration};
 }
 
-SignInSecrets MakeSecrets() { return {.state = RandomText(), .nonce = RandomText(), .code_verifier = RandomText()}; }
+SignInSecrets MakeSecrets() {
+  return {.state = orbazelo::RandomText(), .nonce = orbazelo::RandomText(), .code_verifier = orbazelo::RandomText()};
+}
 
 std::string AuthorizationAddress(const SignInProvider& provider, const SignInSecrets& secrets,
                                  const std::string& client_id, const std::string& redirect_uri) {
@@ -71,7 +73,8 @@ std::string AuthorizationAddress(const SignInProvider& provider, const SignInSec
   // A provider gives a refresh token only to who was asked about it (Core 1.0, section 11).
   address += provider.offers_refresh ? "&scope=openid%20offline_access&prompt=consent" : "&scope=openid";
   address += "&state=" + secrets.state + "&nonce=" + secrets.nonce;
-  address += "&code_challenge=" + ToBase64Url(Digest(secrets.code_verifier, "SHA256")) + "&code_challenge_method=S256";
+  address += "&code_challenge=" + orbazelo::ToBase64Url(orbazelo::Digest(secrets.code_verifier, "SHA256")) +
+             "&code_challenge_method=S256";
   return address;
 }
 

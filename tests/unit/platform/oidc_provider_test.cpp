@@ -23,15 +23,21 @@ using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 
+// As a renewal does: the endpoint is what the provider says.
+IssuedTokens RefreshFrom(const std::string& issuer, const std::string& client, const std::string& refresh_token,
+                         const ProviderLimits& limits = {}) {
+  return RefreshTokens(EndpointOf(DiscoverProvider(issuer, limits), "token_endpoint"), client, refresh_token, limits);
+}
+
 class RefreshTokensTest : public testing::Test {
  protected:
   RefreshTokensTest() { provider_.token_response["id_token"] = "new-id"; }
 
-  IssuedTokens Refresh() { return RefreshTokens(provider_.issuer(), "client", "old-refresh"); }
+  IssuedTokens Refresh() { return RefreshFrom(provider_.issuer(), "client", "old-refresh"); }
 
   std::string FailureOf(const std::string& issuer, const ProviderLimits& limits = {}) {
     try {
-      RefreshTokens(issuer, "client", "old-refresh", limits);
+      RefreshFrom(issuer, "client", "old-refresh", limits);
     } catch (const ZeloException& failure) {
       EXPECT_THAT(failure.what(), Not(HasSubstr("old-refresh")));
       return failure.what();
@@ -55,7 +61,7 @@ TEST_F(RefreshTokensTest, RefreshTokensSendsTheForm) {
 }
 
 TEST_F(RefreshTokensTest, RefreshTokensEncodesTheForm) {
-  RefreshTokens(provider_.issuer(), "a client", "1+2/3=&x=y");
+  RefreshFrom(provider_.issuer(), "a client", "1+2/3=&x=y");
   EXPECT_EQ(provider_.LastForm(), "grant_type=refresh_token&refresh_token=1%2B2%2F3%3D%26x%3Dy&client_id=a%20client");
 }
 
@@ -67,7 +73,7 @@ TEST_F(RefreshTokensTest, RefreshTokensReturnsARotatedToken) {
 
 TEST_F(RefreshTokensTest, RefreshTokensDropsTheSlashBehindTheIssuer) {
   provider_.configuration["issuer"] = provider_.issuer() + "/";
-  EXPECT_EQ(RefreshTokens(provider_.issuer() + "/", "client", "old-refresh").id_token, "new-id");
+  EXPECT_EQ(RefreshFrom(provider_.issuer() + "/", "client", "old-refresh").id_token, "new-id");
 }
 
 TEST_F(RefreshTokensTest, RefreshTokensRefusesAnIssuerThatIsNotSafe) {

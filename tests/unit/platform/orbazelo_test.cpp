@@ -25,9 +25,9 @@ namespace fs = std::filesystem;
 namespace path = orbamira::path;
 using orbamira::test::FileSizeLimit;
 using orbamira::test::HttpResponse;
-using orbamira::test::MakeIdToken;
 using orbamira::test::OidcProvider;
 using orbamira::test::ReadFile;
+using orbamira::test::SigningKey;
 using orbamira::test::WriteFile;
 using testing::AllOf;
 using testing::EndsWith;
@@ -37,6 +37,7 @@ using testing::Not;
 using testing::StartsWith;
 
 constexpr const char* kClient = "client";
+constexpr const char* kOtherUser = "the identity token is of another user than the one who is signed in";
 
 /// The account file while it is written.
 const std::string kUnfinished = std::string(path::kAccountFile) + ".new";
@@ -155,15 +156,24 @@ class PackagePkceClientTest : public testing::Test {
   PackagePkceClientTest() {
     fs::remove_all(path::kAccountFile);
     fs::remove_all(path::kAccountLock);
-    account_["user_id"] = "4711";
+    account_["user_id"] = provider_.user;
     account_["issuer"] = provider_.issuer();
     provider_.token_response["id_token"] = new_token_;
     provider_.token_response["refresh_token"] = "new-refresh";
     SetTokens(Token(-1), "old-refresh");
   }
 
-  [[nodiscard]] std::string Token(std::int64_t seconds) const {
-    return MakeIdToken(provider_.Claims(kClient, seconds));
+  [[nodiscard]] std::string Token(std::int64_t seconds) const { return Signed(provider_.Claims(kClient, seconds)); }
+
+  /// A token of the provider's.
+  [[nodiscard]] std::string Signed(const Json::Value& claims) const { return SignedBy(provider_.key, claims); }
+
+  [[nodiscard]] static std::string SignedBy(const SigningKey& key, const Json::Value& claims,
+                                            const std::string& algorithm = "ES256") {
+    Json::Value header;
+    header["alg"] = algorithm;
+    header["kid"] = "key-1";
+    return key.MakeToken(header, claims);
   }
 
   void SetTokens(const std::string& id_token, const std::string& refresh_token) {
@@ -185,7 +195,7 @@ class PackagePkceClientTest : public testing::Test {
   void ExpectRefused(const std::string& id_token, const std::string& fault) {
     provider_.token_response["id_token"] = id_token;
     SetTokens(Token(-1), "old-refresh");
-    EXPECT_EQ(Failure(), "the provider's identity token cannot be used: " + fault);
+    EXPECT_EQ(Failure(), fault);
     EXPECT_EQ(ReadAccount()["clients"][kClient]["id_token"], account_["clients"][kClient]["id_token"]);
     EXPECT_EQ(ReadAccount()["clients"][kClient]["refresh_token"], "new-refresh");
   }
@@ -222,7 +232,7 @@ TEST_F(PackagePkceClientTest, GetIdTokenRenewsAnExpiredToken) {
 TEST_F(PackagePkceClientTest, GetIdTokenRenewsATokenThatCannotBeRead) {
   Json::Value claims = provider_.Claims(kClient, 3600);
   claims.removeMember("exp");
-  for (const std::string& token : {std::string(), std::string("nonsense"), MakeIdToken(claims)}) {
+  for (const std::string& token : {std::string(), std::string("nonsense"), Signed(claims)}) {
     SetTokens(token, "old-refresh");
     EXPECT_EQ(Get(), new_token_) << token;
   }
@@ -338,48 +348,89 @@ TEST_F(PackagePkceClientTest, GetIdTokenReportsARevokedToken) {
 TEST_F(PackagePkceClientTest, GetIdTokenTellsAWrongClockFromAnExpiredToken) {
   provider_.clock_offset = -3660;
   ExpectRefused(Token(1800),
-                "it seems to have expired, but this machine's clock is 61 minutes ahead of the provider's");
+                "this machine's clock is 61 minutes ahead of the provider's: set the clock and sign in again");
   provider_.clock_offset = 0;
-  ExpectRefused(Token(-60), "it has expired");
+  ExpectRefused(Token(-60), "the provider's identity token has expired already");
 }
 
 TEST_F(PackagePkceClientTest, GetIdTokenRenewsUnderTheNameThatTheProviderKnows) {
   account_["clients"][kClient]["client_id"] = "4711";
   StoreAccount(account_);
-  provider_.token_response["id_token"] = MakeIdToken(provider_.Claims("4711", 3600));
+  provider_.token_response["id_token"] = Signed(provider_.Claims("4711", 3600));
   EXPECT_EQ(Get(), provider_.token_response["id_token"].asString());
   EXPECT_EQ(provider_.LastForm(), "grant_type=refresh_token&refresh_token=old-refresh&client_id=4711");
   EXPECT_EQ(ReadAccount()["clients"][kClient]["client_id"], "4711");
-  ExpectRefused(Token(3600), "it is for another client");
+  ExpectRefused(Token(3600), "the identity token is for another client than 4711");
 }
 
 TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenThatIsMalformed) {
-  ExpectRefused("", "it is missing or malformed");
-  ExpectRefused("nonsense", "it is missing or malformed");
+  ExpectRefused("", "the provider gave no well-formed identity token");
+  ExpectRefused("nonsense", "the provider gave no well-formed identity token");
 }
 
 TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenOfAnotherIssuer) {
   Json::Value claims = provider_.Claims(kClient, 3600);
   claims["iss"] = "https://other.example";
-  ExpectRefused(MakeIdToken(claims), "it is of another issuer");
+  ExpectRefused(Signed(claims), "the identity token is of another issuer than " + provider_.issuer());
 }
 
 TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenForAnotherClient) {
-  ExpectRefused(MakeIdToken(provider_.Claims("other", 3600)), "it is for another client");
+  ExpectRefused(Signed(provider_.Claims("other", 3600)), "the identity token is for another client than client");
 }
 
 TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenOfAnotherUser) {
   Json::Value claims = provider_.Claims(kClient, 3600);
   claims["sub"] = "somebody else";
-  ExpectRefused(MakeIdToken(claims), "it is of another user");
+  ExpectRefused(Signed(claims), kOtherUser);
 }
 
-TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenThatHasExpired) { ExpectRefused(Token(-1), "it has expired"); }
+// A token that nobody has signed, or somebody else, proves nothing, whoever brings it.
+TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenThatIsNotSignedByTheProvider) {
+  const Json::Value claims = provider_.Claims(kClient, 3600);
+  constexpr const char* kNoPublicKey =
+      "the identity token is not signed with a public key of the provider's: its algorithm is ";
+  Json::Value header;
+  header["alg"] = "none";
+  ExpectRefused(provider_.key.MakeToken(header, claims) + "AA", std::string(kNoPublicKey) + "none");
+  ExpectRefused(SignedBy(provider_.key, claims, "HS256"), std::string(kNoPublicKey) + "HS256");
+  ExpectRefused(SignedBy(SigningKey::Ec("key-1"), claims),
+                "the identity token's signature is not by the provider's key: it is forged or damaged");
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenKeepsTheNewRefreshTokenWhenTheKeysCannotBeFetched) {
+  provider_.keys_answer = [] { return HttpResponse{.status = 500}; };
+  ExpectRefused(new_token_, "the provider answered 500 when asked for its keys");
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenTakesOnlyTheNonceOfTheOldToken) {
+  Json::Value claims = provider_.Claims(kClient, -1);
+  claims["nonce"] = "first";
+  SetTokens(Signed(claims), "old-refresh");
+  EXPECT_EQ(Get(), new_token_);  // which has none
+  SetTokens(Signed(claims), "old-refresh");
+  claims["exp"] = claims["exp"].asInt64() + 3600;
+  provider_.token_response["id_token"] = Signed(claims);
+  EXPECT_EQ(Get(), provider_.token_response["id_token"].asString());
+  claims["nonce"] = "another";
+  ExpectRefused(Signed(claims), "the identity token is not of this sign-in: its nonce is another");
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenComparesTheUserWithTheAccountWithoutAnOldToken) {
+  SetTokens("", "old-refresh");
+  EXPECT_EQ(Get(), new_token_);
+  account_["user_id"] = "somebody else";
+  SetTokens("", "old-refresh");
+  EXPECT_EQ(Failure(), kOtherUser);
+}
+
+TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenThatHasExpired) {
+  ExpectRefused(Token(-1), "the provider's identity token has expired already");
+}
 
 TEST_F(PackagePkceClientTest, GetIdTokenChangesNothingWhenARefusedTokenCameAlone) {
   provider_.token_response = Json::objectValue;
   const std::string before = ReadFile(path::kAccountFile);
-  EXPECT_EQ(Failure(), "the provider's identity token cannot be used: it is missing or malformed");
+  EXPECT_EQ(Failure(), "the provider gave no well-formed identity token");
   EXPECT_EQ(ReadFile(path::kAccountFile), before);
 }
 
@@ -403,7 +454,7 @@ TEST_F(PackagePkceClientTest, GetIdTokenSpendsNoRefreshTokenOnAFullDisk) {
 TEST_F(PackagePkceClientTest, GetIdTokenHasTakenTheRoomForTheLongestTokens) {
   Json::Value claims = provider_.Claims(kClient, 3600);
   claims["more"] = std::string(40'000, 'x');
-  provider_.token_response["id_token"] = MakeIdToken(claims);
+  provider_.token_response["id_token"] = Signed(claims);
   provider_.token_response["refresh_token"] = std::string(kTokenLimit, '"');
   const FileSizeLimit full_disk(ReadFile(path::kAccountFile).size() + 3 * kTokenLimit + 4096);
   EXPECT_EQ(Get(), provider_.token_response["id_token"].asString());

@@ -3,15 +3,15 @@
 #include <functional>
 #include <stdexcept>
 
+#include "platform/account/secrets.h"
+#include "platform/account/token_check.h"
+#include "platform/orbazelo.h"
 #include "tests/support/signing_key.h"
-#include "tools/orba-account/error.h"
-#include "tools/orba-account/secrets.h"
-#include "tools/orba-account/token.h"
 
-namespace orbamira::packctl {
+namespace orbazelo {
 namespace {
 
-using test::SigningKey;
+using orbamira::test::SigningKey;
 
 constexpr std::int64_t kNow = 1'800'000'000;
 constexpr const char* kForged = "the identity token's signature is not by the provider's key: it is forged or damaged";
@@ -52,7 +52,7 @@ class AccountTokenTest : public testing::Test {
   std::string FailureOf(const std::string& token) {
     try {
       Check(token);
-    } catch (const SignInError& error) {
+    } catch (const ZeloException& error) {
       return error.what();
     }
     return "";
@@ -126,7 +126,7 @@ TEST_F(AccountTokenTest, CheckRefusesWhatIsSignedWithNoPublicKey) {
     Json::Value header = header_;
     header["alg"] = algorithm;
     const std::string token = Token();
-    return FailureOf(test::EncodeBase64Url(header.toStyledString()) + token.substr(token.find('.')));
+    return FailureOf(orbamira::test::EncodeBase64Url(header.toStyledString()) + token.substr(token.find('.')));
   };
   EXPECT_EQ(failure_with("ES256K"), std::string(kFront) + "ES256K");
   EXPECT_EQ(failure_with("es256"), std::string(kFront) + "es256");
@@ -226,7 +226,7 @@ TEST_F(AccountTokenTest, CheckUsesNoRsaKeyUnder2048Bits) {
   key_ = SigningKey::Rsa("key-1", 2040);
   header_["alg"] = "RS256";
   Show({key_.jwk()});
-  EXPECT_EQ(Failure(), kUnknownKey);
+  EXPECT_EQ(Failure(), kForged);
 }
 
 TEST_F(AccountTokenTest, CheckUsesNoKeyThatIsDamaged) {
@@ -322,7 +322,7 @@ TEST_F(AccountTokenTest, CheckRefusesATokenOfNobody) {
 TEST_F(AccountTokenTest, CheckRefusesTheAccessTokenOfAnother) {
   const auto half_of = [](const std::string& token, const char* hash) {
     const std::string digest = Digest(token, hash);
-    return test::EncodeBase64Url(digest.substr(0, digest.size() / 2));
+    return orbamira::test::EncodeBase64Url(digest.substr(0, digest.size() / 2));
   };
   constexpr const char* kOther = "the identity token does not belong to the access token that came with it";
   EXPECT_EQ(FailureWith("at_hash", half_of("access", "SHA256")), "");
@@ -377,5 +377,47 @@ TEST(AccountSecretsTest, NoTwoAreAlike) {
   EXPECT_NE(RandomText(), RandomText());
 }
 
+// By an exponent of 1 everybody signs, by an even one nobody.
+TEST_F(AccountTokenTest, CheckRefusesAWeakKeyOfRsa) {
+  key_ = SigningKey::Rsa("key-1");
+  header_["alg"] = "RS256";
+  for (const char* exponent : {"AQ", "AAAB", "BA", "AA", "", "!", "AQAAAAAAAAAB"}) {
+    Json::Value weak = key_.jwk();
+    weak["e"] = exponent;
+    Show({weak});
+    EXPECT_EQ(Failure(), kForged) << exponent;
+  }
+  key_ = SigningKey::Rsa("key-1", 1024);
+  Json::Value padded = key_.jwk();
+  padded["n"] = std::string(172, 'A') + padded["n"].asString();  // looks as long as one of 2048 bits
+  Show({padded});
+  EXPECT_EQ(Failure(), kForged);
+}
+
+TEST_F(AccountTokenTest, CheckRefusesAForgeryByAnExponentOfOne) {
+  constexpr std::size_t kBytes = 256;
+  Json::Value key;
+  key["kty"] = "RSA";
+  key["kid"] = "key-1";
+  key["n"] = orbamira::test::EncodeBase64Url(std::string(kBytes, '\xff'));
+  key["e"] = "AQ";
+  Show({key});
+  header_["alg"] = "RS256";
+  const auto encoded = [](const Json::Value& value) { return orbamira::test::EncodeBase64Url(value.toStyledString()); };
+  const std::string text = encoded(header_) + "." + encoded(claims_);
+  constexpr unsigned char kSha256Front[] = {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
+                                            0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20};
+  const std::string digest = std::string(std::begin(kSha256Front), std::end(kSha256Front)) + Digest(text, "SHA256");
+  const std::string front{'\0', '\1'};
+  const std::string signature = front + std::string(kBytes - 3 - digest.size(), '\xff') + '\0' + digest;
+  EXPECT_EQ(FailureOf(text + "." + orbamira::test::EncodeBase64Url(signature)), kForged);
+}
+
+TEST_F(AccountTokenTest, CheckRefusesATokenThatMayNotBeUsedYet) {
+  EXPECT_EQ(FailureWith("nbf", Json::Int64{kNow + 3600}), "the provider's identity token was issued in the future");
+  EXPECT_EQ(FailureWith("nbf", Json::Int64{kNow + 60}), "");
+  EXPECT_EQ(FailureWith("nbf", Json::Int64{kNow - 60}), "");
+}
+
 }  // namespace
-}  // namespace orbamira::packctl
+}  // namespace orbazelo

@@ -5,7 +5,7 @@
 
 #include "platform/account/id_token.h"
 
-namespace orbamira::packctl {
+namespace orbazelo {
 
 /// Whether identity tokens may be signed with this algorithm of RFC 7518: those with a public key only. A secret shared
 /// with the provider is nothing that this client has, and an unsigned token proves nothing.
@@ -18,8 +18,8 @@ namespace orbamira::packctl {
 using KeySource = std::function<std::string()>;
 
 /// Sees that the token is signed by a key of the provider's that is meant for it. The keys are asked for again when
-/// none of them is: the provider may just have put in a new one. Throws SignInError when the signature is no proof, and
-/// what `keys` throws.
-void CheckSignature(const orbazelo::JsonWebToken& token, const KeySource& keys);
+/// none of them is: the provider may just have put in a new one. Throws ZeloException when the signature is no proof,
+/// and what `keys` throws.
+void CheckSignature(const JsonWebToken& token, const KeySource& keys);
 
-}  // namespace orbamira::packctl
+}  // namespace orbazelo

@@ -1,4 +1,4 @@
-#include "tools/orba-account/secrets.h"
+#include "platform/account/secrets.h"
 
 #include <openssl/evp.h>
 #include <openssl/rand.h>
@@ -7,7 +7,7 @@
 #include <array>
 #include <stdexcept>
 
-namespace orbamira::packctl {
+namespace orbazelo {
 
 std::string ToBase64(const std::string& bytes) {
   std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
@@ -45,4 +45,4 @@ std::string RandomText() {
   return ToBase64Url({bytes.begin(), bytes.end()});
 }
 
-}  // namespace orbamira::packctl
+}  // namespace orbazelo
