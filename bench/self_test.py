@@ -43,7 +43,7 @@ def test_stages(build, folder):
     found = run(build, folder, "update", "--payload", "small", "--runs", "1", "--stages")
     expect(found["stages"].keys() == STAGES, "names of the stages")
     expect(all(time > 0 for time in found["stages"].values()), f"a stage took no time: {found['stages']}")
-    for program in ("packctl", "orba-archive", "orba-tar", "orba-copy", "orba-remove", "notify_plugin.py"):
+    for program in ("packctl", "orba-archive", "orba-tar", "orba-copy", "orba-remove", "notify-plugins"):
         expect(found["programs"][program]["peak"] > 0, f"figures of {program}")
 
 

@@ -35,8 +35,8 @@ const char* const kHevcAacPack = "orbamira-hevc-aac";
 
 namespace path {
 
-const char* const kNotifyPluginPyPath = AtRoot("/usr/libexec/orbamira/notify_plugin.py");
-const char* const kGetAppIdPyPath = AtRoot("/usr/libexec/orbamira/get_app_id.py");
+const char* const kNotifyPluginPyPath = AtRoot("/usr/libexec/orbamira/notify-plugins");
+const char* const kGetAppIdPyPath = AtRoot("/usr/libexec/orbamira/list-app-ids");
 const char* const kPluginFolder = AtRoot("/usr/lib/orbamira/plugins");
 const char* const kTempPluginAppIdPath = AtRoot("/run/orbamira/plugin-app-ids.json");
 const char* const kTarPath = AtRoot("/usr/libexec/orbamira/orba-tar");

@@ -65,10 +65,6 @@ bool IsHalfBuiltPack(const std::string& name) {
 // What a removal that was cut short had moved aside.
 bool IsHalfRemoved(const std::string& name) { return IsTemporaryOf(".removed", name); }
 
-bool IsTemporaryAnswer(const std::string& name) {
-  return name.starts_with(std::string(".").append(fs::path(path::kTempPluginAppIdPath).filename()).append("."));
-}
-
 // Where the folders lie that the updater has removed.
 std::array<fs::path, 2> FoldersOfRemovals() { return {kTargetFolder, fs::path(kDownloadFolder).parent_path()}; }
 
@@ -188,7 +184,7 @@ class Recovery {
   void RemovePluginAnswer() {
     const fs::path answer = path::kTempPluginAppIdPath;
     Remove(answer, "the plugins' old answer");
-    RemoveMatching(answer.parent_path(), "the temporary file", IsTemporaryAnswer);
+    RemoveMatching(answer.parent_path(), "the temporary file", TemporariesOf(answer));
   }
 
   void MendStatus() {
@@ -289,7 +285,7 @@ std::vector<std::string> FindLeftovers() {
                                         {cache, IsHalfRemoved},
                                         {store.parent_path(), TemporariesOf(store)},
                                         {account.parent_path(), TemporariesOf(account)},
-                                        {answer.parent_path(), IsTemporaryAnswer}}) {
+                                        {answer.parent_path(), TemporariesOf(answer)}}) {
     for (const fs::path& path : Matching(folder, matches)) {
       found.push_back(path.string());
     }

@@ -8,7 +8,7 @@ import subprocess
 import tempfile
 
 CHILDREN = {
-    "notify_plugin.py": "plugin calls",
+    "notify-plugins": "plugin calls",
     "orba-archive": "unpack, outer",
     "orba-tar": "unpack, inner",
     "orba-copy": "place",

@@ -14,8 +14,8 @@ import subprocess
 import threading
 
 PACK_NAME = "orbamira-hevc"
-PROGRAMS = ("orba-archive", "orba-copy", "orba-recover", "orba-remove")
-SCRIPTS = ("notify_plugin.py", "get_app_id.py", "orbamira_plugin_runner.py", "orbamira_plugins.py")
+PROGRAMS = ("orba-archive", "orba-copy", "orba-plugins", "orba-recover", "orba-remove")
+OTHER_NAMES = {"orba-tar": "orba-archive", "notify-plugins": "orba-plugins", "list-app-ids": "orba-plugins"}
 
 
 def tree(folder):
@@ -118,10 +118,9 @@ class Appliance:
             folder.mkdir(parents=True)
         for program in PROGRAMS:
             (libexec / program).symlink_to(build / "tools" / program / program)
-        (libexec / "orba-tar").symlink_to("orba-archive")
         (libexec / "orba-account").symlink_to(build / "tools/orba-account/orba-account")
-        for script in SCRIPTS:
-            (libexec / script).symlink_to(source / "libexec" / script)
+        for name, program in OTHER_NAMES.items():
+            (libexec / name).symlink_to(program)
         if packctl:
             (appliance.root / "packctl").symlink_to(build / "tools/packctl/packctl")
         else:

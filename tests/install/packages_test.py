@@ -136,6 +136,78 @@ def expect_readme_installs(report, packages):
     report.expect("the command line is among it", True, "orbamira-tools" in seen)
 
 
+class BareRoot:
+    """A copy of a root with nothing else but the libraries that its programs load, and a shell for a plugin."""
+
+    def __init__(self, root, folder):
+        self.folder = folder
+        shutil.copytree(root.folder, folder, symlinks=True)
+        shell = folder / "bin/sh"
+        shell.parent.mkdir()
+        shutil.copy("/bin/sh", shell)
+        for program in (root.folder / "usr/bin/packctl", *(root.folder / "usr/libexec/orbamira").iterdir(), shell):
+            for library in needed_libraries(program):
+                if not library.is_relative_to(root.folder) and not (folder / library.relative_to("/")).exists():
+                    (folder / library.relative_to("/")).parent.mkdir(parents=True, exist_ok=True)
+                    shutil.copy(library, folder / library.relative_to("/"))
+        for name in ("dev", "proc"):
+            (folder / name).mkdir()
+        (folder / "dev/null").touch()
+
+    def packctl(self, *arguments):
+        """What it ends with, and says, when this root is all that there is."""
+        script = ('mount --bind /dev/null "$0/dev/null" && mount --rbind /proc "$0/proc" && '
+                  'exec chroot "$0" /usr/bin/packctl "$@"')
+        done = subprocess.run([*OWN_ROOT, "sh", "-c", script, self.folder, *arguments], stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, timeout=120, check=False)
+        return done.returncode, done.stderr
+
+
+# An ordinary user is root in a namespace of his own, where the machine allows it.
+OWN_ROOT = ["unshare", "--user", "--map-root-user", "--mount"]
+
+RECORDING_PLUGIN = """#!/bin/sh
+[ "$1" = --app-id ] || echo "$2 $6 $8" >> /told
+"""
+
+
+def needed_libraries(program):
+    """The libraries that the program loads, and its loader; none for one that needs neither."""
+    done = subprocess.run(["ldd", program], capture_output=True, text=True, check=False)
+    return {pathlib.Path(path) for path in re.findall(r"(/\S+) \(0x", done.stdout)}
+
+
+def is_python(path):
+    if path.suffix in (".py", ".pyc"):
+        return True
+    with path.open("rb") as file:
+        return file.read(2) == b"#!" and b"python" in file.readline()
+
+
+def check_without_python(report, root, packages, folder, publish):
+    """Of the installed packages only the maker's needs Python: an update gets along without it."""
+    needing = {field(package, "Package") for package in packages if "python" in field(package, "Depends")}
+    report.expect("one package depends on Python", {"orbamira-mkpack"}, needing)
+    of_mkpack = {str(path).lstrip("/") for path in (root.database / "info/orbamira-mkpack.list").read_text().split("\n")}
+    report.expect("of the other files none is for Python", [],
+                  [name for name in root.files("usr", "etc", "lib") if name not in of_mkpack
+                   and not (root.folder / name).is_symlink() and is_python(root.folder / name)])
+    if subprocess.run([*OWN_ROOT, "true"], stderr=subprocess.DEVNULL, check=False).returncode != 0:
+        print("skipped: no update in a root without Python: this machine gives its users no namespaces")
+        return
+    bare = BareRoot(root, folder / "bare")
+    report.expect("a root has no Python", [], [path for path in (bare.folder / "usr").rglob("python3*") if path.is_file()])
+    plugin = bare.folder / "usr/lib/orbamira/plugins/10-recorder"
+    plugin.write_text(RECORDING_PLUGIN)
+    plugin.chmod(0o755)
+    publish("1.1.0")
+    report.expect("a check succeeds there", (0, ""), bare.packctl("check"))
+    report.expect("an update succeeds there", (0, ""), bare.packctl("update"))
+    report.expect("plugins were told there",
+                  ["uninstall pre 1.0.0", "uninstall post 1.0.0", "install pre 1.1.0", "install post 1.1.0"],
+                  (bare.folder / "told").read_text().splitlines() if (bare.folder / "told").exists() else [])
+
+
 class Report:
     failures = 0
 
@@ -194,10 +266,15 @@ def check(packages, build, folder):
         payload = folder / "payload"
         payload.mkdir()
         (payload / "codec").write_text("decoder\n")
-        root.run("usr/bin/mkpack", "--payload", payload, "--output", server.packs, "--name", "orbamira-hevc",
-                 "--version", "1.0.0", "--title", "HEVC", "--base-url", server.url)
+
+        def publish(pack_version):
+            root.run("usr/bin/mkpack", "--payload", payload, "--output", server.packs, "--name", "orbamira-hevc",
+                     "--version", pack_version, "--title", "HEVC", "--base-url", server.url)
+
+        publish("1.0.0")
         root.run("usr/bin/packctl", "check")
         root.run("usr/bin/packctl", "update")
+        check_without_python(report, root, packages, folder, publish)
     (settings / "keyring.pem").write_text("the maker's\n")
     before = root.files("var/lib/orbamira", "etc/orbamira")
 

@@ -24,7 +24,7 @@ PAYLOAD = (8 * MIB, 8 * MIB)
 
 # Of an upgrade without plugins: every program has a supervisor, a copy of packctl. orba-archive judges the package after
 # the download, and unpacks it.
-PROCESSES = {"packctl": 1, "supervisor": 11, "notify_plugin.py": 4, "orba-archive": 2, "orba-tar": 1, "orba-copy": 1,
+PROCESSES = {"packctl": 1, "supervisor": 11, "notify-plugins": 4, "orba-archive": 2, "orba-tar": 1, "orba-copy": 1,
              "orba-remove": 3}
 
 SAVE = ["openat", "fchmod", "write", "fsync", "renameat"]  # and the fsync of the folder
@@ -130,6 +130,10 @@ class ProcessesOfAnUpdate(unittest.TestCase):
         found = collections.Counter("supervisor" if process["forked"] else name_of(process)
                                     for process in self.watched["processes"])
         self.assertEqual(PROCESSES, dict(found))
+
+    def test_every_program_is_one_of_ours(self):
+        first_words = {pathlib.PurePath(process["command"][0]).name for process in self.watched["processes"]}
+        self.assertEqual(set(), first_words - PROCESSES.keys(), "an interpreter was started")
 
     def test_package_is_written_twice_and_payload_once(self):
         if self.watched["dirtied"] == 0:

@@ -128,7 +128,7 @@ class JsonSchemaTest(unittest.TestCase):
         self.check("recover", 0)
         (self.appliance.root / "var/lib/orbamira/codec-requirements.json").write_text("{")
         self.check("codecs", FAILED)
-        (self.appliance.root / "usr/libexec/orbamira/get_app_id.py").unlink()
+        (self.appliance.root / "usr/libexec/orbamira/list-app-ids").unlink()
         self.check("plugins", FAILED)
         for history in self.appliance.history:
             history.unlink(missing_ok=True)

@@ -30,8 +30,8 @@ void LinkPrograms() {
       {ORBAMIRA_TEST_ORBA_REMOVE, path::kRmPath},
       {ORBAMIRA_TEST_ORBA_ARCHIVE, path::kOrbaArchivePath},
       {ORBAMIRA_TEST_ORBA_ARCHIVE, path::kTarPath},
-      {ORBAMIRA_TEST_LIBEXEC "/notify_plugin.py", path::kNotifyPluginPyPath},
-      {ORBAMIRA_TEST_LIBEXEC "/get_app_id.py", path::kGetAppIdPyPath},
+      {ORBAMIRA_TEST_ORBA_PLUGINS, path::kNotifyPluginPyPath},
+      {ORBAMIRA_TEST_ORBA_PLUGINS, path::kGetAppIdPyPath},
   };
   for (const auto& [built, installed] : programs) {
     fs::create_directories(fs::path(installed).parent_path());

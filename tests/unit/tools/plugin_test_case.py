@@ -1,16 +1,14 @@
-"""What the tests of the plugin programs share: a root folder with plugins, and the programs run in it."""
+"""What the tests of the program that runs plugins share: a root folder with plugins, and the program run in it."""
 
 import os
 import pathlib
 import shutil
 import subprocess
-import sys
 import tempfile
 import time
 import unittest
 
-LIBEXEC = pathlib.Path(__file__).resolve().parents[3] / "libexec"
-sys.path.insert(0, str(LIBEXEC))
+PROGRAMS = pathlib.Path(os.environ["ORBA_PLUGINS"])
 
 # Far more than anything here takes; only a program that hangs meets it.
 HANG = 600
@@ -22,7 +20,11 @@ class PluginTestCase(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.root)
         self.folder = self.root / "usr/lib/orbamira/plugins"
         self.log = self.root / "log"
-        self.environment = dict(os.environ, ORBAMIRA_ROOT=str(self.root), LOG=str(self.log))
+        # What a plugin reads from to go on for as long as the test does, and no longer.
+        hold = self.root / "hold"
+        os.mkfifo(hold)
+        self.addCleanup(os.close, os.open(hold, os.O_RDWR))
+        self.environment = dict(os.environ, ORBAMIRA_ROOT=str(self.root), LOG=str(self.log), HOLD=str(hold))
         os.umask(0o022)
 
     def add_plugin(self, name, body, mode=0o755):
@@ -40,7 +42,7 @@ class PluginTestCase(unittest.TestCase):
 
     def run_program(self, name, *arguments, **options):
         return subprocess.run(
-            [LIBEXEC / name, *arguments],
+            [PROGRAMS / name, *arguments],
             env=self.environment,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,

@@ -223,7 +223,7 @@ TEST_F(RecoveryTest, RecoverRemovesTheTemporaryFilesOfStoreAndAccount) {
 TEST_F(RecoveryTest, RecoverRemovesThePluginsOldAnswerAndItsTemporaryFiles) {
   const fs::path answer = path::kTempPluginAppIdPath;
   WriteFile(answer, "[]");
-  WriteFile(answer.parent_path() / ("." + answer.filename().string() + ".k3_x9abc"), "[");
+  WriteFile(answer.string() + ".k3x9ab", "[");
   WriteFile(answer.parent_path() / "other", "");
   EXPECT_THAT(Recovered().done, SizeIs(2));
   EXPECT_THAT(Left(answer.parent_path()), ElementsAre("lock", "other"));

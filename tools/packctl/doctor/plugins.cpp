@@ -74,7 +74,7 @@ Findings CheckPlugins(Console& console) {
   if (wrapper::OrbaCoreWrapper().RunCommand({path::kGetAppIdPyPath, folder->File("answer")}) < 0) {
     return findings;  // that it cannot be run is for the check of the programs
   }
-  constexpr std::string_view kSpeaker = "get_app_id: ";
+  constexpr std::string_view kSpeaker = "list-app-ids: ";
   for (const std::string& line : console.TakeHeld().other) {
     if (line.starts_with(kSpeaker)) {
       findings.push_back({kCheck, line.substr(kSpeaker.size()), "mend or remove it"});

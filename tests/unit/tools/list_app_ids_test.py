@@ -4,20 +4,23 @@ import stat
 import subprocess
 import unittest
 
-from plugin_test_case import HANG, LIBEXEC, PluginTestCase
+from plugin_test_case import HANG, PROGRAMS, PluginTestCase
+
+# What the library reads of an answer.
+MOST_READ = 1 << 20
 
 
-class GetAppIdTest(PluginTestCase):
+class ListAppIdsTest(PluginTestCase):
     def setUp(self):
         super().setUp()
         self.file = self.root / "run/orbamira/plugin-app-ids.json"
 
     def ask(self, *arguments, **options):
-        return self.run_program("get_app_id.py", *(arguments or [self.file]), **options)
+        return self.run_program("list-app-ids", *(arguments or [self.file]), **options)
 
     def assert_answer(self, result, ids, *lines):
         """The program wrote these ids and said exactly these lines, each about a plugin or its folder."""
-        self.assertEqual([f"get_app_id: {self.folder}{line}" for line in lines], result.stderr.splitlines())
+        self.assertEqual([f"list-app-ids: {self.folder}{line}" for line in lines], result.stderr.splitlines())
         self.assertEqual((0, ""), (result.returncode, result.stdout))
         self.assertEqual(ids, json.loads(self.file.read_text()))
         self.assertEqual([self.file.name], os.listdir(self.file.parent))
@@ -48,7 +51,7 @@ class GetAppIdTest(PluginTestCase):
     def test_failing_plugins_are_left_out(self):
         self.write_setting("plugin_time_limit=0.5\n")
         self.add_plugin("a", "echo com.example.a; exit 2")
-        self.add_plugin("b", "echo com.example.b; exec sleep 1000")
+        self.add_plugin("b", "echo com.example.b; exec cat $HOLD")
         self.add_plugin("c", "printf 'com.example.\\377\\n'")
         self.add_plugin("d", "echo com.example.d", 0o777)
         self.add_plugin("e", "echo com.example.e")
@@ -63,7 +66,7 @@ class GetAppIdTest(PluginTestCase):
 
     def assert_no_answer(self, result, line):
         self.assertEqual(
-            (1, "", f"get_app_id: {self.folder}{line}\n"), (result.returncode, result.stdout, result.stderr)
+            (1, "", f"list-app-ids: {self.folder}{line}\n"), (result.returncode, result.stdout, result.stderr)
         )
 
     def test_untrusted_folder_fails_and_writes_no_file(self):
@@ -93,10 +96,35 @@ class GetAppIdTest(PluginTestCase):
             self.ask(), [], "/a: stopped: it printed more than 64 KiB", "/b: stopped: it printed more than 64 KiB"
         )
 
+    def test_chatty_plugins_do_not_lose_the_ids_of_the_others(self):
+        many = [f"{number:02}" for number in range(20)]
+        for name in many:
+            self.add_plugin(name, f"head -c 65000 /dev/zero | tr '\\0' x; echo {name}")
+        self.add_plugin("zz", "echo com.example.z")
+        result = self.ask()
+        self.assertEqual(0, result.returncode)
+        ids = json.loads(self.file.read_text())
+        self.assertLessEqual(self.file.stat().st_size, MOST_READ)
+        left_out = many[MOST_READ // 65000:]
+        self.assertEqual([*("x" * 65000 + name for name in many[:-len(left_out)]), "com.example.z"], ids)
+        self.assertEqual([f"list-app-ids: {self.folder}/{name}: left out: with its ids the answer would be larger "
+                          "than 1 MiB" for name in left_out], result.stderr.splitlines())
+
+    def test_control_characters_are_kept_in_the_answer(self):
+        self.add_plugin("a", "printf 'a\\001\\033\\177\\\\b\\n'")
+        self.assert_answer(self.ask(), ["a\x01\x1b\x7f\\b"])
+
+    def test_what_is_not_quite_utf8_is_refused(self):
+        for name, octal in (("a", "\\300\\200"), ("b", "\\355\\240\\200"), ("c", "\\364\\220\\200\\200"),
+                            ("d", "\\342\\202"), ("e", "\\200"), ("f", "\\360\\200\\200\\200")):
+            self.add_plugin(name, f"printf '{octal}\\n'")
+        self.add_plugin("g", "printf '\\357\\277\\277\\364\\217\\277\\277\\n'")
+        self.assert_answer(self.ask(), ["\uffff\U0010ffff"], *(f"/{name}: printed what is not UTF-8" for name in "abcdef"))
+
     def test_error_output_of_plugins_is_no_answer(self):
         self.add_plugin("a", "echo com.example.a; echo a word >&2")
         result = self.ask()
-        self.assertEqual((0, "a word\n"), (result.returncode, result.stderr))
+        self.assertEqual((0, "a: a word\n"), (result.returncode, result.stderr))
         self.assertEqual(["com.example.a"], json.loads(self.file.read_text()))
 
     def test_makes_the_folder_readable_for_all(self):
@@ -121,22 +149,23 @@ class GetAppIdTest(PluginTestCase):
         self.file.mkdir(parents=True)
         result = self.ask()
         self.assertEqual(1, result.returncode)
-        self.assertEqual(f"get_app_id: {self.file}: cannot be written: Is a directory\n", result.stderr)
+        self.assertEqual(f"list-app-ids: {self.file}: cannot be written: Is a directory\n", result.stderr)
         self.assertEqual([self.file.name], os.listdir(self.file.parent))
 
     def test_folder_that_cannot_be_made_fails(self):
         (self.root / "run").write_text("")
         result = self.ask()
         self.assertEqual(1, result.returncode)
-        self.assertEqual(f"get_app_id: {self.file}: cannot be written: Not a directory\n", result.stderr)
+        self.assertEqual(f"list-app-ids: {self.file}: cannot be written: Not a directory\n", result.stderr)
 
     def test_wrong_usage_asks_no_plugin(self):
         self.add_plugin("a", 'echo asked >> "$LOG"')
         for arguments in ([""], [self.file, self.file], ["--file"], ["--help", "x"]):
             with self.subTest(arguments):
                 result = self.ask(*arguments)
-                self.assertEqual((64, "usage: get_app_id.py FILE\n"), (result.returncode, result.stderr))
-        self.assertEqual(64, self.run_program("get_app_id.py").returncode)
+                self.assertEqual(64, result.returncode)
+                self.assertTrue(result.stderr.startswith("Usage: list-app-ids FILE\n"))
+        self.assertEqual(64, self.run_program("list-app-ids").returncode)
         self.assertEqual([], self.log_lines())
 
     def test_help_is_printed(self):
@@ -148,7 +177,7 @@ class GetAppIdTest(PluginTestCase):
         self.add_plugin("a", "echo stray >&2; echo com.example.a")
         self.add_plugin("b", "exit 1")
         result = subprocess.run(
-            ["/bin/sh", "-c", 'exec "$0" "$@" 0<&- 1>&- 2>&-', LIBEXEC / "get_app_id.py", self.file],
+            ["/bin/sh", "-c", 'exec "$0" "$@" 0<&- 1>&- 2>&-', PROGRAMS / "list-app-ids", self.file],
             env=self.environment,
             timeout=HANG,
             check=False,

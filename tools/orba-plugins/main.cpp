@@ -1,0 +1,215 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "platform/posix/atomic_file.h"
+#include "platform/posix/files.h"
+#include "tools/orba-plugins/app_ids.h"
+#include "tools/orba-plugins/failure.h"
+#include "tools/orba-plugins/guard.h"
+#include "tools/orba-plugins/plugin_folder.h"
+#include "tools/orba-plugins/plugin_run.h"
+#include "tools/orba-plugins/signals.h"
+#include "tools/orba-plugins/time_limit.h"
+
+namespace {
+
+using namespace orbamira::plugins;
+
+using Arguments = std::vector<std::string>;
+using Paths = std::vector<std::string>;
+
+constexpr int kExitUsage = 64;
+constexpr int kExitSignal = 128;  // and the number of the signal on top
+
+constexpr const char* kNotifyUsage =
+    "Usage: notify-plugins --event EVENT --package NAME --timing TIMING --version VERSION\n"
+    "                      --status STATUS\n"
+    "Tell every plugin of one step of an installation or removal.\n";
+
+constexpr const char* kNotifyHelp =
+    "\n"
+    "  EVENT    what is done: install or uninstall\n"
+    "  NAME     the package that the step is about\n"
+    "  TIMING   when: pre (the step is about to begin) or post (it is done)\n"
+    "  VERSION  the version of that package\n"
+    "  STATUS   what the step means for the pack: INSTALL, UNINSTALL or UPGRADE\n"
+    "\n"
+    "Each option is given once, in any order. The plugins are the executables in\n"
+    "/usr/lib/orbamira/plugins. Each is run with exactly these arguments, one after\n"
+    "the other in the order of their names. One that fails does not keep the others\n"
+    "from being told.\n"
+    "\n"
+    "exit status: 0 all plugins were told, or there are none; 1 at least one failed,\n"
+    "named on the standard error and in the system log; 64 wrong usage\n";
+
+constexpr const char* kListUsage =
+    "Usage: list-app-ids FILE\n"
+    "Ask every plugin for its application ids and write them to FILE as a JSON array.\n";
+
+constexpr const char* kListHelp =
+    "\n"
+    "The plugins are the executables in /usr/lib/orbamira/plugins. Each is run with\n"
+    "the argument --app-id, one after the other in the order of their names, and\n"
+    "prints its ids: one a line, UTF-8, 64 KiB at most. One that fails is named on\n"
+    "the standard error and in the system log, and left out. So is one whose ids\n"
+    "would make FILE larger than 1 MiB. FILE is put in place whole.\n"
+    "\n"
+    "exit status: 0 FILE is written; 1 it is not; 64 wrong usage\n";
+
+bool IsStep(const Arguments& arguments) {
+  constexpr std::array<std::string_view, 5> kOptions = {"--event", "--package", "--status", "--timing", "--version"};
+  std::vector<std::string_view> options;
+  for (std::size_t i = 0; i < arguments.size(); i += 2) {
+    options.emplace_back(arguments[i]);
+  }
+  std::sort(options.begin(), options.end());
+  return arguments.size() == 2 * kOptions.size() && std::equal(options.begin(), options.end(), kOptions.begin());
+}
+
+int Notify(const Arguments& arguments, const Paths& plugins, Signals& signals) {
+  const double seconds = TimeLimit();
+  int status = EXIT_SUCCESS;
+  for (const std::string& plugin : plugins) {
+    try {
+      RunPlugin(plugin, arguments, seconds, signals);
+    } catch (const PluginFailure& failure) {
+      Report(failure.what());
+      status = EXIT_FAILURE;
+    }
+  }
+  return status;
+}
+
+bool IsFileName(const Arguments& arguments) {
+  return arguments.size() == 1 && !arguments[0].empty() && !arguments[0].starts_with('-');
+}
+
+std::vector<std::string> AskForIds(const std::string& plugin, double seconds, Signals& signals) {
+  constexpr std::size_t kMost = std::size_t{64} * 1024;
+  std::string text;
+  RunPlugin(plugin, {"--app-id"}, seconds, signals, [&text](std::string_view piece) {
+    const bool fits = text.size() + piece.size() <= kMost;
+    text += fits ? piece : "";
+    return fits;
+  });
+  try {
+    return IdsIn(text);
+  } catch (const std::invalid_argument& error) {
+    throw PluginFailure(plugin, error.what());
+  }
+}
+
+void WriteAnswer(const std::string& file, const std::string& text) {
+  umask(S_IWGRP | S_IWOTH);
+  if (const std::filesystem::path folder = std::filesystem::path(file).parent_path(); !folder.empty()) {
+    std::filesystem::create_directories(folder);
+  }
+  static_cast<void>(orbamira::ReplaceFile(file, text, S_IRUSR | S_IWUSR, orbamira::Durability::kVisible));
+}
+
+int ListIds(const Arguments& arguments, const Paths& plugins, Signals& signals) {
+  const double seconds = TimeLimit();
+  AppIdAnswer answer;
+  for (const std::string& plugin : plugins) {
+    try {
+      if (!answer.Add(AskForIds(plugin, seconds, signals))) {
+        throw PluginFailure(plugin, "left out: with its ids the answer would be larger than 1 MiB");
+      }
+    } catch (const PluginFailure& failure) {
+      Report(failure.what());
+    }
+  }
+  try {
+    WriteAnswer(arguments[0], answer.Text());
+  } catch (const std::system_error& error) {
+    throw PluginFailure(arguments[0], "cannot be written: " + error.code().message());
+  }
+  return EXIT_SUCCESS;
+}
+
+/// What the program does under one of its names.
+struct Role {
+  std::string_view name;
+  const char* usage;
+  const char* help;
+  bool (*is_valid)(const Arguments&);
+  int (*run)(const Arguments&, const Paths& plugins, Signals&);
+};
+
+constexpr std::array kRoles = {
+    Role{"notify-plugins", kNotifyUsage, kNotifyHelp, IsStep, Notify},
+    Role{"list-app-ids", kListUsage, kListHelp, IsFileName, ListIds},
+};
+
+/// Most appliances have no plugin, and then no other process is made.
+int Run(const Role& role, const Arguments& arguments) try {
+  Signals signals;
+  const Paths plugins = ListPlugins();
+  const auto work = [&]() -> int {
+    try {
+      return role.run(arguments, plugins, signals);
+    } catch (const Stopped& stopped) {
+      return kExitSignal + stopped.signal_number;
+    } catch (const std::exception& error) {
+      Report(error.what());
+      return EXIT_FAILURE;
+    }
+  };
+  return plugins.empty() ? work() : RunGuarded(signals, work);
+} catch (const std::exception& error) {
+  Report(error.what());
+  return EXIT_FAILURE;
+}
+
+int Answer(const Role& role, const Arguments& arguments) {
+  if (arguments == Arguments{"--help"}) {
+    return orbamira::tools::PrintAll((std::string(role.usage) + role.help).c_str());
+  }
+  if (arguments == Arguments{"--version"}) {
+    return orbamira::tools::PrintAll((std::string(role.name) + " " ORBAMIRA_VERSION "\n").c_str());
+  }
+  if (!role.is_valid(arguments)) {
+    PrintError(role.usage);
+    return kExitUsage;
+  }
+  return Run(role, arguments);
+}
+
+/// A standard descriptor that is closed would go to the next file that is opened, and be written to as output.
+void OpenStandardDescriptors() {
+  int fd = 0;
+  while (fd >= 0 && fd <= STDERR_FILENO) {
+    fd = open("/dev/null", O_RDWR);
+  }
+  close(fd);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  OpenStandardDescriptors();
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));  // a reader of our messages that went away decides nothing
+  const auto role = std::find_if(kRoles.begin(), kRoles.end(),
+                                 [](const Role& known) { return known.name == program_invocation_short_name; });
+  if (role == kRoles.end()) {
+    for (const Role& known : kRoles) {
+      PrintError(known.usage);
+    }
+    return kExitUsage;
+  }
+  return Answer(*role, Arguments(argv + 1, argv + argc));
+}

@@ -1,0 +1,142 @@
+#include "tools/orba-plugins/trust.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/posix/files.h"
+#include "platform/posix/unique_fd.h"
+
+// A plugin runs with all rights of the updater. To look at its file alone is not enough: a folder that another user
+// may write, anywhere on the way there, lets him put another file in its place between the look and the start. To look
+// at an open file and to execute that one would do for a program, but not for a script, whose interpreter is given a
+// name again, and one that tells the script nothing of where it lies. So every step of the way is looked at: where all
+// belong to root, nobody can change where the name leads, and the time between the look and the start does not matter.
+namespace orbamira::plugins {
+namespace {
+
+UniqueFd OpenStep(int folder, const std::string& name, const std::string& shown) {
+  UniqueFd step(openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (!step.valid()) {
+    tools::ThrowErrno(shown);
+  }
+  return step;
+}
+
+/// Follows a path as the kernel does, and looks at each step.
+class Walk {
+ public:
+  /// What `root` itself is reached through is not looked at.
+  explicit Walk(const std::string& root) { BeginAt(root); }
+
+  std::string WhyDistrusted(std::string_view path) {
+    Push(path);
+    while (reason_.empty() && !left_.empty()) {
+      Step();
+    }
+    return reason_;
+  }
+
+ private:
+  void BeginAt(const std::string& root) {
+    folder_ = UniqueFd(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!folder_.valid()) {
+      tools::ThrowErrno(root);
+    }
+    shown_ = root == "/" ? "" : root;
+    Pass(tools::Stat(folder_.get(), root), root);
+  }
+
+  /// Puts the names of the path in front of those that are left; the next one is the last of the list.
+  void Push(std::string_view path) {
+    std::vector<std::string> names;
+    while (!path.empty()) {
+      const std::size_t end = std::min(path.find('/'), path.size());
+      if (end > 0) {
+        names.emplace_back(path.substr(0, end));
+      }
+      path.remove_prefix(std::min(end + 1, path.size()));
+    }
+    left_.insert(left_.end(), names.rbegin(), names.rend());
+  }
+
+  void Step() {
+    const std::string name = std::exchange(left_.back(), {});
+    left_.pop_back();
+    const std::string shown = tools::Below(shown_, name);
+    UniqueFd step = OpenStep(folder_.get(), name, shown);
+    const struct stat status = tools::Stat(step.get(), shown);
+    if (S_ISLNK(status.st_mode)) {
+      FollowLink(step.get(), status, shown);
+    } else if (left_.empty()) {
+      reason_ = plugins::WhyDistrusted(status, kSelf, "it");
+    } else {
+      Pass(status, shown);
+      folder_ = std::move(step);
+      shown_ = shown;
+    }
+  }
+
+  /// Nobody changes a link, and to replace it takes the right to write its folder, or to own it in a sticky one.
+  void FollowLink(int link, const struct stat& status, const std::string& shown) {
+    constexpr int kMostLinks = 40;  // what the kernel follows
+    if (++links_ > kMostLinks) {
+      errno = ELOOP;
+      tools::ThrowErrno(shown);
+    }
+    struct stat owner_alone = status;
+    owner_alone.st_mode = S_IFLNK;
+    reason_ = plugins::WhyDistrusted(owner_alone, kSelf, shown);
+    const std::string target = tools::ReadLink(link, "", shown);
+    if (target.starts_with('/') && reason_.empty()) {
+      BeginAt("/");
+    }
+    Push(target);
+  }
+
+  void Pass(struct stat status, const std::string& shown) {
+    if ((status.st_mode & S_ISVTX) != 0) {
+      status.st_mode &= ~static_cast<mode_t>(S_IWGRP | S_IWOTH);
+    }
+    reason_ = plugins::WhyDistrusted(status, kSelf, shown);
+  }
+
+  const Identity kSelf{geteuid(), getegid()};
+  UniqueFd folder_;
+  std::string shown_;
+  std::vector<std::string> left_;
+  int links_ = 0;
+  std::string reason_;
+};
+
+}  // namespace
+
+std::string WhyDistrusted(const struct stat& status, const Identity& self, const std::string& name) {
+  if ((status.st_mode & S_IWOTH) != 0) {
+    return "everyone may write " + name;
+  }
+  if ((status.st_mode & S_IWGRP) != 0 && status.st_gid != 0 && status.st_gid != self.group) {
+    return "group " + std::to_string(status.st_gid) + " may write " + name;
+  }
+  if (status.st_uid != 0 && status.st_uid != self.user) {
+    return name + " belongs to user " + std::to_string(status.st_uid);
+  }
+  return "";
+}
+
+std::string WhyDistrusted(const std::string& path) {
+  const char* const prefix = secure_getenv("ORBAMIRA_ROOT");
+  const std::string root = prefix != nullptr ? prefix : "";
+  if (!root.empty() && path.starts_with(root)) {
+    return Walk(root).WhyDistrusted(std::string_view(path).substr(root.size()));
+  }
+  return Walk(path.starts_with('/') ? "/" : ".").WhyDistrusted(path);
+}
+
+}  // namespace orbamira::plugins
