@@ -25,7 +25,7 @@ namespace {
 using Values = std::map<std::string, std::string>;
 
 // A bound on what a damaged or hostile file can make us read. What is written keeps to it, so that it can be read.
-constexpr std::size_t kMaxFileSize = 1UL << 20U;
+constexpr std::size_t kMaxFileSize = kMaxStoreSize;
 
 constexpr mode_t kFileMode = 0644;
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -7,6 +8,9 @@
 
 /// What several processes keep and share.
 namespace orbamira::store {
+
+/// What a store's file may have in bytes, names of keys and escapes of JSON included: a Set() beyond it throws.
+inline constexpr std::size_t kMaxStoreSize = std::size_t{1} << 20U;
 
 /// A small persistent map of texts. The order of the operations is a binary contract. One object is not for use from
 /// two threads at once; several processes share a store by holding a FileLock around what belongs together.

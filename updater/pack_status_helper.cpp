@@ -1,6 +1,8 @@
 #include "updater/pack_status_helper.h"
 
+#include <algorithm>
 #include <functional>
+#include <stdexcept>
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
@@ -9,6 +11,26 @@
 namespace orbamira::updater {
 
 namespace keys = webapi::param;
+
+namespace {
+
+// What the text takes up in a store of JSON at most.
+std::size_t StoredSize(const std::string& text) {
+  constexpr std::size_t kEscape = 6;  // \u001b
+  const auto needs_escape = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '"' || c == '\\'; };
+  const auto escaped = static_cast<std::size_t>(std::count_if(text.begin(), text.end(), needs_escape));
+  return text.size() + escaped * (kEscape - 1);
+}
+
+// Before anything is cleared: a save that is refused midway would leave half a record.
+void ExpectToFit(const PackStatusData& data) {
+  constexpr std::size_t kOtherTexts = 1024;
+  if (StoredSize(data.new_pack_name) + StoredSize(data.new_version) > store::kMaxStoreSize - kOtherTexts) {
+    throw std::length_error("the pack's name and version are too long to be recorded");
+  }
+}
+
+}  // namespace
 
 std::unique_ptr<IPackStatusHelper> PackStatusHelper::Create() {
   std::shared_ptr<store::IKeyValueStore> store = store::FileKeyValueStore::Create(path::kPackStatusFile);
@@ -95,6 +117,7 @@ bool PackStatusHelper::CanDoDownloadInstall(PackStatus status) const {
 }
 
 void PackStatusHelper::SaveStatusData(const PackStatusData& data) const {
+  ExpectToFit(data);
   const store::FileLock lock(path::kPackStatusLock);
   store_->Clear();
   store_->Set(keys::kStatus, kPackStatusTexts[static_cast<std::size_t>(data.status)]);

@@ -133,7 +133,8 @@ class ORBAMIRA_EXPORT PackStatusHelper : public IPackStatusHelper {
   bool CanDoInstall(PackStatus status) const override;
   bool CanDoDownloadInstall(PackStatus status) const override;
 
-  /// Writes the whole record to the store. What the queries answer stays as it was.
+  /// Writes the whole record to the store. What the queries answer stays as it was. Throws std::length_error, with the
+  /// store as it was, for a record that no store has room for.
   void SaveStatusData(const PackStatusData& data) const;
 
   /// Reads the whole record from the store; a missing key gives its field's default. On an exception the queries keep

@@ -723,6 +723,53 @@ TEST_F(MisbehavingServerTest, NoSecretOfALinkIsShownLoggedOrKept) {
   }
 }
 
+// A plugin cannot be given such a version, and a terminal must not show it.
+TEST_F(MisbehavingServerTest, PackctlTakesAnOfferWithTextsOutOfBoundsForNone) {
+  appliance_.Publish("2.0", "two");
+  const std::string refusal = "the update server's reply offers no pack: its ";
+  const std::string controls = " holds control characters or is no UTF-8";
+  struct Offer {
+    const char* member;
+    std::string text;
+    std::string problem;
+  };
+  for (const Offer& offer : {Offer{param::kVersion, std::string("2.0\0x", 5), "version" + controls},
+                             Offer{param::kVersion, "2.0\u009b", "version" + controls},
+                             Offer{param::kVersion, "2.0\u202e", "version" + controls},
+                             Offer{param::kVersion, std::string(129, '2'), "version is over 128 bytes long"},
+                             Offer{param::kLink, "http://127.0.0.1/\npackctl: forged", "link" + controls},
+                             Offer{param::kLink, std::string(2049, 'x'), "link is over 2048 bytes long"}}) {
+    appliance_.SetFault([&offer](const HttpRequest& request, HttpResponse& response) {
+      if (request.target.starts_with("/reply.json")) {
+        OffersWith(offer.member, offer.text)(response);
+      }
+    });
+    if (offer.member == param::kVersion) {
+      const ProgramResult check = Appliance::Packctl({"check"});
+      EXPECT_EQ(check.status, 1);
+      EXPECT_EQ(check.errors, "packctl: Check new pack failed: " + refusal + offer.problem +
+                                  "\npackctl: the check failed; the recorded status is " +
+                                  Appliance::StatusRecord()["status"] + "\n");
+    }
+    const ProgramResult update = Appliance::Packctl({"update"});
+    EXPECT_EQ(update.status, 1);
+    EXPECT_THAT(update.errors, testing::StartsWith("packctl: Download and install failed: " + refusal + offer.problem));
+    ExpectPack("1.0", "one");
+  }
+  ExpectHealthyUpdate("two");
+}
+
+// A host of the library takes any version that can be kept.
+TEST_F(MisbehavingServerTest, AVersionTooLongToBeKeptLeavesTheRecordAsItWas) {
+  const auto record = Appliance::StatusRecord();
+  appliance_.SetFault([](const HttpRequest&, HttpResponse& response) {
+    response.body = R"({"orbamira-hevc": {"version": "9)" + std::string(200'000, '\x01') + "\"}}";
+  });
+  LogCapture::Clear();
+  EXPECT_FALSE(manager_->CheckNewPack());
+  EXPECT_EQ(Appliance::StatusRecord(), record);
+}
+
 TEST_F(MisbehavingServerTest, ACheckThatFailsLeavesTheRecordAsItWas) {
   appliance_.Publish("2.0", "two");
   const auto record = Appliance::StatusRecord();

@@ -207,6 +207,26 @@ TEST_F(PackStatusHelperTest, NeedInstallKeepsVersionAndNameApart) {
   EXPECT_EQ(Stored(), Record({"installing", "", "", "0", "0", "install"}));
 }
 
+// A server may give any text for a version.
+TEST_F(PackStatusHelperTest, ARecordThatCannotFitIsRefusedBeforeTheOldOneIsCleared) {
+  helper_.SetAsNeedDownload("1.0");
+  for (const std::string& version : {std::string(200'000, '\x1b'), std::string(1 << 20U, 'x')}) {
+    EXPECT_THROW(helper_.SetAsNeedDownload(version), std::length_error);
+    EXPECT_EQ(helper_.GetPackStatus(), kStatusNeedDownload);
+    EXPECT_EQ(helper_.GetPackNewVersion(), "1.0");
+  }
+}
+
+TEST_F(PackStatusHelperTest, ARecordThatJustFitsIsKeptWhole) {
+  const std::size_t room = store::kMaxStoreSize - 1024;
+  for (const std::string& version :
+       {std::string(room, 'x'), std::string(room / 6, '\x1b'), std::string(room / 6, '"')}) {
+    helper_.SetAsNeedDownload(version);
+    EXPECT_EQ(helper_.GetPackStatus(), kStatusNeedDownload);
+    EXPECT_TRUE(helper_.GetPackNewVersion() == version);
+  }
+}
+
 TEST_F(PackStatusHelperTest, NegativeSizesAreWrittenAndReadBack) {
   helper_.SetAsDownloading(-1, -1048576);
   EXPECT_EQ(Stored(), Record({"downloading", "", "", "-1", "-1048576", ""}));

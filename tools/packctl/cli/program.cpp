@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "platform/json/json_line.h"
+#include "platform/printable.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -57,7 +58,7 @@ int Main(int argc, char** argv, const std::function<int(const Invocation&)>& ans
   const ParsedLine line = ParseCommandLine(argc, argv);
   return line.invocation ? answer(*line.invocation) : line.exit;
 } catch (const std::exception& error) {
-  std::cerr << "packctl: " << error.what() << '\n';
+  std::cerr << "packctl: " << Printable(error.what()) << '\n';
   return kExitFailed;
 }
 

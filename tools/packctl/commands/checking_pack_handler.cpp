@@ -1,11 +1,26 @@
 #include "tools/packctl/commands/checking_pack_handler.h"
 
+#include <stdexcept>
+
 #include "platform/download_wrapper.h"
+#include "platform/printable.h"
 
 namespace orbamira::packctl {
 namespace {
 
 constexpr const char* kSize = "size";
+constexpr std::size_t kLongestVersion = 128;
+constexpr std::size_t kLongestLink = 2048;
+
+void Check(const std::string& text, std::size_t longest, const std::string& what) {
+  const std::string refusal = "the update server's reply offers no pack: its " + what;
+  if (text.size() > longest) {
+    throw std::runtime_error(refusal + " is over " + std::to_string(longest) + " bytes long");
+  }
+  if (Printable(text) != text) {
+    throw std::runtime_error(refusal + " holds control characters or is no UTF-8");
+  }
+}
 
 }  // namespace
 
@@ -19,8 +34,17 @@ bool CheckingPackHandler::CheckNewVersion(const Json::Value& info) const {
   return newer;
 }
 
+std::string CheckingPackHandler::GetDownloadVersion(const Json::Value& info) const {
+  std::string version = PackHandler::GetDownloadVersion(info);
+  Check(version, kLongestVersion, "version");
+  return version;
+}
+
+// The first that an update asks for: the rest of the offer is judged before anything is downloaded, too.
 std::string CheckingPackHandler::GetDownloadLink(const Json::Value& info) const {
   std::string link = PackHandler::GetDownloadLink(info);
+  Check(link, kLongestLink, "link");
+  static_cast<void>(GetDownloadVersion(info));
   sizes_.erase(link);
   if (info[kSize].isInt64() && info[kSize].asInt64() > 0) {
     sizes_[link] = info[kSize].asInt64();

@@ -14,14 +14,19 @@ namespace orbamira::packctl {
 /// The library's handler, which also
 /// - remembers an offer that it turned down: a check that found nothing new and one that failed both give false, and
 ///   the user wants to know which it was;
+/// - throws std::runtime_error, which fails the flow with one line of the log, for an offer whose version or link is
+/// too
+///   long or holds control characters: it would reach the record, terminals and plugins;
 /// - takes no more of a package than the offer that its link came from says it has.
 class CheckingPackHandler : public updater::PackHandler {
  public:
   using PackHandler::CheckNewVersion;
   using PackHandler::GetDownloadLink;
+  using PackHandler::GetDownloadVersion;
   using PackHandler::PackHandler;
 
   bool CheckNewVersion(const Json::Value& info) const override;
+  std::string GetDownloadVersion(const Json::Value& info) const override;
   std::string GetDownloadLink(const Json::Value& info) const override;
   bool DownloadWithProgress(const std::string& link, const std::string& path,
                             std::function<void(long, long)>& progress) override;

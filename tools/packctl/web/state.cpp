@@ -109,6 +109,16 @@ void AddNoRecord(const std::string& problem, Json::Value& state) {
   state["why_no_update"] = problem;
 }
 
+// A browser, too, shows texts from outside; the history of old runs holds such.
+void MakePrintable(Json::Value& value) {
+  if (value.isString()) {
+    value = Printable(value.asString());
+  }
+  for (Json::Value& member : value) {
+    MakePrintable(member);
+  }
+}
+
 // All of it, from every source.
 Json::Value LookAtAll(Context& context, const std::optional<StatusRecord>& record, const std::string& problem) {
   Json::Value state;
@@ -182,6 +192,7 @@ Json::Value StateReader::Look() {
     state_ = LookAtAll(context_, record, problem);
   }
   record_ = record;
+  MakePrintable(state_);
   state_["at_work"] = HolderOf(path::kPackctlLock).has_value();
   return state_;
 }
