@@ -315,15 +315,14 @@ TEST_F(PackctlWebTest, ActsForNobodyElse) {
   EXPECT_TRUE(appliance_.server().Requests().empty());
 }
 
-TEST_F(PackctlWebTest, WhoeverGuessesTheTokenWaitsAndOthersDoNot) {
+// A count of wrong tokens would let anybody of this machine keep the owner from acting.
+TEST_F(PackctlWebTest, WrongTokensKeepTheOwnerFromNothing) {
   Start();
-  const Client guesser(port_);
-  const Clock::time_point begin = Clock::now();
-  guesser.Send(Request("POST /api/check", {{"Authorization", "Bearer x"}, {"Content-Type", "application/json"}}, "{}"));
-  EXPECT_EQ(Ask("GET /").status, 200);
-  EXPECT_FALSE(guesser.IsAnswered(std::chrono::milliseconds(0)));
-  EXPECT_EQ(guesser.Receive().status, 401);
-  EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(900));
+  for (int i = 0; i < 200; ++i) {
+    EXPECT_EQ(Ask("POST /api/check", {{"Authorization", "Bearer x"}, {"Content-Type", "application/json"}}).status,
+              401);
+  }
+  EXPECT_EQ(Act("check").status, 202);
 }
 
 TEST_F(PackctlWebTest, ChecksAndUpdates) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
@@ -43,7 +42,6 @@ struct HttpReply {
   std::shared_ptr<const std::string> body = {};
   std::string policy = kOwnPartsAlone;  ///< for Content-Security-Policy
   std::string allow = {};               ///< with status 405: the methods there are
-  std::chrono::milliseconds delay{0};   ///< how long the client waits for it
 };
 
 /// An answer in JSON with the one member "error".

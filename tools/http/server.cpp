@@ -37,7 +37,7 @@ std::string LocalAuthority(int fd) {
   return (name.find(':') == std::string::npos ? name : "[" + name + "]") + ":" + port.data();
 }
 
-constexpr std::array<short, 6> kEvents = {POLLIN, POLLRDHUP, 0, POLLOUT, POLLIN, 0};
+constexpr std::array<short, 5> kEvents = {POLLIN, POLLRDHUP, POLLOUT, POLLIN, 0};
 
 }  // namespace
 
@@ -163,7 +163,6 @@ void WebServer::Go(Client& client, short events) {
       Drain(client);
       break;
     case Phase::kWaiting:  // the client is gone
-    case Phase::kHeld:
       client.phase = Phase::kDone;
       break;
     case Phase::kDone:
@@ -214,10 +213,6 @@ void WebServer::Ask(Client& client, bool may_wait) {
 void WebServer::Reply(Client& client, const HttpReply& reply) {
   client.head = HeadSection(reply);
   client.body = client.request.method == "HEAD" ? std::make_shared<const std::string>() : reply.body;
-  if (reply.delay.count() > 0) {
-    Enter(client, Phase::kHeld, reply.delay);
-    return;
-  }
   Enter(client, Phase::kWriting, kPatience);
   Write(client);
 }
@@ -256,10 +251,6 @@ void WebServer::Expire(Client& client) {
   switch (client.phase) {
     case Phase::kWaiting:
       Ask(client, false);
-      break;
-    case Phase::kHeld:
-      Enter(client, Phase::kWriting, kPatience);
-      Write(client);
       break;
     case Phase::kReading:
     case Phase::kWriting:

@@ -56,7 +56,6 @@ class WebServer {
   enum class Phase {
     kReading,   ///< the request is not whole
     kWaiting,   ///< for a change
-    kHeld,      ///< the answer is there and comes later
     kWriting,   ///< the answer is on its way
     kDraining,  ///< it is sent; what the client still sends must be taken, or it would not get to see it
     kDone,

@@ -108,10 +108,7 @@ std::optional<HttpReply> WebAccess::RefuseActing(const HttpRequest& request) con
     return ErrorReply(401, "the token is missing");
   }
   if (!IsSame(given.substr(kScheme.size()), token_)) {
-    HttpReply refusal = ErrorReply(401, "the token is wrong");
-    // Whoever guesses gets to do so once a second for each connection.
-    refusal.delay = std::chrono::seconds(1);
-    return refusal;
+    return ErrorReply(401, "the token is wrong");
   }
   return std::nullopt;
 }

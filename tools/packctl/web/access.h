@@ -11,7 +11,7 @@ namespace orbamira::packctl {
 /// Whether the address and port are of this machine alone.
 bool IsLoopback(const std::string& local);
 
-/// 256 bits of the kernel's chance, in hexadecimal. Throws std::system_error.
+/// A random 256-bit token, in hexadecimal. Throws std::system_error.
 std::string MakeToken();
 
 /// The token in the file, which only its owner may be able to read. Throws std::exception, in words for the user.
