@@ -7,7 +7,8 @@ class Aftermath:
     """Looks at an appliance that was struck while it went from one version (none when empty) to another.
 
     `broken` is the text of a status store that was unreadable before the fault; `after_error` tells that the fault was
-    a failing call. `lost` collects how a pack, or the store, was less than promised; `stuck` what would need a person.
+    a failing call, `had_store` that there was a status store before. `lost` collects how a pack, or the store, was less
+    than promised; `stuck` what would need a person.
     """
 
     PROGRAM = "packctl"  # that was struck
@@ -15,6 +16,7 @@ class Aftermath:
     def __init__(self, publisher, appliance, old, new, broken=None, after_error=False):
         self.publisher, self.appliance, self.old, self.new = publisher, appliance, old, new
         self.broken, self.after_error = broken, after_error
+        self.had_store = True
         self.lost = []
         self.stuck = []
         self.may_be_left = set()
@@ -72,7 +74,7 @@ class Aftermath:
             self._expect("update", 0)
 
     def _look_at_store(self):
-        if self.broken is None and not self.appliance.status_file.exists():
+        if self.broken is None and self.had_store and not self.appliance.status_file.exists():
             self.lost.append("the status store is gone")
         try:
             return self.appliance.status()

@@ -171,6 +171,7 @@ class Matrix:
             state = appliance.state()
             aftermath = scenario.aftermath(self.publisher, appliance, scenario.old, NEW, scenario.broken,
                                            case.fault in ERRORS)
+            aftermath.had_store = scenario.start.status_file.exists()
             aftermath.look()
             if aftermath.after_error and not scenario.start.half_built():
                 aftermath.look_after_error(calls)
