@@ -12,6 +12,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 
 #include "platform/constants.h"
@@ -420,6 +421,23 @@ TEST_F(PackctlTest, WhatAPluginPrintsStaysOutOfTheAnswer) {
   Appliance::AddPlugin("noisy", "echo out; echo err >&2\n");
   appliance_.Publish("1.0", "one");
   EXPECT_EQ(RunJson({"update"}, 0)["result"], "done");  // which takes nothing but one line of JSON
+}
+
+// The journal, and whoever watches, learns at once what keeps an update waiting.
+TEST_F(PackctlTest, WhatAPluginPrintsComesAsItIsPrinted) {
+  const std::string gate = (test::Root() / "gate").string();
+  ASSERT_EQ(mkfifo(gate.c_str(), 0600), 0);
+  Appliance::AddPlugin("10-player", "echo \"asking $4\"; [ $6 = post ] || read line < '" + gate + "'\n");
+  appliance_.Publish("1.0", "one");
+  for (const std::vector<std::string>& command : {std::vector<std::string>{"update"}, {"update", "--json"}}) {
+    RunningProgram program(Appliance::PackctlCommand(command));
+    Await([&] { return program.Errors() == "packctl: 10-player: asking orbamira-hevc\n"; });
+    std::ofstream(gate) << "go on\n";
+    const ProgramResult result = program.Wait();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.errors, "packctl: 10-player: asking orbamira-hevc\npackctl: 10-player: asking orbamira-hevc\n");
+    EXPECT_EQ(Run({"remove"}).status, 0);
+  }
 }
 
 TEST_F(PackctlTest, AFailedInstallBringsThePreviousPackBack) {

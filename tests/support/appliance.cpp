@@ -93,6 +93,8 @@ void RunningProgram::Signal(int signal_number) const { kill(pid_, signal_number)
 
 std::string RunningProgram::Output() const { return ReadFile(output_); }
 
+std::string RunningProgram::Errors() const { return ReadFile(errors_); }
+
 ProgramResult RunningProgram::Wait() {
   int status = 0;
   while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {

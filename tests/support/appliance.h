@@ -35,6 +35,9 @@ class RunningProgram {
   /// What it has written to the standard output so far.
   [[nodiscard]] std::string Output() const;
 
+  /// As above, to the standard error.
+  [[nodiscard]] std::string Errors() const;
+
   /// Waits for its end.
   ProgramResult Wait();
 

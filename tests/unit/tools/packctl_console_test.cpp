@@ -63,6 +63,18 @@ TEST_F(ConsoleTest, ComplainKeepsControlCharactersFromTheTerminal) {
   EXPECT_EQ(Errors(), "packctl: a\\033[2Jb\\012c\n");
 }
 
+TEST_F(ConsoleTest, WholeLinesOfOthersAreGivenOutBeforeTheEnd) {
+  Console console;
+  WriteTo(STDERR_FILENO, "one\npackctl[1]: file.cpp:2 logged\ntw");
+  EXPECT_THAT(console.TakeOther(), ElementsAre("one"));
+  EXPECT_THAT(console.TakeOther(), IsEmpty());
+  WriteTo(STDERR_FILENO, "o\nthree");
+  EXPECT_THAT(console.TakeOther(), ElementsAre("two"));
+  const Console::Held held = console.TakeHeld();
+  EXPECT_THAT(held.log, ElementsAre("logged"));
+  EXPECT_THAT(held.other, ElementsAre("three"));
+}
+
 TEST_F(ConsoleTest, WhatOthersWriteIsHeldBack) {
   const Console console;
   WriteTo(STDOUT_FILENO, "stray\n");

@@ -13,6 +13,7 @@
 #include <optional>
 #include <sstream>
 #include <system_error>
+#include <utility>
 
 #include "platform/posix/files.h"
 
@@ -111,28 +112,45 @@ int Console::Columns() const {
 }
 
 Console::Held Console::TakeHeld() {
+  Look(false);
+  return std::exchange(lines_, {});
+}
+
+std::vector<std::string> Console::TakeOther() {
+  Look(true);
+  return std::exchange(lines_.other, {});
+}
+
+void Console::Look(bool at_whole_lines) {
   constexpr long kMost = 64L * 1024;
+  constexpr std::size_t kMostLogged = 1000;
   struct stat about {};
   const long size = fstat(held_, &about) == 0 ? about.st_size : 0;
   std::string text(static_cast<std::size_t>(std::clamp(size - taken_, 0L, kMost)), '\0');
   const ssize_t length = pread(held_, text.data(), text.size(), taken_);
   text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
-  taken_ = size;
-  if (size > 0) {
+  const std::size_t whole = text.rfind('\n') + 1;  // npos + 1 is 0
+  if (at_whole_lines && size - taken_ <= kMost) {
+    text.resize(whole);
+    taken_ += static_cast<long>(whole);
+  } else {
+    taken_ = size;
+  }
+  if (taken_ > 0) {
     // A command that runs for months would gather them. Should it fail, that costs memory alone.
-    static_cast<void>(fallocate(held_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, size));
+    static_cast<void>(fallocate(held_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, taken_));
   }
 
-  Held held;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     if (const auto message = LoggedMessage(line)) {
-      held.log.emplace_back(*message);
+      if (lines_.log.size() < kMostLogged) {
+        lines_.log.emplace_back(*message);
+      }
     } else if (!line.empty()) {
-      held.other.push_back(line);
+      lines_.other.push_back(line);
     }
   }
-  return held;
 }
 
 }  // namespace orbamira::packctl

@@ -46,11 +46,17 @@ class Console {
   /// The lines held back since the last call; of a flood only the first part.
   Held TakeHeld();
 
+  /// Those of child programs alone, and only whole ones: to show them while the work goes on. The log stays held.
+  std::vector<std::string> TakeOther();
+
  private:
+  void Look(bool at_whole_lines);
+
   int output_;
   int error_;
   int held_;
-  long taken_ = 0;  // bytes of held_ that were given out
+  long taken_ = 0;  // bytes of held_ that were looked at
+  Held lines_;      // found there, and not yet given out
 };
 
 }  // namespace orbamira::packctl

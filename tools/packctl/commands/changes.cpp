@@ -98,19 +98,37 @@ Outcome FailedChange(const Context& context, const char* command, const char* no
   return Failed(command, noun);
 }
 
-bool RunWithProgress(const Console& console, const std::function<bool()>& work) {
+void Show(ProgressView& view) {
+  try {
+    view.Show(ReadStatus(), ProgressView::Clock::now());
+  } catch (const std::exception&) {
+    // A record that cannot be read now costs one picture; whether the work succeeds is told by the work.
+    return;
+  }
+}
+
+/// Meanwhile tells what plugins print as they print it, and shows the progress where there is a view.
+bool RunShown(Console& console, ProgressView* view, const std::function<bool()>& work) {
+  const auto look = [&console, view] {
+    const std::vector<std::string> lines = console.TakeOther();
+    if (view != nullptr && !lines.empty()) {
+      view->Finish();
+    }
+    for (const std::string& line : lines) {
+      console.Complain(line);
+    }
+    if (view != nullptr) {
+      Show(*view);
+    }
+  };
+  return RunWatched(work, look);
+}
+
+bool RunWithProgress(Console& console, const std::function<bool()>& work) {
   const auto view = MakeProgressView(
       console.IsTerminal(), [&console](std::string_view text) { console.Print(text); },
       [&console] { return console.Columns(); });
-  const auto show = [&view] {
-    try {
-      view->Show(ReadStatus(), ProgressView::Clock::now());
-    } catch (const std::exception&) {
-      // A record that cannot be read now costs one picture; whether the work succeeds is told by the work.
-      return;
-    }
-  };
-  const bool done = RunWatched(work, show);
+  const bool done = RunShown(console, view.get(), work);
   view->Finish();
   return done;
 }
@@ -127,7 +145,8 @@ Outcome NotPermitted(const char* command, const char* noun, updater::PackStatus 
 Outcome RunFlow(Context& context, const Flow& flow) {
   const Updater updater = MakeUpdater();
   const auto work = [&] { return flow.run(updater); };
-  const bool done = context.options.json ? work() : RunWithProgress(context.console, work);
+  Console& console = context.console;
+  const bool done = context.options.json ? RunShown(console, nullptr, work) : RunWithProgress(console, work);
   if (const auto status = updater.status->refused_status()) {
     return NotPermitted(flow.command, flow.noun, *status);
   }
