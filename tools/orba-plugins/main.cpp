@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -49,9 +50,9 @@ constexpr const char* kNotifyHelp =
     "  STATUS   what the step means for the pack: INSTALL, UNINSTALL or UPGRADE\n"
     "\n"
     "Each option is given once, in any order. The plugins are the executables in\n"
-    "/usr/lib/orbamira/plugins. Each is run with exactly these arguments, one after\n"
-    "the other in the order of their names. One that fails does not keep the others\n"
-    "from being told.\n"
+    "/usr/lib/orbamira/plugins. Each is run with exactly these arguments, but for\n"
+    "control characters, which become \\ooo, one after the other in the order of\n"
+    "their names. One that fails does not keep the others from being told.\n"
     "\n"
     "exit status: 0 all plugins were told, or there are none; 1 at least one failed,\n"
     "named on the standard error and in the system log; 64 wrong usage\n";
@@ -82,10 +83,13 @@ bool IsStep(const Arguments& arguments) {
 
 int Notify(const Arguments& arguments, const Paths& plugins, Signals& signals) {
   const double seconds = TimeLimit();
+  // A version is a server's or a package's text, and plugins print it and put it into scripts.
+  Arguments printable;
+  std::transform(arguments.begin(), arguments.end(), std::back_inserter(printable), orbamira::Printable);
   int status = EXIT_SUCCESS;
   for (const std::string& plugin : plugins) {
     try {
-      RunPlugin(plugin, arguments, seconds, signals);
+      RunPlugin(plugin, printable, seconds, signals);
     } catch (const PluginFailure& failure) {
       Report(failure.what());
       status = EXIT_FAILURE;

@@ -63,11 +63,12 @@ class NotifyPluginsTest(PluginTestCase):
         self.assert_told(self.notify())
         self.assertEqual([f"{name} {STEP_TEXT}" for name in ("10-c", "20-b", "B", "a")], self.log_lines())
 
-    def test_hands_on_empty_odd_and_undecodable_texts(self):
+    def test_hands_on_empty_and_odd_texts_without_control_characters(self):
         self.add_plugin("a", RECORD)
         odd = ["--status", "", "--version", "-1 $(x)\n\"'", "--package", os.fsdecode(b"\xff"), "--event", "--event"]
         self.assert_told(self.notify(*odd, "--timing", "x"))
-        expected = b"a [--status] [] [--version] [-1 $(x)\n\"'] [--package] [\xff] [--event] [--event] [--timing] [x]\n"
+        expected = (b"a [--status] [] [--version] [-1 $(x)\\012\"'] [--package] [\\377] [--event] [--event] "
+                    b"[--timing] [x]\n")
         self.assertEqual(expected, self.log.read_bytes())
 
     def test_wrong_usage_runs_no_plugin(self):
