@@ -1,5 +1,6 @@
 """nginx over a folder, on a free port of the loopback."""
 
+import os
 import pathlib
 import socket
 import subprocess
@@ -52,8 +53,10 @@ class Server:
             port = _free_port()
             (self.work / "nginx.conf").write_text(CONFIGURATION.format(
                 port=port, folder=self.folder, limit=limit, log=self.log_setting))
+            # Where an ordinary user does not look for programs.
+            environment = {**os.environ, "PATH": os.environ["PATH"] + ":/usr/sbin"}
             self.process = subprocess.Popen(["nginx", "-e", "error.log", "-p", str(self.work), "-c", "nginx.conf"],
-                                            stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                                            env=environment, stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             self.url = f"http://127.0.0.1:{port}"
             if self._answers():
                 return self

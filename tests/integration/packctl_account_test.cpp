@@ -401,13 +401,13 @@ TEST_F(PackctlAccountTest, SignInTellsThatTheProviderIsDown) {
   const test::RefusingPort port;
   const ProgramResult result = Appliance::Packctl({"account", "sign-in", "--issuer", port.Url("")});
   EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.errors, StartsWith("packctl: the provider cannot be asked: Failed to connect to 127.0.0.1"));
+  EXPECT_THAT(result.errors, StartsWith("packctl: the provider cannot be asked: "));
 }
 
 TEST_F(PackctlAccountTest, SignInTellsThatTheProviderWentDownMeanwhile) {
   const test::RefusingPort port;
   provider_.configuration["token_endpoint"] = port.Url("/token");
-  EXPECT_THAT(FailureOfSignIn(), StartsWith("the provider cannot be asked: Failed to connect to 127.0.0.1"));
+  EXPECT_THAT(FailureOfSignIn(), StartsWith("the provider cannot be asked: "));
 }
 
 TEST_F(PackctlAccountTest, SignInTellsThatTheProviderRefusesTheCode) {

@@ -159,7 +159,7 @@ TEST_F(CprSessionTest, DownloadToFileReportsARefusedConnection) {
   const cpr::Response response = Download(port.Url());
   EXPECT_EQ(response.status_code, 0);
   EXPECT_EQ(response.error.code, cpr::ErrorCode::COULDNT_CONNECT);
-  EXPECT_THAT(response.error.message, HasSubstr("Failed to connect"));
+  EXPECT_THAT(response.error.message, testing::Not(IsEmpty()));
 }
 
 TEST_F(CprSessionTest, DownloadToFileReportsATruncatedBody) {

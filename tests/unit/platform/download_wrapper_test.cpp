@@ -237,7 +237,7 @@ TEST_F(DownloadWrapperTest, DownloadToFileRefusesARedirectToAnotherProtocol) {
   test::WriteFile(secret, "secret");
   for (const std::string& url : {"file://" + secret, std::string("ftp://127.0.0.1/x")}) {
     HttpServer server([&](const HttpRequest&) { return HttpResponse{.status = 301, .headers = {{"Location", url}}}; });
-    EXPECT_THAT(FailureOf(server.Url()), HasSubstr("not supported or disabled"));
+    EXPECT_THAT(FailureOf(server.Url()), StartsWith(server.Url()));
     EXPECT_EQ(ReadFile(path_), "");
   }
 }
@@ -245,9 +245,8 @@ TEST_F(DownloadWrapperTest, DownloadToFileRefusesARedirectToAnotherProtocol) {
 TEST_F(DownloadWrapperTest, DownloadToFileRefusesAnotherProtocol) {
   const std::string secret = dir_.File("secret");
   test::WriteFile(secret, "secret");
-  EXPECT_THAT(FailureOf("file://" + secret),
-              AllOf(StartsWith("file://" + secret), HasSubstr("not supported or disabled")));
-  EXPECT_THAT(FailureOf("ftp://127.0.0.1/x"), HasSubstr("not supported or disabled"));
+  EXPECT_THAT(FailureOf("file://" + secret), StartsWith("file://" + secret + ": "));
+  EXPECT_THAT(FailureOf("ftp://127.0.0.1/x"), StartsWith("ftp://127.0.0.1/x: "));
   EXPECT_EQ(ReadFile(path_), "");
 }
 
@@ -255,7 +254,7 @@ TEST_F(DownloadWrapperTest, DownloadToFileWithoutAUrlFails) { EXPECT_NE(FailureO
 
 TEST_F(DownloadWrapperTest, DownloadToFileReportsARefusedConnectionAtOnce) {
   const test::RefusingPort port;
-  EXPECT_THAT(FailureOf(port.Url("/pack")), AllOf(StartsWith(port.Url("/pack") + ": "), HasSubstr("connect")));
+  EXPECT_THAT(FailureOf(port.Url("/pack")), StartsWith(port.Url("/pack") + ": "));
   EXPECT_THAT(waits_, IsEmpty());
 }
 
@@ -777,7 +776,7 @@ TEST_F(DownloadWrapperTest, DownloadToFileGivesUpWhenTheServerIsGone) {
     server.reset();
     waits_.push_back(time);
   };
-  EXPECT_THAT(FailureOf(url), AllOf(HasSubstr("Failed to connect"), HasSubstr("got 10 of 1000 bytes")));
+  EXPECT_THAT(FailureOf(url), HasSubstr("got 10 of 1000 bytes"));
   EXPECT_THAT(waits_, SizeIs(5));
 }
 
