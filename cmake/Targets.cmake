@@ -28,7 +28,7 @@ function(orbamira_add_library name)
   target_sources(${name} PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR} FILES ${ARG_HEADERS})
   target_compile_features(${name} INTERFACE cxx_std_17)
   target_link_libraries(${name} PUBLIC ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE})
-  target_link_options(${name} PRIVATE LINKER:--version-script=${exports} LINKER:--as-needed LINKER:-z,relro,-z,now)
+  target_link_options(${name} PRIVATE LINKER:--version-script=${exports} LINKER:--as-needed)
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}
