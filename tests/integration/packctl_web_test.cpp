@@ -653,7 +653,7 @@ TEST_F(PackctlWebTest, ServesAtTheSocketThatSystemdKeeps) {
   const UniqueFd kept = KeptSocket();
   StartProgram(WithSocket(kept, Web()));
   EXPECT_EQ(Ask("GET /").status, 200);
-  EXPECT_TRUE(State()["server"]["port_is_held"].asBool());
+  ASSERT_TRUE(State()["server"]["port_is_held"].asBool());
   EXPECT_EQ(State()["server"]["user"], getpwuid(geteuid())->pw_name);
 
   // While the server is away, the port is nobody else's, and who asks is answered by the next one.
@@ -664,7 +664,8 @@ TEST_F(PackctlWebTest, ServesAtTheSocketThatSystemdKeeps) {
   ASSERT_TRUE(early.Send(Request("GET /")));
   const int port = port_;
   StartProgram(WithSocket(kept, Web()));
-  EXPECT_EQ(port_, port);
+  ASSERT_EQ(port_, port);
+  ASSERT_TRUE(early.IsAnswered(std::chrono::seconds(40)));
   EXPECT_EQ(early.Receive().status, 200);
 }
 
