@@ -17,6 +17,7 @@
 
 #include "platform/log.h"
 #include "platform/posix/atomic_file.h"
+#include "platform/posix/older_systems.h"
 #include "platform/posix/unique_fd.h"
 
 namespace orbamira::store {
@@ -181,7 +182,7 @@ void FileKeyValueStore::File::SetAside(UniqueFd broken, const struct stat& statu
   }
   if (!IsAt(aside, status)) {
     // Another process has put a good file in place since we looked: back it goes, unless there is one already.
-    static_cast<void>(renameat2(AT_FDCWD, aside.c_str(), AT_FDCWD, path_.c_str(), RENAME_NOREPLACE));
+    static_cast<void>(RenameToFree(AT_FDCWD, aside, path_));
     Load();
     return;
   }

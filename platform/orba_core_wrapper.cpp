@@ -18,6 +18,7 @@
 #include <optional>
 #include <string_view>
 
+#include "platform/posix/older_systems.h"
 #include "platform/settings_file.h"
 
 // How a program is run.
@@ -171,7 +172,7 @@ int RunAndWait(char* const* arguments, const posix_spawnattr_t* attributes, pid_
   struct sigaction keep_children {};  // SIG_DFL, and no SA_NOCLDWAIT
   keep_children.sa_flags = SA_NOCLDSTOP;
   sigaction(SIGCHLD, &keep_children, nullptr);
-  closefrom(STDERR_FILENO + 1);
+  CloseFrom(STDERR_FILENO + 1);
   result = PrepareStandardStreams() ? RunAndWait(arguments, attributes, caller) : kNotStarted;
   syscall(SYS_exit_group, 0);  // not _exit(), where a sanitizer waits for threads that the copy does not have
   __builtin_unreachable();

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstddef>
 
+#include "platform/posix/older_systems.h"
+
 namespace orbamira::wrapper {
 namespace {
 
@@ -14,7 +16,7 @@ constexpr mode_t kMode = 0755;
 int MakeOne(const char* path) {
   if (mkdir(path, kMode) == 0) {
     // The umask took its bits away, and it cannot be changed for one thread alone.
-    return fchmodat(AT_FDCWD, path, kMode, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : -errno;
+    return SetFolderMode(AT_FDCWD, path, kMode) ? 0 : -errno;
   }
   // What exists is a reason for mkdir to fail, but not always the one that it names (a read-only file system, an
   // automounter); whether a directory is there is what counts.

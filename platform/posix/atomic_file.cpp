@@ -11,6 +11,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/posix/older_systems.h"
 #include "platform/posix/unique_fd.h"
 
 namespace orbamira {
@@ -66,12 +67,18 @@ class TemporaryFile {
     Sync();
   }
 
-  /// False when the flags forbid to replace a file that exists, and one does.
-  [[nodiscard]] bool PutInPlace(unsigned flags) {
-    if (renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, final_path_.c_str(), flags) == 0) {
-      in_place_ = true;
-    } else if (errno != EEXIST) {
+  void Replace() {
+    if (std::rename(path_.c_str(), final_path_.c_str()) != 0) {
       ThrowErrno("cannot replace " + final_path_);
+    }
+    in_place_ = true;
+  }
+
+  /// False when there is a file already.
+  [[nodiscard]] bool PutWhereFree() {
+    in_place_ = RenameToFree(AT_FDCWD, path_, final_path_);
+    if (!in_place_ && errno != EEXIST) {
+      ThrowErrno("cannot make " + final_path_);
     }
     return in_place_;
   }
@@ -130,7 +137,7 @@ void SyncFolderOf(const std::string& path) {
 UniqueFd ReplaceFile(const std::string& path, std::string_view content, mode_t mode, Durability durability) {
   TemporaryFile file(path);
   file.Fill(content, mode);
-  static_cast<void>(file.PutInPlace(0));  // what exists is replaced
+  file.Replace();
   if (durability == Durability::kDurable) {
     SyncFolderOf(path);
   }
@@ -140,7 +147,7 @@ UniqueFd ReplaceFile(const std::string& path, std::string_view content, mode_t m
 UniqueFd MakeFile(const std::string& path, std::string_view content, mode_t mode) {
   TemporaryFile file(path);
   file.Fill(content, mode);
-  return file.PutInPlace(RENAME_NOREPLACE) ? file.Take() : UniqueFd();
+  return file.PutWhereFree() ? file.Take() : UniqueFd();
 }
 
 ReservedFile::ReservedFile(const std::string& path, std::size_t size)
@@ -152,7 +159,7 @@ ReservedFile::~ReservedFile() = default;
 
 void ReservedFile::Replace(std::string_view content, mode_t mode) {
   file_->Fill(content, mode);
-  static_cast<void>(file_->PutInPlace(0));
+  file_->Replace();
   SyncFolderOf(path_);
 }
 

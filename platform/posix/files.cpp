@@ -93,22 +93,6 @@ std::string ReadLink(int at, const std::string& name, const std::string& shown) 
   return target;
 }
 
-bool RenameToFree(int folder, const std::string& from, const std::string& to) {
-  if (renameat2(folder, from.c_str(), folder, to.c_str(), RENAME_NOREPLACE) == 0) {
-    return true;
-  }
-  if (errno != EINVAL && errno != ENOSYS) {
-    return false;
-  }
-  // A kernel or file system without the flag: all that can be replaced now is what takes the name within the next
-  // moment, of folders an empty one.
-  if (faccessat(folder, to.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
-    errno = EEXIST;
-    return false;
-  }
-  return errno == ENOENT && renameat(folder, from.c_str(), folder, to.c_str()) == 0;
-}
-
 size_t ReadFully(int fd, void* buffer, size_t size, const std::string& shown) {
   size_t done = 0;
   while (done < size) {

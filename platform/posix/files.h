@@ -42,10 +42,6 @@ struct stat StatName(int at, const std::string& name, const std::string& shown);
 /// Where the symbolic link leads. Throws std::system_error.
 std::string ReadLink(int at, const std::string& name, const std::string& shown);
 
-/// Renames within the open folder, to a name that nothing has. False, with errno set, when it cannot: EEXIST when
-/// something has it.
-[[nodiscard]] bool RenameToFree(int folder, const std::string& from, const std::string& to);
-
 /// Reads up to `size` bytes, less only at the end of the file. Throws std::system_error.
 size_t ReadFully(int fd, void* buffer, size_t size, const std::string& shown);
 

@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "platform/posix/files.h"
+#include "platform/posix/older_systems.h"
 
 namespace orbamira::tools {
 namespace {
@@ -45,7 +46,7 @@ std::string MoveAside(int parent, const std::string& name) {
 UniqueFd OpenToEmpty(int parent, const std::string& name) {
   constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
   UniqueFd folder(openat(parent, name.c_str(), kFlags));
-  if (!folder.valid() && errno == EACCES && fchmodat(parent, name.c_str(), S_IRWXU, AT_SYMLINK_NOFOLLOW) == 0) {
+  if (!folder.valid() && errno == EACCES && SetFolderMode(parent, name, S_IRWXU)) {
     folder = UniqueFd(openat(parent, name.c_str(), kFlags));
   }
   if (folder.valid() && geteuid() != 0) {

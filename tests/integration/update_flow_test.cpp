@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@
 #include "tests/support/appliance.h"
 #include "tests/support/forked.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/process.h"
 #include "tests/support/test_root.h"
 #include "updater/pack_manager.h"
 
@@ -557,6 +559,16 @@ std::vector<HostCondition> HostConditions() {
       {"NumbersWithSeparators",
        [] {
          std::locale::global(std::locale(std::locale::classic(), new GroupedNumbers));  // the locale owns it
+         return Nothing();
+       }},
+      {"LinuxThreeTen",
+       [] {
+         test::BecomeLinux310();
+         return Nothing();
+       }},
+      {"AFileSystemThatCannotRenameToAFreeNameAlone",
+       [] {
+         test::FailSystemCall(SYS_renameat2, EINVAL);
          return Nothing();
        }},
       {"WorkingFolderGone",

@@ -188,6 +188,15 @@ void FailSystemCall(int number, int error) {
   InstallFilter(filter);
 }
 
+void BecomeLinux310() {
+  std::array<sock_filter, 4> filter = {
+      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      sock_filter BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, SYS_sched_setattr, 0, 1),  // the first of Linux 3.14
+      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  InstallFilter(filter);
+}
+
 void FailRemovalOfFolders(int error) {
   constexpr unsigned kFlags = offsetof(seccomp_data, args) + 2 * sizeof(std::uint64_t);  // the third argument
   std::array<sock_filter, 6> filter = {

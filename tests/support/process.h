@@ -41,6 +41,9 @@ ProcessResult RunProgram(const std::vector<std::string>& argv, const ProcessOpti
 /// it. Works unprivileged.
 void FailSystemCall(int number, int error);
 
+/// For before_exec: every system call that came after Linux 3.10 fails with ENOSYS from now on.
+void BecomeLinux310();
+
 /// For before_exec: unlinkat() fails with `error` from now on where it is to remove a folder.
 void FailRemovalOfFolders(int error);
 

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "platform/posix/files.h"
+#include "platform/posix/older_systems.h"
 
 namespace orbamira::tools {
 

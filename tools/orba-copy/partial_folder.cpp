@@ -10,6 +10,7 @@
 #include <exception>
 #include <stdexcept>
 
+#include "platform/posix/older_systems.h"
 #include "platform/posix/remove_tree.h"
 
 namespace orbamira::tools {
@@ -59,7 +60,8 @@ void PartialFolder::MoveIntoPlace() {
 }
 
 void PartialFolder::CheckTargetIsFree() const {
-  if (faccessat(parent_.get(), name_.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
+  struct stat status {};
+  if (fstatat(parent_.get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
     throw std::runtime_error(target_ + ": already exists");
   }
   if (errno != ENOENT) {

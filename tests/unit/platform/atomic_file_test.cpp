@@ -17,6 +17,7 @@
 #include <system_error>
 #include <thread>
 
+#include "tests/support/forked.h"
 #include "tests/support/process.h"
 #include "tests/support/test_root.h"
 
@@ -161,6 +162,22 @@ TEST(MakeFileTest, MakeFileThatCannotSyncMakesNone) {
   };
   EXPECT_EXIT(make(), testing::ExitedWithCode(EIO), "");
   EXPECT_EQ(EntriesIn(dir.path()), 0U);
+}
+
+// Without the flag the first status file could never be made, and every command failed.
+TEST(MakeFileTest, MakeFileGoesWithoutARenameThatReplacesNothing) {
+  for (const int error : {EINVAL, ENOSYS}) {
+    const TempDir dir;
+    const std::string path = dir.File("file");
+    test::Forked maker([&] {
+      test::FailSystemCall(SYS_renameat2, error);
+      const bool first = MakeFile(path, "first", 0644).valid();
+      return first && !MakeFile(path, "second", 0644).valid() ? 0 : 1;
+    });
+    EXPECT_EQ(maker.Wait(), 0) << error;
+    EXPECT_EQ(ReadFile(path), "first");
+    EXPECT_EQ(EntriesIn(dir.path()), 1U);
+  }
 }
 
 TEST_P(AtomicFileTest, ReplaceFileNeverShowsAReaderAPart) {

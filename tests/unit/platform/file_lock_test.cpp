@@ -266,6 +266,22 @@ TEST_F(FileLockTest, MakesTheFileForOwnerAndGroupWhateverTheUmask) {
   EXPECT_EQ(fs::status(folder_.path() / "deep").permissions(), fs::perms(0755));
 }
 
+TEST_F(FileLockTest, MakesTheFolderWithoutProc) {
+  test::Forked inside([&] {
+    if (!test::EnterRoot(folder_.path())) {
+      return test::kMayNotChangeRoot;
+    }
+    const FileLock lock("/run/lock/file");
+    return 0;
+  });
+  const int result = inside.Wait();
+  if (result == test::kMayNotChangeRoot) {
+    GTEST_SKIP() << "may not change the root";
+  }
+  EXPECT_EQ(result, 0);
+  EXPECT_TRUE(std::filesystem::is_regular_file(folder_.path() / "run/lock/file"));
+}
+
 TEST_F(FileLockTest, LeavesAnExistingFileAsItIs) {
   test::WriteFile(path_, "text");
   fs::permissions(path_, fs::perms(0640));

@@ -47,6 +47,24 @@ TEST_F(OrbaSDKWrapperTest, MakeDirectoryGivesTheSameModeWhateverTheUmask) {
   }
 }
 
+// A chroot without /proc, where the folder was made and then taken for a failure.
+TEST_F(OrbaSDKWrapperTest, MakeDirectoryDoesNotNeedProc) {
+  test::Forked inside([&] {
+    if (!test::EnterRoot(folder_.path())) {
+      return test::kMayNotChangeRoot;
+    }
+    umask(0077);
+    return -wrapper_.MakeDirectory("/outer/inner");
+  });
+  const int result = inside.Wait();
+  if (result == test::kMayNotChangeRoot) {
+    GTEST_SKIP() << "may not change the root";
+  }
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(ModeOf(folder_.path() / "outer"), S_IFDIR | 0755U);
+  EXPECT_EQ(ModeOf(folder_.path() / "outer/inner"), S_IFDIR | 0755U);
+}
+
 TEST_F(OrbaSDKWrapperTest, MakeDirectoryAcceptsAnExistingDirectoryAndItsMode) {
   ASSERT_EQ(mkdir(folder_.File("private").c_str(), 0700), 0);
   EXPECT_EQ(Make("private"), 0);

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 #include <utility>
 
 #include "platform/posix/files.h"
+#include "platform/posix/older_systems.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -76,7 +76,7 @@ std::optional<std::string_view> LoggedMessage(std::string_view line) {
 Console::Console()
     : output_(KeepAside(STDOUT_FILENO)),
       error_(KeepAside(STDERR_FILENO)),
-      held_(CheckedFd(memfd_create(kName, MFD_CLOEXEC), "hold back output")) {
+      held_(CheckedFd(OpenUnnamedFile(kName).Release(), "hold back output")) {
   CheckedFd(dup2(held_, STDOUT_FILENO), "hold back output");
   CheckedFd(dup2(held_, STDERR_FILENO), "hold back output");
   openlog(kName, LOG_PID | LOG_PERROR, LOG_LOCAL1);

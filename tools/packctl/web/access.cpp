@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 #include <openssl/crypto.h>
-#include <sys/random.h>
+#include <openssl/rand.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -46,8 +46,8 @@ bool IsLoopback(const std::string& local) { return local.starts_with("127.") || 
 std::string MakeToken() {
   constexpr const char* kDigits = "0123456789abcdef";
   std::array<unsigned char, 32> bytes{};
-  if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
-    tools::ThrowErrno("cannot make a token");
+  if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
+    throw std::runtime_error("cannot make a token: OpenSSL has no random bytes");
   }
   std::string token;
   for (const unsigned char byte : bytes) {

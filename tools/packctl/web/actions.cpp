@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <json/reader.h>
 #include <spawn.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,6 +18,7 @@
 #include <vector>
 
 #include "platform/posix/files.h"
+#include "platform/posix/older_systems.h"
 #include "platform/posix/unique_fd.h"
 #include "tools/packctl/cli/command.h"
 #include "tools/packctl/record/history.h"
@@ -29,14 +29,14 @@ namespace {
 // What a command may say, and more; the rest is in the system log.
 constexpr std::size_t kMaxSaid = 16UL * 1024;
 
-// Files in memory, which take what is written even when we are gone.
+// Files without a name, which take what is written even when we are gone.
 struct Said {
   UniqueFd output;
   UniqueFd errors;
 };
 
 UniqueFd MakeFile() {
-  UniqueFd file(memfd_create("packctl-web", MFD_CLOEXEC));
+  UniqueFd file = OpenUnnamedFile("packctl-web");
   if (!file.valid()) {
     tools::ThrowErrno("cannot keep what a command says");
   }

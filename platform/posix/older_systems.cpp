@@ -1,0 +1,88 @@
+#include "platform/posix/older_systems.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+
+namespace orbamira {
+namespace {
+
+// What a kernel or a file system answers that does not know a call, or a flag of it.
+bool IsUnknown(int error) { return error == ENOSYS || error == EINVAL || error == EOPNOTSUPP; }
+
+UniqueFd OpenUnnamedFileIn(const std::string& folder, const char* name) {
+  std::string path = folder + "/" + name + ".XXXXXX";
+  UniqueFd file(mkostemp(path.data(), O_CLOEXEC));
+  if (file.valid()) {
+    unlink(path.c_str());
+  }
+  return file;
+}
+
+}  // namespace
+
+bool RenameToFree(int folder, const std::string& from, const std::string& to) {
+  if (renameat2(folder, from.c_str(), folder, to.c_str(), RENAME_NOREPLACE) == 0) {
+    return true;
+  }
+  if (!IsUnknown(errno)) {
+    return false;
+  }
+  struct stat status {};
+  if (fstatat(folder, to.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    errno = EEXIST;
+    return false;
+  }
+  return errno == ENOENT && renameat(folder, from.c_str(), folder, to.c_str()) == 0;
+}
+
+bool SetFolderMode(int at, const std::string& name, mode_t mode) {
+  if (fchmodat(at, name.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0) {
+    return true;
+  }
+  if (!IsUnknown(errno)) {
+    return false;
+  }
+  // The C library needs /proc for it, which a chroot may lack.
+  const UniqueFd folder(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (folder.valid()) {
+    return fchmod(folder.get(), mode) == 0;
+  }
+  // A folder that is closed to its owner. Should it become a link now, an ordinary user changes a file of their own.
+  return errno == EACCES && geteuid() != 0 && fchmodat(at, name.c_str(), mode, 0) == 0;
+}
+
+UniqueFd OpenUnnamedFile(const char* name) {
+  UniqueFd file(memfd_create(name, MFD_CLOEXEC));
+  for (const char* const folder : {"/dev/shm", "/run", "/tmp"}) {
+    if (!file.valid()) {
+      file = OpenUnnamedFileIn(folder, name);
+    }
+  }
+  return file;
+}
+
+void CloseFrom(int first) {
+  if (close_range(static_cast<unsigned>(first), UINT_MAX, 0) == 0) {
+    return;
+  }
+  if (access("/proc/self/fd", R_OK | X_OK) == 0) {  // closefrom() ends the process where it needs it in vain
+    closefrom(first);
+    return;
+  }
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    for (rlim_t fd = static_cast<rlim_t>(first); fd < limit.rlim_max; ++fd) {
+      close(static_cast<int>(fd));
+    }
+  }
+}
+
+}  // namespace orbamira
