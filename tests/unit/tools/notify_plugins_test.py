@@ -87,7 +87,7 @@ class NotifyPluginsTest(PluginTestCase):
     def test_help_is_printed(self):
         result = self.notify("--help")
         self.assertEqual((0, ""), (result.returncode, result.stderr))
-        for text in ("exit status", "one after\nthe other"):
+        for text in ("exit status", "one after the other"):
             self.assertIn(text, result.stdout)
 
     def test_skips_what_is_no_plugin(self):
