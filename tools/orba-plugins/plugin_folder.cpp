@@ -9,8 +9,8 @@
 
 #include "platform/constants.h"
 #include "platform/posix/files.h"
+#include "platform/posix/trust.h"
 #include "tools/orba-plugins/failure.h"
-#include "tools/orba-plugins/trust.h"
 
 namespace orbamira::plugins {
 namespace {

@@ -12,6 +12,7 @@
 
 #include "platform/constants.h"
 #include "platform/orba_core_wrapper.h"
+#include "platform/posix/trust.h"
 #include "platform/posix/unique_fd.h"
 #include "tests/support/forked.h"
 #include "tests/support/log_capture.h"
@@ -20,7 +21,6 @@
 #include "tools/orba-plugins/plugin_run.h"
 #include "tools/orba-plugins/signals.h"
 #include "tools/orba-plugins/time_limit.h"
-#include "tools/orba-plugins/trust.h"
 
 namespace orbamira::plugins {
 namespace {

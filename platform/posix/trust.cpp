@@ -1,4 +1,4 @@
-#include "tools/orba-plugins/trust.h"
+#include "platform/posix/trust.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -18,7 +18,7 @@
 // at an open file and to execute that one would do for a program, but not for a script, whose interpreter is given a
 // name again, and one that tells the script nothing of where it lies. So every step of the way is looked at: where all
 // belong to root, nobody can change where the name leads, and the time between the look and the start does not matter.
-namespace orbamira::plugins {
+namespace orbamira {
 namespace {
 
 UniqueFd OpenStep(int folder, const std::string& name, const std::string& shown) {
@@ -75,7 +75,7 @@ class Walk {
     if (S_ISLNK(status.st_mode)) {
       FollowLink(step.get(), status, shown);
     } else if (left_.empty()) {
-      reason_ = plugins::WhyDistrusted(status, kSelf, "it");
+      reason_ = orbamira::WhyDistrusted(status, kSelf, "it");
     } else {
       Pass(status, shown);
       folder_ = std::move(step);
@@ -92,7 +92,7 @@ class Walk {
     }
     struct stat owner_alone = status;
     owner_alone.st_mode = S_IFLNK;
-    reason_ = plugins::WhyDistrusted(owner_alone, kSelf, shown);
+    reason_ = orbamira::WhyDistrusted(owner_alone, kSelf, shown);
     const std::string target = tools::ReadLink(link, "", shown);
     if (target.starts_with('/') && reason_.empty()) {
       BeginAt("/");
@@ -104,7 +104,7 @@ class Walk {
     if ((status.st_mode & S_ISVTX) != 0) {
       status.st_mode &= ~static_cast<mode_t>(S_IWGRP | S_IWOTH);
     }
-    reason_ = plugins::WhyDistrusted(status, kSelf, shown);
+    reason_ = orbamira::WhyDistrusted(status, kSelf, shown);
   }
 
   const Identity kSelf{geteuid(), getegid()};
@@ -139,4 +139,4 @@ std::string WhyDistrusted(const std::string& path) {
   return Walk(path.starts_with('/') ? "/" : ".").WhyDistrusted(path);
 }
 
-}  // namespace orbamira::plugins
+}  // namespace orbamira

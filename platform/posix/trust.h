@@ -6,7 +6,7 @@
 #include <string>
 
 // Who else than root could have written what is about to run with root's rights.
-namespace orbamira::plugins {
+namespace orbamira {
 
 /// The user and group that a file may belong to besides root's.
 struct Identity {
@@ -26,4 +26,4 @@ std::string WhyDistrusted(const struct stat& status, const Identity& self, const
 /// Throws std::system_error when the path cannot be followed.
 std::string WhyDistrusted(const std::string& path);
 
-}  // namespace orbamira::plugins
+}  // namespace orbamira
