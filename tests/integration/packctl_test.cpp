@@ -116,7 +116,22 @@ TEST_F(PackctlTest, WrongUsageEndsWith64AndSaysWhy) {
     EXPECT_THAT(result.errors, Not(IsEmpty()));
     EXPECT_THAT(result.output, IsEmpty());
   }
-  EXPECT_THAT(Run({"dance"}).errors, HasSubstr("Not understood: dance"));
+}
+
+TEST_F(PackctlTest, WrongUsageIsOneLineWithTheNearestCommandAndTheWayToHelp) {
+  const auto error = [](const std::vector<std::string>& arguments) { return Run(arguments).errors; };
+  EXPECT_EQ(error({"updat"}),
+            "packctl: there is no command \"updat\"; did you mean \"update\"? Run \"packctl --help\" for help.\n");
+  EXPECT_EQ(error({"account", "sing-in"}),
+            "packctl: there is no command \"sing-in\"; did you mean \"sign-in\"? Run \"packctl account --help\" for "
+            "help.\n");
+  EXPECT_EQ(error({"xylophone"}), "packctl: there is no command \"xylophone\". Run \"packctl --help\" for help.\n");
+  EXPECT_EQ(error({"status", "--loud"}),
+            "packctl: \"--loud\" was not expected. Run \"packctl status --help\" for help.\n");
+  EXPECT_EQ(error({}), "packctl: name a command. Run \"packctl --help\" for help.\n");
+  EXPECT_EQ(error({"account"}), "packctl: name a command. Run \"packctl account --help\" for help.\n");
+  EXPECT_EQ(error({"xylo\nphone"}),
+            "packctl: there is no command \"xylo\\012phone\". Run \"packctl --help\" for help.\n");
 }
 
 TEST_F(PackctlTest, AFirstUpdateBringsThePack) {

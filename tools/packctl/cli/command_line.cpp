@@ -2,13 +2,19 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <array>
 #include <iostream>
 #include <memory>
+#include <numeric>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
+
+#include "platform/posix/files.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -116,7 +122,8 @@ CLI::App* AddCommand(CLI::App& app, const Command& command) {
     return app.add_subcommand(command.name, command.summary);
   }
   const auto groups = app.get_subcommands([](const CLI::App* present) { return present->get_name() == kAccount; });
-  CLI::App* const group = groups.empty() ? app.add_subcommand(kAccount, kAccountSummary) : groups.front();
+  CLI::App* const group =
+      groups.empty() ? app.add_subcommand(kAccount, kAccountSummary)->require_subcommand(1) : groups.front();
   return group->add_subcommand(OwnName(command.name), command.summary);
 }
 
@@ -171,7 +178,7 @@ std::unique_ptr<CLI::App> MakeApp(Options& options) {
   app->get_subcommand("history")
       ->add_option("--limit", options.limit, "Show only the newest N entries")
       ->type_name("N")
-      ->check(CLI::Validator(CLI::NonNegativeNumber).description(""));
+      ->check(NumberBetween(0, 1000000));
   AddSignInOptions(*app->get_subcommand(kAccount)->get_subcommand("sign-in"), options.sign_in);
   AddWebOptions(*app->get_subcommand("web"), options.web);
   return app;
@@ -195,6 +202,65 @@ Json::Value DescribeOptions(const CLI::App& app) {
   return described;
 }
 
+// How many letters must be added, removed or exchanged to make one text of the other.
+std::size_t EditDistance(std::string_view a, std::string_view b) {
+  std::vector<std::size_t> row(b.size() + 1);
+  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    std::size_t diagonal = std::exchange(row[0], i + 1);
+    for (std::size_t j = 0; j < b.size(); ++j) {
+      const std::size_t substituted = diagonal + (a[i] == b[j] ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({substituted, diagonal + 1, row[j] + 1});
+    }
+  }
+  return row.back();
+}
+
+// The command of this level that the word was most likely meant as; empty when none is near.
+std::string NearestCommand(const CLI::App& level, const std::string& word) {
+  std::size_t nearest = std::max<std::size_t>(2, word.size() / 3) + 1;
+  std::string name;
+  for (const CLI::App* command : level.get_subcommands([](const CLI::App*) { return true; })) {
+    if (const std::size_t distance = EditDistance(word, command->get_name()); distance < nearest) {
+      nearest = distance;
+      name = command->get_name();
+    }
+  }
+  return name;
+}
+
+// The innermost command that was named: of "account foo" it is account.
+const CLI::App& NamedLevel(const CLI::App& app) {
+  const auto named = app.get_subcommands();
+  return named.empty() ? app : NamedLevel(*named.front());
+}
+
+std::string HelpCommand(const CLI::App& app) {
+  const CLI::App& level = NamedLevel(app);
+  std::string name;
+  for (const CLI::App* at = &level; at != nullptr; at = at->get_parent()) {
+    name = at->get_name() + ' ' + name;
+  }
+  return name + "--help";
+}
+
+// One sentence on what is wrong with the command line.
+std::string UsageProblem(const CLI::App& app, const CLI::ParseError& error) {
+  const CLI::App& level = NamedLevel(app);
+  const bool takes_command = !level.get_subcommands([](const CLI::App*) { return true; }).empty();
+  const std::vector<std::string> unknown = app.remaining(true);
+  if (unknown.empty()) {
+    return takes_command ? "name a command." : tools::Printable(error.what()) + ".";
+  }
+  const std::string word = tools::Printable(unknown.front());
+  if (!takes_command || word.starts_with('-')) {
+    return "\"" + word + "\" was not expected.";
+  }
+  const std::string nearest = NearestCommand(level, unknown.front());
+  return "there is no command \"" + word + "\"" + (nearest.empty() ? "." : "; did you mean \"" + nearest + "\"?");
+}
+
 }  // namespace
 
 ParsedLine ParseCommandLine(int argc, const char* const* argv) {
@@ -203,19 +269,18 @@ ParsedLine ParseCommandLine(int argc, const char* const* argv) {
   try {
     app->parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    const int code = app->exit(error);
-    if (const std::vector<std::string> unknown = app->remaining(); code != 0 && !unknown.empty()) {
-      std::cerr << "Not understood: " << unknown.front() << '\n';
+    if (error.get_exit_code() == 0) {
+      return {.exit = app->exit(error) == 0 ? kExitDone : kExitUsage};  // help or version was asked for
     }
-    return {.exit = code == 0 ? kExitDone : kExitUsage};
+    std::cerr << "packctl: " << UsageProblem(*app, error) << " Run \"" << HelpCommand(*app) << "\" for help.\n";
+    return {.exit = kExitUsage};
   }
   for (const Command& command : kCommands) {
     if (FindCommand(*app, command)->parsed()) {
       return {.invocation = Invocation{&command, options}};
     }
   }
-  std::cerr << app->help();  // of the group, which was named alone
-  return {.exit = kExitUsage};
+  throw std::logic_error("no command was parsed");
 }
 
 Json::Value DescribeCommandLine() {
