@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <string_view>
 
+#include "platform/log.h"
+#include "platform/posix/trust.h"
 #include "platform/posix/unique_fd.h"
 
 namespace orbamira {
@@ -37,11 +39,15 @@ std::string_view TakeLine(std::string_view& text) {
   return line;
 }
 
-// The whole lines in the part of the file that is looked at; empty when it is no file that can be read.
+// The whole lines in the part of the file that is looked at; empty when the file cannot be read or trusted.
 std::string ReadWholeLines(const std::string& path) {
   const UniqueFd file = OpenFile(path, O_RDONLY);
   struct stat status {};
   if (!file.valid() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return "";
+  }
+  if (const std::string reason = WhyDistrusted(status, Self(), "it"); !reason.empty()) {
+    ORBAMIRA_LOG_ERROR("Ignored %s: %s", path.c_str(), reason.c_str());
     return "";
   }
   std::string text = ReadUpTo(file.get(), kMaxSettingsSize).value_or("");

@@ -15,6 +15,7 @@
 #include "platform/constants.h"
 #include "platform/json/json_object.h"
 #include "platform/orbazelo.h"
+#include "platform/posix/trust.h"
 #include "platform/posix/unique_fd.h"
 
 namespace orbazelo {
@@ -49,6 +50,9 @@ std::optional<std::string> ReadAccountFile() {
   }
   if ((status.st_mode & kOthers) != 0) {
     ThrowAboutFile("is open to others than its owner; its mode must be 0600");
+  }
+  if (const std::string reason = orbamira::WhyDistrusted(status, orbamira::Self(), "it"); !reason.empty()) {
+    ThrowAboutFile("is not used: " + reason);
   }
   if (status.st_size > static_cast<off_t>(kAccountLimit)) {
     ThrowAboutFile("is over " + std::to_string(kAccountLimit) + " bytes");

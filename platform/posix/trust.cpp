@@ -107,7 +107,7 @@ class Walk {
     reason_ = orbamira::WhyDistrusted(status, kSelf, shown);
   }
 
-  const Identity kSelf{geteuid(), getegid()};
+  const Identity kSelf = Self();
   UniqueFd folder_;
   std::string shown_;
   std::vector<std::string> left_;
@@ -116,6 +116,8 @@ class Walk {
 };
 
 }  // namespace
+
+Identity Self() { return {geteuid(), getegid()}; }
 
 std::string WhyDistrusted(const struct stat& status, const Identity& self, const std::string& name) {
   if ((status.st_mode & S_IWOTH) != 0) {

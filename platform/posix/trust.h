@@ -5,7 +5,7 @@
 
 #include <string>
 
-// Who else than root could have written what is about to run with root's rights.
+// Who else than root could have written what is believed, or run with root's rights. Not installed.
 namespace orbamira {
 
 /// The user and group that a file may belong to besides root's.
@@ -13,6 +13,9 @@ struct Identity {
   uid_t user;
   gid_t group;
 };
+
+/// The effective user and group of this process.
+Identity Self();
 
 /// Why others than root and `self` can change a file with this status: that everyone, or a group, may write it, or that
 /// it belongs to another user. Empty when they cannot. `name` is what the file is called in the answer.

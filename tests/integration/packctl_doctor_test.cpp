@@ -243,6 +243,14 @@ TEST_F(PackctlDoctorTest, GoesOnWithoutATemporaryFolder) {
                                                                    "of a temporary folder: /proc/self/packctl.")));
 }
 
+TEST_F(PackctlDoctorTest, FindsSettingsThatAreIgnoredSinceEveryoneMayWriteThem) {
+  fs::permissions(path::kPkgSetting, fs::perms(0666));
+  const Json::Value findings = Diagnose(1)["findings"];
+  ASSERT_EQ(findings.size(), 2U) << findings.toStyledString();
+  EXPECT_EQ(findings[0]["problem"].asString(), "no update server is set");
+  EXPECT_EQ(findings[1]["problem"].asString(), std::string(path::kPkgSetting) + ": everyone may write it");
+}
+
 TEST_F(PackctlDoctorTest, FindsAFolderThatCannotBeWritten) {
   const fs::path folder = fs::path(path::kPackStatusFile).parent_path();
   fs::permissions(test::Root(), fs::perms(0755));
@@ -278,6 +286,13 @@ struct Fault {
   std::string problem;  // a part of it
 };
 
+std::function<void(Appliance&)> OpenToAll(const fs::path& folder) {
+  return [folder](Appliance&) {
+    fs::create_directories(folder);
+    fs::permissions(folder, fs::perms(0777));
+  };
+}
+
 std::vector<Fault> Faults() {
   const std::string settings = path::kPkgSetting;
   const std::string keyring = path::kKeyring;
@@ -305,14 +320,22 @@ std::vector<Fault> Faults() {
       {"NoPackageVersion", [](Appliance&) { fs::remove(kPackageInfoPath); }, "settings",
        std::string(kPackageInfoPath) + " gives no version"},
 
-      {"SettingsThatEveryoneMayWrite", [](Appliance&) { fs::permissions(path::kPkgSetting, fs::perms(0666)); },
-       "permissions", settings + " may be written by others than its owner"},
       {"AKeyringThatEveryoneMayWrite",
        [](Appliance&) {
          WriteKeyring(Certificate(-1, 365));
          fs::permissions(path::kKeyring, fs::perms(0666));
        },
-       "permissions", keyring + " may be written by others than its owner"},
+       "permissions", keyring + ": everyone may write it"},
+      {"AFolderOfSettingsThatEveryoneMayWrite", OpenToAll(fs::path(path::kPkgSetting).parent_path()), "permissions",
+       fs::path(path::kPkgSetting).parent_path().string() + ": everyone may write it"},
+      {"AStateFolderThatEveryoneMayWrite", OpenToAll(fs::path(path::kPackStatusFile).parent_path()), "permissions",
+       fs::path(path::kPackStatusFile).parent_path().string() + ": everyone may write it"},
+      {"ACacheFolderThatEveryoneMayWrite", OpenToAll(fs::path(kDownloadFolder).parent_path()), "permissions",
+       fs::path(kDownloadFolder).parent_path().string() + ": everyone may write it"},
+      {"AFolderOfProgramsThatEveryoneMayWrite", OpenToAll(fs::path(path::kCpPath).parent_path()), "permissions",
+       fs::path(path::kCpPath).parent_path().string() + ": everyone may write it"},
+      {"ParentsOfPluginsThatEveryoneMayWrite", OpenToAll(plugins.parent_path()), "plugins",
+       "refused: everyone may write " + plugins.parent_path().string()},
       {"AnAccountThatIsOpenToOthers",
        [](Appliance&) {
          WriteFile(path::kAccountFile, "{}");

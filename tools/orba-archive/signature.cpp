@@ -15,6 +15,7 @@
 
 #include "platform/posix/files.h"
 #include "platform/posix/openssl.h"
+#include "platform/posix/trust.h"
 #include "tools/orba-archive/sha256.h"
 
 namespace orbamira::tools {
@@ -82,6 +83,11 @@ Owned<X509_STORE, X509_STORE_free> LoadKeyring(const std::string& path) {
   const auto file = Owned<BIO, BIO_free>(BIO_new_file(path.c_str(), "r"));
   if (!file) {
     ThrowErrno(path);
+  }
+  FILE* stream = nullptr;
+  BIO_get_fp(file.get(), &stream);
+  if (const std::string reason = WhyDistrusted(Stat(fileno(stream), path), Self(), "it"); !reason.empty()) {
+    throw std::runtime_error(path + ": " + reason);
   }
   const PemObjects infos(PEM_X509_INFO_read_bio(file.get(), nullptr, nullptr, nullptr));
   if (!infos) {

@@ -23,6 +23,7 @@
 
 #include "platform/file_lock.h"
 #include "tests/support/forked.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira::wrapper {
@@ -422,6 +423,16 @@ TEST_F(OrbaCoreWrapperGetKeyValueTest, GivesTheValueOfTheKey) {
 TEST_F(OrbaCoreWrapperGetKeyValueTest, GivesNothingWhenTheKeyIsMissing) {
   EXPECT_EQ(Get("a=1\n", "b"), "");
   EXPECT_EQ(Get("", "b"), "");
+}
+
+TEST_F(OrbaCoreWrapperGetKeyValueTest, IgnoresAFileThatEveryoneMayWrite) {
+  ASSERT_EQ(Get("a=1", "a"), "1");
+  std::filesystem::permissions(file_, std::filesystem::perms(0666));
+  test::LogCapture::Clear();
+  EXPECT_EQ(wrapper_.GetKeyValue(file_, "a"), "");
+  EXPECT_THAT(test::LogCapture::Lines(),
+              testing::ElementsAre(test::ErrorLine(
+                  "settings_file.cpp", "Ignored " + file_ + ": everyone may write it")));
 }
 
 TEST_F(OrbaCoreWrapperGetKeyValueTest, MatchesTheWholeKey) {

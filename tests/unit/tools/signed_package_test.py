@@ -461,6 +461,12 @@ class SignedPackageTest(unittest.TestCase):
                 self.assertIn(f"orba-archive: {self.package}: {self.keyring}: {reason or ''}", done.stderr)
                 self.assertEqual([], os.listdir(self.folder))
 
+    def test_keyring_that_everyone_may_write_accepts_nothing(self):
+        self.trust("ca")
+        self.pack()
+        self.keyring.chmod(0o666)
+        self.assert_refused(f"{self.keyring}: everyone may write it")
+
     def test_keyring_that_is_no_file_accepts_nothing(self):
         self.pack()
         with self.subTest("a link to nowhere"):

@@ -3,9 +3,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <map>
+#include <string>
 #include <system_error>
 
 #include "platform/constants.h"
+#include "platform/posix/trust.h"
 #include "tools/packctl/doctor/checks.h"
 
 namespace orbamira::packctl {
@@ -15,21 +18,43 @@ namespace fs = std::filesystem;
 
 constexpr const char* kCheck = "permissions";
 
-// Files that say what to fetch, from where and whom to believe.
-void CheckTrust(const char* file, Findings& findings) {
-  struct stat about {};
-  if (stat(file, &about) != 0) {
-    return;  // what is missing here is for other checks
+// Empty for what cannot be looked at: that is for other checks.
+std::string WhyPathIsDistrusted(const fs::path& path) {
+  try {
+    return WhyDistrusted(path.string());
+  } catch (const std::system_error&) {
+    return "";
   }
-  const std::string name = file;
-  if ((about.st_mode & S_IWOTH) != 0 ||
-      ((about.st_mode & S_IWGRP) != 0 && about.st_gid != 0 && about.st_gid != getegid())) {
-    findings.push_back(
-        {kCheck, name + " may be written by others than its owner", "take that away: chmod go-w " + name});
+}
+
+// Adds the path that others can change: this one, or the folder above it through which they can.
+void AddDistrusted(fs::path path, std::map<fs::path, std::string>& distrusted) {
+  std::string why = WhyPathIsDistrusted(path);
+  if (why.empty()) {
+    return;
   }
-  if (about.st_uid != 0 && about.st_uid != geteuid()) {
+  for (std::string above; !(above = WhyPathIsDistrusted(path.parent_path())).empty() && path.has_relative_path();
+       why = above) {
+    path = path.parent_path();
+  }
+  distrusted[path] = why;
+}
+
+// What is asked for, from where, whom to believe, what is run and what is installed: all of it is root's to say. The
+// plugins have a check of their own.
+void CheckTrust(Findings& findings) {
+  std::map<fs::path, std::string> distrusted;
+  for (const fs::path path :
+       {path::kPkgSetting, path::kDefaultPkgSetting, path::kKeyring, path::kAccountFile, path::kPackStatusFile,
+        kTargetFolder, kDownloadFolder, path::kOrbaArchivePath, path::kTarPath, path::kCpPath, path::kRmPath,
+        path::kNotifyPluginPyPath, path::kGetAppIdPyPath}) {
+    AddDistrusted(path.parent_path(), distrusted);
+    AddDistrusted(path, distrusted);
+  }
+  for (const auto& [path, why] : distrusted) {
     findings.push_back(
-        {kCheck, name + " belongs to user " + std::to_string(about.st_uid), "give it to root: chown root " + name});
+        {kCheck, path.string() + ": " + why,
+         "let root alone own and write it: chown root " + path.string() + "; chmod go-w " + path.string()});
   }
 }
 
@@ -83,9 +108,7 @@ void CheckLockFolder(Findings& findings) {
 
 Findings CheckPermissions() {
   Findings findings;
-  for (const char* file : {path::kPkgSetting, path::kDefaultPkgSetting, path::kKeyring, kTargetFolder}) {
-    CheckTrust(file, findings);
-  }
+  CheckTrust(findings);
   CheckAccount(findings);
   for (const char* program : {path::kOrbaArchivePath, path::kTarPath, path::kCpPath, path::kRmPath,
                               path::kNotifyPluginPyPath, path::kGetAppIdPyPath}) {

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "platform/posix/files.h"
+#include "platform/posix/trust.h"
 #include "platform/posix/unique_fd.h"
 
 namespace orbamira::packctl {
@@ -61,8 +62,12 @@ std::string ReadToken(const std::string& path) {
   if (!file.valid()) {
     tools::ThrowErrno("cannot read the token file " + path);
   }
-  if (const mode_t mode = tools::Stat(file.get(), path).st_mode; !S_ISREG(mode) || (mode & 077) != 0) {
+  const struct stat about = tools::Stat(file.get(), path);
+  if (!S_ISREG(about.st_mode) || (about.st_mode & 077) != 0) {
     throw std::runtime_error("the token file " + path + " must be a file that its owner alone may use (mode 0600)");
+  }
+  if (const std::string reason = WhyDistrusted(about, Self(), "it"); !reason.empty()) {
+    throw std::runtime_error("the token file " + path + " is not used: " + reason);
   }
   std::string token(kLongestToken + 2, '\0');
   token.resize(tools::ReadFully(file.get(), token.data(), token.size(), path));
