@@ -180,6 +180,9 @@ def needed_libraries(program):
 def is_python(path):
     if path.suffix in (".py", ".pyc"):
         return True
+    # What only root may read is a file of the accounts, not a program.
+    if not os.access(path, os.R_OK):
+        return False
     with path.open("rb") as file:
         return file.read(2) == b"#!" and b"python" in file.readline()
 

@@ -35,6 +35,7 @@ class Stage:
     def set_up(self, server):
         """Gives the appliance an identity and the address of its update server."""
         settings = self.root / "etc/orbamira"
+        settings.mkdir(parents=True, exist_ok=True)
         (settings / "updater.conf").write_text(f'pack_update_server="{server}/reply.json"\n')
         (settings / "system.conf").write_text('unique="staged"\n')
         (settings / "version.conf").write_text('major_version="7"\nminor_version="2"\nbuild_number="64570"\n')

@@ -15,7 +15,7 @@ if [ -n "$foreign" ]; then
   failed=1
 fi
 
-if ! nm --dynamic --demangle --defined-only "$library" | grep -q 'vtable for orbamira::'; then
+if ! nm --dynamic --demangle --defined-only "$library" | grep 'vtable for orbamira::' > /dev/null; then
   printf 'no class of ours is exported\n'
   failed=1
 fi

@@ -5,7 +5,7 @@
 set -euo pipefail
 
 program=$1
-if readelf --wide --program-headers "$program" | grep -q INTERP || readelf --dynamic "$program" | grep -q NEEDED; then
+if readelf --wide --program-headers "$program" | grep INTERP > /dev/null || readelf --dynamic "$program" | grep NEEDED > /dev/null; then
   printf '%s asks for a loader or a shared library\n' "$program"
   exit 1
 fi
