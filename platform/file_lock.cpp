@@ -6,10 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <system_error>
 
-#include "platform/orba_sdk_wrapper.h"
+#include "platform/folder_of.h"
 #include "platform/posix/unique_fd.h"
 
 namespace orbamira::store {
@@ -17,16 +16,6 @@ namespace {
 
 [[noreturn]] void Throw(int error, const std::string& what, const std::string& path) {
   throw std::system_error(error, std::generic_category(), what + " " + path);
-}
-
-void MakeFolderOf(const std::string& lock_path) {
-  const std::string folder = std::filesystem::path(lock_path).parent_path();
-  if (folder.empty()) {
-    return;
-  }
-  if (const int result = wrapper::OrbaSDKWrapper().MakeDirectory(folder); result < 0) {
-    Throw(-result, "make folder", folder);
-  }
 }
 
 // Reading is enough for flock, so a process that may only read the file can take part.

@@ -15,6 +15,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/folder_of.h"
 #include "platform/log.h"
 #include "platform/posix/atomic_file.h"
 #include "platform/posix/older_systems.h"
@@ -128,7 +129,11 @@ class FileKeyValueStore::File {
 
 void FileKeyValueStore::File::MakeIfMissing() {
   Read();
-  if (!seen_.valid() && !PutEmptyIfMissing()) {
+  if (seen_.valid()) {
+    return;
+  }
+  MakeFolderOf(path_);
+  if (!PutEmptyIfMissing()) {
     Load();
   }
 }
@@ -252,7 +257,8 @@ std::unique_ptr<IKeyValueStore> FileKeyValueStore::Create(const std::string& pat
     auto file = std::make_unique<File>(path);
     file->MakeIfMissing();
     return std::unique_ptr<IKeyValueStore>(new FileKeyValueStore(std::move(file)));
-  } catch (const std::system_error&) {
+  } catch (const std::system_error& error) {
+    ORBAMIRA_LOG_ERROR("Cannot use the store: %s", error.what());
     return nullptr;
   }
 }

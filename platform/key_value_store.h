@@ -41,8 +41,8 @@ class ORBAMIRA_EXPORT IKeyValueStore {
 /// them; the file then is as it was.
 class ORBAMIRA_EXPORT FileKeyValueStore : public IKeyValueStore {
  public:
-  /// The store in the file `path`, which is made when missing. Empty when the file cannot be used: its folder is
-  /// missing, it cannot be read or made.
+  /// The store in the file `path`, which is made with its folder when missing. Empty, with the cause in the log,
+  /// when the file cannot be used: it cannot be read or made.
   static std::unique_ptr<IKeyValueStore> Create(const std::string& path);
 
   ~FileKeyValueStore() override;

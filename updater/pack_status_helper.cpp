@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <functional>
 #include <stdexcept>
+#include <system_error>
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
@@ -32,8 +33,23 @@ void ExpectToFit(const PackStatusData& data) {
 
 }  // namespace
 
+namespace {
+
+// Under the lock: what opens the store may set a broken file aside, and must not take one away that is being saved.
+std::shared_ptr<store::IKeyValueStore> OpenStore() {
+  try {
+    const store::FileLock lock(path::kPackStatusLock);
+    return store::FileKeyValueStore::Create(path::kPackStatusFile);
+  } catch (const std::system_error& error) {
+    ORBAMIRA_LOG_ERROR("Cannot use the store: %s", error.what());
+    return nullptr;
+  }
+}
+
+}  // namespace
+
 std::unique_ptr<IPackStatusHelper> PackStatusHelper::Create() {
-  std::shared_ptr<store::IKeyValueStore> store = store::FileKeyValueStore::Create(path::kPackStatusFile);
+  std::shared_ptr<store::IKeyValueStore> store = OpenStore();
   if (store == nullptr) {
     ORBAMIRA_LOG_ERROR("Failed to create \"FileKeyValueStore\"");
     return nullptr;

@@ -202,10 +202,12 @@ TEST_F(FileKeyValueStoreTest, CreateReadsAFileOfAnotherHand) {
   EXPECT_EQ(Open()->Get("euro"), "\xE2\x82\xAC");
 }
 
-TEST_F(FileKeyValueStoreTest, CreateGivesNothingWhenTheFolderIsMissing) {
-  EXPECT_EQ(FileKeyValueStore::Create(folder_.File("missing/store")), nullptr);
-  EXPECT_EQ(FileKeyValueStore::Create(""), nullptr);
+TEST_F(FileKeyValueStoreTest, CreateMakesAMissingFolder) {
+  EXPECT_NE(FileKeyValueStore::Create(folder_.File("missing/inner/store")), nullptr);
+  EXPECT_EQ(fs::status(folder_.path() / "missing/inner").permissions(), fs::perms(0755));
 }
+
+TEST_F(FileKeyValueStoreTest, CreateGivesNothingWithoutAName) { EXPECT_EQ(FileKeyValueStore::Create(""), nullptr); }
 
 TEST_F(FileKeyValueStoreTest, CreateGivesNothingForAFileThatIsClosedToUs) {
   Open()->Set("key", "value");

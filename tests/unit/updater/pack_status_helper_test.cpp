@@ -5,6 +5,8 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <limits>
@@ -12,10 +14,12 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/constants.h"
+#include "platform/file_lock.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mocks.h"
 #include "tests/support/test_root.h"
@@ -507,19 +511,55 @@ class PackStatusHelperCreateTest : public testing::Test {
   }
 };
 
-TEST_F(PackStatusHelperCreateTest, OpensTheStatusFile) {
-  fs::create_directories(fs::path(path::kPackStatusFile).parent_path());
+TEST_F(PackStatusHelperCreateTest, MakesTheStatusFileAndItsFolder) {
   const auto helper = PackStatusHelper::Create();
   ASSERT_NE(helper, nullptr);
   helper->SetAsNeedDownload("1.0");
   EXPECT_THAT(test::ReadFile(path::kPackStatusFile), testing::HasSubstr("need_download"));
+  EXPECT_EQ(fs::status(fs::path(path::kPackStatusFile).parent_path()).permissions(), fs::perms(0755));
   EXPECT_THAT(LogCapture::Lines(), IsEmpty());
 }
 
-TEST_F(PackStatusHelperCreateTest, IsEmptyWithALineWhenTheFileCannotBeUsed) {
+// What opens the store may set a file aside, so it waits while another process saves.
+TEST_F(PackStatusHelperCreateTest, WaitsForTheLock) {
+  auto lock = std::make_unique<store::FileLock>(path::kPackStatusLock);
+  std::atomic<bool> created = false;
+  std::thread other([&] { created = PackStatusHelper::Create() != nullptr; });
+  const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  const std::string waiting = "-> FLOCK  ADVISORY  WRITE " + std::to_string(getpid()) + " ";
+  while (!created && test::ReadFile("/proc/locks").find(waiting) == std::string::npos &&
+         std::chrono::steady_clock::now() < end) {
+    std::this_thread::yield();
+  }
+  EXPECT_FALSE(created);
+  EXPECT_FALSE(fs::exists(path::kPackStatusFile));
+  lock.reset();
+  other.join();
+  EXPECT_TRUE(created);
+}
+
+TEST_F(PackStatusHelperCreateTest, IsEmptyWithTheCauseWhenTheLockCannotBeTaken) {
+  const fs::path folder = fs::path(path::kPackStatusLock).parent_path();
+  fs::remove_all(folder);
+  test::WriteFile(folder, "a file in the way");
+  EXPECT_EQ(PackStatusHelper::Create(), nullptr);
+  EXPECT_THAT(
+      LogCapture::Lines(),
+      ElementsAre(ErrorLine("pack_status_helper.cpp", "Cannot use the store: open lock file " +
+                                                          std::string(path::kPackStatusLock) + ": Not a directory"),
+                  ErrorLine("pack_status_helper.cpp", "Failed to create \"FileKeyValueStore\"")));
+  fs::remove(folder);
+}
+
+TEST_F(PackStatusHelperCreateTest, IsEmptyWithTheCauseWhenTheFileCannotBeUsed) {
+  const fs::path folder = fs::path(path::kPackStatusFile).parent_path();
+  fs::create_symlink("/proc/missing", folder);
   EXPECT_EQ(PackStatusHelper::Create(), nullptr);
   EXPECT_THAT(LogCapture::Lines(),
-              ElementsAre(ErrorLine("pack_status_helper.cpp", "Failed to create \"FileKeyValueStore\"")));
+              ElementsAre(ErrorLine("key_value_store.cpp",
+                                    "Cannot use the store: make folder " + folder.string() + ": File exists"),
+                          ErrorLine("pack_status_helper.cpp", "Failed to create \"FileKeyValueStore\"")));
+  fs::remove(folder);
 }
 
 }  // namespace
