@@ -137,18 +137,21 @@ bool PackHandler::Install(const std::string& path) {
   if (!CreateTempPackDirectory()) {
     return false;
   }
-  bool placed = true;
+  const auto clear_up = [this] {
+    const bool cleared = RemoveTempPackDirectory();
+    if (!cleared) {
+      ORBAMIRA_LOG_INFO("Failed to remove temp pack directory");
+    }
+    return cleared;
+  };
   try {
     ReplacePack(path);
+    return clear_up();
   } catch (const InstallException& error) {
     ORBAMIRA_LOG_INFO("Failed to install pack: %s", error.what());
-    placed = false;
-  }
-  if (!RemoveTempPackDirectory()) {
-    ORBAMIRA_LOG_INFO("Failed to remove temp pack directory");
+    clear_up();
     return false;
   }
-  return placed;
 }
 
 bool PackHandler::Uninstall() {

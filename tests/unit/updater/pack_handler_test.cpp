@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/constants.h"
+#include "platform/exception.h"
 #include "tests/support/http_server.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mocks.h"
@@ -378,6 +379,7 @@ TEST_F(PackHandlerNetworkTest, DownloadWithProgressFetchesTheFileAndTellsFirstAn
   EXPECT_TRUE(handler_->DownloadWithProgress(server.Url("/pack.opk"), folder_.File("pack"), note_));
   EXPECT_TRUE(test::ReadFile(folder_.File("pack")) == body);
   ASSERT_FALSE(progress_.empty());
+  EXPECT_THAT(progress_.front(), Pair(testing::AllOf(testing::Gt(0), testing::Lt(100000)), 100000));
   EXPECT_THAT(progress_.back(), Pair(100000, 100000));
   EXPECT_THAT(LogCapture::Lines(), IsEmpty());
 }
@@ -769,6 +771,23 @@ TEST_F(PackHandlerInstallTest, InstallThatFailedLogsTheTemporaryDirectoryThatSta
   EXPECT_THAT(LogCapture::Lines(),
               ElementsAre(Info("Failed to install pack: Failed to copy extracted pack."),
                           Info("Failed to remove directory " + kTemp), Info("Failed to remove temp pack directory")));
+}
+
+// The removal of the temporary directory is part of what the handler of install failures covers.
+TEST_F(PackHandlerInstallTest, InstallCatchesAnInstallFailureOfTheLastRemovalAndTriesItAgain) {
+  MoveOldPackAside();
+  ExpectTempDirectory();
+  ExpectExtraction();
+  ExpectCopy(0);
+  ExpectRemoval(kBackup, 0);
+  EXPECT_CALL(*core_, RunCommand(Command{path::kRmPath, "-rf", kTemp}))
+      .WillOnce(Throw(exception::Exception<exception::kInstallFailure>("no removal", "file", 1)));
+  ExpectRemoval(kTemp, -1);
+  EXPECT_FALSE(handler_.Install(kOpk));
+  EXPECT_EQ(VersionAt(kPack), kNew);
+  EXPECT_THAT(LogCapture::Lines(),
+              ElementsAre(Info("Failed to install pack: no removal"), Info("Failed to remove directory " + kTemp),
+                          Info("Failed to remove temp pack directory")));
 }
 
 TEST_F(PackHandlerInstallTest, InstallLetsOtherExceptionsPassWithoutClearingUp) {
