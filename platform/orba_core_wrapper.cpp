@@ -146,12 +146,16 @@ int WaitWhileCallerLives(pid_t program, pid_t caller) {
   sigemptyset(&awaited);
   sigaddset(&awaited, SIGCHLD);
   sigaddset(&awaited, kCallerDied);
+  // A caller that has unshared its process namespace is outside of ours and has no number here, alive or dead. Its
+  // death then shows by a signal from outside.
+  const bool is_outside = getppid() == 0;
+  siginfo_t signal{};
   int status = 0;
   while (waitpid(program, &status, WNOHANG) == 0) {
-    if (getppid() != caller) {
+    if (is_outside ? signal.si_signo == kCallerDied && signal.si_pid == 0 : getppid() != caller) {
       return AskToEndAndWait(program);
     }
-    sigwaitinfo(&awaited, nullptr);
+    sigwaitinfo(&awaited, &signal);
   }
   return status;
 }

@@ -59,8 +59,8 @@ inline void BecomeOrdinaryUser() {
   }
 }
 
-/// What a process that was to enter a root of its own returns when the system does not let it.
-constexpr int kMayNotChangeRoot = 77;
+/// What a process that was to get a root or a namespace of its own returns when the system does not let it.
+constexpr int kMayNotUnshare = 77;
 
 /// In a forked process: goes on with `folder` as the whole file system, so without /proc and /dev. False when the
 /// system does not let it.

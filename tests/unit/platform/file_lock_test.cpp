@@ -269,13 +269,13 @@ TEST_F(FileLockTest, MakesTheFileForOwnerAndGroupWhateverTheUmask) {
 TEST_F(FileLockTest, MakesTheFolderWithoutProc) {
   test::Forked inside([&] {
     if (!test::EnterRoot(folder_.path())) {
-      return test::kMayNotChangeRoot;
+      return test::kMayNotUnshare;
     }
     const FileLock lock("/run/lock/file");
     return 0;
   });
   const int result = inside.Wait();
-  if (result == test::kMayNotChangeRoot) {
+  if (result == test::kMayNotUnshare) {
     GTEST_SKIP() << "may not change the root";
   }
   EXPECT_EQ(result, 0);

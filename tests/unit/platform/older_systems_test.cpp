@@ -86,7 +86,7 @@ TEST_F(SetFolderModeTest, NeverFollowsALinkWithOrWithoutProc) {
   EXPECT_FALSE(SetFolderMode(AT_FDCWD, folder_.File("link"), 0755));
   Forked inside([&] {
     if (!test::EnterRoot(folder_.path())) {
-      return test::kMayNotChangeRoot;
+      return test::kMayNotUnshare;
     }
     return SetFolderMode(AT_FDCWD, "/link", 0755) ? kNo : kYes;
   });
@@ -99,11 +99,11 @@ TEST_F(SetFolderModeTest, OpensAFolderThatIsClosedToItsOwnerWithoutProc) {
   fs::permissions(folder_.File("folder"), fs::perms::none);
   Forked inside([&] {
     if (!test::EnterRoot(folder_.path())) {
-      return test::kMayNotChangeRoot;
+      return test::kMayNotUnshare;
     }
     return SetFolderMode(AT_FDCWD, "/folder", S_IRWXU) ? kYes : kNo;
   });
-  if (inside.Wait() == test::kMayNotChangeRoot) {
+  if (inside.Wait() == test::kMayNotUnshare) {
     GTEST_SKIP() << "may not change the root";
   }
   EXPECT_EQ(inside.Wait(), kYes);
@@ -142,13 +142,13 @@ TEST(CloseFromTest, NeedsNoProc) {
   const test::TempDir root;
   Forked inside([&] {
     if (!test::EnterRoot(root.path())) {
-      return test::kMayNotChangeRoot;
+      return test::kMayNotUnshare;
     }
     FailSystemCall(SYS_close_range, ENOSYS);
     return ClosesAll() ? kYes : kNo;
   });
   const int result = inside.Wait();
-  if (result == test::kMayNotChangeRoot) {
+  if (result == test::kMayNotUnshare) {
     GTEST_SKIP() << "may not change the root";
   }
   EXPECT_EQ(result, kYes);

@@ -272,6 +272,21 @@ TEST_F(OrbaCoreWrapperRunCommandTest, GivesTheProgramNoOtherDescriptor) {
   EXPECT_EQ(Out(), "0\n1\n2\n");
 }
 
+// The supervisor then sees no parent, which it took for one that has died.
+TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsTheStatusWhenTheHostHasUnsharedItsProcessNamespace) {
+  test::Forked host([&] {
+    if (unshare(CLONE_NEWPID | (geteuid() == 0 ? 0 : CLONE_NEWUSER)) != 0) {
+      return test::kMayNotUnshare;
+    }
+    return RunScript("sleep 0 && exit 7");
+  });
+  const int result = host.Wait();
+  if (result == test::kMayNotUnshare) {
+    GTEST_SKIP() << "may not unshare the process namespace";
+  }
+  EXPECT_EQ(result, 7);
+}
+
 TEST_F(OrbaCoreWrapperRunCommandTest, MayBeCalledFromSeveralThreads) {
   std::vector<std::thread> threads;
   threads.reserve(8);

@@ -51,13 +51,13 @@ TEST_F(OrbaSDKWrapperTest, MakeDirectoryGivesTheSameModeWhateverTheUmask) {
 TEST_F(OrbaSDKWrapperTest, MakeDirectoryDoesNotNeedProc) {
   test::Forked inside([&] {
     if (!test::EnterRoot(folder_.path())) {
-      return test::kMayNotChangeRoot;
+      return test::kMayNotUnshare;
     }
     umask(0077);
     return -wrapper_.MakeDirectory("/outer/inner");
   });
   const int result = inside.Wait();
-  if (result == test::kMayNotChangeRoot) {
+  if (result == test::kMayNotUnshare) {
     GTEST_SKIP() << "may not change the root";
   }
   EXPECT_EQ(result, 0);
