@@ -5,6 +5,7 @@
 #include <json/reader.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -638,6 +639,18 @@ TEST_F(PackctlTest, ATerminalGetsOneLineThatIsRedrawnAndEnded) {
   EXPECT_EQ(update.Wait().status, 0);
   EXPECT_THAT(screen, HasSubstr("%"));
   EXPECT_THAT(screen, EndsWith("\r\nThe new pack is downloaded and installed.\r\n"));
+}
+
+TEST_F(PackctlTest, ALimitOnTheSizeOfFilesIsAFailureAndNoDeath) {
+  appliance_.Publish("1.0", test::PatternOf(1 << 20));
+  test::ProcessOptions options;
+  options.before_exec = [] {
+    const rlimit limit{64UL << 10, 64UL << 10};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  };
+  const test::ProcessResult result = RunProgram(Appliance::PackctlCommand({"update"}), options);
+  EXPECT_TRUE(result.Exited(1)) << result;
+  EXPECT_THAT(result.err, HasSubstr("the recorded status is download_install_failed"));
 }
 
 TEST_F(PackctlTest, ClosedStandardDescriptorsDoNotStopACommand) {

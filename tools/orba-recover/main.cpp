@@ -49,6 +49,7 @@ int Recover() {
 
 int main(int argc, char** argv) try {
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+  static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
   const std::string_view option = argc == 2 ? argv[1] : "";
   if (option == "--help") {
     return PrintAll(kUsage);

@@ -26,8 +26,9 @@ void EndLineAndDie(int signal_number) {
 }
 
 void SetUpSignals(const Console& console) {
-  // A reader that goes away must not end an install halfway.
+  // Neither a reader that goes away nor a limit on the size of files may end an install halfway.
   static_cast<void>(signal(SIGPIPE, SIG_IGN));
+  static_cast<void>(signal(SIGXFSZ, SIG_IGN));
   if (!console.IsTerminal()) {
     return;
   }
