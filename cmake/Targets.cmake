@@ -26,6 +26,8 @@ function(orbamira_add_library name)
 
   add_library(${name} SHARED $<TARGET_OBJECTS:${objects}>)
   target_sources(${name} PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR} FILES ${ARG_HEADERS})
+  # <orbamira/updater/...>, beside what the file set gives: <updater/...>.
+  target_include_directories(${name} INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_compile_features(${name} INTERFACE cxx_std_17)
   target_link_libraries(${name} PUBLIC ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE})
   target_link_options(${name} PRIVATE LINKER:--version-script=${exports} LINKER:--as-needed)

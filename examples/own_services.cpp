@@ -3,6 +3,8 @@
 //
 // usage: own_services SERVER-ADDRESS
 
+#include <orbamira/updater/pack_manager.h>
+
 #include <iostream>
 #include <map>
 #include <memory>
@@ -18,7 +20,6 @@
 #include "platform/orba_zelo_wrapper.h"
 #include "updater/kos_helper.h"
 #include "updater/pack_handler.h"
-#include "updater/pack_manager.h"
 #include "updater/pack_status_helper.h"
 #include "updater/plugin_notifier.h"
 
