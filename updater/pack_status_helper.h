@@ -101,7 +101,8 @@ class ORBAMIRA_EXPORT IPackStatusHelper {
   virtual bool CanDoDownloadInstall(PackStatus status) const = 0;
 };
 
-/// The record in a key-value store; making it, every save and every read holds the lock orbamira::path::kPackStatusLock.
+/// The record in a key-value store; making it, every save and every read holds the lock
+/// orbamira::path::kPackStatusLock.
 class ORBAMIRA_EXPORT PackStatusHelper : public IPackStatusHelper {
  public:
   /// A helper over the store in orbamira::path::kPackStatusFile; empty, with a line in the log, when that file cannot
