@@ -99,6 +99,7 @@ class Session:
 def watch_an_update(session, stage):
     plugin = stage.usr / "lib/orbamira/plugins/10-holding"
     hold, held = plugin.parent.parent / "hold", plugin.parent.parent / "held"
+    plugin.parent.mkdir(parents=True, exist_ok=True)
     hold.touch()
     plugin.write_text(HOLDING_PLUGIN)
     plugin.chmod(0o755)

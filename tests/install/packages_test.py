@@ -201,6 +201,7 @@ def check_without_python(report, root, packages, folder, publish):
     bare = BareRoot(root, folder / "bare")
     report.expect("a root has no Python", [], [path for path in (bare.folder / "usr").rglob("python3*") if path.is_file()])
     plugin = bare.folder / "usr/lib/orbamira/plugins/10-recorder"
+    plugin.parent.mkdir(parents=True, exist_ok=True)
     plugin.write_text(RECORDING_PLUGIN)
     plugin.chmod(0o755)
     publish("1.1.0")
