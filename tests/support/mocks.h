@@ -140,4 +140,13 @@ class MockNotifier : public updater::IPluginNotifier {
   MOCK_METHOD(std::vector<std::string>, GetAppId, (), (const, override));
 };
 
+/// A mock that adds its name to the list when it is destroyed.
+template <typename Mock>
+std::shared_ptr<Mock> Noted(std::vector<std::string>& destroyed, const std::string& name) {
+  return {new testing::StrictMock<Mock>, [&destroyed, name](Mock* mock) {
+            destroyed.push_back(name);
+            delete mock;
+          }};
+}
+
 }  // namespace orbamira::test

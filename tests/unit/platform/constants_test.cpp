@@ -44,6 +44,8 @@ const std::vector<Place>& Places() {
       {path::kCodecRequirementsLock, "/run/orbamira/lock/codec-requirements.lock"},
       {path::kPkgSetting, "/etc/orbamira/updater.conf"},
       {path::kDefaultPkgSetting, "/usr/share/orbamira/updater.conf"},
+      {path::kKeyring, "/etc/orbamira/keyring.pem"},
+      {path::kPackctlLock, "/run/orbamira/lock/packctl.lock"},
       {path::kAccountFile, "/etc/orbamira/account.json"},
       {path::kAccountLock, "/run/orbamira/lock/account.lock"},
       {path::kLocaltime, "/etc/localtime"},

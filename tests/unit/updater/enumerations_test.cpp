@@ -2,8 +2,8 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <array>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -83,9 +83,10 @@ TEST(EnumerationsTest, EveryPackStatusMakesTheRoundTrip) {
 
 // Timings are never read back by the library: a plugin does, from a text that belongs to one value alone.
 TEST(EnumerationsTest, EveryTimingMakesTheRoundTrip) {
-  const std::vector<std::string> texts = AsVector(kNotifyPluginTimingTexts);
-  for (std::size_t value = 0; value < texts.size(); ++value) {
-    EXPECT_EQ(std::ranges::find(texts, texts[value]) - texts.begin(), static_cast<std::ptrdiff_t>(value));
+  const std::map<std::string, NotifyPluginTiming> of_plugins = {{"pre", kTimingPre}, {"post", kTimingPost}};
+  ASSERT_EQ(kNotifyPluginTimingTexts.size(), of_plugins.size());
+  for (const NotifyPluginTiming timing : {kTimingPre, kTimingPost}) {
+    EXPECT_EQ(of_plugins.at(kNotifyPluginTimingTexts.at(static_cast<std::size_t>(timing))), timing);
   }
 }
 

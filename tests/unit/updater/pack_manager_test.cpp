@@ -1,5 +1,8 @@
 #include "updater/pack_manager.h"
 
+#include <cpr/cpr.h>
+#include <curl/curl.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <json/json.h>
@@ -7,6 +10,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdarg>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -45,6 +52,9 @@ using Command = std::vector<std::string>;
 LogLine Error(const std::string& text) { return test::ErrorLine("pack_manager.cpp", text); }
 LogLine Info(const std::string& text) { return test::InfoLine("pack_manager.cpp", text); }
 
+// The limits of time that were set on transfers, by the numbers of their options.
+std::vector<int> limits_of_time;
+
 // Thrown as it is, without a std::exception to catch it by.
 struct NoStandardException {};
 
@@ -72,6 +82,18 @@ TEST_F(PackManagerTest, ConstructionCallsNothingAndSharesTheCollaborators) {
     EXPECT_EQ(count, 2);
   }
   EXPECT_THAT(LogCapture::Lines(), IsEmpty());
+}
+
+TEST_F(PackManagerTest, DestructionReleasesTheCollaboratorsInReverseOrder) {
+  std::vector<std::string> released;
+  {
+    const PackManager manager(
+        test::Noted<test::MockCore>(released, "core"), test::Noted<test::MockPkg>(released, "pkg"),
+        test::Noted<test::MockKosHelper>(released, "system"), test::Noted<test::MockStatusHelper>(released, "status"),
+        test::Noted<test::MockPackHandler>(released, "handler"), test::Noted<test::MockNotifier>(released, "notifier"));
+    EXPECT_THAT(released, IsEmpty());
+  }
+  EXPECT_THAT(released, ElementsAre("notifier", "handler", "status", "system", "pkg", "core"));
 }
 
 TEST_F(PackManagerTest, PolicyIsFixed) {
@@ -326,6 +348,32 @@ TEST_F(PackManagerRequestTest, FetchDownloadInfoSendsOneRequestWithItsParameters
   EXPECT_EQ(requests[0].target, "/update?identify=" + std::string(kPackageId) +
                                     "&unique=kos%2Fx86%3D%C3%A9&version=1.0%20%26%20more&kos_version=3.1-1200");
   EXPECT_EQ(requests[0].body, "");
+  EXPECT_THAT(LogCapture::Lines(), IsEmpty());
+}
+
+TEST_F(PackManagerRequestTest, FetchDownloadInfoAddsNoFieldToTheRequest) {
+  ExpectSystem(server_.Url("/update"));
+  EXPECT_TRUE(manager_.FetchDownloadInfo(false, info_));
+  cpr::Get(cpr::Url(server_.Url("/update")));
+  ASSERT_EQ(server_.Requests().size(), 2U);
+  EXPECT_EQ(server_.Requests()[0].headers, server_.Requests()[1].headers);
+}
+
+TEST_F(PackManagerRequestTest, FetchDownloadInfoSetsNoLimitOfTime) {
+  ExpectSystem(server_.Url());
+  limits_of_time.clear();
+  EXPECT_TRUE(manager_.FetchDownloadInfo(false, info_));
+  EXPECT_THAT(limits_of_time, IsEmpty());
+
+  cpr::Get(cpr::Url(server_.Url()), cpr::Timeout(std::chrono::hours(1)));  // it would be seen
+  EXPECT_THAT(limits_of_time, testing::Not(IsEmpty()));
+}
+
+TEST_F(PackManagerRequestTest, FetchDownloadInfoTakesAnEmptyObjectForInformation) {
+  answer_.body = "{\"" + std::string(kHevcPack) + "\": {}}";
+  ExpectSystem(server_.Url());
+  EXPECT_TRUE(manager_.FetchDownloadInfo(false, info_));
+  EXPECT_EQ(info_, Json::Value(Json::objectValue));
   EXPECT_THAT(LogCapture::Lines(), IsEmpty());
 }
 
@@ -1045,3 +1093,19 @@ TEST_F(PackManagerFlowTest, NotifyStepOfAnUnknownEventThrows) {
 
 }  // namespace
 }  // namespace orbamira::updater
+
+// In place of libcurl's, which it calls: no server can tell a transfer with a long limit from one without.
+#undef curl_easy_setopt
+extern "C" __attribute__((visibility("default"))) CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
+  std::va_list arguments;
+  va_start(arguments, option);
+  void* const value = va_arg(arguments, void*);  // a number comes the same way
+  va_end(arguments);
+  constexpr std::array kLimits = {CURLOPT_TIMEOUT,           CURLOPT_TIMEOUT_MS,      CURLOPT_CONNECTTIMEOUT,
+                                  CURLOPT_CONNECTTIMEOUT_MS, CURLOPT_LOW_SPEED_LIMIT, CURLOPT_LOW_SPEED_TIME};
+  if (value != nullptr && std::ranges::find(kLimits, option) != kLimits.end()) {
+    orbamira::updater::limits_of_time.push_back(option);
+  }
+  static const auto real = reinterpret_cast<CURLcode (*)(CURL*, CURLoption, ...)>(dlsym(RTLD_NEXT, "curl_easy_setopt"));
+  return real(handle, option, value);
+}
