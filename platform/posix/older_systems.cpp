@@ -79,7 +79,7 @@ void CloseFrom(int first) {
   }
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-    for (rlim_t fd = static_cast<rlim_t>(first); fd < limit.rlim_max; ++fd) {
+    for (auto fd = static_cast<rlim_t>(first); fd < limit.rlim_max; ++fd) {
       close(static_cast<int>(fd));
     }
   }
