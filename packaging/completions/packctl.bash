@@ -20,11 +20,11 @@ _packctl() {
   case $command in
     '') words='check download install update remove status info history doctor codecs web plugins account recover -h --help --version --json' ;;
     account) words='sign-in sign-out status -h --help' ;;
-    check) words='-h --help --json' ;;
-    download) words='-h --help --json' ;;
-    install) words='-h --help --json' ;;
-    update) words='-h --help --json' ;;
-    remove) words='-h --help --json' ;;
+    check) words='-h --help --json -v --verbose' ;;
+    download) words='-h --help --json -v --verbose' ;;
+    install) words='-h --help --json -v --verbose' ;;
+    update) words='-h --help --json -v --verbose' ;;
+    remove) words='-h --help --json -v --verbose' ;;
     status) words='-h --help --json --watch' ;;
     info) words='-h --help --json' ;;
     history) words='-h --help --json --limit' ;;
@@ -35,7 +35,7 @@ _packctl() {
     'account sign-in') words='-h --help --json --issuer --client-id --port --timeout --replace' ;;
     'account sign-out') words='-h --help --json' ;;
     'account status') words='-h --help --json' ;;
-    recover) words='-h --help --json' ;;
+    recover) words='-h --help --json -v --verbose' ;;
     *) return ;;
   esac
   mapfile -t COMPREPLY < <(compgen -W "$words" -- "${COMP_WORDS[COMP_CWORD]}")

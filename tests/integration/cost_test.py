@@ -27,7 +27,7 @@ PAYLOAD = (8 * MIB, 8 * MIB)
 PROCESSES = {"packctl": 1, "supervisor": 11, "notify-plugins": 4, "orba-archive": 2, "orba-tar": 1, "orba-copy": 1,
              "orba-remove": 3}
 
-SAVE = ["openat", "fchmod", "write", "fsync", "renameat"]  # and the fsync of the folder
+SAVE = ["openat", "fchmod", "write", "fsync", "rename"]  # and the fsync of the folder
 # A state is recorded by clearing the record and setting its six values. An upgrade goes through seven of them, and
 # the progress of its download is one more at its first and its last byte and every tenth of a second at most.
 SAVES_OF_STATE = 7

@@ -139,8 +139,9 @@ class JsonSchemaTest(unittest.TestCase):
             lock.unlink()
         locks.rmdir()
         locks.write_text("")
-        for command in ("check", "download", "install", "update", "remove", "recover", "plugins", "status"):
+        for command in ("check", "download", "install", "update", "remove", "recover", "plugins"):
             self.check(command, FAILED)
+        self.check("status", 0)  # reads, and so does without a lock that nobody can take
 
     def test_plugins(self):
         plugin = self.appliance.root / "usr/lib/orbamira/plugins/10-player"

@@ -86,7 +86,7 @@ TEST_F(PackctlWatchTest, ShowsTheStatusAtOnceAndEachChangeOnALine) {
             "downloading_installing (a pack is being downloaded and installed)\n"
             "Downloaded 50 B of 100 B (50 %)\n"
             "Unpacking the new pack and putting it in place\n"
-            "up_to_date (the pack was up to date when last updated)\n");
+            "up_to_date (the last update succeeded)\n");
 }
 
 TEST_F(PackctlWatchTest, InJsonEachChangeIsTheAnswerOfStatusOnALine) {
@@ -269,7 +269,7 @@ TEST_F(PackctlWatchTest, ATerminalGetsAProgressBarThatIsRedrawn) {
   status->SetAsDownloading(2 << 20, 4 << 20);
   read_until(" 50%");
   status->SetAsUpToDate();
-  read_until("up_to_date (the pack was up to date when last updated)\r\n");
+  read_until("up_to_date (the last update succeeded)\r\n");
   EXPECT_THAT(screen, AllOf(HasSubstr("downloading (a pack is being downloaded)\r\n\r"), HasSubstr("["),
                             HasSubstr("\r\nup_to_date")));
   watch.Signal(SIGINT);

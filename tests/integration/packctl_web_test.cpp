@@ -361,7 +361,7 @@ TEST_F(PackctlWebTest, TellsWhyAnActionFailed) {
   EXPECT_EQ(action["result"], "failed");
   EXPECT_EQ(action["exit"], 1);
   ASSERT_FALSE(action["problems"].empty());
-  EXPECT_THAT(action["problems"][0].asString(), HasSubstr("status: 500"));
+  EXPECT_THAT(action["problems"][0].asString(), HasSubstr("the update server refuses the request (500)"));
 }
 
 TEST_F(PackctlWebTest, ShowsToWhoMayNotChangeAnythingAndTellsWhyAnActionEnded) {

@@ -56,6 +56,7 @@ struct WebOptions {
 /// What the user asked of a command.
 struct Options {
   bool json = false;                      ///< the answer will be JSON: nothing else is shown in between
+  bool verbose = false;                   ///< after a failure, what was logged is shown too
   bool watch = false;                     ///< status: go on until interrupted
   std::optional<std::size_t> limit = {};  ///< history: only so many entries
   SignInOptions sign_in = {};

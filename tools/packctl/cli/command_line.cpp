@@ -109,6 +109,8 @@ constexpr const char* kFooter =
 
 constexpr const char* kJsonHelp = "Print one JSON object instead of text";
 
+constexpr const char* kVerboseHelp = "After a failure, show what was logged too";
+
 constexpr const char* kAccount = "account";
 constexpr const char* kAccountSummary = "Sign in to an account, sign out, show who is signed in";
 
@@ -172,6 +174,9 @@ std::unique_ptr<CLI::App> MakeApp(Options& options) {
   for (const Command& command : kCommands) {
     CLI::App* const subcommand = AddCommand(*app, command);
     subcommand->add_flag("--json", options.json, kJsonHelp);
+    if (command.effect == Effect::kChange) {
+      subcommand->add_flag("-v,--verbose", options.verbose, kVerboseHelp);
+    }
     subcommand->footer(command.details);
   }
   app->get_subcommand("status")->add_flag("--watch", options.watch, "Go on showing each change until interrupted");

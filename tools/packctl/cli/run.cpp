@@ -9,6 +9,7 @@
 #include "platform/constants.h"
 #include "platform/log.h"
 #include "tools/packctl/cli/program.h"
+#include "tools/packctl/view/failure_words.h"
 #include "updater/kos_helper.h"
 #include "updater/update_lock.h"
 
@@ -49,6 +50,18 @@ void Keep(const HistoryEntry& entry, std::vector<std::string>& problems) {
   }
 }
 
+/// "Update failed: CAUSE. Version 1.0 stays installed. REMEDY"
+std::string FailureSentence(const Command& command, const Console::Held& held,
+                            const std::vector<std::string>& problems) {
+  const FailureWords words = ExplainFailure(held.other, held.log, problems);
+  const std::optional<PackIdentity> pack = InstalledPack();
+  std::string sentence = std::string(command.name) + " failed: " + words.cause + ". " +
+                         (pack ? "Version " + pack->version + " stays installed. " : "No codec pack is installed. ") +
+                         words.remedy;
+  sentence.front() = static_cast<char>(sentence.front() - 'a' + 'A');
+  return sentence;
+}
+
 Outcome RunAlone(const Command& command, Context& context) {
   const bool is_change = command.effect == Effect::kChange;
   const Clock::time_point begin = Clock::now();
@@ -56,6 +69,8 @@ Outcome RunAlone(const Command& command, Context& context) {
   Outcome outcome = Attempt(command, context, kFunctions);
   const bool failed = outcome.exit == kExitFailed;
   Console::Held held = context.console.TakeHeld();
+  const bool is_failed_change = is_change && failed;
+  const std::string sentence = is_failed_change ? FailureSentence(command, held, outcome.problems) : "";
   std::vector<std::string> errors = failed ? Joined(std::move(held.log), outcome.problems) : outcome.problems;
   if (is_change && (outcome.changed || failed)) {
     const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
@@ -70,7 +85,12 @@ Outcome RunAlone(const Command& command, Context& context) {
           .errors = errors},
          errors);
   }
-  outcome.problems = Joined(std::move(held.other), errors);
+  if (!is_failed_change) {
+    outcome.problems = Joined(std::move(held.other), errors);
+    return outcome;
+  }
+  outcome.problems = context.options.verbose ? Joined(std::move(held.other), errors) : std::vector<std::string>();
+  outcome.problems.push_back(sentence);
   return outcome;
 }
 

@@ -198,6 +198,18 @@ std::string Installed(const Json::Value& version) {
   return version.isNull() ? "no version is installed" : "installed is " + tools::Printable(version.asString());
 }
 
+std::string WhatIsNew(const updater::IPackManager& manager, bool repeats, const std::string& version,
+                      const std::string& installed) {
+  const std::string shown = tools::Printable(version);
+  if (repeats) {
+    return "The last update failed. Install version " + shown + " again with \"packctl update\".\n";
+  }
+  const std::string what =
+      manager.IsAacNeeded() ? "A pack with AAC is available, which an application asks for and the installed pack lacks"
+                            : "A new pack is available";
+  return what + ": version " + shown + ", " + installed + ".\nFetch and install it with \"packctl update\".\n";
+}
+
 Outcome NobodyToAsk() {
   Outcome outcome = AnswerWithStatus(kExitNothingToDo, "check", "no_address");
   outcome.json["version"] = Json::nullValue;
@@ -227,10 +239,7 @@ Outcome Check(Context& context) {
     outcome.json["version"] = version;
     outcome.changed = true;
     outcome.offer = PackIdentity{.version = version};
-    outcome.text = repeats ? "The last update failed. Install version " + tools::Printable(version) +
-                                 " again with \"packctl update\".\n"
-                           : "A new pack is available: version " + tools::Printable(version) + ", " + installed +
-                                 ".\nFetch and install it with \"packctl update\".\n";
+    outcome.text = WhatIsNew(*updater.manager, repeats, version, installed);
   } else if (declined) {
     outcome = AnswerWithStatus(kExitNothingToDo, "check", "nothing_new");
     outcome.json["version"] = *declined;

@@ -46,9 +46,19 @@ std::string Joined(const Json::Value& texts) {
   return joined.empty() ? "none" : joined;
 }
 
+std::string InstalledWords() {
+  const auto facts = updater::KOSHelper::Create();
+  if (!facts->FileExist(path::kPackInfoPath)) {
+    return "no codec pack";
+  }
+  return tools::Printable(facts->GetPackageNameFromPath(path::kPackInfoPath) + " " +
+                          facts->GetVersionFromPath(path::kPackInfoPath));
+}
+
+/// What is installed comes first: the record only tells how the last work on it went.
 std::string StatusLines(const StatusRecord& record) {
-  std::string text =
-      std::string("Status:    ") + StatusText(record.status) + " (" + StatusMeaning(record.status) + ")\n";
+  std::string text = "Installed: " + InstalledWords() + "\n" + "Status:    " + StatusText(record.status) + " (" +
+                     StatusMeaning(record.status) + ")\n";
   if (!record.new_version.empty()) {
     const std::string name = record.new_pack_name.empty() ? "" : record.new_pack_name + " ";
     text += "New pack:  " + tools::Printable(name + record.new_version) + "\n";

@@ -31,7 +31,7 @@ const char* StatusMeaning(updater::PackStatus status) {
     case updater::kStatusUpToDate:
       break;
   }
-  return "the pack was up to date when last updated";
+  return "the last update succeeded";
 }
 
 std::string PermittedCommands(updater::PackStatus status) {

@@ -72,7 +72,11 @@ function durationWords(milliseconds) {
 function showHeadline() {
   const step = state.steps.find((known) => known.step === state.step);
   const version = state.offer === null ? "" : `: ${packWords(state.offer)}`;
-  setText(byId("headline"), `${capitalized(state.meaning)}${step ? `: ${step.words}` : version}.`);
+  const record = `${capitalized(state.meaning)}${step ? `: ${step.words}` : version}.`;
+  // While nothing is to be done, what is installed counts; the record only tells how the last work on it went.
+  const isSettled = state.status === "up_to_date" || state.status === "lost";
+  const installed = state.installed === null ? "No codec pack is installed." : `Installed: ${packWords(state.installed)}. ${record}`;
+  setText(byId("headline"), isSettled ? installed : record);
 }
 
 function showDownload() {
