@@ -219,6 +219,15 @@ class WebTest(unittest.TestCase):
         self.assertTrue(asked)
         self.assertEqual([name for name in asked if not name.startswith((self.web.address, "data:"))], [])
 
+    def test_begins_with_what_is_installed(self):
+        self.install("1.0")
+        self.start_web()
+        with open_browser(width=WIDE) as browser:
+            self.open_page(browser)
+            self.await_text(browser, "headline", "Installed: orbamira-hevc 1.0. The last update succeeded.")
+            self.appliance.expect("remove")
+            self.await_text(browser, "headline", "No codec pack is installed.")
+
     def test_shows_the_pack_the_offer_and_the_history(self):
         self.install("1.0")
         self.offer("2.0")

@@ -218,6 +218,25 @@ TEST_F(PackctlTest, TextFromOutsideCannotSteerTheTerminal) {
   EXPECT_THAT(Run({"recover"}).output, AllOf(HasSubstr(".partial.\\033\n"), Not(HasSubstr("\033"))));
 }
 
+TEST_F(PackctlTest, CheckSaysThatAacIsWhatIsNew) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player"]})");
+  appliance_.Publish("1.0", "both", "orbamira-hevc-aac");
+  EXPECT_EQ(Run({"check"}).output,
+            "A pack with AAC is available, which an application asks for and the installed pack lacks: version 1.0, "
+            "installed is 1.0.\nFetch and install it with \"packctl update\".\n");
+}
+
+TEST_F(PackctlTest, StatusBeginsWithWhatIsInstalled) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  EXPECT_THAT(Run({"status"}).output,
+              StartsWith("Installed: orbamira-hevc 1.0\nStatus:    up_to_date (the last update succeeded)\n"));
+  ASSERT_EQ(Run({"remove"}).status, 0);
+  EXPECT_THAT(Run({"status"}).output, StartsWith("Installed: no codec pack\n"));
+}
+
 TEST_F(PackctlTest, CheckEndsWith1AndTheReasonWhenTheServerFails) {
   const Json::Value check = RunJson({"check"}, 1);
   EXPECT_EQ(check["command"], "check");

@@ -445,9 +445,8 @@ TEST_F(OrbaCoreWrapperGetKeyValueTest, IgnoresAFileThatEveryoneMayWrite) {
   std::filesystem::permissions(file_, std::filesystem::perms(0666));
   test::LogCapture::Clear();
   EXPECT_EQ(wrapper_.GetKeyValue(file_, "a"), "");
-  EXPECT_THAT(test::LogCapture::Lines(),
-              testing::ElementsAre(test::ErrorLine(
-                  "settings_file.cpp", "Ignored " + file_ + ": everyone may write it")));
+  EXPECT_THAT(test::LogCapture::Lines(), testing::ElementsAre(test::ErrorLine(
+                                             "settings_file.cpp", "Ignored " + file_ + ": everyone may write it")));
 }
 
 TEST_F(OrbaCoreWrapperGetKeyValueTest, MatchesTheWholeKey) {
