@@ -67,7 +67,7 @@ std::string Quoted(std::string_view text) {
     const auto byte = static_cast<unsigned char>(character);
     if (byte < 0x20) {
       std::array<char, 8> escape{};
-      std::snprintf(escape.data(), escape.size(), "\\u%04x", byte);
+      static_cast<void>(std::snprintf(escape.data(), escape.size(), "\\u%04x", byte));
       quoted += escape.data();
       continue;
     }

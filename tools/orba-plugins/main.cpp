@@ -208,8 +208,8 @@ int main(int argc, char** argv) {
   OpenStandardDescriptors();
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));  // a reader of our messages that went away decides nothing
   static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
-  const auto role = std::find_if(kRoles.begin(), kRoles.end(),
-                                 [](const Role& known) { return known.name == program_invocation_short_name; });
+  const auto* const role = std::find_if(kRoles.begin(), kRoles.end(),
+                                        [](const Role& known) { return known.name == program_invocation_short_name; });
   if (role == kRoles.end()) {
     for (const Role& known : kRoles) {
       PrintError(known.usage);

@@ -51,7 +51,7 @@ void BecomePlugin(char* const* arguments, int output, int errors, pid_t parent) 
   setpgid(0, 0);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) {
-    raise(SIGKILL);
+    static_cast<void>(raise(SIGKILL));
   }
   const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (dup2(input, STDIN_FILENO) < 0 || dup2(output, STDOUT_FILENO) < 0 || dup2(errors, STDERR_FILENO) < 0) {
@@ -71,6 +71,7 @@ struct Started {
 Started Start(const std::string& plugin, std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), plugin);
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) {
     argv.push_back(argument.data());
   }
@@ -87,8 +88,7 @@ Started Start(const std::string& plugin, std::vector<std::string> arguments) {
   if (process == 0) {
     BecomePlugin(argv.data(), output.write_end.get(), errors.write_end.get(), parent);
     const int error = errno;
-    static_cast<void>(!write(failure.write_end.get(), &error, sizeof error));
-    _exit(EXIT_FAILURE);
+    _exit(write(failure.write_end.get(), &error, sizeof error) < 0 ? EXIT_FAILURE : EXIT_SUCCESS);
   }
   setpgid(process, process);  // whoever of the two comes first
   failure.write_end = UniqueFd();
@@ -208,7 +208,7 @@ std::string WhatWentWrong(const PluginRun& run, double seconds) {
   }
   if (run.ending() == PluginRun::Ending::kTooLong || !run.status()) {
     std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%g", seconds);
+    static_cast<void>(std::snprintf(text.data(), text.size(), "%g", seconds));
     return std::string("stopped: it took longer than ") + text.data() + " s";
   }
   if (WIFSIGNALED(*run.status())) {

@@ -245,7 +245,7 @@ std::string HelpCommand(const CLI::App& app) {
   const CLI::App& level = NamedLevel(app);
   std::string name;
   for (const CLI::App* at = &level; at != nullptr; at = at->get_parent()) {
-    name = at->get_name() + ' ' + name;
+    name.insert(0, at->get_name() + ' ');
   }
   return name + "--help";
 }
