@@ -1098,7 +1098,10 @@ TEST_F(PackManagerFlowTest, NotifyStepOfAnUnknownEventThrows) {
 #undef curl_easy_setopt
 extern "C" __attribute__((visibility("default"))) CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
   std::va_list arguments;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wvarargs"  // libcurl declares the enumeration in front of the dots
   va_start(arguments, option);
+#pragma GCC diagnostic pop
   void* const value = va_arg(arguments, void*);  // a number comes the same way
   va_end(arguments);
   constexpr std::array kLimits = {CURLOPT_TIMEOUT,           CURLOPT_TIMEOUT_MS,      CURLOPT_CONNECTTIMEOUT,
