@@ -115,7 +115,7 @@ class FullDisk:
             if "nr_inodes" in stage.options:
                 take_entries(spare, keep=entries + entries // 2)
             found = []
-            if (ended := appliance.packctl("update")).returncode != 1:
+            if (ended := appliance.packctl("update", "--verbose")).returncode != 1:
                 found.append(f"update ended with {ended.returncode}")
             if not self.publisher.is_whole(appliance.pack, OLD):
                 found.append("the old pack is not in place")

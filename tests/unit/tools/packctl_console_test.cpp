@@ -75,6 +75,13 @@ TEST_F(ConsoleTest, WholeLinesOfOthersAreGivenOutBeforeTheEnd) {
   EXPECT_THAT(held.other, ElementsAre("three"));
 }
 
+TEST_F(ConsoleTest, WhatTheUpdatersProgramsSayWaitsForTheEnd) {
+  Console console;
+  WriteTo(STDERR_FILENO, "player: one\norba-archive: not signed\nplayer: two\n");
+  EXPECT_THAT(console.TakeOther(), ElementsAre("player: one", "player: two"));
+  EXPECT_THAT(console.TakeHeld().other, ElementsAre("orba-archive: not signed"));
+}
+
 TEST_F(ConsoleTest, WhatOthersWriteIsHeldBack) {
   const Console console;
   WriteTo(STDOUT_FILENO, "stray\n");

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <iterator>
 #include <optional>
 #include <sstream>
 #include <system_error>
@@ -118,7 +119,12 @@ Console::Held Console::TakeHeld() {
 
 std::vector<std::string> Console::TakeOther() {
   Look(true);
-  return std::exchange(lines_.other, {});
+  std::vector<std::string>& lines = lines_.other;
+  const auto ours = std::stable_partition(lines.begin(), lines.end(),
+                                          [](const std::string& line) { return !line.starts_with("orba-"); });
+  std::vector<std::string> taken(std::make_move_iterator(lines.begin()), std::make_move_iterator(ours));
+  lines.erase(lines.begin(), ours);
+  return taken;
 }
 
 void Console::Look(bool at_whole_lines) {

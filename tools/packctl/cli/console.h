@@ -46,7 +46,8 @@ class Console {
   /// The lines held back since the last call; of a flood only the first part.
   Held TakeHeld();
 
-  /// Those of child programs alone, and only whole ones: to show them while the work goes on. The log stays held.
+  /// Those of plugins alone, and only whole ones: to show them while the work goes on. The log stays held, and so does
+  /// what the updater's own programs say, whose names begin with "orba-": it is the reason, should the work fail.
   std::vector<std::string> TakeOther();
 
  private:
