@@ -102,7 +102,7 @@ void Show(ProgressView& view) {
   try {
     view.Show(ReadStatus(), ProgressView::Clock::now());
   } catch (const std::exception&) {
-    // A record that cannot be read now costs one picture; whether the work succeeds is told by the work.
+    // A record that cannot be read costs one update of the display; the result comes from the work itself.
     return;
   }
 }
