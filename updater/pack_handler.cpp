@@ -1,5 +1,9 @@
 #include "updater/pack_handler.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +15,7 @@
 #include "platform/exception.h"
 #include "platform/http/shown_link.h"
 #include "platform/log.h"
+#include "platform/posix/unique_fd.h"
 #include "platform/version.h"
 
 namespace orbamira::updater {
@@ -31,6 +36,28 @@ void LogFailedStatus(const std::string& path, const std::string& link, int statu
   ORBAMIRA_LOG_INFO("Failed to download pack to %s from link: %s, status code: %d", path.c_str(),
                     wrapper::ShownLink(link).c_str(), status);
 }
+
+/// The right to unpack into the temporary folder, which all hosts of the library share: two at a time would mix their
+/// files, and one would put a part of a pack in place. flock on the folder around it, given back by the kernel when the
+/// host dies; where the file system knows no locks, nobody is refused.
+class UnpackingRight {
+ public:
+  UnpackingRight() : folder_(OpenFile(kTargetFolder, O_RDONLY | O_DIRECTORY)) {
+    is_taken_ = folder_.valid() && flock(folder_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  }
+  ~UnpackingRight() {
+    // Closing alone would leave the lock with a process that another thread of the host forked meanwhile.
+    flock(folder_.get(), LOCK_UN);
+  }
+  UnpackingRight(const UnpackingRight&) = delete;
+  UnpackingRight& operator=(const UnpackingRight&) = delete;
+
+  [[nodiscard]] bool IsTaken() const { return is_taken_; }
+
+ private:
+  UniqueFd folder_;
+  bool is_taken_;
+};
 
 }  // namespace
 
@@ -135,6 +162,11 @@ bool PackHandler::DownloadThrough(const std::shared_ptr<wrapper::DownloadWrapper
 
 bool PackHandler::Install(const std::string& path) {
   if (!CreateTempPackDirectory()) {
+    return false;
+  }
+  const UnpackingRight right;
+  if (right.IsTaken()) {
+    ORBAMIRA_LOG_INFO("Another program is installing a pack");
     return false;
   }
   const auto clear_up = [this] {

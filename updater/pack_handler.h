@@ -55,7 +55,7 @@ class ORBAMIRA_EXPORT IPackHandler {
                                     std::function<void(long, long)>& progress) = 0;
 
   /// Unpacks the package file `path` and puts it in place of the pack that Uninstall() moved aside. When putting it in
-  /// place fails, the old pack comes back.
+  /// place fails, the old pack comes back. Fails at once while another host installs.
   virtual bool Install(const std::string& path) = 0;
 
   /// Moves the installed pack aside, to the backup.

@@ -1,7 +1,9 @@
 #include "updater/pack_handler.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <json/json.h>
+#include <sys/file.h>
 
 #include <filesystem>
 #include <fstream>
@@ -13,6 +15,7 @@
 
 #include "platform/constants.h"
 #include "platform/exception.h"
+#include "platform/posix/unique_fd.h"
 #include "tests/support/http_server.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mocks.h"
@@ -663,6 +666,19 @@ TEST_F(PackHandlerInstallTest, InstallWithoutTemporaryDirectoryTouchesNothing) {
   EXPECT_EQ(VersionAt(kBackup), kOld);
   EXPECT_FALSE(fs::exists(kTemp));
   EXPECT_THAT(LogCapture::Lines(), ElementsAre(Info("Failed to create temp directory " + kTemp)));
+}
+
+TEST_F(PackHandlerInstallTest, InstallBesideAnotherHostsLeavesItsTemporaryDirectoryAlone) {
+  MoveOldPackAside();
+  test::WriteFile(kTemp + "/INFO", kNew);
+  const UniqueFd other = OpenFile(kTargetFolder, O_RDONLY | O_DIRECTORY);
+  ASSERT_EQ(flock(other.get(), LOCK_EX), 0);
+  ExpectTempDirectory();
+  EXPECT_FALSE(handler_.Install(kOpk));
+  EXPECT_EQ(VersionAt(kTemp), kNew);
+  EXPECT_FALSE(fs::exists(kPack));
+  EXPECT_EQ(VersionAt(kBackup), kOld);
+  EXPECT_THAT(LogCapture::Lines(), ElementsAre(Info("Another program is installing a pack")));
 }
 
 TEST_F(PackHandlerInstallTest, InstallOfAPackageThatCannotBeUnpackedKeepsTheBackup) {
