@@ -10,15 +10,30 @@ import tempfile
 
 BENCH = pathlib.Path(__file__).resolve().parent
 ROW = {"wall", "processor", "peak"}
-STAGES = {"check", "download", "download, made durable", "digest", "unpack, outer", "unpack, inner", "place", "clean up",
-          "status writes", "plugin calls", "other"}
+STAGES = {
+    "check",
+    "download",
+    "download, made durable",
+    "digest",
+    "unpack, outer",
+    "unpack, inner",
+    "place",
+    "clean up",
+    "status writes",
+    "plugin calls",
+    "other",
+}
 
 
 def run(build, folder, script, *options):
     """The JSON that the benchmark writes."""
     figures = folder / "figures.json"
-    subprocess.run([sys.executable, "-B", BENCH / script, "--build", build, "--folder", folder, "--json", figures,
-                    *options], check=True, stdout=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
+    subprocess.run(
+        [sys.executable, "-B", BENCH / script, "--build", build, "--folder", folder, "--json", figures, *options],
+        check=True,
+        stdout=subprocess.DEVNULL,
+        stdin=subprocess.DEVNULL,
+    )
     return json.loads(figures.read_text())
 
 
@@ -68,8 +83,9 @@ def test_progress(build, folder):
 
 
 def test_fleet(build, folder):
-    found = run(build, folder, "fleet/run", "--runs", "1", "--checks", "4", "--processes", "1", "2",
-                "--appliances", "3000")
+    found = run(
+        build, folder, "fleet/run", "--runs", "1", "--checks", "4", "--processes", "1", "2", "--appliances", "3000"
+    )
     check = found["bytes"]
     expect(0 < check["request"] < check["to_server"] and 0 < check["answer"] < check["from_server"], "bytes of a check")
     for row in found["load"].values():
@@ -87,7 +103,6 @@ def test_fleet(build, folder):
             expect(abs(sent / release["bytes"] - 1) < 1e-6, "bytes over the day")
             expect(release["mean_bits_per_second"] < release["peak_bits_per_second"], "peak of a release")
 
-
     soon = found["missed"]["evening"]["with orbamira-missed@check.timer"]
     expect(soon["checks_a_day"] > 0.95 and soon["never"] == 0, "everyone who is on in the evening checks every day")
     expect(soon["most"] <= 20 * 60, "within some minutes of boot")
@@ -99,8 +114,18 @@ def test_fleet(build, folder):
 
 def test_status(build, folder):
     report = folder / "status.json"
-    subprocess.run([build.resolve() / "bench/status", "--folder", folder, f"--benchmark_out={report}",
-                    "--benchmark_min_time=0.01", "--benchmark_filter=-processes:16"], check=True, capture_output=True)
+    subprocess.run(
+        [
+            build.resolve() / "bench/status",
+            "--folder",
+            folder,
+            f"--benchmark_out={report}",
+            "--benchmark_min_time=0.01",
+            "--benchmark_filter=-processes:16",
+        ],
+        check=True,
+        capture_output=True,
+    )
     found = {row["name"]: row for row in json.loads(report.read_text())["benchmarks"]}
     expect(found["Save/against_plain_writes/manual_time"]["ratio"] > 0, "ratio of a save")
     expect(found["Read/unchanged"]["cpu_time"] > 0, "processor time of a read")

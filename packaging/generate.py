@@ -19,11 +19,16 @@ import sys
 GENERATED = "Made by packaging/generate.py: change what it is made from."
 
 PACKCTL_FILES = (
-    ("/etc/orbamira/updater.conf", "The machine's settings (KEY=VALUE), which win over those of the maker in "
-     "/usr/share/orbamira/updater.conf: pack_update_server, download_limit, plugin_time_limit and unpack_limit."),
+    (
+        "/etc/orbamira/updater.conf",
+        "The machine's settings (KEY=VALUE), which win over those of the maker in "
+        "/usr/share/orbamira/updater.conf: pack_update_server, download_limit, plugin_time_limit and unpack_limit.",
+    ),
     ("/etc/orbamira/account.json", "The account that is signed in, and its tokens; for root alone."),
-    ("/etc/orbamira/keyring.pem", "The certificates that packages must be signed by. Where there is none, unsigned "
-     "packages are accepted."),
+    (
+        "/etc/orbamira/keyring.pem",
+        "The certificates that packages must be signed by. Where there is none, unsigned " "packages are accepted.",
+    ),
     ("/usr/lib/orbamira/plugins", "The programs that are told of installs."),
     ("/var/lib/orbamira/packages/codec-pack", "The installed pack."),
     ("/var/lib/orbamira/status.json", "The recorded status."),
@@ -129,7 +134,7 @@ def mkpack_page(command, summary, see_also, text):
         f"{roff(command.replace(' ', '-'))} \\- {summary}",
         ".SH SYNOPSIS",
         f".B {command}",
-        roff(" ".join(usage.split()[1 + len(command.split()):])),
+        roff(" ".join(usage.split()[1 + len(command.split()) :])),
         ".SH DESCRIPTION",
         roff(description),
         ".SH OPTIONS",
@@ -137,7 +142,7 @@ def mkpack_page(command, summary, see_also, text):
     for entry in (entry for section in taken for entry in re.split(r"\n(?=  \S)", section.rstrip())[1:]):
         term, help_text = re.match(r"  (.+?)(?:  +|\n)(.*)", entry, flags=re.DOTALL).groups()
         page += [".TP", f"\\fB{roff(term)}\\fR", roff(" ".join(help_text.split()))]
-    for section in sections[len(taken):]:
+    for section in sections[len(taken) :]:
         heading, *lines = section.splitlines()
         page += [f".SH {heading.upper()}", *blocks(lines)]
     page += [".SH SEE ALSO", ", ".join(f"\\fB{roff(page_name)}\\fR(1)" for page_name in see_also)]
@@ -162,8 +167,13 @@ def second_words(commands):
 
 
 def bash_completion(program):
-    takes_value = [name for options in [program["options"], *(c["options"] for c in program["commands"])]
-                   for option in options if option["value"] for name in option["names"]]
+    takes_value = [
+        name
+        for options in [program["options"], *(c["options"] for c in program["commands"])]
+        for option in options
+        if option["value"]
+        for name in option["names"]
+    ]
     families = [group for group, commands in groups(program) if second_words(commands)]
     lines = [
         "# shellcheck shell=bash",
@@ -187,8 +197,11 @@ def bash_completion(program):
         "  esac",
         "  case $command in",
         f"    '') words='{' '.join([group for group, _ in groups(program)] + names(program['options']))}' ;;",
-        *(f"    {group}) words='{' '.join(second_words(commands) + ['-h', '--help'])}' ;;"
-          for group, commands in groups(program) if second_words(commands)),
+        *(
+            f"    {group}) words='{' '.join(second_words(commands) + ['-h', '--help'])}' ;;"
+            for group, commands in groups(program)
+            if second_words(commands)
+        ),
         *(f"    {quoted(c['name'])}) words='{' '.join(names(c['options']))}' ;;" for c in program["commands"]),
         "    *) return ;;",
         "  esac",
@@ -264,8 +277,9 @@ def zsh_completion(program):
         "      case $words[1] in",
     ]
     for group, commands in groups(program):
-        lines += (zsh_group(group, commands, " " * 8) if second_words(commands)
-                  else [" " * 8 + zsh_case(commands[0], group)])
+        lines += (
+            zsh_group(group, commands, " " * 8) if second_words(commands) else [" " * 8 + zsh_case(commands[0], group)]
+        )
     lines += ["      esac", "      ;;", "  esac", "}", "", '_packctl "$@"']
     return "\n".join(lines) + "\n"
 
@@ -283,10 +297,15 @@ def main(arguments):
     program = json.loads(run(describe))
     files = {
         "man/packctl.1": packctl_page(program),
-        "man/mkpack.1": mkpack_page("mkpack", "make a codec pack of a folder and publish it",
-                                    ("mkpack-verify", "packctl"), run(mkpack, "--help")),
-        "man/mkpack-verify.1": mkpack_page("mkpack verify", "verify a published folder", ("mkpack",),
-                                           run(mkpack, "verify", "--help")),
+        "man/mkpack.1": mkpack_page(
+            "mkpack",
+            "make a codec pack of a folder and publish it",
+            ("mkpack-verify", "packctl"),
+            run(mkpack, "--help"),
+        ),
+        "man/mkpack-verify.1": mkpack_page(
+            "mkpack verify", "verify a published folder", ("mkpack",), run(mkpack, "verify", "--help")
+        ),
         "completions/packctl.bash": bash_completion(program),
         "completions/_packctl": zsh_completion(program),
     }

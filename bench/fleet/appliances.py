@@ -16,8 +16,21 @@ MINUTE, HOUR = 60, 3_600
 ACCURACY = 60
 
 # Hours from UTC, and the share of the fleet that lives there: assumed, after where such appliances are sold.
-WORLD = {-8: 0.08, -7: 0.02, -6: 0.06, -5: 0.12, -3: 0.04, 0: 0.08, 1: 0.25, 2: 0.07, 3: 0.05, 5.5: 0.05, 8: 0.10,
-         9: 0.06, 10: 0.02}
+WORLD = {
+    -8: 0.08,
+    -7: 0.02,
+    -6: 0.06,
+    -5: 0.12,
+    -3: 0.04,
+    0: 0.08,
+    1: 0.25,
+    2: 0.07,
+    3: 0.05,
+    5.5: 0.05,
+    8: 0.10,
+    9: 0.06,
+    10: 0.02,
+}
 ONE_ZONE = {1: 1.0}
 
 # Clocks are set by the network, but for a few that drift (standard deviations in seconds).
@@ -57,9 +70,11 @@ class Timer:
         if not clock:
             raise ValueError(f"{path}: not once a day: {settings['OnCalendar']}")
         hours, minutes, rest = map(int, clock.groups())
-        return cls(at=hours * HOUR + minutes * MINUTE + rest,
-                   delay=seconds(settings.get("RandomizedDelaySec", "0")),
-                   accuracy=seconds(settings.get("AccuracySec", str(ACCURACY))))
+        return cls(
+            at=hours * HOUR + minutes * MINUTE + rest,
+            delay=seconds(settings.get("RandomizedDelaySec", "0")),
+            accuracy=seconds(settings.get("AccuracySec", str(ACCURACY))),
+        )
 
     def without_delay(self):
         return dataclasses.replace(self, delay=0)
@@ -80,8 +95,12 @@ class Missed:
         """Of the unit files."""
         settings = dict(re.findall(r"^(\w+)=(.*)$", timer.read_text(), flags=re.MULTILINE))
         minutes = re.search(r"^ExecCondition=.* -mmin -(\d+) ", service.read_text(), flags=re.MULTILINE)
-        return cls(wait=seconds(settings["OnBootSec"]), delay=seconds(settings["RandomizedDelaySec"]),
-                   accuracy=seconds(settings.get("AccuracySec", str(ACCURACY))), age=int(minutes[1]) * MINUTE)
+        return cls(
+            wait=seconds(settings["OnBootSec"]),
+            delay=seconds(settings["RandomizedDelaySec"]),
+            accuracy=seconds(settings.get("AccuracySec", str(ACCURACY))),
+            age=int(minutes[1]) * MINUTE,
+        )
 
     def after(self, boot, source):
         """When the timer elapses."""
@@ -92,8 +111,9 @@ def times_of_checks(count, timer, missed, zones, off_at_night, seed):
     """When each appliance checks. Those that were off at the time do it soon after they are switched on."""
     source = random.Random(seed)
     uniform, gauss, chance = source.uniform, source.gauss, source.random
-    zone_of = source.choices([hours * HOUR for hours in zones], cum_weights=list(itertools.accumulate(zones.values())),
-                             k=count)
+    zone_of = source.choices(
+        [hours * HOUR for hours in zones], cum_weights=list(itertools.accumulate(zones.values())), k=count
+    )
     for zone in zone_of:
         if chance() < off_at_night:
             time = missed.after(gauss(MORNING, MORNING_SPREAD) * HOUR, source)
@@ -125,8 +145,15 @@ def evening_figures(count, timer, missed, days, seed):
         for way, waits in made.items():
             ways[way] += waits
             never[way] += not waits
-    return {way: {"checks_a_day": len(waits) / count / days, "never": never[way] / count,
-                  "median": sorted(waits)[len(waits) // 2], "most": max(waits)} for way, waits in ways.items()}
+    return {
+        way: {
+            "checks_a_day": len(waits) / count / days,
+            "never": never[way] / count,
+            "median": sorted(waits)[len(waits) // 2],
+            "most": max(waits),
+        }
+        for way, waits in ways.items()
+    }
 
 
 def checks_after_outage(count, timer, missed, begin, end, seed):
@@ -162,8 +189,12 @@ def outage_figures(count, timer, missed, begin, end, seed):
     """Figures of the checks after an outage."""
     times = list(checks_after_outage(count, timer, missed, begin, end, seed))
     counts = per_second(times)
-    return {"checks": len(times), "peak_second": max(counts), "peak_minute": most_within(counts, MINUTE) / MINUTE,
-            "last": max(times, default=0)}
+    return {
+        "checks": len(times),
+        "peak_second": max(counts),
+        "peak_minute": most_within(counts, MINUTE) / MINUTE,
+        "last": max(times, default=0),
+    }
 
 
 def check_figures(counts, connection):
@@ -201,7 +232,7 @@ def release_figures(times, size, line, cut, seed):
             cuts += 1
             wasted += source.random()
     rates = list(itertools.accumulate(change[:DAY]))
-    hours = sorted((sum(rates[hour * HOUR:(hour + 1) * HOUR]) for hour in range(24)), reverse=True)
+    hours = sorted((sum(rates[hour * HOUR : (hour + 1) * HOUR]) for hour in range(24)), reverse=True)
     carried = list(itertools.accumulate(hours))
     return {
         "bytes": count * size,

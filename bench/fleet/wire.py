@@ -69,9 +69,16 @@ def offer(folder):
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir(parents=True)
     digest = "0123456789abcdef" * 4
-    reply = {name: {"checksum": digest, "size": 67_700_000, "title": title, "version": VERSIONS[1],
-                    "link": f"https://packs.example.com/packs/{name}-{VERSIONS[1]}-{digest[:12]}.opk"}
-             for name, title in PACKS.items()}
+    reply = {
+        name: {
+            "checksum": digest,
+            "size": 67_700_000,
+            "title": title,
+            "version": VERSIONS[1],
+            "link": f"https://packs.example.com/packs/{name}-{VERSIONS[1]}-{digest[:12]}.opk",
+        }
+        for name, title in PACKS.items()
+    }
     (folder / "reply.json").write_text(json.dumps(reply, indent=2, sort_keys=True) + "\n")
     return folder
 
@@ -93,9 +100,14 @@ def measure(build, folder):
             appliance.use_server(relay.address + "/reply.json")
             expect_offer(appliance.packctl("check", "--json"))
     shutil.rmtree(root)
-    headers = {way: count * HEADERS + FIRST_HEADERS - HEADERS
-               for way, count in zip(("request", "answer"), relay.segments, strict=True)}
-    return {"request": relay.sent["request"], "answer": relay.sent["answer"],
-            "segments": sum(relay.segments),
-            "to_server": relay.sent["request"] + headers["request"],
-            "from_server": relay.sent["answer"] + headers["answer"]}
+    headers = {
+        way: count * HEADERS + FIRST_HEADERS - HEADERS
+        for way, count in zip(("request", "answer"), relay.segments, strict=True)
+    }
+    return {
+        "request": relay.sent["request"],
+        "answer": relay.sent["answer"],
+        "segments": sum(relay.segments),
+        "to_server": relay.sent["request"] + headers["request"],
+        "from_server": relay.sent["answer"] + headers["answer"],
+    }

@@ -20,8 +20,15 @@ class Watch:
     def run(self, command, environment, folder):
         """The watcher's report. Everybody's unwritten data goes to the disk first, so that none pays for another's."""
         os.sync()
-        done = subprocess.run([self.program, "--report", self.report, "--", *command], env=environment, cwd=folder,
-                              stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
+        done = subprocess.run(
+            [self.program, "--report", self.report, "--", *command],
+            env=environment,
+            cwd=folder,
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            text=True,
+            check=False,
+        )
         if done.returncode != 0:
             raise RuntimeError(f"{command} ended with {done.returncode}: {done.stdout}{done.stderr}")
         return json.loads(self.report.read_text())

@@ -54,8 +54,13 @@ class Shelf:
     def offer(self, pack, url):
         """The address of a reply that offers this pack from the server at `url`."""
         reply = self.served / f"reply-{pack.package.stem}.json"
-        member = {"title": "HEVC", "version": pack.version, "link": f"{url}/{pack.package.name}",
-                  "checksum": pack.checksum, "size": pack.package.stat().st_size}
+        member = {
+            "title": "HEVC",
+            "version": pack.version,
+            "link": f"{url}/{pack.package.name}",
+            "checksum": pack.checksum,
+            "size": pack.package.stat().st_size,
+        }
         reply.write_text(json.dumps({PACK_NAME: member}))
         return f"{url}/{reply.name}"
 
@@ -63,9 +68,25 @@ class Shelf:
         package = self.served / f"{name}-{version}.opk"
         if not package.exists():
             made = self.folder / "made"
-            subprocess.run([SOURCE / "tools/mkpack/mkpack", "--payload", source, "--output", made, "--name", PACK_NAME,
-                            "--version", version, "--title", "HEVC", "--base-url", "http://localhost"],
-                           check=True, stdout=subprocess.DEVNULL)
+            subprocess.run(
+                [
+                    SOURCE / "tools/mkpack/mkpack",
+                    "--payload",
+                    source,
+                    "--output",
+                    made,
+                    "--name",
+                    PACK_NAME,
+                    "--version",
+                    version,
+                    "--title",
+                    "HEVC",
+                    "--base-url",
+                    "http://localhost",
+                ],
+                check=True,
+                stdout=subprocess.DEVNULL,
+            )
             self.served.mkdir(exist_ok=True)
             reply = json.loads((made / "reply.json").read_text())[PACK_NAME]
             (made / pathlib.Path(reply["link"]).name).rename(package)
@@ -83,8 +104,11 @@ class Shelf:
             (tree / "DEBIAN").chmod(0o755)
             (tree / "DEBIAN/control").write_text(_CONTROL.format(version=version))
             shutil.copytree(source, tree / INSTALLED, symlinks=True, copy_function=os.link)
-            subprocess.run(["dpkg-deb", "--root-owner-group", "-Zgzip", "-z9", "--build", tree, tree / "made.deb"],
-                           check=True, stdout=subprocess.DEVNULL)
+            subprocess.run(
+                ["dpkg-deb", "--root-owner-group", "-Zgzip", "-z9", "--build", tree, tree / "made.deb"],
+                check=True,
+                stdout=subprocess.DEVNULL,
+            )
             (tree / "made.deb").rename(package)
             shutil.rmtree(tree)
         return package

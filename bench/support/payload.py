@@ -6,11 +6,7 @@ import shutil
 
 MEGABYTE = 1_000_000
 # name: (number of files, bytes of each from, to)
-KINDS = {
-    "large": (14, 15_500_000, 15_500_000),
-    "many": (5_000, 1 << 10, 64 << 10),
-    "small": (2, MEGABYTE, MEGABYTE),
-}
+KINDS = {"large": (14, 15_500_000, 15_500_000), "many": (5_000, 1 << 10, 64 << 10), "small": (2, MEGABYTE, MEGABYTE)}
 _POOL = 4 << 20
 _PIECE = 64 << 10
 
@@ -44,7 +40,7 @@ class Content:
         with path.open("wb") as file:
             while size > 0:
                 begin = self.source.randrange(_POOL - _PIECE)
-                size -= file.write(self.pool[begin:begin + min(_PIECE, size)])
+                size -= file.write(self.pool[begin : begin + min(_PIECE, size)])
 
 
 def make(folder, files, smallest, largest, seed):

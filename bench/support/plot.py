@@ -21,7 +21,7 @@ class _Axis:
         return round(self.first + share * (self.last - self.first), 1)
 
     def ticks(self):
-        return [10.0 ** power for power in range(self.low, self.high + 1)]
+        return [10.0**power for power in range(self.low, self.high + 1)]
 
 
 class Hours:
@@ -54,9 +54,12 @@ def svg(title, x_label, series, across=_Axis):
     """The document; `series` are names of lines (with their unit) and their points, all greater than 0."""
     across = across([x for points in series.values() for x, _ in points], _LEFT, _WIDTH - _RIGHT)
     up = _Axis([y for points in series.values() for _, y in points], _HEIGHT - _BOTTOM, _TOP)
-    parts = [f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {_WIDTH} {_HEIGHT}" font-family="sans-serif" '
-             f'font-size="12"><rect width="{_WIDTH}" height="{_HEIGHT}" fill="white"/>',
-             _text(_WIDTH / 2, 18, title), _text(_WIDTH / 2, _HEIGHT - 12, x_label)]
+    parts = [
+        f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {_WIDTH} {_HEIGHT}" font-family="sans-serif" '
+        f'font-size="12"><rect width="{_WIDTH}" height="{_HEIGHT}" fill="white"/>',
+        _text(_WIDTH / 2, 18, title),
+        _text(_WIDTH / 2, _HEIGHT - 12, x_label),
+    ]
     for tick in across.ticks():
         parts.append(_line([(across.at(tick), up.first), (across.at(tick), up.last)], "#ddd", 1))
         parts.append(_text(across.at(tick), up.first + 18, _label(tick)))

@@ -51,12 +51,17 @@ class Server:
         for _ in range(5):
             # Between here and nginx somebody else may take the port: then another is tried.
             port = _free_port()
-            (self.work / "nginx.conf").write_text(CONFIGURATION.format(
-                port=port, folder=self.folder, limit=limit, log=self.log_setting))
+            (self.work / "nginx.conf").write_text(
+                CONFIGURATION.format(port=port, folder=self.folder, limit=limit, log=self.log_setting)
+            )
             # Where an ordinary user does not look for programs.
             environment = {**os.environ, "PATH": os.environ["PATH"] + ":/usr/sbin"}
-            self.process = subprocess.Popen(["nginx", "-e", "error.log", "-p", str(self.work), "-c", "nginx.conf"],
-                                            env=environment, stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            self.process = subprocess.Popen(
+                ["nginx", "-e", "error.log", "-p", str(self.work), "-c", "nginx.conf"],
+                env=environment,
+                stdin=subprocess.DEVNULL,
+                stderr=subprocess.DEVNULL,
+            )
             self.url = f"http://127.0.0.1:{port}"
             if self._answers():
                 return self

@@ -41,8 +41,9 @@ class Side:
 
     def go_to(self, pack):
         command, environment = self.command(pack)
-        subprocess.run(command, env=environment, cwd=self.folder, check=True, stdin=subprocess.DEVNULL,
-                       stdout=subprocess.DEVNULL)
+        subprocess.run(
+            command, env=environment, cwd=self.folder, check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL
+        )
 
 
 class Updater(Side):

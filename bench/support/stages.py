@@ -14,8 +14,19 @@ CHILDREN = {
     "orba-copy": "place",
     "orba-remove": "clean up",
 }
-STAGES = ("check", "download", "download, made durable", "digest", "unpack, outer", "unpack, inner", "place",
-          "clean up", "status writes", "plugin calls", "other")
+STAGES = (
+    "check",
+    "download",
+    "download, made durable",
+    "digest",
+    "unpack, outer",
+    "unpack, inner",
+    "place",
+    "clean up",
+    "status writes",
+    "plugin calls",
+    "other",
+)
 _CALLS = "execve,connect,fadvise64,flock,fsync,clone,wait4"
 _LINE = re.compile(r"(?P<begin>\d+\.\d+) (?P<call>\w+)\((?P<rest>.*?)(?:<(?P<length>\d+\.\d+)>)?$")
 
@@ -79,8 +90,13 @@ def measure(command, environment, folder):
     os.sync()
     with tempfile.TemporaryDirectory(prefix="stages-", dir=folder) as name:
         trace = pathlib.Path(name) / "trace"
-        subprocess.run(["strace", "-ff", "--seccomp-bpf", "-ttt", "-T", "-y", "-e", f"trace={_CALLS}", "-o", trace,
-                        *command], env=environment, check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+        subprocess.run(
+            ["strace", "-ff", "--seccomp-bpf", "-ttt", "-T", "-y", "-e", f"trace={_CALLS}", "-o", trace, *command],
+            env=environment,
+            check=True,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+        )
         threads = [_calls(path) for path in trace.parent.iterdir()]
     begin = min(calls[0].begin for calls in threads if calls)
     end = max(calls[-1].end for calls in threads if calls)

@@ -17,15 +17,25 @@ def open_browser(*, width=1000, height=800, color_scheme="light"):
     options = webdriver.ChromeOptions()
     options.binary_location = "/usr/bin/chromium"
     # The browser's own sandbox needs rights that neither root nor a container gives; it sees our pages only.
-    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--no-first-run", "--no-proxy-server",
-                     "--disable-background-networking", f"--window-size={width},{height}"):
+    for argument in (
+        "--headless=new",
+        "--no-sandbox",
+        "--disable-dev-shm-usage",
+        "--no-first-run",
+        "--no-proxy-server",
+        "--disable-background-networking",
+        f"--window-size={width},{height}",
+    ):
         options.add_argument(argument)
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
     with webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options) as browser:
-        browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride",
-                                {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": False})
-        browser.execute_cdp_cmd("Emulation.setEmulatedMedia",
-                                {"features": [{"name": "prefers-color-scheme", "value": color_scheme}]})
+        browser.execute_cdp_cmd(
+            "Emulation.setDeviceMetricsOverride",
+            {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": False},
+        )
+        browser.execute_cdp_cmd(
+            "Emulation.setEmulatedMedia", {"features": [{"name": "prefers-color-scheme", "value": color_scheme}]}
+        )
         yield browser
 
 

@@ -54,17 +54,23 @@ class SignInTest(unittest.TestCase):
         folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.appliance = Appliance.lay_out(folder / "root", self.arguments.build, self.arguments.source)
         self.account = self.appliance.root / "etc/orbamira/account.json"
-        provider = self.enterContext(subprocess.Popen(
-            [pathlib.Path(self.arguments.build) / "tests/oidc_provider", "--login"], stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE, text=True))
+        provider = self.enterContext(
+            subprocess.Popen(
+                [pathlib.Path(self.arguments.build) / "tests/oidc_provider", "--login"],
+                stdin=subprocess.PIPE,
+                stdout=subprocess.PIPE,
+                text=True,
+            )
+        )
         self.issuer = provider.stdout.readline().strip()
 
     @contextlib.contextmanager
     def sign_in(self):
         """A sign-in that waits; gives its process and the address."""
         command = [self.appliance.root / "packctl", "account", "sign-in", "--json", "--issuer", self.issuer]
-        with subprocess.Popen(command, env=self.appliance.environment(), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                              text=True) as process:
+        with subprocess.Popen(
+            command, env=self.appliance.environment(), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
+        ) as process:
             try:
                 yield process, json.loads(process.stdout.readline())["address"]
             finally:
@@ -72,7 +78,9 @@ class SignInTest(unittest.TestCase):
 
     @staticmethod
     def heading(browser, text):
-        WebDriverWait(browser, PATIENCE).until(expected_conditions.text_to_be_present_in_element((By.TAG_NAME, "h1"), text))
+        WebDriverWait(browser, PATIENCE).until(
+            expected_conditions.text_to_be_present_in_element((By.TAG_NAME, "h1"), text)
+        )
 
     def sign_in_at(self, browser, address):
         """Goes to the address and does what a person does there."""
@@ -88,7 +96,10 @@ class SignInTest(unittest.TestCase):
 
     def test_a_person_signs_in(self):
         for scheme in ("light", "dark"):
-            with self.subTest(scheme), open_browser(color_scheme=scheme) as browser, self.sign_in() as (packctl, address):
+            with self.subTest(scheme), open_browser(color_scheme=scheme) as browser, self.sign_in() as (
+                packctl,
+                address,
+            ):
                 browser.get(address)
                 self.heading(browser, "Example accounts")
                 save_screenshot(browser, f"sign_in_{scheme}_1_provider")
@@ -125,14 +136,21 @@ class SignInTest(unittest.TestCase):
     def test_the_page_of_an_attacker_changes_nothing(self):
         with open_browser() as browser, self.sign_in() as (packctl, address):
             callback = packctl_callback(address)
-            attacks = "".join(f'<img src="{callback}{query}" alt="">' for query in (
-                "", "?code=theirs&state=guessed", "?error=access_denied&state=guessed"))
-            attacks += (f'<form id="form" method="post" target="frame" action="{callback}?code=theirs&state=guessed">'
-                        f'</form><iframe name="frame" src="{callback}?code=theirs&state=guessed"></iframe>'
-                        "<script>document.getElementById('form').submit()</script>")
-            with serve({"/": f"<!doctype html><title>Holidays</title><h1>Holidays</h1>{attacks}",
-                        "/away": f'<!doctype html><meta http-equiv="refresh" content="0;url={callback}?code=a&state=b">'
-                        }) as attacker:
+            attacks = "".join(
+                f'<img src="{callback}{query}" alt="">'
+                for query in ("", "?code=theirs&state=guessed", "?error=access_denied&state=guessed")
+            )
+            attacks += (
+                f'<form id="form" method="post" target="frame" action="{callback}?code=theirs&state=guessed">'
+                f'</form><iframe name="frame" src="{callback}?code=theirs&state=guessed"></iframe>'
+                "<script>document.getElementById('form').submit()</script>"
+            )
+            with serve(
+                {
+                    "/": f"<!doctype html><title>Holidays</title><h1>Holidays</h1>{attacks}",
+                    "/away": f'<!doctype html><meta http-equiv="refresh" content="0;url={callback}?code=a&state=b">',
+                }
+            ) as attacker:
                 browser.get(attacker)
                 self.heading(browser, "Holidays")
                 browser.get(attacker + "/away")

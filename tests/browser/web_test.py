@@ -133,8 +133,12 @@ class Web:
     """A "packctl web" of the appliance."""
 
     def __init__(self, appliance, *arguments):
-        self.process = subprocess.Popen([appliance.root / "packctl", "web", "--json", *arguments],
-                                        env=appliance.environment(), stdout=subprocess.PIPE, text=True)
+        self.process = subprocess.Popen(
+            [appliance.root / "packctl", "web", "--json", *arguments],
+            env=appliance.environment(),
+            stdout=subprocess.PIPE,
+            text=True,
+        )
         started = json.loads(self.process.stdout.readline())
         self.address, self.token = started["address"], started["token"]
         self.link = f"{self.address}#token={self.token}"
@@ -154,8 +158,10 @@ class WebTest(unittest.TestCase):
         cls.source = pathlib.Path(cls.arguments.source)
         cls.folder = cls.enterClassContext(tempfile.TemporaryDirectory())
         cls.publisher = cls.enterClassContext(SlowPublisher(cls.source, pathlib.Path(cls.folder) / "served"))
-        cls.addresses = {version: cls.publisher.publish(version, seed, (3_000_000, 500_000))
-                         for seed, version in enumerate(("1.0", "2.0"))}
+        cls.addresses = {
+            version: cls.publisher.publish(version, seed, (3_000_000, 500_000))
+            for seed, version in enumerate(("1.0", "2.0"))
+        }
 
     def setUp(self):
         root = self.enterContext(tempfile.TemporaryDirectory(dir=memory_folder() or self.folder))
@@ -193,7 +199,9 @@ class WebTest(unittest.TestCase):
     def await_that(self, browser, condition):
         """Waits until the condition gives something, and gives that."""
         # The page may put another element in place of one that is being looked at.
-        wait = WebDriverWait(browser, PATIENCE, poll_frequency=0.05, ignored_exceptions=[StaleElementReferenceException])
+        wait = WebDriverWait(
+            browser, PATIENCE, poll_frequency=0.05, ignored_exceptions=[StaleElementReferenceException]
+        )
         return wait.until(lambda _: condition())
 
     def text(self, browser, name):
@@ -207,7 +215,9 @@ class WebTest(unittest.TestCase):
         self.await_that(browser, lambda: browser.find_element(By.ID, "content").is_displayed())
 
     def state(self):
-        with contextlib.closing(http.client.HTTPConnection("127.0.0.1", int(self.web.port), timeout=PATIENCE)) as client:
+        with contextlib.closing(
+            http.client.HTTPConnection("127.0.0.1", int(self.web.port), timeout=PATIENCE)
+        ) as client:
             client.request("GET", "/api/state")
             return json.load(client.getresponse())
 
@@ -260,15 +270,27 @@ class WebTest(unittest.TestCase):
             # The record is saved the more seldom the longer that takes on this disk.
             values = [0]
             while len(values) < 3:
-                values.append(self.await_that(browser, lambda: bar.get_property("value") > values[-1]
-                                              and bar.get_property("value")))
+                values.append(
+                    self.await_that(
+                        browser, lambda: bar.get_property("value") > values[-1] and bar.get_property("value")
+                    )
+                )
             self.assertRegex(self.text(browser, "progress-text"), r"iB of 3\.\d MiB \(\d+ %\)")
             self.assertEqual(browser.find_elements(By.CSS_SELECTOR, "[aria-current]"), [])
             self.publisher.pause = 0
-            for words in ("Telling applications that the old pack goes", "Moving the old pack aside",
-                          "The old pack is out of the way", "Unpacking the new pack and putting it in place"):
-                self.await_that(browser, lambda words=words: [
-                    item.text for item in browser.find_elements(By.CSS_SELECTOR, "#steps [aria-current=step]")] == [words])
+            for words in (
+                "Telling applications that the old pack goes",
+                "Moving the old pack aside",
+                "The old pack is out of the way",
+                "Unpacking the new pack and putting it in place",
+            ):
+                self.await_that(
+                    browser,
+                    lambda words=words: [
+                        item.text for item in browser.find_elements(By.CSS_SELECTOR, "#steps [aria-current=step]")
+                    ]
+                    == [words],
+                )
                 self.assertIn(words.lower(), self.text(browser, "headline").lower())
                 go()
             self.await_text(browser, "outcome", "Update: done.")
@@ -303,7 +325,8 @@ class WebTest(unittest.TestCase):
             self.assertIsNone(self.state()["action"])
             self.tab_to(browser, "token")
             ActionChains(browser).send_keys(self.web.token).key_down(Keys.SHIFT).send_keys(Keys.TAB, Keys.TAB).key_up(
-                Keys.SHIFT).perform()
+                Keys.SHIFT
+            ).perform()
             self.assertEqual(self.focused(browser), "check")
             ActionChains(browser).send_keys(Keys.ENTER).perform()
             self.await_text(browser, "outcome", "Check: a new pack is available.")
@@ -342,7 +365,9 @@ class WebTest(unittest.TestCase):
             self.assertEqual(browser.current_url, self.web.address)
             self.assertEqual(browser.find_element(By.ID, "token").get_attribute("value"), self.web.token)
             browser.refresh()
-            self.await_that(browser, lambda: browser.find_element(By.ID, "token").get_attribute("value") == self.web.token)
+            self.await_that(
+                browser, lambda: browser.find_element(By.ID, "token").get_attribute("value") == self.web.token
+            )
             self.assertEqual(browser.execute_script("return [localStorage.length, document.cookie]"), [0, ""])
             browser.switch_to.new_window("tab")
             self.open_page(browser, self.web.address)
@@ -350,8 +375,9 @@ class WebTest(unittest.TestCase):
 
     def test_puts_in_what_comes_from_outside_as_text(self):
         markup = "<b id=planted>2.0</b><img src=x onerror=alert(1)>"
-        self.appliance.status_file.write_text(json.dumps({"status": "need_install", "new_version": markup,
-                                                          "new_pack_name": markup}))
+        self.appliance.status_file.write_text(
+            json.dumps({"status": "need_install", "new_version": markup, "new_pack_name": markup})
+        )
         self.start_web()
         with open_browser(width=WIDE) as browser:
             self.open_page(browser)
@@ -362,6 +388,7 @@ class WebTest(unittest.TestCase):
     @contextlib.contextmanager
     def other_site(self, page):
         """A site that is not ours; gives its address."""
+
         class Handler(http.server.BaseHTTPRequestHandler):
             def do_GET(self):  # pylint: disable=invalid-name
                 self.send_response(200)
@@ -393,8 +420,14 @@ class WebTest(unittest.TestCase):
             attempts = {
                 "simple": ["api/check", {"method": "POST", "mode": "no-cors", "body": "{}"}],
                 "simple with cors": ["api/check", {"method": "POST", "body": "{}"}],
-                "preflight": ["api/update", {"method": "POST", "body": "{}", "headers": {
-                    "Content-Type": "application/json", "Authorization": f"Bearer {self.web.token}"}}],
+                "preflight": [
+                    "api/update",
+                    {
+                        "method": "POST",
+                        "body": "{}",
+                        "headers": {"Content-Type": "application/json", "Authorization": f"Bearer {self.web.token}"},
+                    },
+                ],
                 "read": ["api/state", {}],
                 "read without cors": ["api/state", {"mode": "no-cors"}],
                 "read the page": ["", {}],
@@ -404,15 +437,19 @@ class WebTest(unittest.TestCase):
                     result = browser.execute_async_script(
                         "const done = arguments[2];"
                         "fetch(arguments[0], arguments[1]).then((r) => r.text()).then(done, (e) => done(e.name))",
-                        ours + path, options)
+                        ours + path,
+                        options,
+                    )
                     self.assertIn(result, ("TypeError", ""))
             browser.execute_script("document.getElementById('quiet').submit()")
             browser.switch_to.frame("frame")
             self.assertEqual(browser.find_elements(By.ID, "check"), [], "the page is framed")
             browser.switch_to.default_content()
             browser.execute_script("document.getElementById('loud').submit()")
-            self.await_that(browser, lambda: "requests from other sites are refused" in
-                            browser.find_element(By.TAG_NAME, "body").text)
+            self.await_that(
+                browser,
+                lambda: "requests from other sites are refused" in browser.find_element(By.TAG_NAME, "body").text,
+            )
             self.assertEqual(browser.current_url, f"{ours}api/check")
         self.assertEqual(self.state(), before)
         self.assertEqual(self.publisher.requests, [])
@@ -443,25 +480,33 @@ class WebTest(unittest.TestCase):
                 self.take_step(browser, go)
 
         def of_role(*roles):
-            return [(node["name"].get("value", "").strip(), {each["name"]: each["value"].get("value")
-                                                           for each in node.get("properties", [])})
-                    for node in nodes if node["role"]["value"] in roles]
+            return [
+                (
+                    node["name"].get("value", "").strip(),
+                    {each["name"]: each["value"].get("value") for each in node.get("properties", [])},
+                )
+                for node in nodes
+                if node["role"]["value"] in roles
+            ]
 
         self.assertEqual([name for name, _ in of_role("button")], ["Check for a new pack", "Download and install"])
         self.assertTrue(all(properties["disabled"] for _, properties in of_role("button")))
         self.assertEqual([name for name, _ in of_role("textbox")], ["Token"])
         self.assertEqual([name for name, _ in of_role("progressbar", "progressIndicator")], ["Download"])
         self.assertEqual([name for name, _ in of_role("table")], ["What was done, the newest first"])
-        self.assertEqual([name for name, _ in of_role("columnheader")],
-                         ["Time", "Command", "Result", "Pack before", "Pack after", "Took"])
+        self.assertEqual(
+            [name for name, _ in of_role("columnheader")],
+            ["Time", "Command", "Result", "Pack before", "Pack after", "Took"],
+        )
         self.assertEqual(len(of_role("rowheader")), 2)
         self.assertEqual([name for name, _ in of_role("region")], ["Under way", "Pack", "Actions", "History"])
         self.assertEqual(len(of_role("main")), 1)
         self.assertEqual([properties["live"] for _, properties in of_role("status")], ["polite", "polite"])
         levels = [properties["level"] for _, properties in of_role("heading")]
         self.assertEqual(levels, [1, 2, 3, 2, 2, 2])
-        descriptions = [node.get("description", {}).get("value", "") for node in nodes
-                        if node["role"]["value"] == "button"]
+        descriptions = [
+            node.get("description", {}).get("value", "") for node in nodes if node["role"]["value"] == "button"
+        ]
         self.assertEqual(descriptions, ["Not now: packctl update is at work."] * 2)
 
     def resize(self, browser, width, scale=1):
@@ -469,14 +514,14 @@ class WebTest(unittest.TestCase):
         metrics = {"width": width, "height": 800, "deviceScaleFactor": scale, "mobile": False}
         for _ in range(2):  # the second time without the scroll bar of the first
             browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", metrics)
-            metrics["height"] = browser.execute_script(
-                "return Math.ceil(document.body.getBoundingClientRect().bottom)")
+            metrics["height"] = browser.execute_script("return Math.ceil(document.body.getBoundingClientRect().bottom)")
         browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", metrics)
 
     def check_looks(self, browser, name):
         for scheme in ("light", "dark"):
-            browser.execute_cdp_cmd("Emulation.setEmulatedMedia",
-                                    {"features": [{"name": "prefers-color-scheme", "value": scheme}]})
+            browser.execute_cdp_cmd(
+                "Emulation.setEmulatedMedia", {"features": [{"name": "prefers-color-scheme", "value": scheme}]}
+            )
             for kind, width, scale in (("wide", WIDE, 1), ("narrow", NARROW, 1), ("zoomed", WIDE // 2, 2)):
                 with self.subTest(name, scheme=scheme, kind=kind):
                     self.resize(browser, width, scale)
@@ -521,9 +566,16 @@ class WebTest(unittest.TestCase):
         """A year of daily updates that failed, with texts as long as the history keeps them, in words that never end."""
         sentence = "The server was asked for http://192.0.2.1/" + "x" * 200 + " and answered with: "
         pack = {"package": "orbamira-hevc-aac", "version": "1.0.0-" + "9" * 80}
-        entry = {"duration_ms": 3_599_000, "command": "update", "from": pack, "to": pack, "result": "not_permitted",
-                 "status": "download_install_failed", "exit": 1,
-                 "errors": [sentence + "<b>no</b> " * 25, "y" * 500, "a short one"]}
+        entry = {
+            "duration_ms": 3_599_000,
+            "command": "update",
+            "from": pack,
+            "to": pack,
+            "result": "not_permitted",
+            "status": "download_install_failed",
+            "exit": 1,
+            "errors": [sentence + "<b>no</b> " * 25, "y" * 500, "a short one"],
+        }
         now = int(time.time())
         path = self.appliance.root / "var/lib/orbamira/history.jsonl"
         path.write_text("".join(json.dumps(entry | {"time": now - day * 86_400}) + "\n" for day in range(365, 0, -1)))
@@ -537,11 +589,13 @@ class WebTest(unittest.TestCase):
             self.await_that(browser, lambda: browser.find_elements(By.CSS_SELECTOR, "#history tbody tr"))
             for scheme, width in itertools.product(("light", "dark"), (320, 480, 768, 895, 897, 1000, 1440, 1920)):
                 with self.subTest(scheme=scheme, width=width):
-                    browser.execute_cdp_cmd("Emulation.setEmulatedMedia",
-                                            {"features": [{"name": "prefers-color-scheme", "value": scheme}]})
+                    browser.execute_cdp_cmd(
+                        "Emulation.setEmulatedMedia", {"features": [{"name": "prefers-color-scheme", "value": scheme}]}
+                    )
                     self.resize(browser, width)
                     visible, needed = browser.execute_script(
-                        "const page = document.documentElement; return [page.clientWidth, page.scrollWidth];")
+                        "const page = document.documentElement; return [page.clientWidth, page.scrollWidth];"
+                    )
                     self.assertLessEqual(needed, visible)
                     self.assertEqual(browser.execute_script(CUT), [])
                     self.assertEqual(browser.execute_script(BROKEN_WORDS), [])
@@ -552,14 +606,16 @@ class WebTest(unittest.TestCase):
         self.start_web()
         with open_browser(width=WIDE) as browser:
             self.open_page(browser)
-            moving = browser.execute_script("""
+            moving = browser.execute_script(
+                """
                 const found = [];
                 const look = (rules, media) => [...rules].forEach((rule) => {
                   if (/transition|animation|scroll-behavior/.test(rule.style?.cssText ?? "")) { found.push(media); }
                   if (rule.cssRules?.length) { look(rule.cssRules, rule.conditionText ?? media); }
                 });
                 [...document.styleSheets].forEach((sheet) => look(sheet.cssRules, "any"));
-                return found;""")
+                return found;"""
+            )
             self.assertEqual(moving, ["(prefers-reduced-motion: no-preference)"])
 
     def test_asks_for_nothing_while_nobody_sees_it(self):
@@ -567,8 +623,10 @@ class WebTest(unittest.TestCase):
         self.start_web()
         with open_browser(width=WIDE) as browser:
             self.open_page(browser)
-            hide = ("Object.defineProperty(document, 'hidden', {value: arguments[0], configurable: true});"
-                    "document.dispatchEvent(new Event('visibilitychange'))")
+            hide = (
+                "Object.defineProperty(document, 'hidden', {value: arguments[0], configurable: true});"
+                "document.dispatchEvent(new Event('visibilitychange'))"
+            )
             browser.execute_script(hide, True)
             # The first change answers what it had asked before; later it is given the time to ask again.
             shown = "setTimeout(() => arguments[0](document.getElementById('offer').textContent), 600)"

@@ -67,7 +67,9 @@ class Page:
 
     def prepare(self):
         subprocess.run(
-            ["cmake", "--install", self.build], env={**os.environ, "DESTDIR": str(self.root)}, check=True,
+            ["cmake", "--install", self.build],
+            env={**os.environ, "DESTDIR": str(self.root)},
+            check=True,
             stdout=subprocess.DEVNULL,
         )
         etc = self.root / "etc/orbamira"
@@ -100,8 +102,13 @@ class Page:
             "PATH": f"{self.folder}/stubs:{self.root}/usr/bin:{os.environ['PATH']}:/usr/sbin",
         }
         done = subprocess.run(
-            [self.build / "tests/enclosed", "bash", "-euo", "pipefail", "-c", self.here(text)], cwd=self.work,
-            env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+            [self.build / "tests/enclosed", "bash", "-euo", "pipefail", "-c", self.here(text)],
+            cwd=self.work,
+            env=environment,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
             check=False,
         )
         if done.returncode != 0:
@@ -137,8 +144,10 @@ class DocumentationTest(unittest.TestCase):
         with tempfile.TemporaryDirectory() as name:
             folder = pathlib.Path(name)
             page = folder / "page.md"
-            page.write_text("```sh\nsh -c 'echo $$ > started; exec sleep 100000' &\n"
-                            "until [ -s started ]; do sleep 0.01; done\nfalse\n```\n")
+            page.write_text(
+                "```sh\nsh -c 'echo $$ > started; exec sleep 100000' &\n"
+                "until [ -s started ]; do sleep 0.01; done\nfalse\n```\n"
+            )
             with self.assertRaisesRegex(AssertionError, "page.md: ended with 1"):
                 Page(page, self.build, folder).run()
             process = (folder / "work/started").read_text().strip()

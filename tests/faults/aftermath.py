@@ -96,8 +96,9 @@ class Aftermath:
         program = program or self.PROGRAM
         done = self.appliance.run(program, *command.split())
         if done.returncode not in accepted:
-            self.stuck.append(f"{program} {command} ended with {done.returncode}: "
-                              f"{(done.stdout + done.stderr).strip()}")
+            self.stuck.append(
+                f"{program} {command} ended with {done.returncode}: " f"{(done.stdout + done.stderr).strip()}"
+            )
         return done.returncode
 
 

@@ -75,9 +75,26 @@ class Publisher:
         (payload / "lib/libcodec.so").symlink_to(f"libcodec0.so.{version}")
         reply = self.folder / f"reply-{version}.json"
         subprocess.run(
-            [self.mkpack, "--payload", payload, "--output", self.folder, "--name", PACK_NAME, "--version", version,
-             "--title", "HEVC", "--base-url", self.url, "--reply", reply],
-            check=True, stdout=subprocess.DEVNULL)
+            [
+                self.mkpack,
+                "--payload",
+                payload,
+                "--output",
+                self.folder,
+                "--name",
+                PACK_NAME,
+                "--version",
+                version,
+                "--title",
+                "HEVC",
+                "--base-url",
+                self.url,
+                "--reply",
+                reply,
+            ],
+            check=True,
+            stdout=subprocess.DEVNULL,
+        )
         self.payloads[version] = tree(payload)
         return f"{self.url}/{reply.name}"
 
@@ -87,9 +104,13 @@ class Publisher:
         if found is None:
             return False
         info = pathlib.Path(folder) / "INFO"
-        return (info.is_file() and f'version="{version}"' in info.read_text(errors="replace").splitlines()
-                and {name: entry for name, entry in found.items() if name not in ("INFO", "has_hevc")}
-                == self.payloads[version] and "has_hevc" in found)
+        return (
+            info.is_file()
+            and f'version="{version}"' in info.read_text(errors="replace").splitlines()
+            and {name: entry for name, entry in found.items() if name not in ("INFO", "has_hevc")}
+            == self.payloads[version]
+            and "has_hevc" in found
+        )
 
 
 class Appliance:
@@ -148,15 +169,23 @@ class Appliance:
 
     def run(self, program, *arguments, wrapper=(), timeout=600):
         """As above, for packctl or the host."""
-        return subprocess.run([*map(str, wrapper), str(self.root / program), *arguments], env=self.environment(),
-                              stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=timeout, check=False)
+        return subprocess.run(
+            [*map(str, wrapper), str(self.root / program), *arguments],
+            env=self.environment(),
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            text=True,
+            timeout=timeout,
+            check=False,
+        )
 
     def expect(self, *arguments, program="packctl"):
         """Runs packctl or the host, which must end with 0."""
         done = self.run(program, *arguments)
         if done.returncode != 0:
-            raise RuntimeError(f"{program} {' '.join(arguments)} ended with {done.returncode}: "
-                               f"{done.stdout}{done.stderr}")
+            raise RuntimeError(
+                f"{program} {' '.join(arguments)} ended with {done.returncode}: " f"{done.stdout}{done.stderr}"
+            )
 
     def status(self):
         """The recorded status; "lost" when the store has none. Raises ValueError when the store is no JSON object."""
@@ -172,9 +201,11 @@ class Appliance:
         """A digest of what the disk holds below the root: times, locks, the history and the chance parts of names do
         not count."""
         history = {str(path.relative_to(self.root)) for path in self.history}
-        entries = sorted((re.sub(r"\.(?!backup|broken)[A-Za-z0-9]{6}(?=/|$)", ".XXXXXX", name), *entry)
-                         for name, entry in tree(self.root).items()
-                         if not name.startswith("run/orbamira/lock/") and name not in history)
+        entries = sorted(
+            (re.sub(r"\.(?!backup|broken)[A-Za-z0-9]{6}(?=/|$)", ".XXXXXX", name), *entry)
+            for name, entry in tree(self.root).items()
+            if not name.startswith("run/orbamira/lock/") and name not in history
+        )
         return hashlib.sha256(repr(entries).encode()).hexdigest()
 
     def half_built(self):
@@ -184,13 +215,20 @@ class Appliance:
 
     def half_removed(self):
         """Folders that are being removed, as paths."""
-        return sorted(str(path) for folder in (self.packages, self.download.parent)
-                      for path in folder.glob(".removed.??????"))
+        return sorted(
+            str(path) for folder in (self.packages, self.download.parent) for path in folder.glob(".removed.??????")
+        )
 
     def leftovers(self):
         """What an update should not leave behind, as paths."""
-        kept = {self.pack, self.status_file, self.packages, self.root / "var/lib/orbamira/codec-requirements.json",
-                self.root / "var/cache/orbamira/checked", *self.history}
+        kept = {
+            self.pack,
+            self.status_file,
+            self.packages,
+            self.root / "var/lib/orbamira/codec-requirements.json",
+            self.root / "var/cache/orbamira/checked",
+            *self.history,
+        }
         found = [*self.packages.iterdir(), *(self.root / "var/lib/orbamira").iterdir()]
         if self.download.parent.exists():
             found.extend(self.download.parent.iterdir())

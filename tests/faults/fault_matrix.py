@@ -106,7 +106,7 @@ class Matrix:
 
         broken = upgrade.copy_to(self.folder / "broken")
         text = broken.status_file.read_bytes()
-        text = text[:len(text) // 2]
+        text = text[: len(text) // 2]
         broken.status_file.write_bytes(text)
         self.scenarios["broken store"] = Scenario(broken, "check", OLD, text)
 
@@ -131,8 +131,11 @@ class Matrix:
         """The appliance of an upgrade that was killed just before its new pack was in place."""
         scenario = self.scenarios[name]
         killed = scenario.start.copy_to(self.folder / f"killed-{next(self.numbers)}")
-        placing = next(int(number) for number, process, call, _ in self.calls(name)
-                       if process == "orba-copy" and call.startswith("rename"))
+        placing = next(
+            int(number)
+            for number, process, call, _ in self.calls(name)
+            if process == "orba-copy" and call.startswith("rename")
+        )
         scenario.run(killed, self.injector, "--at", placing, "--fault", "kill", "--")
         if killed.pack.exists() or not killed.backup.exists() or not killed.half_built():
             raise RuntimeError("the killed upgrade did not end before its pack was in place")
@@ -169,8 +172,9 @@ class Matrix:
             calls = read_record(record)
             record.unlink()
             state = appliance.state()
-            aftermath = scenario.aftermath(self.publisher, appliance, scenario.old, NEW, scenario.broken,
-                                           case.fault in ERRORS)
+            aftermath = scenario.aftermath(
+                self.publisher, appliance, scenario.old, NEW, scenario.broken, case.fault in ERRORS
+            )
             aftermath.had_store = scenario.start.status_file.exists()
             aftermath.look()
             if aftermath.after_error and not scenario.start.half_built():
@@ -204,9 +208,11 @@ def report(outcomes, numbered):
     print("\n| run | fault | calls | faults tried | not reached | states of the disk | packs lost | states stuck |")
     print("|---|---|---|---|---|---|---|---|")
     for (scenario, fault), row in sorted(rows.items()):
-        print(f"| {scenario} | {fault} | {len(numbered[scenario])} | {len(row)} "
-              f"| {sum(not outcome.reached for outcome in row)} | {len({outcome.state for outcome in row})} "
-              f"| {sum(bool(outcome.lost) for outcome in row)} | {sum(bool(outcome.stuck) for outcome in row)} |")
+        print(
+            f"| {scenario} | {fault} | {len(numbered[scenario])} | {len(row)} "
+            f"| {sum(not outcome.reached for outcome in row)} | {len({outcome.state for outcome in row})} "
+            f"| {sum(bool(outcome.lost) for outcome in row)} | {sum(bool(outcome.stuck) for outcome in row)} |"
+        )
     for case, outcome in outcomes:
         for problem in (*outcome.lost, *outcome.stuck):
             _, process, call, path = numbered[case.scenario][case.call - 1]
@@ -240,19 +246,28 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--build", required=True, help="build folder whose programs are put to the test")
     parser.add_argument("--source", required=True, help="the project's folder")
-    parser.add_argument("--seconds", type=float, help="try a spread of the cases for about this long; all when left out")
-    parser.add_argument("--seed", type=int, default=None, help="what decides the spread; a new one each time by default")
+    parser.add_argument(
+        "--seconds", type=float, help="try a spread of the cases for about this long; all when left out"
+    )
+    parser.add_argument(
+        "--seed", type=int, default=None, help="what decides the spread; a new one each time by default"
+    )
     parser.add_argument("--jobs", type=int, default=os.cpu_count(), help="appliances at work side by side")
     arguments = parser.parse_args()
     seed = random.randrange(2**32) if arguments.seed is None else arguments.seed
     memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
-    with tempfile.TemporaryDirectory(prefix="orbamira-faults-", dir=memory) as folder, \
-            Publisher(arguments.source, pathlib.Path(folder) / "published") as publisher:
+    with tempfile.TemporaryDirectory(prefix="orbamira-faults-", dir=memory) as folder, Publisher(
+        arguments.source, pathlib.Path(folder) / "published"
+    ) as publisher:
         matrix = Matrix(arguments.build, arguments.source, folder)
         matrix.prepare(publisher)
         numbered = {scenario: matrix.calls(scenario) for scenario in matrix.scenarios}
-        cases = [Case(scenario, call, fault) for scenario, calls in numbered.items()
-                 for call in range(1, len(calls) + 1) for fault in FAULTS]
+        cases = [
+            Case(scenario, call, fault)
+            for scenario, calls in numbered.items()
+            for call in range(1, len(calls) + 1)
+            for fault in FAULTS
+        ]
         if arguments.seconds is not None:
             print(f"a spread of {len(cases)} cases for {arguments.seconds:.0f} s, seed {seed}", flush=True)
         outcomes = []

@@ -75,14 +75,31 @@ class Stage:
 
 
 STAGES = (
-    Stage("download", "var/cache/orbamira", "size=4m", 600_000, "download_install_failed",
-          "Failed to download pack: "),
-    Stage("outer extraction", "var/lib/orbamira/packages", "size=8m", 600_000, "download_install_failed",
-          "Failed to extract opk "),
-    Stage("inner extraction", "var/lib/orbamira/packages", "size=8m", 2_500_000, "download_install_failed",
-          "Failed to untar archive "),
-    Stage("copy", "var/lib/orbamira/packages", "size=16m,nr_inodes=500", 8_000_000,
-          "download_install_failed", "Failed to copy extracted pack."),
+    Stage("download", "var/cache/orbamira", "size=4m", 600_000, "download_install_failed", "Failed to download pack: "),
+    Stage(
+        "outer extraction",
+        "var/lib/orbamira/packages",
+        "size=8m",
+        600_000,
+        "download_install_failed",
+        "Failed to extract opk ",
+    ),
+    Stage(
+        "inner extraction",
+        "var/lib/orbamira/packages",
+        "size=8m",
+        2_500_000,
+        "download_install_failed",
+        "Failed to untar archive ",
+    ),
+    Stage(
+        "copy",
+        "var/lib/orbamira/packages",
+        "size=16m,nr_inodes=500",
+        8_000_000,
+        "download_install_failed",
+        "Failed to copy extracted pack.",
+    ),
     # With no room for a status, the one before is what stays.
     Stage("status write", "var/lib/orbamira", "size=16m", 0, "need_download", "No space left on device"),
 )
@@ -173,8 +190,9 @@ class FullDisk:
         appliance = self.appliance
         temporary = appliance.root / "tmp"
         temporary.mkdir()
-        with small_file_system(appliance.root / "var/lib/orbamira", "size=16m"), \
-                small_file_system(temporary, "size=1m,nr_inodes=2"):
+        with small_file_system(appliance.root / "var/lib/orbamira", "size=16m"), small_file_system(
+            temporary, "size=1m,nr_inodes=2"
+        ):
             fill(appliance.root / "var/lib/orbamira")
             fill(temporary)
             wrapper = ("env", f"TMPDIR={temporary}")
@@ -183,9 +201,11 @@ class FullDisk:
             problems = {finding["check"]: finding["problem"] for finding in json.loads(ended.stdout)["findings"]}
         except (ValueError, KeyError):
             return [f"doctor died with {ended.returncode}: {ended.stderr}"]
-        return [f"it does not say {part!r} of {check}: {problems}"
-                for check, part in (("plugins", "No space left on device"), ("space", "there is room for 0 B"))
-                if part not in problems.get(check, "")]
+        return [
+            f"it does not say {part!r} of {check}: {problems}"
+            for check, part in (("plugins", "No space left on device"), ("space", "there is room for 0 B"))
+            if part not in problems.get(check, "")
+        ]
 
 
 def main():

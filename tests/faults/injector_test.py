@@ -20,8 +20,13 @@ class InjectorTest(unittest.TestCase):
 
     def inject(self, script, *options):
         """Runs the script in the folder; returns its exit status and its numbered calls."""
-        done = subprocess.run([injector, "--record", self.record, *map(str, options), "--", "/bin/sh", "-c", script],
-                              cwd=self.folder, stdin=subprocess.DEVNULL, capture_output=True, check=False)
+        done = subprocess.run(
+            [injector, "--record", self.record, *map(str, options), "--", "/bin/sh", "-c", script],
+            cwd=self.folder,
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            check=False,
+        )
         return done.returncode, [line.split(" ", 3) for line in self.record.read_text().splitlines()]
 
     def strike(self, fault, script, *options):
@@ -68,8 +73,9 @@ class InjectorTest(unittest.TestCase):
         self.assertEqual(self.cut_power("echo text > file; sync --data file"), {"file": "text\n"})
 
     def test_a_power_cut_keeps_what_syncfs_reached(self):
-        self.assertEqual(self.cut_power("echo 1 > first; echo 2 > second; sync --file-system ."),
-                         {"first": "1\n", "second": "2\n"})
+        self.assertEqual(
+            self.cut_power("echo 1 > first; echo 2 > second; sync --file-system ."), {"first": "1\n", "second": "2\n"}
+        )
 
     def test_a_power_cut_keeps_what_sync_reached(self):
         self.assertEqual(self.cut_power("echo text > file; sync"), {"file": "text\n"})

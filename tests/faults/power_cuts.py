@@ -109,9 +109,14 @@ class Bench:
 
     def start(self, mount):
         appliance = Appliance(mount / "root")
-        return subprocess.Popen([str(appliance.root / "packctl"), "update"], env=appliance.environment(),
-                                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                                start_new_session=True)
+        return subprocess.Popen(
+            [str(appliance.root / "packctl"), "update"],
+            env=appliance.environment(),
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL,
+            start_new_session=True,
+        )
 
     def stages(self, name):
         """The stages of an undisturbed run with the seconds that each takes."""
@@ -158,9 +163,16 @@ class Bench:
 
 def held(appliance):
     """What of an update is there, in words."""
-    there = [name for name, path in (("pack", appliance.pack), ("backup", appliance.backup),
-                                     ("unpacked", appliance.packages / ".codec-pack.unpacked"),
-                                     ("download", appliance.download)) if path.exists()]
+    there = [
+        name
+        for name, path in (
+            ("pack", appliance.pack),
+            ("backup", appliance.backup),
+            ("unpacked", appliance.packages / ".codec-pack.unpacked"),
+            ("download", appliance.download),
+        )
+        if path.exists()
+    ]
     if any(appliance.packages.glob(".codec-pack.partial.*")):
         there.append("half-built")
     return ", ".join(there) or "nothing"
@@ -171,7 +183,9 @@ def main():
     parser.add_argument("--build", required=True, help="build folder whose programs are put to the test")
     parser.add_argument("--source", required=True, help="the project's folder")
     parser.add_argument("--cuts", type=int, default=200, help="how many cuts")
-    parser.add_argument("--seed", type=int, default=None, help="what decides the instants; a new one each time by default")
+    parser.add_argument(
+        "--seed", type=int, default=None, help="what decides the instants; a new one each time by default"
+    )
     arguments = parser.parse_args()
     reason = why_impossible()
     if reason:

@@ -32,9 +32,22 @@ while [ -e ../hold ] && [ "$n" -lt 6000 ]; do sleep 0.1; n=$((n + 1)); done
 
 
 def build_with_cmake(stage, source, folder, compiler):
-    subprocess.run(["cmake", "-S", source / "examples", "-B", folder, "-G", "Ninja",
-                    f"-DCMAKE_PREFIX_PATH={stage.usr}", f"-DCMAKE_CXX_COMPILER={compiler}",
-                    f"-DCMAKE_CXX_FLAGS={WARNINGS}"], check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(
+        [
+            "cmake",
+            "-S",
+            source / "examples",
+            "-B",
+            folder,
+            "-G",
+            "Ninja",
+            f"-DCMAKE_PREFIX_PATH={stage.usr}",
+            f"-DCMAKE_CXX_COMPILER={compiler}",
+            f"-DCMAKE_CXX_FLAGS={WARNINGS}",
+        ],
+        check=True,
+        stdout=subprocess.DEVNULL,
+    )
     subprocess.run(["cmake", "--build", folder], check=True, stdout=subprocess.DEVNULL)
     return {}
 
@@ -48,19 +61,33 @@ def build_with_pkg_config(stage, source, folder, compiler):
         assert moved == 1, f"{module} names no prefix"
         (modules / module.name).write_text(text)
     environment = {**os.environ, "PKG_CONFIG_PATH": str(modules)}
-    flags = subprocess.run(["pkg-config", "--cflags", "--libs", "orbamira-updater"], env=environment, check=True,
-                           capture_output=True, text=True).stdout
+    flags = subprocess.run(
+        ["pkg-config", "--cflags", "--libs", "orbamira-updater"],
+        env=environment,
+        check=True,
+        capture_output=True,
+        text=True,
+    ).stdout
     for example in EXAMPLES:
-        subprocess.run([compiler, "-std=c++17", *shlex.split(WARNINGS), source / f"examples/{example}.cpp", "-o",
-                        folder / example, *shlex.split(flags)], check=True)
+        subprocess.run(
+            [
+                compiler,
+                "-std=c++17",
+                *shlex.split(WARNINGS),
+                source / f"examples/{example}.cpp",
+                "-o",
+                folder / example,
+                *shlex.split(flags),
+            ],
+            check=True,
+        )
     # Nothing of a program built this way says where the libraries are staged.
     return {"LD_LIBRARY_PATH": str(stage.libraries)}
 
 
 def blocks_of(page):
     """The indented blocks of the page, each as its lines."""
-    return [[line[4:] for line in block.splitlines()]
-            for block in re.findall(r"(?m)(?:^ {4}.*\n)+", page.read_text())]
+    return [[line[4:] for line in block.splitlines()] for block in re.findall(r"(?m)(?:^ {4}.*\n)+", page.read_text())]
 
 
 class Session:
@@ -73,8 +100,13 @@ class Session:
         self.failures = 0
 
     def start(self, example, *arguments):
-        return subprocess.Popen([self.folder / example, *arguments], env=self.environment, stdout=subprocess.PIPE,
-                                stderr=subprocess.STDOUT, text=True)
+        return subprocess.Popen(
+            [self.folder / example, *arguments],
+            env=self.environment,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+        )
 
     def expect(self, example, *arguments):
         process = self.start(example, *arguments)
@@ -86,8 +118,9 @@ class Session:
         self.blocks.remove(block)
         pattern = "\n".join(block[1:]).replace("...\n", "*")
         self.check(f"{example} ends with 0", status == 0, f"it ended with {status}, after\n" + "\n".join(printed))
-        self.check(f"{example} prints what the page says", fnmatch.fnmatchcase("\n".join(printed), pattern),
-                   "\n".join(printed))
+        self.check(
+            f"{example} prints what the page says", fnmatch.fnmatchcase("\n".join(printed), pattern), "\n".join(printed)
+        )
 
     def check(self, what, holds, seen):
         print(f"{'ok' if holds else 'FAILED'}: {what}")
@@ -124,8 +157,9 @@ def main():
     parser.add_argument("--with", dest="tool", choices=("find_package", "pkg-config"), required=True)
     options = parser.parse_args()
 
-    with tempfile.TemporaryDirectory(prefix="orbamira-examples-") as name, \
-            WebServer(pathlib.Path(name) / "server") as server:
+    with tempfile.TemporaryDirectory(prefix="orbamira-examples-") as name, WebServer(
+        pathlib.Path(name) / "server"
+    ) as server:
         folder = pathlib.Path(name)
         unpack(options.packages, folder / "stage")
         stage = Stage(folder / "stage")

@@ -18,9 +18,16 @@ from staged import unpack
 
 # Functions of the C library in whose place one that checks sizes is called, or that the compiler sees to be right. Not
 # those that copy memory: the compiler calls them itself where nobody knows the size.
-CHECKED = "printf|fprintf|snprintf|sprintf|vsnprintf|vsprintf|vfprintf|strcat|strcpy|strncat|stpcpy|realpath|syslog|vsyslog"
-UNPROTECTED = ("-fno-stack-protector", "-fcf-protection=none", "-U_FORTIFY_SOURCE", "-no-pie",
-               "-Wl,-z,norelro,-z,lazy,-z,execstack")
+CHECKED = (
+    "printf|fprintf|snprintf|sprintf|vsnprintf|vsprintf|vfprintf|strcat|strcpy|strncat|stpcpy|realpath|syslog|vsyslog"
+)
+UNPROTECTED = (
+    "-fno-stack-protector",
+    "-fcf-protection=none",
+    "-U_FORTIFY_SOURCE",
+    "-no-pie",
+    "-Wl,-z,norelro,-z,lazy,-z,execstack",
+)
 PROGRAM = """
 #include <stdio.h>
 #include <string.h>
@@ -85,7 +92,9 @@ def check_that_faults_are_seen(folder, compiler):
     subprocess.run([compiler, "-O2", "-w", *UNPROTECTED, source, "-o", program], check=True)
     seen = len(missing(program, folder, True))
     expected = 7 if platform.machine() == "x86_64" else 6
-    assert seen == expected, f"a program without protections lacks {seen} of {expected}: {missing(program, folder, True)}"
+    assert (
+        seen == expected
+    ), f"a program without protections lacks {seen} of {expected}: {missing(program, folder, True)}"
 
 
 def main():
@@ -114,7 +123,9 @@ def main():
         for path in files:
             lacks = missing(path, options.build, options.fortified)
             failed = failed or bool(lacks)
-            print(f"{'FAILED' if lacks else 'ok'}: {path.relative_to(root)}{' lacks ' if lacks else ''}{', '.join(lacks)}")
+            print(
+                f"{'FAILED' if lacks else 'ok'}: {path.relative_to(root)}{' lacks ' if lacks else ''}{', '.join(lacks)}"
+            )
         return 1 if failed else 0
 
 

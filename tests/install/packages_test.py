@@ -39,9 +39,20 @@ class Root:
 
     def dpkg(self, *arguments):
         done = subprocess.run(
-            ["dpkg", f"--root={self.folder}", "--force-not-root", "--force-script-chrootless", "--force-confold",
-             *map(str, arguments)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-            text=True, check=False)
+            [
+                "dpkg",
+                f"--root={self.folder}",
+                "--force-not-root",
+                "--force-script-chrootless",
+                "--force-confold",
+                *map(str, arguments),
+            ],
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+            check=False,
+        )
         if done.returncode != 0:
             raise RuntimeError(f"dpkg {' '.join(map(str, arguments))} ended with {done.returncode}:\n{done.stdout}")
         return done.stdout
@@ -49,13 +60,22 @@ class Root:
     def status(self, package):
         done = subprocess.run(
             ["dpkg-query", f"--admindir={self.database}", "-W", "-f", "${db:Status-Status} ${Version}", package],
-            capture_output=True, text=True, check=False)
+            capture_output=True,
+            text=True,
+            check=False,
+        )
         return done.stdout or "unknown"
 
     def run(self, program, *arguments):
         done = subprocess.run(
-            [self.folder / program, *arguments], env={**os.environ, "ORBAMIRA_ROOT": str(self.folder)},
-            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=600, check=False)
+            [self.folder / program, *arguments],
+            env={**os.environ, "ORBAMIRA_ROOT": str(self.folder)},
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            text=True,
+            timeout=600,
+            check=False,
+        )
         if done.returncode != 0:
             raise RuntimeError(f"{program} {arguments} ended with {done.returncode}:\n{done.stdout}{done.stderr}")
         return done.stdout
@@ -68,8 +88,12 @@ class Root:
 
     def files(self, *folders):
         """What lies below the folders and is no folder itself."""
-        return sorted(str(path.relative_to(self.folder)) for name in folders for path in (self.folder / name).rglob("*")
-                      if path.is_symlink() or not path.is_dir())
+        return sorted(
+            str(path.relative_to(self.folder))
+            for name in folders
+            for path in (self.folder / name).rglob("*")
+            if path.is_symlink() or not path.is_dir()
+        )
 
 
 def field(package, name):
@@ -81,8 +105,9 @@ def needed_by(packages):
     own = {field(package, "Package") for package in packages}
     names = set()
     for package in packages:
-        names.update(re.split(r"[ :(]", term.strip())[0]
-                     for term in re.split(r"[,|]", field(package, "Depends")) if term.strip())
+        names.update(
+            re.split(r"[ :(]", term.strip())[0] for term in re.split(r"[,|]", field(package, "Depends")) if term.strip()
+        )
     return names - own
 
 
@@ -104,8 +129,11 @@ def as_previous_version(packages, folder):
         subprocess.run(["dpkg-deb", "-R", package, tree], check=True)
         control = tree / "DEBIAN/control"
         version = field(package, "Version")
-        control.write_text(control.read_text().replace(f"Version: {version}", f"Version: {OLD_VERSION}")
-                           .replace(f"= {version})", f"= {OLD_VERSION})"))
+        control.write_text(
+            control.read_text()
+            .replace(f"Version: {version}", f"Version: {OLD_VERSION}")
+            .replace(f"= {version})", f"= {OLD_VERSION})")
+        )
         file = folder / package.name
         subprocess.run(["dpkg-deb", "--root-owner-group", "-b", tree, file], check=True, stdout=subprocess.DEVNULL)
         previous.append(file)
@@ -129,7 +157,12 @@ def expect_readme_installs(report, packages):
     named = named_in_readme(packages)
     done = subprocess.run(
         ["apt-get", "--simulate", "-o", "Debug::NoLocking=true", "install", *(package.resolve() for package in named)],
-        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+        check=False,
+    )
     expected = sorted(field(package, "Package") for package in named)
     seen = sorted(name for name in re.findall(r"^Inst (\S+)", done.stdout, re.MULTILINE) if name in expected)
     report.expect("the page's command installs", expected, seen or done.stdout)
@@ -156,10 +189,18 @@ class BareRoot:
 
     def packctl(self, *arguments):
         """What it ends with, and says, when this root is all that there is."""
-        script = ('mount --bind /dev/null "$0/dev/null" && mount --rbind /proc "$0/proc" && '
-                  'exec chroot "$0" /usr/bin/packctl "$@"')
-        done = subprocess.run([*OWN_ROOT, "sh", "-c", script, self.folder, *arguments], stdin=subprocess.DEVNULL,
-                              capture_output=True, text=True, timeout=120, check=False)
+        script = (
+            'mount --bind /dev/null "$0/dev/null" && mount --rbind /proc "$0/proc" && '
+            'exec chroot "$0" /usr/bin/packctl "$@"'
+        )
+        done = subprocess.run(
+            [*OWN_ROOT, "sh", "-c", script, self.folder, *arguments],
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            text=True,
+            timeout=120,
+            check=False,
+        )
         return done.returncode, done.stderr
 
 
@@ -191,15 +232,25 @@ def check_without_python(report, root, packages, folder, publish):
     """Of the installed packages only the maker's needs Python: an update gets along without it."""
     needing = {field(package, "Package") for package in packages if "python" in field(package, "Depends")}
     report.expect("one package depends on Python", {"orbamira-mkpack"}, needing)
-    of_mkpack = {str(path).lstrip("/") for path in (root.database / "info/orbamira-mkpack.list").read_text().split("\n")}
-    report.expect("of the other files none is for Python", [],
-                  [name for name in root.files("usr", "etc", "lib") if name not in of_mkpack
-                   and not (root.folder / name).is_symlink() and is_python(root.folder / name)])
+    of_mkpack = {
+        str(path).lstrip("/") for path in (root.database / "info/orbamira-mkpack.list").read_text().split("\n")
+    }
+    report.expect(
+        "of the other files none is for Python",
+        [],
+        [
+            name
+            for name in root.files("usr", "etc", "lib")
+            if name not in of_mkpack and not (root.folder / name).is_symlink() and is_python(root.folder / name)
+        ],
+    )
     if subprocess.run([*OWN_ROOT, "true"], stderr=subprocess.DEVNULL, check=False).returncode != 0:
         print("skipped: no update in a root without Python: this machine gives its users no namespaces")
         return
     bare = BareRoot(root, folder / "bare")
-    report.expect("a root has no Python", [], [path for path in (bare.folder / "usr").rglob("python3*") if path.is_file()])
+    report.expect(
+        "a root has no Python", [], [path for path in (bare.folder / "usr").rglob("python3*") if path.is_file()]
+    )
     plugin = bare.folder / "usr/lib/orbamira/plugins/10-recorder"
     plugin.parent.mkdir(parents=True, exist_ok=True)
     plugin.write_text(RECORDING_PLUGIN)
@@ -207,9 +258,11 @@ def check_without_python(report, root, packages, folder, publish):
     publish("1.1.0")
     report.expect("a check succeeds there", (0, ""), bare.packctl("check"))
     report.expect("an update succeeds there", (0, ""), bare.packctl("update"))
-    report.expect("plugins were told there",
-                  ["uninstall pre 1.0.0", "uninstall post 1.0.0", "install pre 1.1.0", "install post 1.1.0"],
-                  (bare.folder / "told").read_text().splitlines() if (bare.folder / "told").exists() else [])
+    report.expect(
+        "plugins were told there",
+        ["uninstall pre 1.0.0", "uninstall post 1.0.0", "install pre 1.1.0", "install post 1.1.0"],
+        (bare.folder / "told").read_text().splitlines() if (bare.folder / "told").exists() else [],
+    )
 
 
 class Report:
@@ -231,8 +284,9 @@ def check(packages, build, folder):
     pack, settings = root.folder / "var/lib/orbamira/packages/codec-pack", root.folder / "etc/orbamira"
 
     def expect_state(when, expected):
-        report.expect(f"the packages {when}", {name: expected for name in names},
-                      {name: root.status(name) for name in names})
+        report.expect(
+            f"the packages {when}", {name: expected for name in names}, {name: root.status(name) for name in names}
+        )
 
     if shutil.which("apt-get"):
         expect_readme_installs(report, packages)
@@ -241,8 +295,9 @@ def check(packages, build, folder):
     root.dpkg("-i", *as_previous_version(packages, folder))
     expect_state("are installed", f"installed {OLD_VERSION}")
     stage = folder / "stage"
-    subprocess.run(["cmake", "--install", build], env={**os.environ, "DESTDIR": str(stage)}, check=True,
-                   stdout=subprocess.DEVNULL)
+    subprocess.run(
+        ["cmake", "--install", build], env={**os.environ, "DESTDIR": str(stage)}, check=True, stdout=subprocess.DEVNULL
+    )
     staged = {str(path.relative_to(stage)) for path in stage.rglob("*") if path.is_symlink() or path.is_file()}
     report.expect("no installed file is without a package", set(), staged - set(root.files("usr", "etc")))
     groups = [line.split(":") for line in (root.folder / "etc/group").read_text().splitlines()]
@@ -250,15 +305,22 @@ def check(packages, build, folder):
     report.expect("there is one group for the locks", 1, len(numbers))
     locks = (root.folder / "run/orbamira/lock").stat()
     if os.geteuid() == 0:
-        report.expect("the locks' folder is the group's to enter", (numbers[0], stat.S_IXGRP),
-                      (locks.st_gid, locks.st_mode & (stat.S_IXGRP | stat.S_IXOTH)))
-    report.expect("of the services those are enabled that change nothing by themselves", DEFAULT_UNITS,
-                  root.enabled_units())
+        report.expect(
+            "the locks' folder is the group's to enter",
+            (numbers[0], stat.S_IXGRP),
+            (locks.st_gid, locks.st_mode & (stat.S_IXGRP | stat.S_IXOTH)),
+        )
+    report.expect(
+        "of the services those are enabled that change nothing by themselves", DEFAULT_UNITS, root.enabled_units()
+    )
     root.systemctl("disable", "orbamira-check.timer")
     root.systemctl("enable", "orbamira-update.timer")
 
-    report.expect("a first installation shows where settings go", True,
-                  "# pack_update_server=" in (settings / "updater.conf").read_text())
+    report.expect(
+        "a first installation shows where settings go",
+        True,
+        "# pack_update_server=" in (settings / "updater.conf").read_text(),
+    )
 
     # Work is done with it: settings, a pack, an account, a keyring that the maker brought.
     with WebServer(folder / "server") as server:
@@ -272,8 +334,21 @@ def check(packages, build, folder):
         (payload / "codec").write_text("decoder\n")
 
         def publish(pack_version):
-            root.run("usr/bin/mkpack", "--payload", payload, "--output", server.packs, "--name", "orbamira-hevc",
-                     "--version", pack_version, "--title", "HEVC", "--base-url", server.url)
+            root.run(
+                "usr/bin/mkpack",
+                "--payload",
+                payload,
+                "--output",
+                server.packs,
+                "--name",
+                "orbamira-hevc",
+                "--version",
+                pack_version,
+                "--title",
+                "HEVC",
+                "--base-url",
+                server.url,
+            )
 
         publish("1.0.0")
         root.run("usr/bin/packctl", "check")
@@ -284,18 +359,25 @@ def check(packages, build, folder):
 
     def expect_kept(when):
         report.expect(f"{when} keeps the pack", "decoder\n", (pack / "codec").read_text())
-        report.expect(f"{when} keeps the status", "up_to_date",
-                      json.loads((root.folder / "var/lib/orbamira/status.json").read_text())["status"])
+        report.expect(
+            f"{when} keeps the status",
+            "up_to_date",
+            json.loads((root.folder / "var/lib/orbamira/status.json").read_text())["status"],
+        )
         report.expect(f"{when} keeps the settings", address, (settings / "updater.conf").read_text())
-        report.expect(f"{when} takes nothing", [], sorted(set(before) - set(root.files("var/lib/orbamira",
-                                                                                       "etc/orbamira"))))
+        report.expect(
+            f"{when} takes nothing", [], sorted(set(before) - set(root.files("var/lib/orbamira", "etc/orbamira")))
+        )
 
     # What the packages do with it.
     root.dpkg("-i", *packages)
     expect_state("are upgraded", f"installed {version}")
     expect_kept("an upgrade")
-    report.expect("the upgraded packctl sees the pack", "1.0.0",
-                  json.loads(root.run("usr/bin/packctl", "--json", "info"))["version"])
+    report.expect(
+        "the upgraded packctl sees the pack",
+        "1.0.0",
+        json.loads(root.run("usr/bin/packctl", "--json", "info"))["version"],
+    )
 
     report.expect("an upgrade leaves the owner's choice of services", CHOSEN_UNITS, root.enabled_units())
 
@@ -306,18 +388,25 @@ def check(packages, build, folder):
 
     root.dpkg("-i", *packages)
     expect_kept("an installation after a removal")
-    report.expect("the reinstalled packctl sees the pack", "1.0.0",
-                  json.loads(root.run("usr/bin/packctl", "--json", "info"))["version"])
+    report.expect(
+        "the reinstalled packctl sees the pack",
+        "1.0.0",
+        json.loads(root.run("usr/bin/packctl", "--json", "info"))["version"],
+    )
 
     purge = root.dpkg("-P", *names)
     report.expect("a purge does not complain of what it keeps", [], complaints(purge))
     expect_state("are purged", "unknown")
-    report.expect("a purge leaves no state", (False, False, False),
-                  tuple((root.folder / name).exists() for name in ("var/lib/orbamira", "var/cache/orbamira",
-                                                                   "run/orbamira")))
-    report.expect("a purge leaves of the settings those of others",
-                  ["etc/orbamira/keyring.pem", "etc/orbamira/system.conf", "etc/orbamira/version.conf"],
-                  root.files("etc/orbamira"))
+    report.expect(
+        "a purge leaves no state",
+        (False, False, False),
+        tuple((root.folder / name).exists() for name in ("var/lib/orbamira", "var/cache/orbamira", "run/orbamira")),
+    )
+    report.expect(
+        "a purge leaves of the settings those of others",
+        ["etc/orbamira/keyring.pem", "etc/orbamira/system.conf", "etc/orbamira/version.conf"],
+        root.files("etc/orbamira"),
+    )
     report.expect("a purge leaves no program", [], root.files("usr"))
     report.expect("a purge leaves no service", [], root.enabled_units())
     shutil.rmtree(settings)

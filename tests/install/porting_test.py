@@ -18,8 +18,17 @@ import tempfile
 
 from staged import Stage, WebServer, install
 
-SOURCES = ("CMakeLists.txt", "CMakePresets.json", "cmake", "docs", "packaging", "platform", "tools",
-           "updater", "tests/install/own_platform")
+SOURCES = (
+    "CMakeLists.txt",
+    "CMakePresets.json",
+    "cmake",
+    "docs",
+    "packaging",
+    "platform",
+    "tools",
+    "updater",
+    "tests/install/own_platform",
+)
 OLD_FOLDERS = re.compile(rb"/(etc|run|usr/(lib|libexec|share)|var/(cache|lib))/orbamira")
 TOOLS = ("cmake", "ninja", "nginx", "bash")
 SKIPPED = 77
@@ -48,12 +57,23 @@ class Port:
         if (source / "build/deps").exists():
             (folder / "build").mkdir()
             (folder / "build/deps").symlink_to((source / "build/deps").resolve())
-        self.environment = {"CMAKE_BUILD_PARALLEL_LEVEL": "2", **os.environ, "CCACHE_BASEDIR": str(folder),
-                            "CCACHE_NOHASHDIR": "1"}
+        self.environment = {
+            "CMAKE_BUILD_PARALLEL_LEVEL": "2",
+            **os.environ,
+            "CCACHE_BASEDIR": str(folder),
+            "CCACHE_NOHASHDIR": "1",
+        }
 
     def run(self, *command):
-        done = subprocess.run(command, cwd=self.tree, env=self.environment, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, text=True, check=False)
+        done = subprocess.run(
+            command,
+            cwd=self.tree,
+            env=self.environment,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+            check=False,
+        )
         if done.returncode != 0:
             raise RuntimeError(f"{' '.join(command)} ended with {done.returncode}:\n{done.stdout}")
 
@@ -69,13 +89,24 @@ class Port:
             assert self.digests() != before, f"these commands of the guide change nothing:\n{block}"
 
     def digests(self):
-        return {path: digest(path) for name in SOURCES for path in [self.tree / name, *(self.tree / name).rglob("*")]
-                if path.is_file()}
+        return {
+            path: digest(path)
+            for name in SOURCES
+            for path in [self.tree / name, *(self.tree / name).rglob("*")]
+            if path.is_file()
+        }
 
     def configure(self):
         launcher = [f"-DCMAKE_CXX_COMPILER_LAUNCHER={shutil.which('ccache')}"] if shutil.which("ccache") else []
-        self.run("cmake", "--preset", "release", "-DCMAKE_BUILD_TYPE=Debug", "-DORBAMIRA_BUILD_BENCH=OFF",
-                 f"-DCMAKE_CXX_COMPILER={self.compiler}", *launcher)
+        self.run(
+            "cmake",
+            "--preset",
+            "release",
+            "-DCMAKE_BUILD_TYPE=Debug",
+            "-DORBAMIRA_BUILD_BENCH=OFF",
+            f"-DCMAKE_CXX_COMPILER={self.compiler}",
+            *launcher,
+        )
 
     def build(self):
         self.run("cmake", "--build", "--preset", "release")
@@ -93,6 +124,7 @@ class Story:
 
     def write_settings(self, line):
         """`line` formats a key and its value."""
+
         def write(path, **settings):
             path.parent.mkdir(parents=True, exist_ok=True)
             path.write_text("".join(line.format(key, value) + "\n" for key, value in settings.items()))
@@ -111,15 +143,40 @@ class Story:
         if not payload.exists():
             payload.mkdir()
             (payload / "codec").write_bytes(os.urandom(200_000))
-        subprocess.run([self.stage.usr / "bin/mkpack", "--payload", payload, "--output", self.server.packs, "--name",
-                        "acme-hevc", "--version", version, "--title", "HEVC", "--base-url", self.server.url],
-                       check=True, stdout=subprocess.DEVNULL)
+        subprocess.run(
+            [
+                self.stage.usr / "bin/mkpack",
+                "--payload",
+                payload,
+                "--output",
+                self.server.packs,
+                "--name",
+                "acme-hevc",
+                "--version",
+                version,
+                "--title",
+                "HEVC",
+                "--base-url",
+                self.server.url,
+            ],
+            check=True,
+            stdout=subprocess.DEVNULL,
+        )
 
     def run(self, expected, *arguments):
-        done = subprocess.run([self.stage.usr / "bin/packctl", *arguments], env=self.stage.environment(),
-                              capture_output=True, text=True, timeout=600, check=False)
-        self.report.check(f"packctl {' '.join(arguments)} ends with {expected}", done.returncode == expected,
-                          f"{done.returncode}, {done.stdout}{done.stderr}")
+        done = subprocess.run(
+            [self.stage.usr / "bin/packctl", *arguments],
+            env=self.stage.environment(),
+            capture_output=True,
+            text=True,
+            timeout=600,
+            check=False,
+        )
+        self.report.check(
+            f"packctl {' '.join(arguments)} ends with {expected}",
+            done.returncode == expected,
+            f"{done.returncode}, {done.stdout}{done.stderr}",
+        )
         return done.stdout
 
     def answer(self, command, key):
@@ -129,24 +186,32 @@ class Story:
         self.report.equal("the status", status, self.answer("status", "status"))
 
     def expect_installed(self, version):
-        self.report.equal("the package", ("acme-hevc", version),
-                          (self.answer("info", "package"), self.answer("info", "version")))
+        self.report.equal(
+            "the package", ("acme-hevc", version), (self.answer("info", "package"), self.answer("info", "version"))
+        )
         self.report.equal("the packages' folder", ["codecs"], os.listdir(self.packages))
-        self.report.equal("the pack's content", digest(self.server.folder / f"payload-{version}/codec"),
-                          digest(self.packages / "codecs/codec"))
+        self.report.equal(
+            "the pack's content",
+            digest(self.server.folder / f"payload-{version}/codec"),
+            digest(self.packages / "codecs/codec"),
+        )
 
     def expect_told(self, event, version, status):
-        self.told += [f"--event {event} --package acme-hevc --timing {timing} --version {version} --status {status}"
-                      for timing in ("pre", "post")]
+        self.told += [
+            f"--event {event} --package acme-hevc --timing {timing} --version {version} --status {status}"
+            for timing in ("pre", "post")
+        ]
 
     def tell(self, release):
         first, second = f"{release}.0.0", f"{release}.1.0"
         self.publish(first)
         self.run(0, "check")
         self.expect_status("need_download")
-        self.report.equal("what the server was asked",
-                          "GET /reply.json?identify=acme-codecs&unique=acme-nas&version=1.0.0&kos_version=3.1-1200",
-                          self.server.requests()[-1])
+        self.report.equal(
+            "what the server was asked",
+            "GET /reply.json?identify=acme-codecs&unique=acme-nas&version=1.0.0&kos_version=3.1-1200",
+            self.server.requests()[-1],
+        )
         self.run(0, "doctor")
         self.run(0, "update")
         self.expect_told("install", first, "INSTALL")
@@ -192,8 +257,13 @@ class Story:
         hanging = self.root / "opt/acme/lib/plugins/99-hanging"
         hanging.write_text("#!/bin/sh\nexec sleep 600\n")
         hanging.chmod(0o755)
-        said = subprocess.run([self.root / "opt/acme/libexec/list-app-ids", self.root / "ids"],
-                              env=self.stage.environment(), check=True, capture_output=True, text=True).stderr
+        said = subprocess.run(
+            [self.root / "opt/acme/libexec/list-app-ids", self.root / "ids"],
+            env=self.stage.environment(),
+            check=True,
+            capture_output=True,
+            text=True,
+        ).stderr
         self.report.check("the plugins' time limit is that of the settings", "longer than 0.2 s" in said, said)
         hanging.unlink()
 
@@ -225,9 +295,21 @@ class Report:
 def build_host(stage, source, program, compiler):
     """Builds owner.cpp against what is installed."""
     folders = [f"-I{folder}" for folder in stage.include_folders] + ["-I/usr/include/jsoncpp"]
-    subprocess.run([compiler, "-std=c++17", *folders, source, "-o", program, f"-L{stage.libraries}",
-                    f"-Wl,-rpath-link,{stage.libraries}/orbamira/lib", "-lorbamira_updater", "-lorbamira_platform"],
-                   check=True)
+    subprocess.run(
+        [
+            compiler,
+            "-std=c++17",
+            *folders,
+            source,
+            "-o",
+            program,
+            f"-L{stage.libraries}",
+            f"-Wl,-rpath-link,{stage.libraries}/orbamira/lib",
+            "-lorbamira_updater",
+            "-lorbamira_platform",
+        ],
+        check=True,
+    )
 
 
 def owner(stage, program):
@@ -247,8 +329,9 @@ def main():
         return SKIPPED
 
     report = Report()
-    with tempfile.TemporaryDirectory(prefix="orbamira-port-") as name, \
-            WebServer(pathlib.Path(name) / "server") as server:
+    with tempfile.TemporaryDirectory(prefix="orbamira-port-") as name, WebServer(
+        pathlib.Path(name) / "server"
+    ) as server:
         folder = pathlib.Path(name)
         port = Port(options.source.resolve(), folder / "source", options.compiler)
         port.follow_guide(2)
@@ -256,14 +339,23 @@ def main():
         port.build()
         install(port.build_folder, folder / "stage")
         stage = Stage(folder / "stage")
-        kept = sorted(str(file.relative_to(stage.root)) for file in stage.root.rglob("*")
-                      if file.is_file() and OLD_FOLDERS.search(file.read_bytes()))
+        kept = sorted(
+            str(file.relative_to(stage.root))
+            for file in stage.root.rglob("*")
+            if file.is_file() and OLD_FOLDERS.search(file.read_bytes())
+        )
         report.equal("files that name a folder of before", [], kept)
         units = "\n".join(unit.read_text() for unit in stage.root.rglob("orbamira-*.service"))
-        report.equal("folders that services make under the name of before", [],
-                     re.findall(r"^\w+Directory=orbamira", units, re.MULTILINE))
-        report.equal("the services' folder of locks", {"acme/codecs"},
-                     set(re.findall(r"^RuntimeDirectory=(.*)", units, re.MULTILINE)))
+        report.equal(
+            "folders that services make under the name of before",
+            [],
+            re.findall(r"^\w+Directory=orbamira", units, re.MULTILINE),
+        )
+        report.equal(
+            "the services' folder of locks",
+            {"acme/codecs"},
+            set(re.findall(r"^RuntimeDirectory=(.*)", units, re.MULTILINE)),
+        )
         story = Story(stage, server, report)
         story.write_settings('{}="{}"')
         story.add_plugin()

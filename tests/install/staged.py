@@ -10,8 +10,12 @@ import urllib.request
 
 def install(build, root):
     """Installs the build folder below `root`."""
-    subprocess.run(["cmake", "--install", str(build)], env={**os.environ, "DESTDIR": str(root)}, check=True,
-                   stdout=subprocess.DEVNULL)
+    subprocess.run(
+        ["cmake", "--install", str(build)],
+        env={**os.environ, "DESTDIR": str(root)},
+        check=True,
+        stdout=subprocess.DEVNULL,
+    )
 
 
 def unpack(packages, root):
@@ -45,9 +49,25 @@ class Stage:
         payload = self.root / f"payload-{version}"
         payload.mkdir()
         (payload / "codec").write_bytes(os.urandom(size))
-        subprocess.run([self.usr / "bin/mkpack", "--payload", payload, "--output", server.packs, "--name",
-                        "orbamira-hevc", "--version", version, "--title", "HEVC", "--base-url", server.url],
-                       check=True, stdout=subprocess.DEVNULL)
+        subprocess.run(
+            [
+                self.usr / "bin/mkpack",
+                "--payload",
+                payload,
+                "--output",
+                server.packs,
+                "--name",
+                "orbamira-hevc",
+                "--version",
+                version,
+                "--title",
+                "HEVC",
+                "--base-url",
+                server.url,
+            ],
+            check=True,
+            stdout=subprocess.DEVNULL,
+        )
 
 
 class WebServer:

@@ -24,8 +24,15 @@ PAYLOAD = (8 * MIB, 8 * MIB)
 
 # Of an upgrade without plugins: every program has a supervisor, a copy of packctl. orba-archive judges the package after
 # the download, and unpacks it.
-PROCESSES = {"packctl": 1, "supervisor": 11, "notify-plugins": 4, "orba-archive": 2, "orba-tar": 1, "orba-copy": 1,
-             "orba-remove": 3}
+PROCESSES = {
+    "packctl": 1,
+    "supervisor": 11,
+    "notify-plugins": 4,
+    "orba-archive": 2,
+    "orba-tar": 1,
+    "orba-copy": 1,
+    "orba-remove": 3,
+}
 
 SAVE = ["openat", "fchmod", "write", "fsync", "rename"]  # and the fsync of the folder
 # A state is recorded by clearing the record and setting its six values. An upgrade goes through seven of them, and
@@ -94,8 +101,10 @@ class CallsOfAnUpdate(unittest.TestCase):
         self.assertLessEqual(saves, SAVES_OF_STATE * (STATES + reports))
 
     def count_writes(self, program, pattern):
-        return sum(called == program and call in ("write", "writev", "pwrite64") and bool(re.search(pattern, str(path)))
-                   for called, call, path in self.calls)
+        return sum(
+            called == program and call in ("write", "writev", "pwrite64") and bool(re.search(pattern, str(path)))
+            for called, call, path in self.calls
+        )
 
     def test_files_are_written_in_large_pieces(self):
         package, payload = self.update.package_size, self.update.payload_size
@@ -111,8 +120,11 @@ class CallsOfAnUpdate(unittest.TestCase):
                 self.assertLessEqual(writes, bound)
 
     def test_little_else_changes_files(self):
-        others = [call for _, call, path in self.calls
-                  if not path.name.startswith("status.json") and not call.startswith(("write", "pwrite", "fsync"))]
+        others = [
+            call
+            for _, call, path in self.calls
+            if not path.name.startswith("status.json") and not call.startswith(("write", "pwrite", "fsync"))
+        ]
         self.assertLessEqual(len(others), OTHER_CALLS)
 
 
@@ -127,8 +139,9 @@ class ProcessesOfAnUpdate(unittest.TestCase):
             words = [pathlib.PurePath(word).name for word in process["command"]]
             return next(word for word in words if word in PROCESSES)
 
-        found = collections.Counter("supervisor" if process["forked"] else name_of(process)
-                                    for process in self.watched["processes"])
+        found = collections.Counter(
+            "supervisor" if process["forked"] else name_of(process) for process in self.watched["processes"]
+        )
         self.assertEqual(PROCESSES, dict(found))
 
     def test_every_program_is_one_of_ours(self):

@@ -68,7 +68,10 @@ class Nginx:
             (self.folder / "nginx.conf").write_text(MAIN.format(text))
             self.process = subprocess.Popen(
                 ["nginx", "-e", "error.log", "-p", str(self.folder), "-c", "nginx.conf"],
-                stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"})
+                stdin=subprocess.DEVNULL,
+                stderr=subprocess.DEVNULL,
+                env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"},
+            )
             if self._answers():
                 return self
             self.process.wait()
@@ -118,12 +121,22 @@ class HostingTest(unittest.TestCase):
         self.origin = self.start_origin("origin", 300)
 
     def start_origin(self, name, max_age):
-        return self.enterContext(Nginx(self.top / name, self.origin_text, {
-            "root /srv;": f"root {self.top}/srv;", "max-age=300": f"max-age={max_age}"}))
+        return self.enterContext(
+            Nginx(
+                self.top / name,
+                self.origin_text,
+                {"root /srv;": f"root {self.top}/srv;", "max-age=300": f"max-age={max_age}"},
+            )
+        )
 
     def start_cache(self):
-        return self.enterContext(Nginx(self.top / "cache", self.cache_text, {
-            "/var/cache/nginx/packs": f"{self.top}/kept", "https://origin.example.com": self.origin.address}))
+        return self.enterContext(
+            Nginx(
+                self.top / "cache",
+                self.cache_text,
+                {"/var/cache/nginx/packs": f"{self.top}/kept", "https://origin.example.com": self.origin.address},
+            )
+        )
 
     def publish(self, address, version):
         """Publishes for this address; returns the package's path on the server."""
@@ -131,9 +144,24 @@ class HostingTest(unittest.TestCase):
         payload.mkdir()
         (payload / "libdecoder.so").write_text(version * 1000)
         subprocess.run(
-            [self.source / "tools/mkpack/mkpack", "--payload", payload, "--output", self.packs, "--name", PACK_NAME,
-             "--version", version, "--title", "HEVC", "--base-url", address + "/packs"],
-            check=True, stdout=subprocess.DEVNULL)
+            [
+                self.source / "tools/mkpack/mkpack",
+                "--payload",
+                payload,
+                "--output",
+                self.packs,
+                "--name",
+                PACK_NAME,
+                "--version",
+                version,
+                "--title",
+                "HEVC",
+                "--base-url",
+                address + "/packs",
+            ],
+            check=True,
+            stdout=subprocess.DEVNULL,
+        )
         reply = json.loads((self.packs / "reply.json").read_text())
         return reply[PACK_NAME]["link"].removeprefix(address)
 
@@ -154,13 +182,17 @@ class HostingTest(unittest.TestCase):
     def test_server_says_what_caches_may_keep(self):
         path = self.publish(self.origin.address, "1.0")
         status, headers, body = get(self.origin.address + "/packs/reply.json?unique=a", Accept_Encoding="gzip")
-        self.assertEqual((200, "public, max-age=300", "application/json"),
-                         (status, headers["Cache-Control"], headers["Content-Type"]))
+        self.assertEqual(
+            (200, "public, max-age=300", "application/json"),
+            (status, headers["Cache-Control"], headers["Content-Type"]),
+        )
         self.assertEqual((self.packs / "reply.json").read_bytes(), body)
         self.assertEqual(304, get(self.origin.address + "/packs/reply.json", If_None_Match=headers["ETag"])[0])
         status, headers, _ = get(self.origin.address + path, Accept_Encoding="gzip")
-        self.assertEqual((200, "public, max-age=31536000, immutable", "application/octet-stream", None),
-                         (status, headers["Cache-Control"], headers["Content-Type"], headers["Content-Encoding"]))
+        self.assertEqual(
+            (200, "public, max-age=31536000, immutable", "application/octet-stream", None),
+            (status, headers["Cache-Control"], headers["Content-Type"], headers["Content-Encoding"]),
+        )
 
     def test_server_lets_cut_transfers_go_on(self):
         path = self.publish(self.origin.address, "1.0")
@@ -184,11 +216,24 @@ class HostingTest(unittest.TestCase):
         for server in (self.origin, self.start_cache()):
             self.publish(server.address, "1.0" if server is self.origin else "2.0")
             done = subprocess.run(
-                [self.source / "tools/mkpack/mkpack", "verify", "--json",
-                 "--url", server.address + "/packs/reply.json"],
-                check=True, stdout=subprocess.PIPE, env={**os.environ, "no_proxy": "*"})
-            self.assertEqual(["orbamira-hevc-aac is not offered: appliances that ask for it find nothing new, and log "
-                              "a failed check"], json.loads(done.stdout)["notes"])
+                [
+                    self.source / "tools/mkpack/mkpack",
+                    "verify",
+                    "--json",
+                    "--url",
+                    server.address + "/packs/reply.json",
+                ],
+                check=True,
+                stdout=subprocess.PIPE,
+                env={**os.environ, "no_proxy": "*"},
+            )
+            self.assertEqual(
+                [
+                    "orbamira-hevc-aac is not offered: appliances that ask for it find nothing new, and log "
+                    "a failed check"
+                ],
+                json.loads(done.stdout)["notes"],
+            )
 
     def test_cache_asks_once_for_all_appliances(self):
         cache = self.start_cache()
@@ -233,6 +278,7 @@ class HostingTest(unittest.TestCase):
         def stale():
             appliance.expect("check")
             return cache.asked("/packs/reply.json")[-1] == "GET 200 - STALE"
+
         self.until(stale)
 
 

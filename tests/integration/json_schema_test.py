@@ -46,7 +46,8 @@ class JsonSchemaTest(unittest.TestCase):
 
     def validator(self, command):
         return jsonschema.Draft202012Validator(
-            {"$ref": f"#/$defs/{self.definition(command)}", "$defs": self.schema["$defs"]})
+            {"$ref": f"#/$defs/{self.definition(command)}", "$defs": self.schema["$defs"]}
+        )
 
     def commands(self):
         def listed(*group):
@@ -87,8 +88,10 @@ class JsonSchemaTest(unittest.TestCase):
         commands = [self.definition(name) for name in self.commands()]
         parts = {"status_text", "step_text", "pack", "history_entry", "web_state"}
         self.assertEqual(set(self.schema["$defs"]) - parts, set(commands))
-        self.assertEqual([form["$ref"] for form in self.schema["anyOf"]],
-                         [f"#/$defs/{name}" for name in self.schema["$defs"] if name in commands])
+        self.assertEqual(
+            [form["$ref"] for form in self.schema["anyOf"]],
+            [f"#/$defs/{name}" for name in self.schema["$defs"] if name in commands],
+        )
 
     def test_updates_from_the_first_to_the_last(self):
         self.check("status", 0)
@@ -150,14 +153,24 @@ class JsonSchemaTest(unittest.TestCase):
         self.assertEqual(self.check("plugins", 0)["app_ids"], ["player"])
 
     def test_account(self):
-        provider = self.enterContext(subprocess.Popen(
-            [self.arguments.build + "/tests/oidc_provider"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True))
+        provider = self.enterContext(
+            subprocess.Popen(
+                [self.arguments.build + "/tests/oidc_provider"],
+                stdin=subprocess.PIPE,
+                stdout=subprocess.PIPE,
+                text=True,
+            )
+        )
         issuer = provider.stdout.readline().strip()
         self.check("account status", NOTHING)
         self.check("account sign-out", NOTHING)
         self.check("account sign-in", FAILED, "--issuer", "http://accounts.example")
-        with subprocess.Popen([self.appliance.root / "packctl", "account", "sign-in", "--json", "--issuer", issuer],
-                              env=self.appliance.environment(), stdout=subprocess.PIPE, text=True) as sign_in:
+        with subprocess.Popen(
+            [self.appliance.root / "packctl", "account", "sign-in", "--json", "--issuer", issuer],
+            env=self.appliance.environment(),
+            stdout=subprocess.PIPE,
+            text=True,
+        ) as sign_in:
             waiting = self.check_answer("account sign-in", sign_in.stdout.readline())
             urllib.request.build_opener(urllib.request.ProxyHandler({})).open(waiting["address"]).close()
             done = self.check_answer("account sign-in", sign_in.stdout.readline())
@@ -178,8 +191,12 @@ class JsonSchemaTest(unittest.TestCase):
                 self.assertEqual(self.check(command, REFUSED)["result"], "busy")
 
     def test_watch(self):
-        watch = subprocess.Popen([self.appliance.root / "packctl", "status", "--watch", "--json"],
-                                 env=self.appliance.environment(), stdout=subprocess.PIPE, text=True)
+        watch = subprocess.Popen(
+            [self.appliance.root / "packctl", "status", "--watch", "--json"],
+            env=self.appliance.environment(),
+            stdout=subprocess.PIPE,
+            text=True,
+        )
         with watch:
             lines = [watch.stdout.readline()]
             self.appliance.expect("update")
@@ -209,8 +226,12 @@ class JsonSchemaTest(unittest.TestCase):
 
     @contextlib.contextmanager
     def running_web(self):
-        web = subprocess.Popen([self.appliance.root / "packctl", "web", "--json"], env=self.appliance.environment(),
-                               stdout=subprocess.PIPE, text=True)
+        web = subprocess.Popen(
+            [self.appliance.root / "packctl", "web", "--json"],
+            env=self.appliance.environment(),
+            stdout=subprocess.PIPE,
+            text=True,
+        )
         with web:
             line = json.loads(web.stdout.readline())
             self.validator("web").validate(line)

@@ -57,8 +57,18 @@ STRICTER = (
     {"size": "many"},
 )
 # Whole texts.
-REFUSED_TEXTS = ("null", "[]", "1", '"text"', "{}", '{"orbamira-hevc": null}', '{"orbamira-hevc": []}',
-                 '{"orbamira-hevc": "text"}', '{"orbamira-hevc": 1}', '{"vendor": {}}')
+REFUSED_TEXTS = (
+    "null",
+    "[]",
+    "1",
+    '"text"',
+    "{}",
+    '{"orbamira-hevc": null}',
+    '{"orbamira-hevc": []}',
+    '{"orbamira-hevc": "text"}',
+    '{"orbamira-hevc": 1}',
+    '{"vendor": {}}',
+)
 
 
 class ReplySchemaTest(unittest.TestCase):
@@ -77,6 +87,7 @@ class ReplySchemaTest(unittest.TestCase):
         sys.path.insert(0, str(source / "tools/mkpack"))
         sys.dont_write_bytecode = True
         from orbamira_mkpack import reply  # pylint: disable=import-outside-toplevel,import-error
+
         cls.reply = reply
 
     def changed(self, values):

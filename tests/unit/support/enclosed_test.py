@@ -38,8 +38,15 @@ class EnclosedTest(unittest.TestCase):
 
     def run_enclosed(self, text, *options):
         """Waits for the end of all who hold the output."""
-        return subprocess.run(self.command(text, *options), cwd=self.folder, stdin=subprocess.DEVNULL,
-                              capture_output=True, text=True, timeout=HANG, check=False)
+        return subprocess.run(
+            self.command(text, *options),
+            cwd=self.folder,
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            text=True,
+            timeout=HANG,
+            check=False,
+        )
 
     def daemon(self):
         return int((self.folder / "pid").read_text())
@@ -69,8 +76,9 @@ class EnclosedTest(unittest.TestCase):
         self.assertFalse(is_alive(self.daemon()))
 
     def test_waits_for_what_ends_by_itself(self):
-        done = self.run_enclosed("setsid sh -c 'while [ ! -e end ]; do sleep 0.01; done; echo ended' & : > end",
-                                 "--patience", str(HANG))
+        done = self.run_enclosed(
+            "setsid sh -c 'while [ ! -e end ]; do sleep 0.01; done; echo ended' & : > end", "--patience", str(HANG)
+        )
         self.assertEqual((0, "ended\n"), (done.returncode, done.stdout))
 
     def test_signal_ends_all(self):
@@ -95,8 +103,9 @@ class EveryTest(unittest.TestCase):
     build = None
 
     def test_is_enclosed(self):
-        done = subprocess.run(["ctest", "--test-dir", self.build, "--show-only=json-v1"], check=True,
-                              capture_output=True, text=True)
+        done = subprocess.run(
+            ["ctest", "--test-dir", self.build, "--show-only=json-v1"], check=True, capture_output=True, text=True
+        )
         tests = json.loads(done.stdout)["tests"]
         self.assertGreater(len(tests), 10)
         self.assertEqual([], [test["name"] for test in tests if test["command"][0] != EnclosedTest.enclosed])

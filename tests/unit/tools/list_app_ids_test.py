@@ -105,21 +105,34 @@ class ListAppIdsTest(PluginTestCase):
         self.assertEqual(0, result.returncode)
         ids = json.loads(self.file.read_text())
         self.assertLessEqual(self.file.stat().st_size, MOST_READ)
-        left_out = many[MOST_READ // 65000:]
-        self.assertEqual([*("x" * 65000 + name for name in many[:-len(left_out)]), "com.example.z"], ids)
-        self.assertEqual([f"list-app-ids: {self.folder}/{name}: left out: with its ids the answer would be larger "
-                          "than 1 MiB" for name in left_out], result.stderr.splitlines())
+        left_out = many[MOST_READ // 65000 :]
+        self.assertEqual([*("x" * 65000 + name for name in many[: -len(left_out)]), "com.example.z"], ids)
+        self.assertEqual(
+            [
+                f"list-app-ids: {self.folder}/{name}: left out: with its ids the answer would be larger " "than 1 MiB"
+                for name in left_out
+            ],
+            result.stderr.splitlines(),
+        )
 
     def test_control_characters_are_kept_in_the_answer(self):
         self.add_plugin("a", "printf 'a\\001\\033\\177\\\\b\\n'")
         self.assert_answer(self.ask(), ["a\x01\x1b\x7f\\b"])
 
     def test_what_is_not_quite_utf8_is_refused(self):
-        for name, octal in (("a", "\\300\\200"), ("b", "\\355\\240\\200"), ("c", "\\364\\220\\200\\200"),
-                            ("d", "\\342\\202"), ("e", "\\200"), ("f", "\\360\\200\\200\\200")):
+        for name, octal in (
+            ("a", "\\300\\200"),
+            ("b", "\\355\\240\\200"),
+            ("c", "\\364\\220\\200\\200"),
+            ("d", "\\342\\202"),
+            ("e", "\\200"),
+            ("f", "\\360\\200\\200\\200"),
+        ):
             self.add_plugin(name, f"printf '{octal}\\n'")
         self.add_plugin("g", "printf '\\357\\277\\277\\364\\217\\277\\277\\n'")
-        self.assert_answer(self.ask(), ["\uffff\U0010ffff"], *(f"/{name}: printed what is not UTF-8" for name in "abcdef"))
+        self.assert_answer(
+            self.ask(), ["\uffff\U0010ffff"], *(f"/{name}: printed what is not UTF-8" for name in "abcdef")
+        )
 
     def test_error_output_of_plugins_is_no_answer(self):
         self.add_plugin("a", "echo com.example.a; echo a word >&2")

@@ -46,8 +46,12 @@ class Misbehaving(http.server.SimpleHTTPRequestHandler):
         if "short" in faults and package:
             body = body[:-1]
         tag = self.headers.get("If-Range", '"tag"')
-        part = package and "Range" in self.headers and "no ranges" not in faults and (
-            tag == '"tag"' or "no If-Range" in faults)
+        part = (
+            package
+            and "Range" in self.headers
+            and "no ranges" not in faults
+            and (tag == '"tag"' or "no If-Range" in faults)
+        )
         self.send_response(206 if part else 200)
         if part:
             self.send_header("Content-Range", f"bytes 0-0/{len(body)}")
@@ -167,20 +171,28 @@ class VerifyServedTest(PublishedTest):
         tag = "has neither a strong ETag nor Last-Modified, so a cut download begins anew"
         self.assert_packages("no validator", tag)
         self.assert_packages("weak tag", tag)
-        self.assert_packages("no If-Range",
-                             "is given in part although If-Range names another, so a download may become a mixture")
+        self.assert_packages(
+            "no If-Range", "is given in part although If-Range names another, so a download may become a mixture"
+        )
 
     def test_notes(self):
-        self.assertEqual(["the reply depends on the query, so no cache can give it to all appliances"],
-                         self.ask("by query")["notes"])
-        self.assertEqual(["the reply has the type text/html, which is application/json by right"],
-                         self.ask("html")["notes"])
+        self.assertEqual(
+            ["the reply depends on the query, so no cache can give it to all appliances"], self.ask("by query")["notes"]
+        )
+        self.assertEqual(
+            ["the reply has the type text/html, which is application/json by right"], self.ask("html")["notes"]
+        )
         notes = self.ask("no Cache-Control")["notes"]
         self.assertEqual("the reply has no Cache-Control: caches keep it for as long as they think fit", notes[0])
-        self.assertIn(f"{self.link} may be kept for ever, and does not say so: Cache-Control: public, "
-                      "max-age=31536000, immutable", notes)
-        self.assertIn(f"{self.link} answers HEAD with status 405: packctl doctor learns no size from it",
-                      self.ask("no HEAD")["notes"])
+        self.assertIn(
+            f"{self.link} may be kept for ever, and does not say so: Cache-Control: public, "
+            "max-age=31536000, immutable",
+            notes,
+        )
+        self.assertIn(
+            f"{self.link} answers HEAD with status 405: packctl doctor learns no size from it",
+            self.ask("no HEAD")["notes"],
+        )
 
 
 if __name__ == "__main__":

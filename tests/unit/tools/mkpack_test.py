@@ -437,9 +437,7 @@ class MkpackSigningTest(MkpackTest):
 
     def test_key_with_a_passphrase_is_refused_where_nobody_can_be_asked(self):
         self.openssl("pkey", "-in", "signer.key", "-aes256", "-passout", "pass:secret", "-out", "locked.key")
-        result = self.run_mkpack(
-            sign_key=self.top / "locked.key", sign_cert=self.certificate, preexec_fn=os.setsid
-        )
+        result = self.run_mkpack(sign_key=self.top / "locked.key", sign_cert=self.certificate, preexec_fn=os.setsid)
         self.assertEqual((1, ""), (result.returncode, result.stdout))
         self.assertTrue(result.stderr.startswith("mkpack: cannot be signed with "), result.stderr)
         self.assertEqual([], os.listdir(self.output))
@@ -471,9 +469,7 @@ class MkpackSigningTest(MkpackTest):
         self.assertEqual([], os.listdir(self.output))
 
     def test_file_without_certificate_is_refused(self):
-        self.assert_fails(
-            f"mkpack: {self.key}: there is no certificate in it\n", sign_key=self.key, sign_cert=self.key
-        )
+        self.assert_fails(f"mkpack: {self.key}: there is no certificate in it\n", sign_key=self.key, sign_cert=self.key)
         missing = self.top / "missing"
         self.assert_fails(f"mkpack: {missing}: {os.strerror(errno.ENOENT)}\n", sign_key=self.key, sign_cert=missing)
 

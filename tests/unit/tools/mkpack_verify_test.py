@@ -42,14 +42,17 @@ class VerifyWellTest(VerifyTest):
         self.assertEqual(([], []), (report["findings"], report["notes"]))
         self.assertEqual(
             {"version": "1.2", "package": file.name, "size": file.stat().st_size, "signed": False},
-            report["packs"][HEVC])
+            report["packs"][HEVC],
+        )
         self.assertEqual({HEVC, AAC}, report["packs"].keys())
 
     def test_says_so_in_a_line(self):
         self.publish_both()
         done = self.run_verify(self.folder)
-        self.assertEqual((0, f"{self.folder}: nothing wrong with {HEVC} 1.2, {AAC} 1.2\n", ""),
-                         (done.returncode, done.stdout, done.stderr))
+        self.assertEqual(
+            (0, f"{self.folder}: nothing wrong with {HEVC} 1.2, {AAC} 1.2\n", ""),
+            (done.returncode, done.stdout, done.stderr),
+        )
 
     def test_changes_nothing(self):
         self.publish_both()
@@ -61,8 +64,15 @@ class VerifyWellTest(VerifyTest):
 
     def test_finds_nothing_in_archives_of_other_programs(self):
         self.publish_both()
-        whole = tar([("has_hevc", b""), member("lib", tarfile.DIRTYPE), member("./lib/", tarfile.DIRTYPE),
-                     ("lib/a", b"a"), member("lib/b", tarfile.LNKTYPE, "lib/a")])
+        whole = tar(
+            [
+                ("has_hevc", b""),
+                member("lib", tarfile.DIRTYPE),
+                member("./lib/", tarfile.DIRTYPE),
+                ("lib/a", b"a"),
+                member("lib/b", tarfile.LNKTYPE, "lib/a"),
+            ]
+        )
         self.replace_payload(gzip.compress(whole[:700]) + gzip.compress(whole[700:]))
         self.assert_taken()
 
@@ -183,20 +193,28 @@ class VerifyFileTest(PublishedTest):
         content[-1] ^= 1
         self.file.write_bytes(content)
         digest = hashlib.sha256(content).hexdigest()
-        self.assert_finding(HEVC, f"{self.file.name} has the SHA256 {digest} and {len(content)} bytes, which is not "
-                            "what the reply says")
+        self.assert_finding(
+            HEVC,
+            f"{self.file.name} has the SHA256 {digest} and {len(content)} bytes, which is not " "what the reply says",
+        )
 
     def test_that_was_cut(self):
         content = self.file.read_bytes()[:1000]
         self.file.write_bytes(content)
-        self.assert_finding(HEVC, f"{self.file.name} has the SHA256 {hashlib.sha256(content).hexdigest()} and 1000 "
-                            "bytes, which is not what the reply says")
+        self.assert_finding(
+            HEVC,
+            f"{self.file.name} has the SHA256 {hashlib.sha256(content).hexdigest()} and 1000 "
+            "bytes, which is not what the reply says",
+        )
 
     def test_whose_sha512_is_another(self):
         self.change(checksum="0" * 128)
         digest = hashlib.sha512(self.file.read_bytes()).hexdigest()
-        self.assert_finding(HEVC, f"{self.file.name} has the SHA512 {digest} and {self.file.stat().st_size} bytes, "
-                            "which is not what the reply says")
+        self.assert_finding(
+            HEVC,
+            f"{self.file.name} has the SHA512 {digest} and {self.file.stat().st_size} bytes, "
+            "which is not what the reply says",
+        )
 
     def test_whose_size_is_another(self):
         size = self.file.stat().st_size
@@ -208,15 +226,17 @@ class VerifyFileTest(PublishedTest):
         self.file.rename(other)
         self.change(link=f"{BASE}/{other.name}")
         digest = self.members()[HEVC]["checksum"]
-        self.assert_finding(HEVC, f"{other.name} says 000000000000 in its name, and its SHA-256 begins with "
-                            f"{digest[:12]}, so caches may hold other content under this name")
+        self.assert_finding(
+            HEVC,
+            f"{other.name} says 000000000000 in its name, and its SHA-256 begins with "
+            f"{digest[:12]}, so caches may hold other content under this name",
+        )
 
     def test_that_only_some_may_read(self):
         for path, about in ((self.file, HEVC), (self.reply, "reply.json")):
             with self.subTest(about):
                 path.chmod(0o640)
-                remedy = self.assert_finding(
-                    about, f"only some may read {path.name}, so perhaps not the web server")
+                remedy = self.assert_finding(about, f"only some may read {path.name}, so perhaps not the web server")
                 self.assertEqual(f"chmod 644 {path}", remedy)
                 path.chmod(0o644)
 
@@ -266,9 +286,12 @@ class VerifyPackageTest(PublishedTest):
     def test_whose_info_is_empty(self):
         file = self.replace(tar([("INFO", b""), ("package.tgz", self.good)]))
         self.assertEqual(
-            [f"INFO in {file} says package '', and the reply says '{HEVC}'",
-             f"INFO in {file} says version '', and the reply says '1.2'"],
-            [found["problem"] for found in self.verify()["findings"]])
+            [
+                f"INFO in {file} says package '', and the reply says '{HEVC}'",
+                f"INFO in {file} says version '', and the reply says '1.2'",
+            ],
+            [found["problem"] for found in self.verify()["findings"]],
+        )
 
     def test_without_a_codec_that_its_name_promises(self):
         file = self.replace(tar([("INFO", info_text(AAC)), ("package.tgz", self.good)]), AAC)
@@ -280,8 +303,9 @@ class VerifyPackageTest(PublishedTest):
 
     def test_marker_that_is_no_file(self):
         file = self.replace_payload(tar([member("has_hevc", tarfile.DIRTYPE)], "w:gz"))
-        self.assert_finding(HEVC, f"the payload of {file} has no has_hevc, so appliances do not know that it brings "
-                            "hevc")
+        self.assert_finding(
+            HEVC, f"the payload of {file} has no has_hevc, so appliances do not know that it brings " "hevc"
+        )
 
     def test_without_its_members(self):
         self.assert_refused(tar([("INFO", info_text())]), "there is no package.tgz in it")
@@ -296,14 +320,15 @@ class VerifyPackageTest(PublishedTest):
         self.assert_refused(tar([*begin, member("lib", tarfile.DIRTYPE)]), f"lib: {only}")
         self.assert_refused(tar([*begin, member("a", tarfile.SYMTYPE, "INFO")]), f"a: {only}")
         self.assert_refused(tar([*begin, ("INFO", b"")]), "INFO: there is something of that name already")
-        self.assert_refused(tar([*begin, *((f"f{n}", b"") for n in range(99))]), "more than 100 members",
-                            by_appliances=False)
+        self.assert_refused(
+            tar([*begin, *((f"f{n}", b"") for n in range(99))]), "more than 100 members", by_appliances=False
+        )
         self.assert_refused(tar([("INFO", b"x" * ((1 << 20) + 1))]), "INFO: longer than 1048576 bytes")
 
     def test_that_is_damaged(self):
         whole = tar([("INFO", info_text()), ("package.tgz", self.good)])
         end = len(whole.rstrip(b"\0")) + 511 & ~511
-        self.assert_refused(whole[:end + 512], "truncated archive")
+        self.assert_refused(whole[: end + 512], "truncated archive")
         self.assert_refused(whole[:1600], "package.tgz: damaged archive: ", words=ANY)
         self.assert_refused(whole + b"x", "damaged, or data behind the end of the archive")
         self.assert_refused(whole[:1024] + b"x" + whole[1025:], "damaged, or data behind the end of the archive")
@@ -352,8 +377,9 @@ class VerifyPackageTest(PublishedTest):
         self.replace_payload(gzip.compress(payload))
         self.assert_taken()
         damaged = payload.replace(long.encode(), long.encode()[:-1] + b"\xff")
-        self.assert_payload_refused(gzip.compress(damaged),
-                                    f"package.tgz: {'n' * 150}\udcc3\udcff: a name that is not UTF-8")
+        self.assert_payload_refused(
+            gzip.compress(damaged), f"package.tgz: {'n' * 150}\udcc3\udcff: a name that is not UTF-8"
+        )
 
     def test_that_unpacks_to_too_much(self):
         big = tarfile.TarInfo("big")
@@ -421,6 +447,7 @@ class VerifyBoundsTest(unittest.TestCase):
                 yield tarfile.TarInfo.create_pax_global_header({f"key{number}": text.decode()})
                 yield tarfile.TarInfo(f"file{number}").tobuf()
             yield b"\0" * 1024
+
         self.assert_little_memory(pieces())
 
     def test_negative_size_is_refused(self):
@@ -479,8 +506,9 @@ class VerifySignatureTest(VerifyTest):
         options = self.sign("signer")
         self.publish(AAC, "1.2", *options)
         file = self.publish()
-        remedy = self.assert_finding(HEVC, f"{file.name} is not signed, so appliances with a keyring refuse it",
-                                     *self.keyring)
+        remedy = self.assert_finding(
+            HEVC, f"{file.name} is not signed, so appliances with a keyring refuse it", *self.keyring
+        )
         self.assertEqual("publish the pack again with --sign-key and --sign-cert", remedy)
 
     def test_mixture_of_signed_and_unsigned(self):
@@ -492,26 +520,29 @@ class VerifySignatureTest(VerifyTest):
         options = self.sign("signer")
         self.publish(AAC, "1.2", *options)
         file = self.publish(HEVC, "1.2", *self.sign("old", days=-1))
-        self.assert_finding(HEVC, self.refused(file, ""), *self.keyring,
-                            words=words.certificate_error(words.EXPIRED))
+        self.assert_finding(HEVC, self.refused(file, ""), *self.keyring, words=words.certificate_error(words.EXPIRED))
         self.assert_well()
 
     def test_foreign_signer(self):
         self.publish(AAC, "1.2", *self.sign("signer"))
         file = self.publish(HEVC, "1.2", *self.sign("stranger", None))
-        self.assert_finding(HEVC, self.refused(file, ""), *self.keyring,
-                            words=words.certificate_error(words.SELF_SIGNED))
+        self.assert_finding(
+            HEVC, self.refused(file, ""), *self.keyring, words=words.certificate_error(words.SELF_SIGNED)
+        )
 
     def test_altered_manifest(self):
         def change(members):
             members["MANIFEST"] = members["MANIFEST"].replace(b"  INFO", b"  INFQ")
             members["INFQ"] = members["INFO"]
+
         file = self.repack(change)
         problem = self.refused(file, "INFO is not what MANIFEST says")
         self.assert_finding(HEVC, problem)
+
         def resign(members):
             members["MANIFEST"] += f"{hashlib.sha256(b'').hexdigest()}  more\n".encode()
             members["more"] = b""
+
         file = self.repack(resign)
         self.assert_well()
         self.assert_finding(HEVC, self.refused(file, ""), *self.keyring, words=ANY)
@@ -554,11 +585,29 @@ class VerifySignatureTest(VerifyTest):
 
     def resign(self, signer, digest):
         """Publishes a package whose signature this signer made with this digest; mkpack itself takes SHA-256."""
+
         def change(members):
             (self.top / "manifest").write_bytes(members["MANIFEST"])
-            self.authority.openssl("cms", "-sign", "-binary", "-in", "manifest", "-outform", "DER", "-nosmimecap",
-                                   "-signer", f"{signer}.pem", "-inkey", f"{signer}.key", "-md", digest, "-out", "made")
+            self.authority.openssl(
+                "cms",
+                "-sign",
+                "-binary",
+                "-in",
+                "manifest",
+                "-outform",
+                "DER",
+                "-nosmimecap",
+                "-signer",
+                f"{signer}.pem",
+                "-inkey",
+                f"{signer}.key",
+                "-md",
+                digest,
+                "-out",
+                "made",
+            )
             members["MANIFEST.sig"] = (self.top / "made").read_bytes()
+
         return self.repack(change)
 
     def test_digest_of_the_signature(self):
@@ -572,8 +621,7 @@ class VerifySignatureTest(VerifyTest):
     def test_weak_key(self):
         self.sign("rsa", key=("-newkey", "rsa:1024"))
         file = self.resign("rsa", "sha256")
-        self.assert_finding(HEVC, self.refused(file, ""), *self.keyring,
-                            words=words.certificate_error(words.WEAK_KEY))
+        self.assert_finding(HEVC, self.refused(file, ""), *self.keyring, words=words.certificate_error(words.WEAK_KEY))
 
     def test_key_that_is_not_for_signatures(self):
         self.publish(AAC, "1.2", *self.sign("signer", extension=LEAF + "\nkeyUsage=digitalSignature"))
@@ -615,8 +663,8 @@ class VerifyNotesTest(VerifyTest):
     def test_pack_that_is_not_offered(self):
         self.publish()
         self.assertEqual(
-            [f"{AAC} is not offered: appliances that ask for it find nothing new, and log a failed check"],
-            self.notes())
+            [f"{AAC} is not offered: appliances that ask for it find nothing new, and log a failed check"], self.notes()
+        )
 
     def test_name_that_nobody_asks_for(self):
         self.publish_both()
@@ -629,9 +677,12 @@ class VerifyNotesTest(VerifyTest):
         self.publish_both()
         (self.folder / "other.opk").write_text("")
         self.assertEqual(
-            [f"{older.name} is not in the reply: it may go when nobody fetches it any more",
-             f"{newer.name} is newer than 1.2, which is offered: appliances that installed it stay with it"],
-            self.notes())
+            [
+                f"{older.name} is not in the reply: it may go when nobody fetches it any more",
+                f"{newer.name} is newer than 1.2, which is offered: appliances that installed it stay with it",
+            ],
+            self.notes(),
+        )
 
     def test_package_of_a_pack_with_a_fault_is_in_the_reply_all_the_same(self):
         self.publish_both()
@@ -654,9 +705,9 @@ class VersionsTest(unittest.TestCase):
     def test_are_ordered_as_appliances_order_them(self):
         ordered = ["0.99.1", "1", "1.0-rc1", "1.9", "1.10", "1.10a", "2-3_4+5", "10000000000000000000000000"]
         for index, left in enumerate(ordered):
-            for right in ordered[:index + 1]:
+            for right in ordered[: index + 1]:
                 self.assertFalse(rules.is_newer(left, right), f"{left} {right}")
-            for right in ordered[index + 1:]:
+            for right in ordered[index + 1 :]:
                 self.assertTrue(rules.is_newer(left, right), f"{left} {right}")
         for left, right in (("1.0", "1"), ("1.0.0", "1"), ("01.2", "1.02"), ("1-0", "1.0")):
             self.assertFalse(rules.is_newer(left, right) or rules.is_newer(right, left))
@@ -665,8 +716,10 @@ class VersionsTest(unittest.TestCase):
 class VerifyUsageTest(VerifyTest):
     def assert_usage(self, message, *arguments):
         done = self.run_verify(*arguments)
-        self.assertEqual((64, "", f"mkpack verify: {message}\nTry 'mkpack verify --help'.\n"),
-                         (done.returncode, done.stdout, done.stderr))
+        self.assertEqual(
+            (64, "", f"mkpack verify: {message}\nTry 'mkpack verify --help'.\n"),
+            (done.returncode, done.stdout, done.stderr),
+        )
 
     def test_folder_must_be_there(self):
         self.assert_usage("one of FOLDER and --url is needed, and not both")

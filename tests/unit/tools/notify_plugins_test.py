@@ -31,8 +31,9 @@ class NotifyPluginsTest(PluginTestCase):
         return self.run_program("notify-plugins", *(arguments or STEP), **options)
 
     def start(self, **options):
-        return subprocess.Popen([PROGRAMS / "notify-plugins", *STEP], env=self.environment, stderr=subprocess.PIPE,
-                                text=True, **options)
+        return subprocess.Popen(
+            [PROGRAMS / "notify-plugins", *STEP], env=self.environment, stderr=subprocess.PIPE, text=True, **options
+        )
 
     def spread(self, way):
         """A line of a plugin that starts a process in this way, which keeps the FIFO open for as long as it lives."""
@@ -67,8 +68,10 @@ class NotifyPluginsTest(PluginTestCase):
         self.add_plugin("a", RECORD)
         odd = ["--status", "", "--version", "-1 $(x)\n\"'", "--package", os.fsdecode(b"\xff"), "--event", "--event"]
         self.assert_told(self.notify(*odd, "--timing", "x"))
-        expected = (b"a [--status] [] [--version] [-1 $(x)\\012\"'] [--package] [\\377] [--event] [--event] "
-                    b"[--timing] [x]\n")
+        expected = (
+            b"a [--status] [] [--version] [-1 $(x)\\012\"'] [--package] [\\377] [--event] [--event] "
+            b"[--timing] [x]\n"
+        )
         self.assertEqual(expected, self.log.read_bytes())
 
     def test_wrong_usage_runs_no_plugin(self):
@@ -164,7 +167,11 @@ class NotifyPluginsTest(PluginTestCase):
         shared.mkdir()
         shared.chmod(0o777)
         (shared / "link").symlink_to(away)
-        for way in (shared / "link" / "program", "../../../../shared/link/program", "../../../../shared/../home/program"):
+        for way in (
+            shared / "link" / "program",
+            "../../../../shared/link/program",
+            "../../../../shared/../home/program",
+        ):
             with self.subTest(way):
                 (self.folder / "a").unlink()
                 (self.folder / "a").symlink_to(way)
@@ -221,8 +228,9 @@ class NotifyPluginsTest(PluginTestCase):
         self.add_plugin("a", f"yes {'x' * 1023} | head -n 3000; echo done >> \"$LOG\"")
         self.add_plugin("b", "echo another")
         result = self.notify()
-        self.assertEqual((0, f"a: {'x' * 1023}\n" * 64 + "a: " + DROPPED + "b: another\n"),
-                         (result.returncode, result.stderr))
+        self.assertEqual(
+            (0, f"a: {'x' * 1023}\n" * 64 + "a: " + DROPPED + "b: another\n"), (result.returncode, result.stderr)
+        )
         self.assertEqual(["done"], self.log_lines())
 
     def test_lines_have_a_bound(self):
@@ -257,8 +265,9 @@ class NotifyPluginsTest(PluginTestCase):
         self.addCleanup(os.close, reader)
         with open(writer, "wb") as output:
             fcntl.fcntl(output, fcntl.F_SETPIPE_SZ, 4096)
-            result = subprocess.run([PROGRAMS / "notify-plugins", *STEP], env=self.environment, stderr=output,
-                                    timeout=HANG, check=False)
+            result = subprocess.run(
+                [PROGRAMS / "notify-plugins", *STEP], env=self.environment, stderr=output, timeout=HANG, check=False
+            )
         self.assertEqual(0, result.returncode)
 
     def test_standard_input_of_plugins_is_empty(self):
@@ -286,10 +295,7 @@ class NotifyPluginsTest(PluginTestCase):
 
     def test_plugin_that_ignores_the_request_to_end_is_killed_with_its_children(self):
         self.write_setting("plugin_time_limit=0.5\n")
-        self.add_plugin(
-            "a",
-            "trap '' TERM; cat $HOLD & echo $$ >> \"$LOG\"; echo $! >> \"$LOG\"; cat $HOLD",
-        )
+        self.add_plugin("a", "trap '' TERM; cat $HOLD & echo $$ >> \"$LOG\"; echo $! >> \"$LOG\"; cat $HOLD")
         self.assert_told(self.notify(), "/a: stopped: it took longer than 0.5 s")
         for process in self.log_lines():
             self.wait_for_process_end(process)
@@ -384,8 +390,9 @@ class NotifyPluginsTest(PluginTestCase):
     def test_killed_process_that_works_is_told_of(self):
         self.add_plugin("a", "kill -9 $PPID; exec cat $HOLD")
         result = self.notify()
-        self.assertEqual((1, "notify-plugins: the process that runs the plugins was killed\n"),
-                         (result.returncode, result.stderr))
+        self.assertEqual(
+            (1, "notify-plugins: the process that runs the plugins was killed\n"), (result.returncode, result.stderr)
+        )
 
     def test_plugin_may_be_stopped_by_every_signal(self):
         self.add_plugin("a", 'grep -E "^Sig(Blk|Ign)" /proc/$$/status | grep -o "[0-9a-f]*$" >> "$LOG"')

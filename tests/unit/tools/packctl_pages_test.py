@@ -50,11 +50,16 @@ class PagesTest(unittest.TestCase):
 
     def test_the_tree_has_what_is_made_now(self):
         with tempfile.TemporaryDirectory() as folder:
-            subprocess.run([self.packaging / "generate.py", self.arguments.describe, self.source / "tools/mkpack/mkpack",
-                            folder], check=True)
+            subprocess.run(
+                [self.packaging / "generate.py", self.arguments.describe, self.source / "tools/mkpack/mkpack", folder],
+                check=True,
+            )
             for name in NAMES:
-                self.assertEqual((self.packaging / name).read_text(), (pathlib.Path(folder) / name).read_text(),
-                                 f"packaging/{name} is out of date: run packaging/generate.py")
+                self.assertEqual(
+                    (self.packaging / name).read_text(),
+                    (pathlib.Path(folder) / name).read_text(),
+                    f"packaging/{name} is out of date: run packaging/generate.py",
+                )
 
     def test_what_packctl_says_of_itself_is_what_it_takes(self):
         taken = listed(output(self.arguments.packctl, "--help"))
@@ -62,7 +67,8 @@ class PagesTest(unittest.TestCase):
         for group in self.program["groups"]:
             self.assertEqual(
                 [c["name"] for c in self.program["commands"] if c["name"].split()[0] == group],
-                [f"{group} {name}" for name in listed(output(self.arguments.packctl, group, "--help"))])
+                [f"{group} {name}" for name in listed(output(self.arguments.packctl, group, "--help"))],
+            )
         for command in [None, *self.program["commands"]]:
             arguments = command["name"].split() if command else []
             shown = output(self.arguments.packctl, *arguments, "--help").split("Options:\n")[1].split("\n\n")[0]
@@ -78,8 +84,12 @@ class PagesTest(unittest.TestCase):
 
     def test_groff_finds_nothing_wrong_with_the_pages(self):
         for name in NAMES[:3]:
-            done = subprocess.run(["groff", "-man", "-ww", "-Tutf8", "-z", self.packaging / name], capture_output=True,
-                                  text=True, check=False)
+            done = subprocess.run(
+                ["groff", "-man", "-ww", "-Tutf8", "-z", self.packaging / name],
+                capture_output=True,
+                text=True,
+                check=False,
+            )
             self.assertEqual((done.returncode, done.stderr), (0, ""), name)
 
     def test_bash_completes_commands_and_options(self):

@@ -162,8 +162,9 @@ class SignedPackageTest(unittest.TestCase):
                     words = child.stderr.read().decode()
                     _, status, usage = os.wait4(child.pid, 0)
                     child.returncode = os.waitstatus_to_exitcode(status)
-                self.assertEqual((1, f"orba-archive: {self.package}: a member's header is too long\n"),
-                                 (child.returncode, words))
+                self.assertEqual(
+                    (1, f"orba-archive: {self.package}: a member's header is too long\n"), (child.returncode, words)
+                )
                 self.assertLess(usage.ru_maxrss, 64 << 10)
 
     def test_unsigned_package_is_unpacked_where_there_is_no_keyring(self):
@@ -184,9 +185,7 @@ class SignedPackageTest(unittest.TestCase):
     def test_order_of_the_members_does_not_matter(self):
         self.trust("ca")
         text = manifest(self.members)
-        self.package.write_bytes(
-            tar([*self.members.items(), ("MANIFEST.sig", self.sign(text)), ("MANIFEST", text)])
-        )
+        self.package.write_bytes(tar([*self.members.items(), ("MANIFEST.sig", self.sign(text)), ("MANIFEST", text)]))
         self.assert_unpacked("MANIFEST", "MANIFEST.sig")
 
     def test_any_certificate_of_the_keyring_will_do(self):
@@ -303,9 +302,7 @@ class SignedPackageTest(unittest.TestCase):
     def test_message_of_another_kind_is_refused(self):
         self.trust("ca")
         (self.top / "pki/text").write_bytes(manifest(self.members))
-        self.pack(
-            signature=self.authority.openssl("cms", "-data_create", "-in", "text", "-outform", "DER").stdout
-        )
+        self.pack(signature=self.authority.openssl("cms", "-data_create", "-in", "text", "-outform", "DER").stdout)
         self.assert_refused("MANIFEST.sig: signed by nobody")
 
     def test_garbage_for_a_signature_is_refused(self):

@@ -55,9 +55,27 @@ class VerifyTest(unittest.TestCase):
     def publish(self, name=HEVC, version="1.2", *options):
         """Publishes a pack; returns the path of its package."""
         done = subprocess.run(
-            [MKPACK, "--payload", self.payload, "--output", self.folder, "--name", name, "--version", version,
-             "--title", "Decoder", "--base-url", BASE, *options],
-            check=True, stdout=subprocess.PIPE, text=True, timeout=HANG)
+            [
+                MKPACK,
+                "--payload",
+                self.payload,
+                "--output",
+                self.folder,
+                "--name",
+                name,
+                "--version",
+                version,
+                "--title",
+                "Decoder",
+                "--base-url",
+                BASE,
+                *options,
+            ],
+            check=True,
+            stdout=subprocess.PIPE,
+            text=True,
+            timeout=HANG,
+        )
         return pathlib.Path(done.stdout.split("\n")[0].split(maxsplit=1)[1])
 
     def publish_both(self, *options):
@@ -65,8 +83,9 @@ class VerifyTest(unittest.TestCase):
         return self.publish(HEVC, "1.2", *options)
 
     def run_verify(self, *arguments, **more):
-        return subprocess.run([MKPACK, "verify", *arguments], capture_output=True, text=True, timeout=HANG, check=False,
-                              **more)
+        return subprocess.run(
+            [MKPACK, "verify", *arguments], capture_output=True, text=True, timeout=HANG, check=False, **more
+        )
 
     def verify(self, *options, **more):
         """The object that is printed, which must agree with the exit status."""
@@ -131,11 +150,23 @@ class VerifyTest(unittest.TestCase):
         """Whether the programs that an appliance runs unpack the package."""
         tools = pathlib.Path(os.environ["ORBA_TOOLS"])
         with tempfile.TemporaryDirectory(dir=self.top) as folder:
-            return (all(subprocess.run([tools / program, "-xf", archive, "-C", folder], stderr=subprocess.DEVNULL,
-                                       env={"ORBAMIRA_ROOT": str(self.top)}, timeout=HANG, check=False).returncode == 0
-                        for program, archive in (("orba-archive", self.folder / file),
-                                                 ("orba-tar", pathlib.Path(folder) / "package.tgz")))
-                    and (pathlib.Path(folder) / "INFO").is_file())
+            return (
+                all(
+                    subprocess.run(
+                        [tools / program, "-xf", archive, "-C", folder],
+                        stderr=subprocess.DEVNULL,
+                        env={"ORBAMIRA_ROOT": str(self.top)},
+                        timeout=HANG,
+                        check=False,
+                    ).returncode
+                    == 0
+                    for program, archive in (
+                        ("orba-archive", self.folder / file),
+                        ("orba-tar", pathlib.Path(folder) / "package.tgz"),
+                    )
+                )
+                and (pathlib.Path(folder) / "INFO").is_file()
+            )
 
 
 class PublishedTest(VerifyTest):

@@ -30,8 +30,9 @@ class Folder:
 
     def verify(self):
         if not os.stat(self._path).st_mode & stat.S_IXOTH:
-            self._report.found(self._path, "only some may enter the folder, so perhaps not the web server",
-                               f"chmod 755 {self._path}")
+            self._report.found(
+                self._path, "only some may enter the folder, so perhaps not the web server", f"chmod 755 {self._path}"
+            )
         members = self._read_reply()
         if members is not None:
             self._named = reply.named_paths(members, self._base_url)
@@ -57,8 +58,11 @@ class Folder:
             self._report.found(about, f"{os.path.basename(path)} is no regular file", missing)
             return None
         if not mode & stat.S_IROTH:
-            self._report.found(about, f"only some may read {os.path.basename(path)}, so perhaps not the web server",
-                               f"chmod 644 {path}")
+            self._report.found(
+                about,
+                f"only some may read {os.path.basename(path)}, so perhaps not the web server",
+                f"chmod 644 {path}",
+            )
         return open(descriptor, "rb")
 
     def _read_reply(self):
@@ -70,8 +74,9 @@ class Folder:
         try:
             return reply.parse(text)
         except reply.ReplyError as error:
-            self._report.found(REPLY_NAME, f"no appliance takes the reply, since {error}",
-                               "move it away and publish the packs again")
+            self._report.found(
+                REPLY_NAME, f"no appliance takes the reply, since {error}", "move it away and publish the packs again"
+            )
             return None
 
     def _verify_pack(self, name, member):
@@ -79,8 +84,9 @@ class Folder:
         path = os.path.join(self._path, relative)
         top = os.path.realpath(self._path)
         if os.path.commonpath([top, os.path.realpath(path)]) != top:
-            self._report.found(name, f"{relative} is a symbolic link that leads out of the folder",
-                               "put the file itself there")
+            self._report.found(
+                name, f"{relative} is a symbolic link that leads out of the folder", "put the file itself there"
+            )
             return
         file = self._open(path, name, f"put it back into {self._path}, or publish the pack again")
         if not file:
@@ -101,17 +107,24 @@ class Folder:
             if checksum is not sha256:
                 checksum.update(piece)
         if checksum.hexdigest() != member["checksum"].lower():
-            self._report.found(name, f"{relative} has the {checksum.name.upper()} {checksum.hexdigest()} and {size} "
-                               "bytes, which is not what the reply says",
-                               "put the right file back, or " + PUBLISH_AGAIN)
+            self._report.found(
+                name,
+                f"{relative} has the {checksum.name.upper()} {checksum.hexdigest()} and {size} "
+                "bytes, which is not what the reply says",
+                "put the right file back, or " + PUBLISH_AGAIN,
+            )
             return False
         if member.get("size", size) != size:
             self._report.found(name, f"{relative} has {size} bytes, and the reply says {member['size']}", PUBLISH_AGAIN)
         named = _PACKAGE_PATTERN.fullmatch(os.path.basename(relative))
         if named and not sha256.hexdigest().startswith(named[3]):
-            self._report.found(name, f"{relative} says {named[3]} in its name, and its SHA-256 begins with "
-                               f"{sha256.hexdigest()[:rules.DIGITS_IN_NAME]}, so caches may hold other content under "
-                               "this name", PUBLISH_AGAIN)
+            self._report.found(
+                name,
+                f"{relative} says {named[3]} in its name, and its SHA-256 begins with "
+                f"{sha256.hexdigest()[:rules.DIGITS_IN_NAME]}, so caches may hold other content under "
+                "this name",
+                PUBLISH_AGAIN,
+            )
         self._report.packs[name] = {"version": member["version"], "package": relative, "size": size, "signed": False}
         return True
 
@@ -119,41 +132,58 @@ class Folder:
         try:
             content = package.read(file)
         except archive.Refused as error:
-            self._report.found(name, f"appliances refuse {relative}: {error}",
-                               "make the package with mkpack, and publish it")
+            self._report.found(
+                name, f"appliances refuse {relative}: {error}", "make the package with mkpack, and publish it"
+            )
             return
         self._report.packs[name]["signed"] = content.signed
         for key, value in (("package", name), ("version", member["version"])):
             if content.info(key) != value:
-                self._report.found(name, f"INFO in {relative} says {key} {content.info(key)!r}, and the reply says "
-                                   f"{value!r}", PUBLISH_AGAIN)
+                self._report.found(
+                    name,
+                    f"INFO in {relative} says {key} {content.info(key)!r}, and the reply says " f"{value!r}",
+                    PUBLISH_AGAIN,
+                )
         for codec in rules.CODECS_OF_PACK[name]:
             if codec not in content.codecs:
-                self._report.found(name, f"the payload of {relative} has no {rules.marker_of(codec)}, so appliances do "
-                                   f"not know that it brings {codec}", PUBLISH_AGAIN)
+                self._report.found(
+                    name,
+                    f"the payload of {relative} has no {rules.marker_of(codec)}, so appliances do "
+                    f"not know that it brings {codec}",
+                    PUBLISH_AGAIN,
+                )
         self._verify_signature(name, relative, content)
 
     def _verify_signature(self, name, relative, content):
         if not content.signed:
             if self._keyring:
-                self._report.found(name, f"{relative} is not signed, so appliances with a keyring refuse it",
-                                   "publish the pack again with --sign-key and --sign-cert")
+                self._report.found(
+                    name,
+                    f"{relative} is not signed, so appliances with a keyring refuse it",
+                    "publish the pack again with --sign-key and --sign-cert",
+                )
             return
         try:
             signature.check_manifest(content)
             if self._keyring:
                 signature.check_signature(content, self._keyring)
         except archive.Refused as error:
-            self._report.found(name, f"appliances with a keyring refuse {relative}: {error}",
-                               "sign the pack with a key whose certificate the keyring trusts now, and publish it")
+            self._report.found(
+                name,
+                f"appliances with a keyring refuse {relative}: {error}",
+                "sign the pack with a key whose certificate the keyring trusts now, and publish it",
+            )
 
     def _compare_signatures(self):
         """With a keyring each unsigned package has been found already."""
         unsigned = [name for name, pack in self._report.packs.items() if not pack["signed"]]
         if not self._keyring and len(unsigned) < len(self._report.packs):
             for name in unsigned:
-                self._report.found(name, "its package is not signed, while another in the reply is",
-                                   "publish the pack again with --sign-key and --sign-cert")
+                self._report.found(
+                    name,
+                    "its package is not signed, while another in the reply is",
+                    "publish the pack again with --sign-key and --sign-cert",
+                )
 
     def _note_others(self):
         with os.scandir(self._path) as entries:
@@ -168,7 +198,9 @@ class Folder:
     def _note_package(self, name, match):
         offered = self._report.packs.get(match[1])
         if offered and rules.is_newer(offered["version"], match[2]):
-            self._report.notes.append(f"{name} is newer than {offered['version']}, which is offered: appliances that "
-                                      "installed it stay with it")
+            self._report.notes.append(
+                f"{name} is newer than {offered['version']}, which is offered: appliances that "
+                "installed it stay with it"
+            )
         else:
             self._report.notes.append(f"{name} is not in the reply: it may go when nobody fetches it any more")

@@ -129,11 +129,7 @@ def title(text):
 
 
 def parse_arguments(arguments):
-    parser = ArgumentParser(
-        prog="mkpack",
-        description=DESCRIPTION,
-        epilog=EPILOG,
-    )
+    parser = ArgumentParser(prog="mkpack", description=DESCRIPTION, epilog=EPILOG)
     parser.add_argument("--payload", required=True, metavar="DIR", help="the folder whose content the pack carries")
     parser.add_argument(
         "--output", required=True, metavar="DIR", help="the folder to publish into; made when it is missing"

@@ -48,8 +48,10 @@ def _link_finding(link, base_url):
     if not isinstance(link, str) or rules.http_address(link) is None:
         return f"its link {link!r} is no http or https address", PUBLISH_AGAIN
     if base_url and not link.startswith(base_url + "/"):
-        return (f"its link {link} is not below {base_url}",
-                "publish the pack again with this --base-url, or verify with the one that it was published with")
+        return (
+            f"its link {link} is not below {base_url}",
+            "publish the pack again with this --base-url, or verify with the one that it was published with",
+        )
     if path_of(link, base_url) is None:
         return f"its link {link} names no file", PUBLISH_AGAIN
     return None
@@ -83,8 +85,7 @@ def _member_findings(member, base_url):
         yield link
     checksum = member.get("checksum")
     if not isinstance(checksum, str) or not DIGEST_PATTERN.fullmatch(checksum):
-        yield f"its checksum {checksum!r} is no SHA-256 or SHA-512, and without one no appliance installs it", \
-            PUBLISH_AGAIN
+        yield f"its checksum {checksum!r} is no SHA-256 or SHA-512, and without one no appliance installs it", PUBLISH_AGAIN
     if not isinstance(member.get("title", ""), str):
         yield "its title is no text", PUBLISH_AGAIN
     size = member.get("size", 0)

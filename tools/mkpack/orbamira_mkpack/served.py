@@ -61,7 +61,8 @@ def _ask(address, method="GET", most=0, **headers):
 def _question(appliance):
     """The query of an appliance's request."""
     return urllib.parse.urlencode(
-        {"identify": "orbamira", "unique": appliance, "version": "1.0.0", "kos_version": "1.0-1"})
+        {"identify": "orbamira", "unique": appliance, "version": "1.0.0", "kos_version": "1.0-1"}
+    )
 
 
 class Served:
@@ -84,20 +85,26 @@ class Served:
         try:
             return _ask(address, **question)
         except Unreachable as error:
-            self._report.found(about, f"{address} cannot be reached: {error}",
-                               "see that the server runs and is named right")
+            self._report.found(
+                about, f"{address} cannot be reached: {error}", "see that the server runs and is named right"
+            )
             return None
 
     def _read_reply(self):
-        answers = [self._ask("the reply", f"{self._address}?{_question(appliance)}", most=reply.MAX_SIZE + 1)
-                   for appliance in ("mkpack-1", "mkpack-2")]
+        answers = [
+            self._ask("the reply", f"{self._address}?{_question(appliance)}", most=reply.MAX_SIZE + 1)
+            for appliance in ("mkpack-1", "mkpack-2")
+        ]
         first, second = answers
         if not first or not second:
             self._report.findings = self._report.findings[:1]
             return None
         if first.status != 200:
-            self._report.found("the reply", f"{self._address} answers with status {first.status}, so each check fails",
-                               "serve the folder there, whatever query follows the address")
+            self._report.found(
+                "the reply",
+                f"{self._address} answers with status {first.status}, so each check fails",
+                "serve the folder there, whatever query follows the address",
+            )
             return None
         self._verify_reply_headers(first)
         if first.body != second.body:
@@ -105,28 +112,34 @@ class Served:
         try:
             return reply.parse(first.body)
         except reply.ReplyError as error:
-            self._report.found("the reply", f"no appliance takes it, since {error}",
-                               "serve the reply that mkpack wrote")
+            self._report.found(
+                "the reply", f"no appliance takes it, since {error}", "serve the reply that mkpack wrote"
+            )
             return None
 
     def _verify_reply_headers(self, answer):
         age = answer.max_age()
         if age is not None and age > MAX_REPLY_AGE:
-            self._report.found("the reply", f"caches may keep it for {age} seconds, so long nobody sees a release",
-                               "set Cache-Control: public, max-age=300")
+            self._report.found(
+                "the reply",
+                f"caches may keep it for {age} seconds, so long nobody sees a release",
+                "set Cache-Control: public, max-age=300",
+            )
         if "Cache-Control" not in answer.headers:
             self._report.notes.append("the reply has no Cache-Control: caches keep it for as long as they think fit")
         if answer.headers.get_content_type() != "application/json":
-            self._report.notes.append(f"the reply has the type {answer.headers.get_content_type()}, which is "
-                                      "application/json by right")
+            self._report.notes.append(
+                f"the reply has the type {answer.headers.get_content_type()}, which is " "application/json by right"
+            )
         if not answer.has_validator():
             self._report.notes.append("the reply has neither an ETag nor Last-Modified: caches fetch it anew each time")
         self._verify_redirect("the reply", self._address, answer)
 
     def _verify_redirect(self, about, address, answer):
         if address.startswith("https:") and not answer.address.startswith("https:"):
-            self._report.found(about, f"{address} leads to {answer.address}, which is not protected",
-                               "lead to an https address")
+            self._report.found(
+                about, f"{address} leads to {answer.address}, which is not protected", "lead to an https address"
+            )
 
     def _verify_pack(self, name, member):
         link = member["link"]
@@ -145,12 +158,15 @@ class Served:
         self._verify_size(name, link, member, answer)
         self._verify_resuming(name, link, answer)
         if "immutable" not in answer.headers.get("Cache-Control", ""):
-            self._report.notes.append(f"{link} may be kept for ever, and does not say so: Cache-Control: public, "
-                                      "max-age=31536000, immutable")
+            self._report.notes.append(
+                f"{link} may be kept for ever, and does not say so: Cache-Control: public, "
+                "max-age=31536000, immutable"
+            )
         head = self._ask(name, link, method="HEAD")
         if head and head.status != 200:
-            self._report.notes.append(f"{link} answers HEAD with status {head.status}: packctl doctor learns no size "
-                                      "from it")
+            self._report.notes.append(
+                f"{link} answers HEAD with status {head.status}: packctl doctor learns no size " "from it"
+            )
 
     def _verify_size(self, name, link, member, answer):
         field = "Content-Range" if answer.status == 206 else "Content-Length"
@@ -158,18 +174,30 @@ class Served:
         if not found:
             self._report.notes.append(f"{link} does not tell its size")
         elif "size" in member and int(found[1]) != member["size"]:
-            self._report.found(name, f"{link} has {found[1]} bytes, and the reply says {member['size']}",
-                               "copy the package there again, and empty caches of it")
+            self._report.found(
+                name,
+                f"{link} has {found[1]} bytes, and the reply says {member['size']}",
+                "copy the package there again, and empty caches of it",
+            )
 
     def _verify_resuming(self, name, link, answer):
         if answer.status == 200:
-            self._report.found(name, f"{link} is given without ranges, so a cut download begins anew",
-                               "switch ranges on for packages; " + _HOSTING)
+            self._report.found(
+                name,
+                f"{link} is given without ranges, so a cut download begins anew",
+                "switch ranges on for packages; " + _HOSTING,
+            )
         elif not answer.has_validator():
-            self._report.found(name, f"{link} has neither a strong ETag nor Last-Modified, so a cut download "
-                               "begins anew", "let the server give one; " + _HOSTING)
+            self._report.found(
+                name,
+                f"{link} has neither a strong ETag nor Last-Modified, so a cut download " "begins anew",
+                "let the server give one; " + _HOSTING,
+            )
         else:
             other = self._ask(name, link, most=1, Range="bytes=0-0", If_Range=_OTHER_TAG)
             if other and other.status == 206:
-                self._report.found(name, f"{link} is given in part although If-Range names another, so a download may "
-                                   "become a mixture", "let the server heed If-Range; " + _HOSTING)
+                self._report.found(
+                    name,
+                    f"{link} is given in part although If-Range names another, so a download may " "become a mixture",
+                    "let the server heed If-Range; " + _HOSTING,
+                )

@@ -92,8 +92,9 @@ def _check_keyring(path):
 
 def printable(text):
     """The text without anything that a terminal would act on."""
-    return "".join(sign if sign.isprintable() else sign.encode("unicode_escape", "surrogatepass").decode()
-                   for sign in text)
+    return "".join(
+        sign if sign.isprintable() else sign.encode("unicode_escape", "surrogatepass").decode() for sign in text
+    )
 
 
 def print_report(options, report):
@@ -102,8 +103,10 @@ def print_report(options, report):
     for note in report.notes:
         print(printable(f"note: {note}"))
     if not report.findings:
-        packs = ", ".join(f"{name} {pack['version']}" + (" (signed)" if pack.get("signed") else "")
-                          for name, pack in report.packs.items())
+        packs = ", ".join(
+            f"{name} {pack['version']}" + (" (signed)" if pack.get("signed") else "")
+            for name, pack in report.packs.items()
+        )
         print(printable(f"{options.url or options.folder}: nothing wrong with {packs}"))
 
 
@@ -119,13 +122,17 @@ def main(arguments):
         print(f"mkpack verify: {error.filename or options.folder}: {error.strerror}", file=sys.stderr)
         return EXIT_FAILED
     if options.json:
-        print(json.dumps({
-            **({"url": options.url} if options.url else {"folder": options.folder}),
-            "result": "faults" if report.findings else "well",
-            "packs": report.packs,
-            "findings": [vars(finding) for finding in report.findings],
-            "notes": report.notes,
-        }))
+        print(
+            json.dumps(
+                {
+                    **({"url": options.url} if options.url else {"folder": options.folder}),
+                    "result": "faults" if report.findings else "well",
+                    "packs": report.packs,
+                    "findings": [vars(finding) for finding in report.findings],
+                    "notes": report.notes,
+                }
+            )
+        )
     else:
         print_report(options, report)
     return EXIT_FAILED if report.findings else 0
