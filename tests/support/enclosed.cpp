@@ -1,13 +1,15 @@
-// Runs a test so that no process outlives it, however it ends.
+// Runs a test so that no process and no temporary file outlives it, however it ends.
 //
 // usage: enclosed [--patience SECONDS] COMMAND [ARGUMENT...]
 //
 // Whatever the command starts, in any session or process group, stays a descendant of this program, which ends what is
 // left when the command ends, when its own parent ends, and when it is stopped by a signal. It ends as the command
 // does; a command that succeeds and leaves processes behind fails, unless they end by themselves within SECONDS (30).
+// TMPDIR is a folder of the command's own, which is removed with all that it holds.
 
 #include <dirent.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,16 +19,21 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 namespace {
+
+namespace fs = std::filesystem;
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::seconds;
@@ -68,6 +75,41 @@ std::vector<pid_t> Children() {
   }
   return children;
 }
+
+/// The folder for temporary files of the command and everything that it starts.
+class TemporaryFolder {
+ public:
+  TemporaryFolder() {
+    std::string pattern = (fs::temp_directory_path() / "enclosed-XXXXXX").string();
+    // Others may pass: a test may do things as another user.
+    if (mkdtemp(pattern.data()) == nullptr || chmod(pattern.c_str(), 0711) != 0 ||
+        setenv("TMPDIR", pattern.c_str(), 1) != 0) {
+      throw std::runtime_error("cannot make " + pattern);
+    }
+    path_ = pattern;
+  }
+  ~TemporaryFolder() {
+    Open(path_);
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+ private:
+  /// A test may have left folders that their owner may not change.
+  static void Open(const fs::path& folder) {
+    std::error_code ignored;
+    fs::permissions(folder, fs::perms::owner_all, ignored);
+    for (const auto& entry : fs::directory_iterator(folder, ignored)) {
+      if (entry.symlink_status(ignored).type() == fs::file_type::directory) {
+        Open(entry.path());
+      }
+    }
+  }
+
+  fs::path path_;
+};
 
 /// A command and everything that it starts.
 class Enclosure {
@@ -168,6 +210,7 @@ int main(int argc, char** argv) {
     std::cerr << "usage: enclosed [--patience SECONDS] COMMAND [ARGUMENT...]\n";
     return kUsageError;
   }
+  const TemporaryFolder temporary;
   Enclosure enclosure(command);
   int status = enclosure.Wait();
   if (status == 0 && !enclosure.Empties(patience)) {

@@ -81,6 +81,14 @@ class EnclosedTest(unittest.TestCase):
         )
         self.assertEqual((0, "ended\n"), (done.returncode, done.stdout))
 
+    def test_leaves_no_temporary_file(self):
+        text = 'mkdir -p "$TMPDIR/a/b" && touch "$TMPDIR/a/b/file" && chmod 500 "$TMPDIR/a/b" && chmod 0 "$TMPDIR/a"'
+        for end, status in (("true", 0), ("kill -KILL $$", 128 + signal.SIGKILL)):
+            with self.subTest(end):
+                temporary = {**os.environ, "TMPDIR": str(self.folder)}
+                done = subprocess.run(self.command(f"{text} && {end}"), env=temporary, timeout=HANG, check=False)
+                self.assertEqual((status, []), (done.returncode, list(self.folder.iterdir())))
+
     def test_signal_ends_all(self):
         with subprocess.Popen(self.command(f"{DAEMON} wait"), cwd=self.folder) as process:
             self.wait_for((self.folder / "pid").exists)
