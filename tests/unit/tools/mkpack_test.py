@@ -314,7 +314,7 @@ class MkpackModuleTest(MkpackTest):
     def setUp(self):
         super().setUp()
         sys.dont_write_bytecode = True
-        self.mkpack = importlib.import_module("orbamira_mkpack.publish")
+        self.mkpack = importlib.import_module("orbamira_mkpack.packing")
         self.rules = importlib.import_module("orbamira_mkpack.rules")
 
 

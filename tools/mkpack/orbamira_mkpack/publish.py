@@ -3,27 +3,14 @@
 import argparse
 import contextlib
 import fcntl
-import gzip
-import hashlib
-import io
 import json
 import os
-import re
-import shutil
-import stat
-import subprocess
 import sys
-import tarfile
-import tempfile
 import urllib.parse
 
 from orbamira_mkpack import rules
 from orbamira_mkpack.command_line import EXIT_FAILED, ArgumentParser, base_url, end_in_order
-
-RESERVED_NAMES = {rules.INFO_NAME, rules.PAYLOAD_NAME, *map(rules.marker_of, rules.CODECS)}
-RESERVED_PREFIX = "MANIFEST"
-
-GZIP_LEVEL = 9
+from orbamira_mkpack.packing import MkpackError, make_package, put_in_place, work_folder
 
 DESCRIPTION = """\
 Makes a codec pack of a folder and publishes it: writes the package file into the folder that a web server serves, and
@@ -93,27 +80,6 @@ exit status
 """
 
 
-class MkpackError(Exception):
-    """What keeps the pack from being published."""
-
-
-class DigestingWriter:
-    """Passes on what is written to a file and keeps its length and SHA-256."""
-
-    def __init__(self, file):
-        self._file = file
-        self._sha256 = hashlib.sha256()
-        self.size = 0
-
-    def write(self, data):
-        self._sha256.update(data)
-        self.size += len(data)
-        return self._file.write(data)
-
-    def hexdigest(self):
-        return self._sha256.hexdigest()
-
-
 def version(text):
     if not rules.VERSION_PATTERN.fullmatch(text):
         raise argparse.ArgumentTypeError(
@@ -176,200 +142,6 @@ def parse_arguments(arguments):
         parser.error("argument --output: it must not be inside the payload")
     options.reply = options.reply or os.path.join(options.output, "reply.json")
     return options
-
-
-def source_date():
-    text = os.environ.get("SOURCE_DATE_EPOCH", "0")
-    if not re.fullmatch(r"[0-9]{1,10}", text):
-        raise MkpackError(f"SOURCE_DATE_EPOCH is not a number of seconds: {text!r}")
-    return int(text)
-
-
-def payload_members(folder, prefix=""):
-    """The paths of everything below `folder`, relative to it, in a fixed order: a folder before what is in it."""
-    with os.scandir(folder) as entries:
-        for entry in sorted(entries, key=lambda found: os.fsencode(found.name)):
-            path = prefix + entry.name
-            yield path
-            if entry.is_dir(follow_symlinks=False):
-                yield from payload_members(entry.path, path + "/")
-
-
-def check_bounds(payload, codecs):
-    """Refuses a payload that no appliance would unpack."""
-    count, size = len(codecs), 0
-    for path in payload_members(payload):
-        if len(os.fsencode(path)) > rules.MAX_NAME_SIZE:
-            raise MkpackError(f"payload: {path}: the name has more than {rules.MAX_NAME_SIZE} bytes")
-        if path.count("/") >= rules.MAX_DEPTH:
-            raise MkpackError(f"payload: {path}: more than {rules.MAX_DEPTH} names deep")
-        count += 1
-        if count > rules.MAX_MEMBERS:
-            raise MkpackError(f"payload: more than {rules.MAX_MEMBERS} files, folders and links")
-        status = os.lstat(os.path.join(payload, path))
-        size += status.st_size if stat.S_ISREG(status.st_mode) else 0
-        if size > rules.MAX_CONTENT_SIZE:
-            raise MkpackError(f"payload: its files have more than {rules.MAX_CONTENT_SIZE} bytes")
-
-
-def member_info(path, status, mtime):
-    info = tarfile.TarInfo(path)
-    info.mtime = mtime
-    if stat.S_ISDIR(status.st_mode):
-        info.type = tarfile.DIRTYPE
-        info.mode = 0o755
-    elif stat.S_ISLNK(status.st_mode):
-        info.type = tarfile.SYMTYPE
-        info.mode = 0o777
-    elif stat.S_ISREG(status.st_mode):
-        info.size = status.st_size
-        info.mode = 0o755 if status.st_mode & 0o111 else 0o644
-    else:
-        raise MkpackError(f"payload: {path}: neither a regular file nor a folder nor a symbolic link")
-    return info
-
-
-def add_file(archive, info, source):
-    """Adds the regular file `source`. It must stay as it is meanwhile: a mixture of old and new is no use to anyone."""
-    with open(os.open(source, os.O_RDONLY | os.O_NOFOLLOW | os.O_CLOEXEC), "rb") as file:
-        before = os.fstat(file.fileno())
-        info.size = before.st_size
-        try:
-            archive.addfile(info, file)
-        except OSError as error:
-            # tarfile's own words for a file that became shorter carry no error number.
-            if error.errno is not None:
-                raise
-            raise MkpackError(f"payload: {info.name}: it changed while it was read") from error
-        after = os.fstat(file.fileno())
-    if (before.st_size, before.st_mtime_ns) != (after.st_size, after.st_mtime_ns):
-        raise MkpackError(f"payload: {info.name}: it changed while it was read")
-
-
-def write_payload(payload, codecs, mtime, file):
-    """Writes package.tgz: the payload folder's content and the marker of each codec."""
-    with (
-        gzip.GzipFile(filename="", mode="wb", compresslevel=GZIP_LEVEL, fileobj=file, mtime=0) as compressed,
-        tarfile.open(fileobj=compressed, mode="w|", format=tarfile.PAX_FORMAT) as archive,
-    ):
-        for codec in sorted(codecs):
-            info = tarfile.TarInfo(rules.marker_of(codec))
-            info.mtime = mtime
-            archive.addfile(info)
-        empty = True
-        for path in payload_members(payload):
-            if path in RESERVED_NAMES or path.startswith(RESERVED_PREFIX):
-                raise MkpackError(f"payload: {path}: the name is taken at the top of a pack")
-            source = os.path.join(payload, path)
-            info = member_info(path, os.lstat(source), mtime)
-            if info.isreg():
-                empty = False
-                add_file(archive, info, source)
-                continue
-            if info.issym():
-                info.linkname = os.readlink(source)
-                if rules.leads_outside(info.linkname, path.count("/")):
-                    raise MkpackError(f"payload: {path}: the link to {info.linkname} may lead out of the payload")
-            archive.addfile(info)
-        if empty:
-            raise MkpackError("payload: there is no file in it")
-
-
-def manifest(members):
-    """The text that lists `members`, files by name, with the SHA-256 of each."""
-    lines = []
-    for name, content in sorted(members.items()):
-        content.seek(0)
-        lines.append(f"{hashlib.file_digest(content, 'sha256').hexdigest()}  {name}\n")
-    return "".join(lines).encode()
-
-
-def sign(path, key, certificate):
-    """The detached CMS signature of the file `path`, whose folder takes what else openssl needs."""
-    with open(certificate, "rb") as file:
-        certificates = rules.CERTIFICATE_PATTERN.findall(file.read())
-    if not certificates:
-        raise MkpackError(f"{certificate}: there is no certificate in it")
-    command = ["openssl", "cms", "-sign", "-binary", "-in", path, "-signer", certificate, "-inkey", key]
-    command += ["-outform", "DER", "-nosmimecap", "-md", "sha256"]
-    if certificates[1:]:
-        # The signer's own would be there twice, which openssl refuses.
-        others = path + ".others"
-        with open(others, "wb") as file:
-            file.write(b"\n".join(certificates[1:]) + b"\n")
-        command += ["-certfile", others]
-    result = subprocess.run(
-        command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False
-    )
-    if result.returncode != 0:
-        reason = "; ".join(result.stderr.decode("utf-8", "replace").split("\n")).strip("; ")
-        raise MkpackError(f"cannot be signed with {key} and {certificate}: {reason}")
-    return result.stdout
-
-
-def signed(members, key, certificate, work):
-    """`members` with their manifest and its signature before them; `work` is a folder for temporary files."""
-    text = manifest(members)
-    path = os.path.join(work, rules.MANIFEST_NAME)
-    with open(path, "wb") as file:
-        file.write(text)
-    signature = sign(path, key, certificate)
-    return {rules.MANIFEST_NAME: io.BytesIO(text), rules.SIGNATURE_NAME: io.BytesIO(signature), **members}
-
-
-def write_package(members, mtime, file):
-    """Writes the package of `members`, files by name, in their order; returns its size and SHA-256."""
-    writer = DigestingWriter(file)
-    with tarfile.open(fileobj=writer, mode="w|", format=tarfile.PAX_FORMAT) as archive:
-        for member, content in members.items():
-            info = tarfile.TarInfo(member)
-            info.size = content.seek(0, os.SEEK_END)
-            info.mtime = mtime
-            content.seek(0)
-            archive.addfile(info, content)
-    return writer.size, writer.hexdigest()
-
-
-def put_in_place(file, temporary, path):
-    """Makes the written `file` at `temporary` the file `path`: on disk, readable by the web server, in one step."""
-    file.flush()
-    os.fchmod(file.fileno(), 0o644)
-    os.fsync(file.fileno())
-    os.replace(temporary, path)
-    folder = os.open(os.path.dirname(path) or ".", os.O_RDONLY | os.O_DIRECTORY)
-    try:
-        os.fsync(folder)
-    finally:
-        os.close(folder)
-
-
-@contextlib.contextmanager
-def work_folder(folder):
-    """A folder for unfinished files beside the finished ones, removed with what is in it."""
-    os.makedirs(folder, exist_ok=True)
-    path = tempfile.mkdtemp(prefix=".mkpack.", dir=folder)
-    try:
-        yield path
-    finally:
-        shutil.rmtree(path, ignore_errors=True)
-
-
-def make_package(options):
-    """Makes the package file in the output folder; returns its name, its size and its SHA-256."""
-    mtime = source_date()
-    check_bounds(options.payload, options.codec)
-    with work_folder(options.output) as work:
-        temporary = os.path.join(work, "package.opk")
-        with open(os.path.join(work, rules.PAYLOAD_NAME), "w+b") as payload_file, open(temporary, "wb") as file:
-            write_payload(options.payload, options.codec, mtime, payload_file)
-            text = f'package="{options.name}"\nversion="{options.version}"\n'
-            members = {rules.INFO_NAME: io.BytesIO(text.encode()), rules.PAYLOAD_NAME: payload_file}
-            if options.sign_key is not None:
-                members = signed(members, options.sign_key, options.sign_cert, work)
-            size, checksum = write_package(members, mtime, file)
-            name = f"{options.name}-{options.version}-{checksum[:rules.DIGITS_IN_NAME]}.opk"
-            put_in_place(file, temporary, os.path.join(options.output, name))
-    return name, size, checksum
 
 
 def read_reply(path):
