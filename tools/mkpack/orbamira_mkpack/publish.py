@@ -36,7 +36,7 @@ the payload
   are the same: others may compress the same content to other bytes. At the top of the payload the names INFO,
   package.tgz, has_hevc, has_aac and MANIFEST* are taken.
 
-  Appliances unpack at most 1,000,000 members and 16 GiB, names of at most 4096 bytes, and nothing more than 128 names
+  Appliances unpack at most 20,000 members and 16 GiB, names of at most 4096 bytes, and nothing more than 128 names
   deep; a payload beyond that is refused before it is packed.
 
 signing
