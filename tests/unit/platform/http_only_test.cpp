@@ -143,6 +143,31 @@ TEST(SetHttpUrlTest, SetHttpUrlFollowsARedirectFromHttpToHttps) {
   EXPECT_EQ(Send(session, plain.Url()).status_code, 302);
 }
 
+TEST(SetHttpUrlTest, SetHttpUrlRefusesARedirectFromHttpsToHttpAlsoLaterOnTheWay) {
+  HttpServer last([](const HttpRequest&) { return HttpResponse{.body = "body"}; });
+  const RedirectingTlsServer secure(last.Url());
+  HttpServer first([&](const HttpRequest&) {
+    return HttpResponse{.status = 301, .headers = {{"Location", secure.Url("https")}}};
+  });
+  cpr::Session session;
+  const cpr::Response response = Send(session, first.Url());
+  EXPECT_EQ(response.status_code, 302);
+  EXPECT_EQ(response.error.code, cpr::ErrorCode::UNSUPPORTED_PROTOCOL) << response.error.message;
+  EXPECT_THAT(last.Requests(), IsEmpty());
+}
+
+TEST(SetHttpUrlTest, SetHttpUrlAllowsTheSameWayAgain) {
+  const RedirectingTlsServer secure("ftp://127.0.0.1/");
+  HttpServer plain([&](const HttpRequest& request) {
+    return HttpResponse{.status = 301,
+                        .headers = {{"Location", request.target == "/" ? "/next" : secure.Url("https")}}};
+  });
+  cpr::Session session;
+  EXPECT_EQ(Send(session, plain.Url()).status_code, 302);
+  EXPECT_EQ(session.Get().status_code, 302);
+  EXPECT_THAT(plain.Requests(), SizeIs(4));
+}
+
 TEST(SetHttpUrlTest, SetHttpUrlHoldsOnlyTheUrlToWhatItsSchemeAllows) {
   HttpServer plain([](const HttpRequest& request) {
     return request.target == "/end" ? HttpResponse{} : HttpResponse{.status = 301, .headers = {{"Location", "/end"}}};
