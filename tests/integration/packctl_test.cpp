@@ -17,6 +17,7 @@
 #include <functional>
 
 #include "platform/constants.h"
+#include "platform/file_lock.h"
 #include "tests/support/appliance.h"
 #include "tests/support/process.h"
 #include "tests/support/test_root.h"
@@ -91,6 +92,20 @@ class PackctlTest : public testing::Test {
 
   Appliance appliance_;
 };
+
+// What opens the store may set a file aside, and must not take one away that another process is saving.
+TEST_F(PackctlTest, LeavesTheStoreAloneWhileAnotherProcessHasItsLock) {
+  appliance_.Publish("1.0", "codec");
+  WriteFile(path::kPackStatusFile, "{");
+  auto lock = std::make_unique<store::FileLock>(path::kPackStatusLock);
+  RunningProgram check(Appliance::PackctlCommand({"check"}));
+  const std::string waiting = "-> FLOCK  ADVISORY  WRITE " + std::to_string(check.pid()) + " ";
+  Await([&] { return test::ReadFile("/proc/locks").find(waiting) != std::string::npos; });
+  EXPECT_EQ(test::ReadFile(path::kPackStatusFile), "{");
+  lock.reset();
+  EXPECT_EQ(check.Wait().status, 0);
+  EXPECT_EQ(test::ReadFile(std::string(path::kPackStatusFile) + ".broken"), "{");
+}
 
 TEST_F(PackctlTest, HelpTeachesEveryCommand) {
   const ProgramResult help = Run({"--help"});

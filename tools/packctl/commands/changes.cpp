@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "platform/constants.h"
+#include "platform/file_lock.h"
 #include "platform/key_value_store.h"
 #include "platform/posix/files.h"
 #include "tools/packctl/cli/command.h"
@@ -29,9 +30,15 @@ struct Updater {
   std::unique_ptr<updater::PackManager> manager;
 };
 
+/// Under the lock: what opens the store may set a broken file aside, and must not take one away that is being saved.
+std::shared_ptr<store::IKeyValueStore> OpenStore() {
+  const store::FileLock lock(path::kPackStatusLock);
+  return store::FileKeyValueStore::Create(path::kPackStatusFile);
+}
+
 Updater MakeUpdater() {
   std::shared_ptr<updater::IKOSHelper> facts = updater::KOSHelper::Create();
-  std::shared_ptr<store::IKeyValueStore> store = store::FileKeyValueStore::Create(path::kPackStatusFile);
+  std::shared_ptr<store::IKeyValueStore> store = OpenStore();
   if (store == nullptr) {
     throw std::runtime_error(std::string("cannot use the status store ") + path::kPackStatusFile);
   }
