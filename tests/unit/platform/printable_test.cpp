@@ -59,11 +59,18 @@ TEST(ShownLinkTest, ShownLinkLeavesOutUserAndPassword) {
   EXPECT_EQ(ShownLink("http:/u:PW@host/"), "http:/host/");
   EXPECT_EQ(ShownLink("http:///u:PW@host/"), "http:///host/");
   EXPECT_EQ(ShownLink("u:PW@host/pack"), "host/pack");
+  EXPECT_EQ(ShownLink("//u:PW@host/pack"), "//host/pack");
+}
+
+TEST(ShownLinkTest, ShownLinkLeavesOutAPasswordWithALetterThatEndsTheHost) {
+  for (const char* letter : {"/", "?", "#", "@/", "/@"}) {
+    EXPECT_EQ(ShownLink(std::string("http://u:P") + letter + "PW@host/pack"), "http://host/pack");
+  }
 }
 
 TEST(ShownLinkTest, ShownLinkLeavesAnyOtherTextAsItIs) {
   for (const char* link : {"", "http://", "http://host/", "http://host:80/a@b", "https://host?a@b", "https://host#a@b",
-                           "file:///etc/passwd", "nonsense with blanks", "%s%n%d"}) {
+                           "http://[::1]:80/a", "file:///etc/passwd", "nonsense with blanks", "%s%n%d"}) {
     EXPECT_EQ(ShownLink(link), link);
   }
 }
