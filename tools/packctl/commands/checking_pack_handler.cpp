@@ -34,17 +34,17 @@ bool CheckingPackHandler::CheckNewVersion(const Json::Value& info) const {
   return newer;
 }
 
+// A check and an update ask for the version or for the link first: either way all of the offer is judged.
 std::string CheckingPackHandler::GetDownloadVersion(const Json::Value& info) const {
+  Check(PackHandler::GetDownloadLink(info), kLongestLink, "link");
   std::string version = PackHandler::GetDownloadVersion(info);
   Check(version, kLongestVersion, "version");
   return version;
 }
 
-// The first that an update asks for: the rest of the offer is judged before anything is downloaded, too.
 std::string CheckingPackHandler::GetDownloadLink(const Json::Value& info) const {
-  std::string link = PackHandler::GetDownloadLink(info);
-  Check(link, kLongestLink, "link");
   static_cast<void>(GetDownloadVersion(info));
+  std::string link = PackHandler::GetDownloadLink(info);
   sizes_.erase(link);
   if (info[kSize].isInt64() && info[kSize].asInt64() > 0) {
     sizes_[link] = info[kSize].asInt64();
