@@ -354,7 +354,23 @@ std::vector<Fault> Faults() {
        "permissions", std::string(kDownloadFolder) + " is no folder"},
       {"ALockFolderThatEveryoneMayWrite",
        [](Appliance&) { fs::permissions(fs::path(path::kPackctlLock).parent_path(), fs::perms(0777)); }, "permissions",
-       "so anyone can hold up every update"},
+       fs::path(path::kPackctlLock).parent_path().string() + ": everyone may write it"},
+      {"AFolderOfPluginAnswersThatEveryoneMayWrite", OpenToAll(fs::path(path::kTempPluginAppIdPath).parent_path()),
+       "permissions", fs::path(path::kTempPluginAppIdPath).parent_path().string() + ": everyone may write it"},
+      {"APackThatEveryoneMayWrite", OpenToAll(path::kPackFolderPath), "permissions",
+       std::string(path::kPackFolderPath) + ": everyone may write it"},
+      {"APageThatEveryoneMayWrite", OpenToAll(fs::path(path::kDefaultPkgSetting).parent_path() / "web"), "permissions",
+       (fs::path(path::kDefaultPkgSetting).parent_path() / "web").string() + ": everyone may write it"},
+      {"AnAccountProgramThatEveryoneMayWrite",
+       [](Appliance&) {
+         const fs::path program = fs::path(path::kCpPath).replace_filename("orba-account");
+         fs::remove(program);
+         WriteFile(program, "");
+         fs::permissions(program, fs::perms(0777));
+       },
+       "permissions", "/orba-account: everyone may write it"},
+      {"AHistoryThatEveryoneMayWrite", [](Appliance&) { fs::permissions(path::kHistoryFile, fs::perms(0666)); },
+       "permissions", std::string(path::kHistoryFile) + ": everyone may write it"},
 
       {"AKeyringThatIsEmpty", [](Appliance&) { WriteKeyring(""); }, "keyring", keyring + " holds no certificate"},
       {"AKeyringThatLeadsNowhere", [](Appliance&) { fs::create_symlink("nowhere", path::kKeyring); }, "keyring",

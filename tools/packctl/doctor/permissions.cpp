@@ -40,14 +40,40 @@ void AddDistrusted(fs::path path, std::map<fs::path, std::string>& distrusted) {
   distrusted[path] = why;
 }
 
-// What is asked for, from where, whom to believe, what is run and what is installed: all of it is root's to say. The
+// What is asked for, from where, whom to believe, what is run, shown and installed: all of it is root's to say. The
 // plugins have a check of their own.
+std::vector<fs::path> WhatIsBelieved() {
+  const fs::path programs = fs::path(path::kOrbaArchivePath).parent_path();
+  const fs::path page = fs::path(path::kDefaultPkgSetting).parent_path() / "web";
+  return {path::kPkgSetting,
+          path::kDefaultPkgSetting,
+          common::kDefaultOrbaInfoPath,
+          common::kDefaultVersionPath,
+          kPackageInfoPath,
+          path::kKeyring,
+          path::kAccountFile,
+          path::kPackStatusFile,
+          path::kHistoryFile,
+          kTargetFolder,
+          path::kPackInfoPath,
+          kDownloadFolder,
+          path::kOrbaArchivePath,
+          path::kTarPath,
+          path::kCpPath,
+          path::kRmPath,
+          path::kNotifyPluginPyPath,
+          path::kGetAppIdPyPath,
+          programs / "orba-account",
+          page / "page.html",
+          page / "page.css",
+          page / "page.js",
+          fs::path(path::kTempPluginAppIdPath).parent_path(),
+          fs::path(path::kPackctlLock).parent_path()};
+}
+
 void CheckTrust(Findings& findings) {
   std::map<fs::path, std::string> distrusted;
-  for (const fs::path path :
-       {path::kPkgSetting, path::kDefaultPkgSetting, path::kKeyring, path::kAccountFile, path::kPackStatusFile,
-        kTargetFolder, kDownloadFolder, path::kOrbaArchivePath, path::kTarPath, path::kCpPath, path::kRmPath,
-        path::kNotifyPluginPyPath, path::kGetAppIdPyPath}) {
+  for (const fs::path& path : WhatIsBelieved()) {
     AddDistrusted(path.parent_path(), distrusted);
     AddDistrusted(path, distrusted);
   }
@@ -95,15 +121,6 @@ void CheckWritable(fs::path folder, Findings& findings) {
   }
 }
 
-void CheckLockFolder(Findings& findings) {
-  const std::string folder = fs::path(path::kPackctlLock).parent_path();
-  struct stat about {};
-  if (stat(folder.c_str(), &about) == 0 && (about.st_mode & S_IWOTH) != 0) {
-    findings.push_back({kCheck, folder + " may be written by everyone, so anyone can hold up every update",
-                        "take that away: chmod o-w " + folder});
-  }
-}
-
 }  // namespace
 
 Findings CheckPermissions() {
@@ -121,7 +138,6 @@ Findings CheckPermissions() {
                                  lock.parent_path(), answer.parent_path()}) {
     CheckWritable(folder, findings);
   }
-  CheckLockFolder(findings);
   return findings;
 }
 
