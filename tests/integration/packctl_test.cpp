@@ -511,6 +511,26 @@ TEST_F(PackctlTest, AFailedInstallBringsThePreviousPackBack) {
   EXPECT_EQ(RunJson({"info"}, 0)["version"], "1.0");
 }
 
+// What may begin after a failure depends on the command that failed.
+TEST_F(PackctlTest, ACommandThatMaySucceedNextTimeIsNamedAsTheRemedy) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"check"}).status, 0);
+  for (const std::string command : {"update", "download"}) {
+    if (command == "download") {
+      ASSERT_EQ(Run({"check"}).status, 0);
+    }
+    appliance_.SetFault([](const HttpRequest& request, HttpResponse& response) {
+      if (request.target.ends_with(".opk")) {
+        response.body.back() = 'x';
+      }
+    });
+    EXPECT_THAT(Run({command}).errors, EndsWith(" Run: sudo packctl " + command + "\n"));
+    appliance_.SetFault(nullptr);
+    EXPECT_EQ(Run({command}).status, 0);
+    Run({"remove"});
+  }
+}
+
 TEST_F(PackctlTest, AnUpdateThatPutNoPackInPlaceIsAFailure) {
   appliance_.Publish("1.0", "one");
   const fs::path copier = fs::read_symlink(path::kCpPath);

@@ -53,7 +53,7 @@ void Keep(const HistoryEntry& entry, std::vector<std::string>& problems) {
 /// "Update failed: CAUSE. Version 1.0 stays installed. REMEDY"
 std::string FailureSentence(const Command& command, const Console::Held& held,
                             const std::vector<std::string>& problems) {
-  const FailureWords words = ExplainFailure(held.other, held.log, problems);
+  const FailureWords words = ExplainFailure(command.name, held.other, held.log, problems);
   const std::optional<PackIdentity> pack = InstalledPack();
   std::string sentence = std::string(command.name) + " failed: " + words.cause + ". " +
                          (pack ? "Version " + pack->version + " stays installed. " : "No codec pack is installed. ") +

@@ -13,13 +13,14 @@ struct KnownCause {
   std::string_view cause;  ///< followed by what stands behind the sign, in parentheses, where `keeps_rest`
   std::string_view remedy;
   bool keeps_rest = false;
+  bool repeats = false;  ///< the remedy ends with the command that failed
 };
 
 constexpr std::string_view kDoctor = "Run: sudo packctl doctor";
 
 // The first that is found counts: a full disk, say, is the reason for much else.
 constexpr std::array kKnownCauses = {
-    KnownCause{"No space left on device", "the disk is full", "Make room, then run: sudo packctl update"},
+    KnownCause{"No space left on device", "the disk is full", "Make room, then run: sudo packctl ", false, true},
     KnownCause{": not signed", "the package is not signed", "Get a signed package from its publisher."},
     KnownCause{"Failed to send request with error: ", "cannot reach the update server",
                "Check the network, then run: sudo packctl doctor", true},
@@ -30,7 +31,7 @@ constexpr std::array kKnownCauses = {
 // What is known of the checksum comes after what the programs say: a package that they refuse counts as one that does
 // not match it.
 constexpr KnownCause kWrongChecksum{"Failed to verify checksum", "the package is not the one that the server announced",
-                                    "Run: sudo packctl update"};
+                                    "Run: sudo packctl ", false, true};
 
 std::string CauseOf(const KnownCause& known, const std::string& line) {
   std::string cause(known.cause);
@@ -38,6 +39,10 @@ std::string CauseOf(const KnownCause& known, const std::string& line) {
     cause += " (" + line.substr(line.find(known.sign) + known.sign.size()) + ")";
   }
   return cause;
+}
+
+std::string RemedyOf(const KnownCause& known, const std::string& command) {
+  return std::string(known.remedy) + (known.repeats ? command : "");
 }
 
 // The command that failed is named already.
@@ -57,12 +62,12 @@ const std::string* FindLine(const std::vector<std::string>& lines, std::string_v
   return found == lines.end() ? nullptr : &*found;
 }
 
-FailureWords Explain(const std::vector<std::string>& programs, const std::vector<std::string>& log,
-                     const std::vector<std::string>& problems) {
+FailureWords Explain(const std::string& command, const std::vector<std::string>& programs,
+                     const std::vector<std::string>& log, const std::vector<std::string>& problems) {
   for (const KnownCause& known : kKnownCauses) {
     for (const auto* lines : {&programs, &log, &problems}) {
       if (const std::string* line = FindLine(*lines, known.sign)) {
-        return {CauseOf(known, *line), std::string(known.remedy)};
+        return {CauseOf(known, *line), RemedyOf(known, command)};
       }
     }
   }
@@ -70,7 +75,7 @@ FailureWords Explain(const std::vector<std::string>& programs, const std::vector
     return {*line, std::string(kDoctor)};
   }
   if (const std::string* line = FindLine(log, kWrongChecksum.sign)) {
-    return {CauseOf(kWrongChecksum, *line), std::string(kWrongChecksum.remedy)};
+    return {CauseOf(kWrongChecksum, *line), RemedyOf(kWrongChecksum, command)};
   }
   const std::vector<std::string>& lines = log.empty() ? problems : log;
   return {lines.empty() ? "the reason is not known" : WithoutOperation(lines.front()), std::string(kDoctor)};
@@ -78,9 +83,9 @@ FailureWords Explain(const std::vector<std::string>& programs, const std::vector
 
 }  // namespace
 
-FailureWords ExplainFailure(const std::vector<std::string>& programs, const std::vector<std::string>& log,
-                            const std::vector<std::string>& problems) {
-  FailureWords words = Explain(programs, log, problems);
+FailureWords ExplainFailure(const std::string& command, const std::vector<std::string>& programs,
+                            const std::vector<std::string>& log, const std::vector<std::string>& problems) {
+  FailureWords words = Explain(command, programs, log, problems);
   if (FindLine(problems, "packctl recover") != nullptr) {
     words.remedy = "Run: sudo packctl recover";
   }
