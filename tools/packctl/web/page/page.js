@@ -50,7 +50,9 @@ function packWords(pack) {
   if (pack === null) {
     return "no pack";
   }
-  return !pack.version ? `${pack.package ?? "a pack"} of unknown version` : `${pack.package ?? "version"} ${pack.version}`;
+  return !pack.version
+    ? `${pack.package ?? "a pack"} of unknown version`
+    : `${pack.package ?? "version"} ${pack.version}`;
 }
 
 const listWords = (codecs) => (codecs === null ? "not known" : codecs.join(", ") || "none");
@@ -59,8 +61,9 @@ const resultWords = (result) => kResultWords[result] ?? result.replaceAll("_", "
 
 function timeElement(seconds) {
   const date = new Date(seconds * 1000);
-  return element("time", date.toLocaleString(undefined, { dateStyle: "medium", timeStyle: "short" }),
-    { datetime: date.toISOString() });
+  return element("time", date.toLocaleString(undefined, { dateStyle: "medium", timeStyle: "short" }), {
+    datetime: date.toISOString(),
+  });
 }
 
 function durationWords(milliseconds) {
@@ -75,7 +78,8 @@ function showHeadline() {
   const record = `${capitalized(state.meaning)}${step ? `: ${step.words}` : version}.`;
   // While nothing is to be done, what is installed counts; the record only tells how the last work on it went.
   const isSettled = state.status === "up_to_date" || state.status === "lost";
-  const installed = state.installed === null ? "No codec pack is installed." : `Installed: ${packWords(state.installed)}. ${record}`;
+  const installed =
+    state.installed === null ? "No codec pack is installed." : `Installed: ${packWords(state.installed)}. ${record}`;
   setText(byId("headline"), isSettled ? installed : record);
 }
 
@@ -107,14 +111,16 @@ function showSteps() {
     return;
   }
   list.dataset.shown = `${current} of ${steps.length}`;
-  list.replaceChildren(...steps.map((known, index) => {
-    const isPast = index < current;
-    const item = element("li", capitalized(known.words) + (isPast ? " – done" : ""), { class: isPast ? "past" : "" });
-    if (index === current) {
-      item.setAttribute("aria-current", "step");
-    }
-    return item;
-  }));
+  list.replaceChildren(
+    ...steps.map((known, index) => {
+      const isPast = index < current;
+      const item = element("li", capitalized(known.words) + (isPast ? " – done" : ""), { class: isPast ? "past" : "" });
+      if (index === current) {
+        item.setAttribute("aria-current", "step");
+      }
+      return item;
+    }),
+  );
 }
 
 function showWork() {
@@ -138,16 +144,21 @@ function showPack() {
 }
 
 function showAction(name, whyNot, explanation) {
-  const reason = (isLost && "the connection is lost") || whyNot || (byId("token").value === "" && "this takes the token");
+  const reason =
+    (isLost && "the connection is lost") || whyNot || (byId("token").value === "" && "this takes the token");
   byId(name).setAttribute("aria-disabled", String(Boolean(reason)));
   setText(byId(`${name}-why`), reason ? `Not now: ${reason}.` : explanation);
 }
 
 function showActions() {
   showAction("check", state.why_no_check, "Asks the maker's server whether there is a newer pack.");
-  showAction("update", state.why_no_update,
-    state.offer === null ? "Fetches the pack of the maker's server and puts it in place."
-      : `Fetches version ${state.offer.version} and puts it in place.`);
+  showAction(
+    "update",
+    state.why_no_update,
+    state.offer === null
+      ? "Fetches the pack of the maker's server and puts it in place."
+      : `Fetches version ${state.offer.version} and puts it in place.`,
+  );
 }
 
 function say(text, problems = []) {
@@ -254,7 +265,9 @@ async function fetchState() {
 
 async function untilVisible() {
   while (document.hidden) {
-    await new Promise((resolve) => { document.addEventListener("visibilitychange", resolve, { once: true }); });
+    await new Promise((resolve) => {
+      document.addEventListener("visibilitychange", resolve, { once: true });
+    });
   }
 }
 
@@ -270,7 +283,12 @@ async function follow() {
       await pause(kBetweenLooks);
     } catch (error) {
       showConnection(error.cause === undefined ? "The connection to the appliance is lost." : error.message);
-      await Promise.race([pause(wait), new Promise((resolve) => { wakeUp = resolve; })]);
+      await Promise.race([
+        pause(wait),
+        new Promise((resolve) => {
+          wakeUp = resolve;
+        }),
+      ]);
       wait = Math.min(2 * wait, kLongestWait);
     }
   }
