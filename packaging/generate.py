@@ -103,7 +103,7 @@ def verbatim(rows):
 
 
 def block(rows):
-    """A block of help text: two columns become entries, prose is filled, and what a reader would type stays as it is."""
+    """A block of help text: two columns become entries, prose is filled, and what a reader would type stays."""
     depth = min(len(row) - len(row.lstrip()) for row in rows)
     rows = [row[depth:] for row in rows]
     if all(re.match(r"(\S+  |   ) *\S", row) for row in rows):

@@ -8,7 +8,7 @@ import sys
 
 SOURCE = pathlib.Path(__file__).resolve().parent.parent.parent
 sys.path.insert(0, str(SOURCE / "tests/faults"))
-from appliance import PACK_NAME, Appliance, tree  # noqa: E402,F401  pylint: disable=wrong-import-position,unused-import
+from appliance import PACK_NAME, Appliance, tree  # noqa: E402,F401
 
 BUILD = SOURCE / "build/release"
 FOLDER = SOURCE / "build/bench"

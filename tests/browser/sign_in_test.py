@@ -22,7 +22,7 @@ from selenium.webdriver.support.wait import WebDriverWait
 from browser import PATIENCE, open_browser, save_screenshot
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "faults"))
-from appliance import Appliance  # noqa: E402  pylint: disable=wrong-import-position
+from appliance import Appliance  # noqa: E402
 
 
 @contextlib.contextmanager
@@ -30,7 +30,7 @@ def serve(pages):
     """Serves pages, by their paths, on a port of loopback; gives the address."""
 
     class Handler(http.server.BaseHTTPRequestHandler):
-        def do_GET(self):  # pylint: disable=invalid-name
+        def do_GET(self):
             page = pages.get(self.path, "").encode()
             self.send_response(200 if page else 404)
             self.send_header("Content-Type", "text/html; charset=utf-8")

@@ -1,4 +1,4 @@
-"""The page of "packctl web" in a real browser: what it shows, by which means it can be used, and what other sites cannot.
+"""The page of "packctl web" in a real browser: what it shows, how it can be used, and what other sites cannot do.
 
 usage: web_test.py --build BUILD --source SOURCE
 """
@@ -36,7 +36,8 @@ WIDE, NARROW = 1000, 320
 CONTRAST = """
 function channels(color) { return color.match(/[\\d.]+/g).map(Number); }
 function luminance(color) {
-  const [r, g, b] = channels(color).map((c) => c / 255).map((c) => c <= 0.04045 ? c / 12.92 : ((c + 0.055) / 1.055) ** 2.4);
+  const linear = (c) => c <= 0.04045 ? c / 12.92 : ((c + 0.055) / 1.055) ** 2.4;
+  const [r, g, b] = channels(color).map((c) => linear(c / 255));
   return 0.2126 * r + 0.7152 * g + 0.0722 * b;
 }
 function background(element) {
@@ -390,7 +391,7 @@ class WebTest(unittest.TestCase):
         """A site that is not ours; gives its address."""
 
         class Handler(http.server.BaseHTTPRequestHandler):
-            def do_GET(self):  # pylint: disable=invalid-name
+            def do_GET(self):
                 self.send_response(200)
                 self.send_header("Content-Type", "text/html")
                 self.end_headers()
@@ -563,7 +564,7 @@ class WebTest(unittest.TestCase):
             self.check_looks(browser, "lost")
 
     def write_long_history(self):
-        """A year of daily updates that failed, with texts as long as the history keeps them, in words that never end."""
+        """A year of daily updates that failed, with texts as long as the history keeps them, in endless words."""
         sentence = "The server was asked for http://192.0.2.1/" + "x" * 200 + " and answered with: "
         pack = {"package": "orbamira-hevc-aac", "version": "1.0.0-" + "9" * 80}
         entry = {

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Runs every command that the documentation shows, and follows every link in it.
 
-The fenced blocks marked `sh` of one page are run in turn by one shell, on an appliance and a publisher of the page's own.
-What a page calls by its place on a real machine is put where the test may write: see Page.here().
+One shell runs the fenced blocks marked `sh` of one page in turn, with an appliance and a publisher for each page.
+Places of a real machine are replaced by places where the test may write: see Page.here().
 """
 
 import argparse
@@ -24,8 +24,8 @@ BLOCK = re.compile(r"^ *```sh\n(.*?)^ *```$", re.MULTILINE | re.DOTALL)
 LINK = re.compile(r"\]\(([^)\s]+)\)")
 HEADING = re.compile(r"^#+ (.+)$", re.MULTILINE)
 
-# These are run as they are by .ci/run, which a test cannot start since it is part of it, and by the tests of packages and
-# of the binary interface.
+# .ci/run, which a test cannot start since it is part of it, and the tests of packages and of the binary interface run
+# these.
 RUN_ELSEWHERE = (
     *("scripts/setup", "scripts/demo", "scripts/test", "scripts/lint", ".ci/run"),
     *("cmake --preset", "cmake --build --preset", "cpack --config", "tests/abi/abi.sh"),
@@ -35,7 +35,9 @@ RUN_ELSEWHERE = (
 STUB = """#!/bin/sh
 for word in "$@"; do
   case "$word" in
-    *.service | *.timer) [ -e "{source}/packaging/systemd/$word" ] || [ -e "{source}/packaging/systemd/$word.in" ] || exit 1 ;;
+    *.service | *.timer)
+      [ -e "{source}/packaging/systemd/$word" ] || [ -e "{source}/packaging/systemd/$word.in" ] || exit 1
+      ;;
   esac
 done
 """

@@ -128,7 +128,7 @@ class Appliance:
 
     @classmethod
     def lay_out(cls, root, build, source, packctl=True):
-        """A fresh appliance with the programs of the build folder: with packctl, or with a host of the library alone."""
+        """A fresh appliance with the programs of the build folder: with packctl, or with a host of the library."""
         appliance = cls(root)
         build, source = pathlib.Path(build).resolve(), pathlib.Path(source).resolve()
         libexec = appliance.root / "usr/libexec/orbamira"

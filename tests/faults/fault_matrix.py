@@ -4,7 +4,9 @@
 Seven runs of packctl are struck: a first update; an upgrade, at once and as a download and an install; the removal of a
 pack; the check that finds a broken status store; and the recovery of an upgrade that was killed before its new pack was
 in place. And three of a host of the library on an appliance without packctl: a first update; an upgrade; and its next
-start after an upgrade that was killed there. Each is run once to number its calls. Then, for a call and a fault, the same is run again from the same state with that
+start after an upgrade that was killed there.
+
+Each is run once to number its calls. Then, for a call and a fault, the same is run again from the same state with that
 fault: the whole family of processes is killed there, or killed with the loss of all data that was not synced (a power
 cut), or the call fails with EIO or ENOSPC. After it the pack must be whole or absent with the means to go on, and the
 status store readable. Recovery, and then what the timers do in two days against the healthy server, must end up to date

@@ -186,7 +186,7 @@ class FullDisk:
         return found
 
     def doctor_problems(self):
-        """A full disk under the record, the packs and the temporary files: the doctor goes on, and says what is full."""
+        """A full disk under the record, the packs and the temporary files: the doctor goes on and says so."""
         appliance = self.appliance
         temporary = appliance.root / "tmp"
         temporary.mkdir()

@@ -2,8 +2,8 @@
 """Checks that every program and library that is shipped has the compiler's and the linker's protections.
 
 What is shipped is a folder of packages or an installation below a root; the programs of the build, which still have the
-names of their functions, answer for those that are linked statically. The test first shows that it sees a program without
-protections.
+names of their functions, answer for those that are linked statically. The test first shows that it finds a program
+without protections.
 """
 
 import argparse

@@ -16,14 +16,14 @@ import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "faults"))
-from appliance import Appliance, Publisher  # pylint: disable=wrong-import-position
+from appliance import Appliance, Publisher  # noqa: E402
 
 KIB = 1024
 MIB = 1024 * KIB
 PAYLOAD = (8 * MIB, 8 * MIB)
 
-# Of an upgrade without plugins: every program has a supervisor, a copy of packctl. orba-archive judges the package after
-# the download, and unpacks it.
+# Of an upgrade without plugins: every program has a supervisor, a copy of packctl. orba-archive judges the package
+# after the download, and unpacks it.
 PROCESSES = {
     "packctl": 1,
     "supervisor": 11,

@@ -11,7 +11,7 @@ import tempfile
 import threading
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "faults"))
-from appliance import Appliance, Publisher  # pylint: disable=wrong-import-position
+from appliance import Appliance, Publisher  # noqa: E402
 
 LIMIT_KIB = 24 * 1024
 GROWTH_KIB = 2 * 1024
@@ -35,7 +35,7 @@ def hostile_server(pieces):
     """Serves a reply of these pieces for as long as somebody takes them; gives its address."""
 
     class Handler(http.server.BaseHTTPRequestHandler):
-        def do_GET(self):  # pylint: disable=invalid-name
+        def do_GET(self):
             self.send_response(200)
             self.end_headers()
             with contextlib.suppress(OSError):

@@ -86,7 +86,7 @@ class ReplySchemaTest(unittest.TestCase):
         cls.good = json.loads((cls.folder / "served" / address.rpartition("/")[2]).read_text())
         sys.path.insert(0, str(source / "tools/mkpack"))
         sys.dont_write_bytecode = True
-        from orbamira_mkpack import reply  # pylint: disable=import-outside-toplevel,import-error
+        from orbamira_mkpack import reply
 
         cls.reply = reply
 

@@ -110,7 +110,7 @@ class VerifyServedTest(PublishedTest):
 
     def test_redirect_to_what_is_not_protected(self):
         class Redirecting(http.server.BaseHTTPRequestHandler):
-            def do_GET(handler):  # pylint: disable=no-self-argument
+            def do_GET(handler):
                 handler.send_response(302)
                 handler.send_header("Location", self.base + handler.path)
                 handler.end_headers()

@@ -1,6 +1,5 @@
 import errno
 import fcntl
-import gzip
 import hashlib
 import importlib
 import io

@@ -26,7 +26,7 @@ from verify_test_case import AAC, BASE, HANG, HEVC, MKPACK, PublishedTest, Verif
 
 sys.path.insert(0, str(MKPACK.parent))
 sys.dont_write_bytecode = True
-from orbamira_mkpack import archive, package, rules  # noqa: E402  pylint: disable=wrong-import-position
+from orbamira_mkpack import archive, package, rules  # noqa: E402
 
 ANY = ".+"
 

@@ -6,7 +6,6 @@ import select
 import shutil
 import signal
 import subprocess
-import time
 import unittest
 
 from plugin_test_case import HANG, PROGRAMS, PluginTestCase

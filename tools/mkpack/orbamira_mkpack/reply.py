@@ -85,7 +85,8 @@ def _member_findings(member, base_url):
         yield link
     checksum = member.get("checksum")
     if not isinstance(checksum, str) or not DIGEST_PATTERN.fullmatch(checksum):
-        yield f"its checksum {checksum!r} is no SHA-256 or SHA-512, and without one no appliance installs it", PUBLISH_AGAIN
+        problem = f"its checksum {checksum!r} is no SHA-256 or SHA-512, and without one no appliance installs it"
+        yield problem, PUBLISH_AGAIN
     if not isinstance(member.get("title", ""), str):
         yield "its title is no text", PUBLISH_AGAIN
     size = member.get("size", 0)
