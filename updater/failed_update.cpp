@@ -8,6 +8,7 @@
 #include "updater/pack_manager.h"
 #include "updater/pack_status_helper.h"
 #include "updater/recovery.h"
+#include "updater/update_request.h"
 
 namespace orbamira::updater {
 namespace {
@@ -26,8 +27,7 @@ bool HasFailed(IPackStatusHelper& helper) {
 bool RepeatFailedUpdate(const UpdateLock& /*lock*/, const PackManager& manager, IPackStatusHelper& status) {
   const std::string installed = KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath);
   Json::Value offer;
-  if (installed.empty() || !HasFailed(status) ||
-      !manager.FetchDownloadInfo(manager.IsAacNeeded() || manager.HasAacCurrently(), offer)) {
+  if (installed.empty() || !HasFailed(status) || !manager.FetchDownloadInfo(ChoosePack(manager).with_aac, offer)) {
     return false;
   }
   if (IsNewVersion(offer.get(param::kVersion, "").asString(), installed)) {

@@ -5,6 +5,7 @@
 
 #include <exception>
 #include <fstream>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -14,6 +15,7 @@
 #include "platform/http/shown_link.h"
 #include "platform/log.h"
 #include "updater/json_text.h"
+#include "updater/update_request.h"
 
 namespace orbamira::updater {
 namespace {
@@ -21,10 +23,14 @@ namespace {
 constexpr int kHttpOk = 200;
 
 // The response to one GET. The transfer of a body over the limit is ended, and the response then has none.
-cpr::Response SendRequest(const std::string& url, const cpr::Parameters& parameters) {
+cpr::Response SendRequest(const UpdateRequest& request) {
+  cpr::Parameters parameters;
+  for (const QueryParameter& parameter : QueryOf(request)) {
+    parameters.Add({parameter.key, parameter.value});
+  }
   std::string body;
   cpr::Session session;
-  wrapper::SetHttpUrl(session, url);
+  wrapper::SetHttpUrl(session, request.address);
   session.SetParameters(parameters);
   session.SetWriteCallback(cpr::WriteCallback([&body](std::string_view bytes, intptr_t /*unused*/) {
     if (body.size() + bytes.size() > kJsonTextLimit) {
@@ -80,7 +86,7 @@ PackManager::PackManager(std::shared_ptr<wrapper::IOrbaCoreWrapper> core, std::s
 
 bool PackManager::CheckNewPack() const {
   try {
-    const bool with_aac = IsAacNeeded() || HasAacCurrently();
+    const bool with_aac = ChoosePack(*this).with_aac;
     Json::Value pack_info;
     if (!FetchDownloadInfo(with_aac, pack_info)) {
       ORBAMIRA_LOG_INFO("FetchDownloadInfo failed");
@@ -112,7 +118,7 @@ bool PackManager::DownloadAndInstall() const {
     std::function<void(InstallStep)> step = [this](InstallStep current) {
       status_helper_->SetAsDownloadInstalling(current);
     };
-    const bool with_aac = IsAacNeeded() || HasAacCurrently();
+    const bool with_aac = ChoosePack(*this).with_aac;
     Json::Value pack_info;
     if (!DownloadOffer(with_aac, pack_info, progress)) {
       status_helper_->SetAsDownloadInstallFailed();
@@ -144,7 +150,7 @@ bool PackManager::Download() const {
     std::function<void(long, long)> progress = [this](long now, long total) {
       status_helper_->SetAsDownloading(now, total);
     };
-    const bool with_aac = IsAacNeeded() || HasAacCurrently();
+    const bool with_aac = ChoosePack(*this).with_aac;
     Json::Value pack_info;
     if (!DownloadOffer(with_aac, pack_info, progress)) {
       status_helper_->SetAsDownloadFailed();
@@ -213,13 +219,11 @@ bool PackManager::IsCodecRequested(const std::string& codec) const {
   if (!file.is_open() || file.bad()) {
     return false;
   }
-  Json::Value root;
-  if (!Json::Reader().parse(ReadJsonText(file), root)) {
+  const std::optional<bool> asks = AsksForCodec(ReadJsonText(file), codec);
+  if (!asks) {
     ORBAMIRA_LOG_ERROR("Failed to parse %s", path::kCodecRequirementsPath);
-    return false;
   }
-  // Not empty(), which is false for plain values too.
-  return root.get(codec, Json::Value()).size() != 0;  // NOLINT(readability-container-size-empty)
+  return asks.value_or(false);
 }
 
 bool PackManager::HasAacCurrently() const { return kos_helper_->FileExist(path::kHasAacPath); }
@@ -227,20 +231,15 @@ bool PackManager::HasAacCurrently() const { return kos_helper_->FileExist(path::
 bool PackManager::HasHevcCurrently() const { return kos_helper_->FileExist(path::kHasHevcPath); }
 
 bool PackManager::FetchDownloadInfo(bool with_aac, Json::Value& pack_info) const {
-  const std::string url = kos_helper_->GetPackUpdateServerUrl();
-  const std::string package_version = kos_helper_->GetVersionFromPath(kPackageInfoPath);
-  const std::string kos_version = kos_helper_->GetVersion();
-  const std::string unique = kos_helper_->GetUnique();
-  if (url.empty() || package_version.empty() || kos_version.empty() || unique.empty()) {
+  const UpdateRequest request = MakeUpdateRequest(*kos_helper_);
+  if (!IsComplete(request)) {
     ORBAMIRA_LOG_ERROR("Bad request: pack update server url: %s, pkg version: %s, kos version: %s, kos unique: %s",
-                       wrapper::ShownLink(url).c_str(), package_version.c_str(), kos_version.c_str(), unique.c_str());
+                       wrapper::ShownLink(request.address).c_str(), request.package_version.c_str(),
+                       request.system_version.c_str(), request.unique.c_str());
     return false;
   }
 
-  const cpr::Response response = SendRequest(
-      url,
-      cpr::Parameters{
-          {"identify", kPackageId}, {"unique", unique}, {"version", package_version}, {"kos_version", kos_version}});
+  const cpr::Response response = SendRequest(request);
   if (response.status_code == 0) {
     ORBAMIRA_LOG_ERROR("Failed to send request with error: %s", response.error.message.c_str());
     return false;
@@ -270,7 +269,7 @@ bool PackManager::VerifyChecksum(const Json::Value& pack_info) const {
   return !checksum.empty() && pkg_->CheckFileChecksum(path, checksum);
 }
 
-std::string PackManager::GetDownloadPackName(bool with_aac) const { return with_aac ? kHevcAacPack : kHevcPack; }
+std::string PackManager::GetDownloadPackName(bool with_aac) const { return PackName(with_aac); }
 
 bool PackManager::DoDownload(const std::string& link, std::function<void(long, long)>& progress) const {
   if (!pack_handler_->CreateDownloadDirectory()) {
