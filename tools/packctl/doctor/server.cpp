@@ -17,6 +17,8 @@
 #include "tools/packctl/view/progress_text.h"
 #include "updater/json_text.h"
 #include "updater/kos_helper.h"
+#include "updater/pack_manager.h"
+#include "updater/update_request.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -36,14 +38,14 @@ void SetUp(cpr::Session& session, const std::string& address) {
   session.SetTimeout(cpr::Timeout(std::chrono::seconds(30)));
 }
 
-cpr::Response Ask(const std::string& address) {
-  const auto facts = updater::KOSHelper::Create();
+cpr::Response Ask(const updater::UpdateRequest& request) {
+  cpr::Parameters parameters;
+  for (const updater::QueryParameter& parameter : updater::QueryOf(request)) {
+    parameters.Add({parameter.key, parameter.value});
+  }
   cpr::Session session;
-  SetUp(session, address);
-  session.SetParameters({{"identify", kPackageId},
-                         {"unique", facts->GetUnique()},
-                         {"version", facts->GetVersionFromPath(kPackageInfoPath)},
-                         {"kos_version", facts->GetVersion()}});
+  SetUp(session, request.address);
+  session.SetParameters(parameters);
   std::string body;
   session.SetWriteCallback(cpr::WriteCallback([&body](std::string_view bytes, intptr_t /*unused*/) {
     body += bytes;
@@ -54,21 +56,21 @@ cpr::Response Ask(const std::string& address) {
   return response;
 }
 
-// The pack that this machine would be offered, by the rules of the library.
-std::string PackName() {
-  if (fs::exists(path::kHasAacPath)) {
-    return kHevcAacPack;
+// The library's manager, but for the lock of the requirements: another process may keep that for ever, and a diagnosis
+// makes no lock file.
+class UnlockedManager : public updater::PackManager {
+ public:
+  UnlockedManager() : PackManager(nullptr, nullptr, updater::KOSHelper::Create(), nullptr, nullptr, nullptr) {}
+
+  bool IsCodecRequested(const std::string& codec) const override {
+    try {
+      const FileText requirements = ReadText(path::kCodecRequirementsPath);
+      return updater::AsksForCodec(requirements.text.value_or(""), codec).value_or(false);
+    } catch (const Json::Exception&) {  // which the check of the state tells
+      return false;
+    }
   }
-  Json::Value requirements;
-  const FileText read = ReadText(path::kCodecRequirementsPath);
-  try {
-    const bool asks = read.text && Json::Reader().parse(*read.text, requirements) && requirements.isObject() &&
-                      !requirements[kAac].empty();
-    return asks ? kHevcAacPack : kHevcPack;
-  } catch (const Json::Exception&) {  // nested too deep
-    return kHevcPack;
-  }
-}
+};
 
 void CheckClock(const cpr::Response& response, Findings& findings) {
   const auto date = response.header.find("Date");
@@ -136,7 +138,7 @@ void CheckReply(const std::string& text, Offer& offer, Findings& findings) {
                         "see that the address is that of the reply which mkpack writes"});
     return;
   }
-  const std::string name = PackName();
+  const std::string name = updater::PackName(updater::ChoosePack(UnlockedManager()).with_aac);
   const Json::Value& pack = reply[name];
   if (!pack.isObject()) {
     findings.push_back({kServer, "the update server offers no pack called " + name, "publish one with mkpack"});
@@ -195,11 +197,11 @@ void CheckRoom(const char* folder, std::uint64_t free, std::uint64_t needed, Fin
 
 Findings CheckServer(Offer& offer) {
   Findings findings;
-  const std::string address = updater::KOSHelper::Create()->GetPackUpdateServerUrl();
-  if (SchemeOf(address).empty()) {
+  const updater::UpdateRequest request = updater::MakeUpdateRequest(*updater::KOSHelper::Create());
+  if (SchemeOf(request.address).empty()) {
     return findings;  // which the check of the settings tells
   }
-  const cpr::Response response = Ask(address);
+  const cpr::Response response = Ask(request);
   CheckClock(response, findings);
   if (response.text.size() > updater::kJsonTextLimit) {
     findings.push_back({kServer, "the update server's reply is too long", "see that the address is that of a reply"});
