@@ -7,9 +7,9 @@
 
 #include "platform/constants.h"
 #include "tests/support/test_root.h"
-#include "tools/packctl/commands/checking_pack_handler.h"
 #include "tools/packctl/commands/watched_work.h"
-#include "tools/packctl/record/asked_status_helper.h"
+#include "tools/packctl/host/asked_status_helper.h"
+#include "tools/packctl/host/checking_pack_handler.h"
 #include "tools/packctl/view/status_words.h"
 
 namespace orbamira::packctl {

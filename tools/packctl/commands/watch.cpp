@@ -9,7 +9,7 @@
 #include "platform/constants.h"
 #include "platform/json/json_line.h"
 #include "platform/posix/files.h"
-#include "tools/packctl/cli/ending.h"
+#include "tools/packctl/cli/signals.h"
 #include "tools/packctl/record/file_watch.h"
 #include "tools/packctl/view/progress_view.h"
 #include "tools/packctl/view/recorded_status.h"

@@ -18,7 +18,7 @@
 #include "tools/http/listener.h"
 #include "tools/http/server.h"
 #include "tools/packctl/cli/command.h"
-#include "tools/packctl/cli/ending.h"
+#include "tools/packctl/cli/signals.h"
 #include "tools/packctl/web/access.h"
 #include "tools/packctl/web/actions.h"
 #include "tools/packctl/web/state.h"

@@ -1,4 +1,4 @@
-#include "tools/packctl/record/asked_status_helper.h"
+#include "tools/packctl/host/asked_status_helper.h"
 
 namespace orbamira::packctl {
 

@@ -1,4 +1,4 @@
-#include "tools/packctl/cli/ending.h"
+#include "tools/packctl/cli/signals.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "tools/packctl/commands/checking_pack_handler.h"
+#include "tools/packctl/host/checking_pack_handler.h"
 
 #include <stdexcept>
 
