@@ -5,6 +5,7 @@
 
 #include "platform/posix/unique_fd.h"
 
+/// The socket that a web server listens at.
 namespace orbamira::packctl {
 
 /// A socket that listens at the numeric address; port 0 takes a free one. Throws std::system_error, or

@@ -37,8 +37,6 @@ std::string LocalAuthority(int fd) {
   return (name.find(':') == std::string::npos ? name : "[" + name + "]") + ":" + port.data();
 }
 
-constexpr std::array<short, 5> kEvents = {POLLIN, POLLRDHUP, POLLOUT, POLLIN, 0};
-
 }  // namespace
 
 WebServer::WebServer(UniqueFd listener, Answer answer)
@@ -61,15 +59,14 @@ void WebServer::Serve(int changed, Clock::time_point limit) {
   std::vector<pollfd> waited = {{.fd = accepts ? listener_.get() : -1, .events = POLLIN, .revents = 0},
                                 {.fd = changed, .events = POLLIN, .revents = 0}};
   for (const Client& client : clients_) {
-    waited.push_back(
-        {.fd = client.fd.get(), .events = kEvents.at(static_cast<std::size_t>(client.phase)), .revents = 0});
+    waited.push_back({.fd = client.fd.get(), .events = EventsOf(client.phase), .revents = 0});
   }
   if (poll(waited.data(), waited.size(), Timeout(limit)) < 0 && errno != EINTR) {
     tools::ThrowErrno("cannot wait for clients");
   }
   auto at = waited.begin() + 2;
   for (Client& client : clients_) {
-    Go(client, (at++)->revents);
+    Handle(client, (at++)->revents);
   }
   if (std::uint64_t count = 0; waited[1].revents != 0 && read(changed, &count, sizeof count) > 0) {
     AskWaiting();
@@ -130,7 +127,7 @@ void WebServer::Accept() {
     MakeRoom();
     std::string local = LocalAuthority(fd.get());
     clients_.push_back({.fd = std::move(fd), .local = std::move(local)});
-    Enter(clients_.back(), Phase::kReading, kPatience);
+    StartPhase(clients_.back(), Phase::kReading, kPatience);
     Read(clients_.back());  // what a client on this machine has sent is there already
   }
 }
@@ -143,12 +140,28 @@ void WebServer::MakeRoom() {
   }
 }
 
-void WebServer::Enter(Client& client, Phase phase, Clock::duration patience) const {
+// What to wait for in the phase.
+short WebServer::EventsOf(Phase phase) {
+  switch (phase) {
+    case Phase::kReading:
+    case Phase::kDraining:
+      return POLLIN;
+    case Phase::kWaiting:
+      return POLLRDHUP;
+    case Phase::kWriting:
+      return POLLOUT;
+    case Phase::kDone:
+      break;
+  }
+  return 0;
+}
+
+void WebServer::StartPhase(Client& client, Phase phase, Clock::duration patience) {
   client.phase = phase;
   client.deadline = Clock::now() + patience;
 }
 
-void WebServer::Go(Client& client, short events) {
+void WebServer::Handle(Client& client, short events) {
   if (events == 0) {
     return;
   }
@@ -207,13 +220,13 @@ void WebServer::Ask(Client& client, bool may_wait) {
   if (static_cast<std::size_t>(std::count_if(clients_.begin(), clients_.end(), is_waiting)) >= kMaxWaiting) {
     Expire(*std::find_if(clients_.begin(), clients_.end(), is_waiting));
   }
-  Enter(client, Phase::kWaiting, kLongestWait);
+  StartPhase(client, Phase::kWaiting, kLongestWait);
 }
 
 void WebServer::Reply(Client& client, const HttpReply& reply) {
   client.head = HeadSection(reply);
   client.body = client.request.method == "HEAD" ? std::make_shared<const std::string>() : reply.body;
-  Enter(client, Phase::kWriting, kPatience);
+  StartPhase(client, Phase::kWriting, kPatience);
   Write(client);
 }
 
@@ -236,7 +249,7 @@ void WebServer::Write(Client& client) {
   }
   shutdown(client.fd.get(), SHUT_WR);
   client.body.reset();
-  Enter(client, Phase::kDraining, kDrainPatience);
+  StartPhase(client, Phase::kDraining, kDrainPatience);
 }
 
 void WebServer::Drain(Client& client) {

@@ -14,6 +14,7 @@
 #include "platform/posix/unique_fd.h"
 #include "tools/http/message.h"
 
+/// The bounded web server of the page and of the sign-in.
 namespace orbamira::packctl {
 
 /// Serves HTTP on one thread, which waits for all its clients at once: whoever is slow or silent keeps nobody waiting.
@@ -76,13 +77,14 @@ class WebServer {
   void Serve(int changed, Clock::time_point limit);
   void Accept();
   void MakeRoom();
-  void Enter(Client& client, Phase phase, Clock::duration patience) const;
+  static short EventsOf(Phase phase);
+  static void StartPhase(Client& client, Phase phase, Clock::duration patience);
   void Read(Client& client);
   void Ask(Client& client, bool may_wait);
   void Reply(Client& client, const HttpReply& reply);
   void Write(Client& client);
-  void Drain(Client& client);
-  void Go(Client& client, short events);
+  static void Drain(Client& client);
+  void Handle(Client& client, short events);
   void Expire(Client& client);
   [[nodiscard]] int Timeout(Clock::time_point limit) const;
   void DropDone();
