@@ -9,7 +9,7 @@
 #include "tools/packctl/commands/watch.h"
 #include "tools/packctl/view/local_time.h"
 #include "tools/packctl/view/progress_text.h"
-#include "tools/packctl/view/recorded_status.h"
+#include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/status_words.h"
 #include "updater/kos_helper.h"
 #include "updater/pack_manager.h"

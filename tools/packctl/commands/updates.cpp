@@ -12,7 +12,7 @@
 #include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/host/asked_status_helper.h"
 #include "tools/packctl/view/progress_view.h"
-#include "tools/packctl/view/recorded_status.h"
+#include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/status_words.h"
 #include "updater/pack_manager.h"
 #include "updater/package_judge.h"

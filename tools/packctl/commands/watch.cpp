@@ -12,7 +12,7 @@
 #include "tools/packctl/cli/signals.h"
 #include "tools/packctl/record/file_watch.h"
 #include "tools/packctl/view/progress_view.h"
-#include "tools/packctl/view/recorded_status.h"
+#include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/status_words.h"
 
 namespace orbamira::packctl {

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "tools/packctl/view/progress_text.h"
-#include "tools/packctl/view/recorded_status.h"
+#include "tools/packctl/record/recorded_status.h"
 
 namespace orbamira::packctl {
 

@@ -11,7 +11,7 @@
 
 #include "platform/posix/unique_fd.h"
 #include "tools/packctl/cli/command.h"
-#include "tools/packctl/view/recorded_status.h"
+#include "tools/packctl/record/recorded_status.h"
 
 namespace orbamira::packctl {
 

@@ -1,4 +1,4 @@
-#include "tools/packctl/view/recorded_status.h"
+#include "tools/packctl/record/recorded_status.h"
 
 #include <stdexcept>
 #include <string>
