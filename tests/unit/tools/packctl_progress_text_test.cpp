@@ -40,6 +40,11 @@ TEST(FormatBytesTest, TakesTheWholeRangeOfItsType) {
 
 TEST(FormatRateTest, IsASizePerSecond) { EXPECT_EQ(FormatRate(4.2 * kMiB), "4.2 MiB/s"); }
 
+TEST(FormatProgressTest, ShowsTheTotalAndTheShareWhereTheyAreKnown) {
+  EXPECT_EQ(FormatProgress({.now = 3 * kMiB, .total = 4 * kMiB}), "3.0 MiB of 4.0 MiB (75 %)");
+  EXPECT_EQ(FormatProgress({.now = 512, .total = 0}), "512 B");
+}
+
 TEST(FormatDurationTest, ShowsHoursOnlyWhenThereAreAny) {
   EXPECT_EQ(FormatDuration(seconds(0)), "0:00");
   EXPECT_EQ(FormatDuration(seconds(65)), "1:05");

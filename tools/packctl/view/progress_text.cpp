@@ -98,6 +98,13 @@ double DownloadProgress::Fraction() const {
 
 int DownloadProgress::Percent() const { return static_cast<int>(Fraction() * 100); }
 
+std::string FormatProgress(const DownloadProgress& progress) {
+  const std::string now = FormatBytes(progress.now);
+  return progress.total > 0
+             ? now + " of " + FormatBytes(progress.total) + " (" + std::to_string(progress.Percent()) + " %)"
+             : now;
+}
+
 std::string FormatDownload(const DownloadProgress& progress, int columns) {
   const auto room = static_cast<std::size_t>(std::max(columns, 0));
   if (progress.total <= 0) {

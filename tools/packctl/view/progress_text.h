@@ -31,6 +31,9 @@ struct DownloadProgress {
   [[nodiscard]] int Percent() const;
 };
 
+/// How far it is: "2.8 GiB of 3.7 GiB (75 %)"; "512 B" while the total is unknown.
+std::string FormatProgress(const DownloadProgress& progress);
+
 /// One line about a download, at most `columns` wide: sizes, bar, percentage, rate and time left, of which a narrower
 /// line drops the less important.
 std::string FormatDownload(const DownloadProgress& progress, int columns);

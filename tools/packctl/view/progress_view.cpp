@@ -82,9 +82,7 @@ void PlainView::ShowDownload(const StatusRecord& record) {
     return;
   }
   next_ = reached + 1;
-  write_("Downloaded " + FormatBytes(progress.now) +
-         (known ? " of " + FormatBytes(progress.total) + " (" + std::to_string(progress.Percent()) + " %)" : "") +
-         "\n");
+  write_("Downloaded " + FormatProgress(progress) + "\n");
 }
 
 void PlainView::Finish() {}
