@@ -754,7 +754,7 @@ TEST_F(PackctlAccountTest, TheProgramOfTheAccountCommandsTakesNoOthers) {
   const std::string program = fs::path(path::kOrbaArchivePath).replace_filename("orba-account");
   const ProgramResult result = RunningProgram({program, "status"}).Wait();
   EXPECT_EQ(result.status, 64);
-  EXPECT_EQ(result.errors, "packctl: this command is packctl's\n");
+  EXPECT_EQ(result.errors, "packctl: there is no command \"status\". Run \"packctl --help\" for help.\n");
 }
 
 TEST_F(PackctlAccountTest, SignInWithoutAnIssuerIsWrongUsage) {

@@ -28,8 +28,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kSignIn = "account sign-in";
-
 // Known before the user goes to the trouble of signing in.
 void CheckFolder() {
   const fs::path folder = fs::path(path::kAccountFile).parent_path();
@@ -86,7 +84,7 @@ void Keep(const Owner& owner, const orbazelo::ClientTokens& tokens, bool replace
 void ShowAddress(const Context& context, const AnswerListener& listener, const std::string& address) {
   if (context.options.json) {
     Json::Value line;
-    line["command"] = kSignIn;
+    line["command"] = "account sign-in";
     line["result"] = "waiting";
     line["address"] = address;
     context.console.Print(JsonLine(line));
@@ -157,13 +155,11 @@ SignedIn Complete(const Context& context, const SignInProvider& provider, const 
 }
 
 Outcome Describe(const SignedIn& done) {
-  Outcome outcome;
-  outcome.json["command"] = kSignIn;
-  outcome.json["result"] = "signed_in";
-  outcome.json["user_id"] = done.token.subject;
-  outcome.json["issuer"] = done.token.issuer;
-  outcome.json["expires"] = Json::Int64{done.token.expires};
-  outcome.json["renewable"] = done.renewable;
+  Outcome outcome{.result = "signed_in"};
+  outcome.members["user_id"] = done.token.subject;
+  outcome.members["issuer"] = done.token.issuer;
+  outcome.members["expires"] = Json::Int64{done.token.expires};
+  outcome.members["renewable"] = done.renewable;
   outcome.text = "Signed in as " + tools::Printable(done.token.subject) + ".\n";
   if (!done.renewable) {
     outcome.text += "The provider gave no refresh token: sign in again when the identity token expires, at " +
@@ -179,11 +175,8 @@ orbazelo::ClientTokens OwnTokens(const Json::Value& account) {
              : orbazelo::ClientTokens{.client_id = kPkceClientName};
 }
 
-Outcome NobodySignedIn(const char* command, const char* result) {
-  Outcome outcome{.exit = kExitNothingToDo, .text = "Nobody is signed in.\n"};
-  outcome.json["command"] = command;
-  outcome.json["result"] = result;
-  return outcome;
+Outcome NobodySignedIn(const char* result) {
+  return {.exit = kExitNothingToDo, .result = result, .text = "Nobody is signed in.\n"};
 }
 
 /// What came of taking the provider's trust back.
@@ -244,44 +237,38 @@ Outcome SignIn(Context& context) {
 }
 
 Outcome SignOut(Context& /*context*/) {
-  constexpr const char* kSignOut = "account sign-out";
   const store::FileLock lock(path::kAccountLock);
   if (!fs::exists(fs::symlink_status(path::kAccountFile))) {
-    return NobodySignedIn(kSignOut, "nothing_to_do");
+    return NobodySignedIn("nothing_to_do");
   }
-  Outcome outcome;
+  Outcome outcome{.result = "signed_out"};
   const Revocation revocation = Revoke();
   if (!revocation.problem.empty()) {
     outcome.problems = {revocation.problem};
   }
   orbazelo::RemoveAccount();
-  outcome.json["command"] = kSignOut;
-  outcome.json["result"] = "signed_out";
-  outcome.json["revoked"] = revocation.done;
+  outcome.members["revoked"] = revocation.done;
   outcome.text = revocation.done ? "Signed out, and the refresh token is revoked.\n" : "Signed out.\n";
   return outcome;
 }
 
 Outcome AccountStatus(Context& /*context*/) {
-  constexpr const char* kStatus = "account status";
   const Json::Value account = orbazelo::ReadAccount();
   const Owner owner = OwnerOf(account);
   if (owner.user_id.empty()) {
-    return NobodySignedIn(kStatus, "signed_out");
+    return NobodySignedIn("signed_out");
   }
   const orbazelo::ClientTokens tokens = OwnTokens(account);
   const std::int64_t expires = orbazelo::ParseIdToken(tokens.id_token).value_or(orbazelo::IdToken{}).expires;
   const bool valid = expires > std::time(nullptr);
   const bool renewable = !tokens.refresh_token.empty();
-  Outcome outcome;
-  outcome.json["command"] = kStatus;
-  outcome.json["result"] = "signed_in";
-  outcome.json["user_id"] = owner.user_id;
-  outcome.json["issuer"] = owner.issuer;
-  outcome.json["client_id"] = tokens.client_id;
-  outcome.json["valid"] = valid;
-  outcome.json["expires"] = expires != 0 ? Json::Value(Json::Int64{expires}) : Json::Value();
-  outcome.json["renewable"] = renewable;
+  Outcome outcome{.result = "signed_in"};
+  outcome.members["user_id"] = owner.user_id;
+  outcome.members["issuer"] = owner.issuer;
+  outcome.members["client_id"] = tokens.client_id;
+  outcome.members["valid"] = valid;
+  outcome.members["expires"] = expires != 0 ? Json::Value(Json::Int64{expires}) : Json::Value();
+  outcome.members["renewable"] = renewable;
   outcome.text =
       "User: " + tools::Printable(owner.user_id) + "\nIssuer: " + tools::Printable(owner.issuer) +
       "\nIdentity token: " + (expires == 0 ? "none" : (valid ? "valid until " : "expired at ") + LocalTime(expires)) +

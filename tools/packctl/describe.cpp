@@ -4,5 +4,8 @@
 
 #include "platform/json/json_line.h"
 #include "tools/packctl/cli/command_line.h"
+#include "tools/packctl/commands/commands.h"
 
-int main() { std::cout << orbamira::JsonLine(orbamira::packctl::DescribeCommandLine()); }
+int main() {
+  std::cout << orbamira::JsonLine(orbamira::packctl::DescribeCommandLine(orbamira::packctl::PackctlCommands()));
+}

@@ -7,13 +7,14 @@
 
 #include <condition_variable>
 #include <filesystem>
+#include <functional>
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
 #include "tests/support/test_root.h"
 #include "tools/packctl/record/history.h"
-#include "tools/packctl/web/state.h"
+#include "tools/packctl/web/state_json.h"
 #include "updater/pack_status_helper.h"
 #include "updater/update_lock.h"
 
@@ -55,13 +56,15 @@ class StateReaderTest : public testing::Test {
 
   static std::unique_ptr<updater::IPackStatusHelper> Status() { return updater::PackStatusHelper::Create(); }
 
+  /// As the page is told of it.
+  Json::Value Look() { return StateJson(reader_.Look()); }
+
   Console console_;
-  Context context_{.console = console_, .options = {}};
-  StateReader reader_{context_};
+  StateReader reader_{console_};
 };
 
 TEST_F(StateReaderTest, LookAtAFreshMachineFindsNothingAndNoProblem) {
-  const Json::Value state = reader_.Look();
+  const Json::Value state = Look();
   EXPECT_EQ(state["status"], "lost");
   EXPECT_EQ(state["meaning"], "nothing is recorded yet");
   EXPECT_FALSE(state["under_way"].asBool());
@@ -79,7 +82,7 @@ TEST_F(StateReaderTest, LookFindsThePackAndWhatWaits) {
   InstallPack();
   test::WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player"]})");
   Status()->SetAsNeedInstall("2.0", "orbamira-hevc-aac");
-  const Json::Value state = reader_.Look();
+  const Json::Value state = Look();
   EXPECT_EQ(state["installed"]["package"], "orbamira-hevc");
   EXPECT_EQ(state["installed"]["version"], "1.0");
   EXPECT_GT(state["installed"]["updated"].asInt64(), 0);
@@ -94,22 +97,22 @@ TEST_F(StateReaderTest, LookFindsThePackAndWhatWaits) {
 TEST_F(StateReaderTest, LookFollowsTheProgressAndTheSteps) {
   const auto status = Status();
   status->SetAsDownloadInstalling(0L, 0L);
-  EXPECT_TRUE(reader_.Look()["progress"].isNull());
+  EXPECT_TRUE(Look()["progress"].isNull());
   status->SetAsDownloadInstalling(512, 0);
-  Json::Value progress = reader_.Look()["progress"];
+  Json::Value progress = Look()["progress"];
   EXPECT_EQ(progress["text"], "512 B");
   EXPECT_TRUE(progress["total"].isNull());
   EXPECT_TRUE(progress["percent"].isNull());
   status->SetAsDownloadInstalling(3000000000, 4000000000);
-  progress = reader_.Look()["progress"];
+  progress = Look()["progress"];
   EXPECT_EQ(progress["now"].asInt64(), 3000000000);
   EXPECT_EQ(progress["total"].asInt64(), 4000000000);
   EXPECT_EQ(progress["percent"], 75);
   EXPECT_EQ(progress["text"], "2.8 GiB of 3.7 GiB (75 %)");
   InstallPack();
-  EXPECT_EQ(reader_.Look()["installed"]["version"], "1.0") << "nothing of the record has changed: a look at all";
+  EXPECT_EQ(Look()["installed"]["version"], "1.0") << "nothing of the record has changed: a look at all";
   status->SetAsDownloadInstalling(updater::kStepInstall);
-  const Json::Value state = reader_.Look();
+  const Json::Value state = Look();
   EXPECT_TRUE(state["under_way"].asBool());
   EXPECT_EQ(state["step"], "install");
   EXPECT_TRUE(state["progress"].isNull());
@@ -117,7 +120,7 @@ TEST_F(StateReaderTest, LookFollowsTheProgressAndTheSteps) {
 
 TEST_F(StateReaderTest, LookNamesEveryStepInTheOrderOfAnUpgrade) {
   std::string steps;
-  const Json::Value state = reader_.Look();
+  const Json::Value state = Look();
   for (const Json::Value& step : state["steps"]) {
     EXPECT_NE(step["words"], "");
     steps += step["step"].asString() + " ";
@@ -127,22 +130,22 @@ TEST_F(StateReaderTest, LookNamesEveryStepInTheOrderOfAnUpgrade) {
 
 TEST_F(StateReaderTest, LookTellsWhyAnUpdateIsNotPermitted) {
   Status()->SetAsDownloadFailed();
-  EXPECT_EQ(reader_.Look()["why_no_update"],
+  EXPECT_EQ(Look()["why_no_update"],
             "the update is not permitted while the recorded status is download_failed (the last download failed)");
   Status()->SetAsDownloadInstallFailed();
-  EXPECT_TRUE(reader_.Look()["why_no_update"].isNull());
+  EXPECT_TRUE(Look()["why_no_update"].isNull());
 }
 
 TEST_F(StateReaderTest, LookTellsOfARecordThatCannotBeReadAndOfTheRest) {
   InstallPack();
   store::FileKeyValueStore::Create(path::kPackStatusFile)->Set(webapi::param::kStatus, "dancing");
-  Json::Value state = reader_.Look();
+  Json::Value state = Look();
   EXPECT_TRUE(state["status"].isNull());
   EXPECT_EQ(state["problems"][0], "the recorded status cannot be read; \"packctl recover\" mends it");
   EXPECT_EQ(state["why_no_update"], state["problems"][0]);
   EXPECT_EQ(state["installed"]["version"], "1.0");
   Status()->SetAsUpToDate();
-  state = reader_.Look();
+  state = Look();
   EXPECT_EQ(state["status"], "up_to_date");
   EXPECT_TRUE(state["problems"].empty());
 }
@@ -150,7 +153,7 @@ TEST_F(StateReaderTest, LookTellsOfARecordThatCannotBeReadAndOfTheRest) {
 TEST_F(StateReaderTest, LookTellsOfAHistoryThatCannotBeReadAndOfTheRest) {
   InstallPack();
   fs::create_directories(path::kHistoryFile);
-  const Json::Value state = reader_.Look();
+  const Json::Value state = Look();
   EXPECT_TRUE(state["history"].isArray());
   EXPECT_TRUE(state["history"].empty());
   EXPECT_EQ(state["installed"]["version"], "1.0");
@@ -162,7 +165,7 @@ TEST_F(StateReaderTest, LookShowsTheNewestTwentyEntries) {
   for (int i = 0; i < 30; ++i) {
     AppendToHistory({.time = i, .command = "check", .result = "new_pack"});
   }
-  const Json::Value history = reader_.Look()["history"];
+  const Json::Value history = Look()["history"];
   ASSERT_EQ(history.size(), 20U);
   EXPECT_EQ(history[0]["time"], 10);
   EXPECT_EQ(history[19]["time"], 29);
@@ -170,7 +173,7 @@ TEST_F(StateReaderTest, LookShowsTheNewestTwentyEntries) {
 
 TEST_F(StateReaderTest, LookTellsWhetherAnotherIsAtWork) {
   const updater::UpdateLock lock;
-  EXPECT_TRUE(reader_.Look()["at_work"].asBool());
+  EXPECT_TRUE(Look()["at_work"].asBool());
 }
 
 /// Counts what a WebState tells of, and waits for it.
@@ -201,60 +204,74 @@ class WebStateSourceTest : public testing::Test {
   WebStateSourceTest() {
     fs::create_directories(kTargetFolder);
     updater::PackStatusHelper::Create()->SetAsUpToDate();
-    state_ = std::make_unique<WebState>(context_, [this] { changes_.Add(); });
-    EXPECT_TRUE(changes_.Await([this] { return state_->Latest()["status"] == "up_to_date"; }));
+    state_ = std::make_unique<WebState>(console_, [this] { changes_.Add(); });
+    EXPECT_TRUE(AwaitSight(
+        [](const MachineState& state) { return state.record && state.record->status == updater::kStatusUpToDate; }));
+  }
+
+  /// Whether the last look found something for which `holds` is true.
+  bool Sees(const std::function<bool(const MachineState&)>& holds) const {
+    const auto seen = state_->Latest();
+    return seen && holds(seen->state);
+  }
+
+  bool AwaitSight(const std::function<bool(const MachineState&)>& holds) {
+    return changes_.Await([&] { return Sees(holds); });
   }
 
   Console console_;
-  Context context_{.console = console_, .options = {}};
   Changes changes_;
   std::unique_ptr<WebState> state_;
 };
 
 TEST_F(WebStateSourceTest, ToldOfAChangeOfTheRecord) {
-  EXPECT_GT(state_->Latest()["time"].asInt64(), 0);
+  EXPECT_GT(state_->Latest()->time, 0);
   updater::PackStatusHelper::Create()->SetAsNeedDownload("2.0");
-  EXPECT_TRUE(changes_.Await([this] { return state_->Latest()["offer"]["version"] == "2.0"; }));
+  EXPECT_TRUE(AwaitSight([](const MachineState& state) { return state.record && state.record->new_version == "2.0"; }));
 }
 
 TEST_F(WebStateSourceTest, ToldOfANewEntryOfTheHistory) {
   AppendToHistory({.time = 7, .command = "check", .result = "new_pack"});
-  EXPECT_TRUE(changes_.Await([this] { return state_->Latest()["history"].size() == 1; }));
+  EXPECT_TRUE(AwaitSight([](const MachineState& state) { return state.history.size() == 1; }));
 }
 
 TEST_F(WebStateSourceTest, ToldOfAChangeOfTheRequirements) {
   test::WriteFile(path::kCodecRequirementsPath, R"({"hevc": ["player"]})");
-  EXPECT_TRUE(changes_.Await([this] { return state_->Latest()["requested"].size() == 1; }));
+  EXPECT_TRUE(
+      AwaitSight([](const MachineState& state) { return state.codecs && state.codecs->requested.size() == 1; }));
 }
 
 TEST_F(WebStateSourceTest, LooksAgainWhenItIsAsked) {
   test::WriteFile(path::kPackInfoPath, "package=\"orbamira-hevc\"\nversion=\"1.0\"\n");
   state_->LookAgain();
-  EXPECT_TRUE(changes_.Await([this] { return state_->Latest()["installed"]["version"] == "1.0"; }));
+  EXPECT_TRUE(AwaitSight(
+      [](const MachineState& state) { return state.installed && state.installed->identity.version == "1.0"; }));
 }
 
 TEST(WebStateTest, SeesTheEndOfSomebodysWork) {
   fs::create_directories(kTargetFolder);
   Console console;
-  Context context{.console = console, .options = {}};
   Changes changes;
   std::optional<updater::UpdateLock> lock(std::in_place);
-  const WebState state(context, [&] { changes.Add(); });
-  ASSERT_TRUE(changes.Await([&] { return state.Latest()["at_work"].asBool(); }));
+  const WebState state(console, [&] { changes.Add(); });
+  const auto sees_work = [&state] {
+    const auto seen = state.Latest();
+    return seen && seen->state.at_work;
+  };
+  ASSERT_TRUE(changes.Await(sees_work));
   lock.reset();
-  ASSERT_TRUE(changes.Await([&] { return !state.Latest()["at_work"].asBool(); }));
+  ASSERT_TRUE(changes.Await([&] { return !sees_work(); }));
 }
 
 TEST(WebStateTest, LatestDoesNotWaitForALockThatSomebodyKeeps) {
   fs::create_directories(kTargetFolder);
   Console console;
-  Context context{.console = console, .options = {}};
   std::optional<store::FileLock> lock(path::kPackStatusLock);
   Changes changes;
-  const WebState state(context, [&] { changes.Add(); });
-  EXPECT_TRUE(state.Latest().isNull());
+  const WebState state(console, [&] { changes.Add(); });
+  EXPECT_FALSE(state.Latest());
   lock.reset();
-  EXPECT_TRUE(changes.Await([&] { return !state.Latest().isNull(); }));
+  EXPECT_TRUE(changes.Await([&] { return state.Latest().has_value(); }));
 }
 
 }  // namespace

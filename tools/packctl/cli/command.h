@@ -9,14 +9,21 @@
 
 #include "tools/packctl/cli/console.h"
 #include "tools/packctl/record/history.h"
+#include "updater/enumerations.h"
+
+namespace CLI {
+class App;
+}
 
 namespace orbamira::updater {
 class UpdateLock;
 }
 
+/// What a command of packctl is: what it is given, what it answers, and what the command line tells of it.
 namespace orbamira::packctl {
 
-/// What packctl's exit status tells; scripts rely on the numbers.
+/// What packctl's exit status tells; scripts rely on the numbers. A command that a signal ends early ends by that
+/// signal, so that a shell sees 128 and its number; one that runs until it is told to end then ends with kExitDone.
 enum ExitStatus : int {
   kExitDone = 0,
   kExitFailed = 1,
@@ -25,14 +32,21 @@ enum ExitStatus : int {
   kExitUsage = 64,
 };
 
+/// What a changing command tells beside its result.
+struct Change {
+  std::optional<updater::PackStatus> status = {};  ///< recorded afterwards; empty when that cannot be read
+  bool happened = false;                           ///< something was changed or found: the history tells of it
+  std::optional<PackIdentity> offer = {};          ///< the pack that was found or fetched and now waits
+};
+
 /// What a command has to say when it is done.
 struct Outcome {
   ExitStatus exit = kExitDone;
-  Json::Value json = Json::objectValue;    ///< the answer to a program; null when all was printed already
-  std::string text = {};                   ///< the answer to a person; whole lines, may be empty
-  std::vector<std::string> problems = {};  ///< sentences for the standard error, after the reasons that were logged
-  bool changed = false;                    ///< something was changed or found: the history tells of it
-  std::optional<PackIdentity> offer = {};  ///< the pack that was found or fetched and now waits
+  std::string result = {};                  ///< how it ended, in one word; empty where the members say it all
+  std::optional<Change> change = {};        ///< of a changing command that came to an end of its own
+  Json::Value members = Json::objectValue;  ///< more of the answer to a program; null when all was printed already
+  std::string text = {};                    ///< the answer to a person; whole lines, may be empty
+  std::vector<std::string> problems = {};   ///< sentences for the standard error, after the reasons that were logged
 };
 
 /// What the user asked of a sign-in.
@@ -67,32 +81,24 @@ struct Options {
 struct Context {
   Console& console;
   Options options;
-  const updater::UpdateLock* lock = nullptr;  ///< held while a changing command runs
+  const updater::UpdateLock* lock = nullptr;  ///< held while an exclusive or changing command runs
 };
 
-/// The queries: they change neither pack nor record and may run beside anything. A missing store or lock file may be
-/// made on the way, and a broken store is set aside.
-Outcome Status(Context& context);
-Outcome Info(Context& context);
-Outcome Codecs(Context& context);
-Outcome ShowHistory(Context& context);
+/// What a command does to the machine, and so what it may run beside.
+enum class Effect {
+  kNone,       ///< it runs at any time
+  kExclusive,  ///< it changes nothing that lasts, but runs beside no changing command
+  kChange,     ///< it changes something and is told of in the history
+};
 
-/// Looks for what is wrong with the machine and says what to do about it. Changes nothing, makes nothing.
-Outcome Doctor(Context& context);
-
-/// Shows the state to browsers, and checks and updates for those that bring the token, until a signal ends the program.
-Outcome Web(Context& context);
-
-/// Asks the plugins who they are. The library's answer file allows one at a time, so it excludes the changing commands.
-Outcome Plugins(Context& context);
-
-/// The changing commands, for a caller that keeps two of them apart. A flow that fails after it began, and a removal
-/// that fails, run the recovery before they return; one that the recorded status forbids changes nothing.
-Outcome Check(Context& context);
-Outcome Download(Context& context);
-Outcome Install(Context& context);
-Outcome Update(Context& context);
-Outcome Remove(Context& context);
-Outcome RunRecovery(Context& context);
+/// A command, and what its help, its man page and its completions tell of it.
+struct Command {
+  const char* name;  ///< one word, or two for a command of a group
+  Effect effect;
+  const char* summary;
+  const char* details;
+  Outcome (*run)(Context&);  ///< may throw what it fails with; null where the account program runs it
+  void (*add_options)(CLI::App& parser, Options& options) = nullptr;  ///< those that it alone has
+};
 
 }  // namespace orbamira::packctl

@@ -3,26 +3,12 @@
 #include <json/value.h>
 
 #include <optional>
+#include <span>
 
 #include "tools/packctl/cli/command.h"
 
+/// The command line: what it may hold, and what it asks for.
 namespace orbamira::packctl {
-
-/// What a command does to the machine, and so what it may run beside.
-enum class Effect {
-  kNone,        ///< it runs at any time
-  kExclusive,   ///< it changes nothing that lasts, but runs beside no changing command
-  kChange,      ///< it changes something and is told of in the history
-  kOwnProgram,  ///< it runs at any time, in a program of its own
-};
-
-/// A command of packctl, and what its help, its man page and its completions tell of it.
-struct Command {
-  const char* name;  ///< one word, or two for a command of a group
-  Effect effect;
-  const char* summary;
-  const char* details;
-};
 
 /// A command as it was asked for.
 struct Invocation {
@@ -36,9 +22,9 @@ struct ParsedLine {
   ExitStatus exit = kExitDone;
 };
 
-/// Understands the command line. Help and version that were asked for are printed, and what is wrong with it is told on
-/// the standard error.
-ParsedLine ParseCommandLine(int argc, const char* const* argv);
+/// Understands the command line, which may ask for one of the commands. Help and version that were asked for are
+/// printed, and what is wrong with it is told on the standard error.
+ParsedLine ParseCommandLine(int argc, const char* const* argv, std::span<const Command> commands);
 
 /// The commands and options as packctl itself takes them, for whoever writes its man page and completions:
 ///
@@ -48,6 +34,12 @@ ParsedLine ParseCommandLine(int argc, const char* const* argv);
 /// where OPTION is {"names": ["--limit"...], "help": "...", "value": "N"}, with null for the value of a flag. The name
 /// of a command that belongs to a group is the group's and its own, with a blank between; groups are told with a
 /// summary.
-Json::Value DescribeCommandLine();
+Json::Value DescribeCommandLine(std::span<const Command> commands);
+
+/// What single commands take, for Command::add_options.
+void AddWatchOption(CLI::App& parser, Options& options);
+void AddLimitOption(CLI::App& parser, Options& options);
+void AddWebOptions(CLI::App& parser, Options& options);
+void AddSignInOptions(CLI::App& parser, Options& options);
 
 }  // namespace orbamira::packctl

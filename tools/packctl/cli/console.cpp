@@ -112,6 +112,13 @@ int Console::Columns() const {
   return number > 0 && number <= kWidest ? static_cast<int>(number) : kUsual;
 }
 
+std::vector<std::string> Console::Held::Reasons(const std::string& problem) const {
+  std::vector<std::string> reasons = other;
+  reasons.insert(reasons.end(), log.begin(), log.end());
+  reasons.push_back(problem);
+  return reasons;
+}
+
 Console::Held Console::TakeHeld() {
   Look(false);
   return std::exchange(lines_, {});

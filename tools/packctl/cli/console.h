@@ -41,6 +41,9 @@ class Console {
   struct Held {
     std::vector<std::string> log;    ///< the library's messages, without the source's name and line
     std::vector<std::string> other;  ///< what child programs wrote
+
+    /// Why something failed, a sentence each: what programs wrote, what was logged, and `problem`.
+    [[nodiscard]] std::vector<std::string> Reasons(const std::string& problem) const;
   };
 
   /// The lines held back since the last call; of a flood only the first part.

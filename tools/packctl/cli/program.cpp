@@ -3,42 +3,30 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <csignal>
+#include <chrono>
+#include <ctime>
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <system_error>
+#include <utility>
 
+#include "platform/constants.h"
 #include "platform/json/json_line.h"
-#include "platform/printable.h"
+#include "platform/log.h"
+#include "platform/posix/files.h"
+#include "tools/packctl/cli/command_line.h"
+#include "tools/packctl/cli/signals.h"
+#include "tools/packctl/record/installed_pack.h"
+#include "tools/packctl/view/failure_words.h"
+#include "tools/packctl/view/status_words.h"
+#include "updater/update_lock.h"
 
 namespace orbamira::packctl {
 namespace {
 
-// An interrupted line still ends as one; the program then ends as the signal says. What it leaves is for the recovery.
-void EndLineAndDie(int signal_number) {
-  const int terminal = open("/dev/tty", O_WRONLY | O_CLOEXEC | O_NOCTTY);
-  if (terminal >= 0 && write(terminal, "\n", 1) < 0) {
-    _exit(kExitFailed);
-  }
-  static_cast<void>(raise(signal_number));
-}
-
-void SetUpSignals(const Console& console) {
-  // Neither a reader that goes away nor a limit on the size of files may end an install halfway.
-  static_cast<void>(signal(SIGPIPE, SIG_IGN));
-  static_cast<void>(signal(SIGXFSZ, SIG_IGN));
-  if (!console.IsTerminal()) {
-    return;
-  }
-  struct sigaction action {};
-  action.sa_handler = EndLineAndDie;
-  action.sa_flags = static_cast<int>(SA_RESETHAND);
-  for (const int signal_number : {SIGINT, SIGTERM}) {
-    sigaction(signal_number, &action, nullptr);
-  }
-}
+using Clock = std::chrono::steady_clock;
 
 // A closed standard descriptor would go to the next file that is opened, and be written to as output.
 void OpenStandardDescriptors() {
@@ -46,57 +34,152 @@ void OpenStandardDescriptors() {
   while (fd <= STDERR_FILENO) {
     fd = open("/dev/null", O_RDWR);
     if (fd < 0) {
-      throw std::system_error(errno, std::generic_category(), "cannot open /dev/null");
+      tools::ThrowErrno("cannot open /dev/null");
     }
   }
   close(fd);
 }
 
-}  // namespace
+// It takes the command line as it is.
+[[noreturn]] void BecomeAccountProgram(char** argv) {
+  const std::filesystem::path program = std::filesystem::path(path::kOrbaArchivePath).replace_filename("orba-account");
+  execv(program.c_str(), argv);
+  tools::ThrowErrno("cannot run " + program.string());
+}
 
-int Main(int argc, char** argv, const std::function<int(const Invocation&)>& answer) try {
-  OpenStandardDescriptors();
-  const ParsedLine line = ParseCommandLine(argc, argv);
-  return line.invocation ? answer(*line.invocation) : line.exit;
+void Append(std::vector<std::string>& lines, const std::vector<std::string>& more) {
+  lines.insert(lines.end(), more.begin(), more.end());
+}
+
+/// The outcome of a command that did not come to an answer of its own.
+Outcome Refused(ExitStatus exit, const char* result, const std::string& problem) {
+  return {.exit = exit, .result = result, .problems = {problem}};
+}
+
+Outcome Attempt(const Command& command, Context& context) try {
+  return command.run(context);
 } catch (const std::exception& error) {
-  std::cerr << "packctl: " << Printable(error.what()) << '\n';
-  return kExitFailed;
+  return Refused(kExitFailed, "failed", error.what());
 }
 
-Outcome Attempt(const Command& command, Context& context, std::span<const Function> functions) {
-  const auto function = std::find_if(functions.begin(), functions.end(),
-                                     [&](const Function& candidate) { return candidate.command == command.name; });
-  if (function == functions.end()) {
-    return Refused(kExitUsage, command, "failed", "this command is packctl's");
+// A failure is told with what was logged on the way.
+Outcome RunQuery(const Command& command, Context& context) {
+  Outcome outcome = Attempt(command, context);
+  Console::Held held = context.console.TakeHeld();
+  std::vector<std::string> problems = std::move(held.other);
+  if (outcome.exit == kExitFailed) {
+    Append(problems, held.log);
   }
-  try {
-    return function->run(context);
-  } catch (const std::exception& error) {
-    return Refused(kExitFailed, command, "failed", error.what());
-  }
-}
-
-Outcome Refused(ExitStatus exit, const Command& command, const char* result, const std::string& problem) {
-  Outcome outcome{.exit = exit, .problems = {problem}};
-  outcome.json["command"] = command.name;
-  outcome.json["result"] = result;
+  Append(problems, outcome.problems);
+  outcome.problems = std::move(problems);
   return outcome;
 }
 
-int Answer(const Invocation& invocation, Outcome (*run)(const Command&, Context&)) {
+std::optional<PackIdentity> InstalledIdentity() {
+  const std::optional<InstalledPack> pack = ReadInstalledPack();
+  return pack ? std::optional(pack->identity) : std::nullopt;
+}
+
+// Best effort: a history that cannot be kept is reported, never fatal.
+void Keep(const HistoryEntry& entry, std::vector<std::string>& problems) {
+  try {
+    AppendToHistory(entry);
+  } catch (const std::exception& error) {
+    problems.push_back(std::string("cannot keep the history: ") + error.what());
+    ORBAMIRA_LOG_ERROR("Failed to keep the history: %s", error.what());
+  }
+}
+
+// Tells of it in the history, and of a failure in one sentence; what was logged is for who asks.
+Outcome RunChange(const Command& command, Context& context) {
+  const Clock::time_point begin = Clock::now();
+  const std::optional<PackIdentity> before = InstalledIdentity();
+  Outcome outcome = Attempt(command, context);
+  const std::optional<PackIdentity> now = InstalledIdentity();
+  const Change change = outcome.change.value_or(Change());
+  const bool failed = outcome.exit == kExitFailed;
+  Console::Held held = context.console.TakeHeld();
+  std::vector<std::string> errors = failed ? held.log : std::vector<std::string>();
+  Append(errors, outcome.problems);
+  if (change.happened || failed) {
+    const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
+    Keep({.time = std::time(nullptr),
+          .duration_ms = duration.count(),
+          .command = command.name,
+          .from = before,
+          .to = change.offer ? change.offer : now,
+          .result = outcome.result,
+          .status = change.status ? StatusText(*change.status) : "",
+          .exit = outcome.exit,
+          .errors = errors},
+         errors);
+  }
+  const FailureWords words = ExplainFailure(command.name, held.other, held.log, std::exchange(outcome.problems, {}));
+  if (!failed || context.options.verbose) {
+    outcome.problems = std::move(held.other);
+    Append(outcome.problems, errors);
+  }
+  if (failed) {
+    outcome.problems.push_back(FailureSentence(command.name, words, now));
+  }
+  return outcome;
+}
+
+Outcome Run(const Command& command, Context& context) try {
+  std::optional<updater::UpdateLock> lock;
+  if (command.effect != Effect::kNone) {
+    context.lock = &lock.emplace();
+  }
+  return command.effect == Effect::kChange ? RunChange(command, context) : RunQuery(command, context);
+} catch (const updater::Busy& busy) {
+  return Refused(kExitNotPermitted, "busy", busy.what());
+} catch (const std::exception& error) {
+  return Refused(kExitFailed, "failed", error.what());
+}
+
+Json::Value AnswerJson(const Command& command, const Outcome& outcome) {
+  Json::Value answer = outcome.members;
+  if (!outcome.result.empty()) {
+    answer["command"] = command.name;
+    answer["result"] = outcome.result;
+  }
+  if (outcome.change) {
+    answer["status"] = outcome.change->status ? Json::Value(StatusText(*outcome.change->status)) : Json::Value();
+  }
+  return answer;
+}
+
+int Answer(const Invocation& invocation) {
   Console console;
-  SetUpSignals(console);
+  SetUpSignals(console.IsTerminal());
   Context context{console, invocation.options};
-  const Outcome outcome = run(*invocation.command, context);
+  const Outcome outcome = Run(*invocation.command, context);
   for (const std::string& problem : outcome.problems) {
     console.Complain(problem);
   }
-  const bool json = invocation.options.json && !outcome.json.isNull();
-  if (!console.Print(json ? JsonLine(outcome.json) : outcome.text)) {
+  const bool json = invocation.options.json && !outcome.members.isNull();
+  if (!console.Print(json ? JsonLine(AnswerJson(*invocation.command, outcome)) : outcome.text)) {
     console.Complain("cannot write to the standard output");
     return kExitFailed;
   }
   return outcome.exit;
+}
+
+}  // namespace
+
+int Main(int argc, char** argv, std::span<const Command> commands) try {
+  OpenStandardDescriptors();
+  const ParsedLine line = ParseCommandLine(argc, argv, commands);
+  if (!line.invocation) {
+    return line.exit;
+  }
+  if (line.invocation->command->run == nullptr) {
+    BecomeAccountProgram(argv);
+  }
+  return Answer(*line.invocation);
+} catch (const std::exception& error) {
+  std::cerr << "packctl: " << Printable(error.what()) << '\n';
+  return kExitFailed;
 }
 
 }  // namespace orbamira::packctl

@@ -1,9 +1,15 @@
 #pragma once
 
+/// What signals do to packctl, and so with which exit status it ends when it is told to end early.
 namespace orbamira::packctl {
 
-/// From now on SIGINT and SIGTERM end the program at once with kExitDone, whatever it waits for; on a terminal they end
-/// the line that was begun, too. For commands that run until they are told to end.
+/// For every command: neither a reader that goes away nor a limit on the size of files ends it halfway. On a terminal
+/// SIGINT and SIGTERM end the line that was begun; then they end the program, as they do by themselves elsewhere. What
+/// that leaves is for the recovery.
+void SetUpSignals(bool on_terminal);
+
+/// For a command that runs until it is told to end: from now on SIGINT and SIGTERM end it at once with kExitDone,
+/// whatever it waits for; on a terminal they end the line that was begun, too.
 void EndOnSignals(bool on_terminal);
 
 }  // namespace orbamira::packctl

@@ -11,8 +11,8 @@
 #include "platform/posix/files.h"
 #include "tools/packctl/cli/signals.h"
 #include "tools/packctl/record/file_watch.h"
-#include "tools/packctl/view/progress_view.h"
 #include "tools/packctl/record/recorded_status.h"
+#include "tools/packctl/view/progress_view.h"
 #include "tools/packctl/view/status_words.h"
 
 namespace orbamira::packctl {
@@ -121,7 +121,7 @@ Outcome WatchStatus(Context& context) {
       watcher.Show(shown);
     }
   }
-  Outcome outcome{.json = Json::nullValue};
+  Outcome outcome{.members = Json::nullValue};
   if (!watcher.can_write() && !IsGone(context.console.output())) {
     outcome.exit = kExitFailed;
     outcome.problems = {"cannot write to the standard output"};

@@ -10,7 +10,7 @@
 
 #include "platform/posix/files.h"
 #include "platform/posix/unique_fd.h"
-#include "tools/packctl/cli/command.h"
+#include "tools/packctl/commands/commands.h"
 #include "tools/packctl/doctor/checks.h"
 
 namespace orbamira::packctl {
@@ -58,7 +58,7 @@ Outcome Doctor(Context& context) {
       [&offer] { return CheckSpace(offer); },
   };
   Outcome outcome;
-  Json::Value& findings = outcome.json["findings"] = Json::arrayValue;
+  Json::Value& findings = outcome.members["findings"] = Json::arrayValue;
   for (const auto& check : checks) {
     for (const Finding& finding : check()) {
       Json::Value entry;
@@ -73,8 +73,7 @@ Outcome Doctor(Context& context) {
   // What was logged on the way is what the findings tell.
   context.console.TakeHeld();
   const bool well = findings.empty();
-  outcome.json["command"] = "doctor";
-  outcome.json["result"] = well ? "well" : "faults";
+  outcome.result = well ? "well" : "faults";
   outcome.exit = well ? kExitDone : kExitFailed;
   if (well) {
     outcome.text = "No fault was found.\n";

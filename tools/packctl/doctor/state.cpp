@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <json/reader.h>
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -7,10 +6,10 @@
 #include <chrono>
 #include <ctime>
 #include <exception>
-#include <memory>
 #include <system_error>
 
 #include "platform/constants.h"
+#include "platform/json/json_object.h"
 #include "platform/posix/unique_fd.h"
 #include "tools/packctl/doctor/checks.h"
 #include "tools/packctl/record/history.h"
@@ -46,20 +45,6 @@ bool BecomesFree(const char* lock_path) {
   return false;
 }
 
-// The object in the text; null when it holds none.
-Json::Value ObjectIn(const std::string& text) {
-  Json::CharReaderBuilder builder;
-  Json::CharReaderBuilder::strictMode(&builder.settings_);
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  Json::Value value;
-  try {
-    const bool parsed = reader->parse(text.data(), text.data() + text.size(), &value, nullptr);
-    return parsed && value.isObject() ? value : Json::Value();
-  } catch (const Json::Exception&) {  // nested too deep
-    return {};
-  }
-}
-
 /// False also for a user who may not look into the download folder.
 bool PackageIsMissing() {
   std::error_code error;
@@ -91,11 +76,11 @@ void CheckStatusStore(Findings& findings) {
   if (!read.problem.empty()) {
     findings.push_back({kState, file + " cannot be read: " + read.problem, kRecover});
   } else if (read.text) {
-    const Json::Value store = ObjectIn(*read.text);
-    if (store.isNull()) {
+    const std::optional<Json::Value> store = orbazelo::ParseJsonObject(*read.text);
+    if (!store) {
       findings.push_back({kState, file + " is damaged", kRecover});
-    } else if (store.isMember(webapi::param::kStatus)) {
-      CheckRecordedStatus(store[webapi::param::kStatus].asString(), findings);
+    } else if (store->isMember(webapi::param::kStatus)) {
+      CheckRecordedStatus((*store)[webapi::param::kStatus].asString(), findings);
     }
   }
   if (const std::string broken = file + ".broken"; fs::exists(fs::symlink_status(broken))) {
@@ -113,7 +98,7 @@ void CheckPack(Findings& findings) {
 void CheckRequirements(Findings& findings) {
   const std::string file = path::kCodecRequirementsPath;
   const FileText read = ReadText(file);
-  if (!read.problem.empty() || (read.text && ObjectIn(*read.text).isNull())) {
+  if (!read.problem.empty() || (read.text && !orbazelo::ParseJsonObject(*read.text))) {
     const std::string why = read.problem.empty() ? "" : ": " + read.problem;
     findings.push_back({kState, file + " holds no JSON object, so what applications ask for is not known" + why,
                         "have the applications write it anew"});

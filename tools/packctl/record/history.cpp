@@ -1,7 +1,6 @@
 #include "tools/packctl/record/history.h"
 
 #include <fcntl.h>
-#include <json/reader.h>
 #include <json/writer.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,12 +9,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <memory>
 #include <stdexcept>
 #include <string_view>
 
 #include "platform/constants.h"
+#include "platform/json/json_object.h"
 #include "platform/posix/files.h"
+#include "tools/packctl/view/json_values.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -30,8 +30,8 @@ std::string OlderFile() { return std::string(path::kHistoryFile) + ".1"; }
 Json::Value ToJson(const std::optional<PackIdentity>& pack) {
   Json::Value json;
   if (pack) {
-    json["package"] = pack->package.empty() ? Json::Value() : Json::Value(pack->package.substr(0, kMaxTextSize));
-    json["version"] = pack->version.empty() ? Json::Value() : Json::Value(pack->version.substr(0, kMaxTextSize));
+    json["package"] = NullIfEmpty(pack->package.substr(0, kMaxTextSize));
+    json["version"] = NullIfEmpty(pack->version.substr(0, kMaxTextSize));
   }
   return json;
 }
@@ -109,9 +109,9 @@ bool IsPack(const Json::Value& value) {
 }
 
 bool IsEntry(const Json::Value& value) {
-  if (!value.isObject() || !value["time"].isInt64() || !value["duration_ms"].isInt64() ||
-      !value["command"].isString() || !IsPack(value["from"]) || !IsPack(value["to"]) || !value["result"].isString() ||
-      !IsTextOrNull(value["status"]) || !value["exit"].isInt() || !value["errors"].isArray()) {
+  if (!value["time"].isInt64() || !value["duration_ms"].isInt64() || !value["command"].isString() ||
+      !IsPack(value["from"]) || !IsPack(value["to"]) || !value["result"].isString() || !IsTextOrNull(value["status"]) ||
+      !value["exit"].isInt() || !value["errors"].isArray()) {
     return false;
   }
   return std::all_of(value["errors"].begin(), value["errors"].end(),
@@ -127,17 +127,11 @@ std::optional<PackIdentity> PackFromJson(const Json::Value& json) {
 
 // Empty for a line that is no entry.
 std::optional<HistoryEntry> EntryFromLine(std::string_view line) {
-  Json::CharReaderBuilder builder;
-  Json::CharReaderBuilder::strictMode(&builder.settings_);
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  Json::Value json;
-  try {
-    if (!reader->parse(line.data(), line.data() + line.size(), &json, nullptr) || !IsEntry(json)) {
-      return std::nullopt;
-    }
-  } catch (const Json::Exception&) {  // nested too deep
+  const std::optional<Json::Value> object = orbazelo::ParseJsonObject(std::string(line));
+  if (!object || !IsEntry(*object)) {
     return std::nullopt;
   }
+  const Json::Value& json = *object;
   HistoryEntry entry{.time = json["time"].asInt64(),
                      .duration_ms = json["duration_ms"].asInt64(),
                      .command = json["command"].asString(),
@@ -166,6 +160,11 @@ void AddLines(std::string_view text, History& history) {
 
 }  // namespace
 
+std::vector<std::string> History::Problems() const {
+  return damaged == 0 ? std::vector<std::string>()
+                      : std::vector{"unreadable lines in the history, passed over: " + std::to_string(damaged)};
+}
+
 Json::Value HistoryEntry::ToJson() const {
   Json::Value json;
   json["time"] = Json::Int64{time};
@@ -174,7 +173,7 @@ Json::Value HistoryEntry::ToJson() const {
   json["from"] = packctl::ToJson(from);
   json["to"] = packctl::ToJson(to);
   json["result"] = result;
-  json["status"] = status.empty() ? Json::Value() : Json::Value(status);
+  json["status"] = NullIfEmpty(status);
   json["exit"] = exit;
   Json::Value& sentences = json["errors"] = Json::arrayValue;
   // The last ones tell what came of it.

@@ -9,12 +9,15 @@
 #include <string>
 #include <vector>
 
+/// What packctl has done on this machine: kept in a file of JSON lines, read back for people and for the page.
 namespace orbamira::packctl {
 
 /// A pack by name and version; either is empty where it is not known.
 struct PackIdentity {
   std::string package = {};
   std::string version = {};
+
+  friend bool operator==(const PackIdentity&, const PackIdentity&) = default;
 };
 
 /// What one run of packctl did and how it ended.
@@ -31,12 +34,17 @@ struct HistoryEntry {
 
   /// As it is printed and kept.
   [[nodiscard]] Json::Value ToJson() const;
+
+  friend bool operator==(const HistoryEntry&, const HistoryEntry&) = default;
 };
 
 /// What ReadHistory() found.
 struct History {
   std::vector<HistoryEntry> entries;  ///< oldest first
   std::size_t damaged = 0;            ///< lines that are no entry
+
+  /// What is wrong with it, a sentence each.
+  [[nodiscard]] std::vector<std::string> Problems() const;
 };
 
 /// Adds the entry to the history and syncs it; texts that are too long are cut. At a quarter of a mebibyte the file

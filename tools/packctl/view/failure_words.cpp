@@ -92,4 +92,13 @@ FailureWords ExplainFailure(const std::string& command, const std::vector<std::s
   return words;
 }
 
+std::string FailureSentence(const std::string& command, const FailureWords& words,
+                            const std::optional<PackIdentity>& installed) {
+  const std::string rest =
+      installed ? "Version " + installed->version + " stays installed. " : "No codec pack is installed. ";
+  std::string sentence = command + " failed: " + words.cause + ". " + rest + words.remedy;
+  sentence.front() = static_cast<char>(sentence.front() - 'a' + 'A');
+  return sentence;
+}
+
 }  // namespace orbamira::packctl

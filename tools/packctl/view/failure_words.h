@@ -1,8 +1,12 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "tools/packctl/record/history.h"
+
+/// What a person is told when a change failed.
 namespace orbamira::packctl {
 
 /// Why a change failed and what to do about it, for a person.
@@ -15,5 +19,9 @@ struct FailureWords {
 /// the library itself, `problems` by packctl; the lines of each in the order in which they came.
 FailureWords ExplainFailure(const std::string& command, const std::vector<std::string>& programs,
                             const std::vector<std::string>& log, const std::vector<std::string>& problems);
+
+/// All of it in one line: "Update failed: CAUSE. Version 1.0 stays installed. REMEDY"
+std::string FailureSentence(const std::string& command, const FailureWords& words,
+                            const std::optional<PackIdentity>& installed);
 
 }  // namespace orbamira::packctl

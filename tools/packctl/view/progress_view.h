@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "tools/packctl/view/progress_text.h"
 #include "tools/packctl/record/recorded_status.h"
+#include "tools/packctl/view/progress_text.h"
 
 namespace orbamira::packctl {
 

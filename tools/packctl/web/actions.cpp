@@ -1,7 +1,6 @@
 #include "tools/packctl/web/actions.h"
 
 #include <fcntl.h>
-#include <json/reader.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/json/json_object.h"
 #include "platform/posix/files.h"
 #include "platform/posix/older_systems.h"
 #include "platform/posix/unique_fd.h"
@@ -81,27 +81,27 @@ int ExitStatusOf(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-Json::Value ResultIn(const std::string& output) {
-  Json::Value answer;
-  std::istringstream stream(output);
-  const bool parsed = Json::parseFromStream(Json::CharReaderBuilder(), stream, &answer, nullptr);
-  return parsed && answer.isObject() ? answer["result"] : Json::Value();
+// The word in the answer that the command prints with --json.
+std::optional<std::string> ResultIn(const std::string& output) {
+  const std::optional<Json::Value> answer = orbazelo::ParseJsonObject(output);
+  return answer && (*answer)["result"].isString() ? std::optional((*answer)["result"].asString()) : std::nullopt;
 }
 
-Json::Value SentencesIn(const std::string& errors) {
+std::vector<std::string> SentencesIn(const std::string& errors) {
   constexpr std::string_view kPrefix = "packctl: ";
-  Json::Value sentences = Json::arrayValue;
+  std::vector<std::string> sentences;
   std::istringstream lines(errors);
   for (std::string line; std::getline(lines, line);) {
-    sentences.append(line.starts_with(kPrefix) ? line.substr(kPrefix.size()) : line);
+    sentences.push_back(line.starts_with(kPrefix) ? line.substr(kPrefix.size()) : line);
   }
   return sentences;
 }
 
-void TellEndOfProgram(int exit, const Said& said, Json::Value& action) {
-  action["exit"] = exit;
-  action["result"] = ResultIn(TextOf(said.output));
-  action["problems"] = SentencesIn(TextOf(said.errors));
+WebAction EndOfProgram(const std::string& command, int exit, const Said& said) {
+  return {.command = command,
+          .exit = exit,
+          .result = ResultIn(TextOf(said.output)),
+          .problems = SentencesIn(TextOf(said.errors))};
 }
 
 std::vector<HistoryEntry> Entries() {
@@ -112,16 +112,15 @@ std::vector<HistoryEntry> Entries() {
   }
 }
 
-// The newest entry; null without one.
-Json::Value NewestEntry() {
+std::optional<HistoryEntry> NewestEntry() {
   const std::vector<HistoryEntry> entries = Entries();
-  return entries.empty() ? Json::Value() : entries.back().ToJson();
+  return entries.empty() ? std::nullopt : std::optional(entries.back());
 }
 
 // The entry since `before` of the unit's update, or of its check that failed. A check that found nothing leaves none.
-std::optional<HistoryEntry> EntryOfUnit(const Json::Value& before) {
+std::optional<HistoryEntry> EntryOfUnit(const std::optional<HistoryEntry>& before) {
   const std::vector<HistoryEntry> entries = Entries();
-  for (auto entry = entries.rbegin(); entry != entries.rend() && entry->ToJson() != before; ++entry) {
+  for (auto entry = entries.rbegin(); entry != entries.rend() && *entry != before; ++entry) {
     if (entry->command == "update" || (entry->command == "check" && entry->exit != kExitDone)) {
       return *entry;
     }
@@ -130,28 +129,14 @@ std::optional<HistoryEntry> EntryOfUnit(const Json::Value& before) {
 }
 
 // What the unit's packctl said is in the journal; how it ended, in the history.
-void TellEndOfUnit(const Json::Value& before, int exit, const Said& said, Json::Value& action) {
+WebAction EndOfUnit(const std::string& command, const std::optional<HistoryEntry>& before, int exit, const Said& said) {
   if (const auto entry = EntryOfUnit(before)) {
-    action["exit"] = entry->exit;
-    action["result"] = entry->result;
-    for (const std::string& error : entry->errors) {
-      action["problems"].append(error);
-    }
-  } else if (exit == 0) {
-    action["exit"] = static_cast<int>(kExitNothingToDo);
-    action["result"] = "nothing_to_do";
-  } else {
-    TellEndOfProgram(exit, said, action);
+    return {.command = command, .exit = entry->exit, .result = entry->result, .problems = entry->errors};
   }
-}
-
-Json::Value Started(const std::string& command) {
-  Json::Value action;
-  action["command"] = command;
-  action["running"] = true;
-  action["exit"] = action["result"] = Json::nullValue;
-  action["problems"] = Json::arrayValue;
-  return action;
+  if (exit == 0) {
+    return {.command = command, .exit = kExitNothingToDo, .result = "nothing_to_do"};
+  }
+  return EndOfProgram(command, exit, said);
 }
 
 }  // namespace
@@ -166,7 +151,7 @@ WebActions::~WebActions() {
 }
 
 bool WebActions::Start(const std::string& command) {
-  if (Last()["running"].asBool()) {
+  if (const auto last = Last(); last && last->running) {
     return false;
   }
   if (waiter_.joinable()) {
@@ -174,30 +159,25 @@ bool WebActions::Start(const std::string& command) {
   }
   auto said = std::make_shared<const Said>(Said{MakeFile(), MakeFile()});
   const bool by_unit = command == "update" && !update_unit_.empty();
-  const Json::Value before = NewestEntry();
+  const std::optional<HistoryEntry> before = NewestEntry();
   // The program that we are, also after a newer one took its place.
   const pid_t pid = by_unit ? Spawn("systemctl", {"systemctl", "start", update_unit_}, *said)
                             : Spawn("/proc/self/exe", {"packctl", command, "--json"}, *said);
   const std::lock_guard lock(mutex_);
-  waiter_ = std::thread([this, pid, said, by_unit, before, action = Started(command)]() mutable {
+  waiter_ = std::thread([this, pid, said, by_unit, before, command] {
     const int exit = ExitStatusOf(pid);
-    action["running"] = false;
-    if (by_unit) {
-      TellEndOfUnit(before, exit, *said, action);
-    } else {
-      TellEndOfProgram(exit, *said, action);
-    }
+    WebAction ended = by_unit ? EndOfUnit(command, before, exit, *said) : EndOfProgram(command, exit, *said);
     {
-      const std::lock_guard ended(mutex_);
-      last_ = std::move(action);
+      const std::lock_guard guard(mutex_);
+      last_ = std::move(ended);
     }
     changed_();
   });
-  last_ = Started(command);
+  last_ = WebAction{.command = command, .running = true};
   return true;
 }
 
-Json::Value WebActions::Last() const {
+std::optional<WebAction> WebActions::Last() const {
   const std::lock_guard lock(mutex_);
   return last_;
 }

@@ -1,13 +1,23 @@
 #pragma once
 
-#include <json/value.h>
-
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
+/// What the page has packctl do.
 namespace orbamira::packctl {
+
+/// One action, at work or done.
+struct WebAction {
+  std::string command = {};
+  bool running = false;
+  std::optional<int> exit = {};            ///< empty while it runs; -N when signal N ended it
+  std::optional<std::string> result = {};  ///< the command's own word; empty while it runs, or when it gave none
+  std::vector<std::string> problems = {};  ///< what it complained of, a sentence each
+};
 
 /// Runs packctl's own commands, one at a time, each as a program and in a session of its own: it goes on when we end.
 class WebActions {
@@ -25,15 +35,14 @@ class WebActions {
   /// be started.
   [[nodiscard]] bool Start(const std::string& command);
 
-  /// The action at work or the last one; null when there was none: {"command", "running", "exit", "result",
-  /// "problems"}, of which exit and result are null while it runs. The exit status is -N when signal N ended it.
-  [[nodiscard]] Json::Value Last() const;
+  /// The action at work or the last one; empty when there was none.
+  [[nodiscard]] std::optional<WebAction> Last() const;
 
  private:
   std::string update_unit_;
   std::function<void()> changed_;
   mutable std::mutex mutex_;
-  Json::Value last_;
+  std::optional<WebAction> last_;
   std::thread waiter_;
 };
 

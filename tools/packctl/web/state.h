@@ -1,53 +1,77 @@
 #pragma once
 
-#include <json/value.h>
-
 #include <atomic>
+#include <ctime>
 #include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/posix/unique_fd.h"
-#include "tools/packctl/cli/command.h"
+#include "tools/packctl/cli/console.h"
+#include "tools/packctl/record/history.h"
+#include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
 
+/// What the page shows of the machine.
 namespace orbamira::packctl {
 
 /// The process that holds the lock, asked of the kernel, so that nobody is kept from it meanwhile: its id, or nothing
 /// when none does or when that cannot be told.
 std::optional<int> HolderOf(const std::string& lock_path);
 
+/// What one look at the machine found.
+struct MachineState {
+  std::optional<StatusRecord> record = {};  ///< empty when it cannot be read
+  std::string record_problem = {};          ///< why not
+  std::optional<InstalledPack> installed = {};
+  std::optional<CodecReport> codecs = {};  ///< empty when they cannot be told
+  std::vector<HistoryEntry> history = {};  ///< the newest entries, oldest first
+  std::vector<std::string> problems = {};  ///< what could not be read, a sentence each
+  bool at_work = false;                    ///< a program holds the update lock
+
+  friend bool operator==(const MachineState&, const MachineState&) = default;
+};
+
+/// Why an update may not begin in this state; empty when it may.
+std::string WhyNoUpdate(const MachineState& state);
+
 /// Looks at what there is to show.
 class StateReader {
  public:
-  /// The context's options are its own from now on.
-  explicit StateReader(Context& context);
+  /// What the console holds is the reader's from now on.
+  explicit StateReader(Console& console) : console_(console) {}
 
-  /// What /api/state tells, but for "tag", "time" and "action". What cannot be read is among its problems. While
-  /// nothing but a download's progress has changed, only that is read anew. May wait for the locks of what it reads.
-  Json::Value Look();
+  /// Looks at all of it; while nothing but a download's progress has changed, at the record alone. May wait for the
+  /// locks of what it reads.
+  MachineState Look();
 
  private:
-  Context& context_;
-  std::optional<StatusRecord> record_;  // of the last look
-  Json::Value state_;
+  Console& console_;
+  MachineState state_;  // of the last look
 };
 
 /// Looks whenever something has changed, on a thread of its own: it may have to wait for a lock that somebody keeps,
 /// and clients should not.
 class WebState {
  public:
-  /// `changed` is called from that thread after each look that found something else than the one before. The console of
-  /// the context is its own from now on.
-  WebState(Context& context, std::function<void()> changed);
+  /// What a look found, and when.
+  struct Seen {
+    MachineState state;
+    std::time_t time;  ///< seconds since the epoch
+  };
+
+  /// `changed` is called from that thread after each look that found something else than the one before. What the
+  /// console holds is its own from now on.
+  WebState(Console& console, std::function<void()> changed);
   ~WebState();
   WebState(const WebState&) = delete;
   WebState& operator=(const WebState&) = delete;
 
-  /// What the last look found, and its "time"; null before the first has ended.
-  [[nodiscard]] Json::Value Latest() const;
+  /// The last look that found something new; empty before the first has ended.
+  [[nodiscard]] std::optional<Seen> Latest() const;
 
   /// Asks for a look now.
   void LookAgain() const;
@@ -59,7 +83,7 @@ class WebState {
   StateReader reader_;
   UniqueFd wake_;
   mutable std::mutex mutex_;
-  Json::Value latest_;
+  std::optional<Seen> latest_;
   std::atomic<bool> ended_ = false;
   std::thread watcher_;
 };

@@ -1,0 +1,50 @@
+#include <string>
+
+#include "platform/constants.h"
+#include "platform/printable.h"
+#include "tools/packctl/commands/change_outcome.h"
+#include "tools/packctl/commands/commands.h"
+#include "tools/packctl/host/update_objects.h"
+#include "tools/packctl/record/recorded_status.h"
+#include "tools/packctl/view/json_values.h"
+#include "updater/recovery.h"
+
+namespace orbamira::packctl {
+Outcome Remove(Context& context) {
+  constexpr const char* kNoun = "removal";
+  if (const updater::PackStatus status = ReadStatus().status; IsUnderWay(status)) {
+    return ForbiddenChange(kNoun, status);
+  }
+  if (!updater::KOSHelper::Create()->DirExist(path::kPackFolderPath)) {
+    Outcome outcome = EndOfChange(kExitNothingToDo, "nothing_to_do");
+    outcome.text = "No codec pack is installed.\n";
+    return outcome;
+  }
+  if (!MakeUpdateObjects().manager->RemovePack()) {
+    return RecoveredChange(context, kNoun);
+  }
+  Outcome outcome = EndOfChange(kExitDone, "done");
+  outcome.change->happened = true;
+  outcome.text = "The codec pack is removed.\n";
+  return outcome;
+}
+
+Outcome RunRecovery(Context& context) {
+  const updater::RecoveryReport report = updater::Recover(*context.lock);
+  const bool whole = report.failed.empty();
+  Outcome outcome = EndOfChange(whole ? kExitDone : kExitFailed, whole ? "done" : "failed");
+  outcome.change->happened = !report.done.empty();
+  outcome.members["actions"] = ListOf(report.done);
+  outcome.members["failures"] = ListOf(report.failed);
+  for (const std::string& action : report.done) {
+    outcome.text += Printable(action) + "\n";
+  }
+  if (!whole) {
+    outcome.problems = {"not everything could be put in order"};
+  } else if (report.done.empty()) {
+    outcome.text = "Everything is in order.\n";
+  }
+  return outcome;
+}
+
+}  // namespace orbamira::packctl

@@ -1,0 +1,39 @@
+#include "tools/packctl/host/update_objects.h"
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "platform/constants.h"
+#include "platform/file_lock.h"
+#include "platform/key_value_store.h"
+#include "updater/plugin_notifier.h"
+
+namespace orbamira::packctl {
+namespace {
+
+/// Under the lock: what opens the store may set a broken file aside, and must not take one away that is being saved.
+std::shared_ptr<store::IKeyValueStore> OpenStore() {
+  const store::FileLock lock(path::kPackStatusLock);
+  return store::FileKeyValueStore::Create(path::kPackStatusFile);
+}
+
+}  // namespace
+
+UpdateObjects MakeUpdateObjects() {
+  std::shared_ptr<updater::IKOSHelper> facts = updater::KOSHelper::Create();
+  std::shared_ptr<store::IKeyValueStore> store = OpenStore();
+  if (store == nullptr) {
+    throw std::runtime_error(std::string("cannot use the status store ") + path::kPackStatusFile);
+  }
+  auto status = std::make_shared<AskedStatusHelper>(std::move(store));
+  const auto core = std::make_shared<wrapper::OrbaCoreWrapper>();
+  auto handler = std::make_shared<CheckingPackHandler>(wrapper::CprSession::Create(), facts, core,
+                                                       std::make_shared<wrapper::OrbaSDKWrapper>());
+  auto packages = std::make_shared<updater::PackageJudge>(core, std::make_shared<wrapper::OrbaPkgWrapper>());
+  auto manager =
+      std::make_unique<updater::PackManager>(core, packages, facts, status, handler, updater::PluginNotifier::Create());
+  return {std::move(packages), std::move(status), std::move(handler), std::move(manager)};
+}
+
+}  // namespace orbamira::packctl
