@@ -12,6 +12,7 @@
 #include "platform/constants.h"
 #include "tests/support/appliance.h"
 #include "tests/support/process.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira {

@@ -5,15 +5,12 @@
 #include <gmock/gmock.h>
 #include <json/reader.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <functional>
 #include <sstream>
 #include <stdexcept>
 
@@ -21,8 +18,10 @@
 #include "platform/orbazelo.h"
 #include "platform/posix/unique_fd.h"
 #include "tests/support/appliance.h"
+#include "tests/support/await.h"
 #include "tests/support/oidc_provider.h"
 #include "tests/support/process.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira {
@@ -31,6 +30,7 @@ namespace {
 namespace fs = std::filesystem;
 
 using test::Appliance;
+using test::Await;
 using test::HttpResponse;
 using test::OidcProvider;
 using test::ProgramResult;
@@ -48,17 +48,6 @@ Json::Value Parsed(const std::string& text) {
   std::istringstream stream(text);
   stream >> value;
   return value;
-}
-
-/// Waits until the condition holds; ends the test when it does not.
-void Await(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(300);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) {
-      throw std::runtime_error("what is waited for does not come");
-    }
-    poll(nullptr, 0, 10);
-  }
 }
 
 void WriteAccount(const std::string& text) {

@@ -26,6 +26,7 @@
 #include "platform/posix/unique_fd.h"
 #include "tests/support/appliance.h"
 #include "tests/support/process.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 #include "updater/pack_status_helper.h"
 

@@ -21,7 +21,7 @@
 #include "tests/support/appliance.h"
 #include "tests/support/forked.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/process.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 #include "updater/pack_manager.h"
 

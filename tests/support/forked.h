@@ -51,14 +51,6 @@ class Forked {
   int result_ = 0;
 };
 
-/// In a forked process: gives up the rights of root, so that the modes of files count.
-inline void BecomeOrdinaryUser() {
-  constexpr uid_t kNobody = 65534;
-  if (geteuid() == 0 && setuid(kNobody) != 0) {
-    throw std::runtime_error("setuid");
-  }
-}
-
 /// What a process that was to get a root or a namespace of its own returns when the system does not let it.
 constexpr int kMayNotUnshare = 77;
 

@@ -1,13 +1,7 @@
 #include "tests/support/process.h"
 
 #include <fcntl.h>
-#include <grp.h>
-#include <linux/audit.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <poll.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,11 +9,8 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstddef>
-#include <cstdint>
 #include <cstdlib>
 #include <ostream>
-#include <span>
 #include <stdexcept>
 #include <system_error>
 
@@ -166,54 +157,6 @@ ProcessResult RunProgram(const std::vector<std::string>& argv, const ProcessOpti
   result.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
   return result;
-}
-
-namespace {
-
-void InstallFilter(std::span<sock_filter> filter) {
-  const sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
-  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
-    _exit(126);
-  }
-}
-
-}  // namespace
-
-void FailSystemCall(int number, int error) {
-  std::array<sock_filter, 4> filter = {
-      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(number), 0, 1),
-      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
-      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-  InstallFilter(filter);
-}
-
-void BecomeLinux310() {
-  std::array<sock_filter, 4> filter = {
-      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      sock_filter BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, SYS_sched_setattr, 0, 1),  // the first of Linux 3.14
-      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
-      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-  InstallFilter(filter);
-}
-
-void FailRemovalOfFolders(int error) {
-  constexpr unsigned kFlags = offsetof(seccomp_data, args) + 2 * sizeof(std::uint64_t);  // the third argument
-  std::array<sock_filter, 6> filter = {
-      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_unlinkat, 0, 3),
-      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kFlags),
-      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AT_REMOVEDIR, 0, 1),
-      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
-      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-  InstallFilter(filter);
-}
-
-void BecomeOrdinaryUser() {
-  constexpr unsigned kNobody = 65534;
-  if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)) {
-    _exit(126);
-  }
 }
 
 }  // namespace orbamira::test

@@ -37,17 +37,4 @@ struct ProcessOptions {
 /// when it cannot be started.
 ProcessResult RunProgram(const std::vector<std::string>& argv, const ProcessOptions& options = {});
 
-/// For before_exec: the system call `number` fails with `error` from now on, as on a kernel or a file system that lacks
-/// it. Works unprivileged.
-void FailSystemCall(int number, int error);
-
-/// For before_exec: every system call that came after Linux 3.10 fails with ENOSYS from now on.
-void BecomeLinux310();
-
-/// For before_exec: unlinkat() fails with `error` from now on where it is to remove a folder.
-void FailRemovalOfFolders(int error);
-
-/// For before_exec: goes on as the user "nobody" when we are root, so that modes mean something.
-void BecomeOrdinaryUser();
-
 }  // namespace orbamira::test

@@ -8,7 +8,7 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <functional>
@@ -19,7 +19,10 @@
 #include <vector>
 
 #include "platform/orba_core_wrapper.h"
+#include "tests/support/await.h"
+#include "tests/support/error_text.h"
 #include "tests/support/forked.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira::store {
@@ -43,19 +46,8 @@ bool WaitsForLock(pid_t process) {
          std::string::npos;
 }
 
-bool Eventually(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(300);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) {
-      return false;
-    }
-    std::this_thread::yield();
-  }
-  return true;
-}
-
-bool EventuallyWaitsForLock(pid_t process) {
-  return Eventually([process] { return WaitsForLock(process); });
+void AwaitWaiter(pid_t process) {
+  test::Await([process] { return WaitsForLock(process); });
 }
 
 std::string ErrorOf(const std::string& path) {
@@ -96,7 +88,7 @@ TEST_F(FileLockTest, ASecondProcessWaitsUntilTheFirstIsDone) {
     const FileLock second(path_);
     return 7;
   });
-  EXPECT_TRUE(EventuallyWaitsForLock(other.pid()));
+  AwaitWaiter(other.pid());
   lock.reset();
   EXPECT_EQ(other.Wait(), 7);
 }
@@ -144,15 +136,15 @@ TEST_F(FileLockTest, AWaiterGetsTheLockOfAKilledProcess) {
     const FileLock mine(path_);
     return pause();
   });
-  ASSERT_TRUE(EventuallyWaitsForLock(holder.pid()));
+  AwaitWaiter(holder.pid());
   lock.reset();
   const auto held = [&] { return !IsFree(path_); };
-  ASSERT_TRUE(Eventually(held));
+  test::Await(held);
   test::Forked next([&] {
     const FileLock mine(path_);
     return 7;
   });
-  EXPECT_TRUE(EventuallyWaitsForLock(next.pid()));
+  AwaitWaiter(next.pid());
   kill(holder.pid(), SIGKILL);
   EXPECT_EQ(next.Wait(), 7);
   EXPECT_EQ(holder.Wait(), -SIGKILL);
@@ -168,11 +160,10 @@ class ProgramOfTheHolder {
           return run("echo $$ > '" + pid_file + ".new' && mv '" + pid_file + ".new' '" + pid_file +
                      "' && exec sleep 600");
         }) {
-    started_ = Eventually([&] { return fs::exists(pid_file); });
-    program_ = started_ ? std::stoi(test::ReadFile(pid_file)) : 0;
+    test::Await([&] { return fs::exists(pid_file); });
+    program_ = std::stoi(test::ReadFile(pid_file));
   }
 
-  [[nodiscard]] bool started() const { return started_; }
   [[nodiscard]] pid_t program() const { return program_; }
 
   int KillHolder() {
@@ -182,7 +173,6 @@ class ProgramOfTheHolder {
 
  private:
   test::Forked holder_;
-  bool started_ = false;
   pid_t program_ = 0;
 };
 
@@ -197,7 +187,6 @@ TEST_F(FileLockTest, AProgramThatOutlivesTheHolderDoesNotKeepTheLock) {
   EXPECT_FALSE(IsFree(path_));
   EXPECT_EQ(running.KillHolder(), -SIGKILL);
   EXPECT_TRUE(IsFree(path_));
-  ASSERT_TRUE(running.started());
   EXPECT_EQ(kill(running.program(), SIGKILL), 0) << "it was to outlive the holder";
 }
 
@@ -209,8 +198,7 @@ TEST_F(FileLockTest, ACommandThatTheHolderRanDoesNotKeepTheLock) {
   EXPECT_FALSE(IsFree(path_));
   EXPECT_EQ(running.KillHolder(), -SIGKILL);
   EXPECT_TRUE(IsFree(path_));
-  ASSERT_TRUE(running.started());
-  EXPECT_TRUE(Eventually([&] { return kill(running.program(), 0) != 0; })) << "it was to end after its caller";
+  test::Await([&] { return kill(running.program(), 0) != 0; });
 }
 
 TEST_F(FileLockTest, AProcessForkedMeanwhileDoesNotKeepTheLock) {
@@ -317,9 +305,10 @@ TEST_F(FileLockTest, TwoProcessesMayMakeTheFileAtOnce) {
 
 TEST_F(FileLockTest, ThrowsWithThePathWhenTheFileCannotBeMade) {
   test::WriteFile(path_, "");
-  EXPECT_THAT(ErrorOf(path_ + "/lock"), testing::AllOf(HasSubstr(path_ + "/lock"), HasSubstr("Not a directory")));
-  EXPECT_THAT(ErrorOf(path_ + "/a/lock"), testing::AllOf(HasSubstr(path_ + "/a"), HasSubstr("Not a directory")));
-  EXPECT_THAT(ErrorOf(""), HasSubstr("No such file"));
+  EXPECT_THAT(ErrorOf(path_ + "/lock"),
+              testing::AllOf(HasSubstr(path_ + "/lock"), HasSubstr(test::ErrorText(ENOTDIR))));
+  EXPECT_THAT(ErrorOf(path_ + "/a/lock"), testing::AllOf(HasSubstr(path_ + "/a"), HasSubstr(test::ErrorText(ENOTDIR))));
+  EXPECT_THAT(ErrorOf(""), HasSubstr(test::ErrorText(ENOENT)));
 }
 
 // A folder or a pipe in its place is strange, but whoever opens it locks the same thing.
@@ -353,7 +342,7 @@ TEST_F(FileLockTest, WaitsOnAfterASignal) {
     const FileLock second(path_);
     return handled.load();
   });
-  EXPECT_TRUE(EventuallyWaitsForLock(other.pid()));
+  AwaitWaiter(other.pid());
   kill(other.pid(), SIGUSR1);
   // The signal has been handled when it is no longer pending.
   const std::string status = "/proc/" + std::to_string(other.pid()) + "/status";

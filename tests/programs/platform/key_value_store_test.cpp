@@ -19,6 +19,7 @@
 #include "tests/support/fake_key_value_store.h"
 #include "tests/support/forked.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira::store {

@@ -11,7 +11,7 @@
 #include <functional>
 
 #include "tests/support/forked.h"
-#include "tests/support/process.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira {

@@ -11,14 +11,12 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <system_error>
 #include <thread>
 
-#include "tests/support/forked.h"
-#include "tests/support/process.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira {
@@ -140,27 +138,22 @@ TEST_P(AtomicFileTest, ReplaceFileThatCannotWriteLeavesTheOldFile) {
 // A rename may outlive a power cut that the content of the renamed file does not.
 TEST_P(AtomicFileTest, ReplaceFileThatCannotSyncLeavesTheOldFile) {
   WriteFile(path_, "old");
-  const auto replace = [&] {
-    test::FailSystemCall(SYS_fsync, EIO);
-    _exit(ErrorOfReplacing(path_, "content", GetParam()).code().value());
-  };
-  EXPECT_EXIT(replace(), testing::ExitedWithCode(EIO), "");
+  test::WithFailingCall(SYS_fsync, EIO,
+                        [&] { EXPECT_EQ(ErrorOfReplacing(path_, "content", GetParam()).code().value(), EIO); });
   EXPECT_EQ(ReadFile(path_), "old");
   EXPECT_EQ(EntriesIn(dir_.path()), 1U);
 }
 
 TEST(MakeFileTest, MakeFileThatCannotSyncMakesNone) {
   const TempDir dir;
-  const auto make = [&] {
-    test::FailSystemCall(SYS_fsync, EIO);
+  test::WithFailingCall(SYS_fsync, EIO, [&] {
     try {
       static_cast<void>(MakeFile(dir.File("file"), "content", 0644));
+      ADD_FAILURE() << "it was made";
     } catch (const std::system_error& error) {
-      _exit(error.code().value());
+      EXPECT_EQ(error.code().value(), EIO);
     }
-    _exit(EXIT_SUCCESS);
-  };
-  EXPECT_EXIT(make(), testing::ExitedWithCode(EIO), "");
+  });
   EXPECT_EQ(EntriesIn(dir.path()), 0U);
 }
 
@@ -169,12 +162,10 @@ TEST(MakeFileTest, MakeFileGoesWithoutARenameThatReplacesNothing) {
   for (const int error : {EINVAL, ENOSYS}) {
     const TempDir dir;
     const std::string path = dir.File("file");
-    test::Forked maker([&] {
-      test::FailSystemCall(SYS_renameat2, error);
-      const bool first = MakeFile(path, "first", 0644).valid();
-      return first && !MakeFile(path, "second", 0644).valid() ? 0 : 1;
+    test::WithFailingCall(SYS_renameat2, error, [&] {
+      EXPECT_TRUE(MakeFile(path, "first", 0644).valid()) << error;
+      EXPECT_FALSE(MakeFile(path, "second", 0644).valid()) << error;
     });
-    EXPECT_EQ(maker.Wait(), 0) << error;
     EXPECT_EQ(ReadFile(path), "first");
     EXPECT_EQ(EntriesIn(dir.path()), 1U);
   }

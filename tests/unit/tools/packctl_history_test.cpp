@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -9,8 +8,8 @@
 #include <system_error>
 
 #include "platform/constants.h"
-#include "tests/support/forked.h"
-#include "tests/support/process.h"
+#include "tests/support/file_size_limit.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 #include "tools/packctl/record/history.h"
 
@@ -38,6 +37,16 @@ class HistoryTest : public testing::Test {
             .to = PackIdentity{"orbamira-hevc", "2.0"},
             .result = "done",
             .status = "up_to_date"};
+  }
+
+  /// The number of the error that the entry could not be added for; 0 when it was.
+  static int ErrorOfAppending(const std::string& command) {
+    try {
+      AppendToHistory(Entry(command));
+      return 0;
+    } catch (const std::system_error& error) {
+      return error.code().value();
+    }
   }
 
   static std::vector<std::string> Commands(const History& history) {
@@ -218,33 +227,16 @@ TEST_F(HistoryTest, AnOlderFileThatCannotBeReplacedIsAnErrorAndNothingGrows) {
 TEST_F(HistoryTest, AnEntryThatTheDiskHasNoRoomForIsTakenBack) {
   AppendToHistory(Entry("update"));
   const std::string before = ReadFile(file_);
-  test::Forked child([&] {
-    static_cast<void>(signal(SIGXFSZ, SIG_IGN));
-    const rlimit limit{.rlim_cur = before.size() + 10, .rlim_max = before.size() + 10};
-    setrlimit(RLIMIT_FSIZE, &limit);
-    try {
-      AppendToHistory(Entry("remove"));
-    } catch (const std::system_error& error) {
-      return error.code().value() == EFBIG ? 0 : 1;
-    }
-    return 2;
-  });
-  EXPECT_EQ(child.Wait(), 0);
+  {
+    const test::FileSizeLimit full_disk(before.size() + 10);
+    EXPECT_EQ(ErrorOfAppending("remove"), EFBIG);
+  }
   EXPECT_EQ(ReadFile(file_), before);
 }
 
 TEST_F(HistoryTest, AnEntryIsSyncedBeforeTheCallReturns) {
   AppendToHistory(Entry("check"));  // from now on its folder need not be synced
-  test::Forked child([] {
-    test::FailSystemCall(SYS_fsync, EIO);
-    try {
-      AppendToHistory(Entry("update"));
-    } catch (const std::system_error& error) {
-      return error.code().value() == EIO ? 0 : 1;
-    }
-    return 2;
-  });
-  EXPECT_EQ(child.Wait(), 0);
+  test::WithFailingCall(SYS_fsync, EIO, [] { EXPECT_EQ(ErrorOfAppending("update"), EIO); });
 }
 
 }  // namespace

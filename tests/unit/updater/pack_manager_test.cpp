@@ -149,16 +149,6 @@ TEST_F(PackManagerTest, RemovePackFailsForAnyOtherStatus) {
   }
 }
 
-TEST_F(PackManagerTest, RemovePackRemovesARealFolderAndThenNone) {
-  const PackManager manager(std::make_shared<wrapper::OrbaCoreWrapper>(), pkg_, kos_, status_, handler_, notifier_);
-  fs::create_directories(fs::path(path::kRmPath).parent_path());
-  fs::create_symlink(ORBA_REMOVE, path::kRmPath);
-  test::WriteFile(path::kPackInfoPath, "version=1\n");
-  EXPECT_TRUE(manager.RemovePack());
-  EXPECT_FALSE(fs::exists(path::kPackFolderPath));
-  EXPECT_TRUE(manager.RemovePack());
-}
-
 // Codec requirements.
 
 class PackManagerCodecTest : public PackManagerTest {

@@ -14,9 +14,9 @@
 
 #include "platform/constants.h"
 #include "platform/key_value_store.h"
-#include "tests/support/forked.h"
+#include "tests/support/error_text.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/process.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 #include "updater/pack_status_helper.h"
 #include "updater/status_record.h"
@@ -36,6 +36,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 
 RecoveryReport Recovered() { return Recover(UpdateLock()); }
@@ -179,11 +180,7 @@ TEST_F(RecoveryTest, RecoverEndsRemovalsThatWereCut) {
 TEST_F(RecoveryTest, ARecoveryThatIsCutLeavesNoPartOfABackup) {
   MakePack(path::kPackFolderPath, "2");
   MakePack(path::kBackupPackFolderPath, "1");
-  test::Forked cut([] {
-    test::FailSystemCall(SYS_unlinkat, EIO);
-    return Recovered().failed.empty() ? 0 : 1;
-  });
-  EXPECT_EQ(cut.Wait(), 1);
+  test::WithFailingCall(SYS_unlinkat, EIO, [] { EXPECT_THAT(Recovered().failed, Not(IsEmpty())); });
   EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
   Recovered();
   EXPECT_THAT(Left(kTargetFolder), ElementsAre("codec-pack"));
@@ -405,7 +402,7 @@ TEST_F(RecoveryTest, RecoverReportsAFileInPlaceOfTheFolderOfPacks) {
   fs::remove_all(kTargetFolder);
   WriteFile(kTargetFolder, "a file in the way");
   EXPECT_THAT(Recovered().failed,
-              Contains(std::string("cannot make the folders: ") + kTargetFolder + ": Not a directory"));
+              Contains(std::string("cannot make the folders: ") + kTargetFolder + ": " + test::ErrorText(ENOTDIR)));
   EXPECT_EQ(ReadFile(kTargetFolder), "a file in the way");
 }
 

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <map>
 #include <stdexcept>
@@ -9,7 +10,8 @@
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
-#include "tests/support/forked.h"
+#include "tests/support/error_text.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 #include "updater/pack_status_helper.h"
 
@@ -110,17 +112,10 @@ TEST_F(StatusRecordTest, ReadThrowsWhenTheStoreCannotBeUsed) {
   std::filesystem::permissions(test::Root(), std::filesystem::perms(0711));
   std::filesystem::permissions(path::kPackStatusLock, std::filesystem::perms(0644));
   std::filesystem::permissions(path::kPackStatusFile, std::filesystem::perms::none);
-  test::Forked user([] {
-    test::BecomeOrdinaryUser();
-    try {
-      static_cast<void>(ReadStatusRecord());
-      return 1;
-    } catch (const std::runtime_error& error) {
-      const std::string problem = std::string("cannot use the status store ") + path::kPackStatusFile;
-      return error.what() == problem + ": Permission denied" ? 0 : 2;
-    }
-  });
-  EXPECT_EQ(user.Wait(), 0);
+  const test::OrdinaryUser user;
+  EXPECT_THAT([] { static_cast<void>(ReadStatusRecord()); },
+              testing::ThrowsMessage<std::runtime_error>(std::string("cannot use the status store ") +
+                                                         path::kPackStatusFile + ": " + test::ErrorText(EACCES)));
 }
 
 }  // namespace

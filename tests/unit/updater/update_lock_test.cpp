@@ -1,21 +1,14 @@
 #include "updater/update_lock.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <csignal>
 #include <filesystem>
-#include <optional>
 #include <system_error>
 
 #include "platform/constants.h"
-#include "tests/support/forked.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira::updater {
@@ -70,28 +63,6 @@ TEST_F(UpdateLockTest, ShowsAHolderOnOneLine) {
 TEST_F(UpdateLockTest, IsFreeAgainAfterItsHolder) {
   { const UpdateLock first; }
   EXPECT_NO_THROW(const UpdateLock second);
-}
-
-TEST_F(UpdateLockTest, TheNameOfAHolderThatDiedHoldsNothing) {
-  test::Forked holder([] {
-    const UpdateLock lock;
-    return raise(SIGKILL);
-  });
-  holder.Wait();
-  ASSERT_NE(test::ReadFile(path_), "");
-  const UpdateLock lock;
-  EXPECT_EQ(test::ReadFile(path_), OwnName() + "\n");
-}
-
-TEST_F(UpdateLockTest, IsNotHandedToChildPrograms) {
-  std::optional<UpdateLock> lock(std::in_place);
-  pid_t child = 0;
-  std::array<char*, 3> arguments = {const_cast<char*>("sleep"), const_cast<char*>("60"), nullptr};  // NOLINT
-  ASSERT_EQ(posix_spawnp(&child, "sleep", nullptr, nullptr, arguments.data(), environ), 0);
-  lock.reset();
-  EXPECT_NO_THROW(const UpdateLock second);
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
 }
 
 TEST_F(UpdateLockTest, SaysWhyItCannotBeHad) {
