@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <json/reader.h>
-#include <poll.h>
 #include <pty.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -19,6 +18,7 @@
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "tests/support/appliance.h"
+#include "tests/support/await.h"
 #include "tests/support/process.h"
 #include "tests/support/test_root.h"
 #include "updater/pack_status_helper.h"
@@ -29,6 +29,7 @@ namespace {
 namespace fs = std::filesystem;
 
 using test::Appliance;
+using test::Await;
 using test::HttpRequest;
 using test::HttpResponse;
 using test::ProgramResult;
@@ -71,15 +72,6 @@ class PackctlTest : public testing::Test {
   static std::vector<std::string> Members(const Json::Value& value) { return value.getMemberNames(); }
 
   static std::unique_ptr<updater::IPackStatusHelper> Status() { return updater::PackStatusHelper::Create(); }
-
-  /// Waits until the condition holds; fails the test when it does not within a minute.
-  static void Await(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(5);
-    while (!condition()) {
-      ASSERT_LT(std::chrono::steady_clock::now(), end);
-      ASSERT_EQ(poll(nullptr, 0, 10), 0);
-    }
-  }
 
   /// Lets downloads of packages stop after the first half.
   void StallPackages() {

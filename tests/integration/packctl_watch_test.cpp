@@ -3,24 +3,21 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <json/reader.h>
-#include <poll.h>
 #include <pty.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <functional>
 #include <sstream>
-#include <stdexcept>
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
 #include "tests/support/appliance.h"
+#include "tests/support/await.h"
 #include "tests/support/test_root.h"
 #include "updater/pack_status_helper.h"
 
@@ -30,6 +27,7 @@ namespace {
 namespace fs = std::filesystem;
 
 using test::Appliance;
+using test::Await;
 using test::ProgramResult;
 using test::RunningProgram;
 using testing::AllOf;
@@ -45,17 +43,6 @@ class PackctlWatchTest : public testing::Test {
   }
 
   static std::unique_ptr<updater::IPackStatusHelper> Status() { return updater::PackStatusHelper::Create(); }
-
-  /// Waits until the condition holds; ends the test when it does not, sooner than the program looks of its own accord.
-  static void Await(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(300);
-    while (!condition()) {
-      if (std::chrono::steady_clock::now() > end) {
-        throw std::runtime_error("what is waited for does not come");
-      }
-      poll(nullptr, 0, 10);
-    }
-  }
 
   static void AwaitOutput(const RunningProgram& program, const std::string& text) {
     Await([&] { return program.Output().find(text) != std::string::npos; });

@@ -18,13 +18,13 @@
 #include <filesystem>
 #include <functional>
 #include <sstream>
-#include <stdexcept>
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
 #include "platform/posix/unique_fd.h"
 #include "tests/support/appliance.h"
+#include "tests/support/await.h"
 #include "tests/support/test_root.h"
 #include "tools/http/server.h"
 #include "tools/packctl/web/state.h"
@@ -38,6 +38,7 @@ namespace fs = std::filesystem;
 
 using packctl::WebServer;
 using test::Appliance;
+using test::Await;
 using test::ProgramResult;
 using test::RunningProgram;
 using testing::AllOf;
@@ -45,17 +46,6 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 using Clock = std::chrono::steady_clock;
-
-/// Waits until the condition holds; ends the test when it does not.
-void Await(const std::function<bool()>& condition) {
-  const auto end = Clock::now() + std::chrono::seconds(300);
-  while (!condition()) {
-    if (Clock::now() > end) {
-      throw std::runtime_error("what is waited for does not come");
-    }
-    poll(nullptr, 0, 10);
-  }
-}
 
 Json::Value Parsed(const std::string& text) {
   Json::Value value;

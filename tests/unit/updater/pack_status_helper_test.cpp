@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <limits>
@@ -20,6 +20,8 @@
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
+#include "tests/support/await.h"
+#include "tests/support/error_text.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mocks.h"
 #include "tests/support/test_root.h"
@@ -525,12 +527,8 @@ TEST_F(PackStatusHelperCreateTest, WaitsForTheLock) {
   auto lock = std::make_unique<store::FileLock>(path::kPackStatusLock);
   std::atomic<bool> created = false;
   std::thread other([&] { created = PackStatusHelper::Create() != nullptr; });
-  const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
   const std::string waiting = "-> FLOCK  ADVISORY  WRITE " + std::to_string(getpid()) + " ";
-  while (!created && test::ReadFile("/proc/locks").find(waiting) == std::string::npos &&
-         std::chrono::steady_clock::now() < end) {
-    std::this_thread::yield();
-  }
+  test::Await([&] { return created || test::ReadFile("/proc/locks").find(waiting) != std::string::npos; });
   EXPECT_FALSE(created);
   EXPECT_FALSE(fs::exists(path::kPackStatusFile));
   lock.reset();
@@ -543,11 +541,11 @@ TEST_F(PackStatusHelperCreateTest, IsEmptyWithTheCauseWhenTheLockCannotBeTaken) 
   fs::remove_all(folder);
   test::WriteFile(folder, "a file in the way");
   EXPECT_EQ(PackStatusHelper::Create(), nullptr);
-  EXPECT_THAT(
-      LogCapture::Lines(),
-      ElementsAre(ErrorLine("pack_status_helper.cpp", "Cannot use the store: open lock file " +
-                                                          std::string(path::kPackStatusLock) + ": Not a directory"),
-                  ErrorLine("pack_status_helper.cpp", "Failed to create \"FileKeyValueStore\"")));
+  EXPECT_THAT(LogCapture::Lines(),
+              ElementsAre(ErrorLine("pack_status_helper.cpp", "Cannot use the store: open lock file " +
+                                                                  std::string(path::kPackStatusLock) + ": " +
+                                                                  test::ErrorText(ENOTDIR)),
+                          ErrorLine("pack_status_helper.cpp", "Failed to create \"FileKeyValueStore\"")));
   fs::remove(folder);
 }
 
@@ -557,8 +555,8 @@ TEST_F(PackStatusHelperCreateTest, IsEmptyWithTheCauseWhenTheFileCannotBeUsed) {
   fs::create_symlink("nowhere", folder);
   EXPECT_EQ(PackStatusHelper::Create(), nullptr);
   EXPECT_THAT(LogCapture::Lines(),
-              ElementsAre(ErrorLine("key_value_store.cpp",
-                                    "Cannot use the store: make folder " + folder.string() + ": File exists"),
+              ElementsAre(ErrorLine("key_value_store.cpp", "Cannot use the store: make folder " + folder.string() +
+                                                               ": " + test::ErrorText(EEXIST)),
                           ErrorLine("pack_status_helper.cpp", "Failed to create \"FileKeyValueStore\"")));
   fs::remove(folder);
 }
