@@ -7,18 +7,21 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
-#include <regex>
 #include <sstream>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/constants.h"
 #include "tests/support/appliance.h"
+#include "tests/support/error_text.h"
 #include "tests/support/file_size_limit.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_root.h"
@@ -41,6 +44,36 @@ using test::ProgramResult;
 using test::RunningProgram;
 
 using Log = std::vector<LogLine>;
+
+// Stands in an expected text for what the transfer library says of a failure, which is its own business.
+const std::string kAnyWords = "(any words)";
+
+bool ReadsLike(std::string_view text, std::string_view expected) {
+  const std::size_t words = expected.find(kAnyWords);
+  if (words == std::string_view::npos) {
+    return text == expected;
+  }
+  if (!text.starts_with(expected.substr(0, words))) {
+    return false;
+  }
+  const std::string_view rest = expected.substr(words + kAnyWords.size());
+  for (std::size_t end = words + 1; end <= text.size(); ++end) {
+    if (ReadsLike(text.substr(end), rest)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+MATCHER_P(ReadsLikeText, expected, "reads like " + testing::PrintToString(expected)) {
+  return ReadsLike(arg, expected);
+}
+
+MATCHER(ReadsLikeLine, "") {
+  const auto& [line, expected] = arg;
+  return line.priority == expected.priority && line.file == expected.file && ReadsLike(line.text, expected.text);
+}
+
 constexpr std::size_t kMebibyte = std::size_t{1} << 20;
 
 struct Misbehaviour {
@@ -190,14 +223,14 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
   return {
       {.name = "ReplyNeverComes",
        .reply = [](HttpResponse& response) { response.silent = true; },
-       .log = CheckFails("Failed to send request with error: Empty reply from server")},
+       .log = CheckFails("Failed to send request with error: " + kAnyWords)},
       {.name = "ReplyIsResetBeforeItsHead",
        .reply =
            [](HttpResponse& response) {
              response.silent = true;
              response.reset_at = 0;
            },
-       .log = CheckFails("Failed to send request with error: Recv failure: Connection reset by peer")},
+       .log = CheckFails("Failed to send request with error: " + kAnyWords)},
       {.name = "ReplyIsResetAfterItsHead",
        .reply = [](HttpResponse& response) { response.reset_at = 0; },
        .log = CheckFails("Failed to parse response")},
@@ -303,25 +336,19 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
        .throws = true},
       {.name = "LinkIsEmpty",
        .reply = OffersWith(param::kLink, ""),
-       .log = [](const std::string&) { return DownloadFails("URL_MALFORMAT")(""); },
+       .log = [](const std::string&) { return DownloadFails(kAnyWords)(""); },
        .downloads = true},
       {.name = "LinkIsNull",
        .reply = OffersWith(param::kLink, Json::nullValue),
-       .log = [](const std::string&) { return DownloadFails("URL_MALFORMAT")(""); },
+       .log = [](const std::string&) { return DownloadFails(kAnyWords)(""); },
        .downloads = true},
       {.name = "LinkIsALocalFile",
        .reply = OffersWith(param::kLink, "file:///etc/passwd"),
-       .log =
-           [](const std::string&) {
-             return DownloadFails("Protocol \"file\" not supported or disabled in libcurl")("file:///etc/passwd");
-           },
+       .log = [](const std::string&) { return DownloadFails(kAnyWords)("file:///etc/passwd"); },
        .downloads = true},
       {.name = "LinkHasAnotherScheme",
        .reply = OffersWith(param::kLink, "ftp://127.0.0.1/pack"),
-       .log =
-           [](const std::string&) {
-             return DownloadFails("Protocol \"ftp\" not supported or disabled in libcurl")("ftp://127.0.0.1/pack");
-           },
+       .log = [](const std::string&) { return DownloadFails(kAnyWords)("ftp://127.0.0.1/pack"); },
        .downloads = true},
       {.name = "LinkLooksLikeAFormat",
        .reply = [](HttpResponse& response) { OffersWith(param::kLink, PublishedLink() + "%s%n%d")(response); },
@@ -389,23 +416,23 @@ std::vector<Misbehaviour> MisbehavioursOfThePackage() {
   const std::vector<Misbehaviour> others = {
       {.name = "PackageNeverComes",
        .package = Always([](HttpResponse& response) { response.silent = true; }),
-       .log = DownloadFails("Empty reply from server"),
+       .log = DownloadFails(kAnyWords),
        .downloads = true},
       {.name = "PackageIsResetBeforeItsHead",
        .package = Always([](HttpResponse& response) {
          response.silent = true;
          response.reset_at = 0;
        }),
-       .log = DownloadFails("Recv failure: Connection reset by peer"),
+       .log = DownloadFails(kAnyWords),
        .downloads = true},
       {.name = "PackageIsAlwaysResetAtOnce",
        .package = Always([](HttpResponse& response) { response.reset_at = 0; }),
-       .log = DownloadFails("Recv failure: Connection reset by peer; got 0 of 10240 bytes, " + gave_up),
+       .log = DownloadFails(kAnyWords + "; got 0 of 10240 bytes, " + gave_up),
        .downloads = true,
        .slow = true},
       {.name = "PackageIsAlwaysCutAfterAByte",
        .package = Always([](HttpResponse& response) { response.close_at = 1; }),
-       .log = DownloadFails("transfer closed with 10234 bytes remaining to read; got 6 of 10240 bytes, " + gave_up),
+       .log = DownloadFails(kAnyWords + "; got 6 of 10240 bytes, " + gave_up),
        .downloads = true,
        .slow = true},
       {.name = "PackageStallsForever",
@@ -470,11 +497,11 @@ std::vector<Misbehaviour> MisbehavioursOfThePackage() {
        .slow = true},
       {.name = "PackageRedirectsForever",
        .package = Always([](HttpResponse& response) { Redirects(PublishedLink())(response); }),
-       .log = DownloadFails("Maximum (10) redirects followed"),
+       .log = DownloadFails(kAnyWords),
        .downloads = true},
       {.name = "PackageRedirectsToAFile",
        .package = Always(Redirects("file:///etc/passwd")),
-       .log = DownloadFails("Protocol \"file\" not supported or disabled in libcurl"),
+       .log = DownloadFails(kAnyWords),
        .downloads = true},
       {.name = "PackageIsHtml",
        .package = Always(Says("<!DOCTYPE html><html><body>Please sign in</body></html>")),
@@ -524,20 +551,6 @@ class MisbehavingServerTest : public testing::TestWithParam<Misbehaviour> {
   MisbehavingServerTest() {
     appliance_.Publish("1.0", "one");
     EXPECT_TRUE(manager_->DownloadAndInstall());
-  }
-
-  // The time that a connection took to fail is not the same twice.
-  static std::string Timeless(const std::string& text) {
-    static const std::regex time("after [0-9]+ ms");
-    return std::regex_replace(text, time, "after N ms");
-  }
-
-  static Log TimelessLog() {
-    Log lines = LogCapture::Lines();
-    for (LogLine& line : lines) {
-      line.text = Timeless(line.text);
-    }
-    return lines;
   }
 
   // What packctl writes about a failed update: the log, what the recovery did, and how it ended.
@@ -597,7 +610,7 @@ class MisbehavingServerTest : public testing::TestWithParam<Misbehaviour> {
   void ExpectLibrarySurvives(const Misbehaviour& misbehaviour, const Log& log) {
     Misbehave(misbehaviour);
     EXPECT_EQ(manager_->DownloadAndInstall(), log.empty());
-    EXPECT_EQ(TimelessLog(), log);
+    EXPECT_THAT(LogCapture::Lines(), testing::Pointwise(ReadsLikeLine(), log));
     EXPECT_GE(attempts_, misbehaviour.attempts);
     if (log.empty()) {
       ExpectPack("2.0", misbehaviour.payload);
@@ -622,7 +635,7 @@ class MisbehavingServerTest : public testing::TestWithParam<Misbehaviour> {
       return;
     }
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(Timeless(WithoutLastLine(result.errors)), ErrorsOf(log, misbehaviour));
+    EXPECT_THAT(WithoutLastLine(result.errors), ReadsLikeText(ErrorsOf(log, misbehaviour)));
     ExpectPack("1.0", "one");
     EXPECT_EQ(RecordedStatus(), "download_install_failed");
     EXPECT_FALSE(fs::exists(kDownloadFolder));
@@ -661,7 +674,7 @@ TEST_F(MisbehavingServerTest, APackageWithoutEndGivesItsRoomBack) {
   appliance_.Publish("2.0", test::PatternOf(kMebibyte));
   const Misbehaviour endless{
       .name = "PackageNeverEnds", .reply = OffersWithoutSize, .package = Always(SendWithoutEnd), .downloads = true};
-  const Log log = DownloadFails("cannot write the file: File too large")(PublishedLink());
+  const Log log = DownloadFails("cannot write the file: " + test::ErrorText(EFBIG))(PublishedLink());
   {
     const test::FileSizeLimit full(3 * kMebibyte);
     ExpectPackctlSurvives(endless, log);
@@ -684,7 +697,8 @@ TEST_F(MisbehavingServerTest, APackageWithoutEndGivesItsRoomBack) {
 
 TEST_F(MisbehavingServerTest, PackctlTakesNoMoreThanTheSizeInTheReply) {
   appliance_.Publish("2.0", "two");
-  const Log log = DownloadFails("the file is over 10240 bytes, its size in the reply: File too large")(PublishedLink());
+  const Log log =
+      DownloadFails("the file is over 10240 bytes, its size in the reply: " + test::ErrorText(EFBIG))(PublishedLink());
   ExpectPackctlSurvives({.name = "PackageNeverEnds", .package = Always(SendWithoutEnd), .log = {}, .downloads = true},
                         log);
   ExpectHealthyUpdate("two");
@@ -696,8 +710,8 @@ TEST_F(MisbehavingServerTest, ADownloadIsBoundedByTheSettings) {
   test::WriteFile(path::kPkgSetting, settings + "download_limit=10239\n");
   const Misbehaviour endless{
       .name = "PackageNeverEnds", .reply = OffersWithoutSize, .package = Always(SendWithoutEnd), .downloads = true};
-  const Log log = DownloadFails("the file is over 10239 bytes, the download_limit of the settings: File too large")(
-      PublishedLink());
+  const Log log = DownloadFails("the file is over 10239 bytes, the download_limit of the settings: " +
+                                test::ErrorText(EFBIG))(PublishedLink());
   ExpectLibrarySurvives(endless, log);
   ExpectPackctlSurvives(endless, log);
   test::WriteFile(path::kPkgSetting, settings + "download_limit=10240\n");
@@ -798,7 +812,7 @@ TEST_F(MisbehavingServerTest, AReplyThatNeverComesCanBeGivenUp) {
     asked.set_value();
   });
   RunningProgram check(Appliance::PackctlCommand({"check"}));
-  ASSERT_EQ(asked.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  ASSERT_EQ(asked.get_future().wait_for(std::chrono::minutes(5)), std::future_status::ready);
   check.Signal(SIGTERM);
   EXPECT_EQ(check.Wait().status, -SIGTERM);
   EXPECT_EQ(Appliance::StatusRecord(), record);
@@ -811,12 +825,6 @@ class AbsentServerTest : public MisbehavingServerTest {
  protected:
   AbsentServerTest() { appliance_.Publish("2.0", "two"); }
 
-  // What the HTTP library says of it, in the words of its release.
-  static std::string Refusal(const test::RefusingPort& port) {
-    const std::string message = cpr::Get(cpr::Url{port.Url("/")}).error.message;
-    return std::regex_replace(message, std::regex("[0-9]+ ms"), "N ms");
-  }
-
   const test::RefusingPort refusing_;
 };
 
@@ -825,7 +833,7 @@ TEST_F(AbsentServerTest, AnUpdateServerThatRefusesIsNoHarm) {
   test::WriteFile(path::kPkgSetting,
                   std::string(common::kPackUpdateServer) + "=" + refusing_.Url("/reply.json") + "\n");
   const Misbehaviour absent{.name = "UpdateServerRefuses"};
-  const Log log = CheckFails("Failed to send request with error: " + Refusal(refusing_))("");
+  const Log log = CheckFails("Failed to send request with error: " + kAnyWords)("");
   ExpectLibrarySurvives(absent, log);
   ExpectPackctlSurvives(absent, log);
   test::WriteFile(path::kPkgSetting, settings);
@@ -835,7 +843,7 @@ TEST_F(AbsentServerTest, AnUpdateServerThatRefusesIsNoHarm) {
 TEST_F(AbsentServerTest, AServerOfPackagesThatRefusesIsNoHarm) {
   const std::string link = refusing_.Url("/pack.opk");
   const Misbehaviour absent{.name = "PackageServerRefuses", .reply = OffersWith(param::kLink, link), .downloads = true};
-  const Log log = DownloadFails(Refusal(refusing_))(link);
+  const Log log = DownloadFails(kAnyWords)(link);
   ExpectLibrarySurvives(absent, log);
   ExpectPackctlSurvives(absent, log);
   ExpectHealthyUpdate("two");

@@ -305,6 +305,16 @@ HttpResponse ServeFile(const HttpRequest& request, const std::string& body, cons
   return response;
 }
 
+HttpServer::Handler CutFirstAt(std::size_t place, HttpServer::Handler handler) {
+  return [place, handler = std::move(handler), is_first = true](const HttpRequest& request) mutable {
+    HttpResponse response = handler(request);
+    if (std::exchange(is_first, false)) {
+      response.close_at = place;
+    }
+    return response;
+  };
+}
+
 std::string PatternOf(std::size_t size) {
   std::string text(size, '\0');
   std::uint32_t state = 1;

@@ -128,6 +128,9 @@ class RefusingPort {
 /// "If-Range" is absent or names `etag`; 416 when the part begins behind the end. An empty `etag` is not sent.
 HttpResponse ServeFile(const HttpRequest& request, const std::string& body, const std::string& etag);
 
+/// Answers as `handler` does, but the connection of the first answer ends at this place of its body.
+HttpServer::Handler CutFirstAt(std::size_t place, HttpServer::Handler handler);
+
 /// Bytes in which every place looks different from its surroundings, so that a shifted or repeated part shows.
 std::string PatternOf(std::size_t size);
 

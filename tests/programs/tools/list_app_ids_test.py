@@ -1,3 +1,4 @@
+import errno
 import json
 import os
 import stat
@@ -81,7 +82,7 @@ class ListAppIdsTest(PluginTestCase):
         self.folder.write_text("a file")
         self.file.parent.mkdir(parents=True)
         self.file.write_text("as it was")
-        self.assert_no_answer(self.ask(), ": cannot be read: Not a directory")
+        self.assert_no_answer(self.ask(), f": cannot be read: {os.strerror(errno.ENOTDIR)}")
         self.assertEqual("as it was", self.file.read_text())
         self.assertEqual([self.file.name], os.listdir(self.file.parent))
 
@@ -162,14 +163,14 @@ class ListAppIdsTest(PluginTestCase):
         self.file.mkdir(parents=True)
         result = self.ask()
         self.assertEqual(1, result.returncode)
-        self.assertEqual(f"list-app-ids: {self.file}: cannot be written: Is a directory\n", result.stderr)
+        self.assertEqual(f"list-app-ids: {self.file}: cannot be written: {os.strerror(errno.EISDIR)}\n", result.stderr)
         self.assertEqual([self.file.name], os.listdir(self.file.parent))
 
     def test_folder_that_cannot_be_made_fails(self):
         (self.root / "run").write_text("")
         result = self.ask()
         self.assertEqual(1, result.returncode)
-        self.assertEqual(f"list-app-ids: {self.file}: cannot be written: Not a directory\n", result.stderr)
+        self.assertEqual(f"list-app-ids: {self.file}: cannot be written: {os.strerror(errno.ENOTDIR)}\n", result.stderr)
 
     def test_wrong_usage_asks_no_plugin(self):
         self.add_plugin("a", 'echo asked >> "$LOG"')

@@ -292,7 +292,7 @@ class MkpackPackageTest(MkpackTest):
     def test_full_disk_fails_and_leaves_nothing_behind(self):
         (self.payload / "big").write_bytes(os.urandom(1 << 20))
         self.assert_fails(
-            f"mkpack: {self.output}: File too large\n",
+            f"mkpack: {self.output}: {os.strerror(errno.EFBIG)}\n",
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 19, 1 << 19)),
         )
 
@@ -727,7 +727,9 @@ class MkpackUsageTest(MkpackTest):
     def test_output_that_cannot_be_made_is_an_error(self):
         self.output.write_text("")
         result = self.run_mkpack()
-        self.assertEqual((1, f"mkpack: {self.reply}: Not a directory\n"), (result.returncode, result.stderr))
+        self.assertEqual(
+            (1, f"mkpack: {self.reply}: {os.strerror(errno.ENOTDIR)}\n"), (result.returncode, result.stderr)
+        )
 
 
 if __name__ == "__main__":

@@ -209,7 +209,7 @@ class NotifyPluginsTest(PluginTestCase):
     def test_folder_that_is_none_cannot_be_read(self):
         self.folder.parent.mkdir(parents=True)
         self.folder.write_text("")
-        self.assert_told(self.notify(), ": cannot be read: Not a directory")
+        self.assert_told(self.notify(), f": cannot be read: {os.strerror(errno.ENOTDIR)}")
 
     def test_what_plugins_print_goes_to_standard_error(self):
         self.add_plugin("a", "echo one; echo two >&2; exit 1")

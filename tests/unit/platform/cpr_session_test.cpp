@@ -3,11 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
 #include "platform/constants.h"
+#include "tests/support/error_text.h"
 #include "tests/support/http_server.h"
 #include "tests/support/test_root.h"
 
@@ -79,7 +81,8 @@ TEST_F(CprSessionTest, DownloadToFileTakesNoMoreThanTheSettingsAllow) {
   test::WriteFile(path::kPkgSetting, "download_limit=1500\n");
   const cpr::Response response = Download(server.Url());
   EXPECT_EQ(response.status_code, 0);
-  EXPECT_EQ(response.error.message, "the file is over 1500 bytes, the download_limit of the settings: File too large");
+  EXPECT_EQ(response.error.message,
+            "the file is over 1500 bytes, the download_limit of the settings: " + test::ErrorText(EFBIG));
   EXPECT_EQ(ReadFile(path_), "");
   std::filesystem::remove(path::kPkgSetting);
 }
@@ -184,7 +187,7 @@ TEST_F(CprSessionTest, DownloadToFileReportsAFullDisk) {
     const cpr::Response response = DownloadTo(file, server.Url());
     EXPECT_EQ(response.status_code, 0) << size;
     EXPECT_EQ(response.error.code, cpr::ErrorCode::WRITE_ERROR) << size;
-    EXPECT_EQ(response.error.message, "cannot write the file: No space left on device") << size;
+    EXPECT_EQ(response.error.message, "cannot write the file: " + test::ErrorText(ENOSPC)) << size;
   }
 }
 

@@ -6,6 +6,7 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <fstream>
@@ -19,6 +20,7 @@
 #include "platform/constants.h"
 #include "platform/exception.h"
 #include "platform/http/download_policy.h"
+#include "tests/support/error_text.h"
 #include "tests/support/file_size_limit.h"
 #include "tests/support/http_server.h"
 #include "tests/support/test_root.h"
@@ -49,6 +51,7 @@ namespace {
 
 using exception::kDownloadFailure;
 using std::chrono::milliseconds;
+using test::CutFirstAt;
 using test::HttpRequest;
 using test::HttpResponse;
 using test::HttpServer;
@@ -280,7 +283,7 @@ TEST_F(DownloadWrapperTest, DownloadToFileReportsAFullDiskAndDoesNotTryAgain) {
   for (const std::size_t size : {std::size_t{1}, kMebibyte}) {
     HttpServer server([&](const HttpRequest&) { return HttpResponse{.body = PatternOf(size)}; });
     std::ofstream file("/dev/full", std::ios::binary);
-    EXPECT_EQ(FailureOf(file, server.Url()), server.Url() + ": cannot write the file: No space left on device");
+    EXPECT_EQ(FailureOf(file, server.Url()), server.Url() + ": cannot write the file: " + test::ErrorText(ENOSPC));
     EXPECT_THAT(server.Requests(), SizeIs(1));
   }
 }
@@ -293,7 +296,7 @@ TEST_F(DownloadWrapperTest, DownloadToFileOfAnEndlessBodyGivesTheRoomBackOnceThe
   file << "before" << std::flush;
   {
     const test::FileSizeLimit full(3 * kMebibyte + 7);
-    EXPECT_EQ(FailureOf(file, server.Url()), server.Url() + ": cannot write the file: File too large");
+    EXPECT_EQ(FailureOf(file, server.Url()), server.Url() + ": cannot write the file: " + test::ErrorText(EFBIG));
     EXPECT_EQ(ReadFile(path_), "before");
     file.close();
   }
@@ -320,7 +323,7 @@ TEST_F(DownloadWrapperLimitTest, DownloadToFileTakesNoMoreThanTheReplySays) {
   policy_.size = 1000;
   for (HttpServer* server : {&endless_, &announcing_}) {
     EXPECT_EQ(FailureOf(server->Url()),
-              server->Url() + ": the file is over 1000 bytes, its size in the reply: File too large");
+              server->Url() + ": the file is over 1000 bytes, its size in the reply: " + test::ErrorText(EFBIG));
     EXPECT_EQ(ReadFile(path_), "");
     EXPECT_THAT(server->Requests(), SizeIs(1));
   }
@@ -330,15 +333,11 @@ TEST_F(DownloadWrapperLimitTest, DownloadToFileTakesNoMoreThanTheReplySays) {
 
 TEST_F(DownloadWrapperLimitTest, DownloadToFileTakesNoMoreThanTheReplySaysWhenItIsTakenUp) {
   const std::string body = PatternOf(1000);
-  int requests = 0;
-  HttpServer server([&](const HttpRequest& request) {
+  HttpServer server(CutFirstAt(400, [&](const HttpRequest& request) {
     HttpResponse response = ServeFile(request, body, "\"v1\"");
     response.framing = HttpResponse::Framing::kChunked;
-    if (++requests == 1) {
-      response.close_at = 400;
-    }
     return response;
-  });
+  }));
   policy_.size = 999;
   EXPECT_THAT(FailureOf(server.Url()), HasSubstr("the file is over 999 bytes"));
   EXPECT_EQ(ReadFile(path_), "");
@@ -356,8 +355,9 @@ TEST_F(DownloadWrapperLimitTest, DownloadToFileTakesNoMoreThanTheSettingsAllow) 
   test::WriteFile(path::kPkgSetting, "download_limit=\"1000\"\n");
   policy_.size = 2000;
   for (HttpServer* server : {&endless_, &announcing_}) {
-    EXPECT_EQ(FailureOf(server->Url()),
-              server->Url() + ": the file is over 1000 bytes, the download_limit of the settings: File too large");
+    EXPECT_EQ(
+        FailureOf(server->Url()),
+        server->Url() + ": the file is over 1000 bytes, the download_limit of the settings: " + test::ErrorText(EFBIG));
     EXPECT_EQ(ReadFile(path_), "");
   }
 }
@@ -366,8 +366,8 @@ TEST_F(DownloadWrapperLimitTest, DownloadToFileRefusesALimitThatIsNoNumberOfByte
   for (const char* malformed : {"16G", "-1", "0x10", "99999999999999999999"}) {
     test::WriteFile(path::kPkgSetting, std::string("download_limit=") + malformed + "\n");
     EXPECT_EQ(FailureOf(announcing_.Url()), announcing_.Url() + ": " + path::kPkgSetting +
-                                                ": download_limit is not a number of bytes: " + malformed +
-                                                ": Invalid argument");
+                                                ": download_limit is not a number of bytes: " + malformed + ": " +
+                                                test::ErrorText(EINVAL));
   }
   EXPECT_THAT(announcing_.Requests(), IsEmpty());
 }
@@ -376,8 +376,10 @@ TEST_F(DownloadWrapperLimitTest, DownloadToFileRefusesALimitThatIsNoNumberOfByte
 TEST_F(DownloadWrapperLimitTest, DownloadToFileOfAnEndlessBodyLeavesAReserveFree) {
   free_on_empty_disk = 60 * kMebibyte;  // 51.2 of them are the reserve
   EXPECT_THAT(FailureOf(endless_.Url()),
-              testing::MatchesRegex(endless_.Url() + ": cannot write the file: it needs 262144 bytes, [0-9]+ are free "
-                                                     "and 53686272 stay free: No space left on device"));
+              testing::MatchesRegex(endless_.Url() +
+                                    ": cannot write the file: it needs 262144 bytes, [0-9]+ are free "
+                                    "and 53686272 stay free: " +
+                                    test::ErrorText(ENOSPC)));
   EXPECT_EQ(ReadFile(path_), "");
   EXPECT_THAT(calls_.back().first, Le(static_cast<long>(9 * kMebibyte)));
 }
@@ -398,8 +400,10 @@ TEST_F(DownloadWrapperLimitTest, DownloadToFileOfABodyLargerThanTheDiskFailsAtOn
   test::WriteFile(path::kPkgSetting, "download_limit=9223372036854775807\n");
   HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "begin", .claimed_length = 1L << 60U}; });
   EXPECT_THAT(FailureOf(server.Url()),
-              testing::MatchesRegex(server.Url() + ": cannot write the file: it needs 1152921504606846976 bytes, "
-                                                   "[0-9]+ are free and [0-9]+ stay free: No space left on device"));
+              testing::MatchesRegex(server.Url() +
+                                    ": cannot write the file: it needs 1152921504606846976 bytes, "
+                                    "[0-9]+ are free and [0-9]+ stay free: " +
+                                    test::ErrorText(ENOSPC)));
   EXPECT_THAT(calls_, IsEmpty());
   EXPECT_EQ(ReadFile(path_), "");
   EXPECT_THAT(server.Requests(), SizeIs(1));
@@ -408,19 +412,12 @@ TEST_F(DownloadWrapperLimitTest, DownloadToFileOfABodyLargerThanTheDiskFailsAtOn
 TEST_F(DownloadWrapperTest, DownloadToFileReportsAFileThatCannotBePutOnDisk) {
   HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "body"}; });
   std::ofstream file("/dev/null", std::ios::binary);
-  EXPECT_EQ(FailureOf(file, server.Url()), server.Url() + ": cannot sync the file: Invalid argument");
+  EXPECT_EQ(FailureOf(file, server.Url()), server.Url() + ": cannot sync the file: " + test::ErrorText(EINVAL));
 }
 
 TEST_F(DownloadWrapperTest, DownloadToFileBeginsWhereTheStreamStands) {
   const std::string body = PatternOf(kMebibyte);
-  int requests = 0;
-  HttpServer server([&](const HttpRequest&) {
-    HttpResponse response{.body = body};
-    if (++requests == 1) {
-      response.close_at = 1000;
-    }
-    return response;
-  });
+  HttpServer server(CutFirstAt(1000, [&](const HttpRequest&) { return HttpResponse{.body = body}; }));
   std::ofstream file(path_, std::ios::binary);
   file << "before ";
   EXPECT_EQ(DownloadTo(file, server.Url()), 200);
@@ -456,14 +453,7 @@ TEST_F(DownloadWrapperTest, DownloadToFileTakesACutTransferUpWhereItStopped) {
 
 TEST_F(DownloadWrapperTest, DownloadToFileTakesAnAnswerThatIsCutBeforeItsFirstByteForACut) {
   const std::string body = PatternOf(1000);
-  int requests = 0;
-  HttpServer server([&](const HttpRequest& request) {
-    HttpResponse response = ServeFile(request, body, "\"v1\"");
-    if (++requests == 1) {
-      response.close_at = 0;
-    }
-    return response;
-  });
+  HttpServer server(CutFirstAt(0, [&](const HttpRequest& request) { return ServeFile(request, body, "\"v1\""); }));
   EXPECT_EQ(Download(server.Url()), 200);
   EXPECT_EQ(ReadFile(path_), body);
   EXPECT_THAT(RangesOf(server), ElementsAre("|", "|"));
@@ -472,15 +462,11 @@ TEST_F(DownloadWrapperTest, DownloadToFileTakesAnAnswerThatIsCutBeforeItsFirstBy
 TEST_F(DownloadWrapperTest, DownloadToFileAsksByDateWhereThereIsNoStrongTag) {
   const std::string body = PatternOf(1000);
   const std::string date = "Wed, 21 Oct 2015 07:28:00 GMT";
-  int requests = 0;
-  HttpServer server([&](const HttpRequest& request) {
+  HttpServer server(CutFirstAt(400, [&](const HttpRequest& request) {
     HttpResponse response = ServeFile(request, body, date);
     response.headers = {{"ETag", "W/\"weak\""}, {"Last-Modified", date}, {"Content-Range", "bytes 400-999/1000"}};
-    if (++requests == 1) {
-      response.close_at = 400;
-    }
     return response;
-  });
+  }));
   EXPECT_EQ(Download(server.Url()), 200);
   EXPECT_EQ(ReadFile(path_), body);
   EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|" + date));
@@ -488,14 +474,7 @@ TEST_F(DownloadWrapperTest, DownloadToFileAsksByDateWhereThereIsNoStrongTag) {
 
 TEST_F(DownloadWrapperTest, DownloadToFileStartsOverWhereNothingTellsTheFileApart) {
   const std::string body = PatternOf(1000);
-  int requests = 0;
-  HttpServer server([&](const HttpRequest& request) {
-    HttpResponse response = ServeFile(request, body, "");
-    if (++requests == 1) {
-      response.close_at = 400;
-    }
-    return response;
-  });
+  HttpServer server(CutFirstAt(400, [&](const HttpRequest& request) { return ServeFile(request, body, ""); }));
   EXPECT_EQ(Download(server.Url()), 200);
   EXPECT_EQ(ReadFile(path_), body);
   EXPECT_THAT(RangesOf(server), ElementsAre("|", "|"));
@@ -503,14 +482,9 @@ TEST_F(DownloadWrapperTest, DownloadToFileStartsOverWhereNothingTellsTheFileApar
 
 TEST_F(DownloadWrapperTest, DownloadToFileStartsOverWhenTheServerIgnoresTheRange) {
   const std::string body = PatternOf(1000);
-  int requests = 0;
-  HttpServer server([&](const HttpRequest&) {
-    HttpResponse response{.headers = {{"ETag", "\"v1\""}}, .body = body};
-    if (++requests == 1) {
-      response.close_at = 400;
-    }
-    return response;
-  });
+  HttpServer server(CutFirstAt(400, [&](const HttpRequest&) {
+    return HttpResponse{.headers = {{"ETag", "\"v1\""}}, .body = body};
+  }));
   EXPECT_EQ(Download(server.Url()), 200);
   EXPECT_EQ(ReadFile(path_), body);
   EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\""));
@@ -590,15 +564,13 @@ INSTANTIATE_TEST_SUITE_P(Each, DownloadWrapperWrongPartTest,
 TEST_F(DownloadWrapperTest, DownloadToFileNeverWritesMoreThanTheRest) {
   const std::string body = PatternOf(1000);
   int requests = 0;
-  HttpServer server([&](const HttpRequest& request) {
+  HttpServer server(CutFirstAt(400, [&](const HttpRequest& request) {
     HttpResponse response = ServeFile(request, body, "\"v1\"");
-    if (++requests == 1) {
-      response.close_at = 400;
-    } else if (requests == 2) {
+    if (++requests == 2) {
       response.body += "too much";
     }
     return response;
-  });
+  }));
   EXPECT_EQ(Download(server.Url()), 200);
   EXPECT_EQ(ReadFile(path_), body);
 }
@@ -606,16 +578,14 @@ TEST_F(DownloadWrapperTest, DownloadToFileNeverWritesMoreThanTheRest) {
 TEST_F(DownloadWrapperTest, DownloadToFileTakesAPartOfTheRestForACut) {
   const std::string body = PatternOf(1000);
   int requests = 0;
-  HttpServer server([&](const HttpRequest& request) {
+  HttpServer server(CutFirstAt(400, [&](const HttpRequest& request) {
     HttpResponse response = ServeFile(request, body, "\"v1\"");
-    if (++requests == 1) {
-      response.close_at = 400;
-    } else if (requests == 2) {
+    if (++requests == 2) {
       response.body.resize(100);
       response.headers["Content-Range"] = "bytes 400-499/1000";
     }
     return response;
-  });
+  }));
   EXPECT_EQ(Download(server.Url()), 200);
   EXPECT_EQ(ReadFile(path_), body);
   EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\"", "bytes=500-|\"v1\""));
@@ -624,15 +594,13 @@ TEST_F(DownloadWrapperTest, DownloadToFileTakesAPartOfTheRestForACut) {
 TEST_F(DownloadWrapperTest, DownloadToFileNeverWritesMoreThanAPart) {
   const std::string body = PatternOf(1000);
   int requests = 0;
-  HttpServer server([&](const HttpRequest& request) {
+  HttpServer server(CutFirstAt(400, [&](const HttpRequest& request) {
     HttpResponse response = ServeFile(request, body, "\"v1\"");
-    if (++requests == 1) {
-      response.close_at = 400;
-    } else if (requests == 2) {
+    if (++requests == 2) {
       response.headers["Content-Range"] = "bytes 400-499/1000";
     }
     return response;
-  });
+  }));
   EXPECT_EQ(Download(server.Url()), 200);
   EXPECT_EQ(ReadFile(path_), body);
   EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\"", "|"));
@@ -642,11 +610,10 @@ TEST_F(DownloadWrapperTest, DownloadToFileNeverWritesMoreThanAPart) {
 TEST_F(DownloadWrapperTest, DownloadToFileTakesNoPartForTheWholeWhileItsLengthIsUnknown) {
   const std::string body = PatternOf(15);
   int requests = 0;
-  HttpServer server([&](const HttpRequest& request) {
+  HttpServer server(CutFirstAt(5, [&](const HttpRequest& request) {
     HttpResponse response = ServeFile(request, body, "\"v1\"");
     if (++requests == 1) {
       response.framing = HttpResponse::Framing::kChunked;
-      response.close_at = 5;
     } else if (requests <= 3) {
       const std::string first = std::to_string(body.size() - response.body.size());
       const std::string last = std::to_string(body.size() - response.body.size() + 4);
@@ -654,7 +621,7 @@ TEST_F(DownloadWrapperTest, DownloadToFileTakesNoPartForTheWholeWhileItsLengthIs
       response.headers["Content-Range"] = "bytes " + first + "-" + last + "/*";
     }
     return response;
-  });
+  }));
   EXPECT_EQ(Download(server.Url()), 200);
   EXPECT_EQ(ReadFile(path_), body);
   EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=5-|\"v1\"", "bytes=10-|\"v1\"", "bytes=15-|\"v1\""));
@@ -664,17 +631,16 @@ TEST_F(DownloadWrapperTest, DownloadToFileTakesNoPartForTheWholeWhileItsLengthIs
 TEST_F(DownloadWrapperTest, DownloadToFileTakesAPartThatIsShorterThanItSaysForACut) {
   const std::string body = PatternOf(1000);
   int requests = 0;
-  HttpServer server([&](const HttpRequest& request) {
+  HttpServer server(CutFirstAt(400, [&](const HttpRequest& request) {
     HttpResponse response = ServeFile(request, body, "\"v1\"");
     if (++requests == 1) {
       response.framing = HttpResponse::Framing::kChunked;
-      response.close_at = 400;
     } else if (requests == 2) {
       response.body.resize(100);
       response.headers["Content-Range"] = "bytes 400-999/*";
     }
     return response;
-  });
+  }));
   EXPECT_EQ(Download(server.Url()), 200);
   EXPECT_EQ(ReadFile(path_), body);
   EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\"", "bytes=500-|\"v1\""));
@@ -683,16 +649,15 @@ TEST_F(DownloadWrapperTest, DownloadToFileTakesAPartThatIsShorterThanItSaysForAC
 TEST_F(DownloadWrapperTest, DownloadToFileTakesARestOfUnknownSize) {
   const std::string body = PatternOf(1000);
   int requests = 0;
-  HttpServer server([&](const HttpRequest& request) {
+  HttpServer server(CutFirstAt(400, [&](const HttpRequest& request) {
     HttpResponse response = ServeFile(request, body, "\"v1\"");
     if (++requests == 1) {
       response.framing = HttpResponse::Framing::kChunked;
-      response.close_at = 400;
     } else if (requests == 2) {
       response.headers["Content-Range"] = "bytes 400-999/*";
     }
     return response;
-  });
+  }));
   EXPECT_EQ(Download(server.Url()), 200);
   EXPECT_EQ(ReadFile(path_), body);
   EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\"", "bytes=1000-|\"v1\""));
@@ -702,15 +667,13 @@ TEST_F(DownloadWrapperTest, DownloadToFileTriesAgainWhenTheServerIsBusyForTheRes
   const std::string body = PatternOf(1000);
   for (const int status : {429, 500, 502, 503}) {
     int requests = 0;
-    HttpServer server([&](const HttpRequest& request) {
+    HttpServer server(CutFirstAt(400, [&](const HttpRequest& request) {
       HttpResponse response = ServeFile(request, body, "\"v1\"");
-      if (++requests == 1) {
-        response.close_at = 400;
-      } else if (requests == 2) {
+      if (++requests == 2) {
         response = {.status = status, .body = "busy"};
       }
       return response;
-    });
+    }));
     EXPECT_EQ(Download(server.Url()), 200);
     EXPECT_EQ(ReadFile(path_), body);
     EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\"", "bytes=400-|\"v1\""));
@@ -720,15 +683,13 @@ TEST_F(DownloadWrapperTest, DownloadToFileTriesAgainWhenTheServerIsBusyForTheRes
 TEST_F(DownloadWrapperTest, DownloadToFileStartsOverWhenThereIsNoSuchRest) {
   const std::string body = PatternOf(1000);
   int requests = 0;
-  HttpServer server([&](const HttpRequest& request) {
+  HttpServer server(CutFirstAt(400, [&](const HttpRequest& request) {
     HttpResponse response = ServeFile(request, body, "\"v1\"");
-    if (++requests == 1) {
-      response.close_at = 400;
-    } else if (requests == 2) {
+    if (++requests == 2) {
       response = {.status = 416};
     }
     return response;
-  });
+  }));
   EXPECT_EQ(Download(server.Url()), 200);
   EXPECT_EQ(ReadFile(path_), body);
   EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\"", "|"));
@@ -738,15 +699,13 @@ TEST_F(DownloadWrapperTest, DownloadToFileReturnsAStatusThatEndsAResume) {
   const std::string body = PatternOf(1000);
   for (const int status : {401, 403, 404, 410}) {
     int requests = 0;
-    HttpServer server([&](const HttpRequest& request) {
+    HttpServer server(CutFirstAt(400, [&](const HttpRequest& request) {
       HttpResponse response = ServeFile(request, body, "\"v1\"");
-      if (++requests == 1) {
-        response.close_at = 400;
-      } else {
+      if (++requests > 1) {
         response = {.status = status, .body = "gone"};
       }
       return response;
-    });
+    }));
     EXPECT_EQ(Download(server.Url()), status);
     EXPECT_EQ(ReadFile(path_), body.substr(0, 400));
     EXPECT_THAT(server.Requests(), SizeIs(2));

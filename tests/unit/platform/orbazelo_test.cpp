@@ -6,6 +6,7 @@
 
 #include <array>
 #include <barrier>
+#include <cerrno>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -14,6 +15,7 @@
 #include "platform/account/account_file.h"
 #include "platform/account/id_token.h"
 #include "platform/constants.h"
+#include "tests/support/error_text.h"
 #include "tests/support/file_size_limit.h"
 #include "tests/support/oidc_provider.h"
 #include "tests/support/test_root.h"
@@ -443,7 +445,7 @@ TEST_F(PackagePkceClientTest, GetIdTokenSpendsNoRefreshTokenOnAFullDisk) {
     const FileSizeLimit full_disk(before.size());  // has room for the account as it is
     reason = FailureOf([] { Get(); });
   }
-  EXPECT_THAT(reason, AllOf(StartsWith("new tokens could not be kept: "), EndsWith("File too large")));
+  EXPECT_THAT(reason, AllOf(StartsWith("new tokens could not be kept: "), EndsWith(orbamira::test::ErrorText(EFBIG))));
   EXPECT_THAT(provider_.server().Requests(), IsEmpty());
   EXPECT_EQ(ReadFile(path::kAccountFile), before);
   EXPECT_FALSE(fs::exists(kUnfinished));
