@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "platform/constants.h"
+#include "platform/json/json_values.h"
 #include "platform/printable.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
@@ -10,7 +11,6 @@
 #include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
-#include "tools/packctl/view/json_values.h"
 #include "updater/recovery.h"
 #include "updater/update_request.h"
 

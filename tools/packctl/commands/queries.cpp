@@ -3,12 +3,12 @@
 #include <string>
 #include <utility>
 
+#include "platform/json/json_values.h"
 #include "platform/printable.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/commands/watch.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
-#include "tools/packctl/view/json_values.h"
 #include "tools/packctl/view/local_time.h"
 #include "tools/packctl/view/progress_text.h"
 #include "tools/packctl/view/status_words.h"

@@ -1,12 +1,12 @@
 #include <string>
 
 #include "platform/constants.h"
+#include "platform/json/json_values.h"
 #include "platform/printable.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/host/update_objects.h"
 #include "tools/packctl/record/recorded_status.h"
-#include "tools/packctl/view/json_values.h"
 #include "updater/recovery.h"
 
 namespace orbamira::packctl {

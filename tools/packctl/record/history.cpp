@@ -14,8 +14,8 @@
 
 #include "platform/constants.h"
 #include "platform/json/json_object.h"
+#include "platform/json/json_values.h"
 #include "platform/posix/files.h"
-#include "tools/packctl/view/json_values.h"
 
 namespace orbamira::packctl {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <array>
 
+#include "platform/json/json_values.h"
 #include "platform/printable.h"
-#include "tools/packctl/view/json_values.h"
 #include "tools/packctl/view/progress_text.h"
 #include "tools/packctl/view/status_words.h"
 

@@ -3,11 +3,11 @@
 #include <utility>
 
 #include "platform/json/json_line.h"
+#include "platform/json/json_values.h"
 #include "tools/http/listener.h"
 #include "tools/http/server.h"
 #include "tools/packctl/cli/signals.h"
 #include "tools/packctl/commands/commands.h"
-#include "tools/packctl/view/json_values.h"
 #include "tools/packctl/web/access.h"
 #include "tools/packctl/web/site.h"
 

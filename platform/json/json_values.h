@@ -7,7 +7,7 @@
 #include <vector>
 
 /// How the parts of an answer become JSON.
-namespace orbamira::packctl {
+namespace orbamira {
 
 /// The text; null where there is none.
 inline Json::Value TextOrNull(const std::optional<std::string>& text) {
@@ -25,4 +25,4 @@ inline Json::Value ListOf(const std::vector<std::string>& texts) {
   return list;
 }
 
-}  // namespace orbamira::packctl
+}  // namespace orbamira
