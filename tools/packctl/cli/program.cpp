@@ -19,8 +19,8 @@
 #include "tools/packctl/cli/command_line.h"
 #include "tools/packctl/cli/signals.h"
 #include "tools/packctl/record/installed_pack.h"
+#include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/failure_words.h"
-#include "tools/packctl/view/status_words.h"
 #include "updater/update_lock.h"
 
 namespace orbamira::packctl {

@@ -7,6 +7,7 @@
 #include "platform/printable.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/commands/watch.h"
+#include "tools/packctl/host/codec_report.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/local_time.h"

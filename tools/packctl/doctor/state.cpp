@@ -14,7 +14,6 @@
 #include "tools/packctl/doctor/checks.h"
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/record/recorded_status.h"
-#include "tools/packctl/view/status_words.h"
 #include "updater/recovery.h"
 
 namespace orbamira::packctl {

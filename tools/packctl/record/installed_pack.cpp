@@ -1,18 +1,9 @@
 #include "tools/packctl/record/installed_pack.h"
 
-#include <stdexcept>
-
 #include "platform/constants.h"
 #include "updater/kos_helper.h"
-#include "updater/pack_manager.h"
 
 namespace orbamira::packctl {
-namespace {
-
-// HEVC's name in the codec-requirements file, beside kAac.
-constexpr const char* kHevc = "hevc";
-
-}  // namespace
 
 std::optional<InstalledPack> ReadInstalledPack() {
   const auto facts = updater::KOSHelper::Create();
@@ -22,30 +13,6 @@ std::optional<InstalledPack> ReadInstalledPack() {
   return InstalledPack{
       {facts->GetPackageNameFromPath(path::kPackInfoPath), facts->GetVersionFromPath(path::kPackInfoPath)},
       facts->FileMtime(path::kPackInfoPath)};
-}
-
-CodecReport ReadCodecs(Console& console) {
-  const auto manager = updater::PackManager::Create();
-  if (manager == nullptr) {
-    throw std::runtime_error("cannot use the updater");
-  }
-  console.TakeHeld();
-  CodecReport report;
-  if (manager->HasHevcCurrently()) {
-    report.installed.emplace_back(kHevc);
-  }
-  if (manager->HasAacCurrently()) {
-    report.installed.emplace_back(kAac);
-  }
-  for (const char* codec : {kHevc, kAac}) {
-    if (manager->IsCodecRequested(codec)) {
-      report.requested.emplace_back(codec);
-    }
-  }
-  if (const Console::Held held = console.TakeHeld(); !held.log.empty()) {
-    report.problems = held.Reasons("cannot tell which codecs applications ask for");
-  }
-  return report;
 }
 
 }  // namespace orbamira::packctl

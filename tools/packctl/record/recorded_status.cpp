@@ -4,7 +4,6 @@
 #include <string>
 
 #include "platform/constants.h"
-#include "tools/packctl/view/status_words.h"
 
 namespace orbamira::packctl {
 
@@ -14,6 +13,10 @@ StatusRecord ReadStatus() {
   } catch (const std::domain_error& error) {
     throw std::domain_error(std::string(error.what()) + "; \"packctl recover\" mends it");
   }
+}
+
+const char* StatusText(updater::PackStatus status) {
+  return updater::kPackStatusTexts[static_cast<std::size_t>(status)];
 }
 
 Json::Value StatusJson(const StatusRecord& record) {

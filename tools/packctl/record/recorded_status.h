@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 
+#include "updater/enumerations.h"
 #include "updater/status_record.h"
 
 namespace orbamira::packctl {
@@ -11,6 +12,9 @@ using updater::StatusRecord;
 
 /// The library's ReadStatusRecord(), whose std::domain_error tells the user what mends it.
 StatusRecord ReadStatus();
+
+/// The status as the status store spells it.
+const char* StatusText(updater::PackStatus status);
 
 /// The record under the keys of the status store; sizes are numbers.
 Json::Value StatusJson(const StatusRecord& record);

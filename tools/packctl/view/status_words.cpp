@@ -4,10 +4,6 @@
 
 namespace orbamira::packctl {
 
-const char* StatusText(updater::PackStatus status) {
-  return updater::kPackStatusTexts[static_cast<std::size_t>(status)];
-}
-
 const char* StatusMeaning(updater::PackStatus status) {
   switch (status) {
     case updater::kStatusLost:

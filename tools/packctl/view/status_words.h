@@ -6,9 +6,6 @@
 
 namespace orbamira::packctl {
 
-/// The status as the status store spells it.
-const char* StatusText(updater::PackStatus status);
-
 /// What the status means, as a clause that a sentence can end with.
 const char* StatusMeaning(updater::PackStatus status);
 

@@ -11,6 +11,7 @@
 
 #include "platform/posix/unique_fd.h"
 #include "tools/packctl/cli/console.h"
+#include "tools/packctl/host/codec_report.h"
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"

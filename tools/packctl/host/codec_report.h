@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/packctl/cli/console.h"
+
+/// What the library knows of codecs on this machine: those that are installed, and those that applications want.
+namespace orbamira::packctl {
+
+/// Codecs by their names in the codec-requirements file.
+struct CodecReport {
+  std::vector<std::string> installed = {};
+  std::vector<std::string> requested = {};  ///< those that an application asks for
+  std::vector<std::string> problems = {};   ///< why `requested` cannot be told, a sentence each; mostly empty
+
+  friend bool operator==(const CodecReport&, const CodecReport&) = default;
+};
+
+/// Waits for the lock of the codec requirements. Takes what the console holds: the library says only in its log that it
+/// cannot read them. Throws std::exception when the library cannot be used.
+CodecReport ReadCodecs(Console& console);
+
+}  // namespace orbamira::packctl
