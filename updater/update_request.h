@@ -24,8 +24,8 @@ struct UpdateRequest {
 
 /// One parameter of the request's query, not encoded.
 struct QueryParameter {
-  std::string key;
-  std::string value;
+  std::string key;    ///< the parameter's name
+  std::string value;  ///< its value; may be any text
 };
 
 /// Why a pack is the one to ask for.
@@ -37,8 +37,8 @@ enum class PackReason {
 
 /// The pack that a check looks for.
 struct PackChoice {
-  bool with_aac = false;
-  PackReason reason = PackReason::kHevcSuffices;
+  bool with_aac = false;                          ///< the pack with HEVC and AAC, not the one with HEVC alone
+  PackReason reason = PackReason::kHevcSuffices;  ///< why this one
 };
 
 /// Gathers the facts, one call each in the order of the members. Lets exceptions of `facts` pass.
