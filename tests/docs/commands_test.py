@@ -167,6 +167,17 @@ class DocumentationTest(unittest.TestCase):
                     if fragment:
                         self.assertIn(fragment, map(anchor, HEADING.findall(target.read_text())))
 
+    def test_every_page_uses_the_words_of_the_glossary(self):
+        glossary = (SOURCE / "docs/glossary.md").read_text()
+        head, _, table = glossary.partition("\n| avoid | say |\n| --- | --- |\n")
+        words = [word for row in table.splitlines() for word in row.split("|")[1].strip().split(", ")]
+        self.assertTrue(words)
+        for path in PAGES:
+            text = head if path.name == "glossary.md" else path.read_text()
+            for word in words:
+                with self.subTest(page=path.name, word=word):
+                    self.assertNotRegex(text, rf"(?i)\b{word}s?\b")
+
     def test_every_page_can_be_reached(self):
         """From the first page, in any number of steps."""
         reached, ahead = set(), [SOURCE / "README.md"]
