@@ -45,15 +45,15 @@ std::string RemedyOf(const KnownCause& known, const std::string& command) {
   return std::string(known.remedy) + (known.repeats ? command : "");
 }
 
-// The command that failed is named already.
-std::string WithoutOperation(const std::string& line) {
+// What ended an operation, without the operation's name, since the command is named already; empty for other lines.
+std::string EndOfOperation(const std::string& line) {
   for (const std::string_view operation :
        {"Check new pack failed: ", "Download and install failed: ", "Download failed: ", "Install failed: "}) {
     if (line.starts_with(operation)) {
       return line.substr(operation.size());
     }
   }
-  return line;
+  return "";
 }
 
 const std::string* FindLine(const std::vector<std::string>& lines, std::string_view sign) {
@@ -77,8 +77,13 @@ FailureWords Explain(const std::string& command, const std::vector<std::string>&
   if (const std::string* line = FindLine(log, kWrongChecksum.sign)) {
     return {CauseOf(kWrongChecksum, *line), RemedyOf(kWrongChecksum, command)};
   }
+  for (const std::string& line : log) {
+    if (const std::string end = EndOfOperation(line); !end.empty()) {
+      return {end, std::string(kDoctor)};
+    }
+  }
   const std::vector<std::string>& lines = log.empty() ? problems : log;
-  return {lines.empty() ? "the reason is not known" : WithoutOperation(lines.front()), std::string(kDoctor)};
+  return {lines.empty() ? "the reason is not known" : lines.front(), std::string(kDoctor)};
 }
 
 }  // namespace
