@@ -505,8 +505,10 @@ TEST_F(PackctlTest, AFailedInstallBringsThePreviousPackBack) {
 
 // The log tells of more than the failure: without a pack, that the current version is empty.
 TEST_F(PackctlTest, TheCauseOfAFailureIsWhatEndedTheCommand) {
-  appliance_.SetFault(
-      [](const HttpRequest&, HttpResponse& response) { response.body = R"({"orbamira-hevc": {"version": "1.0\n"}})"; });
+  appliance_.SetFault([](const HttpRequest&, HttpResponse& response) {
+    response.status = 200;
+    response.body = R"({"orbamira-hevc": {"version": "1.0\n"}})";
+  });
   EXPECT_EQ(Run({"check"}).errors,
             "packctl: Check failed: the update server's reply offers no pack: its version holds control characters or "
             "is no UTF-8. No codec pack is installed. Run: sudo packctl doctor\n");
