@@ -21,7 +21,7 @@
 #include "platform/http/shown_link.h"
 #include "platform/http/size_limit.h"
 
-namespace orbamira::wrapper {
+namespace orbamira {
 namespace {
 
 using DownloadFailure = exception::Exception<exception::kDownloadFailure>;
@@ -327,7 +327,7 @@ class Run {
   std::string reason_;  // why it failed
 };
 
-class ResumingDownload : public DownloadWrapper {
+class ResumingDownload : public wrapper::DownloadWrapper {
  public:
   explicit ResumingDownload(DownloadPolicy policy) : policy_(std::move(policy)) { SetUpForDownloads(session_); }
 
@@ -349,16 +349,16 @@ class ResumingDownload : public DownloadWrapper {
 
 }  // namespace
 
-std::shared_ptr<DownloadWrapper> MakeDownload(const DownloadPolicy& policy) {
+std::shared_ptr<wrapper::DownloadWrapper> MakeDownload(const DownloadPolicy& policy) {
   return std::make_shared<ResumingDownload>(policy);
 }
 
-std::shared_ptr<DownloadWrapper> DownloadWrapper::Create() { return MakeDownload(DownloadPolicy{}); }
+std::shared_ptr<wrapper::DownloadWrapper> wrapper::DownloadWrapper::Create() { return MakeDownload(DownloadPolicy{}); }
 
-std::shared_ptr<DownloadWrapper> DownloadWrapper::CreateForSize(std::int64_t size) {
+std::shared_ptr<wrapper::DownloadWrapper> wrapper::DownloadWrapper::CreateForSize(std::int64_t size) {
   DownloadPolicy policy;
   policy.size = size;
   return MakeDownload(policy);
 }
 
-}  // namespace orbamira::wrapper
+}  // namespace orbamira

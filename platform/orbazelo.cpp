@@ -16,7 +16,7 @@
 namespace orbazelo {
 namespace {
 
-namespace path = orbamira::path;
+using namespace orbamira;  // the account's insides
 
 constexpr std::int64_t kRemainingValidity = 60;
 
@@ -80,7 +80,7 @@ std::string GetIdTokenOf(const std::string& client) {
   if (ClientTokens tokens = TokensOf(ReadAccount(), client); IsValid(tokens)) {
     return std::move(tokens.id_token);
   }
-  const orbamira::store::FileLock lock(path::kAccountLock);
+  const store::FileLock lock(path::kAccountLock);
   const Json::Value account = ReadAccount();
   ClientTokens tokens = TokensOf(account, client);
   return IsValid(tokens) ? std::move(tokens.id_token) : Refresh(account, client, tokens);

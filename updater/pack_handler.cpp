@@ -34,7 +34,7 @@ std::string TextMember(const Json::Value& info, const char* key) { return info.g
 
 void LogFailedStatus(const std::string& path, const std::string& link, int status) {
   ORBAMIRA_LOG_INFO("Failed to download pack to %s from link: %s, status code: %d", path.c_str(),
-                    wrapper::ShownLink(link).c_str(), status);
+                    ShownLink(link).c_str(), status);
 }
 
 /// The right to unpack into the temporary folder, which all hosts of the library share: two at a time would mix their

@@ -30,7 +30,7 @@ cpr::Response SendRequest(const UpdateRequest& request) {
   }
   std::string body;
   cpr::Session session;
-  wrapper::SetHttpUrl(session, request.address);
+  SetHttpUrl(session, request.address);
   session.SetParameters(parameters);
   session.SetWriteCallback(cpr::WriteCallback([&body](std::string_view bytes, intptr_t /*unused*/) {
     if (body.size() + bytes.size() > kJsonTextLimit) {
@@ -234,7 +234,7 @@ bool PackManager::FetchDownloadInfo(bool with_aac, Json::Value& pack_info) const
   const UpdateRequest request = MakeUpdateRequest(*kos_helper_);
   if (!IsComplete(request)) {
     ORBAMIRA_LOG_ERROR("Bad request: pack update server url: %s, pkg version: %s, kos version: %s, kos unique: %s",
-                       wrapper::ShownLink(request.address).c_str(), request.package_version.c_str(),
+                       ShownLink(request.address).c_str(), request.package_version.c_str(),
                        request.system_version.c_str(), request.unique.c_str());
     return false;
   }

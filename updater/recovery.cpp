@@ -132,7 +132,7 @@ class Recovery {
 
   void Remove(const fs::path& path, const std::string& what) {
     if (Exists(path)) {
-      tools::RemoveAtOnce(path);
+      RemoveAtOnce(path);
       Did("removed " + what + " " + path.string());
     }
   }

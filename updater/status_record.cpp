@@ -56,7 +56,7 @@ std::int64_t SizeOf(const Json::Value& store, const char* key) {
 }
 
 StatusRecord Decoded(const std::string& text) {
-  const auto store = text.size() > kJsonTextLimit ? std::nullopt : orbazelo::ParseJsonObject(text);
+  const auto store = text.size() > kJsonTextLimit ? std::nullopt : ParseJsonObject(text);
   if (!store) {
     throw std::invalid_argument("no JSON object");
   }

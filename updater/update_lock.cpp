@@ -40,7 +40,7 @@ std::string OwnName() { return std::string(program_invocation_short_name) + " (p
 std::string ReadHolder(int fd) {
   constexpr std::size_t kLongestName = 256;
   const std::string text = ReadUpTo(fd, kLongestName).value_or("");
-  return tools::Printable(text.substr(0, text.find('\n')));
+  return Printable(text.substr(0, text.find('\n')));
 }
 
 // Only a courtesy to whoever is refused: the lock holds whether or not this succeeds.

@@ -18,10 +18,10 @@
 #include "platform/posix/trust.h"
 #include "platform/posix/unique_fd.h"
 
-namespace orbazelo {
+namespace orbamira {
 namespace {
 
-namespace path = orbamira::path;
+using orbazelo::ZeloException;
 
 constexpr std::size_t kAccountLimit = std::size_t{1024} * 1024;
 constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
@@ -34,7 +34,7 @@ std::string ErrorText() { return std::strerror(errno); }  // NOLINT(concurrency-
 
 // The text of the account file; empty when there is no such file.
 std::optional<std::string> ReadAccountFile() {
-  const orbamira::UniqueFd file = orbamira::OpenFile(path::kAccountFile, O_RDONLY);
+  const UniqueFd file = OpenFile(path::kAccountFile, O_RDONLY);
   if (!file.valid()) {
     if (errno == ENOENT) {
       return std::nullopt;
@@ -51,13 +51,13 @@ std::optional<std::string> ReadAccountFile() {
   if ((status.st_mode & kOthers) != 0) {
     ThrowAboutFile("is open to others than its owner; its mode must be 0600");
   }
-  if (const std::string reason = orbamira::WhyDistrusted(status, orbamira::Self(), "it"); !reason.empty()) {
+  if (const std::string reason = WhyDistrusted(status, Self(), "it"); !reason.empty()) {
     ThrowAboutFile("is not used: " + reason);
   }
   if (status.st_size > static_cast<off_t>(kAccountLimit)) {
     ThrowAboutFile("is over " + std::to_string(kAccountLimit) + " bytes");
   }
-  std::optional<std::string> text = orbamira::ReadUpTo(file.get(), kAccountLimit);
+  std::optional<std::string> text = ReadUpTo(file.get(), kAccountLimit);
   if (!text) {
     ThrowAboutFile("cannot be read: " + ErrorText());
   }
@@ -79,7 +79,7 @@ std::size_t Checked(std::size_t size) {
   return size;
 }
 
-orbamira::ReservedFile Reserve(std::size_t size) try {
+ReservedFile Reserve(std::size_t size) try {
   return {path::kAccountFile, Checked(size)};
 } catch (const std::system_error& error) {
   throw ZeloException(std::string("new tokens could not be kept: ") + error.what());
@@ -113,12 +113,12 @@ void AccountRoom::Write(const Json::Value& account) try {
 }
 
 void RemoveAccount() {
-  const std::string unfinished = orbamira::ReservedFile::NameBeside(path::kAccountFile);
+  const std::string unfinished = ReservedFile::NameBeside(path::kAccountFile);
   if (unlink(path::kAccountFile) != 0 || (unlink(unfinished.c_str()) != 0 && errno != ENOENT)) {
     ThrowAboutFile("cannot be removed: " + ErrorText());
   }
   const std::string folder = std::filesystem::path(path::kAccountFile).parent_path();
-  const orbamira::UniqueFd directory = orbamira::OpenFile(folder, O_RDONLY | O_DIRECTORY);
+  const UniqueFd directory = OpenFile(folder, O_RDONLY | O_DIRECTORY);
   if (!directory.valid() || fsync(directory.get()) != 0) {
     ThrowAboutFile("is removed, but may come back after a power cut: " + ErrorText());
   }
@@ -153,4 +153,4 @@ ClientTokens TokensOf(const Json::Value& account, const std::string& client) {
   return {client_id.empty() ? client : client_id, TextMember(tokens, "id_token"), TextMember(tokens, "refresh_token")};
 }
 
-}  // namespace orbazelo
+}  // namespace orbamira

@@ -9,7 +9,7 @@
 
 // The account file of platform/orbazelo.h, as its readers and writers share it. Not installed. A reader needs no lock:
 // the file is only ever replaced whole. Who writes holds orbamira::path::kAccountLock from reading to writing.
-namespace orbazelo {
+namespace orbamira {
 
 /// The account; an empty object when none is registered. Throws ZeloException when there is an account file but it
 /// cannot be read, is open to others or is malformed.
@@ -31,7 +31,7 @@ class AccountRoom {
   void Write(const Json::Value& account);
 
  private:
-  orbamira::ReservedFile file_;
+  ReservedFile file_;
 };
 
 /// Removes the account file, and what a writer that was killed left beside it. Durable when it returns; throws
@@ -52,4 +52,4 @@ struct ClientTokens {
 /// The tokens of the client of this name. Throws ZeloException when no account is signed in or it has none for it.
 [[nodiscard]] ClientTokens TokensOf(const Json::Value& account, const std::string& client);
 
-}  // namespace orbazelo
+}  // namespace orbamira

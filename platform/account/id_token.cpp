@@ -7,7 +7,7 @@
 
 #include "platform/json/json_object.h"
 
-namespace orbazelo {
+namespace orbamira {
 namespace {
 
 // Beyond any date that a token can mean, and exact as a double.
@@ -92,4 +92,4 @@ std::optional<IdToken> ParseIdToken(const std::string& text) {
   return token ? std::optional(ReadClaims(token->claims)) : std::nullopt;
 }
 
-}  // namespace orbazelo
+}  // namespace orbamira

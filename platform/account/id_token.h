@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace orbazelo {
+namespace orbamira {
 
 /// The longest token that is taken, of any kind; in bytes.
 constexpr std::size_t kTokenLimit = std::size_t{64} * 1024;
@@ -47,4 +47,4 @@ IdToken ReadClaims(const Json::Value& claims);
 /// The claim as seconds since 1970; 0 when it is missing, no number or no date that a token can mean.
 std::int64_t TimeOf(const Json::Value& value);
 
-}  // namespace orbazelo
+}  // namespace orbamira

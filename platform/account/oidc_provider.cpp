@@ -16,8 +16,10 @@
 #include "platform/json/json_object.h"
 #include "platform/orbazelo.h"
 
-namespace orbazelo {
+namespace orbamira {
 namespace {
+
+using orbazelo::ZeloException;
 
 constexpr std::size_t kReplyLimit = std::size_t{1024} * 1024;
 constexpr std::size_t kQuoteLimit = 200;
@@ -239,4 +241,4 @@ std::string ClockFault(std::int64_t now, std::optional<std::int64_t> provider) {
          (difference > 0 ? "ahead of" : "behind") + " the provider's";
 }
 
-}  // namespace orbazelo
+}  // namespace orbamira

@@ -12,7 +12,7 @@
 // Every function throws ZeloException with the reason for everything that goes wrong; the reason never holds a token, a
 // code or a verifier. Each request takes only so long, and so much of an answer. No redirect is followed. Addresses
 // must be https, or http on the loopback of this machine.
-namespace orbazelo {
+namespace orbamira {
 
 /// How long one request to the provider may take.
 struct ProviderLimits {
@@ -60,4 +60,4 @@ std::string FetchKeys(const std::string& jwks_uri, const ProviderLimits& limits 
 /// too little to be the cause of a fault, or not known. Both in seconds since 1970.
 std::string ClockFault(std::int64_t now, std::optional<std::int64_t> provider);
 
-}  // namespace orbazelo
+}  // namespace orbamira

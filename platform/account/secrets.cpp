@@ -7,7 +7,7 @@
 #include <array>
 #include <stdexcept>
 
-namespace orbazelo {
+namespace orbamira {
 
 std::string ToBase64(const std::string& bytes) {
   std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
@@ -45,4 +45,4 @@ std::string RandomText() {
   return ToBase64Url({bytes.begin(), bytes.end()});
 }
 
-}  // namespace orbazelo
+}  // namespace orbamira

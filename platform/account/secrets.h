@@ -2,7 +2,7 @@
 
 #include <string>
 
-namespace orbazelo {
+namespace orbamira {
 
 /// Bytes in base64 (RFC 4648, section 4).
 [[nodiscard]] std::string ToBase64(const std::string& bytes);
@@ -16,4 +16,4 @@ namespace orbazelo {
 /// 256 random bits as text, for what nobody may guess.
 [[nodiscard]] std::string RandomText();
 
-}  // namespace orbazelo
+}  // namespace orbamira

@@ -4,8 +4,10 @@
 #include "platform/account/secrets.h"
 #include "platform/orbazelo.h"
 
-namespace orbazelo {
+namespace orbamira {
 namespace {
+
+using orbazelo::ZeloException;
 
 // Core 1.0, section 2: of its user's id.
 constexpr std::size_t kLongestSubject = 255;
@@ -79,4 +81,4 @@ IdToken CheckIdToken(const std::string& text, const TokenExpectation& expected, 
   return token;
 }
 
-}  // namespace orbazelo
+}  // namespace orbamira

@@ -7,7 +7,7 @@
 #include "platform/account/id_token.h"
 #include "platform/account/token_signature.h"
 
-namespace orbazelo {
+namespace orbamira {
 
 /// What an identity token must be of, and for.
 struct TokenExpectation {
@@ -26,4 +26,4 @@ struct TokenExpectation {
 /// Gives what it says. Throws ZeloException with the first fault, and what `keys` throws.
 IdToken CheckIdToken(const std::string& text, const TokenExpectation& expected, const KeySource& keys);
 
-}  // namespace orbazelo
+}  // namespace orbamira

@@ -17,8 +17,10 @@
 #include "platform/orbazelo.h"
 #include "platform/posix/openssl.h"
 
-namespace orbazelo {
+namespace orbamira {
 namespace {
+
+using orbazelo::ZeloException;
 
 // What of a key RFC 7518 ties an algorithm to.
 struct Algorithm {
@@ -55,7 +57,6 @@ std::string TextOf(const Json::Value& object, const char* name) {
   return object[name].isString() ? object[name].asString() : "";
 }
 
-using orbamira::tools::Owned;
 using Number = Owned<BIGNUM, BN_free>;
 using PublicKey = Owned<EVP_PKEY, EVP_PKEY_free>;
 using Parameters = Owned<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>;
@@ -216,4 +217,4 @@ void CheckSignature(const JsonWebToken& token, const KeySource& keys) {
   }
 }
 
-}  // namespace orbazelo
+}  // namespace orbamira

@@ -5,7 +5,7 @@
 
 #include "platform/account/id_token.h"
 
-namespace orbazelo {
+namespace orbamira {
 
 /// Whether identity tokens may be signed with this algorithm of RFC 7518: those with a public key only. A secret shared
 /// with the provider is nothing that this client has, and an unsigned token proves nothing.
@@ -22,4 +22,4 @@ using KeySource = std::function<std::string()>;
 /// and what `keys` throws.
 void CheckSignature(const JsonWebToken& token, const KeySource& keys);
 
-}  // namespace orbazelo
+}  // namespace orbamira

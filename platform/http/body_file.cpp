@@ -9,7 +9,7 @@
 #include <string>
 #include <system_error>
 
-namespace orbamira::wrapper {
+namespace orbamira {
 namespace {
 
 // curl gives 16 KiB at a time. Written like this they would take the kernel half as long again, and in its cache be
@@ -145,4 +145,4 @@ void BodyFile::DropAndThrow(const std::string& what) {
   ThrowErrno(what);
 }
 
-}  // namespace orbamira::wrapper
+}  // namespace orbamira

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace orbamira::wrapper {
+namespace orbamira {
 
 /// The caller's stream while a body is written to it, with the checks and the operations on the disk that a stream
 /// leaves out. Everything throws std::system_error with the reason when it fails. A body that cannot be written is
@@ -51,4 +51,4 @@ class BodyFile {
   std::string piece_;  // not yet written
 };
 
-}  // namespace orbamira::wrapper
+}  // namespace orbamira

@@ -3,7 +3,7 @@
 #include <charconv>
 #include <system_error>
 
-namespace orbamira::wrapper {
+namespace orbamira {
 namespace {
 
 // Takes a number off the front of the text.
@@ -50,4 +50,4 @@ std::optional<ContentRange> ParseContentRange(std::string_view text) {
   return sound ? std::optional<ContentRange>(range) : std::nullopt;
 }
 
-}  // namespace orbamira::wrapper
+}  // namespace orbamira

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-namespace orbamira::wrapper {
+namespace orbamira {
 
 /// What a Content-Range says: the first and the last byte of a part, and the size of the whole where that is known.
 struct ContentRange {
@@ -17,4 +17,4 @@ struct ContentRange {
 /// it begins or behind the end.
 [[nodiscard]] std::optional<ContentRange> ParseContentRange(std::string_view text);
 
-}  // namespace orbamira::wrapper
+}  // namespace orbamira

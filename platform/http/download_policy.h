@@ -10,7 +10,7 @@
 #include "platform/download_wrapper.h"
 #include "platform/http/http_transfer.h"
 
-namespace orbamira::wrapper {
+namespace orbamira {
 
 /// How hard a download tries.
 struct DownloadPolicy {
@@ -29,6 +29,6 @@ struct DownloadPolicy {
 };
 
 /// A download that keeps to the policy.
-std::shared_ptr<DownloadWrapper> MakeDownload(const DownloadPolicy& policy);
+std::shared_ptr<wrapper::DownloadWrapper> MakeDownload(const DownloadPolicy& policy);
 
-}  // namespace orbamira::wrapper
+}  // namespace orbamira

@@ -8,7 +8,7 @@
 
 // How each request for a reply or a package is confined. Not installed; all in the header, because the platform's
 // library exports nothing of it and the updater's needs it too.
-namespace orbamira::wrapper {
+namespace orbamira {
 
 /// What may follow the request that is about to be made: after one by https, https alone.
 inline int LimitRedirects(void* curl, char* /*remote*/, char* /*local*/, int /*remote_port*/, int /*local_port*/) {
@@ -32,4 +32,4 @@ inline void SetHttpUrl(cpr::Session& session, const std::string& url) {
   curl_easy_setopt(curl, CURLOPT_COOKIEFILE, nullptr);
 }
 
-}  // namespace orbamira::wrapper
+}  // namespace orbamira

@@ -8,7 +8,7 @@
 #include <new>
 #include <string>
 
-namespace orbamira::wrapper {
+namespace orbamira {
 namespace {
 
 using std::chrono::milliseconds;
@@ -124,4 +124,4 @@ cpr::Response Fetch(cpr::Session& session, const TransferLimits& limits, const B
   return response;
 }
 
-}  // namespace orbamira::wrapper
+}  // namespace orbamira

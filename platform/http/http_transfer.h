@@ -6,7 +6,7 @@
 #include <functional>
 #include <string_view>
 
-namespace orbamira::wrapper {
+namespace orbamira {
 
 /// How long a transfer waits for the other side.
 struct TransferLimits {
@@ -26,4 +26,4 @@ void SetUpForDownloads(cpr::Session& session);
 /// had been received so far. What `take` throws leaves this function, and the session can be used again.
 [[nodiscard]] cpr::Response Fetch(cpr::Session& session, const TransferLimits& limits, const BodyCallback& take);
 
-}  // namespace orbamira::wrapper
+}  // namespace orbamira

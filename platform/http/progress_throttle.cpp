@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace orbamira::wrapper {
+namespace orbamira {
 namespace {
 
 // Time between two calls for each part of time in one: 1 of 50 is 2 %.
@@ -36,4 +36,4 @@ void ProgressThrottle::Call(std::int64_t received, std::int64_t total) {
   last_total_ = total;
 }
 
-}  // namespace orbamira::wrapper
+}  // namespace orbamira

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <functional>
 
-namespace orbamira::wrapper {
+namespace orbamira {
 
 /// Calls a progress function so seldom that it costs at most 2 % of the time, however long one call takes: where the
 /// function writes to a slow disk, the download must not wait for the bar. A function that takes up to 20 ms is still
@@ -34,4 +34,4 @@ class ProgressThrottle {
   std::int64_t last_total_ = -1;
 };
 
-}  // namespace orbamira::wrapper
+}  // namespace orbamira

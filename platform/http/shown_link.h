@@ -4,7 +4,7 @@
 #include <string>
 
 // Not installed; all in the header, because the platform's library exports nothing of it and the updater's needs it.
-namespace orbamira::wrapper {
+namespace orbamira {
 
 /// The link without the user and the password in it, to be shown and logged; any other text as it is. Where no port
 /// stands behind the first colon, it may be a password with a letter that ends the host: all up to the last '@' goes.
@@ -20,4 +20,4 @@ inline std::string ShownLink(const std::string& link) {
   return link.substr(0, begin) + rest.substr(at + 1);
 }
 
-}  // namespace orbamira::wrapper
+}  // namespace orbamira

@@ -7,7 +7,7 @@
 #include "platform/constants.h"
 #include "platform/settings_file.h"
 
-namespace orbamira::wrapper {
+namespace orbamira {
 namespace {
 
 constexpr std::int64_t kDefaultLimit = 16LL << 30;
@@ -41,4 +41,4 @@ void ExpectWithin(const SizeLimit& limit, std::int64_t size) {
   }
 }
 
-}  // namespace orbamira::wrapper
+}  // namespace orbamira

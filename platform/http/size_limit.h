@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-namespace orbamira::wrapper {
+namespace orbamira {
 
 /// How large a body may be.
 struct SizeLimit {
@@ -18,4 +18,4 @@ struct SizeLimit {
 /// Throws std::system_error when a body of this many bytes is over the limit.
 void ExpectWithin(const SizeLimit& limit, std::int64_t size);
 
-}  // namespace orbamira::wrapper
+}  // namespace orbamira

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-namespace orbazelo {
+namespace orbamira {
 
 /// The JSON object that the text holds, and nothing else; empty for any other text. Why is not told: the parser's own
 /// words may quote the text, which may hold a token.
@@ -25,4 +25,4 @@ inline std::optional<Json::Value> ParseJsonObject(const std::string& text) {
   return value;
 }
 
-}  // namespace orbazelo
+}  // namespace orbamira

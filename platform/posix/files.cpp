@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <system_error>
 
-namespace orbamira::tools {
+namespace orbamira {
 
 void ThrowErrno(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
 
@@ -125,4 +125,4 @@ int PrintAll(const char* text) {
   return std::fputs(text, stdout) >= 0 && std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-}  // namespace orbamira::tools
+}  // namespace orbamira

@@ -11,7 +11,7 @@
 
 /// What the small programs share on top of the system calls: errors that name what they are about, and a walk that
 /// never follows a symbolic link.
-namespace orbamira::tools {
+namespace orbamira {
 
 /// Throws std::system_error with the text of errno, headed by `what`.
 [[noreturn]] void ThrowErrno(const std::string& what);
@@ -48,9 +48,7 @@ size_t ReadFully(int fd, void* buffer, size_t size, const std::string& shown);
 /// Writes all of it. Throws std::system_error.
 void WriteFully(int fd, const void* data, size_t size, const std::string& shown);
 
-using orbamira::Printable;
-
 /// Prints the whole standard output of a program; what the program is to exit with then.
 int PrintAll(const char* text);
 
-}  // namespace orbamira::tools
+}  // namespace orbamira

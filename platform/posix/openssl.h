@@ -6,7 +6,7 @@
 #include <memory>
 
 // Owners for what OpenSSL hands out as raw pointers.
-namespace orbamira::tools {
+namespace orbamira {
 
 template <auto Free>
 struct Deleter {
@@ -29,4 +29,4 @@ inline bool IsCertificateAlone(const X509_INFO& object) {
   return object.x509 != nullptr && object.crl == nullptr && object.x_pkey == nullptr;
 }
 
-}  // namespace orbamira::tools
+}  // namespace orbamira

@@ -13,7 +13,7 @@
 #include "platform/posix/files.h"
 #include "platform/posix/older_systems.h"
 
-namespace orbamira::tools {
+namespace orbamira {
 namespace {
 
 std::string NewName() {
@@ -103,4 +103,4 @@ void RemoveTree(int parent, const std::string& name, const std::string& shown) {
   }
 }
 
-}  // namespace orbamira::tools
+}  // namespace orbamira

@@ -2,7 +2,7 @@
 
 #include <string>
 
-namespace orbamira::tools {
+namespace orbamira {
 
 /// Removes the entry at `path`, with all that it holds; that there is nothing is no error. Never follows a symbolic
 /// link below the folder that the entry lies in.
@@ -20,4 +20,4 @@ void RemoveAtOnce(const std::string& path);
 /// entry is called in errors.
 void RemoveTree(int parent, const std::string& name, const std::string& shown);
 
-}  // namespace orbamira::tools
+}  // namespace orbamira

@@ -24,7 +24,7 @@ namespace {
 UniqueFd OpenStep(int folder, const std::string& name, const std::string& shown) {
   UniqueFd step(openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   if (!step.valid()) {
-    tools::ThrowErrno(shown);
+    ThrowErrno(shown);
   }
   return step;
 }
@@ -47,10 +47,10 @@ class Walk {
   void BeginAt(const std::string& root) {
     folder_ = UniqueFd(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!folder_.valid()) {
-      tools::ThrowErrno(root);
+      ThrowErrno(root);
     }
     shown_ = root == "/" ? "" : root;
-    Pass(tools::Stat(folder_.get(), root), root);
+    Pass(Stat(folder_.get(), root), root);
   }
 
   /// Puts the names of the path in front of those that are left; the next one is the last of the list.
@@ -69,9 +69,9 @@ class Walk {
   void Step() {
     const std::string name = std::exchange(left_.back(), {});
     left_.pop_back();
-    const std::string shown = tools::Below(shown_, name);
+    const std::string shown = Below(shown_, name);
     UniqueFd step = OpenStep(folder_.get(), name, shown);
-    const struct stat status = tools::Stat(step.get(), shown);
+    const struct stat status = Stat(step.get(), shown);
     if (S_ISLNK(status.st_mode)) {
       FollowLink(step.get(), status, shown);
     } else if (left_.empty()) {
@@ -88,12 +88,12 @@ class Walk {
     constexpr int kMostLinks = 40;  // what the kernel follows
     if (++links_ > kMostLinks) {
       errno = ELOOP;
-      tools::ThrowErrno(shown);
+      ThrowErrno(shown);
     }
     struct stat owner_alone = status;
     owner_alone.st_mode = S_IFLNK;
     reason_ = orbamira::WhyDistrusted(owner_alone, kSelf, shown);
-    const std::string target = tools::ReadLink(link, "", shown);
+    const std::string target = ReadLink(link, "", shown);
     if (target.starts_with('/') && reason_.empty()) {
       BeginAt("/");
     }

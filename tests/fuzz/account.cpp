@@ -37,7 +37,7 @@ void CheckUser() {
 void CheckToken(const std::string& content) {
   try {
     const std::string token = orbazelo::PackagePkceClient("orbamira-updater").GetIdToken();
-    Require(orbazelo::ParseIdToken(token).has_value(), "a token that is handed out is one");
+    Require(orbamira::ParseIdToken(token).has_value(), "a token that is handed out is one");
   } catch (const orbazelo::ZeloException&) {
   }
   Require(orbamira::test::ReadFile(orbamira::path::kAccountFile) == content, "the account stays as it is");
@@ -53,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const std::string content = orbamira::fuzz::Text(data, size);
   orbamira::test::WriteFile(orbamira::path::kAccountFile, content);
   std::filesystem::permissions(orbamira::path::kAccountFile, std::filesystem::perms(0600));
-  orbazelo::ParseIdToken(content);
+  orbamira::ParseIdToken(content);
   CheckUser();
   CheckToken(content);
   return 0;

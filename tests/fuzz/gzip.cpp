@@ -24,7 +24,7 @@ using orbamira::fuzz::Require;
 // Empty when the bytes are refused.
 std::optional<std::string> Decompress(const std::string& gzip) {
   const orbamira::UniqueFd file(memfd_create("gzip", MFD_CLOEXEC));
-  orbamira::tools::WriteFully(file.get(), gzip.data(), gzip.size(), "gzip");
+  orbamira::WriteFully(file.get(), gzip.data(), gzip.size(), "gzip");
   std::string content;
   try {
     const auto source = orbamira::tools::OpenByteSource(file.get(), orbamira::tools::Layer::kPayload);

@@ -13,8 +13,8 @@ namespace {
 
 using orbamira::fuzz::Require;
 
-const orbazelo::TokenExpectation& Expected() {
-  static const orbazelo::TokenExpectation expected{.issuer = "https://i",
+const orbamira::TokenExpectation& Expected() {
+  static const orbamira::TokenExpectation expected{.issuer = "https://i",
                                                    .client_id = "client",
                                                    .nonce = "nonce",
                                                    .access_token = "access",
@@ -30,12 +30,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const std::string keys = orbamira::fuzz::TakeLine(text);
   int asked = 0;
   try {
-    const orbazelo::IdToken token = orbazelo::CheckIdToken(text, Expected(), [&] {
+    const orbamira::IdToken token = orbamira::CheckIdToken(text, Expected(), [&] {
       ++asked;
       return keys;
     });
-    const auto parts = orbazelo::ParseJsonWebToken(text);
-    Require(parts && orbazelo::IsSignatureAlgorithm(parts->header["alg"].asString()),
+    const auto parts = orbamira::ParseJsonWebToken(text);
+    Require(parts && orbamira::IsSignatureAlgorithm(parts->header["alg"].asString()),
             "only a token signed with a public key is taken");
     Require(asked > 0, "no token is taken without the provider's keys");
     Require(token.issuer == Expected().issuer && token.IsFor(Expected().client_id) &&

@@ -42,7 +42,7 @@ struct Provider {
 Provider provider;
 
 Json::Value ReadTokens() {
-  const auto account = orbazelo::ParseJsonObject(orbamira::test::ReadFile(orbamira::path::kAccountFile));
+  const auto account = orbamira::ParseJsonObject(orbamira::test::ReadFile(orbamira::path::kAccountFile));
   Require(account.has_value(), "the account file stays an object");
   Require((*account)["user_id"] == "u" && (*account)["issuer"] == "https://i", "what is not refreshed stays");
   return (*account)["clients"][kClient];
@@ -64,7 +64,7 @@ void Refresh() {
   Write();
   try {
     const std::string token = orbazelo::PackagePkceClient(kClient).GetIdToken();
-    const auto parsed = orbazelo::ParseIdToken(token);
+    const auto parsed = orbamira::ParseIdToken(token);
     Require(provider.status_of_tokens == 200, "only a success brings a token");
     Require(parsed && parsed->issuer == "https://i" && parsed->IsFor(kClient), "only a token that is ours is taken");
     Require(ReadTokens()["id_token"] == token, "a token that is handed out is kept");

@@ -110,12 +110,12 @@ class CurrentFolder {
 
 UniqueFd Put(const std::string& bytes) {
   UniqueFd file(memfd_create("archive", MFD_CLOEXEC));
-  tools::WriteFully(file.get(), bytes.data(), bytes.size(), "archive");
+  WriteFully(file.get(), bytes.data(), bytes.size(), "archive");
   return file;
 }
 
 bool Unpack(int archive, Layer layer, const fs::path& into) {
-  const UniqueFd folder = tools::OpenDirectory(AT_FDCWD, into, into);
+  const UniqueFd folder = OpenDirectory(AT_FDCWD, into, into);
   try {
     if (layer == Layer::kPackage) {
       tools::UnpackPackage(archive, folder.get(), kLimit, std::nullopt);

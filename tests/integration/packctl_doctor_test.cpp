@@ -44,7 +44,6 @@ using test::WriteFile;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using tools::Owned;
 
 std::string TextOf(BIO* bio) {
   char* data = nullptr;

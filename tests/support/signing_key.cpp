@@ -18,7 +18,7 @@
 namespace orbamira::test {
 namespace {
 
-using Number = tools::Owned<BIGNUM, BN_free>;
+using Number = Owned<BIGNUM, BN_free>;
 
 void Check(bool done, const char* what) {
   if (!done) {
@@ -47,15 +47,14 @@ std::string CurveName(const EVP_PKEY* key) { return "P-" + std::to_string(EVP_PK
 // ECDSA in the form of RFC 7518, section 3.4: both numbers at their full length.
 std::string ToPlain(const std::string& der, int field_size) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(der.data());
-  const tools::Owned<ECDSA_SIG, ECDSA_SIG_free> signature(
-      d2i_ECDSA_SIG(nullptr, &bytes, static_cast<long>(der.size())));
+  const Owned<ECDSA_SIG, ECDSA_SIG_free> signature(d2i_ECDSA_SIG(nullptr, &bytes, static_cast<long>(der.size())));
   Check(signature != nullptr, "d2i_ECDSA_SIG");
   return BytesOf(ECDSA_SIG_get0_r(signature.get()), field_size) +
          BytesOf(ECDSA_SIG_get0_s(signature.get()), field_size);
 }
 
 std::string PemOf(EVP_PKEY* key) {
-  const tools::Owned<BIO, BIO_free> bio(BIO_new(BIO_s_mem()));
+  const Owned<BIO, BIO_free> bio(BIO_new(BIO_s_mem()));
   Check(PEM_write_bio_PUBKEY(bio.get(), key) == 1, "PEM_write_bio_PUBKEY");
   char* text = nullptr;
   const long size = BIO_get_mem_data(bio.get(), &text);
@@ -111,7 +110,7 @@ SigningKey::SigningKey(evp_pkey_st* key, const std::string& key_id) : key_(key, 
 
 std::string SigningKey::Sign(const std::string& algorithm, const std::string& text) const {
   const std::string hash = "SHA" + algorithm.substr(2);
-  const tools::Owned<EVP_MD_CTX, EVP_MD_CTX_free> context(EVP_MD_CTX_new());
+  const Owned<EVP_MD_CTX, EVP_MD_CTX_free> context(EVP_MD_CTX_new());
   EVP_PKEY_CTX* options = nullptr;
   Check(EVP_DigestSignInit_ex(context.get(), &options, hash.c_str(), nullptr, nullptr, key_.get(), nullptr) == 1,
         "EVP_DigestSignInit_ex");

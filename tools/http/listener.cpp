@@ -23,7 +23,7 @@ Addresses Resolve(const std::string& address, int port) {
   hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
   addrinfo* found = nullptr;
   if (getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
-    throw std::runtime_error("no address to listen at: " + tools::Printable(address));
+    throw std::runtime_error("no address to listen at: " + Printable(address));
   }
   return {found, freeaddrinfo};
 }
@@ -36,7 +36,7 @@ UniqueFd Listen(const std::string& address, int port) {
   const int on = 1;
   if (!fd.valid() || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
       bind(fd.get(), found->ai_addr, found->ai_addrlen) != 0 || listen(fd.get(), SOMAXCONN) != 0) {
-    tools::ThrowErrno("cannot listen at " + tools::Printable(address) + ", port " + std::to_string(port));
+    ThrowErrno("cannot listen at " + Printable(address) + ", port " + std::to_string(port));
   }
   return fd;
 }
@@ -49,7 +49,7 @@ std::optional<UniqueFd> InheritedListener() {
     return std::nullopt;
   }
   if (std::string_view(count) != "1") {
-    throw std::runtime_error("one listening socket is expected, not " + tools::Printable(count));
+    throw std::runtime_error("one listening socket is expected, not " + Printable(count));
   }
   int listens = 0;
   socklen_t size = sizeof listens;
@@ -58,7 +58,7 @@ std::optional<UniqueFd> InheritedListener() {
   }
   UniqueFd listener(kFirst);
   if (fcntl(kFirst, F_SETFD, FD_CLOEXEC) != 0 || fcntl(kFirst, F_SETFL, fcntl(kFirst, F_GETFL) | O_NONBLOCK) != 0) {
-    tools::ThrowErrno("cannot use the socket that was handed over");
+    ThrowErrno("cannot use the socket that was handed over");
   }
   return listener;
 }

@@ -62,7 +62,7 @@ void WebServer::Serve(int changed, Clock::time_point limit) {
     waited.push_back({.fd = client.fd.get(), .events = EventsOf(client.phase), .revents = 0});
   }
   if (poll(waited.data(), waited.size(), Timeout(limit)) < 0 && errno != EINTR) {
-    tools::ThrowErrno("cannot wait for clients");
+    ThrowErrno("cannot wait for clients");
   }
   auto at = waited.begin() + 2;
   for (Client& client : clients_) {

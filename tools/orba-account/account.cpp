@@ -32,7 +32,7 @@ namespace fs = std::filesystem;
 void CheckFolder() {
   const fs::path folder = fs::path(path::kAccountFile).parent_path();
   if (faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
-    tools::ThrowErrno("the account cannot be kept in " + folder.string());
+    ThrowErrno("the account cannot be kept in " + folder.string());
   }
 }
 
@@ -44,9 +44,7 @@ struct Owner {
   friend bool operator==(const Owner&, const Owner&) = default;
 };
 
-Owner OwnerOf(const Json::Value& account) {
-  return {orbazelo::TextMember(account, "issuer"), orbazelo::TextMember(account, "user_id")};
-}
+Owner OwnerOf(const Json::Value& account) { return {TextMember(account, "issuer"), TextMember(account, "user_id")}; }
 
 [[noreturn]] void ThrowOccupied(const Owner& owner) {
   throw SignInError("another account is signed in, " + owner.user_id + " of " + owner.issuer +
@@ -58,14 +56,14 @@ Json::Value AccountFor(const Owner& owner, bool replace) {
   if (replace) {
     return Json::objectValue;
   }
-  Json::Value account = orbazelo::ReadAccount();
+  Json::Value account = ReadAccount();
   if (const Owner present = OwnerOf(account); !present.user_id.empty() && present != owner) {
     ThrowOccupied(present);
   }
   return account;
 }
 
-void Keep(const Owner& owner, const orbazelo::ClientTokens& tokens, bool replace) {
+void Keep(const Owner& owner, const ClientTokens& tokens, bool replace) {
   const store::FileLock lock(path::kAccountLock);
   Json::Value account = AccountFor(owner, replace);
   account["user_id"] = owner.user_id;
@@ -78,7 +76,7 @@ void Keep(const Owner& owner, const orbazelo::ClientTokens& tokens, bool replace
   if (tokens.client_id != kPkceClientName) {
     kept["client_id"] = tokens.client_id;
   }
-  orbazelo::WriteAccount(account);
+  WriteAccount(account);
 }
 
 void ShowAddress(const Context& context, const AnswerListener& listener, const std::string& address) {
@@ -90,7 +88,7 @@ void ShowAddress(const Context& context, const AnswerListener& listener, const s
     context.console.Print(JsonLine(line));
     return;
   }
-  context.console.Print("Open this address in a browser and sign in there:\n\n  " + tools::Printable(address) +
+  context.console.Print("Open this address in a browser and sign in there:\n\n  " + Printable(address) +
                         "\n\nThe answer is awaited at " + listener.RedirectUri() + ".\n");
 }
 
@@ -104,15 +102,14 @@ std::string CodeOf(const std::optional<AuthorizationAnswer>& answer, const SignI
   if (!answer->error.empty()) {
     constexpr std::size_t kLongest = 200;
     const std::string more = answer->error_description.empty() ? "" : ", " + answer->error_description;
-    throw SignInError("the provider refused the sign-in: " +
-                      tools::Printable((answer->error + more).substr(0, kLongest)));
+    throw SignInError("the provider refused the sign-in: " + Printable((answer->error + more).substr(0, kLongest)));
   }
   return answer->code;
 }
 
 /// Whom a sign-in came to, and with what.
 struct SignedIn {
-  orbazelo::IdToken token;
+  IdToken token;
   bool renewable = false;
 };
 
@@ -123,7 +120,7 @@ void GiveBack(const SignInProvider& provider, const std::string& client_id, cons
     return;
   }
   try {
-    orbazelo::RevokeToken(orbazelo::EndpointOf(provider.configuration, kEndpoint), client_id, refresh_token);
+    RevokeToken(EndpointOf(provider.configuration, kEndpoint), client_id, refresh_token);
   } catch (const orbazelo::ZeloException&) {  // it then ends by itself
   }
 }
@@ -132,20 +129,19 @@ SignedIn Complete(const Context& context, const SignInProvider& provider, const 
                   const std::string& client_id, AnswerListener& listener) {
   const SignInOptions& options = context.options.sign_in;
   const std::string code = CodeOf(listener.Wait(std::chrono::seconds(options.timeout)), provider, options.timeout);
-  const orbazelo::IssuedTokens tokens =
-      orbazelo::ExchangeCode(provider.token_endpoint, {.code = code,
-                                                       .redirect_uri = listener.RedirectUri(),
-                                                       .client_id = client_id,
-                                                       .code_verifier = secrets.code_verifier});
+  const IssuedTokens tokens = ExchangeCode(provider.token_endpoint, {.code = code,
+                                                                     .redirect_uri = listener.RedirectUri(),
+                                                                     .client_id = client_id,
+                                                                     .code_verifier = secrets.code_verifier});
   try {
-    orbazelo::IdToken token = orbazelo::CheckIdToken(tokens.id_token,
-                                                     {.issuer = provider.issuer,
-                                                      .client_id = client_id,
-                                                      .nonce = secrets.nonce,
-                                                      .access_token = tokens.access_token,
-                                                      .now = std::time(nullptr),
-                                                      .provider_time = tokens.date},
-                                                     [&] { return orbazelo::FetchKeys(provider.jwks_uri); });
+    IdToken token = CheckIdToken(tokens.id_token,
+                                 {.issuer = provider.issuer,
+                                  .client_id = client_id,
+                                  .nonce = secrets.nonce,
+                                  .access_token = tokens.access_token,
+                                  .now = std::time(nullptr),
+                                  .provider_time = tokens.date},
+                                 [&] { return FetchKeys(provider.jwks_uri); });
     Keep({provider.issuer, token.subject}, {client_id, tokens.id_token, tokens.refresh_token}, options.replace);
     return {std::move(token), !tokens.refresh_token.empty()};
   } catch (const std::exception&) {
@@ -160,7 +156,7 @@ Outcome Describe(const SignedIn& done) {
   outcome.members["issuer"] = done.token.issuer;
   outcome.members["expires"] = Json::Int64{done.token.expires};
   outcome.members["renewable"] = done.renewable;
-  outcome.text = "Signed in as " + tools::Printable(done.token.subject) + ".\n";
+  outcome.text = "Signed in as " + Printable(done.token.subject) + ".\n";
   if (!done.renewable) {
     outcome.text += "The provider gave no refresh token: sign in again when the identity token expires, at " +
                     LocalTime(done.token.expires) + ".\n";
@@ -169,10 +165,9 @@ Outcome Describe(const SignedIn& done) {
 }
 
 // What can be told of the tokens of this program's client; those of an account without them are empty.
-orbazelo::ClientTokens OwnTokens(const Json::Value& account) {
-  return orbazelo::ObjectMember(account, "clients").isMember(kPkceClientName)
-             ? orbazelo::TokensOf(account, kPkceClientName)
-             : orbazelo::ClientTokens{.client_id = kPkceClientName};
+ClientTokens OwnTokens(const Json::Value& account) {
+  return ObjectMember(account, "clients").isMember(kPkceClientName) ? TokensOf(account, kPkceClientName)
+                                                                    : ClientTokens{.client_id = kPkceClientName};
 }
 
 Outcome NobodySignedIn(const char* result) {
@@ -187,21 +182,20 @@ struct Revocation {
 
 // Of each client in the account: all of them are signed out.
 Revocation Revoke() try {
-  const Json::Value account = orbazelo::ReadAccount();
-  const Json::Value clients = orbazelo::ObjectMember(account, "clients");
+  const Json::Value account = ReadAccount();
+  const Json::Value clients = ObjectMember(account, "clients");
   Json::Value configuration;
   bool revoked = false;
   for (const std::string& name : clients.getMemberNames()) {
-    const orbazelo::ClientTokens tokens = orbazelo::TokensOf(account, name);
+    const ClientTokens tokens = TokensOf(account, name);
     if (tokens.refresh_token.empty()) {
       continue;
     }
     if (configuration.isNull()) {
-      configuration = orbazelo::DiscoverProvider(orbazelo::TextMember(account, "issuer"));
+      configuration = DiscoverProvider(TextMember(account, "issuer"));
     }
     if (configuration.isMember("revocation_endpoint")) {
-      orbazelo::RevokeToken(orbazelo::EndpointOf(configuration, "revocation_endpoint"), tokens.client_id,
-                            tokens.refresh_token);
+      RevokeToken(EndpointOf(configuration, "revocation_endpoint"), tokens.client_id, tokens.refresh_token);
       revoked = true;
     }
   }
@@ -216,8 +210,7 @@ Outcome SignIn(Context& context) {
   const SignInOptions& options = context.options.sign_in;
   CheckFolder();
   if (!options.replace) {
-    if (const Owner present = OwnerOf(orbazelo::ReadAccount());
-        !present.user_id.empty() && present.issuer != options.issuer) {
+    if (const Owner present = OwnerOf(ReadAccount()); !present.user_id.empty() && present.issuer != options.issuer) {
       ThrowOccupied(present);
     }
   }
@@ -246,20 +239,20 @@ Outcome SignOut(Context& /*context*/) {
   if (!revocation.problem.empty()) {
     outcome.problems = {revocation.problem};
   }
-  orbazelo::RemoveAccount();
+  RemoveAccount();
   outcome.members["revoked"] = revocation.done;
   outcome.text = revocation.done ? "Signed out, and the refresh token is revoked.\n" : "Signed out.\n";
   return outcome;
 }
 
 Outcome AccountStatus(Context& /*context*/) {
-  const Json::Value account = orbazelo::ReadAccount();
+  const Json::Value account = ReadAccount();
   const Owner owner = OwnerOf(account);
   if (owner.user_id.empty()) {
     return NobodySignedIn("signed_out");
   }
-  const orbazelo::ClientTokens tokens = OwnTokens(account);
-  const std::int64_t expires = orbazelo::ParseIdToken(tokens.id_token).value_or(orbazelo::IdToken{}).expires;
+  const ClientTokens tokens = OwnTokens(account);
+  const std::int64_t expires = ParseIdToken(tokens.id_token).value_or(IdToken{}).expires;
   const bool valid = expires > std::time(nullptr);
   const bool renewable = !tokens.refresh_token.empty();
   Outcome outcome{.result = "signed_in"};
@@ -269,10 +262,9 @@ Outcome AccountStatus(Context& /*context*/) {
   outcome.members["valid"] = valid;
   outcome.members["expires"] = expires != 0 ? Json::Value(Json::Int64{expires}) : Json::Value();
   outcome.members["renewable"] = renewable;
-  outcome.text =
-      "User: " + tools::Printable(owner.user_id) + "\nIssuer: " + tools::Printable(owner.issuer) +
-      "\nIdentity token: " + (expires == 0 ? "none" : (valid ? "valid until " : "expired at ") + LocalTime(expires)) +
-      "\nCan be renewed: " + (renewable ? "yes" : "no, sign in again when it has expired") + "\n";
+  outcome.text = "User: " + Printable(owner.user_id) + "\nIssuer: " + Printable(owner.issuer) + "\nIdentity token: " +
+                 (expires == 0 ? "none" : (valid ? "valid until " : "expired at ") + LocalTime(expires)) +
+                 "\nCan be renewed: " + (renewable ? "yes" : "no, sign in again when it has expired") + "\n";
   return outcome;
 }
 

@@ -48,8 +48,7 @@ std::string MakePage(const std::string& title, const std::string& text) {
 }
 
 std::string PagePolicy() {
-  return "default-src 'none'; style-src 'sha256-" +
-         orbazelo::ToBase64(orbazelo::Digest(std::string(kStyle), "SHA256")) +
+  return "default-src 'none'; style-src 'sha256-" + ToBase64(Digest(std::string(kStyle), "SHA256")) +
          "'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 }
 

@@ -24,7 +24,7 @@ bool MayOffer(const Json::Value& configuration, const char* list, const char* wa
 
 bool SignsWithPublicKey(const Json::Value& algorithms) {
   return algorithms.isArray() && std::any_of(algorithms.begin(), algorithms.end(), [](const Json::Value& name) {
-           return name.isString() && orbazelo::IsSignatureAlgorithm(name.asString());
+           return name.isString() && IsSignatureAlgorithm(name.asString());
          });
 }
 
@@ -49,20 +49,18 @@ void CheckOffers(const Json::Value& configuration) {
 }  // namespace
 
 SignInProvider AskProvider(const std::string& issuer) {
-  const Json::Value configuration = orbazelo::DiscoverProvider(issuer);
+  const Json::Value configuration = DiscoverProvider(issuer);
   CheckOffers(configuration);
   return {.issuer = issuer,
-          .authorization_endpoint = orbazelo::EndpointOf(configuration, "authorization_endpoint"),
-          .token_endpoint = orbazelo::EndpointOf(configuration, "token_endpoint"),
-          .jwks_uri = orbazelo::EndpointOf(configuration, "jwks_uri"),
+          .authorization_endpoint = EndpointOf(configuration, "authorization_endpoint"),
+          .token_endpoint = EndpointOf(configuration, "token_endpoint"),
+          .jwks_uri = EndpointOf(configuration, "jwks_uri"),
           .offers_refresh = MayOffer(configuration, "scopes_supported", "offline_access"),
           .names_itself = configuration["authorization_response_iss_parameter_supported"] == Json::Value(true),
           .configuration = configuration};
 }
 
-SignInSecrets MakeSecrets() {
-  return {.state = orbazelo::RandomText(), .nonce = orbazelo::RandomText(), .code_verifier = orbazelo::RandomText()};
-}
+SignInSecrets MakeSecrets() { return {.state = RandomText(), .nonce = RandomText(), .code_verifier = RandomText()}; }
 
 std::string AuthorizationAddress(const SignInProvider& provider, const SignInSecrets& secrets,
                                  const std::string& client_id, const std::string& redirect_uri) {
@@ -73,8 +71,7 @@ std::string AuthorizationAddress(const SignInProvider& provider, const SignInSec
   // A provider gives a refresh token only to who was asked about it (Core 1.0, section 11).
   address += provider.offers_refresh ? "&scope=openid%20offline_access&prompt=consent" : "&scope=openid";
   address += "&state=" + secrets.state + "&nonce=" + secrets.nonce;
-  address += "&code_challenge=" + orbazelo::ToBase64Url(orbazelo::Digest(secrets.code_verifier, "SHA256")) +
-             "&code_challenge_method=S256";
+  address += "&code_challenge=" + ToBase64Url(Digest(secrets.code_verifier, "SHA256")) + "&code_challenge_method=S256";
   return address;
 }
 

@@ -15,11 +15,11 @@
 
 namespace {
 
+using orbamira::OpenDirectory;
+using orbamira::Printable;
+using orbamira::PrintAll;
 using orbamira::UniqueFd;
-using orbamira::tools::OpenDirectory;
 using orbamira::tools::PartialFolder;
-using orbamira::tools::Printable;
-using orbamira::tools::PrintAll;
 using orbamira::tools::TreeCopier;
 
 constexpr const char* kUsage =

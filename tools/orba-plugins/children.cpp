@@ -50,7 +50,7 @@ std::vector<pid_t> Children() {
     return children;
   }
   const pid_t self = getpid();
-  for (const std::string& name : tools::ListDirectory(all.get(), "/proc")) {
+  for (const std::string& name : ListDirectory(all.get(), "/proc")) {
     if (const pid_t number = Number(name); number > 0 && ParentOf("/proc/" + name) == self) {
       children.push_back(number);
     }
@@ -62,7 +62,7 @@ std::vector<pid_t> Children() {
 
 void AdoptOrphans() {
   if (prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0) {
-    tools::ThrowErrno("cannot adopt what plugins leave behind");
+    ThrowErrno("cannot adopt what plugins leave behind");
   }
 }
 

@@ -30,7 +30,7 @@ bool PrintError(std::string_view text) {
 }
 
 void Report(const std::string& failure) {
-  const std::string line = tools::Printable(failure);
+  const std::string line = Printable(failure);
   PrintError(std::string(program_invocation_short_name) + ": " + line + "\n");
   syslog(LOG_LOCAL1 | LOG_ERR, "%s", line.c_str());
 }

@@ -59,7 +59,7 @@ int RunGuarded(Signals& signals, const std::function<int()>& work) {
   const pid_t guard = getpid();
   const pid_t worker = fork();
   if (worker < 0) {
-    tools::ThrowErrno("cannot make a process");
+    ThrowErrno("cannot make a process");
   }
   if (worker == 0) {
     setpgid(0, 0);

@@ -181,10 +181,10 @@ int Run(const Role& role, const Arguments& arguments) try {
 
 int Answer(const Role& role, const Arguments& arguments) {
   if (arguments == Arguments{"--help"}) {
-    return orbamira::tools::PrintAll((std::string(role.usage) + role.help).c_str());
+    return orbamira::PrintAll((std::string(role.usage) + role.help).c_str());
   }
   if (arguments == Arguments{"--version"}) {
-    return orbamira::tools::PrintAll((std::string(role.name) + " " ORBAMIRA_VERSION "\n").c_str());
+    return orbamira::PrintAll((std::string(role.name) + " " ORBAMIRA_VERSION "\n").c_str());
   }
   if (!role.is_valid(arguments)) {
     PrintError(role.usage);

@@ -56,8 +56,6 @@ void OutputLines::End(Line& line) {
   Print(text + (is_cut ? " [cut]" : ""));
 }
 
-void OutputLines::Print(const std::string& text) {
-  dropping_ = !PrintError(tools::Printable(name_ + ": " + text) + "\n");
-}
+void OutputLines::Print(const std::string& text) { dropping_ = !PrintError(Printable(name_ + ": " + text) + "\n"); }
 
 }  // namespace orbamira::plugins

@@ -36,9 +36,9 @@ std::vector<std::string> ListPlugins() {
     RefuseDistrusted(folder);
     const UniqueFd open_folder(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!open_folder.valid()) {
-      tools::ThrowErrno(folder);
+      ThrowErrno(folder);
     }
-    names = tools::ListDirectory(open_folder.get(), folder);
+    names = ListDirectory(open_folder.get(), folder);
   } catch (const std::system_error& error) {
     if (error.code().value() == ENOENT) {
       return {};
@@ -47,7 +47,7 @@ std::vector<std::string> ListPlugins() {
   }
   std::vector<std::string> paths;
   for (const std::string& name : names) {
-    if (std::string path = tools::Below(folder, name); IsPlugin(name, path)) {
+    if (std::string path = Below(folder, name); IsPlugin(name, path)) {
       paths.push_back(std::move(path));
     }
   }

@@ -39,7 +39,7 @@ struct Pipe {
 Pipe MakePipe() {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-    tools::ThrowErrno("cannot make a pipe");
+    ThrowErrno("cannot make a pipe");
   }
   Pipe pipe{UniqueFd(ends[0]), UniqueFd(ends[1])};
   fcntl(pipe.read_end.get(), F_SETFL, O_NONBLOCK);
@@ -83,7 +83,7 @@ Started Start(const std::string& plugin, std::vector<std::string> arguments) {
   const pid_t parent = getpid();
   const pid_t process = fork();
   if (process < 0) {
-    tools::ThrowErrno("cannot make a process");
+    ThrowErrno("cannot make a process");
   }
   if (process == 0) {
     BecomePlugin(argv.data(), output.write_end.get(), errors.write_end.get(), parent);

@@ -20,7 +20,7 @@ Signals::Signals() {
   sigprocmask(SIG_SETMASK, &awaited, nullptr);
   fd_ = UniqueFd(signalfd(-1, &awaited, SFD_CLOEXEC | SFD_NONBLOCK));
   if (!fd_.valid()) {
-    tools::ThrowErrno("cannot wait for signals");
+    ThrowErrno("cannot wait for signals");
   }
 }
 

@@ -11,8 +11,8 @@
 
 namespace {
 
-using orbamira::tools::Printable;
-using orbamira::tools::PrintAll;
+using orbamira::Printable;
+using orbamira::PrintAll;
 
 constexpr int kExitBusy = 3;  // as packctl ends
 

@@ -11,8 +11,8 @@
 
 namespace {
 
-using orbamira::tools::Printable;
-using orbamira::tools::PrintAll;
+using orbamira::Printable;
+using orbamira::PrintAll;
 
 constexpr const char* kUsage =
     "Usage: orba-remove -rf PATH\n"
@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
     return EXIT_FAILURE;
   }
   try {
-    orbamira::tools::RemoveAtOnce(std::string(arguments[1]));
+    orbamira::RemoveAtOnce(std::string(arguments[1]));
   } catch (const std::exception& error) {
     static_cast<void>(std::fprintf(stderr, "orba-remove: %s\n", Printable(error.what()).c_str()));
     return EXIT_FAILURE;

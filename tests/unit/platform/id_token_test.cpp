@@ -7,10 +7,10 @@
 
 #include "tests/support/oidc_provider.h"
 
-namespace orbazelo {
+namespace orbamira {
 namespace {
 
-using orbamira::test::MakeIdToken;
+using test::MakeIdToken;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -110,4 +110,4 @@ TEST(IdTokenTest, ParseIdTokenRefusesWhatIsNotJson) {
 }
 
 }  // namespace
-}  // namespace orbazelo
+}  // namespace orbamira

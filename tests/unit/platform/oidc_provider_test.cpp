@@ -10,12 +10,13 @@
 #include "platform/orbazelo.h"
 #include "tests/support/oidc_provider.h"
 
-namespace orbazelo {
+namespace orbamira {
 namespace {
 
-using orbamira::test::HttpResponse;
-using orbamira::test::OidcProvider;
-using orbamira::test::RefusingPort;
+using orbazelo::ZeloException;
+using test::HttpResponse;
+using test::OidcProvider;
+using test::RefusingPort;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -53,7 +54,7 @@ class RefreshTokensTest : public testing::Test {
 TEST_F(RefreshTokensTest, RefreshTokensSendsTheForm) {
   EXPECT_EQ(Refresh().id_token, "new-id");
   ASSERT_THAT(provider_.server().Requests(), SizeIs(2));
-  const orbamira::test::HttpRequest request = provider_.server().Requests()[1];
+  const test::HttpRequest request = provider_.server().Requests()[1];
   EXPECT_EQ(request.Header("Content-Type"), "application/x-www-form-urlencoded");
   EXPECT_EQ(request.Header("Accept"), "application/json");
   EXPECT_EQ(request.body, "grant_type=refresh_token&refresh_token=old-refresh&client_id=client");
@@ -242,7 +243,7 @@ TEST_F(RefreshTokensTest, RefreshTokensTellsTheProvidersClock) {
   provider_.clock_offset = -3600;
   const auto date = Refresh().date;
   ASSERT_TRUE(date);
-  EXPECT_NEAR(static_cast<double>(*date), static_cast<double>(orbamira::test::UnixTime() - 3600), 30);
+  EXPECT_NEAR(static_cast<double>(*date), static_cast<double>(test::UnixTime() - 3600), 30);
   provider_.token_answer = [] { return HttpResponse{.headers = {{"Date", "yesterday"}}, .body = "{}"}; };
   EXPECT_FALSE(Refresh().date);
 }
@@ -347,4 +348,4 @@ TEST(ClockFaultTest, SaysNothingOfASmallOrUnknownDifference) {
 }
 
 }  // namespace
-}  // namespace orbazelo
+}  // namespace orbamira

@@ -25,6 +25,10 @@ namespace {
 
 namespace fs = std::filesystem;
 namespace path = orbamira::path;
+using orbamira::kTokenLimit;
+using orbamira::ReadAccount;
+using orbamira::RemoveAccount;
+using orbamira::WriteAccount;
 using orbamira::test::FileSizeLimit;
 using orbamira::test::HttpResponse;
 using orbamira::test::OidcProvider;

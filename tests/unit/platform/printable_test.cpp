@@ -11,8 +11,6 @@
 namespace orbamira {
 namespace {
 
-using wrapper::ShownLink;
-
 TEST(PrintableTest, PrintableLeavesTextInAnyLanguageAsItIs) {
   for (const char* text : {"", "plain text ~", "\u00a0", "Grün", "中文", "עברית", "\U0001F600", "\U0010FFFF"}) {
     EXPECT_EQ(Printable(text), text);

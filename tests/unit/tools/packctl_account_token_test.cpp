@@ -8,10 +8,11 @@
 #include "platform/orbazelo.h"
 #include "tests/support/signing_key.h"
 
-namespace orbazelo {
+namespace orbamira {
 namespace {
 
-using orbamira::test::SigningKey;
+using orbazelo::ZeloException;
+using test::SigningKey;
 
 constexpr std::int64_t kNow = 1'800'000'000;
 constexpr const char* kForged = "the identity token's signature is not by the provider's key: it is forged or damaged";
@@ -40,7 +41,7 @@ class AccountTokenTest : public testing::Test {
     key_set_ = set.toStyledString();
   }
 
-  orbazelo::IdToken Check(const std::string& token) {
+  IdToken Check(const std::string& token) {
     return CheckIdToken(token, expected_, [this] {
       ++asked_for_keys_;
       return key_set_;
@@ -90,7 +91,7 @@ class AccountTokenTest : public testing::Test {
 };
 
 TEST_F(AccountTokenTest, CheckGivesWhatTheTokenSays) {
-  const orbazelo::IdToken token = Check(Token());
+  const IdToken token = Check(Token());
   EXPECT_EQ(token.issuer, "https://accounts.example");
   EXPECT_EQ(token.subject, "user");
   EXPECT_EQ(token.expires, kNow + 3600);
@@ -126,7 +127,7 @@ TEST_F(AccountTokenTest, CheckRefusesWhatIsSignedWithNoPublicKey) {
     Json::Value header = header_;
     header["alg"] = algorithm;
     const std::string token = Token();
-    return FailureOf(orbamira::test::EncodeBase64Url(header.toStyledString()) + token.substr(token.find('.')));
+    return FailureOf(test::EncodeBase64Url(header.toStyledString()) + token.substr(token.find('.')));
   };
   EXPECT_EQ(failure_with("ES256K"), std::string(kFront) + "ES256K");
   EXPECT_EQ(failure_with("es256"), std::string(kFront) + "es256");
@@ -322,7 +323,7 @@ TEST_F(AccountTokenTest, CheckRefusesATokenOfNobody) {
 TEST_F(AccountTokenTest, CheckRefusesTheAccessTokenOfAnother) {
   const auto half_of = [](const std::string& token, const char* hash) {
     const std::string digest = Digest(token, hash);
-    return orbamira::test::EncodeBase64Url(digest.substr(0, digest.size() / 2));
+    return test::EncodeBase64Url(digest.substr(0, digest.size() / 2));
   };
   constexpr const char* kOther = "the identity token does not belong to the access token that came with it";
   EXPECT_EQ(FailureWith("at_hash", half_of("access", "SHA256")), "");
@@ -399,18 +400,18 @@ TEST_F(AccountTokenTest, CheckRefusesAForgeryByAnExponentOfOne) {
   Json::Value key;
   key["kty"] = "RSA";
   key["kid"] = "key-1";
-  key["n"] = orbamira::test::EncodeBase64Url(std::string(kBytes, '\xff'));
+  key["n"] = test::EncodeBase64Url(std::string(kBytes, '\xff'));
   key["e"] = "AQ";
   Show({key});
   header_["alg"] = "RS256";
-  const auto encoded = [](const Json::Value& value) { return orbamira::test::EncodeBase64Url(value.toStyledString()); };
+  const auto encoded = [](const Json::Value& value) { return test::EncodeBase64Url(value.toStyledString()); };
   const std::string text = encoded(header_) + "." + encoded(claims_);
   constexpr unsigned char kSha256Front[] = {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
                                             0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20};
   const std::string digest = std::string(std::begin(kSha256Front), std::end(kSha256Front)) + Digest(text, "SHA256");
   const std::string front{'\0', '\1'};
   const std::string signature = front + std::string(kBytes - 3 - digest.size(), '\xff') + '\0' + digest;
-  EXPECT_EQ(FailureOf(text + "." + orbamira::test::EncodeBase64Url(signature)), kForged);
+  EXPECT_EQ(FailureOf(text + "." + test::EncodeBase64Url(signature)), kForged);
 }
 
 TEST_F(AccountTokenTest, CheckRefusesATokenThatMayNotBeUsedYet) {
@@ -420,4 +421,4 @@ TEST_F(AccountTokenTest, CheckRefusesATokenThatMayNotBeUsedYet) {
 }
 
 }  // namespace
-}  // namespace orbazelo
+}  // namespace orbamira

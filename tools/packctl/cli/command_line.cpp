@@ -165,9 +165,9 @@ std::string UsageProblem(const CLI::App& app, const CLI::ParseError& error) {
   const bool takes_command = !level.get_subcommands([](const CLI::App*) { return true; }).empty();
   const std::vector<std::string> unknown = app.remaining(true);
   if (unknown.empty()) {
-    return takes_command ? "name a command." : tools::Printable(error.what()) + ".";
+    return takes_command ? "name a command." : Printable(error.what()) + ".";
   }
-  const std::string word = tools::Printable(unknown.front());
+  const std::string word = Printable(unknown.front());
   if (!takes_command || word.starts_with('-')) {
     return "\"" + word + "\" was not expected.";
   }

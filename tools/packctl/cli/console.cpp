@@ -95,7 +95,7 @@ Console::~Console() {
 bool Console::Print(std::string_view text) const { return WriteAll(output_, text); }
 
 void Console::Complain(std::string_view text) const {
-  WriteAll(error_, std::string(kName) + ": " + tools::Printable(text) + "\n");
+  WriteAll(error_, std::string(kName) + ": " + Printable(text) + "\n");
 }
 
 bool Console::IsTerminal() const { return isatty(output_) == 1; }

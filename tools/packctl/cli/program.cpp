@@ -34,7 +34,7 @@ void OpenStandardDescriptors() {
   while (fd <= STDERR_FILENO) {
     fd = open("/dev/null", O_RDWR);
     if (fd < 0) {
-      tools::ThrowErrno("cannot open /dev/null");
+      ThrowErrno("cannot open /dev/null");
     }
   }
   close(fd);
@@ -44,7 +44,7 @@ void OpenStandardDescriptors() {
 [[noreturn]] void BecomeAccountProgram(char** argv) {
   const std::filesystem::path program = std::filesystem::path(path::kOrbaArchivePath).replace_filename("orba-account");
   execv(program.c_str(), argv);
-  tools::ThrowErrno("cannot run " + program.string());
+  ThrowErrno("cannot run " + program.string());
 }
 
 void Append(std::vector<std::string>& lines, const std::vector<std::string>& more) {

@@ -41,7 +41,7 @@ Look TakeLook() {
 }
 
 std::string StatusLine(const StatusRecord& record) {
-  const std::string version = record.new_version.empty() ? "" : ", version " + tools::Printable(record.new_version);
+  const std::string version = record.new_version.empty() ? "" : ", version " + Printable(record.new_version);
   return std::string(StatusText(record.status)) + " (" + StatusMeaning(record.status) + version + ")\n";
 }
 

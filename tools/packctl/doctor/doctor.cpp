@@ -27,7 +27,7 @@ FileText ReadText(const std::filesystem::path& file) {
   }
   try {
     std::string text(kMost, '\0');
-    text.resize(tools::ReadFully(fd.get(), text.data(), text.size(), file));
+    text.resize(ReadFully(fd.get(), text.data(), text.size(), file));
     return {.text = std::move(text)};
   } catch (const std::system_error& error) {
     return {.problem = error.code().message()};
@@ -66,8 +66,7 @@ Outcome Doctor(Context& context) {
       entry["problem"] = finding.problem;
       entry["remedy"] = finding.remedy;
       findings.append(entry);
-      outcome.text += tools::Printable(finding.check + ": " + finding.problem) + ".\n    " +
-                      tools::Printable(finding.remedy) + ".\n";
+      outcome.text += Printable(finding.check + ": " + finding.problem) + ".\n    " + Printable(finding.remedy) + ".\n";
     }
   }
   // What was logged on the way is what the findings tell.

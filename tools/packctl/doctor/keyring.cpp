@@ -15,10 +15,6 @@
 namespace orbamira::packctl {
 namespace {
 
-using tools::IsCertificateAlone;
-using tools::Owned;
-using tools::PemObjects;
-
 constexpr const char* kCheck = "keyring";
 constexpr const char* kShipAgain = "ship a keyring of certificates alone";
 

@@ -22,7 +22,7 @@ class PrivateFolder {
  public:
   PrivateFolder() : path_((fs::temp_directory_path() / "packctl.XXXXXX").string()) {
     if (mkdtemp(path_.data()) == nullptr) {
-      tools::ThrowErrno(path_);
+      ThrowErrno(path_);
     }
   }
   ~PrivateFolder() {
@@ -32,7 +32,7 @@ class PrivateFolder {
   PrivateFolder(const PrivateFolder&) = delete;
   PrivateFolder& operator=(const PrivateFolder&) = delete;
 
-  [[nodiscard]] std::string File(const std::string& name) const { return tools::Below(path_, name); }
+  [[nodiscard]] std::string File(const std::string& name) const { return Below(path_, name); }
 
  private:
   std::string path_;

@@ -33,7 +33,7 @@ constexpr long kOk = 200;
 
 // The updater waits as long as the server takes; a doctor must come to an end.
 void SetUp(cpr::Session& session, const std::string& address) {
-  wrapper::SetHttpUrl(session, address);
+  SetHttpUrl(session, address);
   session.SetConnectTimeout(cpr::ConnectTimeout(std::chrono::seconds(10)));
   session.SetTimeout(cpr::Timeout(std::chrono::seconds(30)));
 }
@@ -111,7 +111,7 @@ void CheckPackage(const std::string& link, Offer& offer, Findings& findings) {
   if (response.status_code != kOk) {
     const std::string why =
         response.status_code == 0 ? response.error.message : "status " + std::to_string(response.status_code);
-    findings.push_back({kServer, "the package on offer cannot be had from " + wrapper::ShownLink(link) + ": " + why,
+    findings.push_back({kServer, "the package on offer cannot be had from " + ShownLink(link) + ": " + why,
                         "put the package there, or correct the link in the reply"});
     return;
   }

@@ -108,7 +108,7 @@ Findings CheckSettings() {
     findings.push_back({kCheck, "no update server is set",
                         std::string("set ") + common::kPackUpdateServer + " in " + path::kPkgSetting});
   } else if (SchemeOf(server).empty()) {
-    findings.push_back({kCheck, "the update server's address is none of http or https: " + wrapper::ShownLink(server),
+    findings.push_back({kCheck, "the update server's address is none of http or https: " + ShownLink(server),
                         std::string("correct ") + common::kPackUpdateServer});
   }
   CheckValue(kPluginTimeLimit, IsTimeLimit, "a number of seconds up to a day", findings);

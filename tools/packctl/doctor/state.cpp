@@ -75,7 +75,7 @@ void CheckStatusStore(Findings& findings) {
   if (!read.problem.empty()) {
     findings.push_back({kState, file + " cannot be read: " + read.problem, kRecover});
   } else if (read.text) {
-    const std::optional<Json::Value> store = orbazelo::ParseJsonObject(*read.text);
+    const std::optional<Json::Value> store = ParseJsonObject(*read.text);
     if (!store) {
       findings.push_back({kState, file + " is damaged", kRecover});
     } else if (store->isMember(webapi::param::kStatus)) {
@@ -97,7 +97,7 @@ void CheckPack(Findings& findings) {
 void CheckRequirements(Findings& findings) {
   const std::string file = path::kCodecRequirementsPath;
   const FileText read = ReadText(file);
-  if (!read.problem.empty() || (read.text && !orbazelo::ParseJsonObject(*read.text))) {
+  if (!read.problem.empty() || (read.text && !ParseJsonObject(*read.text))) {
     const std::string why = read.problem.empty() ? "" : ": " + read.problem;
     findings.push_back({kState, file + " holds no JSON object, so what applications ask for is not known" + why,
                         "have the applications write it anew"});

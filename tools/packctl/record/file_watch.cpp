@@ -32,7 +32,7 @@ FileWatch::Wake FileWatch::Wait(pollfd other, std::chrono::milliseconds longest)
     const auto limit = watched_ ? longest : std::min(longest, kUnwatched);
     const int ready = poll(waited.data(), waited.size(), static_cast<int>(limit.count()));
     if (ready < 0 && errno != EINTR) {
-      tools::ThrowErrno("cannot wait for changes of files");
+      ThrowErrno("cannot wait for changes of files");
     }
     if (ready > 0 && waited[0].revents != 0) {
       return Wake::kOther;

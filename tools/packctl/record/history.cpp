@@ -47,9 +47,9 @@ UniqueFd Open(const std::string& path, int flags) {
   // Without waiting: what stands there may be a pipe.
   UniqueFd file(open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0640));
   if (!file.valid() && errno != ENOENT) {
-    tools::ThrowErrno(path);
+    ThrowErrno(path);
   }
-  if (file.valid() && !S_ISREG(tools::Stat(file.get(), path).st_mode)) {
+  if (file.valid() && !S_ISREG(Stat(file.get(), path).st_mode)) {
     throw std::system_error(EINVAL, std::generic_category(), path + " is no file");
   }
   return file;
@@ -58,13 +58,13 @@ UniqueFd Open(const std::string& path, int flags) {
 UniqueFd OpenToAppend() {
   UniqueFd file = Open(path::kHistoryFile, O_RDWR | O_APPEND | O_CREAT);
   if (!file.valid()) {
-    tools::ThrowErrno(path::kHistoryFile);
+    ThrowErrno(path::kHistoryFile);
   }
   return file;
 }
 
 std::size_t SizeOf(const UniqueFd& file) {
-  return static_cast<std::size_t>(tools::Stat(file.get(), path::kHistoryFile).st_size);
+  return static_cast<std::size_t>(Stat(file.get(), path::kHistoryFile).st_size);
 }
 
 bool EndsInsideALine(const UniqueFd& file, std::size_t size) {
@@ -76,13 +76,13 @@ void SyncFolder() {
   const std::string folder = std::filesystem::path(path::kHistoryFile).parent_path();
   const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!fd.valid() || fsync(fd.get()) != 0) {
-    tools::ThrowErrno(folder);
+    ThrowErrno(folder);
   }
 }
 
 void WriteOrTakeBack(const UniqueFd& file, std::size_t size, const std::string& line) {
   try {
-    tools::WriteFully(file.get(), line.data(), line.size(), path::kHistoryFile);
+    WriteFully(file.get(), line.data(), line.size(), path::kHistoryFile);
   } catch (const std::system_error&) {
     // Should this fail too, the next entry begins on a line of its own all the same.
     static_cast<void>(ftruncate(file.get(), static_cast<off_t>(size)) == 0);
@@ -93,12 +93,12 @@ void WriteOrTakeBack(const UniqueFd& file, std::size_t size, const std::string& 
 // The end of the file, and more of it than we write: whatever else is there was put there by somebody else.
 std::string ReadEnd(const UniqueFd& file, const std::string& path) {
   constexpr off_t kMost = 4 * kMaxFileSize;
-  const off_t size = tools::Stat(file.get(), path).st_size;
+  const off_t size = Stat(file.get(), path).st_size;
   if (size > kMost && lseek(file.get(), size - kMost, SEEK_SET) < 0) {
-    tools::ThrowErrno(path);
+    ThrowErrno(path);
   }
   std::string text(static_cast<std::size_t>(std::min(size, kMost)), '\0');
-  text.resize(tools::ReadFully(file.get(), text.data(), text.size(), path));
+  text.resize(ReadFully(file.get(), text.data(), text.size(), path));
   return text;
 }
 
@@ -127,7 +127,7 @@ std::optional<PackIdentity> PackFromJson(const Json::Value& json) {
 
 // Empty for a line that is no entry.
 std::optional<HistoryEntry> EntryFromLine(std::string_view line) {
-  const std::optional<Json::Value> object = orbazelo::ParseJsonObject(std::string(line));
+  const std::optional<Json::Value> object = ParseJsonObject(std::string(line));
   if (!object || !IsEntry(*object)) {
     return std::nullopt;
   }
@@ -189,7 +189,7 @@ void AppendToHistory(const HistoryEntry& entry) {
   std::size_t size = SizeOf(file);
   if (size > 0 && size + line.size() > kMaxFileSize) {
     if (std::rename(path::kHistoryFile, OlderFile().c_str()) != 0) {
-      tools::ThrowErrno(OlderFile());
+      ThrowErrno(OlderFile());
     }
     file = OpenToAppend();
     size = SizeOf(file);
@@ -199,7 +199,7 @@ void AppendToHistory(const HistoryEntry& entry) {
   }
   WriteOrTakeBack(file, size, line);
   if (fsync(file.get()) != 0) {
-    tools::ThrowErrno(path::kHistoryFile);
+    ThrowErrno(path::kHistoryFile);
   }
   if (size == 0) {
     SyncFolder();
@@ -212,7 +212,7 @@ History ReadHistory() {
   const UniqueFd older = Open(OlderFile(), O_RDONLY);
   History history;
   const bool same = newer.valid() && older.valid() &&
-                    tools::Stat(newer.get(), path::kHistoryFile).st_ino == tools::Stat(older.get(), OlderFile()).st_ino;
+                    Stat(newer.get(), path::kHistoryFile).st_ino == Stat(older.get(), OlderFile()).st_ino;
   if (older.valid() && !same) {
     AddLines(ReadEnd(older, OlderFile()), history);
   }

@@ -60,9 +60,9 @@ std::string MakeToken() {
 std::string ReadToken(const std::string& path) {
   const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   if (!file.valid()) {
-    tools::ThrowErrno("cannot read the token file " + path);
+    ThrowErrno("cannot read the token file " + path);
   }
-  const struct stat about = tools::Stat(file.get(), path);
+  const struct stat about = Stat(file.get(), path);
   if (!S_ISREG(about.st_mode) || (about.st_mode & 077) != 0) {
     throw std::runtime_error("the token file " + path + " must be a file that its owner alone may use (mode 0600)");
   }
@@ -70,7 +70,7 @@ std::string ReadToken(const std::string& path) {
     throw std::runtime_error("the token file " + path + " is not used: " + reason);
   }
   std::string token(kLongestToken + 2, '\0');
-  token.resize(tools::ReadFully(file.get(), token.data(), token.size(), path));
+  token.resize(ReadFully(file.get(), token.data(), token.size(), path));
   if (token.ends_with('\n')) {
     token.pop_back();
   }

@@ -38,7 +38,7 @@ struct Said {
 UniqueFd MakeFile() {
   UniqueFd file = OpenUnnamedFile("packctl-web");
   if (!file.valid()) {
-    tools::ThrowErrno("cannot keep what a command says");
+    ThrowErrno("cannot keep what a command says");
   }
   return file;
 }
@@ -83,7 +83,7 @@ int ExitStatusOf(pid_t pid) {
 
 // The word in the answer that the command prints with --json.
 std::optional<std::string> ResultIn(const std::string& output) {
-  const std::optional<Json::Value> answer = orbazelo::ParseJsonObject(output);
+  const std::optional<Json::Value> answer = ParseJsonObject(output);
   return answer && (*answer)["result"].isString() ? std::optional((*answer)["result"].asString()) : std::nullopt;
 }
 

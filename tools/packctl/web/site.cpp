@@ -32,10 +32,10 @@ std::map<std::string, HttpReply> ReadPage() {
     const std::string path = folder / name;
     const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file.valid()) {
-      tools::ThrowErrno("cannot read the page " + path);
+      ThrowErrno("cannot read the page " + path);
     }
     std::string text(kMaxSize, '\0');
-    text.resize(tools::ReadFully(file.get(), text.data(), text.size(), path));
+    text.resize(ReadFully(file.get(), text.data(), text.size(), path));
     page[asked] = {.type = type, .body = std::make_shared<const std::string>(text)};
   }
   return page;
@@ -44,7 +44,7 @@ std::map<std::string, HttpReply> ReadPage() {
 UniqueFd MakeEvent() {
   UniqueFd event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!event.valid()) {
-    tools::ThrowErrno("cannot wait for changes");
+    ThrowErrno("cannot wait for changes");
   }
   return event;
 }

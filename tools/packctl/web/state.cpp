@@ -116,7 +116,7 @@ MachineState StateReader::Look() {
 WebState::WebState(Console& console, std::function<void()> changed)
     : changed_(std::move(changed)), reader_(console), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (!wake_.valid()) {
-    tools::ThrowErrno("cannot watch the state");
+    ThrowErrno("cannot watch the state");
   }
   watcher_ = std::thread([this] { Watch(); });
 }
