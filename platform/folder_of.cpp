@@ -1,9 +1,9 @@
 #include "platform/folder_of.h"
 
 #include <filesystem>
-#include <system_error>
 
 #include "platform/orba_sdk_wrapper.h"
+#include "platform/posix/errors.h"
 
 namespace orbamira {
 
@@ -13,7 +13,7 @@ void MakeFolderOf(const std::string& path) {
     return;
   }
   if (const int result = wrapper::OrbaSDKWrapper().MakeDirectory(folder); result < 0) {
-    throw std::system_error(-result, std::generic_category(), "make folder " + folder);
+    ThrowErrno("make folder " + folder, -result);
   }
 }
 

@@ -19,6 +19,7 @@
 #include "platform/file_lock.h"
 #include "platform/log.h"
 #include "platform/orba_sdk_wrapper.h"
+#include "platform/posix/errors.h"
 #include "platform/posix/remove_tree.h"
 #include "updater/pack_status_helper.h"
 #include "updater/status_record.h"
@@ -143,7 +144,7 @@ class Recovery {
         continue;
       }
       if (const int made = wrapper::OrbaSDKWrapper().MakeDirectory(folder); made < 0) {
-        throw std::system_error(-made, std::generic_category(), folder);
+        ThrowErrno(folder, -made);
       }
       Did("made the missing folder " + folder.string());
     }

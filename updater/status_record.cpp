@@ -6,12 +6,12 @@
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
-#include <system_error>
 #include <tuple>
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/json/json_object.h"
+#include "platform/posix/errors.h"
 #include "platform/posix/unique_fd.h"
 #include "updater/json_text.h"
 
@@ -36,8 +36,7 @@ std::optional<std::string> ReadStore() {
     if (errno == ENOENT) {
       return std::nullopt;
     }
-    throw std::system_error(errno, std::generic_category(),
-                            std::string("cannot use the status store ") + path::kPackStatusFile);
+    ThrowErrno(std::string("cannot use the status store ") + path::kPackStatusFile);
   }
   return ReadUpTo(file.get(), kJsonTextLimit + 1).value_or("");  // a folder can be opened, but not read
 }

@@ -9,6 +9,8 @@
 #include <string>
 #include <system_error>
 
+#include "platform/posix/errors.h"
+
 namespace orbamira {
 namespace {
 
@@ -19,10 +21,6 @@ constexpr std::size_t kPieceSize = 256UL * 1024;
 // What stays free of a file system: one part of so many, up to so many bytes.
 constexpr std::uint64_t kReservedPart = 20;
 constexpr std::uint64_t kReserve = 64UL << 20;
-
-[[noreturn]] void ThrowErrno(const std::string& what) {
-  throw std::system_error(errno != 0 ? errno : EIO, std::generic_category(), what);
-}
 
 // The standard stream gives no way to fsync or truncate its file, and opening the file a second time by its name is no
 // way either: the name is not known here. libstdc++ keeps the file in a protected member of the buffer, which a derived
@@ -36,7 +34,7 @@ class DescriptorOf : public std::filebuf {
 
 BodyFile::BodyFile(std::ofstream& stream) : stream_(stream) {
   if (!stream.is_open() || !stream) {
-    throw std::system_error(EBADF, std::generic_category(), "the file is not open");
+    ThrowErrno("the file is not open", EBADF);
   }
   errno = 0;
   begin_ = stream.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::out);
@@ -68,9 +66,9 @@ void BodyFile::ExpectRoomFor(std::int64_t size) {
   const std::uint64_t free = std::uint64_t{disk.f_bavail} * disk.f_frsize;
   const std::uint64_t reserve = std::min(kReserve, std::uint64_t{disk.f_blocks} / kReservedPart * disk.f_frsize);
   if (free < reserve || static_cast<std::uint64_t>(size) > free - reserve) {
-    throw std::system_error(ENOSPC, std::generic_category(),
-                            "cannot write the file: it needs " + std::to_string(size) + " bytes, " +
-                                std::to_string(free) + " are free and " + std::to_string(reserve) + " stay free");
+    ThrowErrno("cannot write the file: it needs " + std::to_string(size) + " bytes, " + std::to_string(free) +
+                   " are free and " + std::to_string(reserve) + " stay free",
+               ENOSPC);
   }
 }
 
@@ -141,8 +139,7 @@ void BodyFile::Drop() {
 void BodyFile::DropAndThrow(const std::string& what) {
   const int error = errno;
   Drop();
-  errno = error;
-  ThrowErrno(what);
+  ThrowErrno(what, error);
 }
 
 }  // namespace orbamira

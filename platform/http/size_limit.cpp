@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "platform/constants.h"
+#include "platform/posix/errors.h"
 #include "platform/settings_file.h"
 
 namespace orbamira {
@@ -25,9 +26,7 @@ SizeLimit SizeLimitFromSettings() {
     const char* const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, bytes);
     if (error != std::errc() || stop != end || bytes < 0) {
-      throw std::system_error(
-          EINVAL, std::generic_category(),
-          std::string(settings) + ": " + common::kDownloadLimit + " is not a number of bytes: " + text);
+      ThrowErrno(std::string(settings) + ": " + common::kDownloadLimit + " is not a number of bytes: " + text, EINVAL);
     }
     return {bytes, source};
   }
@@ -36,8 +35,7 @@ SizeLimit SizeLimitFromSettings() {
 
 void ExpectWithin(const SizeLimit& limit, std::int64_t size) {
   if (size > limit.bytes) {
-    throw std::system_error(EFBIG, std::generic_category(),
-                            "the file is over " + std::to_string(limit.bytes) + " bytes, " + limit.source);
+    ThrowErrno("the file is over " + std::to_string(limit.bytes) + " bytes, " + limit.source, EFBIG);
   }
 }
 

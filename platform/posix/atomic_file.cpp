@@ -8,18 +8,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <system_error>
 #include <utility>
 
+#include "platform/posix/errors.h"
 #include "platform/posix/older_systems.h"
 #include "platform/posix/unique_fd.h"
 
 namespace orbamira {
-namespace {
-
-[[noreturn]] void ThrowErrno(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
-
-}  // namespace
 
 // The new content while it is not yet in place: a file beside its final name, so that rename stays on one file system.
 class TemporaryFile {

@@ -11,11 +11,8 @@
 #include <cstdlib>
 #include <memory>
 #include <stdexcept>
-#include <system_error>
 
 namespace orbamira {
-
-void ThrowErrno(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
 
 std::string Below(const std::string& folder, const std::string& inner) {
   std::string path;

@@ -6,15 +6,13 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/posix/errors.h"
 #include "platform/posix/unique_fd.h"
 #include "platform/printable.h"
 
 /// What the small programs share on top of the system calls: errors that name what they are about, and a walk that
 /// never follows a symbolic link.
 namespace orbamira {
-
-/// Throws std::system_error with the text of errno, headed by `what`.
-[[noreturn]] void ThrowErrno(const std::string& what);
 
 /// "folder/inner".
 std::string Below(const std::string& folder, const std::string& inner);
