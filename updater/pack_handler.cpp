@@ -1,7 +1,6 @@
 #include "updater/pack_handler.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -15,6 +14,7 @@
 #include "platform/exception.h"
 #include "platform/http/shown_link.h"
 #include "platform/log.h"
+#include "platform/posix/flock.h"
 #include "platform/posix/unique_fd.h"
 #include "platform/version.h"
 
@@ -36,28 +36,6 @@ void LogFailedStatus(const std::string& path, const std::string& link, int statu
   ORBAMIRA_LOG_INFO("Failed to download pack to %s from link: %s, status code: %d", path.c_str(),
                     ShownLink(link).c_str(), status);
 }
-
-/// The right to unpack into the temporary folder, which all hosts of the library share: two at a time would mix their
-/// files, and one would put a part of a pack in place. flock on the folder around it, given back by the kernel when the
-/// host dies; where the file system knows no locks, nobody is refused.
-class UnpackingRight {
- public:
-  UnpackingRight() : folder_(OpenFile(kTargetFolder, O_RDONLY | O_DIRECTORY)) {
-    is_taken_ = folder_.valid() && flock(folder_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-  }
-  ~UnpackingRight() {
-    // Closing alone would leave the lock with a process that another thread of the host forked meanwhile.
-    flock(folder_.get(), LOCK_UN);
-  }
-  UnpackingRight(const UnpackingRight&) = delete;
-  UnpackingRight& operator=(const UnpackingRight&) = delete;
-
-  [[nodiscard]] bool IsTaken() const { return is_taken_; }
-
- private:
-  UniqueFd folder_;
-  bool is_taken_;
-};
 
 }  // namespace
 
@@ -164,8 +142,10 @@ bool PackHandler::Install(const std::string& path) {
   if (!CreateTempPackDirectory()) {
     return false;
   }
-  const UnpackingRight right;
-  if (right.IsTaken()) {
+  // All hosts of the library unpack into the same folder: two at a time would mix their files, and one would put a part
+  // of a pack in place. Where the file system knows no locks, nobody is refused.
+  Flock unpacking_right(OpenFile(kTargetFolder, O_RDONLY | O_DIRECTORY));
+  if (!unpacking_right.TryLock() && errno == EWOULDBLOCK) {
     ORBAMIRA_LOG_INFO("Another program is installing a pack");
     return false;
   }

@@ -1,34 +1,30 @@
 #include "updater/update_lock.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <string>
-#include <system_error>
 
 #include "platform/constants.h"
 #include "platform/orba_sdk_wrapper.h"
-#include "platform/posix/files.h"
+#include "platform/posix/errors.h"
+#include "platform/posix/flock.h"
 #include "platform/posix/unique_fd.h"
+#include "platform/printable.h"
 
 namespace orbamira::updater {
 namespace {
 
-[[noreturn]] void ThrowErrno(int error, const std::string& what) {
-  throw std::system_error(error, std::generic_category(), what);
-}
-
 UniqueFd OpenLockFile(const std::string& path) {
   const std::string folder = std::filesystem::path(path).parent_path();
   if (const int made = wrapper::OrbaSDKWrapper().MakeDirectory(folder); made < 0) {
-    ThrowErrno(-made, "cannot make the folder " + folder);
+    ThrowErrno("cannot make the folder " + folder, -made);
   }
   UniqueFd fd = OpenFile(path, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
   if (!fd.valid()) {
-    ThrowErrno(errno, "cannot open the lock " + path);
+    ThrowErrno("cannot open the lock " + path);
   }
   return fd;
 }
@@ -49,27 +45,23 @@ void WriteHolder(int fd) {
   static_cast<void>(ftruncate(fd, 0) == 0 && pwrite(fd, text.data(), text.size(), 0) > 0);
 }
 
-UniqueFd Acquire(const std::string& path) {
-  UniqueFd fd = OpenLockFile(path);
-  if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+Flock Acquire(const std::string& path) {
+  Flock lock(OpenLockFile(path));
+  if (!lock.TryLock()) {
     if (errno != EWOULDBLOCK) {
-      ThrowErrno(errno, "cannot take the lock " + path);
+      ThrowErrno("cannot take the lock " + path);
     }
-    const std::string holder = ReadHolder(fd.get());
+    const std::string holder = ReadHolder(lock.get());
     throw Busy("another program is at work" + (holder.empty() ? "" : ": " + holder));
   }
-  WriteHolder(fd.get());
-  return fd;
+  WriteHolder(lock.get());
+  return lock;
 }
 
 }  // namespace
 
 UpdateLock::UpdateLock() : fd_(Acquire(path::kPackctlLock).Release()) {}
 
-UpdateLock::~UpdateLock() {
-  // Closing alone would leave the lock with a process that another thread of the host forked meanwhile.
-  flock(fd_, LOCK_UN);
-  close(fd_);
-}
+UpdateLock::~UpdateLock() { const Flock given_back{UniqueFd(fd_)}; }
 
 }  // namespace orbamira::updater
