@@ -1,18 +1,13 @@
 #include "updater/recovery.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cerrno>
 #include <exception>
 #include <filesystem>
 #include <functional>
 #include <optional>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 
 #include "platform/constants.h"
@@ -21,6 +16,7 @@
 #include "platform/orba_sdk_wrapper.h"
 #include "platform/posix/errors.h"
 #include "platform/posix/remove_tree.h"
+#include "platform/posix/sync_folder.h"
 #include "updater/pack_status_helper.h"
 #include "updater/status_record.h"
 #include "updater/update_lock.h"
@@ -29,18 +25,6 @@ namespace orbamira::updater {
 namespace {
 
 namespace fs = std::filesystem;
-
-void SyncFolder(const fs::path& folder) {
-  const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const bool synced = fd >= 0 && fsync(fd) == 0;
-  const int error = errno;
-  if (fd >= 0) {
-    close(fd);
-  }
-  if (!synced) {
-    throw std::system_error(error, std::generic_category(), "cannot sync " + folder.string());
-  }
-}
 
 bool Exists(const fs::path& path) { return fs::exists(fs::symlink_status(path)); }
 
@@ -158,7 +142,7 @@ class Recovery {
       Remove(pack, "the rest of a pack");
       if (IsPack(backup)) {
         fs::rename(backup, pack);
-        SyncFolder(pack.parent_path());
+        SyncFolderOf(pack);
         Did("brought the previous pack back to " + pack.string());
       }
     }

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -15,6 +14,7 @@
 #include "platform/constants.h"
 #include "platform/json/json_object.h"
 #include "platform/orbazelo.h"
+#include "platform/posix/sync_folder.h"
 #include "platform/posix/trust.h"
 #include "platform/posix/unique_fd.h"
 
@@ -117,10 +117,10 @@ void RemoveAccount() {
   if (unlink(path::kAccountFile) != 0 || (unlink(unfinished.c_str()) != 0 && errno != ENOENT)) {
     ThrowAboutFile("cannot be removed: " + ErrorText());
   }
-  const std::string folder = std::filesystem::path(path::kAccountFile).parent_path();
-  const UniqueFd directory = OpenFile(folder, O_RDONLY | O_DIRECTORY);
-  if (!directory.valid() || fsync(directory.get()) != 0) {
-    ThrowAboutFile("is removed, but may come back after a power cut: " + ErrorText());
+  try {
+    SyncFolderOf(path::kAccountFile);
+  } catch (const std::system_error& error) {
+    ThrowAboutFile("is removed, but may come back after a power cut: " + error.code().message());
   }
 }
 

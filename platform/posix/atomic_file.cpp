@@ -7,11 +7,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <utility>
 
 #include "platform/posix/errors.h"
 #include "platform/posix/older_systems.h"
+#include "platform/posix/sync_folder.h"
 #include "platform/posix/unique_fd.h"
 
 namespace orbamira {
@@ -116,18 +116,6 @@ class TemporaryFile {
   std::size_t reserved_ = 0;
   bool in_place_ = false;
 };
-
-namespace {
-
-void SyncFolderOf(const std::string& path) {
-  const std::string folder = (std::filesystem::path(path).parent_path() / ".").string();
-  const UniqueFd fd = OpenFile(folder, O_RDONLY | O_DIRECTORY);
-  if (!fd.valid() || fsync(fd.get()) != 0) {
-    ThrowErrno("cannot sync the folder of " + path);
-  }
-}
-
-}  // namespace
 
 UniqueFd ReplaceFile(const std::string& path, std::string_view content, mode_t mode, Durability durability) {
   TemporaryFile file(path);

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <filesystem>
 #include <stdexcept>
 #include <string_view>
 
@@ -16,6 +15,7 @@
 #include "platform/json/json_object.h"
 #include "platform/json/json_values.h"
 #include "platform/posix/files.h"
+#include "platform/posix/sync_folder.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -70,14 +70,6 @@ std::size_t SizeOf(const UniqueFd& file) {
 bool EndsInsideALine(const UniqueFd& file, std::size_t size) {
   char last = '\n';
   return size > 0 && pread(file.get(), &last, 1, static_cast<off_t>(size - 1)) == 1 && last != '\n';
-}
-
-void SyncFolder() {
-  const std::string folder = std::filesystem::path(path::kHistoryFile).parent_path();
-  const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!fd.valid() || fsync(fd.get()) != 0) {
-    ThrowErrno(folder);
-  }
 }
 
 void WriteOrTakeBack(const UniqueFd& file, std::size_t size, const std::string& line) {
@@ -202,7 +194,7 @@ void AppendToHistory(const HistoryEntry& entry) {
     ThrowErrno(path::kHistoryFile);
   }
   if (size == 0) {
-    SyncFolder();
+    SyncFolderOf(path::kHistoryFile);
   }
 }
 
