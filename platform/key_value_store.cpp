@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "platform/folder_of.h"
+#include "platform/json/json_object.h"
 #include "platform/log.h"
 #include "platform/posix/atomic_file.h"
 #include "platform/posix/older_systems.h"
@@ -39,20 +40,12 @@ std::optional<Values> Parse(const std::string& text) {
   if (text.size() > kMaxFileSize) {
     return std::nullopt;
   }
-  Json::CharReaderBuilder builder;
-  Json::CharReaderBuilder::strictMode(&builder.settings_);
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  Json::Value root;
-  std::string problems;
-  try {
-    if (!reader->parse(text.data(), text.data() + text.size(), &root, &problems) || !root.isObject()) {
-      return std::nullopt;
-    }
-  } catch (const Json::Exception&) {  // nested too deep
+  const std::optional<Json::Value> object = ParseJsonObject(text);
+  if (!object) {
     return std::nullopt;
   }
   Values values;
-  for (auto member = root.begin(); member != root.end(); ++member) {
+  for (auto member = object->begin(); member != object->end(); ++member) {
     if (!member->isString()) {
       return std::nullopt;
     }

@@ -4,13 +4,15 @@
 
 #include <memory>
 #include <optional>
-#include <string>
+#include <string_view>
 
+// The one strict reader of JSON, for what is written by programs alone. Not installed; all in the header, because the
+// platform's library exports nothing of it and others need it too.
 namespace orbamira {
 
 /// The JSON object that the text holds, and nothing else; empty for any other text. Why is not told: the parser's own
 /// words may quote the text, which may hold a token.
-inline std::optional<Json::Value> ParseJsonObject(const std::string& text) {
+inline std::optional<Json::Value> ParseJsonObject(std::string_view text) {
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());

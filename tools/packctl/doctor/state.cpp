@@ -6,6 +6,7 @@
 #include <chrono>
 #include <ctime>
 #include <exception>
+#include <optional>
 #include <system_error>
 
 #include "platform/constants.h"

@@ -119,7 +119,7 @@ std::optional<PackIdentity> PackFromJson(const Json::Value& json) {
 
 // Empty for a line that is no entry.
 std::optional<HistoryEntry> EntryFromLine(std::string_view line) {
-  const std::optional<Json::Value> object = ParseJsonObject(std::string(line));
+  const std::optional<Json::Value> object = ParseJsonObject(line);
   if (!object || !IsEntry(*object)) {
     return std::nullopt;
   }
