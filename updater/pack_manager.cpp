@@ -6,11 +6,11 @@
 #include <exception>
 #include <fstream>
 #include <optional>
-#include <string_view>
 #include <utility>
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
+#include "platform/http/bounded_reply.h"
 #include "platform/http/http_only.h"
 #include "platform/http/shown_link.h"
 #include "platform/log.h"
@@ -22,27 +22,16 @@ namespace {
 
 constexpr int kHttpOk = 200;
 
-// The response to one GET. The transfer of a body over the limit is ended, and the response then has none.
-cpr::Response SendRequest(const UpdateRequest& request) {
+// The update server's reply; without a text where that is longer than any honest one.
+cpr::Response AskServer(const UpdateRequest& request) {
   cpr::Parameters parameters;
   for (const QueryParameter& parameter : QueryOf(request)) {
     parameters.Add({parameter.key, parameter.value});
   }
-  std::string body;
   cpr::Session session;
   SetHttpUrl(session, request.address);
   session.SetParameters(parameters);
-  session.SetWriteCallback(cpr::WriteCallback([&body](std::string_view bytes, intptr_t /*unused*/) {
-    if (body.size() + bytes.size() > kJsonTextLimit) {
-      body.clear();
-      return false;
-    }
-    body += bytes;
-    return true;
-  }));
-  cpr::Response response = session.Get();
-  response.text = std::move(body);
-  return response;
+  return SendBounded(session, &cpr::Session::Get, kJsonTextLimit).response;
 }
 
 }  // namespace
@@ -239,7 +228,7 @@ bool PackManager::FetchDownloadInfo(bool with_aac, Json::Value& pack_info) const
     return false;
   }
 
-  const cpr::Response response = SendRequest(request);
+  const cpr::Response response = AskServer(request);
   if (response.status_code == 0) {
     ORBAMIRA_LOG_ERROR("Failed to send request with error: %s", response.error.message.c_str());
     return false;

@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "platform/account/id_token.h"
+#include "platform/http/bounded_reply.h"
+#include "platform/http/http_only.h"
 #include "platform/json/json_object.h"
 #include "platform/orbazelo.h"
 
@@ -29,7 +31,7 @@ using Secrets = std::vector<std::string>;
 struct Reply {
   long status = 0;
   std::string body;
-  std::optional<std::int64_t> date;
+  std::optional<std::int64_t> date;  // empty when the provider does not tell
 };
 
 constexpr long kOk = 200;
@@ -72,24 +74,20 @@ bool IsSafeAddress(const std::string& text) {
   return address.scheme == "https" || (address.scheme == "http" && IsOnThisMachine(address));
 }
 
+std::optional<std::int64_t> DateOf(const cpr::Header& header) {
+  const auto date = header.find("Date");
+  const std::time_t seconds = date != header.end() ? curl_getdate(date->second.c_str(), nullptr) : -1;
+  return seconds >= 0 ? std::optional<std::int64_t>(seconds) : std::nullopt;
+}
+
 // One request; a GET without a form and a POST with one.
 Reply Ask(const std::string& url, const ProviderLimits& limits, const std::optional<cpr::Payload>& form) {
-  Reply reply;
-  bool too_long = false;
   cpr::Session session;
-  session.SetUrl(cpr::Url(url));
+  SetHttpUrl(session, url);
   session.SetHeader({{"Accept", "application/json"}});
   session.SetRedirect(cpr::Redirect(false));
   session.SetConnectTimeout(limits.connect);
   session.SetTimeout(limits.whole);
-  session.SetWriteCallback(cpr::WriteCallback([&](std::string_view bytes, intptr_t /*unused*/) {
-    too_long = reply.body.size() + bytes.size() > kReplyLimit;
-    if (!too_long) {
-      reply.body += bytes;
-    }
-    return !too_long;
-  }));
-  curl_easy_setopt(session.GetCurlHolder()->handle, CURLOPT_PROTOCOLS_STR, "http,https");
   // The host has threads of its own: time-outs must not come as SIGALRM.
   curl_easy_setopt(session.GetCurlHolder()->handle, CURLOPT_NOSIGNAL, 1L);
   // To a proxy, "this machine" would be another one.
@@ -99,19 +97,14 @@ Reply Ask(const std::string& url, const ProviderLimits& limits, const std::optio
   if (form) {
     session.SetPayload(*form);
   }
-  const cpr::Response response = form ? session.Post() : session.Get();
-  if (too_long) {
+  auto [response, is_too_long] = SendBounded(session, form ? &cpr::Session::Post : &cpr::Session::Get, kReplyLimit);
+  if (is_too_long) {
     throw ZeloException("the provider's answer is over " + std::to_string(kReplyLimit) + " bytes");
   }
   if (response.error) {
     throw ZeloException("the provider cannot be asked: " + response.error.message);
   }
-  reply.status = response.status_code;
-  if (const auto date = response.header.find("Date"); date != response.header.end()) {
-    const std::time_t seconds = curl_getdate(date->second.c_str(), nullptr);
-    reply.date = seconds >= 0 ? std::optional<std::int64_t>(seconds) : std::nullopt;
-  }
-  return reply;
+  return {response.status_code, std::move(response.text), DateOf(response.header)};
 }
 
 // A text of the provider's as it may stand in a message: printable, short and without what it was sent in secret.

@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "platform/constants.h"
+#include "platform/http/bounded_reply.h"
 #include "platform/http/http_only.h"
 #include "platform/http/shown_link.h"
 #include "tools/packctl/doctor/checks.h"
@@ -38,7 +39,7 @@ void SetUp(cpr::Session& session, const std::string& address) {
   session.SetTimeout(cpr::Timeout(std::chrono::seconds(30)));
 }
 
-cpr::Response Ask(const updater::UpdateRequest& request) {
+BoundedReply Ask(const updater::UpdateRequest& request) {
   cpr::Parameters parameters;
   for (const updater::QueryParameter& parameter : updater::QueryOf(request)) {
     parameters.Add({parameter.key, parameter.value});
@@ -46,14 +47,7 @@ cpr::Response Ask(const updater::UpdateRequest& request) {
   cpr::Session session;
   SetUp(session, request.address);
   session.SetParameters(parameters);
-  std::string body;
-  session.SetWriteCallback(cpr::WriteCallback([&body](std::string_view bytes, intptr_t /*unused*/) {
-    body += bytes;
-    return body.size() <= updater::kJsonTextLimit;
-  }));
-  cpr::Response response = session.Get();
-  response.text = std::move(body);
-  return response;
+  return SendBounded(session, &cpr::Session::Get, updater::kJsonTextLimit);
 }
 
 // The library's manager, but for the lock of the requirements: another process may keep that for ever, and a diagnosis
@@ -201,9 +195,9 @@ Findings CheckServer(Offer& offer) {
   if (SchemeOf(request.address).empty()) {
     return findings;  // which the check of the settings tells
   }
-  const cpr::Response response = Ask(request);
+  const auto [response, is_too_long] = Ask(request);
   CheckClock(response, findings);
-  if (response.text.size() > updater::kJsonTextLimit) {
+  if (is_too_long) {
     findings.push_back({kServer, "the update server's reply is too long", "see that the address is that of a reply"});
   } else if (response.status_code == 0 || response.error.code != cpr::ErrorCode::OK) {
     findings.push_back({kServer, "the update server does not answer: " + response.error.message,
