@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <stdexcept>
 
+#include "platform/printable.h"
 #include "updater/json_text.h"
 
 namespace orbamira::plugins {
@@ -15,39 +15,10 @@ namespace {
 constexpr std::string_view kBegin = "[";
 constexpr std::string_view kEnd = "]\n";
 
-/// How many bytes the character that begins with this byte has; 0 when none begins so.
-std::size_t LengthOf(unsigned char first) {
-  if (first < 0x80) {
-    return 1;
-  }
-  if (first >= 0xc2 && first <= 0xdf) {
-    return 2;
-  }
-  if (first >= 0xe0 && first <= 0xef) {
-    return 3;
-  }
-  return first >= 0xf0 && first <= 0xf4 ? 4 : 0;
-}
-
-/// Whether the bytes are one character: neither a longer form than it needs, nor a surrogate, nor beyond the last.
-bool IsCharacter(std::string_view bytes) {
-  constexpr std::array<std::uint32_t, 5> kLeast = {0, 0, 0x80, 0x800, 0x10000};
-  constexpr std::uint32_t kLast = 0x10ffff;
-  std::uint32_t code = static_cast<unsigned char>(bytes[0]) & (0x7fU >> bytes.size());
-  for (const char byte : bytes.substr(1)) {
-    const auto value = static_cast<unsigned char>(byte);
-    if ((value & 0xc0U) != 0x80) {
-      return false;
-    }
-    code = code << 6U | (value & 0x3fU);
-  }
-  return code >= kLeast.at(bytes.size()) && code <= kLast && (code < 0xd800 || code > 0xdfff);
-}
-
 bool IsUtf8(std::string_view text) {
   while (!text.empty()) {
-    const std::size_t length = LengthOf(static_cast<unsigned char>(text.front()));
-    if (length == 0 || length > text.size() || (length > 1 && !IsCharacter(text.substr(0, length)))) {
+    const std::size_t length = CharacterLength(text);
+    if (length == 0) {
       return false;
     }
     text.remove_prefix(length);
