@@ -12,6 +12,7 @@
 #include "platform/account/token_check.h"
 #include "platform/constants.h"
 #include "platform/file_lock.h"
+#include "platform/json/json_object.h"
 
 namespace orbazelo {
 namespace {
@@ -45,7 +46,7 @@ TokenExpectation ExpectationOf(const Json::Value& account, const ClientTokens& k
                             .provider_time = renewed.date};
   if (const std::optional<JsonWebToken> old = ParseJsonWebToken(kept.id_token)) {
     expected.subject = ReadClaims(old->claims).subject;
-    expected.nonce = old->claims["nonce"].isString() ? old->claims["nonce"].asString() : "";
+    expected.nonce = TextOf(old->claims["nonce"]);
   }
   return expected;
 }

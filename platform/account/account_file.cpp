@@ -64,7 +64,7 @@ std::optional<std::string> ReadAccountFile() {
   return text;
 }
 
-std::string TextOf(const Json::Value& account) {
+std::string Serialized(const Json::Value& account) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
   builder["emitUTF8"] = true;
@@ -102,10 +102,10 @@ Json::Value ReadAccount() {
 void WriteAccount(const Json::Value& account) { AccountRoom(account, 0).Write(account); }
 
 AccountRoom::AccountRoom(const Json::Value& account, std::size_t growth)
-    : file_(Reserve(TextOf(account).size() + growth)) {}
+    : file_(Reserve(Serialized(account).size() + growth)) {}
 
 void AccountRoom::Write(const Json::Value& account) try {
-  const std::string text = TextOf(account);
+  const std::string text = Serialized(account);
   Checked(text.size());
   file_.Replace(text, S_IRUSR | S_IWUSR);
 } catch (const std::system_error& error) {

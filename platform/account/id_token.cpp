@@ -42,8 +42,6 @@ std::optional<Json::Value> DecodeObject(const std::string& part) {
   return text ? ParseJsonObject(*text) : std::nullopt;
 }
 
-std::string TextOf(const Json::Value& value) { return value.isString() ? value.asString() : ""; }
-
 std::vector<std::string> AudienceOf(const Json::Value& value) {
   std::vector<std::string> audience;
   if (value.isString()) {

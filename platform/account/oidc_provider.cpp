@@ -109,7 +109,7 @@ Reply Ask(const std::string& url, const ProviderLimits& limits, const std::optio
 
 // A text of the provider's as it may stand in a message: printable, short and without what it was sent in secret.
 std::string Quote(const Json::Value& value, const Secrets& secrets) {
-  std::string text = value.isString() ? value.asString() : "";
+  std::string text = TextOf(value);
   std::erase_if(text, [](char c) { return c < ' ' || c > '~'; });
   const bool tells = std::any_of(secrets.begin(), secrets.end(),
                                  [&](const std::string& secret) { return text.find(secret) != std::string::npos; });
@@ -127,8 +127,6 @@ std::string Quote(const Json::Value& value, const Secrets& secrets) {
   }
   throw ZeloException(reason);
 }
-
-std::string TextOf(const Json::Value& value) { return value.isString() ? value.asString() : ""; }
 
 // RFC 6749, appendix A.17; and no longer than can be kept.
 bool IsToken(const std::string& text) {

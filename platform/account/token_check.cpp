@@ -2,6 +2,7 @@
 
 #include "platform/account/oidc_provider.h"
 #include "platform/account/secrets.h"
+#include "platform/json/json_object.h"
 #include "platform/orbazelo.h"
 
 namespace orbamira {
@@ -12,8 +13,6 @@ using orbazelo::ZeloException;
 // Core 1.0, section 2: of its user's id.
 constexpr std::size_t kLongestSubject = 255;
 constexpr std::int64_t kClockTolerance = 5LL * 60;
-
-std::string TextOf(const Json::Value& claim) { return claim.isString() ? claim.asString() : ""; }
 
 // Section 3.1.3.6: the left half of the hash.
 std::string HalfHash(const std::string& text, const char* hash) {

@@ -53,10 +53,6 @@ const Algorithm* FindAlgorithm(std::string_view name) {
   return found != kAlgorithms.end() ? found : nullptr;
 }
 
-std::string TextOf(const Json::Value& object, const char* name) {
-  return object[name].isString() ? object[name].asString() : "";
-}
-
 using Number = Owned<BIGNUM, BN_free>;
 using PublicKey = Owned<EVP_PKEY, EVP_PKEY_free>;
 using Parameters = Owned<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>;
@@ -79,8 +75,8 @@ PublicKey MakeKey(const char* type, const Parameters& parameters) {
 
 // Empty for a key by which anybody could sign. An exponent of 1 makes every text its own signature.
 PublicKey RsaKey(const Json::Value& key) {
-  const std::optional<std::string> modulus = DecodeBase64Url(TextOf(key, "n"));
-  const std::optional<std::string> exponent = DecodeBase64Url(TextOf(key, "e"));
+  const std::optional<std::string> modulus = DecodeBase64Url(TextOf(key["n"]));
+  const std::optional<std::string> exponent = DecodeBase64Url(TextOf(key["e"]));
   if (!modulus || !exponent) {
     return nullptr;
   }
@@ -99,8 +95,8 @@ PublicKey RsaKey(const Json::Value& key) {
 
 // Empty for a point that is not on the curve.
 PublicKey EcKey(const Json::Value& key, const Algorithm& algorithm) {
-  const std::optional<std::string> x = DecodeBase64Url(TextOf(key, "x"));
-  const std::optional<std::string> y = DecodeBase64Url(TextOf(key, "y"));
+  const std::optional<std::string> x = DecodeBase64Url(TextOf(key["x"]));
+  const std::optional<std::string> y = DecodeBase64Url(TextOf(key["y"]));
   const Parameters parameters(OSSL_PARAM_BLD_new());
   if (!x || !y || x->size() != algorithm.field_size || y->size() != algorithm.field_size || !parameters) {
     return nullptr;
@@ -156,13 +152,13 @@ bool MayVerify(const Json::Value& key) {
 
 // Whether the provider means this key for such a token.
 bool Fits(const Json::Value& key, const Algorithm& algorithm, const std::string& key_id) {
-  if (!key.isObject() || TextOf(key, "kty") != algorithm.key_type ||
-      (algorithm.key_type == "EC" && TextOf(key, "crv") != algorithm.curve)) {
+  if (!key.isObject() || TextOf(key["kty"]) != algorithm.key_type ||
+      (algorithm.key_type == "EC" && TextOf(key["crv"]) != algorithm.curve)) {
     return false;
   }
-  const bool for_signatures = !key.isMember("use") || TextOf(key, "use") == "sig";
-  const bool for_algorithm = !key.isMember("alg") || TextOf(key, "alg") == algorithm.name;
-  return for_signatures && for_algorithm && MayVerify(key) && (key_id.empty() || TextOf(key, "kid") == key_id);
+  const bool for_signatures = !key.isMember("use") || TextOf(key["use"]) == "sig";
+  const bool for_algorithm = !key.isMember("alg") || TextOf(key["alg"]) == algorithm.name;
+  return for_signatures && for_algorithm && MayVerify(key) && (key_id.empty() || TextOf(key["kid"]) == key_id);
 }
 
 std::vector<Json::Value> FittingKeys(const std::string& key_set, const Algorithm& algorithm,
@@ -193,7 +189,7 @@ bool IsSignatureAlgorithm(const std::string& name) { return FindAlgorithm(name) 
 const char* HashOf(const std::string& algorithm) { return FindAlgorithm(algorithm)->hash; }
 
 void CheckSignature(const JsonWebToken& token, const KeySource& keys) {
-  const std::string name = TextOf(token.header, "alg");
+  const std::string name = TextOf(token.header["alg"]);
   const Algorithm* const algorithm = FindAlgorithm(name);
   if (algorithm == nullptr) {
     throw ZeloException("the identity token is not signed with a public key of the provider's: its algorithm is " +
@@ -203,7 +199,7 @@ void CheckSignature(const JsonWebToken& token, const KeySource& keys) {
   if (token.header.isMember("crit")) {
     throw ZeloException("the identity token asks for an extension that is not known here");
   }
-  const std::string key_id = TextOf(token.header, "kid");
+  const std::string key_id = TextOf(token.header["kid"]);
   std::vector<Json::Value> fitting = FittingKeys(keys(), *algorithm, key_id);
   if (fitting.empty()) {
     fitting = FittingKeys(keys(), *algorithm, key_id);

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 
 // The one strict reader of JSON, for what is written by programs alone. Not installed; all in the header, because the
@@ -26,5 +27,8 @@ inline std::optional<Json::Value> ParseJsonObject(std::string_view text) {
   }
   return value;
 }
+
+/// The text that the value is; empty when it is none.
+inline std::string TextOf(const Json::Value& value) { return value.isString() ? value.asString() : ""; }
 
 }  // namespace orbamira
