@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cstddef>
 #include <string_view>
+#include <utility>
 
+#include "platform/constants.h"
 #include "platform/log.h"
 #include "platform/posix/trust.h"
 #include "platform/posix/unique_fd.h"
@@ -73,6 +75,15 @@ std::string ReadSetting(const std::string& file, const std::string& key) {
     }
   }
   return "";
+}
+
+std::optional<Setting> ReadOwnOrMakersSetting(const std::string& key) {
+  for (const char* const file : {path::kPkgSetting, path::kDefaultPkgSetting}) {
+    if (std::string value = ReadSetting(file, key); !value.empty()) {
+      return Setting{std::move(value), file};
+    }
+  }
+  return std::nullopt;
 }
 
 }  // namespace orbamira

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 // The key=value files that the appliance is set up by. Not installed.
@@ -10,5 +11,14 @@ namespace orbamira {
 /// blanks around both and one pair of double quotes around the value are dropped, as is a CR at the end; lines that
 /// begin with '#' are comments. Only the first mebibyte of the file is looked at.
 std::string ReadSetting(const std::string& file, const std::string& key);
+
+/// A value and the file that sets it.
+struct Setting {
+  std::string value;
+  std::string file;
+};
+
+/// The value of the key in the machine's own settings, or else in the maker's; empty when neither sets it.
+std::optional<Setting> ReadOwnOrMakersSetting(const std::string& key);
 
 }  // namespace orbamira

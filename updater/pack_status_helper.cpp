@@ -31,10 +31,6 @@ void ExpectToFit(const PackStatusData& data) {
   }
 }
 
-}  // namespace
-
-namespace {
-
 // Under the lock: what opens the store may set a broken file aside, and must not take one away that is being saved.
 std::shared_ptr<store::IKeyValueStore> OpenStore() {
   try {

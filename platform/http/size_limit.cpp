@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <optional>
 #include <system_error>
 
 #include "platform/constants.h"
@@ -16,21 +17,16 @@ constexpr std::int64_t kDefaultLimit = 16LL << 30;
 }  // namespace
 
 SizeLimit SizeLimitFromSettings() {
-  const std::string source = std::string("the ") + common::kDownloadLimit + " of the settings";
-  for (const char* const settings : {path::kPkgSetting, path::kDefaultPkgSetting}) {
-    const std::string text = ReadSetting(settings, common::kDownloadLimit);
-    if (text.empty()) {
-      continue;
+  SizeLimit limit{kDefaultLimit, std::string("the ") + common::kDownloadLimit + " of the settings"};
+  if (const std::optional<Setting> setting = ReadOwnOrMakersSetting(common::kDownloadLimit)) {
+    const char* const end = setting->value.data() + setting->value.size();
+    const auto [stop, error] = std::from_chars(setting->value.data(), end, limit.bytes);
+    if (error != std::errc() || stop != end || limit.bytes < 0) {
+      ThrowErrno(setting->file + ": " + common::kDownloadLimit + " is not a number of bytes: " + setting->value,
+                 EINVAL);
     }
-    std::int64_t bytes = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, bytes);
-    if (error != std::errc() || stop != end || bytes < 0) {
-      ThrowErrno(std::string(settings) + ": " + common::kDownloadLimit + " is not a number of bytes: " + text, EINVAL);
-    }
-    return {bytes, source};
   }
-  return {kDefaultLimit, source};
+  return limit;
 }
 
 void ExpectWithin(const SizeLimit& limit, std::int64_t size) {

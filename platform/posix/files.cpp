@@ -93,15 +93,14 @@ std::string ReadLink(int at, const std::string& name, const std::string& shown) 
 size_t ReadFully(int fd, void* buffer, size_t size, const std::string& shown) {
   size_t done = 0;
   while (done < size) {
-    const ssize_t count = read(fd, static_cast<char*>(buffer) + done, size - done);
+    const ssize_t count = ReadSome(fd, static_cast<char*>(buffer) + done, size - done);
+    if (count < 0) {
+      ThrowErrno(shown);
+    }
     if (count == 0) {
       break;
     }
-    if (count > 0) {
-      done += static_cast<size_t>(count);
-    } else if (errno != EINTR) {
-      ThrowErrno(shown);
-    }
+    done += static_cast<size_t>(count);
   }
   return done;
 }

@@ -160,18 +160,16 @@ UniqueFd OpenFolder(const Options& options) {
 
 /// The limit that the machine, or else the maker, has set.
 uint64_t LimitFromSettings() {
-  for (const char* settings : {path::kPkgSetting, path::kDefaultPkgSetting}) {
-    const std::string text = ReadSetting(settings, common::kUnpackLimit);
-    if (text.empty()) {
-      continue;
-    }
-    if (const auto limit = ParseNumber<uint64_t>(text)) {
-      return *limit;
-    }
-    throw std::runtime_error(std::string(settings) + ": " + common::kUnpackLimit +
-                             " is not a number of bytes: " + text);
+  const std::optional<Setting> setting = ReadOwnOrMakersSetting(common::kUnpackLimit);
+  if (!setting) {
+    return kDefaultLimit;
   }
-  return kDefaultLimit;
+  const std::optional<uint64_t> limit = ParseNumber<uint64_t>(setting->value);
+  if (!limit) {
+    throw std::runtime_error(setting->file + ": " + common::kUnpackLimit +
+                             " is not a number of bytes: " + setting->value);
+  }
+  return *limit;
 }
 
 /// The keyring, where there is one. A link to nowhere is a keyring too, one that cannot be read: whoever made it did

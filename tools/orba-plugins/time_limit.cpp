@@ -4,11 +4,11 @@
 
 #include <algorithm>
 #include <charconv>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
 
-#include "platform/constants.h"
 #include "platform/settings_file.h"
 
 namespace orbamira::plugins {
@@ -30,17 +30,14 @@ double Seconds(std::string_view text) {
 }  // namespace
 
 double TimeLimit() {
-  for (const char* const file : {path::kPkgSetting, path::kDefaultPkgSetting}) {
-    const std::string text = ReadSetting(file, kKey);
-    if (text.empty()) {
-      continue;
-    }
-    if (const double seconds = Seconds(text); seconds > 0) {
-      return seconds;
-    }
-    syslog(LOG_LOCAL1 | LOG_ERR, "%s: %s is not a number of seconds up to a day", file, kKey);
+  const std::optional<Setting> setting = ReadOwnOrMakersSetting(kKey);
+  if (!setting) {
     return kDefault;
   }
+  if (const double seconds = Seconds(setting->value); seconds > 0) {
+    return seconds;
+  }
+  syslog(LOG_LOCAL1 | LOG_ERR, "%s: %s is not a number of seconds up to a day", setting->file.c_str(), kKey);
   return kDefault;
 }
 
