@@ -7,8 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 
@@ -115,10 +113,6 @@ void WriteFully(int fd, const void* data, size_t size, const std::string& shown)
       ThrowErrno(shown);
     }
   }
-}
-
-int PrintAll(const char* text) {
-  return std::fputs(text, stdout) >= 0 && std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace orbamira

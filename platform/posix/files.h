@@ -46,7 +46,4 @@ size_t ReadFully(int fd, void* buffer, size_t size, const std::string& shown);
 /// Writes all of it. Throws std::system_error.
 void WriteFully(int fd, const void* data, size_t size, const std::string& shown);
 
-/// Prints the whole standard output of a program; what the program is to exit with then.
-int PrintAll(const char* text);
-
 }  // namespace orbamira

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <charconv>
 #include <clocale>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +19,7 @@
 
 #include "platform/constants.h"
 #include "platform/posix/files.h"
+#include "platform/posix/program.h"
 #include "platform/settings_file.h"
 #include "tools/orba-archive/archive_reader.h"
 #include "tools/orba-archive/archive_writer.h"
@@ -259,9 +259,7 @@ int main(int argc, char** argv) {
   const std::string program(path.substr(path.rfind('/') + 1));
   const Layer layer = program == "orba-tar" ? Layer::kPayload : Layer::kPackage;
 
-  // A reader of our output that went away, and a file size limit, are errors to report, not reasons to die.
-  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
-  static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
+  IgnoreOutputSignals();
   // Names in extended headers are UTF-8, and libarchive turns them into the locale's characters.
   static_cast<void>(std::setlocale(LC_CTYPE, "C.UTF-8"));  // NOLINT(concurrency-mt-unsafe): there is one thread
 

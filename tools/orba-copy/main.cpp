@@ -5,11 +5,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "platform/posix/files.h"
+#include "platform/posix/program.h"
+#include "platform/printable.h"
 #include "tools/orba-copy/partial_folder.h"
 #include "tools/orba-copy/tree_copier.h"
 
@@ -17,7 +20,6 @@ namespace {
 
 using orbamira::OpenDirectory;
 using orbamira::Printable;
-using orbamira::PrintAll;
 using orbamira::UniqueFd;
 using orbamira::tools::PartialFolder;
 using orbamira::tools::TreeCopier;
@@ -60,16 +62,11 @@ void Copy(const std::string& source, const std::string& target) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // A reader of our messages that went away, and a file size limit, are errors to clean up after, not reasons to die.
-  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
-  static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
+  orbamira::IgnoreOutputSignals();
+  if (const std::optional<int> status = orbamira::AnswerHelp(argc, argv, kUsage, "orba-copy " ORBAMIRA_VERSION)) {
+    return *status;
+  }
   const std::vector<std::string_view> arguments(argv + 1, argv + argc);
-  if (arguments.size() == 1 && arguments[0] == "--help") {
-    return PrintAll(kUsage);
-  }
-  if (arguments.size() == 1 && arguments[0] == "--version") {
-    return PrintAll("orba-copy " ORBAMIRA_VERSION "\n");
-  }
   if (arguments.size() != 3 || arguments[0] != "-a" || arguments[1].empty() || arguments[2].empty()) {
     static_cast<void>(std::fputs(kUsage, stderr));
     EndAsFailed();

@@ -1,15 +1,13 @@
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <iterator>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -17,7 +15,8 @@
 #include <vector>
 
 #include "platform/posix/atomic_file.h"
-#include "platform/posix/files.h"
+#include "platform/posix/program.h"
+#include "platform/printable.h"
 #include "tools/orba-plugins/app_ids.h"
 #include "tools/orba-plugins/failure.h"
 #include "tools/orba-plugins/guard.h"
@@ -160,7 +159,7 @@ constexpr std::array kRoles = {
 };
 
 /// Most appliances have no plugin, and then no other process is made.
-int Run(const Role& role, const Arguments& arguments) try {
+int Run(const Role& role, const Arguments& arguments) {
   Signals signals;
   const Paths plugins = ListPlugins();
   const auto work = [&]() -> int {
@@ -174,18 +173,14 @@ int Run(const Role& role, const Arguments& arguments) try {
     }
   };
   return plugins.empty() ? work() : RunGuarded(signals, work);
-} catch (const std::exception& error) {
-  Report(error.what());
-  return EXIT_FAILURE;
 }
 
-int Answer(const Role& role, const Arguments& arguments) {
-  if (arguments == Arguments{"--help"}) {
-    return orbamira::PrintAll((std::string(role.usage) + role.help).c_str());
+int Answer(const Role& role, int argc, char** argv) {
+  if (const std::optional<int> status = orbamira::AnswerHelp(argc, argv, std::string(role.usage) + role.help,
+                                                             std::string(role.name) + " " ORBAMIRA_VERSION)) {
+    return *status;
   }
-  if (arguments == Arguments{"--version"}) {
-    return orbamira::PrintAll((std::string(role.name) + " " ORBAMIRA_VERSION "\n").c_str());
-  }
+  const Arguments arguments(argv + 1, argv + argc);
   if (!role.is_valid(arguments)) {
     PrintError(role.usage);
     return kExitUsage;
@@ -193,21 +188,11 @@ int Answer(const Role& role, const Arguments& arguments) {
   return Run(role, arguments);
 }
 
-/// A standard descriptor that is closed would go to the next file that is opened, and be written to as output.
-void OpenStandardDescriptors() {
-  int fd = 0;
-  while (fd >= 0 && fd <= STDERR_FILENO) {
-    fd = open("/dev/null", O_RDWR);
-  }
-  close(fd);
-}
-
 }  // namespace
 
-int main(int argc, char** argv) {
-  OpenStandardDescriptors();
-  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));  // a reader of our messages that went away decides nothing
-  static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
+int main(int argc, char** argv) try {
+  orbamira::OpenStandardStreams();
+  orbamira::IgnoreOutputSignals();
   const auto* const role = std::find_if(kRoles.begin(), kRoles.end(),
                                         [](const Role& known) { return known.name == program_invocation_short_name; });
   if (role == kRoles.end()) {
@@ -216,5 +201,8 @@ int main(int argc, char** argv) {
     }
     return kExitUsage;
   }
-  return Answer(*role, Arguments(argv + 1, argv + argc));
+  return Answer(*role, argc, argv);
+} catch (const std::exception& error) {
+  Report(error.what());
+  return EXIT_FAILURE;
 }

@@ -1,18 +1,17 @@
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
-#include <string_view>
 
-#include "platform/posix/files.h"
+#include "platform/posix/program.h"
+#include "platform/printable.h"
 #include "updater/recovery.h"
 #include "updater/update_lock.h"
 
 namespace {
 
 using orbamira::Printable;
-using orbamira::PrintAll;
 
 constexpr int kExitBusy = 3;  // as packctl ends
 
@@ -41,21 +40,16 @@ int Recover() {
   for (const std::string& failure : report.failed) {
     Complain(failure);
   }
-  static_cast<void>(PrintAll(text.c_str()));  // a reader that went away decides nothing
+  static_cast<void>(orbamira::PrintAll(text));  // a reader that went away decides nothing
   return report.failed.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) try {
-  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
-  static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
-  const std::string_view option = argc == 2 ? argv[1] : "";
-  if (option == "--help") {
-    return PrintAll(kUsage);
-  }
-  if (option == "--version") {
-    return PrintAll("orba-recover " ORBAMIRA_VERSION "\n");
+  orbamira::IgnoreOutputSignals();
+  if (const std::optional<int> status = orbamira::AnswerHelp(argc, argv, kUsage, "orba-recover " ORBAMIRA_VERSION)) {
+    return *status;
   }
   if (argc != 1) {
     static_cast<void>(std::fputs(kUsage, stderr));

@@ -1,18 +1,18 @@
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "platform/posix/files.h"
+#include "platform/posix/program.h"
 #include "platform/posix/remove_tree.h"
+#include "platform/printable.h"
 
 namespace {
 
 using orbamira::Printable;
-using orbamira::PrintAll;
 
 constexpr const char* kUsage =
     "Usage: orba-remove -rf PATH\n"
@@ -29,14 +29,11 @@ constexpr const char* kUsage =
 }  // namespace
 
 int main(int argc, char** argv) {
-  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));  // a reader of our messages that went away decides nothing
+  orbamira::IgnoreOutputSignals();
+  if (const std::optional<int> status = orbamira::AnswerHelp(argc, argv, kUsage, "orba-remove " ORBAMIRA_VERSION)) {
+    return *status;
+  }
   const std::vector<std::string_view> arguments(argv + 1, argv + argc);
-  if (arguments.size() == 1 && arguments[0] == "--help") {
-    return PrintAll(kUsage);
-  }
-  if (arguments.size() == 1 && arguments[0] == "--version") {
-    return PrintAll("orba-remove " ORBAMIRA_VERSION "\n");
-  }
   if (arguments.size() != 2 || arguments[0] != "-rf" || arguments[1].empty()) {
     static_cast<void>(std::fputs(kUsage, stderr));
     return EXIT_FAILURE;

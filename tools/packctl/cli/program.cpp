@@ -1,21 +1,20 @@
 #include "tools/packctl/cli/program.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <exception>
 #include <filesystem>
 #include <iostream>
-#include <system_error>
 #include <utility>
 
 #include "platform/constants.h"
 #include "platform/json/json_line.h"
 #include "platform/log.h"
-#include "platform/posix/files.h"
+#include "platform/posix/errors.h"
+#include "platform/posix/program.h"
+#include "platform/printable.h"
 #include "tools/packctl/cli/command_line.h"
 #include "tools/packctl/cli/signals.h"
 #include "tools/packctl/record/installed_pack.h"
@@ -27,18 +26,6 @@ namespace orbamira::packctl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// A closed standard descriptor would go to the next file that is opened, and be written to as output.
-void OpenStandardDescriptors() {
-  int fd = 0;
-  while (fd <= STDERR_FILENO) {
-    fd = open("/dev/null", O_RDWR);
-    if (fd < 0) {
-      ThrowErrno("cannot open /dev/null");
-    }
-  }
-  close(fd);
-}
 
 // It takes the command line as it is.
 [[noreturn]] void BecomeAccountProgram(char** argv) {
@@ -168,7 +155,7 @@ int Answer(const Invocation& invocation) {
 }  // namespace
 
 int Main(int argc, char** argv, std::span<const Command> commands) try {
-  OpenStandardDescriptors();
+  OpenStandardStreams();
   const ParsedLine line = ParseCommandLine(argc, argv, commands);
   if (!line.invocation) {
     return line.exit;

@@ -5,6 +5,7 @@
 
 #include <csignal>
 
+#include "platform/posix/program.h"
 #include "tools/packctl/cli/command.h"
 
 namespace orbamira::packctl {
@@ -43,8 +44,7 @@ void HandleEndSignals(Handler handler) {
 }  // namespace
 
 void SetUpSignals(bool on_terminal) {
-  static_cast<void>(signal(SIGPIPE, SIG_IGN));
-  static_cast<void>(signal(SIGXFSZ, SIG_IGN));
+  IgnoreOutputSignals();  // they must not end an install halfway
   if (on_terminal) {
     HandleEndSignals(EndLineAndDie);
   }
