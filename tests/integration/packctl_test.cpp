@@ -197,6 +197,14 @@ TEST_F(PackctlTest, CheckWithoutAnAddressSaysThatThereIsNobodyToAsk) {
   EXPECT_EQ(RunJson({"history"}, 0)["entries"].size(), 0U);
 }
 
+TEST_F(PackctlTest, CheckFailsWhereTheSettingsAreNotBelieved) {
+  fs::permissions(path::kPkgSetting, fs::perms(0666));
+  EXPECT_EQ(RunJson({"check"}, 1)["result"], "failed");
+  EXPECT_EQ(Run({"check"}).errors,
+            std::string("packctl: Check failed: Ignored ") + path::kPkgSetting +
+                ": everyone may write it. No codec pack is installed. Run: sudo packctl doctor\n");
+}
+
 TEST_F(PackctlTest, CheckNotesWhenTheServerAnswered) {
   const fs::path answered = fs::path(kDownloadFolder).parent_path() / "checked";
   fs::create_directories(answered.parent_path());

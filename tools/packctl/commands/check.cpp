@@ -1,9 +1,14 @@
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
 #include <optional>
 #include <string>
 #include <utility>
 
 #include "platform/constants.h"
 #include "platform/json/json_values.h"
+#include "platform/posix/trust.h"
 #include "platform/printable.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
@@ -36,6 +41,14 @@ Outcome WithVersions(Outcome outcome, const Versions& versions) {
 
 std::string InstalledWords(const Versions& versions) {
   return versions.installed ? "installed is " + Printable(*versions.installed) : "no version is installed";
+}
+
+/// Whether there are settings that are not believed. They name nobody either, but that is a fault.
+bool SettingsAreIgnored() {
+  return std::ranges::any_of(std::array{path::kPkgSetting, path::kDefaultPkgSetting}, [](const char* file) {
+    struct stat status {};
+    return stat(file, &status) == 0 && !WhyDistrusted(status, Self(), "it").empty();
+  });
 }
 
 Outcome NobodyToAsk() {
@@ -76,7 +89,7 @@ Outcome NothingNew(const std::string& declined) {
 }  // namespace
 
 Outcome Check(Context& context) {
-  if (updater::KOSHelper::Create()->GetPackUpdateServerUrl().empty()) {
+  if (updater::KOSHelper::Create()->GetPackUpdateServerUrl().empty() && !SettingsAreIgnored()) {
     return NobodyToAsk();
   }
   const UpdateObjects objects = MakeUpdateObjects();
