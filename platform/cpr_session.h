@@ -9,28 +9,33 @@
 
 namespace orbamira::wrapper {
 
-/// An HTTP session for plain downloads. The order of the operations is a binary contract.
+/// An HTTP session for plain downloads, behind an interface so that a test or another platform can stand in for it. It
+/// downloads once, without progress or resuming; DownloadWrapper does both. The order of the operations is a binary
+/// contract.
 class ORBAMIRA_EXPORT ICprSession {
  public:
   virtual ~ICprSession() = default;
 
-  /// Fetches the URL set before and writes the body to `file`, which stays open and is the caller's. Blocks until the
-  /// transfer ends. `status_code` of the response is the HTTP status (200 is the only success), or 0 when the transfer
-  /// failed, with the reason in `error`: a body that could not be written whole (a full disk, a stream that is not
-  /// open) counts as a failed transfer. Not for use from two threads at once.
+  /// Fetches the URL set before and writes the body to `file`. The stream stays open and belongs to the caller. Blocks
+  /// until the transfer ends.
+  ///
+  /// Returns the response: `status_code` is the HTTP status (200 is the only success), or 0 when the transfer failed,
+  /// with the reason in `error`. A body that could not be written (a full disk, a stream that is not open) or that is
+  /// larger than the download_limit of the settings is a failed transfer too. Do not call it from two threads at once.
   virtual cpr::Response DownloadToFile(std::ofstream& file) = 0;
 
-  /// The URL to fetch; http and https only, and so are redirects (ten at most, none from https to http).
+  /// Sets the URL to fetch. Only http and https are fetched, also behind redirects: ten at most, and never from https
+  /// to http. Any other URL fails when it is fetched.
   virtual void SetUrl(const cpr::Url& url) = 0;
 };
 
-/// The HTTP session on cpr.
+/// The HTTP session on cpr. One object is one session and keeps its connections open.
 class ORBAMIRA_EXPORT CprSession : public ICprSession {
  public:
-  /// A fresh session; never empty.
+  /// Makes a session; never empty.
   static std::shared_ptr<ICprSession> Create();
 
-  /// As Create() makes it.
+  /// Makes the session that Create() hands out.
   CprSession();
 
   cpr::Response DownloadToFile(std::ofstream& file) override;

@@ -10,33 +10,39 @@
 
 namespace orbamira::wrapper {
 
-/// One download with progress, made to arrive over a bad network: a transfer that is cut midway is taken up where it
-/// stopped. The order of the operations is a binary contract. Not for use from two threads at once.
+/// One download with progress that copes with a bad network: a transfer that breaks off resumes where it stopped. Make
+/// an object for each download, set the link and the progress callback, then download. The order of the operations is a
+/// binary contract. Do not use one object from two threads at once.
 class ORBAMIRA_EXPORT DownloadWrapper {
  public:
-  /// A fresh download; empty when none can be made.
+  /// Makes a download; empty when that fails.
   static std::shared_ptr<DownloadWrapper> Create();
 
-  /// As above, of a body that has at most `size` bytes: a larger one fails.
+  /// Makes a download that fails when the body has more than `size` bytes.
   static std::shared_ptr<DownloadWrapper> CreateForSize(std::int64_t size);
 
   virtual ~DownloadWrapper() = default;
 
-  /// Fetches the link and writes the body to `file`, which stays open and is the caller's. Blocks until the transfer
-  /// ends. Returns the HTTP status; 200 is the only success, and then the whole body is on disk, also after a power
-  /// cut. Throws Exception<kDownloadFailure> when the transfer failed: no connection, a stall (under 1 byte per second
-  /// for 30 seconds; connecting and the first byte together may take 60), a cut that could not be mended, a link that
-  /// is neither http nor https, a body that could not be written, is larger than the settings' download_limit, or
-  /// leaves less free on the disk than a twentieth of it, up to 64 MiB; of such a body nothing stays in the file.
+  /// Fetches the link and writes the body to `file`. The stream stays open and belongs to the caller. Blocks until the
+  /// transfer ends.
+  ///
+  /// Returns the HTTP status. 200 is the only success: the whole body is then on disk and survives a power cut.
+  ///
+  /// Throws Exception<kDownloadFailure> when the transfer failed: no connection, a stall (under 1 byte per second for
+  /// 30 seconds; connecting and the first byte together may take 60), a transfer that broke off and did not resume, or
+  /// a link that is neither http nor https. Also when the body could not be written, is larger than the download_limit
+  /// of the settings, or would leave less free on the disk than 5 % of it, at most 64 MiB; nothing of it then stays in
+  /// `file`.
   virtual int DownloadToFile(std::ofstream& file) = 0;
 
-  /// The link to fetch; http and https only, and so are redirects (ten at most, none from https to http).
+  /// Sets the link to fetch. Only http and https are fetched, also behind redirects: ten at most, and never from https
+  /// to http. Any other link fails when it is fetched.
   virtual void SetUrl(const std::string& link) = 0;
 
-  /// `progress` is called with the bytes received so far and the size in bytes of the whole body (0 while unknown) at
-  /// the first and the last byte, and in between so seldom that it costs at most 2 % of the time. It runs on the thread
-  /// of DownloadToFile and must outlive it; it is not copied. An empty function is not called. What it throws ends the
-  /// transfer and leaves DownloadToFile.
+  /// Sets the function that DownloadToFile() calls with the bytes received so far and the bytes of the whole body (0
+  /// while unknown): at the first and the last byte, and in between so rarely that the calls take at most 2 % of the
+  /// time. It runs on the thread of DownloadToFile(). It is not copied, so it must outlive the download. An empty
+  /// function is not called. An exception that it throws ends the transfer and leaves DownloadToFile().
   virtual void SetProgressCallback(std::function<void(long, long)>& progress) = 0;
 };
 

@@ -5,14 +5,14 @@
 
 #include "platform/export.h"
 
-/// The exceptions by which the platform's services and the updater report what a result cannot.
+/// The exceptions that the platform's services and the updater throw where a result cannot tell what went wrong.
 namespace orbamira::exception {
 
-/// A message with the place that it was thrown from. Immutable once built; may be read from any thread.
+/// A message and the place in the source that threw it. It never changes once built, so any thread may read it.
 class ORBAMIRA_EXPORT BaseException : public std::exception {
  public:
-  /// `message` is what what() returns, `file` and `line` name the place of the throw, and `code` tells the failures of
-  /// one category apart; 0 where nothing needs telling apart.
+  /// `message` is what what() returns. `file` and `line` name the place of the throw. `code` tells failures of one
+  /// category apart; it is 0 where there is only one.
   BaseException(const char* message, const std::string& file, int line, int code = 0);
   /// As above.
   BaseException(const std::string& message, const std::string& file, int line, int code = 0);
@@ -22,11 +22,11 @@ class ORBAMIRA_EXPORT BaseException : public std::exception {
 
   /// The message.
   [[nodiscard]] const char* what() const noexcept override;
-  /// The source file that it was thrown from.
+  /// The source file of the throw.
   [[nodiscard]] const std::string& file() const noexcept { return file_; }
   /// The line in that file.
   [[nodiscard]] int line() const noexcept { return line_; }
-  /// Which failure of its category it is; 0 where nothing needs telling apart.
+  /// Which failure of its category this is; 0 where there is only one.
   [[nodiscard]] int code() const noexcept { return code_; }
 
  private:
@@ -36,13 +36,13 @@ class ORBAMIRA_EXPORT BaseException : public std::exception {
   int code_;
 };
 
-/// The category of a failure. The numbers are fixed.
+/// The category of a failure. The numbers are part of the binary interface: never change or reuse one.
 enum ExceptionTag {
   kInstallFailure = 3,   ///< extraction or installation of a package
   kDownloadFailure = 4,  ///< the transport of a download
 };
 
-/// One type for each category, so that a handler catches the one that it can deal with and lets the others pass.
+/// One type for each category, so that a handler catches the failures that it can deal with and lets the others pass.
 template <ExceptionTag Tag>
 class ORBAMIRA_EXPORT Exception : public BaseException {
  public:

@@ -6,16 +6,19 @@
 
 namespace orbamira::store {
 
-/// An exclusive lock between processes, held for the life of the object: a scope guard around what must be read or
-/// written as one. It is flock on the named file, so the kernel gives it back when the holder dies, and two objects in
-/// one process exclude each other as well.
+/// An exclusive lock between processes, held for the life of the object. Use it as a scope guard around reads and
+/// writes that belong together.
+///
+/// The lock is flock on the named file. So the kernel releases it when the holder dies, and two objects in one process
+/// exclude each other too. A thread that makes a second lock on the same file while it holds the first waits for ever.
 class ORBAMIRA_EXPORT FileLock {
  public:
-  /// Blocks until the lock is held. The lock file (mode 0660) and its folder are made when missing; the file is never
-  /// removed. Throws std::system_error when it cannot be opened or locked.
+  /// Takes the lock; blocks until it is free. Creates the lock file (mode 0660) and its folder when they are missing;
+  /// the file is never removed. A process needs only the right to read the file. Throws std::system_error when the
+  /// file cannot be opened or locked.
   explicit FileLock(const std::string& lock_path);
 
-  /// Gives the lock back.
+  /// Releases the lock.
   ~FileLock();
 
   FileLock(const FileLock&) = delete;

@@ -7,8 +7,8 @@
 /// Questions about files.
 namespace orbamira::filesystem {
 
-/// Whether a file exists at the path: anything but a directory, symbolic links followed. False when the path cannot be
-/// looked at.
+/// Whether a file exists at the path. Anything but a directory counts as a file; symbolic links are followed. False
+/// also when this process may not look at the path. Safe to call from several threads at once.
 ORBAMIRA_EXPORT bool DoseFileExist(const std::string& path);
 
 }  // namespace orbamira::filesystem

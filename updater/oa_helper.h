@@ -7,25 +7,25 @@
 
 namespace orbamira::updater {
 
-/// Whether the appliance is signed in to the maker's account service, and the token that proves it. No operation
-/// throws; what went wrong is in the log. May be used from several threads at once. The order of the operations is a
-/// binary contract.
+/// Whether somebody is signed in to the maker's account service, and the token that proves it. No operation throws; the
+/// log says what went wrong. Safe to use from several threads at once. The order of the operations is a binary
+/// contract.
 class ORBAMIRA_EXPORT IOAHelper {
  public:
   virtual ~IOAHelper() = default;
 
-  /// The identity token of the signed-in account, asked for afresh at every call; empty when it cannot be had. May
-  /// block for a request to the account service.
+  /// The identity token of the signed-in account; empty when there is none. Every call reads the account again. Blocks
+  /// while the account service renews a token that is about to expire: up to four requests of at most 20 seconds each.
   virtual std::string GetIdToken() const = 0;
 
-  /// Whether an account is signed in; false as well when that cannot be found out.
+  /// Whether somebody is signed in; also false when the account cannot be read.
   virtual bool IsLoggedIn() const = 0;
 };
 
-/// The helper over the account client. Holds no state.
+/// The helper that asks the account client of platform/orbazelo.h. An object holds no state.
 class ORBAMIRA_EXPORT OAHelper : public IOAHelper {
  public:
-  /// Never empty.
+  /// Makes a helper; never empty.
   static std::unique_ptr<IOAHelper> Create();
 
   std::string GetIdToken() const override;

@@ -18,23 +18,23 @@ class DownloadWrapper;
 
 namespace orbamira::updater {
 
-/// The hands of the update: where the package lies, which version is installed, download, extraction, installation.
-/// Every operation starts from what the disk holds. Operations block until their work is done; false comes with the
-/// reason in the log. The order of the operations is a binary contract. One object is not for use from two threads at
-/// once, and two installs at once disturb each other: the caller excludes them.
+/// The file work of an update: which version is installed, where the package is stored, download, extraction,
+/// installation. Nothing is cached: every operation looks at the disk. Operations block until their work is done. False
+/// means failure, with the reason in the log. Do not use one object from two threads at once, and take an UpdateLock
+/// around a change: two at once disturb each other. The order of the operations is a binary contract.
 class ORBAMIRA_EXPORT IPackHandler {
  public:
   virtual ~IPackHandler() = default;
 
-  /// Whether the handler's own download information offers a newer pack.
+  /// Whether the handler's own download information offers a newer pack; as below.
   virtual bool CheckNewVersion() const = 0;
 
-  /// Whether `info` offers a newer pack than the installed one. An unknown installed version counts as older than
-  /// anything; an offer without a version is never newer.
+  /// Whether `info` offers a newer pack than the installed one. When the installed version is not known, any offer is
+  /// newer; otherwise an offer without a version never is. Throws as GetDownloadVersion().
   virtual bool CheckNewVersion(const Json::Value& info) const = 0;
 
-  /// The version of the pack on offer; empty when missing. Throws Json::LogicError when `info` is no object or the
-  /// member is no plain value, and so do the next two.
+  /// The version of the pack on offer; empty when missing. This and the next two throw Json::LogicError when `info` is
+  /// no object or the member is an array or an object.
   virtual std::string GetDownloadVersion(const Json::Value& info) const = 0;
 
   /// The address of the package; empty when missing.
@@ -43,19 +43,18 @@ class ORBAMIRA_EXPORT IPackHandler {
   /// The digest of the package, hexadecimal; empty when missing.
   virtual std::string GetDownloadChecksum(const Json::Value& info) const = 0;
 
-  /// The file that the package is downloaded to.
+  /// The file into which the package is downloaded.
   virtual std::string GetDownloadPath() const = 0;
 
-  /// Downloads `link` to the file `path`, replacing it. A failed download leaves the part that arrived.
+  /// Downloads `link` to the file `path` and replaces what is there. After a failed download the file may hold a part.
   virtual bool Download(const std::string& link, const std::string& path) = 0;
 
-  /// As above; calls `progress` with the bytes so far and in total while they arrive, and takes up a transfer that was
-  /// cut.
+  /// As above, but resumes a transfer that breaks off, and calls `progress` with the bytes so far and in total.
   virtual bool DownloadWithProgress(const std::string& link, const std::string& path,
                                     std::function<void(long, long)>& progress) = 0;
 
-  /// Unpacks the package file `path` and puts it in place of the pack that Uninstall() moved aside. When putting it in
-  /// place fails, the old pack comes back. Fails at once while another host installs.
+  /// Unpacks the package file `path` and puts the pack in place of the one that Uninstall() moved aside. If that last
+  /// step fails, the old pack comes back. Fails at once while another process installs.
   virtual bool Install(const std::string& path) = 0;
 
   /// Moves the installed pack aside, to the backup.
@@ -68,24 +67,24 @@ class ORBAMIRA_EXPORT IPackHandler {
   virtual bool RemoveDownloadDirectory() const = 0;
 };
 
-/// The handler that works through the platform's services and its programs.
+/// The handler that works with the platform's services and programs.
 class ORBAMIRA_EXPORT PackHandler : public IPackHandler {
  public:
-  /// A handler over the platform's own services.
+  /// Makes a handler that works with the platform's own services; never empty.
   static std::unique_ptr<IPackHandler> Create();
 
-  /// A handler over the given services, with download information of its own for the operations without arguments.
+  /// Makes a handler that works with the given services. `download_info` is for the operations that take none.
   static std::unique_ptr<IPackHandler> CreateForTest(std::shared_ptr<wrapper::ICprSession> session,
                                                      std::shared_ptr<IKOSHelper> kos_helper,
                                                      std::shared_ptr<wrapper::IOrbaCoreWrapper> core,
                                                      std::shared_ptr<wrapper::IOrbaSDKWrapper> sdk,
                                                      const Json::Value& download_info);
 
-  /// A handler over the given services, without download information of its own.
+  /// Makes a handler that works with the given services and has no download information of its own.
   PackHandler(std::shared_ptr<wrapper::ICprSession> session, std::shared_ptr<IKOSHelper> kos_helper,
               std::shared_ptr<wrapper::IOrbaCoreWrapper> core, std::shared_ptr<wrapper::IOrbaSDKWrapper> sdk);
 
-  /// As above, with download information.
+  /// As above, with download information of its own.
   PackHandler(std::shared_ptr<wrapper::ICprSession> session, std::shared_ptr<IKOSHelper> kos_helper,
               std::shared_ptr<wrapper::IOrbaCoreWrapper> core, std::shared_ptr<wrapper::IOrbaSDKWrapper> sdk,
               const Json::Value& download_info);
@@ -107,28 +106,28 @@ class ORBAMIRA_EXPORT PackHandler : public IPackHandler {
   /// The package's address in the handler's own download information; empty when it has none.
   std::string GetDownloadLink() const;
 
-  /// The version there; empty when it has none.
+  /// The version in it; empty when it has none.
   std::string GetDownloadVersion() const;
 
-  /// The pack's name there; empty when it has none.
+  /// The pack's name in it; empty when it has none.
   std::string GetDownloadPackName() const;
 
-  /// The installed pack's information file, whether or not it exists.
+  /// The path of the installed pack's information file, whether or not there is one.
   std::string GetInfoPath() const;
 
   /// The version in a package information file; empty when missing.
   std::string GetVersionFromInfo(const std::string& info_path) const;
 
-  /// The package's name there; empty when missing.
+  /// The package's name in a package information file; empty when missing.
   std::string GetPackageNameFromInfo(const std::string& info_path) const;
 
-  /// Makes the directory that a new pack is unpacked into.
+  /// Makes the temporary directory, into which a new pack is unpacked.
   bool CreateTempPackDirectory() const;
 
   /// Removes it with everything in it.
   bool RemoveTempPackDirectory() const;
 
-  /// Unpacks the package and its payload into `target_dir`. Any exit status but 0 is a failure.
+  /// Unpacks the package and its payload into `target_dir`. Any exit status other than 0 is a failure.
   bool ExtractOpk(const std::string& opk_path, const std::string& target_dir) const;
 
   /// Unpacks the package into the download directory and its payload into the temporary directory. Only a program that
@@ -136,12 +135,12 @@ class ORBAMIRA_EXPORT PackHandler : public IPackHandler {
   bool ExtractOpk(const std::string& opk_path) const;
 
  protected:
-  /// What DownloadWithProgress() does, through `download`; a null one is a failure.
+  /// Does what DownloadWithProgress() does, with `download`; a null one is a failure.
   bool DownloadThrough(const std::shared_ptr<wrapper::DownloadWrapper>& download, const std::string& link,
                        const std::string& path, std::function<void(long, long)>& progress) const;
 
  private:
-  /// Unpacks the package and puts it where the old pack was; throws the install exception where that fails.
+  /// Unpacks the package and puts it where the old pack was. Throws the install exception when that fails.
   void ReplacePack(const std::string& opk_path) const;
 
   std::shared_ptr<wrapper::ICprSession> session_;

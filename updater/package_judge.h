@@ -9,24 +9,25 @@
 
 namespace orbamira::updater {
 
-/// Package services for a host that makes its PackManager from parts: a download counts only when orba-archive would
-/// also unpack it, which includes the signature where there is a keyring. So a package that is refused costs nothing:
-/// the flows check a download before they tell plugins or move the installed pack aside. With the plain services, which
-/// PackManager::Create() takes, the signature is checked while the package is unpacked, when the old pack has already
-/// been moved to its backup.
+/// Package services for a host that makes its PackManager from parts. They accept a download only when orba-archive
+/// would unpack it, which includes a check of the signature where there is a keyring.
 ///
-/// Holds nothing but its collaborators, and may be used from several threads when they may.
+/// So a refused package does no harm: the flows check a download before they notify plugins or move the installed pack
+/// aside. PackManager::Create() takes the plain services instead. With those the signature is checked while the package
+/// is unpacked, when the old pack has already been moved to its backup.
+///
+/// An object holds nothing but its collaborators. It is safe to use from several threads at once if they are.
 class ORBAMIRA_EXPORT PackageJudge : public wrapper::IOrbaPkgWrapper {
  public:
   /// `core` runs orba-archive, `pkg` compares digests. Neither may be null.
   PackageJudge(std::shared_ptr<wrapper::IOrbaCoreWrapper> core, std::shared_ptr<wrapper::IOrbaPkgWrapper> pkg);
 
-  /// Whether the file has the digest, as `pkg` tells, and is accepted.
+  /// Whether the file has the digest, as `pkg` says, and orba-archive would unpack it.
   bool CheckFileChecksum(const std::string& file_path, const std::string& checksum) override;
 
-  /// Whether orba-archive would unpack the package now. The reason why not is in its output and one line in the system
-  /// log. Before PackManager::Install(), a host asks this of path::kDownloadedOpkPath: since the download the keyring
-  /// may have changed or a certificate expired.
+  /// Whether orba-archive would unpack the package now. If not, a line in the system log says so, and the reason is in
+  /// the program's output. Call it for path::kDownloadedOpkPath before PackManager::Install(): since the download the
+  /// keyring may have changed or a certificate may have expired.
   [[nodiscard]] bool Accepts(const std::string& package) const;
 
  private:

@@ -5,50 +5,54 @@
 
 #include "platform/export.h"
 
-/// What keeps a pack safe around the flows of IPackManager. A host that takes the update lock calls Recover() when it
-/// starts and after a flow that failed, ConfirmInstall() after one that installed, and RepeatFailedUpdate() when a
-/// check found nothing new. None of it is for two threads at once.
+/// What keeps a pack safe around the flows of IPackManager. With the update lock held, call Recover() when your program
+/// starts and after a flow that failed, ConfirmInstall() after a flow that installed, and RepeatFailedUpdate() when a
+/// check found nothing new. Do not call any of them from two threads at once.
 namespace orbamira::updater {
 
 class IPackStatusHelper;
 class PackManager;
 class UpdateLock;
 
-/// What a recovery found and did, one sentence each.
+/// What a recovery did, one sentence each.
 struct RecoveryReport {
-  std::vector<std::string> done = {};    ///< what was put in order
-  std::vector<std::string> failed = {};  ///< what could not be
+  std::vector<std::string> done = {};    ///< what it repaired or removed
+  std::vector<std::string> failed = {};  ///< what it could not
 };
 
-/// Puts in order what an interrupted update left behind: the pack and its backup, temporary folders and files, the
-/// download, and a recorded status that says work is under way. The status becomes what is true: kStatusUpToDate when
-/// all but the last record was done, or when nothing was recorded beside an installed pack, else a failed one.
+/// Cleans up after an interrupted update: the pack and its backup, temporary folders and files, the download, and a
+/// recorded status that says "in progress". The status becomes kStatusUpToDate when only the last record was missing,
+/// or when a pack is installed and nothing is recorded; otherwise a failed one.
 ///
-/// Each step stands alone: one that fails is reported and the next is taken. Doing it twice is doing it once. What it
-/// did outlives a power cut. Whatever it says is also logged. Throws nothing.
+/// The steps do not depend on each other: one that fails is reported, and the next one runs. A second call in a row
+/// changes nothing. The result survives a power cut. Everything in the report is also in the system log. Throws
+/// nothing.
 ORBAMIRA_EXPORT RecoveryReport Recover(const UpdateLock& lock);
 
-/// The folders and files that an interrupted update may have left and that a recovery would put away, in order of their
-/// names; while an update is running, what it needs. Changes nothing and needs no lock. Throws std::system_error.
+/// Lists the folders and files that an interrupted update left and that Recover() would remove or restore. While an
+/// update is running, they are the ones it works with. Changes nothing and needs no lock. Throws std::system_error when
+/// a folder cannot be listed.
 [[nodiscard]] ORBAMIRA_EXPORT std::vector<std::string> FindLeftovers();
 
-/// Whether a pack is in place after IPackManager::Install() or DownloadAndInstall() returned true: to them a copy and a
-/// removal are done whatever exit status the program gave. Ends removals that met an error; without a pack, records
-/// kStatusDownloadInstallFailed, and Recover() brings the old pack back. Throws std::system_error when that cannot be
-/// recorded.
+/// Whether a pack is really in place after IPackManager::Install() or DownloadAndInstall() returned true. The flows
+/// take a copy or a removal for done whatever exit status the program gave, so this looks.
+///
+/// Also finishes removals that met an error. Without a pack it records kStatusDownloadInstallFailed; call Recover()
+/// then to bring the old pack back. Throws std::system_error when the status cannot be recorded.
 [[nodiscard]] ORBAMIRA_EXPORT bool ConfirmInstall(const UpdateLock& lock, const IPackStatusHelper& status);
 
-/// Ends removals that were cut short or met an error: what ConfirmInstall() does for a download. Throws nothing.
+/// Finishes removals that were interrupted or met an error. Call it after IPackManager::Download(), for which there is
+/// nothing to confirm. Throws nothing.
 ORBAMIRA_EXPORT void EndRemovals(const UpdateLock& lock);
 
-/// Whether the last update failed and is to be done again, for a check that found nothing new: the failure may have
-/// struck before all plugins were told of a pack that is in place, so that its version is no news.
+/// Whether the last update failed and should run again. Call it when a check found nothing new: a failed update may
+/// have put the pack in place without notifying all plugins, and then the check finds no newer version.
 ///
-/// Asks the server once more when the record says that an update failed and a pack is installed. Where its version is
-/// still on offer, records kStatusNeedDownload, from which every update may begin, and returns true. Where the offer is
-/// older, the installed pack stays and kStatusUpToDate is recorded. False, and the record as it was, when there is no
-/// failure, no pack or no offer, and when the record makes no sense. Throws std::system_error when the record cannot be
-/// used, Json::Exception when the server's reply is no object.
+/// Asks the server again if the record says that an update failed and a pack is installed. If the installed version is
+/// still on offer, records kStatusNeedDownload, from which every update may begin, and returns true. If the offer is
+/// older, keeps the installed pack, records kStatusUpToDate and returns false. Otherwise returns false and leaves the
+/// record as it is. Throws std::system_error when the record cannot be used, and Json::Exception when the server's
+/// reply is no object.
 [[nodiscard]] ORBAMIRA_EXPORT bool RepeatFailedUpdate(const UpdateLock& lock, const PackManager& manager,
                                                       IPackStatusHelper& status);
 

@@ -6,27 +6,29 @@
 
 namespace orbamira::updater {
 
-/// Thrown where another process holds the update lock. what() is a sentence's beginning that names the holder where it
-/// is known: "another program is at work: packctl (pid 4711)".
+/// Thrown when another process holds the update lock. what() names the holder if it is known: "another program is at
+/// work: packctl (pid 4711)".
 class ORBAMIRA_EXPORT Busy : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// The right to change pack, download and record, which one program on the appliance has at a time: packctl takes it
-/// for each changing command, and every host should for each change. It is flock on orbamira::path::kPackctlLock, held
-/// for the life of the object and given back by the kernel when the holder dies. Programs that the holder starts do not
-/// inherit it.
+/// The right to change pack, download and record, held for the life of the object. One program on the appliance has it
+/// at a time. packctl takes it for each command that changes something; take it in your program around each change,
+/// too.
+///
+/// It is flock on orbamira::path::kPackctlLock, so the kernel releases it when the holder dies. Programs that the
+/// holder starts do not inherit it.
 class ORBAMIRA_EXPORT UpdateLock {
  public:
-  /// Takes the lock and writes this program's name and process id into the file, for whoever is refused. Never waits:
-  /// an update may take long. The file (mode 0600) and its folder are made when missing.
+  /// Takes the lock, and writes this program's name and process id into the file for programs that are refused. Never
+  /// waits, because an update may take long. Creates the file (mode 0600) and its folder when they are missing.
   ///
-  /// Throws Busy when another holds the lock, also another object of this process; std::system_error when it cannot be
-  /// had at all.
+  /// Throws Busy when the lock is held, also by another object of this process, and std::system_error when the file
+  /// cannot be opened or locked.
   UpdateLock();
 
-  /// Gives the lock back.
+  /// Releases the lock.
   ~UpdateLock();
 
   UpdateLock(const UpdateLock&) = delete;
