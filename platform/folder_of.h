@@ -2,10 +2,11 @@
 
 #include <string>
 
+// Not installed.
 namespace orbamira {
 
-/// Makes the folder that the file `path` lies in, with missing parents, unless it is there. Throws std::system_error
-/// naming the folder when that fails. Not installed.
+/// Creates the folder of the file `path` and its missing parents, unless it exists. Throws std::system_error, which
+/// names the folder, when that fails.
 void MakeFolderOf(const std::string& path);
 
 }  // namespace orbamira

@@ -8,9 +8,11 @@
 
 #include "platform/printable.h"
 
+// The library's lines in the system log. Not installed; all in the header, for every library and program.
 namespace orbamira {
 
-/// Logs the text on one line: texts from outside must not forge a second one, or steer the terminal that shows it.
+/// Logs the formatted text on one line. Control characters in it are escaped, so that a text from outside can neither
+/// forge a second line nor control the terminal that shows the log.
 // NOLINTNEXTLINE(cert-dcl50-cpp): the compiler checks what fits the format
 __attribute__((format(printf, 4, 5))) inline void LogLine(int priority, const char* file, int line, const char* format,
                                                           ...) {
@@ -29,7 +31,7 @@ __attribute__((format(printf, 4, 5))) inline void LogLine(int priority, const ch
 
 }  // namespace orbamira
 
-// Every message names its source: the file's bare name and the line stand in front of the text.
+// Log a message with printf's format. The name of the source file and the line are put in front.
 #define ORBAMIRA_LOG(priority, format, ...) \
   orbamira::LogLine(priority, __FILE_NAME__, __LINE__, format __VA_OPT__(, ) __VA_ARGS__)
 #define ORBAMIRA_LOG_ERROR(format, ...) ORBAMIRA_LOG(LOG_ERR, format __VA_OPT__(, ) __VA_ARGS__)

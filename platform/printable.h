@@ -5,10 +5,10 @@
 #include <string>
 #include <string_view>
 
-// Texts from outside, made fit to be shown and logged. Not installed; all in the header, for every library and program.
+// Makes texts from outside fit to be shown and logged. Not installed; all in the header, for every library and program.
 namespace orbamira {
 
-/// The length in bytes of the character of UTF-8 that the text begins with; 0 when it begins with none.
+/// The length in bytes of the UTF-8 character at the beginning of the text; 0 when there is no valid one.
 inline std::size_t CharacterLength(std::string_view text) {
   struct Form {
     unsigned first;      // the least first byte of the form, and
@@ -35,8 +35,8 @@ inline std::size_t CharacterLength(std::string_view text) {
   return 0;
 }
 
-/// Whether the character of UTF-8 steers what shows it: a control character of ASCII or Unicode, one that turns the
-/// direction of writing, or one that ends a line or a paragraph.
+/// Whether the UTF-8 character controls the display instead of being shown: a control character of ASCII or Unicode,
+/// one that changes the direction of writing, or one that ends a line or a paragraph.
 inline bool IsControl(std::string_view character) {
   if (character.size() == 1) {
     const auto byte = static_cast<unsigned char>(character.front());
@@ -50,7 +50,7 @@ inline bool IsControl(std::string_view character) {
          (character >= "\xe2\x81\xa6" && character <= "\xe2\x81\xa9");
 }
 
-/// The text on one line whatever it holds: each byte of a control character, and each that is no UTF-8, becomes \ooo.
+/// The text on one line: each byte of a control character, and each byte that is not UTF-8, becomes \ooo (octal).
 inline std::string Printable(std::string_view text) {
   std::string line;
   line.reserve(text.size());

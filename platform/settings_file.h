@@ -3,13 +3,14 @@
 #include <optional>
 #include <string>
 
-// The key=value files that the appliance is set up by. Not installed.
+// Reads the settings files (key=value) of the appliance. Not installed.
 namespace orbamira {
 
-/// The value of the first line of `file` whose key is `key`; empty when there is none, or no regular file that can be
-/// read. A file that others than root and the caller can write is ignored, and the log says why. A line is KEY=VALUE;
-/// blanks around both and one pair of double quotes around the value are dropped, as is a CR at the end; lines that
-/// begin with '#' are comments. Only the first mebibyte of the file is looked at.
+/// The value in the first line of `file` with this key; empty when there is none, and when `file` is no regular file or
+/// cannot be read. A file that users other than root and the caller may write is ignored, and the log says why.
+///
+/// A line is KEY=VALUE. Blanks around both, one pair of double quotes around the value and a carriage return at the end
+/// are dropped. Lines that begin with '#' are comments. Only the first mebibyte of the file is read.
 std::string ReadSetting(const std::string& file, const std::string& key);
 
 /// A value and the file that sets it.

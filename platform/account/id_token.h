@@ -8,25 +8,28 @@
 #include <string>
 #include <vector>
 
+// Takes identity tokens (JSON Web Tokens, RFC 7519) apart. Nothing here proves that a token is genuine; token_check.h
+// does. Not installed.
 namespace orbamira {
 
-/// The longest token that is taken, of any kind; in bytes.
+/// The longest token that is accepted, of any kind, in bytes.
 constexpr std::size_t kTokenLimit = std::size_t{64} * 1024;
 
-/// What an identity token (a JSON Web Token) says. Nothing of it is proved here: CheckIdToken() does that.
+/// What an identity token claims.
 struct IdToken {
   std::string issuer;                 ///< empty when missing
   std::string subject;                ///< empty when missing
   std::vector<std::string> audience;  ///< empty when missing
   std::int64_t expires = 0;           ///< seconds since 1970; 0 when missing, so the token counts as expired
 
+  /// Whether the client is in the audience.
   [[nodiscard]] bool IsFor(const std::string& client) const;
 };
 
-/// Reads a token; empty when ParseJsonWebToken() is.
+/// Reads the claims of a token; empty when ParseJsonWebToken() is.
 std::optional<IdToken> ParseIdToken(const std::string& text);
 
-/// The parts of a signed token (RFC 7519 and 7515), for whoever looks at its signature.
+/// The parts of a signed token (RFC 7515). The signature is over the first two encoded ones.
 struct JsonWebToken {
   Json::Value header;  ///< an object
   Json::Value claims;  ///< an object
@@ -35,16 +38,16 @@ struct JsonWebToken {
   std::string encoded_signature;
 };
 
-/// Base64 in the alphabet for addresses, without padding; empty when the text is none.
+/// Decodes base64 in the alphabet for URLs, without padding (RFC 4648, section 5); empty for any other text.
 std::optional<std::string> DecodeBase64Url(std::string text);
 
-/// Takes a token apart; empty when the text is not a well-formed one, or longer than kTokenLimit.
+/// Takes a token apart; empty when it is not well formed or is longer than kTokenLimit.
 std::optional<JsonWebToken> ParseJsonWebToken(const std::string& text);
 
-/// What the claims say.
+/// Reads the claims that IdToken has.
 IdToken ReadClaims(const Json::Value& claims);
 
-/// The claim as seconds since 1970; 0 when it is missing, no number or no date that a token can mean.
+/// The claim as seconds since 1970; 0 when it is missing, is no number or is beyond any real date.
 std::int64_t TimeOf(const Json::Value& value);
 
 }  // namespace orbamira

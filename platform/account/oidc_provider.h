@@ -7,11 +7,11 @@
 #include <optional>
 #include <string>
 
-// What an OpenID Connect provider is asked, by the account client and by packctl's sign-in. Not installed.
+// The requests to an OpenID Connect provider, for the account client and for packctl's sign-in. Not installed.
 //
-// Every function throws ZeloException with the reason for everything that goes wrong; the reason never holds a token, a
-// code or a verifier. Each request takes only so long, and so much of an answer. No redirect is followed. Addresses
-// must be https, or http on the loopback of this machine.
+// Every function blocks until the provider answers, and throws ZeloException for every failure; its text never contains
+// a token, a code or a verifier. Requests have a time limit and a limit on the answer's size (1 MiB). They follow no
+// redirect. Addresses must be https, or http on this machine.
 namespace orbamira {
 
 /// How long one request to the provider may take.
@@ -20,15 +20,15 @@ struct ProviderLimits {
   std::chrono::milliseconds whole{std::chrono::seconds(20)};
 };
 
-/// What the provider gave. Nothing of it is examined yet.
+/// The tokens in the provider's answer, not yet checked.
 struct IssuedTokens {
   std::string id_token;              ///< empty when missing
-  std::string refresh_token;         ///< empty when missing; the old one then goes on
+  std::string refresh_token;         ///< empty when missing; the old one then stays valid
   std::string access_token;          ///< empty when missing
-  std::optional<std::int64_t> date;  ///< the provider's clock, in seconds since 1970; empty when it does not tell
+  std::optional<std::int64_t> date;  ///< the provider's clock, in seconds since 1970; empty when not sent
 };
 
-/// What stands for the user's consent (Core 1.0, section 3.1.3.1, and RFC 7636).
+/// What a sign-in exchanges for tokens (Core 1.0, section 3.1.3.1, and RFC 7636).
 struct CodeGrant {
   std::string code;
   std::string redirect_uri;
@@ -36,28 +36,29 @@ struct CodeGrant {
   std::string code_verifier;
 };
 
-/// What the provider `issuer` says of itself (Discovery 1.0, section 4); its "issuer" is the one asked.
+/// Fetches the provider's configuration (Discovery 1.0, section 4). Its "issuer" must be the one that was asked.
 Json::Value DiscoverProvider(const std::string& issuer, const ProviderLimits& limits = {});
 
-/// The address that the provider's configuration gives under the name.
+/// The address in the member `name` of the provider's configuration.
 std::string EndpointOf(const Json::Value& configuration, const std::string& name);
 
-/// The tokens for a code (Core 1.0, section 3.1.3).
+/// Exchanges a code for tokens (Core 1.0, section 3.1.3).
 IssuedTokens ExchangeCode(const std::string& token_endpoint, const CodeGrant& grant, const ProviderLimits& limits = {});
 
-/// New tokens for a refresh token (Core 1.0, section 12).
+/// Exchanges a refresh token for new tokens (Core 1.0, section 12).
 IssuedTokens RefreshTokens(const std::string& token_endpoint, const std::string& client_id,
                            const std::string& refresh_token, const ProviderLimits& limits = {});
 
-/// Makes a refresh token worthless (RFC 7009).
+/// Revokes a refresh token (RFC 7009).
 void RevokeToken(const std::string& revocation_endpoint, const std::string& client_id, const std::string& refresh_token,
                  const ProviderLimits& limits = {});
 
-/// The provider's keys, a JSON Web Key Set, as sent.
+/// Fetches the provider's keys: the text of a JSON Web Key Set.
 std::string FetchKeys(const std::string& jwks_uri, const ProviderLimits& limits = {});
 
-/// In words for the end of a sentence, by how much this machine's clock differs from the provider's; empty when that is
-/// too little to be the cause of a fault, or not known. Both in seconds since 1970.
+/// Says by how much this machine's clock differs from the provider's, for example "this machine's clock is 12 minutes
+/// behind the provider's". Empty when they differ by less than five minutes or the provider's is not known. Both are in
+/// seconds since 1970.
 std::string ClockFault(std::int64_t now, std::optional<std::int64_t> provider);
 
 }  // namespace orbamira

@@ -5,21 +5,22 @@
 
 #include "platform/account/id_token.h"
 
+// The check of a token's signature against the provider's keys. Not installed.
 namespace orbamira {
 
-/// Whether identity tokens may be signed with this algorithm of RFC 7518: those with a public key only. A secret shared
-/// with the provider is nothing that this client has, and an unsigned token proves nothing.
+/// Whether an identity token may be signed with this algorithm of RFC 7518. Only those with a public key are accepted:
+/// this client shares no secret with the provider, and an unsigned token proves nothing.
 [[nodiscard]] bool IsSignatureAlgorithm(const std::string& name);
 
-/// The hash of the algorithm, as OpenSSL calls it. Only for a name that IsSignatureAlgorithm() knows.
+/// OpenSSL's name for the hash of the algorithm. Only for a name that IsSignatureAlgorithm() accepts.
 [[nodiscard]] const char* HashOf(const std::string& algorithm);
 
-/// Where the provider's keys (a JSON Web Key Set, RFC 7517) are got.
+/// Fetches the provider's keys, a JSON Web Key Set (RFC 7517).
 using KeySource = std::function<std::string()>;
 
-/// Sees that the token is signed by a key of the provider's that is meant for it. The keys are asked for again when
-/// none of them is: the provider may just have put in a new one. Throws ZeloException when the signature is no proof,
-/// and what `keys` throws.
+/// Checks that one of the provider's keys for such tokens signed this one. If no key fits, fetches the keys once more,
+/// because the provider may have added one just now. Throws ZeloException when the signature is not valid, and whatever
+/// `keys` throws.
 void CheckSignature(const JsonWebToken& token, const KeySource& keys);
 
 }  // namespace orbamira

@@ -7,35 +7,37 @@
 
 namespace orbamira {
 
-/// The caller's stream while a body is written to it, with the checks and the operations on the disk that a stream
-/// leaves out. Everything throws std::system_error with the reason when it fails. A body that cannot be written is
-/// dropped at once: on a full disk others need its room, the record of the failure first of all.
+/// Writes a download's body to the caller's stream, with what a stream lacks: checks for free space, truncation, sync.
+/// Not installed.
+///
+/// Every operation throws std::system_error when it fails. A body that cannot be written is dropped at once, because
+/// others need the room on a full disk: the record of the failure, to begin with.
 class BodyFile {
  public:
-  /// The body begins where the stream stands. A regular file is its owner's alone from then on, mode 0600, whatever the
-  /// process's umask. Fails when the stream is not open.
+  /// The body begins at the stream's position. A regular file gets mode 0600, whatever the umask. Fails when the stream
+  /// is not open.
   explicit BodyFile(std::ofstream& stream);
 
-  /// Leaves with the stream what was added and not flushed.
+  /// Hands the stream what was added and not flushed; errors are ignored.
   ~BodyFile();
 
   BodyFile(const BodyFile&) = delete;
   BodyFile& operator=(const BodyFile&) = delete;
 
-  /// Fails when that many bytes more would leave too little free on the file system, as far as it tells: a twentieth of
-  /// it, at most 64 MiB, stays free for others. Every write is held to the same.
+  /// Fails when `size` more bytes would leave too little free space: 5 % of the file system, at most 64 MiB, stay free
+  /// for others. Every write checks this too. Passes where the file system does not say how much is free.
   void ExpectRoomFor(std::int64_t size);
 
-  /// Adds to the body.
+  /// Appends to the body.
   void Write(std::string_view bytes);
 
   /// Drops the body written so far.
   void StartOver();
 
-  /// Hands the whole body to the system.
+  /// Writes the whole body to the file.
   void Flush();
 
-  /// Puts the whole body on disk, so that it outlives a power cut.
+  /// Writes the whole body to the disk, so that it survives a power cut.
   void Sync();
 
  private:

@@ -8,20 +8,20 @@
 #include <string_view>
 #include <utility>
 
-// A reply that is kept in memory, from a server that nobody vouches for. Not installed; all in the header, because the
-// platform's library exports nothing of it and others need it too.
+// Takes a reply into memory, but only up to a limit: any server can send any number of bytes. Not installed; all in the
+// header, because the platform's library does not export it and others need it too.
 namespace orbamira {
 
-/// A request's way: &cpr::Session::Get, or Post with the payload that the session has.
+/// How to send the request: &cpr::Session::Get, or Post for the session's payload.
 using SendRequest = cpr::Response (cpr::Session::*)();
 
-/// What came back.
+/// A reply of limited length.
 struct BoundedReply {
   cpr::Response response;    ///< `text` is the body
-  bool is_too_long = false;  ///< the transfer was ended: `text` is empty, and `error` says no more than that
+  bool is_too_long = false;  ///< the transfer was stopped: `text` is empty, and `error` says nothing else
 };
 
-/// Sends what the session is set up for and takes a body of at most `limit` bytes. Blocks until the transfer ends.
+/// Sends the session's request and takes a body of at most `limit` bytes. Blocks until the transfer ends.
 inline BoundedReply SendBounded(cpr::Session& session, SendRequest send, std::size_t limit) {
   BoundedReply reply;
   std::string body;

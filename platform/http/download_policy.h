@@ -12,23 +12,23 @@
 
 namespace orbamira {
 
-/// How hard a download tries.
+/// The limits and retries of a download. Tests make a policy of their own; everybody else takes the defaults.
 struct DownloadPolicy {
   TransferLimits limits;
-  /// How often in a row a cut transfer is taken up. One that brings the body a mebibyte further than it has been renews
-  /// the count, so that a bad line that makes progress ends well, and a server that never gets on cannot hold us.
+  /// How many times in a row a broken transfer resumes. Each mebibyte of new bytes starts the count again: a bad line
+  /// that makes progress gets there, and a server that makes none cannot keep us busy.
   int resumes = 5;
-  /// The wait before the first of them; it doubles with each, and is varied by a quarter so that many appliances which
-  /// lost one server do not come back to it at once.
+  /// The wait before the first resume. It doubles each time, and varies by a quarter so that appliances that lost the
+  /// same server do not all return at once.
   std::chrono::milliseconds first_wait{std::chrono::seconds(1)};
-  /// What the update server says that the body has; a larger one fails. Empty where that is not known.
+  /// The body's size in bytes by the update server's reply; a larger body fails. Empty when the reply does not say.
   std::optional<std::int64_t> size = {};
   std::function<void(std::chrono::milliseconds)> wait = [](std::chrono::milliseconds time) {
     std::this_thread::sleep_for(time);
   };
 };
 
-/// A download that keeps to the policy.
+/// Makes a download with this policy; never empty.
 std::shared_ptr<wrapper::DownloadWrapper> MakeDownload(const DownloadPolicy& policy);
 
 }  // namespace orbamira

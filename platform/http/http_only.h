@@ -6,11 +6,11 @@
 
 #include <string>
 
-// How each request for a reply or a package is confined. Not installed; all in the header, because the platform's
-// library exports nothing of it and the updater's needs it too.
+// Confines requests to http and https. Not installed; all in the header, because the platform's library does not export
+// it and the updater's needs it too.
 namespace orbamira {
 
-/// What may follow the request that is about to be made: after one by https, https alone.
+/// Called by curl before each request of a transfer. After a request by https, only https may follow.
 inline int LimitRedirects(void* curl, char* /*remote*/, char* /*local*/, int /*remote_port*/, int /*local_port*/) {
   char* scheme = nullptr;
   curl_easy_getinfo(curl, CURLINFO_SCHEME, &scheme);
@@ -19,8 +19,8 @@ inline int LimitRedirects(void* curl, char* /*remote*/, char* /*local*/, int /*r
   return CURL_PREREQFUNC_OK;
 }
 
-/// Lets the session GET `url` by http or https alone, also behind redirects: ten of them at most, at no step from https
-/// to http, and no cookie is taken along. Once for each URL.
+/// Sets the session's URL and lets it use only http and https, also behind redirects: ten at most, and at no step from
+/// https to http. No cookie is sent. Call it again for each URL.
 inline void SetHttpUrl(cpr::Session& session, const std::string& url) {
   constexpr long kRedirects = 10;
   session.SetUrl(cpr::Url(url));

@@ -6,22 +6,21 @@
 
 namespace orbamira {
 
-/// Calls a progress function so seldom that it costs at most 2 % of the time, however long one call takes: where the
-/// function writes to a slow disk, the download must not wait for the bar. A function that takes up to 20 ms is still
-/// called once a second.
+/// Calls a progress function so rarely that it takes at most 2 % of the time, however slow it is: a download must not
+/// wait for a progress bar that writes to a slow disk. A function that takes 20 ms is still called once a second.
 class ProgressThrottle {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
   using Progress = std::function<void(long, long)>;
 
-  /// `progress` may be null or empty, and then is never called; otherwise it outlives this object. `now` is the clock.
+  /// `progress` may be null or empty; otherwise it must outlive this object. `now` is the clock.
   explicit ProgressThrottle(const Progress* progress, std::function<TimePoint()> now = std::chrono::steady_clock::now);
 
-  /// The body has grown to `received` of `total` bytes (0 while unknown). The first call of all is passed on, the
-  /// others when enough time has gone by since the last one that was.
+  /// Reports `received` of `total` bytes (0 while unknown). Passes the first report on, and later ones when enough time
+  /// has passed since the last one passed on.
   void Report(std::int64_t received, std::int64_t total);
 
-  /// The body is complete. Always passed on, unless the very same was the last to be passed on.
+  /// Reports the complete body. Always passes it on, unless the last report passed on was the same.
   void ReportLast(std::int64_t size);
 
  private:

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <string>
 
-// Not installed; all in the header, because the platform's library exports nothing of it and the updater's needs it.
+// Keeps passwords out of logs. Not installed; all in the header, because the platform's library does not export it and
+// the updater's needs it too.
 namespace orbamira {
 
-/// The link without the user and the password in it, to be shown and logged; any other text as it is. Where no port
-/// stands behind the first colon, it may be a password with a letter that ends the host: all up to the last '@' goes.
+/// The link without user and password, fit to be shown and logged. Any other text stays as it is. When something else
+/// than a port follows the host's colon, it may be a password with a '/', '?' or '#' in it: everything up to the last
+/// '@' then goes.
 inline std::string ShownLink(const std::string& link) {
   const std::size_t colon = link.find(':');
   const bool has_scheme = colon != std::string::npos && link.find('/') == colon + 1;

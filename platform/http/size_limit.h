@@ -5,17 +5,17 @@
 
 namespace orbamira {
 
-/// How large a body may be.
+/// The largest body that a download accepts.
 struct SizeLimit {
   std::int64_t bytes = 0;
-  std::string source;  ///< what sets it, for the reason of a failure
+  std::string source;  ///< what sets the limit, for the error message
 };
 
-/// The download_limit that the machine's settings, or else the maker's, have; 16 GiB without one. Throws
-/// std::system_error for one that is no number of bytes.
+/// The download_limit from the machine's settings, or else from the maker's; 16 GiB when neither has one. Throws
+/// std::system_error when it is no number of bytes.
 [[nodiscard]] SizeLimit SizeLimitFromSettings();
 
-/// Throws std::system_error when a body of this many bytes is over the limit.
+/// Throws std::system_error when a body of `size` bytes is over the limit.
 void ExpectWithin(const SizeLimit& limit, std::int64_t size);
 
 }  // namespace orbamira

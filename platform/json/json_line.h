@@ -5,9 +5,10 @@
 
 #include <string>
 
+// Not installed; all in the header.
 namespace orbamira {
 
-/// The value as JSON on one line, its end included.
+/// The value as JSON on one line, with the end of the line.
 inline std::string JsonLine(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";

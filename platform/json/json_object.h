@@ -7,12 +7,12 @@
 #include <string>
 #include <string_view>
 
-// The one strict reader of JSON, for what is written by programs alone. Not installed; all in the header, because the
-// platform's library exports nothing of it and others need it too.
+// Strict JSON, for texts that only programs write. Not installed; all in the header, because the platform's library
+// does not export it and others need it too.
 namespace orbamira {
 
-/// The JSON object that the text holds, and nothing else; empty for any other text. Why is not told: the parser's own
-/// words may quote the text, which may hold a token.
+/// The JSON object that is the whole text; empty for any other text. There is no reason with it: the parser's messages
+/// quote the text, which may contain a token.
 inline std::optional<Json::Value> ParseJsonObject(std::string_view text) {
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);
@@ -28,7 +28,7 @@ inline std::optional<Json::Value> ParseJsonObject(std::string_view text) {
   return value;
 }
 
-/// The text that the value is; empty when it is none.
+/// The text in the value; empty when it is of another type.
 inline std::string TextOf(const Json::Value& value) { return value.isString() ? value.asString() : ""; }
 
 }  // namespace orbamira

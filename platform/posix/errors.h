@@ -3,11 +3,11 @@
 #include <cerrno>
 #include <string>
 
-// How a failed call to the system is reported. Not installed.
+// Reports system calls that failed. Not installed.
 namespace orbamira {
 
-/// Throws std::system_error with the text of `error`, headed by `what`. A call that failed without an errno, as a
-/// standard stream's may, counts as EIO.
+/// Throws std::system_error for `error`, with `what` in front of its text. An error of 0 counts as EIO: a standard
+/// stream may fail without setting errno.
 [[noreturn]] void ThrowErrno(const std::string& what, int error = errno);
 
 }  // namespace orbamira

@@ -10,30 +10,30 @@
 #include "platform/posix/unique_fd.h"
 #include "platform/printable.h"
 
-/// What the small programs share on top of the system calls: errors that name what they are about, and a walk that
-/// never follows a symbolic link.
+// System calls on files and folders, with errors that name the file, and without following symbolic links. Not
+// installed. `shown` is the name of the file in the error.
 namespace orbamira {
 
 /// "folder/inner".
 std::string Below(const std::string& folder, const std::string& inner);
 
-/// The folder that a path's last part lies in, and that part: "." and "a" for "a", "/x/" and "a" for "/x/a/".
+/// The folder and the name in a path: "." and "a" for "a", "/x/" and "a" for "/x/a/".
 struct PathParts {
   std::string parent;
   std::string name;
 };
 
-/// Throws std::runtime_error for a path whose last part names no entry of its own: "", "/", ".", "..".
+/// Splits a path. Throws std::runtime_error when its last part is no name: "", "/", ".", "..".
 PathParts SplitPath(const std::string& path);
 
-/// Opens the directory `name` below `at` for reading; a symbolic link in its place is an error. `shown` is its name in
-/// the error. Throws std::system_error.
+/// Opens the directory `name` below `at` for reading; a symbolic link is an error. Throws std::system_error.
 UniqueFd OpenDirectory(int at, const std::string& name, const std::string& shown);
 
-/// The names in the open directory but for "." and "..", sorted by bytes. Throws std::system_error.
+/// The names in the open directory without "." and "..", sorted by bytes. Throws std::system_error.
 std::vector<std::string> ListDirectory(int directory, const std::string& shown);
 
-/// stat() of the open file, and of the name below `at` without following a symbolic link. Throw std::system_error.
+/// The status of an open file, or of the name below `at`, where a symbolic link is not followed. Throw
+/// std::system_error.
 struct stat Stat(int fd, const std::string& shown);
 struct stat StatName(int at, const std::string& name, const std::string& shown);
 

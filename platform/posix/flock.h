@@ -4,17 +4,17 @@
 
 #include "platform/posix/unique_fd.h"
 
-// The one way in which locks between processes are taken and given back here. Not installed.
+// Takes and releases locks between processes. Not installed.
 namespace orbamira {
 
-/// An open file or folder that may be locked (flock) against all other openings of it, in this process or another. The
-/// lock goes with the object, and the kernel gives it back when the process dies.
+/// An open file or folder that can be locked with flock. The lock excludes every other object of the file, in this
+/// process or another. The kernel releases it when the process dies.
 class Flock {
  public:
-  /// Takes over the file, with the lock that it may hold.
+  /// Takes ownership of the file, and of its lock if it holds one.
   explicit Flock(UniqueFd file) : file_(std::move(file)) {}
 
-  /// Gives the lock back.
+  /// Releases the lock.
   ~Flock();
 
   Flock(Flock&&) = default;
@@ -22,15 +22,15 @@ class Flock {
   Flock(const Flock&) = delete;
   Flock& operator=(const Flock&) = delete;
 
-  /// Waits until the lock is held. False, with errno set, on failure.
+  /// Takes the lock; blocks until it is free. False, with errno set, on failure.
   [[nodiscard]] bool Lock();
 
-  /// Takes the lock if nobody holds it. False, with errno set, otherwise: EWOULDBLOCK when another does.
+  /// Takes the lock if it is free. False, with errno set, on failure: EWOULDBLOCK when it is not free.
   [[nodiscard]] bool TryLock();
 
   [[nodiscard]] int get() const { return file_.get(); }
 
-  /// Hands the descriptor, and the lock with it, to the caller.
+  /// Hands the descriptor to the caller, with the lock.
   [[nodiscard]] int Release() { return file_.Release(); }
 
  private:

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-// Owners for what OpenSSL hands out as raw pointers.
+// Smart pointers for OpenSSL's objects. Not installed.
 namespace orbamira {
 
 template <auto Free>
@@ -21,10 +21,10 @@ using Owned = std::unique_ptr<T, Deleter<Free>>;
 
 inline void FreePemObjects(STACK_OF(X509_INFO) * objects) { sk_X509_INFO_pop_free(objects, X509_INFO_free); }
 
-/// What a PEM file holds.
+/// The objects in a PEM file.
 using PemObjects = Owned<STACK_OF(X509_INFO), FreePemObjects>;
 
-/// Whether the object is a certificate and nothing else comes with it: what a keyring may hold.
+/// Whether the object is a certificate and nothing else, which is all that a keyring may hold.
 inline bool IsCertificateAlone(const X509_INFO& object) {
   return object.x509 != nullptr && object.crl == nullptr && object.x_pkey == nullptr;
 }

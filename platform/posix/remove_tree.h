@@ -2,22 +2,22 @@
 
 #include <string>
 
+// Removes files and folders. Not installed.
 namespace orbamira {
 
-/// Removes the entry at `path`, with all that it holds; that there is nothing is no error. Never follows a symbolic
-/// link below the folder that the entry lies in.
+/// Removes the file or folder at `path` with everything in it. A missing one is no error. Follows no symbolic link
+/// below the folder of `path`.
 ///
-/// A folder leaves its place in one step: it gets the name ".removed.XXXXXX" beside it, a pattern that recovery knows,
-/// and is removed there. Whoever looks at the path, at whatever instant, finds all of it or nothing; an end midway, or
-/// another process that gives the folder a new name meanwhile, never makes a part of it look like the whole. Only a
-/// folder that cannot be renamed, such as a mount point, is removed where it is.
+/// A folder leaves its place in one step: it is renamed to ".removed.XXXXXX" beside it, a name that recovery knows, and
+/// removed there. So the path always shows the whole folder or nothing, even if the process is killed or another one
+/// renames the folder meanwhile. Only a folder that cannot be renamed, such as a mount point, is removed in place.
 ///
-/// An error does not keep it from removing the rest: of several, the first is thrown, as std::system_error. Throws
-/// std::runtime_error for a path that names no entry of its own.
+/// After an error it goes on and removes the rest; then it throws the first error as std::system_error. Throws
+/// std::runtime_error for a path whose last part is no name.
 void RemoveAtOnce(const std::string& path);
 
-/// Removes `name` below the open folder `parent`, piece by piece in its place; the rest as above. `shown` is what the
-/// entry is called in errors.
+/// Removes `name` below the open folder `parent` in place, file by file; otherwise as above. `shown` is its name in
+/// errors.
 void RemoveTree(int parent, const std::string& name, const std::string& shown);
 
 }  // namespace orbamira

@@ -2,11 +2,11 @@
 
 #include <string>
 
-// Not installed.
+// Makes new and removed names survive a power cut. Not installed.
 namespace orbamira {
 
-/// Puts on disk what the folder of `path` lists: after a power cut a name that was made there is there, and one that
-/// was removed is gone. Throws std::system_error naming `path`.
+/// Syncs the folder of the file `path`: after a power cut, the names created in it exist and the names removed from it
+/// do not. Throws std::system_error, which names `path`.
 void SyncFolderOf(const std::string& path);
 
 }  // namespace orbamira

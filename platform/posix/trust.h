@@ -5,10 +5,10 @@
 
 #include <string>
 
-// Who else than root could have written what is believed, or run with root's rights. Not installed.
+// Checks that only root and our own user can change a file that we believe or run. Not installed.
 namespace orbamira {
 
-/// The user and group that a file may belong to besides root's.
+/// The user and group that may own a file, besides root's.
 struct Identity {
   uid_t user;
   gid_t group;
@@ -17,14 +17,14 @@ struct Identity {
 /// The effective user and group of this process.
 Identity Self();
 
-/// Why others than root and `self` can change a file with this status: that everyone, or a group, may write it, or that
-/// it belongs to another user. Empty when they cannot. `name` is what the file is called in the answer.
+/// Why somebody other than root and `self` can change a file with this status: everyone or a group may write it, or it
+/// belongs to another user. Empty when nobody else can. `name` is the file's name in the answer.
 std::string WhyDistrusted(const struct stat& status, const Identity& self, const std::string& name);
 
-/// As above for `path`, and for every folder and link on the way there: from the root folder (the one that
-/// ORBAMIRA_ROOT names, for a path below it) to the file that the last link leads to. Empty when nobody but root and
-/// this process's user can change what the path leads to, or what is in it; it may then be used by its name, now and
-/// later. On the way, though not at its end, a folder that all may write is no harm where it is sticky, as /tmp is.
+/// As above for `path` and for every folder and symbolic link on the way to it, from the root folder on (from
+/// ORBAMIRA_ROOT for a path below that). Empty when only root and this process's user can change which file the path
+/// leads to and what is in it; the path then is safe to use by its name, now and later. A sticky folder that all may
+/// write, such as /tmp, is accepted on the way, but not at its end.
 ///
 /// Throws std::system_error when the path cannot be followed.
 std::string WhyDistrusted(const std::string& path);

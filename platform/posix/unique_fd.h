@@ -9,10 +9,10 @@
 #include <string>
 #include <utility>
 
-// The few things that every source here does with a file descriptor. Not installed.
+// Owns, opens and reads file descriptors. Not installed.
 namespace orbamira {
 
-/// A descriptor that is closed with its owner; negative when there is none.
+/// Owns a descriptor and closes it; negative when there is none. Closing does not change errno.
 class UniqueFd {
  public:
   UniqueFd() = default;
@@ -42,19 +42,19 @@ class UniqueFd {
   int fd_ = -1;
 };
 
-/// The same open file at a descriptor above standard input, output and error. A host that has closed one of these is
-/// handed its number by the next open, and would print into our file, or give it to a child as standard input.
-/// Not valid, with errno set, when `fd` is not or no descriptor is left.
+/// The same open file at a descriptor above standard input, output and error. If a host has closed one of these, the
+/// next open() gets its number, and the host would print into our file or pass it to a child as standard input. Not
+/// valid, with errno set, when `fd` is not valid or no descriptor is left.
 [[nodiscard]] UniqueFd AboveStandardStreams(UniqueFd fd);
 
-/// Opens the file close-on-exec, above the standard streams, and without waiting for the other end of a pipe. Not
-/// valid, with errno set, on failure.
+/// Opens the file close-on-exec and above the standard streams. Does not wait for the other end of a pipe. Not valid,
+/// with errno set, on failure.
 [[nodiscard]] UniqueFd OpenFile(const std::string& path, int flags, mode_t mode = 0);
 
-/// read(2) again when a signal interrupted it.
+/// read(2), repeated when a signal interrupts it.
 [[nodiscard]] ssize_t ReadSome(int fd, void* buffer, std::size_t size);
 
-/// What is left to read, but not more than `limit` bytes; empty, with errno set, on failure.
+/// Reads the rest of the file, at most `limit` bytes. Empty, with errno set, on failure.
 [[nodiscard]] std::optional<std::string> ReadUpTo(int fd, std::size_t limit);
 
 }  // namespace orbamira
