@@ -4,8 +4,8 @@
 
 namespace orbamira::packctl {
 
-/// The account commands. Signing in and out change the account file and nothing else; they may run beside anything.
-/// They throw what they fail with.
+/// The account commands: sign in, sign out, show who is signed in. They change the account file and nothing else, so
+/// they need no update lock. They throw an exception for every failure.
 Outcome SignIn(Context& context);
 Outcome SignOut(Context& context);
 Outcome AccountStatus(Context& context);

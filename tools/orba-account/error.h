@@ -4,7 +4,7 @@
 
 namespace orbamira::packctl {
 
-/// Why nobody was signed in; what() is a sentence that never holds a token, a code or a verifier.
+/// The sign-in failed. what() gives the reason and never contains a token, a code or a verifier.
 class SignInError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

@@ -4,10 +4,10 @@
 
 namespace orbamira::packctl {
 
-/// A page for the user's browser, whole in itself. The texts are put in as texts, whatever they hold.
+/// Makes a page for the user's browser that needs no other file. The texts are escaped, so they may contain anything.
 [[nodiscard]] std::string MakePage(const std::string& title, const std::string& text);
 
-/// What its style may come from, for the header Content-Security-Policy; nothing else is to be loaded or run.
+/// The Content-Security-Policy for the page: its own style, and nothing else may be loaded or run.
 [[nodiscard]] std::string PagePolicy();
 
 }  // namespace orbamira::packctl

@@ -15,26 +15,27 @@ struct archive;
 
 namespace orbamira::tools {
 
-/// One member of an archive, as the archive has it: nothing in here has been checked.
+/// One member of an archive, as it stands there. Nothing in it has been checked.
 struct Member {
   enum class Kind { kFile, kFolder, kSymlink, kHardLink, kOther };
 
   std::string name;
   Kind kind = Kind::kOther;
   mode_t mode = 0;
-  uint64_t size = 0;   ///< bytes once unpacked, holes included; 0 for anything but a file
-  std::string target;  ///< where a symbolic link leads, or the name a hard link shares its file with
+  uint64_t size = 0;   ///< bytes when unpacked, with holes; 0 for anything but a file
+  std::string target;  ///< where a symbolic link leads, or the other name of a hard link's file
 };
 
-/// A piece of a file's contents; bytes between two pieces are zero.
+/// A piece of a file's contents. The bytes between two pieces are zero.
 struct Piece {
   uint64_t offset = 0;
   std::span<const uint8_t> data;
 };
 
-/// Reads a tar archive once, from first member to last, and is strict about its end: an archive that was cut anywhere,
-/// or has anything but zeros behind its end mark, is an error. Errors are std::runtime_error or, for a failed read,
-/// std::system_error. What a header may take of memory is bounded; for a package all headers together, too.
+/// Reads a tar archive once, from the first member to the last. It is strict about the end: an archive that is cut off
+/// anywhere, or has anything but zeros after its end mark, is an error. The memory for a header is limited, and for a
+/// package also the memory for all headers together. Errors are std::runtime_error or, for a failed read,
+/// std::system_error.
 class ArchiveReader {
  public:
   /// Reads the open file from its start.
@@ -43,16 +44,16 @@ class ArchiveReader {
   ArchiveReader(const ArchiveReader&) = delete;
   ArchiveReader& operator=(const ArchiveReader&) = delete;
 
-  /// Goes to the next member; false behind the last one, when the archive has proved whole. The contents of the
-  /// member before must have been read.
+  /// Goes to the next member; false after the last one, when the archive has proved to be whole. Read the contents of
+  /// the member before it first.
   [[nodiscard]] bool Next(Member& member);
 
-  /// The next piece of the current member's contents, valid until the next call; false behind the last one. Pieces
-  /// stay within the member's size.
+  /// Reads the next piece of the current member's contents, valid until the next call; false after the last one. Pieces
+  /// lie within the member's size.
   [[nodiscard]] bool Read(Piece& piece);
 
-  /// Calls `action` for each member, which must read its contents. A std::runtime_error that it throws gets the
-  /// member's name in front.
+  /// Calls `action` for each member; it must read the contents. When it throws std::runtime_error, the member's name is
+  /// put in front of the message.
   void ForEach(const std::function<void(const Member&)>& action);
 
  private:

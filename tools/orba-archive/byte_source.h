@@ -11,7 +11,7 @@
 
 namespace orbamira::tools {
 
-/// The bytes of a tar archive from first to last, whatever they are wrapped in.
+/// The bytes of a tar archive from first to last, decompressed if necessary.
 class ByteSource {
  public:
   virtual ~ByteSource() = default;
@@ -21,8 +21,8 @@ class ByteSource {
   virtual std::span<const uint8_t> Next() = 0;
 };
 
-/// Reads the open file from its start: as it is for a package, as gzip for a payload. The file's own position is
-/// neither used nor moved, so several sources can read one file.
+/// Reads the open file from its start: as it is for a package, as gzip for a payload. Does not use or move the file's
+/// own position, so several sources can read one file.
 std::unique_ptr<ByteSource> OpenByteSource(int fd, Layer layer);
 
 }  // namespace orbamira::tools

@@ -14,21 +14,20 @@
 
 namespace orbamira::tools {
 
-/// Unpacks payloads that nobody vouches for: whatever they hold, nothing outside the folder is made, changed or
-/// reached, no existing file in it is touched, and no more is made than the limit and the file system allow.
+/// Unpacks payloads from untrusted sources. Whatever they contain, nothing outside the folder is created, changed or
+/// followed, no existing file in it is touched, and no more is unpacked than the limit and the file system allow.
 ///
-/// Files keep the mode bits 0755; folders are always open to their owner; the owner is whoever unpacks, and the time
-/// that of unpacking: the age of a pack's files tells when it was installed. What the archive asks for beyond that
-/// (owners, times, set-id bits, attributes) is left out, and what has no place in a pack (devices, FIFOs, sockets) is
-/// an error.
+/// Files keep the mode bits 0755; folders are always open to their owner. The owner is the user who unpacks, and the
+/// time is the time of unpacking, so the age of a pack's files tells when it was installed. Owners, times, set-id bits
+/// and attributes in the archive are ignored. Devices, FIFOs and sockets have no place in a pack and are an error.
 class Extractor {
  public:
   /// `folder` is open and outlives the object; `limit` bounds the bytes unpacked, as UnpackBudget counts them. Throws
   /// std::system_error.
   Extractor(int folder, uint64_t limit);
 
-  /// Unpacks every member. Throws std::runtime_error at the first that cannot be; what was unpacked by then stays. The
-  /// process's umask must be 0.
+  /// Unpacks every member. Throws std::runtime_error at the first that it cannot unpack; what was unpacked before
+  /// stays. The process's umask must be 0.
   void Unpack(ArchiveReader& archive);
 
  private:
@@ -40,8 +39,8 @@ class Extractor {
 
   int folder_;
   UnpackBudget budget_;
-  UniqueFd parent_;          // the folder that the last member went into,
-  std::string parent_path_;  // and its path: most members share it with the one before
+  UniqueFd parent_;          // the folder of the last member: most members have the same as the one before
+  std::string parent_path_;  // its path
   std::unordered_set<ino_t> files_;
 };
 

@@ -6,14 +6,14 @@
 
 namespace orbamira::tools {
 
-/// The parts of a member's name, between the slashes, but for empty ones and "."; none for the folder itself. Refuses
-/// with std::runtime_error what could lead out of the folder (an absolute name, a part "..") and what only harm is made
-/// of: more than 4096 bytes or 128 parts. The parts point into `name`.
+/// Splits a member's name at its slashes, without empty parts and "."; no parts for the folder itself. Throws
+/// std::runtime_error for a name that could lead out of the folder (an absolute name, a part "..") and for one that is
+/// absurdly long: more than 4096 bytes or 128 parts. The parts point into `name`.
 std::vector<std::string_view> SplitMemberName(std::string_view name);
 
-/// Refuses with std::runtime_error a symbolic link that leads out of the folder it is unpacked into. `depth` counts the
-/// folders that the link lies in. ".." may only stand at the target's beginning, where it climbs through the link's own
-/// real folders: behind a name, which may be a symbolic link too, nobody can tell from the text where it leads.
+/// Throws std::runtime_error for a symbolic link that leads out of the folder into which it is unpacked. `depth` is the
+/// number of folders around the link. ".." is allowed only at the beginning of the target, where it goes up through
+/// those folders. After a name, which may be a symbolic link too, the text does not tell where it leads.
 void CheckSymlinkTarget(std::string_view target, size_t depth);
 
 }  // namespace orbamira::tools

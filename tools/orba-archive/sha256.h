@@ -11,7 +11,7 @@
 
 namespace orbamira::tools {
 
-/// A SHA-256 in the making. Errors are std::runtime_error.
+/// Computes a SHA-256 piece by piece. Errors are std::runtime_error.
 class Sha256 {
  public:
   static constexpr size_t kSize = 32;  ///< bytes of a digest
@@ -20,7 +20,7 @@ class Sha256 {
 
   void Add(std::span<const uint8_t> bytes);
 
-  /// The digest of all that was added, in lower-case hexadecimal digits. Nothing can be added behind it.
+  /// The digest of all that was added, in lower-case hexadecimal digits. Nothing can be added afterwards.
   [[nodiscard]] std::string Finish();
 
  private:

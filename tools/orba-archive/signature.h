@@ -7,22 +7,22 @@
 
 namespace orbamira::tools {
 
-/// The members of a package that vouch for the others, and how long each may be.
+/// The members of a package that carry its signature, and the most bytes that each may have.
 constexpr const char* kManifestName = "MANIFEST";
 constexpr const char* kSignatureName = "MANIFEST.sig";
 constexpr uint64_t kMaxTextSize = 1UL << 20U;
-/// What a line of MANIFEST takes besides the name: a digest, two blanks and the end of the line.
+/// The bytes of a line in MANIFEST besides the name: a digest, two blanks and the end of the line.
 constexpr uint64_t kManifestLineSize = 67;
 
-/// What a package was found to hold.
+/// The contents of a package, as far as the signature needs them.
 struct PackageContents {
-  std::optional<std::string> manifest;   ///< MANIFEST, where there is one
-  std::optional<std::string> signature;  ///< MANIFEST.sig, likewise
+  std::optional<std::string> manifest;   ///< MANIFEST, if there is one
+  std::optional<std::string> signature;  ///< MANIFEST.sig, if there is one
   std::map<std::string, std::string>
       digests;  ///< SHA-256 in lower-case hexadecimal digits of each other member, by name
 };
 
-/// Refuses a package unless somebody whom the keyring trusts vouches for every member of it.
+/// Refuses a package unless somebody whom the keyring trusts has signed all of it.
 ///
 /// The package must carry MANIFEST, the SHA-256 and name of each other member in the form of sha256sum(1), and
 /// MANIFEST.sig, a detached CMS signature (RFC 5652) of exactly these bytes, in DER. The members must be just those

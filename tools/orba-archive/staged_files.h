@@ -10,8 +10,8 @@
 
 namespace orbamira::tools {
 
-/// Files that get their names in a folder together, when all of them are there, or go with the object. Until then each
-/// has a name that nobody asks for, ".orba-archive.XXXXXXXX.N".
+/// Files that get their final names in a folder together, when all of them are complete. Until then each has a
+/// temporary name, ".orba-archive.XXXXXXXX.N". The destructor removes the files unless Publish() succeeded.
 class StagedFiles {
  public:
   /// `folder` is open and outlives the object.
@@ -20,11 +20,11 @@ class StagedFiles {
   StagedFiles(const StagedFiles&) = delete;
   StagedFiles& operator=(const StagedFiles&) = delete;
 
-  /// A new file, open for writing, that is to get this name. Throws std::system_error.
+  /// Creates a file that will get this name, and opens it for writing. Throws std::system_error.
   [[nodiscard]] UniqueFd Add(const std::string& name, mode_t mode);
 
-  /// Gives the files their names. Throws std::system_error, and no file is left, when one of them cannot get its own:
-  /// nothing that exists is replaced.
+  /// Gives the files their final names. Replaces nothing: when a name is taken, throws std::system_error, and the
+  /// destructor removes all of the files.
   void Publish();
 
  private:
@@ -33,7 +33,7 @@ class StagedFiles {
   int folder_;
   std::string prefix_;
   std::vector<std::string> names_;
-  size_t published_ = 0;  // so many have their names
+  size_t published_ = 0;  // how many have their final names
 };
 
 }  // namespace orbamira::tools

@@ -4,20 +4,20 @@
 
 namespace orbamira::tools {
 
-/// What an archive may take of the disk while it is unpacked: bytes up to a limit and to what is free, and a bounded
-/// number of files, folders and links.
+/// Limits the disk space that an archive may take while it is unpacked: the bytes, by a limit and by what is free, and
+/// the number of files, folders and links.
 ///
-/// Each of them counts for a block of 4096 bytes besides its contents, which count in whole blocks: about what they
-/// cost on disk, and the same on every file system.
+/// Each file, folder and link counts as one block of 4096 bytes plus its contents in whole blocks. That is about what
+/// it takes on disk, and the same on every file system.
 class UnpackBudget {
  public:
-  /// The contents of a folder.
+  /// The bytes that a folder counts as contents.
   static constexpr uint64_t kFolder = 1;
 
-  /// For the file system of the open folder. `limit` bounds the bytes. Throws std::system_error.
+  /// Makes the budget for the file system of the open folder; at most `limit` bytes. Throws std::system_error.
   UnpackBudget(int folder, uint64_t limit);
 
-  /// To be called before a file, folder or link with so many bytes of contents is made. Throws std::runtime_error when
+  /// Call it before creating a file, folder or link with this many bytes of contents. Throws std::runtime_error when
   /// there is no room for it.
   void Take(uint64_t contents);
 

@@ -6,9 +6,9 @@
 
 namespace orbamira::tools {
 
-/// A folder that nobody sees under its final name before it is whole: it is made beside that name as
-/// ".NAME.partial.XXXXXX", a pattern that recovery after a crash knows and removes, and moved into place at the end.
-/// One that was not moved goes with the object, and all it holds with it.
+/// A folder that gets its final name only when it is whole. It is created beside that name as ".NAME.partial.XXXXXX", a
+/// name that recovery knows and removes, and renamed at the end. The destructor removes a folder that was not renamed,
+/// with everything in it.
 class PartialFolder {
  public:
   /// `target` is the final name; it must not exist, not even as a dangling symbolic link, and its parent must.
@@ -18,11 +18,11 @@ class PartialFolder {
   PartialFolder(const PartialFolder&) = delete;
   PartialFolder& operator=(const PartialFolder&) = delete;
 
-  /// The open folder, to be filled.
+  /// The open folder, for the caller to fill.
   [[nodiscard]] int get() const { return folder_.get(); }
 
-  /// Moves the folder into place and waits until that is on disk. When it throws, nothing has the final name.
-  /// Throws std::runtime_error or std::system_error.
+  /// Gives the folder its final name and waits until the new name is on disk. Throws std::system_error; nothing then
+  /// has the final name.
   void MoveIntoPlace();
 
  private:
@@ -31,7 +31,7 @@ class PartialFolder {
 
   std::string target_;
   std::string name_;     // the last part of target_
-  std::string partial_;  // what the folder is called in parent_ meanwhile; empty once it has its final name
+  std::string partial_;  // its temporary name in parent_; empty once it has its final name
   UniqueFd parent_;
   UniqueFd folder_;
 };

@@ -4,20 +4,20 @@
 #include <string_view>
 #include <vector>
 
-// The application ids that plugins name, and the answer that is made of them.
+// Reads the application ids that plugins print, and makes the answer file's text from them.
 namespace orbamira::plugins {
 
-/// The ids in what a plugin printed: one a line, without the blanks around it and without empty lines. Throws
-/// std::invalid_argument for what is no UTF-8.
+/// The ids in a plugin's output: one per line, without blanks around them and without empty lines. Throws
+/// std::invalid_argument when the output is not UTF-8.
 std::vector<std::string> IdsIn(std::string_view text);
 
-/// A JSON array of ids, never larger than what the library reads.
+/// A JSON array of ids, never longer than what the library reads.
 class AppIdAnswer {
  public:
-  /// Appends all these ids. False, and then none of them, when the answer would get too large.
+  /// Appends all of the ids. False when the answer would get too long; none of them is then appended.
   bool Add(const std::vector<std::string>& ids);
 
-  /// The whole text.
+  /// The text of the whole array.
   [[nodiscard]] std::string Text() const;
 
  private:

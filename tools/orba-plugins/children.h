@@ -6,30 +6,30 @@
 #include <functional>
 #include <set>
 
-// The processes below this one.
+// Adopts, reaps and ends the processes that plugins start.
 namespace orbamira::plugins {
 
-/// From now on a process whose parent ends, anywhere below this one, becomes a child of this one: none gets away by a
-/// double fork, or by a session of its own.
+/// From now on, every orphan among this process's descendants becomes its child. So none escapes by a double fork or a
+/// session of its own. Throws std::system_error.
 void AdoptOrphans();
 
-/// Takes the children that have ended and calls `ended` with the number and the wait status of each. False when no
+/// Reaps the children that have ended, and calls `ended` with the process id and wait status of each. False when no
 /// child is left.
 bool ReapChildren(const std::function<void(pid_t, int)>& ended);
 
-/// Ends the children of this process: asks each by SIGTERM, and kills it two seconds later. Only a child is ever sent a
-/// signal, because its number cannot become another's before it was reaped; what it leaves behind becomes our child,
-/// and is next. Without /proc only a group is ended.
+/// Ends the children of this process: SIGTERM first, SIGKILL two seconds later. Signals go only to children, because
+/// the id of a child stays its own until it is reaped. What a child leaves behind becomes our child and is ended next.
+/// Without /proc only a process group is ended.
 class ChildrenEnd {
  public:
-  /// A group that `leader`, a child that is not yet reaped, leads is asked at once; 0 when there is none.
+  /// Sends SIGTERM to the group of `leader`, a child that is not yet reaped; 0 for no group.
   explicit ChildrenEnd(pid_t leader);
 
-  /// To be called after each ReapChildren(), about twenty times a second, while a child is left. False when it is not
-  /// worth while any more: not even SIGKILL ends a process that hangs in a system call.
+  /// Call it after each ReapChildren(), about twenty times a second, while a child is left. False when there is nothing
+  /// more to try: not even SIGKILL ends a process that hangs in a system call.
   bool Continue();
 
-  /// The leader was reaped: its number is no longer ours to use.
+  /// Call it when the leader is reaped: its id may belong to another process from then on.
   void ForgetLeader() { leader_ = 0; }
 
  private:

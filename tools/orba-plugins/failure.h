@@ -4,10 +4,10 @@
 #include <string>
 #include <string_view>
 
-// How the program of the plugins says what went wrong.
+// Reports what goes wrong when plugins run.
 namespace orbamira::plugins {
 
-/// What went wrong with the plugin, or the folder of plugins, that the text names first.
+/// A failure of a plugin or of the folder of plugins. what() begins with its path.
 class PluginFailure : public std::runtime_error {
  public:
   PluginFailure(const std::string& path, const std::string& reason) : std::runtime_error(path + ": " + reason) {}
@@ -18,11 +18,11 @@ struct Stopped {
   int signal_number;
 };
 
-/// Writes the text to the standard error. False when not all of it could be written, which is no failure of ours; a
-/// reader that takes nothing for a second counts as gone.
+/// Writes the text to the standard error. Best effort: false when not all of it could be written. A reader that takes
+/// nothing for a second counts as gone.
 bool PrintError(std::string_view text);
 
-/// Tells the standard error and the system log of a failure, in one line.
+/// Writes a failure to the standard error and the system log, in one line.
 void Report(const std::string& failure);
 
 }  // namespace orbamira::plugins

@@ -5,13 +5,13 @@
 #include <string>
 #include <string_view>
 
-// What becomes of that which a plugin prints.
+// Passes on what a plugin prints.
 namespace orbamira::plugins {
 
-/// Hands on what a plugin prints as it comes, line by line, to the standard error: "NAME: TEXT", with control
-/// characters as \ooo and without empty lines. The standard output and error of the plugin are told apart, so that
-/// their lines do not mix, and have one bound, since whoever reads us may keep it all: 64 KiB or 1000 lines, and 1 KiB
-/// for a line. What is beyond is dropped, and a line says so.
+/// Passes on what a plugin prints to the standard error, line by line and at once: "NAME: TEXT", with control
+/// characters as \ooo and without empty lines. Lines of the plugin's standard output and error do not mix. Together
+/// they are limited to 64 KiB or 1000 lines, and a line to 1 KiB, because our reader may keep it all. The rest is
+/// dropped, and a line says so.
 class OutputLines {
  public:
   enum Stream : std::size_t { kOutput, kError };
@@ -20,7 +20,7 @@ class OutputLines {
 
   void Take(Stream stream, std::string_view data);
 
-  /// Hands on what is left, lines without an end.
+  /// Passes on the last lines, if they have no end. Call it once, when the plugin has ended.
   void Finish();
 
  private:

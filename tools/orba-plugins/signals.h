@@ -2,26 +2,26 @@
 
 #include "platform/posix/unique_fd.h"
 
-// The signals that the program of the plugins waits for.
+// Waits for signals as for any other event.
 namespace orbamira::plugins {
 
-/// Holds back SIGCHLD and the signals that end this program (SIGHUP, SIGINT, SIGTERM), as something to poll for. A
-/// forked process may go on with the object: it is then about the signals that the forked process gets.
+/// Blocks SIGCHLD and the signals that ask this program to end (SIGHUP, SIGINT, SIGTERM), and makes them something to
+/// poll for. A forked process may keep using the object; it then gets its own signals.
 class Signals {
  public:
   /// Throws std::system_error.
   Signals();
 
-  /// Readable once a signal has come.
+  /// The descriptor to poll; it is readable when a signal has come.
   [[nodiscard]] int fd() const { return fd_.get(); }
 
-  /// Takes those that have come.
+  /// Takes the signals that have come.
   void Take();
 
-  /// The first of those taken that is to end this program; 0 when there was none.
+  /// The first signal taken that asked this program to end; 0 when there was none.
   [[nodiscard]] int stop() const { return stop_; }
 
-  /// For a forked process, before it becomes another program: nothing held back or ignored any more.
+  /// Unblocks all signals and resets their handlers. For a forked process, before it executes another program.
   static void Reset();
 
  private:

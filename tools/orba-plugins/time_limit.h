@@ -1,10 +1,10 @@
 #pragma once
 
-// The setting that the program of the plugins reads.
+// Reads the time limit of plugins from the settings.
 namespace orbamira::plugins {
 
-/// How many seconds a plugin may take: plugin_time_limit of the machine's settings, else of the maker's, else 60. A
-/// value that is no number of seconds up to a day is logged, and counts as none at all.
+/// How many seconds a plugin may run: plugin_time_limit from the machine's settings, or else from the maker's, or
+/// else 60. A value that is not a number of seconds up to a day is logged, and 60 is used.
 double TimeLimit();
 
 }  // namespace orbamira::plugins
