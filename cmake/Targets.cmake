@@ -1,4 +1,8 @@
 # How this project makes its libraries and programs, so that each is made the same way.
+#
+# Three kinds of targets: rooms are static libraries that stay inside, shared libraries are made of rooms for others, and
+# programs link either. No target lists a source of another folder.
+include(${CMAKE_CURRENT_LIST_DIR}/Hardening.cmake)
 
 # The folders of the programs that the library runs, and of the maker's settings; the same as in platform/constants.cpp.
 set(ORBAMIRA_LIBEXECDIR ${CMAKE_INSTALL_LIBEXECDIR}/orbamira)
@@ -10,27 +14,69 @@ set(ORBAMIRA_BIN_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}:$ORIGIN/../${CMAKE_IN
 set(ORBAMIRA_LIBEXEC_RPATH
   "$ORIGIN/../../${CMAKE_INSTALL_LIBDIR}:$ORIGIN/../../${CMAKE_INSTALL_LIBDIR}/orbamira/lib")
 
-# orbamira_add_library(NAME SOURCES file... HEADERS file... PUBLIC target... PRIVATE target...)
+# What everything of this project is compiled and linked with.
+add_library(orbamira_options INTERFACE)
+target_compile_features(orbamira_options INTERFACE cxx_std_20)
+target_compile_options(orbamira_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow ${ORBAMIRA_HARDENING_COMPILE_OPTIONS})
+target_include_directories(orbamira_options INTERFACE ${PROJECT_SOURCE_DIR})
+# What a target does not use of the libraries that its rooms name is not loaded with it.
+target_link_options(orbamira_options INTERFACE ${ORBAMIRA_HARDENING_LINK_OPTIONS} LINKER:--as-needed)
+
+# orbamira_use_options(TARGET)
 #
-# Makes the object library NAME_objects, which the tests link to reach internals, and the shared library NAME, which
-# exports nothing but this project's own namespaces. HEADERS are the public ones: they are installed as
-# orbamira/<folder>/<header>, and others see the library as Orbamira::<NAME without orbamira_>.
+# For every target that is compiled here; the functions below do it for theirs.
+function(orbamira_use_options target)
+  target_link_libraries(${target} PRIVATE orbamira_options)
+  set_target_properties(${target} PROPERTIES
+    CXX_EXTENSIONS OFF
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON
+    POSITION_INDEPENDENT_CODE ON
+    COMPILE_WARNING_AS_ERROR ${ORBAMIRA_WERROR})
+endfunction()
+
+# orbamira_add_room(NAME SOURCES file... [LIBRARIES target...])
+#
+# A static library of this project's own, from which a program or shared library takes what it uses. LIBRARIES are what
+# its sources use.
+function(orbamira_add_room name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  orbamira_use_options(${name})
+  target_link_libraries(${name} PUBLIC ${ARG_LIBRARIES})
+endfunction()
+
+# orbamira_add_library(NAME SOURCES file... [ROOMS room...] HEADERS file... [ON NAME] [PUBLIC target...] [PRIVATE target...])
+#
+# The shared library NAME of the SOURCES and of all that is in the ROOMS. It exports nothing but this project's own
+# namespaces. HEADERS are the public ones: they are installed as orbamira/<folder>/<header>, and others see the library
+# as Orbamira::<NAME without orbamira_>. ON is the library of this project on which it stands.
+#
+# The same as a room is NAME_static, for tests, which reach internals by it, and for programs that load no library of ours.
 function(orbamira_add_library name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;HEADERS;PUBLIC;PRIVATE" ${ARGN})
-  set(objects ${name}_objects)
+  cmake_parse_arguments(ARG "" "ON" "SOURCES;ROOMS;HEADERS;PUBLIC;PRIVATE" ${ARGN})
   set(exports ${PROJECT_SOURCE_DIR}/cmake/exports.map)
   string(REPLACE orbamira_ "" export_name ${name})
+  set(static_base ${ARG_ON})
+  list(TRANSFORM static_base APPEND _static)
 
-  add_library(${objects} OBJECT ${ARG_SOURCES})
-  target_link_libraries(${objects} PUBLIC ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE})
+  orbamira_add_room(${name}_static
+    SOURCES ${ARG_SOURCES}
+    LIBRARIES ${static_base} ${ARG_ROOMS} ${ARG_PUBLIC} ${ARG_PRIVATE})
 
-  add_library(${name} SHARED $<TARGET_OBJECTS:${objects}>)
+  add_library(${name} SHARED $<TARGET_OBJECTS:${name}_static>)
+  foreach(room IN LISTS ARG_ROOMS)
+    target_sources(${name} PRIVATE $<TARGET_OBJECTS:${room}>)
+  endforeach()
+  orbamira_use_options(${name})
   target_sources(${name} PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR} FILES ${ARG_HEADERS})
   # <orbamira/updater/...>, beside what the file set gives: <updater/...>.
   target_include_directories(${name} INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_compile_features(${name} INTERFACE cxx_std_17)
-  target_link_libraries(${name} PUBLIC ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE})
-  target_link_options(${name} PRIVATE LINKER:--version-script=${exports} LINKER:--as-needed)
+  # Its base comes first, so that no room of the base gives what the base exports.
+  target_link_libraries(${name} PUBLIC ${ARG_ON} ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE})
+  target_link_options(${name} PRIVATE LINKER:--version-script=${exports})
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}
@@ -40,4 +86,36 @@ function(orbamira_add_library name)
   install(TARGETS ${name} EXPORT OrbamiraUpdaterTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libraries NAMELINK_COMPONENT development
     FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orbamira COMPONENT development)
+endfunction()
+
+# orbamira_add_program(NAME SOURCES file... [LIBRARIES target...])
+function(orbamira_add_program name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  orbamira_use_options(${name})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES})
+endfunction()
+
+# orbamira_add_helper(NAME [WITHOUT_LOADER] SOURCES file... LIBRARIES target...)
+#
+# A program that the library or the system runs, installed with the library. WITHOUT_LOADER links everything into it: an
+# update starts some of them several times, and so they start in less than half the time. A loader that fails would end
+# them with status 127 besides, which callers take for done. Sanitizers come as shared libraries.
+function(orbamira_add_helper name)
+  cmake_parse_arguments(ARG "WITHOUT_LOADER" "" "" ${ARGN})
+  orbamira_add_program(${name} ${ARG_UNPARSED_ARGUMENTS})
+  target_compile_definitions(${name} PRIVATE ORBAMIRA_VERSION="${PROJECT_VERSION}")
+  if(ARG_WITHOUT_LOADER AND NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
+    target_link_options(${name} PRIVATE -static-pie)
+  endif()
+  install(TARGETS ${name} RUNTIME DESTINATION ${ORBAMIRA_LIBEXECDIR} COMPONENT common)
+endfunction()
+
+# orbamira_add_helper_name(NAME HELPER)
+#
+# Another name of a helper, by which it is called; in the build tree as in the installed one.
+function(orbamira_add_helper_name name helper)
+  add_custom_command(TARGET ${helper} POST_BUILD
+    COMMAND ${CMAKE_COMMAND} -E create_symlink ${helper} $<TARGET_FILE_DIR:${helper}>/${name})
+  install(FILES $<TARGET_FILE_DIR:${helper}>/${name} DESTINATION ${ORBAMIRA_LIBEXECDIR} COMPONENT common)
 endfunction()

@@ -3,8 +3,8 @@
 
 usage: generate.py PACKCTL_DESCRIBE MKPACK FOLDER
 
-PACKCTL_DESCRIBE is the program tests/programs/tools/packctl_describe of a build, MKPACK the one in tools/. FOLDER,
-which is packaging/ itself, gets man/packctl.1, man/mkpack.1, man/mkpack-verify.1, completions/packctl.bash and
+PACKCTL_DESCRIBE is the program tools/packctl/packctl_describe of a build, MKPACK the one in tools/. FOLDER, which is
+packaging/ itself, gets man/packctl.1, man/mkpack.1, man/mkpack-verify.1, completions/packctl.bash and
 completions/_packctl. They are kept in the tree, so that installing takes no program to be run; a test fails as soon as
 they differ from what this writes.
 """

@@ -46,7 +46,7 @@ constexpr const char* kClient = "client";
 constexpr const char* kOtherUser = "the identity token is of another user than the one who is signed in";
 
 /// The account file while it is written.
-const std::string kUnfinished = std::string(path::kAccountFile) + ".new";
+std::string Unfinished() { return std::string(path::kAccountFile) + ".new"; }
 
 void WriteAccountText(const std::string& text, mode_t mode = 0600) {
   WriteFile(path::kAccountFile, text);
@@ -452,7 +452,7 @@ TEST_F(PackagePkceClientTest, GetIdTokenSpendsNoRefreshTokenOnAFullDisk) {
   EXPECT_THAT(reason, AllOf(StartsWith("new tokens could not be kept: "), EndsWith(orbamira::test::ErrorText(EFBIG))));
   EXPECT_THAT(provider_.server().Requests(), IsEmpty());
   EXPECT_EQ(ReadFile(path::kAccountFile), before);
-  EXPECT_FALSE(fs::exists(kUnfinished));
+  EXPECT_FALSE(fs::exists(Unfinished()));
   EXPECT_EQ(Get(), new_token_);
 }
 
@@ -478,9 +478,9 @@ TEST_F(PackagePkceClientTest, GetIdTokenSpendsNoRefreshTokenForAnAccountThatCoul
 }
 
 TEST_F(PackagePkceClientTest, GetIdTokenRemovesWhatAKilledCallLeft) {
-  WriteFile(kUnfinished, std::string(1024 * 1024, 'x'));
+  WriteFile(Unfinished(), std::string(1024 * 1024, 'x'));
   EXPECT_EQ(Get(), new_token_);
-  EXPECT_FALSE(fs::exists(kUnfinished));
+  EXPECT_FALSE(fs::exists(Unfinished()));
 }
 
 class AccountFileTest : public testing::Test {
@@ -503,10 +503,10 @@ TEST_F(AccountFileTest, WriteAccountWritesNothingThatReadAccountRefuses) {
 }
 
 TEST_F(AccountFileTest, RemoveAccountRemovesWhatAKilledWriterLeft) {
-  WriteFile(kUnfinished, "a token");
+  WriteFile(Unfinished(), "a token");
   RemoveAccount();
   EXPECT_FALSE(fs::exists(path::kAccountFile));
-  EXPECT_FALSE(fs::exists(kUnfinished));
+  EXPECT_FALSE(fs::exists(Unfinished()));
 }
 
 TEST_F(PackagePkceClientTest, GetIdTokenReportsALockThatCannotBeHad) {
