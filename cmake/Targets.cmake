@@ -1,7 +1,7 @@
 # How this project makes its libraries and programs, so that each is made the same way.
 #
-# Three kinds of targets: rooms are static libraries that stay inside, shared libraries are made of rooms for others, and
-# programs link either. No target lists a source of another folder.
+# There are three kinds of targets. Rooms are static libraries that stay inside. Shared libraries are made of rooms, for
+# others. Programs link either. No target lists a source of another folder.
 include(${CMAKE_CURRENT_LIST_DIR}/Hardening.cmake)
 
 # The folders of the programs that the library runs, and of the maker's settings; the same as in platform/constants.cpp.
@@ -47,13 +47,14 @@ function(orbamira_add_room name)
   target_link_libraries(${name} PUBLIC ${ARG_LIBRARIES})
 endfunction()
 
-# orbamira_add_library(NAME SOURCES file... [ROOMS room...] HEADERS file... [ON NAME] [PUBLIC target...] [PRIVATE target...])
+# orbamira_add_library(NAME SOURCES file... [ROOMS room...] HEADERS file... [ON NAME]
+#   [PUBLIC target...] [PRIVATE target...])
 #
 # The shared library NAME of the SOURCES and of all that is in the ROOMS. It exports nothing but this project's own
 # namespaces. HEADERS are the public ones: they are installed as orbamira/<folder>/<header>, and others see the library
 # as Orbamira::<NAME without orbamira_>. ON is the library of this project on which it stands.
 #
-# The same as a room is NAME_static, for tests, which reach internals by it, and for programs that load no library of ours.
+# The same as a room is NAME_static: tests reach internals by it, and it is for programs that load no library of ours.
 function(orbamira_add_library name)
   cmake_parse_arguments(ARG "" "ON" "SOURCES;ROOMS;HEADERS;PUBLIC;PRIVATE" ${ARGN})
   set(exports ${PROJECT_SOURCE_DIR}/cmake/exports.map)
