@@ -15,7 +15,7 @@ const std::string& RootPrefix() {
   return prefix;
 }
 
-// Built before every user of the library and so destroyed after all of them: the texts outlive whoever reads them.
+// Built before every user of the library, so destroyed after all of them.
 const char* AtRoot(const char* fixed_path) {
   static std::forward_list<std::string> texts;
   return texts.emplace_front(RootPrefix() + fixed_path).c_str();

@@ -28,7 +28,7 @@ using DownloadFailure = exception::Exception<exception::kDownloadFailure>;
 using std::chrono::milliseconds;
 
 constexpr std::int64_t kProgressThatRenews = 1024L * 1024;
-// An error page is kept for whoever looks into the file, but it is no download.
+// The beginning of an error page is kept to help find the cause.
 constexpr std::int64_t kErrorBodyLimit = 64L * 1024;
 
 constexpr long kOk = 200;
@@ -37,7 +37,7 @@ constexpr long kRangeNotSatisfiable = 416;
 constexpr long kTooManyRequests = 429;
 constexpr long kServerErrors = 500;
 
-// What the answer now arriving says, the last one where there were redirects.
+// The headers of the response that is arriving; after redirects, of the last one.
 class Answer {
  public:
   explicit Answer(CURL* curl) : curl_(curl) {}
@@ -59,13 +59,13 @@ class Answer {
     return curl_easy_header(curl_, name, 0, CURLH_HEADER, -1, &header) == CURLHE_OK ? header->value : "";
   }
 
-  // A weak tag does not promise equal bytes, so it is worth nothing here.
+  // A weak tag does not promise the same bytes, so it does not help here.
   [[nodiscard]] std::string StrongTag() const {
     std::string tag = Header("ETag");
     return tag.starts_with("W/") ? "" : tag;
   }
 
-  // What tells later whether the body is still the same; empty when the server gives nothing that does.
+  // Tells later whether the body is still the same; empty when the server sends nothing that does.
   [[nodiscard]] std::string Validator() const {
     std::string tag = StrongTag();
     return tag.empty() ? Header("Last-Modified") : tag;
@@ -75,7 +75,7 @@ class Answer {
   CURL* curl_;
 };
 
-// The lower of the two bounds that a body has.
+// The lower of the two limits on a body.
 SizeLimit LimitOf(const DownloadPolicy& policy) {
   SizeLimit limit = SizeLimitFromSettings();
   if (policy.size && *policy.size < limit.bytes) {
@@ -88,7 +88,7 @@ std::string ReasonOf(const cpr::Error& error) {
   return error.message.empty() ? std::to_string(error.code) : error.message;
 }
 
-// One run of DownloadToFile: attempts until the body is there or there is no more hope.
+// One run of DownloadToFile: attempts until the body is complete or there is no point in trying again.
 class Run {
  public:
   Run(const DownloadPolicy& policy, cpr::Session& session, std::string link, std::ofstream& file,
@@ -135,7 +135,7 @@ class Run {
 
  private:
   enum class Outcome { kComplete, kOtherStatus, kFailed };
-  // What becomes of the body that an answer brings.
+  // What to do with the body of a response.
   enum class Use { kUndecided, kAppend, kErrorPage, kDrop, kNothingLeft };
 
   void Attempt() {
@@ -149,13 +149,13 @@ class Run {
     const cpr::Response response =
         Fetch(session_, policy_.limits, [this](std::string_view bytes) { return Take(bytes); });
     if (use_ == Use::kUndecided && (!response.error || answer_.Status() == kOk)) {
-      Decide();  // a body without a byte, or none that arrived
+      Decide();  // the body is empty, or none of it arrived
     }
     Conclude(response.error);
   }
 
   void Conclude(const cpr::Error& error) {
-    // The transfer of a body that is of no use was ended here, so its error says nothing.
+    // We end the transfer of a useless body ourselves, so its error means nothing.
     if (reason_.empty() && (use_ == Use::kUndecided || use_ == Use::kAppend)) {
       if (error) {
         reason_ = ReasonOf(error);
@@ -172,7 +172,7 @@ class Run {
     }
   }
 
-  // Looks at the answer's head before the first byte of its body is used.
+  // Decides by the response's headers, before the first byte of the body is used.
   void Decide() {
     const long status = answer_.Status();
     if (status == kOk) {
@@ -187,7 +187,7 @@ class Run {
       use_ = Use::kNothingLeft;
     } else if (status == kRangeNotSatisfiable || status == kTooManyRequests || status >= kServerErrors) {
       GiveUpAttempt("the server answered " + std::to_string(status) + " when asked for the rest");
-      // There is no such rest: the file on the server is another one now.
+      // There is no such rest, so the file on the server has changed.
       if (status == kRangeNotSatisfiable) {
         validator_.clear();
       }
@@ -196,7 +196,7 @@ class Run {
     }
   }
 
-  // The body from its first byte, for the first time or again.
+  // Starts with the first byte of the body, for the first time or again.
   void Begin() {
     if (received_ > 0) {
       OnDisk([this] { body_.StartOver(); });
@@ -212,7 +212,7 @@ class Run {
     use_ = Use::kAppend;
   }
 
-  // The rest of the body, when it truly is the rest of the same one.
+  // Goes on with the rest of the body, if it really is the rest of the same body.
   void Continue() {
     const std::optional<ContentRange> range = ParseContentRange(answer_.Header("Content-Range"));
     const std::string tag = answer_.StrongTag();
@@ -252,7 +252,7 @@ class Run {
   }
 
   bool Append(std::string_view bytes) {
-    // A part ends within the whole.
+    // The end of the part, or else of the whole.
     const std::optional<std::int64_t> end = part_end_ ? part_end_ : total_;
     if (end && received_ + static_cast<std::int64_t>(bytes.size()) > *end) {
       reason_ = "the server sent more than the rest of the file";
@@ -282,7 +282,7 @@ class Run {
     return error_page_ < kErrorBodyLimit;
   }
 
-  // Tells a failure of the disk apart from what the progress function throws.
+  // Tells a failure of the disk apart from an exception of the progress function.
   template <typename Action>
   auto OnDisk(Action action) const -> decltype(action()) {
     try {
@@ -312,7 +312,7 @@ class Run {
   std::minstd_rand random_;
 
   // The body so far.
-  bool begun_ = false;  // a 200 was seen
+  bool begun_ = false;  // a 200 has arrived
   std::int64_t received_ = 0;
   std::int64_t furthest_ = 0;
   std::optional<std::int64_t> total_;
@@ -321,7 +321,7 @@ class Run {
   // The current attempt.
   bool asked_for_rest_ = false;
   Use use_ = Use::kUndecided;
-  std::optional<std::int64_t> part_end_;  // where in the body the part ends that a 206 brings
+  std::optional<std::int64_t> part_end_;  // where the part of a 206 ends in the body
   Outcome outcome_ = Outcome::kFailed;
   std::int64_t error_page_ = 0;
   std::string reason_;  // why it failed

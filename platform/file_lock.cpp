@@ -13,7 +13,7 @@
 namespace orbamira::store {
 namespace {
 
-// Reading is enough for flock, so a process that may only read the file can take part.
+// flock needs no right to write, so a process that may only read the file can use the lock too.
 UniqueFd OpenLockFile(const std::string& lock_path) {
   UniqueFd fd = OpenFile(lock_path, O_RDONLY);
   if (!fd.valid() && errno == ENOENT) {

@@ -23,34 +23,36 @@
 
 // How a program is run.
 //
-// The host of this library may ignore SIGCHLD, set SA_NOCLDWAIT, or reap every child in a handler: the exit status of a
-// direct child would then be lost, and execve(2) gives every child SIGCHLD as its exit signal, whatever it was cloned
-// with. So a supervisor stands in between: a copy of this process that never executes another program, starts the
-// program in a signal table of its own, waits for it, and leaves the result in a page shared with the caller. It is
-// cloned with exit signal 0, which makes it a "clone child": the kernel never reaps it by itself and shows it only to
-// those who wait with __WCLONE.
+// The host of this library may ignore SIGCHLD, set SA_NOCLDWAIT, or reap every child in a handler. The exit status of a
+// direct child would then be lost. Another exit signal does not help, because execve(2) sets it back to SIGCHLD.
 //
-// It is a copy and does not share the caller's memory (CLONE_VM | CLONE_VFORK) because the caller would be stopped
-// until the program ends: no signal would be handled, and setuid() in any other thread, which needs an answer from
-// every thread, would hang as long. The copy costs about 4 ms for each 100 MB that the host has in use.
+// So there is a supervisor in between: a copy of this process that never executes another program. It starts the
+// program with signal handlers of its own, waits for it, and leaves the result in a page that it shares with the
+// caller. It is cloned with exit signal 0, which makes it a "clone child": the kernel never reaps it by itself, and
+// only a wait with
+// __WCLONE sees it.
 //
-// Should the host die, the supervisor ends the program: what recovers from that death must not find it still changing
-// files. It asks first, because the program that runs plugins has to end those too.
+// The supervisor is a copy and does not share the caller's memory (CLONE_VM | CLONE_VFORK), because that would stop the
+// caller until the program ends. It would handle no signal, and setuid() in another thread, which waits for every
+// thread, would hang. The copy takes about 4 ms for each 100 MB that the host uses.
 //
-// Threads of the host may hold any lock at the moment of the copy, so the supervisor makes system calls only and takes
-// no memory from the heap.
+// If the host dies, the supervisor ends the program, because recovery must not find it still changing files. It sends
+// SIGTERM first: the program that runs plugins must end those too.
+//
+// A thread of the host may hold any lock at the moment of the copy. So the supervisor makes system calls only and
+// allocates no memory.
 namespace orbamira::wrapper {
 namespace {
 
 constexpr int kNotStarted = -1;
 
-// What the kernel sends to the supervisor when its caller dies. Others may send it too, so it only asks for a look.
+// The kernel sends it to the supervisor when the caller dies. Others may send it too, so the supervisor then checks.
 constexpr int kCallerDied = SIGHUP;
 
-// How long a program may take to end when it is asked to; more than the one that runs plugins gives a plugin.
+// How long a program may take to end after SIGTERM: longer than the program that runs plugins gives a plugin.
 constexpr timespec kGrace{.tv_sec = 8, .tv_nsec = 0};
 
-// One number that supervisor and caller both see.
+// A number in memory that supervisor and caller share.
 class SharedResult {
  public:
   SharedResult() : page_(mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {}
@@ -69,7 +71,7 @@ class SharedResult {
   void* page_;
 };
 
-// Default dispositions and an empty mask, whatever the host has set.
+// Default signal handlers and an empty mask, whatever the host has set.
 class SpawnAttributes {
  public:
   SpawnAttributes() {
@@ -111,9 +113,9 @@ void WaitFor(pid_t process, int* status, int options) {
   }
 }
 
-// Standard input from /dev/null, and so the others where the caller has nothing that a child is to inherit: closed, or
-// close-on-exec, which is any descriptor of the host's own that was opened while the stream was closed. Going upwards,
-// the stream at hand is the lowest free descriptor, the one that open() takes.
+// Opens /dev/null as standard input, and as output and error where the caller has none for a child: they are closed, or
+// close-on-exec, as a descriptor is that the host opened while the stream was closed. Going upwards, each stream is the
+// lowest free descriptor, which open() takes.
 bool PrepareStandardStreams() {
   return std::ranges::all_of(std::array{STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}, [](int stream) {
     if (stream != STDIN_FILENO && fcntl(stream, F_GETFD) == 0) {
@@ -140,14 +142,14 @@ int AskToEndAndWait(pid_t program) {
   return status;
 }
 
-// All signals are blocked, so that one which comes between the look and the wait is kept.
+// All signals are blocked, so one that arrives between the check and the wait is not lost.
 int WaitWhileCallerLives(pid_t program, pid_t caller) {
   sigset_t awaited;
   sigemptyset(&awaited);
   sigaddset(&awaited, SIGCHLD);
   sigaddset(&awaited, kCallerDied);
-  // A caller that has unshared its process namespace is outside of ours and has no number here, alive or dead. Its
-  // death then shows by a signal from outside.
+  // After the caller unshared its process namespace, we are in the new one and it has no process id here, alive or
+  // dead. Only a signal from outside then tells that it died.
   const bool is_outside = getppid() == 0;
   siginfo_t signal{};
   int status = 0;
@@ -170,7 +172,7 @@ int RunAndWait(char* const* arguments, const posix_spawnattr_t* attributes, pid_
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-// Runs with all signals blocked. Descriptors go first: should the host die, the supervisor must hold none of its locks.
+// Runs with all signals blocked. Closes descriptors first: if the host dies, the supervisor must not keep its locks.
 [[noreturn]] void Supervise(char* const* arguments, const posix_spawnattr_t* attributes, pid_t caller, int& result) {
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   struct sigaction keep_children {};  // SIG_DFL, and no SA_NOCLDWAIT
@@ -182,12 +184,12 @@ int RunAndWait(char* const* arguments, const posix_spawnattr_t* attributes, pid_
   __builtin_unreachable();
 }
 
-// fork() with exit signal 0; every other argument of the system call is 0 too, so that their order, which differs
-// between machines, does not matter.
+// fork() with exit signal 0. All arguments of the system call are 0, so their order, which depends on the processor,
+// does not matter.
 pid_t ForkSupervisor() { return static_cast<pid_t>(syscall(SYS_clone, 0L, 0L, 0L, 0L, 0L)); }
 
 pid_t StartSupervisor(char* const* arguments, const posix_spawnattr_t* attributes, int& result) {
-  const AllSignalsBlocked blocked;  // no handler of the host's may run in the copy
+  const AllSignalsBlocked blocked;  // no signal handler of the host may run in the copy
   const pid_t caller = getpid();
   const pid_t supervisor = ForkSupervisor();
   if (supervisor == 0) {
@@ -199,7 +201,7 @@ pid_t StartSupervisor(char* const* arguments, const posix_spawnattr_t* attribute
 }  // namespace
 
 int OrbaCoreWrapper::RunCommand(const std::vector<std::string>& args) {
-  // An argument ends at its first NUL: one that holds another cannot be given to a program as it is.
+  // A program sees an argument only up to the first NUL, so one with a NUL in it cannot be passed on.
   const auto holds_nul = [](const std::string& argument) { return argument.find('\0') != std::string::npos; };
   if (args.empty() || std::any_of(args.begin(), args.end(), holds_nul)) {
     return kNotStarted;
@@ -217,7 +219,7 @@ int OrbaCoreWrapper::RunCommand(const std::vector<std::string>& args) {
   if (!result.valid()) {
     return kNotStarted;
   }
-  *result = -SIGKILL;  // what stays if the supervisor is killed, which no other signal can do
+  *result = -SIGKILL;  // stays if the supervisor is killed; no other signal can end it
   const pid_t supervisor = StartSupervisor(arguments.data(), attributes.get(), *result);
   if (supervisor < 0) {
     return kNotStarted;

@@ -31,7 +31,7 @@ const EVP_MD* AlgorithmOf(const std::string& checksum) {
   }
 }
 
-// A regular file only: a pipe or a terminal would keep the caller waiting for an end that never comes.
+// Only a regular file: a pipe or a terminal may never end.
 UniqueFd OpenRegularFile(const std::string& path) {
   UniqueFd fd = OpenFile(path, O_RDONLY);
   struct stat status {};

@@ -15,11 +15,11 @@ constexpr mode_t kMode = 0755;
 
 int MakeOne(const char* path) {
   if (mkdir(path, kMode) == 0) {
-    // The umask took its bits away, and it cannot be changed for one thread alone.
+    // The umask removed bits, and it cannot be changed for one thread alone.
     return SetFolderMode(AT_FDCWD, path, kMode) ? 0 : -errno;
   }
-  // What exists is a reason for mkdir to fail, but not always the one that it names (a read-only file system, an
-  // automounter); whether a directory is there is what counts.
+  // For something that exists, mkdir does not always say EEXIST (a read-only file system, an automounter). So look
+  // whether there is a directory.
   const int error = errno;
   struct stat status {};
   if (stat(path, &status) != 0) {

@@ -18,7 +18,7 @@ std::string OrbaZeloWrapper::GetTimezone() const {
     return "";
   }
   std::string_view zone = std::string_view(target).substr(zones + kZones.size());
-  // The same zones again, with and without leap seconds.
+  // These folders have the same zones, with and without leap seconds.
   for (const std::string_view variant : {"posix/", "right/"}) {
     if (zone.starts_with(variant)) {
       zone.remove_prefix(variant.size());

@@ -17,12 +17,12 @@
 namespace orbazelo {
 namespace {
 
-using namespace orbamira;  // the account's insides
+using namespace orbamira;  // platform/account
 
 constexpr std::int64_t kRemainingValidity = 60;
 
-// What new tokens may add to the account file: each at its longest, the refresh token with every character escaped, and
-// the names of their members.
+// The most bytes that new tokens add to the account file: the longest tokens, the refresh token with every character
+// escaped, and the names of the members.
 constexpr std::size_t kTokensLimit = 3 * kTokenLimit + 1024;
 
 std::int64_t Now() {
@@ -34,7 +34,7 @@ bool IsValid(const ClientTokens& tokens) {
   return token && token->expires >= Now() + kRemainingValidity;
 }
 
-// What a renewed token must be: of the one whose token it replaces.
+// What a new token must say: it is for the user of the token that it replaces.
 TokenExpectation ExpectationOf(const Json::Value& account, const ClientTokens& kept, const IssuedTokens& renewed) {
   TokenExpectation expected{.issuer = TextMember(account, "issuer"),
                             .client_id = kept.client_id,
@@ -51,7 +51,7 @@ TokenExpectation ExpectationOf(const Json::Value& account, const ClientTokens& k
   return expected;
 }
 
-// Exchanges the tokens in the account for new ones. Called under the lock.
+// Exchanges the tokens in the account for new ones. The caller holds the lock.
 std::string Refresh(Json::Value account, const std::string& client, const ClientTokens& tokens) {
   if (tokens.refresh_token.empty()) {
     throw ZeloException("the identity token has expired and there is no refresh token for client " + client);
@@ -63,8 +63,8 @@ std::string Refresh(Json::Value account, const std::string& client, const Client
   const IssuedTokens renewed = RefreshTokens(endpoint, tokens.client_id, tokens.refresh_token);
   const TokenExpectation expected = ExpectationOf(account, tokens, renewed);
 
-  // A rotated refresh token is kept first, whatever the identity token is worth: the old one is spent, and without the
-  // new one a wrong clock here would sign the user out for good.
+  // Store a new refresh token first, even if the identity token turns out to be bad: the old one is spent, and without
+  // the new one a wrong clock here would sign the user out for good.
   Json::Value& kept = account["clients"][client];
   if (!renewed.refresh_token.empty()) {
     kept["refresh_token"] = renewed.refresh_token;
@@ -77,7 +77,7 @@ std::string Refresh(Json::Value account, const std::string& client, const Client
 }
 
 std::string GetIdTokenOf(const std::string& client) {
-  // The file is only ever replaced whole, so a valid token costs no lock.
+  // The file is only ever replaced whole, so reading a valid token needs no lock.
   if (ClientTokens tokens = TokensOf(ReadAccount(), client); IsValid(tokens)) {
     return std::move(tokens.id_token);
   }

@@ -16,7 +16,7 @@
 namespace orbamira {
 namespace {
 
-// More than any settings file holds, and little enough to be read on every call.
+// More than any settings file has, and little enough to read it on every call.
 constexpr std::size_t kMaxSettingsSize = 1UL << 20U;
 
 std::string_view WithoutBlanks(std::string_view text) {
@@ -41,7 +41,7 @@ std::string_view TakeLine(std::string_view& text) {
   return line;
 }
 
-// The whole lines in the part of the file that is looked at; empty when the file cannot be read or trusted.
+// The complete lines in the part of the file that we read; empty when the file cannot be read or trusted.
 std::string ReadWholeLines(const std::string& path) {
   const UniqueFd file = OpenFile(path, O_RDONLY);
   struct stat status {};

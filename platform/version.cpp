@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::string_view kDigits = "0123456789";
 
-// Takes the first part off the front; a missing part and an empty one are the same.
+// Takes the first part from the text; empty when there is none.
 std::string_view TakePart(std::string_view& text) {
   const std::size_t end = std::min(text.find_first_of(".-_+"), text.size());
   const std::string_view part = text.substr(0, end);
@@ -19,7 +19,7 @@ std::string_view TakePart(std::string_view& text) {
 
 bool IsNumber(std::string_view part) { return part.find_first_not_of(kDigits) == std::string_view::npos; }
 
-// Numbers may be longer than any integer: without leading zeros the longer is the greater. Zero becomes the empty text.
+// Numbers may be longer than any integer. Without leading zeros, the longer one is greater; zero is the empty text.
 std::strong_ordering CompareNumbers(std::string_view left, std::string_view right) {
   left.remove_prefix(std::min(left.find_first_not_of('0'), left.size()));
   right.remove_prefix(std::min(right.find_first_not_of('0'), right.size()));

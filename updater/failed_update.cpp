@@ -17,7 +17,7 @@ bool HasFailed(IPackStatusHelper& helper) {
   try {
     const PackStatus status = helper.GetPackStatus();
     return status == kStatusDownloadFailed || status == kStatusInstallFailed || status == kStatusDownloadInstallFailed;
-  } catch (const std::logic_error&) {  // for the next recovery
+  } catch (const std::logic_error&) {  // the next recovery mends it
     return false;
   }
 }

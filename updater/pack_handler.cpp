@@ -26,7 +26,7 @@ constexpr int kHttpOk = 200;
 using InstallException = exception::Exception<exception::kInstallFailure>;
 using DownloadException = exception::Exception<exception::kDownloadFailure>;
 
-// What the code of an InstallException tells apart.
+// The codes of an InstallException.
 constexpr int kExtractionFailed = 2;
 constexpr int kPlacementFailed = 0;
 
@@ -142,8 +142,8 @@ bool PackHandler::Install(const std::string& path) {
   if (!CreateTempPackDirectory()) {
     return false;
   }
-  // All hosts of the library unpack into the same folder: two at a time would mix their files, and one would put a part
-  // of a pack in place. Where the file system knows no locks, nobody is refused.
+  // All hosts of the library unpack into the same folder. Two at once would mix their files, and one would put a part
+  // of a pack in place. On a file system without locks nobody is refused.
   Flock unpacking_right(OpenFile(kTargetFolder, O_RDONLY | O_DIRECTORY));
   if (!unpacking_right.TryLock() && errno == EWOULDBLOCK) {
     ORBAMIRA_LOG_INFO("Another program is installing a pack");
@@ -180,7 +180,7 @@ bool PackHandler::CreateDownloadDirectory() const {
     ORBAMIRA_LOG_INFO("Failed to create download directory %s", directory.c_str());
     return false;
   }
-  // What is downloaded is nobody else's to read or change before it is judged. Best effort: the file has its own mode.
+  // Nobody else may read or change a package before it is checked. Best effort: the file has its own mode.
   std::error_code ignored;
   std::filesystem::permissions(directory, std::filesystem::perms::owner_all, ignored);
   return true;

@@ -22,7 +22,7 @@ namespace {
 
 constexpr int kHttpOk = 200;
 
-// The update server's reply; without a text where that is longer than any honest one.
+// Gets the update server's reply. A reply that is too long has an empty text.
 cpr::Response AskServer(const UpdateRequest& request) {
   cpr::Parameters parameters;
   for (const QueryParameter& parameter : QueryOf(request)) {
@@ -81,7 +81,7 @@ bool PackManager::CheckNewPack() const {
       ORBAMIRA_LOG_INFO("FetchDownloadInfo failed");
       return false;
     }
-    // A machine that lacks a codec is offered the pack whatever its version.
+    // A machine that lacks a codec is offered the pack even if its version is not newer.
     if (!IsAacNeeded() && !pack_handler_->CheckNewVersion(pack_info)) {
       return false;
     }
@@ -204,7 +204,7 @@ bool PackManager::RemovePack() const {
 bool PackManager::IsCodecRequested(const std::string& codec) const {
   const store::FileLock lock(path::kCodecRequirementsLock);
   std::ifstream file(path::kCodecRequirementsPath);
-  file.peek();  // a folder can be opened, but not read
+  file.peek();  // fails for a folder, which can be opened but not read
   if (!file.is_open() || file.bad()) {
     return false;
   }
@@ -316,7 +316,7 @@ bool PackManager::DoUninstallStep(std::function<void(InstallStep)>& step) const 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is the interface's
 bool PackManager::NotifyStep(NotifyPluginEvent event, std::function<bool()> action, const std::string& name,
                              const std::string& version, NotifyPluginStatus status) const {
-  // Before anything else: the notifier's own tables are not checked.
+  // First of all, because the notifier does not check its tables.
   const char* const event_text = kNotifyPluginEventTexts.at(static_cast<std::size_t>(event));
   const auto notify = [&](NotifyPluginTiming timing) {
     if (!plugin_notifier_->NotifyPlugin(event, timing, name, version, status)) {

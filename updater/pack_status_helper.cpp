@@ -15,7 +15,7 @@ namespace keys = webapi::param;
 
 namespace {
 
-// What the text takes up in a store of JSON at most.
+// The most bytes that the text takes in a JSON store.
 std::size_t StoredSize(const std::string& text) {
   constexpr std::size_t kEscape = 6;  // \u001b
   const auto needs_escape = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '"' || c == '\\'; };
@@ -23,7 +23,7 @@ std::size_t StoredSize(const std::string& text) {
   return text.size() + escaped * (kEscape - 1);
 }
 
-// Before anything is cleared: a save that is refused midway would leave half a record.
+// Checked before the store is cleared: a save that fails in the middle would leave half a record.
 void ExpectToFit(const PackStatusData& data) {
   constexpr std::size_t kOtherTexts = 1024;
   if (StoredSize(data.new_pack_name) + StoredSize(data.new_version) > store::kMaxStoreSize - kOtherTexts) {
@@ -31,7 +31,7 @@ void ExpectToFit(const PackStatusData& data) {
   }
 }
 
-// Under the lock: what opens the store may set a broken file aside, and must not take one away that is being saved.
+// Holds the lock: opening may set a broken file aside, and must not do so with one that is being saved.
 std::shared_ptr<store::IKeyValueStore> OpenStore() {
   try {
     const store::FileLock lock(path::kPackStatusLock);

@@ -16,7 +16,7 @@ namespace {
 Json::Value ReadAnswer(const char* path) {
   Json::Value answer(Json::arrayValue);
   std::ifstream file(path);
-  file.peek();  // a folder can be opened, but not read
+  file.peek();  // fails for a folder, which can be opened but not read
   if (!file.is_open() || file.bad()) {
     ORBAMIRA_LOG_ERROR("Failed to open %s", path);
     return answer;

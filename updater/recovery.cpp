@@ -28,12 +28,12 @@ namespace fs = std::filesystem;
 
 bool Exists(const fs::path& path) { return fs::exists(fs::symlink_status(path)); }
 
-// Every pack has an information file, and a pack is put in place whole. What has none is the rest of a removal that was
-// cut short. A symbolic link was made by the machine's owner: what it points to may not be mounted yet.
+// Every pack has an information file, and a pack is put in place whole. So a folder without one is the rest of an
+// interrupted removal. A symbolic link was made by the machine's owner; its target may not be mounted yet.
 bool IsPack(const fs::path& folder) { return fs::is_symlink(folder) || fs::is_regular_file(folder / "INFO"); }
 
-// Whether the name is "PREFIX.XXXXXX" as mkstemp makes it. A file set aside as broken is no temporary file, though it
-// has the same form.
+// Whether the name is "PREFIX.XXXXXX", as mkstemp makes it. A file that was set aside as "PREFIX.broken" looks the
+// same, but is no temporary file.
 bool IsTemporaryOf(const std::string& prefix, const std::string& name) {
   constexpr std::size_t kSuffixLength = 6;
   if (name.size() != prefix.size() + 1 + kSuffixLength || !name.starts_with(prefix + ".") ||
@@ -47,10 +47,10 @@ bool IsHalfBuiltPack(const std::string& name) {
   return name.starts_with(std::string(".").append(kPackFolderName).append(".partial."));
 }
 
-// What a removal that was cut short had moved aside.
+// A folder that an interrupted removal has moved aside.
 bool IsHalfRemoved(const std::string& name) { return IsTemporaryOf(".removed", name); }
 
-// Where the folders lie that the updater has removed.
+// The folders in which the updater removes folders.
 std::array<fs::path, 2> FoldersOfRemovals() { return {kTargetFolder, fs::path(kDownloadFolder).parent_path()}; }
 
 const char* Text(PackStatus status) { return kPackStatusTexts.at(static_cast<std::size_t>(status)); }
@@ -61,7 +61,7 @@ NameTest TemporariesOf(const fs::path& file) {
   return [prefix = file.filename().string()](const std::string& name) { return IsTemporaryOf(prefix, name); };
 }
 
-// What matches in the folder, in order; nothing when there is no folder.
+// The entries of the folder that match, sorted; none when there is no folder.
 std::vector<fs::path> Matching(const fs::path& folder, const NameTest& matches) {
   std::vector<fs::path> found;
   if (!fs::exists(folder)) {
@@ -82,7 +82,7 @@ class Recovery {
     Step("make the folders", [this] { MakeFolders(); });
     Step("restore the pack", [this] { RestorePack(); });
     Step("remove unpacked files", [this] { RemoveUnpacked(); });
-    EndRemovals();  // early: what follows needs room on the disk
+    EndRemovals();  // early, because the next steps need room on the disk
     Step("remove the status store's temporary files",
          [this] { RemoveTemporaries(path::kPackStatusFile, path::kPackStatusLock); });
     Step("remove the account's temporary files", [this] { RemoveTemporaries(path::kAccountFile, path::kAccountLock); });
@@ -154,7 +154,7 @@ class Recovery {
     RemoveMatching(kTargetFolder, "the half-built pack", IsHalfBuiltPack);
   }
 
-  // Under the file's own lock: a temporary file may be another process's write under way.
+  // Holds the file's own lock: another process may be writing a temporary file right now.
   void RemoveTemporaries(const fs::path& file, const std::string& lock_path) {
     const store::FileLock lock(lock_path);
     RemoveMatching(file.parent_path(), "the temporary file", TemporariesOf(file));
@@ -191,7 +191,7 @@ class Recovery {
     }
   }
 
-  // What the status becomes when no work is under way. The last step is recorded after the last plugin was told.
+  // The status when no update is in progress. The last step is recorded after the last plugin was notified.
   PackStatus Mended(const StatusRecord& record) const {
     const bool installed = fs::is_regular_file(path::kPackInfoPath);
     switch (record.status) {
@@ -226,7 +226,7 @@ class Recovery {
     Did("changed the recorded status from " + instead_of + " to " + Text(*status_));
   }
 
-  // A package that waits to be installed is what is needed to go on; without a known status it may be that.
+  // Keeps a package that waits to be installed. When the status is not known, the package may be waiting.
   void RemoveDownload() {
     if (status_ && status_ != kStatusNeedInstall && status_ != kStatusInstallFailed) {
       Remove(kDownloadFolder, "the download");
@@ -234,7 +234,7 @@ class Recovery {
   }
 
   RecoveryReport report_;
-  bool was_cut_ = false;  // an update, while the old pack was out of its place
+  bool was_cut_ = false;  // an update was interrupted while the old pack was in its backup
   std::optional<PackStatus> status_;
 };
 

@@ -25,7 +25,7 @@ auto Members(const StatusRecord& record) {
                   record.download_size_total, record.install_step);
 }
 
-// What the store holds; empty when there is no store.
+// The text of the store; empty when there is no store.
 std::optional<std::string> ReadStore() {
   std::optional<store::FileLock> lock;
   if (std::filesystem::exists(path::kPackStatusLock)) {
@@ -38,7 +38,7 @@ std::optional<std::string> ReadStore() {
     }
     ThrowErrno(std::string("cannot use the status store ") + path::kPackStatusFile);
   }
-  return ReadUpTo(file.get(), kJsonTextLimit + 1).value_or("");  // a folder can be opened, but not read
+  return ReadUpTo(file.get(), kJsonTextLimit + 1).value_or("");  // fails for a folder, which can be opened but not read
 }
 
 // The text of the key; empty when there is none.

@@ -29,17 +29,17 @@ UniqueFd OpenLockFile(const std::string& path) {
   return fd;
 }
 
-// What this process writes into the file.
+// The name that this process writes into the file.
 std::string OwnName() { return std::string(program_invocation_short_name) + " (pid " + std::to_string(getpid()) + ")"; }
 
-// What the holder wrote; empty when it has not got so far.
+// The name that the holder wrote; empty when it has not written it yet.
 std::string ReadHolder(int fd) {
   constexpr std::size_t kLongestName = 256;
   const std::string text = ReadUpTo(fd, kLongestName).value_or("");
   return Printable(text.substr(0, text.find('\n')));
 }
 
-// Only a courtesy to whoever is refused: the lock holds whether or not this succeeds.
+// Best effort, for programs that are refused: the lock is held even if this fails.
 void WriteHolder(int fd) {
   const std::string text = OwnName() + "\n";
   static_cast<void>(ftruncate(fd, 0) == 0 && pwrite(fd, text.data(), text.size(), 0) > 0);

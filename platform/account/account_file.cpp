@@ -71,7 +71,7 @@ std::string Serialized(const Json::Value& account) {
   return Json::writeString(builder, account) + "\n";
 }
 
-// What an account of so many bytes takes on disk.
+// The size, if an account may have it.
 std::size_t Checked(std::size_t size) {
   if (size > kAccountLimit) {
     ThrowAboutFile("would be over " + std::to_string(kAccountLimit) + " bytes");

@@ -10,7 +10,7 @@
 namespace orbamira {
 namespace {
 
-// Beyond any date that a token can mean, and exact as a double.
+// Later than any real date, and exact as a double.
 constexpr double kLatest = 1e15;
 
 bool IsBase64Url(char c) {

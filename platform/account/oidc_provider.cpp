@@ -31,7 +31,7 @@ using Secrets = std::vector<std::string>;
 struct Reply {
   long status = 0;
   std::string body;
-  std::optional<std::int64_t> date;  // empty when the provider does not tell
+  std::optional<std::int64_t> date;  // empty when the provider does not send it
 };
 
 constexpr long kOk = 200;
@@ -55,7 +55,7 @@ struct Address {
   std::string host;
 };
 
-// Both parts are empty when the text is no address.
+// Both parts are empty when the text is no URL.
 Address AddressOf(const std::string& text) {
   const std::unique_ptr<CURLU, UrlCleanup> url(curl_url());
   if (!url || curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) {
@@ -68,7 +68,7 @@ bool IsOnThisMachine(const Address& address) {
   return address.host == "127.0.0.1" || address.host == "[::1]" || address.host == "localhost";
 }
 
-// Whether a token may be sent there: over TLS, or without leaving the machine.
+// Whether a token may be sent there: only over TLS, or within this machine.
 bool IsSafeAddress(const std::string& text) {
   const Address address = AddressOf(text);
   return address.scheme == "https" || (address.scheme == "http" && IsOnThisMachine(address));
@@ -80,7 +80,7 @@ std::optional<std::int64_t> DateOf(const cpr::Header& header) {
   return seconds >= 0 ? std::optional<std::int64_t>(seconds) : std::nullopt;
 }
 
-// One request; a GET without a form and a POST with one.
+// Sends one request: a POST with a form, a GET without one.
 Reply Ask(const std::string& url, const ProviderLimits& limits, const std::optional<cpr::Payload>& form) {
   cpr::Session session;
   SetHttpUrl(session, url);
@@ -88,9 +88,9 @@ Reply Ask(const std::string& url, const ProviderLimits& limits, const std::optio
   session.SetRedirect(cpr::Redirect(false));
   session.SetConnectTimeout(limits.connect);
   session.SetTimeout(limits.whole);
-  // The host has threads of its own: time-outs must not come as SIGALRM.
+  // Otherwise curl may use SIGALRM for time-outs, and the host has threads of its own.
   curl_easy_setopt(session.GetCurlHolder()->handle, CURLOPT_NOSIGNAL, 1L);
-  // To a proxy, "this machine" would be another one.
+  // For a proxy, "localhost" would be the proxy's machine.
   if (IsOnThisMachine(AddressOf(url))) {
     curl_easy_setopt(session.GetCurlHolder()->handle, CURLOPT_NOPROXY, "*");
   }
@@ -107,7 +107,7 @@ Reply Ask(const std::string& url, const ProviderLimits& limits, const std::optio
   return {response.status_code, std::move(response.text), DateOf(response.header)};
 }
 
-// A text of the provider's as it may stand in a message: printable, short and without what it was sent in secret.
+// A text from the provider made fit for a message: printable, short and without the secrets that we sent.
 std::string Quote(const Json::Value& value, const Secrets& secrets) {
   std::string text = TextOf(value);
   std::erase_if(text, [](char c) { return c < ' ' || c > '~'; });
@@ -128,14 +128,14 @@ std::string Quote(const Json::Value& value, const Secrets& secrets) {
   throw ZeloException(reason);
 }
 
-// RFC 6749, appendix A.17; and no longer than can be kept.
+// RFC 6749, appendix A.17; and no longer than we can store.
 bool IsToken(const std::string& text) {
   return text.size() <= kTokenLimit &&
          std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
 }
 
-// What a token endpoint answers to the form; `what` it is asked to do and what of the form is secret are for the reason
-// of a refusal.
+// Sends the form to a token endpoint. `what` says for the error message what the provider refused; `secrets` must not
+// appear in it.
 IssuedTokens RequestTokens(const std::string& endpoint, const cpr::Payload& form, const ProviderLimits& limits,
                            const std::string& what, const Secrets& secrets) {
   const Reply reply = Ask(endpoint, limits, form);
@@ -168,8 +168,8 @@ Json::Value DiscoverProvider(const std::string& issuer, const ProviderLimits& li
   if (!configuration) {
     throw ZeloException("the provider's configuration is not a JSON object");
   }
-  // Or one provider could speak for another. Its name is shown only where it is the one asked but for a slash: a
-  // hostile one could name itself by a token.
+  // Otherwise one provider could pose as another. The message shows the name only when it differs by a slash: a hostile
+  // provider could put a token there.
   if (const std::string name = TextOf((*configuration)["issuer"]); name != issuer) {
     const bool but_for_slash = name == issuer + "/" || name + "/" == issuer;
     throw ZeloException("the provider's configuration is of another issuer than " + issuer +

@@ -10,7 +10,7 @@ namespace {
 
 using orbazelo::ZeloException;
 
-// Core 1.0, section 2: of its user's id.
+// The longest user id (Core 1.0, section 2).
 constexpr std::size_t kLongestSubject = 255;
 constexpr std::int64_t kClockTolerance = 5LL * 60;
 

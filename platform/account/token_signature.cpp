@@ -22,7 +22,7 @@ namespace {
 
 using orbazelo::ZeloException;
 
-// What of a key RFC 7518 ties an algorithm to.
+// An algorithm of RFC 7518 and the keys that it works with.
 struct Algorithm {
   std::string_view name;
   const char* hash;
@@ -39,12 +39,12 @@ constexpr std::array kAlgorithms = {
     Algorithm{"ES512", "SHA512", "EC", "P-521", 66},
 };
 
-// RFC 7518, section 3.3. More than the most takes long to compute with, and is nobody's.
+// RFC 7518, section 3.3, sets the least. Nobody has larger keys than the most, and they take long to compute with.
 constexpr int kLeastModulusBits = 2048;
 constexpr int kMostModulusBits = 16384;
 constexpr int kMostExponentBits = 64;
 
-// Of an algorithm in RFC 7518 and its registry; what is longer may be anything.
+// The longest name of an algorithm in RFC 7518 and its registry. A longer text is not repeated in messages.
 constexpr std::size_t kLongestName = 8;
 
 const Algorithm* FindAlgorithm(std::string_view name) {
@@ -73,7 +73,7 @@ PublicKey MakeKey(const char* type, const Parameters& parameters) {
   return PublicKey(key);
 }
 
-// Empty for a key by which anybody could sign. An exponent of 1 makes every text its own signature.
+// Empty for a weak key, with which anybody could sign. With an exponent of 1, every text is its own signature.
 PublicKey RsaKey(const Json::Value& key) {
   const std::optional<std::string> modulus = DecodeBase64Url(TextOf(key["n"]));
   const std::optional<std::string> exponent = DecodeBase64Url(TextOf(key["e"]));
@@ -110,8 +110,8 @@ PublicKey EcKey(const Json::Value& key, const Algorithm& algorithm) {
   return MakeKey("EC", parameters);
 }
 
-// ECDSA's two numbers, which stand one behind the other (RFC 7518, section 3.4), as OpenSSL takes them; empty when they
-// are none.
+// Converts an ECDSA signature from two numbers in a row (RFC 7518, section 3.4) to the form that OpenSSL takes. Empty
+// when it is malformed.
 std::string ToDer(const std::string& plain, std::size_t field_size) {
   const Owned<ECDSA_SIG, ECDSA_SIG_free> signature(ECDSA_SIG_new());
   if (plain.size() != 2 * field_size || !signature) {
@@ -150,7 +150,7 @@ bool MayVerify(const Json::Value& key) {
          (operations.isArray() && std::find(operations.begin(), operations.end(), "verify") != operations.end());
 }
 
-// Whether the provider means this key for such a token.
+// Whether the key is for such tokens.
 bool Fits(const Json::Value& key, const Algorithm& algorithm, const std::string& key_id) {
   if (!key.isObject() || TextOf(key["kty"]) != algorithm.key_type ||
       (algorithm.key_type == "EC" && TextOf(key["crv"]) != algorithm.curve)) {
@@ -195,7 +195,7 @@ void CheckSignature(const JsonWebToken& token, const KeySource& keys) {
     throw ZeloException("the identity token is not signed with a public key of the provider's: its algorithm is " +
                         (name.empty() ? "missing" : (name.size() <= kLongestName ? name : "unknown")));
   }
-  // RFC 7515, section 4.1.11: what must be understood and is not.
+  // RFC 7515, section 4.1.11: a token with an extension that we do not know must be refused.
   if (token.header.isMember("crit")) {
     throw ZeloException("the identity token asks for an extension that is not known here");
   }

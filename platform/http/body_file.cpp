@@ -14,17 +14,17 @@
 namespace orbamira {
 namespace {
 
-// curl gives 16 KiB at a time. Written like this they would take the kernel half as long again, and in its cache be
-// as many small pieces, which also costs those who read or delete the file.
+// curl delivers 16 KiB at a time. Writing so little at once takes the kernel half as long again, and leaves many small
+// pieces in its cache, which slows down reading and deleting the file.
 constexpr std::size_t kPieceSize = 256UL * 1024;
 
-// What stays free of a file system: one part of so many, up to so many bytes.
+// How much of a file system stays free: 1/20 of it, at most 64 MiB.
 constexpr std::uint64_t kReservedPart = 20;
 constexpr std::uint64_t kReserve = 64UL << 20;
 
-// The standard stream gives no way to fsync or truncate its file, and opening the file a second time by its name is no
-// way either: the name is not known here. libstdc++ keeps the file in a protected member of the buffer, which a derived
-// class may name; its fd() is documented. Everything that needs the descriptor goes through here.
+// A standard stream can neither sync nor truncate its file, and without the name we cannot open the file again.
+// libstdc++ keeps the file in a protected member of the buffer, which a derived class may use; its fd() is documented.
+// Everything that needs the descriptor goes through here.
 class DescriptorOf : public std::filebuf {
  public:
   static int Get(std::filebuf& buffer) { return (buffer.*(&DescriptorOf::_M_file)).fd(); }
@@ -47,7 +47,7 @@ BodyFile::BodyFile(std::ofstream& stream) : stream_(stream) {
 
 BodyFile::~BodyFile() { static_cast<void>(WriteOut()); }
 
-// The stream has made the file with what the host's umask leaves of 0666. A device keeps its mode.
+// The stream created the file with 0666 less the host's umask. A device keeps its mode.
 void BodyFile::MakePrivate() {
   struct stat file {};
   if (fstat(Descriptor(), &file) == 0 && S_ISREG(file.st_mode)) {
@@ -55,7 +55,7 @@ void BodyFile::MakePrivate() {
   }
 }
 
-// Only a regular file takes up room, and not every file system knows how much it has.
+// Only a regular file takes up space, and not every file system says how much it has.
 void BodyFile::ExpectRoomFor(std::int64_t size) {
   struct stat file {};
   struct statvfs disk {};
@@ -120,7 +120,7 @@ void BodyFile::WritePiece() {
   }
 }
 
-// Goes to the buffer itself, which never throws. A piece as large as ours passes it by: it is written without a copy.
+// Uses the buffer, which never throws, in place of the stream. It writes a large piece like ours without a copy.
 bool BodyFile::WriteOut() {
   errno = 0;
   const auto size = static_cast<std::streamsize>(piece_.size());
@@ -129,7 +129,7 @@ bool BodyFile::WriteOut() {
   return written;
 }
 
-// Past the buffer: the few bytes still in it are written when the stream is closed, and then go to the beginning.
+// Does not clear the buffer: the few bytes in it are written at the beginning when the stream is closed.
 void BodyFile::Drop() {
   if (ftruncate(Descriptor(), begin_) == 0) {
     lseek(Descriptor(), begin_, SEEK_SET);

@@ -6,7 +6,7 @@
 namespace orbamira {
 namespace {
 
-// Takes a number off the front of the text.
+// Takes a number from the beginning of the text.
 std::optional<std::int64_t> TakeNumber(std::string_view& text) {
   std::int64_t number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);

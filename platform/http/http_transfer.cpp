@@ -14,20 +14,20 @@ namespace {
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-// The largest that every curl accepts.
+// The most that every version of curl accepts.
 constexpr long kReceiveBuffer = 512L * 1024;
 
-// Measures the rate of a transfer. curl's own low-speed limit goes by the average of the last seconds, so it sees a
-// stall late, and it is also exhausted by a callback that keeps curl waiting.
+// Measures the rate of a transfer. curl's own low-speed limit takes the average of the last seconds, so it notices a
+// stall late, and it also counts the time that a callback takes.
 class StallWatch {
  public:
-  // Connecting is limited by itself, so the first byte may take both times.
+  // Connecting has a limit of its own, so the first byte may take as long as both limits together.
   explicit StallWatch(const TransferLimits& limits)
       : stall_(limits.stall),
         enough_(std::max<std::size_t>(1, static_cast<std::size_t>(limits.stall / std::chrono::seconds(1)))),
         deadline_(Clock::now() + limits.connect + limits.stall) {}
 
-  // Called after bytes were dealt with, so that the time that this took does not count.
+  // Call it after the bytes were processed, so that the processing does not count.
   void Count(std::size_t bytes) {
     counted_ += bytes;
     if (counted_ >= enough_) {
@@ -40,7 +40,7 @@ class StallWatch {
 
  private:
   milliseconds stall_;
-  std::size_t enough_;  // bytes that earn a new deadline
+  std::size_t enough_;  // bytes that move the deadline
   std::size_t counted_ = 0;
   Clock::time_point deadline_;
 };
@@ -49,7 +49,7 @@ struct MultiCleanup {
   void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
 };
 
-// Drives one transfer, so that a stall is noticed when it is one.
+// Runs one transfer step by step, so that it notices a stall in time.
 class Drive {
  public:
   explicit Drive(CURL* easy) : easy_(easy), multi_(curl_multi_init()) {
@@ -61,7 +61,7 @@ class Drive {
   Drive(const Drive&) = delete;
   Drive& operator=(const Drive&) = delete;
 
-  // Whether the transfer came to an end; not when it stalled.
+  // Whether the transfer ended; false when it stalled.
   [[nodiscard]] bool RunUntilStall(const StallWatch& watch) {
     int running = 1;
     while (curl_multi_perform(multi_.get(), &running) == CURLM_OK && running > 0) {
@@ -69,7 +69,7 @@ class Drive {
       if (left.count() <= 0) {
         return false;
       }
-      // curl bounds the wait by its own timers.
+      // curl returns earlier when one of its own timers expires.
       curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(std::min(left, milliseconds(60000)).count()), nullptr);
     }
     return true;
@@ -92,12 +92,12 @@ void SetUpForDownloads(cpr::Session& session) {
   session.SetAcceptEncoding(cpr::AcceptEncoding({cpr::AcceptEncodingMethods::disabled}));
   CURL* curl = session.GetCurlHolder()->handle;
   curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kReceiveBuffer);
-  // The host has threads of its own: time-outs must not come as SIGALRM.
+  // Otherwise curl may use SIGALRM for time-outs, and the host has threads of its own.
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
 }
 
 cpr::Response Fetch(cpr::Session& session, const TransferLimits& limits, const BodyCallback& take) {
-  // An exception must not pass through curl: it is kept until curl has returned.
+  // An exception must not pass through curl, so it is kept until curl returns.
   std::exception_ptr thrown;
   StallWatch watch(limits);
   session.SetConnectTimeout(limits.connect);

@@ -6,7 +6,7 @@
 namespace orbamira {
 namespace {
 
-// Time between two calls for each part of time in one: 1 of 50 is 2 %.
+// A call that takes 1 unit of time is followed by 49 without one: 1 of 50 is 2 %.
 constexpr int kRestPerCall = 49;
 constexpr std::chrono::milliseconds kShortestGap{100};
 

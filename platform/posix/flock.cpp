@@ -8,7 +8,7 @@ namespace orbamira {
 
 Flock::~Flock() {
   if (file_.valid()) {
-    // Closing alone would leave the lock with a process that another thread of the host has forked meanwhile.
+    // Closing is not enough: a process that another thread of the host has forked meanwhile would keep the lock.
     flock(file_.get(), LOCK_UN);
   }
 }

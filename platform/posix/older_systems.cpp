@@ -14,7 +14,7 @@
 namespace orbamira {
 namespace {
 
-// What a kernel or a file system answers that does not know a call, or a flag of it.
+// The errors by which a kernel or a file system says that it does not support a call or a flag.
 bool IsUnknown(int error) { return error == ENOSYS || error == EINVAL || error == EOPNOTSUPP; }
 
 UniqueFd OpenUnnamedFileIn(const std::string& folder, const char* name) {
@@ -50,12 +50,12 @@ bool SetFolderMode(int at, const std::string& name, mode_t mode) {
   if (!IsUnknown(errno)) {
     return false;
   }
-  // The C library needs /proc for it, which a chroot may lack.
+  // The C library needs /proc for that call, and a chroot may lack it.
   const UniqueFd folder(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (folder.valid()) {
     return fchmod(folder.get(), mode) == 0;
   }
-  // A folder that is closed to its owner. Should it become a link now, an ordinary user changes a file of their own.
+  // The owner may not open the folder. If it becomes a link right now, an ordinary user only changes their own file.
   return errno == EACCES && geteuid() != 0 && fchmodat(at, name.c_str(), mode, 0) == 0;
 }
 
@@ -73,7 +73,7 @@ void CloseFrom(int first) {
   if (close_range(static_cast<unsigned>(first), UINT_MAX, 0) == 0) {
     return;
   }
-  if (access("/proc/self/fd", R_OK | X_OK) == 0) {  // closefrom() ends the process where it needs it in vain
+  if (access("/proc/self/fd", R_OK | X_OK) == 0) {  // without it, closefrom() may abort the process
     closefrom(first);
     return;
   }

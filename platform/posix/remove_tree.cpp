@@ -28,7 +28,7 @@ std::string NewName() {
   return name;
 }
 
-/// The name that the folder has now: the old one where it cannot be renamed.
+/// Renames the folder and returns its new name, or the old one when it cannot be renamed.
 std::string MoveAside(int parent, const std::string& name) {
   while (true) {
     std::string aside = NewName();
@@ -41,8 +41,8 @@ std::string MoveAside(int parent, const std::string& name) {
   }
 }
 
-/// The folder, such that it can be emptied; not valid, with errno set, on failure. An ordinary user must open up a
-/// folder that is closed to them.
+/// Opens the folder with the rights needed to empty it: an ordinary user may have to change its mode first. Not valid,
+/// with errno set, on failure.
 UniqueFd OpenToEmpty(int parent, const std::string& name) {
   constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
   UniqueFd folder(openat(parent, name.c_str(), kFlags));

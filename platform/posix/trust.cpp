@@ -13,11 +13,11 @@
 #include "platform/posix/files.h"
 #include "platform/posix/unique_fd.h"
 
-// A plugin runs with all rights of the updater. To look at its file alone is not enough: a folder that another user
-// may write, anywhere on the way there, lets him put another file in its place between the look and the start. To look
-// at an open file and to execute that one would do for a program, but not for a script, whose interpreter is given a
-// name again, and one that tells the script nothing of where it lies. So every step of the way is looked at: where all
-// belong to root, nobody can change where the name leads, and the time between the look and the start does not matter.
+// A plugin runs with all rights of the updater. It is not enough to check its file: if another user may write a folder
+// on the way to it, that user can replace the file between the check and the start. Checking an open file and executing
+// it by its descriptor would work for a program, but not for a script: its interpreter gets a name again, and one that
+// does not tell the script where it is. So every step of the path is checked. If all belong to root, nobody can change
+// where the path leads, and the time between the check and the start does not matter.
 namespace orbamira {
 namespace {
 
@@ -29,10 +29,10 @@ UniqueFd OpenStep(int folder, const std::string& name, const std::string& shown)
   return step;
 }
 
-/// Follows a path as the kernel does, and looks at each step.
+/// Follows a path as the kernel does and checks each step.
 class Walk {
  public:
-  /// What `root` itself is reached through is not looked at.
+  /// Starts at `root`; the way to it is not checked.
   explicit Walk(const std::string& root) { BeginAt(root); }
 
   std::string WhyDistrusted(std::string_view path) {
@@ -53,7 +53,7 @@ class Walk {
     Pass(Stat(folder_.get(), root), root);
   }
 
-  /// Puts the names of the path in front of those that are left; the next one is the last of the list.
+  /// Puts the names of the path before those that are left. The list is in reverse: the next name is its last.
   void Push(std::string_view path) {
     std::vector<std::string> names;
     while (!path.empty()) {
@@ -83,9 +83,9 @@ class Walk {
     }
   }
 
-  /// Nobody changes a link, and to replace it takes the right to write its folder, or to own it in a sticky one.
+  /// Nobody can change a link. Replacing it needs the right to write its folder, or to own the link in a sticky one.
   void FollowLink(int link, const struct stat& status, const std::string& shown) {
-    constexpr int kMostLinks = 40;  // what the kernel follows
+    constexpr int kMostLinks = 40;  // as many as the kernel follows
     if (++links_ > kMostLinks) {
       errno = ELOOP;
       ThrowErrno(shown);

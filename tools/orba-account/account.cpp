@@ -28,7 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Known before the user goes to the trouble of signing in.
+// Checked before the user signs in, not after.
 void CheckFolder() {
   const fs::path folder = fs::path(path::kAccountFile).parent_path();
   if (faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
@@ -51,7 +51,7 @@ Owner OwnerOf(const Json::Value& account) { return {TextMember(account, "issuer"
                     ": sign it out first, or give --replace");
 }
 
-// The account to put the new tokens into: the same owner's may hold those of other clients.
+// The account for the new tokens. If it is the same owner's, it may have tokens of other clients.
 Json::Value AccountFor(const Owner& owner, bool replace) {
   if (replace) {
     return Json::objectValue;
@@ -107,13 +107,13 @@ std::string CodeOf(const std::optional<AuthorizationAnswer>& answer, const SignI
   return answer->code;
 }
 
-/// Whom a sign-in came to, and with what.
+/// The result of a sign-in.
 struct SignedIn {
   IdToken token;
   bool renewable = false;
 };
 
-// A refresh token that is not kept should not go on either. What is told is why it is not kept.
+// Revokes a refresh token that is not stored. Best effort: the user learns why it was not stored, not what fails here.
 void GiveBack(const SignInProvider& provider, const std::string& client_id, const std::string& refresh_token) {
   constexpr const char* kEndpoint = "revocation_endpoint";
   if (refresh_token.empty() || !provider.configuration.isMember(kEndpoint)) {
@@ -121,7 +121,7 @@ void GiveBack(const SignInProvider& provider, const std::string& client_id, cons
   }
   try {
     RevokeToken(EndpointOf(provider.configuration, kEndpoint), client_id, refresh_token);
-  } catch (const orbazelo::ZeloException&) {  // it then ends by itself
+  } catch (const orbazelo::ZeloException&) {  // it expires by itself
   }
 }
 
@@ -164,7 +164,7 @@ Outcome Describe(const SignedIn& done) {
   return outcome;
 }
 
-// What can be told of the tokens of this program's client; those of an account without them are empty.
+// The tokens of this program's client; empty ones when the account has none.
 ClientTokens OwnTokens(const Json::Value& account) {
   return ObjectMember(account, "clients").isMember(kPkceClientName) ? TokensOf(account, kPkceClientName)
                                                                     : ClientTokens{.client_id = kPkceClientName};
@@ -174,13 +174,13 @@ Outcome NobodySignedIn(const char* result) {
   return {.exit = kExitNothingToDo, .result = result, .text = "Nobody is signed in.\n"};
 }
 
-/// What came of taking the provider's trust back.
+/// The result of revoking refresh tokens.
 struct Revocation {
   bool done = false;
   std::string problem = {};
 };
 
-// Of each client in the account: all of them are signed out.
+// Revokes the token of each client in the account, because all of them are signed out.
 Revocation Revoke() try {
   const Json::Value account = ReadAccount();
   const Json::Value clients = ObjectMember(account, "clients");

@@ -28,7 +28,7 @@ HttpReply Page(int status, const std::string& title, const std::string& text) {
 
 HttpReply NotHere(int status, const std::string& text) { return Page(status, "Nothing for you here", text); }
 
-// The failure as a sentence of its own.
+// The failure as a whole sentence.
 std::string Sentence(std::string failure) {
   failure[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(failure[0])));
   return failure + '.';
@@ -68,7 +68,7 @@ void AnswerListener::ShowEnd(const std::string& failure) {
   try {
     server_.AskWaiting();
     server_.RunUntil([this] { return !server_.IsServing(); }, Clock::now() + kPatience);
-  } catch (const std::system_error&) {  // the browser is not told, and the command tells the same
+  } catch (const std::system_error&) {  // the browser shows nothing, but the command reports the same
   }
 }
 

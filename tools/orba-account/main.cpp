@@ -6,7 +6,7 @@
 
 namespace packctl = orbamira::packctl;
 
-// Called by packctl alone, with its own command line.
+// Only packctl calls this program, with its own command line.
 int main(int argc, char** argv) {
   constexpr std::array kCommands = {
       packctl::SignInCommand(packctl::SignIn),

@@ -17,7 +17,7 @@ bool Lists(const Json::Value& list, const char* wanted) {
   return list.isArray() && std::find(list.begin(), list.end(), Json::Value(wanted)) != list.end();
 }
 
-// What the provider need not list, it may offer all the same.
+// A provider need not list everything that it offers.
 bool MayOffer(const Json::Value& configuration, const char* list, const char* wanted) {
   return !configuration.isMember(list) || Lists(configuration[list], wanted);
 }
@@ -68,7 +68,7 @@ std::string AuthorizationAddress(const SignInProvider& provider, const SignInSec
   address += address.find('?') == std::string::npos ? '?' : '&';
   address += "response_type=code&client_id=" + std::string(cpr::util::urlEncode(client_id));
   address += "&redirect_uri=" + std::string(cpr::util::urlEncode(redirect_uri));
-  // A provider gives a refresh token only to who was asked about it (Core 1.0, section 11).
+  // A provider sends a refresh token only when the user was asked for consent (Core 1.0, section 11).
   address += provider.offers_refresh ? "&scope=openid%20offline_access&prompt=consent" : "&scope=openid";
   address += "&state=" + secrets.state + "&nonce=" + secrets.nonce;
   address += "&code_challenge=" + ToBase64Url(Digest(secrets.code_verifier, "SHA256")) + "&code_challenge_method=S256";

@@ -11,9 +11,8 @@
 namespace orbamira::tools {
 namespace {
 
-// Long names and extended headers fit many times over. What does not fit is made to fill the memory. A package's names
-// are those of plain files, and all its headers together are more than those of the 15,000 files that a manifest can
-// list at most.
+// Long names and extended headers fit many times over; a longer header is an attempt to fill the memory. The limits for
+// a package are enough for names of plain files, and for the 15,000 files that a manifest can list at most.
 constexpr uint64_t kMaxHeaderOfPackage = 64UL * 1024;
 constexpr uint64_t kMaxHeadersOfPackage = 32UL * 1024 * 1024;
 constexpr uint64_t kMaxHeaderOfPayload = 2UL * 1024 * 1024;
@@ -68,7 +67,7 @@ bool ArchiveReader::Next(Member& member) {
     CheckEnd();
     return false;
   }
-  // A warning means that the library had to guess, at a name for one.
+  // A warning means that the library had to guess, for example a name.
   if (result != ARCHIVE_OK) {
     Fail();
   }
@@ -126,7 +125,7 @@ void ArchiveReader::ForEach(const std::function<void(const Member&)>& action) {
   }
 }
 
-/// Called by the library for more bytes.
+/// The library calls it for more bytes.
 ssize_t ArchiveReader::Feed(const void** buffer) {
   try {
     if (fed_ >= header_end_) {
@@ -154,7 +153,7 @@ void ArchiveReader::Fail() {
   throw std::runtime_error(Text(archive_error_string(archive_.get())));
 }
 
-/// The library is content with less than the two zero blocks that end an archive, and leaves what follows them unread.
+/// The library accepts less than the two zero blocks that end an archive, and does not read what follows them.
 void ArchiveReader::CheckEnd() {
   if (source_error_) {
     std::rethrow_exception(source_error_);

@@ -22,7 +22,7 @@ namespace {
 
 constexpr size_t kReadSize = 256UL * 1024;
 
-/// The names of a folder's members, sorted; a folder that is walked into comes before what it holds.
+/// Collects the names of members, sorted; a folder comes before its contents.
 class Collector {
  public:
   Collector(int folder, Layer layer) : folder_(folder), layer_(layer) {}
@@ -45,7 +45,7 @@ class Collector {
 
  private:
   void AddTree(const std::string& name) {
-    static_cast<void>(SplitMemberName(name));  // what cannot be unpacked is not packed
+    static_cast<void>(SplitMemberName(name));  // refuses what could not be unpacked
     const mode_t type = StatName(folder_, name, name).st_mode & S_IFMT;
     if (layer_ == Layer::kPackage && (type != S_IFREG || name.find('/') != std::string::npos)) {
       throw std::runtime_error(name + ": a package holds only files at its top");
@@ -66,7 +66,7 @@ class Collector {
   std::set<std::string> names_;
 };
 
-/// A file beside `path` that takes its name when it is whole and on disk, or goes with the object.
+/// A file beside `path` that gets its name when it is whole and on disk. The destructor removes it otherwise.
 class PendingFile {
  public:
   explicit PendingFile(std::string path) : path_(std::move(path)), pending_(path_ + ".XXXXXX") {

@@ -12,7 +12,7 @@
 namespace orbamira::tools {
 namespace {
 
-// Small enough to stay in the nearest cache until it is used.
+// Small enough to stay in the L2 cache until it is used.
 constexpr size_t kReadSize = 64UL * 1024;
 constexpr size_t kInflatedSize = 512UL * 1024;
 
@@ -32,7 +32,7 @@ class PlainSource final : public ByteSource {
     return {buffer_.data(), static_cast<size_t>(count)};
   }
 
-  /// The byte at `offset` of the whole source; 0 behind its end. Next() goes on where it was.
+  /// The byte at `offset` in the whole source; 0 after its end. Does not affect Next().
   [[nodiscard]] uint8_t At(off_t offset) const {
     uint8_t byte = 0;
     if (pread(fd_, &byte, 1, offset) < 0) {
@@ -41,7 +41,7 @@ class PlainSource final : public ByteSource {
     return byte;
   }
 
-  /// How much Next() has given.
+  /// How many bytes Next() has returned.
   [[nodiscard]] off_t offset() const { return offset_; }
 
  private:
@@ -81,8 +81,8 @@ class GzipSource final : public ByteSource {
   }
 
  private:
-  /// A flag that has no meaning yet (RFC 1952, section 2.3.1) may tell of a field that the decoder, which passes over
-  /// the flag, would take for data.
+  /// Refuses flags without a meaning (RFC 1952, section 2.3.1): the decoder ignores them, and would take a field that
+  /// they announce for data.
   void CheckFlags() const {
     constexpr off_t kFlags = 3;
     constexpr uint8_t kReserved = 0xe0;
@@ -91,8 +91,8 @@ class GzipSource final : public ByteSource {
     }
   }
 
-  /// Whether there is something to inflate: in the decoder, which may hold back what did not fit into a full buffer, or
-  /// in the file.
+  /// Whether there is something to inflate: in the decoder, which keeps what did not fit into a full buffer, or in the
+  /// file.
   bool HasInput() {
     const bool held_back = state_.avail_out == 0 && state_.block_state != ISAL_BLOCK_FINISH;
     if (state_.avail_in > 0 || (held_back && started_)) {

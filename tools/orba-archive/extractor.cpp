@@ -12,7 +12,7 @@ namespace orbamira::tools {
 namespace {
 
 constexpr mode_t kModes = 0755;
-// From here on the disk is kept busy by one file; smaller ones are better written together.
+// A file of this size keeps the disk busy; smaller ones are better written together.
 constexpr uint64_t kLargeFile = 1UL << 20;
 
 void WriteAt(int fd, const Piece& piece, const std::string& name) {
@@ -40,7 +40,7 @@ void Extractor::Place(ArchiveReader& archive, const Member& member) {
   const std::vector<std::string_view> parts = SplitMemberName(member.name);
   if (parts.empty()) {
     if (member.kind == Member::Kind::kFolder) {
-      return;  // the folder itself, which is the caller's
+      return;  // the folder itself, which exists
     }
     throw std::runtime_error("not a name for a file");
   }
@@ -86,7 +86,7 @@ void Extractor::PlaceFile(ArchiveReader& archive, const Member& member, int pare
     ThrowErrno(name);
   }
   files_.insert(Stat(file.get(), name).st_ino);
-  // Whoever waits for the disk later finds most of it done.
+  // Starts writing to the disk now, so that a later sync finds most of it done.
   if (member.size >= kLargeFile) {
     static_cast<void>(sync_file_range(file.get(), 0, 0, SYNC_FILE_RANGE_WRITE));
   }
@@ -97,7 +97,7 @@ void Extractor::PlaceHardLink(const Member& member, int parent, const std::strin
   if (parts.empty()) {
     throw std::runtime_error("a link to no file");
   }
-  // The folders are opened anew: `parent` belongs to the cache, which must keep its place.
+  // Opens the folders again: `parent` belongs to the cache, which must not change.
   UniqueFd folder;
   int at = folder_;
   for (size_t i = 0; i + 1 < parts.size(); ++i) {
@@ -114,7 +114,7 @@ void Extractor::PlaceHardLink(const Member& member, int parent, const std::strin
   }
 }
 
-/// Opens the folder `name`, made when it is missing. A symbolic link in its place is an error.
+/// Opens the folder `name` and creates it when it is missing. A symbolic link is an error.
 UniqueFd Extractor::EnterFolder(int at, const std::string& name) {
   UniqueFd folder(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (folder.valid()) {
@@ -130,7 +130,7 @@ UniqueFd Extractor::EnterFolder(int at, const std::string& name) {
   return OpenDirectory(at, name, name);
 }
 
-/// The folder that the last of `parts` goes into; missing ones are made.
+/// Opens the folder for the last of `parts`, and creates missing folders.
 int Extractor::OpenParent(const std::vector<std::string_view>& parts) {
   std::string path;
   for (size_t i = 0; i + 1 < parts.size(); ++i) {

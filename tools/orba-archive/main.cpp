@@ -158,7 +158,7 @@ UniqueFd OpenFolder(const Options& options) {
   return folder;
 }
 
-/// The limit that the machine, or else the maker, has set.
+/// The limit from the machine's settings, or else from the maker's.
 uint64_t LimitFromSettings() {
   const std::optional<Setting> setting = ReadOwnOrMakersSetting(common::kUnpackLimit);
   if (!setting) {
@@ -172,8 +172,8 @@ uint64_t LimitFromSettings() {
   return *limit;
 }
 
-/// The keyring, where there is one. A link to nowhere is a keyring too, one that cannot be read: whoever made it did
-/// not want every package.
+/// The keyring, if there is one. A link that leads nowhere counts as a keyring that cannot be read, because somebody
+/// who made it does not want every package accepted.
 std::optional<std::string> Keyring() {
   struct stat status = {};
   if (lstat(path::kKeyring, &status) == 0) {
@@ -195,7 +195,7 @@ void Unpack(const Options& options, Layer layer) {
     UnpackPackage(file.get(), folder.get(), limit, Keyring());
     return;
   }
-  // The payload comes out of a package that has been judged.
+  // The payload comes from a package that was checked.
   ArchiveReader archive(file.get(), layer);
   Extractor(folder.get(), limit).Unpack(archive);
 }
@@ -260,7 +260,7 @@ int main(int argc, char** argv) {
   const Layer layer = program == "orba-tar" ? Layer::kPayload : Layer::kPackage;
 
   IgnoreOutputSignals();
-  // Names in extended headers are UTF-8, and libarchive turns them into the locale's characters.
+  // Names in extended headers are UTF-8, and libarchive converts them to the locale's character set.
   static_cast<void>(std::setlocale(LC_CTYPE, "C.UTF-8"));  // NOLINT(concurrency-mt-unsafe): there is one thread
 
   Options options;

@@ -8,7 +8,7 @@ namespace {
 constexpr size_t kMaxName = 4096;
 constexpr size_t kMaxParts = 128;
 
-/// What stands between the slashes, but for empty parts and ".".
+/// The parts between the slashes, without empty ones and ".".
 std::vector<std::string_view> Split(std::string_view path) {
   std::vector<std::string_view> parts;
   while (!path.empty()) {

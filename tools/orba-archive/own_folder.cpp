@@ -17,7 +17,7 @@ bool IsSame(const struct stat& one, const struct stat& other) {
   return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-/// A symbolic link in the folder's place is none of ours.
+/// A symbolic link to the folder does not count.
 bool IsOwn(const struct stat& folder) {
   return std::ranges::any_of(std::vector{path::kTempPackFolderPath, kDownloadFolder}, [&](const char* path) {
     struct stat own = {};

@@ -19,7 +19,7 @@ namespace {
 
 constexpr mode_t kModes = 0755;
 
-/// Gives the file that a member's contents go to, open for writing; one that is not valid where they go nowhere.
+/// Opens the file for a member's contents. Not valid when they are only checked.
 using OpenFile = std::function<UniqueFd(const std::string& name, const Member& member)>;
 
 std::string FileName(const Member& member) {
@@ -81,8 +81,8 @@ class PackageReader {
     entry->second = digest.Finish();
   }
 
-  /// Reads the contents into the member's file and hands each piece to `take`. Bytes between pieces are refused: they
-  /// cost nothing to send, and the time to digest them would have no bound.
+  /// Reads the contents into the member's file and passes each piece to `take`. Refuses holes between pieces: they cost
+  /// nothing to send, but the time to compute their digest would have no limit.
   template <typename Take>
   void Copy(const std::string& name, const Member& member, Take take) {
     const UniqueFd file = open_(name, member);
@@ -105,7 +105,7 @@ class PackageReader {
   bool with_digests_;
   OpenFile open_;
   PackageContents contents_;
-  uint64_t listed_ = 0;  // bytes of the manifest that lists the members so far
+  uint64_t listed_ = 0;  // bytes of a manifest with the members so far
 };
 
 void ReadAndJudge(int package, const std::optional<std::string>& keyring, OpenFile open) {

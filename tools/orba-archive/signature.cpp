@@ -33,7 +33,7 @@ Pointer NotNull(Pointer pointer) {
   return pointer;
 }
 
-/// What the library has to say about its last failure.
+/// Throws the library's last error.
 [[noreturn]] void ThrowLibraryError(const std::string& what) {
   const char* data = nullptr;
   int flags = 0;
@@ -109,7 +109,7 @@ Owned<X509_STORE, X509_STORE_free> LoadKeyring(const std::string& path) {
   X509_VERIFY_PARAM* rules = X509_STORE_get0_param(store.get());
   X509_VERIFY_PARAM_set_flags(rules, X509_V_FLAG_PARTIAL_CHAIN);
   X509_VERIFY_PARAM_set_auth_level(rules, kMinSecurityLevel);
-  // The keyring is for packs alone, so a certificate need not say what it is for.
+  // The keyring is only for packs, so a certificate need not name its purpose.
   X509_VERIFY_PARAM_set_purpose(rules, X509_PURPOSE_ANY);
   return store;
 }
@@ -118,7 +118,7 @@ Owned<BIO, BIO_free> TextSource(const std::string& text) {
   return NotNull(Owned<BIO, BIO_free>(BIO_new_mem_buf(text.data(), static_cast<int>(text.size()))));
 }
 
-/// The library takes a message without signers for well signed, and any digest that it knows.
+/// The library accepts a message without signers, and any digest that it knows.
 void CheckSigners(CMS_ContentInfo* message) {
   STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(message);
   if (signers == nullptr || sk_CMS_SignerInfo_num(signers) < 1) {
@@ -134,10 +134,10 @@ void CheckSigners(CMS_ContentInfo* message) {
   }
 }
 
-/// For a stack that does not own its certificates.
+/// Frees a stack that does not own its certificates.
 void FreeStackAlone(STACK_OF(X509) * certificates) { sk_X509_free(certificates); }
 
-/// A certificate that says what its key is for must say that it is for signatures.
+/// A certificate that restricts the use of its key must allow signatures.
 void CheckKeyUsage(CMS_ContentInfo* message) {
   const Owned<STACK_OF(X509), FreeStackAlone> signers(CMS_get0_signers(message));
   for (int i = 0; i < sk_X509_num(signers.get()); ++i) {

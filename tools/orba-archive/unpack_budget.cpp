@@ -12,7 +12,7 @@ namespace orbamira::tools {
 namespace {
 
 constexpr uint64_t kBlock = 4096;
-// Many times what a pack consists of.
+// Many times what a pack has.
 constexpr uint64_t kMaxEntries = 20'000;
 
 uint64_t Cost(uint64_t contents) {
@@ -28,8 +28,8 @@ UnpackBudget::UnpackBudget(int folder, uint64_t limit) : limit_(limit), max_entr
     ThrowErrno("cannot tell the free space");
   }
   free_ = static_cast<uint64_t>(file_system.f_bavail) * file_system.f_frsize;
-  // A file system that makes inodes as it needs them says that it has none at all. Elsewhere a tenth of the free ones
-  // is left to the rest of the machine.
+  // A file system that creates inodes on demand says that it has none. On others, a tenth of the free inodes is left
+  // for the rest of the machine.
   if (file_system.f_files != 0) {
     max_entries_ = std::min<uint64_t>(max_entries_, file_system.f_favail - file_system.f_favail / 10);
   }

@@ -36,9 +36,9 @@ constexpr const char* kUsage =
     "DST must not exist. A failure removes what was built and ends the program by\n"
     "SIGTERM, never with an exit status.\n";
 
-/// Ends the program in the one way that its caller cannot take for success. The updater looks at a copy's result only
-/// for "negative", which stands for a program ended by a signal; an exit status of 1 counts as done, and the updater
-/// would go on to delete the backup of the old pack.
+/// Ends the program in the one way that its caller cannot take for success. The updater checks only whether the result
+/// of a copy is negative, which means that a signal ended the program. An exit status of 1 counts as done: the updater
+/// would go on and delete the backup of the old pack.
 [[noreturn]] void EndAsFailed() {
   sigset_t term;
   sigemptyset(&term);
@@ -46,7 +46,7 @@ constexpr const char* kUsage =
   static_cast<void>(std::signal(SIGTERM, SIG_DFL));
   sigprocmask(SIG_UNBLOCK, &term, nullptr);
   static_cast<void>(std::raise(SIGTERM));
-  std::abort();  // the first process of a container does not end by SIGTERM
+  std::abort();  // SIGTERM does not end the first process of a container
 }
 
 void Copy(const std::string& source, const std::string& target) {

@@ -44,7 +44,7 @@ PartialFolder::~PartialFolder() {
   try {
     RemoveTree(parent_.get(), partial_, partial_);
   } catch (const std::exception&) {
-    return;  // what remains is left to recovery
+    return;  // recovery removes the rest
   }
 }
 

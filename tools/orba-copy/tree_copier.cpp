@@ -19,7 +19,7 @@ namespace {
 constexpr int kMaxDepth = 256;
 constexpr size_t kCopyBuffer = 256UL * 1024;
 
-/// Gives the open file the owner, mode and times of the original. The owner first: changing it drops mode bits.
+/// Gives the open file the owner, mode and times of the original. The owner comes first: changing it clears mode bits.
 void CopyAttributes(int fd, const struct stat& original, const std::string& shown) {
   if (geteuid() == 0 && fchown(fd, original.st_uid, original.st_gid) != 0) {
     ThrowErrno(shown);
@@ -40,7 +40,7 @@ void CopySymlink(int from, int to, const std::string& name, const struct stat& o
   }
 }
 
-/// Each way goes on where the one before it stopped, so none needs to know why that was.
+/// Tries three ways. Each one continues where the one before stopped, so it does not matter why that stopped.
 void CopyContents(int from, int to, const std::string& shown) {
   if (ioctl(to, FICLONE, from) == 0) {
     return;
@@ -170,7 +170,7 @@ void TreeCopier::CopyFile(int from, int to, const std::string& name, const std::
   CopyAttributes(copy.get(), Stat(original.get(), shown), shown);
 }
 
-/// Whether the file now is a link; false asks for a copy.
+/// Links the file. False when it must be copied instead.
 bool TreeCopier::Link(int from, int to, const std::string& name, const std::string& shown) {
   if (linkat(from, name.c_str(), to, name.c_str(), 0) == 0) {
     return true;

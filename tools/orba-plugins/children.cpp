@@ -21,19 +21,19 @@ namespace {
 
 constexpr std::chrono::seconds kGrace{2};
 
-/// 0 for a text that does not begin with a number.
+/// The number at the beginning of the text; 0 when there is none.
 pid_t Number(std::string_view text) {
   pid_t number = 0;
   std::from_chars(text.data(), text.data() + text.size(), number);
   return number;
 }
 
-/// The parent of the process in this folder of /proc; 0 when it has gone.
+/// The parent of the process with this folder in /proc; 0 when the process is gone.
 pid_t ParentOf(const std::string& folder) {
   constexpr std::size_t kEnough = 4096;
   const UniqueFd file = OpenFile(folder + "/stat", O_RDONLY);
   const std::string text = file.valid() ? ReadUpTo(file.get(), kEnough).value_or("") : "";
-  // "1 (name) S 2 ...", where the name may hold anything.
+  // "1 (name) S 2 ...", where the name may contain anything.
   constexpr std::string_view kAfterName = ") S ";
   const std::size_t name_end = text.rfind(')');
   if (name_end == std::string::npos || text.size() < name_end + kAfterName.size()) {

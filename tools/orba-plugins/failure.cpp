@@ -14,7 +14,7 @@ namespace orbamira::plugins {
 
 bool PrintError(std::string_view text) {
   constexpr int kPatience = 1000;           // milliseconds
-  constexpr std::size_t kPiece = PIPE_BUF;  // a pipe that is ready takes as much at once
+  constexpr std::size_t kPiece = PIPE_BUF;  // a pipe that is ready takes this much at once
   while (!text.empty()) {
     pollfd ready{STDERR_FILENO, POLLOUT, 0};
     if (poll(&ready, 1, kPatience) != 1) {

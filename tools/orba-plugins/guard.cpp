@@ -16,7 +16,7 @@
 namespace orbamira::plugins {
 namespace {
 
-/// What the process that works ended with; nothing while it works.
+/// The wait status of the process that runs the plugins; empty while it is running.
 using WorkStatus = std::optional<int>;
 
 void Await(const Signals& signals, int milliseconds) {
@@ -53,7 +53,7 @@ WorkStatus AwaitWork(Signals& signals, pid_t worker) {
 }  // namespace
 
 int RunGuarded(Signals& signals, const std::function<int()>& work) {
-  // Whoever began this has ended: nobody waits for the plugins any more.
+  // When our parent dies, nobody waits for the plugins any more.
   prctl(PR_SET_PDEATHSIG, SIGTERM);
   AdoptOrphans();
   const pid_t guard = getpid();

@@ -33,7 +33,7 @@ using Arguments = std::vector<std::string>;
 using Paths = std::vector<std::string>;
 
 constexpr int kExitUsage = 64;
-constexpr int kExitSignal = 128;  // and the number of the signal on top
+constexpr int kExitSignal = 128;  // plus the number of the signal
 
 constexpr const char* kNotifyUsage =
     "Usage: notify-plugins --event EVENT --package NAME --timing TIMING --version VERSION\n"
@@ -82,7 +82,7 @@ bool IsStep(const Arguments& arguments) {
 
 int Notify(const Arguments& arguments, const Paths& plugins, Signals& signals) {
   const double seconds = TimeLimit();
-  // A version is a server's or a package's text, and plugins print it and put it into scripts.
+  // A version comes from a server or a package, and plugins print it and use it in scripts.
   Arguments printable;
   std::transform(arguments.begin(), arguments.end(), std::back_inserter(printable), orbamira::Printable);
   int status = EXIT_SUCCESS;
@@ -158,7 +158,7 @@ constexpr std::array kRoles = {
     Role{"list-app-ids", kListUsage, kListHelp, IsFileName, ListIds},
 };
 
-/// Most appliances have no plugin, and then no other process is made.
+/// Starts no other process when there is no plugin, which is so on most appliances.
 int Run(const Role& role, const Arguments& arguments) {
   Signals signals;
   const Paths plugins = ListPlugins();

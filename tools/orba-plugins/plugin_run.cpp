@@ -35,7 +35,7 @@ struct Pipe {
   UniqueFd write_end;
 };
 
-/// The write end alone may make its writer wait.
+/// Reading does not block; writing does.
 Pipe MakePipe() {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
@@ -46,7 +46,7 @@ Pipe MakePipe() {
   return pipe;
 }
 
-/// In the forked process: becomes the plugin. Returns, with errno set, when that fails.
+/// Executes the plugin in the forked process. Returns only on failure, with errno set.
 void BecomePlugin(char* const* arguments, int output, int errors, pid_t parent) {
   setpgid(0, 0);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -67,7 +67,7 @@ struct Started {
   UniqueFd errors;
 };
 
-/// Throws std::system_error when it cannot be started.
+/// Starts the plugin. Throws std::system_error when that fails.
 Started Start(const std::string& plugin, std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), plugin);
   std::vector<char*> argv;
@@ -90,7 +90,7 @@ Started Start(const std::string& plugin, std::vector<std::string> arguments) {
     const int error = errno;
     _exit(write(failure.write_end.get(), &error, sizeof error) < 0 ? EXIT_FAILURE : EXIT_SUCCESS);
   }
-  setpgid(process, process);  // whoever of the two comes first
+  setpgid(process, process);  // in both processes: either may come first
   failure.write_end = UniqueFd();
   fcntl(failure.read_end.get(), F_SETFL, 0);
   int error = 0;
@@ -112,7 +112,7 @@ class PluginRun {
 
   enum class Ending { kByItself, kTooLong, kTooMuch };
 
-  /// Returns once all has ended, or cannot be ended.
+  /// Returns when everything has ended or cannot be ended.
   void Wait() {
     const auto note = [this](pid_t child, int status) { Note(child, status); };
     while (ReapChildren(note)) {
@@ -182,7 +182,7 @@ class PluginRun {
     return true;
   }
 
-  /// What the largest pipe holds, and no more: a process that cannot be ended might print for ever.
+  /// Reads as much as the largest pipe contains, not more: a process that cannot be ended may print for ever.
   void ReadRest() {
     constexpr int kPieces = 16;
     for (int i = 0; i < kPieces && Read(started_.output, OutputLines::kOutput); ++i) {
@@ -201,7 +201,7 @@ class PluginRun {
   std::optional<ChildrenEnd> end_;
 };
 
-/// Empty when it did all right.
+/// Empty when nothing did.
 std::string WhatWentWrong(const PluginRun& run, double seconds) {
   if (run.ending() == PluginRun::Ending::kTooMuch) {
     return "stopped: it printed more than 64 KiB";

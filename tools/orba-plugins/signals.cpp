@@ -10,7 +10,7 @@
 namespace orbamira::plugins {
 
 Signals::Signals() {
-  // With SIGCHLD ignored, as it may have been inherited, the kernel would forget how a plugin ended.
+  // SIGCHLD may be ignored by inheritance; the kernel would then not keep the exit status of a plugin.
   static_cast<void>(std::signal(SIGCHLD, SIG_DFL));
   sigset_t awaited;
   sigemptyset(&awaited);

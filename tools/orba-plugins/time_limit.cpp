@@ -18,7 +18,7 @@ constexpr const char* kKey = "plugin_time_limit";
 constexpr double kDefault = 60;
 constexpr double kDay = 24 * 60 * 60;
 
-/// 0 for a text that is no number of seconds up to a day.
+/// The number of seconds, up to a day; 0 for any other text.
 double Seconds(std::string_view text) {
   text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
   double seconds = 0;

@@ -13,7 +13,7 @@ namespace {
 
 using orbamira::Printable;
 
-constexpr int kExitBusy = 3;  // as packctl ends
+constexpr int kExitBusy = 3;  // as in packctl
 
 constexpr const char* kUsage =
     "Usage: orba-recover\n"
@@ -40,7 +40,7 @@ int Recover() {
   for (const std::string& failure : report.failed) {
     Complain(failure);
   }
-  static_cast<void>(orbamira::PrintAll(text));  // a reader that went away decides nothing
+  static_cast<void>(orbamira::PrintAll(text));  // best effort: recovery is done
   return report.failed.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
