@@ -13,8 +13,8 @@ from orbamira_mkpack.command_line import EXIT_FAILED, ArgumentParser, base_url, 
 from orbamira_mkpack.packing import MkpackError, make_package, put_in_place, work_folder
 
 DESCRIPTION = """\
-Makes a codec pack of a folder and publishes it: writes the package file into the folder that a web server serves, and
-names it in the reply that appliances fetch when they look for updates. "mkpack verify" then reads the folder as an
+Packs a folder into a package and publishes it: writes the package into the folder that a web server serves, and names
+it in the reply that appliances fetch when they check for updates. "mkpack verify" then reads the folder as an
 appliance would; see mkpack verify --help.
 """
 
@@ -22,61 +22,61 @@ EPILOG = """\
 what is made
   OUTPUT/NAME-VERSION-DIGEST.opk   the package: a tar archive of INFO (name and version) and package.tgz (the payload
                                    and an empty file has_CODEC for each codec). DIGEST is the beginning of the file's
-                                   SHA-256, so a name never stands for other content and may be cached for ever.
+                                   SHA-256, so the content under a name never changes, and caches may keep it for ever.
   OUTPUT/reply.json                a JSON object with one member for each pack name: title, version, link, checksum
                                    and size in bytes of the pack published last. Members of other names stay.
 
-  Both are put in place whole, the package first. Packages published earlier stay, for appliances that are just
-  fetching them. Several mkpack may publish into one folder at the same time.
+  Both files appear whole, the package first. Earlier packages stay, for appliances that are still downloading them.
+  Several mkpack may publish into one folder at the same time.
 
 the payload
-  Regular files, folders and symbolic links that stay inside. Whatever is executable becomes 0755, other files 0644;
-  owners and times are dropped. Every time in the package is SOURCE_DATE_EPOCH (seconds since 1970) when the environment
-  has it, else 0. So the same payload gives the same package, byte for byte, as long as the versions of Python and zlib
-  are the same: others may compress the same content to other bytes. At the top of the payload the names INFO,
-  package.tgz, has_hevc, has_aac and MANIFEST* are taken.
+  Regular files, folders, and symbolic links that stay inside the folder. Executable files become 0755, other files
+  0644; owners and times are dropped. Every time in the package is SOURCE_DATE_EPOCH (seconds since 1970) if the
+  environment sets it, otherwise 0. So the same payload gives the same package, byte for byte, if the versions of
+  Python and zlib are the same; others may compress it to different bytes. The names INFO, package.tgz, has_hevc,
+  has_aac and MANIFEST* at the top of the payload are reserved.
 
-  Appliances unpack at most 20,000 members and 16 GiB, names of at most 4096 bytes, and nothing more than 128 names
-  deep; a payload beyond that is refused before it is packed.
+  Appliances unpack at most 20,000 members, 16 GiB, names of 4096 bytes, and 128 names below each other. mkpack refuses
+  a larger payload before it packs it.
 
 signing
-  With --sign-key and --sign-cert the package begins with two members more, so that a reader can check the others before
-  it unpacks them. MANIFEST lists each of the others, sorted by name, in a line of its SHA-256 in hexadecimal digits,
-  two spaces and its name. MANIFEST.sig is the detached CMS signature of exactly these bytes, in DER, made by the
-  program openssl, which must be installed; it asks at the terminal for the passphrase of a key that has one. The
-  signature tells the time it was made, so a signed package is not the same, byte for byte, when it is made again. To
-  check a signature by hand:
+  With --sign-key and --sign-cert the package begins with two more members, so that a reader can verify the others
+  before it unpacks them. MANIFEST has a line for each other member, sorted by name: its SHA-256 in hexadecimal digits,
+  two spaces and its name. MANIFEST.sig is the detached CMS signature of exactly these bytes, in DER. The program
+  openssl makes it and must be installed; if the key has a passphrase, it asks for it at the terminal. A signature
+  contains the time when it was made, so a signed package is not reproducible byte for byte. To check a signature by
+  hand:
   openssl cms -verify -binary -inform DER -in MANIFEST.sig -content MANIFEST -CAfile CA -no-CApath -purpose any
 
 versions
-  Appliances install a pack when its version is newer than theirs. They split both versions at . - _ and + and compare
-  them part by part: parts of digits as numbers, others as text by their bytes, and a number is older than a text. A
-  missing part counts as 0. So 1.9 is older than 1.10, and 1.0 is the same as 1; but 1.0-rc1 is NEWER than 1.0, and who
-  has it is not offered 1.0. Give what comes before 1.0 a lower number, as in 0.99.1.
+  Appliances install a pack if its version is newer than theirs. They split both versions at . - _ and + and compare
+  them part by part: parts made of digits as numbers, others byte by byte as text. A number is older than a text. A
+  missing part counts as 0. So 1.9 is older than 1.10, and 1.0 equals 1, but 1.0-rc1 is NEWER than 1.0: an appliance
+  with 1.0-rc1 is not offered 1.0. Give a version before 1.0 a lower number, such as 0.99.1.
 
-every day
+typical use
   mkpack --payload build/pack --output /srv/packs --name orbamira-hevc --version 1.2.0 \\
          --title "HEVC decoder" --base-url https://packs.example.com/packs
   mkpack verify /srv/packs --base-url https://packs.example.com/packs
 
-  Serve /srv/packs at https://packs.example.com/packs, with any web server; copy the packages there before the reply.
-  Set on the appliances, in /etc/orbamira/updater.conf:
+  Serve /srv/packs at https://packs.example.com/packs with any web server. Copy the packages there before the reply.
+  On the appliances, set in /etc/orbamira/updater.conf:
   pack_update_server="https://packs.example.com/packs/reply.json"
 
-what goes wrong first
-  Appliances find nothing new: the version is not newer than theirs, see versions above; or a cache still gives the old
-  reply, where it should ask for it anew each time.
+common problems
+  Appliances find nothing new: the version is not newer than theirs (see versions above), or a cache still serves the
+  old reply and should revalidate it.
 
-  The download fails: the folder is not served at --base-url. mkpack verify --url asks the server itself, for the reply
-  and for each package.
+  The download fails: the folder is not served at --base-url. mkpack verify --url asks the server for the reply and for
+  each package.
 
-  The install fails: the appliances have a keyring, and the package is not signed, or its signer has expired. Verifying
-  with --keyring tells both.
+  The install fails: the appliances have a keyring, and the package is not signed, or its signer has expired. mkpack
+  verify --keyring reports both.
 
-  Some appliances find nothing at all: those with AAC ask for orbamira-hevc-aac. Publish both packs, always.
+  Some appliances find no pack at all: those with AAC ask for orbamira-hevc-aac. Always publish both packs.
 
 exit status
-  0 published; 1 failed, nothing but perhaps the package file was published; 64 wrong usage
+  0 published; 1 failed, at most the package file was published; 64 wrong usage
 """
 
 
@@ -96,9 +96,9 @@ def title(text):
 
 def parse_arguments(arguments):
     parser = ArgumentParser(prog="mkpack", description=DESCRIPTION, epilog=EPILOG)
-    parser.add_argument("--payload", required=True, metavar="DIR", help="the folder whose content the pack carries")
+    parser.add_argument("--payload", required=True, metavar="DIR", help="the folder with the content of the pack")
     parser.add_argument(
-        "--output", required=True, metavar="DIR", help="the folder to publish into; made when it is missing"
+        "--output", required=True, metavar="DIR", help="the folder to publish into; created if it is missing"
     )
     parser.add_argument("--name", required=True, choices=rules.CODECS_OF_PACK, help="the name of the pack")
     parser.add_argument(
@@ -107,7 +107,7 @@ def parse_arguments(arguments):
         type=version,
         help="the version of the pack; appliances install newer ones (see versions below)",
     )
-    parser.add_argument("--title", required=True, type=title, help="what people call the pack")
+    parser.add_argument("--title", required=True, type=title, help="the name of the pack for people")
     parser.add_argument(
         "--base-url", required=True, type=base_url, metavar="URL", help="the http(s) address that serves the output"
     )
@@ -115,8 +115,7 @@ def parse_arguments(arguments):
         "--codec",
         action="append",
         choices=rules.CODECS,
-        help="a codec that the payload carries, once for each; by default those in the pack's name, which must be "
-        "among them",
+        help="a codec in the payload, once for each; by default those in the pack's name, which must be " "among them",
     )
     parser.add_argument(
         "--reply", metavar="FILE", help="the reply to name the pack in (default: reply.json in the output folder)"

@@ -11,31 +11,32 @@ from orbamira_mkpack.folder import Folder
 from orbamira_mkpack.served import Served
 
 DESCRIPTION = """\
-Verifies a published folder: reads the reply and every package that it names as an appliance would, and tells what an
-appliance, or the web server, would stumble over. It changes nothing and needs no network. With --url it asks a web
-server instead, and tells how the reply and the packages are served.
+Verifies a published folder: reads the reply and every package that it names as an appliance would, and reports what an
+appliance or the web server would reject. It changes nothing and needs no network. With --url it asks a web server
+instead, and reports how the server delivers the reply and the packages.
 """
 
 EPILOG = """\
 what is verified
-  The reply is there, has at most 1 MiB, is a JSON object of the right form (reply.schema.json), and names a pack. Each
-  link is an http or https address, below --base-url where that is given, of a file in the folder. Each package has the
-  checksum and the size that the reply says, and the digest in its name; it unpacks, within what appliances unpack at
-  most; its INFO says the same name and version as the reply; its payload brings the codecs that the name promises.
+  The reply exists, has at most 1 MiB, is a JSON object of the right form (reply.schema.json), and names a pack. Each
+  link is an http or https address of a file in the folder, below --base-url if that is given. Each package has the
+  checksum and the size that the reply states, and the digest in its name. It unpacks within the limits of appliances.
+  Its INFO has the same name and version as the reply, and its payload has the codecs that the name promises.
 
-  A signed package has the members that its MANIFEST lists. With --keyring each package is signed by somebody whom the
-  keyring trusts now. Without it, a reply that names signed and unsigned packages is told.
+  A signed package has exactly the members that its MANIFEST lists. With --keyring, each package has a signer whom the
+  keyring trusts now. Without it, a reply that names both signed and unsigned packages is reported.
 
-  Reply, packages and folder may be read by everyone, and no package is a symbolic link that leads out of the folder.
+  Everyone may read the reply, the packages and the folder, and no package is a symbolic link that leads out of it.
 
-  With --url: the reply has status 200 behind an appliance's query, and is right as above; caches do not keep it for
-  more than a day. Each package is there, as long as the reply says and not compressed, with ranges, a validator and
-  If-Range, so that a cut download goes on. Packages are not fetched whole: verify the folder for what is in them.
+  With --url: the reply has status 200 for an appliance's query and is right as above, and caches keep it for at most a
+  day. Each package exists, has the size that the reply states, and is not compressed. The server supports ranges, a
+  validator and If-Range, so that an interrupted download resumes. Packages are not downloaded whole: to verify their
+  content, verify the folder.
 
 what is printed
-  A line for each finding: what it is about, what is wrong, and what to do. Lines that begin with "note" tell what is
-  not wrong but worth knowing: packages that the reply does not name, or no longer, and unfinished work. With --json,
-  one object with the members "folder" or "url", "result" ("well" or "faults"), "packs", "findings" and "notes".
+  A line for each finding: where, what is wrong, and what to do. Lines that begin with "note" are not findings, but
+  worth knowing: packages that the reply does not name, or no longer names, and unfinished work. With --json, one object
+  with the members "folder" or "url", "result" ("well" or "faults"), "packs", "findings" and "notes".
 
 example
   mkpack verify /srv/packs --base-url https://packs.example.com/packs --keyring authority.pem
