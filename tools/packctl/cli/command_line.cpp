@@ -38,13 +38,14 @@ std::string Footer() {
     footer += "  " + number + meaning + "\n";
   }
   return footer +
-         "\nCommands that change something exclude each other, and plugins; the others run at any time.\n"
-         "The environment variable ORBAMIRA_ROOT stands in front of every path: a staged system is served in place.";
+         "\nOf \"plugins\" and the commands that change something, only one runs at a time. The others run at any "
+         "time.\n"
+         "The environment variable ORBAMIRA_ROOT is put in front of every path, for example of a staged system.";
 }
 
 constexpr const char* kJsonHelp = "Print one JSON object instead of text";
 
-constexpr const char* kVerboseHelp = "After a failure, show what was logged too";
+constexpr const char* kVerboseHelp = "After a failure, also show the log";
 
 constexpr const char* kAccount = "account";
 constexpr const char* kAccountSummary = "Sign in to an account, sign out, show who is signed in";
@@ -212,7 +213,7 @@ Json::Value DescribeCommandLine(std::span<const Command> commands) {
 }
 
 void AddWatchOption(CLI::App& parser, Options& options) {
-  parser.add_flag("--watch", options.watch, "Go on showing each change until interrupted");
+  parser.add_flag("--watch", options.watch, "Show each change until interrupted");
 }
 
 void AddLimitOption(CLI::App& parser, Options& options) {
@@ -223,32 +224,34 @@ void AddLimitOption(CLI::App& parser, Options& options) {
 
 void AddWebOptions(CLI::App& parser, Options& options) {
   WebOptions& web = options.web;
-  parser.add_option("--listen", web.listen, "Listen at this numeric address (by default 127.0.0.1); there is no TLS")
+  parser.add_option("--listen", web.listen, "Listen on this numeric address (default 127.0.0.1); there is no TLS")
       ->type_name("ADDRESS");
-  parser.add_option("--port", web.port, "Listen at this port; 0, the default, is one that is free")
+  parser.add_option("--port", web.port, "Listen on this port (default 0: any free port)")
       ->type_name("N")
       ->check(NumberBetween(0, 65535));
-  parser.add_option("--token-file", web.token_file, "Take the token from this file of mode 0600, and do not print it")
+  parser.add_option("--token-file", web.token_file, "Read the token from this file of mode 0600, and do not print it")
       ->type_name("FILE");
-  parser.add_option("--host-name", web.host_names, "Answer requests for this host too; may be given again")
+  parser.add_option("--host-name", web.host_names, "Also answer requests for this host name; may be repeated")
       ->type_name("NAME")
       ->allow_extra_args(false);
-  parser.add_option("--update-unit", web.update_unit, "Update by starting this systemd unit, not packctl update")
+  parser.add_option("--update-unit", web.update_unit, "Start this systemd unit to update, instead of packctl update")
       ->type_name("UNIT");
 }
 
 void AddSignInOptions(CLI::App& parser, Options& options) {
   SignInOptions& sign_in = options.sign_in;
-  parser.add_option("--issuer", sign_in.issuer, "The provider, as it names itself")->type_name("URL")->required();
-  parser.add_option("--client-id", sign_in.client_id, "What the provider calls this client, if not orbamira-updater")
+  parser.add_option("--issuer", sign_in.issuer, "The provider's address, exactly as the provider writes it")
+      ->type_name("URL")
+      ->required();
+  parser.add_option("--client-id", sign_in.client_id, "The client's id at the provider (default orbamira-updater)")
       ->type_name("ID");
-  parser.add_option("--port", sign_in.port, "Take the answer at this port of 127.0.0.1, not at any free one")
+  parser.add_option("--port", sign_in.port, "Take the answer on this port of 127.0.0.1 (default: any free port)")
       ->type_name("N")
       ->check(NumberBetween(1, 65535));
-  parser.add_option("--timeout", sign_in.timeout, "Wait so long for the answer, 300 seconds if not told")
+  parser.add_option("--timeout", sign_in.timeout, "Seconds to wait for the answer (default 300)")
       ->type_name("SECONDS")
       ->check(NumberBetween(1, 24 * 60 * 60));
-  parser.add_flag("--replace", sign_in.replace, "Give up the account that is signed in now");
+  parser.add_flag("--replace", sign_in.replace, "Replace the account that is signed in now");
 }
 
 }  // namespace orbamira::packctl
