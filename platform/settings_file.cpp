@@ -48,7 +48,7 @@ std::string ReadWholeLines(const std::string& path) {
   if (!file.valid() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
     return "";
   }
-  if (const std::string reason = WhyDistrusted(status, Self(), "it"); !reason.empty()) {
+  if (const std::string reason = WhyDistrusted(file.get(), "it"); !reason.empty()) {
     ORBAMIRA_LOG_ERROR("Ignored %s: %s", path.c_str(), reason.c_str());
     return "";
   }

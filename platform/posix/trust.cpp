@@ -1,6 +1,7 @@
 #include "platform/posix/trust.h"
 
 #include <fcntl.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,6 +28,14 @@ UniqueFd OpenStep(int folder, const std::string& name, const std::string& shown)
     ThrowErrno(shown);
   }
   return step;
+}
+
+// Where a file has a list of more users, the group's bits of its mode are the most that the list gives to any of them.
+// `size_of_list` is asked only where they matter; it gives 0 or less where there is no list.
+template <typename SizeOfList>
+std::string WhyListIsDistrusted(const struct stat& status, const std::string& name, SizeOfList size_of_list) {
+  const bool has_writers = (status.st_mode & S_IWGRP) != 0 && size_of_list("system.posix_acl_access") > 0;
+  return has_writers ? "an access control list lets others write " + name : "";
 }
 
 /// Follows a path as the kernel does and checks each step.
@@ -75,7 +84,7 @@ class Walk {
     if (S_ISLNK(status.st_mode)) {
       FollowLink(step.get(), status, shown);
     } else if (left_.empty()) {
-      reason_ = orbamira::WhyDistrusted(status, kSelf, "it");
+      Judge(status, shown, "it");
     } else {
       Pass(status, shown);
       folder_ = std::move(step);
@@ -104,7 +113,15 @@ class Walk {
     if ((status.st_mode & S_ISVTX) != 0) {
       status.st_mode &= ~static_cast<mode_t>(S_IWGRP | S_IWOTH);
     }
-    reason_ = orbamira::WhyDistrusted(status, kSelf, shown);
+    Judge(status, shown, shown);
+  }
+
+  void Judge(const struct stat& status, const std::string& path, const std::string& name) {
+    reason_ = orbamira::WhyDistrusted(status, kSelf, name);
+    if (reason_.empty()) {
+      reason_ = WhyListIsDistrusted(status, name,
+                                    [&path](const char* list) { return lgetxattr(path.c_str(), list, nullptr, 0); });
+    }
   }
 
   const Identity kSelf = Self();
@@ -130,6 +147,14 @@ std::string WhyDistrusted(const struct stat& status, const Identity& self, const
     return name + " belongs to user " + std::to_string(status.st_uid);
   }
   return "";
+}
+
+std::string WhyDistrusted(int file, const std::string& name) {
+  const struct stat status = Stat(file, name);
+  const std::string reason = WhyDistrusted(status, Self(), name);
+  return !reason.empty() ? reason : WhyListIsDistrusted(status, name, [file](const char* list) {
+    return fgetxattr(file, list, nullptr, 0);
+  });
 }
 
 std::string WhyDistrusted(const std::string& path) {

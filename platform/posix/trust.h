@@ -21,6 +21,10 @@ Identity Self();
 /// belongs to another user. Empty when nobody else can. `name` is the file's name in the answer.
 std::string WhyDistrusted(const struct stat& status, const Identity& self, const std::string& name);
 
+/// As above for this process and an open file, whose access control list counts too. Throws std::system_error when it
+/// cannot be looked at.
+std::string WhyDistrusted(int file, const std::string& name);
+
 /// As above for `path` and for every folder and symbolic link on the way to it, from the root folder on (from
 /// ORBAMIRA_ROOT for a path below that). Empty when only root and this process's user can change which file the path
 /// leads to and what is in it; the path then is safe to use by its name, now and later. A sticky folder that all may

@@ -1,13 +1,17 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
+#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "platform/constants.h"
 #include "platform/posix/trust.h"
+#include "platform/settings_file.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_root.h"
 #include "tools/orba-plugins/failure.h"
@@ -46,6 +50,35 @@ TEST(PluginTrustTest, FilesThatOthersMayWriteAreNot) {
 TEST(PluginTrustTest, FilesThatOurGroupOrThatOfRootMayWriteAre) {
   EXPECT_EQ(WhyDistrustedFile(0, 0, 0775), "");
   EXPECT_EQ(WhyDistrustedFile(4242, 4244, 0775), "");
+}
+
+// The mode tells of such a list only that somebody may write: the group's bits are the most that it gives.
+TEST(PluginTrustTest, FilesThatAnAccessListLetsOthersWriteAreNot) {
+  constexpr std::uint16_t kRead = 4;
+  constexpr std::uint16_t kWrite = 6;
+  struct Entry {
+    std::uint16_t tag, rights;
+    std::uint32_t user;
+  };
+  struct List {
+    std::uint32_t version = 2;
+    std::array<Entry, 5> entries = {{{0x01, kWrite, ~0U},
+                                     {0x02, kWrite, 65534},  // that user
+                                     {0x04, kRead, ~0U},
+                                     {0x10, kWrite, ~0U},
+                                     {0x20, kRead, ~0U}}};
+  } list;
+  const test::TempDir folder;
+  const std::string path = folder.File("file");
+  test::WriteFile(path, "key=value\n");
+  EXPECT_EQ(WhyDistrusted(path), "");
+  EXPECT_EQ(ReadSetting(path, "key"), "value");
+  if (setxattr(path.c_str(), "system.posix_acl_access", &list, sizeof list, 0) != 0) {
+    ASSERT_EQ(errno, EOPNOTSUPP);  // a file system without such lists
+    return;
+  }
+  EXPECT_EQ(WhyDistrusted(path), "an access control list lets others write it");
+  EXPECT_EQ(ReadSetting(path, "key"), "");
 }
 
 TEST(PluginFailureTest, IsLoggedAtLocal1InOneLine) {

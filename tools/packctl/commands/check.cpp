@@ -1,4 +1,4 @@
-#include <sys/stat.h>
+#include <fcntl.h>
 
 #include <algorithm>
 #include <array>
@@ -9,6 +9,7 @@
 #include "platform/constants.h"
 #include "platform/json/json_values.h"
 #include "platform/posix/trust.h"
+#include "platform/posix/unique_fd.h"
 #include "platform/printable.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
@@ -46,8 +47,8 @@ std::string InstalledWords(const Versions& versions) {
 /// Whether there are settings that are not believed. They name nobody either, but that is a fault.
 bool SettingsAreIgnored() {
   return std::ranges::any_of(std::array{path::kPkgSetting, path::kDefaultPkgSetting}, [](const char* file) {
-    struct stat status {};
-    return stat(file, &status) == 0 && !WhyDistrusted(status, Self(), "it").empty();
+    const UniqueFd settings = OpenFile(file, O_RDONLY);
+    return settings.valid() && !WhyDistrusted(settings.get(), "it").empty();
   });
 }
 
