@@ -147,7 +147,9 @@ class PackctlAccountTest : public testing::Test {
     EXPECT_EQ(ReadFile(path::kAccountFile), before);
     EXPECT_EQ(page_.status_code, 400);
     EXPECT_THAT(page_.text, HasSubstr("You are not signed in"));
-    EXPECT_THAT(result.output, EndsWith("{\"command\":\"account sign-in\",\"result\":\"failed\"}\n"));
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("{\"command\":\"account sign-in\",\"error\":{\"code\":\"account_failed\","),
+                      EndsWith(",\"result\":\"failed\"}\n")));
     EXPECT_THAT(result.errors, StartsWith("packctl: "));
     const std::string front = "packctl: ";
     return result.errors.substr(front.size(), result.errors.size() - front.size() - 1);

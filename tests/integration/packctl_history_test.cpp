@@ -88,6 +88,7 @@ TEST_F(PackctlHistoryTest, TellsOfEveryCommandThatChangedSomething) {
   EXPECT_EQ(update["status"], "up_to_date");
   EXPECT_EQ(update["exit"], 0);
   EXPECT_EQ(update["errors"].size(), 0U);
+  EXPECT_TRUE(update["error"].isNull());
   EXPECT_GE(update["time"].asInt64(), begin);
   EXPECT_LE(update["time"].asInt64(), std::time(nullptr));
   EXPECT_GT(update["duration_ms"].asInt64(), 0);
@@ -123,6 +124,7 @@ TEST_F(PackctlHistoryTest, TellsWhyACommandFailed) {
   ASSERT_EQ(check["errors"].size(), 3U);
   EXPECT_EQ(check["errors"][0], "Failed to send request with status: 404");
   EXPECT_EQ(check["errors"][2], "the check failed; the recorded status is lost");
+  EXPECT_EQ(check["error"]["code"], "server_refused");
   EXPECT_THAT(Run({"history"}).output,
               AllOf(HasSubstr("  check: failed, no pack -> no pack, 0:0"),
                     EndsWith("\n    Failed to send request with status: 404\n    FetchDownloadInfo failed\n"

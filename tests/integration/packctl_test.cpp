@@ -258,6 +258,9 @@ TEST_F(PackctlTest, CheckEndsWith1AndTheReasonWhenTheServerFails) {
   EXPECT_EQ(check["result"], "failed");
   EXPECT_EQ(check["status"], "lost");
   EXPECT_TRUE(check["version"].isNull());
+  EXPECT_EQ(check["error"]["code"], "server_refused");
+  EXPECT_EQ(check["error"]["message"], "the update server refuses the request (404)");
+  EXPECT_EQ(check["error"]["remedy"], "Run: sudo packctl doctor");
   const std::string sentence =
       "packctl: Check failed: the update server refuses the request (404). No codec pack is installed. Run: sudo "
       "packctl doctor\n";
@@ -362,10 +365,13 @@ TEST_F(PackctlTest, AnOperationThatTheStatusForbidsEndsWith3AndNamesWhatIsPermit
   const Json::Value answer = RunJson({"install"}, 3);
   EXPECT_EQ(answer["result"], "not_permitted");
   EXPECT_EQ(answer["status"], "lost");
+  EXPECT_EQ(answer["error"]["code"], "not_permitted");
+  EXPECT_EQ(answer["error"]["remedy"], "permitted now: check, update");
   EXPECT_EQ(Run({"download"}).errors,
             "packctl: the download is not permitted while the recorded status is lost (nothing is recorded yet)\n"
             "packctl: permitted now: check, update\n");
   Status()->SetAsDownloading();
+  EXPECT_EQ(RunJson({"update"}, 3)["error"]["code"], "interrupted");
   EXPECT_THAT(Run({"update"}).errors, HasSubstr("if no program is at work on it, run \"packctl recover\""));
 }
 
@@ -400,7 +406,10 @@ TEST_F(PackctlTest, StatusGivesSizesInFullWidth) {
 
 TEST_F(PackctlTest, StatusThatCannotBeReadPointsToRecover) {
   store::FileKeyValueStore::Create(path::kPackStatusFile)->Set(webapi::param::kStatus, "dancing");
-  EXPECT_EQ(RunJson({"status"}, 1)["result"], "failed");
+  const Json::Value status = RunJson({"status"}, 1);
+  EXPECT_EQ(status["result"], "failed");
+  EXPECT_EQ(status["error"]["code"], "record_unreadable");
+  EXPECT_EQ(status["error"]["remedy"], "Run: sudo packctl recover");
   EXPECT_THAT(Run({"status"}).errors, HasSubstr("\"packctl recover\" mends it"));
   EXPECT_EQ(RunJson({"recover"}, 0)["status"], "download_install_failed");
   EXPECT_EQ(Run({"status"}).status, 0);
@@ -560,6 +569,7 @@ TEST_F(PackctlTest, AnUpdateThatPutNoPackInPlaceIsAFailure) {
   const Json::Value install = RunJson({"install"}, 1);
   EXPECT_EQ(install["result"], "failed");
   EXPECT_EQ(install["status"], "download_install_failed");
+  EXPECT_EQ(install["error"]["code"], "install_failed");
   EXPECT_FALSE(fs::exists(path::kPackFolderPath));
 
   fs::remove(path::kCpPath);
@@ -599,7 +609,9 @@ TEST_F(PackctlTest, TwoChangesExcludeEachOtherWhileStatusAnswers) {
     EXPECT_EQ(second.errors,
               "packctl: another program is at work: packctl (pid " + std::to_string(first.pid()) + ")\n");
   }
-  EXPECT_EQ(RunJson({"update"}, 3)["result"], "busy");
+  const Json::Value busy = RunJson({"update"}, 3);
+  EXPECT_EQ(busy["result"], "busy");
+  EXPECT_EQ(busy["error"]["code"], "busy");
 
   appliance_.server().Release();
   EXPECT_EQ(first.Wait().status, 0);

@@ -175,7 +175,7 @@ TEST_F(PackctlWatchTest, TellsOfARecordThatCannotBeReadAndGoesOn) {
   AwaitOutput(watch, "lost");
   const auto store = store::FileKeyValueStore::Create(path::kPackStatusFile);
   store->Set(webapi::param::kStatus, "dancing");
-  AwaitOutput(watch, R"({"command":"status","result":"failed"})");
+  AwaitOutput(watch, R"({"command":"status","error":{"code":"record_unreadable",)");
   Status()->SetAsUpToDate();
   AwaitOutput(watch, "up_to_date");
   watch.Signal(SIGTERM);

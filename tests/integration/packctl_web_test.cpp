@@ -352,6 +352,7 @@ TEST_F(PackctlWebTest, TellsWhyAnActionFailed) {
   EXPECT_EQ(action["exit"], 1);
   ASSERT_FALSE(action["problems"].empty());
   EXPECT_THAT(action["problems"][0].asString(), HasSubstr("the update server refuses the request (500)"));
+  EXPECT_EQ(action["error"]["code"], "server_refused");
 }
 
 TEST_F(PackctlWebTest, ShowsToWhoMayNotChangeAnythingAndTellsWhyAnActionEnded) {

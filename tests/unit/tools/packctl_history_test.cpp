@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "platform/constants.h"
+#include "platform/json/json_line.h"
 #include "tests/support/file_size_limit.h"
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
@@ -74,6 +75,7 @@ TEST_F(HistoryTest, ReadHistoryGivesWhatWasAppendedInItsOrder) {
   failed.to.reset();
   failed.status.clear();
   failed.exit = 1;
+  failed.failure = Failure{"busy", "another program is at work", "Try again."};
   failed.errors = {"one", "t\xC3\xA4wo \"quoted\"\n"};
   AppendToHistory(Entry("update"));
   AppendToHistory(failed);
@@ -82,12 +84,23 @@ TEST_F(HistoryTest, ReadHistoryGivesWhatWasAppendedInItsOrder) {
   EXPECT_EQ(history.damaged, 0U);
   EXPECT_EQ(history.entries[0].ToJson(), Entry("update").ToJson());
   EXPECT_EQ(history.entries[1].ToJson(), failed.ToJson());
+  EXPECT_EQ(history.entries[1].failure, failed.failure);
+}
+
+TEST_F(HistoryTest, AnEntryOfAnOlderReleaseHasNoError) {
+  Json::Value old = Entry("update").ToJson();
+  old.removeMember("error");
+  test::WriteFile(file_, JsonLine(old));
+  const History history = ReadHistory();
+  EXPECT_EQ(history.damaged, 0U);
+  ASSERT_EQ(history.entries.size(), 1U);
+  EXPECT_EQ(history.entries[0].failure, std::nullopt);
 }
 
 TEST_F(HistoryTest, AppendToHistoryWritesOneLineOfJson) {
   AppendToHistory(Entry("update"));
   EXPECT_EQ(ReadFile(file_),
-            R"({"command":"update","duration_ms":1234,"errors":[],"exit":0,)"
+            R"({"command":"update","duration_ms":1234,"error":null,"errors":[],"exit":0,)"
             R"("from":{"package":"orbamira-hevc","version":"1.0"},"result":"done","status":"up_to_date",)"
             R"("time":1700000000,"to":{"package":"orbamira-hevc","version":"2.0"}})"
             "\n");
@@ -156,6 +169,8 @@ TEST_F(HistoryTest, LinesThatAreNoEntryAreCountedAndPassedOver) {
       R"({"command":"","duration_ms":1,"errors":[],"exit":0,"from":"1","result":"","status":null,"time":1,"to":null})",
       R"({"command":"","duration_ms":1,"errors":[],"exit":0,"from":null,"result":"","status":1,"time":1,"to":null})",
       R"({"command":"","duration_ms":1,"errors":[],"exit":0,"from":null,"result":"","status":null,"time":"","to":null})",
+      R"({"command":"","duration_ms":1,"error":"busy","errors":[],"exit":0,"from":null,"result":"","status":null,)"
+      R"("time":1,"to":null})",
   };
   std::string text = whole;
   for (const std::string& damage : damages) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tools/packctl/cli/console.h"
+#include "tools/packctl/record/failure.h"
 #include "tools/packctl/record/history.h"
 #include "updater/enumerations.h"
 
@@ -47,6 +48,7 @@ struct Outcome {
   Json::Value members = Json::objectValue;  ///< more of the answer to a program; null when all was printed already
   std::string text = {};                    ///< the answer to a person; whole lines, may be empty
   std::vector<std::string> problems = {};   ///< sentences for the standard error, after the reasons that were logged
+  std::optional<Failure> failure = {};      ///< why it was refused; why it failed is found out by the caller
 };
 
 /// What the user asked of a sign-in.

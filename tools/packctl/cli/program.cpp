@@ -27,6 +27,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr const char* kFailed = "failed";
+
 // It takes the command line as it is.
 [[noreturn]] void BecomeAccountProgram(char** argv) {
   const std::filesystem::path program = std::filesystem::path(path::kOrbaArchivePath).replace_filename("orba-account");
@@ -38,21 +40,19 @@ void Append(std::vector<std::string>& lines, const std::vector<std::string>& mor
   lines.insert(lines.end(), more.begin(), more.end());
 }
 
-/// The outcome of a command that did not come to an answer of its own.
-Outcome Refused(ExitStatus exit, const char* result, const std::string& problem) {
-  return {.exit = exit, .result = result, .problems = {problem}};
-}
-
 Outcome Attempt(const Command& command, Context& context) try {
   return command.run(context);
 } catch (const std::exception& error) {
-  return Refused(kExitFailed, "failed", error.what());
+  return {.exit = kExitFailed, .result = kFailed, .problems = {error.what()}};
 }
 
 // A failure is told with what was logged on the way.
 Outcome RunQuery(const Command& command, Context& context) {
   Outcome outcome = Attempt(command, context);
   Console::Held held = context.console.TakeHeld();
+  if (outcome.result == kFailed) {
+    outcome.failure = ExplainFailure(command.name, {held.other, held.log, outcome.problems});
+  }
   std::vector<std::string> problems = std::move(held.other);
   if (outcome.exit == kExitFailed) {
     Append(problems, held.log);
@@ -88,6 +88,9 @@ Outcome RunChange(const Command& command, Context& context) {
   Console::Held held = context.console.TakeHeld();
   std::vector<std::string> errors = failed ? held.log : std::vector<std::string>();
   Append(errors, outcome.problems);
+  if (failed) {
+    outcome.failure = ExplainFailure(command.name, {held.other, held.log, outcome.problems});
+  }
   if (change.happened || failed) {
     const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
     Keep({.time = std::time(nullptr),
@@ -98,16 +101,18 @@ Outcome RunChange(const Command& command, Context& context) {
           .result = outcome.result,
           .status = change.status ? StatusText(*change.status) : "",
           .exit = outcome.exit,
-          .errors = errors},
+          .errors = errors,
+          .failure = outcome.failure},
          errors);
   }
-  const FailureWords words = ExplainFailure(command.name, held.other, held.log, std::exchange(outcome.problems, {}));
+  outcome.problems.clear();
   if (!failed || context.options.verbose) {
     outcome.problems = std::move(held.other);
     Append(outcome.problems, errors);
   }
   if (failed) {
-    outcome.problems.push_back(FailureSentence(command.name, words, now));
+    outcome.problems.push_back(
+        FailureSentence(command.name, *outcome.failure, now ? std::optional(now->version) : std::nullopt));
   }
   return outcome;
 }
@@ -119,9 +124,15 @@ Outcome Run(const Command& command, Context& context) try {
   }
   return command.effect == Effect::kChange ? RunChange(command, context) : RunQuery(command, context);
 } catch (const updater::Busy& busy) {
-  return Refused(kExitNotPermitted, "busy", busy.what());
+  return {.exit = kExitNotPermitted,
+          .result = "busy",
+          .problems = {busy.what()},
+          .failure = MakeFailure(FailureReason::kBusy, busy.what(), "Try again when it has ended.")};
 } catch (const std::exception& error) {
-  return Refused(kExitFailed, "failed", error.what());
+  return {.exit = kExitFailed,
+          .result = kFailed,
+          .problems = {error.what()},
+          .failure = ExplainFailure(command.name, {.problems = {error.what()}})};
 }
 
 Json::Value AnswerJson(const Command& command, const Outcome& outcome) {
@@ -132,6 +143,9 @@ Json::Value AnswerJson(const Command& command, const Outcome& outcome) {
   }
   if (outcome.change) {
     answer["status"] = outcome.change->status ? Json::Value(StatusText(*outcome.change->status)) : Json::Value();
+  }
+  if (outcome.failure) {
+    answer["error"] = FailureJson(outcome.failure);
   }
   return answer;
 }

@@ -45,12 +45,15 @@ Outcome RecoveredChange(const Context& context, const char* noun) {
 }
 
 Outcome ForbiddenChange(const char* noun, updater::PackStatus status) {
+  const std::string problem = std::string("the ") + noun + " is not permitted while the recorded status is " +
+                              StatusText(status) + " (" + StatusMeaning(status) + ")";
+  const std::string remedy = IsUnderWay(status) ? kRecoverHint : "permitted now: " + PermittedCommands(status);
+  const FailureReason reason = IsUnderWay(status) ? FailureReason::kInterrupted : FailureReason::kNotPermitted;
   return {.exit = kExitNotPermitted,
           .result = "not_permitted",
           .change = Change{.status = status},
-          .problems = {std::string("the ") + noun + " is not permitted while the recorded status is " +
-                           StatusText(status) + " (" + StatusMeaning(status) + ")",
-                       IsUnderWay(status) ? kRecoverHint : "permitted now: " + PermittedCommands(status)}};
+          .problems = {problem, remedy},
+          .failure = MakeFailure(reason, problem, remedy)};
 }
 
 std::vector<std::string> DoubtsAbout(const std::optional<updater::PackStatus>& status) {

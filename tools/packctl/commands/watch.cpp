@@ -12,6 +12,7 @@
 #include "tools/packctl/cli/signals.h"
 #include "tools/packctl/record/file_watch.h"
 #include "tools/packctl/record/recorded_status.h"
+#include "tools/packctl/view/failure_words.h"
 #include "tools/packctl/view/progress_view.h"
 #include "tools/packctl/view/status_words.h"
 
@@ -65,6 +66,7 @@ class Watcher {
       Json::Value answer;
       answer["command"] = "status";
       answer["result"] = "failed";
+      answer["error"] = FailureJson(ExplainFailure("status", {.problems = {problem}}));
       Write(JsonLine(answer));
     }
     EndProgress();

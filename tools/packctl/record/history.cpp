@@ -23,7 +23,8 @@ namespace {
 constexpr std::size_t kMaxFileSize = 256UL * 1024;
 constexpr std::size_t kMaxTextSize = 500;
 constexpr std::size_t kMaxErrors = 20;
-static_assert(kMaxErrors * kMaxTextSize * 6 < kMaxFileSize, "an entry fits into a file, every byte of it escaped");
+static_assert((kMaxErrors + 4) * kMaxTextSize * 6 < kMaxFileSize,
+              "an entry fits into a file, every byte of it escaped");
 
 std::string OlderFile() { return std::string(path::kHistoryFile) + ".1"; }
 
@@ -103,7 +104,8 @@ bool IsPack(const Json::Value& value) {
 bool IsEntry(const Json::Value& value) {
   if (!value["time"].isInt64() || !value["duration_ms"].isInt64() || !value["command"].isString() ||
       !IsPack(value["from"]) || !IsPack(value["to"]) || !value["result"].isString() || !IsTextOrNull(value["status"]) ||
-      !value["exit"].isInt() || !value["errors"].isArray()) {
+      !value["exit"].isInt() || !value["errors"].isArray() ||
+      (!value["error"].isNull() && !FailureFromJson(value["error"]))) {  // older releases kept none
     return false;
   }
   return std::all_of(value["errors"].begin(), value["errors"].end(),
@@ -131,7 +133,8 @@ std::optional<HistoryEntry> EntryFromLine(std::string_view line) {
                      .to = PackFromJson(json["to"]),
                      .result = json["result"].asString(),
                      .status = json["status"].asString(),
-                     .exit = json["exit"].asInt()};
+                     .exit = json["exit"].asInt(),
+                     .failure = FailureFromJson(json["error"])};
   for (const Json::Value& error : json["errors"]) {
     entry.errors.push_back(error.asString());
   }
@@ -171,6 +174,10 @@ Json::Value HistoryEntry::ToJson() const {
   // The last ones tell what came of it.
   for (std::size_t i = errors.size() - std::min(errors.size(), kMaxErrors); i < errors.size(); ++i) {
     sentences.append(errors[i].substr(0, kMaxTextSize));
+  }
+  json["error"] = FailureJson(failure);
+  if (failure) {
+    json["error"]["message"] = failure->message.substr(0, kMaxTextSize);
   }
   return json;
 }

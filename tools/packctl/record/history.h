@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/packctl/record/failure.h"
+
 /// What packctl has done on this machine: kept in a file of JSON lines, read back for people and for the page.
 namespace orbamira::packctl {
 
@@ -30,7 +32,8 @@ struct HistoryEntry {
   std::string result = {};                ///< the command's own word for how it ended
   std::string status = {};                ///< the recorded status after it; empty when it could not be read
   int exit = 0;                           ///< the exit status
-  std::vector<std::string> errors = {};   ///< why it failed, a sentence each
+  std::vector<std::string> errors = {};   ///< all that was said of why it failed, a sentence each
+  std::optional<Failure> failure = {};    ///< why it failed; empty for success, and in entries of older releases
 
   /// As it is printed and kept.
   [[nodiscard]] Json::Value ToJson() const;

@@ -1,48 +1,91 @@
 #include "tools/packctl/view/failure_words.h"
 
 #include <algorithm>
-#include <array>
 #include <string_view>
+#include <system_error>
+
+#include "platform/constants.h"
 
 namespace orbamira::packctl {
 namespace {
 
-/// A cause that people meet often, and the words by which it is known.
-struct KnownCause {
-  std::string_view sign;
-  std::string_view cause;  ///< followed by what stands behind the sign, in parentheses, where `keeps_rest`
-  std::string_view remedy;
-  bool keeps_rest = false;
-  bool repeats = false;  ///< the remedy ends with the command that failed
+using Lines = std::vector<std::string>;
+
+constexpr const char* kDoctor = "Run: sudo packctl doctor";
+constexpr const char* kRecover = "Run: sudo packctl recover";
+
+enum class Speaker { kAnyone, kPrograms };
+
+enum class Words {
+  kOwn,         ///< the rule's
+  kOwnAndRest,  ///< the rule's, and in parentheses what stands behind the sign
+  kLine,        ///< the line's
 };
 
-constexpr std::string_view kDoctor = "Run: sudo packctl doctor";
-
-// The first that is found counts: a full disk, say, is the reason for much else.
-constexpr std::array kKnownCauses = {
-    KnownCause{"No space left on device", "the disk is full", "Make room, then run: sudo packctl ", false, true},
-    KnownCause{": not signed", "the package is not signed", "Get a signed package from its publisher."},
-    KnownCause{"Failed to send request with error: ", "cannot reach the update server",
-               "Check the network, then run: sudo packctl doctor", true},
-    KnownCause{"Failed to send request with status: ", "the update server refuses the request", kDoctor, true},
-    KnownCause{"Failed to download pack: ", "the package cannot be downloaded", kDoctor, true},
+/// A reason, and the sign by which it is known.
+struct Rule {
+  FailureReason reason;
+  Speaker speaker;
+  std::string sign;
+  Words words;
+  std::string message;
+  std::string remedy;
 };
 
-// What is known of the checksum comes after what the programs say: a package that they refuse counts as one that does
-// not match it.
-constexpr KnownCause kWrongChecksum{"Failed to verify checksum", "the package is not the one that the server announced",
-                                    "Run: sudo packctl ", false, true};
+std::string WordsOf(std::errc error) { return std::make_error_code(error).message(); }
 
-std::string CauseOf(const KnownCause& known, const std::string& line) {
-  std::string cause(known.cause);
-  if (known.keeps_rest) {
-    cause += " (" + line.substr(line.find(known.sign) + known.sign.size()) + ")";
-  }
-  return cause;
+// The first whose sign is found counts: a full disk, say, is the reason for much else, and a package that a program
+// refuses also counts as one that does not match its checksum.
+std::vector<Rule> RulesFor(const std::string& command) {
+  using enum FailureReason;
+  const auto anyone = Speaker::kAnyone;
+  const auto programs = Speaker::kPrograms;
+  const std::string again = "un: sudo packctl " + command;
+  const std::string room = "Make room, then r" + again;
+  return {
+      {kNoSpace, anyone, WordsOf(std::errc::no_space_on_device), Words::kOwn, "the disk is full", room},
+      {kNoSpace, anyone, "bytes that are free", Words::kOwn, "the disk is full", room},
+      {kNotSigned, anyone, ": not signed", Words::kOwn, "the package is not signed",
+       "Get a signed package from its publisher."},
+      {kServerUnreachable, anyone, "Failed to send request with error: ", Words::kOwnAndRest,
+       "cannot reach the update server", "Check the network, then run: sudo packctl doctor"},
+      {kServerRefused, anyone, "Failed to send request with status: ", Words::kOwnAndRest,
+       "the update server refuses the request", kDoctor},
+      {kDownloadFailed, anyone, "Failed to download pack: ", Words::kOwnAndRest, "the package cannot be downloaded",
+       kDoctor},
+      {kDownloadFailed, anyone, "Failed to download pack to ", Words::kLine, "", kDoctor},
+      {kKeyringUnusable, programs, path::kKeyring, Words::kLine, "", kDoctor},
+      {kBadSignature, programs, "MANIFEST", Words::kLine, "", kDoctor},
+      {kBadPackage, programs, "orba-archive: ", Words::kLine, "", kDoctor},
+      {kBadPackage, programs, "orba-tar: ", Words::kLine, "", kDoctor},
+      {kInstallFailed, programs, "orba-", Words::kLine, "", kDoctor},
+      {kChecksumMismatch, anyone, "Failed to verify checksum", Words::kOwn,
+       "the package is not the one that the server announced", "R" + again},
+      {kBadReply, anyone, "Failed to parse response", Words::kLine, "", kDoctor},
+      {kBadReply, anyone, " info failed", Words::kLine, "", kDoctor},
+      {kBadReply, anyone, "the update server's reply offers no pack", Words::kLine, "", kDoctor},
+      {kNotConfigured, anyone, "Ignored ", Words::kLine, "", kDoctor},
+      {kNotConfigured, anyone, "Bad request: ", Words::kLine, "", kDoctor},
+      {kRecordUnreadable, anyone, "the recorded status cannot be read", Words::kOwn,
+       "the recorded status cannot be read", kRecover},
+      {kPermissionDenied, anyone, WordsOf(std::errc::permission_denied), Words::kLine, "",
+       "Run it as root: sudo packctl " + command},
+  };
 }
 
-std::string RemedyOf(const KnownCause& known, const std::string& command) {
-  return std::string(known.remedy) + (known.repeats ? command : "");
+const std::string* FindLine(const Lines& lines, std::string_view sign) {
+  const auto found = std::find_if(lines.begin(), lines.end(),
+                                  [&](const std::string& line) { return line.find(sign) != std::string::npos; });
+  return found == lines.end() ? nullptr : &*found;
+}
+
+const std::string* FindLine(const Said& said, const Rule& rule) {
+  const std::string* line = FindLine(said.programs, rule.sign);
+  if (line == nullptr && rule.speaker == Speaker::kAnyone) {
+    line = FindLine(said.log, rule.sign);
+    line = line == nullptr ? FindLine(said.problems, rule.sign) : line;
+  }
+  return line;
 }
 
 // What ended an operation, without the operation's name, since the command is named already; empty for other lines.
@@ -56,52 +99,62 @@ std::string EndOfOperation(const std::string& line) {
   return "";
 }
 
-const std::string* FindLine(const std::vector<std::string>& lines, std::string_view sign) {
-  const auto found = std::find_if(lines.begin(), lines.end(),
-                                  [&](const std::string& line) { return line.find(sign) != std::string::npos; });
-  return found == lines.end() ? nullptr : &*found;
+std::string MessageOf(const Rule& rule, const std::string& line) {
+  switch (rule.words) {
+    case Words::kOwn:
+      return rule.message;
+    case Words::kOwnAndRest:
+      return rule.message + " (" + line.substr(line.find(rule.sign) + rule.sign.size()) + ")";
+    case Words::kLine:
+      break;
+  }
+  const std::string end = EndOfOperation(line);
+  return end.empty() ? line : end;
 }
 
-FailureWords Explain(const std::string& command, const std::vector<std::string>& programs,
-                     const std::vector<std::string>& log, const std::vector<std::string>& problems) {
-  for (const KnownCause& known : kKnownCauses) {
-    for (const auto* lines : {&programs, &log, &problems}) {
-      if (const std::string* line = FindLine(*lines, known.sign)) {
-        return {CauseOf(known, *line), RemedyOf(known, command)};
-      }
+// A line that tells what ended the operation, or the first: what came first is nearest to the cause.
+std::string UnknownCause(const Said& said) {
+  for (const std::string& line : said.log) {
+    if (std::string end = EndOfOperation(line); !end.empty()) {
+      return end;
     }
   }
-  if (const std::string* line = FindLine(programs, "orba-")) {
-    return {*line, std::string(kDoctor)};
-  }
-  if (const std::string* line = FindLine(log, kWrongChecksum.sign)) {
-    return {CauseOf(kWrongChecksum, *line), RemedyOf(kWrongChecksum, command)};
-  }
-  for (const std::string& line : log) {
-    if (const std::string end = EndOfOperation(line); !end.empty()) {
-      return {end, std::string(kDoctor)};
+  const Lines& lines = said.log.empty() ? said.problems : said.log;
+  return lines.empty() ? "the reason is not known" : lines.front();
+}
+
+Failure Explain(const std::string& command, const Said& said) {
+  for (const Rule& rule : RulesFor(command)) {
+    if (const std::string* line = FindLine(said, rule)) {
+      return MakeFailure(rule.reason, MessageOf(rule, *line), rule.remedy);
     }
   }
-  const std::vector<std::string>& lines = log.empty() ? problems : log;
-  return {lines.empty() ? "the reason is not known" : lines.front(), std::string(kDoctor)};
+  if (command.starts_with("account ")) {
+    return MakeFailure(FailureReason::kAccountFailed, UnknownCause(said),
+                       "Mend that, then run: sudo packctl " + command);
+  }
+  const bool installed = FindLine(said.log, "Failed to install") != nullptr ||
+                         FindLine(said.log, "DoInstall failed") != nullptr ||
+                         FindLine(said.log, "did not get into place") != nullptr;
+  return MakeFailure(installed ? FailureReason::kInstallFailed : FailureReason::kUnexpected, UnknownCause(said),
+                     kDoctor);
 }
 
 }  // namespace
 
-FailureWords ExplainFailure(const std::string& command, const std::vector<std::string>& programs,
-                            const std::vector<std::string>& log, const std::vector<std::string>& problems) {
-  FailureWords words = Explain(command, programs, log, problems);
-  if (FindLine(problems, "packctl recover") != nullptr) {
-    words.remedy = "Run: sudo packctl recover";
+Failure ExplainFailure(const std::string& command, const Said& said) {
+  Failure failure = Explain(command, said);
+  if (FindLine(said.problems, "packctl recover") != nullptr) {
+    failure.remedy = kRecover;
   }
-  return words;
+  return failure;
 }
 
-std::string FailureSentence(const std::string& command, const FailureWords& words,
-                            const std::optional<PackIdentity>& installed) {
+std::string FailureSentence(const std::string& command, const Failure& failure,
+                            const std::optional<std::string>& installed_version) {
   const std::string rest =
-      installed ? "Version " + installed->version + " stays installed. " : "No codec pack is installed. ";
-  std::string sentence = command + " failed: " + words.cause + ". " + rest + words.remedy;
+      installed_version ? "Version " + *installed_version + " stays installed. " : "No codec pack is installed. ";
+  std::string sentence = command + " failed: " + failure.message + ". " + rest + failure.remedy;
   sentence.front() = static_cast<char>(sentence.front() - 'a' + 'A');
   return sentence;
 }

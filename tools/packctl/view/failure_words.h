@@ -4,24 +4,23 @@
 #include <string>
 #include <vector>
 
-#include "tools/packctl/record/history.h"
+#include "tools/packctl/record/failure.h"
 
-/// What a person is told when a change failed.
+/// What a person is told when a command failed: the reason, found in what was said on the way, and its sentence.
 namespace orbamira::packctl {
 
-/// Why a change failed and what to do about it, for a person.
-struct FailureWords {
-  std::string cause;   ///< continues "Update failed: "; no full stop at its end
-  std::string remedy;  ///< whole sentences
+/// What was said while a command ran, in the order in which it came.
+struct Said {
+  std::vector<std::string> programs = {};  ///< by the programs that the library ran
+  std::vector<std::string> log = {};       ///< by the library itself
+  std::vector<std::string> problems = {};  ///< by packctl
 };
 
-/// Picks the cause out of what was said while `command` ran: `programs` by the programs that the library ran, `log` by
-/// the library itself, `problems` by packctl; the lines of each in the order in which they came.
-FailureWords ExplainFailure(const std::string& command, const std::vector<std::string>& programs,
-                            const std::vector<std::string>& log, const std::vector<std::string>& problems);
+/// Picks out of it why the command failed. The library's lines are part of its contract, so they can be relied on.
+Failure ExplainFailure(const std::string& command, const Said& said);
 
-/// All of it in one line: "Update failed: CAUSE. Version 1.0 stays installed. REMEDY"
-std::string FailureSentence(const std::string& command, const FailureWords& words,
-                            const std::optional<PackIdentity>& installed);
+/// All of it in one line: "Update failed: MESSAGE. Version 1.0 stays installed. REMEDY"
+std::string FailureSentence(const std::string& command, const Failure& failure,
+                            const std::optional<std::string>& installed_version);
 
 }  // namespace orbamira::packctl

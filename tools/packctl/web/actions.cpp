@@ -30,8 +30,8 @@ namespace {
 constexpr std::size_t kMaxSaid = 16UL * 1024;
 
 // Files without a name, which take what is written even when we are gone.
-struct Said {
-  UniqueFd output;
+struct Output {
+  UniqueFd answer;
   UniqueFd errors;
 };
 
@@ -50,7 +50,7 @@ std::string TextOf(const UniqueFd& file) {
   return text;
 }
 
-pid_t Spawn(const char* program, const std::vector<std::string>& command, const Said& said) {
+pid_t Spawn(const char* program, const std::vector<std::string>& command, const Output& output) {
   std::vector<char*> argv;
   for (const std::string& word : command) {
     argv.push_back(const_cast<char*>(word.c_str()));  // NOLINT: posix_spawn does not write to it
@@ -59,8 +59,8 @@ pid_t Spawn(const char* program, const std::vector<std::string>& command, const 
   posix_spawn_file_actions_t files;
   posix_spawn_file_actions_init(&files);
   posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&files, said.output.get(), STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&files, said.errors.get(), STDERR_FILENO);
+  posix_spawn_file_actions_adddup2(&files, output.answer.get(), STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&files, output.errors.get(), STDERR_FILENO);
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
@@ -81,12 +81,6 @@ int ExitStatusOf(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-// The word in the answer that the command prints with --json.
-std::optional<std::string> ResultIn(const std::string& output) {
-  const std::optional<Json::Value> answer = ParseJsonObject(output);
-  return answer && (*answer)["result"].isString() ? std::optional((*answer)["result"].asString()) : std::nullopt;
-}
-
 std::vector<std::string> SentencesIn(const std::string& errors) {
   constexpr std::string_view kPrefix = "packctl: ";
   std::vector<std::string> sentences;
@@ -97,11 +91,15 @@ std::vector<std::string> SentencesIn(const std::string& errors) {
   return sentences;
 }
 
-WebAction EndOfProgram(const std::string& command, int exit, const Said& said) {
-  return {.command = command,
-          .exit = exit,
-          .result = ResultIn(TextOf(said.output)),
-          .problems = SentencesIn(TextOf(said.errors))};
+// The output is what the command prints with --json.
+WebAction EndOfProgram(const std::string& command, int exit, const Output& output) {
+  WebAction ended{.command = command, .exit = exit, .problems = SentencesIn(TextOf(output.errors))};
+  const Json::Value answer = ParseJsonObject(TextOf(output.answer)).value_or(Json::objectValue);
+  if (answer["result"].isString()) {
+    ended.result = answer["result"].asString();
+  }
+  ended.failure = FailureFromJson(answer["error"]);
+  return ended;
 }
 
 std::vector<HistoryEntry> Entries() {
@@ -129,14 +127,19 @@ std::optional<HistoryEntry> EntryOfUnit(const std::optional<HistoryEntry>& befor
 }
 
 // What the unit's packctl said is in the journal; how it ended, in the history.
-WebAction EndOfUnit(const std::string& command, const std::optional<HistoryEntry>& before, int exit, const Said& said) {
+WebAction EndOfUnit(const std::string& command, const std::optional<HistoryEntry>& before, int exit,
+                    const Output& output) {
   if (const auto entry = EntryOfUnit(before)) {
-    return {.command = command, .exit = entry->exit, .result = entry->result, .problems = entry->errors};
+    return {.command = command,
+            .exit = entry->exit,
+            .result = entry->result,
+            .problems = entry->errors,
+            .failure = entry->failure};
   }
   if (exit == 0) {
     return {.command = command, .exit = kExitNothingToDo, .result = "nothing_to_do"};
   }
-  return EndOfProgram(command, exit, said);
+  return EndOfProgram(command, exit, output);
 }
 
 }  // namespace
@@ -157,16 +160,16 @@ bool WebActions::Start(const std::string& command) {
   if (waiter_.joinable()) {
     waiter_.join();
   }
-  auto said = std::make_shared<const Said>(Said{MakeFile(), MakeFile()});
+  auto output = std::make_shared<const Output>(Output{MakeFile(), MakeFile()});
   const bool by_unit = command == "update" && !update_unit_.empty();
   const std::optional<HistoryEntry> before = NewestEntry();
   // The program that we are, also after a newer one took its place.
-  const pid_t pid = by_unit ? Spawn("systemctl", {"systemctl", "start", update_unit_}, *said)
-                            : Spawn("/proc/self/exe", {"packctl", command, "--json"}, *said);
+  const pid_t pid = by_unit ? Spawn("systemctl", {"systemctl", "start", update_unit_}, *output)
+                            : Spawn("/proc/self/exe", {"packctl", command, "--json"}, *output);
   const std::lock_guard lock(mutex_);
-  waiter_ = std::thread([this, pid, said, by_unit, before, command] {
+  waiter_ = std::thread([this, pid, output, by_unit, before, command] {
     const int exit = ExitStatusOf(pid);
-    WebAction ended = by_unit ? EndOfUnit(command, before, exit, *said) : EndOfProgram(command, exit, *said);
+    WebAction ended = by_unit ? EndOfUnit(command, before, exit, *output) : EndOfProgram(command, exit, *output);
     {
       const std::lock_guard guard(mutex_);
       last_ = std::move(ended);

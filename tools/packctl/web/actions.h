@@ -7,6 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "tools/packctl/record/failure.h"
+
 /// What the page has packctl do.
 namespace orbamira::packctl {
 
@@ -17,6 +19,7 @@ struct WebAction {
   std::optional<int> exit = {};            ///< empty while it runs; -N when signal N ended it
   std::optional<std::string> result = {};  ///< the command's own word; empty while it runs, or when it gave none
   std::vector<std::string> problems = {};  ///< what it complained of, a sentence each
+  std::optional<Failure> failure = {};     ///< why it failed, as the command tells it
 };
 
 /// Runs packctl's own commands, one at a time, each as a program and in a session of its own: it goes on when we end.

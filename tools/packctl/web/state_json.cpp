@@ -90,6 +90,7 @@ Json::Value ActionJson(const WebAction& action) {
   json["exit"] = action.exit ? Json::Value(*action.exit) : Json::Value();
   json["result"] = TextOrNull(action.result);
   json["problems"] = ListOf(action.problems);
+  json["error"] = FailureJson(action.failure);
   return json;
 }
 

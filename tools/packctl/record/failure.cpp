@@ -1,0 +1,72 @@
+#include "tools/packctl/record/failure.h"
+
+#include <utility>
+
+namespace orbamira::packctl {
+
+const char* CodeOf(FailureReason reason) {
+  switch (reason) {
+    case FailureReason::kNoSpace:
+      return "no_space";
+    case FailureReason::kNotSigned:
+      return "not_signed";
+    case FailureReason::kBadSignature:
+      return "bad_signature";
+    case FailureReason::kKeyringUnusable:
+      return "keyring_unusable";
+    case FailureReason::kBadPackage:
+      return "bad_package";
+    case FailureReason::kChecksumMismatch:
+      return "checksum_mismatch";
+    case FailureReason::kServerUnreachable:
+      return "server_unreachable";
+    case FailureReason::kServerRefused:
+      return "server_refused";
+    case FailureReason::kBadReply:
+      return "bad_reply";
+    case FailureReason::kDownloadFailed:
+      return "download_failed";
+    case FailureReason::kNotConfigured:
+      return "not_configured";
+    case FailureReason::kInstallFailed:
+      return "install_failed";
+    case FailureReason::kRecordUnreadable:
+      return "record_unreadable";
+    case FailureReason::kPermissionDenied:
+      return "permission_denied";
+    case FailureReason::kNotPermitted:
+      return "not_permitted";
+    case FailureReason::kInterrupted:
+      return "interrupted";
+    case FailureReason::kBusy:
+      return "busy";
+    case FailureReason::kAccountFailed:
+      return "account_failed";
+    case FailureReason::kUnexpected:
+      break;
+  }
+  return "unexpected";
+}
+
+Failure MakeFailure(FailureReason reason, std::string message, std::string remedy) {
+  return {CodeOf(reason), std::move(message), std::move(remedy)};
+}
+
+Json::Value FailureJson(const std::optional<Failure>& failure) {
+  Json::Value json;
+  if (failure) {
+    json["code"] = failure->code;
+    json["message"] = failure->message;
+    json["remedy"] = failure->remedy;
+  }
+  return json;
+}
+
+std::optional<Failure> FailureFromJson(const Json::Value& json) {
+  if (!json.isObject() || !json["code"].isString() || !json["message"].isString() || !json["remedy"].isString()) {
+    return std::nullopt;
+  }
+  return Failure{json["code"].asString(), json["message"].asString(), json["remedy"].asString()};
+}
+
+}  // namespace orbamira::packctl

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <optional>
+#include <string>
+
+/// Why a command failed, as answers and the history keep it: a code for programs, words for people, and what to do.
+namespace orbamira::packctl {
+
+/// The reasons. Scripts, the page and translators know them by their codes, so a code keeps its meaning for ever.
+enum class FailureReason {
+  kNoSpace,
+  kNotSigned,
+  kBadSignature,
+  kKeyringUnusable,
+  kBadPackage,
+  kChecksumMismatch,
+  kServerUnreachable,
+  kServerRefused,
+  kBadReply,
+  kDownloadFailed,
+  kNotConfigured,
+  kInstallFailed,
+  kRecordUnreadable,
+  kPermissionDenied,
+  kNotPermitted,
+  kInterrupted,
+  kBusy,
+  kAccountFailed,
+  kUnexpected,
+};
+
+/// The reason's code: "no_space".
+const char* CodeOf(FailureReason reason);
+
+/// Why a command failed, or was refused.
+struct Failure {
+  std::string code = {};     ///< of a FailureReason
+  std::string message = {};  ///< continues "Update failed: "; no full stop at its end
+  std::string remedy = {};   ///< whole sentences
+
+  friend bool operator==(const Failure&, const Failure&) = default;
+};
+
+/// A refusal whose words are known.
+Failure MakeFailure(FailureReason reason, std::string message, std::string remedy);
+
+/// As an answer or an entry of the history holds it: {"code", "message", "remedy"}; null without a failure.
+Json::Value FailureJson(const std::optional<Failure>& failure);
+
+/// What FailureJson() made; empty for any other value.
+std::optional<Failure> FailureFromJson(const Json::Value& json);
+
+}  // namespace orbamira::packctl
