@@ -12,6 +12,7 @@
 #include "platform/log.h"
 #include "platform/posix/trust.h"
 #include "platform/posix/unique_fd.h"
+#include "platform/settings_line.h"
 
 namespace orbamira {
 namespace {
@@ -19,25 +20,10 @@ namespace {
 // More than any settings file has, and little enough to read it on every call.
 constexpr std::size_t kMaxSettingsSize = 1UL << 20U;
 
-std::string_view WithoutBlanks(std::string_view text) {
-  constexpr std::string_view kBlanks = " \t";
-  const std::size_t begin = text.find_first_not_of(kBlanks);
-  return begin == std::string_view::npos ? std::string_view()
-                                         : text.substr(begin, text.find_last_not_of(kBlanks) + 1 - begin);
-}
-
-std::string_view WithoutQuotes(std::string_view text) {
-  const bool quoted = text.size() >= 2 && text.front() == '"' && text.back() == '"';
-  return quoted ? text.substr(1, text.size() - 2) : text;
-}
-
 std::string_view TakeLine(std::string_view& text) {
   const std::size_t end = std::min(text.find('\n'), text.size());
-  std::string_view line = text.substr(0, end);
+  const std::string_view line = text.substr(0, end);
   text.remove_prefix(std::min(end + 1, text.size()));
-  if (line.ends_with('\r')) {
-    line.remove_suffix(1);
-  }
   return line;
 }
 
@@ -65,13 +51,8 @@ std::string ReadSetting(const std::string& file, const std::string& key) {
   const std::string text = ReadWholeLines(file);
   std::string_view rest = text;
   while (!rest.empty()) {
-    const std::string_view line = TakeLine(rest);
-    const std::size_t equals = line.find('=');
-    if (line.starts_with('#') || equals == std::string_view::npos) {
-      continue;
-    }
-    if (WithoutBlanks(line.substr(0, equals)) == key) {
-      return std::string(WithoutQuotes(WithoutBlanks(line.substr(equals + 1))));
+    if (const auto line = ParseSettingLine(TakeLine(rest)); line && line->key == key) {
+      return std::string(line->value);
     }
   }
   return "";

@@ -7,6 +7,7 @@
 #include "platform/constants.h"
 #include "platform/http/shown_link.h"
 #include "platform/orba_core_wrapper.h"
+#include "platform/settings_line.h"
 #include "tools/packctl/doctor/checks.h"
 #include "updater/kos_helper.h"
 
@@ -17,26 +18,21 @@ constexpr const char* kCheck = "settings";
 constexpr const char* kPluginTimeLimit = "plugin_time_limit";
 constexpr std::array kSettingsFiles = {&path::kPkgSetting, &path::kDefaultPkgSetting};
 
-std::string WithoutBlanks(std::string_view text) {
-  const std::size_t begin = text.find_first_not_of(" \t\r");
-  return begin == std::string_view::npos ? ""
-                                         : std::string(text.substr(begin, text.find_last_not_of(" \t\r") + 1 - begin));
-}
-
-bool IsKnown(const std::string& key) {
+bool IsKnown(std::string_view key) {
   return key == common::kPackUpdateServer || key == common::kUnpackLimit || key == common::kDownloadLimit ||
          key == kPluginTimeLimit;
 }
 
 void CheckLine(const std::string& place, const std::string& line, Findings& findings) {
-  if (line.starts_with('#') || WithoutBlanks(line).empty()) {
+  constexpr const char* kRemedy = "correct or remove the line";
+  if (IsComment(line)) {
     return;
   }
-  const std::size_t equals = line.find('=');
-  if (equals == std::string::npos) {
-    findings.push_back({kCheck, place + " is not KEY=VALUE and is passed over", "correct or remove the line"});
-  } else if (const std::string key = WithoutBlanks(line.substr(0, equals)); !IsKnown(key)) {
-    findings.push_back({kCheck, place + " sets " + key + ", which nothing reads", "correct or remove the line"});
+  const std::optional<SettingLine> setting = ParseSettingLine(line);
+  if (!setting) {
+    findings.push_back({kCheck, place + " is not " + kSettingForm + " and is passed over", kRemedy});
+  } else if (!IsKnown(setting->key)) {
+    findings.push_back({kCheck, place + " sets " + std::string(setting->key) + ", which nothing reads", kRemedy});
   }
 }
 
