@@ -348,6 +348,8 @@ class WebTest(unittest.TestCase):
             browser.find_element(By.ID, "check").click()
             self.await_text(browser, "outcome", "Check: failed.")
             self.assertIn("404", self.text(browser, "outcome"))
+            self.assertIn("The update server refuses the request.", self.text(browser, "outcome"))
+            self.await_text(browser, "history", "The update server refuses the request.")
             self.await_text(browser, "history", "404")
             self.appliance.status_file.write_text('{"status": "install_failed"}')
             self.await_text(browser, "update-why", "Not now: the update is not permitted while the recorded status is")

@@ -202,7 +202,8 @@ TEST_F(PackctlWebTest, ServesThePageAndItsPartsWithTheirTypes) {
   Start();
   for (const auto& [asked, file, type] : {std::tuple("/", "page.html", "text/html; charset=utf-8"),
                                           std::tuple("/page.css", "page.css", "text/css; charset=utf-8"),
-                                          std::tuple("/page.js", "page.js", "text/javascript; charset=utf-8")}) {
+                                          std::tuple("/page.js", "page.js", "text/javascript; charset=utf-8"),
+                                          std::tuple("/reasons.js", "reasons.js", "text/javascript; charset=utf-8")}) {
     const Answer answer = Ask(std::string("GET ") + asked);
     EXPECT_EQ(answer.status, 200) << asked;
     EXPECT_EQ(answer.body, test::ReadFile(fs::path(ORBAMIRA_TEST_WEB_PAGE) / file));

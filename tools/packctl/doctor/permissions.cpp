@@ -67,6 +67,7 @@ std::vector<fs::path> WhatIsBelieved() {
           page / "page.html",
           page / "page.css",
           page / "page.js",
+          page / "reasons.js",
           fs::path(path::kTempPluginAppIdPath).parent_path(),
           fs::path(path::kPackctlLock).parent_path()};
 }

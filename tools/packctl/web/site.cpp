@@ -24,11 +24,13 @@ constexpr const char* kStatePath = "/api/state";
 /// The page's files, by the paths that they are asked for under.
 std::map<std::string, HttpReply> ReadPage() {
   constexpr std::size_t kMaxSize = 256UL * 1024;
+  constexpr const char* kScript = "text/javascript; charset=utf-8";
   const auto folder = std::filesystem::path(path::kDefaultPkgSetting).parent_path() / "web";
   std::map<std::string, HttpReply> page;
-  for (const auto& [asked, name, type] : {std::tuple("/", "page.html", "text/html; charset=utf-8"),
-                                          std::tuple("/page.css", "page.css", "text/css; charset=utf-8"),
-                                          std::tuple("/page.js", "page.js", "text/javascript; charset=utf-8")}) {
+  for (const auto& [asked, name, type] :
+       {std::tuple("/", "page.html", "text/html; charset=utf-8"),
+        std::tuple("/page.css", "page.css", "text/css; charset=utf-8"), std::tuple("/page.js", "page.js", kScript),
+        std::tuple("/reasons.js", "reasons.js", kScript)}) {
     const std::string path = folder / name;
     const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file.valid()) {

@@ -59,6 +59,12 @@ const listWords = (codecs) => (codecs === null ? "not known" : codecs.join(", ")
 
 const resultWords = (result) => kResultWords[result] ?? result.replaceAll("_", " ");
 
+// Why something failed: what its code means, and then all that was said. Old entries of the history have no code.
+const causes = (error, said) => {
+  const sentence = error === null ? undefined : window.reasonSentences[error.code];
+  return sentence === undefined ? said : [sentence, ...said];
+};
+
 function timeElement(seconds) {
   const date = new Date(seconds * 1000);
   return element("time", date.toLocaleString(undefined, { dateStyle: "medium", timeStyle: "short" }), {
@@ -182,7 +188,7 @@ function showOutcome() {
     say(`${name}: at work …`);
   } else {
     const end = action.result === null ? `ended with status ${action.exit}` : resultWords(action.result);
-    say(`${name}: ${end}.`, action.problems);
+    say(`${name}: ${end}.`, causes(action.error, action.problems));
   }
 }
 
@@ -201,10 +207,11 @@ function historyRow(entry) {
   if (entry.exit !== 0) {
     result.className = "failed";
   }
-  if (entry.errors.length > 0) {
-    const errors = element("ul", "", { class: "errors" });
-    errors.append(...entry.errors.map((error) => element("li", error)));
-    result.append(errors);
+  const sentences = causes(entry.error, entry.errors);
+  if (sentences.length > 0) {
+    const list = element("ul", "", { class: "errors" });
+    list.append(...sentences.map((sentence) => element("li", sentence)));
+    result.append(list);
   }
   cell("Pack before", packWords(entry.from));
   cell("Pack after", packWords(entry.to));
