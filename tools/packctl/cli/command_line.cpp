@@ -38,7 +38,8 @@ std::string Footer() {
     footer += "  " + number + meaning + "\n";
   }
   return footer +
-         "\nOf \"plugins\" and the commands that change something, only one runs at a time. The others run at any "
+         "\nWith --json, the answer of a command that failed or was refused has error: code, message and remedy.\n"
+         "Of \"plugins\" and the commands that change something, only one runs at a time. The others run at any "
          "time.\n"
          "The environment variable ORBAMIRA_ROOT is put in front of every path, for example of a staged system.";
 }

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <vector>
 
+/// What packctl says to its user, and what it keeps from being said in between.
 namespace orbamira::packctl {
 
 /// The only way by which packctl speaks to its user.

@@ -48,7 +48,8 @@ constexpr std::array kCommands = {
             "entry, but the recovery after it does.\n"
             "With --json: the list entries, and damaged, the number of unreadable lines. An entry has time (when it\n"
             "ended, in seconds since the epoch), duration_ms, command, from (the pack installed before), to (the pack\n"
-            "that is installed or waiting since then), result, status, exit and errors.",
+            "that is installed or waiting since then), result, status, exit, errors, and error\n"
+            "(code, message and remedy of a failure, or null).",
             ShowHistory, AddLimitOption},
     Command{"doctor", Effect::kNone, "Look for what is wrong and say what to do about it",
             "Checks the settings, permissions, keyring, plugins, locks, pack, record, update server, clock and free\n"

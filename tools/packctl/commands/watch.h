@@ -2,6 +2,7 @@
 
 #include "tools/packctl/cli/command.h"
 
+/// "packctl status --watch".
 namespace orbamira::packctl {
 
 /// Shows the recorded status and then each change of it, as soon as it is recorded, until SIGINT or SIGTERM ends the

@@ -2,6 +2,7 @@
 
 #include <functional>
 
+/// Long work with a display of its progress.
 namespace orbamira::packctl {
 
 /// Runs `work` on a thread of its own and calls `look` on this one about five times a second until it is done; returns

@@ -4,6 +4,7 @@
 
 #include "updater/pack_status_helper.h"
 
+/// What packctl remembers of the library's permissions.
 namespace orbamira::packctl {
 
 /// The library's helper, which also remembers what it answered when a flow asked whether it may begin. A flow that was

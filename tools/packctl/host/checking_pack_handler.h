@@ -9,6 +9,7 @@
 
 #include "updater/pack_handler.h"
 
+/// What packctl asks of an offer, and remembers of it.
 namespace orbamira::packctl {
 
 /// The library's handler, which also

@@ -1,5 +1,6 @@
 #pragma once
 
+/// When the update server last answered a check.
 namespace orbamira::packctl {
 
 /// Notes that the update server has answered a check just now, as the time of /var/cache/orbamira/checked. By its age

@@ -8,6 +8,7 @@
 
 #include "platform/posix/unique_fd.h"
 
+/// Changes of the files that packctl shows.
 namespace orbamira::packctl {
 
 /// Sleeps until one of a few files may have changed.

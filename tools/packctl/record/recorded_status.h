@@ -5,6 +5,7 @@
 #include "updater/enumerations.h"
 #include "updater/status_record.h"
 
+/// The recorded status, as packctl reads it and tells of it.
 namespace orbamira::packctl {
 
 using updater::IsUnderWay;

@@ -3,6 +3,7 @@
 #include <ctime>
 #include <string>
 
+/// Times for people.
 namespace orbamira::packctl {
 
 /// The time of the clock on the wall: "2026-01-31 13:05:00 CET".

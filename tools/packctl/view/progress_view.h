@@ -8,6 +8,7 @@
 #include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/progress_text.h"
 
+/// The display of an update at work, on a terminal and in a file.
 namespace orbamira::packctl {
 
 /// Shows long work while it runs, from what the status store tells about it. One object shows one piece of work and is

@@ -4,6 +4,7 @@
 
 #include "updater/enumerations.h"
 
+/// What statuses and steps are called in sentences.
 namespace orbamira::packctl {
 
 /// What the status means, as a clause that a sentence can end with.

@@ -6,6 +6,7 @@
 
 #include "tools/http/message.h"
 
+/// Who may read the page, and who may act on it.
 namespace orbamira::packctl {
 
 /// Whether the address and port are of this machine alone.
