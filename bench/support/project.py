@@ -7,7 +7,7 @@ import subprocess
 import sys
 
 SOURCE = pathlib.Path(__file__).resolve().parent.parent.parent
-sys.path.insert(0, str(SOURCE / "tests/faults"))
+sys.path.insert(0, str(SOURCE / "tests/support"))
 from appliance import PACK_NAME, Appliance, tree  # noqa: E402,F401
 
 BUILD = SOURCE / "build/release"

@@ -27,7 +27,7 @@ from selenium.webdriver.support.ui import WebDriverWait
 
 from browser import PATIENCE, open_browser, save_screenshot
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "faults"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
 from appliance import Appliance, Publisher  # noqa: E402
 
 WIDE, NARROW = 1000, 320

@@ -33,7 +33,9 @@ import tempfile
 import time
 
 from aftermath import Aftermath, HostAftermath
-from appliance import Appliance, Publisher
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+from appliance import Appliance, Publisher  # noqa: E402
 
 ERRORS = ("EIO", "ENOSPC")
 FAULTS = ("kill", "power", *ERRORS)

@@ -19,7 +19,9 @@ import sys
 import tempfile
 
 from aftermath import Aftermath
-from appliance import Appliance, Publisher
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+from appliance import Appliance, Publisher  # noqa: E402
 
 SKIPPED = 77
 OLD, NEW = "1.0.0", "2.0.0"

@@ -17,7 +17,7 @@ import unittest
 import urllib.error
 import urllib.request
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "faults"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
 from appliance import PACK_NAME, Appliance  # noqa: E402
 
 # Far more than anything here takes.

@@ -18,7 +18,7 @@ import urllib.request
 
 import jsonschema
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "faults"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
 from appliance import Appliance, Publisher  # noqa: E402
 
 FAILED, NOTHING, REFUSED = 1, 2, 3

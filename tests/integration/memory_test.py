@@ -10,7 +10,7 @@ import sys
 import tempfile
 import threading
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "faults"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
 from appliance import Appliance, Publisher  # noqa: E402
 
 LIMIT_KIB = 24 * 1024

@@ -13,7 +13,7 @@ import unittest
 
 import jsonschema
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "faults"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
 from appliance import PACK_NAME, Appliance, Publisher  # noqa: E402
 
 AAC_NAME = "orbamira-hevc-aac"
