@@ -9,7 +9,8 @@ import shutil
 import subprocess
 
 import payload
-from project import PACK_NAME, SOURCE
+import project  # noqa: F401  pylint: disable=unused-import
+from appliance import PACK_NAME, make_pack
 
 VERSIONS = ("1.0.0", "2.0.0")
 # Where a Debian package puts the files.
@@ -68,25 +69,7 @@ class Shelf:
         package = self.served / f"{name}-{version}.opk"
         if not package.exists():
             made = self.folder / "made"
-            subprocess.run(
-                [
-                    SOURCE / "tools/mkpack/mkpack",
-                    "--payload",
-                    source,
-                    "--output",
-                    made,
-                    "--name",
-                    PACK_NAME,
-                    "--version",
-                    version,
-                    "--title",
-                    "HEVC",
-                    "--base-url",
-                    "http://localhost",
-                ],
-                check=True,
-                stdout=subprocess.DEVNULL,
-            )
+            make_pack(source, made, version, "http://localhost")
             self.served.mkdir(exist_ok=True)
             reply = json.loads((made / "reply.json").read_text())[PACK_NAME]
             (made / pathlib.Path(reply["link"]).name).rename(package)

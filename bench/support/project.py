@@ -1,15 +1,13 @@
 """Where the project's parts are, and the appliance that its tests use too."""
 
 import argparse
-import os
 import pathlib
-import subprocess
 import sys
 
-SOURCE = pathlib.Path(__file__).resolve().parent.parent.parent
-sys.path.insert(0, str(SOURCE / "tests/support"))
-from appliance import PACK_NAME, Appliance, tree  # noqa: E402,F401
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tests/support"))
+import appliance  # noqa: E402
 
+SOURCE = appliance.SOURCE
 BUILD = SOURCE / "build/release"
 FOLDER = SOURCE / "build/bench"
 
@@ -30,15 +28,7 @@ def parser(description):
 
 def install(build, root):
     """A fresh appliance below `root`, with what an installation of the build folder's programs brings."""
-    subprocess.run(
-        ["cmake", "--install", build, "--strip"],
-        env={**os.environ, "DESTDIR": str(root)},
-        check=True,
-        stdout=subprocess.DEVNULL,
-    )
-    appliance = Appliance(root)
-    settings = root / "etc/orbamira"
-    (settings / "system.conf").write_text('unique="bench-appliance"\n')
-    (settings / "version.conf").write_text('major_version="3"\nminor_version="1"\nbuild_number="1200"\n')
-    (root / "packctl").symlink_to("usr/bin/packctl")
-    return appliance
+    appliance.install(build, root, "--strip")
+    installed = appliance.Appliance(root)
+    installed.identify("bench-appliance")
+    return installed

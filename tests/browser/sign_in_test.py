@@ -1,6 +1,6 @@
 """A person signs an appliance in with a real browser, at a provider that has a page of its own for it.
 
-usage: sign_in_test.py --build BUILD --source SOURCE
+usage: sign_in_test.py --build BUILD
 """
 
 import argparse
@@ -52,7 +52,7 @@ class SignInTest(unittest.TestCase):
 
     def setUp(self):
         folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
-        self.appliance = Appliance.lay_out(folder / "root", self.arguments.build, self.arguments.source)
+        self.appliance = Appliance.lay_out(folder / "root", self.arguments.build)
         self.account = self.appliance.root / "etc/orbamira/account.json"
         provider = self.enterContext(
             subprocess.Popen(
@@ -67,7 +67,7 @@ class SignInTest(unittest.TestCase):
     @contextlib.contextmanager
     def sign_in(self):
         """A sign-in that waits; gives its process and the address."""
-        command = [self.appliance.root / "packctl", "account", "sign-in", "--json", "--issuer", self.issuer]
+        command = [self.appliance.program("packctl"), "account", "sign-in", "--json", "--issuer", self.issuer]
         with subprocess.Popen(
             command, env=self.appliance.environment(), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
         ) as process:
@@ -170,7 +170,6 @@ def packctl_callback(address):
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()
-    for name in ("--build", "--source"):
-        parser.add_argument(name, required=True)
+    parser.add_argument("--build", required=True)
     SignInTest.arguments, rest = parser.parse_known_args()
     unittest.main(argv=[sys.argv[0], "--verbose", *rest])

@@ -1,6 +1,6 @@
 """The page of "packctl web" in a real browser: what it shows, how it can be used, and what other sites cannot do.
 
-usage: web_test.py --build BUILD --source SOURCE
+usage: web_test.py --build BUILD
 """
 
 import argparse
@@ -135,7 +135,7 @@ class Web:
 
     def __init__(self, appliance, *arguments):
         self.process = subprocess.Popen(
-            [appliance.root / "packctl", "web", "--json", *arguments],
+            [appliance.program("packctl"), "web", "--json", *arguments],
             env=appliance.environment(),
             stdout=subprocess.PIPE,
             text=True,
@@ -156,9 +156,8 @@ class WebTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.source = pathlib.Path(cls.arguments.source)
         cls.folder = cls.enterClassContext(tempfile.TemporaryDirectory())
-        cls.publisher = cls.enterClassContext(SlowPublisher(cls.source, pathlib.Path(cls.folder) / "served"))
+        cls.publisher = cls.enterClassContext(SlowPublisher(pathlib.Path(cls.folder) / "served"))
         cls.addresses = {
             version: cls.publisher.publish(version, seed, (3_000_000, 500_000))
             for seed, version in enumerate(("1.0", "2.0"))
@@ -166,7 +165,7 @@ class WebTest(unittest.TestCase):
 
     def setUp(self):
         root = self.enterContext(tempfile.TemporaryDirectory(dir=memory_folder() or self.folder))
-        self.appliance = Appliance.lay_out(root, self.arguments.build, self.source)
+        self.appliance = Appliance.lay_out(root, self.arguments.build)
         self.publisher.pause = 0
         self.publisher.requests.clear()
         self.web = None
@@ -657,7 +656,6 @@ class WebTest(unittest.TestCase):
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()
-    for option in ("--build", "--source"):
-        parser.add_argument(option, required=True)
+    parser.add_argument("--build", required=True)
     WebTest.arguments, rest = parser.parse_known_args()
     unittest.main(argv=[sys.argv[0], "--verbose", *rest])

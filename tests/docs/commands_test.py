@@ -17,7 +17,9 @@ import tempfile
 import threading
 import unittest
 
-SOURCE = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+from appliance import SOURCE, Appliance, install  # noqa: E402
+
 FOLDERS = ("", "docs", "examples", "packaging", "tests/abi")
 PAGES = sorted(path for folder in FOLDERS for path in (SOURCE / folder).glob("*.md"))
 BLOCK = re.compile(r"^ *```sh\n(.*?)^ *```$", re.MULTILINE | re.DOTALL)
@@ -68,17 +70,11 @@ class Page:
         return "\n".join(line for line in text.split("\n") if not line.strip().startswith(RUN_ELSEWHERE))
 
     def prepare(self):
-        subprocess.run(
-            ["cmake", "--install", self.build],
-            env={**os.environ, "DESTDIR": str(self.root)},
-            check=True,
-            stdout=subprocess.DEVNULL,
-        )
-        etc = self.root / "etc/orbamira"
+        install(self.build, self.root)
+        appliance = Appliance(self.root)
         if self.path.name != "publishing.md":  # which itself says what a new appliance needs
-            (etc / "system.conf").write_text('unique="test-appliance"\n')
-            (etc / "version.conf").write_text('major_version="3"\nminor_version="1"\nbuild_number="1200"\n')
-        (etc / "updater.conf").write_text(f'pack_update_server="{self.address}/reply.json"\n')
+            appliance.identify()
+        appliance.use_server(f"{self.address}/reply.json")
         self.packs.mkdir(parents=True)
         for library in ("decoder/libdecoder.so.1", "build/pack/lib/libdecoder.so.1"):
             (self.work / library).parent.mkdir(parents=True)

@@ -42,7 +42,7 @@ class Aftermath:
     def recover(self):
         """Recovery, as at boot."""
         appliance = self.appliance
-        self._expect("", 0, program="usr/libexec/orbamira/orba-recover")
+        self._expect("", 0, program=appliance.root / "usr/libexec/orbamira/orba-recover")
         if self.old and not appliance.pack.exists():
             self.lost.append("no pack is in place after recovery")
         if self.broken is not None:
@@ -93,7 +93,7 @@ class Aftermath:
         self.broken = None
 
     def _expect(self, command, *accepted, program=None):
-        program = program or self.PROGRAM
+        program = program or self.appliance.program(self.PROGRAM)
         done = self.appliance.run(program, *command.split())
         if done.returncode not in accepted:
             self.stuck.append(

@@ -56,7 +56,7 @@ class Scenario:
         return Aftermath if self.command else HostAftermath
 
     def run(self, appliance, *wrapper):
-        return appliance.run(self.aftermath.PROGRAM, *self.command.split(), wrapper=wrapper)
+        return appliance.run(appliance.program(self.aftermath.PROGRAM), *self.command.split(), wrapper=wrapper)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -75,8 +75,8 @@ class Outcome:
 
 
 class Matrix:
-    def __init__(self, build, source, folder):
-        self.build, self.source, self.folder = pathlib.Path(build), pathlib.Path(source), pathlib.Path(folder)
+    def __init__(self, build, folder):
+        self.build, self.folder = pathlib.Path(build), pathlib.Path(folder)
         self.injector = self.build / "tests/faults/fault_injector"
         self.numbers = itertools.count()
         self.scenarios = {}
@@ -86,12 +86,12 @@ class Matrix:
         """Makes the state that each scenario starts from."""
         self.publisher = publisher
         old, new = publisher.publish(OLD, 1), publisher.publish(NEW, 2)
-        fresh = Appliance.lay_out(self.folder / "fresh", self.build, self.source)
+        fresh = Appliance.lay_out(self.folder / "fresh", self.build)
         fresh.use_server(new)
         fresh.expect("check")
         self.scenarios["update"] = Scenario(fresh, "update", None)
 
-        upgrade = Appliance.lay_out(self.folder / "upgrade", self.build, self.source)
+        upgrade = Appliance.lay_out(self.folder / "upgrade", self.build)
         upgrade.use_server(old)
         upgrade.expect("check")
         upgrade.expect("update")
@@ -119,11 +119,11 @@ class Matrix:
 
     def prepare_hosts(self, old, new):
         """The states of appliances without packctl."""
-        fresh = Appliance.lay_out(self.folder / "host-fresh", self.build, self.source, packctl=False)
+        fresh = Appliance.lay_out(self.folder / "host-fresh", self.build, packctl=False)
         fresh.use_server(new)
         self.scenarios["host's update"] = Scenario(fresh, "", None)
 
-        upgrade = Appliance.lay_out(self.folder / "host-upgrade", self.build, self.source, packctl=False)
+        upgrade = Appliance.lay_out(self.folder / "host-upgrade", self.build, packctl=False)
         upgrade.use_server(old)
         upgrade.expect(program="host")
         upgrade.use_server(new)
@@ -249,7 +249,6 @@ def chosen(cases, numbered, seconds, seed):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--build", required=True, help="build folder whose programs are put to the test")
-    parser.add_argument("--source", required=True, help="the project's folder")
     parser.add_argument(
         "--seconds", type=float, help="try a spread of the cases for about this long; all when left out"
     )
@@ -261,9 +260,9 @@ def main():
     seed = random.randrange(2**32) if arguments.seed is None else arguments.seed
     memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
     with tempfile.TemporaryDirectory(prefix="orbamira-faults-", dir=memory) as folder, Publisher(
-        arguments.source, pathlib.Path(folder) / "published"
+        pathlib.Path(folder) / "published"
     ) as publisher:
-        matrix = Matrix(arguments.build, arguments.source, folder)
+        matrix = Matrix(arguments.build, folder)
         matrix.prepare(publisher)
         numbered = {scenario: matrix.calls(scenario) for scenario in matrix.scenarios}
         cases = [

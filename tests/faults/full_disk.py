@@ -10,6 +10,7 @@ Mounts need a user namespace or root; without either it ends with 77 (skipped) a
 import argparse
 import contextlib
 import dataclasses
+import errno
 import json
 import os
 import pathlib
@@ -103,15 +104,15 @@ STAGES = (
         "Failed to copy extracted pack.",
     ),
     # With no room for a status, the one before is what stays.
-    Stage("status write", "var/lib/orbamira", "size=16m", 0, "need_download", "No space left on device"),
+    Stage("status write", "var/lib/orbamira", "size=16m", 0, "need_download", os.strerror(errno.ENOSPC)),
 )
 
 
 class FullDisk:
-    def __init__(self, folder, build, source, publisher):
+    def __init__(self, folder, build, publisher):
         self.publisher = publisher
         self.old, self.new = publisher.publish(OLD, 1, SIZES), publisher.publish(NEW, 2, SIZES)
-        self.appliance = Appliance.lay_out(folder / "root", build, source)
+        self.appliance = Appliance.lay_out(folder / "root", build)
         (self.appliance.root / "var/cache/orbamira").mkdir(parents=True, exist_ok=True)
 
     def begin(self):
@@ -205,7 +206,7 @@ class FullDisk:
             return [f"doctor died with {ended.returncode}: {ended.stderr}"]
         return [
             f"it does not say {part!r} of {check}: {problems}"
-            for check, part in (("plugins", "No space left on device"), ("space", "there is room for 0 B"))
+            for check, part in (("plugins", os.strerror(errno.ENOSPC)), ("space", "there is room for 0 B"))
             if part not in problems.get(check, "")
         ]
 
@@ -213,7 +214,6 @@ class FullDisk:
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--build", required=True, help="build folder whose programs are put to the test")
-    parser.add_argument("--source", required=True, help="the project's folder")
     arguments = parser.parse_args()
     if INSIDE not in os.environ:
         namespace = ["unshare", "--mount", *([] if os.geteuid() == 0 else ["--user", "--map-root-user"])]
@@ -225,8 +225,8 @@ def main():
     failed = False
     with tempfile.TemporaryDirectory(prefix="orbamira-full-") as name:
         folder = pathlib.Path(name)
-        with Publisher(arguments.source, folder / "published") as publisher:
-            bench = FullDisk(folder, arguments.build, arguments.source, publisher)
+        with Publisher(folder / "published") as publisher:
+            bench = FullDisk(folder, arguments.build, publisher)
             rows = [(stage.name, bench.problems(stage)) for stage in STAGES]
             rows.append(("removal", bench.removal_problems()))
             rows.append(("plugin answer", bench.plugin_answer_problems()))

@@ -86,7 +86,7 @@ def skip(cuts, reason):
 class Bench:
     """The images and the states that the updates start from."""
 
-    def __init__(self, folder, store, build, source, publisher):
+    def __init__(self, folder, store, build, publisher):
         self.folder, self.store, self.publisher = folder, store, publisher
         old, new = publisher.publish(OLD, 1, SIZES), publisher.publish(NEW, 2, SIZES)
         self.starts = {"update": None, "upgrade": OLD}
@@ -96,7 +96,7 @@ class Bench:
                 file.truncate(128 * 2**20)
             run("mkfs.ext4", "-q", "-F", image)
             with mounted(image, folder / "mount") as mount:
-                appliance = Appliance.lay_out(mount / "root", build, source)
+                appliance = Appliance.lay_out(mount / "root", build)
                 if version:
                     appliance.use_server(old)
                     appliance.expect("check")
@@ -112,7 +112,7 @@ class Bench:
     def start(self, mount):
         appliance = Appliance(mount / "root")
         return subprocess.Popen(
-            [str(appliance.root / "packctl"), "update"],
+            [str(appliance.program("packctl")), "update"],
             env=appliance.environment(),
             stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL,
@@ -183,7 +183,6 @@ def held(appliance):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--build", required=True, help="build folder whose programs are put to the test")
-    parser.add_argument("--source", required=True, help="the project's folder")
     parser.add_argument("--cuts", type=int, default=200, help="how many cuts")
     parser.add_argument(
         "--seed", type=int, default=None, help="what decides the instants; a new one each time by default"
@@ -198,7 +197,7 @@ def main():
     rows, lost, stuck = collections.Counter(), 0, 0
     with contextlib.ExitStack() as stack:
         folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="orbamira-power-", dir=memory)))
-        publisher = stack.enter_context(Publisher(arguments.source, folder / "published"))
+        publisher = stack.enter_context(Publisher(folder / "published"))
         disk = folder / "disk.img"
         with disk.open("wb") as file:
             file.truncate(2 * 2**30)
@@ -207,7 +206,7 @@ def main():
             store = stack.enter_context(mounted(disk, folder / "store"))
         except subprocess.CalledProcessError as error:
             skip(arguments.cuts, f"images cannot be mounted: {error.stderr.decode().strip()}")
-        bench = Bench(folder, store, arguments.build, arguments.source, publisher)
+        bench = Bench(folder, store, arguments.build, publisher)
         stages = [(name, stage, seconds) for name in bench.starts for stage, seconds in bench.stages(name).items()]
         print(f"power cuts by turns in {len(stages)} stages, seed {seed}", flush=True)
         for number in range(arguments.cuts):

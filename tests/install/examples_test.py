@@ -15,7 +15,9 @@ import sys
 import tempfile
 import time
 
-from staged import Stage, WebServer, unpack
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+from appliance import Appliance, make_pack, unpack  # noqa: E402
+from nginx import WebServer  # noqa: E402
 
 EXAMPLES = ("update", "watch_status", "own_services")
 WARNINGS = "-Wall -Wextra -Wpedantic -Werror"
@@ -41,7 +43,7 @@ def build_with_cmake(stage, source, folder, compiler):
             folder,
             "-G",
             "Ninja",
-            f"-DCMAKE_PREFIX_PATH={stage.usr}",
+            f"-DCMAKE_PREFIX_PATH={stage.root}/usr",
             f"-DCMAKE_CXX_COMPILER={compiler}",
             f"-DCMAKE_CXX_FLAGS={WARNINGS}",
         ],
@@ -57,7 +59,7 @@ def build_with_pkg_config(stage, source, folder, compiler):
     modules = folder / "modules"
     modules.mkdir(parents=True)
     for module in (stage.libraries / "pkgconfig").glob("*.pc"):
-        text, moved = re.subn(r"(?m)^prefix=(.*)$", f"prefix={stage.usr}", module.read_text())
+        text, moved = re.subn(r"(?m)^prefix=(.*)$", f"prefix={stage.root}/usr", module.read_text())
         assert moved == 1, f"{module} names no prefix"
         (modules / module.name).write_text(text)
     environment = {**os.environ, "PKG_CONFIG_PATH": str(modules)}
@@ -129,8 +131,16 @@ class Session:
             self.failures += 1
 
 
+def publish(stage, server, version):
+    """Has the server offer a pack of random bytes, made by the installed mkpack."""
+    payload = server.folder / f"payload-{version}"
+    payload.mkdir()
+    (payload / "codec").write_bytes(os.urandom(300_000))
+    make_pack(payload, server.packs, version, server.url, stage.program("mkpack"))
+
+
 def watch_an_update(session, stage):
-    plugin = stage.usr / "lib/orbamira/plugins/10-holding"
+    plugin = stage.root / "usr/lib/orbamira/plugins/10-holding"
     hold, held = plugin.parent.parent / "hold", plugin.parent.parent / "held"
     plugin.parent.mkdir(parents=True, exist_ok=True)
     hold.touch()
@@ -162,21 +172,22 @@ def main():
     ) as server:
         folder = pathlib.Path(name)
         unpack(options.packages, folder / "stage")
-        stage = Stage(folder / "stage")
+        stage = Appliance(folder / "stage")
         build = build_with_cmake if options.tool == "find_package" else build_with_pkg_config
         environment = build(stage, options.source, folder / "programs", options.compiler)
         session = Session(stage, folder / "programs", environment, options.source / "examples/README.md")
 
         # On an appliance without a single setting: everything comes from the program's own services.
-        stage.publish(server, "1.0.0", 300_000)
+        publish(stage, server, "1.0.0")
         session.expect("own_services", f"{server.url}/reply.json")
         request = [block for block in session.blocks if block[0].startswith("GET ")][0]
         session.check("the server is asked as the page says", server.requests()[-1:] == request, server.requests())
 
-        stage.set_up(server.url)
+        stage.identify()
+        stage.use_server(f"{server.url}/reply.json")
         session.expect("update")
         session.expect("update")
-        stage.publish(server, "1.1.0", 300_000)
+        publish(stage, server, "1.1.0")
         watch_an_update(session, stage)
 
         unseen = [block for block in session.blocks if block[0].startswith("$ ")]

@@ -14,7 +14,8 @@ import subprocess
 import sys
 import tempfile
 
-from staged import unpack
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+from appliance import unpack  # noqa: E402
 
 # Functions of the C library in whose place one that checks sizes is called, or that the compiler sees to be right. Not
 # those that copy memory: the compiler calls them itself where nobody knows the size.

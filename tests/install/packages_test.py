@@ -17,7 +17,8 @@ import subprocess
 import sys
 import tempfile
 
-from staged import WebServer
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+from nginx import WebServer  # noqa: E402
 
 SKIPPED = 77
 NEEDED = ("dpkg", "dpkg-deb", "dpkg-query", "systemd-sysusers", "systemd-tmpfiles", "systemctl")

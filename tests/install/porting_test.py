@@ -16,7 +16,9 @@ import subprocess
 import sys
 import tempfile
 
-from staged import Stage, WebServer, install
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+from appliance import Appliance, install  # noqa: E402
+from nginx import WebServer  # noqa: E402
 
 SOURCES = (
     "CMakeLists.txt",
@@ -338,7 +340,7 @@ def main():
         port.configure()
         port.build()
         install(port.build_folder, folder / "stage")
-        stage = Stage(folder / "stage")
+        stage = Appliance(folder / "stage")
         kept = sorted(
             str(file.relative_to(stage.root))
             for file in stage.root.rglob("*")
@@ -369,7 +371,7 @@ def main():
         port.follow_guide(3)
         port.build()
         install(port.build_folder, stage.root)
-        stage = Stage(stage.root)
+        stage = Appliance(stage.root)
         report.equal("the updater's library", updater, digest(libraries[0]))
         report.check("the platform's library is another", platform != digest(libraries[1]), platform)
         story.write_settings("{}: {}")

@@ -51,8 +51,8 @@ class Update:
     """One upgrade to a new pack, behind a wrapper that watches it and writes to the file `report`."""
 
     def __init__(self, arguments, folder, wrapper, report):
-        with Publisher(arguments.source, folder / "published") as publisher:
-            appliance = Appliance.lay_out(folder / "root", arguments.build, arguments.source)
+        with Publisher(folder / "published") as publisher:
+            appliance = Appliance.lay_out(folder / "root", arguments.build)
             appliance.use_server(publisher.publish("1.0", 1))
             appliance.expect("update")
             appliance.use_server(publisher.publish("2.0", 2, PAYLOAD))
@@ -159,6 +159,5 @@ class ProcessesOfAnUpdate(unittest.TestCase):
 if __name__ == "__main__":
     PARSER = argparse.ArgumentParser(description=__doc__)
     PARSER.add_argument("--build", type=pathlib.Path, required=True, help="build folder whose programs are counted")
-    PARSER.add_argument("--source", type=pathlib.Path, required=True, help="the project's folder")
     ARGUMENTS = PARSER.parse_args()
     unittest.main(argv=sys.argv[:1])

@@ -1,6 +1,6 @@
 """The nginx configurations of docs/hosting.md, with real appliances: the server of the files and the cache before it.
 
-usage: hosting_test.py --build BUILD --source SOURCE
+usage: hosting_test.py --build BUILD
 """
 
 import argparse
@@ -8,7 +8,6 @@ import json
 import os
 import pathlib
 import re
-import socket
 import subprocess
 import sys
 import tempfile
@@ -18,83 +17,34 @@ import urllib.error
 import urllib.request
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-from appliance import PACK_NAME, Appliance  # noqa: E402
+from appliance import MKPACK, PACK_NAME, SOURCE, Appliance, make_pack  # noqa: E402
+from nginx import Nginx  # noqa: E402
 
 # Far more than anything here takes.
 PATIENCE = 600
 
-MAIN = """\
-daemon off;
-master_process off;
-pid nginx.pid;
-events {{}}
-http {{
+LOG = """\
   include /etc/nginx/mime.types;
   log_format asked '$request_method $uri $status $http_range $upstream_cache_status';
   access_log access.log asked;
-  client_body_temp_path tmp;
-  proxy_temp_path tmp;
-  fastcgi_temp_path tmp;
-  uwsgi_temp_path tmp;
-  scgi_temp_path tmp;
-{}
-}}
 """
 
 
-def free_port():
-    with socket.create_server(("127.0.0.1", 0)) as server:
-        return server.getsockname()[1]
-
-
-class Nginx:
-    """nginx with a configuration of the page, whose places and names are replaced, on a free port."""
+class Server(Nginx):
+    """nginx with a configuration of the page, whose places and names are replaced."""
 
     def __init__(self, folder, text, replaced):
-        self.folder = folder
         # The certificates are the machine's own.
-        self.text = re.sub(r"^ *ssl_certificate.*\n", "", text, flags=re.MULTILINE)
-        for there, here in replaced.items():
-            if there not in self.text:
+        text = re.sub(r"^ *ssl_certificate.*\n", "", text, flags=re.MULTILINE)
+        for there, here in {**replaced, "listen 443 ssl": "listen LISTEN"}.items():
+            if there not in text:
                 raise ValueError(f"{there} is not in the configuration")
-            self.text = self.text.replace(there, here)
-
-    def __enter__(self):
-        self.folder.mkdir()
-        for _ in range(5):
-            # Between here and nginx somebody else may take the port: then another is tried.
-            self.address = f"http://127.0.0.1:{free_port()}"
-            text = self.text.replace("listen 443 ssl", "listen " + self.address.removeprefix("http://"))
-            (self.folder / "nginx.conf").write_text(MAIN.format(text))
-            self.process = subprocess.Popen(
-                ["nginx", "-e", "error.log", "-p", str(self.folder), "-c", "nginx.conf"],
-                stdin=subprocess.DEVNULL,
-                stderr=subprocess.DEVNULL,
-                env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"},
-            )
-            if self._answers():
-                return self
-            self.process.wait()
-        raise RuntimeError((self.folder / "error.log").read_text())
-
-    def __exit__(self, *_):
-        self.process.terminate()
-        self.process.wait()
-
-    def _answers(self):
-        end = time.monotonic() + PATIENCE
-        while time.monotonic() < end and self.process.poll() is None:
-            try:
-                urllib.request.urlopen(self.address + "/none", timeout=PATIENCE)
-            except urllib.error.HTTPError:
-                return True
-            except OSError:
-                time.sleep(0.02)
-        return False
+            text = text.replace(there, here)
+        super().__init__(folder, LOG + text)
 
     def asked(self, path):
         """The requests for the path that were answered, as "METHOD STATUS RANGE CACHE"."""
-        lines = [line.split(" ") for line in (self.folder / "access.log").read_text().splitlines()]
+        lines = [line.split(" ") for line in self.log()]
         return [" ".join([method, *rest]) for method, uri, *rest in lines if uri == path]
 
 
@@ -114,15 +64,14 @@ class HostingTest(unittest.TestCase):
     def setUp(self):
         self.top = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.top.chmod(0o755)
-        self.source = pathlib.Path(self.arguments.source).resolve()
-        page = (self.source / "docs/hosting.md").read_text()
+        page = (SOURCE / "docs/hosting.md").read_text()
         self.origin_text, self.cache_text = re.findall(r"^```nginx\n(.*?)^```$", page, re.MULTILINE | re.DOTALL)
         self.packs = self.top / "srv/packs"
         self.origin = self.start_origin("origin", 300)
 
     def start_origin(self, name, max_age):
         return self.enterContext(
-            Nginx(
+            Server(
                 self.top / name,
                 self.origin_text,
                 {"root /srv;": f"root {self.top}/srv;", "max-age=300": f"max-age={max_age}"},
@@ -131,10 +80,10 @@ class HostingTest(unittest.TestCase):
 
     def start_cache(self):
         return self.enterContext(
-            Nginx(
+            Server(
                 self.top / "cache",
                 self.cache_text,
-                {"/var/cache/nginx/packs": f"{self.top}/kept", "https://origin.example.com": self.origin.address},
+                {"/var/cache/nginx/packs": f"{self.top}/kept", "https://origin.example.com": self.origin.url},
             )
         )
 
@@ -143,61 +92,43 @@ class HostingTest(unittest.TestCase):
         payload = self.top / f"payload-{version}"
         payload.mkdir()
         (payload / "libdecoder.so").write_text(version * 1000)
-        subprocess.run(
-            [
-                self.source / "tools/mkpack/mkpack",
-                "--payload",
-                payload,
-                "--output",
-                self.packs,
-                "--name",
-                PACK_NAME,
-                "--version",
-                version,
-                "--title",
-                "HEVC",
-                "--base-url",
-                address + "/packs",
-            ],
-            check=True,
-            stdout=subprocess.DEVNULL,
-        )
+        make_pack(payload, self.packs, version, address + "/packs")
         reply = json.loads((self.packs / "reply.json").read_text())
         return reply[PACK_NAME]["link"].removeprefix(address)
 
     def appliance(self, name, address):
-        appliance = Appliance.lay_out(self.top / name, self.arguments.build, self.source)
+        appliance = Appliance.lay_out(self.top / name, self.arguments.build)
         (appliance.root / "etc/orbamira/system.conf").write_text(f'unique="{name}"\n')
         appliance.use_server(address + "/packs/reply.json")
         return appliance
 
     def test_server_gives_what_appliances_need(self):
-        path = self.publish(self.origin.address, "1.0")
-        appliance = self.appliance("one", self.origin.address)
+        path = self.publish(self.origin.url, "1.0")
+        appliance = self.appliance("one", self.origin.url)
         appliance.expect("check")
         appliance.expect("update")
         self.assertEqual(["GET 200 - -"], self.origin.asked(path))
         self.assertEqual(["GET 200 - -"] * 2, self.origin.asked("/packs/reply.json"))
 
     def test_server_says_what_caches_may_keep(self):
-        path = self.publish(self.origin.address, "1.0")
-        status, headers, body = get(self.origin.address + "/packs/reply.json?unique=a", Accept_Encoding="gzip")
+        path = self.publish(self.origin.url, "1.0")
+        status, headers, body = get(self.origin.url + "/packs/reply.json?unique=a", Accept_Encoding="gzip")
         self.assertEqual(
             (200, "public, max-age=300", "application/json"),
             (status, headers["Cache-Control"], headers["Content-Type"]),
         )
         self.assertEqual((self.packs / "reply.json").read_bytes(), body)
-        self.assertEqual(304, get(self.origin.address + "/packs/reply.json", If_None_Match=headers["ETag"])[0])
-        status, headers, _ = get(self.origin.address + path, Accept_Encoding="gzip")
+        self.assertEqual(304, get(self.origin.url + "/packs/reply.json", If_None_Match=headers["ETag"])[0])
+        status, headers, _ = get(self.origin.url + path, Accept_Encoding="gzip")
         self.assertEqual(
             (200, "public, max-age=31536000, immutable", "application/octet-stream", None),
             (status, headers["Cache-Control"], headers["Content-Type"], headers["Content-Encoding"]),
         )
 
     def test_server_lets_cut_transfers_go_on(self):
-        path = self.publish(self.origin.address, "1.0")
+        path = self.publish(self.origin.url, "1.0")
         whole = (self.packs / pathlib.Path(path).name).read_bytes()
-        for address in (self.origin.address, self.start_cache().address):
+        for address in (self.origin.url, self.start_cache().url):
             with self.subTest(address):
                 tag = get(address + path)[1]["ETag"]
                 status, headers, body = get(address + path, Range="bytes=100-", If_Range=tag)
@@ -206,23 +137,17 @@ class HostingTest(unittest.TestCase):
                 self.assertEqual(200, get(address + path, Range="bytes=100-", If_Range='"other"')[0])
 
     def test_server_hides_unfinished_work(self):
-        self.publish(self.origin.address, "1.0")
+        self.publish(self.origin.url, "1.0")
         (self.packs / ".mkpack.abc").mkdir()
         (self.packs / ".mkpack.abc/package.opk").write_text("")
         for name in (".reply.json.lock", ".mkpack.abc/package.opk", ""):
-            self.assertIn(get(f"{self.origin.address}/packs/{name}")[0], (403, 404), name)
+            self.assertIn(get(f"{self.origin.url}/packs/{name}")[0], (403, 404), name)
 
     def test_mkpack_finds_nothing_wrong_with_either(self):
         for server in (self.origin, self.start_cache()):
-            self.publish(server.address, "1.0" if server is self.origin else "2.0")
+            self.publish(server.url, "1.0" if server is self.origin else "2.0")
             done = subprocess.run(
-                [
-                    self.source / "tools/mkpack/mkpack",
-                    "verify",
-                    "--json",
-                    "--url",
-                    server.address + "/packs/reply.json",
-                ],
+                [MKPACK, "verify", "--json", "--url", server.url + "/packs/reply.json"],
                 check=True,
                 stdout=subprocess.PIPE,
                 env={**os.environ, "no_proxy": "*"},
@@ -237,9 +162,9 @@ class HostingTest(unittest.TestCase):
 
     def test_cache_asks_once_for_all_appliances(self):
         cache = self.start_cache()
-        path = self.publish(cache.address, "1.0")
+        path = self.publish(cache.url, "1.0")
         for name in ("one", "two", "three"):
-            appliance = self.appliance(name, cache.address)
+            appliance = self.appliance(name, cache.url)
             appliance.expect("check")
             appliance.expect("update")
         for asked in ("/packs/reply.json", path):
@@ -256,22 +181,22 @@ class HostingTest(unittest.TestCase):
     def test_cache_finds_a_release_when_the_reply_has_aged(self):
         self.origin = self.start_origin("hasty", 1)
         cache = self.start_cache()
-        path = self.publish(cache.address, "1.0")
+        path = self.publish(cache.url, "1.0")
         # The entity tag has the time in seconds: a release within the same one would go unnoticed.
         os.utime(self.packs / "reply.json", (1_000_000_000, 1_000_000_000))
-        appliance = self.appliance("one", cache.address)
+        appliance = self.appliance("one", cache.url)
         appliance.expect("update")
-        self.publish(cache.address, "2.0")
+        self.publish(cache.url, "2.0")
         self.until(lambda: appliance.packctl("check").returncode == 0)
         appliance.expect("update")
         self.assertIn('version="2.0"', (appliance.pack / "INFO").read_text())
-        self.assertEqual(200, get(cache.address + path)[0], "the old package is still there")
+        self.assertEqual(200, get(cache.url + path)[0], "the old package is still there")
 
     def test_cache_gives_the_old_reply_while_the_server_is_down(self):
         self.origin = self.start_origin("hasty", 1)
         cache = self.start_cache()
-        self.publish(cache.address, "1.0")
-        appliance = self.appliance("one", cache.address)
+        self.publish(cache.url, "1.0")
+        appliance = self.appliance("one", cache.url)
         appliance.expect("check")
         self.origin.__exit__()
 
@@ -284,7 +209,6 @@ class HostingTest(unittest.TestCase):
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()
-    for name in ("--build", "--source"):
-        parser.add_argument(name, required=True)
+    parser.add_argument("--build", required=True)
     HostingTest.arguments, rest = parser.parse_known_args()
     unittest.main(argv=[sys.argv[0], "--verbose", *rest])

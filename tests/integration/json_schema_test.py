@@ -1,6 +1,6 @@
 """What packctl prints with --json, held against its schema: every command, well and ill, on an appliance with a server.
 
-usage: json_schema_test.py --build BUILD --source SOURCE
+usage: json_schema_test.py --build BUILD
 """
 
 import argparse
@@ -9,6 +9,7 @@ import copy
 import fcntl
 import json
 import pathlib
+import shutil
 import signal
 import subprocess
 import sys
@@ -19,7 +20,7 @@ import urllib.request
 import jsonschema
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-from appliance import Appliance, Publisher  # noqa: E402
+from appliance import SOURCE, Appliance, Publisher  # noqa: E402
 
 FAILED, NOTHING, REFUSED = 1, 2, 3
 
@@ -29,15 +30,14 @@ class JsonSchemaTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.source = pathlib.Path(cls.arguments.source)
-        cls.schema = json.loads((cls.source / "packaging/packctl.schema.json").read_text())
+        cls.schema = json.loads((SOURCE / "packaging/packctl.schema.json").read_text())
         cls.folder = cls.enterClassContext(tempfile.TemporaryDirectory())
-        cls.publisher = cls.enterClassContext(Publisher(cls.source, pathlib.Path(cls.folder) / "served"))
+        cls.publisher = cls.enterClassContext(Publisher(pathlib.Path(cls.folder) / "served"))
         cls.addresses = {version: cls.publisher.publish(version, 1) for version in ("1.0", "2.0")}
 
     def setUp(self):
         root = self.enterContext(tempfile.TemporaryDirectory(dir=self.folder))
-        self.appliance = Appliance.lay_out(root, self.arguments.build, self.source)
+        self.appliance = Appliance.lay_out(root, self.arguments.build)
         self.appliance.use_server(self.addresses["1.0"])
 
     @staticmethod
@@ -166,7 +166,7 @@ class JsonSchemaTest(unittest.TestCase):
         self.check("account sign-out", NOTHING)
         self.check("account sign-in", FAILED, "--issuer", "http://accounts.example")
         with subprocess.Popen(
-            [self.appliance.root / "packctl", "account", "sign-in", "--json", "--issuer", issuer],
+            [self.appliance.program("packctl"), "account", "sign-in", "--json", "--issuer", issuer],
             env=self.appliance.environment(),
             stdout=subprocess.PIPE,
             text=True,
@@ -192,7 +192,7 @@ class JsonSchemaTest(unittest.TestCase):
 
     def test_watch(self):
         watch = subprocess.Popen(
-            [self.appliance.root / "packctl", "status", "--watch", "--json"],
+            [self.appliance.program("packctl"), "status", "--watch", "--json"],
             env=self.appliance.environment(),
             stdout=subprocess.PIPE,
             text=True,
@@ -221,13 +221,13 @@ class JsonSchemaTest(unittest.TestCase):
                 done = self.check_state(address, after=done["tag"])
 
     def test_web_that_cannot_start(self):
-        (self.appliance.root / "usr/share/orbamira/web").unlink()
+        shutil.rmtree(self.appliance.root / "usr/share/orbamira/web")
         self.check("web", FAILED)
 
     @contextlib.contextmanager
     def running_web(self):
         web = subprocess.Popen(
-            [self.appliance.root / "packctl", "web", "--json"],
+            [self.appliance.program("packctl"), "web", "--json"],
             env=self.appliance.environment(),
             stdout=subprocess.PIPE,
             text=True,
@@ -251,7 +251,6 @@ class JsonSchemaTest(unittest.TestCase):
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()
-    for name in ("--build", "--source"):
-        parser.add_argument(name, required=True)
+    parser.add_argument("--build", required=True)
     JsonSchemaTest.arguments, rest = parser.parse_known_args()
     unittest.main(argv=[sys.argv[0], "--verbose", *rest])

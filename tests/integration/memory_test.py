@@ -77,13 +77,12 @@ HOSTILE = {
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", required=True, help="build folder whose programs are put to the test")
-    parser.add_argument("--source", required=True, help="the project's folder")
     arguments = parser.parse_args()
     peaks = {}
     with tempfile.TemporaryDirectory(prefix="orbamira-memory-") as name:
         folder = pathlib.Path(name)
-        with Publisher(arguments.source, folder / "published") as publisher:
-            appliance = Appliance.lay_out(folder / "root", arguments.build, arguments.source)
+        with Publisher(folder / "published") as publisher:
+            appliance = Appliance.lay_out(folder / "root", arguments.build)
             for number, (size, payload) in enumerate(SIZES.items(), start=1):
                 appliance.use_server(publisher.publish(f"{number}.0", number, payload))
                 peaks[size] = peak(appliance, folder / "peak")

@@ -107,9 +107,6 @@ class Client {
 class PackctlWebTest : public testing::Test {
  protected:
   PackctlWebTest() {
-    const fs::path share = fs::path(path::kDefaultPkgSetting).parent_path();
-    fs::create_directories(share);
-    fs::create_directory_symlink(ORBAMIRA_TEST_WEB_PAGE, share / "web");
     appliance_.Publish("1.0", "the first codec");
   }
 
@@ -611,7 +608,7 @@ TEST_F(PackctlWebTest, DoesNotStartWithoutWhatItNeeds) {
   EXPECT_THAT(errors({"--port", std::to_string(port_)}), HasSubstr("cannot listen at 127.0.0.1, port "));
   EXPECT_THAT(errors({"--listen", "nas.example"}), HasSubstr("no address to listen at: nas.example"));
   EXPECT_THAT(errors({"--token-file", "/none"}), HasSubstr("cannot read the token file /none"));
-  fs::remove(fs::path(path::kDefaultPkgSetting).parent_path() / "web");
+  fs::remove_all(fs::path(path::kDefaultPkgSetting).parent_path() / "web");
   EXPECT_THAT(errors({}), HasSubstr("cannot read the page "));
   EXPECT_EQ(RunningProgram(Web({"--port", "65536"})).Wait().status, 64);
 }

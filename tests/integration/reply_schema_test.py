@@ -1,6 +1,6 @@
 """The reply's schema, held against what mkpack writes, what mkpack verify says, and what an appliance does.
 
-usage: reply_schema_test.py --build BUILD --source SOURCE
+usage: reply_schema_test.py --build BUILD
 """
 
 import argparse
@@ -14,7 +14,7 @@ import unittest
 import jsonschema
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-from appliance import PACK_NAME, Appliance, Publisher  # noqa: E402
+from appliance import PACK_NAME, SOURCE, Appliance, Publisher  # noqa: E402
 
 AAC_NAME = "orbamira-hevc-aac"
 
@@ -76,15 +76,14 @@ class ReplySchemaTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        source = pathlib.Path(cls.arguments.source)
-        schema = json.loads((source / "packaging/reply.schema.json").read_text())
+        schema = json.loads((SOURCE / "packaging/reply.schema.json").read_text())
         jsonschema.Draft202012Validator.check_schema(schema)
         cls.validator = jsonschema.Draft202012Validator(schema)
         cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
-        cls.publisher = cls.enterClassContext(Publisher(source, cls.folder / "served"))
+        cls.publisher = cls.enterClassContext(Publisher(cls.folder / "served"))
         address = cls.publisher.publish("1.0", 1)
         cls.good = json.loads((cls.folder / "served" / address.rpartition("/")[2]).read_text())
-        sys.path.insert(0, str(source / "tools/mkpack"))
+        sys.path.insert(0, str(SOURCE / "tools/mkpack"))
         sys.dont_write_bytecode = True
         from orbamira_mkpack import reply
 
@@ -105,7 +104,7 @@ class ReplySchemaTest(unittest.TestCase):
     def is_installed(self, text):
         """Whether a fresh appliance installs what the reply offers."""
         root = tempfile.mkdtemp(dir=self.folder)
-        appliance = Appliance.lay_out(root, self.arguments.build, self.arguments.source)
+        appliance = Appliance.lay_out(root, self.arguments.build)
         (self.publisher.folder / "reply.json").write_text(text)
         appliance.use_server(self.publisher.url + "/reply.json")
         done = appliance.packctl("update")
@@ -152,7 +151,6 @@ class ReplySchemaTest(unittest.TestCase):
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()
-    for name in ("--build", "--source"):
-        parser.add_argument(name, required=True)
+    parser.add_argument("--build", required=True)
     ReplySchemaTest.arguments, rest = parser.parse_known_args()
     unittest.main(argv=[sys.argv[0], "--verbose", *rest])

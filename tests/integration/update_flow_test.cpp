@@ -125,7 +125,7 @@ TEST_F(UpdateFlowTest, TheServerIsAskedWithTheSystemsIdentity) {
   ASSERT_THAT(appliance_.server().Requests(), SizeIs(1));
   EXPECT_EQ(appliance_.server().Requests()[0].method, "GET");
   EXPECT_EQ(appliance_.server().Requests()[0].target,
-            "/reply.json?identify=orbamira&unique=kos_ds_1&version=1.0.0&kos_version=7.2-64570");
+            "/reply.json?identify=orbamira&unique=test-appliance&version=1.0.0&kos_version=3.1-1200");
 }
 
 TEST_F(UpdateFlowTest, AnUpgradeTellsPluginsOfBothPacksAndEachStep) {

@@ -22,23 +22,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// What a staged install has under <root>/usr/libexec/orbamira, where the build made it.
-void LinkPrograms() {
-  const std::vector<std::pair<std::string, std::string>> programs = {
-      {ORBAMIRA_TEST_ORBA_ACCOUNT, fs::path(path::kOrbaArchivePath).replace_filename("orba-account")},
-      {ORBAMIRA_TEST_ORBA_COPY, path::kCpPath},
-      {ORBAMIRA_TEST_ORBA_REMOVE, path::kRmPath},
-      {ORBAMIRA_TEST_ORBA_ARCHIVE, path::kOrbaArchivePath},
-      {ORBAMIRA_TEST_ORBA_ARCHIVE, path::kTarPath},
-      {ORBAMIRA_TEST_ORBA_PLUGINS, path::kNotifyPluginPyPath},
-      {ORBAMIRA_TEST_ORBA_PLUGINS, path::kGetAppIdPyPath},
-  };
-  for (const auto& [built, installed] : programs) {
-    fs::create_directories(fs::path(installed).parent_path());
-    fs::create_symlink(built, installed);
-  }
-}
-
 std::string TemporaryName() {
   std::string name = (Root() / "program-XXXXXX").string();
   const int fd = mkostemp(name.data(), O_CLOEXEC);
@@ -48,6 +31,9 @@ std::string TemporaryName() {
   close(fd);
   return name;
 }
+
+// Where the program is that a person starts.
+std::string Program(const std::string& name) { return Root() / "usr/bin" / name; }
 
 fs::path JournalPath() { return Root() / "journal"; }
 
@@ -107,19 +93,14 @@ Appliance::Appliance() : server_([this](const HttpRequest& request) { return Ser
   for (const auto& entry : fs::directory_iterator(Root())) {
     fs::remove_all(entry.path());
   }
-  LinkPrograms();
+  fs::copy(ORBAMIRA_TEST_APPLIANCE, Root(), fs::copy_options::recursive | fs::copy_options::copy_symlinks);
   WriteFile(path::kPkgSetting, std::string(common::kPackUpdateServer) + "=" + server_.Url("/reply.json") + "\n");
-  WriteFile(kPackageInfoPath, "package=orbamira\nversion=1.0.0\n");
-  WriteFile(common::kDefaultOrbaInfoPath, std::string(common::kUnique) + "=kos_ds_1\n");
-  WriteFile(common::kDefaultVersionPath, std::string(common::kMajorVersion) + "=7\n" + common::kMinorVersion + "=2\n" +
-                                             common::kBuildNumber + "=64570\n");
-  fs::create_directories(kTargetFolder);
 }
 
 void Appliance::Publish(const std::string& version, const std::string& payload, const std::string& name) {
   const TempDir folder;
   WriteFile(folder.path() / "payload/codec", payload);
-  RunningProgram mkpack({ORBAMIRA_TEST_MKPACK, "--payload", folder.File("payload"), "--output",
+  RunningProgram mkpack({Program("mkpack"), "--payload", folder.File("payload"), "--output",
                          (Root() / "srv").string(), "--name", name, "--version", version, "--title", "Codec pack",
                          "--base-url", server_.Url("")});
   if (const ProgramResult result = mkpack.Wait(); result.status != 0) {
@@ -128,7 +109,7 @@ void Appliance::Publish(const std::string& version, const std::string& payload, 
 }
 
 std::vector<std::string> Appliance::PackctlCommand(std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), ORBAMIRA_TEST_PACKCTL);
+  arguments.insert(arguments.begin(), Program("packctl"));
   return arguments;
 }
 
@@ -144,7 +125,7 @@ void Appliance::AddPlugin(const std::string& name, const std::string& script) {
 
 void Appliance::AddJournal() {
   AddPlugin("00-journal", "echo \"$2 $6 $4 $8 ${10}\" >> '" + JournalPath().string() +
-                              "'\n" ORBAMIRA_TEST_PACKCTL " status --json >> '" + JournalPath().string() + "'\n");
+                              "'\n'" + Program("packctl") + "' status --json >> '" + JournalPath().string() + "'\n");
 }
 
 std::vector<std::string> Appliance::Journal() {

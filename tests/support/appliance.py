@@ -1,4 +1,7 @@
-"""An appliance in a folder of its own, with the programs of a build, and a server that publishes packs to it."""
+"""An appliance in a folder of its own, installed or with the programs of a build, and a server that publishes packs.
+
+What is not installed is a copy of tests/appliance in the build folder, as of the C++ tests: see appliance.cmake.
+"""
 
 import functools
 import hashlib
@@ -14,8 +17,8 @@ import subprocess
 import threading
 
 PACK_NAME = "orbamira-hevc"
-PROGRAMS = ("orba-archive", "orba-copy", "orba-plugins", "orba-recover", "orba-remove")
-OTHER_NAMES = {"orba-tar": "orba-archive", "notify-plugins": "orba-plugins", "list-app-ids": "orba-plugins"}
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+MKPACK = SOURCE / "tools/mkpack/mkpack"
 
 
 def tree(folder):
@@ -36,11 +39,36 @@ def tree(folder):
     return entries
 
 
+def make_pack(payload, output, version, address, mkpack=MKPACK, **more):
+    """Publishes the payload in the folder `output`, which is served at the address."""
+    options = {"name": PACK_NAME, "title": "HEVC", "payload": payload, "output": output, "version": version, **more}
+    subprocess.run(
+        [mkpack, f"--base-url={address}", *(f"--{name}={value}" for name, value in options.items())],
+        check=True,
+        stdout=subprocess.DEVNULL,
+    )
+
+
+def install(build, root, *options):
+    """Installs the build folder below `root`."""
+    subprocess.run(
+        ["cmake", "--install", build, *options],
+        env={**os.environ, "DESTDIR": str(root)},
+        check=True,
+        stdout=subprocess.DEVNULL,
+    )
+
+
+def unpack(packages, root):
+    """Unpacks all Debian packages of the folder below `root`."""
+    for package in sorted(pathlib.Path(packages).glob("*.deb")):
+        subprocess.run(["dpkg-deb", "-x", package, root], check=True)
+
+
 class Publisher:
     """Makes packs and serves them over HTTP on a free loopback port for as long as it is entered."""
 
-    def __init__(self, source, folder):
-        self.mkpack = pathlib.Path(source) / "tools/mkpack/mkpack"
+    def __init__(self, folder):
         self.folder = pathlib.Path(folder)
         self.payloads = {}
 
@@ -74,27 +102,7 @@ class Publisher:
         (payload / "lib/plugins/table.bin").write_bytes(source.randbytes(3_000))
         (payload / "lib/libcodec.so").symlink_to(f"libcodec0.so.{version}")
         reply = self.folder / f"reply-{version}.json"
-        subprocess.run(
-            [
-                self.mkpack,
-                "--payload",
-                payload,
-                "--output",
-                self.folder,
-                "--name",
-                PACK_NAME,
-                "--version",
-                version,
-                "--title",
-                "HEVC",
-                "--base-url",
-                self.url,
-                "--reply",
-                reply,
-            ],
-            check=True,
-            stdout=subprocess.DEVNULL,
-        )
+        make_pack(payload, self.folder, version, self.url, reply=reply)
         self.payloads[version] = tree(payload)
         return f"{self.url}/{reply.name}"
 
@@ -127,30 +135,36 @@ class Appliance:
         self.broken_status_file = self.root / "var/lib/orbamira/status.json.broken"
 
     @classmethod
-    def lay_out(cls, root, build, source, packctl=True):
+    def lay_out(cls, root, build, packctl=True):
         """A fresh appliance with the programs of the build folder: with packctl, or with a host of the library."""
+        build = pathlib.Path(build).resolve()
+        shutil.copytree(build / "tests/appliance", root, symlinks=True, dirs_exist_ok=True)
         appliance = cls(root)
-        build, source = pathlib.Path(build).resolve(), pathlib.Path(source).resolve()
-        libexec = appliance.root / "usr/libexec/orbamira"
-        share = appliance.root / "usr/share/orbamira"
-        plugins = appliance.root / "usr/lib/orbamira/plugins"
-        settings = appliance.root / "etc/orbamira"
-        for folder in (libexec, share, plugins, settings, appliance.packages, appliance.root / "run/orbamira/lock"):
-            folder.mkdir(parents=True)
-        for program in PROGRAMS:
-            (libexec / program).symlink_to(build / "tools" / program / program)
-        (libexec / "orba-account").symlink_to(build / "tools/orba-account/orba-account")
-        for name, program in OTHER_NAMES.items():
-            (libexec / name).symlink_to(program)
-        if packctl:
-            (appliance.root / "packctl").symlink_to(build / "tools/packctl/packctl")
-        else:
-            (appliance.root / "host").symlink_to(build / "tests/faults/update_host")
-        shutil.copy(build / "packaging/INFO", share / "INFO")
-        (share / "web").symlink_to(source / "tools/packctl/web/page")
-        (settings / "system.conf").write_text('unique="test-appliance"\n')
-        (settings / "version.conf").write_text('major_version="3"\nminor_version="1"\nbuild_number="1200"\n')
+        if not packctl:
+            appliance.program("packctl").unlink()
+            appliance.program("host").symlink_to(build / "tests/faults/update_host")
         return appliance
+
+    @property
+    def libraries(self):
+        """Where the libraries are installed, with what hosts are built with."""
+        return next((self.root / "usr/lib").glob("**/liborbamira_updater.so")).parent
+
+    @property
+    def include_folders(self):
+        """Where the installed headers are."""
+        return [self.root / "usr/include/orbamira", self.libraries / "orbamira/include"]
+
+    def program(self, name):
+        """Where the program is that a person or a timer starts."""
+        return self.root / "usr/bin" / name
+
+    def identify(self, name="test-appliance"):
+        """Gives an installed appliance an identity, which it comes without."""
+        settings = self.root / "etc/orbamira"
+        settings.mkdir(parents=True, exist_ok=True)
+        (settings / "system.conf").write_text(f'unique="{name}"\n')
+        (settings / "version.conf").write_text('major_version="3"\nminor_version="1"\nbuild_number="1200"\n')
 
     def use_server(self, address):
         (self.root / "etc/orbamira/updater.conf").write_text(f'pack_update_server="{address}"\n')
@@ -165,12 +179,12 @@ class Appliance:
 
     def packctl(self, *arguments, wrapper=(), timeout=600):
         """Runs packctl, behind a wrapper command where one is given; returns the completed process."""
-        return self.run("packctl", *arguments, wrapper=wrapper, timeout=timeout)
+        return self.run(self.program("packctl"), *arguments, wrapper=wrapper, timeout=timeout)
 
     def run(self, program, *arguments, wrapper=(), timeout=600):
-        """As above, for packctl or the host."""
+        """As above, for any program of the appliance."""
         return subprocess.run(
-            [*map(str, wrapper), str(self.root / program), *arguments],
+            [*map(str, wrapper), str(program), *arguments],
             env=self.environment(),
             stdin=subprocess.DEVNULL,
             capture_output=True,
@@ -181,7 +195,7 @@ class Appliance:
 
     def expect(self, *arguments, program="packctl"):
         """Runs packctl or the host, which must end with 0."""
-        done = self.run(program, *arguments)
+        done = self.run(self.program(program), *arguments)
         if done.returncode != 0:
             raise RuntimeError(
                 f"{program} {' '.join(arguments)} ended with {done.returncode}: " f"{done.stdout}{done.stderr}"

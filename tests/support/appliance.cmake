@@ -1,0 +1,28 @@
+# The appliance that tests start from, C++ and Python ones: links to what the build makes, in the places of an
+# installation, and the settings of an appliance. A test copies it and has the copy for itself.
+set(appliance ${PROJECT_BINARY_DIR}/tests/appliance)
+set(appliance_programs ${appliance}${CMAKE_INSTALL_PREFIX}/${ORBAMIRA_LIBEXECDIR})
+set(appliance_data ${appliance}${CMAKE_INSTALL_PREFIX}/${ORBAMIRA_DATADIR})
+
+foreach(folder IN ITEMS
+    ${appliance}/usr/bin ${appliance_programs} ${appliance_data} ${appliance}/usr/lib/orbamira/plugins
+    ${appliance}/etc/orbamira ${appliance}/var/lib/orbamira/packages ${appliance}/run/orbamira/lock)
+  file(MAKE_DIRECTORY ${folder})
+endforeach()
+
+foreach(program IN ITEMS orba-account orba-archive orba-copy orba-plugins orba-recover orba-remove)
+  file(CREATE_LINK ${PROJECT_BINARY_DIR}/tools/${program}/${program} ${appliance_programs}/${program} SYMBOLIC)
+endforeach()
+file(CREATE_LINK orba-archive ${appliance_programs}/orba-tar SYMBOLIC)
+file(CREATE_LINK orba-plugins ${appliance_programs}/notify-plugins SYMBOLIC)
+file(CREATE_LINK orba-plugins ${appliance_programs}/list-app-ids SYMBOLIC)
+file(CREATE_LINK ${PROJECT_BINARY_DIR}/tools/packctl/packctl ${appliance}/usr/bin/packctl SYMBOLIC)
+file(CREATE_LINK ${PROJECT_SOURCE_DIR}/tools/mkpack/mkpack ${appliance}/usr/bin/mkpack SYMBOLIC)
+
+foreach(file IN ITEMS page.html page.css page.js)
+  configure_file(${PROJECT_SOURCE_DIR}/tools/packctl/web/page/${file} ${appliance_data}/web/${file} COPYONLY)
+endforeach()
+configure_file(${PROJECT_SOURCE_DIR}/packaging/INFO.in ${appliance_data}/INFO @ONLY)
+file(CONFIGURE OUTPUT ${appliance}/etc/orbamira/system.conf CONTENT "unique=\"test-appliance\"\n")
+file(CONFIGURE OUTPUT ${appliance}/etc/orbamira/version.conf
+  CONTENT "major_version=\"3\"\nminor_version=\"1\"\nbuild_number=\"1200\"\n")
