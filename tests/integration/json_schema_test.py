@@ -80,7 +80,11 @@ class JsonSchemaTest(unittest.TestCase):
             self.assertFalse(validator.is_valid(wrong), f"{name} of another type")
         for name in answer:
             less = {key: value for key, value in answer.items() if key != name}
-            if set(less) != {"command", "result", "error"}:  # which is a whole answer, of a run that did not come to another
+            if set(less) != {
+                "command",
+                "result",
+                "error",
+            }:  # which is a whole answer, of a run that did not come to another
                 self.assertFalse(validator.is_valid(less), f"without {name}")
 
     def test_is_a_schema_of_the_commands_that_there_are(self):

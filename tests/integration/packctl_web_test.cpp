@@ -106,9 +106,7 @@ class Client {
 
 class PackctlWebTest : public testing::Test {
  protected:
-  PackctlWebTest() {
-    appliance_.Publish("1.0", "the first codec");
-  }
+  PackctlWebTest() { appliance_.Publish("1.0", "the first codec"); }
 
   static std::vector<std::string> Web(std::vector<std::string> more = {}) {
     more.insert(more.begin(), {"web", "--json"});

@@ -100,9 +100,8 @@ Appliance::Appliance() : server_([this](const HttpRequest& request) { return Ser
 void Appliance::Publish(const std::string& version, const std::string& payload, const std::string& name) {
   const TempDir folder;
   WriteFile(folder.path() / "payload/codec", payload);
-  RunningProgram mkpack({Program("mkpack"), "--payload", folder.File("payload"), "--output",
-                         (Root() / "srv").string(), "--name", name, "--version", version, "--title", "Codec pack",
-                         "--base-url", server_.Url("")});
+  RunningProgram mkpack({Program("mkpack"), "--payload", folder.File("payload"), "--output", (Root() / "srv").string(),
+                         "--name", name, "--version", version, "--title", "Codec pack", "--base-url", server_.Url("")});
   if (const ProgramResult result = mkpack.Wait(); result.status != 0) {
     throw std::runtime_error("mkpack: " + result.errors);
   }
@@ -124,8 +123,8 @@ void Appliance::AddPlugin(const std::string& name, const std::string& script) {
 }
 
 void Appliance::AddJournal() {
-  AddPlugin("00-journal", "echo \"$2 $6 $4 $8 ${10}\" >> '" + JournalPath().string() +
-                              "'\n'" + Program("packctl") + "' status --json >> '" + JournalPath().string() + "'\n");
+  AddPlugin("00-journal", "echo \"$2 $6 $4 $8 ${10}\" >> '" + JournalPath().string() + "'\n'" + Program("packctl") +
+                              "' status --json >> '" + JournalPath().string() + "'\n");
 }
 
 std::vector<std::string> Appliance::Journal() {
