@@ -1,18 +1,21 @@
 // Runs a program with everything that it starts, numbers every system call by which they change files or make changes
 // durable, and brings a fault about at one of them:
 //
-//   fault_injector [--record FILE] [--at N --fault kill|power|EIO|ENOSPC] [--below FOLDER] -- PROGRAM [ARGUMENT...]
+//   fault_injector [--record FILE] [--at N --fault kill|power|tear|EIO|ENOSPC] [--below FOLDER] -- PROGRAM
+//   [ARGUMENT...]
 //
-// "kill" ends the whole family by SIGKILL in place of the call. "power" does so too and then empties every file below
-// FOLDER that holds data which was not synced. The others make the call fail with that error. The exit status is the
+// "kill" ends the whole family by SIGKILL in place of the call. "power" and "tear" do so too and then take from every
+// file below FOLDER what was not synced. The others make the call fail with that error. The exit status is the
 // program's own, 137 after a kill or a power cut, and 125 when the injector itself failed. FILE gets a line for every
 // numbered call: number, process, system call, path.
 //
 // What a power cut loses here is the worst that a journalling file system with delayed allocation does: of a file
 // written since its last fsync, fdatasync, syncfs or sync nothing remains, whatever names it has by then, its earlier
-// content included. Names, folders and modes are kept as they stand at the cut: a journal keeps their order, so a cut
-// that loses the latest of them is the cut at an earlier call. Not covered: folders on different file systems whose
-// journals reach the disk in another order, blocks written in part, data written through memory maps or O_SYNC.
+// content included. A file that was overwritten since, without a change of its size, has its blocks already: after
+// "power" it holds what was synced, after "tear" the first of its changed sectors is new and the others are old.
+// Names, folders and modes are kept as they stand at the cut: a journal keeps their order, so a cut that loses the
+// latest of them is the cut at an earlier call. Not covered: folders on different file systems whose journals reach
+// the disk in another order, sectors written in part, data written through memory maps or O_SYNC.
 //
 // The calls are seen through ptrace behind a seccomp filter, so that only they stop the family.
 
@@ -31,6 +34,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -41,6 +45,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -112,6 +117,7 @@ struct Fault {
   long at = 0;        // number of the call; 0 for none
   int error = 0;      // what the call fails with; 0 kills
   std::string below;  // where files lose what was not synced; empty when none do
+  bool tear = false;  // whether the first changed sector of a file is not lost
 };
 
 using FileId = std::pair<dev_t, ino_t>;
@@ -119,7 +125,8 @@ using FileId = std::pair<dev_t, ino_t>;
 // The file that a call changes.
 struct Changed {
   std::string path;
-  FileId id;  // of a file named by a descriptor
+  FileId id = {};         // of a file named by a descriptor
+  std::string link = "";  // that leads to it, whatever its name
 };
 
 [[noreturn]] void Fail(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
@@ -141,21 +148,26 @@ std::string ReadText(pid_t process, unsigned long address) {
   return text;
 }
 
-// The files with data that no sync has reached yet.
+std::string ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// The files with data that no sync has reached yet, each with what it held before.
 class UnsyncedFiles {
  public:
-  void Note(Effect effect, const FileId& file) {
+  void Note(Effect effect, const Changed& changed) {
     switch (effect) {
       case Effect::kNone:
         break;
       case Effect::kWrites:
-        files_.insert(file);
+        NoteWrite(changed);
         break;
       case Effect::kSyncsFile:
-        files_.erase(file);
+        files_.erase(changed.id);
         break;
       case Effect::kSyncsFileSystem:
-        std::erase_if(files_, [&](const FileId& other) { return other.first == file.first; });
+        std::erase_if(files_, [&](const auto& file) { return file.first.first == changed.id.first; });
         break;
       case Effect::kSyncsAll:
         files_.clear();
@@ -163,19 +175,44 @@ class UnsyncedFiles {
     }
   }
 
-  // Empties those that still have a name below the folder.
-  void Lose(const std::filesystem::path& folder) const {
+  // From those that still have a name below the folder.
+  void Lose(const std::filesystem::path& folder, bool tear) const {
     for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
       struct stat status {};
-      if (lstat(entry.path().c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
-          files_.contains({status.st_dev, status.st_ino}) && truncate(entry.path().c_str(), 0) != 0) {
-        Fail("truncate");
+      if (lstat(entry.path().c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        continue;
+      }
+      if (const auto file = files_.find({status.st_dev, status.st_ino}); file != files_.end()) {
+        const std::string left = Left(file->second, ReadFile(entry.path()), tear);
+        if (!std::ofstream(entry.path(), std::ios::binary).write(left.data(), std::ssize(left)).flush()) {
+          Fail("write");
+        }
       }
     }
   }
 
  private:
-  std::set<FileId> files_;
+  void NoteWrite(const Changed& changed) {
+    // What is empty was made, or emptied, since: perhaps with the number of a file that is gone.
+    if (!files_.contains(changed.id) || std::filesystem::file_size(changed.link) == 0) {
+      files_[changed.id] = ReadFile(changed.link);
+    }
+  }
+
+  static std::string Left(std::string before, const std::string& now, bool tear) {
+    constexpr std::size_t kSectorSize = 512;
+    if (before.size() != now.size()) {
+      return "";
+    }
+    const auto changed = std::mismatch(before.begin(), before.end(), now.begin());
+    if (tear && changed.first != before.end()) {
+      const auto offset = static_cast<std::size_t>(changed.first - before.begin()) / kSectorSize * kSectorSize;
+      before.replace(offset, kSectorSize, now, offset, kSectorSize);
+    }
+    return before;
+  }
+
+  std::map<FileId, std::string> files_;
 };
 
 class Family {
@@ -203,7 +240,7 @@ class Family {
     ptrace(PTRACE_CONT, leader_, nullptr, 0);
     const int result = Watch();
     if (killed_ && !fault_.below.empty()) {
-      unsynced_.Lose(fault_.below);
+      unsynced_.Lose(fault_.below, fault_.tear);
     }
     return result;
   }
@@ -277,7 +314,7 @@ class Family {
     if (count_ == fault_.at) {
       BringAbout(member, registers);
     } else if (!killed_) {
-      unsynced_.Note(call->second.effect, changed->id);
+      unsynced_.Note(call->second.effect, *changed);
     }
   }
 
@@ -317,13 +354,13 @@ class Family {
         if (path.starts_with("/proc/") || (stat(path.c_str(), &status) == 0 && S_ISCHR(status.st_mode))) {
           return std::nullopt;
         }
-        return Changed{std::move(path), {}};
+        return Changed{std::move(path)};
       }
       case Target::kPath:
       case Target::kPathAt:
-        return Changed{ReadText(member, argument), {}};
+        return Changed{ReadText(member, argument)};
       case Target::kEverything:
-        return Changed{"/", {}};
+        return Changed{"/"};
     }
     return std::nullopt;
   }
@@ -335,7 +372,7 @@ class Family {
     if (stat(link.c_str(), &status) != 0 || !(S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))) {
       return std::nullopt;
     }
-    return Changed{ReadLink(link), {status.st_dev, status.st_ino}};
+    return Changed{ReadLink(link), {status.st_dev, status.st_ino}, link};
   }
 
   static std::string Name(pid_t member) {
@@ -362,14 +399,16 @@ int Inject(int argc, char** argv) {
   Fault fault;
   app.add_option("--record", record_path, "write a line for every numbered call to this file");
   app.add_option("--at", fault.at, "number of the call that the fault hits, from 1");
-  app.add_option("--fault", fault_name, "what happens there")->check(CLI::IsMember({"kill", "power", "EIO", "ENOSPC"}));
-  app.add_option("--below", fault.below, "folder whose files a power cut empties")->check(CLI::ExistingDirectory);
+  app.add_option("--fault", fault_name, "what happens there")
+      ->check(CLI::IsMember({"kill", "power", "tear", "EIO", "ENOSPC"}));
+  app.add_option("--below", fault.below, "folder whose files lose what was not synced")->check(CLI::ExistingDirectory);
   app.add_option("command", command, "absolute path of the program, and its arguments")->required();
   CLI11_PARSE(app, argc, argv);
   if (fault_name == "EIO" || fault_name == "ENOSPC") {
     fault.error = fault_name == "EIO" ? EIO : ENOSPC;
   }
-  if ((fault_name == "power") == fault.below.empty()) {
+  fault.tear = fault_name == "tear";
+  if ((fault.tear || fault_name == "power") == fault.below.empty()) {
     std::cerr << "fault_injector: a power cut, and nothing else, takes --below\n";
     return kExitInjectorFailed;
   }

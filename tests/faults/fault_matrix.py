@@ -8,7 +8,7 @@ start after an upgrade that was killed there.
 
 Each is run once to number its calls. Then, for a call and a fault, the same is run again from the same state with that
 fault: the whole family of processes is killed there, or killed with the loss of all data that was not synced (a power
-cut), or the call fails with EIO or ENOSPC. After it the pack must be whole or absent with the means to go on, and the
+cut; where a file was just overwritten in place also one that tears the write), or the call fails with EIO or ENOSPC. After it the pack must be whole or absent with the means to go on, and the
 status store readable. Recovery, and then what the timers do in two days against the healthy server, must end up to date
 with the right pack and nothing left behind: a check, and an update where the check ended with 0. The host is started
 again and does all of that by itself.
@@ -38,7 +38,8 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support
 from appliance import Appliance, Publisher  # noqa: E402
 
 ERRORS = ("EIO", "ENOSPC")
-FAULTS = ("kill", "power", *ERRORS)
+POWER_CUTS = ("power", "tear")
+FAULTS = ("kill", *POWER_CUTS, *ERRORS)
 OLD, NEW = "1.0.0", "2.0.0"
 INJECTOR_FAILED = 125
 MOST_UNREACHED = 20  # one in so many
@@ -168,7 +169,7 @@ class Matrix:
         with self.appliance_for(case.scenario) as appliance:
             record = appliance.root.with_name(f"{appliance.root.name}.calls")
             wrapper = [self.injector, "--record", record, "--at", case.call, "--fault", case.fault]
-            if case.fault == "power":
+            if case.fault in POWER_CUTS:
                 wrapper += ["--below", appliance.root]
             ended = scenario.run(appliance, *wrapper, "--").returncode
             if ended == INJECTOR_FAILED:
@@ -202,6 +203,26 @@ class Matrix:
 def read_record(record):
     """The numbered calls that the injector wrote down."""
     return [line.split(" ", 3) for line in record.read_text(errors="replace").splitlines()]
+
+
+def with_torn_write(calls):
+    """The numbers of the calls before which something was written in place that no sync has reached."""
+    waiting = set()
+    for number, _, call, path in calls:
+        if waiting:
+            yield int(number)
+        if call == "pwrite64":
+            waiting.add(path)
+        elif call in ("fsync", "fdatasync"):
+            waiting.discard(path)
+        elif call in ("sync", "syncfs"):
+            waiting.clear()
+
+
+def cases_of(scenario, calls):
+    torn = set(with_torn_write(calls))
+    for call in range(1, len(calls) + 1):
+        yield from (Case(scenario, call, fault) for fault in FAULTS if fault != "tear" or call in torn)
 
 
 def report(outcomes, numbered):
@@ -265,12 +286,7 @@ def main():
         matrix = Matrix(arguments.build, folder)
         matrix.prepare(publisher)
         numbered = {scenario: matrix.calls(scenario) for scenario in matrix.scenarios}
-        cases = [
-            Case(scenario, call, fault)
-            for scenario, calls in numbered.items()
-            for call in range(1, len(calls) + 1)
-            for fault in FAULTS
-        ]
+        cases = [case for scenario, calls in numbered.items() for case in cases_of(scenario, calls)]
         if arguments.seconds is not None:
             print(f"a spread of {len(cases)} cases for {arguments.seconds:.0f} s, seed {seed}", flush=True)
         outcomes = []

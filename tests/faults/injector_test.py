@@ -8,6 +8,7 @@ import tempfile
 import unittest
 
 END = "mkdir end"  # where the scripts are struck
+OVERWRITE = "dd of=file bs=4096 status=none conv=notrunc"
 
 
 class InjectorTest(unittest.TestCase):
@@ -38,9 +39,9 @@ class InjectorTest(unittest.TestCase):
             path.rmdir() if path.is_dir() else path.unlink()
         return self.inject(script, "--at", at, "--fault", fault, *options)[0]
 
-    def cut_power(self, script):
+    def cut_power(self, script, fault="power"):
         """Strikes by a power cut; returns what the files hold then."""
-        self.assertEqual(self.strike("power", script, "--below", self.folder), 137)
+        self.assertEqual(self.strike(fault, script, "--below", self.folder), 137)
         self.assertFalse((self.folder / "end").exists())
         return {path.name: path.read_text() for path in self.folder.iterdir()}
 
@@ -91,6 +92,24 @@ class InjectorTest(unittest.TestCase):
         at = next(number for number, _, call, _ in calls if call == "fsync")
         self.inject("echo text > file; sync file", "--at", at, "--fault", "power", "--below", self.folder)
         self.assertEqual((self.folder / "file").read_text(), "")
+
+    def test_a_power_cut_takes_back_what_was_overwritten_in_place(self):
+        script = f"echo text > file; sync file; printf new | {OVERWRITE}"
+        self.assertEqual(self.cut_power(script), {"file": "text\n"})
+        self.assertEqual(self.cut_power(f"{script},fdatasync"), {"file": "newt\n"})
+        self.assertEqual(self.cut_power(f"{script}; echo more >> file"), {"file": ""})
+
+    def test_a_file_that_was_emptied_was_not_overwritten_in_place(self):
+        self.assertEqual(self.cut_power("echo text > file; sync file; echo 1234 > file"), {"file": ""})
+
+    def test_a_torn_write_leaves_its_first_sector(self):
+        script = f"printf %0600d 0 > file; sync file; printf %0600d 1 | tr 01 ab | {OVERWRITE}"
+        self.assertEqual(self.cut_power(script, "tear"), {"file": 512 * "a" + 88 * "0"})
+        self.assertEqual(self.cut_power(script), {"file": 600 * "0"})
+
+    def test_a_torn_write_of_one_sector_is_whole(self):
+        script = f"echo text > file; sync file; printf new | {OVERWRITE}"
+        self.assertEqual(self.cut_power(script, "tear"), {"file": "newt\n"})
 
     def test_files_elsewhere_are_left_alone(self):
         outside = self.folder.with_name("outside")
