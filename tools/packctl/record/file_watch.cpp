@@ -49,9 +49,9 @@ FileWatch::Wake FileWatch::Wait(pollfd other, std::chrono::milliseconds longest)
 void FileWatch::Watch() {
   watched_ = true;
   for (Folder& folder : folders_) {
-    folder.watch = inotify_add_watch(
-        fd_.get(), folder.path.c_str(),
-        IN_MOVED_TO | IN_MOVED_FROM | IN_CLOSE_WRITE | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR);
+    folder.watch = inotify_add_watch(fd_.get(), folder.path.c_str(),
+                                     IN_MOVED_TO | IN_MOVED_FROM | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE |
+                                         IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR);
     watched_ = watched_ && folder.watch >= 0;
   }
 }
