@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -20,6 +21,8 @@
 #include "platform/log.h"
 #include "platform/posix/atomic_file.h"
 #include "platform/posix/older_systems.h"
+#include "platform/posix/sector_file.h"
+#include "platform/posix/sync_folder.h"
 #include "platform/posix/unique_fd.h"
 
 namespace orbamira::store {
@@ -57,9 +60,13 @@ std::optional<Values> Parse(const std::string& text) {
 // Also a link that leads nowhere or round in a circle: the first write puts a file in its place.
 bool IsMissing(int error) { return error == ENOENT || error == ELOOP; }
 
+bool IsSameFile(const struct stat& left, const struct stat& right) {
+  return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
+}
+
 bool IsAt(const std::string& path, const struct stat& status) {
   struct stat now {};
-  return stat(path.c_str(), &now) == 0 && now.st_dev == status.st_dev && now.st_ino == status.st_ino;
+  return stat(path.c_str(), &now) == 0 && IsSameFile(now, status);
 }
 
 // Writes a store's text; kept for the life of a store, because making one takes as long as using it.
@@ -79,20 +86,35 @@ class Formatter {
     }
     std::ostringstream text;
     writer_->write(root, &text);
-    text << '\n';
-    return std::move(text).str();
+    return Padded(std::move(text).str());
   }
 
  private:
+  // With a line's end, and with blanks up to a sector, so that the next text may take its place.
+  static std::string Padded(std::string text) {
+    text.resize(std::max(text.size(), kSectorSize - 1), ' ');
+    return text + '\n';
+  }
+
   std::unique_ptr<Json::StreamWriter> writer_;
+};
+
+// What was last seen of the file. That version is kept open: as long as it is, its inode number belongs to no other
+// file, so a stat that finds the same number finds the same file.
+struct Seen {
+  UniqueFd fd;
+  struct stat status {};  // all zeros, as nothing else is, when the file is missing
+  std::string text;
+  Values values;
+  bool writable = false;  // a file of one sector, open for writing, whose name a power cut cannot take back
 };
 
 }  // namespace
 
-// The file and the content last seen in it. That version is kept open: as long as it is, its inode number belongs to no
-// other file, so a stat that finds the same number finds the same file, and nothing needs to be read. Size and time of
-// change tell of those who write into the file in place, as an administrator's editor may.
-class FileKeyValueStore::File {
+// The file and what was last seen of it. A text that fits into a sector is written in place, so that it costs one flush
+// of the disk; any other, and whatever fails in place, takes the road of a new file. Hidden, as its owner is not: no
+// host relies on it.
+class __attribute__((visibility("hidden"))) FileKeyValueStore::File {
  public:
   explicit File(std::string path) : path_(std::move(path)) {}
 
@@ -102,27 +124,28 @@ class FileKeyValueStore::File {
   /// What the file holds now; empty when it is missing.
   const Values& Read();
 
-  void Replace(Values values, Durability durability);
+  /// With kVisible a power cut may bring back what was there before, until the next write with kDurable.
+  void Write(Values values, Durability durability);
 
  private:
   void Load();
-  void SetAside(UniqueFd broken, const struct stat& status);
+  void TakeIn(UniqueFd fd, const struct stat& status, bool writable);
+  void SetAside(UniqueFd broken, const struct stat& status, std::string text);
   [[nodiscard]] bool MoveAside(const std::string& aside, const struct stat& status) const;
   [[nodiscard]] bool PutEmptyIfMissing();
-  void Remember(UniqueFd fd, const struct stat& status, Values values);
-  void RememberWritten(UniqueFd fd, Values values);
-  [[nodiscard]] bool IsSeen(const struct stat& now) const;
+  void RememberWritten(UniqueFd fd, std::string text, Values values, bool writable);
+  [[nodiscard]] bool IsUnchanged(const struct stat& now) const;
+  [[nodiscard]] bool MayBeOverwritten() const;
+  [[nodiscard]] bool OpenForWriting();
 
   std::string path_;
   Formatter formatter_;
-  UniqueFd seen_;
-  struct stat seen_status_ {};
-  Values values_;
+  Seen seen_;
 };
 
 void FileKeyValueStore::File::MakeIfMissing() {
   Read();
-  if (seen_.valid()) {
+  if (seen_.fd.valid()) {
     return;
   }
   MakeFolderOf(path_);
@@ -136,10 +159,26 @@ const Values& FileKeyValueStore::File::Read() {
   if (stat(path_.c_str(), &now) != 0 && !IsMissing(errno)) {
     Throw(errno, "look at", path_);
   }
-  if (!IsSeen(now)) {
-    Load();
+  if (!IsUnchanged(now)) {
+    if (seen_.writable && IsSameFile(now, seen_.status) && IsSectorFile(now)) {
+      TakeIn(std::move(seen_.fd), now, true);
+    } else {
+      Load();
+    }
   }
-  return values_;
+  return seen_.values;
+}
+
+// Of a file that is written in place the text tells, because two writes within one tick of the clock leave the same
+// times. The times tell of an editor that writes into a larger one, and of a file system that has made a copy for
+// those who write (overlayfs), which our descriptor does not lead to.
+bool FileKeyValueStore::File::IsUnchanged(const struct stat& now) const {
+  const struct stat& then = seen_.status;
+  if (!IsSameFile(now, then) || now.st_size != then.st_size) {
+    return false;
+  }
+  const bool same_time = now.st_ctim.tv_sec == then.st_ctim.tv_sec && now.st_ctim.tv_nsec == then.st_ctim.tv_nsec;
+  return (same_time || seen_.writable) && (!IsSectorFile(now) || HoldsSector(seen_.fd.get(), seen_.text));
 }
 
 void FileKeyValueStore::File::Load() {
@@ -151,22 +190,26 @@ void FileKeyValueStore::File::Load() {
     if (!IsMissing(errno)) {
       Throw(errno, "open", path_);
     }
-    Remember(UniqueFd(), {}, {});
+    seen_ = {};
     return;
   }
   struct stat status {};
   if (fstat(fd.get(), &status) != 0) {
     Throw(errno, "look at", path_);
   }
-  const std::optional<std::string> text = ReadUpTo(fd.get(), kMaxFileSize + 1);
+  TakeIn(std::move(fd), status, false);
+}
+
+void FileKeyValueStore::File::TakeIn(UniqueFd fd, const struct stat& status, bool writable) {
+  std::optional<std::string> text = ReadUnmixed(fd.get(), kMaxFileSize + 1);
   if (std::optional<Values> values = text.has_value() ? Parse(*text) : std::nullopt) {
-    Remember(std::move(fd), status, *std::move(values));
+    seen_ = {std::move(fd), status, *std::move(text), *std::move(values), writable};
   } else {
-    SetAside(std::move(fd), status);
+    SetAside(std::move(fd), status, std::move(text).value_or(""));
   }
 }
 
-void FileKeyValueStore::File::SetAside(UniqueFd broken, const struct stat& status) {
+void FileKeyValueStore::File::SetAside(UniqueFd broken, const struct stat& status, std::string text) {
   if (!IsAt(path_, status)) {
     Load();  // another process has set it aside, and what stands there now is good
     return;
@@ -175,7 +218,7 @@ void FileKeyValueStore::File::SetAside(UniqueFd broken, const struct stat& statu
   if (!MoveAside(aside, status)) {
     ORBAMIRA_LOG_ERROR("Failed to set aside broken store %s: %s", path_.c_str(),
                        std::generic_category().message(errno).c_str());
-    Remember(std::move(broken), status, {});
+    seen_ = {std::move(broken), status, std::move(text), {}, false};
     return;
   }
   if (!IsAt(aside, status)) {
@@ -207,42 +250,61 @@ bool FileKeyValueStore::File::MoveAside(const std::string& aside, const struct s
 
 // Never over a file that another process has put there meanwhile.
 bool FileKeyValueStore::File::PutEmptyIfMissing() {
-  UniqueFd made = MakeFile(path_, formatter_.Format({}), kFileMode);
+  std::string text = formatter_.Format({});
+  UniqueFd made = MakeFile(path_, text, kFileMode);
   if (!made.valid()) {
     return false;
   }
-  RememberWritten(std::move(made), {});
+  RememberWritten(std::move(made), std::move(text), {}, false);
   return true;
 }
 
-void FileKeyValueStore::File::Replace(Values values, Durability durability) {
-  const std::string text = formatter_.Format(values);
+void FileKeyValueStore::File::Write(Values values, Durability durability) {
+  std::string text = formatter_.Format(values);
   if (text.size() > kMaxFileSize) {
     Throw(EFBIG, "write", path_);
   }
-  RememberWritten(ReplaceFile(path_, text, kFileMode, durability), std::move(values));
+  if (text.size() == kSectorSize && MayBeOverwritten() && (seen_.writable || OpenForWriting()) &&
+      OverwriteSector(seen_.fd.get(), seen_.text, text, durability)) {
+    seen_.text = std::move(text);
+    seen_.values = std::move(values);
+    return;
+  }
+  // Durable in any case: who writes in place later relies on the file's name.
+  UniqueFd placed = ReplaceFile(path_, text, kFileMode, Durability::kDurable);
+  const bool writable = text.size() == kSectorSize;
+  RememberWritten(std::move(placed), std::move(text), std::move(values), writable);
 }
 
-void FileKeyValueStore::File::Remember(UniqueFd fd, const struct stat& status, Values values) {
-  seen_ = std::move(fd);
-  seen_status_ = status;
-  values_ = std::move(values);
+// Whether the file differs in nothing but its text from the one that would take its place.
+bool FileKeyValueStore::File::MayBeOverwritten() const {
+  struct stat now {};
+  return seen_.text.size() == kSectorSize && lstat(path_.c_str(), &now) == 0 && IsSameFile(now, seen_.status) &&
+         IsSectorFile(now) && now.st_nlink == 1 && (now.st_mode & 07777) == kFileMode && now.st_uid == geteuid();
+}
+
+// Who may not put a file in this one's place does not change this one either.
+bool FileKeyValueStore::File::OpenForWriting() {
+  UniqueFd fd = OpenFile(path_, O_RDWR | O_NOFOLLOW);
+  struct stat status {};
+  const std::filesystem::path folder = std::filesystem::path(path_).parent_path() / ".";
+  if (!fd.valid() || fstat(fd.get(), &status) != 0 || !IsSameFile(status, seen_.status) ||
+      faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
+    return false;
+  }
+  SyncFolderOf(path_);  // whoever put the file there may have been killed before
+  seen_.fd = std::move(fd);
+  seen_.writable = true;
+  return true;
 }
 
 // Only now: the rename has changed the file's time.
-void FileKeyValueStore::File::RememberWritten(UniqueFd fd, Values values) {
+void FileKeyValueStore::File::RememberWritten(UniqueFd fd, std::string text, Values values, bool writable) {
   struct stat status {};
   if (fstat(fd.get(), &status) != 0) {
     Throw(errno, "look at", path_);
   }
-  Remember(std::move(fd), status, std::move(values));
-}
-
-// A missing file is all zeros, on both sides.
-bool FileKeyValueStore::File::IsSeen(const struct stat& now) const {
-  return now.st_dev == seen_status_.st_dev && now.st_ino == seen_status_.st_ino &&
-         now.st_size == seen_status_.st_size && now.st_ctim.tv_sec == seen_status_.st_ctim.tv_sec &&
-         now.st_ctim.tv_nsec == seen_status_.st_ctim.tv_nsec;
+  seen_ = {std::move(fd), status, std::move(text), std::move(values), writable};
 }
 
 std::unique_ptr<IKeyValueStore> FileKeyValueStore::Create(const std::string& path) {
@@ -271,12 +333,12 @@ std::string FileKeyValueStore::Get(const std::string& key) {
 void FileKeyValueStore::Set(const std::string& key, const std::string& value) {
   Values values = file_->Read();
   values[key] = value;
-  file_->Replace(std::move(values), Durability::kDurable);
+  file_->Write(std::move(values), Durability::kDurable);
 }
 
 void FileKeyValueStore::Clear() {
   file_->Read();  // sets a broken file aside rather than losing it
-  file_->Replace({}, Durability::kVisible);
+  file_->Write({}, Durability::kVisible);
 }
 
 }  // namespace orbamira::store

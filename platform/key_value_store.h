@@ -32,13 +32,17 @@ class ORBAMIRA_EXPORT IKeyValueStore {
   virtual void Clear() = 0;
 };
 
-/// The store as a JSON object of texts in one file, mode 0644. The file is only ever replaced whole, so a reader
-/// without the lock sees one state or the next, never a part. Every operation sees what other processes wrote.
+/// The store as a JSON object of texts in one file, mode 0644. An object that fits into 512 bytes, a sector of the
+/// disk, is padded with blanks to that size and written in place; a larger one becomes a new file in place of the old.
+/// Neither the end of a process nor a power cut leaves a part of either. Every operation sees what other processes
+/// wrote, and with or without the lock one state or the next, never a part. Whoever reads the file by other means takes
+/// the lock: without it a read in the very moment of a write may give the beginning of one state and the end of
+/// another.
 ///
 /// What stands there but is no JSON object of texts, cannot be read to its end or is no file at all (a folder, a pipe)
 /// is renamed to "<name>.broken" in place of what was set aside earlier, logged, and an empty store takes its place. A
 /// file that is only closed to this user stays. All operations throw std::system_error when the file system refuses
-/// them; the file then is as it was.
+/// them; the file then is as it was, but after a failed flush a power cut may bring the refused value to light.
 class ORBAMIRA_EXPORT FileKeyValueStore : public IKeyValueStore {
  public:
   /// The store in the file `path`, which is made with its folder when missing. Empty, with the cause in the log,

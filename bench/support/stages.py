@@ -27,7 +27,7 @@ STAGES = (
     "plugin calls",
     "other",
 )
-_CALLS = "execve,connect,fadvise64,flock,fsync,clone,wait4"
+_CALLS = "execve,connect,fadvise64,flock,fsync,fdatasync,clone,wait4"
 _LINE = re.compile(r"(?P<begin>\d+\.\d+) (?P<call>\w+)\((?P<rest>.*?)(?:<(?P<length>\d+\.\d+)>)?$")
 
 
@@ -69,7 +69,7 @@ def _durations(threads, wall):
             elif written:
                 spent["status writes"] += call.end - lock
                 saved += call.end - lock if to_server[1].begin < lock < body.begin else 0
-        elif call.name == "fsync" and "/status.json." in call.text:
+        elif call.name in ("fsync", "fdatasync") and "/status.json" in call.text:
             written = True
     spent["check"] = to_server[1].begin - to_server[0].begin
     spent["download"] = body.begin - to_server[1].begin - saved

@@ -26,7 +26,7 @@ enum class Durability {
 ///
 /// Two writers at once do not mix their contents; which of them wins is for the caller's lock to decide.
 ///
-/// Returns the new file, still open.
+/// Returns the new file, still open for reading and writing.
 UniqueFd ReplaceFile(const std::string& path, std::string_view content, mode_t mode, Durability durability);
 
 /// As ReplaceFile with kVisible, but never over a file that exists: returns no valid descriptor when there is one.

@@ -75,6 +75,7 @@ class Stage:
     keep: int  # bytes left free at the start of the update
     status: str  # recorded afterwards
     reason: str  # part of what packctl says
+    other_hand: bool = False  # the record was last written by another program, and is not yet overwritten in place
 
 
 STAGES = (
@@ -103,8 +104,10 @@ STAGES = (
         "download_install_failed",
         "Failed to copy extracted pack.",
     ),
+    # A status that is overwritten takes no room.
+    Stage("status write", "var/lib/orbamira", "size=16m", 0, "download_install_failed", "Failed to extract opk "),
     # With no room for a status, the one before is what stays.
-    Stage("status write", "var/lib/orbamira", "size=16m", 0, "need_download", os.strerror(errno.ENOSPC)),
+    Stage("first status write", "var/lib/orbamira", "size=16m", 0, "need_download", os.strerror(errno.ENOSPC), True),
 )
 
 
@@ -129,6 +132,8 @@ class FullDisk:
         folder = appliance.root / stage.folder
         # The old pack, the folder that is unpacked and half of its copy: the copy runs out of directory entries.
         entries = sum(1 for _ in appliance.packages.rglob("*")) + 2
+        if stage.other_hand:
+            appliance.status_file.write_text(json.dumps(json.loads(appliance.status_file.read_text())))
         with small_file_system(folder, stage.options):
             filler = fill(folder, stage.keep)
             spare = folder / "spare"

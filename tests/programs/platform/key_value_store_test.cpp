@@ -3,10 +3,13 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <json/json.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <functional>
@@ -619,6 +622,274 @@ TEST_F(FileKeyValueStoreTest, KeepsClearOfTheStandardStreams) {
     return fcntl(STDIN_FILENO, F_GETFD) == -1 && fcntl(STDOUT_FILENO, F_GETFD) == -1 ? 0 : 2;
   });
   EXPECT_EQ(host.Wait(), 0);
+}
+
+// A text that fits into a sector of the disk is written in place.
+class StoreInPlaceTest : public FileKeyValueStoreTest {
+ protected:
+  [[nodiscard]] std::unique_ptr<IKeyValueStore> OpenWithValue() const {
+    auto store = Open();
+    store->Set("key", "value");
+    return store;
+  }
+
+  [[nodiscard]] struct stat Status() const {
+    struct stat status {};
+    EXPECT_EQ(lstat(path_.c_str(), &status), 0);
+    return status;
+  }
+
+  // The longest value that fits beside the marks of JSON.
+  [[nodiscard]] std::string LongestValue() const {
+    store_->Set("key", "");
+    const std::string text = test::ReadFile(path_);
+    return std::string(text.size() - text.find_last_not_of(" \n") - 2, 'x');
+  }
+
+  // What another process sees of the key when it has set it while these system calls fail; "thrown" when it could
+  // not.
+  std::string SetWhileFailing(const std::vector<int>& calls, const std::string& value) const {
+    test::Forked writer([&] {
+      const auto store = Open();
+      store->Set("other", "1");
+      for (const int call : calls) {
+        test::FailSystemCall(call, EIO);
+      }
+      try {
+        store->Set("key", value);
+        return store->Get("key") == value ? 0 : 1;
+      } catch (const std::system_error&) {
+        return store->Get("key") == "value" ? 2 : 3;
+      }
+    });
+    const int status = writer.Wait();
+    EXPECT_TRUE(status == 0 || status == 2) << status;
+    EXPECT_THAT(FilesInFolder(), ElementsAre("store"));
+    return status == 2 ? "thrown" : Open()->Get("key");
+  }
+
+  const std::unique_ptr<IKeyValueStore> store_ = OpenWithValue();
+  const ino_t file_ = Status().st_ino;
+};
+
+TEST_F(StoreInPlaceTest, SetAndClearKeepTheFileAndItsSize) {
+  store_->Set("other", "1");
+  store_->Clear();
+  store_->Set("key", "2");
+  EXPECT_EQ(Status().st_ino, file_);
+  EXPECT_EQ(Status().st_size, 512);
+  EXPECT_TRUE(test::ReadFile(path_).ends_with(" \n"));
+  EXPECT_EQ(Content()["key"], "2");
+}
+
+TEST_F(StoreInPlaceTest, AnotherObjectAndAnotherProcessGoOnInTheSameFile) {
+  Open()->Set("key", "2");
+  test::Forked other([&] {
+    Open()->Set("other", "3");
+    return 0;
+  });
+  EXPECT_EQ(other.Wait(), 0);
+  EXPECT_EQ(Status().st_ino, file_);
+  EXPECT_EQ(store_->Get("key"), "2");
+  EXPECT_EQ(store_->Get("other"), "3");
+}
+
+// A disk writes a sector whole, but not two of them.
+TEST_F(StoreInPlaceTest, WhatNeedsMoreThanASectorTakesANewFile) {
+  const std::string longest = LongestValue();
+  store_->Set("key", longest);
+  EXPECT_EQ(Status().st_ino, file_);
+  EXPECT_EQ(Status().st_size, 512);
+  store_->Set("key", longest + "x");
+  EXPECT_NE(Status().st_ino, file_);
+  EXPECT_EQ(Status().st_size, 513);
+  EXPECT_EQ(Open()->Get("key"), longest + "x");
+}
+
+TEST_F(StoreInPlaceTest, ALargeFileIsNeverWrittenInPlace) {
+  store_->Set("key", std::string(1000, 'x'));
+  const ino_t large = Status().st_ino;
+  store_->Set("key", "value");
+  const ino_t small = Status().st_ino;
+  EXPECT_NE(small, large);
+  store_->Set("key", "2");
+  EXPECT_EQ(Status().st_ino, small);
+  EXPECT_EQ(Open()->Get("key"), "2");
+}
+
+// Without a flush the value would not outlive a power cut; where the flush fails, a new file may do.
+TEST_F(StoreInPlaceTest, SetThatCannotBeFlushedTakesANewFile) {
+  EXPECT_EQ(SetWhileFailing({SYS_fdatasync}, "2"), "2");
+  EXPECT_NE(Status().st_ino, file_);
+}
+
+TEST_F(StoreInPlaceTest, SetThatCannotBeWrittenTakesANewFile) {
+  EXPECT_EQ(SetWhileFailing({SYS_pwrite64}, "2"), "2");
+  EXPECT_NE(Status().st_ino, file_);
+}
+
+TEST_F(StoreInPlaceTest, SetThatFailsOnEveryRoadLeavesTheOldValue) {
+  EXPECT_EQ(SetWhileFailing({SYS_fdatasync, SYS_fsync}, "2"), "thrown");
+  EXPECT_EQ(Open()->Get("key"), "value");
+  EXPECT_EQ(Status().st_ino, file_);
+}
+
+TEST_F(StoreInPlaceTest, AWriteThatIsCutShortLeavesTheOldValue) {
+  test::Forked writer([&] {
+    const auto store = Open();
+    const rlimit limit{64, 64};
+    if (std::signal(SIGXFSZ, SIG_IGN) == SIG_ERR || setrlimit(RLIMIT_FSIZE, &limit) != 0) {
+      return 1;
+    }
+    try {
+      store->Set("a", "1");  // comes before the key, and so changes more than those 64 bytes
+      return 2;
+    } catch (const std::system_error&) {
+      return store->Get("key") == "value" && !store->Has("a") ? 0 : 3;
+    }
+  });
+  EXPECT_EQ(writer.Wait(), 0);
+  EXPECT_EQ(store_->Get("key"), "value");
+  EXPECT_THAT(FilesInFolder(), ElementsAre("store"));
+}
+
+TEST_F(StoreInPlaceTest, ClearDoesNotWaitForTheDisk) {
+  test::Forked writer([&] {
+    const auto store = Open();
+    store->Set("key", "2");
+    test::FailSystemCall(SYS_fdatasync, EIO);
+    test::FailSystemCall(SYS_fsync, EIO);
+    store->Clear();
+    return 0;
+  });
+  EXPECT_EQ(writer.Wait(), 0);
+  EXPECT_FALSE(store_->Has("key"));
+  EXPECT_EQ(Status().st_ino, file_);
+}
+
+// Who made the file may have died before its name was on the disk.
+TEST_F(StoreInPlaceTest, TheFirstSetOfAnObjectSyncsTheFolder) {
+  test::Forked writer([&] {
+    const auto store = Open();
+    test::FailSystemCall(SYS_fsync, EIO);
+    try {
+      store->Set("key", "2");
+      return 1;
+    } catch (const std::system_error&) {
+      return store->Get("key") == "value" ? 0 : 2;
+    }
+  });
+  EXPECT_EQ(writer.Wait(), 0);
+}
+
+TEST_F(StoreInPlaceTest, ALinkIsReplacedAndNotFollowed) {
+  const std::string target = folder_.File("target");
+  fs::rename(path_, target);
+  fs::create_symlink("target", path_);
+  store_->Set("key", "2");
+  EXPECT_FALSE(fs::is_symlink(path_));
+  EXPECT_EQ(FileKeyValueStore::Create(target)->Get("key"), "value");
+  EXPECT_EQ(Open()->Get("key"), "2");
+}
+
+TEST_F(StoreInPlaceTest, AHardLinkKeepsTheOldValue) {
+  const std::string kept = folder_.File("kept");
+  fs::create_hard_link(path_, kept);
+  store_->Set("key", "2");
+  EXPECT_EQ(FileKeyValueStore::Create(kept)->Get("key"), "value");
+  EXPECT_EQ(Open()->Get("key"), "2");
+}
+
+TEST_F(StoreInPlaceTest, AFileOfAnotherModeIsReplaced) {
+  for (const fs::perms mode : {fs::perms(0600), fs::perms(0666), fs::perms(0755)}) {
+    fs::permissions(path_, mode);
+    store_->Set("key", "2");
+    EXPECT_EQ(fs::status(path_).permissions(), fs::perms(0644));
+  }
+}
+
+TEST_F(StoreInPlaceTest, AFileOfAnotherOwnerIsReplaced) {
+  constexpr uid_t kNobody = 65534;
+  if (chown(path_.c_str(), kNobody, kNobody) != 0) {
+    GTEST_SKIP() << "only root gives a file away";
+  }
+  store_->Set("key", "2");
+  EXPECT_EQ(Status().st_uid, geteuid());
+}
+
+TEST_F(StoreInPlaceTest, WhoMayNotReplaceTheFileDoesNotChangeItEither) {
+  fs::permissions(test::Root(), fs::perms(0711));
+  fs::permissions(folder_.path(), fs::perms(0777));
+  fs::remove(path_);
+  const auto error_of_set = [&](const std::string& value) {
+    test::Forked user([&] {
+      test::BecomeOrdinaryUser();
+      try {
+        Open()->Set("key", value);
+      } catch (const std::system_error& error) {
+        return error.code().value();
+      }
+      return 0;
+    });
+    return user.Wait();
+  };
+  EXPECT_EQ(error_of_set("value"), 0);
+  fs::permissions(folder_.path(), fs::perms(0555));
+  EXPECT_EQ(error_of_set("2"), EACCES);
+  fs::permissions(folder_.path(), fs::perms(0755));
+  EXPECT_EQ(Open()->Get("key"), "value");
+}
+
+TEST_F(StoreInPlaceTest, AFileThatAnotherProcessPutThereIsTheOneThatIsWritten) {
+  test::WriteFile(folder_.File("new"), test::ReadFile(path_));
+  fs::permissions(folder_.File("new"), fs::perms(0644));
+  fs::rename(folder_.File("new"), path_);
+  store_->Set("other", "1");
+  EXPECT_EQ(Open()->Get("other"), "1");
+  EXPECT_EQ(Open()->Get("key"), "value");
+}
+
+// Whoever may read the file may lock it as well.
+TEST_F(StoreInPlaceTest, ALockOnTheFileHoldsNobodyUp) {
+  for (const int operation : {LOCK_SH, LOCK_EX}) {
+    const int file = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(file, operation), 0);
+    const std::string value = std::to_string(operation);
+    store_->Set("key", value);
+    EXPECT_EQ(store_->Get("key"), value);
+    const int other = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(other, operation), 0);
+    EXPECT_EQ(Open()->Get("key"), value);
+    close(other);
+    close(file);
+  }
+}
+
+TEST_F(StoreInPlaceTest, AFileThatCannotBeLockedIsReplaced) {
+  EXPECT_EQ(SetWhileFailing({SYS_flock}, "2"), "2");
+  EXPECT_NE(Status().st_ino, file_);
+}
+
+TEST_F(StoreInPlaceTest, AReaderWithoutTheLockNeverSeesAPart) {
+  const auto read_until_done = [&] {
+    const auto store = Open();
+    for (std::string value; value != "done"; value = store->Get("key")) {
+      if (value.find_first_not_of(value.substr(0, 1)) != std::string::npos || fs::exists(path_ + ".broken")) {
+        return 1;
+      }
+    }
+    return 0;
+  };
+  store_->Set("key", std::string(400, 'a'));
+  test::Forked one(read_until_done);
+  test::Forked two(read_until_done);
+  for (int i = 0; i < 300; ++i) {
+    store_->Set("key", std::string(400, static_cast<char>('a' + i % 2)));
+  }
+  store_->Set("key", "done");
+  EXPECT_EQ(one.Wait(), 0);
+  EXPECT_EQ(two.Wait(), 0);
+  EXPECT_THAT(FilesInFolder(), ElementsAre("store"));
 }
 
 }  // namespace
