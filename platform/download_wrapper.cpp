@@ -125,8 +125,8 @@ class Run {
         failed = 0;
       }
       if (++failed > policy_.resumes) {
-        throw DownloadFailure(ShownLink(link_) + ": " + reason_ + "; got " + Got() + ", taken up " +
-                                  std::to_string(policy_.resumes) + " times without getting on",
+        throw DownloadFailure(ShownLink(link_) + ": " + reason_ + "; got " + Got() + ", resumed " +
+                                  std::to_string(policy_.resumes) + " times without progress",
                               __FILE_NAME__, __LINE__);
       }
       policy_.wait(WaitBefore(failed));

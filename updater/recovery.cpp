@@ -95,7 +95,7 @@ class Recovery {
   void EndRemovals() {
     Step("end removals", [this] {
       for (const fs::path& folder : FoldersOfRemovals()) {
-        RemoveMatching(folder, "the rest of a removal", IsHalfRemoved);
+        RemoveMatching(folder, "the rest of an interrupted removal", IsHalfRemoved);
       }
     });
   }
@@ -110,7 +110,7 @@ class Recovery {
     }
   }
 
-  void Did(const std::string& what) {
+  void ReportDone(const std::string& what) {
     report_.done.push_back(what);
     ORBAMIRA_LOG_INFO("Recovery: %s", what.c_str());
   }
@@ -118,7 +118,7 @@ class Recovery {
   void Remove(const fs::path& path, const std::string& what) {
     if (Exists(path)) {
       RemoveAtOnce(path);
-      Did("removed " + what + " " + path.string());
+      ReportDone("removed " + what + " " + path.string());
     }
   }
 
@@ -130,7 +130,7 @@ class Recovery {
       if (const int made = wrapper::OrbaSDKWrapper().MakeDirectory(folder); made < 0) {
         ThrowErrno(folder, -made);
       }
-      Did("made the missing folder " + folder.string());
+      ReportDone("created the missing folder " + folder.string());
     }
   }
 
@@ -143,7 +143,7 @@ class Recovery {
       if (IsPack(backup)) {
         fs::rename(backup, pack);
         SyncFolderOf(pack);
-        Did("brought the previous pack back to " + pack.string());
+        ReportDone("restored the previous pack to " + pack.string());
       }
     }
     Remove(backup, "the pack's backup");
@@ -223,7 +223,7 @@ class Recovery {
     } else {
       helper.SetAsDownloadInstallFailed();
     }
-    Did("changed the recorded status from " + instead_of + " to " + Text(*status_));
+    ReportDone("changed the recorded status from " + instead_of + " to " + Text(*status_));
   }
 
   // Keeps a package that waits to be installed. When the status is not known, the package may be waiting.

@@ -49,7 +49,7 @@ std::optional<std::string> ReadAccountFile() {
     ThrowAboutFile("is not a regular file");
   }
   if ((status.st_mode & kOthers) != 0) {
-    ThrowAboutFile("is open to others than its owner; its mode must be 0600");
+    ThrowAboutFile("is accessible to users other than its owner; its mode must be 0600");
   }
   if (const std::string reason = WhyDistrusted(status, Self(), "it"); !reason.empty()) {
     ThrowAboutFile("is not used: " + reason);
@@ -82,7 +82,7 @@ std::size_t Checked(std::size_t size) {
 ReservedFile Reserve(std::size_t size) try {
   return {path::kAccountFile, Checked(size)};
 } catch (const std::system_error& error) {
-  throw ZeloException(std::string("new tokens could not be kept: ") + error.what());
+  throw ZeloException(std::string("new tokens could not be stored: ") + error.what());
 }
 
 }  // namespace
@@ -109,7 +109,7 @@ void AccountRoom::Write(const Json::Value& account) try {
   Checked(text.size());
   file_.Replace(text, S_IRUSR | S_IWUSR);
 } catch (const std::system_error& error) {
-  throw ZeloException(std::string("the provider's new tokens could not be kept: ") + error.what());
+  throw ZeloException(std::string("the provider's new tokens could not be stored: ") + error.what());
 }
 
 void RemoveAccount() {

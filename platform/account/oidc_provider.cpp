@@ -102,7 +102,7 @@ Reply Ask(const std::string& url, const ProviderLimits& limits, const std::optio
     throw ZeloException("the provider's answer is over " + std::to_string(kReplyLimit) + " bytes");
   }
   if (response.error) {
-    throw ZeloException("the provider cannot be asked: " + response.error.message);
+    throw ZeloException("the request to the provider failed: " + response.error.message);
   }
   return {response.status_code, std::move(response.text), DateOf(response.header)};
 }
@@ -148,7 +148,7 @@ IssuedTokens RequestTokens(const std::string& endpoint, const cpr::Payload& form
   }
   const Json::Value refresh_token = tokens->get("refresh_token", "");
   if (!refresh_token.isString() || !IsToken(refresh_token.asString())) {
-    throw ZeloException("the provider's refresh token is not one that can be kept");
+    throw ZeloException("the provider's refresh token is malformed or too long");
   }
   return {TextOf((*tokens)["id_token"]), refresh_token.asString(), TextOf((*tokens)["access_token"]), reply.date};
 }
@@ -172,7 +172,7 @@ Json::Value DiscoverProvider(const std::string& issuer, const ProviderLimits& li
   // provider could put a token there.
   if (const std::string name = TextOf((*configuration)["issuer"]); name != issuer) {
     const bool but_for_slash = name == issuer + "/" || name + "/" == issuer;
-    throw ZeloException("the provider's configuration is of another issuer than " + issuer +
+    throw ZeloException("the provider's configuration is from another issuer than " + issuer +
                         (but_for_slash ? ": it names itself " + name : ""));
   }
   return *std::move(configuration);

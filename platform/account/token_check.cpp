@@ -59,18 +59,18 @@ IdToken CheckIdToken(const std::string& text, const TokenExpectation& expected, 
   const Json::Value& claims = parts->claims;
   IdToken token = ReadClaims(claims);
   if (token.issuer != expected.issuer) {
-    throw ZeloException("the identity token is of another issuer than " + expected.issuer);
+    throw ZeloException("the identity token is from another issuer than " + expected.issuer);
   }
   CheckAudience(claims, token, expected.client_id);
   const bool may_lack_nonce = expected.is_renewal && !claims.isMember("nonce");
   if (!may_lack_nonce && TextOf(claims["nonce"]) != expected.nonce) {
-    throw ZeloException("the identity token is not of this sign-in: its nonce is another");
+    throw ZeloException("the identity token is for another sign-in: its nonce does not match");
   }
   if (token.subject.empty() || token.subject.size() > kLongestSubject) {
     throw ZeloException("the identity token names no user");
   }
   if (!expected.subject.empty() && token.subject != expected.subject) {
-    throw ZeloException("the identity token is of another user than the one who is signed in");
+    throw ZeloException("the identity token is for another user than the one who is signed in");
   }
   if (claims.isMember("at_hash") &&
       TextOf(claims["at_hash"]) != HalfHash(expected.access_token, HashOf(TextOf(parts->header["alg"])))) {

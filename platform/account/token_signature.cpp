@@ -197,7 +197,7 @@ void CheckSignature(const JsonWebToken& token, const KeySource& keys) {
   }
   // RFC 7515, section 4.1.11: a token with an extension that we do not know must be refused.
   if (token.header.isMember("crit")) {
-    throw ZeloException("the identity token asks for an extension that is not known here");
+    throw ZeloException("the identity token needs an extension that is not supported");
   }
   const std::string key_id = TextOf(token.header["kid"]);
   std::vector<Json::Value> fitting = FittingKeys(keys(), *algorithm, key_id);

@@ -412,7 +412,7 @@ std::vector<Misbehaviour> MisbehavioursOfThePackage() {
                    .slow = true,
                    .attempts = 2});
   }
-  const std::string gave_up = "taken up 5 times without getting on";
+  const std::string gave_up = "resumed 5 times without progress";
   const std::vector<Misbehaviour> others = {
       {.name = "PackageNeverComes",
        .package = Always([](HttpResponse& response) { response.silent = true; }),

@@ -384,7 +384,7 @@ TEST_F(PackctlAccountTest, SignInNeedsAnIssuerThatIsSafe) {
 
 TEST_F(PackctlAccountTest, SignInNeedsTheIssuerAsTheProviderNamesItself) {
   provider_.configuration["issuer"] = provider_.issuer() + "/";
-  EXPECT_EQ(FailureBeforeSignIn(), "packctl: the provider's configuration is of another issuer than " +
+  EXPECT_EQ(FailureBeforeSignIn(), "packctl: the provider's configuration is from another issuer than " +
                                        provider_.issuer() + ": it names itself " + provider_.issuer() + "/\n");
 }
 
@@ -392,13 +392,13 @@ TEST_F(PackctlAccountTest, SignInTellsThatTheProviderIsDown) {
   const test::RefusingPort port;
   const ProgramResult result = Appliance::Packctl({"account", "sign-in", "--issuer", port.Url("")});
   EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.errors, StartsWith("packctl: the provider cannot be asked: "));
+  EXPECT_THAT(result.errors, StartsWith("packctl: the request to the provider failed: "));
 }
 
 TEST_F(PackctlAccountTest, SignInTellsThatTheProviderWentDownMeanwhile) {
   const test::RefusingPort port;
   provider_.configuration["token_endpoint"] = port.Url("/token");
-  EXPECT_THAT(FailureOfSignIn(), StartsWith("the provider cannot be asked: "));
+  EXPECT_THAT(FailureOfSignIn(), StartsWith("the request to the provider failed: "));
 }
 
 TEST_F(PackctlAccountTest, SignInTellsThatTheProviderRefusesTheCode) {
@@ -414,13 +414,13 @@ TEST_F(PackctlAccountTest, SignInTellsTheProvidersError) {
 
 TEST_F(PackctlAccountTest, SignInRefusesTheAnswerOfAnotherIssuer) {
   provider_.callback = {{"code", "x"}, {"iss", "https://other.example"}};
-  EXPECT_EQ(FailureOfSignIn(), "the answer is of another issuer than " + provider_.issuer());
+  EXPECT_EQ(FailureOfSignIn(), "the answer is from another issuer than " + provider_.issuer());
   EXPECT_EQ(provider_.TokenRequests(), 0U);
 }
 
 TEST_F(PackctlAccountTest, SignInMissesTheIssuerThatTheProviderPromisedToName) {
   provider_.configuration["authorization_response_iss_parameter_supported"] = true;
-  EXPECT_EQ(FailureOfSignIn(), "the answer is of another issuer than " + provider_.issuer());
+  EXPECT_EQ(FailureOfSignIn(), "the answer is from another issuer than " + provider_.issuer());
 }
 
 TEST_F(PackctlAccountTest, SignInRefusesATokenSignedWithAnotherKey) {
@@ -467,7 +467,7 @@ TEST_F(PackctlAccountTest, SignInTellsThatTheKeysCannotBeHad) {
 
 TEST_F(PackctlAccountTest, SignInRefusesATokenOfAnotherSignIn) {
   provider_.token_change = [](Json::Value& /*header*/, Json::Value& claims) { claims["nonce"] = "another"; };
-  EXPECT_EQ(FailureOfSignIn(), "the identity token is not of this sign-in: its nonce is another");
+  EXPECT_EQ(FailureOfSignIn(), "the identity token is for another sign-in: its nonce does not match");
 }
 
 TEST_F(PackctlAccountTest, SignInTellsAClockThatIsAnHourAheadFromAnExpiredToken) {

@@ -141,7 +141,7 @@ TEST_F(PackctlHistoryTest, AFailedUpdateTellsThatTheOldPackIsBack) {
   EXPECT_EQ(update["from"], Pack("orbamira-hevc", "1.0"));
   EXPECT_EQ(update["to"], Pack("orbamira-hevc", "1.0"));
   EXPECT_EQ(update["status"], "download_install_failed");
-  EXPECT_THAT(update["errors"].toStyledString(), HasSubstr("Recovery: brought the previous pack back"));
+  EXPECT_THAT(update["errors"].toStyledString(), HasSubstr("Recovery: restored the previous pack"));
 }
 
 TEST_F(PackctlHistoryTest, LimitGivesTheNewest) {

@@ -513,7 +513,7 @@ TEST_F(PackctlTest, AFailedInstallBringsThePreviousPackBack) {
   const ProgramResult result = Run({"update", "--verbose"});
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.errors, HasSubstr("Failed to untar archive"));
-  EXPECT_THAT(result.errors, HasSubstr("Recovery: brought the previous pack back"));
+  EXPECT_THAT(result.errors, HasSubstr("Recovery: restored the previous pack"));
   EXPECT_THAT(result.errors, HasSubstr("packctl: the update failed; the recorded status is download_install_failed\n"));
   EXPECT_THAT(result.errors, EndsWith(". Version 1.0 stays installed. Run: sudo packctl doctor\n"));
   EXPECT_EQ(Appliance::InstalledPayload(), "one");

@@ -97,7 +97,7 @@ std::string CodeOf(const std::optional<AuthorizationAnswer>& answer, const SignI
     throw SignInError("no answer came within " + std::to_string(timeout) + " seconds");
   }
   if (answer->issuer.empty() ? provider.names_itself : answer->issuer != provider.issuer) {
-    throw SignInError("the answer is of another issuer than " + provider.issuer);
+    throw SignInError("the answer is from another issuer than " + provider.issuer);
   }
   if (!answer->error.empty()) {
     constexpr std::size_t kLongest = 200;

@@ -167,7 +167,7 @@ void ArchiveReader::CheckEnd() {
     }
   }
   if (end_of_data_ > end) {
-    throw std::runtime_error("data behind the end of the archive");
+    throw std::runtime_error("data after the end of the archive");
   }
   if (fed_ < end + kEndMark) {
     throw std::runtime_error("truncated archive");

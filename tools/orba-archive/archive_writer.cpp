@@ -48,7 +48,7 @@ class Collector {
     static_cast<void>(SplitMemberName(name));  // refuses what could not be unpacked
     const mode_t type = StatName(folder_, name, name).st_mode & S_IFMT;
     if (layer_ == Layer::kPackage && (type != S_IFREG || name.find('/') != std::string::npos)) {
-      throw std::runtime_error(name + ": a package holds only files at its top");
+      throw std::runtime_error(name + ": a package contains only files at the top level");
     }
     if (type != S_IFREG && type != S_IFDIR && type != S_IFLNK) {
       throw std::runtime_error(name + ": neither a file, a folder nor a symbolic link");

@@ -106,7 +106,7 @@ void Extractor::PlaceHardLink(const Member& member, int parent, const std::strin
   }
   const std::string file(parts.back());
   if (!files_.contains(StatName(at, file, member.target).st_ino)) {
-    throw std::runtime_error("a link to a file that is not of this archive");
+    throw std::runtime_error("a link to a file that is not in this archive");
   }
   budget_.Take(0);
   if (linkat(at, file.c_str(), parent, name.c_str(), 0) != 0) {

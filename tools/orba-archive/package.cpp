@@ -25,7 +25,7 @@ using OpenFile = std::function<UniqueFd(const std::string& name, const Member& m
 std::string FileName(const Member& member) {
   const std::vector<std::string_view> parts = SplitMemberName(member.name);
   if (member.kind != Member::Kind::kFile || parts.size() != 1) {
-    throw std::runtime_error("a package holds only files at its top");
+    throw std::runtime_error("a package contains only files at the top level");
   }
   return std::string(parts.front());
 }
@@ -66,7 +66,7 @@ class PackageReader {
   void TakeMember(const std::string& name, const Member& member) {
     listed_ += kManifestLineSize + member.name.size();
     if (listed_ > kMaxTextSize) {
-      throw std::runtime_error("one member more than a manifest can list");
+      throw std::runtime_error("more members than a manifest can list");
     }
     const auto [entry, is_new] = contents_.digests.try_emplace(member.name);
     if (!is_new) {

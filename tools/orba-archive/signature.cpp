@@ -69,7 +69,7 @@ void CheckMembers(const Digests& members, const Digests& listed) {
       throw std::runtime_error(name + ": not in MANIFEST");
     }
     if (entry->second != digest) {
-      throw std::runtime_error(name + ": not what MANIFEST says");
+      throw std::runtime_error(name + ": does not match MANIFEST");
     }
   }
   for (const auto& [name, digest] : listed) {
@@ -97,14 +97,14 @@ Owned<X509_STORE, X509_STORE_free> LoadKeyring(const std::string& path) {
   for (int i = 0; i < sk_X509_INFO_num(infos.get()); ++i) {
     const X509_INFO* info = sk_X509_INFO_value(infos.get(), i);
     if (!IsCertificateAlone(*info)) {
-      throw std::runtime_error(path + ": something other than certificates in it");
+      throw std::runtime_error(path + ": contains something other than certificates");
     }
     if (X509_STORE_add_cert(store.get(), info->x509) != 1) {
       ThrowLibraryError(path);
     }
   }
   if (sk_X509_INFO_num(infos.get()) == 0) {
-    throw std::runtime_error(path + ": no certificate in it");
+    throw std::runtime_error(path + ": contains no certificate");
   }
   X509_VERIFY_PARAM* rules = X509_STORE_get0_param(store.get());
   X509_VERIFY_PARAM_set_flags(rules, X509_V_FLAG_PARTIAL_CHAIN);
@@ -122,7 +122,7 @@ Owned<BIO, BIO_free> TextSource(const std::string& text) {
 void CheckSigners(CMS_ContentInfo* message) {
   STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(message);
   if (signers == nullptr || sk_CMS_SignerInfo_num(signers) < 1) {
-    throw std::runtime_error("MANIFEST.sig: signed by nobody");
+    throw std::runtime_error("MANIFEST.sig: has no signer");
   }
   for (int i = 0; i < sk_CMS_SignerInfo_num(signers); ++i) {
     X509_ALGOR* algorithm = nullptr;

@@ -468,7 +468,7 @@ class MkpackSigningTest(MkpackTest):
         self.assertEqual([], os.listdir(self.output))
 
     def test_file_without_certificate_is_refused(self):
-        self.assert_fails(f"mkpack: {self.key}: there is no certificate in it\n", sign_key=self.key, sign_cert=self.key)
+        self.assert_fails(f"mkpack: {self.key}: it contains no certificate\n", sign_key=self.key, sign_cert=self.key)
         missing = self.top / "missing"
         self.assert_fails(f"mkpack: {missing}: {os.strerror(errno.ENOENT)}\n", sign_key=self.key, sign_cert=missing)
 

@@ -315,7 +315,7 @@ class VerifyPackageTest(PublishedTest):
 
     def test_with_members_that_have_no_place(self):
         begin = [("INFO", info_text()), ("package.tgz", self.good)]
-        only = "a package holds only files at its top"
+        only = "a package contains only files at the top level"
         self.assert_refused(tar([*begin, ("lib/a", b"")]), f"lib/a: {only}")
         self.assert_refused(tar([*begin, member("lib", tarfile.DIRTYPE)]), f"lib: {only}")
         self.assert_refused(tar([*begin, member("a", tarfile.SYMTYPE, "INFO")]), f"a: {only}")
@@ -330,8 +330,8 @@ class VerifyPackageTest(PublishedTest):
         end = len(whole.rstrip(b"\0")) + 511 & ~511
         self.assert_refused(whole[: end + 512], "truncated archive")
         self.assert_refused(whole[:1600], "package.tgz: damaged archive: ", words=ANY)
-        self.assert_refused(whole + b"x", "damaged, or data behind the end of the archive")
-        self.assert_refused(whole[:1024] + b"x" + whole[1025:], "damaged, or data behind the end of the archive")
+        self.assert_refused(whole + b"x", "damaged, or data after the end of the archive")
+        self.assert_refused(whole[:1024] + b"x" + whole[1025:], "damaged, or data after the end of the archive")
         self.assert_refused(b"x" * 10240, "damaged archive: ", words=ANY)
 
     def test_whose_payload_is_damaged(self):
@@ -536,7 +536,7 @@ class VerifySignatureTest(VerifyTest):
             members["INFQ"] = members["INFO"]
 
         file = self.repack(change)
-        problem = self.refused(file, "INFO is not what MANIFEST says")
+        problem = self.refused(file, "INFO does not match MANIFEST")
         self.assert_finding(HEVC, problem)
 
         def resign(members):
@@ -549,15 +549,15 @@ class VerifySignatureTest(VerifyTest):
 
     def test_altered_member(self):
         file = self.repack(lambda members: members.update(INFO=info_text() + b"\n"))
-        self.assert_finding(HEVC, self.refused(file, "INFO is not what MANIFEST says"))
+        self.assert_finding(HEVC, self.refused(file, "INFO does not match MANIFEST"))
 
     def test_altered_payload(self):
         file = self.repack(lambda members: members.update({"package.tgz": gzip.compress(tar([("has_hevc", b"")]))}))
-        self.assert_finding(HEVC, self.refused(file, "package.tgz is not what MANIFEST says"))
+        self.assert_finding(HEVC, self.refused(file, "package.tgz does not match MANIFEST"))
 
     def test_member_that_is_not_listed(self):
         file = self.repack(lambda members: members.update(more=b""))
-        self.assert_finding(HEVC, self.refused(file, "more is not what MANIFEST says"))
+        self.assert_finding(HEVC, self.refused(file, "more does not match MANIFEST"))
 
     def test_listed_member_that_is_missing(self):
         line = f"{hashlib.sha256(b'').hexdigest()}  more\n".encode()
@@ -731,10 +731,10 @@ class VerifyUsageTest(VerifyTest):
         option = self.top, "--keyring", keyring
         self.assert_usage(f"argument --keyring: {keyring}: {os.strerror(errno.ENOENT)}", *option)
         keyring.write_text("")
-        self.assert_usage(f"argument --keyring: {keyring}: there is no certificate in it", *option)
+        self.assert_usage(f"argument --keyring: {keyring}: it contains no certificate", *option)
         authority = Authority(self.top)
         keyring.write_bytes((authority.folder / "ca.pem").read_bytes() + (authority.folder / "ca.key").read_bytes())
-        self.assert_usage(f"argument --keyring: {keyring}: there is something other than certificates in it", *option)
+        self.assert_usage(f"argument --keyring: {keyring}: it contains something other than certificates", *option)
 
     def test_address_must_be_one(self):
         message = "argument --base-url: 'x' is no http or https address of a folder"

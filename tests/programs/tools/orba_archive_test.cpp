@@ -368,10 +368,10 @@ TEST_F(OrbaArchiveTest, RefusesHardLinksButToItsOwnFiles) {
   WriteFile(out_ / "INFO", "before");
   ExpectPayloadRefused(Tar().HardLink("a", "../canary"), "a name with \"..\"");
   ExpectPayloadRefused(Tar().HardLink("a", (folder_.path() / "canary").string()), "not a relative name");
-  ExpectPayloadRefused(Tar().HardLink("a", "INFO"), "a link to a file that is not of this archive");
+  ExpectPayloadRefused(Tar().HardLink("a", "INFO"), "a link to a file that is not in this archive");
   ExpectPayloadRefused(Tar().HardLink("a", "missing"), "a: " + test::ErrorText(ENOENT));
-  ExpectPayloadRefused(Tar().Symlink("s", "INFO").HardLink("a", "s"), "a link to a file that is not of this archive");
-  ExpectPayloadRefused(Tar().Folder("d").HardLink("a", "d"), "a link to a file that is not of this archive");
+  ExpectPayloadRefused(Tar().Symlink("s", "INFO").HardLink("a", "s"), "a link to a file that is not in this archive");
+  ExpectPayloadRefused(Tar().Folder("d").HardLink("a", "d"), "a link to a file that is not in this archive");
   ExpectPayloadRefused(Tar().HardLink("a", "."), "a link to no file");
   EXPECT_FALSE(fs::exists(out_ / "a"));
   const ProcessResult result = UnpackPayload(Tar().File("x/y").HardLink("z/b", "x/y"));
@@ -402,7 +402,7 @@ TEST_F(OrbaArchiveTest, NeverOverwritesWhatIsThere) {
 }
 
 TEST_F(OrbaArchiveTest, RefusesAnythingButFilesAtThePackagesTop) {
-  const std::string reason = "a package holds only files at its top";
+  const std::string reason = "a package contains only files at the top level";
   ExpectPackageRefused(Tar().Folder("dir"), reason);
   ExpectPackageRefused(Tar().Folder("./"), reason);
   ExpectPackageRefused(Tar().File("dir/INFO"), reason);
@@ -500,7 +500,7 @@ TEST_F(OrbaArchiveTest, BoundsWhatAPackageTakesOfMemory) {
   for (int i = 0; i < 16'000; ++i) {
     many.File(std::to_string(i), "");
   }
-  refused(many, "one member more than a manifest can list");
+  refused(many, "more members than a manifest can list");
   Tar headers;
   for (int i = 0; i < 700; ++i) {
     headers.Extended({{"comment", std::string(50'000, 'c')}}).File(std::to_string(i), "");
@@ -694,11 +694,11 @@ TEST_F(OrbaArchiveTest, RefusesDataBehindTheEnd) {
     ExpectRefused(program, bytes, reason);
     fs::remove(out_ / "f");
   };
-  refused(Program::kArchive, tar + more, "data behind the end of the archive");
-  refused(Program::kArchive, tar + std::string(500'000, '\0') + "x", "data behind the end of the archive");
+  refused(Program::kArchive, tar + more, "data after the end of the archive");
+  refused(Program::kArchive, tar + std::string(500'000, '\0') + "x", "data after the end of the archive");
   refused(Program::kArchive, Tar().File("f").WithoutEnd() + std::string(512, '\0') + more,
-          "data behind the end of the archive");
-  refused(Program::kTar, Gzip(tar + more), "data behind the end of the archive");
+          "data after the end of the archive");
+  refused(Program::kTar, Gzip(tar + more), "data after the end of the archive");
   refused(Program::kTar, Gzip(tar) + "x", "truncated gzip data");
   refused(Program::kTar, Gzip(tar) + std::string(1, '\0'), "truncated gzip data");
   refused(Program::kTar, Gzip(tar) + std::string(512, '\0'), "damaged gzip data");
@@ -890,9 +890,9 @@ TEST_F(OrbaArchiveTest, CreatingRefusesWhatCouldNotBeUnpacked) {
     EXPECT_TRUE(result.Exited(1)) << result;
     EXPECT_THAT(result.err, HasSubstr(reason));
   };
-  refused(Program::kArchive, "dir", "dir: a package holds only files at its top");
-  refused(Program::kArchive, ".", "a package holds only files at its top");
-  refused(Program::kArchive, "dir/file", "a package holds only files at its top");
+  refused(Program::kArchive, "dir", "dir: a package contains only files at the top level");
+  refused(Program::kArchive, ".", "a package contains only files at the top level");
+  refused(Program::kArchive, "dir/file", "a package contains only files at the top level");
   refused(Program::kTar, "dir", "dir/fifo: neither a file, a folder nor a symbolic link");
   refused(Program::kTar, "../canary", "a name with \"..\"");
   refused(Program::kTar, "missing", "missing: " + test::ErrorText(ENOENT));

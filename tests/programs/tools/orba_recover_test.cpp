@@ -36,7 +36,7 @@ TEST_F(OrbaRecoverTest, BringsTheOldPackBackAndSaysSo) {
   WriteFile(backup / "INFO", "version=1\n");
   const ProcessResult first = Recover();
   EXPECT_TRUE(first.Exited(0)) << first;
-  EXPECT_THAT(first.out, StartsWith(std::string("brought the previous pack back to ") + path::kPackFolderPath + "\n"));
+  EXPECT_THAT(first.out, StartsWith(std::string("restored the previous pack to ") + path::kPackFolderPath + "\n"));
   EXPECT_TRUE(fs::exists(path::kPackInfoPath));
   const ProcessResult second = Recover();
   EXPECT_TRUE(second.Exited(0));

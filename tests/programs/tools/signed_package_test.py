@@ -297,13 +297,13 @@ class SignedPackageTest(unittest.TestCase):
         self.trust("ca")
         message = self.authority.openssl("crl2pkcs7", "-nocrl", "-certfile", "signer.pem", "-outform", "DER").stdout
         self.pack(signature=message)
-        self.assert_refused("MANIFEST.sig: signed by nobody")
+        self.assert_refused("MANIFEST.sig: has no signer")
 
     def test_message_of_another_kind_is_refused(self):
         self.trust("ca")
         (self.top / "pki/text").write_bytes(manifest(self.members))
         self.pack(signature=self.authority.openssl("cms", "-data_create", "-in", "text", "-outform", "DER").stdout)
-        self.assert_refused("MANIFEST.sig: signed by nobody")
+        self.assert_refused("MANIFEST.sig: has no signer")
 
     def test_garbage_for_a_signature_is_refused(self):
         self.trust("ca")
@@ -351,7 +351,7 @@ class SignedPackageTest(unittest.TestCase):
     def test_altered_member_is_refused(self):
         self.trust("ca")
         self.pack(members={**self.members, "INFO": b'version="3"\n'})
-        self.assert_refused("INFO: not what MANIFEST says")
+        self.assert_refused("INFO: does not match MANIFEST")
 
     def test_member_that_the_manifest_lacks_is_refused(self):
         self.trust("ca")
@@ -385,7 +385,7 @@ class SignedPackageTest(unittest.TestCase):
                     tar([("MANIFEST", text), ("MANIFEST.sig", self.sign(text)), *self.members.items(), (link, b"")])
                 )
                 name = "link/" if kind == tarfile.DIRTYPE else "link"
-                self.assert_refused(f"{name}: a package holds only files at its top")
+                self.assert_refused(f"{name}: a package contains only files at the top level")
 
     def test_damaged_manifest_is_refused_though_it_is_signed(self):
         self.trust("ca")
@@ -446,9 +446,9 @@ class SignedPackageTest(unittest.TestCase):
         key = (self.top / "pki/ca.key").read_bytes()
         certificate = (self.top / "pki/ca.pem").read_bytes()
         for content, reason in (
-            (b"", "no certificate in it"),
-            (b"garbage\n", "no certificate in it"),
-            (certificate + key, "something other than certificates in it"),
+            (b"", "contains no certificate"),
+            (b"garbage\n", "contains no certificate"),
+            (certificate + key, "contains something other than certificates"),
             (certificate[:-40], None),
         ):
             with self.subTest(reason):

@@ -720,7 +720,7 @@ TEST_F(DownloadWrapperTest, DownloadToFileGivesUpAfterFiveResumesWithoutProgress
   });
   EXPECT_THAT(FailureOf(server.Url("/pack")),
               AllOf(StartsWith(server.Url("/pack") + ": "),
-                    EndsWith("; got 60 of 1000 bytes, taken up 5 times without getting on")));
+                    EndsWith("; got 60 of 1000 bytes, resumed 5 times without progress")));
   EXPECT_THAT(server.Requests(), SizeIs(6));
 }
 

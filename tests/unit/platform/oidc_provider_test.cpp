@@ -89,7 +89,7 @@ TEST_F(RefreshTokensTest, RefreshTokensTakesTheLoopbackByAnyName) {
   const std::string number = port.Url("").substr(port.Url("").rfind(':'));
   for (const std::string host : {"127.0.0.1", "localhost", "[::1]"}) {
     EXPECT_THAT(FailureOf(std::string("http://").append(host).append(number)),
-                StartsWith("the provider cannot be asked: "))
+                StartsWith("the request to the provider failed: "))
         << host;
   }
 }
@@ -107,24 +107,24 @@ TEST_F(RefreshTokensTest, RefreshTokensRefusesTheConfigurationOfAnotherIssuer) {
   for (const Json::Value& issuer :
        {Json::Value("https://other.example"), Json::Value(), Json::Value(7), Json::Value(Json::objectValue)}) {
     provider_.configuration["issuer"] = issuer;
-    EXPECT_EQ(Failure(), "the provider's configuration is of another issuer than " + provider_.issuer());
+    EXPECT_EQ(Failure(), "the provider's configuration is from another issuer than " + provider_.issuer());
   }
   EXPECT_EQ(provider_.TokenRequests(), 0U);
 }
 
 TEST_F(RefreshTokensTest, RefreshTokensShowsTheNameOfAnIssuerThatDiffersByASlash) {
   provider_.configuration["issuer"] = provider_.issuer() + "/";
-  EXPECT_EQ(Failure(), "the provider's configuration is of another issuer than " + provider_.issuer() +
+  EXPECT_EQ(Failure(), "the provider's configuration is from another issuer than " + provider_.issuer() +
                            ": it names itself " + provider_.issuer() + "/");
   provider_.configuration["issuer"] = provider_.issuer();
-  EXPECT_EQ(FailureOf(provider_.issuer() + "/"), "the provider's configuration is of another issuer than " +
+  EXPECT_EQ(FailureOf(provider_.issuer() + "/"), "the provider's configuration is from another issuer than " +
                                                      provider_.issuer() + "/: it names itself " + provider_.issuer());
 }
 
 // A provider knows the tokens that it gave, and its name was shown.
 TEST_F(RefreshTokensTest, RefreshTokensShowsNoTokenForAName) {
   provider_.configuration["issuer"] = "https://old-refresh";
-  EXPECT_EQ(Failure(), "the provider's configuration is of another issuer than " + provider_.issuer());
+  EXPECT_EQ(Failure(), "the provider's configuration is from another issuer than " + provider_.issuer());
 }
 
 TEST_F(RefreshTokensTest, RefreshTokensRefusesATokenEndpointThatIsNotSafe) {
@@ -162,13 +162,13 @@ TEST_F(RefreshTokensTest, RefreshTokensReportsAnAnswerThatIsTooLong) {
 
 TEST_F(RefreshTokensTest, RefreshTokensReportsAProviderThatIsDown) {
   const RefusingPort port;
-  EXPECT_THAT(FailureOf(port.Url("")), StartsWith("the provider cannot be asked: "));
+  EXPECT_THAT(FailureOf(port.Url("")), StartsWith("the request to the provider failed: "));
 }
 
 TEST_F(RefreshTokensTest, RefreshTokensReportsAProviderThatStalls) {
   const ProviderLimits limits{.whole = std::chrono::milliseconds(200)};
   provider_.discovery_answer = [] { return HttpResponse{.body = "{}", .stall_at = 0}; };
-  EXPECT_THAT(FailureOf(provider_.issuer(), limits), StartsWith("the provider cannot be asked: "));
+  EXPECT_THAT(FailureOf(provider_.issuer(), limits), StartsWith("the request to the provider failed: "));
 }
 
 TEST_F(RefreshTokensTest, RefreshTokensWaitsNoLongerThanPromised) {
@@ -230,7 +230,7 @@ TEST_F(RefreshTokensTest, RefreshTokensReportsAnAnswerThatIsMalformed) {
 TEST_F(RefreshTokensTest, RefreshTokensReportsARefreshTokenThatCannotBeKept) {
   for (const Json::Value& token : {Json::Value(7), Json::Value("line\n"), Json::Value("\u00fc")}) {
     provider_.token_response["refresh_token"] = token;
-    EXPECT_EQ(Failure(), "the provider's refresh token is not one that can be kept");
+    EXPECT_EQ(Failure(), "the provider's refresh token is malformed or too long");
   }
 }
 
@@ -305,7 +305,7 @@ TEST_F(ProviderTest, ExchangeCodeReportsAProviderThatStalls) {
       FailureOf([&] {
         ExchangeCode(provider_.issuer() + "/token", {"c", "u", "i", "v"}, {.whole = std::chrono::milliseconds(200)});
       }),
-      StartsWith("the provider cannot be asked: "));
+      StartsWith("the request to the provider failed: "));
 }
 
 TEST_F(ProviderTest, RevokeTokenSendsTheForm) {
@@ -332,7 +332,7 @@ TEST_F(ProviderTest, FetchKeysReportsAFailure) {
             "the provider answered 404 when asked for its keys");
   provider_.keys_answer = [] { return HttpResponse{.body = "{}", .stall_at = 0}; };
   EXPECT_THAT(FailureOf([&] { FetchKeys(provider_.issuer() + "/keys", {.whole = std::chrono::milliseconds(200)}); }),
-              StartsWith("the provider cannot be asked: "));
+              StartsWith("the request to the provider failed: "));
 }
 
 TEST(ClockFaultTest, TellsADifferenceThatMatters) {

@@ -43,7 +43,7 @@ using testing::Not;
 using testing::StartsWith;
 
 constexpr const char* kClient = "client";
-constexpr const char* kOtherUser = "the identity token is of another user than the one who is signed in";
+constexpr const char* kOtherUser = "the identity token is for another user than the one who is signed in";
 
 /// The account file while it is written.
 std::string Unfinished() { return std::string(path::kAccountFile) + ".new"; }
@@ -107,7 +107,8 @@ TEST_F(UserTest, IsAsItWasWhenItWasMade) {
 TEST_F(UserTest, RefusesAFileThatIsOpenToOthers) {
   for (const mode_t mode : {0640U, 0620U, 0610U, 0604U, 0602U, 0601U, 0644U, 0777U}) {
     WriteAccountText(R"({"user_id": "4711"})", mode);
-    EXPECT_EQ(Failure(), AboutFile("is open to others than its owner; its mode must be 0600")) << std::oct << mode;
+    EXPECT_EQ(Failure(), AboutFile("is accessible to users other than its owner; its mode must be 0600"))
+        << std::oct << mode;
   }
 }
 
@@ -314,7 +315,7 @@ TEST_F(PackagePkceClientTest, GetIdTokenNeedsARefreshTokenToRenew) {
 
 TEST_F(PackagePkceClientTest, GetIdTokenRefusesAFileThatIsOpenToOthers) {
   ASSERT_EQ(chmod(path::kAccountFile, 0640), 0);
-  EXPECT_EQ(Failure(), AboutFile("is open to others than its owner; its mode must be 0600"));
+  EXPECT_EQ(Failure(), AboutFile("is accessible to users other than its owner; its mode must be 0600"));
 }
 
 TEST_F(PackagePkceClientTest, GetIdTokenRefusesMembersOfAnotherType) {
@@ -377,7 +378,7 @@ TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenThatIsMalformed) {
 TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenOfAnotherIssuer) {
   Json::Value claims = provider_.Claims(kClient, 3600);
   claims["iss"] = "https://other.example";
-  ExpectRefused(Signed(claims), "the identity token is of another issuer than " + provider_.issuer());
+  ExpectRefused(Signed(claims), "the identity token is from another issuer than " + provider_.issuer());
 }
 
 TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenForAnotherClient) {
@@ -418,7 +419,7 @@ TEST_F(PackagePkceClientTest, GetIdTokenTakesOnlyTheNonceOfTheOldToken) {
   provider_.token_response["id_token"] = Signed(claims);
   EXPECT_EQ(Get(), provider_.token_response["id_token"].asString());
   claims["nonce"] = "another";
-  ExpectRefused(Signed(claims), "the identity token is not of this sign-in: its nonce is another");
+  ExpectRefused(Signed(claims), "the identity token is for another sign-in: its nonce does not match");
 }
 
 TEST_F(PackagePkceClientTest, GetIdTokenComparesTheUserWithTheAccountWithoutAnOldToken) {
@@ -449,7 +450,8 @@ TEST_F(PackagePkceClientTest, GetIdTokenSpendsNoRefreshTokenOnAFullDisk) {
     const FileSizeLimit full_disk(before.size());  // has room for the account as it is
     reason = FailureOf([] { Get(); });
   }
-  EXPECT_THAT(reason, AllOf(StartsWith("new tokens could not be kept: "), EndsWith(orbamira::test::ErrorText(EFBIG))));
+  EXPECT_THAT(reason,
+              AllOf(StartsWith("new tokens could not be stored: "), EndsWith(orbamira::test::ErrorText(EFBIG))));
   EXPECT_THAT(provider_.server().Requests(), IsEmpty());
   EXPECT_EQ(ReadFile(path::kAccountFile), before);
   EXPECT_FALSE(fs::exists(Unfinished()));
@@ -467,7 +469,7 @@ TEST_F(PackagePkceClientTest, GetIdTokenHasTakenTheRoomForTheLongestTokens) {
   EXPECT_EQ(ReadAccount()["clients"][kClient]["refresh_token"], std::string(kTokenLimit, '"'));
   provider_.token_response["refresh_token"] = std::string(kTokenLimit + 1, 'x');
   SetTokens(Token(-1), "old-refresh");
-  EXPECT_EQ(Failure(), "the provider's refresh token is not one that can be kept");
+  EXPECT_EQ(Failure(), "the provider's refresh token is malformed or too long");
 }
 
 TEST_F(PackagePkceClientTest, GetIdTokenSpendsNoRefreshTokenForAnAccountThatCouldBecomeTooLong) {

@@ -261,7 +261,7 @@ TEST_F(AccountTokenTest, CheckUsesNoKeyOfTheTokensOwn) {
 TEST_F(AccountTokenTest, CheckRefusesAnExtensionThatMustBeUnderstood) {
   header_["crit"].append("b64");
   header_["b64"] = false;
-  EXPECT_EQ(Failure(), "the identity token asks for an extension that is not known here");
+  EXPECT_EQ(Failure(), "the identity token needs an extension that is not supported");
 }
 
 TEST_F(AccountTokenTest, CheckRefusesKeysThatAreNoKeySet) {
@@ -280,7 +280,7 @@ TEST_F(AccountTokenTest, CheckPassesOnWhyTheKeysCannotBeHad) {
 
 TEST_F(AccountTokenTest, CheckRefusesAnotherIssuer) {
   for (const Json::Value& value : {Json::Value("https://accounts.example/"), Json::Value(), Json::Value(7)}) {
-    EXPECT_EQ(FailureWith("iss", value), "the identity token is of another issuer than https://accounts.example");
+    EXPECT_EQ(FailureWith("iss", value), "the identity token is from another issuer than https://accounts.example");
   }
 }
 
@@ -308,7 +308,7 @@ TEST_F(AccountTokenTest, CheckWantsToKnowForWhomOfSeveralTheTokenIs) {
 
 TEST_F(AccountTokenTest, CheckRefusesATokenOfAnotherSignIn) {
   for (const Json::Value& value : {Json::Value("other"), Json::Value(), Json::Value(""), Json::Value(7)}) {
-    EXPECT_EQ(FailureWith("nonce", value), "the identity token is not of this sign-in: its nonce is another");
+    EXPECT_EQ(FailureWith("nonce", value), "the identity token is for another sign-in: its nonce does not match");
   }
 }
 

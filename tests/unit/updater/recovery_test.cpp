@@ -81,7 +81,7 @@ class RecoveryTest : public testing::Test {
 TEST_F(RecoveryTest, RecoverOnAnEmptySystemMakesTheFoldersAndFindsNothingElse) {
   fs::remove_all(fs::path(path::kPackStatusFile).parent_path());
   const RecoveryReport report = Recovered();
-  EXPECT_THAT(report.done, ElementsAre(std::string("made the missing folder ") + kTargetFolder));
+  EXPECT_THAT(report.done, ElementsAre(std::string("created the missing folder ") + kTargetFolder));
   EXPECT_THAT(report.failed, IsEmpty());
   EXPECT_EQ(Recorded(), kStatusLost);
   ExpectNothingLeftToDo();
@@ -101,7 +101,7 @@ TEST_F(RecoveryTest, RecoverBringsTheBackupBackWithoutAPack) {
   Status()->SetAsUpToDate();
   MakePack(path::kBackupPackFolderPath, "1");
   const RecoveryReport report = Recovered();
-  EXPECT_THAT(report.done, ElementsAre(std::string("brought the previous pack back to ") + path::kPackFolderPath));
+  EXPECT_THAT(report.done, ElementsAre(std::string("restored the previous pack to ") + path::kPackFolderPath));
   EXPECT_EQ(PackVersion(), "1");
   EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
   ExpectNothingLeftToDo();
@@ -168,7 +168,7 @@ TEST_F(RecoveryTest, RecoverEndsRemovalsThatWereCut) {
   MakePack(fs::path(kTargetFolder) / ".removed.aZ09x", "0");
   MakePack(fs::path(kTargetFolder) / "removed.aZ09xy", "0");
   WriteFile(cache / ".removed.aZ09xy" / "download" / "pack.opk", "package");
-  const std::string rest = "removed the rest of a removal ";
+  const std::string rest = "removed the rest of an interrupted removal ";
   EXPECT_THAT(Recovered().done,
               ElementsAre(rest + kTargetFolder + "/.removed.aZ09xy", rest + (cache / ".removed.aZ09xy").string()));
   EXPECT_THAT(Left(kTargetFolder), ElementsAre(".removed.aZ09x", "codec-pack", "removed.aZ09xy"));

@@ -80,7 +80,7 @@ class _Source:
         while self.read():
             pass
         if self._end_of_data > end:
-            raise Refused("damaged, or data behind the end of the archive")
+            raise Refused("damaged, or data after the end of the archive")
         if self._fed < end + END_MARK:
             raise Refused("truncated archive")
 

@@ -144,7 +144,7 @@ def read(file):
     package, folder = Package(), _Folder()
     for info, content in archive.members(archive.pieces_of(file)):
         if not content or "/" in info.name:
-            raise Refused(f"{info.name}: a package holds only files at its top")
+            raise Refused(f"{info.name}: a package contains only files at the top level")
         _place_named(folder, info)
         if info.name in _TEXTS and info.size > MAX_TEXT:
             raise Refused(f"{info.name}: longer than {MAX_TEXT} bytes")

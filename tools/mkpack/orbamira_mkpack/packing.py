@@ -152,7 +152,7 @@ def sign(path, key, certificate):
     with open(certificate, "rb") as file:
         certificates = rules.CERTIFICATE_PATTERN.findall(file.read())
     if not certificates:
-        raise MkpackError(f"{certificate}: there is no certificate in it")
+        raise MkpackError(f"{certificate}: it contains no certificate")
     command = ["openssl", "cms", "-sign", "-binary", "-in", path, "-signer", certificate, "-inkey", key]
     command += ["-outform", "DER", "-nosmimecap", "-md", "sha256"]
     if certificates[1:]:

@@ -25,7 +25,7 @@ def check_manifest(package):
         raise Refused(f"{rules.MANIFEST_NAME} is damaged")
     for name, digest in package.digests.items():
         if name not in (rules.MANIFEST_NAME, rules.SIGNATURE_NAME) and listed.pop(name, "") != digest:
-            raise Refused(f"{name} is not what {rules.MANIFEST_NAME} says")
+            raise Refused(f"{name} does not match {rules.MANIFEST_NAME}")
     for name in listed:
         raise Refused(f"{name} is in {rules.MANIFEST_NAME}, but not in the package")
 
@@ -50,7 +50,7 @@ def _check_digests(signature):
     text = _openssl("cms", "-cmsout", "-print", "-noout", "-inform", "DER", "-in", signature).decode("utf-8", "replace")
     names = re.findall(r"^ +digestAlgorithm: *\n +algorithm: (\S+)", text, flags=re.MULTILINE)
     if not names:
-        raise Refused("signed by nobody")
+        raise Refused("the signature has no signer")
     for name in names:
         name = name.replace("-", "_")  # as Python spells it
         if name not in hashlib.algorithms_available or hashlib.new(name).digest_size < MIN_DIGEST_SIZE:

@@ -86,9 +86,9 @@ def _check_keyring(path):
         text = file.read()
     rest = rules.CERTIFICATE_PATTERN.sub(b"", text)
     if rest == text:
-        raise ValueError("there is no certificate in it")
+        raise ValueError("it contains no certificate")
     if b"-----BEGIN" in rest:
-        raise ValueError("there is something other than certificates in it")
+        raise ValueError("it contains something other than certificates")
 
 
 def printable(text):
