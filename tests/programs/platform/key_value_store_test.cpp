@@ -858,7 +858,7 @@ TEST_F(StoreInPlaceTest, ALockOnTheFileHoldsNobodyUp) {
     store_->Set("key", value);
     EXPECT_EQ(store_->Get("key"), value);
     const int other = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_EQ(flock(other, operation), 0);
+    ASSERT_EQ(flock(other, operation | LOCK_NB), 0);
     EXPECT_EQ(Open()->Get("key"), value);
     close(other);
     close(file);
