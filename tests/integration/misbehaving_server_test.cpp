@@ -623,6 +623,12 @@ class MisbehavingServerTest : public testing::TestWithParam<Misbehaviour> {
     EXPECT_EQ(RecordedStatus(), "download_install_failed");
   }
 
+  static std::string CodeOfLastFailure() {
+    Json::Value history;
+    std::istringstream(Appliance::Packctl({"history", "--json", "--limit", "1"}).output) >> history;
+    return history["entries"][0]["error"]["code"].asString();
+  }
+
   void ExpectPackctlSurvives(const Misbehaviour& misbehaviour, const Log& log) {
     Misbehave(misbehaviour);
     const ProgramResult result = PackctlUpdate(misbehaviour.slow);
@@ -636,6 +642,8 @@ class MisbehavingServerTest : public testing::TestWithParam<Misbehaviour> {
     }
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(WithoutLastLine(result.errors), ReadsLikeText(ErrorsOf(log, misbehaviour)));
+    // Only what the JSON library throws has no reason of its own.
+    EXPECT_EQ(CodeOfLastFailure() == "unexpected", misbehaviour.throws) << CodeOfLastFailure();
     ExpectPack("1.0", "one");
     EXPECT_EQ(RecordedStatus(), "download_install_failed");
     EXPECT_FALSE(fs::exists(kDownloadFolder));
