@@ -6,12 +6,13 @@ pack; the check that finds a broken status store; and the recovery of an upgrade
 in place. And three of a host of the library on an appliance without packctl: a first update; an upgrade; and its next
 start after an upgrade that was killed there.
 
-Each is run once to number its calls. Then, for a call and a fault, the same is run again from the same state with that
-fault: the whole family of processes is killed there, or killed with the loss of all data that was not synced (a power
-cut; where a file was just overwritten in place also one that tears the write), or the call fails with EIO or ENOSPC. After it the pack must be whole or absent with the means to go on, and the
-status store readable. Recovery, and then what the timers do in two days against the healthy server, must end up to date
-with the right pack and nothing left behind: a check, and an update where the check ended with 0. The host is started
-again and does all of that by itself.
+Each is run once to number its calls. Then, for a call and a fault, the same is run again from the same state with
+that fault: the whole family of processes is killed there, or killed with the loss of all data that was not synced (a
+power cut; where a file was just overwritten in place also one that tears the write), or the call fails with EIO or
+ENOSPC. After it the pack must be whole or absent with the means to go on, and the status store readable. Recovery,
+and then what the timers do in two days against the healthy server, must end up to date with the right pack and
+nothing left behind: a check, and an update where the check ended with 0. The host is started again and does all of
+that by itself.
 
 Recoveries that leave the disk in the same state share these days.
 
