@@ -4,15 +4,13 @@
 # others. Programs link either. No target lists a source of another folder.
 include(${CMAKE_CURRENT_LIST_DIR}/Hardening.cmake)
 
-# The folders of the programs that the library runs, and of the maker's settings; the same as in platform/constants.cpp.
-set(ORBAMIRA_LIBEXECDIR ${CMAKE_INSTALL_LIBEXECDIR}/orbamira)
-set(ORBAMIRA_DATADIR ${CMAKE_INSTALL_DATADIR}/orbamira)
-
 # Where an installed program finds the libraries installed with it, relative to itself: an install staged in any folder
 # runs there.
 set(ORBAMIRA_BIN_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}:$ORIGIN/../${CMAKE_INSTALL_LIBDIR}/orbamira/lib")
-set(ORBAMIRA_LIBEXEC_RPATH
-  "$ORIGIN/../../${CMAKE_INSTALL_LIBDIR}:$ORIGIN/../../${CMAKE_INSTALL_LIBDIR}/orbamira/lib")
+cmake_path(ABSOLUTE_PATH ORBAMIRA_HELPERS_DESTINATION BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}
+  OUTPUT_VARIABLE ORBAMIRA_INSTALLED_HELPERS_FOLDER)
+file(RELATIVE_PATH libraries_from_helpers ${ORBAMIRA_INSTALLED_HELPERS_FOLDER} ${CMAKE_INSTALL_FULL_LIBDIR})
+set(ORBAMIRA_HELPERS_RPATH "$ORIGIN/${libraries_from_helpers}:$ORIGIN/${libraries_from_helpers}/orbamira/lib")
 
 # What everything of this project is compiled and linked with.
 add_library(orbamira_options INTERFACE)
@@ -105,11 +103,11 @@ endfunction()
 function(orbamira_add_helper name)
   cmake_parse_arguments(ARG "WITHOUT_LOADER" "" "" ${ARGN})
   orbamira_add_program(${name} ${ARG_UNPARSED_ARGUMENTS})
-  target_compile_definitions(${name} PRIVATE ORBAMIRA_VERSION="${PROJECT_VERSION}")
+  target_compile_definitions(${name} PRIVATE ORBAMIRA_VERSION="${PROJECT_VERSION}" ${ORBAMIRA_PATH_DEFINITIONS})
   if(ARG_WITHOUT_LOADER AND NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
     target_link_options(${name} PRIVATE -static-pie)
   endif()
-  install(TARGETS ${name} RUNTIME DESTINATION ${ORBAMIRA_LIBEXECDIR} COMPONENT common)
+  install(TARGETS ${name} RUNTIME DESTINATION ${ORBAMIRA_HELPERS_DESTINATION} COMPONENT common)
 endfunction()
 
 # orbamira_add_helper_name(NAME HELPER)
@@ -118,5 +116,5 @@ endfunction()
 function(orbamira_add_helper_name name helper)
   add_custom_command(TARGET ${helper} POST_BUILD
     COMMAND ${CMAKE_COMMAND} -E create_symlink ${helper} $<TARGET_FILE_DIR:${helper}>/${name})
-  install(FILES $<TARGET_FILE_DIR:${helper}>/${name} DESTINATION ${ORBAMIRA_LIBEXECDIR} COMPONENT common)
+  install(FILES $<TARGET_FILE_DIR:${helper}>/${name} DESTINATION ${ORBAMIRA_HELPERS_DESTINATION} COMPONENT common)
 endfunction()

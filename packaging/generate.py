@@ -4,7 +4,7 @@
 usage: generate.py PACKCTL_DESCRIBE MKPACK FOLDER
 
 PACKCTL_DESCRIBE is the program tools/packctl/packctl_describe of a build, MKPACK the one in tools/. FOLDER, which is
-packaging/ itself, gets man/packctl.1, man/mkpack.1, man/mkpack-verify.1, completions/packctl.bash and
+packaging/ itself, gets man/packctl.1.in, man/mkpack.1, man/mkpack-verify.1, completions/packctl.bash and
 completions/_packctl. They are kept in the tree, so that installing takes no program to be run; a test fails as soon as
 they differ from what this writes.
 """
@@ -18,25 +18,26 @@ import sys
 
 GENERATED = "Made by packaging/generate.py: change what it is made from."
 
+# The build puts the folders of platform/paths.h in.
 PACKCTL_FILES = (
     (
-        "/etc/orbamira/updater.conf",
+        "@ORBAMIRA_SETTINGS_FOLDER@/updater.conf",
         "The machine's settings (KEY=VALUE), which win over those of the maker in "
-        "/usr/share/orbamira/updater.conf: pack_update_server, download_limit, plugin_time_limit and unpack_limit.",
+        "@ORBAMIRA_DATA_FOLDER@/updater.conf: pack_update_server, download_limit, plugin_time_limit and unpack_limit.",
     ),
-    ("/etc/orbamira/account.json", "The account that is signed in, and its tokens; for root alone."),
+    ("@ORBAMIRA_SETTINGS_FOLDER@/account.json", "The account that is signed in, and its tokens; for root alone."),
     (
-        "/etc/orbamira/keyring.pem",
+        "@ORBAMIRA_SETTINGS_FOLDER@/keyring.pem",
         "The certificates that packages must be signed by. Where there is none, unsigned " "packages are accepted.",
     ),
-    ("/usr/lib/orbamira/plugins", "The programs that are told of installs."),
-    ("/var/lib/orbamira/packages/codec-pack", "The installed pack."),
-    ("/var/lib/orbamira/status.json", "The recorded status."),
-    ("/var/lib/orbamira/history.jsonl", "The history, one JSON object a line; an older part in history.jsonl.1."),
-    ("/var/cache/orbamira/checked", "Its time is that of the update server's last answer to a check."),
-    ("/usr/share/orbamira/packctl.schema.json", "The JSON Schema of what is printed with --json."),
-    ("/usr/share/orbamira/web", "The page of \"packctl web\"."),
-    ("/run/orbamira/lock", "The lock files. Whoever can open them can hold up an update."),
+    ("@ORBAMIRA_PLUGINS_FOLDER@", "The programs that are told of installs."),
+    ("@ORBAMIRA_PACKS_FOLDER@/codec-pack", "The installed pack."),
+    ("@ORBAMIRA_STATE_FOLDER@/status.json", "The recorded status."),
+    ("@ORBAMIRA_STATE_FOLDER@/history.jsonl", "The history, one JSON object a line; an older part in history.jsonl.1."),
+    ("@ORBAMIRA_CACHE_FOLDER@/checked", "Its time is that of the update server's last answer to a check."),
+    ("@ORBAMIRA_DATA_FOLDER@/packctl.schema.json", "The JSON Schema of what is printed with --json."),
+    ("@ORBAMIRA_DATA_FOLDER@/web", "The page of \"packctl web\"."),
+    ("@ORBAMIRA_RUN_FOLDER@/lock", "The lock files. Whoever can open them can hold up an update."),
 )
 
 
@@ -296,7 +297,7 @@ def main(arguments):
     describe, mkpack, folder = arguments
     program = json.loads(run(describe))
     files = {
-        "man/packctl.1": packctl_page(program),
+        "man/packctl.1.in": packctl_page(program),
         "man/mkpack.1": mkpack_page(
             "mkpack",
             "make a codec pack of a folder and publish it",

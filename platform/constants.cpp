@@ -4,6 +4,8 @@
 #include <forward_list>
 #include <string>
 
+#include "platform/paths.h"
+
 namespace orbamira {
 namespace {
 
@@ -23,10 +25,10 @@ const char* AtRoot(const char* fixed_path) {
 
 }  // namespace
 
-const char* const kDownloadFolder = AtRoot("/var/cache/orbamira/download");
-const char* const kTargetFolder = AtRoot("/var/lib/orbamira/packages");
+const char* const kDownloadFolder = AtRoot(ORBAMIRA_CACHE_FOLDER "/download");
+const char* const kTargetFolder = AtRoot(ORBAMIRA_PACKS_FOLDER);
 const char* const kPackFolderName = "codec-pack";
-const char* const kPackageInfoPath = AtRoot("/usr/share/orbamira/INFO");
+const char* const kPackageInfoPath = AtRoot(ORBAMIRA_DATA_FOLDER "/INFO");
 const char* const kPackageId = "orbamira";
 const char* const kPkceClientName = "orbamira-updater";
 const char* const kAac = "aac";
@@ -35,40 +37,40 @@ const char* const kHevcAacPack = "orbamira-hevc-aac";
 
 namespace path {
 
-const char* const kNotifyPluginPyPath = AtRoot("/usr/libexec/orbamira/notify-plugins");
-const char* const kGetAppIdPyPath = AtRoot("/usr/libexec/orbamira/list-app-ids");
-const char* const kPluginFolder = AtRoot("/usr/lib/orbamira/plugins");
-const char* const kTempPluginAppIdPath = AtRoot("/run/orbamira/plugin-app-ids.json");
-const char* const kTarPath = AtRoot("/usr/libexec/orbamira/orba-tar");
-const char* const kCpPath = AtRoot("/usr/libexec/orbamira/orba-copy");
-const char* const kRmPath = AtRoot("/usr/libexec/orbamira/orba-remove");
-const char* const kOrbaArchivePath = AtRoot("/usr/libexec/orbamira/orba-archive");
-const char* const kTempPackFolderPath = AtRoot("/var/lib/orbamira/packages/.codec-pack.unpacked");
-const char* const kPackFolderPath = AtRoot("/var/lib/orbamira/packages/codec-pack");
-const char* const kBackupPackFolderPath = AtRoot("/var/lib/orbamira/packages/.codec-pack.backup");
-const char* const kPackInfoPath = AtRoot("/var/lib/orbamira/packages/codec-pack/INFO");
-const char* const kHasAacPath = AtRoot("/var/lib/orbamira/packages/codec-pack/has_aac");
-const char* const kHasHevcPath = AtRoot("/var/lib/orbamira/packages/codec-pack/has_hevc");
-const char* const kDownloadedOpkPath = AtRoot("/var/cache/orbamira/download/codec-pack.opk");
-const char* const kPackStatusFile = AtRoot("/var/lib/orbamira/status.json");
-const char* const kPackStatusLock = AtRoot("/run/orbamira/lock/status.lock");
-const char* const kHistoryFile = AtRoot("/var/lib/orbamira/history.jsonl");
-const char* const kCodecRequirementsPath = AtRoot("/var/lib/orbamira/codec-requirements.json");
-const char* const kCodecRequirementsLock = AtRoot("/run/orbamira/lock/codec-requirements.lock");
-const char* const kPkgSetting = AtRoot("/etc/orbamira/updater.conf");
-const char* const kDefaultPkgSetting = AtRoot("/usr/share/orbamira/updater.conf");
-const char* const kKeyring = AtRoot("/etc/orbamira/keyring.pem");
-const char* const kAccountFile = AtRoot("/etc/orbamira/account.json");
-const char* const kAccountLock = AtRoot("/run/orbamira/lock/account.lock");
-const char* const kPackctlLock = AtRoot("/run/orbamira/lock/packctl.lock");
+const char* const kNotifyPluginPyPath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/notify-plugins");
+const char* const kGetAppIdPyPath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/list-app-ids");
+const char* const kPluginFolder = AtRoot(ORBAMIRA_PLUGINS_FOLDER);
+const char* const kTempPluginAppIdPath = AtRoot(ORBAMIRA_RUN_FOLDER "/plugin-app-ids.json");
+const char* const kTarPath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/orba-tar");
+const char* const kCpPath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/orba-copy");
+const char* const kRmPath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/orba-remove");
+const char* const kOrbaArchivePath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/orba-archive");
+const char* const kTempPackFolderPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/.codec-pack.unpacked");
+const char* const kPackFolderPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/codec-pack");
+const char* const kBackupPackFolderPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/.codec-pack.backup");
+const char* const kPackInfoPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/codec-pack/INFO");
+const char* const kHasAacPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/codec-pack/has_aac");
+const char* const kHasHevcPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/codec-pack/has_hevc");
+const char* const kDownloadedOpkPath = AtRoot(ORBAMIRA_CACHE_FOLDER "/download/codec-pack.opk");
+const char* const kPackStatusFile = AtRoot(ORBAMIRA_STATE_FOLDER "/status.json");
+const char* const kPackStatusLock = AtRoot(ORBAMIRA_RUN_FOLDER "/lock/status.lock");
+const char* const kHistoryFile = AtRoot(ORBAMIRA_STATE_FOLDER "/history.jsonl");
+const char* const kCodecRequirementsPath = AtRoot(ORBAMIRA_STATE_FOLDER "/codec-requirements.json");
+const char* const kCodecRequirementsLock = AtRoot(ORBAMIRA_RUN_FOLDER "/lock/codec-requirements.lock");
+const char* const kPkgSetting = AtRoot(ORBAMIRA_SETTINGS_FOLDER "/updater.conf");
+const char* const kDefaultPkgSetting = AtRoot(ORBAMIRA_DATA_FOLDER "/updater.conf");
+const char* const kKeyring = AtRoot(ORBAMIRA_SETTINGS_FOLDER "/keyring.pem");
+const char* const kAccountFile = AtRoot(ORBAMIRA_SETTINGS_FOLDER "/account.json");
+const char* const kAccountLock = AtRoot(ORBAMIRA_RUN_FOLDER "/lock/account.lock");
+const char* const kPackctlLock = AtRoot(ORBAMIRA_RUN_FOLDER "/lock/packctl.lock");
 const char* const kLocaltime = AtRoot("/etc/localtime");
 
 }  // namespace path
 
 namespace common {
 
-const char* const kDefaultOrbaInfoPath = AtRoot("/etc/orbamira/system.conf");
-const char* const kDefaultVersionPath = AtRoot("/etc/orbamira/version.conf");
+const char* const kDefaultOrbaInfoPath = AtRoot(ORBAMIRA_SYSTEM_FILE);
+const char* const kDefaultVersionPath = AtRoot(ORBAMIRA_VERSION_FILE);
 const char* const kUnique = "unique";
 const char* const kVersion = "version";
 const char* const kMajorVersion = "major_version";

@@ -6,6 +6,7 @@ told by the programs of that copy: another root, other folders and names first, 
 """
 
 import argparse
+import gzip
 import hashlib
 import json
 import os
@@ -23,6 +24,7 @@ from nginx import WebServer  # noqa: E402
 SOURCES = (
     "CMakeLists.txt",
     "CMakePresets.json",
+    "bench",
     "cmake",
     "docs",
     "packaging",
@@ -32,6 +34,7 @@ SOURCES = (
     "tests/install/own_platform",
 )
 OLD_FOLDERS = re.compile(rb"/(etc|run|usr/(lib|libexec|share)|var/(cache|lib))/orbamira")
+QUICK = ("-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DORBAMIRA_BUILD_BENCH=OFF")
 TOOLS = ("cmake", "ninja", "nginx", "bash")
 SKIPPED = 77
 
@@ -47,11 +50,16 @@ def digest(path):
     return hashlib.sha256(path.read_bytes()).hexdigest()
 
 
+def content(path):
+    data = path.read_bytes()
+    return gzip.decompress(data) if path.suffix == ".gz" else data
+
+
 class Port:
     """A copy of the sources that becomes another appliance's, level by level."""
 
     def __init__(self, source, folder, compiler):
-        self.tree, self.build_folder, self.compiler = folder, folder / "build/release", compiler
+        self.tree, self.build_folder = folder, folder / "build/release"
         for name in SOURCES:
             copy = shutil.copytree if (source / name).is_dir() else shutil.copy
             (folder / name).parent.mkdir(parents=True, exist_ok=True)
@@ -62,9 +70,12 @@ class Port:
         self.environment = {
             "CMAKE_BUILD_PARALLEL_LEVEL": "2",
             **os.environ,
+            "CXX": compiler,
             "CCACHE_BASEDIR": str(folder),
             "CCACHE_NOHASHDIR": "1",
         }
+        if shutil.which("ccache"):
+            self.environment["CMAKE_CXX_COMPILER_LAUNCHER"] = "ccache"
 
     def run(self, *command):
         done = subprocess.run(
@@ -91,26 +102,15 @@ class Port:
             assert self.digests() != before, f"these commands of the guide change nothing:\n{block}"
 
     def digests(self):
-        return {
-            path: digest(path)
-            for name in SOURCES
-            for path in [self.tree / name, *(self.tree / name).rglob("*")]
-            if path.is_file()
-        }
-
-    def configure(self):
-        launcher = [f"-DCMAKE_CXX_COMPILER_LAUNCHER={shutil.which('ccache')}"] if shutil.which("ccache") else []
-        self.run(
-            "cmake",
-            "--preset",
-            "release",
-            "-DCMAKE_BUILD_TYPE=Debug",
-            "-DORBAMIRA_BUILD_BENCH=OFF",
-            f"-DCMAKE_CXX_COMPILER={self.compiler}",
-            *launcher,
-        )
+        folders = [folder for folder in self.tree.iterdir() if folder.is_dir() and folder.name != "build"]
+        files = [
+            path for folder in (self.tree, *folders) for path in folder.glob("*" if folder == self.tree else "**/*")
+        ]
+        return {path: digest(path) for path in files if path.is_file()}
 
     def build(self):
+        """Builds what the guide's commands configured, as quickly as it compiles."""
+        self.run("cmake", "--preset", "release", *QUICK)
         self.run("cmake", "--build", "--preset", "release")
 
 
@@ -337,14 +337,13 @@ def main():
         folder = pathlib.Path(name)
         port = Port(options.source.resolve(), folder / "source", options.compiler)
         port.follow_guide(2)
-        port.configure()
         port.build()
         install(port.build_folder, folder / "stage")
         stage = Appliance(folder / "stage")
         kept = sorted(
             str(file.relative_to(stage.root))
             for file in stage.root.rglob("*")
-            if file.is_file() and OLD_FOLDERS.search(file.read_bytes())
+            if file.is_file() and OLD_FOLDERS.search(content(file))
         )
         report.equal("files that name a folder of before", [], kept)
         units = "\n".join(unit.read_text() for unit in stage.root.rglob("orbamira-*.service"))
@@ -357,6 +356,16 @@ def main():
             "the services' folder of locks",
             {"acme/codecs"},
             set(re.findall(r"^RuntimeDirectory=(.*)", units, re.MULTILINE)),
+        )
+        report.equal(
+            "the services' folders of the disk",
+            {"/volume1/acme/cache", "/volume1/acme/state"},
+            set(re.findall(r"^ReadWritePaths=(.*)", units, re.MULTILINE)),
+        )
+        report.equal(
+            "the group",
+            ["g acme -"],
+            re.findall(r"^g .*", (stage.usr / "lib/sysusers.d/orbamira.conf").read_text(), re.MULTILINE),
         )
         story = Story(stage, server, report)
         story.write_settings('{}="{}"')

@@ -28,6 +28,7 @@
 #include "tests/support/process.h"
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
+#include "tests/support/written_folders.h"
 #include "updater/pack_status_helper.h"
 
 namespace orbamira {
@@ -141,11 +142,11 @@ TEST_F(PackctlDoctorTest, FindsNothingWhereAllIsWell) {
 }
 
 TEST_F(PackctlDoctorTest, FindsNothingOnANewMachine) {
-  fs::remove_all(test::Root() / "var");
-  fs::remove_all(test::Root() / "run");
+  test::RemoveWrittenFolders();
   EXPECT_EQ(Diagnose(0)["result"], "well");
-  EXPECT_FALSE(fs::exists(test::Root() / "var"));
-  EXPECT_FALSE(fs::exists(test::Root() / "run"));
+  for (const fs::path& folder : test::WrittenFolders()) {
+    EXPECT_FALSE(fs::exists(folder)) << folder;
+  }
 }
 
 /// Every file and folder below the root with its mode, size and time of change.

@@ -23,8 +23,13 @@ fail() {
   exit 1
 }
 
+# in_list NAME: where the build has that folder of the appliance
+in_list() {
+  python3 -c 'import json, sys; print(json.load(open(sys.argv[1]))[sys.argv[2]])' "$build/paths.json" "$1"
+}
+
 # The programs are the build's: those of this machine are not to be asked for.
-sed -i "s|/usr/bin/packctl|$packctl|g; s|/usr/libexec/orbamira/orba-recover|$recover|g" "$units"/*.service
+sed -i "s|/usr/bin/packctl|$packctl|g; s|$(in_list ORBAMIRA_HELPERS_FOLDER)/orba-recover|$recover|g" "$units"/*.service
 grep -q "^ExecStart=$recover\$" "$units/orbamira-recover.service" || fail 'the boot does not recover by orba-recover'
 
 complaints=$(systemd-analyze verify --man=no --recursive-errors=no "$units"/orbamira-*.{service,timer,socket} 2>&1) ||
@@ -79,8 +84,9 @@ done
 answered=$stage/answered
 missed=$(sed -n "s|^ExecCondition=/bin/sh -c '\(.*\)'\$|\1|p" "$units/orbamira-missed@.service")
 missed=${missed//\$\$/\$}
-[[ $missed = *' /var/cache/orbamira/checked '* ]] || fail "what was missed is not told by the last answer: $missed"
-missed=${missed//\/var\/cache\/orbamira\/checked/$answered}
+checked=$(in_list ORBAMIRA_CACHE_FOLDER)/checked
+[[ $missed = *" $checked "* ]] || fail "what was missed is not told by the last answer: $missed"
+missed=${missed//"$checked"/$answered}
 sh -c "$missed" || fail 'nothing was missed, where there never was an answer'
 for case in '1 minute ago:no' '19 hours ago:no' '21 hours ago:yes' '3 days ago:yes' '2 hours:yes'; do
   touch -d "${case%:*}" "$answered"
@@ -103,9 +109,9 @@ if [ "$(id -u)" = 0 ]; then
   printf 'root:x:0:\n' > "$stage/etc/group"
   systemd-sysusers --root="$stage" orbamira.conf
   systemd-tmpfiles --root="$stage" --create orbamira.conf
-  group=$(sed -nE 's/^orbamira:[^:]*:([0-9]+):.*/\1/p' "$stage/etc/group")
-  [ -n "$group" ] || fail 'no group orbamira'
-  run=$stage/run/orbamira
+  group=$(sed -nE "s/^$(in_list ORBAMIRA_GROUP):[^:]*:([0-9]+):.*/\1/p" "$stage/etc/group")
+  [ -n "$group" ] || fail 'no group of the updater'
+  run=$stage$(in_list ORBAMIRA_RUN_FOLDER)
   [ "$(stat -c '%a %g' "$run/lock")" = "2750 $group" ] || fail "lock folder: $(stat -c '%a %g' "$run/lock")"
   for lock in status codec-requirements; do
     [ "$(stat -c '%a %g' "$run/lock/$lock.lock")" = "660 $group" ] || fail "$lock.lock is not the group's"

@@ -279,7 +279,7 @@ TEST_F(UpdateFlowTest, ACopyThatFailsBringsTheOldPackBack) {
   EXPECT_THAT(LeftBesideThePack(), IsEmpty());
   EXPECT_THAT(Appliance::Journal().back(), testing::StartsWith("install pre"));
 
-  fs::remove(test::Root() / "usr/lib/orbamira/plugins/50-in-the-way");
+  fs::remove(fs::path(path::kPluginFolder) / "50-in-the-way");
   ExpectUpdateTo("2.0", "two");
 }
 
@@ -301,7 +301,7 @@ TEST_F(UpdateFlowTest, ACopyThatFailsKeepsTheBackupWhenTheOldPackCannotComeBack)
   EXPECT_EQ(Appliance::Packctl({"recover"}).status, 0);
   EXPECT_EQ(Appliance::InstalledPayload(), "one");
   EXPECT_THAT(LeftBesideThePack(), IsEmpty());
-  fs::remove(test::Root() / "usr/lib/orbamira/plugins/50-in-the-way");
+  fs::remove(fs::path(path::kPluginFolder) / "50-in-the-way");
   ExpectUpdateTo("2.0", "two");
 }
 

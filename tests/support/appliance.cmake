@@ -1,12 +1,13 @@
 # The appliance that tests start from, C++ and Python ones: links to what the build makes, in the places of an
 # installation, and the settings of an appliance. A test copies it and has the copy for itself.
 set(appliance ${PROJECT_BINARY_DIR}/tests/appliance)
-set(appliance_programs ${appliance}${CMAKE_INSTALL_PREFIX}/${ORBAMIRA_LIBEXECDIR})
-set(appliance_data ${appliance}${CMAKE_INSTALL_PREFIX}/${ORBAMIRA_DATADIR})
+set(appliance_programs ${appliance}${ORBAMIRA_HELPERS_FOLDER})
+set(appliance_data ${appliance}${ORBAMIRA_DATA_FOLDER})
 
 foreach(folder IN ITEMS
-    ${appliance}/usr/bin ${appliance_programs} ${appliance_data} ${appliance}/usr/lib/orbamira/plugins
-    ${appliance}/etc/orbamira ${appliance}/var/lib/orbamira/packages ${appliance}/run/orbamira/lock)
+    ${appliance}/usr/bin ${appliance_programs} ${appliance_data} ${appliance}${ORBAMIRA_PLUGINS_FOLDER}
+    ${appliance}${ORBAMIRA_SETTINGS_FOLDER} ${appliance}${ORBAMIRA_PACKS_FOLDER} ${appliance}${ORBAMIRA_STATE_FOLDER}
+    ${appliance}${ORBAMIRA_RUN_FOLDER}/lock)
   file(MAKE_DIRECTORY ${folder})
 endforeach()
 
@@ -25,6 +26,6 @@ foreach(file IN LISTS page_files)
   configure_file(${file} ${appliance_data}/web/${name} COPYONLY)
 endforeach()
 configure_file(${PROJECT_SOURCE_DIR}/packaging/INFO.in ${appliance_data}/INFO @ONLY)
-file(CONFIGURE OUTPUT ${appliance}/etc/orbamira/system.conf CONTENT "unique=\"test-appliance\"\n")
-file(CONFIGURE OUTPUT ${appliance}/etc/orbamira/version.conf
+file(CONFIGURE OUTPUT ${appliance}${ORBAMIRA_SYSTEM_FILE} CONTENT "unique=\"test-appliance\"\n")
+file(CONFIGURE OUTPUT ${appliance}${ORBAMIRA_VERSION_FILE}
   CONTENT "major_version=\"3\"\nminor_version=\"1\"\nbuild_number=\"1200\"\n")

@@ -117,7 +117,7 @@ ProgramResult Appliance::Packctl(const std::vector<std::string>& arguments) {
 }
 
 void Appliance::AddPlugin(const std::string& name, const std::string& script) {
-  const fs::path plugin = Root() / "usr/lib/orbamira/plugins" / name;
+  const fs::path plugin = fs::path(path::kPluginFolder) / name;
   WriteFile(plugin, "#!/bin/sh\n" + script);
   fs::permissions(plugin, fs::perms(0755));
 }

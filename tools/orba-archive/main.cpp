@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "platform/constants.h"
+#include "platform/paths.h"
 #include "platform/posix/files.h"
 #include "platform/posix/program.h"
 #include "platform/settings_file.h"
@@ -59,7 +60,8 @@ constexpr const char* kUsage =
     "  --help         print this text\n"
     "  --version      print the version\n"
     "\n"
-    "Where there is a keyring, /etc/orbamira/keyring.pem, a package is unpacked only\n"
+    "Where there is a keyring, " ORBAMIRA_SETTINGS_FOLDER
+    "/keyring.pem, a package is unpacked only\n"
     "when it is signed by a certificate that the keyring trusts.\n";
 
 struct UsageError {};

@@ -14,6 +14,7 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/paths.h"
 #include "platform/posix/atomic_file.h"
 #include "platform/posix/program.h"
 #include "platform/printable.h"
@@ -48,8 +49,8 @@ constexpr const char* kNotifyHelp =
     "  VERSION  the version of that package\n"
     "  STATUS   what the step means for the pack: INSTALL, UNINSTALL or UPGRADE\n"
     "\n"
-    "Each option is given once, in any order. The plugins are the executables in\n"
-    "/usr/lib/orbamira/plugins. Each is run with exactly these arguments, but for\n"
+    "Each option is given once, in any order. The plugins are the executables in\n" ORBAMIRA_PLUGINS_FOLDER
+    ". Each is run with exactly these arguments, but for\n"
     "control characters, which become \\ooo, one after the other in the order of\n"
     "their names. One that fails does not keep the others from being told.\n"
     "\n"
@@ -62,7 +63,8 @@ constexpr const char* kListUsage =
 
 constexpr const char* kListHelp =
     "\n"
-    "The plugins are the executables in /usr/lib/orbamira/plugins. Each is run with\n"
+    "The plugins are the executables in " ORBAMIRA_PLUGINS_FOLDER
+    ". Each is run with\n"
     "the argument --app-id, one after the other in the order of their names, and\n"
     "prints its ids: one a line, UTF-8, 64 KiB at most. One that fails is named on\n"
     "the standard error and in the system log, and left out. So is one whose ids\n"

@@ -18,10 +18,12 @@
 #include <string>
 #include <vector>
 
+#include "platform/constants.h"
 #include "tests/support/error_text.h"
 #include "tests/support/process.h"
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
+#include "tests/support/written_folders.h"
 
 namespace orbamira::test {
 namespace {
@@ -429,7 +431,7 @@ TEST_F(OrbaArchiveTest, UnpacksAllOfAPackageOrNothing) {
 
 // What an install that failed has left used to be in the way of every later one.
 TEST_F(OrbaArchiveTest, EmptiesTheTemporaryFolderOfAPackFirst) {
-  const fs::path unpacked = Root() / "var/lib/orbamira/packages/.codec-pack.unpacked";
+  const fs::path unpacked = path::kTempPackFolderPath;
   WriteFile(unpacked / "INFO", "left");
   WriteFile(unpacked / "lib/planted.so", "planted");
   fs::create_symlink(folder_.path(), unpacked / "link");
@@ -452,11 +454,11 @@ TEST_F(OrbaArchiveTest, EmptiesTheTemporaryFolderOfAPackFirst) {
   result = Run(Program::kTar, {"-xf", archive_, "-C", unpacked});
   EXPECT_TRUE(result.Exited(0)) << result;
   EXPECT_EQ(Snapshot(unpacked).size(), 2U);
-  fs::remove_all(Root() / "var");
+  test::RemoveWrittenFolders();
 }
 
 TEST_F(OrbaArchiveTest, EmptiesTheDownloadFolderButForThePackage) {
-  const fs::path download = Root() / "var/cache/orbamira/download";
+  const fs::path download = kDownloadFolder;
   const fs::path package = download / "codec-pack.opk";
   WriteFile(package, Tar().File("INFO").File("package.tgz", Gzip(Tar().File("f").Bytes())).Bytes());
   WriteFile(download / "package.tgz", "planted");
@@ -467,11 +469,11 @@ TEST_F(OrbaArchiveTest, EmptiesTheDownloadFolderButForThePackage) {
     EXPECT_EQ(Snapshot(download).size(), 3U);
     EXPECT_EQ(ReadFile(download / "package.tgz"), Gzip(Tar().File("f").Bytes()));
   }
-  fs::remove_all(Root() / "var");
+  test::RemoveWrittenFolders();
 }
 
 TEST_F(OrbaArchiveTest, EmptiesNoFolderButTheUpdatersOwn) {
-  const fs::path packages = Root() / "var/lib/orbamira/packages";
+  const fs::path packages = kTargetFolder;
   fs::create_directories(packages);
   WriteFile(out_ / "mine", "kept");
   EXPECT_TRUE(Unpack(Program::kArchive, Tar().File("INFO").Bytes()).Exited(0));
@@ -481,7 +483,7 @@ TEST_F(OrbaArchiveTest, EmptiesNoFolderButTheUpdatersOwn) {
   EXPECT_TRUE(result.Exited(1)) << result;
   EXPECT_THAT(result.err, HasSubstr("INFO: " + test::ErrorText(EEXIST)));
   EXPECT_EQ(ReadFile(out_ / "mine"), "kept");
-  fs::remove_all(Root() / "var");
+  test::RemoveWrittenFolders();
 }
 
 // Bounds.
@@ -576,8 +578,8 @@ TEST_F(OrbaArchiveTest, BoundsTheNumberOfFilesFoldersAndLinks) {
 }
 
 TEST_F(OrbaArchiveTest, TakesTheLimitFromTheSettings) {
-  const fs::path own = Root() / "etc/orbamira/updater.conf";
-  const fs::path makers = Root() / "usr/share/orbamira/updater.conf";
+  const fs::path own = path::kPkgSetting;
+  const fs::path makers = path::kDefaultPkgSetting;
   const Tar tar = Tar().File("file", std::string(600, 'a'));
   WriteFile(makers, "unpack_limit=\"8191\"\n");
   ExpectPayloadRefused(tar, "file: unpacks to more than the limit of 8191 bytes");

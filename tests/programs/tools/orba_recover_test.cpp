@@ -7,6 +7,7 @@
 #include "platform/constants.h"
 #include "tests/support/process.h"
 #include "tests/support/test_root.h"
+#include "tests/support/written_folders.h"
 #include "updater/update_lock.h"
 
 namespace orbamira::test {
@@ -19,7 +20,7 @@ using testing::StartsWith;
 class OrbaRecoverTest : public testing::Test {
  protected:
   OrbaRecoverTest() {
-    fs::remove_all(test::Root() / "var");
+    test::RemoveWrittenFolders();
     fs::create_directories(kTargetFolder);
   }
 

@@ -11,7 +11,7 @@ import sys
 import tempfile
 import unittest
 
-NAMES = ("man/packctl.1", "man/mkpack.1", "man/mkpack-verify.1", "completions/packctl.bash", "completions/_packctl")
+NAMES = ("man/packctl.1.in", "man/mkpack.1", "man/mkpack-verify.1", "completions/packctl.bash", "completions/_packctl")
 
 
 def first_words(program):
@@ -76,7 +76,7 @@ class PagesTest(unittest.TestCase):
             self.assertEqual(taken, [option["names"] for option in (command or self.program)["options"]])
 
     def test_the_pages_name_every_command_and_option(self):
-        page = (self.packaging / "man/packctl.1").read_text().replace("\\-", "-")
+        page = (self.packaging / "man/packctl.1.in").read_text().replace("\\-", "-")
         for command in self.program["commands"]:
             self.assertIn(f".SS\n\\fB{command['name']}\\fR", page)
             for option in command["options"]:

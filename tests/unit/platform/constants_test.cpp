@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/paths.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira {
@@ -14,50 +15,50 @@ namespace {
 
 struct Place {
   const char* value;
-  const char* fixed_path;
+  const char* path;
 };
 
 const std::vector<Place>& Places() {
   static const std::vector<Place> places = {
-      {kDownloadFolder, "/var/cache/orbamira/download"},
-      {kTargetFolder, "/var/lib/orbamira/packages"},
-      {kPackageInfoPath, "/usr/share/orbamira/INFO"},
-      {path::kNotifyPluginPyPath, "/usr/libexec/orbamira/notify-plugins"},
-      {path::kGetAppIdPyPath, "/usr/libexec/orbamira/list-app-ids"},
-      {path::kPluginFolder, "/usr/lib/orbamira/plugins"},
-      {path::kTempPluginAppIdPath, "/run/orbamira/plugin-app-ids.json"},
-      {path::kTarPath, "/usr/libexec/orbamira/orba-tar"},
-      {path::kCpPath, "/usr/libexec/orbamira/orba-copy"},
-      {path::kRmPath, "/usr/libexec/orbamira/orba-remove"},
-      {path::kOrbaArchivePath, "/usr/libexec/orbamira/orba-archive"},
-      {path::kTempPackFolderPath, "/var/lib/orbamira/packages/.codec-pack.unpacked"},
-      {path::kPackFolderPath, "/var/lib/orbamira/packages/codec-pack"},
-      {path::kBackupPackFolderPath, "/var/lib/orbamira/packages/.codec-pack.backup"},
-      {path::kPackInfoPath, "/var/lib/orbamira/packages/codec-pack/INFO"},
-      {path::kHasAacPath, "/var/lib/orbamira/packages/codec-pack/has_aac"},
-      {path::kHasHevcPath, "/var/lib/orbamira/packages/codec-pack/has_hevc"},
-      {path::kDownloadedOpkPath, "/var/cache/orbamira/download/codec-pack.opk"},
-      {path::kPackStatusFile, "/var/lib/orbamira/status.json"},
-      {path::kPackStatusLock, "/run/orbamira/lock/status.lock"},
-      {path::kHistoryFile, "/var/lib/orbamira/history.jsonl"},
-      {path::kCodecRequirementsPath, "/var/lib/orbamira/codec-requirements.json"},
-      {path::kCodecRequirementsLock, "/run/orbamira/lock/codec-requirements.lock"},
-      {path::kPkgSetting, "/etc/orbamira/updater.conf"},
-      {path::kDefaultPkgSetting, "/usr/share/orbamira/updater.conf"},
-      {path::kKeyring, "/etc/orbamira/keyring.pem"},
-      {path::kPackctlLock, "/run/orbamira/lock/packctl.lock"},
-      {path::kAccountFile, "/etc/orbamira/account.json"},
-      {path::kAccountLock, "/run/orbamira/lock/account.lock"},
+      {kDownloadFolder, ORBAMIRA_CACHE_FOLDER "/download"},
+      {kTargetFolder, ORBAMIRA_PACKS_FOLDER},
+      {kPackageInfoPath, ORBAMIRA_DATA_FOLDER "/INFO"},
+      {path::kNotifyPluginPyPath, ORBAMIRA_HELPERS_FOLDER "/notify-plugins"},
+      {path::kGetAppIdPyPath, ORBAMIRA_HELPERS_FOLDER "/list-app-ids"},
+      {path::kPluginFolder, ORBAMIRA_PLUGINS_FOLDER},
+      {path::kTempPluginAppIdPath, ORBAMIRA_RUN_FOLDER "/plugin-app-ids.json"},
+      {path::kTarPath, ORBAMIRA_HELPERS_FOLDER "/orba-tar"},
+      {path::kCpPath, ORBAMIRA_HELPERS_FOLDER "/orba-copy"},
+      {path::kRmPath, ORBAMIRA_HELPERS_FOLDER "/orba-remove"},
+      {path::kOrbaArchivePath, ORBAMIRA_HELPERS_FOLDER "/orba-archive"},
+      {path::kTempPackFolderPath, ORBAMIRA_PACKS_FOLDER "/.codec-pack.unpacked"},
+      {path::kPackFolderPath, ORBAMIRA_PACKS_FOLDER "/codec-pack"},
+      {path::kBackupPackFolderPath, ORBAMIRA_PACKS_FOLDER "/.codec-pack.backup"},
+      {path::kPackInfoPath, ORBAMIRA_PACKS_FOLDER "/codec-pack/INFO"},
+      {path::kHasAacPath, ORBAMIRA_PACKS_FOLDER "/codec-pack/has_aac"},
+      {path::kHasHevcPath, ORBAMIRA_PACKS_FOLDER "/codec-pack/has_hevc"},
+      {path::kDownloadedOpkPath, ORBAMIRA_CACHE_FOLDER "/download/codec-pack.opk"},
+      {path::kPackStatusFile, ORBAMIRA_STATE_FOLDER "/status.json"},
+      {path::kPackStatusLock, ORBAMIRA_RUN_FOLDER "/lock/status.lock"},
+      {path::kHistoryFile, ORBAMIRA_STATE_FOLDER "/history.jsonl"},
+      {path::kCodecRequirementsPath, ORBAMIRA_STATE_FOLDER "/codec-requirements.json"},
+      {path::kCodecRequirementsLock, ORBAMIRA_RUN_FOLDER "/lock/codec-requirements.lock"},
+      {path::kPkgSetting, ORBAMIRA_SETTINGS_FOLDER "/updater.conf"},
+      {path::kDefaultPkgSetting, ORBAMIRA_DATA_FOLDER "/updater.conf"},
+      {path::kKeyring, ORBAMIRA_SETTINGS_FOLDER "/keyring.pem"},
+      {path::kPackctlLock, ORBAMIRA_RUN_FOLDER "/lock/packctl.lock"},
+      {path::kAccountFile, ORBAMIRA_SETTINGS_FOLDER "/account.json"},
+      {path::kAccountLock, ORBAMIRA_RUN_FOLDER "/lock/account.lock"},
       {path::kLocaltime, "/etc/localtime"},
-      {common::kDefaultOrbaInfoPath, "/etc/orbamira/system.conf"},
-      {common::kDefaultVersionPath, "/etc/orbamira/version.conf"},
+      {common::kDefaultOrbaInfoPath, ORBAMIRA_SYSTEM_FILE},
+      {common::kDefaultVersionPath, ORBAMIRA_VERSION_FILE},
   };
   return places;
 }
 
 TEST(ConstantsTest, EveryPathStandsInItsPlaceUnderTheRoot) {
   for (const Place& place : Places()) {
-    EXPECT_EQ(place.value, test::Root().string() + place.fixed_path);
+    EXPECT_EQ(place.value, test::Root().string() + place.path);
   }
 }
 

@@ -13,6 +13,7 @@
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
 #include "tests/support/test_root.h"
+#include "tests/support/written_folders.h"
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/web/state_json.h"
 #include "updater/pack_status_helper.h"
@@ -45,7 +46,7 @@ TEST(HolderOfTest, DoesNotTakeAWaiterOrAnotherLockForAHolder) {
 class StateReaderTest : public testing::Test {
  protected:
   void SetUp() override {
-    fs::remove_all(test::Root() / "var");
+    test::RemoveWrittenFolders();
     fs::create_directories(kTargetFolder);
   }
 

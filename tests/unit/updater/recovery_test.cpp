@@ -18,6 +18,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
+#include "tests/support/written_folders.h"
 #include "updater/pack_status_helper.h"
 #include "updater/status_record.h"
 #include "updater/update_lock.h"
@@ -407,8 +408,8 @@ TEST_F(RecoveryTest, RecoverReportsAFileInPlaceOfTheFolderOfPacks) {
 }
 
 TEST_F(RecoveryTest, RecoverReportsFoldersThatCannotBeMade) {
-  fs::remove_all(test::Root() / "var");
-  WriteFile(test::Root() / "var", "a file in the way");
+  test::RemoveWrittenFolders();
+  WriteFile(fs::path(kTargetFolder).parent_path(), "a file in the way");
   EXPECT_THAT(Recovered().failed, Contains(HasSubstr("cannot make the folders: ")));
 }
 

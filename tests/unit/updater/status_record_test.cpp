@@ -13,6 +13,7 @@
 #include "tests/support/error_text.h"
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
+#include "tests/support/written_folders.h"
 #include "updater/pack_status_helper.h"
 
 namespace orbamira::updater {
@@ -23,7 +24,7 @@ namespace keys = webapi::param;
 class StatusRecordTest : public testing::Test {
  protected:
   void SetUp() override {
-    std::filesystem::remove_all(test::Root() / "var");
+    test::RemoveWrittenFolders();
     std::filesystem::create_directories(std::filesystem::path(path::kPackStatusFile).parent_path());
   }
 
@@ -41,9 +42,10 @@ TEST_F(StatusRecordTest, ReadWithoutAStoreIsTheDefaultAndMakesNone) {
 }
 
 TEST_F(StatusRecordTest, ReadMakesNothingAndSetsNothingAside) {
-  std::filesystem::remove_all(test::Root() / "run");
+  const std::filesystem::path locks = std::filesystem::path(path::kPackStatusLock).parent_path();
+  std::filesystem::remove_all(locks);
   EXPECT_EQ(ReadStatusRecord(), StatusRecord());
-  EXPECT_FALSE(std::filesystem::exists(test::Root() / "run"));
+  EXPECT_FALSE(std::filesystem::exists(locks));
   const std::string cut = R"({"status": "insta)";
   for (const std::string& text : {cut, std::string("[]"), std::string(R"({"status": 1})"), std::string()}) {
     test::WriteFile(path::kPackStatusFile, text);

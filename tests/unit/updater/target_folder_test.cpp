@@ -6,7 +6,6 @@
 #include <string>
 
 #include "platform/constants.h"
-#include "tests/support/test_root.h"
 #include "updater/pack_handler.h"
 
 namespace orbamira::updater {
@@ -15,7 +14,7 @@ namespace {
 TEST(TargetFolderTest, GetInfoPathKeepsADoubledSlash) {
   ASSERT_EQ(std::string(kTargetFolder).back(), '/');
   const PackHandler handler(nullptr, nullptr, nullptr, nullptr);
-  EXPECT_EQ(handler.GetInfoPath(), test::Root().string() + "/var/lib/orbamira/packages//" + kPackFolderName + "/INFO");
+  EXPECT_EQ(handler.GetInfoPath(), std::string(kTargetFolder) + "/" + kPackFolderName + "/INFO");
 }
 
 }  // namespace

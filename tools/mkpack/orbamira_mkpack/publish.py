@@ -60,7 +60,7 @@ typical use
   mkpack verify /srv/packs --base-url https://packs.example.com/packs
 
   Serve /srv/packs at https://packs.example.com/packs with any web server. Copy the packages there before the reply.
-  On the appliances, set in /etc/orbamira/updater.conf:
+  On the appliances, set in their updater.conf:
   pack_update_server="https://packs.example.com/packs/reply.json"
 
 common problems

@@ -11,7 +11,7 @@ constexpr Command SignInCommand(Outcome (*run)(Context&)) {
   constexpr const char* kDetails =
       "Prints an address to open in a browser, and waits for the answer of the OpenID Connect provider. To use a\n"
       "browser on another machine, forward the port of --port with ssh -L. The tokens are stored in\n"
-      "/etc/orbamira/account.json, which only root can read, and are never shown. Run it as root.\n"
+      "a file that only root can read, and are never shown. Run it as root.\n"
       "With --json: first result (waiting) and address, then result (signed_in), user_id, issuer,\n"
       "expires (seconds since the epoch) and renewable.\n"
       "Example: packctl account sign-in --issuer https://accounts.example.com";

@@ -3,8 +3,9 @@
 /// When the update server last answered a check.
 namespace orbamira::packctl {
 
-/// Notes that the update server has answered a check just now, as the time of /var/cache/orbamira/checked. By its age
-/// the services see after a boot whether the daily check was missed. Where it cannot be noted, one check more is made.
+/// Notes that the update server has answered a check just now, as the time of the file `checked` beside the download
+/// folder. By its age the services see after a boot whether the daily check was missed. Where it cannot be noted, one
+/// check more is made.
 void NoteAnsweredCheck();
 
 }  // namespace orbamira::packctl

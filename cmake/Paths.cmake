@@ -1,0 +1,40 @@
+# Reads platform/paths.h, the list of the appliance's folders and files, and sets a variable of the same name for each.
+# What the file ORBAMIRA_PATHS sets takes the place of what is listed.
+set(ORBAMIRA_PATHS "" CACHE FILEPATH "A CMake file that sets paths of the appliance, as platform/paths.h lists them")
+set(paths_header ${PROJECT_SOURCE_DIR}/platform/paths.h)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${paths_header} ${ORBAMIRA_PATHS})
+if(ORBAMIRA_PATHS)
+  include(${ORBAMIRA_PATHS})
+endif()
+
+# ORBAMIRA_PATH_DEFINITIONS are for C++; paths.json in the build folder is for tests and scripts.
+set(ORBAMIRA_PATH_DEFINITIONS "")
+set(paths_json "{}")
+get_cmake_property(unlisted VARIABLES)
+list(FILTER unlisted INCLUDE REGEX "^ORBAMIRA_.*_(FOLDER|FILE)$")
+file(STRINGS ${paths_header} definitions REGEX "^#define ORBAMIRA_")
+foreach(definition IN LISTS definitions)
+  string(REGEX MATCH "^#define (ORBAMIRA_[A-Z_]+) (ORBAMIRA_[A-Z_]+)? ?\"(.*)\"$" definition ${definition})
+  set(name ${CMAKE_MATCH_1})
+  if(NOT DEFINED ${name})
+    set(${name} ${${CMAKE_MATCH_2}}${CMAKE_MATCH_3})
+  endif()
+  list(APPEND ORBAMIRA_PATH_DEFINITIONS ${name}="${${name}}")
+  string(JSON paths_json SET "${paths_json}" ${name} "\"${${name}}\"")
+  list(REMOVE_ITEM unlisted ${name})
+endforeach()
+if(unlisted)
+  message(FATAL_ERROR "${ORBAMIRA_PATHS} sets what platform/paths.h does not list: ${unlisted}")
+endif()
+file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/paths.json CONTENT "${paths_json}\n")
+
+# orbamira_destination(RESULT FOLDER)
+#
+# FOLDER of the list as install() takes it: what lies below /usr is installed below CMAKE_INSTALL_PREFIX.
+function(orbamira_destination result folder)
+  string(REGEX REPLACE "^/usr/" "" destination ${folder})
+  set(${result} ${destination} PARENT_SCOPE)
+endfunction()
+orbamira_destination(ORBAMIRA_HELPERS_DESTINATION ${ORBAMIRA_HELPERS_FOLDER})
+orbamira_destination(ORBAMIRA_PLUGINS_DESTINATION ${ORBAMIRA_PLUGINS_FOLDER})
+orbamira_destination(ORBAMIRA_DATA_DESTINATION ${ORBAMIRA_DATA_FOLDER})
