@@ -29,6 +29,6 @@ def parser(description):
 def install(build, root):
     """A fresh appliance below `root`, with what an installation of the build folder's programs brings."""
     appliance.install(build, root, "--strip")
-    installed = appliance.Appliance(root)
+    installed = appliance.Appliance(root, build)
     installed.identify("bench-appliance")
     return installed

@@ -53,7 +53,7 @@ class SignInTest(unittest.TestCase):
     def setUp(self):
         folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.appliance = Appliance.lay_out(folder / "root", self.arguments.build)
-        self.account = self.appliance.root / "etc/orbamira/account.json"
+        self.account = self.appliance.settings / "account.json"
         provider = self.enterContext(
             subprocess.Popen(
                 [pathlib.Path(self.arguments.build) / "tests/oidc_provider", "--login"],

@@ -191,7 +191,7 @@ class WebTest(unittest.TestCase):
     def hold_steps(self):
         """From now on each notification of an update waits for one call of the function that this gives."""
         go = self.appliance.root / "go"
-        plugin = self.appliance.root / "usr/lib/orbamira/plugins/10-wait"
+        plugin = self.appliance.plugins / "10-wait"
         plugin.write_text(f"#!/bin/sh\nwhile ! rm '{go}' 2> /dev/null; do sleep 0.02; done\n")
         plugin.chmod(0o755)
         return lambda: go.write_text("")
@@ -579,7 +579,7 @@ class WebTest(unittest.TestCase):
             "errors": [sentence + "<b>no</b> " * 25, "y" * 500, "a short one"],
         }
         now = int(time.time())
-        path = self.appliance.root / "var/lib/orbamira/history.jsonl"
+        path = self.appliance.state_folder / "history.jsonl"
         path.write_text("".join(json.dumps(entry | {"time": now - day * 86_400}) + "\n" for day in range(365, 0, -1)))
 
     def test_a_year_of_long_failures_fits_every_width(self):

@@ -18,7 +18,7 @@ import threading
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-from appliance import SOURCE, Appliance, install  # noqa: E402
+from appliance import SOURCE, Appliance, Paths, install  # noqa: E402
 
 FOLDERS = ("", "docs", "examples", "packaging", "tests/abi")
 PAGES = sorted(path for folder in FOLDERS for path in (SOURCE / folder).glob("*.md"))
@@ -43,6 +43,8 @@ for word in "$@"; do
   esac
 done
 """
+# What the pages call the folder of settings, wherever this build has it.
+DEFAULT_SETTINGS = "/etc/orbamira"
 STUBBED = ("systemctl", "journalctl", "apt-get", "apt", "dpkg", "adduser")
 
 
@@ -55,7 +57,7 @@ class Page:
     """One page with the machine that its commands are run on."""
 
     def __init__(self, path, build, folder):
-        self.path, self.build, self.folder = path, build, folder
+        self.path, self.build, self.folder, self.paths = path, build, folder, Paths(build)
         self.root, self.packs, self.work = folder / "root", folder / "srv/packs", folder / "work"
 
     def here(self, text):
@@ -63,7 +65,7 @@ class Page:
         for there, here in (
             ("https://packs.example.com/packs", self.address),
             ("/srv/packs", str(self.packs)),
-            ("/etc/orbamira", f"{self.root}/etc/orbamira"),
+            (DEFAULT_SETTINGS, str(self.root / self.paths.settings_folder)),
             ("sudo ", ""),
         ):
             text = text.replace(there, here)
@@ -71,7 +73,7 @@ class Page:
 
     def prepare(self):
         install(self.build, self.root)
-        appliance = Appliance(self.root)
+        appliance = Appliance(self.root, self.build)
         if self.path.name != "publishing.md":  # which itself says what a new appliance needs
             appliance.identify()
         appliance.use_server(f"{self.address}/reply.json")

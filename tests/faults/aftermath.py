@@ -42,7 +42,7 @@ class Aftermath:
     def recover(self):
         """Recovery, as at boot."""
         appliance = self.appliance
-        self._expect("", 0, program=appliance.root / "usr/libexec/orbamira/orba-recover")
+        self._expect("", 0, program=appliance.helpers / "orba-recover")
         if self.old and not appliance.pack.exists():
             self.lost.append("no pack is in place after recovery")
         if self.broken is not None:

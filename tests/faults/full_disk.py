@@ -79,35 +79,21 @@ class Stage:
 
 
 STAGES = (
-    Stage("download", "var/cache/orbamira", "size=4m", 600_000, "download_install_failed", "Failed to download pack: "),
-    Stage(
-        "outer extraction",
-        "var/lib/orbamira/packages",
-        "size=8m",
-        600_000,
-        "download_install_failed",
-        "Failed to extract opk ",
-    ),
-    Stage(
-        "inner extraction",
-        "var/lib/orbamira/packages",
-        "size=8m",
-        2_500_000,
-        "download_install_failed",
-        "Failed to untar archive ",
-    ),
+    Stage("download", "cache", "size=4m", 600_000, "download_install_failed", "Failed to download pack: "),
+    Stage("outer extraction", "packages", "size=8m", 600_000, "download_install_failed", "Failed to extract opk "),
+    Stage("inner extraction", "packages", "size=8m", 2_500_000, "download_install_failed", "Failed to untar archive "),
     Stage(
         "copy",
-        "var/lib/orbamira/packages",
+        "packages",
         "size=16m,nr_inodes=500",
         8_000_000,
         "download_install_failed",
         "Failed to copy extracted pack.",
     ),
     # A status that is overwritten takes no room.
-    Stage("status write", "var/lib/orbamira", "size=16m", 0, "download_install_failed", "Failed to extract opk "),
+    Stage("status write", "state_folder", "size=16m", 0, "download_install_failed", "Failed to extract opk "),
     # With no room for a status, the one before is what stays.
-    Stage("first status write", "var/lib/orbamira", "size=16m", 0, "need_download", os.strerror(errno.ENOSPC), True),
+    Stage("first status write", "state_folder", "size=16m", 0, "need_download", os.strerror(errno.ENOSPC), True),
 )
 
 
@@ -116,7 +102,7 @@ class FullDisk:
         self.publisher = publisher
         self.old, self.new = publisher.publish(OLD, 1, SIZES), publisher.publish(NEW, 2, SIZES)
         self.appliance = Appliance.lay_out(folder / "root", build)
-        (self.appliance.root / "var/cache/orbamira").mkdir(parents=True, exist_ok=True)
+        self.appliance.cache.mkdir(parents=True, exist_ok=True)
 
     def begin(self):
         """The old pack in place, the new one on offer."""
@@ -129,7 +115,7 @@ class FullDisk:
         """What is wrong after the update ran into the full disk, and after it ran again with room."""
         appliance = self.appliance
         self.begin()
-        folder = appliance.root / stage.folder
+        folder = getattr(appliance, stage.folder)
         # The old pack, the folder that is unpacked and half of its copy: the copy runs out of directory entries.
         entries = sum(1 for _ in appliance.packages.rglob("*")) + 2
         if stage.other_hand:
@@ -174,10 +160,10 @@ class FullDisk:
     def plugin_answer_problems(self):
         """A full disk under the plugins' answer: the query says so, leaves no part of an answer, and works again."""
         appliance = self.appliance
-        plugin = appliance.root / "usr/lib/orbamira/plugins/10-id"
+        plugin = appliance.plugins / "10-id"
         plugin.write_text('#!/bin/sh\n[ "$1" = --app-id ] && echo com.example.player\nexit 0\n')
         plugin.chmod(0o755)
-        folder = appliance.root / "run/orbamira"
+        folder = appliance.run_folder
         with small_file_system(folder, "size=1m"):
             filler = fill(folder)
             found = []
@@ -198,10 +184,8 @@ class FullDisk:
         appliance = self.appliance
         temporary = appliance.root / "tmp"
         temporary.mkdir()
-        with small_file_system(appliance.root / "var/lib/orbamira", "size=16m"), small_file_system(
-            temporary, "size=1m,nr_inodes=2"
-        ):
-            fill(appliance.root / "var/lib/orbamira")
+        with small_file_system(appliance.state_folder, "size=16m"), small_file_system(temporary, "size=1m,nr_inodes=2"):
+            fill(appliance.state_folder)
             fill(temporary)
             wrapper = ("env", f"TMPDIR={temporary}")
             ended = appliance.packctl("doctor", "--json", wrapper=wrapper)

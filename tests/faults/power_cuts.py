@@ -87,7 +87,7 @@ class Bench:
     """The images and the states that the updates start from."""
 
     def __init__(self, folder, store, build, publisher):
-        self.folder, self.store, self.publisher = folder, store, publisher
+        self.folder, self.store, self.build, self.publisher = folder, store, build, publisher
         old, new = publisher.publish(OLD, 1, SIZES), publisher.publish(NEW, 2, SIZES)
         self.starts = {"update": None, "upgrade": OLD}
         for name, version in self.starts.items():
@@ -110,7 +110,7 @@ class Bench:
         return copy
 
     def start(self, mount):
-        appliance = Appliance(mount / "root")
+        appliance = Appliance(mount / "root", self.build)
         return subprocess.Popen(
             [str(appliance.program("packctl")), "update"],
             env=appliance.environment(),
@@ -128,13 +128,13 @@ class Bench:
             process = self.start(mount)
             last = time.monotonic()
             for _ in while_running(process):
-                stage = held(Appliance(mount / "root"))
+                stage = held(Appliance(mount / "root", self.build))
                 now = time.monotonic()
                 found[stage] = found.get(stage, 0) + now - last
                 last = now
             if process.returncode != 0:
                 raise RuntimeError(f"the undisturbed {name} failed")
-            found.setdefault(held(Appliance(mount / "root")), 0)
+            found.setdefault(held(Appliance(mount / "root", self.build)), 0)
         return found
 
     def cut(self, name, stage, delay):
@@ -142,7 +142,7 @@ class Bench:
         image = self.clone(self.store / f"{name}.img", "run.img")
         with mounted(image, self.folder / "mount") as mount:
             process = self.start(mount)
-            running = Appliance(mount / "root")
+            running = Appliance(mount / "root", self.build)
             for _ in while_running(process):
                 if held(running) == stage:
                     break
@@ -154,7 +154,7 @@ class Bench:
                 os.killpg(process.pid, signal.SIGKILL)
             process.wait()
         with mounted(cut, self.folder / "mount") as mount:
-            appliance = Appliance(mount / "root")
+            appliance = Appliance(mount / "root", self.build)
             aftermath = Aftermath(self.publisher, appliance, self.starts[name], NEW)
             aftermath.look()
             on_disk = held(appliance)

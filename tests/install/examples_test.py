@@ -140,7 +140,7 @@ def publish(stage, server, version):
 
 
 def watch_an_update(session, stage):
-    plugin = stage.root / "usr/lib/orbamira/plugins/10-holding"
+    plugin = stage.plugins / "10-holding"
     hold, held = plugin.parent.parent / "hold", plugin.parent.parent / "held"
     plugin.parent.mkdir(parents=True, exist_ok=True)
     hold.touch()
@@ -162,6 +162,7 @@ def watch_an_update(session, stage):
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--packages", type=pathlib.Path, required=True)
+    parser.add_argument("--build", type=pathlib.Path, required=True)
     parser.add_argument("--source", type=pathlib.Path, required=True)
     parser.add_argument("--compiler", required=True)
     parser.add_argument("--with", dest="tool", choices=("find_package", "pkg-config"), required=True)
@@ -172,7 +173,7 @@ def main():
     ) as server:
         folder = pathlib.Path(name)
         unpack(options.packages, folder / "stage")
-        stage = Appliance(folder / "stage")
+        stage = Appliance(folder / "stage", options.build)
         build = build_with_cmake if options.tool == "find_package" else build_with_pkg_config
         environment = build(stage, options.source, folder / "programs", options.compiler)
         session = Session(stage, folder / "programs", environment, options.source / "examples/README.md")

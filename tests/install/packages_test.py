@@ -18,6 +18,7 @@ import sys
 import tempfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+from appliance import Paths  # noqa: E402
 from nginx import WebServer  # noqa: E402
 
 SKIPPED = 77
@@ -31,8 +32,8 @@ CHOSEN_UNITS = ["orbamira-recover.service", "orbamira-update.timer"]
 class Root:
     """A root folder with a dpkg of its own."""
 
-    def __init__(self, folder, packages):
-        self.folder = folder
+    def __init__(self, folder, packages, build):
+        self.folder, self.paths = folder, Paths(build)
         self.database = folder / "var/lib/dpkg"
         (self.database / "info").mkdir(parents=True)
         (self.database / "updates").mkdir()
@@ -179,7 +180,7 @@ class BareRoot:
         shell = folder / "bin/sh"
         shell.parent.mkdir()
         shutil.copy("/bin/sh", shell)
-        for program in (root.folder / "usr/bin/packctl", *(root.folder / "usr/libexec/orbamira").iterdir(), shell):
+        for program in (root.folder / "usr/bin/packctl", *(root.folder / root.paths.helpers_folder).iterdir(), shell):
             for library in needed_libraries(program):
                 if not library.is_relative_to(root.folder) and not (folder / library.relative_to("/")).exists():
                     (folder / library.relative_to("/")).parent.mkdir(parents=True, exist_ok=True)
@@ -252,7 +253,7 @@ def check_without_python(report, root, packages, folder, publish):
     report.expect(
         "a root has no Python", [], [path for path in (bare.folder / "usr").rglob("python3*") if path.is_file()]
     )
-    plugin = bare.folder / "usr/lib/orbamira/plugins/10-recorder"
+    plugin = bare.folder / root.paths.plugins_folder / "10-recorder"
     plugin.parent.mkdir(parents=True, exist_ok=True)
     plugin.write_text(RECORDING_PLUGIN)
     plugin.chmod(0o755)
@@ -281,8 +282,9 @@ def check(packages, build, folder):
     report = Report()
     names = sorted(field(package, "Package") for package in packages)
     version = field(packages[0], "Version")
-    root = Root(folder / "root", packages)
-    pack, settings = root.folder / "var/lib/orbamira/packages/codec-pack", root.folder / "etc/orbamira"
+    root = Root(folder / "root", packages, build)
+    paths = root.paths
+    pack, settings = root.folder / paths.packs_folder / "codec-pack", root.folder / paths.settings_folder
 
     def expect_state(when, expected):
         report.expect(
@@ -300,11 +302,12 @@ def check(packages, build, folder):
         ["cmake", "--install", build], env={**os.environ, "DESTDIR": str(stage)}, check=True, stdout=subprocess.DEVNULL
     )
     staged = {str(path.relative_to(stage)) for path in stage.rglob("*") if path.is_symlink() or path.is_file()}
-    report.expect("no installed file is without a package", set(), staged - set(root.files("usr", "etc")))
+    tops = {name.split("/")[0] for name in staged}
+    report.expect("no installed file is without a package", set(), staged - set(root.files(*tops)))
     groups = [line.split(":") for line in (root.folder / "etc/group").read_text().splitlines()]
-    numbers = [int(group[2]) for group in groups if group[0] == "orbamira"]
+    numbers = [int(group[2]) for group in groups if group[0] == paths.group]
     report.expect("there is one group for the locks", 1, len(numbers))
-    locks = (root.folder / "run/orbamira/lock").stat()
+    locks = (root.folder / paths.run_folder / "lock").stat()
     if os.geteuid() == 0:
         report.expect(
             "the locks' folder is the group's to enter",
@@ -327,8 +330,8 @@ def check(packages, build, folder):
     with WebServer(folder / "server") as server:
         address = f'pack_update_server="{server.url}/reply.json"\n'
         (settings / "updater.conf").write_text(address)
-        (settings / "system.conf").write_text('unique="packaged"\n')
-        (settings / "version.conf").write_text('major_version="7"\nminor_version="2"\nbuild_number="64570"\n')
+        (root.folder / paths.system_file).write_text('unique="packaged"\n')
+        (root.folder / paths.version_file).write_text('major_version="7"\nminor_version="2"\nbuild_number="64570"\n')
         (settings / "account.json").write_text("{}\n")
         payload = folder / "payload"
         payload.mkdir()
@@ -356,19 +359,18 @@ def check(packages, build, folder):
         root.run("usr/bin/packctl", "update")
         check_without_python(report, root, packages, folder, publish)
     (settings / "keyring.pem").write_text("the maker's\n")
-    before = root.files("var/lib/orbamira", "etc/orbamira")
+    before = root.files(paths.state_folder, paths.settings_folder)
 
     def expect_kept(when):
         report.expect(f"{when} keeps the pack", "decoder\n", (pack / "codec").read_text())
         report.expect(
             f"{when} keeps the status",
             "up_to_date",
-            json.loads((root.folder / "var/lib/orbamira/status.json").read_text())["status"],
+            json.loads((root.folder / paths.state_folder / "status.json").read_text())["status"],
         )
         report.expect(f"{when} keeps the settings", address, (settings / "updater.conf").read_text())
-        report.expect(
-            f"{when} takes nothing", [], sorted(set(before) - set(root.files("var/lib/orbamira", "etc/orbamira")))
-        )
+        now = root.files(paths.state_folder, paths.settings_folder)
+        report.expect(f"{when} takes nothing", [], sorted(set(before) - set(now)))
 
     # What the packages do with it.
     root.dpkg("-i", *packages)
@@ -401,12 +403,12 @@ def check(packages, build, folder):
     report.expect(
         "a purge leaves no state",
         (False, False, False),
-        tuple((root.folder / name).exists() for name in ("var/lib/orbamira", "var/cache/orbamira", "run/orbamira")),
+        tuple((root.folder / name).exists() for name in (paths.state_folder, paths.cache_folder, paths.run_folder)),
     )
     report.expect(
         "a purge leaves of the settings those of others",
-        ["etc/orbamira/keyring.pem", "etc/orbamira/system.conf", "etc/orbamira/version.conf"],
-        root.files("etc/orbamira"),
+        sorted([f"{paths.settings_folder}/keyring.pem", paths.system_file, paths.version_file]),
+        sorted(set(root.files(paths.settings_folder, str(pathlib.Path(paths.system_file).parent)))),
     )
     report.expect("a purge leaves no program", [], root.files("usr"))
     report.expect("a purge leaves no service", [], root.enabled_units())

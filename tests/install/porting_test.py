@@ -147,7 +147,7 @@ class Story:
             (payload / "codec").write_bytes(os.urandom(200_000))
         subprocess.run(
             [
-                self.stage.usr / "bin/mkpack",
+                self.stage.program("mkpack"),
                 "--payload",
                 payload,
                 "--output",
@@ -167,7 +167,7 @@ class Story:
 
     def run(self, expected, *arguments):
         done = subprocess.run(
-            [self.stage.usr / "bin/packctl", *arguments],
+            [self.stage.program("packctl"), *arguments],
             env=self.stage.environment(),
             capture_output=True,
             text=True,
@@ -339,7 +339,7 @@ def main():
         port.follow_guide(2)
         port.build()
         install(port.build_folder, folder / "stage")
-        stage = Appliance(folder / "stage")
+        stage = Appliance(folder / "stage", port.build_folder)
         kept = sorted(
             str(file.relative_to(stage.root))
             for file in stage.root.rglob("*")
@@ -365,7 +365,7 @@ def main():
         report.equal(
             "the group",
             ["g acme -"],
-            re.findall(r"^g .*", (stage.usr / "lib/sysusers.d/orbamira.conf").read_text(), re.MULTILINE),
+            re.findall(r"^g .*", (stage.root / "usr/lib/sysusers.d/orbamira.conf").read_text(), re.MULTILINE),
         )
         story = Story(stage, server, report)
         story.write_settings('{}="{}"')
@@ -380,7 +380,7 @@ def main():
         port.follow_guide(3)
         port.build()
         install(port.build_folder, stage.root)
-        stage = Appliance(stage.root)
+        stage = Appliance(stage.root, port.build_folder)
         report.equal("the updater's library", updater, digest(libraries[0]))
         report.check("the platform's library is another", platform != digest(libraries[1]), platform)
         story.write_settings("{}: {}")

@@ -98,7 +98,7 @@ class HostingTest(unittest.TestCase):
 
     def appliance(self, name, address):
         appliance = Appliance.lay_out(self.top / name, self.arguments.build)
-        (appliance.root / "etc/orbamira/system.conf").write_text(f'unique="{name}"\n')
+        appliance.identify(name)
         appliance.use_server(address + "/packs/reply.json")
         return appliance
 

@@ -133,15 +133,15 @@ class JsonSchemaTest(unittest.TestCase):
         for command in ("status", "update", "remove"):
             self.check(command, FAILED)
         self.check("recover", 0)
-        (self.appliance.root / "var/lib/orbamira/codec-requirements.json").write_text("{")
+        (self.appliance.state_folder / "codec-requirements.json").write_text("{")
         self.check("codecs", FAILED)
-        (self.appliance.root / "usr/libexec/orbamira/list-app-ids").unlink()
+        (self.appliance.helpers / "list-app-ids").unlink()
         self.check("plugins", FAILED)
         for history in self.appliance.history:
             history.unlink(missing_ok=True)
             history.mkdir()
         self.check("history", FAILED)
-        locks = self.appliance.root / "run/orbamira/lock"
+        locks = self.appliance.run_folder / "lock"
         for lock in locks.iterdir():
             lock.unlink()
         locks.rmdir()
@@ -151,7 +151,7 @@ class JsonSchemaTest(unittest.TestCase):
         self.check("status", 0)  # reads, and so does without a lock that nobody can take
 
     def test_plugins(self):
-        plugin = self.appliance.root / "usr/lib/orbamira/plugins/10-player"
+        plugin = self.appliance.plugins / "10-player"
         plugin.write_text("#!/bin/sh\necho player\n")
         plugin.chmod(0o755)
         self.assertEqual(self.check("plugins", 0)["app_ids"], ["player"])
@@ -181,7 +181,7 @@ class JsonSchemaTest(unittest.TestCase):
         self.assertEqual((sign_in.returncode, done["issuer"]), (0, issuer))
         self.assertTrue(self.check("account status", 0)["valid"])
         self.assertTrue(self.check("account sign-out", 0)["revoked"])
-        account = self.appliance.root / "etc/orbamira/account.json"
+        account = self.appliance.settings / "account.json"
         account.write_text("{}")
         self.check("account status", FAILED)
         account.unlink()
@@ -189,7 +189,7 @@ class JsonSchemaTest(unittest.TestCase):
         self.check("account sign-out", FAILED)
 
     def test_another_packctl_at_work(self):
-        with open(self.appliance.root / "run/orbamira/lock/packctl.lock", "w", encoding="ascii") as lock:
+        with open(self.appliance.run_folder / "lock/packctl.lock", "w", encoding="ascii") as lock:
             fcntl.flock(lock, fcntl.LOCK_EX)
             for command in ("check", "download", "install", "update", "remove", "recover", "plugins"):
                 self.assertEqual(self.check(command, REFUSED)["result"], "busy")
@@ -225,7 +225,7 @@ class JsonSchemaTest(unittest.TestCase):
                 done = self.check_state(address, after=done["tag"])
 
     def test_web_that_cannot_start(self):
-        shutil.rmtree(self.appliance.root / "usr/share/orbamira/web")
+        shutil.rmtree(self.appliance.root / self.appliance.paths.data_folder / "web")
         self.check("web", FAILED)
 
     @contextlib.contextmanager

@@ -121,25 +121,41 @@ class Publisher:
         )
 
 
-class Appliance:
-    """One appliance; everything that it keeps lies below `root`."""
+class Paths:
+    """Where a build has the folders and files of the appliance, relative to the root: the list of platform/paths.h, in
+    lower case and without the project's name."""
 
-    def __init__(self, root):
-        self.root = pathlib.Path(root)
-        self.packages = self.root / "var/lib/orbamira/packages"
+    def __init__(self, build):
+        listed = json.loads((pathlib.Path(build) / "paths.json").read_text())
+        for name, path in listed.items():
+            setattr(self, name.removeprefix("ORBAMIRA_").lower(), path.lstrip("/"))
+
+
+class Appliance:
+    """One appliance, of a build; everything that it keeps lies below `root`."""
+
+    def __init__(self, root, build):
+        self.root, self.build, self.paths = pathlib.Path(root), build, Paths(build)
+        self.settings = self.root / self.paths.settings_folder
+        self.state_folder = self.root / self.paths.state_folder
+        self.cache = self.root / self.paths.cache_folder
+        self.run_folder = self.root / self.paths.run_folder
+        self.helpers = self.root / self.paths.helpers_folder
+        self.plugins = self.root / self.paths.plugins_folder
+        self.packages = self.root / self.paths.packs_folder
         self.pack = self.packages / "codec-pack"
         self.backup = self.packages / ".codec-pack.backup"
-        self.download = self.root / "var/cache/orbamira/download"
-        self.status_file = self.root / "var/lib/orbamira/status.json"
-        self.history = {self.root / "var/lib/orbamira" / name for name in ("history.jsonl", "history.jsonl.1")}
-        self.broken_status_file = self.root / "var/lib/orbamira/status.json.broken"
+        self.download = self.cache / "download"
+        self.status_file = self.state_folder / "status.json"
+        self.history = {self.state_folder / name for name in ("history.jsonl", "history.jsonl.1")}
+        self.broken_status_file = self.state_folder / "status.json.broken"
 
     @classmethod
     def lay_out(cls, root, build, packctl=True):
         """A fresh appliance with the programs of the build folder: with packctl, or with a host of the library."""
         build = pathlib.Path(build).resolve()
         shutil.copytree(build / "tests/appliance", root, symlinks=True, dirs_exist_ok=True)
-        appliance = cls(root)
+        appliance = cls(root, build)
         if not packctl:
             appliance.program("packctl").unlink()
             appliance.program("host").symlink_to(build / "tests/faults/update_host")
@@ -161,18 +177,19 @@ class Appliance:
 
     def identify(self, name="test-appliance"):
         """Gives an installed appliance an identity, which it comes without."""
-        settings = self.root / "etc/orbamira"
-        settings.mkdir(parents=True, exist_ok=True)
-        (settings / "system.conf").write_text(f'unique="{name}"\n')
-        (settings / "version.conf").write_text('major_version="3"\nminor_version="1"\nbuild_number="1200"\n')
+        system, version = self.root / self.paths.system_file, self.root / self.paths.version_file
+        for file in (system, version, self.settings / "updater.conf"):
+            file.parent.mkdir(parents=True, exist_ok=True)
+        system.write_text(f'unique="{name}"\n')
+        version.write_text('major_version="3"\nminor_version="1"\nbuild_number="1200"\n')
 
     def use_server(self, address):
-        (self.root / "etc/orbamira/updater.conf").write_text(f'pack_update_server="{address}"\n')
+        (self.settings / "updater.conf").write_text(f'pack_update_server="{address}"\n')
 
     def copy_to(self, root):
         """A second appliance in the same state."""
         shutil.copytree(self.root, root, symlinks=True)
-        return Appliance(root)
+        return Appliance(root, self.build)
 
     def environment(self):
         return {**os.environ, "ORBAMIRA_ROOT": str(self.root)}
@@ -218,7 +235,7 @@ class Appliance:
         entries = sorted(
             (re.sub(r"\.(?!backup|broken)[A-Za-z0-9]{6}(?=/|$)", ".XXXXXX", name), *entry)
             for name, entry in tree(self.root).items()
-            if not name.startswith("run/orbamira/lock/") and name not in history
+            if not name.startswith(f"{self.paths.run_folder}/lock/") and name not in history
         )
         return hashlib.sha256(repr(entries).encode()).hexdigest()
 
@@ -239,11 +256,11 @@ class Appliance:
             self.pack,
             self.status_file,
             self.packages,
-            self.root / "var/lib/orbamira/codec-requirements.json",
-            self.root / "var/cache/orbamira/checked",
+            self.state_folder / "codec-requirements.json",
+            self.cache / "checked",
             *self.history,
         }
-        found = [*self.packages.iterdir(), *(self.root / "var/lib/orbamira").iterdir()]
+        found = [*self.packages.iterdir(), *self.state_folder.iterdir()]
         if self.download.parent.exists():
             found.extend(self.download.parent.iterdir())
         return sorted(str(path) for path in found if path not in kept)

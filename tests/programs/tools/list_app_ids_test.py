@@ -5,7 +5,7 @@ import stat
 import subprocess
 import unittest
 
-from plugin_test_case import HANG, PROGRAMS, PluginTestCase
+from plugin_test_case import HANG, PATHS, PROGRAMS, PluginTestCase
 
 # What the library reads of an answer.
 MOST_READ = 1 << 20
@@ -14,7 +14,7 @@ MOST_READ = 1 << 20
 class ListAppIdsTest(PluginTestCase):
     def setUp(self):
         super().setUp()
-        self.file = self.root / "run/orbamira/plugin-app-ids.json"
+        self.file = self.root / PATHS.run_folder / "plugin-app-ids.json"
 
     def ask(self, *arguments, **options):
         return self.run_program("list-app-ids", *(arguments or [self.file]), **options)
@@ -167,7 +167,9 @@ class ListAppIdsTest(PluginTestCase):
         self.assertEqual([self.file.name], os.listdir(self.file.parent))
 
     def test_folder_that_cannot_be_made_fails(self):
-        (self.root / "run").write_text("")
+        in_the_way = self.file.parent.parent
+        in_the_way.parent.mkdir(parents=True, exist_ok=True)
+        in_the_way.write_text("")
         result = self.ask()
         self.assertEqual(1, result.returncode)
         self.assertEqual(f"list-app-ids: {self.file}: cannot be written: {os.strerror(errno.ENOTDIR)}\n", result.stderr)

@@ -4,11 +4,17 @@ import os
 import pathlib
 import shutil
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
 
-PROGRAMS = pathlib.Path(os.environ["ORBA_PLUGINS"])
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "support"))
+from appliance import Paths  # noqa: E402
+
+BUILD = pathlib.Path(os.environ["ORBAMIRA_BUILD"])
+PROGRAMS = BUILD / "tools/orba-plugins"
+PATHS = Paths(BUILD)
 
 # Far more than anything here takes; only a program that hangs meets it.
 HANG = 600
@@ -18,7 +24,7 @@ class PluginTestCase(unittest.TestCase):
     def setUp(self):
         self.root = pathlib.Path(tempfile.mkdtemp())
         self.addCleanup(shutil.rmtree, self.root)
-        self.folder = self.root / "usr/lib/orbamira/plugins"
+        self.folder = self.root / PATHS.plugins_folder
         self.log = self.root / "log"
         # What a plugin reads from to go on for as long as the test does, and no longer.
         hold = self.root / "hold"
@@ -35,7 +41,7 @@ class PluginTestCase(unittest.TestCase):
         path.chmod(mode)
         return path
 
-    def write_setting(self, text, folder="etc/orbamira"):
+    def write_setting(self, text, folder=PATHS.settings_folder):
         path = self.root / folder / "updater.conf"
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_bytes(text.encode())

@@ -8,6 +8,7 @@ import pathlib
 import re
 import shutil
 import subprocess
+import sys
 import tarfile
 import tempfile
 import unittest
@@ -15,7 +16,11 @@ import unittest
 import words
 from authority import INTERMEDIATE, LEAF, Authority
 
-TOOLS = pathlib.Path(os.environ["ORBA_TOOLS"])
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "support"))
+from appliance import Paths  # noqa: E402
+
+BUILD = pathlib.Path(os.environ["ORBAMIRA_BUILD"])
+TOOLS = BUILD / "tools/orba-archive"
 LIMIT_OF_TEXTS = 1 << 20
 
 
@@ -40,7 +45,7 @@ class SignedPackageTest(unittest.TestCase):
         self.top = pathlib.Path(tempfile.mkdtemp())
         self.addCleanup(shutil.rmtree, self.top)
         self.root = self.top / "root"
-        self.keyring = self.root / "etc/orbamira/keyring.pem"
+        self.keyring = self.root / Paths(BUILD).settings_folder / "keyring.pem"
         self.keyring.parent.mkdir(parents=True)
         self.package = self.top / "package.opk"
         self.folder = self.top / "unpacked"
