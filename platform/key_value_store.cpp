@@ -20,6 +20,7 @@
 #include "platform/json/json_object.h"
 #include "platform/log.h"
 #include "platform/posix/atomic_file.h"
+#include "platform/posix/errors.h"
 #include "platform/posix/older_systems.h"
 #include "platform/posix/sector_file.h"
 #include "platform/posix/sync_folder.h"
@@ -34,10 +35,6 @@ using Values = std::map<std::string, std::string>;
 constexpr std::size_t kMaxFileSize = kMaxStoreSize;
 
 constexpr mode_t kFileMode = 0644;
-
-[[noreturn]] void Throw(int error, const std::string& what, const std::string& path) {
-  throw std::system_error(error, std::generic_category(), what + " " + path);
-}
 
 std::optional<Values> Parse(const std::string& text) {
   if (text.size() > kMaxFileSize) {
@@ -157,7 +154,7 @@ void FileKeyValueStore::File::MakeIfMissing() {
 const Values& FileKeyValueStore::File::Read() {
   struct stat now {};
   if (stat(path_.c_str(), &now) != 0 && !IsMissing(errno)) {
-    Throw(errno, "look at", path_);
+    ThrowErrno("look at " + path_);
   }
   if (!IsUnchanged(now)) {
     if (seen_.writable && IsSameFile(now, seen_.status) && IsSectorFile(now)) {
@@ -188,14 +185,14 @@ void FileKeyValueStore::File::Load() {
   }
   if (!fd.valid()) {
     if (!IsMissing(errno)) {
-      Throw(errno, "open", path_);
+      ThrowErrno("open " + path_);
     }
     seen_ = {};
     return;
   }
   struct stat status {};
   if (fstat(fd.get(), &status) != 0) {
-    Throw(errno, "look at", path_);
+    ThrowErrno("look at " + path_);
   }
   TakeIn(std::move(fd), status, false);
 }
@@ -262,7 +259,7 @@ bool FileKeyValueStore::File::PutEmptyIfMissing() {
 void FileKeyValueStore::File::Write(Values values, Durability durability) {
   std::string text = formatter_.Format(values);
   if (text.size() > kMaxFileSize) {
-    Throw(EFBIG, "write", path_);
+    ThrowErrno("write " + path_, EFBIG);
   }
   if (text.size() == kSectorSize && MayBeOverwritten() && (seen_.writable || OpenForWriting()) &&
       OverwriteSector(seen_.fd.get(), seen_.text, text, durability)) {
@@ -302,7 +299,7 @@ bool FileKeyValueStore::File::OpenForWriting() {
 void FileKeyValueStore::File::RememberWritten(UniqueFd fd, std::string text, Values values, bool writable) {
   struct stat status {};
   if (fstat(fd.get(), &status) != 0) {
-    Throw(errno, "look at", path_);
+    ThrowErrno("look at " + path_);
   }
   seen_ = {std::move(fd), status, std::move(text), std::move(values), writable};
 }

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/posix/errors.h"
+#include "platform/posix/files.h"
 #include "platform/posix/older_systems.h"
 #include "platform/posix/sync_folder.h"
 #include "platform/posix/unique_fd.h"
@@ -55,7 +56,7 @@ class TemporaryFile {
   /// Also on disk: a file system may keep a rename through a power cut and lose what the renamed file held.
   void Fill(std::string_view content, mode_t mode) {
     SetMode(mode);
-    Write(content);
+    WriteFully(fd_.get(), content.data(), content.size(), "cannot write " + final_path_);
     if (content.size() < reserved_ && ftruncate(fd_.get(), static_cast<off_t>(content.size())) != 0) {
       ThrowErrno("cannot write " + final_path_);
     }
@@ -84,17 +85,6 @@ class TemporaryFile {
   void CheckOpen() const {
     if (!fd_.valid()) {
       ThrowErrno("cannot make a file beside " + final_path_);
-    }
-  }
-
-  void Write(std::string_view content) {
-    while (!content.empty()) {
-      const ssize_t written = write(fd_.get(), content.data(), content.size());
-      if (written >= 0) {
-        content.remove_prefix(static_cast<std::size_t>(written));
-      } else if (errno != EINTR) {
-        ThrowErrno("cannot write " + final_path_);
-      }
     }
   }
 
