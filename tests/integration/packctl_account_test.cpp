@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <sstream>
@@ -19,6 +20,7 @@
 #include "platform/posix/unique_fd.h"
 #include "tests/support/appliance.h"
 #include "tests/support/await.h"
+#include "tests/support/error_text.h"
 #include "tests/support/oidc_provider.h"
 #include "tests/support/process.h"
 #include "tests/support/restrictions.h"
@@ -320,7 +322,7 @@ TEST_F(PackctlAccountTest, SignInNeedsAFolderToKeepTheAccountIn) {
   const std::string folder = fs::path(path::kAccountFile).parent_path();
   fs::remove_all(folder);
   EXPECT_EQ(FailureBeforeSignIn(),
-            "packctl: the account cannot be kept in " + folder + ": No such file or directory\n");
+            "packctl: the account cannot be kept in " + folder + ": " + test::ErrorText(ENOENT) + "\n");
 }
 
 TEST_F(PackctlAccountTest, SignInNeedsAFolderThatItMayWrite) {
@@ -333,7 +335,7 @@ TEST_F(PackctlAccountTest, SignInNeedsAFolderThatItMayWrite) {
       test::RunProgram(Appliance::PackctlCommand({"account", "sign-in", "--issuer", "x"}), options);
   fs::permissions(folder, fs::perms(0755));
   EXPECT_EQ(result.exit_status, 1);
-  EXPECT_EQ(result.err, "packctl: the account cannot be kept in " + folder + ": Permission denied\n");
+  EXPECT_EQ(result.err, "packctl: the account cannot be kept in " + folder + ": " + test::ErrorText(EACCES) + "\n");
 }
 
 struct Requirement {
@@ -738,7 +740,7 @@ TEST_F(PackctlAccountTest, TheProgramOfTheAccountCommandsMustBeThere) {
   fs::remove(program);
   const ProgramResult result = Appliance::Packctl({"account", "status"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.errors, "packctl: cannot run " + program.string() + ": No such file or directory\n");
+  EXPECT_EQ(result.errors, "packctl: cannot run " + program.string() + ": " + test::ErrorText(ENOENT) + "\n");
 }
 
 TEST_F(PackctlAccountTest, TheProgramOfTheAccountCommandsTakesNoOthers) {

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <ctime>
 #include <filesystem>
 #include <functional>
@@ -25,6 +26,7 @@
 #include "platform/posix/openssl.h"
 #include "platform/posix/unique_fd.h"
 #include "tests/support/appliance.h"
+#include "tests/support/error_text.h"
 #include "tests/support/process.h"
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
@@ -261,7 +263,8 @@ TEST_F(PackctlDoctorTest, FindsAFolderThatCannotBeWritten) {
   const test::ProcessResult result = test::RunProgram(Appliance::PackctlCommand({"doctor"}), options);
   fs::permissions(folder, fs::perms(0755));
   EXPECT_TRUE(result.Exited(1)) << result;
-  EXPECT_THAT(result.out, HasSubstr("permissions: " + folder.string() + " cannot be written: Permission denied.\n"));
+  EXPECT_THAT(result.out,
+              HasSubstr("permissions: " + folder.string() + " cannot be written: " + test::ErrorText(EACCES) + ".\n"));
 }
 
 // The download folder is its owner's alone.

@@ -3,12 +3,14 @@
 #include <gmock/gmock.h>
 #include <json/reader.h>
 
+#include <cerrno>
 #include <ctime>
 #include <filesystem>
 #include <sstream>
 
 #include "platform/constants.h"
 #include "tests/support/appliance.h"
+#include "tests/support/error_text.h"
 #include "tests/support/test_root.h"
 #include "updater/pack_status_helper.h"
 
@@ -184,8 +186,8 @@ TEST_F(PackctlHistoryTest, AHistoryThatCannotBeKeptIsToldAndFailsNoCommand) {
   fs::create_directories(path::kHistoryFile);
   const ProgramResult update = Run({"update"});
   EXPECT_EQ(update.status, 0);
-  EXPECT_EQ(update.errors,
-            std::string("packctl: cannot keep the history: ") + path::kHistoryFile + ": Is a directory\n");
+  EXPECT_EQ(update.errors, std::string("packctl: cannot keep the history: ") + path::kHistoryFile + ": " +
+                               test::ErrorText(EISDIR) + "\n");
   EXPECT_EQ(Appliance::InstalledPayload(), "one");
   EXPECT_EQ(Run({"recover"}).status, 0);
   EXPECT_EQ(Run({"history"}).status, 1);

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -19,6 +20,7 @@
 #include "platform/file_lock.h"
 #include "tests/support/appliance.h"
 #include "tests/support/await.h"
+#include "tests/support/error_text.h"
 #include "tests/support/process.h"
 #include "tests/support/test_root.h"
 #include "updater/pack_status_helper.h"
@@ -659,13 +661,13 @@ TEST_F(PackctlTest, WhatStandsInTheWayIsNamedAndOnceItIsGoneAllIsWell) {
     std::string problem;
   };
   const std::vector<Obstacle> obstacles = {
-      {locks, locks, "update", "cannot make the folder " + locks + ": Not a directory"},
+      {locks, locks, "update", "cannot make the folder " + locks + ": " + test::ErrorText(ENOTDIR)},
       {std::string(path::kPackctlLock) + "/file", path::kPackctlLock, "update",
-       std::string("cannot open the lock ") + path::kPackctlLock + ": Is a directory"},
+       std::string("cannot open the lock ") + path::kPackctlLock + ": " + test::ErrorText(EISDIR)},
       {kTargetFolder, kTargetFolder, "update",
        std::string("Failed to create temp directory ") + path::kTempPackFolderPath},
       {kTargetFolder, kTargetFolder, "recover",
-       std::string("cannot make the folders: ") + kTargetFolder + ": Not a directory"},
+       std::string("cannot make the folders: ") + kTargetFolder + ": " + test::ErrorText(ENOTDIR)},
       {kDownloadFolder, kDownloadFolder, "update",
        std::string("Failed to create download directory ") + kDownloadFolder},
   };

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "platform/file_lock.h"
+#include "tests/support/error_text.h"
 #include "tests/support/fake_key_value_store.h"
 #include "tests/support/forked.h"
 #include "tests/support/log_capture.h"
@@ -494,8 +495,8 @@ TEST_F(FileKeyValueStoreTest, WhatCannotBeSetAsideReadsAsEmptyAndStays) {
       if (store == nullptr || store->Has("key") || store->Has("other")) {
         return 1;
       }
-      const std::vector<test::LogLine> expected = {
-          test::ErrorLine("key_value_store.cpp", "Failed to set aside broken store " + path_ + ": Permission denied")};
+      const std::vector<test::LogLine> expected = {test::ErrorLine(
+          "key_value_store.cpp", "Failed to set aside broken store " + path_ + ": " + test::ErrorText(EACCES))};
       return test::LogCapture::Lines() == expected ? 0 : 2;
     });
     EXPECT_EQ(user.Wait(), 0) << file;
