@@ -12,8 +12,9 @@ if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
     list(APPEND ORBAMIRA_HARDENING_COMPILE_OPTIONS -fcf-protection)
   endif()
   # The C library checks sizes only where the compiler optimizes, and warns where it does not.
+  set(optimized $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
   list(APPEND ORBAMIRA_HARDENING_COMPILE_OPTIONS
-    "$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
+    $<${optimized}:-U_FORTIFY_SOURCE> $<${optimized}:-D_FORTIFY_SOURCE=2>)
   # With all addresses known at the start, the tables that hold them can be made read-only. Programs are independent of
   # their place in memory, as the compiler makes them by default.
   list(APPEND ORBAMIRA_HARDENING_LINK_OPTIONS LINKER:-z,relro,-z,now)
