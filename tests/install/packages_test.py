@@ -278,145 +278,151 @@ class Report:
             self.failures += 1
 
 
-def check(packages, build, folder):
-    report = Report()
-    names = sorted(field(package, "Package") for package in packages)
-    version = field(packages[0], "Version")
-    root = Root(folder / "root", packages, build)
-    paths = root.paths
-    pack, settings = root.folder / paths.packs_folder / "codec-pack", root.folder / paths.settings_folder
+class PackagesLife:
+    """The packages from a first installation to a purge, with work done meanwhile."""
 
-    def expect_state(when, expected):
-        report.expect(
-            f"the packages {when}", {name: expected for name in names}, {name: root.status(name) for name in names}
+    def __init__(self, packages, build, folder):
+        self.packages, self.build, self.folder = packages, build, folder
+        self.report = Report()
+        self.names = sorted(field(package, "Package") for package in packages)
+        self.root = Root(folder / "root", packages, build)
+        self.paths = self.root.paths
+        self.settings = self.root.folder / self.paths.settings_folder
+
+    def live(self):
+        if shutil.which("apt-get"):
+            expect_readme_installs(self.report, self.packages)
+        self.install()
+        self.choose_services()
+        with WebServer(self.folder / "server") as server:
+            self.work(server)
+        self.before = self.root.files(self.paths.state_folder, self.paths.settings_folder)
+        self.upgrade()
+        self.remove_and_reinstall()
+        self.purge()
+
+    def expect_state(self, when, expected):
+        self.report.expect(
+            f"the packages {when}",
+            {name: expected for name in self.names},
+            {name: self.root.status(name) for name in self.names},
         )
 
-    if shutil.which("apt-get"):
-        expect_readme_installs(report, packages)
-
-    # A first installation.
-    root.dpkg("-i", *as_previous_version(packages, folder))
-    expect_state("are installed", f"installed {OLD_VERSION}")
-    stage = folder / "stage"
-    subprocess.run(
-        ["cmake", "--install", build], env={**os.environ, "DESTDIR": str(stage)}, check=True, stdout=subprocess.DEVNULL
-    )
-    staged = {str(path.relative_to(stage)) for path in stage.rglob("*") if path.is_symlink() or path.is_file()}
-    tops = {name.split("/")[0] for name in staged}
-    report.expect("no installed file is without a package", set(), staged - set(root.files(*tops)))
-    groups = [line.split(":") for line in (root.folder / "etc/group").read_text().splitlines()]
-    numbers = [int(group[2]) for group in groups if group[0] == paths.group]
-    report.expect("there is one group for the locks", 1, len(numbers))
-    locks = (root.folder / paths.run_folder / "lock").stat()
-    if os.geteuid() == 0:
-        report.expect(
-            "the locks' folder is the group's to enter",
-            (numbers[0], stat.S_IXGRP),
-            (locks.st_gid, locks.st_mode & (stat.S_IXGRP | stat.S_IXOTH)),
+    def install(self):
+        root, report = self.root, self.report
+        root.dpkg("-i", *as_previous_version(self.packages, self.folder))
+        self.expect_state("are installed", f"installed {OLD_VERSION}")
+        stage = self.folder / "stage"
+        subprocess.run(
+            ["cmake", "--install", self.build],
+            env={**os.environ, "DESTDIR": str(stage)},
+            check=True,
+            stdout=subprocess.DEVNULL,
         )
-    report.expect(
-        "of the services those are enabled that change nothing by themselves", DEFAULT_UNITS, root.enabled_units()
-    )
-    root.systemctl("disable", "orbamira-check.timer")
-    root.systemctl("enable", "orbamira-update.timer")
+        staged = {str(path.relative_to(stage)) for path in stage.rglob("*") if path.is_symlink() or path.is_file()}
+        tops = {name.split("/")[0] for name in staged}
+        report.expect("no installed file is without a package", set(), staged - set(root.files(*tops)))
+        groups = [line.split(":") for line in (root.folder / "etc/group").read_text().splitlines()]
+        numbers = [int(group[2]) for group in groups if group[0] == self.paths.group]
+        report.expect("there is one group for the locks", 1, len(numbers))
+        locks = (root.folder / self.paths.run_folder / "lock").stat()
+        if os.geteuid() == 0:
+            report.expect(
+                "the locks' folder is the group's to enter",
+                (numbers[0], stat.S_IXGRP),
+                (locks.st_gid, locks.st_mode & (stat.S_IXGRP | stat.S_IXOTH)),
+            )
+        report.expect(
+            "a first installation shows where settings go",
+            True,
+            "# pack_update_server=" in (self.settings / "updater.conf").read_text(),
+        )
 
-    report.expect(
-        "a first installation shows where settings go",
-        True,
-        "# pack_update_server=" in (settings / "updater.conf").read_text(),
-    )
+    def choose_services(self):
+        self.report.expect(
+            "of the services those are enabled that change nothing by themselves",
+            DEFAULT_UNITS,
+            self.root.enabled_units(),
+        )
+        self.root.systemctl("disable", "orbamira-check.timer")
+        self.root.systemctl("enable", "orbamira-update.timer")
 
-    # Work is done with it: settings, a pack, an account, a keyring that the maker brought.
-    with WebServer(folder / "server") as server:
-        address = f'pack_update_server="{server.url}/reply.json"\n'
-        (settings / "updater.conf").write_text(address)
+    def work(self, server):
+        """Settings, a pack, an account, a keyring that the maker brought."""
+        root, paths = self.root, self.paths
+        self.address = f'pack_update_server="{server.url}/reply.json"\n'
+        (self.settings / "updater.conf").write_text(self.address)
         (root.folder / paths.system_file).write_text('unique="packaged"\n')
         (root.folder / paths.version_file).write_text('major_version="7"\nminor_version="2"\nbuild_number="64570"\n')
-        (settings / "account.json").write_text("{}\n")
-        payload = folder / "payload"
+        (self.settings / "account.json").write_text("{}\n")
+        payload = self.folder / "payload"
         payload.mkdir()
         (payload / "codec").write_text("decoder\n")
 
         def publish(pack_version):
-            root.run(
-                "usr/bin/mkpack",
-                "--payload",
-                payload,
-                "--output",
-                server.packs,
-                "--name",
-                "orbamira-hevc",
-                "--version",
-                pack_version,
-                "--title",
-                "HEVC",
-                "--base-url",
-                server.url,
-            )
+            command = ["usr/bin/mkpack", "--payload", payload, "--output", server.packs, "--name", "orbamira-hevc"]
+            root.run(*command, "--version", pack_version, "--title", "HEVC", "--base-url", server.url)
 
         publish("1.0.0")
         root.run("usr/bin/packctl", "check")
         root.run("usr/bin/packctl", "update")
-        check_without_python(report, root, packages, folder, publish)
-    (settings / "keyring.pem").write_text("the maker's\n")
-    before = root.files(paths.state_folder, paths.settings_folder)
+        check_without_python(self.report, root, self.packages, self.folder, publish)
+        (self.settings / "keyring.pem").write_text("the maker's\n")
 
-    def expect_kept(when):
+    def expect_kept(self, when):
+        report, root, paths = self.report, self.root, self.paths
+        pack = root.folder / paths.packs_folder / "codec-pack"
         report.expect(f"{when} keeps the pack", "decoder\n", (pack / "codec").read_text())
         report.expect(
             f"{when} keeps the status",
             "up_to_date",
             json.loads((root.folder / paths.state_folder / "status.json").read_text())["status"],
         )
-        report.expect(f"{when} keeps the settings", address, (settings / "updater.conf").read_text())
+        report.expect(f"{when} keeps the settings", self.address, (self.settings / "updater.conf").read_text())
         now = root.files(paths.state_folder, paths.settings_folder)
-        report.expect(f"{when} takes nothing", [], sorted(set(before) - set(now)))
+        report.expect(f"{when} takes nothing", [], sorted(set(self.before) - set(now)))
 
-    # What the packages do with it.
-    root.dpkg("-i", *packages)
-    expect_state("are upgraded", f"installed {version}")
-    expect_kept("an upgrade")
-    report.expect(
-        "the upgraded packctl sees the pack",
-        "1.0.0",
-        json.loads(root.run("usr/bin/packctl", "--json", "info"))["version"],
-    )
+    def expect_pack_is_seen(self, by):
+        info = json.loads(self.root.run("usr/bin/packctl", "--json", "info"))
+        self.report.expect(f"the {by} packctl sees the pack", "1.0.0", info["version"])
 
-    report.expect("an upgrade leaves the owner's choice of services", CHOSEN_UNITS, root.enabled_units())
+    def upgrade(self):
+        self.root.dpkg("-i", *self.packages)
+        self.expect_state("are upgraded", f"installed {field(self.packages[0], 'Version')}")
+        self.expect_kept("an upgrade")
+        self.expect_pack_is_seen("upgraded")
+        self.report.expect("an upgrade leaves the owner's choice of services", CHOSEN_UNITS, self.root.enabled_units())
 
-    removal = root.dpkg("-r", *names)
-    report.expect("a removal does not complain of what it keeps", [], complaints(removal))
-    expect_kept("a removal")
-    report.expect("a removal leaves no program", [], root.files("usr"))
+    def remove_and_reinstall(self):
+        removal = self.root.dpkg("-r", *self.names)
+        self.report.expect("a removal does not complain of what it keeps", [], complaints(removal))
+        self.expect_kept("a removal")
+        self.report.expect("a removal leaves no program", [], self.root.files("usr"))
+        self.root.dpkg("-i", *self.packages)
+        self.expect_kept("an installation after a removal")
+        self.expect_pack_is_seen("reinstalled")
 
-    root.dpkg("-i", *packages)
-    expect_kept("an installation after a removal")
-    report.expect(
-        "the reinstalled packctl sees the pack",
-        "1.0.0",
-        json.loads(root.run("usr/bin/packctl", "--json", "info"))["version"],
-    )
-
-    purge = root.dpkg("-P", *names)
-    report.expect("a purge does not complain of what it keeps", [], complaints(purge))
-    expect_state("are purged", "unknown")
-    report.expect(
-        "a purge leaves no state",
-        (False, False, False),
-        tuple((root.folder / name).exists() for name in (paths.state_folder, paths.cache_folder, paths.run_folder)),
-    )
-    report.expect(
-        "a purge leaves of the settings those of others",
-        sorted([f"{paths.settings_folder}/keyring.pem", paths.system_file, paths.version_file]),
-        sorted(set(root.files(paths.settings_folder, str(pathlib.Path(paths.system_file).parent)))),
-    )
-    report.expect("a purge leaves no program", [], root.files("usr"))
-    report.expect("a purge leaves no service", [], root.enabled_units())
-    shutil.rmtree(settings)
-    root.dpkg("-i", *packages)
-    root.dpkg("-P", *names)
-    report.expect("a purge leaves no folder of settings where there are no others", False, settings.exists())
-    return report.failures
+    def purge(self):
+        report, root, paths = self.report, self.root, self.paths
+        purge = root.dpkg("-P", *self.names)
+        report.expect("a purge does not complain of what it keeps", [], complaints(purge))
+        self.expect_state("are purged", "unknown")
+        report.expect(
+            "a purge leaves no state",
+            (False, False, False),
+            tuple((root.folder / name).exists() for name in (paths.state_folder, paths.cache_folder, paths.run_folder)),
+        )
+        report.expect(
+            "a purge leaves of the settings those of others",
+            sorted([f"{paths.settings_folder}/keyring.pem", paths.system_file, paths.version_file]),
+            sorted(set(root.files(paths.settings_folder, str(pathlib.Path(paths.system_file).parent)))),
+        )
+        report.expect("a purge leaves no program", [], root.files("usr"))
+        report.expect("a purge leaves no service", [], root.enabled_units())
+        shutil.rmtree(self.settings)
+        root.dpkg("-i", *self.packages)
+        root.dpkg("-P", *self.names)
+        report.expect("a purge leaves no folder of settings where there are no others", False, self.settings.exists())
 
 
 def main():
@@ -434,7 +440,9 @@ def main():
         print("skipped: no packages were made")
         return SKIPPED
     with tempfile.TemporaryDirectory(prefix="orbamira-packages-") as name:
-        return 1 if check(sorted(options.packages.glob("*.deb")), options.build, pathlib.Path(name)) else 0
+        life = PackagesLife(sorted(options.packages.glob("*.deb")), options.build, pathlib.Path(name))
+        life.live()
+    return 1 if life.report.failures else 0
 
 
 if __name__ == "__main__":

@@ -319,6 +319,37 @@ def owner(stage, program):
     return subprocess.run([program], env=environment, check=True, capture_output=True, text=True).stdout.rstrip("\n")
 
 
+def expect_new_folders(stage, report):
+    """What is installed names the folders and the group of the port, and none of before."""
+    kept = sorted(
+        str(file.relative_to(stage.root))
+        for file in stage.root.rglob("*")
+        if file.is_file() and OLD_FOLDERS.search(content(file))
+    )
+    report.equal("files that name a folder of before", [], kept)
+    units = "\n".join(unit.read_text() for unit in stage.root.rglob("orbamira-*.service"))
+    report.equal(
+        "folders that services make under the name of before",
+        [],
+        re.findall(r"^\w+Directory=orbamira", units, re.MULTILINE),
+    )
+    report.equal(
+        "the services' folder of locks",
+        {"acme/codecs"},
+        set(re.findall(r"^RuntimeDirectory=(.*)", units, re.MULTILINE)),
+    )
+    report.equal(
+        "the services' folders of the disk",
+        {"/volume1/acme/cache", "/volume1/acme/state"},
+        set(re.findall(r"^ReadWritePaths=(.*)", units, re.MULTILINE)),
+    )
+    report.equal(
+        "the group",
+        ["g acme -"],
+        re.findall(r"^g .*", (stage.root / "usr/lib/sysusers.d/orbamira.conf").read_text(), re.MULTILINE),
+    )
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--source", type=pathlib.Path, required=True)
@@ -340,33 +371,7 @@ def main():
         port.build()
         install(port.build_folder, folder / "stage")
         stage = Appliance(folder / "stage", port.build_folder)
-        kept = sorted(
-            str(file.relative_to(stage.root))
-            for file in stage.root.rglob("*")
-            if file.is_file() and OLD_FOLDERS.search(content(file))
-        )
-        report.equal("files that name a folder of before", [], kept)
-        units = "\n".join(unit.read_text() for unit in stage.root.rglob("orbamira-*.service"))
-        report.equal(
-            "folders that services make under the name of before",
-            [],
-            re.findall(r"^\w+Directory=orbamira", units, re.MULTILINE),
-        )
-        report.equal(
-            "the services' folder of locks",
-            {"acme/codecs"},
-            set(re.findall(r"^RuntimeDirectory=(.*)", units, re.MULTILINE)),
-        )
-        report.equal(
-            "the services' folders of the disk",
-            {"/volume1/acme/cache", "/volume1/acme/state"},
-            set(re.findall(r"^ReadWritePaths=(.*)", units, re.MULTILINE)),
-        )
-        report.equal(
-            "the group",
-            ["g acme -"],
-            re.findall(r"^g .*", (stage.root / "usr/lib/sysusers.d/orbamira.conf").read_text(), re.MULTILINE),
-        )
+        expect_new_folders(stage, report)
         story = Story(stage, server, report)
         story.write_settings('{}="{}"')
         story.add_plugin()
