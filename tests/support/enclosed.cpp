@@ -22,13 +22,14 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -46,8 +47,10 @@ constexpr seconds kPatience{30};
 constexpr seconds kUntilKilled{10};
 
 std::string Read(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  const std::ifstream file(path, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();  // unlike an iterator, it throws nothing when the process ends meanwhile
+  return std::move(text).str();
 }
 
 std::string CommandLine(pid_t process) {
