@@ -16,23 +16,28 @@ struct SettingLine {
   std::string_view value;
 };
 
-/// The text without blanks around it, and without the carriage return that a line may end in.
+/// The line without the carriage return that it may end in.
+inline std::string_view WithoutCarriageReturn(std::string_view line) {
+  return line.substr(0, line.size() - (line.ends_with('\r') ? 1 : 0));
+}
+
+/// The text without blanks around it.
 inline std::string_view WithoutBlanks(std::string_view text) {
   constexpr std::string_view kBlanks = " \t";
-  if (text.ends_with('\r')) {
-    text.remove_suffix(1);
-  }
   const std::size_t begin = text.find_first_not_of(kBlanks);
   return begin == std::string_view::npos ? std::string_view()
                                          : text.substr(begin, text.find_last_not_of(kBlanks) + 1 - begin);
 }
 
 /// Whether the line is blank or a comment.
-inline bool IsComment(std::string_view line) { return line.starts_with('#') || WithoutBlanks(line).empty(); }
+inline bool IsComment(std::string_view line) {
+  return line.starts_with('#') || WithoutBlanks(WithoutCarriageReturn(line)).empty();
+}
 
 /// Key and value, without blanks around both and without one pair of double quotes around the value; empty for a
 /// comment and for a line of another form.
 inline std::optional<SettingLine> ParseSettingLine(std::string_view line) {
+  line = WithoutCarriageReturn(line);
   const std::size_t equals = line.find('=');
   if (IsComment(line) || equals == std::string_view::npos) {
     return std::nullopt;

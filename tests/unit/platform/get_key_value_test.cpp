@@ -79,6 +79,7 @@ TEST_F(OrbaCoreWrapperGetKeyValueTest, KeepsEverythingAfterTheFirstEqualsSign) {
 TEST_F(OrbaCoreWrapperGetKeyValueTest, DropsACarriageReturnBeforeTheLinesEnd) {
   EXPECT_EQ(Get("a=\"1\"\r\nb=2\r\n", "a"), "1");
   EXPECT_EQ(Get("b=2\r", "b"), "2");
+  EXPECT_EQ(Get("b\r=1\nb=2\n", "b"), "2");
 }
 
 TEST_F(OrbaCoreWrapperGetKeyValueTest, IgnoresComments) {
