@@ -350,7 +350,7 @@ class WebTest(unittest.TestCase):
             self.assertIn("The update server refuses the request.", self.text(browser, "outcome"))
             self.await_text(browser, "history", "The update server refuses the request.")
             self.await_text(browser, "history", "404")
-            self.appliance.status_file.write_text('{"status": "install_failed"}')
+            self.appliance.write_status('{"status": "install_failed"}')
             self.await_text(browser, "update-why", "Not now: the update is not permitted while the recorded status is")
             self.assertEqual(browser.find_element(By.ID, "update").get_attribute("aria-disabled"), "true")
             self.check_quiet(browser)
@@ -377,7 +377,7 @@ class WebTest(unittest.TestCase):
 
     def test_puts_in_what_comes_from_outside_as_text(self):
         markup = "<b id=planted>2.0</b><img src=x onerror=alert(1)>"
-        self.appliance.status_file.write_text(
+        self.appliance.write_status(
             json.dumps({"status": "need_install", "new_version": markup, "new_pack_name": markup})
         )
         self.start_web()
@@ -621,7 +621,7 @@ class WebTest(unittest.TestCase):
             self.assertEqual(moving, ["(prefers-reduced-motion: no-preference)"])
 
     def test_asks_for_nothing_while_nobody_sees_it(self):
-        self.appliance.status_file.write_text('{"status": "need_download", "new_version": "1.0"}')
+        self.appliance.write_status('{"status": "need_download", "new_version": "1.0"}')
         self.start_web()
         with open_browser(width=WIDE) as browser:
             self.open_page(browser)
@@ -633,7 +633,7 @@ class WebTest(unittest.TestCase):
             # The first change answers what it had asked before; later it is given the time to ask again.
             shown = "setTimeout(() => arguments[0](document.getElementById('offer').textContent), 600)"
             for version in ("2.0", "3.0"):
-                self.appliance.status_file.write_text(f'{{"status": "need_download", "new_version": "{version}"}}')
+                self.appliance.write_status(f'{{"status": "need_download", "new_version": "{version}"}}')
                 self.await_that(browser, lambda version=version: self.state()["offer"]["version"] == version)
                 text = browser.execute_async_script(shown)
             self.assertNotEqual(text, "version 3.0")

@@ -218,6 +218,12 @@ class Appliance:
                 f"{program} {' '.join(arguments)} ended with {done.returncode}: " f"{done.stdout}{done.stderr}"
             )
 
+    def write_status(self, text):
+        """Puts the text in the store's place whole: whoever watches it takes a file that is half written for broken."""
+        new = self.state_folder / "status.new"
+        new.write_text(text)
+        new.replace(self.status_file)
+
     def status(self):
         """The recorded status; "lost" when the store has none. Raises ValueError when the store is no JSON object."""
         try:
