@@ -57,7 +57,7 @@ class StateReaderTest : public testing::Test {
 
   static std::unique_ptr<updater::IPackStatusHelper> Status() { return updater::PackStatusHelper::Create(); }
 
-  /// As the page is told of it.
+  /// As the page receives it.
   Json::Value Look() { return StateJson(reader_.Look()); }
 
   Console console_;

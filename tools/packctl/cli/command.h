@@ -24,7 +24,7 @@ class UpdateLock;
 namespace orbamira::packctl {
 
 /// What packctl's exit status tells; scripts rely on the numbers. A command that a signal ends early ends by that
-/// signal, so that a shell sees 128 and its number; one that runs until it is told to end then ends with kExitDone.
+/// signal, so that a shell sees 128 and its number; one that runs until a signal stops it ends with kExitDone.
 enum ExitStatus : int {
   kExitDone = 0,
   kExitFailed = 1,
@@ -36,7 +36,7 @@ enum ExitStatus : int {
 /// What a changing command tells beside its result.
 struct Change {
   std::optional<updater::PackStatus> status = {};  ///< recorded afterwards; empty when that cannot be read
-  bool happened = false;                           ///< something was changed or found: the history tells of it
+  bool happened = false;                           ///< something was changed or found: the history records it
   std::optional<PackIdentity> offer = {};          ///< the pack that was found or fetched and now waits
 };
 
@@ -90,7 +90,7 @@ struct Context {
 enum class Effect {
   kNone,       ///< it runs at any time
   kExclusive,  ///< it changes nothing that lasts, but runs beside no changing command
-  kChange,     ///< it changes something and is told of in the history
+  kChange,     ///< it changes something, and the history records it
 };
 
 /// A command, and what its help, its man page and its completions tell of it.

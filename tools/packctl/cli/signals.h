@@ -8,7 +8,7 @@ namespace orbamira::packctl {
 /// that leaves is for the recovery.
 void SetUpSignals(bool on_terminal);
 
-/// For a command that runs until it is told to end: from now on SIGINT and SIGTERM end it at once with kExitDone,
+/// For a command that runs until a signal stops it: from now on SIGINT and SIGTERM end it at once with kExitDone,
 /// whatever it waits for; on a terminal they end the line that was begun, too.
 void EndOnSignals(bool on_terminal);
 
