@@ -187,6 +187,11 @@ class DocumentationTest(unittest.TestCase):
             ahead.extend(page for page in pages - reached if page.exists())
         self.assertEqual([], sorted(str(page) for page in set(PAGES) - reached))
 
+    def test_index_names_every_page_of_its_folder_once(self):
+        index = SOURCE / "docs/README.md"
+        named = [link for link in LINK.findall(index.read_text()) if "/" not in link]
+        self.assertEqual(sorted(path.name for path in index.parent.glob("*.md") if path != index), sorted(named))
+
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)

@@ -24,7 +24,7 @@ from nginx import WebServer  # noqa: E402
 SKIPPED = 77
 NEEDED = ("dpkg", "dpkg-deb", "dpkg-query", "systemd-sysusers", "systemd-tmpfiles", "systemctl")
 OLD_VERSION = "0.9.0"
-README = pathlib.Path(__file__).resolve().parents[2] / "packaging/README.md"
+PAGE = pathlib.Path(__file__).resolve().parents[2] / "docs/installing.md"
 DEFAULT_UNITS = ["orbamira-check.timer", "orbamira-recover.service"]
 CHOSEN_UNITS = ["orbamira-recover.service", "orbamira-update.timer"]
 
@@ -147,16 +147,16 @@ def complaints(output):
     return [line for line in output.splitlines() if re.search(r"directory '[^']*orbamira.*not empty", line)]
 
 
-def named_in_readme(packages):
+def named_on_page(packages):
     """The packages that the page's command installs, of this folder; the command is apt's."""
-    command = re.search(r"^sudo apt install ((?:.*\\\n)*.*)$", README.read_text(), re.MULTILINE)[1]
+    command = re.search(r"^sudo apt install ((?:.*\\\n)*.*)$", PAGE.read_text(), re.MULTILINE)[1]
     patterns = [word.removeprefix("./build/packages/") for word in command.replace("\\\n", " ").split()]
     return [package for pattern in patterns for package in packages if package.match(pattern)]
 
 
-def expect_readme_installs(report, packages):
+def expect_page_installs(report, packages):
     """What the page names is all that apt has to be given. Nothing is installed."""
-    named = named_in_readme(packages)
+    named = named_on_page(packages)
     done = subprocess.run(
         ["apt-get", "--simulate", "-o", "Debug::NoLocking=true", "install", *(package.resolve() for package in named)],
         stdin=subprocess.DEVNULL,
@@ -291,7 +291,7 @@ class PackagesLife:
 
     def live(self):
         if shutil.which("apt-get"):
-            expect_readme_installs(self.report, self.packages)
+            expect_page_installs(self.report, self.packages)
         self.install()
         self.choose_services()
         with WebServer(self.folder / "server") as server:
