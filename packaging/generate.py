@@ -88,6 +88,8 @@ def packctl_page(program):
     for command in program["commands"]:
         own = [option for option in command["options"] if option["names"][-1] not in ("--help", "--json")]
         takes = "".join(f" [{option_term(option)}]" for option in own)
+        if "argument" in command:
+            takes += f" [\\fI{roff(command['argument'])}\\fR]"
         page += [".SS", f"\\fB{roff(command['name'])}\\fR{takes}", roff(command["summary"]) + "."]
         page += [line for text in paragraphs(command["details"]) for line in (".PP", roff(text))]
         page += option_entries(own)
@@ -167,6 +169,11 @@ def second_words(commands):
     return [command["name"].split()[1] for command in commands if " " in command["name"]]
 
 
+def after(command, program):
+    """The words that may come after a command: its options, and commands if it takes one."""
+    return ([group for group, _ in groups(program)] if "argument" in command else []) + names(command["options"])
+
+
 def bash_completion(program):
     takes_value = [
         name
@@ -203,7 +210,7 @@ def bash_completion(program):
             for group, commands in groups(program)
             if second_words(commands)
         ),
-        *(f"    {quoted(c['name'])}) words='{' '.join(names(c['options']))}' ;;" for c in program["commands"]),
+        *(f"    {quoted(c['name'])}) words='{' '.join(after(c, program))}' ;;" for c in program["commands"]),
         "    *) return ;;",
         "  esac",
         '  mapfile -t COMPREPLY < <(compgen -W "$words" -- "${COMP_WORDS[COMP_CWORD]}")',
@@ -236,7 +243,10 @@ def zsh_commands(entries, depth):
 
 
 def zsh_case(command, word):
-    return f"{word}) _arguments {' '.join(zsh_options(command['options']))} ;;"
+    taken = zsh_options(command["options"])
+    if "argument" in command:
+        taken.append("'1:command:{_describe command commands}'")
+    return f"{word}) _arguments {' '.join(taken)} ;;"
 
 
 def zsh_group(group, commands, depth):

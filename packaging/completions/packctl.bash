@@ -18,7 +18,7 @@ _packctl() {
     --client-id | --host-name | --issuer | --limit | --listen | --port | --timeout | --token-file | --update-unit) return ;;
   esac
   case $command in
-    '') words='check download install update remove status info history doctor codecs web plugins account recover -h --help --version --json' ;;
+    '') words='check download install update remove status info history doctor codecs web plugins account recover help -h --help -V --version --json' ;;
     account) words='sign-in sign-out status -h --help' ;;
     check) words='-h --help --json -v --verbose' ;;
     download) words='-h --help --json -v --verbose' ;;
@@ -36,6 +36,7 @@ _packctl() {
     'account sign-out') words='-h --help --json' ;;
     'account status') words='-h --help --json' ;;
     recover) words='-h --help --json -v --verbose' ;;
+    help) words='check download install update remove status info history doctor codecs web plugins account recover help -h --help' ;;
     *) return ;;
   esac
   mapfile -t COMPREPLY < <(compgen -W "$words" -- "${COMP_WORDS[COMP_CWORD]}")

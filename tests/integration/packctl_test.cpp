@@ -113,9 +113,27 @@ TEST_F(PackctlTest, HelpTeachesEveryCommand) {
   }
 }
 
-TEST_F(PackctlTest, VersionIsPrinted) {
-  EXPECT_EQ(Run({"--version"}).status, 0);
-  EXPECT_THAT(Run({"--version"}).output, StartsWith("packctl "));
+TEST_F(PackctlTest, HelpOfACommandIsAlsoAskedForByHelp) {
+  for (const std::vector<std::string>& words :
+       std::vector<std::vector<std::string>>{{}, {"history"}, {"help"}, {"account"}, {"account", "sign-in"}}) {
+    std::vector<std::string> by_word = {"help"};
+    by_word.insert(by_word.end(), words.begin(), words.end());
+    std::vector<std::string> by_option = words;
+    by_option.emplace_back("--help");
+    const ProgramResult help = Run(by_word);
+    EXPECT_EQ(help.status, 0);
+    EXPECT_THAT(help.output, Not(IsEmpty()));
+    EXPECT_EQ(help.output, Run(by_option).output) << testing::PrintToString(words);
+  }
+}
+
+TEST_F(PackctlTest, VersionNamesTheBuildAndTheLibraries) {
+  const ProgramResult version = Run({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_THAT(version.output, testing::MatchesRegex("packctl [0-9.]+\nBuild:     [^\n]+, [^\n]+, [^\n]+\nLibraries: "
+                                                    "libcurl [0-9][^\n]*, OpenSSL [0-9][^\n]*, cpr [0-9][^\n]*, "
+                                                    "jsoncpp [0-9][^\n]*, CLI11 [0-9][^\n]*\n"));
+  EXPECT_EQ(Run({"-V"}).output, version.output);
 }
 
 TEST_F(PackctlTest, WrongUsageEndsWith64AndSaysWhy) {
@@ -131,13 +149,20 @@ TEST_F(PackctlTest, WrongUsageEndsWith64AndSaysWhy) {
 TEST_F(PackctlTest, WrongUsageIsOneLineWithTheNearestCommandAndTheWayToHelp) {
   const auto error = [](const std::vector<std::string>& arguments) { return Run(arguments).errors; };
   EXPECT_EQ(error({"updat"}),
-            "packctl: there is no command \"updat\"; did you mean \"update\"? Run \"packctl --help\" for help.\n");
+            "packctl: there is no command \"updat\". Did you mean \"update\"? Run \"packctl --help\" for help.\n");
   EXPECT_EQ(error({"account", "sing-in"}),
-            "packctl: there is no command \"sing-in\"; did you mean \"sign-in\"? Run \"packctl account --help\" for "
+            "packctl: there is no command \"sing-in\". Did you mean \"sign-in\"? Run \"packctl account --help\" for "
             "help.\n");
   EXPECT_EQ(error({"xylophone"}), "packctl: there is no command \"xylophone\". Run \"packctl --help\" for help.\n");
   EXPECT_EQ(error({"status", "--loud"}),
-            "packctl: \"--loud\" was not expected. Run \"packctl status --help\" for help.\n");
+            "packctl: there is no option \"--loud\". Run \"packctl status --help\" for help.\n");
+  EXPECT_EQ(error({"status", "--wacth"}),
+            "packctl: there is no option \"--wacth\". Did you mean \"--watch\"? Run \"packctl status --help\" for "
+            "help.\n");
+  EXPECT_EQ(error({"status", "now"}), "packctl: \"now\" was not expected. Run \"packctl status --help\" for help.\n");
+  EXPECT_EQ(error({"help", "account", "sing-in"}),
+            "packctl: there is no command \"sing-in\". Did you mean \"sign-in\"? Run \"packctl account --help\" for "
+            "help.\n");
   EXPECT_EQ(error({}), "packctl: name a command. Run \"packctl --help\" for help.\n");
   EXPECT_EQ(error({"account"}), "packctl: name a command. Run \"packctl account --help\" for help.\n");
   EXPECT_EQ(error({"xylo\nphone"}),

@@ -93,13 +93,14 @@ class PagesTest(unittest.TestCase):
             self.assertEqual((done.returncode, done.stderr), (0, ""), name)
 
     def test_bash_completes_commands_and_options(self):
-        self.assertEqual(self.complete(""), first_words(self.program) + ["-h", "--help", "--version", "--json"])
+        self.assertEqual(self.complete(""), first_words(self.program) + ["-h", "--help", "-V", "--version", "--json"])
         self.assertEqual(self.complete("st"), ["status"])
         self.assertEqual(self.complete("--json", "re"), ["remove", "recover"])
         self.assertEqual(self.complete("--v"), ["--version"])
         for command in self.program["commands"]:
             names = [name for option in command["options"] for name in option["names"]]
-            self.assertEqual(self.complete(*command["name"].split(), ""), names)
+            words = first_words(self.program) if command["name"] == "help" else []
+            self.assertEqual(self.complete(*command["name"].split(), ""), words + names)
         self.assertEqual(self.complete("status", "--json", "--w"), ["--watch"])
         self.assertEqual(self.complete("history", "--limit", ""), [])
         self.assertEqual(self.complete("history", "--limit", "5", "--j"), ["--json"])
@@ -107,6 +108,7 @@ class PagesTest(unittest.TestCase):
         self.assertEqual(self.complete("account", "sign-o"), ["sign-out"])
         self.assertEqual(self.complete("account", "sign-in", "--issuer", ""), [])
         self.assertEqual(self.complete("account", "sign-in", "--issuer", "x", "--r"), ["--replace"])
+        self.assertEqual(self.complete("help", "hi"), ["history"])
         self.assertEqual(self.complete("account", "dance", ""), [])
         self.assertEqual(self.complete("dance", ""), [])
         self.assertEqual(self.complete("none_such"), [])
@@ -128,7 +130,7 @@ class PagesTest(unittest.TestCase):
         summaries = {c["name"]: c["summary"] for c in self.program["commands"]} | self.program["groups"]
         self.assertEqual(offered[1:], [f"{word}:{summaries[word]}" for word in first_words(self.program)])
         for command in self.program["commands"]:
-            count = sum(len(option["names"]) for option in command["options"])
+            count = sum(len(option["names"]) for option in command["options"]) + ("argument" in command)
             first, *second = command["name"].split()
             words = f"wanted=argument words=({first}) second={' '.join(second)}"
             offered = output(zsh, "-fc", words + script, file).splitlines()

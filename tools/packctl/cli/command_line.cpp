@@ -5,13 +5,13 @@
 #include <algorithm>
 #include <array>
 #include <iostream>
-#include <numeric>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
-#include "platform/posix/files.h"
+#include "platform/printable.h"
+#include "tools/packctl/cli/nearest_word.h"
+#include "tools/packctl/cli/version_text.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -48,6 +48,11 @@ constexpr const char* kJsonHelp = "Print one JSON object instead of text";
 
 constexpr const char* kVerboseHelp = "After a failure, also show the log";
 
+constexpr const char* kHelp = "help";
+constexpr const char* kHelpSummary = "Explain a command";
+constexpr const char* kHelpDetails = "Example: packctl help history";
+constexpr const char* kHelpArgument = "COMMAND";
+
 constexpr const char* kAccount = "account";
 constexpr const char* kAccountSummary = "Sign in to an account, sign out, show who is signed in";
 
@@ -78,13 +83,14 @@ struct Parser {
   std::vector<const CLI::App*> commands = {};  ///< the known ones, in their order
   Options options = {};
   const Command* chosen = nullptr;
+  CLI::App* help = nullptr;
+  std::vector<std::string> words = {};  ///< the command that help is asked for
 };
 
 Parser::Parser(std::span<const Command> known) {
   app.require_subcommand(1);
-  app.set_version_flag("--version", "packctl " PACKCTL_VERSION);
+  app.set_version_flag("-V,--version", VersionText, "Print the versions of packctl and its libraries, and exit");
   app.add_flag("--json", options.json, kJsonHelp);
-  app.footer(Footer());
   for (const Command& command : known) {
     CLI::App* const subcommand = AddCommand(app, command);
     subcommand->add_flag("--json", options.json, kJsonHelp);
@@ -98,11 +104,17 @@ Parser::Parser(std::span<const Command> known) {
     subcommand->callback([this, &command] { chosen = &command; });
     commands.push_back(subcommand);
   }
+  help = app.add_subcommand(kHelp, kHelpSummary);
+  help->add_option(kHelpArgument, words, "The command to explain, for example: history")
+      ->type_name("...")
+      ->expected(0, -1);
+  help->footer(kHelpDetails);
+  app.footer(Footer());  // last, so that commands do not inherit it
 }
 
 Json::Value DescribeOptions(const CLI::App& app) {
   Json::Value described = Json::arrayValue;
-  for (const CLI::Option* option : app.get_options()) {
+  for (const CLI::Option* option : app.get_options([](const CLI::Option* known) { return known->nonpositional(); })) {
     Json::Value entry;
     for (const std::string& name : option->get_snames()) {
       entry["names"].append("-" + name);
@@ -118,32 +130,35 @@ Json::Value DescribeOptions(const CLI::App& app) {
   return described;
 }
 
-// How many letters must be added, removed or exchanged to make one text of the other.
-std::size_t EditDistance(std::string_view a, std::string_view b) {
-  std::vector<std::size_t> row(b.size() + 1);
-  std::iota(row.begin(), row.end(), std::size_t{0});
-  for (std::size_t i = 0; i < a.size(); ++i) {
-    std::size_t diagonal = std::exchange(row[0], i + 1);
-    for (std::size_t j = 0; j < b.size(); ++j) {
-      const std::size_t substituted = diagonal + (a[i] == b[j] ? 0 : 1);
-      diagonal = row[j + 1];
-      row[j + 1] = std::min({substituted, diagonal + 1, row[j] + 1});
-    }
-  }
-  return row.back();
+Json::Value DescribeCommand(const char* name, const char* summary, const char* details, const CLI::App& app) {
+  Json::Value described;
+  described["name"] = name;
+  described["summary"] = summary;
+  described["details"] = details;
+  described["options"] = DescribeOptions(app);
+  return described;
 }
 
-// The command of this level that the word was most likely meant as; empty when none is near.
-std::string NearestCommand(const CLI::App& level, const std::string& word) {
-  std::size_t nearest = std::max<std::size_t>(2, word.size() / 3) + 1;
-  std::string name;
-  for (const CLI::App* command : level.get_subcommands([](const CLI::App*) { return true; })) {
-    if (const std::size_t distance = EditDistance(word, command->get_name()); distance < nearest) {
-      nearest = distance;
-      name = command->get_name();
+std::vector<const CLI::App*> CommandsOf(const CLI::App& level) {
+  return level.get_subcommands([](const CLI::App*) { return true; });
+}
+
+std::string NoSuchCommand(const CLI::App& level, const std::string& word) {
+  std::vector<std::string> names;
+  for (const CLI::App* command : CommandsOf(level)) {
+    names.push_back(command->get_name());
+  }
+  return "there is no command \"" + Printable(word) + "\"." + DidYouMean(word, names);
+}
+
+std::string NoSuchOption(const CLI::App& level, const std::string& word) {
+  std::vector<std::string> names;
+  for (const CLI::Option* option : level.get_options()) {
+    for (const std::string& name : option->get_lnames()) {
+      names.push_back("--" + name);
     }
   }
-  return name;
+  return "there is no option \"" + Printable(word) + "\"." + DidYouMean(word, names);
 }
 
 // The innermost command that was named: of "account foo" it is account.
@@ -152,8 +167,8 @@ const CLI::App& NamedLevel(const CLI::App& app) {
   return named.empty() ? app : NamedLevel(*named.front());
 }
 
-std::string HelpCommand(const CLI::App& app) {
-  const CLI::App& level = NamedLevel(app);
+// The command line that prints the help of this level.
+std::string HelpCommand(const CLI::App& level) {
   std::string name;
   for (const CLI::App* at = &level; at != nullptr; at = at->get_parent()) {
     name.insert(0, at->get_name() + ' ');
@@ -164,17 +179,46 @@ std::string HelpCommand(const CLI::App& app) {
 // One sentence on what is wrong with the command line.
 std::string UsageProblem(const CLI::App& app, const CLI::ParseError& error) {
   const CLI::App& level = NamedLevel(app);
-  const bool takes_command = !level.get_subcommands([](const CLI::App*) { return true; }).empty();
+  const bool takes_command = !CommandsOf(level).empty();
   const std::vector<std::string> unknown = app.remaining(true);
   if (unknown.empty()) {
     return takes_command ? "name a command." : Printable(error.what()) + ".";
   }
-  const std::string word = Printable(unknown.front());
-  if (!takes_command || word.starts_with('-')) {
-    return "\"" + word + "\" was not expected.";
+  if (unknown.front().starts_with('-')) {
+    return NoSuchOption(level, unknown.front());
   }
-  const std::string nearest = NearestCommand(level, unknown.front());
-  return "there is no command \"" + word + "\"" + (nearest.empty() ? "." : "; did you mean \"" + nearest + "\"?");
+  return takes_command ? NoSuchCommand(level, unknown.front())
+                       : "\"" + Printable(unknown.front()) + "\" was not expected.";
+}
+
+ParsedLine WrongUsage(const CLI::App& level, const std::string& problem) {
+  std::cerr << "packctl: " << problem << " Run \"" << HelpCommand(level) << "\" for help.\n";
+  return {.exit = kExitUsage};
+}
+
+// The end of "packctl help WORDS" if no command has that name.
+std::optional<ParsedLine> CheckHelpWords(const CLI::App& app, const std::vector<std::string>& words) {
+  const CLI::App* level = &app;
+  for (const std::string& word : words) {
+    const auto commands = CommandsOf(*level);
+    const auto named = std::find_if(commands.begin(), commands.end(),
+                                    [&word](const CLI::App* command) { return command->get_name() == word; });
+    if (named == commands.end()) {
+      return WrongUsage(*level, NoSuchCommand(*level, word));
+    }
+    level = *named;
+  }
+  return std::nullopt;
+}
+
+// What "packctl WORDS --help" prints.
+ParsedLine PrintHelp(const std::vector<std::string>& words, std::span<const Command> commands) {
+  std::vector<const char*> line = {"packctl"};
+  for (const std::string& word : words) {
+    line.push_back(word.c_str());
+  }
+  line.push_back("--help");
+  return ParseCommandLine(static_cast<int>(line.size()), line.data(), commands);
 }
 
 }  // namespace
@@ -187,9 +231,11 @@ ParsedLine ParseCommandLine(int argc, const char* const* argv, std::span<const C
     if (error.get_exit_code() == 0) {
       return {.exit = parser.app.exit(error) == 0 ? kExitDone : kExitUsage};  // help or version was asked for
     }
-    std::cerr << "packctl: " << UsageProblem(parser.app, error) << " Run \"" << HelpCommand(parser.app)
-              << "\" for help.\n";
-    return {.exit = kExitUsage};
+    return WrongUsage(NamedLevel(parser.app), UsageProblem(parser.app, error));
+  }
+  if (parser.help->parsed()) {
+    const std::optional<ParsedLine> wrong = CheckHelpWords(parser.app, parser.words);
+    return wrong ? *wrong : PrintHelp(parser.words, commands);
   }
   return {.invocation = Invocation{parser.chosen, parser.options}};
 }
@@ -203,13 +249,12 @@ Json::Value DescribeCommandLine(std::span<const Command> commands) {
   described["options"] = DescribeOptions(parser.app);
   described["groups"][kAccount] = kAccountSummary;
   for (std::size_t i = 0; i < commands.size(); ++i) {
-    Json::Value entry;
-    entry["name"] = commands[i].name;
-    entry["summary"] = commands[i].summary;
-    entry["details"] = commands[i].details;
-    entry["options"] = DescribeOptions(*parser.commands[i]);
-    described["commands"].append(entry);
+    described["commands"].append(
+        DescribeCommand(commands[i].name, commands[i].summary, commands[i].details, *parser.commands[i]));
   }
+  Json::Value help = DescribeCommand(kHelp, kHelpSummary, kHelpDetails, *parser.help);
+  help["argument"] = kHelpArgument;
+  described["commands"].append(help);
   return described;
 }
 
