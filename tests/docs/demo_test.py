@@ -1,0 +1,63 @@
+#!/usr/bin/env python3
+"""What scripts/demo says while it builds, and after a build that fails. The compiler is a stub.
+
+That the demo passes is seen in .ci/run.
+"""
+
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+SETUP = "#!/bin/sh\n"
+CMAKE = "#!/bin/sh\nseq 1 1000 | sed 's/^/line /'\necho 'error: expected a semicolon'\nexit 1\n"
+
+
+class DemoTest(unittest.TestCase):
+    def run_demo(self, *arguments):
+        with tempfile.TemporaryDirectory() as folder:
+            scripts = pathlib.Path(folder, "scripts")
+            scripts.mkdir()
+            shutil.copy(SOURCE / "scripts/demo", scripts)
+            for name, text in (("setup", SETUP), ("cmake", CMAKE)):
+                (scripts / name).write_text(text)
+                (scripts / name).chmod(0o755)
+            return subprocess.run(
+                [scripts / "demo", *arguments],
+                env={**os.environ, "PATH": f"{scripts}:{os.environ['PATH']}"},
+                stdin=subprocess.DEVNULL,
+                capture_output=True,
+                text=True,
+                check=False,
+            )
+
+    def test_build_that_fails_shows_the_end_of_its_log(self):
+        done = self.run_demo()
+        self.assertEqual(1, done.returncode)
+        self.assertIn("Building … (log: build/demo/build.log)\n", done.stdout)
+        self.assertIn("error: expected a semicolon", done.stderr)
+        self.assertTrue(done.stderr.endswith("demo: Building failed\n"), done.stderr)
+
+    def test_log_is_not_on_the_screen(self):
+        done = self.run_demo()
+        self.assertNotIn("line 900\n", done.stdout + done.stderr)
+
+    def test_page_before_the_first_run_is_refused(self):
+        done = self.run_demo("--page")
+        self.assertEqual(1, done.returncode)
+        self.assertIn("run scripts/demo first", done.stderr)
+
+    def test_wrong_usage(self):
+        for arguments in (["--story"], ["--page", "--page"]):
+            with self.subTest(arguments):
+                done = self.run_demo(*arguments)
+                self.assertEqual(64, done.returncode)
+                self.assertEqual("usage: scripts/demo [--page]\n", done.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv)
