@@ -3,6 +3,7 @@
 
 import argparse
 import json
+import os
 import pathlib
 import subprocess
 import sys
@@ -25,11 +26,23 @@ STAGES = {
 }
 
 
-def run(build, folder, script, *options):
-    """The JSON that the benchmark writes."""
+def run(build, folder, script, *options, wrapper=()):
+    """The JSON that the benchmark writes, behind a wrapper command where one is given."""
     figures = folder / "figures.json"
     subprocess.run(
-        [sys.executable, "-B", BENCH / script, "--build", build, "--folder", folder, "--json", figures, *options],
+        [
+            *wrapper,
+            sys.executable,
+            "-B",
+            BENCH / script,
+            "--build",
+            build,
+            "--folder",
+            folder,
+            "--json",
+            figures,
+            *options,
+        ],
         check=True,
         stdout=subprocess.DEVNULL,
         stdin=subprocess.DEVNULL,
@@ -52,6 +65,20 @@ def test_update(build, folder):
         expect(found["medians"][side]["dirtied"] > 2_000_000, f"{side} wrote less than the payload")
     for side in ("pipeline", "dpkg"):
         expect(found["ratios"][side].keys() == {"wall", "processor"}, f"ratios to {side}")
+
+
+def test_device(build, folder):
+    own_mounts = ["unshare", "--mount"]  # which end with the last process that sees them, however that ends
+    may_mount = subprocess.run([*own_mounts, "true"], check=False, stderr=subprocess.DEVNULL).returncode == 0
+    if not may_mount or not os.access("/dev/loop-control", os.W_OK):
+        print("skipped: a device of its own takes root")
+        return
+    options = ("--payload", "0.4", "--runs", "1", "--device", "--plugins", "1")
+    found = run(build, folder, "update", *options, wrapper=own_mounts)
+    for side in ("packctl", "pipeline", "dpkg"):
+        expect(found["medians"][side]["device"] > 400_000, f"{side} brought less than the payload to the device")
+    expect(0 < found["medians"]["record"]["device"] < 400_000, "what the record alone brings to the device")
+    expect(0 < found["medians"]["record"]["flushes"] <= found["medians"]["packctl"]["flushes"], "flushes")
 
 
 def test_stages(build, folder):

@@ -1,6 +1,7 @@
 // What the recorded status costs: one save, one read, and saves by many processes at once.
 //
 // usage: status [--folder DIR] [Google Benchmark's own options]
+//        status --saves N
 //
 // The record lies in a folder of its own below DIR (by default the current one), which should be on a real disk: one
 // save waits for the disk again and again. The benchmarks:
@@ -10,6 +11,9 @@
 //   Read/unchanged             one read of the record under its lock; the column CPU counts.
 //   Read/changed               the same when another process has saved since the last read.
 //   Saves/processes:N          saves by N processes at once, which queue for the lock.
+//
+// With --saves it saves N times in the root of the environment and measures nothing: that is for who counts what the
+// device gets.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -133,12 +137,11 @@ void Read(benchmark::State& state, bool changed) {
   }
 }
 
-[[noreturn]] void SaveAndExit() {
+void SaveTimes(int count) {
   const auto helper = PackStatusHelper::Create();
-  for (int i = 0; i < kSavesPerProcess; ++i) {
-    helper->SetAsDownloadInstalling(i, kSavesPerProcess);
+  for (int i = 0; i < count; ++i) {
+    helper->SetAsDownloadInstalling(i, count);
   }
-  _exit(EXIT_SUCCESS);
 }
 
 void SaveInProcesses(benchmark::State& state) {
@@ -151,7 +154,8 @@ void SaveInProcesses(benchmark::State& state) {
           Fail("cannot fork");
         }
         if (process == 0) {
-          SaveAndExit();
+          SaveTimes(kSavesPerProcess);
+          _exit(EXIT_SUCCESS);
         }
       }
       for (int i = 0; i < count; ++i) {
@@ -179,8 +183,10 @@ BENCHMARK(SaveInProcesses)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 
+void MakeFolderOfRecord() { fs::create_directories(fs::path(orbamira::path::kPackStatusFile).parent_path()); }
+
 int RunAll(int argc, char** argv) {
-  fs::create_directories(fs::path(orbamira::path::kPackStatusFile).parent_path());
+  MakeFolderOfRecord();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
     return EXIT_FAILURE;
@@ -211,6 +217,11 @@ int main(int argc, char** argv) try {
   std::string below_root = "--below-root";
   if (argc > 1 && argv[1] == below_root) {
     return RunAll(argc - 1, argv + 1);
+  }
+  if (argc == 3 && std::string_view(argv[1]) == "--saves") {
+    MakeFolderOfRecord();
+    SaveTimes(std::stoi(argv[2]));
+    return EXIT_SUCCESS;
   }
   const bool folder_given = argc > 2 && std::string_view(argv[1]) == "--folder";
   std::vector<char*> arguments(argv + (folder_given ? 3 : 1), argv + argc + 1);

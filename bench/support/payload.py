@@ -7,8 +7,17 @@ import shutil
 MEGABYTE = 1_000_000
 # name: (number of files, bytes of each from, to)
 KINDS = {"large": (14, 15_500_000, 15_500_000), "many": (5_000, 1 << 10, 64 << 10), "small": (2, MEGABYTE, MEGABYTE)}
+_FILES_OF_A_SIZE = 2
 _POOL = 4 << 20
 _PIECE = 64 << 10
+
+
+def shape(kind):
+    """The shape of a payload by its name, or by its size in MB as a text."""
+    if kind in KINDS:
+        return KINDS[kind]
+    each = round(float(kind) * MEGABYTE / _FILES_OF_A_SIZE)
+    return _FILES_OF_A_SIZE, each, each
 
 
 def code(seed, size):

@@ -19,6 +19,10 @@ def megabytes(size):
     return f"{size / 1e6:.1f}"
 
 
+def mebibytes(size):
+    return f"{size / (1 << 20):.2f}"
+
+
 def milliseconds(seconds):
     return f"{seconds * 1000:.1f}" if seconds < 0.1 else f"{seconds * 1000:.0f}"
 

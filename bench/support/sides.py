@@ -1,7 +1,7 @@
 """The ways to bring a pack up to date that are measured against each other.
 
 Each side has a name, `go_to(pack)`, which brings it to a version outside the measurement, `command(pack)`, the command
-that is measured and its environment, and `installed(pack)`, the folder that must then be the payload.
+that is measured and its environment, and `installed()`, the folder that must then be the payload, if there is one.
 """
 
 import os
@@ -51,9 +51,12 @@ class Updater(Side):
 
     name = "packctl"
 
-    def __init__(self, folder, shelf, url, build):
+    def __init__(self, folder, shelf, url, build, plugins=0):
         super().__init__(folder, shelf, url)
         self.appliance = install(build, folder)
+        self.appliance.plugins.mkdir(parents=True, exist_ok=True)
+        for number in range(plugins):
+            shutil.copy("/bin/true", self.appliance.plugins / f"plugin{number:03}")
 
     def command(self, pack):
         self.appliance.use_server(self.shelf.offer(pack, self.url))
@@ -61,6 +64,24 @@ class Updater(Side):
 
     def installed(self):
         return self.appliance.pack
+
+
+class Record(Side):
+    """The record alone: saved as often as by one update, and nothing else."""
+
+    name = "record"
+    _SAVES = 9  # seven states, and the first and the last byte of the download
+
+    def __init__(self, folder, shelf, url, build):
+        super().__init__(folder, shelf, url)
+        folder.mkdir(parents=True)
+        self.program = build.resolve() / "bench/status"
+
+    def command(self, pack):
+        return [self.program, "--saves", str(self._SAVES)], {**os.environ, "ORBAMIRA_ROOT": str(self.folder)}
+
+    def installed(self):
+        return None
 
 
 class Pipeline(Side):
