@@ -1,5 +1,3 @@
-#include <algorithm>
-#include <chrono>
 #include <string>
 #include <utility>
 
@@ -52,24 +50,6 @@ std::string StatusLines(const StatusRecord& record) {
   return text + "Permitted: " + PermittedCommands(record.status) + "\n";
 }
 
-std::string PackWords(const std::optional<PackIdentity>& pack) {
-  if (!pack) {
-    return "no pack";
-  }
-  const std::string name = pack->package.empty() ? "" : pack->package + " ";
-  return Printable(name + (pack->version.empty() ? "of unknown version" : pack->version));
-}
-
-std::string HistoryLines(const HistoryEntry& entry) {
-  std::string lines = LocalTime(entry.time) + "  " + Printable(entry.command + ": " + entry.result) + ", " +
-                      PackWords(entry.from) + " -> " + PackWords(entry.to) + ", " +
-                      FormatDuration(std::chrono::seconds(entry.duration_ms / 1000)) + "\n";
-  for (const std::string& error : entry.errors) {
-    lines += "    " + Printable(error) + "\n";
-  }
-  return lines;
-}
-
 }  // namespace
 
 Outcome Status(Context& context) {
@@ -105,23 +85,6 @@ Outcome Codecs(Context& context) {
   outcome.members["installed"] = ListOf(codecs.installed);
   outcome.members["requested"] = ListOf(codecs.requested);
   outcome.text = "Installed: " + Joined(codecs.installed) + "\nRequested: " + Joined(codecs.requested) + "\n";
-  return outcome;
-}
-
-Outcome ShowHistory(Context& context) {
-  const History history = ReadHistory();
-  const std::size_t shown = std::min(history.entries.size(), context.options.limit.value_or(history.entries.size()));
-  Outcome outcome{.problems = history.Problems()};
-  Json::Value& entries = outcome.members["entries"] = Json::arrayValue;
-  for (auto entry = history.entries.end() - static_cast<std::ptrdiff_t>(shown); entry != history.entries.end();
-       ++entry) {
-    entries.append(entry->ToJson());
-    outcome.text += HistoryLines(*entry);
-  }
-  outcome.members["damaged"] = Json::UInt64{history.damaged};
-  if (history.entries.empty()) {
-    outcome.text = "Nothing was done yet.\n";
-  }
   return outcome;
 }
 
