@@ -27,7 +27,7 @@ _packctl() {
     remove) words='-h --help --json -v --verbose' ;;
     status) words='-h --help --json --watch' ;;
     info) words='-h --help --json' ;;
-    history) words='-h --help --json --limit' ;;
+    history) words='-h --help --json --limit --no-pager' ;;
     doctor) words='-h --help --json' ;;
     codecs) words='-h --help --json' ;;
     web) words='-h --help --json --listen --port --token-file --host-name --update-unit' ;;

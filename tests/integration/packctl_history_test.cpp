@@ -1,8 +1,12 @@
 // What packctl remembers of its own runs.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <json/reader.h>
+#include <pty.h>
+#include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <ctime>
 #include <filesystem>
@@ -27,6 +31,7 @@ using testing::AllOf;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 class PackctlHistoryTest : public testing::Test {
  protected:
@@ -51,7 +56,41 @@ class PackctlHistoryTest : public testing::Test {
 
   static Json::Value Last() {
     const Json::Value entries = Answer()["entries"];
-    return entries.empty() ? Json::Value() : entries[entries.size() - 1];
+    return entries.empty() ? Json::Value() : entries[0];
+  }
+
+  // What "packctl history" shows on a terminal, with these settings of the environment.
+  static std::string OnTerminal(const std::vector<std::string>& environment,
+                                const std::vector<std::string>& options = {}) {
+    std::vector<std::string> command = {"/usr/bin/env", "-u", "PAGER", "-u", "LESS", "TERM=xterm"};
+    command.insert(command.end(), environment.begin(), environment.end());
+    std::vector<std::string> arguments = {"history"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    const std::vector<std::string> packctl = Appliance::PackctlCommand(arguments);
+    command.insert(command.end(), packctl.begin(), packctl.end());
+    int master = -1;
+    int slave = -1;
+    EXPECT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+    fcntl(master, F_SETFD, FD_CLOEXEC);
+    fcntl(slave, F_SETFD, FD_CLOEXEC);
+    test::RunningProgram program(command, slave);
+    close(slave);
+    std::string screen;
+    std::array<char, 4096> buffer{};
+    for (ssize_t length = 0; (length = read(master, buffer.data(), buffer.size())) > 0;) {
+      screen.append(buffer.data(), static_cast<std::size_t>(length));
+    }
+    close(master);
+    EXPECT_EQ(program.Wait().status, 0);
+    return screen;
+  }
+
+  // Makes a pager of this name that says with what it was started, and then shows its input.
+  std::string MakePager(const std::string& name) {
+    const std::string file = pagers_.File(name);
+    WriteFile(file, "#!/bin/sh\necho \"pager LESS=$LESS LESSSECURE=$LESSSECURE $*\"\ncat\n");
+    fs::permissions(file, fs::perms::owner_all);
+    return file;
   }
 
   static Json::Value Pack(const char* package, const char* version) {
@@ -62,6 +101,7 @@ class PackctlHistoryTest : public testing::Test {
   }
 
   Appliance appliance_;
+  test::TempDir pagers_;
 };
 
 TEST_F(PackctlHistoryTest, IsEmptyAtFirst) {
@@ -100,7 +140,7 @@ TEST_F(PackctlHistoryTest, TellsOfEveryCommandThatChangedSomething) {
   updater::PackStatusHelper::Create()->SetAsDownloading();
   ASSERT_EQ(Run({"recover"}).status, 0);
   EXPECT_EQ(Last()["status"], "download_failed");
-  EXPECT_THAT(Commands(), ElementsAre("check", "download", "install", "update", "remove", "recover"));
+  EXPECT_THAT(Commands(), ElementsAre("recover", "remove", "update", "install", "download", "check"));
 }
 
 TEST_F(PackctlHistoryTest, DoesNotTellOfWhatChangedNothing) {
@@ -114,7 +154,7 @@ TEST_F(PackctlHistoryTest, DoesNotTellOfWhatChangedNothing) {
   }
   ASSERT_EQ(Run({"remove"}).status, 0);
   EXPECT_EQ(Run({"remove"}).status, 2);
-  EXPECT_THAT(Commands(), ElementsAre("update", "remove"));
+  EXPECT_THAT(Commands(), ElementsAre("remove", "update"));
 }
 
 TEST_F(PackctlHistoryTest, TellsWhyACommandFailed) {
@@ -152,15 +192,57 @@ TEST_F(PackctlHistoryTest, LimitGivesTheNewest) {
   }
   appliance_.Publish("1.0", "one");
   ASSERT_EQ(Run({"check"}).status, 0);
-  const Json::Value two = Answer({"history", "--json", "--limit", "2"})["entries"];
-  ASSERT_EQ(two.size(), 2U);
-  EXPECT_EQ(two[0]["exit"], 1);
-  EXPECT_EQ(two[1]["exit"], 0);
+  const Json::Value two = Answer({"history", "--json", "--limit", "2"});
+  ASSERT_EQ(two["entries"].size(), 2U);
+  EXPECT_EQ(two["entries"][0]["exit"], 0);
+  EXPECT_EQ(two["entries"][1]["exit"], 1);
+  EXPECT_EQ(two["older"], 2);
+  EXPECT_THAT(Run({"history", "--limit", "3"}).output, EndsWith("\n1 older. Run: packctl history --limit 4\n"));
   EXPECT_EQ(Answer({"history", "--json", "--limit", "0"})["entries"].size(), 0U);
   EXPECT_EQ(Answer({"history", "--json", "--limit", "99"})["entries"].size(), 4U);
+  EXPECT_EQ(Answer({"history", "--json", "--limit", "99"})["older"], 0);
   for (const char* wrong : {"-1", "many", ""}) {
     EXPECT_EQ(Run({"history", "--limit", wrong}).status, 64) << wrong;
   }
+}
+
+TEST_F(PackctlHistoryTest, WithoutALimitShowsTheNewest50) {
+  EXPECT_EQ(Run({"check"}).status, 1);
+  std::string lines = ReadFile(path::kHistoryFile);
+  for (int i = 0; i < 6; ++i) {
+    lines += lines;
+  }
+  WriteFile(path::kHistoryFile, lines);
+  EXPECT_EQ(Answer()["entries"].size(), 50U);
+  EXPECT_EQ(Answer()["older"], 14);
+}
+
+TEST_F(PackctlHistoryTest, IsShownInThePagerOnATerminal) {
+  EXPECT_EQ(Run({"check"}).status, 1);
+  const std::string pager = MakePager("my-pager");
+  EXPECT_THAT(OnTerminal({"PAGER=" + pager + " --colour"}),
+              AllOf(StartsWith("pager LESS=FRX LESSSECURE=1 --colour\r\n"), HasSubstr("check: failed")));
+  EXPECT_THAT(OnTerminal({"PAGER=" + pager, "LESS=S", "LESSSECURE=0"}), StartsWith("pager LESS=S LESSSECURE=1 \r\n"));
+  MakePager("less");
+  EXPECT_THAT(OnTerminal({"PATH=" + pagers_.path().string() + ":/bin"}),
+              AllOf(StartsWith("pager LESS=FRX LESSSECURE=1 \r\n"), HasSubstr("check: failed")));
+}
+
+TEST_F(PackctlHistoryTest, KeysForThePagerDoNotEndPackctl) {
+  EXPECT_EQ(Run({"check"}).status, 1);
+  EXPECT_THAT(OnTerminal({"PAGER=kill -INT $PPID; kill -QUIT $PPID; cat"}), HasSubstr("check: failed"));
+}
+
+TEST_F(PackctlHistoryTest, IsPrintedWhereNoPagerIsWantedOrCanRun) {
+  EXPECT_EQ(Run({"check"}).status, 1);
+  const std::string pager = "PAGER=" + MakePager("my-pager");
+  const auto is_printed = AllOf(StartsWith("20"), HasSubstr("check: failed"), testing::Not(HasSubstr("pager LESS=")));
+  EXPECT_THAT(OnTerminal({pager}, {"--no-pager"}), is_printed);
+  EXPECT_THAT(OnTerminal({"PAGER="}), is_printed);
+  EXPECT_THAT(OnTerminal({pager, "TERM=dumb"}), is_printed);
+  EXPECT_THAT(OnTerminal({"PAGER=none-such"}), is_printed);
+  EXPECT_THAT(OnTerminal({"PATH=/none"}), is_printed);
+  EXPECT_THAT(OnTerminal({pager}, {"--json"}), StartsWith("{"));
 }
 
 TEST_F(PackctlHistoryTest, TextFromOutsideCannotSteerTheTerminal) {

@@ -71,10 +71,11 @@ struct WebOptions {
 
 /// What the user asked of a command.
 struct Options {
-  bool json = false;                      ///< the answer will be JSON: nothing else is shown in between
-  bool verbose = false;                   ///< after a failure, what was logged is shown too
-  bool watch = false;                     ///< status: go on until interrupted
-  std::optional<std::size_t> limit = {};  ///< history: only so many entries
+  bool json = false;       ///< the answer will be JSON: nothing else is shown in between
+  bool verbose = false;    ///< after a failure, what was logged is shown too
+  bool watch = false;      ///< status: go on until interrupted
+  std::size_t limit = 50;  ///< history: only so many entries
+  bool no_pager = false;   ///< history: print them, on a terminal too
   SignInOptions sign_in = {};
   WebOptions web = {};
 };

@@ -262,10 +262,11 @@ void AddWatchOption(CLI::App& parser, Options& options) {
   parser.add_flag("--watch", options.watch, "Show each change until interrupted");
 }
 
-void AddLimitOption(CLI::App& parser, Options& options) {
-  parser.add_option("--limit", options.limit, "Show only the newest N entries")
+void AddHistoryOptions(CLI::App& parser, Options& options) {
+  parser.add_option("--limit", options.limit, "Show only the newest N entries (default 50)")
       ->type_name("N")
       ->check(NumberBetween(0, 1000000));
+  parser.add_flag("--no-pager", options.no_pager, "Print the entries without a pager, on a terminal too");
 }
 
 void AddWebOptions(CLI::App& parser, Options& options) {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/printable.h"
+#include "tools/packctl/cli/pager.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/view/local_time.h"
 #include "tools/packctl/view/progress_text.h"
@@ -34,17 +35,25 @@ std::string HistoryLines(const HistoryEntry& entry) {
 
 Outcome ShowHistory(Context& context) {
   const History history = ReadHistory();
-  const std::size_t shown = std::min(history.entries.size(), context.options.limit.value_or(history.entries.size()));
+  const std::size_t shown = std::min(history.entries.size(), context.options.limit);
+  const std::size_t older = history.entries.size() - shown;
   Outcome outcome{.problems = history.Problems()};
   Json::Value& entries = outcome.members["entries"] = Json::arrayValue;
-  for (auto entry = history.entries.end() - static_cast<std::ptrdiff_t>(shown); entry != history.entries.end();
+  for (auto entry = history.entries.rbegin(); entry != history.entries.rend() - static_cast<std::ptrdiff_t>(older);
        ++entry) {
     entries.append(entry->ToJson());
     outcome.text += HistoryLines(*entry);
   }
+  outcome.members["older"] = Json::UInt64{older};
   outcome.members["damaged"] = Json::UInt64{history.damaged};
   if (history.entries.empty()) {
     outcome.text = "Nothing was done yet.\n";
+  } else if (older > 0) {
+    outcome.text +=
+        std::to_string(older) + " older. Run: packctl history --limit " + std::to_string(history.entries.size()) + "\n";
+  }
+  if (!context.options.json && !context.options.no_pager && ShowInPager(context.console, outcome.text)) {
+    outcome.text.clear();
   }
   return outcome;
 }
