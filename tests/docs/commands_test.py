@@ -8,6 +8,7 @@ Places of a real machine are replaced by places where the test may write: see Pa
 import argparse
 import functools
 import http.server
+import json
 import os
 import pathlib
 import re
@@ -64,6 +65,7 @@ class Page:
         """The commands with places and names of this test."""
         for there, here in (
             ("https://packs.example.com/packs", self.address),
+            ("http://127.0.0.1:8080", self.address),
             ("/srv/packs", str(self.packs)),
             (DEFAULT_SETTINGS, str(self.root / self.paths.settings_folder)),
             ("sudo ", ""),
@@ -78,6 +80,8 @@ class Page:
             appliance.identify()
         appliance.use_server(f"{self.address}/reply.json")
         self.packs.mkdir(parents=True)
+        self.work.mkdir()
+        (self.work / "packs").symlink_to(self.packs)
         for library in ("decoder/libdecoder.so.1", "build/pack/lib/libdecoder.so.1"):
             (self.work / library).parent.mkdir(parents=True)
             (self.work / library).write_bytes(b"decoder")
@@ -191,6 +195,16 @@ class DocumentationTest(unittest.TestCase):
         index = SOURCE / "docs/README.md"
         named = [link for link in LINK.findall(index.read_text()) if "/" not in link]
         self.assertEqual(sorted(path.name for path in index.parent.glob("*.md") if path != index), sorted(named))
+
+    def test_commands_are_those_of_packctl(self):
+        described = json.loads(subprocess.check_output([self.build / "tools/packctl/packctl_describe"]))
+        named = re.findall(r"^\| `packctl ([^`]+)` \|", (SOURCE / "docs/commands.md").read_text(), re.MULTILINE)
+        self.assertEqual(sorted(command["name"] for command in described["commands"]), sorted(named))
+
+    def test_picture_has_every_status(self):
+        row = re.search(r"^\| `status` \|(.*)\|$", (SOURCE / "docs/status-store.md").read_text(), re.MULTILINE)[1]
+        drawn = re.findall(r'class="code"[^>]*>([^<]+)<', (SOURCE / "docs/states.svg").read_text())
+        self.assertEqual(sorted(re.findall(r"`(\w+)`", row)), sorted(drawn))
 
 
 if __name__ == "__main__":
