@@ -1,17 +1,19 @@
-# Reads platform/paths.h, the list of the appliance's folders and files, and sets a variable of the same name for each.
-# What the file ORBAMIRA_PATHS sets takes the place of what is listed.
-set(ORBAMIRA_PATHS "" CACHE FILEPATH "A CMake file that sets paths of the appliance, as platform/paths.h lists them")
+# Reads platform/paths.h, the list of the appliance's folders, files and names, and sets a variable of the same name for
+# each. What the file ORBAMIRA_PATHS sets takes the place of what is listed.
+set(ORBAMIRA_PATHS "" CACHE FILEPATH
+  "A CMake file that sets folders, files and names of the appliance, as platform/paths.h lists them")
 set(paths_header ${PROJECT_SOURCE_DIR}/platform/paths.h)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${paths_header} ${ORBAMIRA_PATHS})
+get_cmake_property(variables VARIABLES)
 if(ORBAMIRA_PATHS)
   include(${ORBAMIRA_PATHS})
 endif()
+get_cmake_property(unlisted VARIABLES)
+list(REMOVE_ITEM unlisted variables ${variables})
 
 # ORBAMIRA_PATH_DEFINITIONS are for C++; paths.json in the build folder is for tests and scripts.
 set(ORBAMIRA_PATH_DEFINITIONS "")
 set(paths_json "{}")
-get_cmake_property(unlisted VARIABLES)
-list(FILTER unlisted INCLUDE REGEX "^ORBAMIRA_.*_(FOLDER|FILE)$")
 file(STRINGS ${paths_header} definitions REGEX "^#define ORBAMIRA_")
 foreach(definition IN LISTS definitions)
   string(REGEX MATCH "^#define (ORBAMIRA_[A-Z_]+) (ORBAMIRA_[A-Z_]+)? ?\"(.*)\"$" definition ${definition})
@@ -19,12 +21,19 @@ foreach(definition IN LISTS definitions)
   if(NOT DEFINED ${name})
     set(${name} ${${CMAKE_MATCH_2}}${CMAKE_MATCH_3})
   endif()
+  set(form "^[A-Za-z0-9][A-Za-z0-9._-]*$")
+  if(name MATCHES "_(FOLDER|FILE)$")
+    set(form "^(/[A-Za-z0-9._+-]+)+/?$")
+  endif()
+  if(NOT ${name} MATCHES ${form})
+    message(FATAL_ERROR "${name} is \"${${name}}\", which does not match ${form}")
+  endif()
   list(APPEND ORBAMIRA_PATH_DEFINITIONS ${name}="${${name}}")
   string(JSON paths_json SET "${paths_json}" ${name} "\"${${name}}\"")
   list(REMOVE_ITEM unlisted ${name})
 endforeach()
 if(unlisted)
-  message(FATAL_ERROR "${ORBAMIRA_PATHS} sets what platform/paths.h does not list: ${unlisted}")
+  message(FATAL_ERROR "${ORBAMIRA_PATHS} sets variables that platform/paths.h does not list: ${unlisted}")
 endif()
 file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/paths.json CONTENT "${paths_json}\n")
 

@@ -3,10 +3,10 @@
 
 usage: generate.py PACKCTL_DESCRIBE MKPACK FOLDER
 
-PACKCTL_DESCRIBE is the program tools/packctl/packctl_describe of a build, MKPACK the one in tools/. FOLDER, which is
-packaging/ itself, gets man/packctl.1.in, man/mkpack.1, man/mkpack-verify.1, completions/packctl.bash and
-completions/_packctl. They are kept in the tree, so that installing takes no program to be run; a test fails as soon as
-they differ from what this writes.
+PACKCTL_DESCRIBE is the program tools/packctl/packctl_describe of a build, MKPACK the one of the sources, in which names
+of packs are still @VARIABLES@. FOLDER, which is packaging/ itself, gets man/packctl.1.in, man/mkpack.1.in,
+man/mkpack-verify.1.in, completions/packctl.bash and completions/_packctl. They are kept in the tree, so that installing
+takes no program to be run; a test fails as soon as they differ from what this writes.
 """
 
 import json
@@ -18,7 +18,7 @@ import sys
 
 GENERATED = "Made by packaging/generate.py: change what it is made from."
 
-# The build puts the folders of platform/paths.h in.
+# The build puts the folders and names of platform/paths.h in.
 PACKCTL_FILES = (
     (
         "@ORBAMIRA_SETTINGS_FOLDER@/updater.conf",
@@ -31,7 +31,7 @@ PACKCTL_FILES = (
         "The certificates that packages must be signed by. Where there is none, unsigned " "packages are accepted.",
     ),
     ("@ORBAMIRA_PLUGINS_FOLDER@", "The programs that are told of installs."),
-    ("@ORBAMIRA_PACKS_FOLDER@/codec-pack", "The installed pack."),
+    ("@ORBAMIRA_PACKS_FOLDER@/@ORBAMIRA_PACK_FOLDER_NAME@", "The installed pack."),
     ("@ORBAMIRA_STATE_FOLDER@/status.json", "The recorded status."),
     ("@ORBAMIRA_STATE_FOLDER@/history.jsonl", "The history, one JSON object a line; an older part in history.jsonl.1."),
     ("@ORBAMIRA_CACHE_FOLDER@/checked", "Its time is that of the update server's last answer to a check."),
@@ -308,13 +308,13 @@ def main(arguments):
     program = json.loads(run(describe))
     files = {
         "man/packctl.1.in": packctl_page(program),
-        "man/mkpack.1": mkpack_page(
+        "man/mkpack.1.in": mkpack_page(
             "mkpack",
             "make a codec pack of a folder and publish it",
             ("mkpack-verify", "packctl"),
             run(mkpack, "--help"),
         ),
-        "man/mkpack-verify.1": mkpack_page(
+        "man/mkpack-verify.1.in": mkpack_page(
             "mkpack verify", "verify a published folder", ("mkpack",), run(mkpack, "verify", "--help")
         ),
         "completions/packctl.bash": bash_completion(program),

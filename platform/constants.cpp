@@ -27,13 +27,13 @@ const char* AtRoot(const char* fixed_path) {
 
 const char* const kDownloadFolder = AtRoot(ORBAMIRA_CACHE_FOLDER "/download");
 const char* const kTargetFolder = AtRoot(ORBAMIRA_PACKS_FOLDER);
-const char* const kPackFolderName = "codec-pack";
+const char* const kPackFolderName = ORBAMIRA_PACK_FOLDER_NAME;
 const char* const kPackageInfoPath = AtRoot(ORBAMIRA_DATA_FOLDER "/INFO");
-const char* const kPackageId = "orbamira";
+const char* const kPackageId = ORBAMIRA_PACKAGE_ID;
 const char* const kPkceClientName = "orbamira-updater";
 const char* const kAac = "aac";
-const char* const kHevcPack = "orbamira-hevc";
-const char* const kHevcAacPack = "orbamira-hevc-aac";
+const char* const kHevcPack = ORBAMIRA_HEVC_PACK;
+const char* const kHevcAacPack = ORBAMIRA_HEVC_AAC_PACK;
 
 namespace path {
 
@@ -45,13 +45,13 @@ const char* const kTarPath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/orba-tar");
 const char* const kCpPath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/orba-copy");
 const char* const kRmPath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/orba-remove");
 const char* const kOrbaArchivePath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/orba-archive");
-const char* const kTempPackFolderPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/.codec-pack.unpacked");
-const char* const kPackFolderPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/codec-pack");
-const char* const kBackupPackFolderPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/.codec-pack.backup");
-const char* const kPackInfoPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/codec-pack/INFO");
-const char* const kHasAacPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/codec-pack/has_aac");
-const char* const kHasHevcPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/codec-pack/has_hevc");
-const char* const kDownloadedOpkPath = AtRoot(ORBAMIRA_CACHE_FOLDER "/download/codec-pack.opk");
+const char* const kTempPackFolderPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/." ORBAMIRA_PACK_FOLDER_NAME ".unpacked");
+const char* const kPackFolderPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/" ORBAMIRA_PACK_FOLDER_NAME);
+const char* const kBackupPackFolderPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/." ORBAMIRA_PACK_FOLDER_NAME ".backup");
+const char* const kPackInfoPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/" ORBAMIRA_PACK_FOLDER_NAME "/INFO");
+const char* const kHasAacPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/" ORBAMIRA_PACK_FOLDER_NAME "/has_aac");
+const char* const kHasHevcPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/" ORBAMIRA_PACK_FOLDER_NAME "/has_hevc");
+const char* const kDownloadedOpkPath = AtRoot(ORBAMIRA_CACHE_FOLDER "/download/" ORBAMIRA_PACK_FOLDER_NAME ".opk");
 const char* const kPackStatusFile = AtRoot(ORBAMIRA_STATE_FOLDER "/status.json");
 const char* const kPackStatusLock = AtRoot(ORBAMIRA_RUN_FOLDER "/lock/status.lock");
 const char* const kHistoryFile = AtRoot(ORBAMIRA_STATE_FOLDER "/history.jsonl");
@@ -71,11 +71,11 @@ namespace common {
 
 const char* const kDefaultOrbaInfoPath = AtRoot(ORBAMIRA_SYSTEM_FILE);
 const char* const kDefaultVersionPath = AtRoot(ORBAMIRA_VERSION_FILE);
-const char* const kUnique = "unique";
+const char* const kUnique = ORBAMIRA_UNIQUE_KEY;
 const char* const kVersion = "version";
-const char* const kMajorVersion = "major_version";
-const char* const kMinorVersion = "minor_version";
-const char* const kBuildNumber = "build_number";
+const char* const kMajorVersion = ORBAMIRA_MAJOR_VERSION_KEY;
+const char* const kMinorVersion = ORBAMIRA_MINOR_VERSION_KEY;
+const char* const kBuildNumber = ORBAMIRA_BUILD_NUMBER_KEY;
 const char* const kPackUpdateServer = "pack_update_server";
 const char* const kDownloadLimit = "download_limit";
 const char* const kUnpackLimit = "unpack_limit";

@@ -2,8 +2,8 @@
 
 #include "platform/export.h"
 
-/// Every path, name and key that the updater and its platform agree on, in one place. The folders of the paths are
-/// listed in paths.h; docs/porting.md tells how to have others.
+/// Every path, name and key that the updater and its platform agree on, in one place. Folders and names that differ
+/// between appliances are listed in paths.h; docs/porting.md tells how to have others.
 ///
 /// Paths are composed once, when the library is loaded, from a root prefix and a fixed path. The prefix is the
 /// environment variable ORBAMIRA_ROOT, read with secure_getenv (so a set-user-id program ignores it), and empty when

@@ -1,8 +1,9 @@
 #pragma once
 
-// Where the updater's files lie on the appliance: the one list of folders and files. The build reads it too, and makes
-// services, manual pages, Debian packages and tests from it. For another appliance it defines others here, those of the
-// file that ORBAMIRA_PATHS names; docs/porting.md tells more. Not installed.
+// Where the updater's files lie on the appliance, and what its packs are called: the one list of folders, files and
+// names. The build reads it too, and makes services, manual pages, Debian packages, mkpack and tests from it. For another
+// appliance it defines others here, those of the file that ORBAMIRA_PATHS names; docs/porting.md tells more. Not
+// installed.
 
 /// The machine's settings, the account, the keyring, and the token of packctl's page.
 #ifndef ORBAMIRA_SETTINGS_FOLDER
@@ -17,6 +18,20 @@
 #define ORBAMIRA_VERSION_FILE ORBAMIRA_SETTINGS_FOLDER "/version.conf"
 #endif
 
+/// The keys in these files.
+#ifndef ORBAMIRA_UNIQUE_KEY
+#define ORBAMIRA_UNIQUE_KEY "unique"
+#endif
+#ifndef ORBAMIRA_MAJOR_VERSION_KEY
+#define ORBAMIRA_MAJOR_VERSION_KEY "major_version"
+#endif
+#ifndef ORBAMIRA_MINOR_VERSION_KEY
+#define ORBAMIRA_MINOR_VERSION_KEY "minor_version"
+#endif
+#ifndef ORBAMIRA_BUILD_NUMBER_KEY
+#define ORBAMIRA_BUILD_NUMBER_KEY "build_number"
+#endif
+
 /// The recorded status and the history, on a disk that keeps them.
 #ifndef ORBAMIRA_STATE_FOLDER
 #define ORBAMIRA_STATE_FOLDER "/var/lib/orbamira"
@@ -25,6 +40,24 @@
 /// The installed packs, and beside them what is made of a package before it takes a pack's place.
 #ifndef ORBAMIRA_PACKS_FOLDER
 #define ORBAMIRA_PACKS_FOLDER ORBAMIRA_STATE_FOLDER "/packages"
+#endif
+
+/// The name of the installed pack's folder among them.
+#ifndef ORBAMIRA_PACK_FOLDER_NAME
+#define ORBAMIRA_PACK_FOLDER_NAME "codec-pack"
+#endif
+
+/// The names of the packs in the update server's reply: HEVC alone, and HEVC with AAC.
+#ifndef ORBAMIRA_HEVC_PACK
+#define ORBAMIRA_HEVC_PACK "orbamira-hevc"
+#endif
+#ifndef ORBAMIRA_HEVC_AAC_PACK
+#define ORBAMIRA_HEVC_AAC_PACK ORBAMIRA_HEVC_PACK "-aac"
+#endif
+
+/// This product's own name in what the update server is asked.
+#ifndef ORBAMIRA_PACKAGE_ID
+#define ORBAMIRA_PACKAGE_ID "orbamira"
 #endif
 
 /// Downloads; nothing is lost with them.

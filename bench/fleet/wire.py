@@ -17,7 +17,6 @@ from server import Server  # noqa: E402
 # IPv4, and TCP with time stamps; the first segment of each side says more.
 HEADERS = 20 + 32
 FIRST_HEADERS = 20 + 40
-PACKS = {"orbamira-hevc": "HEVC decoder", "orbamira-hevc-aac": "HEVC decoder and AAC decoder"}
 _BUFFER = 64 << 10
 # struct tcp_info: so many bytes before the numbers of segments that were sent and received.
 _SEGMENTS_AT = 136
@@ -64,10 +63,11 @@ class Relay:
         return from_client + 1, to_client + 1
 
 
-def offer(folder):
+def offer(folder, build):
     """A folder with a reply as mkpack writes it for both packs. No package is fetched, so there is none."""
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir(parents=True)
+    paths = project.appliance.Paths(build)
     digest = "0123456789abcdef" * 4
     reply = {
         name: {
@@ -77,7 +77,7 @@ def offer(folder):
             "version": VERSIONS[1],
             "link": f"https://packs.example.com/packs/{name}-{VERSIONS[1]}-{digest[:12]}.opk",
         }
-        for name, title in PACKS.items()
+        for name, title in ((paths.hevc_pack, "HEVC decoder"), (paths.hevc_aac_pack, "HEVC decoder and AAC decoder"))
     }
     (folder / "reply.json").write_text(json.dumps(reply, indent=2, sort_keys=True) + "\n")
     return folder
@@ -95,7 +95,7 @@ def measure(build, folder):
     root = folder / "wire"
     shutil.rmtree(root, ignore_errors=True)
     appliance = project.install(build, root)
-    with Server(offer(folder / "offer"), folder / "nginx") as server:
+    with Server(offer(folder / "offer", build), folder / "nginx") as server:
         with Relay(int(server.url.rpartition(":")[2])) as relay:
             appliance.use_server(relay.address + "/reply.json")
             expect_offer(appliance.packctl("check", "--json"))

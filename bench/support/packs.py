@@ -10,7 +10,7 @@ import subprocess
 
 import payload
 import project  # noqa: F401  pylint: disable=unused-import
-from appliance import PACK_NAME, make_pack
+from appliance import Paths, make_pack
 
 VERSIONS = ("1.0.0", "2.0.0")
 # Where a Debian package puts the files.
@@ -38,8 +38,9 @@ class Pack:
 class Shelf:
     """Payloads and what was made of them. Making them takes long, so they are kept for the next run."""
 
-    def __init__(self, folder):
-        self.folder = folder
+    def __init__(self, folder, build):
+        self.folder, self.build = folder, build
+        self.pack_name = Paths(build).hevc_pack
         self.folder.mkdir(parents=True, exist_ok=True)
         self.served = folder / "served"
 
@@ -62,16 +63,16 @@ class Shelf:
             "checksum": pack.checksum,
             "size": pack.package.stat().st_size,
         }
-        reply.write_text(json.dumps({PACK_NAME: member}))
+        reply.write_text(json.dumps({self.pack_name: member}))
         return f"{url}/{reply.name}"
 
     def _package(self, name, source, version):
         package = self.served / f"{name}-{version}.opk"
         if not package.exists():
             made = self.folder / "made"
-            make_pack(source, made, version, "http://localhost")
+            make_pack(self.build, source, made, version, "http://localhost")
             self.served.mkdir(exist_ok=True)
-            reply = json.loads((made / "reply.json").read_text())[PACK_NAME]
+            reply = json.loads((made / "reply.json").read_text())[self.pack_name]
             (made / pathlib.Path(reply["link"]).name).rename(package)
             shutil.rmtree(made)
         with package.open("rb") as file:

@@ -157,7 +157,7 @@ class WebTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.folder = cls.enterClassContext(tempfile.TemporaryDirectory())
-        cls.publisher = cls.enterClassContext(SlowPublisher(pathlib.Path(cls.folder) / "served"))
+        cls.publisher = cls.enterClassContext(SlowPublisher(pathlib.Path(cls.folder) / "served", cls.arguments.build))
         cls.addresses = {
             version: cls.publisher.publish(version, seed, (3_000_000, 500_000))
             for seed, version in enumerate(("1.0", "2.0"))
@@ -234,7 +234,9 @@ class WebTest(unittest.TestCase):
         self.start_web()
         with open_browser(width=WIDE) as browser:
             self.open_page(browser)
-            self.await_text(browser, "headline", "Installed: orbamira-hevc 1.0. The last update succeeded.")
+            self.await_text(
+                browser, "headline", f"Installed: {self.appliance.paths.hevc_pack} 1.0. The last update succeeded."
+            )
             self.appliance.expect("remove")
             self.await_text(browser, "headline", "No codec pack is installed.")
 
@@ -245,14 +247,14 @@ class WebTest(unittest.TestCase):
         with open_browser(width=WIDE) as browser:
             self.open_page(browser)
             self.assertEqual(self.text(browser, "headline"), "A new pack waits to be downloaded: version 2.0.")
-            self.assertEqual(self.text(browser, "installed"), "orbamira-hevc 1.0")
+            self.assertEqual(self.text(browser, "installed"), f"{self.appliance.paths.hevc_pack} 1.0")
             self.assertEqual(self.text(browser, "codecs"), "hevc")
             self.assertEqual(self.text(browser, "offer"), "version 2.0")
             self.assertFalse(browser.find_element(By.ID, "work").is_displayed())
             rows = browser.find_elements(By.CSS_SELECTOR, "#history tbody tr")
             self.assertEqual([row.find_elements(By.TAG_NAME, "td")[0].text for row in rows], ["check", "update"])
             self.appliance.expect("update")
-            self.await_text(browser, "installed", "orbamira-hevc 2.0")
+            self.await_text(browser, "installed", f"{self.appliance.paths.hevc_pack} 2.0")
             self.await_that(browser, lambda: len(browser.find_elements(By.CSS_SELECTOR, "#history tbody tr")) == 3)
             self.assertEqual(self.text(browser, "offer"), "Nothing")
             self.check_quiet(browser)

@@ -44,8 +44,9 @@ for word in "$@"; do
   esac
 done
 """
-# What the pages call the folder of settings, wherever this build has it.
+# What the pages call the folder of settings and the pack, wherever this build has it and whatever its name.
 DEFAULT_SETTINGS = "/etc/orbamira"
+DEFAULT_PACK = "orbamira-hevc"
 STUBBED = ("systemctl", "journalctl", "apt-get", "apt", "dpkg", "adduser")
 
 
@@ -68,6 +69,8 @@ class Page:
             ("http://127.0.0.1:8080", self.address),
             ("/srv/packs", str(self.packs)),
             (DEFAULT_SETTINGS, str(self.root / self.paths.settings_folder)),
+            (DEFAULT_PACK + "-aac", self.paths.hevc_aac_pack),
+            (DEFAULT_PACK, self.paths.hevc_pack),
             ("sudo ", ""),
         ):
             text = text.replace(there, here)
@@ -95,7 +98,7 @@ class Page:
             stub.chmod(0o755)
         # Something is on offer, and then installed, before the page begins.
         self.shell(
-            "mkpack --payload build/pack --output /srv/packs --name orbamira-hevc --version 1.0.0 --title HEVC "
+            f"mkpack --payload build/pack --output /srv/packs --name {DEFAULT_PACK} --version 1.0.0 --title HEVC "
             "--base-url https://packs.example.com/packs"
         )
 

@@ -36,7 +36,9 @@ class Aftermath:
         """A program that met an error, and lived, has itself removed what it was building."""
         if self.appliance.half_built():
             self.stuck.append(f"not removed after the error: {' '.join(self.appliance.half_built())}")
-        if any(process == self.PROGRAM and ".codec-pack.partial." in path for _, process, _, path in calls):
+        if any(
+            process == self.PROGRAM and f".{self.appliance.pack.name}.partial." in path for _, process, _, path in calls
+        ):
             self.stuck.append("the half-built pack was left to recovery after the error")
 
     def recover(self):

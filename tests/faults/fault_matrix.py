@@ -282,7 +282,7 @@ def main():
     seed = random.randrange(2**32) if arguments.seed is None else arguments.seed
     memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
     with tempfile.TemporaryDirectory(prefix="orbamira-faults-", dir=memory) as folder, Publisher(
-        pathlib.Path(folder) / "published"
+        pathlib.Path(folder) / "published", arguments.build
     ) as publisher:
         matrix = Matrix(arguments.build, folder)
         matrix.prepare(publisher)

@@ -214,7 +214,7 @@ def main():
     failed = False
     with tempfile.TemporaryDirectory(prefix="orbamira-full-") as name:
         folder = pathlib.Path(name)
-        with Publisher(folder / "published") as publisher:
+        with Publisher(folder / "published", arguments.build) as publisher:
             bench = FullDisk(folder, arguments.build, publisher)
             rows = [(stage.name, bench.problems(stage)) for stage in STAGES]
             rows.append(("removal", bench.removal_problems()))

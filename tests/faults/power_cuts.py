@@ -170,12 +170,12 @@ def held(appliance):
         for name, path in (
             ("pack", appliance.pack),
             ("backup", appliance.backup),
-            ("unpacked", appliance.packages / ".codec-pack.unpacked"),
+            ("unpacked", appliance.unpacked),
             ("download", appliance.download),
         )
         if path.exists()
     ]
-    if any(appliance.packages.glob(".codec-pack.partial.*")):
+    if any(appliance.packages.glob(f".{appliance.pack.name}.partial.*")):
         there.append("half-built")
     return ", ".join(there) or "nothing"
 
@@ -197,7 +197,7 @@ def main():
     rows, lost, stuck = collections.Counter(), 0, 0
     with contextlib.ExitStack() as stack:
         folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="orbamira-power-", dir=memory)))
-        publisher = stack.enter_context(Publisher(folder / "published"))
+        publisher = stack.enter_context(Publisher(folder / "published", arguments.build))
         disk = folder / "disk.img"
         with disk.open("wb") as file:
             file.truncate(2 * 2**30)

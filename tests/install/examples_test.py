@@ -136,7 +136,7 @@ def publish(stage, server, version):
     payload = server.folder / f"payload-{version}"
     payload.mkdir()
     (payload / "codec").write_bytes(os.urandom(300_000))
-    make_pack(payload, server.packs, version, server.url, stage.program("mkpack"))
+    make_pack(stage.build, payload, server.packs, version, server.url, stage.program("mkpack"))
 
 
 def watch_an_update(session, stage):

@@ -352,15 +352,17 @@ class PackagesLife:
         root, paths = self.root, self.paths
         self.address = f'pack_update_server="{server.url}/reply.json"\n'
         (self.settings / "updater.conf").write_text(self.address)
-        (root.folder / paths.system_file).write_text('unique="packaged"\n')
-        (root.folder / paths.version_file).write_text('major_version="7"\nminor_version="2"\nbuild_number="64570"\n')
+        (root.folder / paths.system_file).write_text(f'{paths.unique_key}="packaged"\n')
+        (root.folder / paths.version_file).write_text(
+            f'{paths.major_version_key}="7"\n{paths.minor_version_key}="2"\n{paths.build_number_key}="64570"\n'
+        )
         (self.settings / "account.json").write_text("{}\n")
         payload = self.folder / "payload"
         payload.mkdir()
         (payload / "codec").write_text("decoder\n")
 
         def publish(pack_version):
-            command = ["usr/bin/mkpack", "--payload", payload, "--output", server.packs, "--name", "orbamira-hevc"]
+            command = ["usr/bin/mkpack", "--payload", payload, "--output", server.packs, "--name", paths.hevc_pack]
             root.run(*command, "--version", pack_version, "--title", "HEVC", "--base-url", server.url)
 
         publish("1.0.0")
@@ -371,7 +373,7 @@ class PackagesLife:
 
     def expect_kept(self, when):
         report, root, paths = self.report, self.root, self.paths
-        pack = root.folder / paths.packs_folder / "codec-pack"
+        pack = root.folder / paths.packs_folder / paths.pack_folder_name
         report.expect(f"{when} keeps the pack", "decoder\n", (pack / "codec").read_text())
         report.expect(
             f"{when} keeps the status",

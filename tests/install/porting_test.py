@@ -33,10 +33,17 @@ SOURCES = (
     "updater",
     "tests/install/own_platform",
 )
-OLD_FOLDERS = re.compile(rb"/(etc|run|usr/(lib|libexec|share)|var/(cache|lib))/orbamira")
+OF_BEFORE = re.compile(rb"/(etc|run|usr/(lib|libexec|share)|var/(cache|lib))/orbamira|codec-pack|orbamira-hevc")
 QUICK = ("-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DORBAMIRA_BUILD_BENCH=OFF")
 TOOLS = ("cmake", "ninja", "nginx", "bash")
 SKIPPED = 77
+
+# Lines of a list of folders and names, and what is said of them.
+REFUSED = {
+    "set(ORBAMIRA_GRUOP acme)": "sets variables that platform/paths.h does not list: ORBAMIRA_GRUOP",
+    "set(ORBAMIRA_STATE_FOLDER volume1/state)": 'ORBAMIRA_STATE_FOLDER is "volume1/state", which does not match',
+    'set(ORBAMIRA_HEVC_PACK "acme hevc")': 'ORBAMIRA_HEVC_PACK is "acme hevc", which does not match',
+}
 
 PLUGIN = """#!/bin/sh
 case $1 in
@@ -101,6 +108,19 @@ class Port:
             self.run("bash", "-euo", "pipefail", "-c", block)
             assert self.digests() != before, f"these commands of the guide change nothing:\n{block}"
 
+    def refusal(self, line):
+        """What is said of a list of folders and names with this line."""
+        paths, build = self.tree / "refused.cmake", self.tree / "build/refused"
+        paths.write_text(line)
+        try:
+            self.run("cmake", "-G", "Ninja", "-B", str(build), f"-DORBAMIRA_PATHS={paths}")
+        except RuntimeError as error:
+            return " ".join(str(error).split())
+        finally:
+            paths.unlink()
+            shutil.rmtree(build)
+        return ""
+
     def digests(self):
         folders = [folder for folder in self.tree.iterdir() if folder.is_dir() and folder.name != "build"]
         files = [
@@ -132,7 +152,7 @@ class Story:
             path.write_text("".join(line.format(key, value) + "\n" for key, value in settings.items()))
 
         write(self.root / "etc/acme/nas.conf", model="acme-nas", owner="owner-7", timezone="Europe/Vienna")
-        write(self.root / "etc/acme/codecs/version.conf", major_version="3", minor_version="1", build_number="1200")
+        write(self.root / "etc/acme/codecs/version.conf", major_version="3", minor_version="1", build="1200")
         write(self.settings, pack_update_server=f"{self.server.url}/reply.json", plugin_time_limit="7")
 
     def add_plugin(self):
@@ -320,13 +340,13 @@ def owner(stage, program):
 
 
 def expect_new_folders(stage, report):
-    """What is installed names the folders and the group of the port, and none of before."""
+    """What is installed names the folders, packs and group of the port, and none of before."""
     kept = sorted(
         str(file.relative_to(stage.root))
         for file in stage.root.rglob("*")
-        if file.is_file() and OLD_FOLDERS.search(content(file))
+        if file.is_file() and OF_BEFORE.search(content(file))
     )
-    report.equal("files that name a folder of before", [], kept)
+    report.equal("files that name a folder or pack of before", [], kept)
     units = "\n".join(unit.read_text() for unit in stage.root.rglob("orbamira-*.service"))
     report.equal(
         "folders that services make under the name of before",
@@ -367,6 +387,9 @@ def main():
     ) as server:
         folder = pathlib.Path(name)
         port = Port(options.source.resolve(), folder / "source", options.compiler)
+        for line, said in REFUSED.items():
+            refusal = port.refusal(line)
+            report.check(f"{line} is refused", said in refusal, refusal)
         port.follow_guide(2)
         port.build()
         install(port.build_folder, folder / "stage")

@@ -53,7 +53,7 @@ class Update:
     """One upgrade to a new pack, behind a wrapper that watches it and writes to the file `report`."""
 
     def __init__(self, arguments, folder, wrapper, report):
-        with Publisher(folder / "published") as publisher:
+        with Publisher(folder / "published", arguments.build) as publisher:
             appliance = Appliance.lay_out(folder / "root", arguments.build)
             appliance.use_server(publisher.publish("1.0", 1))
             appliance.expect("update")

@@ -17,7 +17,7 @@ import urllib.error
 import urllib.request
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-from appliance import MKPACK, PACK_NAME, SOURCE, Appliance, make_pack  # noqa: E402
+from appliance import SOURCE, Appliance, Paths, make_pack, mkpack_of  # noqa: E402
 from nginx import Nginx  # noqa: E402
 
 # Far more than anything here takes.
@@ -92,9 +92,9 @@ class HostingTest(unittest.TestCase):
         payload = self.top / f"payload-{version}"
         payload.mkdir()
         (payload / "libdecoder.so").write_text(version * 1000)
-        make_pack(payload, self.packs, version, address + "/packs")
+        make_pack(self.arguments.build, payload, self.packs, version, address + "/packs")
         reply = json.loads((self.packs / "reply.json").read_text())
-        return reply[PACK_NAME]["link"].removeprefix(address)
+        return reply[Paths(self.arguments.build).hevc_pack]["link"].removeprefix(address)
 
     def appliance(self, name, address):
         appliance = Appliance.lay_out(self.top / name, self.arguments.build)
@@ -147,15 +147,15 @@ class HostingTest(unittest.TestCase):
         for server in (self.origin, self.start_cache()):
             self.publish(server.url, "1.0" if server is self.origin else "2.0")
             done = subprocess.run(
-                [MKPACK, "verify", "--json", "--url", server.url + "/packs/reply.json"],
+                [mkpack_of(self.arguments.build), "verify", "--json", "--url", server.url + "/packs/reply.json"],
                 check=True,
                 stdout=subprocess.PIPE,
                 env={**os.environ, "no_proxy": "*"},
             )
             self.assertEqual(
                 [
-                    "orbamira-hevc-aac is not offered: appliances that ask for it find nothing new, and log "
-                    "a failed check"
+                    f"{Paths(self.arguments.build).hevc_aac_pack} is not offered: appliances that ask for it find "
+                    "nothing new, and log a failed check"
                 ],
                 json.loads(done.stdout)["notes"],
             )

@@ -32,7 +32,7 @@ class JsonSchemaTest(unittest.TestCase):
     def setUpClass(cls):
         cls.schema = json.loads((SOURCE / "packaging/packctl.schema.json").read_text())
         cls.folder = cls.enterClassContext(tempfile.TemporaryDirectory())
-        cls.publisher = cls.enterClassContext(Publisher(pathlib.Path(cls.folder) / "served"))
+        cls.publisher = cls.enterClassContext(Publisher(pathlib.Path(cls.folder) / "served", cls.arguments.build))
         cls.addresses = {version: cls.publisher.publish(version, 1) for version in ("1.0", "2.0")}
 
     def setUp(self):

@@ -81,7 +81,7 @@ def main():
     peaks = {}
     with tempfile.TemporaryDirectory(prefix="orbamira-memory-") as name:
         folder = pathlib.Path(name)
-        with Publisher(folder / "published") as publisher:
+        with Publisher(folder / "published", arguments.build) as publisher:
             appliance = Appliance.lay_out(folder / "root", arguments.build)
             for number, (size, payload) in enumerate(SIZES.items(), start=1):
                 appliance.use_server(publisher.publish(f"{number}.0", number, payload))

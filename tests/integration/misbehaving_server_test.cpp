@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "platform/constants.h"
+#include "platform/paths.h"
 #include "tests/support/appliance.h"
 #include "tests/support/error_text.h"
 #include "tests/support/file_size_limit.h"
@@ -272,7 +273,9 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
        .log = CheckFails("Failed to parse response")},
       {.name = "ReplyIsAHundredMegabytes",
        .reply =
-           [](HttpResponse& response) { response.body = R"({"orbamira-hevc": )" + std::string(100 * kMebibyte, '['); },
+           [](HttpResponse& response) {
+             response.body = R"({")" ORBAMIRA_HEVC_PACK R"(": )" + std::string(100 * kMebibyte, '[');
+           },
        .log = CheckFails("Failed to parse response")},
       {.name = "ReplyNeverEnds",
        .reply =
@@ -296,8 +299,10 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
            },
        .log = CheckFails("Failed to send request with status: 404")},
       {.name = "ReplyIsEmpty", .reply = Says(""), .log = CheckFails("Failed to parse response")},
-      {.name = "ReplyIsNull", .reply = Says("null"), .log = CheckFails("Get orbamira-hevc info failed")},
-      {.name = "ReplyIsAnEmptyObject", .reply = Says("{}"), .log = CheckFails("Get orbamira-hevc info failed")},
+      {.name = "ReplyIsNull", .reply = Says("null"), .log = CheckFails("Get " ORBAMIRA_HEVC_PACK " info failed")},
+      {.name = "ReplyIsAnEmptyObject",
+       .reply = Says("{}"),
+       .log = CheckFails("Get " ORBAMIRA_HEVC_PACK " info failed")},
       {.name = "ReplyIsAnArray",
        .reply = Says("[{}]"),
        .log = Throws(get(Json::Value(Json::arrayValue))),
@@ -307,12 +312,12 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
       {.name = "ReplyIsTrue", .reply = Says("true"), .log = Throws(get(true)), .throws = true},
       {.name = "ReplyIsNestedTooDeep", .reply = Says(deep), .log = Throws(parse(deep)), .throws = true},
       {.name = "OfferIsNestedTooDeep",
-       .reply = Says(R"({"orbamira-hevc": )" + deep + "}"),
+       .reply = Says(R"({")" ORBAMIRA_HEVC_PACK R"(": )" + deep + "}"),
        .log = Throws(parse(deep)),
        .throws = true},
       {.name = "OfferIsNull",
        .reply = OffersInPlace(Json::nullValue),
-       .log = CheckFails("Get orbamira-hevc info failed")},
+       .log = CheckFails("Get " ORBAMIRA_HEVC_PACK " info failed")},
       {.name = "OfferIsAnArray",
        .reply = OffersInPlace(Json::arrayValue),
        .log = Throws(get(Json::Value(Json::arrayValue))),
@@ -323,9 +328,9 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
        .reply =
            [](HttpResponse& response) {
              response.body.resize(response.body.rfind('}'));
-             response.body += R"(, "orbamira-hevc": null})";
+             response.body += R"(, ")" ORBAMIRA_HEVC_PACK R"(": null})";
            },
-       .log = CheckFails("Get orbamira-hevc info failed")},
+       .log = CheckFails("Get " ORBAMIRA_HEVC_PACK " info failed")},
       {.name = "LinkIsAnArray",
        .reply = OffersWith(param::kLink, Json::arrayValue),
        .log = Throws(text(Json::arrayValue)),
@@ -788,7 +793,7 @@ TEST_F(MisbehavingServerTest, PackctlTakesAnOfferWithTextsOutOfBoundsForNone) {
 TEST_F(MisbehavingServerTest, AVersionTooLongToBeKeptLeavesTheRecordAsItWas) {
   const auto record = Appliance::StatusRecord();
   appliance_.SetFault([](const HttpRequest&, HttpResponse& response) {
-    response.body = R"({"orbamira-hevc": {"version": "9)" + std::string(200'000, '\x01') + "\"}}";
+    response.body = R"({")" ORBAMIRA_HEVC_PACK R"(": {"version": "9)" + std::string(200'000, '\x01') + "\"}}";
   });
   LogCapture::Clear();
   EXPECT_FALSE(manager_->CheckNewPack());
@@ -798,7 +803,8 @@ TEST_F(MisbehavingServerTest, AVersionTooLongToBeKeptLeavesTheRecordAsItWas) {
 TEST_F(MisbehavingServerTest, ACheckThatFailsLeavesTheRecordAsItWas) {
   appliance_.Publish("2.0", "two");
   const auto record = Appliance::StatusRecord();
-  for (const char* reply : {"", "null", "[]", "7", R"({"orbamira-hevc": []})", R"({"orbamira-hevc": {}})"}) {
+  for (const char* reply :
+       {"", "null", "[]", "7", R"({")" ORBAMIRA_HEVC_PACK R"(": []})", R"({")" ORBAMIRA_HEVC_PACK R"(": {}})"}) {
     appliance_.SetFault([reply](const HttpRequest&, HttpResponse& response) { response.body = reply; });
     EXPECT_FALSE(manager_->CheckNewPack()) << reply;
     const ProgramResult check = Appliance::Packctl({"check"});

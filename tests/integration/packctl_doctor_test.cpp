@@ -23,6 +23,7 @@
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
+#include "platform/paths.h"
 #include "platform/posix/openssl.h"
 #include "platform/posix/unique_fd.h"
 #include "tests/support/appliance.h"
@@ -105,8 +106,8 @@ void Reply(Appliance& appliance, const std::string& text) {
 constexpr const char* kDigest = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
 
 std::string Offer(const std::string& version, const std::string& link, const std::string& checksum) {
-  return R"({"orbamira-hevc": {"version": ")" + version + R"(", "link": ")" + link + R"(", "checksum": ")" + checksum +
-         "\"}}";
+  return R"({")" ORBAMIRA_HEVC_PACK R"(": {"version": ")" + version + R"(", "link": ")" + link + R"(", "checksum": ")" +
+         checksum + "\"}}";
 }
 
 class PackctlDoctorTest : public testing::Test {
@@ -269,7 +270,7 @@ TEST_F(PackctlDoctorTest, FindsAFolderThatCannotBeWritten) {
 
 // The download folder is its owner's alone.
 TEST_F(PackctlDoctorTest, SaysNothingOfADownloadThatTheUserMayNotSee) {
-  updater::PackStatusHelper::Create()->SetAsNeedInstall("2.0", "orbamira-hevc");
+  updater::PackStatusHelper::Create()->SetAsNeedInstall("2.0", kHevcPack);
   WriteFile(path::kDownloadedOpkPath, "package");
   fs::permissions(test::Root(), fs::perms(0755));
   fs::permissions(kDownloadFolder, fs::perms::none);
@@ -301,7 +302,7 @@ std::vector<Fault> Faults() {
   const std::string settings = path::kPkgSetting;
   const std::string keyring = path::kKeyring;
   const fs::path plugins = path::kPluginFolder;
-  const fs::path half_built = fs::path(kTargetFolder) / ".codec-pack.partial.AbCdEf";
+  const fs::path half_built = fs::path(kTargetFolder) / "." ORBAMIRA_PACK_FOLDER_NAME ".partial.AbCdEf";
   const std::string temporary = std::string(path::kPackStatusFile) + ".AbCdEf";
   return {
       {"SettingsThatCannotBeRead", [](Appliance&) { PutFolderAt(path::kDefaultPkgSetting); }, "settings",
@@ -320,7 +321,7 @@ std::vector<Fault> Faults() {
       {"AnUnpackLimitWithAUnit", [](Appliance&) { AddSetting("unpack_limit=16G"); }, "settings",
        settings + ": unpack_limit is not a whole number of bytes: 16G"},
       {"NoUniqueValue", [](Appliance&) { fs::remove(common::kDefaultOrbaInfoPath); }, "settings",
-       std::string(common::kDefaultOrbaInfoPath) + " gives no unique"},
+       std::string(common::kDefaultOrbaInfoPath) + " gives no " ORBAMIRA_UNIQUE_KEY},
       {"NoPackageVersion", [](Appliance&) { fs::remove(kPackageInfoPath); }, "settings",
        std::string(kPackageInfoPath) + " gives no version"},
 
@@ -468,18 +469,18 @@ std::vector<Fault> Faults() {
       {"AReplyThatIsTooLong", [](Appliance& appliance) { Reply(appliance, std::string(2UL << 20, ' ')); }, "server",
        "the update server's reply is too long"},
       {"AReplyWithoutThePack", [](Appliance& appliance) { Reply(appliance, "{}"); }, "server",
-       "the update server offers no pack called orbamira-hevc"},
+       "the update server offers no pack called " ORBAMIRA_HEVC_PACK},
       {"AReplyWithoutThePackWithAac",
        [](Appliance&) { WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player"]})"); }, "server",
-       "the update server offers no pack called orbamira-hevc-aac"},
+       "the update server offers no pack called " ORBAMIRA_HEVC_AAC_PACK},
       {"AnOfferWithoutVersion",
        [](Appliance& appliance) { Reply(appliance, Offer("", appliance.server().Url("/reply.json"), kDigest)); },
-       "server", "the offer of orbamira-hevc names no version"},
+       "server", "the offer of " ORBAMIRA_HEVC_PACK " names no version"},
       {"AnOfferWithoutChecksum",
        [](Appliance& appliance) { Reply(appliance, Offer("2.0", appliance.server().Url("/reply.json"), "abc")); },
-       "server", "the offer of orbamira-hevc has no SHA-256 or SHA-512 checksum"},
+       "server", "the offer of " ORBAMIRA_HEVC_PACK " has no SHA-256 or SHA-512 checksum"},
       {"AnOfferWithoutLink", [](Appliance& appliance) { Reply(appliance, Offer("2.0", "/pack.opk", kDigest)); },
-       "server", "the offer of orbamira-hevc has no http or https link"},
+       "server", "the offer of " ORBAMIRA_HEVC_PACK " has no http or https link"},
       {"APackageThatIsNotThere",
        [](Appliance& appliance) { Reply(appliance, Offer("2.0", appliance.server().Url("/none.opk"), kDigest)); },
        "server", "/none.opk: status 404"},

@@ -115,17 +115,17 @@ TEST_F(PackctlHistoryTest, TellsOfEveryCommandThatChangedSomething) {
   ASSERT_EQ(Run({"check"}).status, 0);
   EXPECT_EQ(Last()["to"], Pack(nullptr, "1.0"));
   ASSERT_EQ(Run({"download"}).status, 0);
-  EXPECT_EQ(Last()["to"], Pack("orbamira-hevc", "1.0"));
+  EXPECT_EQ(Last()["to"], Pack(kHevcPack, "1.0"));
   ASSERT_EQ(Run({"install"}).status, 0);
-  EXPECT_EQ(Last()["to"], Pack("orbamira-hevc", "1.0"));
+  EXPECT_EQ(Last()["to"], Pack(kHevcPack, "1.0"));
   EXPECT_TRUE(Last()["from"].isNull());
 
   appliance_.Publish("2.0", "two");
   ASSERT_EQ(Run({"update"}).status, 0);
   const Json::Value update = Last();
   EXPECT_EQ(update["command"], "update");
-  EXPECT_EQ(update["from"], Pack("orbamira-hevc", "1.0"));
-  EXPECT_EQ(update["to"], Pack("orbamira-hevc", "2.0"));
+  EXPECT_EQ(update["from"], Pack(kHevcPack, "1.0"));
+  EXPECT_EQ(update["to"], Pack(kHevcPack, "2.0"));
   EXPECT_EQ(update["result"], "done");
   EXPECT_EQ(update["status"], "up_to_date");
   EXPECT_EQ(update["exit"], 0);
@@ -180,8 +180,8 @@ TEST_F(PackctlHistoryTest, AFailedUpdateTellsThatTheOldPackIsBack) {
   fs::remove(path::kTarPath);
   ASSERT_EQ(Run({"update"}).status, 1);
   const Json::Value update = Last();
-  EXPECT_EQ(update["from"], Pack("orbamira-hevc", "1.0"));
-  EXPECT_EQ(update["to"], Pack("orbamira-hevc", "1.0"));
+  EXPECT_EQ(update["from"], Pack(kHevcPack, "1.0"));
+  EXPECT_EQ(update["to"], Pack(kHevcPack, "1.0"));
   EXPECT_EQ(update["status"], "download_install_failed");
   EXPECT_THAT(update["errors"].toStyledString(), HasSubstr("Recovery: restored the previous pack"));
 }

@@ -18,6 +18,7 @@
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
+#include "platform/paths.h"
 #include "tests/support/appliance.h"
 #include "tests/support/await.h"
 #include "tests/support/error_text.h"
@@ -190,7 +191,7 @@ TEST_F(PackctlTest, AFirstUpdateBringsThePack) {
   ASSERT_EQ(stat(path::kPackInfoPath, &about), 0);
   const Json::Value info = RunJson({"info"}, 0);
   EXPECT_EQ(info["installed"], true);
-  EXPECT_EQ(info["package"], "orbamira-hevc");
+  EXPECT_EQ(info["package"], kHevcPack);
   EXPECT_EQ(info["version"], "1.0");
   EXPECT_EQ(info["updated"].asInt64(), about.st_mtime);
 
@@ -264,7 +265,7 @@ TEST_F(PackctlTest, CheckSaysThatAacIsWhatIsNew) {
   appliance_.Publish("1.0", "one");
   ASSERT_EQ(Run({"update"}).status, 0);
   WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player"]})");
-  appliance_.Publish("1.0", "both", "orbamira-hevc-aac");
+  appliance_.Publish("1.0", "both", kHevcAacPack);
   EXPECT_EQ(Run({"check"}).output,
             "A pack with AAC is available, which an application asks for and the installed pack lacks: version 1.0, "
             "installed is 1.0.\nFetch and install it with \"packctl update\".\n");
@@ -274,7 +275,7 @@ TEST_F(PackctlTest, StatusBeginsWithWhatIsInstalled) {
   appliance_.Publish("1.0", "one");
   ASSERT_EQ(Run({"update"}).status, 0);
   EXPECT_THAT(Run({"status"}).output,
-              StartsWith("Installed: orbamira-hevc 1.0\nStatus:    up_to_date (the last update succeeded)\n"));
+              StartsWith("Installed: " ORBAMIRA_HEVC_PACK " 1.0\nStatus:    up_to_date (the last update succeeded)\n"));
   ASSERT_EQ(Run({"remove"}).status, 0);
   EXPECT_THAT(Run({"status"}).output, StartsWith("Installed: no codec pack\n"));
 }
@@ -324,7 +325,7 @@ TEST_F(PackctlTest, DownloadAndInstallDoTheHalves) {
   EXPECT_EQ(RunJson({"download"}, 0)["status"], "need_install");
   const Json::Value status = RunJson({"status"}, 0);
   EXPECT_EQ(status["new_version"], "1.0");
-  EXPECT_EQ(status["new_pack_name"], "orbamira-hevc");
+  EXPECT_EQ(status["new_pack_name"], kHevcPack);
   EXPECT_TRUE(fs::exists(path::kDownloadedOpkPath));
   EXPECT_EQ(RunJson({"recover"}, 0)["status"], "need_install");
   EXPECT_EQ(RunJson({"install"}, 0)["status"], "up_to_date");
@@ -522,11 +523,12 @@ TEST_F(PackctlTest, WhatAPluginPrintsComesAsItIsPrinted) {
   appliance_.Publish("1.0", "one");
   for (const std::vector<std::string>& command : {std::vector<std::string>{"update"}, {"update", "--json"}}) {
     RunningProgram program(Appliance::PackctlCommand(command));
-    Await([&] { return program.Errors() == "packctl: 10-player: asking orbamira-hevc\n"; });
+    Await([&] { return program.Errors() == "packctl: 10-player: asking " ORBAMIRA_HEVC_PACK "\n"; });
     std::ofstream(gate) << "go on\n";
     const ProgramResult result = program.Wait();
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.errors, "packctl: 10-player: asking orbamira-hevc\npackctl: 10-player: asking orbamira-hevc\n");
+    EXPECT_EQ(result.errors,
+              "packctl: 10-player: asking " ORBAMIRA_HEVC_PACK "\npackctl: 10-player: asking " ORBAMIRA_HEVC_PACK "\n");
     EXPECT_EQ(Run({"remove"}).status, 0);
   }
 }
@@ -551,7 +553,7 @@ TEST_F(PackctlTest, AFailedInstallBringsThePreviousPackBack) {
 TEST_F(PackctlTest, TheCauseOfAFailureIsWhatEndedTheCommand) {
   appliance_.SetFault([](const HttpRequest&, HttpResponse& response) {
     response.status = 200;
-    response.body = R"({"orbamira-hevc": {"version": "1.0\n"}})";
+    response.body = R"({")" ORBAMIRA_HEVC_PACK R"(": {"version": "1.0\n"}})";
   });
   EXPECT_EQ(Run({"check"}).errors,
             "packctl: Check failed: the update server's reply offers no pack: its version holds control characters or "

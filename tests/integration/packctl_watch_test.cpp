@@ -84,7 +84,7 @@ TEST_F(PackctlWatchTest, InJsonEachChangeIsTheAnswerOfStatusOnALine) {
   Status()->SetAsDownloading(3'000'000'000, 4'000'000'000);
   AwaitOutput(watch, "3000000000");
   expected += Appliance::Packctl({"status", "--json"}).output;
-  Status()->SetAsNeedInstall("2.0", "orbamira-hevc");
+  Status()->SetAsNeedInstall("2.0", kHevcPack);
   AwaitOutput(watch, "need_install");
   expected += Appliance::Packctl({"status", "--json"}).output;
   watch.Signal(SIGINT);

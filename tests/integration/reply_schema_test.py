@@ -14,9 +14,7 @@ import unittest
 import jsonschema
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-from appliance import PACK_NAME, SOURCE, Appliance, Publisher  # noqa: E402
-
-AAC_NAME = "orbamira-hevc-aac"
+from appliance import Appliance, Paths, Publisher, mkpack_of  # noqa: E402
 
 # Changes of a good reply's pack (None takes a member out) that leave it good.
 TAKEN = (
@@ -56,17 +54,17 @@ STRICTER = (
     {"size": -1},
     {"size": "many"},
 )
-# Whole texts.
+# Whole texts; PACK stands for the name of the pack.
 REFUSED_TEXTS = (
     "null",
     "[]",
     "1",
     '"text"',
     "{}",
-    '{"orbamira-hevc": null}',
-    '{"orbamira-hevc": []}',
-    '{"orbamira-hevc": "text"}',
-    '{"orbamira-hevc": 1}',
+    '{"PACK": null}',
+    '{"PACK": []}',
+    '{"PACK": "text"}',
+    '{"PACK": 1}',
     '{"vendor": {}}',
 )
 
@@ -76,22 +74,24 @@ class ReplySchemaTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        schema = json.loads((SOURCE / "packaging/reply.schema.json").read_text())
+        build = pathlib.Path(cls.arguments.build)
+        schema = json.loads((build / "packaging/reply.schema.json").read_text())
         jsonschema.Draft202012Validator.check_schema(schema)
         cls.validator = jsonschema.Draft202012Validator(schema)
         cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
-        cls.publisher = cls.enterClassContext(Publisher(cls.folder / "served"))
+        cls.publisher = cls.enterClassContext(Publisher(cls.folder / "served", build))
         address = cls.publisher.publish("1.0", 1)
         cls.good = json.loads((cls.folder / "served" / address.rpartition("/")[2]).read_text())
-        sys.path.insert(0, str(SOURCE / "tools/mkpack"))
+        sys.path.insert(0, str(mkpack_of(build).parent))
         sys.dont_write_bytecode = True
         from orbamira_mkpack import reply
 
         cls.reply = reply
+        cls.name, cls.aac_name = Paths(build).hevc_pack, Paths(build).hevc_aac_pack
 
     def changed(self, values):
-        pack = {**self.good[PACK_NAME], **values}
-        return json.dumps({PACK_NAME: {name: value for name, value in pack.items() if value is not None}})
+        pack = {**self.good[self.name], **values}
+        return json.dumps({self.name: {name: value for name, value in pack.items() if value is not None}})
 
     def is_valid(self, text):
         """What the schema says, with which mkpack verify must agree."""
@@ -114,12 +114,12 @@ class ReplySchemaTest(unittest.TestCase):
 
     def test_takes_what_mkpack_writes(self):
         self.validator.validate(self.good)
-        self.assertEqual(set(self.good[PACK_NAME]), set(self.validator.schema["$defs"]["pack"]["properties"]))
-        self.validator.validate({AAC_NAME: self.good[PACK_NAME], PACK_NAME: self.good[PACK_NAME], "vendor": 1})
+        self.assertEqual(set(self.good[self.name]), set(self.validator.schema["$defs"]["pack"]["properties"]))
+        self.validator.validate({self.aac_name: self.good[self.name], self.name: self.good[self.name], "vendor": 1})
 
     def test_takes_what_appliances_take(self):
-        sha512 = hashlib.sha512((self.folder / "served" / self.good[PACK_NAME]["link"].rpartition("/")[2]).read_bytes())
-        sha256 = self.good[PACK_NAME]["checksum"]
+        sha512 = hashlib.sha512((self.folder / "served" / self.good[self.name]["link"].rpartition("/")[2]).read_bytes())
+        sha256 = self.good[self.name]["checksum"]
         for values in (*TAKEN, {"checksum": sha512.hexdigest()}, {"checksum": sha256.upper()}):
             with self.subTest(values):
                 text = self.changed(values)

@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "platform/constants.h"
+#include "platform/paths.h"
 #include "tests/support/appliance.h"
 #include "tests/support/forked.h"
 #include "tests/support/log_capture.h"
@@ -104,8 +105,8 @@ TEST_F(UpdateFlowTest, AFirstInstallTellsPluginsAndEndsUpToDate) {
   EXPECT_TRUE(manager_->DownloadAndInstall());
 
   EXPECT_THAT(Appliance::Journal(),
-              ElementsAre("install pre orbamira-hevc 1.0 INSTALL: downloading_installing ",
-                          "install post orbamira-hevc 1.0 INSTALL: downloading_installing install"));
+              ElementsAre("install pre " ORBAMIRA_HEVC_PACK " 1.0 INSTALL: downloading_installing ",
+                          "install post " ORBAMIRA_HEVC_PACK " 1.0 INSTALL: downloading_installing install"));
   EXPECT_EQ(Appliance::StatusRecord(), RecordOf("up_to_date"));
   EXPECT_EQ(Appliance::InstalledPayload(), "one");
   EXPECT_TRUE(manager_->CheckPackExists());
@@ -125,7 +126,7 @@ TEST_F(UpdateFlowTest, TheServerIsAskedWithTheSystemsIdentity) {
   ASSERT_THAT(appliance_.server().Requests(), SizeIs(1));
   EXPECT_EQ(appliance_.server().Requests()[0].method, "GET");
   EXPECT_EQ(appliance_.server().Requests()[0].target,
-            "/reply.json?identify=orbamira&unique=test-appliance&version=1.0.0&kos_version=3.1-1200");
+            "/reply.json?identify=" ORBAMIRA_PACKAGE_ID "&unique=test-appliance&version=1.0.0&kos_version=3.1-1200");
 }
 
 TEST_F(UpdateFlowTest, AnUpgradeTellsPluginsOfBothPacksAndEachStep) {
@@ -134,10 +135,10 @@ TEST_F(UpdateFlowTest, AnUpgradeTellsPluginsOfBothPacksAndEachStep) {
   EXPECT_TRUE(manager_->CheckNewPack());
   EXPECT_TRUE(manager_->DownloadAndInstall());
   EXPECT_THAT(Appliance::Journal(),
-              ElementsAre("uninstall pre orbamira-hevc 1.0 UPGRADE: downloading_installing pre_uninstall",
-                          "uninstall post orbamira-hevc 1.0 UPGRADE: downloading_installing uninstall",
-                          "install pre orbamira-hevc 2.0 UPGRADE: downloading_installing post_uninstall",
-                          "install post orbamira-hevc 2.0 UPGRADE: downloading_installing install"));
+              ElementsAre("uninstall pre " ORBAMIRA_HEVC_PACK " 1.0 UPGRADE: downloading_installing pre_uninstall",
+                          "uninstall post " ORBAMIRA_HEVC_PACK " 1.0 UPGRADE: downloading_installing uninstall",
+                          "install pre " ORBAMIRA_HEVC_PACK " 2.0 UPGRADE: downloading_installing post_uninstall",
+                          "install post " ORBAMIRA_HEVC_PACK " 2.0 UPGRADE: downloading_installing install"));
   EXPECT_EQ(Appliance::StatusRecord(), RecordOf("up_to_date"));
   EXPECT_EQ(Appliance::InstalledPayload(), "two");
   EXPECT_THAT(LogCapture::Lines(), IsEmpty());
@@ -156,16 +157,17 @@ TEST_F(UpdateFlowTest, TwoStepsRecordWhatWaitsInBetween) {
   appliance_.Publish("2.0", "two");
   ASSERT_TRUE(manager_->CheckNewPack());
   EXPECT_TRUE(manager_->Download());
-  EXPECT_EQ(Appliance::StatusRecord(), RecordOf("need_install", "2.0", "orbamira-hevc"));
+  EXPECT_EQ(Appliance::StatusRecord(), RecordOf("need_install", "2.0", kHevcPack));
   EXPECT_EQ(Appliance::InstalledPayload(), "one");
   EXPECT_THAT(Appliance::Journal(), IsEmpty());
 
   // The other half is another program's, which knows no more than the record.
   EXPECT_TRUE(PackManager::Create()->Install());
-  EXPECT_THAT(Appliance::Journal(), ElementsAre("uninstall pre orbamira-hevc 1.0 UPGRADE: installing pre_uninstall",
-                                                "uninstall post orbamira-hevc 1.0 UPGRADE: installing uninstall",
-                                                "install pre orbamira-hevc 2.0 UPGRADE: installing post_uninstall",
-                                                "install post orbamira-hevc 2.0 UPGRADE: installing install"));
+  EXPECT_THAT(Appliance::Journal(),
+              ElementsAre("uninstall pre " ORBAMIRA_HEVC_PACK " 1.0 UPGRADE: installing pre_uninstall",
+                          "uninstall post " ORBAMIRA_HEVC_PACK " 1.0 UPGRADE: installing uninstall",
+                          "install pre " ORBAMIRA_HEVC_PACK " 2.0 UPGRADE: installing post_uninstall",
+                          "install post " ORBAMIRA_HEVC_PACK " 2.0 UPGRADE: installing install"));
   EXPECT_EQ(Appliance::StatusRecord(), RecordOf("up_to_date"));
   EXPECT_EQ(Appliance::InstalledPayload(), "two");
   EXPECT_THAT(LogCapture::Lines(), IsEmpty());
@@ -173,7 +175,7 @@ TEST_F(UpdateFlowTest, TwoStepsRecordWhatWaitsInBetween) {
 
 TEST_F(UpdateFlowTest, AnApplicationThatAsksForAacGetsThePackWithIt) {
   InstallFirst("1.0", "one");
-  appliance_.Publish("1.0", "one and aac", "orbamira-hevc-aac");
+  appliance_.Publish("1.0", "one and aac", kHevcAacPack);
   EXPECT_FALSE(manager_->CheckNewPack());
   WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player"]})");
   EXPECT_TRUE(manager_->IsAacNeeded());
@@ -184,18 +186,18 @@ TEST_F(UpdateFlowTest, AnApplicationThatAsksForAacGetsThePackWithIt) {
   EXPECT_TRUE(manager_->HasAacCurrently());
   EXPECT_FALSE(manager_->IsAacNeeded());
   EXPECT_FALSE(manager_->CheckNewPack());
-  EXPECT_THAT(Appliance::Journal().back(), testing::StartsWith("install post orbamira-hevc-aac 1.0 UPGRADE"));
+  EXPECT_THAT(Appliance::Journal().back(), testing::StartsWith("install post " ORBAMIRA_HEVC_AAC_PACK " 1.0 UPGRADE"));
   EXPECT_THAT(LogCapture::Lines(), IsEmpty());
 }
 
 TEST_F(UpdateFlowTest, APackWithAacIsKeptWhenNobodyAsksForItAnyMore) {
-  appliance_.Publish("1.0", "one and aac", "orbamira-hevc-aac");
+  appliance_.Publish("1.0", "one and aac", kHevcAacPack);
   WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player"]})");
   ASSERT_TRUE(manager_->DownloadAndInstall());
   WriteFile(path::kCodecRequirementsPath, R"({"aac": []})");
   appliance_.Publish("2.0", "two");
   EXPECT_FALSE(manager_->CheckNewPack());
-  appliance_.Publish("1.5", "more and aac", "orbamira-hevc-aac");
+  appliance_.Publish("1.5", "more and aac", kHevcAacPack);
   EXPECT_TRUE(manager_->CheckNewPack());
   EXPECT_EQ(Appliance::StatusRecord(), RecordOf("need_download", "1.5"));
   EXPECT_TRUE(manager_->DownloadAndInstall());
@@ -249,8 +251,8 @@ TEST_F(UpdateFlowTest, APluginThatFailsStopsNothing) {
   EXPECT_TRUE(manager_->DownloadAndInstall());
   const auto refused = [](const std::string& event, const std::string& timing, const std::string& version) {
     return InfoLine("plugin_notifier.cpp", std::string("Failed to notify plugin: ") + path::kNotifyPluginPyPath +
-                                               " --event " + event + " --package orbamira-hevc --timing " + timing +
-                                               " --version " + version + " --status UPGRADE");
+                                               " --event " + event + " --package " ORBAMIRA_HEVC_PACK " --timing " +
+                                               timing + " --version " + version + " --status UPGRADE");
   };
   EXPECT_THAT(
       LogCapture::Lines(),
@@ -316,7 +318,7 @@ TEST_F(UpdateFlowTest, APackThatCannotBeMovedAsideStaysAndNothingIsInstalled) {
                           ManagerError("Failed to uninstall"), ManagerError("Failed to uninstall"),
                           ManagerError("DoInstall failed")));
   EXPECT_THAT(Appliance::Journal(),
-              ElementsAre("uninstall pre orbamira-hevc 1.0 UPGRADE: downloading_installing pre_uninstall"));
+              ElementsAre("uninstall pre " ORBAMIRA_HEVC_PACK " 1.0 UPGRADE: downloading_installing pre_uninstall"));
   EXPECT_EQ(Appliance::InstalledPayload(), "one");
 
   EXPECT_EQ(Appliance::Packctl({"recover"}).status, 0);
@@ -330,7 +332,7 @@ TEST_F(UpdateFlowTest, AnInstallThatFailsKeepsThePackageAndItsName) {
   ASSERT_TRUE(manager_->Download());
   WriteFile(fs::path(path::kBackupPackFolderPath) / "old", "in the way");
   EXPECT_FALSE(manager_->Install());
-  EXPECT_EQ(Appliance::StatusRecord(), RecordOf("install_failed", "2.0", "orbamira-hevc"));
+  EXPECT_EQ(Appliance::StatusRecord(), RecordOf("install_failed", "2.0", kHevcPack));
   EXPECT_THAT(LogCapture::Lines(),
               ElementsAre(HandlerInfo(std::string("Failed to rename old MIRA pack to ") + path::kBackupPackFolderPath),
                           ManagerError("Failed to uninstall"), ManagerError("Failed to uninstall"),
@@ -414,9 +416,9 @@ TEST_F(UpdateFlowTest, APackageThatIsNoneLeavesTheOldPackAtTheBackup) {
                           HandlerInfo("Failed to install pack: Failed to extract opk. path: " + package),
                           ManagerError("Failed to install"), ManagerError("Failed to install"),
                           ManagerError("Failed to install")));
-  EXPECT_EQ(Appliance::StatusRecord(), RecordOf("install_failed", "2.0", "orbamira-hevc"));
+  EXPECT_EQ(Appliance::StatusRecord(), RecordOf("install_failed", "2.0", kHevcPack));
   EXPECT_FALSE(manager_->CheckPackExists());
-  EXPECT_THAT(LeftBesideThePack(), ElementsAre(".codec-pack.backup"));
+  EXPECT_THAT(LeftBesideThePack(), ElementsAre("." ORBAMIRA_PACK_FOLDER_NAME ".backup"));
 
   EXPECT_EQ(Appliance::Packctl({"recover"}).status, 0);
   EXPECT_EQ(Appliance::InstalledPayload(), "one");
@@ -444,8 +446,8 @@ TEST_F(UpdateFlowTest, AStatusThatForbidsAFlowIsLeftAloneAndNobodyIsAsked) {
   expect_refused(&IPackManager::Install, "lost", {});
   status->SetAsNeedDownload("1.0");
   expect_refused(&IPackManager::Install, "need_download", RecordOf("need_download", "1.0"));
-  status->SetAsNeedInstall("1.0", "orbamira-hevc");
-  expect_refused(&IPackManager::Download, "need_install", RecordOf("need_install", "1.0", "orbamira-hevc"));
+  status->SetAsNeedInstall("1.0", kHevcPack);
+  expect_refused(&IPackManager::Download, "need_install", RecordOf("need_install", "1.0", kHevcPack));
   status->SetAsDownloadFailed();
   expect_refused(&IPackManager::DownloadAndInstall, "download_failed", RecordOf("download_failed"));
   expect_refused(&IPackManager::Install, "download_failed", RecordOf("download_failed"));

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/constants.h"
 #include "tests/support/http_server.h"
 
 namespace orbamira::test {
@@ -55,7 +56,7 @@ class Appliance {
   Appliance();
 
   /// Publishes a pack whose payload is the file "codec" with the text `payload`.
-  void Publish(const std::string& version, const std::string& payload, const std::string& name = "orbamira-hevc");
+  void Publish(const std::string& version, const std::string& payload, const std::string& name = kHevcPack);
 
   /// What the server does in place of answering honestly; asked with each request.
   using Fault = std::function<void(const HttpRequest&, HttpResponse&)>;

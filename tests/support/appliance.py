@@ -16,9 +16,7 @@ import stat
 import subprocess
 import threading
 
-PACK_NAME = "orbamira-hevc"
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
-MKPACK = SOURCE / "tools/mkpack/mkpack"
 
 
 def tree(folder):
@@ -39,11 +37,21 @@ def tree(folder):
     return entries
 
 
-def make_pack(payload, output, version, address, mkpack=MKPACK, **more):
+def mkpack_of(build):
+    """The program of a build."""
+    return pathlib.Path(build) / "tools/mkpack/mkpack"
+
+
+def make_pack(build, payload, output, version, address, mkpack=None, **more):
     """Publishes the payload in the folder `output`, which is served at the address."""
-    options = {"name": PACK_NAME, "title": "HEVC", "payload": payload, "output": output, "version": version, **more}
+    name = Paths(build).hevc_pack
+    options = {"name": name, "title": "HEVC", "payload": payload, "output": output, "version": version, **more}
     subprocess.run(
-        [mkpack, f"--base-url={address}", *(f"--{name}={value}" for name, value in options.items())],
+        [
+            mkpack or mkpack_of(build),
+            f"--base-url={address}",
+            *(f"--{name}={value}" for name, value in options.items()),
+        ],
         check=True,
         stdout=subprocess.DEVNULL,
     )
@@ -68,8 +76,8 @@ def unpack(packages, root):
 class Publisher:
     """Makes packs and serves them over HTTP on a free loopback port for as long as it is entered."""
 
-    def __init__(self, folder):
-        self.folder = pathlib.Path(folder)
+    def __init__(self, folder, build):
+        self.folder, self.build = pathlib.Path(folder), build
         self.payloads = {}
 
     def __enter__(self):
@@ -102,7 +110,7 @@ class Publisher:
         (payload / "lib/plugins/table.bin").write_bytes(source.randbytes(3_000))
         (payload / "lib/libcodec.so").symlink_to(f"libcodec0.so.{version}")
         reply = self.folder / f"reply-{version}.json"
-        make_pack(payload, self.folder, version, self.url, reply=reply)
+        make_pack(self.build, payload, self.folder, version, self.url, reply=reply)
         self.payloads[version] = tree(payload)
         return f"{self.url}/{reply.name}"
 
@@ -122,8 +130,8 @@ class Publisher:
 
 
 class Paths:
-    """Where a build has the folders and files of the appliance, relative to the root: the list of platform/paths.h, in
-    lower case and without the project's name."""
+    """A build's folders and files of the appliance, relative to the root, and its names: the list of platform/paths.h,
+    in lower case and without the project's name."""
 
     def __init__(self, build):
         listed = json.loads((pathlib.Path(build) / "paths.json").read_text())
@@ -143,8 +151,9 @@ class Appliance:
         self.helpers = self.root / self.paths.helpers_folder
         self.plugins = self.root / self.paths.plugins_folder
         self.packages = self.root / self.paths.packs_folder
-        self.pack = self.packages / "codec-pack"
-        self.backup = self.packages / ".codec-pack.backup"
+        self.pack = self.packages / self.paths.pack_folder_name
+        self.backup = self.packages / f".{self.pack.name}.backup"
+        self.unpacked = self.packages / f".{self.pack.name}.unpacked"
         self.download = self.cache / "download"
         self.status_file = self.state_folder / "status.json"
         self.history = {self.state_folder / name for name in ("history.jsonl", "history.jsonl.1")}
@@ -180,8 +189,12 @@ class Appliance:
         system, version = self.root / self.paths.system_file, self.root / self.paths.version_file
         for file in (system, version, self.settings / "updater.conf"):
             file.parent.mkdir(parents=True, exist_ok=True)
-        system.write_text(f'unique="{name}"\n')
-        version.write_text('major_version="3"\nminor_version="1"\nbuild_number="1200"\n')
+        system.write_text(f'{self.paths.unique_key}="{name}"\n')
+        version.write_text(
+            f'{self.paths.major_version_key}="3"\n'
+            f'{self.paths.minor_version_key}="1"\n'
+            f'{self.paths.build_number_key}="1200"\n'
+        )
 
     def use_server(self, address):
         (self.settings / "updater.conf").write_text(f'pack_update_server="{address}"\n')
@@ -247,7 +260,10 @@ class Appliance:
 
     def half_built(self):
         """Files and folders that were not yet put in place, as paths."""
-        found = [*self.packages.glob(".codec-pack.partial.*"), *self.status_file.parent.glob("status.json.??????")]
+        found = [
+            *self.packages.glob(f".{self.pack.name}.partial.*"),
+            *self.status_file.parent.glob("status.json.??????"),
+        ]
         return sorted(str(path) for path in found if path != self.broken_status_file)
 
     def half_removed(self):

@@ -21,12 +21,9 @@ import unittest.mock
 
 import words
 from authority import INTERMEDIATE, Authority
+from verify_test_case import AAC, HANG, HEVC, MKPACK
 
-MKPACK = pathlib.Path(__file__).resolve().parents[3] / "tools/mkpack/mkpack"
 sys.path.insert(0, str(MKPACK.parent))
-
-# Far more than anything here takes; only a program that hangs meets it.
-HANG = 600
 
 
 class MkpackTest(unittest.TestCase):
@@ -44,7 +41,7 @@ class MkpackTest(unittest.TestCase):
         values = {
             "payload": self.payload,
             "output": self.output,
-            "name": "orbamira-hevc",
+            "name": HEVC,
             "version": "1.2",
             "title": "HEVC decoder",
             "base_url": "http://packs.example.com/packs/",
@@ -112,7 +109,7 @@ class MkpackPackageTest(MkpackTest):
     def test_holds_info_and_payload(self):
         with tarfile.open(self.make(), "r:") as outer:
             self.assertEqual(["INFO", "package.tgz"], outer.getnames())
-            self.assertEqual(b'package="orbamira-hevc"\nversion="1.2"\n', outer.extractfile("INFO").read())
+            self.assertEqual(f'package="{HEVC}"\nversion="1.2"\n'.encode(), outer.extractfile("INFO").read())
 
     def test_payload_keeps_its_tree(self):
         (self.payload / "empty").mkdir()
@@ -127,7 +124,7 @@ class MkpackPackageTest(MkpackTest):
         self.assertEqual(b"", self.content(package, "has_hevc"))
 
     def test_markers_follow_the_pack_name(self):
-        package = self.make(name="orbamira-hevc-aac")
+        package = self.make(name=AAC)
         self.assertEqual(["has_aac", "has_hevc"], list(self.members(package))[:2])
 
     def test_markers_follow_the_codecs_named(self):
@@ -135,10 +132,8 @@ class MkpackPackageTest(MkpackTest):
         self.assertEqual(["has_aac", "has_hevc", "lib"], list(self.members(package))[:3])
 
     def test_codecs_of_the_pack_name_must_be_among_those_named(self):
-        self.assert_usage("argument --codec: a pack of the name orbamira-hevc carries hevc", codec="aac")
-        self.assert_usage(
-            "argument --codec: a pack of the name orbamira-hevc-aac carries aac", name="orbamira-hevc-aac", codec="hevc"
-        )
+        self.assert_usage(f"argument --codec: a pack of the name {HEVC} carries hevc", codec="aac")
+        self.assert_usage(f"argument --codec: a pack of the name {AAC} carries aac", name=AAC, codec="hevc")
 
     def test_modes_are_normalised_and_owners_and_times_dropped(self):
         for name, mode in (("run", 0o4711), ("read", 0o600), ("group", 0o664)):
@@ -452,7 +447,7 @@ class MkpackSigningTest(MkpackTest):
 
     def test_reply_names_the_signed_package(self):
         package = self.make_signed()
-        member = json.loads(self.reply.read_text())["orbamira-hevc"]
+        member = json.loads(self.reply.read_text())[HEVC]
         self.assertEqual(hashlib.sha256(package.read_bytes()).hexdigest(), member["checksum"])
         self.assertEqual(package.stat().st_size, member["size"])
 
@@ -508,12 +503,12 @@ class MkpackReplyTest(MkpackTest):
     def test_names_the_package(self):
         package = self.make()
         checksum = hashlib.sha256(package.read_bytes()).hexdigest()
-        self.assertEqual(self.output / f"orbamira-hevc-1.2-{checksum[:12]}.opk", package)
-        self.assertEqual({"orbamira-hevc": self.member(package)}, json.loads(self.reply.read_text()))
+        self.assertEqual(self.output / f"{HEVC}-1.2-{checksum[:12]}.opk", package)
+        self.assertEqual({HEVC: self.member(package)}, json.loads(self.reply.read_text()))
 
     def test_says_what_was_published(self):
         result = self.run_mkpack()
-        member = json.loads(self.reply.read_text())["orbamira-hevc"]
+        member = json.loads(self.reply.read_text())[HEVC]
         package = self.output / member["link"].rpartition("/")[2]
         self.assertEqual(
             [
@@ -542,9 +537,9 @@ class MkpackReplyTest(MkpackTest):
         size = next(self.output.glob("*.opk")).stat().st_size
         self.assertEqual(
             "{\n"
-            '  "orbamira-hevc": {\n'
+            f'  "{HEVC}": {{\n'
             f'    "checksum": "{checksum}",\n'
-            f'    "link": "http://packs.example.com/packs/orbamira-hevc-1.2-{checksum[:12]}.opk",\n'
+            f'    "link": "http://packs.example.com/packs/{HEVC}-1.2-{checksum[:12]}.opk",\n'
             f'    "size": {size},\n'
             '    "title": "B\\u00fccher \\"x\\"",\n'
             '    "version": "1.2"\n'
@@ -555,16 +550,12 @@ class MkpackReplyTest(MkpackTest):
 
     def test_other_members_stay(self):
         self.output.mkdir()
-        other = {"note": {"a": [1, "b", None, True, 1.5]}, "orbamira-hevc": "replaced"}
+        other = {"note": {"a": [1, "b", None, True, 1.5]}, HEVC: "replaced"}
         self.reply.write_text(json.dumps(other))
         first = self.make()
-        second = self.make(name="orbamira-hevc-aac", version="2")
+        second = self.make(name=AAC, version="2")
         self.assertEqual(
-            {
-                "note": other["note"],
-                "orbamira-hevc": self.member(first),
-                "orbamira-hevc-aac": self.member(second, version="2"),
-            },
+            {"note": other["note"], HEVC: self.member(first), AAC: self.member(second, version="2")},
             json.loads(self.reply.read_text()),
         )
 
@@ -572,7 +563,7 @@ class MkpackReplyTest(MkpackTest):
         first = self.make()
         second = self.make(version="1.3")
         self.assertTrue(first.exists())
-        self.assertEqual({"orbamira-hevc": self.member(second, version="1.3")}, json.loads(self.reply.read_text()))
+        self.assertEqual({HEVC: self.member(second, version="1.3")}, json.loads(self.reply.read_text()))
 
     def test_that_is_no_reply_is_an_error_and_stays(self):
         self.output.mkdir()
@@ -599,7 +590,7 @@ class MkpackReplyTest(MkpackTest):
     def test_may_lie_elsewhere(self):
         reply = self.top / "web/replies/packs.json"
         package = self.make(reply=reply)
-        self.assertEqual({"orbamira-hevc": self.member(package)}, json.loads(reply.read_text()))
+        self.assertEqual({HEVC: self.member(package)}, json.loads(reply.read_text()))
         self.assertFalse(self.reply.exists())
 
     def test_may_lie_in_the_current_folder(self):
@@ -607,7 +598,7 @@ class MkpackReplyTest(MkpackTest):
             self.command(reply="r.json"), cwd=self.top, stdout=subprocess.DEVNULL, timeout=HANG, check=False
         )
         self.assertEqual(0, result.returncode)
-        self.assertIn("orbamira-hevc", json.loads((self.top / "r.json").read_text()))
+        self.assertIn(HEVC, json.loads((self.top / "r.json").read_text()))
 
     def test_and_package_are_readable_for_the_web_server(self):
         package = self.make(preexec_fn=lambda: os.umask(0o077))
@@ -620,16 +611,16 @@ class MkpackReplyTest(MkpackTest):
             fcntl.flock(lock, fcntl.LOCK_EX)
             with subprocess.Popen(self.command(version="2"), stdout=subprocess.DEVNULL) as process:
                 # The new package is there, and the reply does not name it as long as the lock is held.
-                self.wait_for(process, "orbamira-hevc-2-*.opk")
+                self.wait_for(process, f"{HEVC}-2-*.opk")
                 with self.assertRaises(subprocess.TimeoutExpired):
                     process.wait(0.3)
                 self.reply.write_text('{"other": 1}')
                 fcntl.flock(lock, fcntl.LOCK_UN)
                 self.assertEqual(0, process.wait(HANG))
-        self.assertEqual(["orbamira-hevc", "other"], sorted(json.loads(self.reply.read_text())))
+        self.assertEqual([HEVC, "other"], sorted(json.loads(self.reply.read_text())))
 
     def test_loses_no_member_when_many_publish_at_once(self):
-        names = ["orbamira-hevc", "orbamira-hevc-aac"]
+        names = [HEVC, AAC]
         for round_number in range(5):
             self.reply.unlink(missing_ok=True)
             processes = [
@@ -663,7 +654,7 @@ class MkpackUsageTest(MkpackTest):
         self.assert_usage("unrecognized arguments: --rep x", rep="x")
 
     def test_name_and_codec_must_be_known(self):
-        for option, known in (("name", "'orbamira-hevc', 'orbamira-hevc-aac'"), ("codec", "'hevc', 'aac'")):
+        for option, known in (("name", f"'{HEVC}', '{AAC}'"), ("codec", "'hevc', 'aac'")):
             with self.subTest(option):
                 self.assert_usage(
                     f"argument --{option}: invalid choice: 'vp9' (choose from {known})", **{option: "vp9"}
@@ -682,8 +673,8 @@ class MkpackUsageTest(MkpackTest):
         package = self.make(version="1.2-3_4+deb5")
         with tarfile.open(package, "r:") as outer:
             self.assertIn(b'version="1.2-3_4+deb5"\n', outer.extractfile("INFO").read())
-        link = json.loads(self.reply.read_text())["orbamira-hevc"]["link"]
-        self.assertIn("/orbamira-hevc-1.2-3_4%2Bdeb5-", link)
+        link = json.loads(self.reply.read_text())[HEVC]["link"]
+        self.assertIn(f"/{HEVC}-1.2-3_4%2Bdeb5-", link)
 
     def test_title_must_be_printable(self):
         for text in ("", "  ", "a\nb", "\x1b[1m"):
@@ -705,7 +696,7 @@ class MkpackUsageTest(MkpackTest):
     def test_base_url_may_have_a_port_and_a_folder(self):
         for text in ("https://h", "http://[::1]:8080/a/b/"):
             package = self.make(base_url=text)
-            link = json.loads(self.reply.read_text())["orbamira-hevc"]["link"]
+            link = json.loads(self.reply.read_text())[HEVC]["link"]
             self.assertEqual(f"{text.rstrip('/')}/{package.name}", link)
 
     def test_payload_must_be_a_folder(self):

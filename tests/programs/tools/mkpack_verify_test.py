@@ -124,7 +124,7 @@ class VerifyReplyTest(PublishedTest):
         self.assert_reply_refused(b"[]", "it is no JSON object")
 
     def test_that_names_something_twice(self):
-        self.assert_reply_refused(b'{"orbamira-hevc": {"size": 1, "size": 2}}', "'size' is in it twice")
+        self.assert_reply_refused(f'{{"{HEVC}": {{"size": 1, "size": 2}}}}'.encode(), "'size' is in it twice")
 
     def test_that_is_too_long(self):
         text = self.reply.read_bytes()
@@ -222,7 +222,7 @@ class VerifyFileTest(PublishedTest):
         self.assert_finding(HEVC, f"{self.file.name} has {size} bytes, and the reply says {size + 1}")
 
     def test_whose_name_has_another_digest(self):
-        other = self.folder / "orbamira-hevc-1.2-000000000000.opk"
+        other = self.folder / f"{HEVC}-1.2-000000000000.opk"
         self.file.rename(other)
         self.change(link=f"{BASE}/{other.name}")
         digest = self.members()[HEVC]["checksum"]
@@ -279,7 +279,7 @@ class VerifyPackageTest(PublishedTest):
         self.assert_finding(HEVC, f"INFO in {file} says package '{AAC}', and the reply says '{HEVC}'")
 
     def test_info_is_read_as_appliances_read_it(self):
-        text = b'#version="9"\n\nno\n package = "orbamira-hevc" \r\nversion=1.2\r\nversion="3"\n'
+        text = f'#version="9"\n\nno\n package = "{HEVC}" \r\nversion=1.2\r\nversion="3"\n'.encode()
         self.replace(tar([("INFO", text), ("package.tgz", self.good)]))
         self.assert_well()
 

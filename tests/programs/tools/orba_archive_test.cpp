@@ -459,7 +459,7 @@ TEST_F(OrbaArchiveTest, EmptiesTheTemporaryFolderOfAPackFirst) {
 
 TEST_F(OrbaArchiveTest, EmptiesTheDownloadFolderButForThePackage) {
   const fs::path download = kDownloadFolder;
-  const fs::path package = download / "codec-pack.opk";
+  const fs::path package = path::kDownloadedOpkPath;
   WriteFile(package, Tar().File("INFO").File("package.tgz", Gzip(Tar().File("f").Bytes())).Bytes());
   WriteFile(download / "package.tgz", "planted");
   WriteFile(download / "folder/file", "left");
@@ -478,8 +478,8 @@ TEST_F(OrbaArchiveTest, EmptiesNoFolderButTheUpdatersOwn) {
   WriteFile(out_ / "mine", "kept");
   EXPECT_TRUE(Unpack(Program::kArchive, Tar().File("INFO").Bytes()).Exited(0));
   EXPECT_EQ(ReadFile(out_ / "mine"), "kept");
-  fs::create_directory_symlink(out_, packages / ".codec-pack.unpacked");
-  const ProcessResult result = Run(Program::kArchive, {"-xf", archive_, "-C", packages / ".codec-pack.unpacked"});
+  fs::create_directory_symlink(out_, path::kTempPackFolderPath);
+  const ProcessResult result = Run(Program::kArchive, {"-xf", archive_, "-C", path::kTempPackFolderPath});
   EXPECT_TRUE(result.Exited(1)) << result;
   EXPECT_THAT(result.err, HasSubstr("INFO: " + test::ErrorText(EEXIST)));
   EXPECT_EQ(ReadFile(out_ / "mine"), "kept");

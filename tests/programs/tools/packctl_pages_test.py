@@ -11,7 +11,13 @@ import sys
 import tempfile
 import unittest
 
-NAMES = ("man/packctl.1.in", "man/mkpack.1", "man/mkpack-verify.1", "completions/packctl.bash", "completions/_packctl")
+NAMES = (
+    "man/packctl.1.in",
+    "man/mkpack.1.in",
+    "man/mkpack-verify.1.in",
+    "completions/packctl.bash",
+    "completions/_packctl",
+)
 
 
 def first_words(program):

@@ -8,12 +8,17 @@ import pathlib
 import re
 import shutil
 import subprocess
+import sys
 import tarfile
 import tempfile
 import unittest
 
-MKPACK = pathlib.Path(__file__).resolve().parents[3] / "tools/mkpack/mkpack"
-HEVC, AAC = "orbamira-hevc", "orbamira-hevc-aac"
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "support"))
+from appliance import Paths, mkpack_of  # noqa: E402
+
+BUILD = os.environ["ORBAMIRA_BUILD"]
+MKPACK = mkpack_of(BUILD)
+HEVC, AAC = Paths(BUILD).hevc_pack, Paths(BUILD).hevc_aac_pack
 BASE = "https://packs.example.com/packs"
 
 # Far more than anything here takes; only a program that hangs meets it.

@@ -9,6 +9,7 @@
 
 #include "platform/constants.h"
 #include "platform/json/json_line.h"
+#include "platform/paths.h"
 #include "tests/support/file_size_limit.h"
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
@@ -34,8 +35,8 @@ class HistoryTest : public testing::Test {
     return {.time = 1'700'000'000,
             .duration_ms = 1234,
             .command = command,
-            .from = PackIdentity{"orbamira-hevc", "1.0"},
-            .to = PackIdentity{"orbamira-hevc", "2.0"},
+            .from = PackIdentity{kHevcPack, "1.0"},
+            .to = PackIdentity{kHevcPack, "2.0"},
             .result = "done",
             .status = "up_to_date"};
   }
@@ -101,8 +102,8 @@ TEST_F(HistoryTest, AppendToHistoryWritesOneLineOfJson) {
   AppendToHistory(Entry("update"));
   EXPECT_EQ(ReadFile(file_),
             R"({"command":"update","duration_ms":1234,"error":null,"errors":[],"exit":0,)"
-            R"("from":{"package":"orbamira-hevc","version":"1.0"},"result":"done","status":"up_to_date",)"
-            R"("time":1700000000,"to":{"package":"orbamira-hevc","version":"2.0"}})"
+            R"("from":{"package":")" ORBAMIRA_HEVC_PACK R"(","version":"1.0"},"result":"done","status":"up_to_date",)"
+            R"("time":1700000000,"to":{"package":")" ORBAMIRA_HEVC_PACK R"(","version":"2.0"}})"
             "\n");
   struct stat about {};
   ASSERT_EQ(stat(file_.c_str(), &about), 0);

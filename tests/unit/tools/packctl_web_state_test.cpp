@@ -12,6 +12,7 @@
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
+#include "platform/paths.h"
 #include "tests/support/test_root.h"
 #include "tests/support/written_folders.h"
 #include "tools/packctl/record/history.h"
@@ -51,7 +52,7 @@ class StateReaderTest : public testing::Test {
   }
 
   static void InstallPack() {
-    test::WriteFile(path::kPackInfoPath, "package=\"orbamira-hevc\"\nversion=\"1.0\"\n");
+    test::WriteFile(path::kPackInfoPath, "package=\"" ORBAMIRA_HEVC_PACK "\"\nversion=\"1.0\"\n");
     test::WriteFile(path::kHasHevcPath, "");
   }
 
@@ -82,16 +83,16 @@ TEST_F(StateReaderTest, LookAtAFreshMachineFindsNothingAndNoProblem) {
 TEST_F(StateReaderTest, LookFindsThePackAndWhatWaits) {
   InstallPack();
   test::WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player"]})");
-  Status()->SetAsNeedInstall("2.0", "orbamira-hevc-aac");
+  Status()->SetAsNeedInstall("2.0", kHevcAacPack);
   const Json::Value state = Look();
-  EXPECT_EQ(state["installed"]["package"], "orbamira-hevc");
+  EXPECT_EQ(state["installed"]["package"], kHevcPack);
   EXPECT_EQ(state["installed"]["version"], "1.0");
   EXPECT_GT(state["installed"]["updated"].asInt64(), 0);
   ASSERT_EQ(state["installed"]["codecs"].size(), 1U);
   EXPECT_EQ(state["installed"]["codecs"][0], "hevc");
   ASSERT_EQ(state["requested"].size(), 1U);
   EXPECT_EQ(state["requested"][0], "aac");
-  EXPECT_EQ(state["offer"]["package"], "orbamira-hevc-aac");
+  EXPECT_EQ(state["offer"]["package"], kHevcAacPack);
   EXPECT_EQ(state["offer"]["version"], "2.0");
 }
 
@@ -243,7 +244,7 @@ TEST_F(WebStateSourceTest, ToldOfAChangeOfTheRequirements) {
 }
 
 TEST_F(WebStateSourceTest, LooksAgainWhenItIsAsked) {
-  test::WriteFile(path::kPackInfoPath, "package=\"orbamira-hevc\"\nversion=\"1.0\"\n");
+  test::WriteFile(path::kPackInfoPath, "package=\"" ORBAMIRA_HEVC_PACK "\"\nversion=\"1.0\"\n");
   state_->LookAgain();
   EXPECT_TRUE(AwaitSight(
       [](const MachineState& state) { return state.installed && state.installed->identity.version == "1.0"; }));

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/constants.h"
+#include "platform/paths.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mocks.h"
 #include "tests/support/test_root.h"
@@ -159,8 +160,9 @@ class KOSHelperSystemTest : public testing::Test {
 };
 
 TEST_F(KOSHelperSystemTest, ReadsVersionAndUniqueValueOfTheSystem) {
-  test::WriteFile(common::kDefaultVersionPath, "major_version=3\nminor_version=1\nbuild_number=1200\n");
-  test::WriteFile(common::kDefaultOrbaInfoPath, "unique=\"kos_x86_ds9\"\n");
+  test::WriteFile(common::kDefaultVersionPath, ORBAMIRA_MAJOR_VERSION_KEY "=3\n" ORBAMIRA_MINOR_VERSION_KEY
+                                                                          "=1\n" ORBAMIRA_BUILD_NUMBER_KEY "=1200\n");
+  test::WriteFile(common::kDefaultOrbaInfoPath, ORBAMIRA_UNIQUE_KEY "=\"kos_x86_ds9\"\n");
   EXPECT_EQ(helper_->GetVersion(), "3.1-1200");
   EXPECT_EQ(helper_->GetUnique(), "kos_x86_ds9");
 }

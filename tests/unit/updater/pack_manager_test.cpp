@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "platform/constants.h"
+#include "platform/paths.h"
 #include "tests/support/http_server.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mocks.h"
@@ -461,7 +462,7 @@ TEST_F(PackManagerRequestTest, FetchDownloadInfoOfNoJsonFails) {
 }
 
 TEST_F(PackManagerRequestTest, FetchDownloadInfoTakesAReplyUpToTheLimit) {
-  const std::string reply = R"({"orbamira-hevc": {"version": "2.0"}})";
+  const std::string reply = R"({")" ORBAMIRA_HEVC_PACK R"(": {"version": "2.0"}})";
   answer_.body = reply + std::string(kJsonTextLimit - reply.size(), ' ');
   ExpectSystem(server_.Url());
   EXPECT_TRUE(manager_.FetchDownloadInfo(false, info_));

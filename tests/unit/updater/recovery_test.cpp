@@ -14,6 +14,7 @@
 
 #include "platform/constants.h"
 #include "platform/key_value_store.h"
+#include "platform/paths.h"
 #include "tests/support/error_text.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/restrictions.h"
@@ -39,6 +40,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
+using testing::UnorderedElementsAre;
 
 RecoveryReport Recovered() { return Recover(UpdateLock()); }
 
@@ -53,7 +55,7 @@ class RecoveryTest : public testing::Test {
   }
 
   static void MakePack(const fs::path& folder, const std::string& version) {
-    WriteFile(folder / "INFO", "package=orbamira-hevc\nversion=" + version + "\n");
+    WriteFile(folder / "INFO", "package=" ORBAMIRA_HEVC_PACK "\nversion=" + version + "\n");
     WriteFile(folder / "lib/codec.so", version);
   }
 
@@ -140,7 +142,7 @@ TEST_F(RecoveryTest, RecoverDoesNotBringTheRestOfABackupBack) {
 }
 
 TEST_F(RecoveryTest, RecoverKeepsAPackThatIsALinkToAPlaceNotMountedYet) {
-  fs::create_symlink(test::Root() / "volume/codec-pack", path::kPackFolderPath);
+  fs::create_symlink(test::Root() / "volume/" ORBAMIRA_PACK_FOLDER_NAME, path::kPackFolderPath);
   ExpectNothingLeftToDo();
   EXPECT_TRUE(fs::is_symlink(path::kPackFolderPath));
 }
@@ -149,15 +151,16 @@ TEST_F(RecoveryTest, RecoverRemovesTemporaryAndHalfBuiltFolders) {
   Status()->SetAsUpToDate();
   MakePack(path::kPackFolderPath, "1");
   MakePack(path::kTempPackFolderPath, "2");
-  MakePack(fs::path(kTargetFolder) / ".codec-pack.partial.x7Yz01", "2");
-  MakePack(fs::path(kTargetFolder) / ".codec-pack.partial.A", "2");
-  MakePack(fs::path(kTargetFolder) / ".codec-pack.partial.2", "2");
+  MakePack(fs::path(kTargetFolder) / "." ORBAMIRA_PACK_FOLDER_NAME ".partial.x7Yz01", "2");
+  MakePack(fs::path(kTargetFolder) / "." ORBAMIRA_PACK_FOLDER_NAME ".partial.A", "2");
+  MakePack(fs::path(kTargetFolder) / "." ORBAMIRA_PACK_FOLDER_NAME ".partial.2", "2");
   MakePack(fs::path(kTargetFolder) / ".other-pack.partial.2", "2");
   MakePack(fs::path(kTargetFolder) / "other-pack", "2");
   EXPECT_THAT(Recovered().done, ElementsAre(std::string("removed the unpacked pack ") + path::kTempPackFolderPath,
-                                            HasSubstr(".codec-pack.partial.2"), HasSubstr(".codec-pack.partial.A"),
-                                            HasSubstr(".codec-pack.partial.x7Yz01")));
-  EXPECT_THAT(Left(kTargetFolder), ElementsAre(".other-pack.partial.2", "codec-pack", "other-pack"));
+                                            HasSubstr("." ORBAMIRA_PACK_FOLDER_NAME ".partial.2"),
+                                            HasSubstr("." ORBAMIRA_PACK_FOLDER_NAME ".partial.A"),
+                                            HasSubstr("." ORBAMIRA_PACK_FOLDER_NAME ".partial.x7Yz01")));
+  EXPECT_THAT(Left(kTargetFolder), UnorderedElementsAre(".other-pack.partial.2", kPackFolderName, "other-pack"));
   ExpectNothingLeftToDo();
 }
 
@@ -165,14 +168,14 @@ TEST_F(RecoveryTest, RecoverEndsRemovalsThatWereCut) {
   Status()->SetAsUpToDate();
   const fs::path cache = fs::path(kDownloadFolder).parent_path();
   MakePack(path::kPackFolderPath, "1");
-  MakePack(fs::path(kTargetFolder) / ".removed.aZ09xy" / ".codec-pack.backup", "0");
+  MakePack(fs::path(kTargetFolder) / ".removed.aZ09xy" / "." ORBAMIRA_PACK_FOLDER_NAME ".backup", "0");
   MakePack(fs::path(kTargetFolder) / ".removed.aZ09x", "0");
   MakePack(fs::path(kTargetFolder) / "removed.aZ09xy", "0");
   WriteFile(cache / ".removed.aZ09xy" / "download" / "pack.opk", "package");
   const std::string rest = "removed the rest of an interrupted removal ";
   EXPECT_THAT(Recovered().done,
               ElementsAre(rest + kTargetFolder + "/.removed.aZ09xy", rest + (cache / ".removed.aZ09xy").string()));
-  EXPECT_THAT(Left(kTargetFolder), ElementsAre(".removed.aZ09x", "codec-pack", "removed.aZ09xy"));
+  EXPECT_THAT(Left(kTargetFolder), UnorderedElementsAre(".removed.aZ09x", kPackFolderName, "removed.aZ09xy"));
   EXPECT_THAT(Left(cache), IsEmpty());
   ExpectNothingLeftToDo();
 }
@@ -184,13 +187,13 @@ TEST_F(RecoveryTest, ARecoveryThatIsCutLeavesNoPartOfABackup) {
   test::WithFailingCall(SYS_unlinkat, EIO, [] { EXPECT_THAT(Recovered().failed, Not(IsEmpty())); });
   EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
   Recovered();
-  EXPECT_THAT(Left(kTargetFolder), ElementsAre("codec-pack"));
+  EXPECT_THAT(Left(kTargetFolder), ElementsAre(kPackFolderName));
 }
 
 TEST_F(RecoveryTest, RecoverRemovesALinkWithoutWhatItPointsTo) {
   MakePack(test::Root() / "elsewhere", "1");
   fs::create_symlink(test::Root() / "elsewhere", path::kTempPackFolderPath);
-  fs::create_symlink(test::Root() / "elsewhere", fs::path(kTargetFolder) / ".codec-pack.partial.1");
+  fs::create_symlink(test::Root() / "elsewhere", fs::path(kTargetFolder) / "." ORBAMIRA_PACK_FOLDER_NAME ".partial.1");
   Recovered();
   EXPECT_THAT(Left(kTargetFolder), IsEmpty());
   EXPECT_TRUE(fs::exists(test::Root() / "elsewhere/INFO"));
@@ -332,7 +335,7 @@ TEST_F(RecoveryTest, ConfirmInstallBelievesThePackAlone) {
   MakePack(fs::path(kTargetFolder) / ".removed.aZ09xy", "1");
   EXPECT_TRUE(ConfirmInstall(lock, *Status()));
   EXPECT_EQ(Recorded(), kStatusUpToDate);
-  EXPECT_THAT(Left(kTargetFolder), ElementsAre("codec-pack"));
+  EXPECT_THAT(Left(kTargetFolder), ElementsAre(kPackFolderName));
   fs::remove_all(path::kPackFolderPath);
   EXPECT_FALSE(ConfirmInstall(lock, *Status()));
   EXPECT_EQ(Recorded(), kStatusDownloadInstallFailed);

@@ -75,9 +75,9 @@ TEST_F(StatusRecordTest, ReadOfAnEmptyStoreIsTheDefault) {
 
 TEST_F(StatusRecordTest, ReadGivesWhatTheLibraryRecorded) {
   const auto helper = PackStatusHelper::Create();
-  helper->SetAsNeedInstall("2.1", "orbamira-hevc");
+  helper->SetAsNeedInstall("2.1", kHevcPack);
   EXPECT_EQ(ReadStatusRecord(),
-            (StatusRecord{.status = kStatusNeedInstall, .new_pack_name = "orbamira-hevc", .new_version = "2.1"}));
+            (StatusRecord{.status = kStatusNeedInstall, .new_pack_name = kHevcPack, .new_version = "2.1"}));
   helper->SetAsInstalling(kStepInstall);
   EXPECT_EQ(ReadStatusRecord(), (StatusRecord{.status = kStatusInstalling, .install_step = "install"}));
 }

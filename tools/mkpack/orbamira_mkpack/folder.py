@@ -12,8 +12,9 @@ from orbamira_mkpack.report import Report
 
 REPLY_NAME = "reply.json"
 _WORK_PREFIX = ".mkpack."
+_PACK_PATTERN = "|".join(map(re.escape, rules.CODECS_OF_PACK))
 _PACKAGE_PATTERN = re.compile(
-    rf"({'|'.join(rules.CODECS_OF_PACK)})-({rules.VERSION_PATTERN.pattern})-([0-9a-f]{{{rules.DIGITS_IN_NAME}}})\.opk"
+    rf"({_PACK_PATTERN})-({rules.VERSION_PATTERN.pattern})-([0-9a-f]{{{rules.DIGITS_IN_NAME}}})\.opk"
 )
 
 

@@ -18,7 +18,7 @@ it in the reply that appliances fetch when they check for updates. "mkpack verif
 appliance would; see mkpack verify --help.
 """
 
-EPILOG = """\
+EPILOG = f"""\
 what is made
   OUTPUT/NAME-VERSION-DIGEST.opk   the package: a tar archive of INFO (name and version) and package.tgz (the payload
                                    and an empty file has_CODEC for each codec). DIGEST is the beginning of the file's
@@ -55,7 +55,7 @@ versions
   with 1.0-rc1 is not offered 1.0. Give a version before 1.0 a lower number, such as 0.99.1.
 
 typical use
-  mkpack --payload build/pack --output /srv/packs --name orbamira-hevc --version 1.2.0 \\
+  mkpack --payload build/pack --output /srv/packs --name {rules.HEVC_PACK} --version 1.2.0 \\
          --title "HEVC decoder" --base-url https://packs.example.com/packs
   mkpack verify /srv/packs --base-url https://packs.example.com/packs
 
@@ -73,7 +73,7 @@ common problems
   The install fails: the appliances have a keyring, and the package is not signed, or its signer has expired. mkpack
   verify --keyring reports both.
 
-  Some appliances find no pack at all: those with AAC ask for orbamira-hevc-aac. Always publish both packs.
+  Some appliances find no pack at all: those with AAC ask for {rules.HEVC_AAC_PACK}. Always publish both packs.
 
 exit status
   0 published; 1 failed, at most the package file was published; 64 wrong usage

@@ -3,8 +3,12 @@
 import re
 import urllib.parse
 
+# The build puts the names of platform/paths.h in.
+HEVC_PACK = "@ORBAMIRA_HEVC_PACK@"
+HEVC_AAC_PACK = "@ORBAMIRA_HEVC_AAC_PACK@"
+
 # The codecs that appliances count on in a pack of this name.
-CODECS_OF_PACK = {"orbamira-hevc": ["hevc"], "orbamira-hevc-aac": ["hevc", "aac"]}
+CODECS_OF_PACK = {HEVC_PACK: ["hevc"], HEVC_AAC_PACK: ["hevc", "aac"]}
 CODECS = ["hevc", "aac"]
 
 INFO_NAME = "INFO"
