@@ -20,19 +20,8 @@ import tempfile
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
 from appliance import Appliance, install  # noqa: E402
 from nginx import WebServer  # noqa: E402
+from source_copy import copy_sources  # noqa: E402
 
-SOURCES = (
-    "CMakeLists.txt",
-    "CMakePresets.json",
-    "bench",
-    "cmake",
-    "docs",
-    "packaging",
-    "platform",
-    "tools",
-    "updater",
-    "tests/install/own_platform",
-)
 OF_BEFORE = re.compile(rb"/(etc|run|usr/(lib|libexec|share)|var/(cache|lib))/orbamira|codec-pack|orbamira-hevc")
 QUICK = ("-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DORBAMIRA_BUILD_BENCH=OFF")
 TOOLS = ("cmake", "ninja", "nginx", "bash")
@@ -67,13 +56,7 @@ class Port:
 
     def __init__(self, source, folder, compiler):
         self.tree, self.build_folder = folder, folder / "build/release"
-        for name in SOURCES:
-            copy = shutil.copytree if (source / name).is_dir() else shutil.copy
-            (folder / name).parent.mkdir(parents=True, exist_ok=True)
-            copy(source / name, folder / name)
-        if (source / "build/deps").exists():
-            (folder / "build").mkdir()
-            (folder / "build/deps").symlink_to((source / "build/deps").resolve())
+        copy_sources(source, folder)
         self.environment = {
             "CMAKE_BUILD_PARALLEL_LEVEL": "2",
             **os.environ,
