@@ -101,7 +101,8 @@ void Appliance::Publish(const std::string& version, const std::string& payload, 
   const TempDir folder;
   WriteFile(folder.path() / "payload/codec", payload);
   RunningProgram mkpack({Program("mkpack"), "--payload", folder.File("payload"), "--output", (Root() / "srv").string(),
-                         "--name", name, "--version", version, "--title", "Codec pack", "--base-url", server_.Url("")});
+                         "--name", name, "--version", version, "--title", "Codec pack", "--base-url", server_.Url(""),
+                         "--allow-older"});
   if (const ProgramResult result = mkpack.Wait(); result.status != 0) {
     throw std::runtime_error("mkpack: " + result.errors);
   }

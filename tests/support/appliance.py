@@ -50,6 +50,7 @@ def make_pack(build, payload, output, version, address, mkpack=None, **more):
         [
             mkpack or mkpack_of(build),
             f"--base-url={address}",
+            "--allow-older",
             *(f"--{name}={value}" for name, value in options.items()),
         ],
         check=True,

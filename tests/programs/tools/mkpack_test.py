@@ -1,3 +1,4 @@
+import contextlib
 import errno
 import fcntl
 import hashlib
@@ -6,6 +7,7 @@ import io
 import json
 import os
 import pathlib
+import re
 import resource
 import shutil
 import signal
@@ -50,7 +52,7 @@ class MkpackTest(unittest.TestCase):
         command = [MKPACK]
         for key, value in values.items():
             for text in value if isinstance(value, list) else [value] if value is not None else []:
-                command += ["--" + key.replace("_", "-"), text]
+                command += ["--" + key.replace("_", "-"), *([] if text is True else [text])]
         return command
 
     def run_mkpack(self, environment=None, preexec_fn=None, **options):
@@ -80,7 +82,8 @@ class MkpackTest(unittest.TestCase):
         self.assertEqual([], self.left_over())
 
     def assert_usage(self, message, **options):
-        self.assert_fails(f"mkpack: {message}\nTry 'mkpack --help'.\n", 64, **options)
+        end = "" if message.endswith("?") else "."
+        self.assert_fails(f'mkpack: {message}{end} Run "mkpack --help" for help.\n', 64, **options)
 
     def left_over(self):
         return [name for name in os.listdir(self.output) if name.startswith(".mkpack")] if self.output.exists() else []
@@ -188,7 +191,8 @@ class MkpackPackageTest(MkpackTest):
         for text in ("", "now", "-1", "1.5", "12345678901"):
             with self.subTest(text):
                 self.assert_fails(
-                    f"mkpack: SOURCE_DATE_EPOCH is not a number of seconds: {text!r}\n",
+                    f"mkpack: SOURCE_DATE_EPOCH is {text!r}, which is not a number of seconds. Set it to seconds since "
+                    "1970, or unset it.\n",
                     environment={"SOURCE_DATE_EPOCH": text},
                 )
 
@@ -220,22 +224,26 @@ class MkpackPackageTest(MkpackTest):
         ):
             with self.subTest(f"{name} -> {target}"):
                 (self.payload / name).symlink_to(target)
-                self.assert_fails(f"mkpack: payload: {name}: the link to {target} may lead out of the payload\n")
+                self.assert_fails(
+                    f"mkpack: {name} in the payload is a link to {target}, which may lead out of the payload. Link to "
+                    "a file in the payload, by a relative path.\n"
+                )
                 (self.payload / name).unlink()
 
     def test_what_is_neither_file_nor_folder_nor_link_is_refused(self):
         os.mkfifo(self.payload / "lib/pipe")
-        self.assert_fails("mkpack: payload: lib/pipe: neither a regular file nor a folder nor a symbolic link\n")
+        message = "in the payload is neither a regular file nor a folder nor a symbolic link. Remove it."
+        self.assert_fails(f"mkpack: lib/pipe {message}\n")
         (self.payload / "lib/pipe").unlink()
         with socket.socket(socket.AF_UNIX) as listener:
             listener.bind(str(self.payload / "socket"))
-            self.assert_fails("mkpack: payload: socket: neither a regular file nor a folder nor a symbolic link\n")
+            self.assert_fails(f"mkpack: socket {message}\n")
 
     def test_names_of_the_packs_own_files_are_refused_at_the_top(self):
         for name in ("INFO", "package.tgz", "has_aac", "has_hevc", "MANIFEST", "MANIFEST.sig"):
             with self.subTest(name):
                 (self.payload / name).write_text("")
-                self.assert_fails(f"mkpack: payload: {name}: the name is taken at the top of a pack\n")
+                self.assert_fails(f"mkpack: {name} in the payload has a name that is reserved in packs. Rename it.\n")
                 (self.payload / name).unlink()
                 (self.payload / "lib" / name).write_text("")
         self.assertIn("lib/INFO", self.members(self.make()))
@@ -243,7 +251,9 @@ class MkpackPackageTest(MkpackTest):
     def test_payload_without_a_file_is_refused(self):
         shutil.rmtree(self.payload / "lib")
         (self.payload / "empty").mkdir()
-        self.assert_fails("mkpack: payload: there is no file in it\n")
+        self.assert_fails(
+            "mkpack: the payload contains no file. Name the folder with the content of the pack by --payload.\n"
+        )
 
     def make_deep(self, names):
         """Folders of these names in the payload, one in the other. Such a path may be too long for any call."""
@@ -261,19 +271,23 @@ class MkpackPackageTest(MkpackTest):
     def test_deeper_folders_are_refused(self):
         self.make_deep(["d"] * 129)
         path = "/".join(["d"] * 129)
-        self.assert_fails(f"mkpack: payload: {path}: more than 128 names deep\n")
+        self.assert_fails(f"mkpack: {path} in the payload is more than 128 names deep. Put it into fewer folders.\n")
         self.assertFalse(self.output.exists())
 
     def test_too_long_names_are_refused(self):
         names = ["\u00fc" * 120] * 16 + ["n" * 245]
         self.make_deep(names)
-        self.assert_fails(f"mkpack: payload: {'/'.join(names)}: the name has more than 4096 bytes\n")
+        self.assert_fails(
+            f"mkpack: {'/'.join(names)} in the payload has a name of more than 4096 bytes. Give it a shorter one.\n"
+        )
 
     def test_files_of_more_than_16_gib_are_refused(self):
         for name, size in (("a", 16 << 30), ("lib/b", 1)):
             with open(self.payload / name, "wb") as file:
                 file.truncate(size)
-        self.assert_fails("mkpack: payload: its files have more than 17179869184 bytes\n")
+        self.assert_fails(
+            "mkpack: the payload's files have more than 17179869184 bytes. Leave out what the pack does not need.\n"
+        )
         self.assertFalse(self.output.exists())
 
     def test_big_payload_is_not_held_in_memory(self):
@@ -284,10 +298,38 @@ class MkpackPackageTest(MkpackTest):
         package = self.make(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (limit, limit)))
         self.assertEqual(size, self.members(package)["big"].size)
 
+    def make_on_terminal(self):
+        """Publishes, and returns what a terminal shows of it. A terminal that is not read would hold mkpack up."""
+        ours, theirs = os.openpty()
+        with subprocess.Popen(self.command(), stdout=theirs, stderr=theirs) as process:
+            os.close(theirs)
+            shown = b""
+            with contextlib.suppress(OSError):  # the end of a terminal that nobody has open any more
+                while piece := os.read(ours, 4096):
+                    shown += piece
+            os.close(ours)
+            self.assertEqual(0, process.wait(HANG))
+        return shown.decode()
+
+    def test_large_payload_gets_a_bar_on_a_terminal(self):
+        with open(self.payload / "big", "wb") as file:
+            file.truncate(200 << 20)
+        shown = self.make_on_terminal()
+        bars = re.findall(r"\rPacking \[(=*) *\] +(\d+)%  (\d+) of 210 MB", shown)
+        self.assertGreater(len(bars), 1)
+        self.assertEqual(sorted(bars, key=lambda bar: int(bar[2])), bars)
+        self.assertRegex(shown, r"\r +\rpackage   ")
+
+    def test_there_is_no_bar_for_a_small_payload_or_without_a_terminal(self):
+        self.assertTrue(self.make_on_terminal().startswith("package   "))
+        with open(self.payload / "big", "wb") as file:
+            file.truncate(200 << 20)
+        self.make()  # which says nothing on its standard error
+
     def test_full_disk_fails_and_leaves_nothing_behind(self):
         (self.payload / "big").write_bytes(os.urandom(1 << 20))
         self.assert_fails(
-            f"mkpack: {self.output}: {os.strerror(errno.EFBIG)}\n",
+            f"mkpack: {self.output}: {os.strerror(errno.EFBIG)}. Mend that, and run mkpack again.\n",
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 19, 1 << 19)),
         )
 
@@ -321,12 +363,14 @@ class MkpackBoundsTest(MkpackModuleTest):
     def test_members_up_to_the_bound_may_be_packed(self):
         self.enterContext(unittest.mock.patch.object(self.rules, "MAX_MEMBERS", 3))
         self.mkpack.check_bounds(str(self.payload), ["hevc"])
-        with self.assertRaisesRegex(self.mkpack.MkpackError, "payload: more than 3 files, folders and links"):
+        with self.assertRaisesRegex(
+            self.mkpack.MkpackError, "the payload has more than 3 files, folders and links. Leave"
+        ):
             self.mkpack.check_bounds(str(self.payload), ["hevc", "aac"])
 
     def test_content_up_to_the_bound_may_be_packed(self):
         self.enterContext(unittest.mock.patch.object(self.rules, "MAX_CONTENT_SIZE", len(b"decoder")))
-        self.mkpack.check_bounds(str(self.payload), ["hevc"])
+        self.assertEqual(len(b"decoder"), self.mkpack.check_bounds(str(self.payload), ["hevc"]))
 
 
 class MkpackFileChangesTest(MkpackModuleTest):
@@ -345,7 +389,8 @@ class MkpackFileChangesTest(MkpackModuleTest):
                 super().addfile(info, file)
 
         with Archive(fileobj=io.BytesIO(), mode="w") as archive:
-            self.mkpack.add_file(archive, tarfile.TarInfo("file"), str(self.file))
+            bar = importlib.import_module("orbamira_mkpack.progress").Bar(0, io.StringIO())
+            self.mkpack.add_file(archive, tarfile.TarInfo("file"), str(self.file), bar)
 
     def test_unchanged_file_is_added(self):
         self.add(lambda: None)
@@ -357,7 +402,7 @@ class MkpackFileChangesTest(MkpackModuleTest):
             ("other", lambda: os.utime(self.file, (1, 1))),
         ):
             with self.subTest(name), self.assertRaisesRegex(
-                self.mkpack.MkpackError, "payload: file: it changed while it was read"
+                self.mkpack.MkpackError, "file in the payload changed while it was read. Run mkpack again when"
             ):
                 self.file.write_bytes(b"decoder")
                 self.add(change)
@@ -433,7 +478,7 @@ class MkpackSigningTest(MkpackTest):
         self.openssl("pkey", "-in", "signer.key", "-aes256", "-passout", "pass:secret", "-out", "locked.key")
         result = self.run_mkpack(sign_key=self.top / "locked.key", sign_cert=self.certificate, preexec_fn=os.setsid)
         self.assertEqual((1, ""), (result.returncode, result.stdout))
-        self.assertTrue(result.stderr.startswith("mkpack: cannot be signed with "), result.stderr)
+        self.assertTrue(result.stderr.startswith("mkpack: cannot sign with the key "), result.stderr)
         self.assertEqual([], os.listdir(self.output))
 
     def test_certificates_between_are_in_the_signature(self):
@@ -457,15 +502,19 @@ class MkpackSigningTest(MkpackTest):
         self.assertEqual((1, ""), (result.returncode, result.stdout))
         self.assertRegex(
             result.stderr,
-            f"^mkpack: cannot be signed with {other} and {self.certificate}: .*private key does not match certificate",
+            f"^mkpack: cannot sign with the key {other} and the certificate {self.certificate} "
+            r"\(.*private key does not match certificate.*\). See that the key can be read and belongs to the "
+            "certificate.",
         )
         self.assertEqual(1, result.stderr.count("\n"))
         self.assertEqual([], os.listdir(self.output))
 
     def test_file_without_certificate_is_refused(self):
-        self.assert_fails(f"mkpack: {self.key}: it contains no certificate\n", sign_key=self.key, sign_cert=self.key)
+        message = "contains no certificate. Name a PEM file with one by --sign-cert."
+        self.assert_fails(f"mkpack: {self.key} {message}\n", sign_key=self.key, sign_cert=self.key)
         missing = self.top / "missing"
-        self.assert_fails(f"mkpack: {missing}: {os.strerror(errno.ENOENT)}\n", sign_key=self.key, sign_cert=missing)
+        message = f"{os.strerror(errno.ENOENT)}. Put it there, or correct the path."
+        self.assert_fails(f"mkpack: {missing}: {message}\n", sign_key=self.key, sign_cert=missing)
 
     def test_missing_key_is_refused(self):
         missing = self.top / "missing"
@@ -476,7 +525,7 @@ class MkpackSigningTest(MkpackTest):
 
     def test_missing_openssl_is_an_error(self):
         self.assert_fails(
-            f"mkpack: openssl: {os.strerror(errno.ENOENT)}\n",
+            f"mkpack: openssl: {os.strerror(errno.ENOENT)}. Put it there, or correct the path.\n",
             sign_key=self.key,
             sign_cert=self.certificate,
             environment={"PATH": str(self.top)},
@@ -565,19 +614,53 @@ class MkpackReplyTest(MkpackTest):
         self.assertTrue(first.exists())
         self.assertEqual({HEVC: self.member(second, version="1.3")}, json.loads(self.reply.read_text()))
 
+    def test_older_pack_is_refused(self):
+        self.make(version="1.10")
+        self.assert_fails(
+            f"mkpack: {HEVC} 1.9 is older than the published 1.10, so appliances that have that one would not "
+            "install it. Give a higher --version, or add --allow-older.\n",
+            version="1.9",
+        )
+        self.assertEqual([], list(self.output.glob(f"{HEVC}-1.9-*")))
+        self.make(version="1.9", name=AAC)
+        self.make(version="1.10.0")
+        package = self.make(version="1.9", allow_older=True)
+        self.assertEqual(self.member(package, version="1.9"), json.loads(self.reply.read_text())[HEVC])
+
+    def test_pack_older_than_what_another_mkpack_published_meanwhile_is_refused(self):
+        self.make(version="1")
+        with open(self.output / ".reply.json.lock", "r+") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            with subprocess.Popen(self.command(version="2"), stderr=subprocess.PIPE, text=True) as process:
+                self.wait_for(process, f"{HEVC}-2-*.opk")
+                self.reply.write_text(json.dumps({HEVC: {"version": "3"}}))
+                fcntl.flock(lock, fcntl.LOCK_UN)
+                self.assertIn(f"{HEVC} 2 is older than the published 3,", process.communicate(timeout=HANG)[1])
+                self.assertEqual(1, process.returncode)
+        self.assertEqual({HEVC: {"version": "3"}}, json.loads(self.reply.read_text()))
+
+    def test_published_version_that_is_none_refuses_nothing(self):
+        for published in ({"version": 7}, {"version": "new!"}, {}, []):
+            with self.subTest(published):
+                self.output.mkdir(exist_ok=True)
+                self.reply.write_text(json.dumps({HEVC: published}))
+                self.make(version="0.1")
+
     def test_that_is_no_reply_is_an_error_and_stays(self):
         self.output.mkdir()
         for text, message in (
-            ("{", f"not valid JSON, left as it is: {words.json_error('{')}"),
-            ("", f"not valid JSON, left as it is: {words.json_error('')}"),
-            ("[]", "not a JSON object, left as it is"),
-            ("[" * 100000, "not valid JSON, left as it is: "),
+            ("{", f"is not valid JSON ({words.json_error('{')})"),
+            ("", f"is not valid JSON ({words.json_error('')})"),
+            ("[]", "is not a JSON object"),
+            ("[" * 100000, "is not valid JSON ("),
         ):
             with self.subTest(text[:9]):
                 self.reply.write_text(text)
                 result = self.run_mkpack()
                 self.assertEqual((1, ""), (result.returncode, result.stdout))
-                self.assertTrue(result.stderr.startswith(f"mkpack: {self.reply}: {message}"), result.stderr)
+                self.assertTrue(result.stderr.startswith(f"mkpack: {self.reply} {message}"), result.stderr)
+                end = ", and was left as it is. Move it away, or name another by --reply.\n"
+                self.assertTrue(result.stderr.endswith(end), result.stderr)
                 self.assertEqual(text, self.reply.read_text())
                 self.assertEqual(["reply.json"], os.listdir(self.output))
 
@@ -650,8 +733,21 @@ class MkpackUsageTest(MkpackTest):
                 self.assert_usage(f"the following arguments are required: {option}", **{name: None})
 
     def test_unknown_and_shortened_options_are_refused(self):
-        self.assert_usage("unrecognized arguments: --sign x", sign="x")
-        self.assert_usage("unrecognized arguments: --rep x", rep="x")
+        self.assert_usage('there is no option "--sign". Did you mean "--sign-key"?', sign="x")
+        self.assert_usage('there is no option "--rep". Did you mean "--reply"?', rep="x")
+        self.assert_usage('there is no option "--xylophone"', xylophone="x")
+
+    def test_wrong_command_is_answered_with_the_nearest(self):
+        for words_given, message in (
+            (["verfiy", "/srv"], 'there is no command "verfiy". Did you mean "verify"?'),
+            (["dance"], 'there is no command "dance".'),
+            (["a\nb"], 'there is no command "a\\nb".'),
+        ):
+            result = subprocess.run([MKPACK, *words_given], capture_output=True, text=True, timeout=HANG, check=False)
+            self.assertEqual(
+                (64, "", f'mkpack: {message} Run "mkpack --help" for help.\n'),
+                (result.returncode, result.stdout, result.stderr),
+            )
 
     def test_name_and_codec_must_be_known(self):
         for option, known in (("name", f"'{HEVC}', '{AAC}'"), ("codec", "'hevc', 'aac'")):
@@ -719,7 +815,8 @@ class MkpackUsageTest(MkpackTest):
         self.output.write_text("")
         result = self.run_mkpack()
         self.assertEqual(
-            (1, f"mkpack: {self.reply}: {os.strerror(errno.ENOTDIR)}\n"), (result.returncode, result.stderr)
+            (1, f"mkpack: {self.reply}: {os.strerror(errno.ENOTDIR)}. Correct the path.\n"),
+            (result.returncode, result.stderr),
         )
 
 

@@ -674,7 +674,7 @@ class VerifyNotesTest(VerifyTest):
     def test_packages_that_the_reply_names_no_more(self):
         older = self.publish(HEVC, "1.1")
         newer = self.publish(HEVC, "1.10")
-        self.publish_both()
+        self.publish_both("--allow-older")
         (self.folder / "other.opk").write_text("")
         self.assertEqual(
             [
@@ -717,7 +717,7 @@ class VerifyUsageTest(VerifyTest):
     def assert_usage(self, message, *arguments):
         done = self.run_verify(*arguments)
         self.assertEqual(
-            (64, "", f"mkpack verify: {message}\nTry 'mkpack verify --help'.\n"),
+            (64, "", f'mkpack verify: {message}. Run "mkpack verify --help" for help.\n'),
             (done.returncode, done.stdout, done.stderr),
         )
 

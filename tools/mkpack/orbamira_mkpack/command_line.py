@@ -1,6 +1,8 @@
 """What the command lines of publishing and of verifying have in common."""
 
 import argparse
+import difflib
+import errno
 import signal
 import sys
 
@@ -9,6 +11,16 @@ from orbamira_mkpack import rules
 EXIT_FAILED = 1
 EXIT_USAGE = 64
 
+# What to do when the system refuses something.
+_REMEDIES = {
+    errno.ENOSPC: "Make room there, and run mkpack again",
+    errno.EDQUOT: "Make room there, and run mkpack again",
+    errno.ENOENT: "Put it there, or correct the path",
+    errno.ENOTDIR: "Correct the path",
+    errno.EACCES: "Run mkpack as a user who may use it",
+    errno.EPERM: "Run mkpack as a user who may use it",
+}
+
 
 class ArgumentParser(argparse.ArgumentParser):
     """Takes no shortened options, and shows help texts as they are written."""
@@ -16,8 +28,38 @@ class ArgumentParser(argparse.ArgumentParser):
     def __init__(self, **arguments):
         super().__init__(formatter_class=argparse.RawDescriptionHelpFormatter, allow_abbrev=False, **arguments)
 
+    def parse_args(self, arguments):
+        options, unknown = self.parse_known_args(arguments)
+        if unknown and unknown[0].startswith("-"):
+            known = [name for action in self._actions for name in action.option_strings]
+            self.error(f'there is no option "{unknown[0]}"' + did_you_mean(unknown[0], known))
+        if unknown:
+            self.error(f'"{unknown[0]}" was not expected')
+        return options
+
     def error(self, message):
-        self.exit(EXIT_USAGE, f"{self.prog}: {message}\nTry '{self.prog} --help'.\n")
+        end = "" if message.endswith("?") else "."
+        self.exit(EXIT_USAGE, printable(f'{self.prog}: {message}{end} Run "{self.prog} --help" for help.') + "\n")
+
+
+def did_you_mean(word, known):
+    """A question that names the nearest of the known words; empty if none is near."""
+    nearest = difflib.get_close_matches(word, known, n=1)
+    return f'. Did you mean "{nearest[0]}"?' if nearest else ""
+
+
+def system_words(error, path):
+    """An OSError in a sentence, with a remedy. It is about `path` where it names none itself."""
+    return (
+        f"{error.filename or path}: {error.strerror}. {_REMEDIES.get(error.errno, 'Mend that, and run mkpack again')}."
+    )
+
+
+def printable(text):
+    """The text without anything that a terminal would act on."""
+    return "".join(
+        sign if sign.isprintable() else sign.encode("unicode_escape", "surrogatepass").decode() for sign in text
+    )
 
 
 def end_in_order():

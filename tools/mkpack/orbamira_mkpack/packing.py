@@ -9,10 +9,12 @@ import re
 import shutil
 import stat
 import subprocess
+import sys
 import tarfile
 import tempfile
 
 from orbamira_mkpack import rules
+from orbamira_mkpack.progress import Bar
 
 RESERVED_NAMES = {rules.INFO_NAME, rules.PAYLOAD_NAME, *map(rules.marker_of, rules.CODECS)}
 RESERVED_PREFIX = "MANIFEST"
@@ -21,7 +23,10 @@ GZIP_LEVEL = 9
 
 
 class MkpackError(Exception):
-    """What keeps the pack from being published."""
+    """What keeps the pack from being published, and what to do about it."""
+
+    def __init__(self, problem, remedy):
+        super().__init__(f"{problem}. {remedy}.")
 
 
 class DigestingWriter:
@@ -44,7 +49,10 @@ class DigestingWriter:
 def source_date():
     text = os.environ.get("SOURCE_DATE_EPOCH", "0")
     if not re.fullmatch(r"[0-9]{1,10}", text):
-        raise MkpackError(f"SOURCE_DATE_EPOCH is not a number of seconds: {text!r}")
+        raise MkpackError(
+            f"SOURCE_DATE_EPOCH is {text!r}, which is not a number of seconds",
+            "Set it to seconds since 1970, or unset it",
+        )
     return int(text)
 
 
@@ -59,20 +67,31 @@ def payload_members(folder, prefix=""):
 
 
 def check_bounds(payload, codecs):
-    """Refuses a payload that no appliance would unpack."""
+    """Refuses a payload that no appliance would unpack; returns how many bytes its files have."""
     count, size = len(codecs), 0
     for path in payload_members(payload):
         if len(os.fsencode(path)) > rules.MAX_NAME_SIZE:
-            raise MkpackError(f"payload: {path}: the name has more than {rules.MAX_NAME_SIZE} bytes")
+            raise MkpackError(
+                f"{path} in the payload has a name of more than {rules.MAX_NAME_SIZE} bytes", "Give it a shorter one"
+            )
         if path.count("/") >= rules.MAX_DEPTH:
-            raise MkpackError(f"payload: {path}: more than {rules.MAX_DEPTH} names deep")
+            raise MkpackError(
+                f"{path} in the payload is more than {rules.MAX_DEPTH} names deep", "Put it into fewer folders"
+            )
         count += 1
         if count > rules.MAX_MEMBERS:
-            raise MkpackError(f"payload: more than {rules.MAX_MEMBERS} files, folders and links")
+            raise MkpackError(
+                f"the payload has more than {rules.MAX_MEMBERS} files, folders and links",
+                "Leave out what the pack does not need",
+            )
         status = os.lstat(os.path.join(payload, path))
         size += status.st_size if stat.S_ISREG(status.st_mode) else 0
         if size > rules.MAX_CONTENT_SIZE:
-            raise MkpackError(f"payload: its files have more than {rules.MAX_CONTENT_SIZE} bytes")
+            raise MkpackError(
+                f"the payload's files have more than {rules.MAX_CONTENT_SIZE} bytes",
+                "Leave out what the pack does not need",
+            )
+    return size
 
 
 def member_info(path, status, mtime):
@@ -88,28 +107,36 @@ def member_info(path, status, mtime):
         info.size = status.st_size
         info.mode = 0o755 if status.st_mode & 0o111 else 0o644
     else:
-        raise MkpackError(f"payload: {path}: neither a regular file nor a folder nor a symbolic link")
+        raise MkpackError(
+            f"{path} in the payload is neither a regular file nor a folder nor a symbolic link", "Remove it"
+        )
     return info
 
 
-def add_file(archive, info, source):
+def changed(name):
+    return MkpackError(
+        f"{name} in the payload changed while it was read", "Run mkpack again when nothing writes to the payload"
+    )
+
+
+def add_file(archive, info, source, bar):
     """Adds the regular file `source`. It must stay as it is meanwhile: a mixture of old and new is no use to anyone."""
     with open(os.open(source, os.O_RDONLY | os.O_NOFOLLOW | os.O_CLOEXEC), "rb") as file:
         before = os.fstat(file.fileno())
         info.size = before.st_size
         try:
-            archive.addfile(info, file)
+            archive.addfile(info, bar.counted(file))
         except OSError as error:
             # tarfile's own words for a file that became shorter carry no error number.
             if error.errno is not None:
                 raise
-            raise MkpackError(f"payload: {info.name}: it changed while it was read") from error
+            raise changed(info.name) from error
         after = os.fstat(file.fileno())
     if (before.st_size, before.st_mtime_ns) != (after.st_size, after.st_mtime_ns):
-        raise MkpackError(f"payload: {info.name}: it changed while it was read")
+        raise changed(info.name)
 
 
-def write_payload(payload, codecs, mtime, file):
+def write_payload(payload, codecs, mtime, file, bar):
     """Writes package.tgz: the payload folder's content and the marker of each codec."""
     with (
         gzip.GzipFile(filename="", mode="wb", compresslevel=GZIP_LEVEL, fileobj=file, mtime=0) as compressed,
@@ -122,20 +149,25 @@ def write_payload(payload, codecs, mtime, file):
         empty = True
         for path in payload_members(payload):
             if path in RESERVED_NAMES or path.startswith(RESERVED_PREFIX):
-                raise MkpackError(f"payload: {path}: the name is taken at the top of a pack")
+                raise MkpackError(f"{path} in the payload has a name that is reserved in packs", "Rename it")
             source = os.path.join(payload, path)
             info = member_info(path, os.lstat(source), mtime)
             if info.isreg():
                 empty = False
-                add_file(archive, info, source)
+                add_file(archive, info, source, bar)
                 continue
             if info.issym():
                 info.linkname = os.readlink(source)
                 if rules.leads_outside(info.linkname, path.count("/")):
-                    raise MkpackError(f"payload: {path}: the link to {info.linkname} may lead out of the payload")
+                    raise MkpackError(
+                        f"{path} in the payload is a link to {info.linkname}, which may lead out of the payload",
+                        "Link to a file in the payload, by a relative path",
+                    )
             archive.addfile(info)
         if empty:
-            raise MkpackError("payload: there is no file in it")
+            raise MkpackError(
+                "the payload contains no file", "Name the folder with the content of the pack by --payload"
+            )
 
 
 def manifest(members):
@@ -152,7 +184,7 @@ def sign(path, key, certificate):
     with open(certificate, "rb") as file:
         certificates = rules.CERTIFICATE_PATTERN.findall(file.read())
     if not certificates:
-        raise MkpackError(f"{certificate}: it contains no certificate")
+        raise MkpackError(f"{certificate} contains no certificate", "Name a PEM file with one by --sign-cert")
     command = ["openssl", "cms", "-sign", "-binary", "-in", path, "-signer", certificate, "-inkey", key]
     command += ["-outform", "DER", "-nosmimecap", "-md", "sha256"]
     if certificates[1:]:
@@ -166,7 +198,10 @@ def sign(path, key, certificate):
     )
     if result.returncode != 0:
         reason = "; ".join(result.stderr.decode("utf-8", "replace").split("\n")).strip("; ")
-        raise MkpackError(f"cannot be signed with {key} and {certificate}: {reason}")
+        raise MkpackError(
+            f"cannot sign with the key {key} and the certificate {certificate} ({reason})",
+            "See that the key can be read and belongs to the certificate",
+        )
     return result.stdout
 
 
@@ -220,11 +255,12 @@ def work_folder(folder):
 def make_package(options):
     """Makes the package file in the output folder; returns its name, its size and its SHA-256."""
     mtime = source_date()
-    check_bounds(options.payload, options.codec)
+    payload_size = check_bounds(options.payload, options.codec)
     with work_folder(options.output) as work:
         temporary = os.path.join(work, "package.opk")
         with open(os.path.join(work, rules.PAYLOAD_NAME), "w+b") as payload_file, open(temporary, "wb") as file:
-            write_payload(options.payload, options.codec, mtime, payload_file)
+            with Bar(payload_size, sys.stderr) as bar:
+                write_payload(options.payload, options.codec, mtime, payload_file, bar)
             text = f'package="{options.name}"\nversion="{options.version}"\n'
             members = {rules.INFO_NAME: io.BytesIO(text.encode()), rules.PAYLOAD_NAME: payload_file}
             if options.sign_key is not None:

@@ -9,7 +9,15 @@ import sys
 import urllib.parse
 
 from orbamira_mkpack import rules
-from orbamira_mkpack.command_line import EXIT_FAILED, ArgumentParser, base_url, end_in_order
+from orbamira_mkpack.command_line import (
+    EXIT_FAILED,
+    ArgumentParser,
+    base_url,
+    did_you_mean,
+    end_in_order,
+    printable,
+    system_words,
+)
 from orbamira_mkpack.packing import MkpackError, make_package, put_in_place, work_folder
 
 DESCRIPTION = """\
@@ -80,6 +88,9 @@ exit status
 """
 
 
+NO_REPLY = "Move it away, or name another by --reply"
+
+
 def version(text):
     if not rules.VERSION_PATTERN.fullmatch(text):
         raise argparse.ArgumentTypeError(
@@ -94,7 +105,7 @@ def title(text):
     return text
 
 
-def parse_arguments(arguments):
+def make_parser():
     parser = ArgumentParser(prog="mkpack", description=DESCRIPTION, epilog=EPILOG)
     parser.add_argument("--payload", required=True, metavar="DIR", help="the folder with the content of the pack")
     parser.add_argument(
@@ -115,10 +126,15 @@ def parse_arguments(arguments):
         "--codec",
         action="append",
         choices=rules.CODECS,
-        help="a codec in the payload, once for each; by default those in the pack's name, which must be " "among them",
+        help="a codec in the payload, once for each; by default those in the pack's name, which must be among them",
     )
     parser.add_argument(
         "--reply", metavar="FILE", help="the reply to name the pack in (default: reply.json in the output folder)"
+    )
+    parser.add_argument(
+        "--allow-older",
+        action="store_true",
+        help="publish a version that is older than the published one, which appliances that have that one keep",
     )
     parser.add_argument("--sign-key", metavar="KEY", help="sign the package with this private key (PEM)")
     parser.add_argument(
@@ -126,6 +142,13 @@ def parse_arguments(arguments):
         metavar="CERT",
         help="the certificate of the key (PEM), followed by those between it and the one that appliances trust",
     )
+    return parser
+
+
+def parse_arguments(arguments):
+    parser = make_parser()
+    if arguments and not arguments[0].startswith("-"):
+        parser.error(f'there is no command "{arguments[0]}"' + did_you_mean(arguments[0], ["verify"]))
     options = parser.parse_args(arguments)
 
     options.codec = sorted(set(options.codec or rules.CODECS_OF_PACK[options.name]), key=rules.CODECS.index)
@@ -151,10 +174,24 @@ def read_reply(path):
     except FileNotFoundError:
         return {}
     except (ValueError, RecursionError) as error:
-        raise MkpackError(f"{path}: not valid JSON, left as it is: {error}") from error
+        raise MkpackError(f"{path} is not valid JSON ({error}), and was left as it is", NO_REPLY) from error
     if not isinstance(members, dict):
-        raise MkpackError(f"{path}: not a JSON object, left as it is")
+        raise MkpackError(f"{path} is not a JSON object, and was left as it is", NO_REPLY)
     return members
+
+
+def refuse_older(members, options):
+    """Refuses a pack that is older than the one in the reply, unless it was asked for."""
+    member = members.get(options.name)
+    published = member.get("version") if isinstance(member, dict) else None
+    if not isinstance(published, str) or not rules.VERSION_PATTERN.fullmatch(published):
+        return  # there is none to compare with
+    if rules.is_newer(options.version, published) and not options.allow_older:
+        raise MkpackError(
+            f"{options.name} {options.version} is older than the published {published}, "
+            "so appliances that have that one would not install it",
+            "Give a higher --version, or add --allow-older",
+        )
 
 
 @contextlib.contextmanager
@@ -167,11 +204,13 @@ def reply_lock(path):
         yield
 
 
-def publish(path, name, member):
-    """Puts `member` into the reply under `name`; the other members stay."""
+def publish(options, member):
+    """Puts `member` into the reply under the name of the pack; the other members stay."""
+    path = options.reply
     with reply_lock(path):
         members = read_reply(path)
-        members[name] = member
+        refuse_older(members, options)
+        members[options.name] = member
         with work_folder(os.path.dirname(path) or ".") as work:
             temporary = os.path.join(work, "reply")
             with open(temporary, "w", encoding="utf-8") as file:
@@ -180,12 +219,17 @@ def publish(path, name, member):
                 put_in_place(file, temporary, path)
 
 
+def failed(reason):
+    print(printable(f"mkpack: {reason}"), file=sys.stderr)
+    return EXIT_FAILED
+
+
 def main(arguments):
     options = parse_arguments(arguments)
     end_in_order()
     try:
         # A reply that cannot be used is found before the work rather than after it.
-        read_reply(options.reply)
+        refuse_older(read_reply(options.reply), options)
         file_name, size, checksum = make_package(options)
         member = {
             "title": options.title,
@@ -194,13 +238,11 @@ def main(arguments):
             "checksum": checksum,
             "size": size,
         }
-        publish(options.reply, options.name, member)
+        publish(options, member)
     except MkpackError as error:
-        print(f"mkpack: {error}", file=sys.stderr)
-        return EXIT_FAILED
+        return failed(error)
     except OSError as error:
-        print(f"mkpack: {error.filename or options.output}: {error.strerror}", file=sys.stderr)
-        return EXIT_FAILED
+        return failed(system_words(error, options.output))
     sys.stdout.reconfigure(errors="surrogateescape")
     print(f"package   {os.path.join(options.output, file_name)}")
     print(f"size      {size}")

@@ -6,7 +6,7 @@ import os
 import sys
 
 from orbamira_mkpack import rules
-from orbamira_mkpack.command_line import EXIT_FAILED, ArgumentParser, base_url, end_in_order
+from orbamira_mkpack.command_line import EXIT_FAILED, ArgumentParser, base_url, end_in_order, printable, system_words
 from orbamira_mkpack.folder import Folder
 from orbamira_mkpack.served import Served
 
@@ -47,7 +47,7 @@ exit status
 """
 
 
-def parse_arguments(arguments):
+def make_parser():
     parser = ArgumentParser(prog="mkpack verify", description=DESCRIPTION, epilog=EPILOG)
     parser.add_argument("folder", metavar="FOLDER", nargs="?", help="the folder that the web server serves")
     parser.add_argument("--url", type=reply_url, help="the http(s) address of a reply, in place of a folder")
@@ -55,6 +55,11 @@ def parse_arguments(arguments):
     parser.add_argument("--base-url", type=base_url, metavar="URL", help="the http(s) address that serves the folder")
     parser.add_argument("--keyring", metavar="FILE", help="the certificates that appliances trust (PEM)")
     parser.add_argument("--json", action="store_true", help="print one JSON object")
+    return parser
+
+
+def parse_arguments(arguments):
+    parser = make_parser()
     options = parser.parse_args(arguments)
     if (options.folder is None) == (options.url is None):
         parser.error("one of FOLDER and --url is needed, and not both")
@@ -91,13 +96,6 @@ def _check_keyring(path):
         raise ValueError("it contains something other than certificates")
 
 
-def printable(text):
-    """The text without anything that a terminal would act on."""
-    return "".join(
-        sign if sign.isprintable() else sign.encode("unicode_escape", "surrogatepass").decode() for sign in text
-    )
-
-
 def print_report(options, report):
     for finding in report.findings:
         print(printable(f"{finding.about}: {finding.problem}: {finding.remedy}"))
@@ -120,7 +118,7 @@ def main(arguments):
         else:
             report = Folder(options.folder, options.reply, options.base_url, options.keyring).verify()
     except OSError as error:
-        print(f"mkpack verify: {error.filename or options.folder}: {error.strerror}", file=sys.stderr)
+        print(printable(f"mkpack verify: {system_words(error, options.folder)}"), file=sys.stderr)
         return EXIT_FAILED
     if options.json:
         print(
