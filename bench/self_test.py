@@ -81,6 +81,15 @@ def test_device(build, folder):
     expect(0 < found["medians"]["record"]["flushes"] <= found["medians"]["packctl"]["flushes"], "flushes")
 
 
+def test_interrupt(build, folder):
+    found = run(build, folder, "interrupt", "--kills", "2", "--files", "4")
+    expect(found.keys() == {"packctl", "pipeline", "dpkg"}, "sides")
+    for side, row in found.items():
+        expect(row["kills"] == 2 == row["whole"] + row["absent"] + row["part"], f"{side}: what was found")
+        expect(row["mended"] <= 2, f"{side}: more mended than killed")
+    expect(found["packctl"]["part"] == 0 and found["packctl"]["mended"] == 2, "packctl left a part, or was not mended")
+
+
 def test_stages(build, folder):
     found = run(build, folder, "update", "--payload", "small", "--runs", "1", "--stages")
     expect(found["stages"].keys() == STAGES, "names of the stages")
