@@ -80,8 +80,7 @@ class Page:
     def prepare(self):
         install(self.build, self.root)
         appliance = Appliance(self.root, self.build)
-        if self.path.name != "publishing.md":  # which itself says what a new appliance needs
-            appliance.identify()
+        appliance.identify()
         appliance.use_server(f"{self.address}/reply.json")
         self.packs.mkdir(parents=True)
         self.work.mkdir()
