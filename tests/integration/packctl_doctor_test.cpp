@@ -186,6 +186,17 @@ TEST_F(PackctlDoctorTest, SaysInASentenceWhatIsWrongAndInAnotherWhatToDo) {
                                " was left behind.\n    if no program is at work on it, run \"packctl recover\".\n");
 }
 
+TEST_F(PackctlDoctorTest, NamesTheSettingThatAMisspeltKeyMeans) {
+  const auto remedy_of = [](const std::string& key) {
+    WriteFile(path::kPkgSetting, key + "=1\n");
+    return Diagnose(1)["findings"][0]["remedy"].asString();
+  };
+  EXPECT_EQ(remedy_of("pack_updat_server"), "write pack_update_server, or remove the line");
+  EXPECT_EQ(remedy_of("Plugin_TimeLimit"), "write plugin_time_limit, or remove the line");
+  EXPECT_EQ(remedy_of("unpack-limit"), "write unpack_limit, or remove the line");
+  EXPECT_EQ(remedy_of("colour"), "remove the line");
+}
+
 TEST_F(PackctlDoctorTest, TextFromOutsideCannotSteerTheTerminal) {
   AddSetting("a\033[2J=1");
   EXPECT_THAT(Appliance::Packctl({"doctor"}).output, AllOf(HasSubstr("a\\033[2J"), testing::Not(HasSubstr("\033"))));
@@ -309,8 +320,19 @@ std::vector<Fault> Faults() {
        std::string(path::kDefaultPkgSetting) + " cannot be read: it is no file"},
       {"ALineThatIsNoSetting", [](Appliance&) { AddSetting("pack_update_server"); }, "settings",
        settings + ": line 2 is not KEY=VALUE"},
-      {"AKeyThatNothingReads", [](Appliance&) { AddSetting("pack_updat_server=x"); }, "settings",
-       settings + ": line 2 sets pack_updat_server, which nothing reads"},
+      {"AKeyThatNothingReads", [](Appliance&) { AddSetting("colour=x"); }, "settings",
+       settings + ": line 2 sets colour, which nothing reads"},
+      {"ADownloadLimitThatIsNegative", [](Appliance&) { AddSetting("download_limit=-1"); }, "settings",
+       settings + ": download_limit is not a whole number of bytes: -1"},
+      {"ACodecThatNoPackProvides",
+       [](Appliance&) {
+         WriteFile(path::kCodecRequirementsPath,
+                   R"({"hevc": ["tv"], "aac": [], "vp9": ["player", 7, "tv"], "av1": 1})");
+       },
+       "codecs", "no pack provides vp9, which is asked for by player, tv"},
+      {"ACodecThatAnUnnamedApplicationAsksFor",
+       [](Appliance&) { WriteFile(path::kCodecRequirementsPath, R"({"vp9": {"a": 1}})"); }, "codecs",
+       "no pack provides vp9, which is asked for by an application"},
       {"NoServer", [](Appliance&) { Use(""); }, "settings", "no update server is set"},
       {"AServerAddressOfAnotherKind", [](Appliance&) { Use("ftp://packs.example.com/"); }, "settings",
        "the update server's address is none of http or https: ftp://packs.example.com/"},

@@ -1,38 +1,46 @@
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <sstream>
-#include <string_view>
 
 #include "platform/constants.h"
 #include "platform/http/shown_link.h"
 #include "platform/orba_core_wrapper.h"
 #include "platform/settings_line.h"
+#include "tools/packctl/cli/nearest_word.h"
 #include "tools/packctl/doctor/checks.h"
+#include "tools/packctl/doctor/known_settings.h"
 #include "updater/kos_helper.h"
 
 namespace orbamira::packctl {
 namespace {
 
 constexpr const char* kCheck = "settings";
-constexpr const char* kPluginTimeLimit = "plugin_time_limit";
 constexpr std::array kSettingsFiles = {&path::kPkgSetting, &path::kDefaultPkgSetting};
 
-bool IsKnown(std::string_view key) {
-  return key == common::kPackUpdateServer || key == common::kUnpackLimit || key == common::kDownloadLimit ||
-         key == kPluginTimeLimit;
+std::vector<std::string> KnownKeys() {
+  std::vector<std::string> keys;
+  for (const KnownSetting& setting : KnownSettings()) {
+    keys.emplace_back(setting.key);
+  }
+  return keys;
 }
 
 void CheckLine(const std::string& place, const std::string& line, Findings& findings) {
-  constexpr const char* kRemedy = "correct or remove the line";
   if (IsComment(line)) {
     return;
   }
   const std::optional<SettingLine> setting = ParseSettingLine(line);
   if (!setting) {
-    findings.push_back({kCheck, place + " is not " + kSettingForm + " and is passed over", kRemedy});
-  } else if (!IsKnown(setting->key)) {
-    findings.push_back({kCheck, place + " sets " + std::string(setting->key) + ", which nothing reads", kRemedy});
+    findings.push_back(
+        {kCheck, place + " is not " + kSettingForm + " and is passed over", "correct or remove the line"});
+    return;
+  }
+  const std::string key(setting->key);
+  const std::vector<std::string> known = KnownKeys();
+  if (std::find(known.begin(), known.end(), key) == known.end()) {
+    const std::string nearest = NearestWord(key, known);
+    findings.push_back({kCheck, place + " sets " + key + ", which nothing reads",
+                        nearest.empty() ? "remove the line" : "write " + nearest + ", or remove the line"});
   }
 }
 
@@ -45,35 +53,17 @@ void CheckLines(const std::string& file, const std::string& text, Findings& find
   }
 }
 
-// Whether the whole text is a number of this kind from `least` to `most`.
-template <typename Number>
-bool IsNumber(const std::string& text, Number least, Number most) {
-  Number number{};
-  const char* const end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, number);
-  return error == std::errc() && stop == end && number >= least && number <= most;
-}
-
-bool IsTimeLimit(const std::string& text) {
-  constexpr double kDay = 24 * 60 * 60;
-  return IsNumber<double>(text, 0, kDay) && !IsNumber<double>(text, 0, 0);
-}
-
-bool IsUnpackLimit(const std::string& text) { return IsNumber<std::uint64_t>(text, 0, UINT64_MAX); }
-
-bool IsDownloadLimit(const std::string& text) { return IsNumber<std::int64_t>(text, 0, INT64_MAX); }
-
 // The file that has the say about a key is the first that gives it a value.
-void CheckValue(const char* key, bool (*is_valid)(const std::string&), const char* kind, Findings& findings) {
+void CheckValue(const KnownSetting& setting, Findings& findings) {
   wrapper::OrbaCoreWrapper core;
   for (const char* const* file : kSettingsFiles) {
-    const std::string text = core.GetKeyValue(*file, key);
+    const std::string text = core.GetKeyValue(*file, setting.key);
     if (text.empty()) {
       continue;
     }
-    if (!is_valid(text)) {
-      findings.push_back({kCheck, std::string(*file) + ": " + key + " is not " + kind + ": " + text,
-                          std::string("set it to ") + kind});
+    if (!setting.is_valid(text)) {
+      findings.push_back({kCheck, std::string(*file) + ": " + setting.key + " is not " + setting.value + ": " + text,
+                          std::string("set it to ") + setting.value});
     }
     return;
   }
@@ -107,9 +97,11 @@ Findings CheckSettings() {
     findings.push_back({kCheck, "the update server's address is none of http or https: " + ShownLink(server),
                         std::string("correct ") + common::kPackUpdateServer});
   }
-  CheckValue(kPluginTimeLimit, IsTimeLimit, "a number of seconds up to a day", findings);
-  CheckValue(common::kUnpackLimit, IsUnpackLimit, "a whole number of bytes", findings);
-  CheckValue(common::kDownloadLimit, IsDownloadLimit, "a whole number of bytes", findings);
+  for (const KnownSetting& setting : KnownSettings()) {
+    if (setting.is_valid != nullptr) {
+      CheckValue(setting, findings);
+    }
+  }
   CheckIdentity(kPackageInfoPath, common::kVersion, facts->GetVersionFromPath(kPackageInfoPath), findings);
   CheckIdentity(common::kDefaultOrbaInfoPath, common::kUnique, facts->GetUnique(), findings);
   CheckIdentity(common::kDefaultVersionPath, common::kMajorVersion, facts->GetMajorVersion(), findings);

@@ -13,6 +13,7 @@
 #include "platform/json/json_object.h"
 #include "platform/posix/unique_fd.h"
 #include "tools/packctl/doctor/checks.h"
+#include "tools/packctl/host/codec_report.h"
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/record/recorded_status.h"
 #include "updater/recovery.h"
@@ -24,6 +25,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* kState = "state";
 constexpr const char* kLocks = "locks";
+constexpr const char* kCodecs = "codecs";
 constexpr const char* kRecover = "if no program is at work on it, run \"packctl recover\"";
 
 // Whether the lock is free, or there is none. Held for no longer than it takes to learn it, and never made.
@@ -95,10 +97,35 @@ void CheckPack(Findings& findings) {
   }
 }
 
+// The applications that ask for a codec, as far as they are named.
+std::string ApplicationsIn(const Json::Value& ids) {
+  std::string named;
+  for (const Json::Value& id : ids) {
+    if (id.isString()) {
+      named += (named.empty() ? "" : ", ") + id.asString();
+    }
+  }
+  return named.empty() ? "an application" : named;
+}
+
+void CheckRequestedCodecs(const Json::Value& requirements, Findings& findings) {
+  for (const std::string& codec : requirements.getMemberNames()) {
+    const Json::Value& ids = requirements[codec];
+    // As the library counts: a plain value asks for nothing.
+    if (ids.size() > 0 && codec != kHevc && codec != kAac) {
+      findings.push_back({kCodecs, "no pack provides " + codec + ", which is asked for by " + ApplicationsIn(ids),
+                          std::string("correct ") + path::kCodecRequirementsPath + ", or ask the maker for the codec"});
+    }
+  }
+}
+
 void CheckRequirements(Findings& findings) {
   const std::string file = path::kCodecRequirementsPath;
   const FileText read = ReadText(file);
-  if (!read.problem.empty() || (read.text && !ParseJsonObject(*read.text))) {
+  const std::optional<Json::Value> requirements = read.text ? ParseJsonObject(*read.text) : std::nullopt;
+  if (requirements) {
+    CheckRequestedCodecs(*requirements, findings);
+  } else if (read.text || !read.problem.empty()) {
     const std::string why = read.problem.empty() ? "" : ": " + read.problem;
     findings.push_back({kState, file + " holds no JSON object, so what applications ask for is not known" + why,
                         "have the applications write it anew"});

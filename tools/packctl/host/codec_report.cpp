@@ -6,13 +6,6 @@
 #include "updater/pack_manager.h"
 
 namespace orbamira::packctl {
-namespace {
-
-// HEVC's name in the codec-requirements file, beside kAac.
-constexpr const char* kHevc = "hevc";
-
-}  // namespace
-
 CodecReport ReadCodecs(Console& console) {
   const auto manager = updater::PackManager::Create();
   if (manager == nullptr) {

@@ -8,6 +8,9 @@
 /// What the library knows of codecs on this machine: those that are installed, and those that applications want.
 namespace orbamira::packctl {
 
+/// HEVC's name in the codec-requirements file, beside kAac.
+inline constexpr const char* kHevc = "hevc";
+
 /// Codecs by their names in the codec-requirements file.
 struct CodecReport {
   std::vector<std::string> installed = {};

@@ -1,0 +1,69 @@
+#include "tools/packctl/doctor/known_settings.h"
+
+#include <array>
+#include <charconv>
+#include <cstdint>
+
+#include "platform/constants.h"
+
+namespace orbamira::packctl {
+namespace {
+
+// Whether the whole text is a number of this kind from `least` to `most`.
+template <typename Number>
+bool IsNumber(const std::string& text, Number least, Number most) {
+  Number number{};
+  const char* const end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, number);
+  return error == std::errc() && stop == end && number >= least && number <= most;
+}
+
+bool IsTimeLimit(const std::string& text) {
+  constexpr double kDay = 24 * 60 * 60;
+  return IsNumber<double>(text, 0, kDay) && !IsNumber<double>(text, 0, 0);
+}
+
+bool IsUnpackLimit(const std::string& text) { return IsNumber<std::uint64_t>(text, 0, UINT64_MAX); }
+
+bool IsDownloadLimit(const std::string& text) { return IsNumber<std::int64_t>(text, 0, INT64_MAX); }
+
+}  // namespace
+
+std::span<const KnownSetting> KnownSettings() {
+  static const std::array kSettings = {
+      KnownSetting{
+          common::kPackUpdateServer, "an http or https address", nullptr, "",
+          "Where the update server publishes the reply that names its packs. While it is empty, no check is made.",
+          "pack_update_server=\"https://packs.example.com/packs/reply.json\""},
+      KnownSetting{common::kDownloadLimit, "a whole number of bytes", IsDownloadLimit, "17179869184",
+                   "The largest package to download. A larger one is refused, and the download fails.",
+                   "download_limit=\"1073741824\""},
+      KnownSetting{
+          common::kUnpackLimit, "a whole number of bytes", IsUnpackLimit, "17179869184",
+          "The disk space that a package, and the payload in it, may take once unpacked: contents in blocks of 4096 "
+          "bytes, and one block more for each file, folder and link. A package that takes more is refused.",
+          "unpack_limit=\"4294967296\""},
+      KnownSetting{
+          "plugin_time_limit", "a number of seconds up to a day", IsTimeLimit, "60",
+          "How long a plugin may take each time it runs. One that takes longer is ended and logged, and the update "
+          "goes on.",
+          "plugin_time_limit=\"7.5\""},
+  };
+  return kSettings;
+}
+
+Json::Value DescribeSettings() {
+  Json::Value settings = Json::arrayValue;
+  for (const KnownSetting& setting : KnownSettings()) {
+    Json::Value entry;
+    entry["key"] = setting.key;
+    entry["value"] = setting.value;
+    entry["default"] = setting.default_value;
+    entry["meaning"] = setting.meaning;
+    entry["example"] = setting.example;
+    settings.append(entry);
+  }
+  return settings;
+}
+
+}  // namespace orbamira::packctl
