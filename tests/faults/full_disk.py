@@ -107,7 +107,7 @@ class FullDisk:
     def begin(self):
         """The old pack in place, the new one on offer."""
         self.appliance.use_server(self.old)
-        self.appliance.expect("update")
+        self.appliance.expect("update", "--reinstall")
         self.appliance.use_server(self.new)
         self.appliance.expect("check")
 

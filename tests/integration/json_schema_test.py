@@ -22,7 +22,7 @@ import jsonschema
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
 from appliance import SOURCE, Appliance, Publisher  # noqa: E402
 
-FAILED, NOTHING, REFUSED = 1, 2, 3
+FAILED, NOTHING, REFUSED, BUSY = 1, 2, 3, 75
 
 
 class JsonSchemaTest(unittest.TestCase):
@@ -114,6 +114,7 @@ class JsonSchemaTest(unittest.TestCase):
         self.check("codecs", 0)
         self.appliance.use_server(self.addresses["2.0"])
         self.check("update", 0)
+        self.assertEqual(self.check("update", NOTHING)["result"], "nothing_new")
         self.check("remove", 0)
         self.check("remove", NOTHING)
         self.check("recover", 0)
@@ -195,7 +196,7 @@ class JsonSchemaTest(unittest.TestCase):
         with open(self.appliance.run_folder / "lock/packctl.lock", "w", encoding="ascii") as lock:
             fcntl.flock(lock, fcntl.LOCK_EX)
             for command in ("check", "download", "install", "update", "remove", "recover", "plugins"):
-                self.assertEqual(self.check(command, REFUSED)["result"], "busy")
+                self.assertEqual(self.check(command, BUSY)["result"], "busy")
 
     def test_watch(self):
         watch = subprocess.Popen(

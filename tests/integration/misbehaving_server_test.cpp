@@ -576,8 +576,12 @@ class MisbehavingServerTest : public testing::TestWithParam<Misbehaviour> {
   }
 
   static ProgramResult PackctlUpdate(bool in_haste) {
-    return in_haste ? RunningProgram({ORBAMIRA_TEST_IMPATIENT_PACKCTL, "update", "--verbose"}).Wait()
-                    : Appliance::Packctl({"update", "--verbose"});
+    const std::vector<std::string> arguments = {"update", "--reinstall", "--verbose"};
+    std::vector<std::string> command = Appliance::PackctlCommand(arguments);
+    if (in_haste) {
+      command.front() = ORBAMIRA_TEST_IMPATIENT_PACKCTL;
+    }
+    return RunningProgram(command).Wait();
   }
 
   // All but the sentence that tells a person what has failed.
@@ -647,8 +651,7 @@ class MisbehavingServerTest : public testing::TestWithParam<Misbehaviour> {
     }
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(WithoutLastLine(result.errors), ReadsLikeText(ErrorsOf(log, misbehaviour)));
-    // Only what the JSON library throws has no reason of its own.
-    EXPECT_EQ(CodeOfLastFailure() == "unexpected", misbehaviour.throws) << CodeOfLastFailure();
+    EXPECT_NE(CodeOfLastFailure(), "unexpected");
     ExpectPack("1.0", "one");
     EXPECT_EQ(RecordedStatus(), "download_install_failed");
     EXPECT_FALSE(fs::exists(kDownloadFolder));
@@ -656,7 +659,7 @@ class MisbehavingServerTest : public testing::TestWithParam<Misbehaviour> {
 
   void ExpectHealthyUpdate(const std::string& payload) {
     appliance_.SetFault({});
-    const ProgramResult result = Appliance::Packctl({"update"});
+    const ProgramResult result = Appliance::Packctl({"update", "--reinstall"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.errors, "");
     ExpectPack("2.0", payload);
@@ -700,7 +703,8 @@ TEST_F(MisbehavingServerTest, APackageWithoutEndGivesItsRoomBack) {
     ASSERT_TRUE(manager_->CheckNewPack());
     const ProgramResult download = Appliance::Packctl({"download"});
     EXPECT_EQ(download.status, 1);
-    EXPECT_THAT(download.errors, testing::StartsWith("packctl: Download failed: the package cannot be downloaded ("));
+    EXPECT_THAT(download.errors,
+                testing::StartsWith("packctl: Download of 2.0 failed: the package cannot be downloaded ("));
     EXPECT_FALSE(fs::exists(kDownloadFolder));
   }
   appliance_.SetFault({});
@@ -779,11 +783,11 @@ TEST_F(MisbehavingServerTest, PackctlTakesAnOfferWithTextsOutOfBoundsForNone) {
     const ProgramResult check = Appliance::Packctl({"check"});
     EXPECT_EQ(check.status, 1);
     EXPECT_EQ(check.errors, "packctl: Check failed: " + refusal + offer.problem +
-                                ". Version 1.0 stays installed. Run: sudo packctl doctor\n");
+                                ". 1.0 stays installed. Run: sudo packctl doctor\n");
     const ProgramResult update = Appliance::Packctl({"update"});
     EXPECT_EQ(update.status, 1);
     EXPECT_EQ(update.errors, "packctl: Update failed: " + refusal + offer.problem +
-                                 ". Version 1.0 stays installed. Run: sudo packctl doctor\n");
+                                 ". 1.0 stays installed. Run: sudo packctl doctor\n");
     ExpectPack("1.0", "one");
   }
   ExpectHealthyUpdate("two");
@@ -809,8 +813,10 @@ TEST_F(MisbehavingServerTest, ACheckThatFailsLeavesTheRecordAsItWas) {
     EXPECT_FALSE(manager_->CheckNewPack()) << reply;
     const ProgramResult check = Appliance::Packctl({"check"});
     EXPECT_EQ(check.status, 1) << reply;
-    EXPECT_THAT(check.errors, testing::MatchesRegex("packctl: Check failed: [^\n]*\\. Version 1\\.0 stays installed\\. "
-                                                    "Run: sudo packctl doctor\n"));
+    EXPECT_THAT(check.errors,
+                testing::MatchesRegex(
+                    "packctl: (Check failed: [^\n]*|The server offers no HEVC pack)\\. 1\\.0 stays installed\\. "
+                    "Run: sudo packctl doctor\n"));
     EXPECT_EQ(Appliance::StatusRecord(), record) << reply;
   }
   ExpectHealthyUpdate("two");

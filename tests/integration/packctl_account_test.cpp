@@ -142,6 +142,16 @@ class PackctlAccountTest : public testing::Test {
   }
 
   /// The reason for which a sign-in fails, which the browser is told too.
+  // What was complained of, without the capital letter and the remedy that make a sentence of it.
+  static std::string MessageIn(std::string errors) {
+    const std::size_t remedy = errors.find(". Mend that, then run: sudo packctl account sign-in\n");
+    EXPECT_NE(remedy, std::string::npos) << errors;
+    errors.resize(std::min(remedy, errors.size()));
+    const std::size_t begin = std::string("packctl: ").size();
+    errors.at(begin) = static_cast<char>(std::tolower(errors.at(begin)));
+    return errors + "\n";
+  }
+
   std::string FailureOfSignIn(const std::vector<std::string>& more = {}) {
     const std::string before = ReadFile(path::kAccountFile);
     const ProgramResult result = SignIn(more);
@@ -154,7 +164,8 @@ class PackctlAccountTest : public testing::Test {
                       EndsWith(",\"result\":\"failed\"}\n")));
     EXPECT_THAT(result.errors, StartsWith("packctl: "));
     const std::string front = "packctl: ";
-    return result.errors.substr(front.size(), result.errors.size() - front.size() - 1);
+    const std::string message = MessageIn(result.errors);
+    return message.substr(front.size(), message.size() - front.size() - 1);
   }
 
   /// The reason for which a sign-in ends before the browser is needed.
@@ -163,7 +174,7 @@ class PackctlAccountTest : public testing::Test {
     const ProgramResult result = Appliance::Packctl(more);
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "");
-    return result.errors;
+    return MessageIn(result.errors);
   }
 
   Appliance appliance_;
@@ -335,7 +346,8 @@ TEST_F(PackctlAccountTest, SignInNeedsAFolderThatItMayWrite) {
       test::RunProgram(Appliance::PackctlCommand({"account", "sign-in", "--issuer", "x"}), options);
   fs::permissions(folder, fs::perms(0755));
   EXPECT_EQ(result.exit_status, 1);
-  EXPECT_EQ(result.err, "packctl: the account cannot be kept in " + folder + ": " + test::ErrorText(EACCES) + "\n");
+  EXPECT_EQ(result.err, "packctl: The account cannot be kept in " + folder + ": " + test::ErrorText(EACCES) +
+                            ". Run it as root: sudo packctl account sign-in\n");
 }
 
 struct Requirement {
@@ -381,7 +393,8 @@ TEST_F(PackctlAccountTest, SignInSaysWhichRequirementTheProviderMisses) {
 TEST_F(PackctlAccountTest, SignInNeedsAnIssuerThatIsSafe) {
   const ProgramResult result = Appliance::Packctl({"account", "sign-in", "--issuer", "http://accounts.example"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.errors, "packctl: the issuer is neither https nor on this machine: http://accounts.example\n");
+  EXPECT_EQ(MessageIn(result.errors),
+            "packctl: the issuer is neither https nor on this machine: http://accounts.example\n");
 }
 
 TEST_F(PackctlAccountTest, SignInNeedsTheIssuerAsTheProviderNamesItself) {
@@ -394,7 +407,7 @@ TEST_F(PackctlAccountTest, SignInTellsThatTheProviderIsDown) {
   const test::RefusingPort port;
   const ProgramResult result = Appliance::Packctl({"account", "sign-in", "--issuer", port.Url("")});
   EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.errors, StartsWith("packctl: the request to the provider failed: "));
+  EXPECT_THAT(MessageIn(result.errors), StartsWith("packctl: the request to the provider failed: "));
 }
 
 TEST_F(PackctlAccountTest, SignInTellsThatTheProviderWentDownMeanwhile) {
@@ -550,7 +563,7 @@ TEST_F(PackctlAccountTest, SignInWaitsOnlySoLong) {
   WaitingSignIn waiting(provider_.issuer(), {"--timeout", "1"});
   const ProgramResult result = waiting.program().Wait();
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.errors, "packctl: no answer came within 1 seconds\n");
+  EXPECT_EQ(MessageIn(result.errors), "packctl: no answer came within 1 seconds\n");
   EXPECT_FALSE(fs::exists(path::kAccountFile));
 }
 

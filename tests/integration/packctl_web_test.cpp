@@ -358,7 +358,7 @@ TEST_F(PackctlWebTest, ShowsToWhoMayNotChangeAnythingAndTellsWhyAnActionEnded) {
   ASSERT_EQ(Act("update").status, 202);
   const Json::Value action = AwaitAction("update");
   EXPECT_EQ(action["exit"], 1);
-  EXPECT_THAT(action["problems"][0].asString(), StartsWith("cannot open the lock "));
+  EXPECT_THAT(action["problems"][0].asString(), StartsWith("Cannot open the lock "));
 }
 
 TEST_F(PackctlWebTest, RefusesASecondActionWhileOneIsAtWork) {
@@ -603,11 +603,11 @@ TEST_F(PackctlWebTest, DoesNotStartWithoutWhatItNeeds) {
     EXPECT_EQ(Parsed(result.output)["result"], "failed");
     return result.errors;
   };
-  EXPECT_THAT(errors({"--port", std::to_string(port_)}), HasSubstr("cannot listen at 127.0.0.1, port "));
-  EXPECT_THAT(errors({"--listen", "nas.example"}), HasSubstr("no address to listen at: nas.example"));
-  EXPECT_THAT(errors({"--token-file", "/none"}), HasSubstr("cannot read the token file /none"));
+  EXPECT_THAT(errors({"--port", std::to_string(port_)}), HasSubstr("Cannot listen at 127.0.0.1, port "));
+  EXPECT_THAT(errors({"--listen", "nas.example"}), HasSubstr("No address to listen at: nas.example"));
+  EXPECT_THAT(errors({"--token-file", "/none"}), HasSubstr("Cannot read the token file /none"));
   fs::remove_all(fs::path(path::kDefaultPkgSetting).parent_path() / "web");
-  EXPECT_THAT(errors({}), HasSubstr("cannot read the page "));
+  EXPECT_THAT(errors({}), HasSubstr("Cannot read the page "));
   EXPECT_EQ(RunningProgram(Web({"--port", "65536"})).Wait().status, 64);
 }
 
@@ -646,7 +646,7 @@ TEST_F(PackctlWebTest, ServesAtTheSocketThatSystemdKeeps) {
   // While the server is away, the port is nobody else's, and who asks is answered by the next one.
   web_->Signal(SIGTERM);
   web_->Wait();
-  EXPECT_THAT(RunningProgram(Web({"--port", std::to_string(port_)})).Wait().errors, HasSubstr("cannot listen at "));
+  EXPECT_THAT(RunningProgram(Web({"--port", std::to_string(port_)})).Wait().errors, HasSubstr("Cannot listen at "));
   const Client early(port_);
   ASSERT_TRUE(early.Send(Request("GET /")));
   const int port = port_;

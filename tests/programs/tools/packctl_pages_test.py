@@ -99,7 +99,9 @@ class PagesTest(unittest.TestCase):
             self.assertEqual((done.returncode, done.stderr), (0, ""), name)
 
     def test_bash_completes_commands_and_options(self):
-        self.assertEqual(self.complete(""), first_words(self.program) + ["-h", "--help", "-V", "--version", "--json"])
+        self.assertEqual(
+            self.complete(""), first_words(self.program) + ["-h", "--help", "-V", "--version", "--json", "--color"]
+        )
         self.assertEqual(self.complete("st"), ["status"])
         self.assertEqual(self.complete("--json", "re"), ["remove", "recover"])
         self.assertEqual(self.complete("--v"), ["--version"])

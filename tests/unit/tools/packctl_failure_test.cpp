@@ -1,11 +1,15 @@
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <cstring>
 #include <set>
 
 #include "platform/constants.h"
+#include "tests/support/http_server.h"
 #include "tests/support/test_root.h"
+#include "tools/packctl/view/connection_words.h"
 #include "tools/packctl/view/failure_words.h"
+#include "tools/packctl/view/result_words.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -63,15 +67,18 @@ std::vector<Case> Cases() {
        "the package cannot be downloaded (http://h/p: reset)"},
       {"download_failed",
        {.log = {"Failed to download pack to /p from link: l, status code: 404"}},
-       "Failed to download pack to /p from link: l, status code: 404"},
+       "the package cannot be downloaded (l, status code: 404)"},
       {"keyring_unusable",
        {.programs = {archive + path::kKeyring + ": contains no certificate"}},
-       archive + path::kKeyring + ": contains no certificate"},
+       std::string("the keyring cannot be used (") + path::kKeyring + ": contains no certificate)"},
       {"bad_signature",
        {.programs = {archive + "MANIFEST.sig: has no signer"}},
-       archive + "MANIFEST.sig: has no signer"},
-      {"bad_package", {.programs = {"player: here", archive + "truncated archive"}}, archive + "truncated archive"},
-      {"bad_package", {.programs = {"orba-tar: /p: damaged member"}}, "orba-tar: /p: damaged member"},
+       "the package's signature is not valid (MANIFEST.sig: has no signer)"},
+      {"bad_package",
+       {.programs = {"player: here", archive + "truncated archive"}},
+       "the package is damaged (truncated archive)"},
+      {"bad_package", {.programs = {"orba-tar: /p: damaged member"}}, "the package is damaged (damaged member)"},
+      {"bad_package", {.programs = {"orba-tar: odd"}}, "the package is damaged (orba-tar: odd)"},
       {"install_failed", {.programs = {"orba-copy: /p: broken"}}, "orba-copy: /p: broken"},
       {"install_failed",
        {.log = {"Failed to untar archive a to b", "Failed to install pack: x", "DoInstall failed"}},
@@ -80,8 +87,24 @@ std::vector<Case> Cases() {
       {"checksum_mismatch",
        {.log = {"Failed to verify checksum of downloaded file."}},
        "the package is not the one that the server announced"},
-      {"bad_reply", {.log = {"Failed to parse response", "FetchDownloadInfo failed"}}, "Failed to parse response"},
-      {"bad_reply", {.log = {"Get orbamira-hevc info failed"}}, "Get orbamira-hevc info failed"},
+      {"bad_reply",
+       {.log = {"Failed to parse response", "FetchDownloadInfo failed"}},
+       "the update server's reply is not JSON"},
+      {"no_pack_offered", {.log = {"Get orbamira-hevc info failed"}}, "the server offers no HEVC pack"},
+      {"no_pack_offered", {.log = {"Get orbamira-hevc-aac info failed"}}, "the server offers no HEVC pack with AAC"},
+      {"bad_reply",
+       {.log = {"Download and install failed: Type is not convertible to string"}},
+       "the update server's reply is malformed"},
+      {"bad_reply",
+       {.problems = {"in Json::Value::find(begin, end): requires objectValue or nullValue"}},
+       "the update server's reply is malformed"},
+      {"bad_reply",
+       {.log = {"Check new pack failed: Exceeded stackLimit in readValue()."}},
+       "the update server's reply is malformed"},
+      {"requirements_unreadable",
+       {.log = {"Check new pack failed: in Json::Value::find(): x"},
+        .problems = {std::string(path::kCodecRequirementsPath) + ": in Json::Value::find(): x"}},
+       std::string(path::kCodecRequirementsPath) + " cannot be read"},
       {"bad_reply",
        {.log = {"Check new pack failed: the update server's reply offers no pack: its link is over 2048 bytes long"}},
        "the update server's reply offers no pack: its link is over 2048 bytes long"},
@@ -130,10 +153,60 @@ TEST(FailureTest, TheAccountsFailuresHaveACodeOfTheirOwn) {
 
 TEST(FailureTest, FailureSentenceSaysWhatStaysInstalled) {
   const Failure failure = MakeFailure(FailureReason::kNotSigned, "the package is not signed", "Get another.");
-  EXPECT_EQ(FailureSentence("update", failure, "1.0"),
-            "Update failed: the package is not signed. Version 1.0 stays installed. Get another.");
-  EXPECT_EQ(FailureSentence("check", failure, std::nullopt),
+  EXPECT_EQ(FailureSentence({.command = "update"}, failure, "1.0"),
+            "Update failed: the package is not signed. 1.0 stays installed. Get another.");
+  EXPECT_EQ(FailureSentence({.command = "check"}, failure, std::nullopt),
             "Check failed: the package is not signed. No codec pack is installed. Get another.");
+  EXPECT_EQ(FailureSentence(failure), "The package is not signed. Get another.");
+}
+
+TEST(FailureTest, FailureSentenceNamesTheVersionThatTheWorkWasAbout) {
+  const Failure failure = MakeFailure(FailureReason::kNotSigned, "the package is not signed", "");
+  const auto sentence = [&](const char* command) {
+    return FailureSentence({.command = command, .version = "1.6.0"}, failure, "1.5.0");
+  };
+  const std::string rest = " failed: the package is not signed. 1.5.0 stays installed.";
+  EXPECT_EQ(sentence("update"), "Update to 1.6.0" + rest);
+  EXPECT_EQ(sentence("download"), "Download of 1.6.0" + rest);
+  EXPECT_EQ(sentence("remove"), "Removal of 1.6.0" + rest);
+  EXPECT_EQ(FailureSentence({.command = "recover"}, failure, ""),
+            "Recovery failed: the package is not signed. The installed pack stays.");
+}
+
+TEST(FailureTest, AReasonThatSaysItAllBeginsTheSentence) {
+  const Work work{.command = "update", .version = "2.0"};
+  EXPECT_EQ(
+      FailureSentence(work, MakeFailure(FailureReason::kNoPackOffered, "the server offers no HEVC pack", "Do."), "1.0"),
+      "The server offers no HEVC pack. 1.0 stays installed. Do.");
+  EXPECT_EQ(FailureSentence(work, MakeFailure(FailureReason::kBusy, "another program is at work", "Wait."), "1.0"),
+            "Another program is at work. Wait.")
+      << "what will be installed is not known";
+}
+
+TEST(ConnectionWordsTest, NamesAddressAndCause) {
+  const test::RefusingPort refusing;
+  const std::string address = refusing.Url("").substr(7);
+  const std::string port = address.substr(address.find(':') + 1);
+  EXPECT_EQ(ConnectionWords("Failed to connect to 127.0.0.1 port " + port + " after 0 ms: Couldn't connect to server"),
+            "127.0.0.1:" + port + ": connection refused");
+  EXPECT_EQ(ConnectionWords("Failed to connect to nas.invalid port 80 after 7 ms: Could not connect to server"),
+            "nas.invalid:80: no connection");
+  EXPECT_EQ(ConnectionWords("Failed to connect to fe80::1 port 80 after 30001 ms: Timeout was reached"),
+            "[fe80::1]:80: timeout was reached");
+}
+
+TEST(ConnectionWordsTest, LeavesOtherWordsAlone) {
+  for (const char* words : {"", "Could not resolve host: nas.invalid", "Failed to connect to a port 80 after 7 ms",
+                            "Failed to connect to a after 7 ms: port 80 is closed"}) {
+    EXPECT_EQ(ConnectionWords(words), words);
+  }
+}
+
+TEST(ResultWordsTest, InstalledSentenceSaysWhatWasBeforeAndHowLongItTook) {
+  using std::chrono::milliseconds;
+  EXPECT_EQ(InstalledSentence("1.1.0", "1.0.0", milliseconds(6700)), "Installed 1.1.0 (was 1.0.0) in 7 s.");
+  EXPECT_EQ(InstalledSentence("1.1.0", "1.1.0", milliseconds(499)), "Installed 1.1.0 again in under 1 s.");
+  EXPECT_EQ(InstalledSentence("1.1.0", std::nullopt, milliseconds(125'000)), "Installed 1.1.0 in 2 min 5 s.");
 }
 
 TEST(FailureTest, FailureJsonIsReadBackAndNothingElseIs) {

@@ -29,8 +29,9 @@ enum ExitStatus : int {
   kExitDone = 0,
   kExitFailed = 1,
   kExitNothingToDo = 2,
-  kExitNotPermitted = 3,  ///< by the recorded status, or because another program is at work
+  kExitNotPermitted = 3,  ///< by the recorded status
   kExitUsage = 64,
+  kExitBusy = 75,  ///< another program is at work: later it may succeed
 };
 
 /// What a changing command tells beside its result.
@@ -47,8 +48,9 @@ struct Outcome {
   std::optional<Change> change = {};        ///< of a changing command that came to an end of its own
   Json::Value members = Json::objectValue;  ///< more of the answer to a program; null when all was printed already
   std::string text = {};                    ///< the answer to a person; whole lines, may be empty
-  std::vector<std::string> problems = {};   ///< sentences for the standard error, after the reasons that were logged
+  std::vector<std::string> problems = {};   ///< sentences for the standard error; of a failure, behind its log
   std::optional<Failure> failure = {};      ///< why it was refused; why it failed is found out by the caller
+  std::string version = {};                 ///< of the pack that the command worked on; empty when not known
 };
 
 /// What the user asked of a sign-in.
@@ -71,9 +73,13 @@ struct WebOptions {
 
 /// What the user asked of a command.
 struct Options {
-  bool json = false;       ///< the answer will be JSON: nothing else is shown in between
-  bool verbose = false;    ///< after a failure, what was logged is shown too
+  bool json = false;     ///< the answer will be JSON: nothing else is shown in between
+  bool verbose = false;  ///< what is behind the result is shown too: the log, the recorded status
+  bool quiet = false;    ///< nothing is shown but why it failed or was refused
+  ColorChoice color = ColorChoice::kAuto;
+  int wait = 0;            ///< seconds to wait for another program at work to end
   bool watch = false;      ///< status: go on until interrupted
+  bool reinstall = false;  ///< update: also what is installed already
   std::size_t limit = 50;  ///< history: only so many entries
   bool no_pager = false;   ///< history: print them, on a terminal too
   SignInOptions sign_in = {};

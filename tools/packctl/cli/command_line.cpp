@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <iostream>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,8 +26,9 @@ constexpr std::array kExitMeanings = {
     ExitMeaning{kExitDone, "done"},
     ExitMeaning{kExitFailed, "failed; the reason is on standard error and in the system log"},
     ExitMeaning{kExitNothingToDo, "nothing to do"},
-    ExitMeaning{kExitNotPermitted, "not permitted by the recorded status, or another program is at work"},
+    ExitMeaning{kExitNotPermitted, "not permitted by the recorded status, or not confirmed"},
     ExitMeaning{kExitUsage, "wrong usage"},
+    ExitMeaning{kExitBusy, "another program is at work; --wait waits for its end"},
 };
 
 std::string Footer() {
@@ -46,7 +48,14 @@ std::string Footer() {
 
 constexpr const char* kJsonHelp = "Print one JSON object instead of text";
 
-constexpr const char* kVerboseHelp = "After a failure, also show the log";
+constexpr const char* kColorHelp =
+    "Colour the text: auto (default; on a terminal, unless NO_COLOR is set), always or never";
+
+constexpr const char* kVerboseHelp = "Also show what is behind the result, such as the log of a failure";
+
+constexpr const char* kQuietHelp = "Show nothing but why it failed";
+
+constexpr const char* kWaitHelp = "Wait so long for another program at work to end (default 0)";
 
 constexpr const char* kHelp = "help";
 constexpr const char* kHelpSummary = "Explain a command";
@@ -73,6 +82,30 @@ CLI::App* AddCommand(CLI::App& app, const Command& command) {
 
 CLI::Validator NumberBetween(int least, int most) { return CLI::Range(least, most).description(""); }
 
+void AddCommonOptions(CLI::App& app, Options& options) {
+  app.add_flag("--json", options.json, kJsonHelp);
+  app.add_option("--color", options.color, kColorHelp)
+      ->type_name("WHEN")
+      ->transform(CLI::CheckedTransformer(std::map<std::string, ColorChoice>{{"auto", ColorChoice::kAuto},
+                                                                             {"always", ColorChoice::kAlways},
+                                                                             {"never", ColorChoice::kNever}})
+                      .description(""));
+}
+
+void AddOptionsOf(const Command& command, CLI::App& app, Options& options) {
+  AddCommonOptions(app, options);
+  app.add_flag("-v,--verbose", options.verbose, kVerboseHelp);
+  if (command.effect == Effect::kChange) {
+    app.add_flag("-q,--quiet", options.quiet, kQuietHelp);
+  }
+  if (command.effect != Effect::kNone) {
+    app.add_option("--wait", options.wait, kWaitHelp)->type_name("SECONDS")->check(NumberBetween(0, 24 * 60 * 60));
+  }
+  if (command.add_options != nullptr) {
+    command.add_options(app, options);
+  }
+}
+
 /// Takes a command line apart. It keeps its address: what is found on the line is written into it.
 struct Parser {
   explicit Parser(std::span<const Command> known);
@@ -90,16 +123,10 @@ struct Parser {
 Parser::Parser(std::span<const Command> known) {
   app.require_subcommand(1);
   app.set_version_flag("-V,--version", VersionText, "Print the versions of packctl and its libraries, and exit");
-  app.add_flag("--json", options.json, kJsonHelp);
+  AddCommonOptions(app, options);
   for (const Command& command : known) {
     CLI::App* const subcommand = AddCommand(app, command);
-    subcommand->add_flag("--json", options.json, kJsonHelp);
-    if (command.effect == Effect::kChange) {
-      subcommand->add_flag("-v,--verbose", options.verbose, kVerboseHelp);
-    }
-    if (command.add_options != nullptr) {
-      command.add_options(*subcommand, options);
-    }
+    AddOptionsOf(command, *subcommand, options);
     subcommand->footer(command.details);
     subcommand->callback([this, &command] { chosen = &command; });
     commands.push_back(subcommand);
@@ -260,6 +287,10 @@ Json::Value DescribeCommandLine(std::span<const Command> commands) {
 
 void AddWatchOption(CLI::App& parser, Options& options) {
   parser.add_flag("--watch", options.watch, "Show each change until interrupted");
+}
+
+void AddReinstallOption(CLI::App& parser, Options& options) {
+  parser.add_flag("--reinstall", options.reinstall, "Install the pack on offer even if it is not newer");
 }
 
 void AddHistoryOptions(CLI::App& parser, Options& options) {

@@ -38,6 +38,7 @@ Json::Value DescribeCommandLine(std::span<const Command> commands);
 
 /// What single commands take, for Command::add_options.
 void AddWatchOption(CLI::App& parser, Options& options);
+void AddReinstallOption(CLI::App& parser, Options& options);
 void AddHistoryOptions(CLI::App& parser, Options& options);
 void AddWebOptions(CLI::App& parser, Options& options);
 void AddSignInOptions(CLI::App& parser, Options& options);

@@ -72,6 +72,29 @@ std::optional<std::string_view> LoggedMessage(std::string_view line) {
   return has_source ? message : line;
 }
 
+const char* ColorOf(Tone tone) {
+  switch (tone) {
+    case Tone::kGood:
+      return "\033[32m";
+    case Tone::kWarning:
+      return "\033[33m";
+    case Tone::kBad:
+      return "\033[31m";
+    case Tone::kPlain:
+      break;
+  }
+  return "";
+}
+
+// The end of the last line stays outside, where a terminal expects it.
+std::string InColor(const std::string& text, Tone tone) {
+  if (tone == Tone::kPlain || text.empty()) {
+    return text;
+  }
+  const std::size_t end = text.ends_with('\n') ? text.size() - 1 : text.size();
+  return ColorOf(tone) + text.substr(0, end) + "\033[0m" + text.substr(end);
+}
+
 }  // namespace
 
 Console::Console()
@@ -94,8 +117,24 @@ Console::~Console() {
 
 bool Console::Print(std::string_view text) const { return WriteAll(output_, text); }
 
-void Console::Complain(std::string_view text) const {
-  WriteAll(error_, std::string(kName) + ": " + Printable(text) + "\n");
+void Console::Complain(std::string_view text, Tone tone) const {
+  WriteAll(error_,
+           std::string(kName) + ": " + InColor(Printable(text), HasColors(error_) ? tone : Tone::kPlain) + "\n");
+}
+
+std::string Console::Painted(std::string_view text, Tone tone) const {
+  return InColor(std::string(text), HasColors(output_) ? tone : Tone::kPlain);
+}
+
+bool Console::HasColors(int fd) const {
+  if (color_ != ColorChoice::kAuto) {
+    return color_ == ColorChoice::kAlways;
+  }
+  const auto variable = [](const char* name) {
+    const char* const value = std::getenv(name);
+    return std::string_view(value == nullptr ? "" : value);
+  };
+  return isatty(fd) == 1 && variable("NO_COLOR").empty() && variable("TERM") != "dumb";
 }
 
 bool Console::IsTerminal() const { return isatty(output_) == 1; }

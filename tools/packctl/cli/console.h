@@ -7,6 +7,12 @@
 /// What packctl says to its user, and what it keeps from being said in between.
 namespace orbamira::packctl {
 
+/// What a text tells, and so its colour on a terminal.
+enum class Tone { kPlain, kGood, kWarning, kBad };
+
+/// When texts are coloured: kAuto colours on a terminal that can, unless $NO_COLOR is set to something.
+enum class ColorChoice { kAuto, kAlways, kNever };
+
 /// The only way by which packctl speaks to its user.
 ///
 /// From its construction on, whatever else is written to the standard output and error is held back: the library gives
@@ -29,7 +35,13 @@ class Console {
   bool Print(std::string_view text) const;
 
   /// Writes "packctl: TEXT" as one line to the standard error; control characters in the text become \ooo.
-  void Complain(std::string_view text) const;
+  void Complain(std::string_view text, Tone tone = Tone::kPlain) const;
+
+  /// Until it is called, kAuto holds.
+  void SetColor(ColorChoice color) { color_ = color; }
+
+  /// The text in its colour, for Print(); as it is where there are no colours.
+  [[nodiscard]] std::string Painted(std::string_view text, Tone tone) const;
 
   [[nodiscard]] bool IsTerminal() const;
 
@@ -56,7 +68,9 @@ class Console {
 
  private:
   void Look(bool at_whole_lines);
+  [[nodiscard]] bool HasColors(int fd) const;
 
+  ColorChoice color_ = ColorChoice::kAuto;
   int output_;
   int error_;
   int held_;

@@ -7,6 +7,7 @@
 #include <exception>
 #include <filesystem>
 #include <iostream>
+#include <thread>
 #include <utility>
 
 #include "platform/constants.h"
@@ -46,19 +47,22 @@ Outcome Attempt(const Command& command, Context& context) try {
   return {.exit = kExitFailed, .result = kFailed, .problems = {error.what()}};
 }
 
-// A failure is told with what was logged on the way.
+// A failure is told in one sentence; what was said on the way is for who asks.
 Outcome RunQuery(const Command& command, Context& context) {
   Outcome outcome = Attempt(command, context);
   Console::Held held = context.console.TakeHeld();
-  if (outcome.result == kFailed) {
-    outcome.failure = ExplainFailure(command.name, {held.other, held.log, outcome.problems});
-  }
-  std::vector<std::string> problems = std::move(held.other);
+  std::vector<std::string> problems = held.other;
   if (outcome.exit == kExitFailed) {
     Append(problems, held.log);
   }
   Append(problems, outcome.problems);
-  outcome.problems = std::move(problems);
+  if (outcome.result != kFailed) {
+    outcome.problems = std::move(problems);
+    return outcome;
+  }
+  outcome.failure = ExplainFailure(command.name, {held.other, held.log, outcome.problems});
+  outcome.problems = context.options.verbose ? std::move(problems) : std::vector<std::string>();
+  outcome.problems.push_back(FailureSentence(*outcome.failure));
   return outcome;
 }
 
@@ -77,7 +81,22 @@ void Keep(const HistoryEntry& entry, std::vector<std::string>& problems) {
   }
 }
 
-// Tells of it in the history, and of a failure in one sentence; what was logged is for who asks.
+// What is shown of a change beside its result: why it failed or was refused is one sentence, and the rest for who asks.
+std::vector<std::string> Shown(const Command& command, const Outcome& outcome, const Options& options,
+                               std::vector<std::string> said, const std::optional<PackIdentity>& installed) {
+  const bool is_told = outcome.failure.has_value();
+  std::vector<std::string> shown;
+  if (options.verbose || (!is_told && !options.quiet)) {
+    shown = std::move(said);
+  }
+  if (is_told) {
+    shown.push_back(FailureSentence({.command = command.name, .version = outcome.version}, *outcome.failure,
+                                    installed ? std::optional(installed->version) : std::nullopt));
+  }
+  return shown;
+}
+
+// Tells of it in the history.
 Outcome RunChange(const Command& command, Context& context) {
   const Clock::time_point begin = Clock::now();
   const std::optional<PackIdentity> before = InstalledIdentity();
@@ -105,34 +124,43 @@ Outcome RunChange(const Command& command, Context& context) {
           .failure = outcome.failure},
          errors);
   }
-  outcome.problems.clear();
-  if (!failed || context.options.verbose) {
-    outcome.problems = std::move(held.other);
-    Append(outcome.problems, errors);
-  }
-  if (failed) {
-    outcome.problems.push_back(
-        FailureSentence(command.name, *outcome.failure, now ? std::optional(now->version) : std::nullopt));
-  }
+  std::vector<std::string> said = std::move(held.other);
+  Append(said, errors);
+  outcome.problems = Shown(command, outcome, context.options, std::move(said), now);
   return outcome;
+}
+
+// Asks again and again: the lock itself does not wait.
+void TakeLock(std::optional<updater::UpdateLock>& lock, std::chrono::seconds patience) {
+  constexpr std::chrono::milliseconds kInterval{100};
+  for (const Clock::time_point end = Clock::now() + patience;; std::this_thread::sleep_for(kInterval)) {
+    try {
+      lock.emplace();
+      return;
+    } catch (const updater::Busy&) {
+      if (Clock::now() >= end) {
+        throw;
+      }
+    }
+  }
+}
+
+Outcome Refused(ExitStatus exit, const char* result, Failure failure) {
+  return {.exit = exit, .result = result, .problems = {FailureSentence(failure)}, .failure = std::move(failure)};
 }
 
 Outcome Run(const Command& command, Context& context) try {
   std::optional<updater::UpdateLock> lock;
   if (command.effect != Effect::kNone) {
-    context.lock = &lock.emplace();
+    TakeLock(lock, std::chrono::seconds(context.options.wait));
+    context.lock = &*lock;
   }
   return command.effect == Effect::kChange ? RunChange(command, context) : RunQuery(command, context);
 } catch (const updater::Busy& busy) {
-  return {.exit = kExitNotPermitted,
-          .result = "busy",
-          .problems = {busy.what()},
-          .failure = MakeFailure(FailureReason::kBusy, busy.what(), "Try again when it has ended.")};
+  const std::string remedy = std::string("Run: sudo packctl ") + command.name + " --wait 600";
+  return Refused(kExitBusy, "busy", MakeFailure(FailureReason::kBusy, busy.what(), remedy));
 } catch (const std::exception& error) {
-  return {.exit = kExitFailed,
-          .result = kFailed,
-          .problems = {error.what()},
-          .failure = ExplainFailure(command.name, {.problems = {error.what()}})};
+  return Refused(kExitFailed, kFailed, ExplainFailure(command.name, {.problems = {error.what()}}));
 }
 
 Json::Value AnswerJson(const Command& command, const Outcome& outcome) {
@@ -150,16 +178,34 @@ Json::Value AnswerJson(const Command& command, const Outcome& outcome) {
   return answer;
 }
 
+// The last problem of a failure says how it ended.
+void Complain(const Console& console, const Outcome& outcome) {
+  for (const std::string& problem : outcome.problems) {
+    const bool is_end = outcome.failure && &problem == &outcome.problems.back();
+    console.Complain(problem, !is_end ? Tone::kPlain : outcome.exit == kExitFailed ? Tone::kBad : Tone::kWarning);
+  }
+}
+
+std::string AnswerText(const Console& console, const Invocation& invocation, const Outcome& outcome) {
+  const Options& options = invocation.options;
+  if (options.json && !outcome.members.isNull()) {
+    return JsonLine(AnswerJson(*invocation.command, outcome));
+  }
+  if (options.quiet) {
+    return "";
+  }
+  const bool is_good = invocation.command->effect == Effect::kChange && outcome.exit == kExitDone;
+  return is_good ? console.Painted(outcome.text, Tone::kGood) : outcome.text;
+}
+
 int Answer(const Invocation& invocation) {
   Console console;
   SetUpSignals(console.IsTerminal());
+  console.SetColor(invocation.options.color);
   Context context{console, invocation.options};
   const Outcome outcome = Run(*invocation.command, context);
-  for (const std::string& problem : outcome.problems) {
-    console.Complain(problem);
-  }
-  const bool json = invocation.options.json && !outcome.members.isNull();
-  if (!console.Print(json ? JsonLine(AnswerJson(*invocation.command, outcome)) : outcome.text)) {
+  Complain(console, outcome);
+  if (!console.Print(AnswerText(console, invocation, outcome))) {
     console.Complain("cannot write to the standard output");
     return kExitFailed;
   }

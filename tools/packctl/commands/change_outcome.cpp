@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "platform/constants.h"
 #include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/status_words.h"
 #include "updater/recovery.h"
@@ -9,7 +10,7 @@
 namespace orbamira::packctl {
 namespace {
 
-constexpr const char* kRecoverHint = "if no program is at work on it, run \"packctl recover\"";
+constexpr const char* kRecoverHint = "run \"packctl recover\"";
 
 std::optional<updater::PackStatus> RecordedStatus() {
   try {
@@ -44,20 +45,32 @@ Outcome RecoveredChange(const Context& context, const char* noun) {
   return FailedChange(noun);
 }
 
-Outcome ForbiddenChange(const char* noun, updater::PackStatus status) {
-  const std::string problem = std::string("the ") + noun + " is not permitted while the recorded status is " +
-                              StatusText(status) + " (" + StatusMeaning(status) + ")";
-  const std::string remedy = IsUnderWay(status) ? kRecoverHint : "permitted now: " + PermittedCommands(status);
-  const FailureReason reason = IsUnderWay(status) ? FailureReason::kInterrupted : FailureReason::kNotPermitted;
+// Nobody else holds the update lock, so a status of work under way was left behind.
+Outcome ForbiddenChange(const char* verb, updater::PackStatus status) {
+  const std::string remedy = std::string("Run: sudo packctl ") + NextCommand(status);
+  const std::string refusal = std::string("cannot ") + verb + " now: " + StatusMeaning(status);
   return {.exit = kExitNotPermitted,
           .result = "not_permitted",
           .change = Change{.status = status},
-          .problems = {problem, remedy},
-          .failure = MakeFailure(reason, problem, remedy)};
+          .problems = {StatusSentence(status)},
+          .failure = IsUnderWay(status) ? MakeFailure(FailureReason::kInterrupted, kInterruptedWords, remedy)
+                                        : MakeFailure(FailureReason::kNotPermitted, refusal, remedy)};
+}
+
+void BlameRequirements(const updater::IPackManager& manager, Outcome& outcome) {
+  try {
+    static_cast<void>(manager.IsAacNeeded());
+  } catch (const std::exception& error) {
+    outcome.problems.push_back(std::string(path::kCodecRequirementsPath) + ": " + error.what());
+  }
 }
 
 std::vector<std::string> DoubtsAbout(const std::optional<updater::PackStatus>& status) {
-  return MayNeedRecovery(status) ? std::vector{StatusSentence(status)} : std::vector<std::string>();
+  if (!status) {
+    return {StatusSentence(status)};
+  }
+  return IsUnderWay(*status) ? std::vector{std::string(kInterruptedWords) + "; " + kRecoverHint}
+                             : std::vector<std::string>();
 }
 
 }  // namespace orbamira::packctl

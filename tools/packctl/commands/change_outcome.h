@@ -4,6 +4,7 @@
 #include <string>
 
 #include "tools/packctl/cli/command.h"
+#include "updater/pack_manager.h"
 
 /// How changing commands end: the outcomes that several of them share. `noun` names the work in a sentence: "the
 /// download failed".
@@ -18,11 +19,14 @@ Outcome FailedChange(const char* noun);
 /// The work failed after it had begun: puts in order what it left, and says where that leaves the machine.
 Outcome RecoveredChange(const Context& context, const char* noun);
 
-/// The recorded status forbids the work.
-Outcome ForbiddenChange(const char* noun, updater::PackStatus status);
+/// The recorded status forbids the work, whose name continues "cannot".
+Outcome ForbiddenChange(const char* verb, updater::PackStatus status);
 
-/// What to say of the status after work that succeeded: nothing, or that an interrupted program may have left it. Only
-/// the user knows whether another program that uses the library is at work: packctl holds no lock against those.
+/// Adds that the codec requirements cannot be read to what a failure says, if that is so: the library's own words do
+/// not name them.
+void BlameRequirements(const updater::IPackManager& manager, Outcome& outcome);
+
+/// What to say of the status after work that succeeded: nothing, or that an interrupted program has left it.
 std::vector<std::string> DoubtsAbout(const std::optional<updater::PackStatus>& status);
 
 }  // namespace orbamira::packctl

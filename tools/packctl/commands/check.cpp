@@ -41,7 +41,7 @@ Outcome WithVersions(Outcome outcome, const Versions& versions) {
 }
 
 std::string InstalledWords(const Versions& versions) {
-  return versions.installed ? "installed is " + Printable(*versions.installed) : "no version is installed";
+  return versions.installed ? Printable(*versions.installed) + " is installed" : "none is installed";
 }
 
 /// Whether there are settings that are not believed. They name nobody either, but that is a fault.
@@ -54,18 +54,15 @@ bool SettingsAreIgnored() {
 
 Outcome NobodyToAsk() {
   Outcome outcome = EndOfChange(kExitNothingToDo, "no_address");
-  outcome.text = std::string("No update server is named, so there is nobody to ask.\nName it with ") +
-                 common::kPackUpdateServer + " in " + path::kPkgSetting + ".\n";
+  outcome.text =
+      std::string("No update server is set. Set ") + common::kPackUpdateServer + " in " + path::kPkgSetting + ".\n";
   return WithVersions(std::move(outcome), VersionsWith(std::nullopt));
 }
 
 std::string NewPackWords(const updater::PackManager& manager, const Versions& versions) {
   const bool for_aac = updater::ChoosePack(manager).reason == updater::PackReason::kAacRequested;
-  const std::string what =
-      for_aac ? "A pack with AAC is available, which an application asks for and the installed pack lacks"
-              : "A new pack is available";
-  return what + ": version " + Printable(*versions.offered) + ", " + InstalledWords(versions) +
-         ".\nFetch and install it with \"packctl update\".\n";
+  const std::string what = for_aac ? " with AAC, which an application needs, is available (" : " is available (";
+  return Printable(*versions.offered) + what + InstalledWords(versions) + "). Run: sudo packctl update\n";
 }
 
 Outcome NewPack(const updater::PackManager& manager, bool repeats) {
@@ -73,8 +70,8 @@ Outcome NewPack(const updater::PackManager& manager, bool repeats) {
   Outcome outcome = EndOfChange(kExitDone, "new_pack");
   outcome.change->happened = true;
   outcome.change->offer = PackIdentity{.version = *versions.offered};
-  outcome.text = repeats ? "The last update failed. Install version " + Printable(*versions.offered) +
-                               " again with \"packctl update\".\n"
+  outcome.text = repeats ? "The last update failed; " + Printable(*versions.offered) +
+                               " can be installed again. Run: sudo packctl update\n"
                          : NewPackWords(manager, versions);
   return WithVersions(std::move(outcome), versions);
 }
@@ -82,7 +79,7 @@ Outcome NewPack(const updater::PackManager& manager, bool repeats) {
 Outcome NothingNew(const std::string& declined) {
   const Versions versions = VersionsWith(declined);
   Outcome outcome = EndOfChange(kExitNothingToDo, "nothing_new");
-  outcome.text = "Nothing new: version " + Printable(declined) + " is offered, " + InstalledWords(versions) + ".\n";
+  outcome.text = "Nothing new: " + InstalledWords(versions) + ", the server offers " + Printable(declined) + ".\n";
   outcome.problems = DoubtsAbout(outcome.change->status);
   return WithVersions(std::move(outcome), versions);
 }
@@ -104,7 +101,12 @@ Outcome Check(Context& context) {
   if (found || repeats) {
     return NewPack(*objects.manager, repeats);
   }
-  return declined ? NothingNew(*declined) : WithVersions(FailedChange("check"), VersionsWith(std::nullopt));
+  if (declined) {
+    return NothingNew(*declined);
+  }
+  Outcome failed = FailedChange("check");
+  BlameRequirements(*objects.manager, failed);
+  return WithVersions(std::move(failed), VersionsWith(std::nullopt));
 }
 
 }  // namespace orbamira::packctl

@@ -22,11 +22,13 @@ constexpr std::array kCommands = {
             "Permitted if the status is need_install or install_failed. Plugins are told before and after. If the\n"
             "install fails, the previous pack comes back.",
             Install},
-    Command{"update", Effect::kChange, "Download the pack on offer and install it",
-            "Permitted if the status is lost, need_download, need_install, download_install_failed or up_to_date.\n"
-            "This command does not compare versions: it downloads the pack even if it is already installed. Run\n"
-            "\"packctl check\" first to download only a newer pack. If the update fails, the previous pack comes back.",
-            Update},
+    Command{
+        "update", Effect::kChange, "Download the pack on offer and install it",
+        "Permitted if the status is lost, need_download, need_install, download_install_failed or up_to_date.\n"
+        "If nothing newer is on offer, nothing is done. If the update fails or you interrupt it, the previous pack\n"
+        "comes back.\n"
+        "Exit status 2: already up to date.",
+        Update, AddReinstallOption},
     Command{"remove", Effect::kChange, "Remove the installed pack",
             "Plugins are not told, and the recorded status does not change. Not permitted while the status says that\n"
             "work is in progress.\n"

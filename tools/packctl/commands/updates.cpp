@@ -1,24 +1,35 @@
+#include <json/value.h>
+
+#include <chrono>
 #include <exception>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "platform/constants.h"
+#include "platform/json/json_values.h"
+#include "platform/printable.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/commands/watched_work.h"
 #include "tools/packctl/host/update_objects.h"
+#include "tools/packctl/record/answered_check.h"
+#include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/progress_view.h"
+#include "tools/packctl/view/result_words.h"
 #include "updater/recovery.h"
+#include "updater/update_request.h"
 
 namespace orbamira::packctl {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 /// One of the library's three flows.
 struct Flow {
-  const char* noun;
+  const char* name;  ///< a noun and a verb
   bool (*run)(const UpdateObjects& objects);
-  const char* success;
   bool installs;  ///< a pack is in place when it succeeded
 };
 
@@ -32,9 +43,10 @@ void Show(ProgressView& view) {
 }
 
 /// Meanwhile tells what plugins print as they print it, and shows the progress where there is a view.
-bool RunShown(Console& console, ProgressView* view, const std::function<bool()>& work) {
-  const auto look = [&console, view] {
-    const std::vector<std::string> lines = console.TakeOther();
+bool RunShown(const Context& context, ProgressView* view, const std::function<bool()>& work) {
+  Console& console = context.console;
+  const auto look = [&console, view, quiet = context.options.quiet] {
+    const std::vector<std::string> lines = quiet ? std::vector<std::string>() : console.TakeOther();
     if (view != nullptr && !lines.empty()) {
       view->Finish();
     }
@@ -48,37 +60,79 @@ bool RunShown(Console& console, ProgressView* view, const std::function<bool()>&
   return RunWatched(work, look);
 }
 
-bool RunWithProgress(Console& console, const std::function<bool()>& work) {
+bool RunWithProgress(const Context& context, const std::function<bool()>& work) {
+  Console& console = context.console;
   const auto view = MakeProgressView(
       console.IsTerminal(), [&console](std::string_view text) { console.Print(text); },
       [&console] { return console.Columns(); });
-  const bool done = RunShown(console, view.get(), work);
+  const bool done = RunShown(context, view.get(), work);
   view->Finish();
   return done;
 }
 
-Outcome RunFlow(Context& context, const Flow& flow) {
-  const UpdateObjects objects = MakeUpdateObjects();
+std::optional<std::string> InstalledVersion() {
+  const std::optional<InstalledPack> pack = ReadInstalledPack();
+  return pack ? std::optional(Printable(pack->identity.version)) : std::nullopt;
+}
+
+Outcome Downloaded() {
+  const StatusRecord record = ReadStatus();
+  Outcome outcome = EndOfChange(kExitDone, "done");
+  outcome.change->happened = true;
+  outcome.change->offer = PackIdentity{record.new_pack_name, record.new_version};
+  outcome.text = "Downloaded " + Printable(record.new_version) + ". " + StaysSentence(InstalledVersion()) +
+                 " Run: sudo packctl install\n";
+  return outcome;
+}
+
+Outcome Installed(const std::optional<std::string>& before, Clock::duration duration) {
+  Outcome outcome = EndOfChange(kExitDone, "done");
+  outcome.change->happened = true;
+  outcome.text = InstalledSentence(InstalledVersion().value_or(""), before,
+                                   std::chrono::duration_cast<std::chrono::milliseconds>(duration)) +
+                 "\n";
+  return outcome;
+}
+
+Outcome RunFlow(const Context& context, const UpdateObjects& objects, const Flow& flow) {
+  const Clock::time_point begin = Clock::now();
+  const std::optional<std::string> before = InstalledVersion();
   const auto work = [&] { return flow.run(objects); };
-  Console& console = context.console;
-  const bool done = context.options.json ? RunShown(console, nullptr, work) : RunWithProgress(console, work);
+  const bool is_silent = context.options.json || context.options.quiet;
+  const bool done = is_silent ? RunShown(context, nullptr, work) : RunWithProgress(context, work);
   if (const auto status = objects.status->refused_status()) {
-    return ForbiddenChange(flow.noun, *status);
+    return ForbiddenChange(flow.name, *status);
   }
   if (!done) {
-    return objects.status->permitted() ? RecoveredChange(context, flow.noun) : FailedChange(flow.noun);
+    return objects.status->permitted() ? RecoveredChange(context, flow.name) : FailedChange(flow.name);
   }
   if (!flow.installs) {
     updater::EndRemovals(*context.lock);
-  } else if (!updater::ConfirmInstall(*context.lock, *objects.status)) {
-    return RecoveredChange(context, flow.noun);
+    return Downloaded();
   }
-  Outcome outcome = EndOfChange(kExitDone, "done");
-  outcome.text = flow.success;
-  outcome.change->happened = true;
-  if (!flow.installs) {
-    const StatusRecord record = ReadStatus();
-    outcome.change->offer = PackIdentity{record.new_pack_name, record.new_version};
+  if (!updater::ConfirmInstall(*context.lock, *objects.status)) {
+    return RecoveredChange(context, flow.name);
+  }
+  return Installed(before, Clock::now() - begin);
+}
+
+/// What the record says; without what cannot be read, which is for the flow itself to tell.
+StatusRecord RecordBefore() {
+  try {
+    return ReadStatus();
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
+/// Runs the flow and says what it was about.
+Outcome RunAbout(const Context& context, const UpdateObjects& objects, const std::string& recorded_version,
+                 const Flow& flow) {
+  Outcome outcome = RunFlow(context, objects, flow);
+  const std::string& offered = objects.handler->offered_version();
+  outcome.version = offered.empty() ? recorded_version : offered;
+  if (outcome.exit == kExitFailed) {
+    BlameRequirements(*objects.manager, outcome);
   }
   return outcome;
 }
@@ -103,20 +157,57 @@ bool InstallWhatIsAccepted(const UpdateObjects& objects) {
   return false;
 }
 
+Outcome NothingNewer(const std::string& installed, const std::string& offered) {
+  NoteAnsweredCheck();
+  Outcome outcome = EndOfChange(kExitNothingToDo, "nothing_new");
+  outcome.members["version"] = offered;
+  outcome.members["installed_version"] = installed;
+  outcome.text = "Already up to date (" + Printable(installed) + ").\n";
+  return outcome;
+}
+
+/// Asks the server, where the record names no offer yet, whether there is anything newer than the installed pack. The
+/// end of the update when there is not, or when the server gives no answer; empty when the update is to begin.
+std::optional<Outcome> EndWithoutUpdate(const UpdateObjects& objects, const StatusRecord& record) {
+  const std::optional<InstalledPack> pack = ReadInstalledPack();
+  const bool is_settled = record.status == updater::kStatusUpToDate || record.status == updater::kStatusLost;
+  if (!pack || !is_settled) {
+    return std::nullopt;
+  }
+  Json::Value offer;
+  if (!objects.manager->FetchDownloadInfo(updater::ChoosePack(*objects.manager).with_aac, offer)) {
+    return FailedChange("update");
+  }
+  if (objects.manager->IsAacNeeded() || objects.handler->CheckNewVersion(offer)) {
+    return std::nullopt;
+  }
+  const std::optional<std::string>& declined = objects.handler->declined_version();
+  return declined ? std::optional(NothingNewer(pack->identity.version, *declined)) : std::nullopt;
+}
+
 }  // namespace
 
 Outcome Download(Context& context) {
-  return RunFlow(context, {"download", [](const UpdateObjects& objects) { return objects.manager->Download(); },
-                           "The new pack is downloaded and verified. Install it with \"packctl install\".\n", false});
+  const UpdateObjects objects = MakeUpdateObjects();
+  return RunAbout(context, objects, RecordBefore().new_version,
+                  {"download", [](const UpdateObjects& made) { return made.manager->Download(); }, false});
 }
 
 Outcome Install(Context& context) {
-  return RunFlow(context, {"install", &InstallWhatIsAccepted, "The new pack is installed.\n", true});
+  const UpdateObjects objects = MakeUpdateObjects();
+  return RunAbout(context, objects, RecordBefore().new_version, {"install", &InstallWhatIsAccepted, true});
 }
 
 Outcome Update(Context& context) {
-  return RunFlow(context, {"update", [](const UpdateObjects& objects) { return objects.manager->DownloadAndInstall(); },
-                           "The new pack is downloaded and installed.\n", true});
+  const UpdateObjects objects = MakeUpdateObjects();
+  const StatusRecord record = RecordBefore();
+  if (!context.options.reinstall) {
+    if (std::optional<Outcome> end = EndWithoutUpdate(objects, record)) {
+      return *std::move(end);
+    }
+  }
+  return RunAbout(context, objects, record.new_version,
+                  {"update", [](const UpdateObjects& made) { return made.manager->DownloadAndInstall(); }, true});
 }
 
 }  // namespace orbamira::packctl

@@ -39,6 +39,7 @@ std::string CheckingPackHandler::GetDownloadVersion(const Json::Value& info) con
   Check(PackHandler::GetDownloadLink(info), kLongestLink, "link");
   std::string version = PackHandler::GetDownloadVersion(info);
   Check(version, kLongestVersion, "version");
+  offered_version_ = version;
   return version;
 }
 

@@ -32,10 +32,14 @@ class CheckingPackHandler : public updater::PackHandler {
   bool DownloadWithProgress(const std::string& link, const std::string& path,
                             std::function<void(long, long)>& progress) override;
 
+  /// The version of the last offer that was asked for its version or its link; empty before one was.
+  [[nodiscard]] const std::string& offered_version() const { return offered_version_; }
+
   /// The version that the server offered and that is no newer than the installed one; empty when no offer arrived.
   [[nodiscard]] const std::optional<std::string>& declined_version() const { return declined_version_; }
 
  private:
+  mutable std::string offered_version_;
   mutable std::optional<std::string> declined_version_;
   mutable std::map<std::string, std::int64_t> sizes_;  // of packages, by their links
 };

@@ -24,10 +24,14 @@ const char* CodeOf(FailureReason reason) {
       return "server_refused";
     case FailureReason::kBadReply:
       return "bad_reply";
+    case FailureReason::kNoPackOffered:
+      return "no_pack_offered";
     case FailureReason::kDownloadFailed:
       return "download_failed";
     case FailureReason::kNotConfigured:
       return "not_configured";
+    case FailureReason::kRequirementsUnreadable:
+      return "requirements_unreadable";
     case FailureReason::kInstallFailed:
       return "install_failed";
     case FailureReason::kRecordUnreadable:
@@ -40,6 +44,10 @@ const char* CodeOf(FailureReason reason) {
       return "interrupted";
     case FailureReason::kBusy:
       return "busy";
+    case FailureReason::kNotConfirmed:
+      return "not_confirmed";
+    case FailureReason::kCancelled:
+      return "cancelled";
     case FailureReason::kAccountFailed:
       return "account_failed";
     case FailureReason::kUnexpected:

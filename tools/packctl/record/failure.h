@@ -19,14 +19,18 @@ enum class FailureReason {
   kServerUnreachable,
   kServerRefused,
   kBadReply,
+  kNoPackOffered,
   kDownloadFailed,
   kNotConfigured,
+  kRequirementsUnreadable,
   kInstallFailed,
   kRecordUnreadable,
   kPermissionDenied,
   kNotPermitted,
   kInterrupted,
   kBusy,
+  kNotConfirmed,
+  kCancelled,
   kAccountFailed,
   kUnexpected,
 };
@@ -37,8 +41,8 @@ const char* CodeOf(FailureReason reason);
 /// Why a command failed, or was refused.
 struct Failure {
   std::string code = {};     ///< of a FailureReason
-  std::string message = {};  ///< continues "Update failed: "; no full stop at its end
-  std::string remedy = {};   ///< whole sentences
+  std::string message = {};  ///< a clause: "the disk is full"
+  std::string remedy = {};   ///< whole sentences, a command mostly; may be empty
 
   friend bool operator==(const Failure&, const Failure&) = default;
 };

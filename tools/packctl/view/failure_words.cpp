@@ -1,10 +1,14 @@
 #include "tools/packctl/view/failure_words.h"
 
 #include <algorithm>
+#include <array>
 #include <string_view>
 #include <system_error>
 
 #include "platform/constants.h"
+#include "tools/packctl/view/connection_words.h"
+#include "tools/packctl/view/result_words.h"
+#include "updater/update_request.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -17,9 +21,10 @@ constexpr const char* kRecover = "Run: sudo packctl recover";
 enum class Speaker { kAnyone, kPrograms };
 
 enum class Words {
-  kOwn,         ///< the rule's
-  kOwnAndRest,  ///< the rule's, and in parentheses what stands behind the sign
-  kLine,        ///< the line's
+  kOwn,          ///< the rule's
+  kOwnAndRest,   ///< the rule's, and in parentheses what stands behind the sign
+  kOwnAndCause,  ///< the rule's, and in parentheses what a program says behind its name and a file's
+  kLine,         ///< the line's
 };
 
 /// A reason, and the sign by which it is known.
@@ -40,6 +45,8 @@ std::vector<Rule> RulesFor(const std::string& command) {
   using enum FailureReason;
   const auto anyone = Speaker::kAnyone;
   const auto programs = Speaker::kPrograms;
+  const std::string malformed = "the update server's reply is malformed";
+  const std::string damaged = "the package is damaged";
   const std::string again = "un: sudo packctl " + command;
   const std::string room = "Make room, then r" + again;
   return {
@@ -53,17 +60,25 @@ std::vector<Rule> RulesFor(const std::string& command) {
        "the update server refuses the request", kDoctor},
       {kDownloadFailed, anyone, "Failed to download pack: ", Words::kOwnAndRest, "the package cannot be downloaded",
        kDoctor},
-      {kDownloadFailed, anyone, "Failed to download pack to ", Words::kLine, "", kDoctor},
-      {kKeyringUnusable, programs, path::kKeyring, Words::kLine, "", kDoctor},
-      {kBadSignature, programs, "MANIFEST", Words::kLine, "", kDoctor},
-      {kBadPackage, programs, "orba-archive: ", Words::kLine, "", kDoctor},
-      {kBadPackage, programs, "orba-tar: ", Words::kLine, "", kDoctor},
+      {kDownloadFailed, anyone, " from link: ", Words::kOwnAndRest, "the package cannot be downloaded", kDoctor},
+      {kKeyringUnusable, programs, path::kKeyring, Words::kOwnAndCause, "the keyring cannot be used", kDoctor},
+      {kBadSignature, programs, "MANIFEST", Words::kOwnAndCause, "the package's signature is not valid", kDoctor},
+      {kBadPackage, programs, "orba-archive: ", Words::kOwnAndCause, damaged, kDoctor},
+      {kBadPackage, programs, "orba-tar: ", Words::kOwnAndCause, damaged, kDoctor},
       {kInstallFailed, programs, "orba-", Words::kLine, "", kDoctor},
       {kChecksumMismatch, anyone, "Failed to verify checksum", Words::kOwn,
        "the package is not the one that the server announced", "R" + again},
-      {kBadReply, anyone, "Failed to parse response", Words::kLine, "", kDoctor},
-      {kBadReply, anyone, " info failed", Words::kLine, "", kDoctor},
+      {kBadReply, anyone, "Failed to parse response", Words::kOwn, "the update server's reply is not JSON", kDoctor},
+      {kNoPackOffered, anyone, "Get " + updater::PackName(false) + " info failed", Words::kOwn,
+       "the server offers no HEVC pack", kDoctor},
+      {kNoPackOffered, anyone, "Get " + updater::PackName(true) + " info failed", Words::kOwn,
+       "the server offers no HEVC pack with AAC", kDoctor},
       {kBadReply, anyone, "the update server's reply offers no pack", Words::kLine, "", kDoctor},
+      {kRequirementsUnreadable, anyone, path::kCodecRequirementsPath, Words::kOwn,
+       std::string(path::kCodecRequirementsPath) + " cannot be read", kDoctor},
+      {kBadReply, anyone, "Json::Value", Words::kOwn, malformed, kDoctor},
+      {kBadReply, anyone, "is not convertible to", Words::kOwn, malformed, kDoctor},
+      {kBadReply, anyone, "Exceeded stackLimit", Words::kOwn, malformed, kDoctor},
       {kNotConfigured, anyone, "Ignored ", Words::kLine, "", kDoctor},
       {kNotConfigured, anyone, "Bad request: ", Words::kLine, "", kDoctor},
       {kRecordUnreadable, anyone, "the recorded status cannot be read", Words::kOwn,
@@ -99,12 +114,22 @@ std::string EndOfOperation(const std::string& line) {
   return "";
 }
 
+// "orba-archive: FILE: CAUSE" without what stands in front of the cause.
+std::string CauseIn(const std::string& line) {
+  constexpr std::string_view kEnd = ": ";
+  const std::size_t file = line.find(kEnd);
+  const std::size_t cause = file == std::string::npos ? file : line.find(kEnd, file + kEnd.size());
+  return cause == std::string::npos ? line : line.substr(cause + kEnd.size());
+}
+
 std::string MessageOf(const Rule& rule, const std::string& line) {
   switch (rule.words) {
     case Words::kOwn:
       return rule.message;
     case Words::kOwnAndRest:
-      return rule.message + " (" + line.substr(line.find(rule.sign) + rule.sign.size()) + ")";
+      return rule.message + " (" + ConnectionWords(line.substr(line.find(rule.sign) + rule.sign.size())) + ")";
+    case Words::kOwnAndCause:
+      return rule.message + " (" + CauseIn(line) + ")";
     case Words::kLine:
       break;
   }
@@ -140,6 +165,24 @@ Failure Explain(const std::string& command, const Said& said) {
                      kDoctor);
 }
 
+// Whether the reason makes a sentence without the command.
+bool SaysItAll(const Failure& failure) {
+  using enum FailureReason;
+  constexpr std::array kWhole = {kServerUnreachable, kNoPackOffered, kPermissionDenied, kNotPermitted,
+                                 kInterrupted,       kBusy,          kNotConfirmed,     kCancelled};
+  return std::ranges::any_of(kWhole, [&](FailureReason reason) { return failure.code == CodeOf(reason); });
+}
+
+// "update to 1.1"
+std::string NounOf(const Work& work) {
+  const std::string version = work.version.empty() ? "" : " " + work.version;
+  if (work.command == "update") {
+    return version.empty() ? work.command : work.command + " to" + version;
+  }
+  const std::string noun = work.command == "remove" ? "removal" : work.command == "recover" ? "recovery" : work.command;
+  return version.empty() ? noun : noun + " of" + version;
+}
+
 }  // namespace
 
 Failure ExplainFailure(const std::string& command, const Said& said) {
@@ -150,13 +193,15 @@ Failure ExplainFailure(const std::string& command, const Said& said) {
   return failure;
 }
 
-std::string FailureSentence(const std::string& command, const Failure& failure,
+std::string FailureSentence(const Work& work, const Failure& failure,
                             const std::optional<std::string>& installed_version) {
-  const std::string rest =
-      installed_version ? "Version " + *installed_version + " stays installed. " : "No codec pack is installed. ";
-  std::string sentence = command + " failed: " + failure.message + ". " + rest + failure.remedy;
-  sentence.front() = static_cast<char>(sentence.front() - 'a' + 'A');
-  return sentence;
+  const std::string head = SaysItAll(failure) ? failure.message : NounOf(work) + " failed: " + failure.message;
+  const std::string stays = failure.code == CodeOf(FailureReason::kBusy) ? "" : " " + StaysSentence(installed_version);
+  return Capitalized(head) + "." + stays + (failure.remedy.empty() ? "" : " " + failure.remedy);
+}
+
+std::string FailureSentence(const Failure& failure) {
+  return Capitalized(failure.message) + "." + (failure.remedy.empty() ? "" : " " + failure.remedy);
 }
 
 }  // namespace orbamira::packctl

@@ -19,8 +19,18 @@ struct Said {
 /// Picks out of it why the command failed. The library's lines are part of its contract, so they can be relied on.
 Failure ExplainFailure(const std::string& command, const Said& said);
 
-/// All of it in one line: "Update failed: MESSAGE. Version 1.0 stays installed. REMEDY"
-std::string FailureSentence(const std::string& command, const Failure& failure,
+/// What a command worked on.
+struct Work {
+  std::string command = {};
+  std::string version = {};  ///< of the pack that it was about; empty when not known
+};
+
+/// How a command that changes something ended, in one line: "Update to 1.1 failed: MESSAGE. 1.0 stays installed.
+/// REMEDY". Of a reason that says it all, such as a server that cannot be reached, the line begins with the message.
+std::string FailureSentence(const Work& work, const Failure& failure,
                             const std::optional<std::string>& installed_version);
+
+/// The same of a command that changes nothing: "MESSAGE. REMEDY"
+std::string FailureSentence(const Failure& failure);
 
 }  // namespace orbamira::packctl

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "tools/packctl/view/result_words.h"
 #include "tools/packctl/view/status_words.h"
 
 namespace orbamira::packctl {
@@ -11,13 +12,6 @@ namespace {
 // A record of work under way without step and sizes is what the work begins with.
 std::string FirstWords(updater::PackStatus status) {
   return status == updater::kStatusInstalling ? "Preparing the install" : "Asking the update server";
-}
-
-std::string Capitalized(std::string words) {
-  if (!words.empty() && words.front() >= 'a' && words.front() <= 'z') {
-    words.front() = static_cast<char>(words.front() - 'a' + 'A');
-  }
-  return words;
 }
 
 }  // namespace

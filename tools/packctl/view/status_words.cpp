@@ -45,6 +45,27 @@ std::string PermittedCommands(updater::PackStatus status) {
   return commands;
 }
 
+const char* NextCommand(updater::PackStatus status) {
+  switch (status) {
+    case updater::kStatusLost:
+    case updater::kStatusUpToDate:
+      return "check";
+    case updater::kStatusNeedDownload:
+    case updater::kStatusDownloadInstallFailed:
+      return "update";
+    case updater::kStatusDownloadFailed:
+      return "download";
+    case updater::kStatusNeedInstall:
+    case updater::kStatusInstallFailed:
+      return "install";
+    case updater::kStatusDownloading:
+    case updater::kStatusInstalling:
+    case updater::kStatusDownloadingInstalling:
+      break;
+  }
+  return "recover";
+}
+
 const char* StepWords(const std::string& step) {
   if (step == "pre_uninstall") {
     return "telling applications that the old pack goes";

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+/// The sentences with which commands that change something end well.
+namespace orbamira::packctl {
+
+/// The words as they begin a sentence.
+std::string Capitalized(std::string words);
+
+/// How long something took: "7 s", "2 min 5 s"; "under 1 s" for less.
+std::string TookWords(std::chrono::milliseconds duration);
+
+/// "Installed 1.1.0 (was 1.0.0) in 7 s." `before` is the version that was installed before; empty without one.
+std::string InstalledSentence(const std::string& version, const std::optional<std::string>& before,
+                              std::chrono::milliseconds duration);
+
+/// What is safe: "1.0.0 stays installed." or "No codec pack is installed."
+std::string StaysSentence(const std::optional<std::string>& installed_version);
+
+}  // namespace orbamira::packctl
