@@ -12,8 +12,9 @@ PATIENCE = 600
 
 
 @contextlib.contextmanager
-def open_browser(*, width=1000, height=800, color_scheme="light"):
-    """Gives a webdriver.Chrome whose window has this size, in pixels, and whose user prefers this color scheme."""
+def open_browser(*, width=1000, height=800, color_scheme="light", language="en-US"):
+    """Gives a webdriver.Chrome whose window has this size, in pixels, and whose user prefers this color scheme and
+    these languages, the best first."""
     options = webdriver.ChromeOptions()
     options.binary_location = "/usr/bin/chromium"
     # The browser's own sandbox needs rights that neither root nor a container gives; it sees our pages only.
@@ -25,18 +26,36 @@ def open_browser(*, width=1000, height=800, color_scheme="light"):
         "--no-proxy-server",
         "--disable-background-networking",
         f"--window-size={width},{height}",
+        f"--accept-lang={language}",
     ):
         options.add_argument(argument)
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
     with webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options) as browser:
-        browser.execute_cdp_cmd(
-            "Emulation.setDeviceMetricsOverride",
-            {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": False},
-        )
-        browser.execute_cdp_cmd(
-            "Emulation.setEmulatedMedia", {"features": [{"name": "prefers-color-scheme", "value": color_scheme}]}
-        )
+        resize(browser, width, height)
+        set_color_scheme(browser, color_scheme)
         yield browser
+
+
+def set_color_scheme(browser, color_scheme):
+    browser.execute_cdp_cmd(
+        "Emulation.setEmulatedMedia", {"features": [{"name": "prefers-color-scheme", "value": color_scheme}]}
+    )
+
+
+def resize(browser, width, height):
+    browser.execute_cdp_cmd(
+        "Emulation.setDeviceMetricsOverride",
+        {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": False},
+    )
+
+
+def show_whole(browser, width):
+    """Gives the window this width and the height of the page in it."""
+    height = 800
+    for _ in range(2):  # the second time without the scroll bar of the first
+        resize(browser, width, height)
+        height = browser.execute_script("return Math.ceil(document.body.getBoundingClientRect().bottom)")
+    resize(browser, width, height)
 
 
 def save_screenshot(browser, name):

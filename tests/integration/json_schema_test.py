@@ -93,7 +93,7 @@ class JsonSchemaTest(unittest.TestCase):
     def test_is_a_schema_of_the_commands_that_there_are(self):
         jsonschema.Draft202012Validator.check_schema(self.schema)
         commands = [self.definition(name) for name in self.commands()]
-        parts = {"error", "status_text", "step_text", "pack", "history_entry", "web_state"}
+        parts = {"error", "status_text", "step_text", "pack", "history_entry", "web_state", "web_history"}
         self.assertEqual(set(self.schema["$defs"]) - parts, set(commands))
         self.assertEqual(
             [form["$ref"] for form in self.schema["anyOf"]],
@@ -221,9 +221,14 @@ class JsonSchemaTest(unittest.TestCase):
             self.assertEqual(first["status"], "lost")
             self.appliance.expect("update")
             done = self.check_state(address, after=first["tag"])
-            while done["status"] != "up_to_date" or not done["history"] or done["at_work"]:
+            while done["status"] != "up_to_date" or done["history_tag"] == first["history_tag"] or done["at_work"]:
                 done = self.check_state(address, after=done["tag"])
             self.assertEqual(done["installed"]["version"], "1.0")
+            with urllib.request.urlopen(f"{address}api/history", timeout=600) as answer:
+                history = json.load(answer)
+            self.validator("web_history").validate(history)
+            self.check_strict("web_history", history)
+            self.assertEqual(history["entries"][-1]["command"], "update")
             self.appliance.write_status('{"status": "dancing"}')
             while done["status"] is not None:
                 done = self.check_state(address, after=done["tag"])

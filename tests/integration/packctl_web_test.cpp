@@ -157,6 +157,8 @@ class PackctlWebTest : public testing::Test {
     return Ask("POST /api/" + action, fields, "{}");
   }
 
+  [[nodiscard]] Json::Value History() const { return Parsed(Ask("GET /api/history").body)["entries"]; }
+
   Json::Value State(const std::string& after = "") const { return Parsed(Ask("GET /api/state?after=" + after).body); }
 
   /// The first state for which the condition holds.
@@ -197,8 +199,9 @@ TEST_F(PackctlWebTest, ServesThePageAndItsPartsWithTheirTypes) {
   Start();
   for (const auto& [asked, file, type] : {std::tuple("/", "page.html", "text/html; charset=utf-8"),
                                           std::tuple("/page.css", "page.css", "text/css; charset=utf-8"),
+                                          std::tuple("/hero.css", "hero.css", "text/css; charset=utf-8"),
                                           std::tuple("/page.js", "page.js", "text/javascript; charset=utf-8"),
-                                          std::tuple("/reasons.js", "reasons.js", "text/javascript; charset=utf-8")}) {
+                                          std::tuple("/words.js", "words.js", "text/javascript; charset=utf-8")}) {
     const Answer answer = Ask(std::string("GET ") + asked);
     EXPECT_EQ(answer.status, 200) << asked;
     EXPECT_EQ(answer.body, test::ReadFile(fs::path(ORBAMIRA_TEST_WEB_PAGE) / file));
@@ -208,6 +211,22 @@ TEST_F(PackctlWebTest, ServesThePageAndItsPartsWithTheirTypes) {
     EXPECT_EQ(head.body, "");
   }
   EXPECT_THAT(Ask("GET /api/state").head, HasSubstr("\r\nContent-Type: application/json\r\n"));
+}
+
+TEST_F(PackctlWebTest, ServesTheWordsInTheLanguageThatTheBrowserLikesBest) {
+  const fs::path folder = fs::path(path::kDefaultPkgSetting).parent_path() / "web";
+  test::WriteFile(folder / "words.de.js", "deutsch");
+  test::WriteFile(folder / "words.fr.js", "francais");
+  Start();
+  const std::string english = test::ReadFile(folder / "words.js");
+  for (const auto& [languages, words] :
+       {std::pair("de-CH,de;q=0.9,en;q=0.8", std::string("deutsch")),
+        std::pair("it, FR;q=0.7, de;q=0.3", std::string("francais")), std::pair("en-GB,de;q=0.9", english),
+        std::pair("it", english), std::pair("../../secret", english), std::pair(",;-,", english)}) {
+    EXPECT_EQ(Ask("GET /words.js", {{"Accept-Language", languages}}).body, words) << languages;
+  }
+  EXPECT_EQ(Ask("GET /words.js").body, english);
+  EXPECT_EQ(Ask("GET /page.js", {{"Accept-Language", "de"}}).body, test::ReadFile(folder / "page.js"));
 }
 
 TEST_F(PackctlWebTest, EveryAnswerKeepsOtherSitesOut) {
@@ -239,8 +258,8 @@ TEST_F(PackctlWebTest, AnswersUnderItsOwnNamesAlone) {
 
 TEST_F(PackctlWebTest, KnowsNoOtherPathsAndMethods) {
   Start();
-  for (const char* path : {"/none", "/page.html", "/api", "/api/", "/api/state/", "/api/remove", "//", "/../etc/passwd",
-                           "/%2e%2e/etc/passwd", "/api/check/"}) {
+  for (const char* path : {"/none", "/page.html", "/api", "/api/", "/api/state/", "/api/sign-in", "//",
+                           "/../etc/passwd", "/%2e%2e/etc/passwd", "/api/check/"}) {
     EXPECT_EQ(Ask(std::string("GET ") + path).status, 404) << path;
   }
   for (const char* method : {"GET", "HEAD", "PUT", "DELETE", "OPTIONS", "TRACE"}) {
@@ -248,7 +267,7 @@ TEST_F(PackctlWebTest, KnowsNoOtherPathsAndMethods) {
     EXPECT_EQ(answer.status, 405) << method;
     EXPECT_THAT(answer.head, HasSubstr("\r\nAllow: POST\r\n"));
   }
-  for (const char* path : {"/", "/page.css", "/api/state"}) {
+  for (const char* path : {"/", "/page.css", "/api/state", "/api/history"}) {
     const Answer answer = Ask(std::string("POST ") + path);
     EXPECT_EQ(answer.status, 405) << path;
     EXPECT_THAT(answer.head, HasSubstr("\r\nAllow: GET, HEAD\r\n"));
@@ -291,7 +310,8 @@ TEST_F(PackctlWebTest, ActsForNobodyElse) {
       {{{"Host", "evil.example"}, {"Origin", "http://evil.example"}}, 403},
   };
   for (const auto& [changes, status] : refused) {
-    for (const char* action : {"check", "update"}) {
+    for (const char* action :
+         {"unlock", "check", "download", "install", "update", "reinstall", "remove", "recover", "doctor"}) {
       const Answer answer = Act(action, changes);
       EXPECT_EQ(answer.status, status) << changes.begin()->first << ": " << changes.begin()->second;
       EXPECT_FALSE(Parsed(answer.body)["error"].asString().empty());
@@ -324,9 +344,57 @@ TEST_F(PackctlWebTest, ChecksAndUpdates) {
   EXPECT_EQ(action["result"], "done");
   EXPECT_EQ(action["exit"], 0);
   EXPECT_EQ(Appliance::InstalledPayload(), "the first codec");
-  const Json::Value state = AwaitState([](const Json::Value& now) { return now["history"].size() == 2; });
-  EXPECT_EQ(state["history"][1]["command"], "update");
-  EXPECT_EQ(state["installed"]["version"], "1.0");
+  Await([&] { return History().size() == 2; });
+  EXPECT_EQ(History()[1]["command"], "update");
+  EXPECT_EQ(State()["installed"]["version"], "1.0");
+}
+
+TEST_F(PackctlWebTest, TellsOfTheHistoryByATagOfItsOwn) {
+  Start();
+  const std::string tag = State()["history_tag"].asString();
+  Status()->SetAsNeedDownload("3.0");
+  EXPECT_EQ(AwaitState([](const Json::Value& now) { return now["status"] == "need_download"; })["history_tag"], tag);
+  ASSERT_EQ(Appliance::Packctl({"update"}).status, 0);
+  AwaitState([&](const Json::Value& now) { return now["history_tag"] != tag; });
+  EXPECT_EQ(History()[0]["command"], "update");
+}
+
+TEST_F(PackctlWebTest, DownloadsInstallsAndRemoves) {
+  Start();
+  EXPECT_EQ(Act("unlock").status, 200);
+  EXPECT_FALSE(State()["why_not"]["download"].isNull());
+  EXPECT_EQ(Act("download").status, 409) << "nothing is on offer";
+  ASSERT_EQ(Appliance::Packctl({"check"}).status, 0);
+  for (const char* action : {"download", "install", "reinstall", "remove"}) {
+    AwaitState([&](const Json::Value& now) { return now["why_not"][action].isNull(); });
+    ASSERT_EQ(Act(action).status, 202) << action;
+    EXPECT_EQ(AwaitAction(action)["result"], "done") << action;
+    EXPECT_EQ(Appliance::InstalledPayload() == "the first codec", std::string(action).ends_with("install")) << action;
+  }
+}
+
+TEST_F(PackctlWebTest, RecoversWhatWasInterrupted) {
+  Status()->SetAsDownloadInstalling(512, 1024);
+  Start();
+  EXPECT_TRUE(State()["interrupted"].asBool());
+  EXPECT_EQ(Act("update").status, 409);
+  ASSERT_EQ(Act("recover").status, 202);
+  EXPECT_EQ(AwaitAction("recover")["result"], "done");
+  EXPECT_FALSE(AwaitState([](const Json::Value& now) { return !now["under_way"].asBool(); })["interrupted"].asBool());
+}
+
+TEST_F(PackctlWebTest, KeepsWhatTheDoctorFound) {
+  Start();
+  EXPECT_TRUE(State()["diagnosis"].isNull());
+  test::WriteFile(path::kPkgSetting, "pack_update_server=\"nowhere\"\n");
+  ASSERT_EQ(Act("doctor").status, 202);
+  EXPECT_EQ(AwaitAction("doctor")["result"], "faults");
+  ASSERT_EQ(Act("check").status, 202);
+  AwaitAction("check");
+  const Json::Value diagnosis = State()["diagnosis"];
+  EXPECT_GT(diagnosis["time"].asInt64(), 0);
+  ASSERT_FALSE(diagnosis["findings"].empty());
+  EXPECT_EQ(diagnosis["findings"][0]["check"], "settings");
 }
 
 TEST_F(PackctlWebTest, TellsHowAnActionEndedThatTheHistoryKeepsSilentAbout) {
@@ -336,7 +404,7 @@ TEST_F(PackctlWebTest, TellsHowAnActionEndedThatTheHistoryKeepsSilentAbout) {
   const Json::Value action = AwaitAction("check");
   EXPECT_EQ(action["result"], "nothing_new");
   EXPECT_EQ(action["exit"], 2);
-  EXPECT_EQ(State()["history"].size(), 1U);
+  EXPECT_EQ(History().size(), 1U);
 }
 
 TEST_F(PackctlWebTest, TellsWhyAnActionFailed) {
@@ -373,12 +441,12 @@ TEST_F(PackctlWebTest, RefusesASecondActionWhileOneIsAtWork) {
   const Json::Value state = AwaitState([](const Json::Value& now) { return now["progress"]["percent"].asInt() > 0; });
   EXPECT_EQ(state["status"], "downloading_installing");
   EXPECT_TRUE(state["at_work"].asBool());
-  EXPECT_FALSE(state["may_check"].asBool());
-  EXPECT_FALSE(state["may_update"].asBool());
-  EXPECT_EQ(state["why_no_check"], "packctl update is at work");
+  for (const Json::Value& why_not : state["why_not"]) {
+    EXPECT_EQ(why_not, "packctl update is at work");
+  }
   appliance_.server().Release();
   EXPECT_EQ(AwaitAction("update")["result"], "done");
-  EXPECT_TRUE(State()["may_update"].asBool());
+  EXPECT_TRUE(State()["why_not"]["update"].isNull());
 }
 
 TEST_F(PackctlWebTest, RefusesAnActionWhileAnotherPackctlIsAtWork) {
@@ -397,12 +465,11 @@ TEST_F(PackctlWebTest, RefusesAnUpdateThatTheStatusForbids) {
   Status()->SetAsDownloadFailed();
   Start();
   const Json::Value state = State();
-  EXPECT_TRUE(state["may_check"].asBool());
-  EXPECT_FALSE(state["may_update"].asBool());
+  EXPECT_TRUE(state["why_not"]["check"].isNull());
   const Answer answer = Act("update");
   EXPECT_EQ(answer.status, 409);
-  EXPECT_EQ(Parsed(answer.body)["error"], state["why_no_update"]);
-  EXPECT_THAT(state["why_no_update"].asString(), HasSubstr("download_failed (the last download failed)"));
+  EXPECT_EQ(Parsed(answer.body)["error"], state["why_not"]["update"]);
+  EXPECT_THAT(state["why_not"]["update"].asString(), HasSubstr("download_failed (the last download failed)"));
 }
 
 TEST_F(PackctlWebTest, AnUpdateGoesOnWhenItsServerIsEnded) {

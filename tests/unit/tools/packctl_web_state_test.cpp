@@ -11,10 +11,13 @@
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
+#include "platform/json/json_line.h"
+#include "platform/json/json_values.h"
 #include "platform/key_value_store.h"
 #include "platform/paths.h"
 #include "tests/support/test_root.h"
 #include "tests/support/written_folders.h"
+#include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/web/state_json.h"
 #include "updater/pack_status_helper.h"
@@ -68,21 +71,21 @@ class StateReaderTest : public testing::Test {
 TEST_F(StateReaderTest, LookAtAFreshMachineFindsNothingAndNoProblem) {
   const Json::Value state = Look();
   EXPECT_EQ(state["status"], "lost");
-  EXPECT_EQ(state["meaning"], "nothing is recorded yet");
   EXPECT_FALSE(state["under_way"].asBool());
-  for (const char* member : {"step", "progress", "offer", "installed", "why_no_update"}) {
+  for (const char* member : {"step", "progress", "offer", "installed", "checked", "failure"}) {
     EXPECT_TRUE(state.isMember(member)) << member;
     EXPECT_TRUE(state[member].isNull()) << member;
   }
   EXPECT_TRUE(state["requested"].empty());
-  EXPECT_TRUE(state["history"].empty());
   EXPECT_TRUE(state["problems"].empty()) << state["problems"];
   EXPECT_FALSE(state["at_work"].asBool());
+  EXPECT_FALSE(state["interrupted"].asBool());
+  EXPECT_TRUE(HistoryJson(reader_.Look())["entries"].empty());
 }
 
 TEST_F(StateReaderTest, LookFindsThePackAndWhatWaits) {
   InstallPack();
-  test::WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player"]})");
+  test::WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player", "tv", 7], "hevc": {"camera": {}}})");
   Status()->SetAsNeedInstall("2.0", kHevcAacPack);
   const Json::Value state = Look();
   EXPECT_EQ(state["installed"]["package"], kHevcPack);
@@ -90,8 +93,10 @@ TEST_F(StateReaderTest, LookFindsThePackAndWhatWaits) {
   EXPECT_GT(state["installed"]["updated"].asInt64(), 0);
   ASSERT_EQ(state["installed"]["codecs"].size(), 1U);
   EXPECT_EQ(state["installed"]["codecs"][0], "hevc");
-  ASSERT_EQ(state["requested"].size(), 1U);
-  EXPECT_EQ(state["requested"][0], "aac");
+  ASSERT_EQ(state["requested"].size(), 2U);
+  EXPECT_EQ(state["requested"][0]["codec"], "aac");
+  EXPECT_EQ(state["requested"][0]["applications"], ListOf({"player", "tv"}));
+  EXPECT_EQ(state["requested"][1]["applications"], ListOf({"camera"}));
   EXPECT_EQ(state["offer"]["package"], kHevcAacPack);
   EXPECT_EQ(state["offer"]["version"], "2.0");
 }
@@ -102,15 +107,16 @@ TEST_F(StateReaderTest, LookFollowsTheProgressAndTheSteps) {
   EXPECT_TRUE(Look()["progress"].isNull());
   status->SetAsDownloadInstalling(512, 0);
   Json::Value progress = Look()["progress"];
-  EXPECT_EQ(progress["text"], "512 B");
+  EXPECT_EQ(progress["now"].asInt64(), 512);
   EXPECT_TRUE(progress["total"].isNull());
   EXPECT_TRUE(progress["percent"].isNull());
+  EXPECT_TRUE(progress["rate"].isNull());
   status->SetAsDownloadInstalling(3000000000, 4000000000);
   progress = Look()["progress"];
   EXPECT_EQ(progress["now"].asInt64(), 3000000000);
   EXPECT_EQ(progress["total"].asInt64(), 4000000000);
   EXPECT_EQ(progress["percent"], 75);
-  EXPECT_EQ(progress["text"], "2.8 GiB of 3.7 GiB (75 %)");
+  EXPECT_GT(progress["rate"].asInt64(), 0);
   InstallPack();
   EXPECT_EQ(Look()["installed"]["version"], "1.0") << "nothing of the record has changed: a look at all";
   status->SetAsDownloadInstalling(updater::kStepInstall);
@@ -120,22 +126,84 @@ TEST_F(StateReaderTest, LookFollowsTheProgressAndTheSteps) {
   EXPECT_TRUE(state["progress"].isNull());
 }
 
-TEST_F(StateReaderTest, LookNamesEveryStepInTheOrderOfAnUpgrade) {
-  std::string steps;
-  const Json::Value state = Look();
-  for (const Json::Value& step : state["steps"]) {
-    EXPECT_NE(step["words"], "");
-    steps += step["step"].asString() + " ";
+TEST_F(StateReaderTest, LookTellsWhyAnActionIsNotPermitted) {
+  Status()->SetAsDownloadFailed();
+  Json::Value why_not = Look()["why_not"];
+  EXPECT_EQ(why_not["update"],
+            "the update is not permitted while the recorded status is download_failed (the last download failed)");
+  EXPECT_EQ(why_not["install"],
+            "the install is not permitted while the recorded status is download_failed (the last download failed)");
+  EXPECT_EQ(why_not["remove"], "no codec pack is installed");
+  for (const char* action : {"check", "download", "recover", "doctor"}) {
+    EXPECT_TRUE(why_not.isMember(action)) << action;
+    EXPECT_TRUE(why_not[action].isNull()) << action;
   }
-  EXPECT_EQ(steps, "pre_uninstall uninstall post_uninstall pre_install install post_install ");
+  InstallPack();
+  Status()->SetAsDownloadInstalling(updater::kStepInstall);
+  why_not = Look()["why_not"];
+  for (const char* action : {"download", "install", "update", "reinstall", "remove"}) {
+    EXPECT_THAT(why_not[action].asString(), testing::HasSubstr(" is not permitted while the recorded status is "));
+  }
+  Status()->SetAsDownloadInstallFailed();
+  EXPECT_TRUE(Look()["why_not"]["update"].isNull());
+  EXPECT_TRUE(Look()["why_not"]["remove"].isNull());
 }
 
-TEST_F(StateReaderTest, LookTellsWhyAnUpdateIsNotPermitted) {
-  Status()->SetAsDownloadFailed();
-  EXPECT_EQ(Look()["why_no_update"],
-            "the update is not permitted while the recorded status is download_failed (the last download failed)");
+TEST_F(StateReaderTest, LookTellsInterruptedWorkFromWorkUnderWay) {
+  std::optional<updater::UpdateLock> lock(std::in_place);
+  Status()->SetAsDownloadInstalling(512, 1024);
+  Json::Value state = Look();
+  EXPECT_TRUE(state["at_work"].asBool());
+  EXPECT_FALSE(state["interrupted"].asBool());
+  lock.reset();
+  state = Look();
+  EXPECT_FALSE(state["at_work"].asBool());
+  EXPECT_TRUE(state["interrupted"].asBool());
+  Status()->SetAsUpToDate();
+  EXPECT_FALSE(Look()["interrupted"].asBool());
+}
+
+TEST_F(StateReaderTest, LookTellsWhichPackAnUpdateIsAbout) {
+  const PackIdentity found{"orbamira-hevc", "2.0"};
+  AppendToHistory({.time = 1, .command = "check", .to = found, .result = "new_pack"});
+  AppendToHistory({.time = 2, .command = "recover", .result = "done"});
+  Status()->SetAsDownloadInstalling(512, 1024);
+  EXPECT_EQ(Look()["offer"]["version"], "2.0");
   Status()->SetAsDownloadInstallFailed();
-  EXPECT_TRUE(Look()["why_no_update"].isNull());
+  EXPECT_EQ(Look()["offer"]["version"], "2.0");
+  Status()->SetAsUpToDate();
+  EXPECT_TRUE(Look()["offer"].isNull());
+  AppendToHistory({.time = 3, .command = "update", .to = found, .result = "done"});
+  Status()->SetAsDownloadInstallFailed();
+  EXPECT_TRUE(Look()["offer"].isNull()) << "that one is installed";
+}
+
+HistoryEntry Failed(const std::string& command, std::time_t time) {
+  return {.time = time, .command = command, .result = "failed", .exit = 1, .failure = Failure{"no_space", "full", ""}};
+}
+
+TEST_F(StateReaderTest, LookTellsOfAFailureUntilItIsMended) {
+  AppendToHistory(Failed("update", 10));
+  Status()->SetAsDownloadInstallFailed();
+  AppendToHistory(Failed("check", 20));
+  Json::Value failure = Look()["failure"];
+  EXPECT_EQ(failure["command"], "update") << "the record tells of it, whatever was asked since";
+  EXPECT_EQ(failure["error"]["code"], "no_space");
+  Status()->SetAsUpToDate();
+  EXPECT_EQ(Look()["failure"]["command"], "check");
+  fs::create_directories(fs::path(kDownloadFolder).parent_path());
+  NoteAnsweredCheck();
+  const Json::Value state = Look();
+  EXPECT_GT(state["checked"].asInt64(), 20);
+  EXPECT_TRUE(state["failure"].isNull()) << "a later check was answered";
+}
+
+TEST_F(StateReaderTest, LookTellsOfNoFailureThatWasFollowedBySomethingElse) {
+  AppendToHistory(Failed("check", 10));
+  AppendToHistory({.time = 11, .command = "update", .result = "done"});
+  EXPECT_TRUE(Look()["failure"].isNull());
+  Status()->SetAsInstallFailed("2.0", "orbamira-hevc");
+  EXPECT_TRUE(Look()["failure"].isNull()) << "who failed kept no history";
 }
 
 TEST_F(StateReaderTest, LookTellsOfARecordThatCannotBeReadAndOfTheRest) {
@@ -144,7 +212,9 @@ TEST_F(StateReaderTest, LookTellsOfARecordThatCannotBeReadAndOfTheRest) {
   Json::Value state = Look();
   EXPECT_TRUE(state["status"].isNull());
   EXPECT_EQ(state["problems"][0], "the recorded status cannot be read; \"packctl recover\" mends it");
-  EXPECT_EQ(state["why_no_update"], state["problems"][0]);
+  for (const char* action : {"install", "update", "remove"}) {
+    EXPECT_EQ(state["why_not"][action], state["problems"][0]);
+  }
   EXPECT_EQ(state["installed"]["version"], "1.0");
   Status()->SetAsUpToDate();
   state = Look();
@@ -156,21 +226,29 @@ TEST_F(StateReaderTest, LookTellsOfAHistoryThatCannotBeReadAndOfTheRest) {
   InstallPack();
   fs::create_directories(path::kHistoryFile);
   const Json::Value state = Look();
-  EXPECT_TRUE(state["history"].isArray());
-  EXPECT_TRUE(state["history"].empty());
   EXPECT_EQ(state["installed"]["version"], "1.0");
   ASSERT_EQ(state["problems"].size(), 1U);
   EXPECT_THAT(state["problems"][0].asString(), testing::HasSubstr("is no file"));
 }
 
-TEST_F(StateReaderTest, LookShowsTheNewestTwentyEntries) {
-  for (int i = 0; i < 30; ++i) {
-    AppendToHistory({.time = i, .command = "check", .result = "new_pack"});
+TEST_F(StateReaderTest, LookShowsTheNewestThousandEntries) {
+  std::string lines;
+  for (int i = 0; i < 1010; ++i) {
+    lines += JsonLine(HistoryEntry{.time = i, .command = "check", .result = "new_pack"}.ToJson());
   }
-  const Json::Value history = Look()["history"];
-  ASSERT_EQ(history.size(), 20U);
+  test::WriteFile(path::kHistoryFile, lines);
+  const Json::Value history = HistoryJson(reader_.Look())["entries"];
+  ASSERT_EQ(history.size(), 1000U);
   EXPECT_EQ(history[0]["time"], 10);
-  EXPECT_EQ(history[19]["time"], 29);
+  EXPECT_EQ(history[999]["time"], 1009);
+}
+
+TEST_F(StateReaderTest, LookCountsTheChangesOfTheHistory) {
+  const unsigned long before = reader_.Look().history_changes;
+  Status()->SetAsUpToDate();
+  EXPECT_EQ(reader_.Look().history_changes, before);
+  AppendToHistory({.time = 1, .command = "check", .result = "new_pack"});
+  EXPECT_EQ(reader_.Look().history_changes, before + 1);
 }
 
 TEST_F(StateReaderTest, LookTellsWhetherAnotherIsAtWork) {

@@ -45,31 +45,33 @@ void AddDistrusted(fs::path path, std::map<fs::path, std::string>& distrusted) {
 std::vector<fs::path> WhatIsBelieved() {
   const fs::path programs = fs::path(path::kOrbaArchivePath).parent_path();
   const fs::path page = fs::path(path::kDefaultPkgSetting).parent_path() / "web";
-  return {path::kPkgSetting,
-          path::kDefaultPkgSetting,
-          common::kDefaultOrbaInfoPath,
-          common::kDefaultVersionPath,
-          kPackageInfoPath,
-          path::kKeyring,
-          path::kAccountFile,
-          path::kPackStatusFile,
-          path::kHistoryFile,
-          kTargetFolder,
-          path::kPackInfoPath,
-          kDownloadFolder,
-          path::kOrbaArchivePath,
-          path::kTarPath,
-          path::kCpPath,
-          path::kRmPath,
-          path::kNotifyPluginPyPath,
-          path::kGetAppIdPyPath,
-          programs / "orba-account",
-          page / "page.html",
-          page / "page.css",
-          page / "page.js",
-          page / "reasons.js",
-          fs::path(path::kTempPluginAppIdPath).parent_path(),
-          fs::path(path::kPackctlLock).parent_path()};
+  std::vector<fs::path> believed = {path::kPkgSetting,
+                                    path::kDefaultPkgSetting,
+                                    common::kDefaultOrbaInfoPath,
+                                    common::kDefaultVersionPath,
+                                    kPackageInfoPath,
+                                    path::kKeyring,
+                                    path::kAccountFile,
+                                    path::kPackStatusFile,
+                                    path::kHistoryFile,
+                                    kTargetFolder,
+                                    path::kPackInfoPath,
+                                    kDownloadFolder,
+                                    path::kOrbaArchivePath,
+                                    path::kTarPath,
+                                    path::kCpPath,
+                                    path::kRmPath,
+                                    path::kNotifyPluginPyPath,
+                                    path::kGetAppIdPyPath,
+                                    programs / "orba-account",
+                                    page,
+                                    fs::path(path::kTempPluginAppIdPath).parent_path(),
+                                    fs::path(path::kPackctlLock).parent_path()};
+  std::error_code error;  // without a page there is nothing to show
+  for (const fs::directory_entry& file : fs::directory_iterator(page, error)) {
+    believed.push_back(file.path());
+  }
+  return believed;
 }
 
 void CheckTrust(Findings& findings) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,9 @@ inline constexpr const char* kHevc = "hevc";
 struct CodecReport {
   std::vector<std::string> installed = {};
   std::vector<std::string> requested = {};  ///< those that an application asks for
-  std::vector<std::string> problems = {};   ///< why `requested` cannot be told, a sentence each; mostly empty
+  /// Who asks for them, by codec; 20 of each at most. Empty where that cannot be told.
+  std::map<std::string, std::vector<std::string>> applications = {};
+  std::vector<std::string> problems = {};  ///< why `requested` cannot be told, a sentence each; mostly empty
 
   friend bool operator==(const CodecReport&, const CodecReport&) = default;
 };

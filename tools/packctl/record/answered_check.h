@@ -1,5 +1,8 @@
 #pragma once
 
+#include <ctime>
+#include <optional>
+
 /// When the update server last answered a check.
 namespace orbamira::packctl {
 
@@ -7,5 +10,8 @@ namespace orbamira::packctl {
 /// folder. By its age the services see after a boot whether the daily check was missed. Where it cannot be noted, one
 /// check more is made.
 void NoteAnsweredCheck();
+
+/// When it was noted last, in seconds since the epoch; empty when it never was.
+std::optional<std::time_t> LastAnsweredCheck();
 
 }  // namespace orbamira::packctl

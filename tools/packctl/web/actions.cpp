@@ -27,7 +27,7 @@ namespace orbamira::packctl {
 namespace {
 
 // What a command may say, and more; the rest is in the system log.
-constexpr std::size_t kMaxSaid = 16UL * 1024;
+constexpr std::size_t kMaxSaid = 64UL * 1024;
 
 // Files without a name, which take what is written even when we are gone.
 struct Output {
@@ -91,10 +91,14 @@ std::vector<std::string> SentencesIn(const std::string& errors) {
   return sentences;
 }
 
-// The output is what the command prints with --json.
+// What the command printed with --json.
+Json::Value AnswerIn(const Output& output) {
+  return ParseJsonObject(TextOf(output.answer)).value_or(Json::objectValue);
+}
+
 WebAction EndOfProgram(const std::string& command, int exit, const Output& output) {
   WebAction ended{.command = command, .exit = exit, .problems = SentencesIn(TextOf(output.errors))};
-  const Json::Value answer = ParseJsonObject(TextOf(output.answer)).value_or(Json::objectValue);
+  const Json::Value answer = AnswerIn(output);
   if (answer["result"].isString()) {
     ended.result = answer["result"].asString();
   }
@@ -153,7 +157,7 @@ WebActions::~WebActions() {
   }
 }
 
-bool WebActions::Start(const std::string& command) {
+bool WebActions::Start(const PageAction& action) {
   if (const auto last = Last(); last && last->running) {
     return false;
   }
@@ -161,11 +165,14 @@ bool WebActions::Start(const std::string& command) {
     waiter_.join();
   }
   auto output = std::make_shared<const Output>(Output{MakeFile(), MakeFile()});
+  const std::string command = action.name;
   const bool by_unit = command == "update" && !update_unit_.empty();
   const std::optional<HistoryEntry> before = NewestEntry();
+  std::vector<std::string> line = {"packctl", "--json"};
+  line.insert(line.end(), action.arguments.begin(), action.arguments.end());
   // The program that we are, also after a newer one took its place.
   const pid_t pid = by_unit ? Spawn("systemctl", {"systemctl", "start", update_unit_}, *output)
-                            : Spawn("/proc/self/exe", {"packctl", command, "--json"}, *output);
+                            : Spawn("/proc/self/exe", line, *output);
   const std::lock_guard lock(mutex_);
   waiter_ = std::thread([this, pid, output, by_unit, before, command] {
     const int exit = ExitStatusOf(pid);
@@ -173,6 +180,9 @@ bool WebActions::Start(const std::string& command) {
     {
       const std::lock_guard guard(mutex_);
       last_ = std::move(ended);
+      if (const Json::Value findings = AnswerIn(*output)["findings"]; findings.isArray()) {
+        diagnosis_ = Diagnosis{std::time(nullptr), findings};
+      }
     }
     changed_();
   });
@@ -183,6 +193,11 @@ bool WebActions::Start(const std::string& command) {
 std::optional<WebAction> WebActions::Last() const {
   const std::lock_guard lock(mutex_);
   return last_;
+}
+
+std::optional<Diagnosis> WebActions::LastDiagnosis() const {
+  const std::lock_guard lock(mutex_);
+  return diagnosis_;
 }
 
 }  // namespace orbamira::packctl

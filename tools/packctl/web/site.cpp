@@ -5,9 +5,10 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <array>
+#include <climits>
 #include <exception>
-#include <filesystem>
-#include <tuple>
+#include <string_view>
 #include <utility>
 
 #include "platform/constants.h"
@@ -17,31 +18,20 @@
 namespace orbamira::packctl {
 namespace {
 
-constexpr const char* kCheckPath = "/api/check";
-constexpr const char* kUpdatePath = "/api/update";
+constexpr std::string_view kApi = "/api/";
 constexpr const char* kStatePath = "/api/state";
+constexpr const char* kHistoryPath = "/api/history";
+constexpr const char* kUnlockPath = "/api/unlock";
 
-/// The page's files, by the paths that they are asked for under.
-std::map<std::string, HttpReply> ReadPage() {
-  constexpr std::size_t kMaxSize = 256UL * 1024;
-  constexpr const char* kScript = "text/javascript; charset=utf-8";
-  const auto folder = std::filesystem::path(path::kDefaultPkgSetting).parent_path() / "web";
-  std::map<std::string, HttpReply> page;
-  for (const auto& [asked, name, type] :
-       {std::tuple("/", "page.html", "text/html; charset=utf-8"),
-        std::tuple("/page.css", "page.css", "text/css; charset=utf-8"), std::tuple("/page.js", "page.js", kScript),
-        std::tuple("/reasons.js", "reasons.js", kScript)}) {
-    const std::string path = folder / name;
-    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!file.valid()) {
-      ThrowErrno("cannot read the page " + path);
-    }
-    std::string text(kMaxSize, '\0');
-    text.resize(ReadFully(file.get(), text.data(), text.size(), path));
-    page[asked] = {.type = type, .body = std::make_shared<const std::string>(text)};
-  }
-  return page;
+const PageAction* ActionOf(const HttpRequest& request) {
+  return request.path.starts_with(kApi) ? FindPageAction(request.path.substr(kApi.size())) : nullptr;
 }
+
+HttpReply JsonReply(int status, const Json::Value& json) {
+  return {.status = status, .body = std::make_shared<const std::string>(JsonLine(json))};
+}
+
+constexpr const char* kLocked = "the state cannot be read: another program keeps a lock";
 
 UniqueFd MakeEvent() {
   UniqueFd event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -49,6 +39,11 @@ UniqueFd MakeEvent() {
     ThrowErrno("cannot wait for changes");
   }
   return event;
+}
+
+std::string HostName() {
+  std::array<char, HOST_NAME_MAX + 1> name{};
+  return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
 }
 
 std::string UserName() {
@@ -59,10 +54,9 @@ std::string UserName() {
 }  // namespace
 
 WebSite::WebSite(Context& context, std::string token, bool port_is_held)
-    : server_{.user = UserName(), .port_is_held = port_is_held},
+    : server_{.name = HostName(), .user = UserName(), .port_is_held = port_is_held},
       access_(std::move(token), context.options.web.host_names),
       tag_front_(MakeToken().substr(0, 16) + "-"),
-      page_(ReadPage()),
       changed_(MakeEvent()),
       state_(context.console, [this] { TellOfChange(); }),
       actions_(context.options.web.update_unit, [this] {
@@ -74,9 +68,9 @@ std::optional<HttpReply> WebSite::Answer(const HttpRequest& request, bool may_wa
   if (auto refusal = access_.RefuseReading(request)) {
     return refusal;
   }
-  const auto page = page_.find(request.path);
-  const bool acts = request.path == kCheckPath || request.path == kUpdatePath;
-  if (page == page_.end() && request.path != kStatePath && !acts) {
+  const HttpReply* const file = page_.Find(request);
+  const bool acts = request.path == kUnlockPath || ActionOf(request) != nullptr;
+  if (file == nullptr && request.path != kStatePath && request.path != kHistoryPath && !acts) {
     return ErrorReply(404, "there is nothing here");
   }
   const bool reads = request.method == "GET" || request.method == "HEAD";
@@ -86,9 +80,12 @@ std::optional<HttpReply> WebSite::Answer(const HttpRequest& request, bool may_wa
     return refusal;
   }
   if (acts) {
-    return StartAction(request);
+    return Act(request);
   }
-  return page == page_.end() ? AnswerState(request, may_wait) : page->second;
+  if (file != nullptr) {
+    return *file;
+  }
+  return request.path == kHistoryPath ? AnswerHistory() : AnswerState(request, may_wait);
 }
 
 void WebSite::TellOfChange() {
@@ -106,8 +103,12 @@ std::optional<HttpReply> WebSite::AnswerState(const HttpRequest& request, bool m
   if (may_wait && (text_ == nullptr || request.query == "after=" + tag_)) {
     return std::nullopt;
   }
-  return text_ == nullptr ? ErrorReply(503, "the state cannot be read: another program keeps a lock")
-                          : HttpReply{.body = text_};
+  return text_ == nullptr ? ErrorReply(503, kLocked) : HttpReply{.body = text_};
+}
+
+HttpReply WebSite::AnswerHistory() const {
+  const std::optional<WebState::Seen> seen = state_.Latest();
+  return seen ? JsonReply(200, HistoryJson(seen->state)) : ErrorReply(503, kLocked);
 }
 
 // Nothing before the first look has ended.
@@ -116,11 +117,14 @@ std::shared_ptr<const std::string> WebSite::StateText() const {
   if (!seen) {
     return nullptr;
   }
-  return std::make_shared<const std::string>(JsonLine(PageJson({.seen = *seen,
-                                                                .tag = tag_,
-                                                                .server = server_,
-                                                                .action = actions_.Last(),
-                                                                .busy = WhoIsBusy(seen->state.at_work)})));
+  return std::make_shared<const std::string>(
+      JsonLine(PageJson({.seen = *seen,
+                         .tag = tag_,
+                         .history_tag = tag_front_ + std::to_string(seen->state.history_changes),
+                         .server = server_,
+                         .action = actions_.Last(),
+                         .diagnosis = actions_.LastDiagnosis(),
+                         .busy = WhoIsBusy(seen->state.at_work)})));
 }
 
 std::string WebSite::WhoIsBusy(bool others_are) const {
@@ -131,21 +135,26 @@ std::string WebSite::WhoIsBusy(bool others_are) const {
   return others_are ? "another program is at work" : "";
 }
 
-HttpReply WebSite::StartAction(const HttpRequest& request) {
+HttpReply WebSite::Act(const HttpRequest& request) {
   if (auto refusal = access_.RefuseActing(request)) {
     return *std::move(refusal);
   }
+  if (request.path == kUnlockPath) {
+    return JsonReply(200, Json::objectValue);
+  }
+  return StartAction(*ActionOf(request));
+}
+
+HttpReply WebSite::StartAction(const PageAction& action) {
   if (const std::string busy = WhoIsBusy(HolderOf(path::kPackctlLock).has_value()); !busy.empty()) {
     return ErrorReply(409, busy);
   }
-  const bool updates = request.path == kUpdatePath;
   const std::optional<WebState::Seen> seen = state_.Latest();
-  if (const std::string why_not = updates && seen ? WhyNoUpdate(seen->state) : ""; !why_not.empty()) {
+  if (const std::string why_not = seen ? action.why_not(seen->state) : ""; !why_not.empty()) {
     return ErrorReply(409, Printable(why_not));
   }
-  const std::string command = updates ? "update" : "check";
   try {
-    if (!actions_.Start(command)) {
+    if (!actions_.Start(action)) {
       return ErrorReply(409, WhoIsBusy(true));
     }
   } catch (const std::exception& error) {
@@ -154,8 +163,8 @@ HttpReply WebSite::StartAction(const HttpRequest& request) {
   TellOfChange();
   state_.LookAgain();
   Json::Value started;
-  started["started"] = command;
-  return {.status = 202, .body = std::make_shared<const std::string>(JsonLine(started))};
+  started["started"] = action.name;
+  return JsonReply(202, started);
 }
 
 }  // namespace orbamira::packctl

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,6 +10,7 @@
 #include "tools/packctl/cli/command.h"
 #include "tools/packctl/web/access.h"
 #include "tools/packctl/web/actions.h"
+#include "tools/packctl/web/page_files.h"
 #include "tools/packctl/web/state.h"
 #include "tools/packctl/web/state_json.h"
 
@@ -32,14 +32,16 @@ class WebSite {
  private:
   void TellOfChange();
   std::optional<HttpReply> AnswerState(const HttpRequest& request, bool may_wait);
+  HttpReply AnswerHistory() const;
   std::shared_ptr<const std::string> StateText() const;
   [[nodiscard]] std::string WhoIsBusy(bool others_are) const;
-  HttpReply StartAction(const HttpRequest& request);
+  HttpReply Act(const HttpRequest& request);
+  HttpReply StartAction(const PageAction& action);
 
   WebServerIdentity server_;
   WebAccess access_;
   std::string tag_front_;  // another one each time the program is started
-  std::map<std::string, HttpReply> page_;
+  PageFiles page_;
   UniqueFd changed_;
   std::atomic<unsigned long> changes_ = 0;
   WebState state_;

@@ -15,9 +15,9 @@
 
 #include "platform/constants.h"
 #include "platform/posix/files.h"
+#include "tools/packctl/cli/command.h"
+#include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/record/file_watch.h"
-#include "tools/packctl/view/status_words.h"
-#include "updater/pack_status_helper.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -42,7 +42,7 @@ void LookAtCodecs(Console& console, MachineState& state) try {
 }
 
 void LookAtHistory(MachineState& state) try {
-  constexpr std::size_t kShownEntries = 20;
+  constexpr std::size_t kShownEntries = 1000;
   History history = ReadHistory();
   const std::size_t passed_over = history.entries.size() - std::min(history.entries.size(), kShownEntries);
   history.entries.erase(history.entries.begin(), history.entries.begin() + static_cast<std::ptrdiff_t>(passed_over));
@@ -55,6 +55,11 @@ void LookAtHistory(MachineState& state) try {
 // Whether the record tells of the same work, further on.
 bool IsOnlyProgress(const std::optional<StatusRecord>& before, const std::optional<StatusRecord>& now) {
   return before && now && before->status == now->status && before->install_step == now->install_step && before != now;
+}
+
+bool IsFailed(updater::PackStatus status) {
+  return status == updater::kStatusDownloadFailed || status == updater::kStatusInstallFailed ||
+         status == updater::kStatusDownloadInstallFailed;
 }
 
 }  // namespace
@@ -85,31 +90,70 @@ std::optional<int> HolderOf(const std::string& lock_path) {
   return std::nullopt;
 }
 
-std::string WhyNoUpdate(const MachineState& state) {
+std::optional<PackIdentity> OfferedPack(const MachineState& state) {
   if (!state.record) {
-    return state.record_problem;
+    return std::nullopt;
   }
-  const updater::PackStatus status = state.record->status;
-  if (updater::PackStatusHelper(nullptr).CanDoDownloadInstall(status)) {
-    return "";
+  if (!state.record->new_version.empty()) {
+    return PackIdentity{state.record->new_pack_name, state.record->new_version};
   }
-  return std::string("the update is not permitted while the recorded status is ") + StatusText(status) + " (" +
-         StatusMeaning(status) + ")";
+  // The library records no version once an update has begun.
+  if (!IsUnderWay(state.record->status) && !IsFailed(state.record->status)) {
+    return std::nullopt;
+  }
+  const auto told = std::find_if(state.history.rbegin(), state.history.rend(), [](const HistoryEntry& entry) {
+    return entry.exit == kExitDone && entry.command != "recover" && entry.command != "remove";
+  });
+  const bool is_found = told != state.history.rend() && (told->command == "check" || told->command == "download");
+  return is_found ? told->to : std::nullopt;
+}
+
+std::optional<HistoryEntry> UnmendedFailure(const MachineState& state) {
+  const bool is_recorded = state.record && IsFailed(state.record->status);
+  for (auto entry = state.history.rbegin(); entry != state.history.rend(); ++entry) {
+    const bool is_check = entry->command == "check";
+    if (entry->exit != kExitDone && (is_recorded ? !is_check : entry->time > state.checked.value_or(0))) {
+      return *entry;
+    }
+    if (!is_recorded) {
+      break;
+    }
+  }
+  return std::nullopt;
+}
+
+// Work that ends or begins during the look is not taken for interrupted work: the lock is looked at on both sides.
+void StateReader::LookAtWork(MachineState& state) {
+  const bool was_at_work = HolderOf(path::kPackctlLock).has_value();
+  LookAtRecord(state);
+  state.at_work = HolderOf(path::kPackctlLock).has_value() || was_at_work;
+  const bool is_under_way = state.record && IsUnderWay(state.record->status);
+  state.interrupted = is_under_way && !state.at_work;
+  if (is_under_way && state.record->download_size_now > 0) {
+    meter_.Add(state.record->download_size_now, RateMeter::Clock::now());
+    state.rate = meter_.rate();
+  } else {
+    meter_ = {};
+  }
 }
 
 MachineState StateReader::Look() {
   MachineState now;
-  LookAtRecord(now);
+  LookAtWork(now);
   if (IsOnlyProgress(state_.record, now.record)) {
     state_.record = now.record;
-  } else {
-    now.installed = ReadInstalledPack();
-    LookAtCodecs(console_, now);
-    LookAtHistory(now);
-    console_.TakeHeld();
-    state_ = std::move(now);
+    state_.rate = now.rate;
+    state_.at_work = now.at_work;
+    state_.interrupted = now.interrupted;
+    return state_;
   }
-  state_.at_work = HolderOf(path::kPackctlLock).has_value();
+  now.installed = ReadInstalledPack();
+  now.checked = LastAnsweredCheck();
+  LookAtCodecs(console_, now);
+  LookAtHistory(now);
+  console_.TakeHeld();
+  now.history_changes = state_.history_changes + (now.history == state_.history ? 0 : 1);
+  state_ = std::move(now);
   return state_;
 }
 

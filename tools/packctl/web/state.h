@@ -15,6 +15,7 @@
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
+#include "tools/packctl/view/progress_text.h"
 
 /// What the page shows of the machine.
 namespace orbamira::packctl {
@@ -28,16 +29,25 @@ struct MachineState {
   std::optional<StatusRecord> record = {};  ///< empty when it cannot be read
   std::string record_problem = {};          ///< why not
   std::optional<InstalledPack> installed = {};
-  std::optional<CodecReport> codecs = {};  ///< empty when they cannot be told
-  std::vector<HistoryEntry> history = {};  ///< the newest entries, oldest first
-  std::vector<std::string> problems = {};  ///< what could not be read, a sentence each
-  bool at_work = false;                    ///< a program holds the update lock
+  std::optional<CodecReport> codecs = {};   ///< empty when they cannot be told
+  std::vector<HistoryEntry> history = {};   ///< the newest entries, oldest first: a year of them, bounded
+  unsigned long history_changes = 0;        ///< how often another history was found
+  std::optional<std::time_t> checked = {};  ///< when the update server last answered a check
+  std::vector<std::string> problems = {};   ///< what could not be read, a sentence each
+  std::optional<double> rate = {};          ///< of the download under way, in bytes per second
+  bool at_work = false;                     ///< a program holds the update lock
+  bool interrupted = false;                 ///< the record tells of work, and nobody is at work
 
   friend bool operator==(const MachineState&, const MachineState&) = default;
 };
 
-/// Why an update may not begin in this state; empty when it may.
-std::string WhyNoUpdate(const MachineState& state);
+/// The pack that waits, is being installed or could not be: what is recorded, or else what the last check found. Empty
+/// when there is none, or nobody told of it.
+std::optional<PackIdentity> OfferedPack(const MachineState& state);
+
+/// The failure that nothing has mended since: of the last update, download or install while the record says that it
+/// failed, and of the last check while no later one was answered.
+std::optional<HistoryEntry> UnmendedFailure(const MachineState& state);
 
 /// Looks at what there is to show.
 class StateReader {
@@ -50,8 +60,11 @@ class StateReader {
   MachineState Look();
 
  private:
+  void LookAtWork(MachineState& state);
+
   Console& console_;
   MachineState state_;  // of the last look
+  RateMeter meter_;
 };
 
 /// Looks whenever something has changed, on a thread of its own: it may have to wait for a lock that somebody keeps,

@@ -1,20 +1,16 @@
 #include "tools/packctl/web/state_json.h"
 
-#include <array>
+#include <cmath>
 
 #include "platform/json/json_values.h"
 #include "platform/printable.h"
 #include "tools/packctl/view/progress_text.h"
-#include "tools/packctl/view/status_words.h"
+#include "tools/packctl/web/page_actions.h"
 
 namespace orbamira::packctl {
 namespace {
 
-// In the order in which an update takes them.
-constexpr std::array kSteps = {"pre_uninstall", "uninstall", "post_uninstall",
-                               "pre_install",   "install",   "post_install"};
-
-Json::Value ProgressJson(const StatusRecord& record) {
+Json::Value ProgressJson(const StatusRecord& record, const std::optional<double>& rate) {
   const DownloadProgress progress{.now = record.download_size_now, .total = record.download_size_total};
   Json::Value json;
   if (progress.now <= 0 && progress.total <= 0) {
@@ -24,43 +20,30 @@ Json::Value ProgressJson(const StatusRecord& record) {
   json["now"] = Json::Int64{progress.now};
   json["total"] = known ? Json::Value(Json::Int64{progress.total}) : Json::Value();
   json["percent"] = known ? Json::Value(progress.Percent()) : Json::Value();
-  json["text"] = FormatProgress(progress);
+  json["rate"] = rate ? Json::Value(Json::Int64{std::llround(*rate)}) : Json::Value();
   return json;
 }
 
-Json::Value StepsJson() {
-  Json::Value steps = Json::arrayValue;
-  for (const char* step : kSteps) {
-    Json::Value& entry = steps.append(Json::objectValue);
-    entry["step"] = step;
-    entry["words"] = StepWords(step);
-  }
-  return steps;
-}
-
-Json::Value OfferJson(const StatusRecord& record) {
+Json::Value OfferJson(const std::optional<PackIdentity>& pack) {
   Json::Value offer;
-  if (!record.new_version.empty()) {
-    offer["package"] = NullIfEmpty(record.new_pack_name);
-    offer["version"] = record.new_version;
+  if (pack) {
+    offer["package"] = NullIfEmpty(pack->package);
+    offer["version"] = pack->version;
   }
   return offer;
 }
 
-void AddRecord(const StatusRecord& record, Json::Value& json) {
+void AddRecord(const StatusRecord& record, const std::optional<double>& rate, Json::Value& json) {
   json["status"] = StatusText(record.status);
-  json["meaning"] = StatusMeaning(record.status);
   json["under_way"] = IsUnderWay(record.status);
   json["step"] = NullIfEmpty(record.install_step);
-  json["progress"] = ProgressJson(record);
-  json["offer"] = OfferJson(record);
+  json["progress"] = ProgressJson(record, rate);
 }
 
 void AddNoRecord(Json::Value& json) {
-  for (const char* member : {"status", "step", "progress", "offer"}) {
+  for (const char* member : {"status", "step", "progress"}) {
     json[member] = Json::nullValue;
   }
-  json["meaning"] = "the record cannot be read";
   json["under_way"] = false;
 }
 
@@ -75,11 +58,20 @@ Json::Value InstalledJson(const MachineState& state) {
   return json;
 }
 
-Json::Value HistoryJson(const std::vector<HistoryEntry>& entries) {
+Json::Value RequestedJson(const CodecReport& codecs) {
   Json::Value json = Json::arrayValue;
-  for (const HistoryEntry& entry : entries) {
-    json.append(entry.ToJson());
+  for (const auto& [codec, applications] : codecs.applications) {
+    Json::Value& entry = json.append(Json::objectValue);
+    entry["codec"] = codec;
+    entry["applications"] = ListOf(applications);
   }
+  return json;
+}
+
+Json::Value DiagnosisJson(const Diagnosis& diagnosis) {
+  Json::Value json;
+  json["time"] = Json::Int64{diagnosis.time};
+  json["findings"] = diagnosis.findings;
   return json;
 }
 
@@ -109,17 +101,22 @@ void MakePrintable(Json::Value& value) {
 Json::Value StateJson(const MachineState& state) {
   Json::Value json;
   if (state.record) {
-    AddRecord(*state.record, json);
+    AddRecord(*state.record, state.rate, json);
   } else {
     AddNoRecord(json);
   }
-  json["why_no_update"] = NullIfEmpty(WhyNoUpdate(state));
-  json["steps"] = StepsJson();
+  for (const PageAction& action : PageActions()) {
+    json["why_not"][action.name] = NullIfEmpty(action.why_not(state));
+  }
+  json["offer"] = OfferJson(OfferedPack(state));
   json["installed"] = InstalledJson(state);
-  json["requested"] = state.codecs ? ListOf(state.codecs->requested) : Json::Value();
-  json["history"] = HistoryJson(state.history);
+  json["requested"] = state.codecs ? RequestedJson(*state.codecs) : Json::Value();
+  json["checked"] = state.checked ? Json::Value(Json::Int64{*state.checked}) : Json::Value();
+  const std::optional<HistoryEntry> failure = UnmendedFailure(state);
+  json["failure"] = failure ? failure->ToJson() : Json::Value();
   json["problems"] = ListOf(state.problems);
   json["at_work"] = state.at_work;
+  json["interrupted"] = state.interrupted;
   MakePrintable(json);
   return json;
 }
@@ -128,17 +125,28 @@ Json::Value PageJson(const PageState& page) {
   Json::Value json = StateJson(page.seen.state);
   json["time"] = Json::Int64{page.seen.time};
   json["tag"] = page.tag;
+  json["history_tag"] = page.history_tag;
+  json["name"] = page.server.name;
   json["server"]["user"] = page.server.user;
   json["server"]["port_is_held"] = page.server.port_is_held;
   json["action"] = page.action ? ActionJson(*page.action) : Json::Value();
+  json["diagnosis"] = page.diagnosis ? DiagnosisJson(*page.diagnosis) : Json::Value();
   json["at_work"] = !page.busy.empty();
-  for (const char* action : {"check", "update"}) {
-    Json::Value& why_not = json[std::string("why_no_") + action];
-    if (!page.busy.empty()) {
+  if (!page.busy.empty()) {
+    for (Json::Value& why_not : json["why_not"]) {
       why_not = page.busy;
     }
-    json[std::string("may_") + action] = why_not.isNull();
   }
+  return json;
+}
+
+Json::Value HistoryJson(const MachineState& state) {
+  Json::Value json;
+  json["entries"] = Json::arrayValue;
+  for (const HistoryEntry& entry : state.history) {
+    json["entries"].append(entry.ToJson());
+  }
+  MakePrintable(json);
   return json;
 }
 

@@ -13,6 +13,7 @@ namespace orbamira::packctl {
 
 /// Who serves the page.
 struct WebServerIdentity {
+  std::string name = {};      ///< the appliance's
   std::string user = {};      ///< the account
   bool port_is_held = false;  ///< the service manager keeps the port for it
 };
@@ -20,15 +21,20 @@ struct WebServerIdentity {
 /// All that the page shows at one moment.
 struct PageState {
   WebState::Seen seen;
-  std::string tag;  ///< another one with each change
+  std::string tag;          ///< another one with each change
+  std::string history_tag;  ///< another one with each change of the history
   WebServerIdentity server;
-  std::optional<WebAction> action;  ///< the one at work, or the last
-  std::string busy;                 ///< who is at work, as a sentence; empty when nobody is
+  std::optional<WebAction> action;     ///< the one at work, or the last
+  std::optional<Diagnosis> diagnosis;  ///< of the doctor; empty when it was not asked
+  std::string busy;                    ///< who is at work, as a sentence; empty when nobody is
 };
 
 /// The machine's part of it. Texts from outside are made printable: a browser shows them too.
 Json::Value StateJson(const MachineState& state);
 
 Json::Value PageJson(const PageState& page);
+
+/// What /api/history tells.
+Json::Value HistoryJson(const MachineState& state);
 
 }  // namespace orbamira::packctl

@@ -1,9 +1,10 @@
-"use strict";
+// Follows /api/state and shows it; asks for what its visitor wants. Everything from there is put in as text, never as
+// markup.
 
-// Shows what /api/state tells. Everything from there is put in as text, never as markup.
-
-const byId = (id) => document.getElementById(id);
-const pause = (milliseconds) => new Promise((resolve) => setTimeout(resolve, milliseconds));
+import { ageOf, byId, fill, make, setText } from "./dom.js";
+import { actOf, showHero, stateOf } from "./hero.js";
+import { showHistory } from "./history.js";
+import { words } from "./words.js";
 
 const kTokenKey = "packctl-token";
 const kFirstWait = 1000;
@@ -12,262 +13,116 @@ const kLongestWait = 60000;
 const kPatience = 60000;
 // A download is told of more often than anybody can read.
 const kBetweenLooks = 200;
+// How often "5 minutes ago" is brought up to date.
+const kBetweenAges = 15000;
 
-const kResultWords = {
-  new_pack: "a new pack is available",
-  nothing_new: "nothing new",
-  no_address: "no update server is named",
-  done: "done",
-  failed: "failed",
-  not_permitted: "not permitted now",
-  busy: "another program is at work",
-};
-
-let state = null;
-let isLost = false;
-let isFirstInstall = false;
+// `reached` is when the server answered last, in seconds.
+const page = { state: null, reached: 0, isLost: false, token: sessionStorage.getItem(kTokenKey) ?? "" };
+let historyTag = null;
 let wakeUp = () => {};
 
-function setText(element, text) {
-  // A live region is read out again whenever it is written to.
-  if (element.textContent !== text) {
-    element.textContent = text;
+const pause = (milliseconds) => new Promise((resolve) => setTimeout(resolve, milliseconds));
+
+function say(text) {
+  setText(byId("outcome"), text);
+}
+
+// What came of the last action, where the rest of the page does not tell it.
+function outcomeOf(action, kind) {
+  if (action === null || action.command === "doctor" || (kind === "failed" && action.result === "failed")) {
+    return "";
   }
-}
-
-function element(name, text, attributes = {}) {
-  const made = document.createElement(name);
-  made.textContent = text;
-  for (const [key, value] of Object.entries(attributes)) {
-    made.setAttribute(key, value);
+  if (action.running) {
+    return page.state.under_way ? "" : (words.running[action.command] ?? words.starting);
   }
-  return made;
-}
-
-const capitalized = (text) => text.charAt(0).toUpperCase() + text.slice(1);
-
-function packWords(pack) {
-  if (pack === null) {
-    return "no pack";
-  }
-  return !pack.version
-    ? `${pack.package ?? "a pack"} of unknown version`
-    : `${pack.package ?? "version"} ${pack.version}`;
-}
-
-const listWords = (codecs) => (codecs === null ? "not known" : codecs.join(", ") || "none");
-
-const resultWords = (result) => kResultWords[result] ?? result.replaceAll("_", " ");
-
-// Why something failed: what its code means, and then all that was said. Old entries of the history have no code.
-const causes = (error, said) => {
-  const sentence = error === null ? undefined : window.reasonSentences[error.code];
-  return sentence === undefined ? said : [sentence, ...said];
-};
-
-function timeElement(seconds) {
-  const date = new Date(seconds * 1000);
-  return element("time", date.toLocaleString(undefined, { dateStyle: "medium", timeStyle: "short" }), {
-    datetime: date.toISOString(),
-  });
-}
-
-function durationWords(milliseconds) {
-  const seconds = Math.round(milliseconds / 1000);
-  // A number stays beside its unit.
-  return seconds < 60 ? `${seconds}\u00a0s` : `${Math.floor(seconds / 60)}\u00a0min ${seconds % 60}\u00a0s`;
-}
-
-function showHeadline() {
-  const step = state.steps.find((known) => known.step === state.step);
-  const version = state.offer === null ? "" : `: ${packWords(state.offer)}`;
-  const record = `${capitalized(state.meaning)}${step ? `: ${step.words}` : version}.`;
-  // While nothing is to be done, what is installed counts; the record only tells how the last work on it went.
-  const isSettled = state.status === "up_to_date" || state.status === "lost";
-  const installed =
-    state.installed === null ? "No codec pack is installed." : `Installed: ${packWords(state.installed)}. ${record}`;
-  setText(byId("headline"), isSettled ? installed : record);
-}
-
-function showDownload() {
-  const bar = byId("progress");
-  byId("download").hidden = state.status === "installing";
-  if (state.step !== null) {
-    bar.value = 100;
-    setText(byId("progress-text"), "Complete");
-  } else if (state.progress === null || state.progress.percent === null) {
-    bar.removeAttribute("value");
-    setText(byId("progress-text"), state.progress === null ? "Waiting for the server …" : state.progress.text);
-  } else {
-    bar.value = state.progress.percent;
-    setText(byId("progress-text"), state.progress.text);
-  }
-}
-
-function showSteps() {
-  // Nothing has to give way to the first pack.
-  if (state.step === null) {
-    isFirstInstall = state.installed === null;
-  }
-  const steps = state.steps.filter((known) => !(isFirstInstall && known.step.endsWith("uninstall")));
-  const current = steps.findIndex((known) => known.step === state.step);
-  const list = byId("steps");
-  byId("install").hidden = state.status === "downloading";
-  if (list.dataset.shown === `${current} of ${steps.length}`) {
-    return;
-  }
-  list.dataset.shown = `${current} of ${steps.length}`;
-  list.replaceChildren(
-    ...steps.map((known, index) => {
-      const isPast = index < current;
-      const item = element("li", capitalized(known.words) + (isPast ? " – done" : ""), { class: isPast ? "past" : "" });
-      if (index === current) {
-        item.setAttribute("aria-current", "step");
-      }
-      return item;
-    }),
-  );
-}
-
-function showWork() {
-  byId("work").hidden = !state.under_way;
-  if (state.under_way) {
-    showDownload();
-    showSteps();
-  }
-}
-
-function showPack() {
-  const pack = state.installed;
-  setText(byId("installed"), pack === null ? "No pack" : packWords(pack));
-  byId("updated").replaceChildren(pack === null ? "–" : timeElement(pack.updated));
-  setText(byId("codecs"), pack === null ? "none" : listWords(pack.codecs));
-  setText(byId("requested"), listWords(state.requested));
-  setText(byId("offer"), state.offer === null ? "Nothing" : packWords(state.offer));
-  setText(byId("recorded"), state.status === null ? "not known" : `${state.status} (${state.meaning})`);
-  byId("problems").hidden = state.problems.length === 0;
-  byId("problems").replaceChildren(...state.problems.map((problem) => element("li", capitalized(problem))));
-}
-
-function showAction(name, whyNot, explanation) {
-  const reason =
-    (isLost && "the connection is lost") || whyNot || (byId("token").value === "" && "this takes the token");
-  byId(name).setAttribute("aria-disabled", String(Boolean(reason)));
-  setText(byId(`${name}-why`), reason ? `Not now: ${reason}.` : explanation);
+  const cause = words.reasons[action.error?.code]?.cause ?? action.error?.message;
+  return cause ?? words.ends[action.result] ?? words.ended(action.exit);
 }
 
 function showActions() {
-  showAction("check", state.why_no_check, "Asks the maker's server whether there is a newer pack.");
-  showAction(
-    "update",
-    state.why_no_update,
-    state.offer === null
-      ? "Fetches the pack of the maker's server and puts it in place."
-      : `Fetches version ${state.offer.version} and puts it in place.`,
+  const { state, token, isLost } = page;
+  const kind = stateOf(page);
+  const act = actOf(kind, state);
+  const isLocked = token === "" && act !== null && act.name !== "reconnect";
+  byId("acting").hidden = act === null;
+  byId("unlock").hidden = !isLocked;
+  const button = byId("act");
+  button.hidden = act === null || isLocked;
+  if (act !== null) {
+    setText(button, act.label);
+    button.dataset.action = act.name;
+    button.setAttribute("aria-disabled", String(Boolean(state.why_not[act.name])));
+  }
+  byId("menu").hidden = isLocked || act === null || isLost;
+  for (const item of byId("menu").querySelectorAll("[data-action]")) {
+    const { action } = item.dataset;
+    const isSecondReinstall = action === "reinstall" && (state.installed === null || kind !== "current");
+    item.hidden = action === act?.name || isSecondReinstall || (action !== "lock" && state.why_not[action] !== null);
+  }
+  byId("doctor").hidden = token === "" || isLost;
+  byId("doctor").setAttribute("aria-disabled", String(Boolean(state.why_not.doctor)));
+}
+
+function showDiagnosis() {
+  const { diagnosis, action, problems } = page.state;
+  byId("problems").hidden = problems.length === 0;
+  fill(byId("problems"), problems, () => problems.map((problem) => make("li", {}, problem)));
+  const isRunning = action?.command === "doctor" && action.running;
+  const findings = diagnosis?.findings ?? [];
+  const result = findings.length === 0 ? words.well : words.found;
+  setText(
+    byId("diagnosed"),
+    isRunning ? words.running.doctor : diagnosis === null ? words.notDiagnosed : result(ageOf(diagnosis.time)),
+  );
+  fill(byId("findings"), findings, () =>
+    findings.map(({ check, problem, remedy }) =>
+      make("li", {}, make("b", {}, check), make("p", {}, problem), make("p", { class: "remedy" }, remedy)),
+    ),
   );
 }
 
-function say(text, problems = []) {
-  const region = byId("outcome");
-  if (region.dataset.said === text + problems.join()) {
-    return;
-  }
-  region.dataset.said = text + problems.join();
-  const list = element("ul", "", { class: "errors" });
-  list.replaceChildren(...problems.map((problem) => element("li", problem)));
-  region.replaceChildren(element("p", text), ...(problems.length > 0 ? [list] : []));
-}
-
-function showOutcome() {
-  const action = state.action;
-  if (action === null) {
-    return;
-  }
-  const name = action.command === "check" ? "Check" : "Update";
-  if (action.running) {
-    say(`${name}: at work …`);
-  } else {
-    const end = action.result === null ? `ended with status ${action.exit}` : resultWords(action.result);
-    say(`${name}: ${end}.`, causes(action.error, action.problems));
-  }
-}
-
-function historyRow(entry) {
-  const row = element("tr", "", { role: "row" });
-  const cell = (label, content, name = "td") => {
-    const made = element(name, "", name === "th" ? { scope: "row", role: "rowheader" } : { role: "cell" });
-    made.dataset.label = label;
-    made.append(content);
-    row.append(made);
-    return made;
-  };
-  cell("Time", timeElement(entry.time), "th");
-  cell("Command", entry.command);
-  const result = cell("Result", resultWords(entry.result));
-  if (entry.exit !== 0) {
-    result.className = "failed";
-  }
-  const sentences = causes(entry.error, entry.errors);
-  if (sentences.length > 0) {
-    const list = element("ul", "", { class: "errors" });
-    list.append(...sentences.map((sentence) => element("li", sentence)));
-    result.append(list);
-  }
-  cell("Pack before", packWords(entry.from));
-  cell("Pack after", packWords(entry.to));
-  cell("Took", durationWords(entry.duration_ms));
-  return row;
-}
-
-function showServer() {
-  const port = state.server.port_is_held ? "a port that systemd keeps for it" : "a port that any user could have taken";
-  setText(byId("server"), `Served by the account ${state.server.user} at ${port}.`);
-}
-
-function showHistory() {
-  const text = JSON.stringify(state.history);
-  const table = byId("history");
-  // Whoever reads in it should not lose the place.
-  if (table.dataset.shown !== text) {
-    table.dataset.shown = text;
-    table.tBodies[0].replaceChildren(...state.history.map(historyRow).reverse());
-  }
-  table.hidden = state.history.length === 0;
-  byId("no-history").hidden = state.history.length > 0;
-}
-
 function show() {
+  const { state } = page;
   if (state === null) {
     return;
   }
+  byId("loading").hidden = true;
   byId("content").hidden = false;
-  showHeadline();
-  showWork();
-  showPack();
+  showHero(page);
   showActions();
-  showOutcome();
-  showHistory();
-  showServer();
+  const outcome = outcomeOf(state.action, stateOf(page));
+  fill(byId("outcome"), [state.action, outcome], () => [outcome]);
+  showDiagnosis();
+  setText(byId("server"), words.server(state.server.user, state.server.port_is_held));
 }
 
-function showConnection(problem) {
-  isLost = problem !== null;
-  byId("connection").hidden = !isLost;
-  if (isLost) {
-    const since = state === null ? "" : ` What is shown is of ${new Date(state.time * 1000).toLocaleTimeString()}.`;
-    setText(byId("connection"), `${problem}${since} Trying again …`);
-  }
-  show();
-}
-
-async function fetchState() {
-  const address = state === null ? "api/state" : `api/state?after=${state.tag}`;
+async function fetchJson(address) {
   const response = await fetch(address, { cache: "no-store", signal: AbortSignal.timeout(kPatience) });
   const answer = await response.json();
   if (!response.ok) {
-    throw new Error(`The appliance refuses: ${answer.error}.`, { cause: response.status });
+    throw new Error(words.refused(answer.error), { cause: response.status });
   }
   return answer;
+}
+
+async function look() {
+  page.state = await fetchJson(page.state === null ? "api/state" : `api/state?after=${page.state.tag}`);
+  page.reached = Date.now() / 1000;
+  page.isLost = false;
+  show();
+  if (page.state.history_tag !== historyTag) {
+    const { entries } = await fetchJson("api/history");
+    historyTag = page.state.history_tag;
+    showHistory(entries);
+  }
+}
+
+function lose(error) {
+  page.isLost = true;
+  if (page.state === null) {
+    setText(byId("loading"), error.cause === undefined ? words.notSent : error.message);
+  }
+  show();
 }
 
 async function untilVisible() {
@@ -284,12 +139,11 @@ async function follow() {
     // A browser opens few connections to one server: a page that nobody sees takes none from another.
     await untilVisible();
     try {
-      state = await fetchState();
+      await look();
       wait = kFirstWait;
-      showConnection(null);
       await pause(kBetweenLooks);
     } catch (error) {
-      showConnection(error.cause === undefined ? "The connection to the appliance is lost." : error.message);
+      lose(error);
       await Promise.race([
         pause(wait),
         new Promise((resolve) => {
@@ -301,49 +155,123 @@ async function follow() {
   }
 }
 
+const post = (name, token) =>
+  fetch(`api/${name}`, {
+    method: "POST",
+    headers: { Authorization: `Bearer ${token}`, "Content-Type": "application/json" },
+    body: "{}",
+  });
+
+function keepToken(token) {
+  page.token = token;
+  sessionStorage.setItem(kTokenKey, token);
+  show();
+}
+
+async function unlock(token) {
+  try {
+    const isRight = (await post("unlock", token)).ok;
+    keepToken(isRight ? token : "");
+    say(isRight ? "" : words.wrongToken);
+    byId(isRight ? "act" : "token").focus();
+    byId("token").value = "";
+  } catch {
+    say(words.notSent);
+  }
+}
+
 async function act(name) {
-  const button = byId(name);
-  if (button.getAttribute("aria-disabled") === "true") {
-    say(byId(`${name}-why`).textContent);
+  if (name === "reconnect") {
+    wakeUp();
+    return;
+  }
+  if (page.state.why_not[name]) {
+    say(words.refused(page.state.why_not[name]));
     return;
   }
   try {
-    const response = await fetch(`api/${name}`, {
-      method: "POST",
-      headers: { Authorization: `Bearer ${byId("token").value}`, "Content-Type": "application/json" },
-      body: "{}",
-    });
-    if (!response.ok) {
-      say(`Refused: ${(await response.json()).error}.`);
+    const response = await post(name, page.token);
+    if (response.status === 401) {
+      keepToken("");
+      say(words.wrongToken);
+    } else if (!response.ok) {
+      say(words.refused((await response.json()).error));
     }
   } catch {
-    say("This could not be sent. Is the token right, and the appliance reachable?");
+    say(words.notSent);
   }
 }
 
-function takeToken() {
-  const field = byId("token");
-  const fragment = new URLSearchParams(location.hash.slice(1));
-  if (fragment.has("token")) {
-    sessionStorage.setItem(kTokenKey, fragment.get("token"));
+// Asks first where something gets lost, or is fetched for nothing.
+function actFromMenu(name) {
+  byId("menu").open = false;
+  const question = words.confirm[name];
+  if (name === "lock") {
+    keepToken("");
+  } else if (question === undefined) {
+    act(name);
+  } else {
+    const applications = page.state.requested?.flatMap((entry) => entry.applications) ?? [];
+    setText(byId("question"), question(page.state.installed, [...new Set(applications)]));
+    setText(byId("yes"), words.acts[name]);
+    byId("yes").dataset.action = name;
+    byId("confirm").showModal();
+  }
+}
+
+function takeTokenOfAddress() {
+  const token = new URLSearchParams(location.hash.slice(1)).get("token");
+  if (token !== null) {
     // Neither the address bar nor the list of visited pages is a place for it.
     history.replaceState(null, "", location.pathname);
+    keepToken(token);
   }
-  field.value = sessionStorage.getItem(kTokenKey) ?? "";
 }
 
-takeToken();
-addEventListener("hashchange", () => {
-  takeToken();
-  show();
-});
-byId("token").addEventListener("input", (event) => {
-  sessionStorage.setItem(kTokenKey, event.target.value);
-  show();
-});
-for (const name of ["check", "update"]) {
-  byId(name).addEventListener("click", () => act(name));
+function fillInWords() {
+  document.documentElement.lang = words.language;
+  const wordsOf = (names) => names.split(".").reduce((found, name) => found[name], words);
+  for (const element of document.querySelectorAll("[data-word]")) {
+    element.textContent = wordsOf(element.dataset.word);
+  }
+  for (const element of document.querySelectorAll("[data-label]")) {
+    element.setAttribute("aria-label", wordsOf(element.dataset.label));
+  }
 }
-addEventListener("online", () => wakeUp());
-document.addEventListener("visibilitychange", () => wakeUp());
+
+function listen() {
+  addEventListener("hashchange", takeTokenOfAddress);
+  addEventListener("online", () => wakeUp());
+  document.addEventListener("visibilitychange", () => wakeUp());
+  byId("unlock").addEventListener("submit", (event) => {
+    event.preventDefault();
+    unlock(byId("token").value.trim());
+  });
+  byId("act").addEventListener("click", (event) => act(event.currentTarget.dataset.action));
+  byId("doctor").addEventListener("click", () => act("doctor"));
+  for (const item of byId("menu").querySelectorAll("[data-action]")) {
+    item.addEventListener("click", () => actFromMenu(item.dataset.action));
+  }
+  byId("menu").addEventListener("keydown", (event) => {
+    if (event.key === "Escape") {
+      byId("menu").open = false;
+      byId("menu").querySelector("summary").focus();
+    }
+  });
+  document.addEventListener("click", (event) => {
+    if (!byId("menu").contains(event.target)) {
+      byId("menu").open = false;
+    }
+  });
+  byId("cancel").addEventListener("click", () => byId("confirm").close());
+  byId("yes").addEventListener("click", (event) => {
+    byId("confirm").close();
+    act(event.currentTarget.dataset.action);
+  });
+}
+
+fillInWords();
+takeTokenOfAddress();
+listen();
+setInterval(show, kBetweenAges);
 follow();

@@ -1,0 +1,220 @@
+// The page in German: what a maker puts beside words.js for another language.
+
+const version = (pack) => (pack?.version ? `Version ${pack.version}` : "die neue Version");
+
+export const words = {
+  language: "de",
+
+  product: "Codec-Paket",
+  loading: "Das Gerät wird gefragt …",
+  codecs: "Codecs",
+  stages: "Schritte der Aktualisierung",
+  said: "Was gemeldet wurde",
+  more: "Mehr",
+  token: "Schlüssel der Seite",
+  tokenHelp: "„packctl web“ zeigt ihn an. Dieses Fenster behält ihn, bis Sie es schließen.",
+  history: "Verlauf",
+  noHistory: "Noch ist nichts geschehen.",
+  diagnosis: "Diagnose",
+
+  states: {
+    absent: "Nicht installiert",
+    current: "Aktuell",
+    offered: "Neue Version",
+    downloading: "Wird geladen",
+    installing: "Wird installiert",
+    failed: "Fehlgeschlagen",
+    interrupted: "Unterbrochen",
+    offline: "Nicht erreichbar",
+  },
+
+  absent: "Kein Codec-Paket ist installiert.",
+  current: "Das Codec-Paket ist aktuell.",
+  installed: "Ein Codec-Paket ist installiert.",
+  offered: (offer) => `Ein neues Codec-Paket ist verfügbar: ${version(offer)}.`,
+  downloaded: (offer) => `Ein neues Codec-Paket liegt bereit: ${version(offer)}.`,
+  downloading: (offer) => `${version(offer)} wird geladen …`,
+  installing: (offer) => `${version(offer)} wird installiert …`,
+  interrupted: "Die Aktualisierung wurde unterbrochen.",
+  offline: (name) => `${name} ist nicht erreichbar.`,
+  failed: (command) =>
+    `Die ${
+      { check: "Prüfung", update: "Aktualisierung", remove: "Entfernung", recover: "Wiederherstellung" }[command] ??
+      "Installation"
+    } ist fehlgeschlagen.`,
+  unreadable: "Die Aufzeichnung der letzten Aktualisierung ist nicht lesbar.",
+
+  checked: (age) => `Zuletzt geprüft ${age}.`,
+  neverChecked: "Noch keine Prüfung wurde beantwortet.",
+  recovery: "Die Wiederherstellung holt das alte Paket zurück, wo das neue fehlt, und räumt auf.",
+  stays: (pack) =>
+    pack === null ? "Kein Codec-Paket ist installiert." : `Version ${pack.version} bleibt installiert.`,
+  until: (pack) => `Version ${pack.version} bleibt in Gebrauch, bis die neue an ihrem Platz ist.`,
+  age: (age) => `Was Sie sehen, ist von ${age}. Neuer Versuch …`,
+  refused: (why) => `Nicht ausgeführt: ${why}.`,
+  notSent: "Das konnte nicht gesendet werden. Ist das Gerät erreichbar?",
+  wrongToken: "Das ist nicht der Schlüssel der Seite.",
+
+  tile: {
+    none: "Keines",
+    unknown: "unbekannt",
+    installed: "Installiert",
+    since: (date) => `seit ${date}`,
+    offered: "Verfügbar",
+    coming: "Kommt",
+    failed: "Nicht installiert",
+  },
+  codec: {
+    used: (applications) => `für ${applications.join(", ")}`,
+    missing: (applications) => (applications.length > 0 ? `fehlt, für ${applications.join(", ")}` : "fehlt"),
+  },
+
+  acts: {
+    install: "Installieren",
+    check: "Prüfen",
+    update: "Aktualisieren",
+    retry: "Noch einmal",
+    recover: "Wiederherstellen",
+    unlock: "Entsperren",
+    reinstall: "Noch einmal installieren",
+    remove: "Entfernen",
+    lock: "Schlüssel vergessen",
+    doctor: "Diagnose starten",
+    cancel: "Abbrechen",
+    all: (count) => `Alle ${count} zeigen`,
+  },
+  running: {
+    check: "Wird geprüft …",
+    doctor: "Diagnose läuft …",
+    remove: "Wird entfernt …",
+    recover: "Wird wiederhergestellt …",
+  },
+  starting: "Beginnt …",
+  confirm: {
+    remove: (pack, applications) =>
+      `Version ${pack.version} entfernen? ${
+        applications.length > 0
+          ? `Diese Anwendungen spielen dann weniger ab: ${applications.join(", ")}.`
+          : "Keine Anwendung braucht sie."
+      }`,
+    reinstall: (pack) => `Version ${pack.version} noch einmal laden und installieren?`,
+  },
+  ends: {
+    new_pack: "Geprüft: Ein neues Codec-Paket ist verfügbar.",
+    nothing_new: "Geprüft: Es gibt nichts Neues.",
+    nothing_to_do: "Es ist nichts zu tun.",
+    no_address: "Kein Server ist eingestellt.",
+    done: "Fertig.",
+    busy: "Ein anderes Programm arbeitet.",
+  },
+  ended: (exit) => `Beendet mit Status ${exit}.`,
+
+  stage: {
+    download: "Laden",
+    aside: "Altes Paket beiseitelegen",
+    unpack: "Neues Paket einsetzen",
+    finish: "Anwendungen benachrichtigen",
+  },
+  waiting: "Warten auf den Server …",
+  steps: {
+    pre_uninstall: "Anwendungen erfahren, dass das alte Paket geht",
+    uninstall: "Das alte Paket wird beiseitegelegt",
+    post_uninstall: "Das alte Paket ist aus dem Weg",
+    pre_install: "Anwendungen erfahren, dass das neue Paket kommt",
+    install: "Das neue Paket wird entpackt und eingesetzt",
+    post_install: "Das neue Paket ist an seinem Platz",
+  },
+  bytes: (now, total) => (total === null ? now : `${now} von ${total}`),
+  rate: (size) => `${size}/s`,
+  left: (duration) => `noch ${duration}`,
+
+  done: {
+    check: (entry) => `${version(entry.to)} gefunden`,
+    download: (entry) => `${version(entry.to)} geladen`,
+    install: (entry) => `${version(entry.to)} installiert`,
+    update: (entry) =>
+      entry.from === null ? `${version(entry.to)} installiert` : `Auf ${version(entry.to)} aktualisiert`,
+    remove: (entry) => `${version(entry.from)} entfernt`,
+    recover: () => "Wiederhergestellt",
+  },
+  nothing: "Geprüft, nichts Neues",
+  failedTo: {
+    check: "Prüfung fehlgeschlagen",
+    download: "Laden fehlgeschlagen",
+    install: "Installation fehlgeschlagen",
+    update: "Aktualisierung fehlgeschlagen",
+    remove: "Entfernung fehlgeschlagen",
+    recover: "Wiederherstellung fehlgeschlagen",
+  },
+  times: (count) => `${count}-mal`,
+  entry: { before: "Vorher", after: "Nachher", took: "Dauer", exit: "Exit-Status", code: "Grund", at: "Zeiten" },
+  noPack: "kein Paket",
+  day: (date, done, failed) =>
+    `${date}: ${done + failed === 0 ? "nichts" : `${done} erledigt, ${failed} fehlgeschlagen`}`,
+  strip: (days, failed) => `Die letzten ${days} Tage: ${failed === 0 ? "kein Fehler" : `Fehler an ${failed} davon`}.`,
+  legend: { days: "Die letzten 90 Tage:", none: "nichts", done: "erledigt", failed: "fehlgeschlagen" },
+
+  notDiagnosed: "Prüft Einstellungen, Rechte, Schlüsselbund, Plugins, Server und freien Platz. Sie ändert nichts.",
+  well: (age) => `Kein Fehler gefunden, ${age}.`,
+  found: (age) => `Gefunden ${age}:`,
+  problems: "Was nicht lesbar war",
+
+  server: (user, isHeld) =>
+    `Ausgeliefert vom Konto ${user} an ${isHeld ? "einem Port, den systemd dafür freihält" : "einem Port, den jeder hätte nehmen können"}.`,
+
+  reasons: {
+    no_space: { cause: "Der Speicher ist voll.", remedy: "Schaffen Sie Platz und versuchen Sie es noch einmal." },
+    not_signed: { cause: "Das Paket ist nicht unterschrieben.", remedy: "Der Herausgeber muss es unterschreiben." },
+    bad_signature: {
+      cause: "Die Unterschrift des Pakets gilt nicht.",
+      remedy: "Prüfen Sie die Uhr; sonst muss der Herausgeber es reparieren.",
+    },
+    keyring_unusable: {
+      cause: "Der Schlüsselbund des Geräts ist nicht brauchbar; darum wird kein Paket angenommen.",
+      remedy: "Starten Sie die Diagnose.",
+    },
+    bad_package: { cause: "Das Paket ist beschädigt.", remedy: "Der Herausgeber muss es neu veröffentlichen." },
+    checksum_mismatch: { cause: "Das Paket ist nicht das angekündigte.", remedy: "Versuchen Sie es noch einmal." },
+    server_unreachable: {
+      cause: "Der Server ist nicht erreichbar.",
+      remedy: "Prüfen Sie das Netz und versuchen Sie es noch einmal.",
+    },
+    server_refused: { cause: "Der Server weist die Anfrage ab.", remedy: "Starten Sie die Diagnose." },
+    bad_reply: { cause: "Die Antwort des Servers ist nicht brauchbar.", remedy: "Starten Sie die Diagnose." },
+    download_failed: {
+      cause: "Das Paket lässt sich nicht laden.",
+      remedy: "Prüfen Sie das Netz und versuchen Sie es noch einmal.",
+    },
+    not_configured: {
+      cause: "Die Adresse des Servers oder eine Angabe über das Gerät fehlt.",
+      remedy: "Starten Sie die Diagnose.",
+    },
+    no_pack_offered: {
+      cause: "Der Server bietet kein Paket für dieses Gerät an.",
+      remedy: "Starten Sie die Diagnose.",
+    },
+    requirements_unreadable: {
+      cause: "Die Liste der verlangten Codecs ist nicht lesbar.",
+      remedy: "Starten Sie die Diagnose.",
+    },
+    install_failed: { cause: "Das Paket kam nicht an seinen Platz.", remedy: "Starten Sie die Diagnose." },
+    record_unreadable: {
+      cause: "Die Aufzeichnung ist beschädigt.",
+      remedy: "Die Wiederherstellung repariert sie.",
+      recover: true,
+    },
+    permission_denied: {
+      cause: "Dazu fehlen dem Server dieser Seite die Rechte.",
+      remedy: "Rufen Sie packctl als root auf.",
+    },
+    not_permitted: { cause: "Der aufgezeichnete Status erlaubt es jetzt nicht.", remedy: "Prüfen Sie zuerst." },
+    interrupted: {
+      cause: "Eine frühere Aktualisierung wurde unterbrochen.",
+      remedy: "Die Wiederherstellung bringt das in Ordnung.",
+      recover: true,
+    },
+    not_confirmed: { cause: "Eine Anwendung braucht einen Codec des Pakets.", remedy: "Bestätigen Sie das Entfernen." },
+    cancelled: { cause: "Es wurde abgebrochen.", remedy: "Versuchen Sie es noch einmal." },
+    busy: { cause: "Ein anderes Programm arbeitet.", remedy: "Versuchen Sie es danach noch einmal." },
+  },
+};

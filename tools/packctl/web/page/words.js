@@ -1,0 +1,205 @@
+// Every word of the page. To add a language, put a words.LANGUAGE.js with the same names beside this file.
+
+// The name of a pack's version, where there is one.
+const version = (pack) => (pack?.version ? `version ${pack.version}` : "the new version");
+
+export const words = {
+  language: "en",
+
+  // What page.html holds.
+  product: "Codec pack",
+  loading: "Asking the appliance …",
+  codecs: "Codecs",
+  stages: "Steps of the update",
+  said: "What was said",
+  more: "More",
+  token: "Page token",
+  tokenHelp: "“packctl web” prints it when it starts. This window keeps it until you close it.",
+  history: "History",
+  noHistory: "Nothing has happened yet.",
+  diagnosis: "Diagnosis",
+
+  // The states: a word or two for the header and the tab's title.
+  states: {
+    absent: "Not installed",
+    current: "Up to date",
+    offered: "Update available",
+    downloading: "Downloading",
+    installing: "Installing",
+    failed: "Failed",
+    interrupted: "Interrupted",
+    offline: "Offline",
+  },
+
+  // How it is, in a sentence.
+  absent: "No codec pack is installed.",
+  current: "The codec pack is up to date.",
+  installed: "A codec pack is installed.",
+  offered: (offer) => `A new codec pack is available: ${version(offer)}.`,
+  downloaded: (offer) => `A new codec pack is ready to install: ${version(offer)}.`,
+  downloading: (offer) => `Downloading ${version(offer)} …`,
+  installing: (offer) => `Installing ${version(offer)} …`,
+  interrupted: "The update was interrupted.",
+  offline: (name) => `${name} cannot be reached.`,
+  failed: (command) => `The ${{ remove: "removal", recover: "recovery" }[command] ?? command} failed.`,
+  unreadable: "The record of the last update cannot be read.",
+
+  // And what goes with it.
+  checked: (age) => `Last check ${age}.`,
+  neverChecked: "No check was answered yet.",
+  recovery: "Recovery brings the old pack back where the new one is not in place, and tidies up.",
+  stays: (pack) => (pack === null ? "No codec pack is installed." : `Version ${pack.version} stays installed.`),
+  until: (pack) => `Version ${pack.version} stays in use until the new one is in place.`,
+  age: (age) => `What you see is from ${age}. Trying again …`,
+  refused: (why) => `Not done: ${why}.`,
+  notSent: "This could not be sent. Is the appliance reachable?",
+  wrongToken: "This is not the page token.",
+
+  // The picture.
+  tile: {
+    none: "None",
+    unknown: "unknown",
+    installed: "Installed",
+    since: (date) => `since ${date}`,
+    offered: "Available",
+    coming: "Coming",
+    failed: "Not installed",
+  },
+  codec: {
+    used: (applications) => `for ${applications.join(", ")}`,
+    missing: (applications) => (applications.length > 0 ? `missing, for ${applications.join(", ")}` : "missing"),
+  },
+
+  // The buttons.
+  acts: {
+    install: "Install",
+    check: "Check",
+    update: "Update",
+    retry: "Try again",
+    recover: "Recover",
+    unlock: "Unlock",
+    reinstall: "Install again",
+    remove: "Remove",
+    lock: "Forget the token",
+    doctor: "Run diagnosis",
+    cancel: "Cancel",
+    all: (count) => `Show all ${count}`,
+  },
+  running: {
+    check: "Checking …",
+    doctor: "Diagnosing …",
+    remove: "Removing …",
+    recover: "Recovering …",
+  },
+  starting: "Starting …",
+  confirm: {
+    remove: (pack, applications) =>
+      `Remove version ${pack.version}? ${
+        applications.length > 0 ? `${applications.join(", ")} can play less without it.` : "No application asks for it."
+      }`,
+    reinstall: (pack) => `Download and install version ${pack.version} once more?`,
+  },
+  ends: {
+    new_pack: "Checked: a new codec pack is available.",
+    nothing_new: "Checked: there is nothing new.",
+    nothing_to_do: "There is nothing to do.",
+    no_address: "No update server is set.",
+    done: "Done.",
+    busy: "Another program is at work.",
+  },
+  ended: (exit) => `It ended with status ${exit}.`,
+
+  // Work under way.
+  stage: {
+    download: "Download",
+    aside: "Set the old pack aside",
+    unpack: "Put the new pack in place",
+    finish: "Tell applications",
+  },
+  waiting: "Waiting for the server …",
+  steps: {
+    pre_uninstall: "Telling applications that the old pack goes",
+    uninstall: "Moving the old pack aside",
+    post_uninstall: "The old pack is out of the way",
+    pre_install: "Telling applications that the new pack comes",
+    install: "Unpacking the new pack and putting it in place",
+    post_install: "The new pack is in place",
+  },
+  bytes: (now, total) => (total === null ? now : `${now} of ${total}`),
+  rate: (size) => `${size}/s`,
+  left: (duration) => `${duration} left`,
+
+  // The history.
+  done: {
+    check: (entry) => `Found ${version(entry.to)}`,
+    download: (entry) => `Downloaded ${version(entry.to)}`,
+    install: (entry) => `Installed ${version(entry.to)}`,
+    update: (entry) => (entry.from === null ? `Installed ${version(entry.to)}` : `Updated to ${version(entry.to)}`),
+    remove: (entry) => `Removed ${version(entry.from)}`,
+    recover: () => "Recovered",
+  },
+  nothing: "Checked, nothing new",
+  failedTo: {
+    check: "Check failed",
+    download: "Download failed",
+    install: "Install failed",
+    update: "Update failed",
+    remove: "Removal failed",
+    recover: "Recovery failed",
+  },
+  times: (count) => `${count} times`,
+  entry: { before: "Before", after: "After", took: "Took", exit: "Exit status", code: "Reason", at: "Times" },
+  noPack: "no pack",
+  day: (date, done, failed) => `${date}: ${done + failed === 0 ? "nothing" : `${done} done, ${failed} failed`}`,
+  strip: (days, failed) => `The last ${days} days: ${failed === 0 ? "no failure" : `failures on ${failed} of them`}.`,
+  legend: { days: "Last 90 days:", none: "nothing", done: "done", failed: "failed" },
+
+  // The diagnosis.
+  notDiagnosed: "Looks at settings, rights, keyring, plugins, the update server and free space. It changes nothing.",
+  well: (age) => `No fault was found ${age}.`,
+  found: (age) => `Found ${age}:`,
+  problems: "What could not be read",
+
+  server: (user, isHeld) =>
+    `Served by the account ${user} at ${isHeld ? "a port that systemd keeps for it" : "a port that any user could have taken"}.`,
+
+  // Why something failed, by the code of the reason; with `recover`, a recovery mends it.
+  reasons: {
+    no_space: { cause: "The disk is full.", remedy: "Make room, then try again." },
+    not_signed: { cause: "The package is not signed.", remedy: "Its publisher has to sign it." },
+    bad_signature: {
+      cause: "The package's signature does not hold.",
+      remedy: "Check the clock; then its publisher has to repair it.",
+    },
+    keyring_unusable: {
+      cause: "The appliance's keyring cannot be used, so no package is accepted.",
+      remedy: "Run the diagnosis.",
+    },
+    bad_package: { cause: "The package is damaged.", remedy: "Its publisher has to publish it again." },
+    checksum_mismatch: { cause: "The package is not the one that the server announced.", remedy: "Try again." },
+    server_unreachable: { cause: "The update server cannot be reached.", remedy: "Check the network, then try again." },
+    server_refused: { cause: "The update server refuses the request.", remedy: "Run the diagnosis." },
+    bad_reply: { cause: "The update server's answer cannot be used.", remedy: "Run the diagnosis." },
+    download_failed: { cause: "The package cannot be downloaded.", remedy: "Check the network, then try again." },
+    not_configured: {
+      cause: "The address of the update server, or a fact about the appliance, is not set.",
+      remedy: "Run the diagnosis.",
+    },
+    no_pack_offered: { cause: "The update server offers no pack for this appliance.", remedy: "Run the diagnosis." },
+    requirements_unreadable: {
+      cause: "The list of codecs that applications ask for cannot be read.",
+      remedy: "Run the diagnosis.",
+    },
+    install_failed: { cause: "The pack could not be put in place.", remedy: "Run the diagnosis." },
+    record_unreadable: { cause: "The record of the status is damaged.", remedy: "Recovery repairs it.", recover: true },
+    permission_denied: {
+      cause: "This takes more rights than the page's server has.",
+      remedy: "Run packctl as root.",
+    },
+    not_permitted: { cause: "The recorded status does not allow it now.", remedy: "Check first." },
+    interrupted: { cause: "An earlier update was interrupted.", remedy: "Recovery puts it in order.", recover: true },
+    not_confirmed: { cause: "An application needs a codec of the pack.", remedy: "Confirm the removal." },
+    cancelled: { cause: "It was cancelled.", remedy: "Try again." },
+    busy: { cause: "Another program is at work.", remedy: "Try again when it has ended." },
+  },
+};

@@ -1,0 +1,67 @@
+#include "tools/packctl/web/page_actions.h"
+
+#include <algorithm>
+#include <array>
+
+#include "tools/packctl/view/status_words.h"
+#include "updater/pack_status_helper.h"
+
+namespace orbamira::packctl {
+namespace {
+
+using updater::PackStatus;
+using Rules = updater::PackStatusHelper;
+using Rule = bool (Rules::*)(PackStatus) const;
+
+std::string Always(const MachineState& /*state*/) { return ""; }
+
+std::string Forbidden(const std::string& noun, PackStatus status) {
+  return "the " + noun + " is not permitted while the recorded status is " + StatusText(status) + " (" +
+         StatusMeaning(status) + ")";
+}
+
+// What the record permits by this rule.
+auto IfPermitted(const std::string& noun, Rule rule) {
+  return [noun, rule](const MachineState& state) {
+    if (!state.record) {
+      return state.record_problem;
+    }
+    const PackStatus status = state.record->status;
+    return (Rules(nullptr).*rule)(status) ? "" : Forbidden(noun, status);
+  };
+}
+
+std::string WhyNoRemoval(const MachineState& state) {
+  if (!state.record) {
+    return state.record_problem;
+  }
+  if (IsUnderWay(state.record->status)) {
+    return Forbidden("removal", state.record->status);
+  }
+  return state.installed ? "" : "no codec pack is installed";
+}
+
+}  // namespace
+
+std::span<const PageAction> PageActions() {
+  static const std::array kActions = {
+      PageAction{"check", {"check"}, &Always},
+      PageAction{"download", {"download"}, IfPermitted("download", &Rules::CanDoDownload)},
+      PageAction{"install", {"install"}, IfPermitted("install", &Rules::CanDoInstall)},
+      PageAction{"update", {"update"}, IfPermitted("update", &Rules::CanDoDownloadInstall)},
+      PageAction{"reinstall", {"update", "--reinstall"}, IfPermitted("update", &Rules::CanDoDownloadInstall)},
+      PageAction{"remove", {"remove"}, &WhyNoRemoval},
+      PageAction{"recover", {"recover"}, &Always},
+      PageAction{"doctor", {"doctor"}, &Always},
+  };
+  return kActions;
+}
+
+const PageAction* FindPageAction(const std::string& name) {
+  const auto actions = PageActions();
+  const auto found =
+      std::find_if(actions.begin(), actions.end(), [&](const PageAction& action) { return action.name == name; });
+  return found == actions.end() ? nullptr : &*found;
+}
+
+}  // namespace orbamira::packctl
