@@ -720,7 +720,7 @@ class MkpackUsageTest(MkpackTest):
         result = subprocess.run([MKPACK, "--help"], stdout=subprocess.PIPE, text=True, timeout=HANG, check=False)
         self.assertEqual(0, result.returncode)
         for text in (
-            *("--base-url URL", "--sign-key KEY", "exit status", "typical use", "SOURCE_DATE_EPOCH"),
+            *("--base-url URL", "--sign-key KEY", "exit status", "examples", "SOURCE_DATE_EPOCH"),
             *("mkpack verify /srv/packs", "common problems"),
             *("1.0-rc1 is NEWER than 1.0", "Python and zlib are the same", "contains the time when it was made"),
         ):

@@ -27,15 +27,9 @@ appliance would; see mkpack verify --help.
 """
 
 EPILOG = f"""\
-what is made
-  OUTPUT/NAME-VERSION-DIGEST.opk   the package: a tar archive of INFO (name and version) and package.tgz (the payload
-                                   and an empty file has_CODEC for each codec). DIGEST is the beginning of the file's
-                                   SHA-256, so the content under a name never changes, and caches may keep it for ever.
-  OUTPUT/reply.json                a JSON object with one member for each pack name: title, version, link, checksum
-                                   and size in bytes of the pack published last. Members of other names stay.
-
-  Both files appear whole, the package first. Earlier packages stay, for appliances that are still downloading them.
-  Several mkpack may publish into one folder at the same time.
+what is published
+  The package, and a reply that names it; see files below. Both files appear whole, the package first. Earlier packages
+  stay, for appliances that are still downloading them. Several mkpack may publish into one folder at the same time.
 
 the payload
   Regular files, folders, and symbolic links that stay inside the folder. Executable files become 0755, other files
@@ -62,11 +56,7 @@ versions
   missing part counts as 0. So 1.9 is older than 1.10, and 1.0 equals 1, but 1.0-rc1 is NEWER than 1.0: an appliance
   with 1.0-rc1 is not offered 1.0. Give a version before 1.0 a lower number, such as 0.99.1.
 
-typical use
-  mkpack --payload build/pack --output /srv/packs --name {rules.HEVC_PACK} --version 1.2.0 \\
-         --title "HEVC decoder" --base-url https://packs.example.com/packs
-  mkpack verify /srv/packs --base-url https://packs.example.com/packs
-
+what to do with it
   Serve /srv/packs at https://packs.example.com/packs with any web server. Copy the packages there before the reply.
   On the appliances, set in their updater.conf:
   pack_update_server="https://packs.example.com/packs/reply.json"
@@ -83,8 +73,28 @@ common problems
 
   Some appliances find no pack at all: those with AAC ask for {rules.HEVC_AAC_PACK}. Always publish both packs.
 
+examples
+  mkpack --payload build/pack --output /srv/packs --name {rules.HEVC_PACK} --version 1.2.0 \\
+         --title "HEVC decoder" --base-url https://packs.example.com/packs
+  mkpack verify /srv/packs --base-url https://packs.example.com/packs
+
+environment
+  SOURCE_DATE_EPOCH  every time in the package, in seconds since 1970 (default 0)
+  PATH               where the program openssl is looked for, to sign
+
+files
+  OUTPUT/NAME-VERSION-DIGEST.opk   the package: a tar archive of INFO (name and version) and package.tgz (the payload
+                                   and an empty file has_CODEC for each codec). DIGEST is the beginning of the file's
+                                   SHA-256, so the content under a name never changes, and caches may keep it for ever.
+  OUTPUT/reply.json                a JSON object with one member for each pack name: title, version, link, checksum
+                                   and size in bytes of the pack published last. Members of other names stay.
+  OUTPUT/.reply.json.lock          the lock that mkpack holds while it changes the reply.
+  OUTPUT/.mkpack.*                 unfinished work, removed at the end. You may delete what a killed mkpack leaves.
+
 exit status
-  0 published; 1 failed, at most the package file was published; 64 wrong usage
+  0   published
+  1   failed; at most the package was published, and the reply is as it was
+  64  wrong usage
 """
 
 

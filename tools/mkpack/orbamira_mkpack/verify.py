@@ -38,12 +38,23 @@ what is printed
   worth knowing: packages that the reply does not name, or no longer names, and unfinished work. With --json, one object
   with the members "folder" or "url", "result" ("well" or "faults"), "packs", "findings" and "notes".
 
-example
+examples
   mkpack verify /srv/packs --base-url https://packs.example.com/packs --keyring authority.pem
   mkpack verify --url https://packs.example.com/packs/reply.json
 
+environment
+  http_proxy, https_proxy, no_proxy  the proxy to ask for --url
+  PATH                               where the program openssl is looked for, to check signatures
+  TMPDIR                             where a signature lies while it is checked
+
+files
+  FOLDER/reply.json  the reply, unless --reply names another
+  FOLDER/*.opk       the packages
+
 exit status
-  0 nothing found; 1 findings; 64 wrong usage
+  0   nothing found
+  1   something found, or not everything could be read
+  64  wrong usage
 """
 
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/printable.h"
+#include "tools/packctl/cli/help_text.h"
 #include "tools/packctl/cli/nearest_word.h"
 #include "tools/packctl/cli/version_text.h"
 
@@ -31,19 +32,31 @@ constexpr std::array kExitMeanings = {
     ExitMeaning{kExitBusy, "another program is at work; --wait waits for its end"},
 };
 
+constexpr const char* kNotes =
+    "With --json, the answer of a command that failed or was refused has error: code, message and remedy.\n"
+    "Of \"plugins\" and the commands that change something, only one runs at a time. The others run at any time.";
+
+std::string Padded(std::string text, std::size_t width) {
+  text.resize(std::max(width, text.size()), ' ');
+  return text;
+}
+
 std::string Footer() {
   constexpr std::size_t kNumberWidth = 4;
-  std::string footer = "Exit status:\n";
-  for (const auto& [exit, meaning] : kExitMeanings) {
-    std::string number = std::to_string(exit);
-    number.resize(kNumberWidth, ' ');
-    footer += "  " + number + meaning + "\n";
+  constexpr std::size_t kNameWidth = 15;
+  std::string footer = "Examples:\n";
+  for (const auto& [command, meaning] : kExamples) {
+    footer += std::string("  ") + command + "\n      " + meaning + "\n";
   }
-  return footer +
-         "\nWith --json, the answer of a command that failed or was refused has error: code, message and remedy.\n"
-         "Of \"plugins\" and the commands that change something, only one runs at a time. The others run at any "
-         "time.\n"
-         "The environment variable ORBAMIRA_ROOT is put in front of every path, for example of a staged system.";
+  footer += "\nExit status:\n";
+  for (const auto& [exit, meaning] : kExitMeanings) {
+    footer += "  " + Padded(std::to_string(exit), kNumberWidth) + meaning + "\n";
+  }
+  footer += "\nEnvironment:\n";
+  for (const auto& [name, meaning] : kEnvironment) {
+    footer += "  " + Padded(name, kNameWidth) + meaning + "\n";
+  }
+  return footer + "\n" + kNotes;
 }
 
 constexpr const char* kJsonHelp = "Print one JSON object instead of text";
@@ -137,6 +150,13 @@ Parser::Parser(std::span<const Command> known) {
       ->expected(0, -1);
   help->footer(kHelpDetails);
   app.footer(Footer());  // last, so that commands do not inherit it
+}
+
+Json::Value DescribeTerm(const std::string& term, const char* meaning) {
+  Json::Value described;
+  described["term"] = term;
+  described["meaning"] = meaning;
+  return described;
 }
 
 Json::Value DescribeOptions(const CLI::App& app) {
@@ -272,7 +292,16 @@ Json::Value DescribeCommandLine(std::span<const Command> commands) {
   Json::Value described;
   described["name"] = parser.app.get_name();
   described["summary"] = parser.app.get_description();
-  described["footer"] = Footer();
+  described["notes"] = kNotes;
+  for (const auto& [exit, meaning] : kExitMeanings) {
+    described["exit_statuses"].append(DescribeTerm(std::to_string(exit), meaning));
+  }
+  for (const auto& [name, meaning] : kEnvironment) {
+    described["environment"].append(DescribeTerm(name, meaning));
+  }
+  for (const auto& [command, meaning] : kExamples) {
+    described["examples"].append(DescribeTerm(command, meaning));
+  }
   described["options"] = DescribeOptions(parser.app);
   described["groups"][kAccount] = kAccountSummary;
   for (std::size_t i = 0; i < commands.size(); ++i) {

@@ -28,12 +28,13 @@ ParsedLine ParseCommandLine(int argc, const char* const* argv, std::span<const C
 
 /// The commands and options as packctl itself takes them, for whoever writes its man page and completions:
 ///
-///     {"name", "summary", "footer", "options": [OPTION...], "groups": {"account": "..."},
+///     {"name", "summary", "notes", "exit_statuses": [TERM...], "environment": [TERM...], "examples": [TERM...],
+///     "options": [OPTION...], "groups": {"account": "..."},
 ///      "commands": [{"name", "summary", "details", "options": [OPTION...], "argument": "COMMAND"}...]}
 ///
-/// where OPTION is {"names": ["--limit"...], "help": "...", "value": "N"}, with null for the value of a flag. Only
-/// "help" has an argument. The name of a command that belongs to a group is the group's and its own, with a blank
-/// between; groups are told with a summary.
+/// where TERM is {"term": "2", "meaning": "nothing to do"}, and OPTION is {"names": ["--limit"...], "help": "...",
+/// "value": "N"}, with null for the value of a flag. Only "help" has an argument. The name of a command that belongs to
+/// a group is the group's and its own, with a blank between; groups are told with a summary.
 Json::Value DescribeCommandLine(std::span<const Command> commands);
 
 /// What single commands take, for Command::add_options.

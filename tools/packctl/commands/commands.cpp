@@ -49,10 +49,9 @@ constexpr std::array kCommands = {
             "or failed, newest first. The history keeps at most half a mebibyte. A command that was killed leaves no\n"
             "entry, but the recovery after it does. On a terminal a long list is shown in $PAGER, or in less.\n"
             "With --json: the list entries, older, the number of entries beyond --limit, and damaged, the number of\n"
-            "unreadable lines. An entry has time (when it\n"
-            "ended, in seconds since the epoch), duration_ms, command, from (the pack installed before), to (the pack\n"
-            "that is installed or waiting since then), result, status, exit, errors, and error\n"
-            "(code, message and remedy of a failure, or null).",
+            "unreadable lines. An entry has time (when it ended, in seconds since the epoch), duration_ms, command,\n"
+            "from (the pack installed before), to (the pack that is installed or waiting since then), result, status,\n"
+            "exit, errors, and error (code, message and remedy of a failure, or null).",
             ShowHistory, AddHistoryOptions},
     Command{"doctor", Effect::kNone, "Look for what is wrong and say what to do about it",
             "Checks the settings, permissions, keyring, plugins, locks, pack, record, update server, clock and free\n"

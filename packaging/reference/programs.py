@@ -1,0 +1,105 @@
+"""The programs as they describe themselves: packctl by packctl_describe, mkpack by its argument parsers.
+
+A program is {"name", "summary", "options": [OPTION...], "groups", "commands": [COMMAND...]}. A command has a name of
+one word, or of its group's and its own; "summary", "options", and perhaps an "argument". An option is {"names", "help",
+"value"}, with None for the value of a flag, and perhaps "choices".
+"""
+
+import importlib
+import json
+import os
+import pathlib
+import subprocess
+import sys
+
+FILES = {"FILE", "KEY", "CERT"}
+FOLDERS = {"DIR", "FOLDER"}
+CHOICES = {"WHEN": ["auto", "always", "never"]}
+
+
+def packctl(describe):
+    """What the program packctl_describe tells."""
+    program = json.loads(subprocess.run([describe], check=True, stdout=subprocess.PIPE, text=True).stdout)
+    for command in [program, *program["commands"]]:
+        for option in command["options"]:
+            option["choices"] = CHOICES.get(option["value"])
+    return program
+
+
+def _option(action):
+    value = None
+    if action.nargs != 0:
+        value = action.metavar or (action.dest.upper() if action.choices is None else "WORD")
+    return {
+        "names": action.option_strings,
+        "help": action.help[0].upper() + action.help[1:],
+        "value": value,
+        "choices": list(action.choices) if action.choices else None,
+        "required": action.required,
+    }
+
+
+def _command(name, summary, parser):
+    arguments = [action for action in parser._actions if not action.option_strings]
+    return {
+        "name": name,
+        "summary": summary,
+        "description": parser.description,
+        "epilog": parser.epilog,
+        "options": [_option(action) for action in parser._actions if action.option_strings],
+        **({"argument": arguments[0].metavar, "argument_help": arguments[0].help} if arguments else {}),
+    }
+
+
+def mkpack(program):
+    """What the parsers of the program say."""
+    folder = pathlib.Path(os.path.realpath(program)).parent
+    sys.dont_write_bytecode = True
+    sys.path.insert(0, str(folder))
+    publish = importlib.import_module("orbamira_mkpack.publish").make_parser()
+    verify = importlib.import_module("orbamira_mkpack.verify").make_parser()
+    return {
+        **_command("mkpack", "Make a codec pack of a folder and publish it", publish),
+        "groups": {},
+        "commands": [_command("verify", "Verify a published folder", verify)],
+    }
+
+
+def names(options):
+    return [name for option in options for name in option["names"]]
+
+
+def groups(program):
+    """The commands as they follow each other on the line: (first word, its commands); a command with no second word is
+    a group of itself."""
+    grouped = {}
+    for command in program["commands"]:
+        grouped.setdefault(command["name"].split()[0], []).append(command)
+    return grouped.items()
+
+
+def first_words(program):
+    """The words that may come first, each with its summary."""
+    return [(group, program["groups"].get(group, commands[0]["summary"])) for group, commands in groups(program)]
+
+
+def second_words(commands):
+    """The words that may come after the first of these commands, each with its summary."""
+    return [(c["name"].split()[1], c["summary"]) for c in commands if " " in c["name"]]
+
+
+def all_options(program):
+    return [option for command in [program, *program["commands"]] for option in command["options"]]
+
+
+def names_with(program, wanted):
+    """The names of all options that take a value of which `wanted` is true, sorted."""
+    return sorted({name for o in all_options(program) if o["value"] and wanted(o) for name in o["names"]})
+
+
+def takes_file(option):
+    return option["value"] in FILES
+
+
+def takes_folder(option):
+    return option["value"] in FOLDERS
