@@ -81,7 +81,7 @@ def publish(web, version, signed):
     payload = DEMO / "payload" / PACK
     (payload / "share/release").write_text(f"HEVC decoder {version}\n")
     keys = {"sign-key": DEMO / "signer.key", "sign-cert": DEMO / "signer.pem"} if signed else {}
-    make_pack(payload, web.packs, version, web.url, **keys)
+    make_pack(SOURCE / "build/release", payload, web.packs, version, web.url, **keys)
 
 
 def record(folder):
