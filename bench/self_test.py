@@ -91,17 +91,19 @@ def test_interrupt(build, folder):
 
 
 def test_stages(build, folder):
-    found = run(build, folder, "update", "--payload", "small", "--runs", "1", "--stages")
+    found = run(build, folder, "update", "--payload", "small", "--runs", "1", "--stages", "--plugins", "1")
     expect(found["stages"].keys() == STAGES, "names of the stages")
     expect(all(time > 0 for time in found["stages"].values()), f"a stage took no time: {found['stages']}")
-    for program in ("packctl", "orba-archive", "orba-tar", "orba-copy", "orba-remove", "notify-plugins"):
+    for program in ("packctl", "orba-archive", "orba-tar", "orba-copy", "notify-plugins"):
         expect(found["programs"][program]["peak"] > 0, f"figures of {program}")
 
 
 def test_growth(build, folder):
-    found = run(build, folder, "growth", "--runs", "1", "--most-megabytes", "2", "--most-files", "10")
-    for figures, size in (("by_size", "2"), ("by_files", "10")):
-        expect(found[figures][size].keys() == ROW | {"package"}, f"figures {figures}")
+    found = run(build, folder, "growth", "--runs", "1", "--most-megabytes", "0.1", "--most-files", "10")
+    for figures, size, names in (("by_size", "0.1", {"packctl", "pipeline", "dpkg"}), ("by_files", "10", {"packctl"})):
+        row = found[figures][size]
+        expect(row.keys() == names | {"package"}, f"who took part {figures}")
+        expect(all(row[name].keys() == ROW for name in names), f"figures {figures}")
 
 
 def test_load(build, folder):

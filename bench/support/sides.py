@@ -66,6 +66,12 @@ class Updater(Side):
         return self.appliance.pack
 
 
+class Former(Updater):
+    """The same of another build."""
+
+    name = "former packctl"
+
+
 class Record(Side):
     """The record alone: saved as often as by one update, and nothing else."""
 

@@ -12,7 +12,6 @@ CHILDREN = {
     "orba-archive": "unpack, outer",
     "orba-tar": "unpack, inner",
     "orba-copy": "place",
-    "orba-remove": "clean up",
 }
 STAGES = (
     "check",
@@ -27,7 +26,7 @@ STAGES = (
     "plugin calls",
     "other",
 )
-_CALLS = "execve,connect,fadvise64,flock,fsync,fdatasync,clone,wait4"
+_CALLS = "execve,connect,fadvise64,flock,fsync,fdatasync,clone,wait4,renameat2,unlinkat"
 _LINE = re.compile(r"(?P<begin>\d+\.\d+) (?P<call>\w+)\((?P<rest>.*?)(?:<(?P<length>\d+\.\d+)>)?$")
 
 
@@ -61,7 +60,7 @@ def _durations(threads, wall):
     body = next(call for call in worker if call.name == "fsync" and ".opk" in call.text)
     digest = next(call for call in worker if call.name == "fadvise64" and ".opk" in call.text)
     saved = 0.0  # during the download
-    lock = written = None
+    lock = written = aside = None
     for call in worker:
         if call.name == "flock" and "status.lock" in call.text:
             if "LOCK_EX" in call.text:
@@ -71,6 +70,10 @@ def _durations(threads, wall):
                 saved += call.end - lock if to_server[1].begin < lock < body.begin else 0
         elif call.name in ("fsync", "fdatasync") and "/status.json" in call.text:
             written = True
+        elif '".removed.' in call.text and call.name == "renameat2":
+            aside = call.begin
+        elif '".removed.' in call.text and "AT_REMOVEDIR" in call.text:
+            spent["clean up"] += call.end - aside
     spent["check"] = to_server[1].begin - to_server[0].begin
     spent["download"] = body.begin - to_server[1].begin - saved
     spent["download, made durable"] = body.end - body.begin

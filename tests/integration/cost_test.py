@@ -23,16 +23,8 @@ MIB = 1024 * KIB
 PAYLOAD = (8 * MIB, 8 * MIB)
 
 # Of an upgrade without plugins: every program has a supervisor, a copy of packctl. orba-archive judges the package
-# after the download, and unpacks it.
-PROCESSES = {
-    "packctl": 1,
-    "supervisor": 11,
-    "notify-plugins": 4,
-    "orba-archive": 2,
-    "orba-tar": 1,
-    "orba-copy": 1,
-    "orba-remove": 3,
-}
+# after the download, and unpacks it. What is removed packctl removes itself.
+PROCESSES = {"packctl": 1, "supervisor": 4, "orba-archive": 2, "orba-tar": 1, "orba-copy": 1}
 
 # A state is recorded by clearing the record and setting its six values, each of which is on the disk before the next.
 # An upgrade goes through seven of them, and the progress of its download is one more at its first and its last byte and
@@ -41,6 +33,9 @@ SAVES_OF_STATE = ["pwrite64"] + 6 * ["pwrite64", "fdatasync"]
 STATES = 7
 OPENINGS = 2  # of the record for writing, each with one sync of its folder: by the update, and by the recovery before
 RECORD = 512  # bytes, as many as a disk writes at once
+# Every other flush of an upgrade, by the name of what is flushed: the folder of the record, the downloaded package, the
+# unpacked pack before it gets its place, the folder in which it has it, and the history.
+OTHER_FLUSHES = ["orbamira", "codec-pack.opk", ".codec-pack.partial", "packages", "history.jsonl"]
 REPORT_INTERVAL = 0.1
 
 BODY_PIECE = 256 * KIB
@@ -96,6 +91,15 @@ class CallsOfAnUpdate(unittest.TestCase):
         flushes = sum(path.name == "status.json" and call == "fdatasync" for _, call, path in self.calls)
         reports = 2 + int(self.update.seconds / REPORT_INTERVAL)
         self.assertLessEqual(flushes, SAVES_OF_STATE.count("fdatasync") * (STATES + reports))
+
+    def test_nothing_is_flushed_without_need(self):
+        flushed = [path for _, call, path in self.calls if call in ("fsync", "fdatasync", "syncfs", "sync")]
+        others = [
+            ".codec-pack.partial" if path.name.startswith(".codec-pack.partial.") else path.name
+            for path in flushed
+            if path.name != "status.json"
+        ]
+        self.assertEqual(OTHER_FLUSHES, others)
 
     def count_writes(self, program, pattern):
         return sum(

@@ -10,10 +10,13 @@
 #include "tools/packctl/commands/watched_work.h"
 #include "tools/packctl/host/asked_status_helper.h"
 #include "tools/packctl/host/checking_pack_handler.h"
+#include "tools/packctl/host/direct_core.h"
 #include "tools/packctl/view/status_words.h"
 
 namespace orbamira::packctl {
 namespace {
+
+namespace fs = std::filesystem;
 
 using testing::Not;
 using testing::StrEq;
@@ -54,6 +57,48 @@ TEST(RunWatchedTest, EndsAsSoonAsTheWorkDoes) {
 
 TEST(RunWatchedTest, ThrowsWhatTheWorkThrew) {
   EXPECT_THROW(RunWatched([]() -> bool { throw std::runtime_error("work"); }, [] {}), std::runtime_error);
+}
+
+int TellOfAStep() { return DirectCore().RunCommand({path::kNotifyPluginPyPath, "--event", "install"}); }
+
+TEST(DirectCoreTest, RemovesFoldersWithoutAProgram) {
+  const fs::path folder = test::Root() / "removals/folder";
+  test::WriteFile(folder / "inner/file", "text");
+  EXPECT_EQ(DirectCore().RunCommand({path::kRmPath, "-rf", folder}), 0);
+  EXPECT_FALSE(fs::exists(folder));
+  EXPECT_TRUE(fs::is_empty(folder.parent_path())) << "what was moved aside is left";
+}
+
+TEST(DirectCoreTest, RemovingNothingSucceeds) {
+  EXPECT_EQ(DirectCore().RunCommand({path::kRmPath, "-rf", test::Root() / "missing"}), 0);
+}
+
+TEST(DirectCoreTest, ARemovalThatFailsIsToldInTheProgramsWords) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(DirectCore().RunCommand({path::kRmPath, "-rf", (test::Root() / "..").string()}), 1);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::MatchesRegex("orba-remove: .+\n"));
+}
+
+// No program stands at the notifier's path here, nor could one be started.
+TEST(DirectCoreTest, TellsNobodyWhereNoPluginIs) {
+  fs::remove_all(path::kPluginFolder);
+  EXPECT_EQ(TellOfAStep(), 0);
+  fs::create_directories(path::kPluginFolder);
+  EXPECT_EQ(TellOfAStep(), 0);
+}
+
+TEST(DirectCoreTest, StartsTheNotifierWhereAPluginMayBe) {
+  test::WriteFile(fs::path(path::kPluginFolder) / "plugin", "");
+  EXPECT_NE(TellOfAStep(), 0);
+  fs::remove_all(path::kPluginFolder);
+  test::WriteFile(path::kPluginFolder, "no folder");
+  EXPECT_NE(TellOfAStep(), 0) << "orba-plugins tells what is wrong with it";
+  fs::remove_all(path::kPluginFolder);
+}
+
+TEST(DirectCoreTest, StartsEveryOtherProgram) {
+  EXPECT_NE(DirectCore().RunCommand({path::kGetAppIdPyPath, "answer"}), 0);
+  EXPECT_NE(DirectCore().RunCommand({}), 0);
 }
 
 TEST(StatusWordsTest, StatusMeaningDiffersForEachStatus) {

@@ -7,6 +7,7 @@
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
+#include "tools/packctl/host/direct_core.h"
 #include "updater/plugin_notifier.h"
 
 namespace orbamira::packctl {
@@ -27,12 +28,12 @@ UpdateObjects MakeUpdateObjects() {
     throw std::runtime_error(std::string("cannot use the status store ") + path::kPackStatusFile);
   }
   auto status = std::make_shared<AskedStatusHelper>(std::move(store));
-  const auto core = std::make_shared<wrapper::OrbaCoreWrapper>();
+  const auto core = std::make_shared<DirectCore>();
   auto handler = std::make_shared<CheckingPackHandler>(wrapper::CprSession::Create(), facts, core,
                                                        std::make_shared<wrapper::OrbaSDKWrapper>());
   auto packages = std::make_shared<updater::PackageJudge>(core, std::make_shared<wrapper::OrbaPkgWrapper>());
-  auto manager =
-      std::make_unique<updater::PackManager>(core, packages, facts, status, handler, updater::PluginNotifier::Create());
+  auto manager = std::make_unique<updater::PackManager>(core, packages, facts, status, handler,
+                                                        std::make_shared<updater::PluginNotifier>(core));
   return {std::move(packages), std::move(status), std::move(handler), std::move(manager)};
 }
 

@@ -1,0 +1,49 @@
+#include "tools/packctl/host/direct_core.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <system_error>
+
+#include "platform/constants.h"
+#include "platform/posix/remove_tree.h"
+#include "platform/printable.h"
+
+namespace orbamira::packctl {
+namespace {
+
+bool IsRemoval(const std::vector<std::string>& args) {
+  return args.size() == 3 && args[0] == path::kRmPath && args[1] == "-rf";
+}
+
+int Remove(const std::string& path) {
+  try {
+    RemoveAtOnce(path);
+  } catch (const std::exception& error) {
+    static_cast<void>(std::fprintf(stderr, "orba-remove: %s\n", Printable(error.what()).c_str()));
+    return EXIT_FAILURE;
+  }
+  return EXIT_SUCCESS;
+}
+
+/// A folder that cannot be read counts as one with plugins: what is wrong with it is for orba-plugins to tell.
+bool MayHavePlugins() {
+  std::error_code error;
+  const std::filesystem::directory_iterator first(path::kPluginFolder, error);
+  return error ? error != std::errc::no_such_file_or_directory : first != std::filesystem::directory_iterator();
+}
+
+}  // namespace
+
+int DirectCore::RunCommand(const std::vector<std::string>& args) {
+  if (IsRemoval(args)) {
+    return Remove(args[2]);
+  }
+  if (!args.empty() && args[0] == path::kNotifyPluginPyPath && !MayHavePlugins()) {
+    return EXIT_SUCCESS;
+  }
+  return OrbaCoreWrapper::RunCommand(args);
+}
+
+}  // namespace orbamira::packctl
