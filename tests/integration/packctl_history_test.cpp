@@ -167,10 +167,12 @@ TEST_F(PackctlHistoryTest, TellsWhyACommandFailed) {
   EXPECT_EQ(check["errors"][0], "Failed to send request with status: 404");
   EXPECT_EQ(check["errors"][2], "the check failed; the recorded status is lost");
   EXPECT_EQ(check["error"]["code"], "server_refused");
-  EXPECT_THAT(Run({"history"}).output,
-              AllOf(HasSubstr("  check: failed, no pack -> no pack, 0:0"),
-                    EndsWith("\n    Failed to send request with status: 404\n    FetchDownloadInfo failed\n"
-                             "    the check failed; the recorded status is lost\n")));
+  const std::string line = "  check     Failed: " + check["error"]["message"].asString() +
+                           " (server_refused). No codec pack is installed.\n";
+  EXPECT_THAT(Run({"history"}).output, EndsWith(line));
+  EXPECT_THAT(Run({"history", "--verbose"}).output,
+              EndsWith(line + "    from no pack to no pack\n    Failed to send request with status: 404\n"
+                              "    FetchDownloadInfo failed\n    the check failed; the recorded status is lost\n"));
 }
 
 TEST_F(PackctlHistoryTest, AFailedUpdateTellsThatTheOldPackIsBack) {
@@ -221,22 +223,23 @@ TEST_F(PackctlHistoryTest, IsShownInThePagerOnATerminal) {
   EXPECT_EQ(Run({"check"}).status, 1);
   const std::string pager = MakePager("my-pager");
   EXPECT_THAT(OnTerminal({"PAGER=" + pager + " --colour"}),
-              AllOf(StartsWith("pager LESS=FRX LESSSECURE=1 --colour\r\n"), HasSubstr("check: failed")));
+              AllOf(StartsWith("pager LESS=FRX LESSSECURE=1 --colour\r\n"), HasSubstr("check     Failed: ")));
   EXPECT_THAT(OnTerminal({"PAGER=" + pager, "LESS=S", "LESSSECURE=0"}), StartsWith("pager LESS=S LESSSECURE=1 \r\n"));
   MakePager("less");
   EXPECT_THAT(OnTerminal({"PATH=" + pagers_.path().string() + ":/bin"}),
-              AllOf(StartsWith("pager LESS=FRX LESSSECURE=1 \r\n"), HasSubstr("check: failed")));
+              AllOf(StartsWith("pager LESS=FRX LESSSECURE=1 \r\n"), HasSubstr("check     Failed: ")));
 }
 
 TEST_F(PackctlHistoryTest, KeysForThePagerDoNotEndPackctl) {
   EXPECT_EQ(Run({"check"}).status, 1);
-  EXPECT_THAT(OnTerminal({"PAGER=kill -INT $PPID; kill -QUIT $PPID; cat"}), HasSubstr("check: failed"));
+  EXPECT_THAT(OnTerminal({"PAGER=kill -INT $PPID; kill -QUIT $PPID; cat"}), HasSubstr("check     Failed: "));
 }
 
 TEST_F(PackctlHistoryTest, IsPrintedWhereNoPagerIsWantedOrCanRun) {
   EXPECT_EQ(Run({"check"}).status, 1);
   const std::string pager = "PAGER=" + MakePager("my-pager");
-  const auto is_printed = AllOf(StartsWith("20"), HasSubstr("check: failed"), testing::Not(HasSubstr("pager LESS=")));
+  const auto is_printed =
+      AllOf(StartsWith("20"), HasSubstr("check     Failed: "), testing::Not(HasSubstr("pager LESS=")));
   EXPECT_THAT(OnTerminal({pager}, {"--no-pager"}), is_printed);
   EXPECT_THAT(OnTerminal({"PAGER="}), is_printed);
   EXPECT_THAT(OnTerminal({pager, "TERM=dumb"}), is_printed);
@@ -251,7 +254,7 @@ TEST_F(PackctlHistoryTest, TextFromOutsideCannotSteerTheTerminal) {
   WriteFile(path::kPackInfoPath, "package=p\033\nversion=1\033[2J\n");
   ASSERT_EQ(Run({"remove"}).status, 0);
   EXPECT_THAT(Run({"history"}).output,
-              AllOf(HasSubstr("p\\033 1\\033[2J -> no pack"), testing::Not(HasSubstr("\033"))));
+              AllOf(HasSubstr("  remove    Removed 1\\033[2J.\n"), testing::Not(HasSubstr("\033"))));
 }
 
 TEST_F(PackctlHistoryTest, ADamagedHistoryFailsNoCommand) {

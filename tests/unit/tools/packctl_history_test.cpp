@@ -14,6 +14,8 @@
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 #include "tools/packctl/record/history.h"
+#include "tools/packctl/view/history_text.h"
+#include "tools/packctl/view/local_time.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -253,6 +255,70 @@ TEST_F(HistoryTest, AnEntryThatTheDiskHasNoRoomForIsTakenBack) {
 TEST_F(HistoryTest, AnEntryIsSyncedBeforeTheCallReturns) {
   AppendToHistory(Entry("check"));  // from now on its folder need not be synced
   test::WithFailingCall(SYS_fsync, EIO, [] { EXPECT_EQ(ErrorOfAppending("update"), EIO); });
+}
+
+// How an entry tells its end, without time and command.
+std::string EndOf(const HistoryEntry& entry) { return HistoryText(entry, false).substr(LocalTime(entry.time).size() + 12); }
+
+HistoryEntry EntryOf(const std::string& command, const std::string& result = "done", int exit = 0) {
+  return {.time = 1'700'000'000,
+          .duration_ms = 7200,
+          .command = command,
+          .from = PackIdentity{kHevcPack, "1.0"},
+          .to = PackIdentity{kHevcAacPack, "2.0"},
+          .result = result,
+          .exit = exit};
+}
+
+TEST(HistoryTextTest, BeginsWithTimeAndCommand) {
+  const std::string begin = LocalTime(1'700'000'000) + "  ";
+  EXPECT_THAT(HistoryText(EntryOf("update"), false), StartsWith(begin + "update    Installed"));
+  EXPECT_THAT(HistoryText(EntryOf("download"), false), StartsWith(begin + "download  Downloaded"));
+}
+
+TEST(HistoryTextTest, TellsWhatAWholeRunCameTo) {
+  EXPECT_EQ(EndOf(EntryOf("update")), "Installed 2.0 (was 1.0) in 7 s.\n");
+  EXPECT_EQ(EndOf(EntryOf("install")), "Installed 2.0 (was 1.0) in 7 s.\n");
+  EXPECT_EQ(EndOf(EntryOf("download")), "Downloaded 2.0 in 7 s.\n");
+  EXPECT_EQ(EndOf(EntryOf("check", "new_pack")), "Found 2.0.\n");
+  EXPECT_EQ(EndOf(EntryOf("remove")), "Removed 1.0.\n");
+  EXPECT_EQ(EndOf(EntryOf("recover")), "Cleaned up.\n");
+  EXPECT_EQ(EndOf(EntryOf("check", "nothing_new")), "Nothing new.\n");
+}
+
+TEST(HistoryTextTest, ManagesWithoutPacksAndVersions) {
+  HistoryEntry entry = EntryOf("update");
+  entry.from.reset();
+  EXPECT_EQ(EndOf(entry), "Installed 2.0 in 7 s.\n");
+  entry.to->version.clear();
+  EXPECT_EQ(EndOf(entry), "Installed a pack of unknown version in 7 s.\n");
+  entry.to.reset();
+  EXPECT_EQ(EndOf(entry), "Installed a pack in 7 s.\n");
+  entry.command = "remove";
+  EXPECT_EQ(EndOf(entry), "Removed a pack.\n");
+}
+
+TEST(HistoryTextTest, TellsWhyAFailedRunFailedAndWhatStays) {
+  HistoryEntry entry = EntryOf("update", "failed", 1);
+  entry.to = entry.from;
+  EXPECT_EQ(EndOf(entry), "Failed: the reason is not known. 1.0 stays installed.\n");
+  entry.errors = {"first", "last"};
+  EXPECT_EQ(EndOf(entry), "Failed: last. 1.0 stays installed.\n");
+  entry.failure = Failure{"no_space", "the disk is full", "Make room."};
+  EXPECT_EQ(EndOf(entry), "Failed: the disk is full (no_space). 1.0 stays installed.\n");
+  entry.to.reset();
+  EXPECT_EQ(EndOf(entry), "Failed: the disk is full (no_space). No codec pack is installed.\n");
+}
+
+TEST(HistoryTextTest, VerboseAddsThePacksAndAllThatWasSaid) {
+  HistoryEntry entry = EntryOf("update", "failed", 1);
+  entry.from.reset();
+  entry.to->package.clear();
+  entry.errors = {"first", "last\033"};
+  EXPECT_THAT(HistoryText(entry, true), testing::EndsWith("    from no pack to 2.0\n    first\n    last\\033\n"));
+  entry.from = PackIdentity{kHevcPack, ""};
+  EXPECT_THAT(HistoryText(entry, true),
+              testing::HasSubstr(std::string("from ") + kHevcPack + " of unknown version to 2.0"));
 }
 
 }  // namespace

@@ -1,38 +1,13 @@
 #include "tools/packctl/record/history.h"
 
 #include <algorithm>
-#include <chrono>
 #include <string>
 
-#include "platform/printable.h"
 #include "tools/packctl/cli/pager.h"
 #include "tools/packctl/commands/commands.h"
-#include "tools/packctl/view/local_time.h"
-#include "tools/packctl/view/progress_text.h"
+#include "tools/packctl/view/history_text.h"
 
 namespace orbamira::packctl {
-namespace {
-
-std::string PackWords(const std::optional<PackIdentity>& pack) {
-  if (!pack) {
-    return "no pack";
-  }
-  const std::string name = pack->package.empty() ? "" : pack->package + " ";
-  return Printable(name + (pack->version.empty() ? "of unknown version" : pack->version));
-}
-
-std::string HistoryLines(const HistoryEntry& entry) {
-  std::string lines = LocalTime(entry.time) + "  " + Printable(entry.command + ": " + entry.result) + ", " +
-                      PackWords(entry.from) + " -> " + PackWords(entry.to) + ", " +
-                      FormatDuration(std::chrono::seconds(entry.duration_ms / 1000)) + "\n";
-  for (const std::string& error : entry.errors) {
-    lines += "    " + Printable(error) + "\n";
-  }
-  return lines;
-}
-
-}  // namespace
-
 Outcome ShowHistory(Context& context) {
   const History history = ReadHistory();
   const std::size_t shown = std::min(history.entries.size(), context.options.limit);
@@ -42,7 +17,7 @@ Outcome ShowHistory(Context& context) {
   for (auto entry = history.entries.rbegin(); entry != history.entries.rend() - static_cast<std::ptrdiff_t>(older);
        ++entry) {
     entries.append(entry->ToJson());
-    outcome.text += HistoryLines(*entry);
+    outcome.text += HistoryText(*entry, context.options.verbose);
   }
   outcome.members["older"] = Json::UInt64{older};
   outcome.members["damaged"] = Json::UInt64{history.damaged};
