@@ -6,6 +6,7 @@ import pathlib
 
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.support.ui import WebDriverWait
 
 # How long a test waits for what a page is to show, in seconds.
 PATIENCE = 600
@@ -34,6 +35,11 @@ def open_browser(*, width=1000, height=800, color_scheme="light", language="en-U
         resize(browser, width, height)
         set_color_scheme(browser, color_scheme)
         yield browser
+
+
+def await_that(browser, script):
+    """Waits until the script returns something true."""
+    WebDriverWait(browser, PATIENCE, poll_frequency=0.05).until(lambda _: browser.execute_script(script))
 
 
 def set_color_scheme(browser, color_scheme):

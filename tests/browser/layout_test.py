@@ -11,10 +11,7 @@ import sys
 import tempfile
 import unittest
 
-from selenium.webdriver.common.by import By
-from selenium.webdriver.support.ui import WebDriverWait
-
-from browser import PATIENCE, open_browser, save_screenshot, set_color_scheme, show_whole
+from browser import await_that, open_browser, save_screenshot, set_color_scheme, show_whole
 from page_states import STATES, PageStates, Web, endless_texts
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
@@ -125,10 +122,7 @@ class LayoutTest(unittest.TestCase):
 
     def open_page(self, browser, address):
         browser.get(address)
-        wait = WebDriverWait(browser, PATIENCE, poll_frequency=0.05)
-        wait.until(lambda _: browser.find_element(By.ID, "name").text)
-        wait.until(lambda _: browser.execute_script("return document.getElementById('lines').dataset.shown"))
-        return wait
+        await_that(browser, "return document.getElementById('lines').dataset.shown")
 
     def test_every_state_in_every_window(self):
         with PageStates(self.appliance) as states, open_browser() as browser:
@@ -136,11 +130,10 @@ class LayoutTest(unittest.TestCase):
                 states.enter(name)
                 web = Web(self.appliance)
                 self.addCleanup(web.stop)
-                wait = self.open_page(browser, web.link)
+                self.open_page(browser, web.link)
                 if name == "offline":
                     web.stop()
-                hero = browser.find_element(By.ID, "hero")
-                wait.until(lambda _, hero=hero, name=name: hero.get_attribute("data-state") == name)
+                await_that(browser, f"return document.getElementById('hero').dataset.state === '{name}'")
                 self.look(browser, name)
                 browser.get("about:blank")
 

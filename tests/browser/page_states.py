@@ -136,7 +136,9 @@ class PageStates:
             lock.parent.mkdir(parents=True, exist_ok=True)
             fcntl.flock(self.work.enter_context(lock.open("w")), fcntl.LOCK_EX)
         self.appliance.cache.mkdir(parents=True, exist_ok=True)
-        (self.appliance.cache / "checked").touch()
+        checked = self.appliance.cache / "checked"
+        checked.touch()
+        os.utime(checked, (time.time() - 2 * 3600,) * 2)
         if record:
             self.appliance.write_status(json.dumps(record))
 
@@ -149,9 +151,9 @@ class PageStates:
 class Web:
     """A "packctl web" of the appliance."""
 
-    def __init__(self, appliance, *arguments):
+    def __init__(self, appliance, *arguments, wrapper=()):
         self.process = subprocess.Popen(
-            [appliance.program("packctl"), "web", "--json", *arguments],
+            [*wrapper, appliance.program("packctl"), "web", "--json", *arguments],
             env=appliance.environment(),
             stdout=subprocess.PIPE,
             text=True,

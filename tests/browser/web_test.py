@@ -324,7 +324,7 @@ class WebTest(unittest.TestCase):
             self.use_menu(browser, "Install again")
             browser.find_element(By.ID, "yes").click()
             self.await_text(browser, "outcome", "Done.")
-            self.await_that(browser, lambda: len(self.lines(browser)) == 2 or "2 times" in self.lines(browser)[0])
+            self.await_that(browser, lambda: len(self.lines(browser)) == 2 or "2×" in self.lines(browser)[0])
 
     def test_tells_why_something_failed_and_what_mends_it(self):
         self.install("1.0")
@@ -399,7 +399,7 @@ class WebTest(unittest.TestCase):
                 self.open_page(browser)
                 self.await_that(browser, lambda: self.lines(browser))
                 self.assertEqual(self.lines(browser)[0], "Update failed The package is not signed.")
-                self.assertIn("Check failed The update server cannot be reached. 5 times", self.lines(browser))
+                self.assertIn("Check failed 5× The update server cannot be reached.", self.lines(browser))
                 self.assertEqual(len(self.lines(browser)), 12)
                 browser.find_element(By.ID, "all").click()
                 self.assertGreater(len(self.lines(browser)), 20)

@@ -146,8 +146,8 @@ export const words = {
     remove: "Entfernung fehlgeschlagen",
     recover: "Wiederherstellung fehlgeschlagen",
   },
-  times: (count) => `${count}-mal`,
-  entry: { before: "Vorher", after: "Nachher", took: "Dauer", exit: "Exit-Status", code: "Grund", at: "Zeiten" },
+  times: (count) => `${count}×`,
+  entry: { before: "Vorher", after: "Nachher", took: "Dauer", exit: "Exit-Status", code: "Grund", at: "Beendet" },
   noPack: "kein Paket",
   day: (date, done, failed) =>
     `${date}: ${done + failed === 0 ? "nichts" : `${done} erledigt, ${failed} fehlgeschlagen`}`,

@@ -31,8 +31,6 @@ std::string ReadPageFile(const fs::path& path) {
 
 }  // namespace
 
-std::string PageFolder() { return fs::path(path::kDefaultPkgSetting).parent_path() / "web"; }
-
 PageFiles::PageFiles() {
   static const std::map<std::string, std::string> kTypes = {
       {".html", "text/html"}, {".css", "text/css"}, {".js", "text/javascript"}};
@@ -40,7 +38,7 @@ PageFiles::PageFiles() {
     files_[asked] = {.type = kTypes.at(path.extension()) + "; charset=utf-8",
                      .body = std::make_shared<const std::string>(ReadPageFile(path))};
   };
-  const fs::path folder = PageFolder();
+  const fs::path folder = fs::path(path::kDefaultPkgSetting).parent_path() / "web";
   add("/", folder / kPage);
   for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
     const fs::path name = entry.path().filename();

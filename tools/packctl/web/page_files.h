@@ -8,9 +8,6 @@
 /// The page's files, which a maker may replace and add to.
 namespace orbamira::packctl {
 
-/// Where they are.
-std::string PageFolder();
-
 /// The files of the page as they are served.
 class PageFiles {
  public:

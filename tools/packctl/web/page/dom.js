@@ -33,6 +33,8 @@ export function fill(element, shown, makeContent) {
 const locale = navigator.languages.find((tag) => tag.split("-")[0] === words.language) ?? words.language;
 const formatDate = new Intl.DateTimeFormat(locale, { dateStyle: "medium" });
 const formatTime = new Intl.DateTimeFormat(locale, { dateStyle: "medium", timeStyle: "short" });
+const formatDay = new Intl.DateTimeFormat(locale, { month: "short", day: "numeric" });
+const formatClock = new Intl.DateTimeFormat(locale, { timeStyle: "short" });
 const formatAge = new Intl.RelativeTimeFormat(locale, { numeric: "auto" });
 const formatNumber = new Intl.NumberFormat(locale, { minimumFractionDigits: 1, maximumFractionDigits: 1 });
 
@@ -41,7 +43,17 @@ export const dateOf = (seconds) => formatDate.format(seconds * 1000);
 export const timeOf = (seconds) =>
   make("time", { datetime: new Date(seconds * 1000).toISOString() }, formatTime.format(seconds * 1000));
 
-export const dateRange = (first, last) => formatDate.formatRange(first * 1000, last * 1000);
+// As short as it is clear today: the time, the day, or the day with its year.
+export function shortTimeOf(first, last) {
+  const [begin, end, now] = [new Date(first * 1000), new Date(last * 1000), new Date()];
+  const format =
+    begin.toDateString() === now.toDateString()
+      ? formatClock
+      : begin.getFullYear() === now.getFullYear()
+        ? formatDay
+        : formatDate;
+  return make("time", { datetime: end.toISOString() }, format.formatRange(begin, end));
+}
 
 // How long ago it was, in one unit: "5 minutes ago".
 export function ageOf(seconds) {

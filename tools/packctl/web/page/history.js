@@ -1,6 +1,6 @@
 // What happened: a square for each of the last days, and a line for each run, of which those alike are folded into one.
 
-import { byId, dateOf, dateRange, durationOf, fill, make, timeOf } from "./dom.js";
+import { byId, dateOf, durationOf, fill, make, shortTimeOf, timeOf } from "./dom.js";
 import { words } from "./words.js";
 
 const kDays = 90;
@@ -50,25 +50,21 @@ function detailsOf(entries) {
   if (newest.error) {
     add(words.entry.code, make("code", {}, newest.error.code));
   }
-  if (entries.length > 1) {
-    add(words.entry.at, ...entries.slice(0, 10).map((entry) => make("span", {}, timeOf(entry.time))));
-  }
+  add(words.entry.at, ...entries.slice(0, 10).map((entry) => make("span", {}, timeOf(entry.time))));
   const said = newest.errors.map((error) => make("li", {}, error));
   return said.length === 0 ? [list] : [list, make("ul", { class: "said" }, ...said)];
 }
 
 function lineOf({ sentence, cause, entries }) {
   const [newest] = entries;
-  const count = entries.length === 1 ? [] : [make("span", { class: "count" }, words.times(entries.length))];
-  const causes = cause === "" ? [] : [make("span", { class: "cause" }, cause), " "];
-  const when =
-    entries.length === 1 ? timeOf(newest.time) : make("span", {}, dateRange(entries.at(-1).time, newest.time));
+  const count = entries.length === 1 ? [] : [make("span", { class: "count" }, words.times(entries.length)), " "];
+  const causes = cause === "" ? [] : [make("span", { class: "cause" }, cause)];
   const summary = make(
     "summary",
     {},
     make("span", { class: `mark ${hasFailed(newest) ? "failed" : "done"}`, "aria-hidden": "true" }),
-    make("span", { class: "sentence" }, make("span", {}, sentence), " ", ...causes, ...count),
-    make("span", { class: "when" }, when),
+    make("span", { class: "sentence" }, make("span", {}, sentence), " ", ...count, ...causes),
+    make("span", { class: "when" }, shortTimeOf(entries.at(-1).time, newest.time)),
   );
   return make("li", {}, make("details", {}, summary, ...detailsOf(entries)));
 }
