@@ -1,4 +1,4 @@
-// Shows what the updater is doing, from a process of its own, as a web interface would, until nothing is under way.
+// Shows what the updater is doing, as a web interface would: from another process, until no work is in progress.
 //
 // usage: watch_status
 
@@ -50,7 +50,7 @@ int main() {
     std::string shown;
     for (PackStatus status = helper->GetPackStatus();; status = helper->GetPackStatus()) {
       if (const std::string line = Describe(*helper, status); line != shown) {
-        std::cout << line << std::endl;  // at once, for whoever reads from a pipe
+        std::cout << line << std::endl;  // at once, also into a pipe
         shown = line;
       }
       if (!IsUnderWay(status)) {

@@ -33,7 +33,7 @@ WORLD = {
 }
 ONE_ZONE = {1: 1.0}
 
-# Clocks are set by the network, but for a few that drift (standard deviations in seconds).
+# The network sets the clocks, except for a few that drift (standard deviations in seconds).
 SET_CLOCK, LOOSE_CLOCK, LOOSE_SHARE = 0.05, 300, 0.02
 # When appliances that are off at night are switched on: local hour, and its standard deviation.
 MORNING, MORNING_SPREAD = 7.5, 1.0
@@ -214,7 +214,7 @@ def release_figures(times, size, line, cut, seed):
     """Figures of a release that each appliance fetches when it checks.
 
     `size` is that of the package in bytes, `line` the median of the appliances' lines in bits per second, `cut` the
-    chance of a transfer to be cut before it is whole.
+    probability that a transfer is interrupted.
     """
     source = random.Random(seed)
     change = [0.0] * (DAY + 1)

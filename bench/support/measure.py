@@ -35,7 +35,7 @@ class Watch:
 
 
 def peak_bytes(report):
-    """Resident memory, at its most, of the largest process."""
+    """Peak resident memory of the largest process."""
     return max(process["peak_kib"] for process in report["processes"]) * 1024
 
 

@@ -33,7 +33,7 @@ rm download.deb
 
 
 class Side:
-    """One of them, in a folder of its own."""
+    """One of them, in its own folder."""
 
     def __init__(self, folder, shelf, url):
         self.folder, self.shelf, self.url = folder, shelf, url
@@ -47,7 +47,7 @@ class Side:
 
 
 class Updater(Side):
-    """packctl update, on an appliance of its own."""
+    """packctl update, on its own appliance."""
 
     name = "packctl"
 
@@ -108,7 +108,7 @@ class Pipeline(Side):
 
 
 class Dpkg(Side):
-    """curl and dpkg -i of a package with the same files, below a root of its own."""
+    """curl and dpkg -i of a package with the same files, below its own root."""
 
     name = "dpkg"
 

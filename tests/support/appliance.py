@@ -1,4 +1,4 @@
-"""An appliance in a folder of its own, installed or with the programs of a build, and a server that publishes packs.
+"""An appliance in its own folder, installed or with the programs of a build, and a server that publishes packs.
 
 What is not installed is a copy of tests/appliance in the build folder, as of the C++ tests: see appliance.cmake.
 """
@@ -102,7 +102,7 @@ class Publisher:
         self.server.server_close()
 
     def publish(self, version, seed, sizes=(40_000, 150_000)):
-        """Publishes a pack of a few files under a reply of its own; returns the reply's address."""
+        """Publishes a pack of a few files under its own reply; returns the reply's address."""
         payload = self.folder.parent / f"payload-{version}"
         (payload / "lib/plugins").mkdir(parents=True)
         source = random.Random(seed)
@@ -233,7 +233,7 @@ class Appliance:
             )
 
     def write_status(self, text):
-        """Puts the text in the store's place whole: whoever watches it takes a file that is half written for broken."""
+        """Replaces the store in one step: a watcher would take a half-written file for a broken one."""
         new = self.state_folder / "status.new"
         new.write_text(text)
         new.replace(self.status_file)
@@ -249,7 +249,7 @@ class Appliance:
         return store.get("status", "lost")
 
     def state(self):
-        """A digest of what the disk holds below the root: times, locks, the history and the chance parts of names do
+        """A digest of what the disk holds below the root: times, locks, the history and the random parts of names do
         not count."""
         history = {str(path.relative_to(self.root)) for path in self.history}
         entries = sorted(

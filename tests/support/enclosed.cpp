@@ -139,7 +139,7 @@ class Enclosure {
     }
   }
 
-  /// Waits for the end of the command, or for a signal that ends us. Returns the exit status that tells of it.
+  /// Waits for the end of the command, or for a signal that ends us. Returns the exit status that stands for it.
   int Wait() {
     while (Reap() && !status_) {
       const int number = sigwaitinfo(&signals_, nullptr);
@@ -167,7 +167,7 @@ class Enclosure {
   void Kill() {
     const auto end = Clock::now() + kUntilKilled;
     while (Reap() && Clock::now() < end) {
-      // The children of whom we kill become ours.
+      // Orphans of the processes that we kill become our children.
       for (const pid_t child : Children()) {
         kill(child, SIGKILL);
       }

@@ -51,7 +51,7 @@ class Forked {
   int result_ = 0;
 };
 
-/// What a process that was to get a root or a namespace of its own returns when the system does not let it.
+/// What a process returns when the system refuses it the root or namespace that it asked for.
 constexpr int kMayNotUnshare = 77;
 
 /// In a forked process: goes on with `folder` as the whole file system, so without /proc and /dev. False when the

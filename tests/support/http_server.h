@@ -64,7 +64,7 @@ struct HttpResponse {
 };
 
 /// An HTTP/1.1 server on a free port of 127.0.0.1, for tests that need a real network peer. Serves each connection on
-/// a thread of its own, one request a connection, until it is destroyed. Keeps the client out of any proxy that the
+/// its own thread, one request a connection, until it is destroyed. Keeps the client out of any proxy that the
 /// environment names.
 class HttpServer {
  public:

@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 fs::path Root() {
   const char* root = std::getenv("ORBAMIRA_ROOT");
   if (root == nullptr) {
-    throw std::logic_error("the test runs without a root of its own");
+    throw std::logic_error("the test has no root folder: run it under CTest");
   }
   return root;
 }
