@@ -9,7 +9,7 @@ import shutil
 import subprocess
 
 import payload
-import project  # noqa: F401  pylint: disable=unused-import
+import project
 from appliance import Paths, make_pack
 
 VERSIONS = ("1.0.0", "2.0.0")
@@ -33,6 +33,11 @@ class Pack:
     package: pathlib.Path
     checksum: str
     debian: pathlib.Path | None
+
+
+def _mkpack_changed():
+    """When mkpack was changed last: what an older one made may lie in the package in another way."""
+    return max(path.stat().st_mtime for path in (project.SOURCE / "tools/mkpack").rglob("*.py"))
 
 
 class Shelf:
@@ -68,7 +73,7 @@ class Shelf:
 
     def _package(self, name, source, version):
         package = self.served / f"{name}-{version}.opk"
-        if not package.exists():
+        if not package.exists() or package.stat().st_mtime < _mkpack_changed():
             made = self.folder / "made"
             make_pack(self.build, source, made, version, "http://localhost")
             self.served.mkdir(exist_ok=True)

@@ -71,8 +71,8 @@ bool ArchiveReader::Next(Member& member) {
   if (result != ARCHIVE_OK) {
     Fail();
   }
-  headers_ +=
-      static_cast<uint64_t>(archive_filter_bytes(archive_.get(), 0) - archive_read_header_position(archive_.get()));
+  member.begin = static_cast<uint64_t>(archive_filter_bytes(archive_.get(), 0));
+  headers_ += member.begin - static_cast<uint64_t>(archive_read_header_position(archive_.get()));
   if (headers_ > max_headers_) {
     throw std::runtime_error("more than " + std::to_string(max_headers_) + " bytes of headers");
   }

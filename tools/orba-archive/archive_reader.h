@@ -23,6 +23,7 @@ struct Member {
   Kind kind = Kind::kOther;
   mode_t mode = 0;
   uint64_t size = 0;   ///< bytes when unpacked, with holes; 0 for anything but a file
+  uint64_t begin = 0;  ///< where its contents begin in the archive, as that is without compression
   std::string target;  ///< where a symbolic link leads, or the other name of a hard link's file
 };
 

@@ -1,5 +1,8 @@
 #include "tools/orba-archive/package.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <functional>
 #include <span>
 #include <stdexcept>
@@ -10,6 +13,7 @@
 #include "tools/orba-archive/archive_reader.h"
 #include "tools/orba-archive/member_name.h"
 #include "tools/orba-archive/sha256.h"
+#include "tools/orba-archive/shared_blocks.h"
 #include "tools/orba-archive/signature.h"
 #include "tools/orba-archive/staged_files.h"
 #include "tools/orba-archive/unpack_budget.h"
@@ -30,10 +34,26 @@ std::string FileName(const Member& member) {
   return std::string(parts.front());
 }
 
+/// Passes on the first `size` bytes of the file.
+template <typename Take>
+void TakeFrom(int file, uint64_t size, const std::string& name, Take take) {
+  constexpr size_t kPiece = 64UL * 1024;
+  std::vector<uint8_t> buffer(kPiece);
+  lseek(file, 0, SEEK_SET);
+  for (uint64_t done = 0; done < size;) {
+    const size_t count = ReadFully(file, buffer.data(), std::min<uint64_t>(buffer.size(), size - done), name);
+    if (count == 0) {
+      throw std::runtime_error("changed while it was read");
+    }
+    take(std::span<const uint8_t>(buffer.data(), count));
+    done += count;
+  }
+}
+
 class PackageReader {
  public:
   PackageReader(int package, bool with_digests, OpenFile open)
-      : archive_(package, Layer::kPackage), with_digests_(with_digests), open_(std::move(open)) {}
+      : package_(package), archive_(package, Layer::kPackage), with_digests_(with_digests), open_(std::move(open)) {}
 
   PackageContents Read() {
     archive_.ForEach([this](const Member& member) { Take(member); });
@@ -86,14 +106,17 @@ class PackageReader {
   template <typename Take>
   void Copy(const std::string& name, const Member& member, Take take) {
     const UniqueFd file = open_(name, member);
+    const uint64_t shared = file.valid() ? Share(name, member, file.get(), take) : 0;
     uint64_t size = 0;
     for (Piece piece; archive_.Read(piece); size += piece.data.size()) {
       if (piece.offset != size) {
         throw std::runtime_error("a sparse file in a package");
       }
-      take(piece.data);
+      const uint64_t done = shared - std::min(shared, size);
+      const std::span<const uint8_t> rest = piece.data.subspan(std::min<uint64_t>(done, piece.data.size()));
+      take(rest);
       if (file.valid()) {
-        WriteFully(file.get(), piece.data.data(), piece.data.size(), name);
+        WriteFully(file.get(), rest.data(), rest.size(), name);
       }
     }
     if (size != member.size) {
@@ -101,6 +124,23 @@ class PackageReader {
     }
   }
 
+  /// Lets the file of a large member, which is no text, share blocks with the package; returns how many bytes it then
+  /// has. Passes them to `take` for a digest, as they stand in the file: they stay even if the package changes
+  /// meanwhile.
+  template <typename Take>
+  uint64_t Share(const std::string& name, const Member& member, int file, Take take) {
+    if (member.size <= kMaxTextSize) {
+      return 0;
+    }
+    const uint64_t shared = ShareBlocks(package_, member.begin, member.size, file);
+    if (with_digests_) {
+      TakeFrom(file, shared, name, take);
+    }
+    lseek(file, static_cast<off_t>(shared), SEEK_SET);
+    return shared;
+  }
+
+  int package_;
   ArchiveReader archive_;
   bool with_digests_;
   OpenFile open_;

@@ -22,7 +22,7 @@ StagedFiles::~StagedFiles() {
 UniqueFd StagedFiles::Add(const std::string& name, mode_t mode) {
   const std::string staged = StagedName(names_.size());
   names_.push_back(name);
-  UniqueFd file(openat(folder_, staged.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+  UniqueFd file(openat(folder_, staged.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
   if (!file.valid()) {
     ThrowErrno(name);
   }

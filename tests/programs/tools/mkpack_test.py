@@ -114,6 +114,24 @@ class MkpackPackageTest(MkpackTest):
             self.assertEqual(["INFO", "package.tgz"], outer.getnames())
             self.assertEqual(f'package="{HEVC}"\nversion="1.2"\n'.encode(), outer.extractfile("INFO").read())
 
+    def test_payload_begins_with_a_block_of_the_disk(self):
+        package = self.make()
+        with tarfile.open(package, "r:") as outer:
+            self.assertEqual(0, outer.getmember("package.tgz").offset_data % 4096)
+
+    def test_payload_begins_with_a_block_wherever_it_comes(self):
+        packing = importlib.import_module("orbamira_mkpack.packing")
+        for blocks in range(9):
+            with self.subTest(blocks):
+                members = {"INFO": io.BytesIO(bytes(512 * blocks)), "package.tgz": io.BytesIO(b"payload")}
+                file = io.BytesIO()
+                packing.write_package(members, 0, file)
+                file.seek(0)
+                with tarfile.open(fileobj=file, mode="r:") as archive:
+                    payload = archive.getmember("package.tgz")
+                    self.assertEqual(0, payload.offset_data % 4096)
+                    self.assertEqual(b"payload", archive.extractfile(payload).read())
+
     def test_payload_keeps_its_tree(self):
         (self.payload / "empty").mkdir()
         (self.payload / "lib/libdecoder.so").symlink_to("libdecoder.so.1")

@@ -21,6 +21,10 @@ RESERVED_PREFIX = "MANIFEST"
 
 GZIP_LEVEL = 9
 
+# File systems that share blocks between files share whole ones. A payload that begins with a block is unpacked there
+# without being written again.
+BLOCK = 4096
+
 
 class MkpackError(Exception):
     """What keeps the pack from being published, and what to do about it."""
@@ -215,6 +219,18 @@ def signed(members, key, certificate, work):
     return {rules.MANIFEST_NAME: io.BytesIO(text), rules.SIGNATURE_NAME: io.BytesIO(signature), **members}
 
 
+def padding(position):
+    """Extended headers for a member whose header would begin at `position`: its contents then begin with a block."""
+    header = tarfile.BLOCKSIZE
+    room = -(position + header) % BLOCK
+    if room == 0:
+        return {}
+    if room == header:  # an extended header takes twice that at least
+        room += BLOCK
+    length_and_name = 64  # less than what rounds the header up to its size
+    return {"comment": " " * (room - header - length_and_name)}
+
+
 def write_package(members, mtime, file):
     """Writes the package of `members`, files by name, in their order; returns its size and SHA-256."""
     writer = DigestingWriter(file)
@@ -223,6 +239,8 @@ def write_package(members, mtime, file):
             info = tarfile.TarInfo(member)
             info.size = content.seek(0, os.SEEK_END)
             info.mtime = mtime
+            if member == rules.PAYLOAD_NAME:
+                info.pax_headers = padding(archive.offset)
             content.seek(0)
             archive.addfile(info, content)
     return writer.size, writer.hexdigest()
