@@ -88,6 +88,17 @@ class PackctlTest : public testing::Test {
   Appliance appliance_;
 };
 
+/// From now on packages must be signed, which those of the appliance's server are not.
+void DemandSignatures() {
+  const test::TempDir folder;
+  const fs::path keyring = path::kKeyring;
+  fs::create_directories(keyring.parent_path());
+  ASSERT_TRUE(test::RunProgram({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+                                "-nodes", "-subj", "/CN=authority", "-keyout", folder.File("key"), "-out", keyring})
+                  .Exited(0));
+  fs::permissions(keyring, fs::perms(0644));
+}
+
 // What opens the store may set a file aside, and must not take one away that another process is saving.
 TEST_F(PackctlTest, LeavesTheStoreAloneWhileAnotherProcessHasItsLock) {
   appliance_.Publish("1.0", "codec");
@@ -252,7 +263,7 @@ TEST_F(PackctlTest, TextFromOutsideCannotSteerTheTerminal) {
   const std::string escape = "9\033[2J";
   const std::string shown = "9\\033[2J";
   Status()->SetAsNeedInstall(escape, "name\033");
-  EXPECT_THAT(Run({"status"}).output, HasSubstr("New pack:  name\\033 " + shown + "\n"));
+  EXPECT_THAT(Run({"status"}).output, HasSubstr("Available:  name\\033 " + shown + "\n"));
   WriteFile(path::kPackInfoPath, "package=p\033\nversion=" + escape + "\n");
   EXPECT_THAT(Run({"info"}).output, AllOf(HasSubstr("Package: p\\033\n"), HasSubstr("Version: " + shown + "\n")));
   appliance_.Publish("8", "eight");
@@ -270,13 +281,85 @@ TEST_F(PackctlTest, CheckSaysThatAacIsWhatIsNew) {
             "1.0 with AAC, which an application needs, is available (1.0 is installed). Run: sudo packctl update\n");
 }
 
-TEST_F(PackctlTest, StatusBeginsWithWhatIsInstalled) {
+TEST_F(PackctlTest, StatusAnswersHowItIsAndWhatToDo) {
+  const auto status = [](const std::string& text) { return testing::MatchesRegex(text); };
+  const std::string time = "[0-9-]+ [0-9:]+ [^ ]+";
+  EXPECT_THAT(Run({"status"}).output, status("No codec pack is installed\\.\n"
+                                             "Installed:  no codec pack\n"
+                                             "Available:  not known\n"
+                                             "Last check: never\n"
+                                             "To do:      Run: sudo packctl update\n"));
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"check"}).status, 0);
+  EXPECT_THAT(Run({"status"}).output, status("1\\.0 is available\\.\n"
+                                             "Installed:  no codec pack\n"
+                                             "Available:  1\\.0\n"
+                                             "Last check: " +
+                                             time +
+                                             ", found 1\\.0\n"
+                                             "To do:      Run: sudo packctl update\n"));
+  ASSERT_EQ(Run({"update"}).status, 0);
+  ASSERT_EQ(Run({"check"}).status, 2);
+  EXPECT_THAT(Run({"status"}).output, status("Up to date\\.\n"
+                                             "Installed:  " ORBAMIRA_HEVC_PACK " 1\\.0 \\(HEVC\\), since " +
+                                             time +
+                                             "\n"
+                                             "Available:  nothing newer\n"
+                                             "Last check: " +
+                                             time +
+                                             ", nothing new\n"
+                                             "To do:      nothing\n"));
+  const Json::Value check = RunJson({"status"}, 0)["last_check"];
+  EXPECT_EQ(check["version"], "1.0");
+  EXPECT_EQ(check["is_news"], false);
+  EXPECT_THAT(Run({"status", "--verbose"}).output,
+              EndsWith("Recorded:   up_to_date (the last update succeeded)\nPermitted:  check, update\n"));
+  ASSERT_EQ(Run({"remove"}).status, 0);
+  EXPECT_THAT(Run({"status"}).output, StartsWith("No codec pack is installed.\n"));
+}
+
+TEST_F(PackctlTest, StatusSaysWhyTheLastUpdateFailed) {
   appliance_.Publish("1.0", "one");
   ASSERT_EQ(Run({"update"}).status, 0);
+  DemandSignatures();
+  appliance_.Publish("2.0", "two");
+  ASSERT_EQ(Run({"update"}).status, 1);
+  EXPECT_THAT(Run({"status"}).output, AllOf(StartsWith("The last update failed: the package is not signed.\n"),
+                                            HasSubstr("To do:      Get a signed package from its publisher.\n")));
+  appliance_.SetFault([](const HttpRequest&, HttpResponse& response) { response.status = 500; });
+  ASSERT_EQ(Run({"check"}).status, 1);
+  EXPECT_THAT(Run({"status"}).output, testing::ContainsRegex("Last check: [^,]+, failed: the update server refuses the "
+                                                             "request \\(500\\)\n"));
+}
+
+TEST_F(PackctlTest, StatusTellsWorkAtHandFromWorkThatWasInterrupted) {
+  Status()->SetAsDownloading(3, 4);
   EXPECT_THAT(Run({"status"}).output,
-              StartsWith("Installed: " ORBAMIRA_HEVC_PACK " 1.0\nStatus:    up_to_date (the last update succeeded)\n"));
-  ASSERT_EQ(Run({"remove"}).status, 0);
-  EXPECT_THAT(Run({"status"}).output, StartsWith("Installed: no codec pack\n"));
+              AllOf(StartsWith("An update was interrupted.\n"), HasSubstr("To do:      Run: sudo packctl recover\n")));
+  EXPECT_EQ(RunJson({"status"}, 0)["interrupted"], true);
+  ASSERT_EQ(Run({"recover"}).status, 0);
+  EXPECT_EQ(RunJson({"status"}, 0)["interrupted"], false);
+
+  appliance_.Publish("1.0", BigPayload());
+  ASSERT_EQ(Run({"check"}).status, 0);
+  StallPackages();
+  RunningProgram update(Appliance::PackctlCommand({"update"}));
+  Await([] { return RunJson({"status"}, 0)["download_size_now"].asInt64() > 0; });
+  EXPECT_EQ(RunJson({"status"}, 0)["interrupted"], false);
+  EXPECT_THAT(Run({"status"}).output, AllOf(StartsWith("An update is at work: downloaded "),
+                                            HasSubstr("To do:      Wait. To watch: packctl status --watch\n")));
+  appliance_.server().Release();
+  EXPECT_EQ(update.Wait().status, 0);
+}
+
+TEST_F(PackctlTest, ANoteOfACheckThatWasTornTellsItsTimeAlone) {
+  const fs::path note = fs::path(kDownloadFolder).parent_path() / "checked";
+  WriteFile(note, "{\"version\"");
+  EXPECT_TRUE(RunJson({"status"}, 0)["last_check"]["version"].isNull());
+  EXPECT_THAT(Run({"status"}).output, testing::ContainsRegex("\nLast check: [0-9-]+ [0-9:]+ [^ ,]+\n"));
+  fs::remove(note);
+  fs::create_directory(note);
+  EXPECT_TRUE(RunJson({"status"}, 0)["last_check"].isNull());
 }
 
 TEST_F(PackctlTest, CheckEndsWith1AndTheReasonWhenTheServerFails) {
@@ -328,17 +411,6 @@ TEST_F(PackctlTest, DownloadAndInstallDoTheHalves) {
   EXPECT_EQ(RunJson({"recover"}, 0)["status"], "need_install");
   EXPECT_EQ(RunJson({"install"}, 0)["status"], "up_to_date");
   EXPECT_EQ(Appliance::InstalledPayload(), "one");
-}
-
-/// From now on packages must be signed, which those of the appliance's server are not.
-void DemandSignatures() {
-  const test::TempDir folder;
-  const fs::path keyring = path::kKeyring;
-  fs::create_directories(keyring.parent_path());
-  ASSERT_TRUE(test::RunProgram({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
-                                "-nodes", "-subj", "/CN=authority", "-keyout", folder.File("key"), "-out", keyring})
-                  .Exited(0));
-  fs::permissions(keyring, fs::perms(0644));
 }
 
 /// Changes when the folder is moved, though it comes back.
@@ -428,7 +500,7 @@ TEST_F(PackctlTest, StatusGivesSizesInFullWidth) {
   EXPECT_EQ(status["status"], "downloading");
   EXPECT_EQ(status["download_size_now"].asInt64(), 3'000'000'000);
   EXPECT_EQ(status["download_size_total"].asInt64(), 4'000'000'000);
-  EXPECT_THAT(Run({"status"}).output, HasSubstr("Download:  2.8 GiB of 3.7 GiB (75 %)\n"));
+  EXPECT_THAT(Run({"status", "-v"}).output, HasSubstr("Download:   2.8 GiB of 3.7 GiB (75 %)\n"));
 }
 
 TEST_F(PackctlTest, StatusThatCannotBeReadPointsToRecover) {
@@ -683,7 +755,7 @@ TEST_F(PackctlTest, UpdateInstallsNothingThatIsNotNewerUnlessAsked) {
   EXPECT_THAT(Run({"update"}).output,
               testing::ContainsRegex("\nInstalled 1\\.1\\.0 \\(was 1\\.0\\.0\\) in (under 1|[0-9]+) s\\.\n$"));
   WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player"]})");
-  appliance_.Publish("1.1.0", "both", "orbamira-hevc-aac");
+  appliance_.Publish("1.1.0", "both", kHevcAacPack);
   EXPECT_EQ(Run({"update"}).status, 0) << "the same version with what an application asks for";
 }
 

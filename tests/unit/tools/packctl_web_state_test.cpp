@@ -192,7 +192,7 @@ TEST_F(StateReaderTest, LookTellsOfAFailureUntilItIsMended) {
   Status()->SetAsUpToDate();
   EXPECT_EQ(Look()["failure"]["command"], "check");
   fs::create_directories(fs::path(kDownloadFolder).parent_path());
-  NoteAnsweredCheck();
+  NoteAnsweredCheck("1.0", false);
   const Json::Value state = Look();
   EXPECT_GT(state["checked"].asInt64(), 20);
   EXPECT_TRUE(state["failure"].isNull()) << "a later check was answered";

@@ -96,7 +96,7 @@ Outcome Check(Context& context) {
   const bool repeats =
       !found && declined && updater::RepeatFailedUpdate(*context.lock, *objects.manager, *objects.status);
   if (found || declined) {
-    NoteAnsweredCheck();
+    NoteAnsweredCheck(objects.handler->offered_version(), found || repeats);
   }
   if (found || repeats) {
     return NewPack(*objects.manager, repeats);

@@ -34,12 +34,15 @@ constexpr std::array kCommands = {
             "work is in progress.\n"
             "Exit status 2: no pack is installed.",
             Remove},
-    Command{"status", Effect::kNone, "Show the recorded status and progress",
-            "You may run this at any time, even during an update. With --json the keys are those of the status store,\n"
-            "and sizes are in bytes.\n"
-            "With --watch it prints each change until SIGINT or SIGTERM (Ctrl-C) ends it with exit status 0; with\n"
-            "--json one object per line. It sleeps while nothing changes.",
-            Status, AddWatchOption},
+    Command{
+        "status", Effect::kNone, "Show how things are and what to do",
+        "Shows the installed pack, what is available, the last check and what to do, and with --verbose also what is\n"
+        "recorded. You may run this at any time, even during an update.\n"
+        "With --json: the keys of the status store (sizes in bytes), interrupted (whether an update was cut short)\n"
+        "and last_check (time in seconds since the epoch, version and is_news; null before the first).\n"
+        "With --watch it prints each change until SIGINT or SIGTERM (Ctrl-C) ends it with exit status 0; with\n"
+        "--json one object per line. It sleeps while nothing changes.",
+        Status, AddWatchOption},
     Command{"info", Effect::kNone, "Show the installed pack",
             "With --json: installed, package, version, and updated (seconds since the epoch); the last three are null\n"
             "if no pack is installed. The exit status is 0 in that case too.",

@@ -4,13 +4,9 @@
 #include "platform/json/json_values.h"
 #include "platform/printable.h"
 #include "tools/packctl/commands/commands.h"
-#include "tools/packctl/commands/watch.h"
 #include "tools/packctl/host/codec_report.h"
 #include "tools/packctl/record/installed_pack.h"
-#include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/local_time.h"
-#include "tools/packctl/view/progress_text.h"
-#include "tools/packctl/view/status_words.h"
 #include "updater/plugin_notifier.h"
 
 namespace orbamira::packctl {
@@ -28,37 +24,7 @@ std::string Joined(const std::vector<std::string>& texts) {
   return joined.empty() ? "none" : joined;
 }
 
-std::string InstalledWords() {
-  const std::optional<InstalledPack> pack = ReadInstalledPack();
-  return pack ? Printable(pack->identity.package + " " + pack->identity.version) : "no codec pack";
-}
-
-/// What is installed comes first: the record only tells how the last work on it went.
-std::string StatusLines(const StatusRecord& record) {
-  std::string text = "Installed: " + InstalledWords() + "\n" + "Status:    " + StatusText(record.status) + " (" +
-                     StatusMeaning(record.status) + ")\n";
-  if (!record.new_version.empty()) {
-    const std::string name = record.new_pack_name.empty() ? "" : record.new_pack_name + " ";
-    text += "New pack:  " + Printable(name + record.new_version) + "\n";
-  }
-  if (record.download_size_now > 0 || record.download_size_total > 0) {
-    text += "Download:  " + FormatProgress({record.download_size_now, record.download_size_total}) + "\n";
-  }
-  if (!record.install_step.empty()) {
-    text += std::string("Step:      ") + StepWords(record.install_step) + "\n";
-  }
-  return text + "Permitted: " + PermittedCommands(record.status) + "\n";
-}
-
 }  // namespace
-
-Outcome Status(Context& context) {
-  if (context.options.watch) {
-    return WatchStatus(context);
-  }
-  const StatusRecord record = ReadStatus();
-  return {.members = StatusJson(record), .text = StatusLines(record)};
-}
 
 Outcome Info(Context& /*context*/) {
   const std::optional<InstalledPack> pack = ReadInstalledPack();

@@ -158,7 +158,7 @@ bool InstallWhatIsAccepted(const UpdateObjects& objects) {
 }
 
 Outcome NothingNewer(const std::string& installed, const std::string& offered) {
-  NoteAnsweredCheck();
+  NoteAnsweredCheck(offered, false);
   Outcome outcome = EndOfChange(kExitNothingToDo, "nothing_new");
   outcome.members["version"] = offered;
   outcome.members["installed_version"] = installed;

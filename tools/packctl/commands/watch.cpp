@@ -10,6 +10,7 @@
 #include "platform/json/json_line.h"
 #include "platform/posix/files.h"
 #include "tools/packctl/cli/signals.h"
+#include "tools/packctl/commands/status.h"
 #include "tools/packctl/record/file_watch.h"
 #include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/failure_words.h"
@@ -25,9 +26,9 @@ bool IsGone(int output) {
   return poll(&reader, 1, 0) > 0;
 }
 
-/// What a look at the store gave: the record, or why there is none.
+/// What a look at the store gave: the status, or why there is none.
 struct Look {
-  std::optional<StatusRecord> record = {};
+  std::optional<SeenStatus> seen = {};
   std::string problem = {};
 
   friend bool operator==(const Look&, const Look&) = default;
@@ -35,7 +36,7 @@ struct Look {
 
 Look TakeLook() {
   try {
-    return {.record = ReadStatus()};
+    return {.seen = LookAtStatus()};
   } catch (const std::exception& error) {
     return {.problem = error.what()};
   }
@@ -51,8 +52,8 @@ class Watcher {
   explicit Watcher(Context& context) : console_(context.console), json_(context.options.json) {}
 
   void Show(const Look& look) {
-    if (look.record) {
-      ShowRecord(*look.record);
+    if (look.seen) {
+      ShowStatus(*look.seen);
     } else {
       ShowProblem(look.problem);
     }
@@ -74,9 +75,10 @@ class Watcher {
     console_.Complain(problem);
   }
 
-  void ShowRecord(const StatusRecord& record) {
+  void ShowStatus(const SeenStatus& seen) {
+    const StatusRecord& record = seen.record;
     if (json_) {
-      Write(JsonLine(StatusJson(record)));
+      Write(JsonLine(StatusAnswer(seen)));
       return;
     }
     if (const std::string line = StatusLine(record); line != line_) {

@@ -2,11 +2,18 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <exception>
 #include <filesystem>
 #include <string>
 
 #include "platform/constants.h"
+#include "platform/json/json_line.h"
+#include "platform/json/json_object.h"
+#include "platform/json/json_values.h"
+#include "platform/orba_sdk_wrapper.h"
+#include "platform/posix/files.h"
 #include "platform/posix/unique_fd.h"
 
 namespace orbamira::packctl {
@@ -16,17 +23,48 @@ std::string NoteFile() { return std::filesystem::path(kDownloadFolder).parent_pa
 
 }  // namespace
 
-void NoteAnsweredCheck() {
+void NoteAnsweredCheck(const std::string& version, bool is_news) {
   constexpr mode_t kMode = 0644;
-  const UniqueFd fd(open(NoteFile().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, kMode));
-  if (fd.valid()) {
-    static_cast<void>(futimens(fd.get(), nullptr));
+  static_cast<void>(wrapper::OrbaSDKWrapper().MakeDirectory(std::filesystem::path(NoteFile()).parent_path()));
+  const UniqueFd fd(
+      open(NoteFile().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, kMode));
+  if (!fd.valid()) {
+    return;
   }
+  Json::Value note;
+  note["version"] = version;
+  note["is_news"] = is_news;
+  const std::string line = JsonLine(note);
+  static_cast<void>(write(fd.get(), line.data(), line.size()));
+  static_cast<void>(futimens(fd.get(), nullptr));  // on a full disk, too
 }
 
-std::optional<std::time_t> LastAnsweredCheck() {
-  struct stat about {};
-  return stat(NoteFile().c_str(), &about) == 0 ? std::optional(about.st_mtime) : std::nullopt;
+std::optional<AnsweredCheck> ReadAnsweredCheck() try {
+  constexpr std::size_t kMost = 4096;
+  const UniqueFd fd = OpenFile(NoteFile(), O_RDONLY);
+  const std::optional<std::string> text = fd.valid() ? ReadUpTo(fd.get(), kMost) : std::nullopt;
+  if (!text) {
+    return std::nullopt;
+  }
+  AnsweredCheck check{.time = Stat(fd.get(), NoteFile()).st_mtime};
+  const Json::Value note = ParseJsonObject(*text).value_or(Json::objectValue);
+  if (note["version"].isString() && note["is_news"].isBool()) {
+    check.version = note["version"].asString();
+    check.is_news = note["is_news"].asBool();
+  }
+  return check;
+} catch (const std::exception&) {
+  return std::nullopt;  // what stands there is no note
+}
+
+Json::Value AnsweredCheckJson(const std::optional<AnsweredCheck>& check) {
+  Json::Value json;
+  if (check) {
+    json["time"] = Json::Int64{check->time};
+    json["version"] = NullIfEmpty(check->version);
+    json["is_news"] = check->is_news;
+  }
+  return json;
 }
 
 }  // namespace orbamira::packctl

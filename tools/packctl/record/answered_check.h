@@ -1,17 +1,32 @@
 #pragma once
 
+#include <json/value.h>
+
 #include <ctime>
 #include <optional>
+#include <string>
 
-/// When the update server last answered a check.
+/// When the update server last answered a check, and what it said.
 namespace orbamira::packctl {
 
-/// Notes that the update server has answered a check just now, as the time of the file `checked` beside the download
-/// folder. By its age the services see after a boot whether the daily check was missed. Where it cannot be noted, one
-/// check more is made.
-void NoteAnsweredCheck();
+/// A check that the update server answered.
+struct AnsweredCheck {
+  std::time_t time = 0;      ///< when, in seconds since the epoch
+  std::string version = {};  ///< on offer; empty when not known
+  bool is_news = false;      ///< whether the offer was worth an update
 
-/// When it was noted last, in seconds since the epoch; empty when it never was.
-std::optional<std::time_t> LastAnsweredCheck();
+  friend bool operator==(const AnsweredCheck&, const AnsweredCheck&) = default;
+};
+
+/// Notes that the update server has answered a check just now, in the file `checked` beside the download folder. By the
+/// file's age the services see after a boot whether the daily check was missed. Where it cannot be noted, one check
+/// more is made.
+void NoteAnsweredCheck(const std::string& version, bool is_news);
+
+/// The last one; empty when none was noted. Of a note that a power cut has torn only the time is known.
+std::optional<AnsweredCheck> ReadAnsweredCheck();
+
+/// As an answer holds it: {"time", "version", "is_news"}; null without a check.
+Json::Value AnsweredCheckJson(const std::optional<AnsweredCheck>& check);
 
 }  // namespace orbamira::packctl

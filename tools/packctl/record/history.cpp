@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <exception>
 #include <stdexcept>
 #include <string_view>
 
@@ -84,13 +85,12 @@ void WriteOrTakeBack(const UniqueFd& file, std::size_t size, const std::string& 
 }
 
 // The end of the file, and more of it than we write: whatever else is there was put there by somebody else.
-std::string ReadEnd(const UniqueFd& file, const std::string& path) {
-  constexpr off_t kMost = 4 * kMaxFileSize;
+std::string ReadEnd(const UniqueFd& file, const std::string& path, off_t most = 4 * kMaxFileSize) {
   const off_t size = Stat(file.get(), path).st_size;
-  if (size > kMost && lseek(file.get(), size - kMost, SEEK_SET) < 0) {
+  if (size > most && lseek(file.get(), size - most, SEEK_SET) < 0) {
     ThrowErrno(path);
   }
-  std::string text(static_cast<std::size_t>(std::min(size, kMost)), '\0');
+  std::string text(static_cast<std::size_t>(std::min(size, most)), '\0');
   text.resize(ReadFully(file.get(), text.data(), text.size(), path));
   return text;
 }
@@ -203,6 +203,21 @@ void AppendToHistory(const HistoryEntry& entry) {
   if (size == 0) {
     SyncFolderOf(path::kHistoryFile);
   }
+}
+
+std::optional<HistoryEntry> ReadNewestEntry() try {
+  constexpr off_t kLongestEntry = kMaxFileSize / 2;
+  for (const std::string& path : {std::string(path::kHistoryFile), OlderFile()}) {
+    const UniqueFd file = Open(path, O_RDONLY);
+    std::string text = file.valid() ? ReadEnd(file, path, kLongestEntry) : "";
+    text.resize(text.find_last_not_of('\n') + 1);
+    if (!text.empty()) {
+      return EntryFromLine(std::string_view(text).substr(text.rfind('\n') + 1));
+    }
+  }
+  return std::nullopt;
+} catch (const std::exception&) {
+  return std::nullopt;
 }
 
 History ReadHistory() {

@@ -55,6 +55,9 @@ struct History {
 /// ended. Throws std::exception when the entry could not be kept, whole or not at all. For one caller at a time.
 void AppendToHistory(const HistoryEntry& entry);
 
+/// The newest entry; empty without one, and when it cannot be read. Reads the end of the history alone.
+std::optional<HistoryEntry> ReadNewestEntry();
+
 /// Reads both files. Lines that are no entry, such as the last of a run that was cut short, are counted and passed
 /// over. Without a history there are no entries. Throws std::system_error when a file is there but cannot be read.
 History ReadHistory();

@@ -1,16 +1,9 @@
 #include "tools/packctl/web/state.h"
 
 #include <sys/eventfd.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdint>
-#include <cstdio>
 #include <exception>
-#include <fstream>
-#include <sstream>
 #include <utility>
 
 #include "platform/constants.h"
@@ -63,32 +56,6 @@ bool IsFailed(updater::PackStatus status) {
 }
 
 }  // namespace
-
-std::optional<int> HolderOf(const std::string& lock_path) {
-  struct stat lock {};
-  if (stat(lock_path.c_str(), &lock) != 0) {
-    return std::nullopt;
-  }
-  // A line of the kernel's: "1: FLOCK  ADVISORY  WRITE 4711 fe:01:265 0 EOF"; that of a waiter has an arrow in it.
-  std::array<char, 64> name{};
-  static_cast<void>(std::snprintf(name.data(), name.size(), "%02x:%02x:%ju", major(lock.st_dev), minor(lock.st_dev),
-                                  static_cast<std::uintmax_t>(lock.st_ino)));
-  std::ifstream locks("/proc/locks");
-  for (std::string line; std::getline(locks, line);) {
-    std::istringstream words(line);
-    std::string number;
-    std::string kind;
-    std::string advisory;
-    std::string access;
-    std::string file;
-    int holder = 0;
-    words >> number >> kind >> advisory >> access >> holder >> file;
-    if (kind == "FLOCK" && access == "WRITE" && file == name.data()) {
-      return holder;
-    }
-  }
-  return std::nullopt;
-}
 
 std::optional<PackIdentity> OfferedPack(const MachineState& state) {
   if (!state.record) {
@@ -148,7 +115,9 @@ MachineState StateReader::Look() {
     return state_;
   }
   now.installed = ReadInstalledPack();
-  now.checked = LastAnsweredCheck();
+  if (const std::optional<AnsweredCheck> check = ReadAnsweredCheck()) {
+    now.checked = check->time;
+  }
   LookAtCodecs(console_, now);
   LookAtHistory(now);
   console_.TakeHeld();

@@ -14,15 +14,12 @@
 #include "tools/packctl/host/codec_report.h"
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/record/installed_pack.h"
+#include "tools/packctl/record/lock_holder.h"
 #include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/progress_text.h"
 
 /// What the page shows of the machine.
 namespace orbamira::packctl {
-
-/// The process that holds the lock, asked of the kernel, so that nobody is kept from it meanwhile: its id, or nothing
-/// when none does or when that cannot be told.
-std::optional<int> HolderOf(const std::string& lock_path);
 
 /// What one look at the machine found.
 struct MachineState {

@@ -1,0 +1,75 @@
+#include "tools/packctl/commands/status.h"
+
+#include <filesystem>
+
+#include "platform/constants.h"
+#include "tools/packctl/commands/commands.h"
+#include "tools/packctl/commands/watch.h"
+#include "tools/packctl/record/lock_holder.h"
+#include "tools/packctl/view/status_report.h"
+
+namespace orbamira::packctl {
+namespace {
+
+std::vector<std::string> InstalledCodecs() {
+  std::vector<std::string> codecs;
+  for (const auto& [file, name] : {std::pair{path::kHasHevcPath, "HEVC"}, {path::kHasAacPath, "AAC"}}) {
+    if (std::error_code error; std::filesystem::exists(file, error)) {
+      codecs.emplace_back(name);
+    }
+  }
+  return codecs;
+}
+
+StatusFacts GatherFacts() {
+  const SeenStatus seen = LookAtStatus();
+  return {.record = seen.record,
+          .is_interrupted = seen.is_interrupted,
+          .installed = ReadInstalledPack(),
+          .codecs = InstalledCodecs(),
+          .check = ReadAnsweredCheck(),
+          .last_entry = ReadNewestEntry()};
+}
+
+Tone ToneOf(Health health) {
+  switch (health) {
+    case Health::kGood:
+      return Tone::kGood;
+    case Health::kWaits:
+      return Tone::kWarning;
+    case Health::kBad:
+      break;
+  }
+  return Tone::kBad;
+}
+
+}  // namespace
+
+SeenStatus LookAtStatus() {
+  SeenStatus seen{.record = ReadStatus()};
+  const auto is_left = [&] { return IsUnderWay(seen.record.status) && !HolderOf(path::kPackctlLock); };
+  if (is_left()) {
+    seen.record = ReadStatus();  // the work may have ended since, which is recorded before the lock is free
+    seen.is_interrupted = is_left();
+  }
+  return seen;
+}
+
+Json::Value StatusAnswer(const SeenStatus& seen) {
+  Json::Value answer = StatusJson(seen.record);
+  answer["interrupted"] = seen.is_interrupted;
+  answer["last_check"] = AnsweredCheckJson(ReadAnsweredCheck());
+  return answer;
+}
+
+Outcome Status(Context& context) {
+  if (context.options.watch) {
+    return WatchStatus(context);
+  }
+  const StatusFacts facts = GatherFacts();
+  return {.members = StatusAnswer({facts.record, facts.is_interrupted}),
+          .text = context.console.Painted(StatusHeadline(facts) + "\n", ToneOf(HealthOf(facts))) + StatusLines(facts) +
+                  (context.options.verbose ? RecordLines(facts.record) : "")};
+}
+
+}  // namespace orbamira::packctl
