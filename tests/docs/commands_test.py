@@ -209,6 +209,20 @@ class DocumentationTest(unittest.TestCase):
         drawn = re.findall(r'class="code"[^>]*>([^<]+)<', (SOURCE / "docs/states.svg").read_text())
         self.assertEqual(sorted(re.findall(r"`(\w+)`", row)), sorted(drawn))
 
+    def test_quoted_figures_are_those_of_their_page(self):
+        readme, why, performance, faults = (
+            (SOURCE / name).read_text()
+            for name in ("README.md", "docs/why.md", "docs/performance.md", "docs/fault-tests.md")
+        )
+        large = performance.partition("bench/update --payload large")[2]
+        ratios = {name: re.search(rf"\| packctl : {name} \| (\S+) \| (\S+) \|", large) for name in ("pipeline", "dpkg")}
+        for name, row in (("pipeline", "shell pipeline"), ("dpkg", "dpkg")):
+            self.assertIn(f"| packctl : {row} | {ratios[name][1]} | {ratios[name][2]} |", why)
+        self.assertIn(f"{ratios['pipeline'][1]} of the time of a shell pipeline, and {ratios['dpkg'][1]} of", readme)
+        tried = int(re.search(r"(\d+) faults tried, 0 lost, 0 stuck", faults)[1])
+        for page in (readme, why):
+            self.assertLessEqual(int(re.search(r"more than ([\d,]+)\s+faults", page)[1].replace(",", "")), tried)
+
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
