@@ -112,7 +112,7 @@ void CheckRequestedCodecs(const Json::Value& requirements, Findings& findings) {
   for (const std::string& codec : requirements.getMemberNames()) {
     const Json::Value& ids = requirements[codec];
     // As the library counts: a plain value asks for nothing.
-    if (ids.size() > 0 && codec != kHevc && codec != kAac) {
+    if (ids.size() > 0 && codec != kHevc && codec != kAac) {  // NOLINT(readability-container-size-empty)
       findings.push_back({kCodecs, "no pack provides " + codec + ", which is asked for by " + ApplicationsIn(ids),
                           std::string("correct ") + path::kCodecRequirementsPath + ", or ask the maker for the codec"});
     }
