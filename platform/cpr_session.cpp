@@ -1,45 +1,47 @@
 #include "platform/cpr_session.h"
 
-#include <curl/curl.h>
+#include <stdexcept>
 
-#include <system_error>
-
-#include "platform/http/body_file.h"
-#include "platform/http/http_only.h"
-#include "platform/http/http_transfer.h"
-#include "platform/http/size_limit.h"
+#include "platform/network/network.h"
 
 namespace orbamira::wrapper {
+namespace {
 
-std::shared_ptr<ICprSession> CprSession::Create() { return std::make_shared<CprSession>(); }
-
-CprSession::CprSession() { SetUpForDownloads(session_); }
-
-void CprSession::SetUrl(const cpr::Url& url) { SetHttpUrl(session_, url.str()); }
-
-cpr::Response CprSession::DownloadToFile(std::ofstream& file) {
-  cpr::Response response;
-  try {
-    const SizeLimit limit = SizeLimitFromSettings();
-    BodyFile body(file);
-    std::int64_t size = 0;
-    response = Fetch(session_, TransferLimits{}, [&](std::string_view bytes) {
-      size += static_cast<std::int64_t>(bytes.size());
-      if (size > limit.bytes) {
-        body.StartOver();  // others need the room
+// Most hosts make a session and never use it, so it loads the network module only when it downloads.
+class SessionOnUse : public ICprSession {
+ public:
+  cpr::Response DownloadToFile(std::ofstream& file) override {
+    try {
+      if (session_ == nullptr) {
+        session_ = std::make_unique<CprSession>();
       }
-      ExpectWithin(limit, size);
-      body.Write(bytes);
-      return true;
-    });
-    body.Flush();
-  } catch (const std::system_error& error) {
-    response.error = cpr::Error(CURLE_WRITE_ERROR, error.what());
+    } catch (const std::runtime_error& error) {
+      cpr::Response response;
+      response.error.code = cpr::ErrorCode::FAILED_INIT;
+      response.error.message = error.what();
+      return response;
+    }
+    session_->SetUrl(url_);
+    return session_->DownloadToFile(file);
   }
-  if (response.error) {
-    response.status_code = 0;
-  }
-  return response;
-}
+
+  void SetUrl(const cpr::Url& url) override { url_ = url; }
+
+ private:
+  cpr::Url url_;
+  std::unique_ptr<CprSession> session_;
+};
+
+}  // namespace
+
+std::shared_ptr<ICprSession> CprSession::Create() { return std::make_shared<SessionOnUse>(); }
+
+CprSession::CprSession() { LoadNetwork().MakeSession(&session_); }
+
+CprSession::~CprSession() { LoadNetwork().DestroySession(session_); }
+
+void CprSession::SetUrl(const cpr::Url& url) { LoadNetwork().SetUrl(session_, url); }
+
+cpr::Response CprSession::DownloadToFile(std::ofstream& file) { return LoadNetwork().DownloadToFile(session_, file); }
 
 }  // namespace orbamira::wrapper

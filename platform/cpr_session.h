@@ -32,17 +32,24 @@ class ORBAMIRA_EXPORT ICprSession {
 /// The HTTP session on cpr. One object is one session and keeps its connections open.
 class ORBAMIRA_EXPORT CprSession : public ICprSession {
  public:
-  /// Makes a session; never empty.
+  /// Makes a session; never empty. It loads what it needs of libcurl when it first downloads; if that cannot be loaded,
+  /// the download has failed.
   static std::shared_ptr<ICprSession> Create();
 
-  /// Makes the session that Create() hands out.
+  /// Makes a session with all that it needs. Throws std::runtime_error when libcurl cannot be loaded.
   CprSession();
+  ~CprSession() override;
+  CprSession(const CprSession&) = delete;
+  CprSession& operator=(const CprSession&) = delete;
 
   cpr::Response DownloadToFile(std::ofstream& file) override;
   void SetUrl(const cpr::Url& url) override;
 
  private:
-  cpr::Session session_;
+  // In a union, so that only the code that loads libcurl makes and destroys it.
+  union {
+    cpr::Session session_;
+  };
 };
 
 }  // namespace orbamira::wrapper

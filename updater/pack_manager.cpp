@@ -1,6 +1,5 @@
 #include "updater/pack_manager.h"
 
-#include <cpr/cpr.h>
 #include <json/reader.h>
 
 #include <exception>
@@ -10,28 +9,24 @@
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
-#include "platform/http/bounded_reply.h"
-#include "platform/http/http_only.h"
 #include "platform/http/shown_link.h"
 #include "platform/log.h"
+#include "platform/network/request.h"
 #include "updater/json_text.h"
 #include "updater/update_request.h"
 
 namespace orbamira::updater {
 namespace {
 
-constexpr int kHttpOk = 200;
+constexpr long kHttpOk = 200;
 
-// Gets the update server's reply. A reply that is too long has an empty text.
-cpr::Response AskServer(const UpdateRequest& request) {
-  cpr::Parameters parameters;
+// Gets the update server's reply. A reply that is too long has an empty body.
+NetworkReply AskServer(const UpdateRequest& request) {
+  NetworkRequest get{.url = request.address, .most_bytes = kJsonTextLimit};
   for (const QueryParameter& parameter : QueryOf(request)) {
-    parameters.Add({parameter.key, parameter.value});
+    get.query.emplace_back(parameter.key, parameter.value);
   }
-  cpr::Session session;
-  SetHttpUrl(session, request.address);
-  session.SetParameters(parameters);
-  return SendBounded(session, &cpr::Session::Get, kJsonTextLimit).response;
+  return AskNetwork(get);
 }
 
 }  // namespace
@@ -228,18 +223,18 @@ bool PackManager::FetchDownloadInfo(bool with_aac, Json::Value& pack_info) const
     return false;
   }
 
-  const cpr::Response response = AskServer(request);
-  if (response.status_code == 0) {
-    ORBAMIRA_LOG_ERROR("Failed to send request with error: %s", response.error.message.c_str());
+  const NetworkReply reply = AskServer(request);
+  if (reply.status == 0) {
+    ORBAMIRA_LOG_ERROR("Failed to send request with error: %s", reply.error.c_str());
     return false;
   }
-  if (response.status_code != kHttpOk) {
-    ORBAMIRA_LOG_ERROR("Failed to send request with status: %d", static_cast<int>(response.status_code));
+  if (reply.status != kHttpOk) {
+    ORBAMIRA_LOG_ERROR("Failed to send request with status: %d", static_cast<int>(reply.status));
     return false;
   }
 
   Json::Value root;
-  if (!Json::Reader().parse(response.text, root)) {
+  if (!Json::Reader().parse(reply.body, root)) {
     ORBAMIRA_LOG_ERROR("Failed to parse response");
     return false;
   }

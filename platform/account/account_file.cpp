@@ -6,11 +6,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <optional>
 #include <system_error>
 #include <utility>
 
+#include "platform/account/id_token.h"
 #include "platform/constants.h"
 #include "platform/json/json_object.h"
 #include "platform/orbazelo.h"
@@ -151,6 +153,12 @@ ClientTokens TokensOf(const Json::Value& account, const std::string& client) {
   const Json::Value tokens = ObjectMember(clients, client);
   const std::string client_id = TextMember(tokens, "client_id");
   return {client_id.empty() ? client : client_id, TextMember(tokens, "id_token"), TextMember(tokens, "refresh_token")};
+}
+
+bool IsFresh(const ClientTokens& tokens) {
+  constexpr std::int64_t kRemainingValidity = 60;
+  const std::optional<IdToken> token = ParseIdToken(tokens.id_token);
+  return token && token->expires >= SecondsSince1970() + kRemainingValidity;
 }
 
 }  // namespace orbamira

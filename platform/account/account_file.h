@@ -54,4 +54,7 @@ struct ClientTokens {
 /// this client.
 [[nodiscard]] ClientTokens TokensOf(const Json::Value& account, const std::string& client);
 
+/// Whether the identity token stays valid for another minute at least.
+[[nodiscard]] bool IsFresh(const ClientTokens& tokens);
+
 }  // namespace orbamira

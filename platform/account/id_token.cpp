@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "platform/json/json_object.h"
@@ -57,6 +58,10 @@ std::vector<std::string> AudienceOf(const Json::Value& value) {
 std::int64_t TimeOf(const Json::Value& value) {
   const double seconds = value.isNumeric() ? value.asDouble() : 0;
   return seconds > 0 && seconds < kLatest ? static_cast<std::int64_t>(seconds) : 0;
+}
+
+std::int64_t SecondsSince1970() {
+  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
 bool IdToken::IsFor(const std::string& client) const {

@@ -50,4 +50,7 @@ IdToken ReadClaims(const Json::Value& claims);
 /// The claim as seconds since 1970; 0 when it is missing, is no number or is beyond any real date.
 std::int64_t TimeOf(const Json::Value& value);
 
+/// This machine's time, as claims have it.
+std::int64_t SecondsSince1970();
+
 }  // namespace orbamira

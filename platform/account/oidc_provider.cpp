@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <ctime>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -72,12 +71,6 @@ bool IsOnThisMachine(const Address& address) {
 bool IsSafeAddress(const std::string& text) {
   const Address address = AddressOf(text);
   return address.scheme == "https" || (address.scheme == "http" && IsOnThisMachine(address));
-}
-
-std::optional<std::int64_t> DateOf(const cpr::Header& header) {
-  const auto date = header.find("Date");
-  const std::time_t seconds = date != header.end() ? curl_getdate(date->second.c_str(), nullptr) : -1;
-  return seconds >= 0 ? std::optional<std::int64_t>(seconds) : std::nullopt;
 }
 
 // Sends one request: a POST with a form, a GET without one.

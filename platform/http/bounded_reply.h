@@ -1,15 +1,17 @@
 #pragma once
 
 #include <cpr/cpr.h>
+#include <curl/curl.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 
-// Takes a reply into memory, but only up to a limit: any server can send any number of bytes. Not installed; all in the
-// header, because the platform's library does not export it and others need it too.
+// Takes a reply into memory, but only up to a limit: any server can send any number of bytes. Not installed.
 namespace orbamira {
 
 /// How to send the request: &cpr::Session::Get, or Post for the session's payload.
@@ -37,6 +39,13 @@ inline BoundedReply SendBounded(cpr::Session& session, SendRequest send, std::si
     reply.response.text = std::move(body);
   }
   return reply;
+}
+
+/// The server's clock, in seconds since 1970; empty when it did not send it.
+inline std::optional<std::int64_t> DateOf(const cpr::Header& header) {
+  const auto date = header.find("Date");
+  const std::time_t seconds = date != header.end() ? curl_getdate(date->second.c_str(), nullptr) : -1;
+  return seconds >= 0 ? std::optional<std::int64_t>(seconds) : std::nullopt;
 }
 
 }  // namespace orbamira

@@ -6,8 +6,7 @@
 
 #include <string>
 
-// Confines requests to http and https. Not installed; all in the header, because the platform's library does not export
-// it and the updater's needs it too.
+// Confines requests to http and https. Not installed.
 namespace orbamira {
 
 /// Called by curl before each request of a transfer. After a request by https, only https may follow.

@@ -103,7 +103,7 @@ class DownloadWrapperTest : public testing::Test {
     try {
       ADD_FAILURE() << "the download returned " << DownloadTo(file, url);
     } catch (const exception::Exception<kDownloadFailure>& failure) {
-      EXPECT_EQ(failure.file(), "download_wrapper.cpp");
+      EXPECT_EQ(failure.file(), "resuming_download.cpp");
       return failure.what();
     }
     return "";

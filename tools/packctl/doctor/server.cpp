@@ -1,19 +1,17 @@
-#include <cpr/cpr.h>
 #include <json/reader.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <system_error>
+#include <utility>
 
 #include "platform/constants.h"
-#include "platform/http/bounded_reply.h"
-#include "platform/http/http_only.h"
 #include "platform/http/shown_link.h"
+#include "platform/network/request.h"
 #include "tools/packctl/doctor/checks.h"
 #include "tools/packctl/view/progress_text.h"
 #include "updater/json_text.h"
@@ -33,21 +31,18 @@ constexpr const char* kPublish = "publish the pack again with mkpack";
 constexpr long kOk = 200;
 
 // The updater waits as long as the server takes; a doctor must come to an end.
-void SetUp(cpr::Session& session, const std::string& address) {
-  SetHttpUrl(session, address);
-  session.SetConnectTimeout(cpr::ConnectTimeout(std::chrono::seconds(10)));
-  session.SetTimeout(cpr::Timeout(std::chrono::seconds(30)));
+NetworkReply Ask(NetworkRequest request) {
+  request.connect_limit = std::chrono::seconds(10);
+  request.limit = std::chrono::seconds(30);
+  return AskNetwork(request);
 }
 
-BoundedReply Ask(const updater::UpdateRequest& request) {
-  cpr::Parameters parameters;
+NetworkReply AskServer(const updater::UpdateRequest& request) {
+  NetworkRequest get{.url = request.address, .most_bytes = updater::kJsonTextLimit};
   for (const updater::QueryParameter& parameter : updater::QueryOf(request)) {
-    parameters.Add({parameter.key, parameter.value});
+    get.query.emplace_back(parameter.key, parameter.value);
   }
-  cpr::Session session;
-  SetUp(session, request.address);
-  session.SetParameters(parameters);
-  return SendBounded(session, &cpr::Session::Get, updater::kJsonTextLimit);
+  return Ask(std::move(get));
 }
 
 // The library's manager, but for the lock of the requirements: another process may keep that for ever, and a diagnosis
@@ -66,14 +61,12 @@ class UnlockedManager : public updater::PackManager {
   }
 };
 
-void CheckClock(const cpr::Response& response, Findings& findings) {
-  const auto date = response.header.find("Date");
-  std::tm parts{};
-  if (date == response.header.end() || strptime(date->second.c_str(), "%a, %d %b %Y %H:%M:%S GMT", &parts) == nullptr) {
+void CheckClock(const NetworkReply& reply, Findings& findings) {
+  if (!reply.date) {
     return;
   }
   constexpr std::time_t kMostSeconds = 60L * 60;
-  const std::time_t difference = std::time(nullptr) - timegm(&parts);
+  const std::time_t difference = std::time(nullptr) - *reply.date;
   if (std::abs(difference) > kMostSeconds) {
     findings.push_back(
         {kClock,
@@ -94,28 +87,20 @@ std::string TextMember(const Json::Value& pack, const char* key) {
 }
 
 void CheckPackage(const std::string& link, Offer& offer, Findings& findings) {
-  cpr::Session session;
-  SetUp(session, link);
-  const cpr::Response response = session.Head();
+  const NetworkReply reply = Ask({.url = link, .is_head = true});
   constexpr long kNoSuchMethod = 405;
   constexpr long kNotImplemented = 501;
-  if (response.status_code == kNoSuchMethod || response.status_code == kNotImplemented) {
+  if (reply.status == kNoSuchMethod || reply.status == kNotImplemented) {
     return;  // the server answers no such question, and may give the package all the same
   }
-  if (response.status_code != kOk) {
-    const std::string why =
-        response.status_code == 0 ? response.error.message : "status " + std::to_string(response.status_code);
+  if (reply.status != kOk) {
+    const std::string why = reply.status == 0 ? reply.error : "status " + std::to_string(reply.status);
     findings.push_back({kServer, "the package on offer cannot be had from " + ShownLink(link) + ": " + why,
                         "put the package there, or correct the link in the reply"});
     return;
   }
-  const auto length = response.header.find("Content-Length");
-  std::uint64_t size = 0;
-  if (length != response.header.end()) {
-    const std::string& text = length->second;
-    if (std::from_chars(text.data(), text.data() + text.size(), size).ec == std::errc()) {
-      offer.package_size = size;
-    }
+  if (reply.length) {
+    offer.package_size = reply.length;
   }
 }
 
@@ -195,18 +180,18 @@ Findings CheckServer(Offer& offer) {
   if (SchemeOf(request.address).empty()) {
     return findings;  // which the check of the settings tells
   }
-  const auto [response, is_too_long] = Ask(request);
-  CheckClock(response, findings);
-  if (is_too_long) {
+  const NetworkReply reply = AskServer(request);
+  CheckClock(reply, findings);
+  if (reply.is_too_long) {
     findings.push_back({kServer, "the update server's reply is too long", "see that the address is that of a reply"});
-  } else if (response.status_code == 0 || response.error.code != cpr::ErrorCode::OK) {
-    findings.push_back({kServer, "the update server does not answer: " + response.error.message,
+  } else if (reply.status == 0 || reply.failed) {
+    findings.push_back({kServer, "the update server does not answer: " + reply.error,
                         "see to the network and the name service, and that the server runs"});
-  } else if (response.status_code != kOk) {
-    findings.push_back({kServer, "the update server answers with status " + std::to_string(response.status_code),
+  } else if (reply.status != kOk) {
+    findings.push_back({kServer, "the update server answers with status " + std::to_string(reply.status),
                         std::string("correct ") + common::kPackUpdateServer + ", or publish the reply there"});
   } else {
-    CheckReply(response.text, offer, findings);
+    CheckReply(reply.body, offer, findings);
   }
   return findings;
 }
