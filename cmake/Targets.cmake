@@ -1,12 +1,13 @@
 # How this project makes its libraries and programs, so that each is made the same way.
 #
-# There are three kinds of targets. Rooms are static libraries that stay inside. Shared libraries are made of rooms, for
-# others. Programs link either. No target lists a source of another folder.
+# There are four kinds of targets. Rooms are static libraries that stay inside. Shared libraries are made of rooms, for
+# others. A module is a part of a shared library that it loads when needed. Programs link rooms or shared libraries. No
+# target lists a source of another folder.
 include(${CMAKE_CURRENT_LIST_DIR}/Hardening.cmake)
 
 # Where an installed program finds the libraries installed with it, relative to itself: an install staged in any folder
 # runs there.
-set(ORBAMIRA_BIN_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}:$ORIGIN/../${CMAKE_INSTALL_LIBDIR}/orbamira/lib")
+set(ORBAMIRA_BIN_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 cmake_path(ABSOLUTE_PATH ORBAMIRA_HELPERS_DESTINATION BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}
   OUTPUT_VARIABLE ORBAMIRA_INSTALLED_HELPERS_FOLDER)
 file(RELATIVE_PATH libraries_from_helpers ${ORBAMIRA_INSTALLED_HELPERS_FOLDER} ${CMAKE_INSTALL_FULL_LIBDIR})
@@ -81,10 +82,38 @@ function(orbamira_add_library name)
     SOVERSION ${PROJECT_VERSION_MAJOR}
     EXPORT_NAME ${export_name}
     LINK_DEPENDS ${exports}
-    INSTALL_RPATH "$ORIGIN:$ORIGIN/orbamira/lib")
+    INSTALL_RPATH "$ORIGIN")
   install(TARGETS ${name} EXPORT OrbamiraUpdaterTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libraries NAMELINK_COMPONENT development
     FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orbamira COMPONENT development)
+endfunction()
+
+# orbamira_add_module(NAME OF library FILE file LOADER file SOURCES file... ROOM room [PRIVATE target...])
+#
+# What the shared library OF seldom needs, with the libraries that only this needs: the code in LOADER loads it from
+# orbamira/FILE beside that library. It is made of the SOURCES and of all that is in the ROOM, which programs without
+# shared libraries of ours link instead. The file's name has the library's number: two of them can be installed.
+function(orbamira_add_module name)
+  cmake_parse_arguments(ARG "" "OF;FILE;LOADER;ROOM" "SOURCES;PRIVATE" ${ARGN})
+  set(file ${ARG_FILE}.${PROJECT_VERSION_MAJOR})
+  set(about ORBAMIRA_VERSION="${PROJECT_VERSION}" ORBAMIRA_MODULE_FILE="orbamira/${file}")
+  set_property(SOURCE ${ARG_SOURCES} ${ARG_LOADER} APPEND PROPERTY COMPILE_DEFINITIONS ${about})
+  target_sources(${ARG_OF} PRIVATE ${ARG_LOADER})
+  target_link_libraries(${ARG_OF} PRIVATE ${CMAKE_DL_LIBS})
+  target_link_libraries(${ARG_OF}_static PUBLIC ${ARG_ROOM})
+
+  set(exports ${PROJECT_SOURCE_DIR}/cmake/module.map)
+  add_library(${name} MODULE ${ARG_SOURCES} $<TARGET_OBJECTS:${ARG_ROOM}>)
+  orbamira_use_options(${name})
+  # The library comes first, so that no room gives what it exports.
+  target_link_libraries(${name} PRIVATE ${ARG_OF} ${ARG_PRIVATE})
+  target_link_options(${name} PRIVATE LINKER:--version-script=${exports})
+  set_target_properties(${name} PROPERTIES
+    PREFIX "" OUTPUT_NAME ${file} SUFFIX ""
+    LIBRARY_OUTPUT_DIRECTORY $<TARGET_FILE_DIR:${ARG_OF}>/orbamira
+    LINK_DEPENDS ${exports}
+    INSTALL_RPATH "$ORIGIN/..:$ORIGIN/lib")
+  install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/orbamira COMPONENT libraries)
 endfunction()
 
 # orbamira_add_program(NAME SOURCES file... [LIBRARIES target...])

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""What an update costs, by counts: processes, calls that change files, saves of the record, bytes written.
+"""What an update costs, by counts: processes, calls that change files, saves of the record, bytes written. And what
+packctl costs that has nothing to do.
 
 Counts do not depend on how busy the machine is, so they show what a benchmark would: a program started once more, a
 body written in small pieces, a copy where a link would do, a record that is saved for every piece of the download.
@@ -10,13 +11,14 @@ import collections
 import json
 import pathlib
 import re
+import subprocess
 import sys
 import tempfile
 import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-from appliance import Appliance, Publisher  # noqa: E402
+from appliance import Appliance, Publisher, install  # noqa: E402
 
 KIB = 1024
 MIB = 1024 * KIB
@@ -40,6 +42,9 @@ REPORT_INTERVAL = 0.1
 
 BODY_PIECE = 256 * KIB
 UNPACKED_PIECE = 64 * KIB
+# Of packctl status when nothing is going on: half of them load the libraries.
+STATUS_CALLS = 250
+
 OTHER_CALLS = 150  # locks, folders, links, modes, and what is deleted
 OTHER_BYTES = MIB
 
@@ -155,6 +160,34 @@ class ProcessesOfAnUpdate(unittest.TestCase):
         size = 2 * self.update.package_size + self.update.payload_size
         self.assertGreaterEqual(self.watched["dirtied"], self.update.payload_size)
         self.assertLessEqual(self.watched["dirtied"], size + OTHER_BYTES)
+
+
+class CallsOfAnIdleStatus(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        with tempfile.TemporaryDirectory(prefix="cost-", dir=ARGUMENTS.build) as name:
+            install(ARGUMENTS.build, name, "--strip")
+            appliance = Appliance(name, ARGUMENTS.build)
+            appliance.identify()
+            appliance.expect("status")  # makes the lock file
+            trace = pathlib.Path(name) / "trace"
+            subprocess.run(
+                ["strace", "-f", "-o", trace, appliance.program("packctl"), "status"],
+                check=True,
+                env=appliance.environment(),
+                stdin=subprocess.DEVNULL,
+                stdout=subprocess.DEVNULL,
+            )
+            cls.calls = [line for line in trace.read_text().splitlines() if re.match(r"\d+ +\w+\(", line)]
+
+    def test_it_takes_few_calls(self):
+        self.assertLessEqual(len(self.calls), STATUS_CALLS)
+
+    def test_it_loads_nothing_that_only_a_transfer_needs(self):
+        opened = [re.search(r'"([^"]*\.so[.0-9]*)", .* = \d', call) for call in self.calls if " openat(" in call]
+        loaded = {pathlib.PurePath(found[1]).name.split(".so")[0] for found in opened if found}
+        self.assertIn("liborbamira_updater", loaded)
+        self.assertEqual(set(), loaded & {"network", "libcpr", "libcurl", "libssl"})
 
 
 if __name__ == "__main__":

@@ -20,7 +20,7 @@ if ! nm --dynamic --demangle --defined-only "$library" | grep 'vtable for orbami
   failed=1
 fi
 
-chosen='^(liborbamira_platform|libcpr|libcurl|libjsoncpp|libcrypto|libssl|libarchive|libisal|libstdc\+\+|libgcc_s|libm|libc|ld-linux-x86-64|ld-linux-aarch64)\.so'
+chosen='^(liborbamira_platform|libjsoncpp|libcrypto|libssl|libarchive|libisal|libstdc\+\+|libgcc_s|libm|libc|ld-linux-x86-64|ld-linux-aarch64)\.so'
 unexpected=$(readelf --dynamic "$library" | sed -nE 's/.*\(NEEDED\).*\[(.*)\]/\1/p' | grep -vE "$chosen" || true)
 if [ -n "$unexpected" ]; then
   printf 'needed, but not chosen:\n%s\n' "$unexpected"
