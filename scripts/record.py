@@ -21,7 +21,7 @@ SOURCE = pathlib.Path(__file__).resolve().parents[1]
 DEMO = SOURCE / "build/demo"
 PACK = "orbamira-hevc"
 COLUMNS = 88
-RATE = "70k"  # bytes a second, so that the bar is seen
+RATE = "45k"  # bytes a second, so that the bar is seen
 LONGEST_WAIT = 1.0  # seconds
 TYPING, READING = 0.7, 1.6  # seconds before a command's output, and after it
 
