@@ -49,6 +49,7 @@ def completion(program):
     name = program["name"]
     offer = f"_{name}_offer"
     families = [group for group, commands in groups(program) if second_words(commands)]
+    helps = [command["name"] for command in program["commands"] if command.get("argument") == "COMMAND"]
     values = names_with(program, lambda option: True)
     lines = [
         "# shellcheck shell=bash",
@@ -79,7 +80,7 @@ def completion(program):
         "    esac",
         "    command+=${command:+ }$word",
         "    case $command in",
-        *_case(families, ":", "      "),
+        *_case(families + helps, ":", "      "),
         "      *) break ;;",
         "    esac",
         "  done",
@@ -90,6 +91,12 @@ def completion(program):
         f"    '') {offer} -W '{' '.join([word for word, _ in first_words(program)] + names(program['options']))}' ;;",
         *(
             f"    {group}) {offer} -W '{' '.join([word for word, _ in second_words(commands)] + ['-h', '--help'])}' ;;"
+            for group, commands in groups(program)
+            if second_words(commands)
+        ),
+        *(
+            f"    '{asked} {group}') {offer} -W '{' '.join(word for word, _ in second_words(commands))}' ;;"
+            for asked in helps
             for group, commands in groups(program)
             if second_words(commands)
         ),

@@ -68,6 +68,8 @@ def completion(program):
             words = command["name"]
             if command.get("argument") == "COMMAND":
                 lines += _words(program, words, first_words(program))
+                for family, members in groups(program):
+                    lines += _words(program, f"{words} {family}", second_words(members))
             elif command.get("argument"):
                 lines.append(f"{_at(program, words)} -a '(__fish_complete_directories)'")
             lines += _options(program, words, command["options"])

@@ -163,6 +163,8 @@ class PagesTest(unittest.TestCase):
         self.assertEqual(self.complete("account", "sign-in", "--issuer", ""), [])
         self.assertEqual(self.complete("account", "sign-in", "--issuer", "x", "--r"), ["--replace"])
         self.assertEqual(self.complete("help", "hi"), ["history"])
+        self.assertEqual(self.complete("help", "account", "sign-o"), ["sign-out"])
+        self.assertEqual(self.complete("help", "history", ""), [])
         self.assertEqual(self.complete("account", "dance", ""), [])
         self.assertEqual(self.complete("dance", ""), [])
         self.assertEqual(self.complete("none_such"), [])
@@ -173,6 +175,8 @@ class PagesTest(unittest.TestCase):
         (pathlib.Path(folder) / "packs").mkdir()
         self.assertEqual(self.complete("web", "--token-file", f"{folder}/k"), [f"{folder}/key.pem"])
         self.assertEqual(self.complete("check", "--color", "a"), ["auto", "always"])
+        for when in self.complete("--color", ""):
+            output(self.arguments.packctl, "--color", when, "help")
 
         def mkpack(*words):
             return self.complete(*words, program="mkpack")
@@ -232,7 +236,8 @@ class PagesTest(unittest.TestCase):
         words = sorted(first_words(self.program))
         offered = self.fish("packctl ", "packctl help ", "packctl --json history --l", "packctl --color n")
         self.assertEqual([sorted(offered[0]), sorted(offered[1]), *offered[2:]], [words, words, ["--limit"], ["never"]])
-        self.assertEqual(self.fish("packctl account ")[0], ["sign-in", "sign-out", "status"])
+        for line in ("packctl account ", "packctl help account "):
+            self.assertEqual(self.fish(line)[0], ["sign-in", "sign-out", "status"])
         for command in self.program["commands"]:
             names = sorted(option["names"][-1] for option in command["options"])
             self.assertEqual(self.fish(f"packctl {command['name']} --")[0], names, command["name"])
