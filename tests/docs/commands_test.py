@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Runs every command that the documentation shows, and follows every link in it.
 
-One shell runs the fenced blocks marked `sh` of one page in turn, with an appliance and a publisher for each page.
+One shell runs the fenced blocks marked `sh` of one page in turn, with an appliance and a publisher for each page. The
+lines of a block marked `text seen` must be among those that the block before it printed.
 Places of a real machine are replaced by places where the test may write: see Page.here().
 """
 
@@ -23,7 +24,7 @@ from appliance import SOURCE, Appliance, Paths, install  # noqa: E402
 
 FOLDERS = ("", "docs", "examples", "packaging", "tests/abi")
 PAGES = sorted(path for folder in FOLDERS for path in (SOURCE / folder).glob("*.md"))
-BLOCK = re.compile(r"^ *```sh\n(.*?)^ *```$", re.MULTILINE | re.DOTALL)
+BLOCK = re.compile(r"^ *```(sh|text seen)\n(.*?)^ *```$", re.MULTILINE | re.DOTALL)
 LINK = re.compile(r"\]\(([^)\s]+)\)")
 HEADING = re.compile(r"^#+ (.+)$", re.MULTILINE)
 
@@ -120,6 +121,7 @@ class Page:
         )
         if done.returncode != 0:
             raise AssertionError(f"{self.path.name}: ended with {done.returncode}:\n{text}\n{done.stdout}")
+        return done.stdout
 
     def run(self):
         class Quiet(http.server.SimpleHTTPRequestHandler):
@@ -133,8 +135,12 @@ class Page:
             threading.Thread(target=server.serve_forever, daemon=True).start()
             try:
                 self.prepare()
-                for block in BLOCK.findall(self.path.read_text()):
-                    self.shell(block)
+                output = ""
+                for kind, block in BLOCK.findall(self.path.read_text()):
+                    if kind == "sh":
+                        output = self.shell(block)
+                    elif not set(block.splitlines()) <= set(output.splitlines()):
+                        raise AssertionError(f"{self.path.name}: says\n{block}\nbut the program says\n{output}")
             finally:
                 server.shutdown()
 
@@ -159,6 +165,13 @@ class DocumentationTest(unittest.TestCase):
                 Page(page, self.build, folder).run()
             process = (folder / "work/started").read_text().strip()
             self.assertFalse(pathlib.Path("/proc", process).exists())
+
+    def test_page_that_shows_what_nobody_says_is_found(self):
+        with tempfile.TemporaryDirectory() as name:
+            page = pathlib.Path(name, "page.md")
+            page.write_text("```sh\necho one; echo two\n```\n\n```text seen\ntwo\nthree\n```\n")
+            with self.assertRaisesRegex(AssertionError, "page.md: says\ntwo\nthree"):
+                Page(page, self.build, pathlib.Path(name)).run()
 
     def test_every_link_leads_somewhere(self):
         for path in PAGES:
