@@ -58,7 +58,7 @@ std::optional<std::string> DecompressElsewhere(const std::string& gzip) {
   return count == 0 ? std::optional(content) : std::nullopt;
 }
 
-// The input with the checksum and the length that its content has: chance would not get them right.
+// The input with the right checksum and length of its content: random ones are always wrong.
 std::string WithTrailer(std::string gzip, const std::string& content) {
   const uint32_t sum = crc32_gzip_refl(0, reinterpret_cast<const unsigned char*>(content.data()), content.size());
   gzip.resize(gzip.size() - 8);

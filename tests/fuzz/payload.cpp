@@ -1,5 +1,5 @@
-// A package's payload. The input is the tar inside; the gzip around it is put on here, because chance would not get its
-// checksum right. gzip.cpp looks into the compression itself.
+// A package's payload. The input is the tar inside; the test adds the gzip around it, because a random checksum is
+// always wrong. gzip.cpp tests the compression itself.
 
 #include <isa-l/crc.h>
 

@@ -19,7 +19,7 @@ namespace {
 
 using orbamira::fuzz::Require;
 
-/// In place of the program: writes the answer into the file that it is told.
+/// Stands for the program: writes the answer into the file that it is given.
 class AnsweringCore : public orbamira::wrapper::IOrbaCoreWrapper {
  public:
   explicit AnsweringCore(std::string answer) : answer_(std::move(answer)) {}

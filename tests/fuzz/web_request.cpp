@@ -1,5 +1,5 @@
-// A request to "packctl web": what comes of it does not hang on how the network cuts it, what is taken is within its
-// bounds, and nobody acts without the token and our name.
+// A request to "packctl web": the answer does not depend on how the network splits the request, limits hold, and no
+// request acts without the token and our host name.
 
 #include <algorithm>
 #include <optional>

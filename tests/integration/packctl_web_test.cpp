@@ -710,7 +710,7 @@ TEST_F(PackctlWebTest, ServesAtTheSocketThatSystemdKeeps) {
   ASSERT_TRUE(State()["server"]["port_is_held"].asBool());
   EXPECT_EQ(State()["server"]["user"], getpwuid(geteuid())->pw_name);
 
-  // While the server is away, the port is nobody else's, and who asks is answered by the next one.
+  // While the server is down, nobody else can take the port, and the next server answers the waiting request.
   web_->Signal(SIGTERM);
   web_->Wait();
   EXPECT_THAT(RunningProgram(Web({"--port", std::to_string(port_)})).Wait().errors, HasSubstr("Cannot listen at "));

@@ -1,5 +1,5 @@
-// Several processes at one appliance: readers of the status beside an update, and updates beside each other. How long
-// the readers are kept at it is told by ORBAMIRA_TEST_SECONDS.
+// Several processes at one appliance: readers of the status beside an update, and updates beside each other.
+// ORBAMIRA_TEST_SECONDS says how long the readers go on.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

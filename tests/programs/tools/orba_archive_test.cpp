@@ -759,8 +759,8 @@ TEST_F(OrbaArchiveTest, ChecksTheChecksumAndLengthOfAPayload) {
   }
 }
 
-/// One bit of every byte is turned, an eighth of the bytes in each test. Whatever comes of it, the program ends by
-/// itself and nothing outside the folder changes.
+/// Flips one bit of every byte, an eighth of the bytes in each test. In every case the program ends by itself, and
+/// nothing outside the folder changes.
 class OrbaArchiveFlipTest : public OrbaArchiveTest, public testing::WithParamInterface<size_t> {
  protected:
   /// `may_pass` tells for a byte whether the program may take the archive; the result is in the folder.

@@ -391,7 +391,7 @@ TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenOfAnotherUser) {
   ExpectRefused(Signed(claims), kOtherUser);
 }
 
-// A token that nobody has signed, or somebody else, proves nothing, whoever brings it.
+// A token without a signature, or with somebody else's, proves nothing.
 TEST_F(PackagePkceClientTest, GetIdTokenRefusesATokenThatIsNotSignedByTheProvider) {
   const Json::Value claims = provider_.Claims(kClient, 3600);
   constexpr const char* kNoPublicKey =

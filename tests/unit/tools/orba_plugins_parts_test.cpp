@@ -52,7 +52,7 @@ TEST(PluginTrustTest, FilesThatOurGroupOrThatOfRootMayWriteAre) {
   EXPECT_EQ(WhyDistrustedFile(4242, 4244, 0775), "");
 }
 
-// The mode tells of such a list only that somebody may write: the group's bits are the most that it gives.
+// With such a list the mode shows only that somebody may write: the group's bits are the most that the list grants.
 TEST(PluginTrustTest, FilesThatAnAccessListLetsOthersWriteAreNot) {
   constexpr std::uint16_t kRead = 4;
   constexpr std::uint16_t kWrite = 6;

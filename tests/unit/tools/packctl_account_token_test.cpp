@@ -250,7 +250,7 @@ TEST_F(AccountTokenTest, CheckUsesNoKeyThatIsDamaged) {
   }
 }
 
-// A header may carry a key of its own, or say where to get one: whoever signs with that proves nothing.
+// A header may contain a key, or say where to get one: a signature by that key proves nothing.
 TEST_F(AccountTokenTest, CheckUsesNoKeyOfTheTokensOwn) {
   const SigningKey attackers = SigningKey::Ec("key-1");
   header_["jwk"] = attackers.jwk();
@@ -378,7 +378,7 @@ TEST(AccountSecretsTest, NoTwoAreAlike) {
   EXPECT_NE(RandomText(), RandomText());
 }
 
-// By an exponent of 1 everybody signs, by an even one nobody.
+// With an exponent of 1 anybody can sign, with an even one nobody.
 TEST_F(AccountTokenTest, CheckRefusesAWeakKeyOfRsa) {
   key_ = SigningKey::Rsa("key-1");
   header_["alg"] = "RS256";
