@@ -46,7 +46,8 @@ namespace {
 
 constexpr int kNotStarted = -1;
 
-// The kernel sends it to the supervisor when the caller dies. Others may send it too, so the supervisor then checks.
+// The kernel sends it to the supervisor in the caller's name when the calling thread dies: with its process, or alone,
+// as when another thread of it becomes a new program. Others may send it too, so the supervisor then checks.
 constexpr int kCallerDied = SIGHUP;
 
 // How long a program may take to end after SIGTERM: longer than the program that runs plugins gives a plugin.
@@ -154,7 +155,8 @@ int WaitWhileCallerLives(pid_t program, pid_t caller) {
   siginfo_t signal{};
   int status = 0;
   while (waitpid(program, &status, WNOHANG) == 0) {
-    if (is_outside ? signal.si_signo == kCallerDied && signal.si_pid == 0 : getppid() != caller) {
+    const bool is_told = signal.si_signo == kCallerDied && signal.si_pid == (is_outside ? 0 : caller);
+    if (is_told || (!is_outside && getppid() != caller)) {
       return AskToEndAndWait(program);
     }
     sigwaitinfo(&awaited, &signal);

@@ -834,6 +834,60 @@ TEST_F(PackctlTest, ColourIsForTerminalsAndForThoseWhoAsk) {
   EXPECT_EQ(Run({"check", "--color", "sometimes"}).status, 64);
 }
 
+TEST_F(PackctlTest, AnUpdateThatIsCancelledCleansUp) {
+  appliance_.Publish("1.2.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  appliance_.Publish("1.3.0", BigPayload());
+  for (const int signal : {SIGINT, SIGTERM}) {
+    ASSERT_EQ(Run({"check"}).status, 0);
+    StallPackages();
+    RunningProgram update(Appliance::PackctlCommand({"update"}));
+    Await([] { return RunJson({"status"}, 0)["download_size_now"].asInt64() > 0; });
+    update.Signal(signal);
+    const ProgramResult result = update.Wait();
+    EXPECT_EQ(result.status, 130);
+    EXPECT_EQ(result.errors, "packctl: Cancelled. 1.2.0 stays installed.\n");
+    EXPECT_EQ(Appliance::StatusRecord()["status"], "download_install_failed");
+    EXPECT_FALSE(fs::exists(kDownloadFolder));
+    appliance_.server().Release();
+    appliance_.SetFault({});
+  }
+  const Json::Value last = RunJson({"history", "--limit", "1"}, 0)["entries"][0];
+  EXPECT_EQ(last["command"], "update");
+  EXPECT_EQ(last["result"], "cancelled");
+  EXPECT_EQ(last["error"]["code"], "cancelled");
+  EXPECT_EQ(Run({"update"}).status, 0);
+}
+
+// The library waits for the plugin, and for a reply that never comes.
+TEST_F(PackctlTest, WhatAnUpdateWaitsForDoesNotKeepItFromBeingCancelled) {
+  appliance_.Publish("1.2.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  const std::string gate = (test::Root() / "gate").string();
+  ASSERT_EQ(mkfifo(gate.c_str(), 0600), 0);
+  Appliance::AddPlugin("10-player",
+                       "[ $2 = uninstall ] || [ $6 = post ] || { echo here; read line < '" + gate + "'; }\n");
+  RunningProgram held(Appliance::PackctlCommand({"update", "--reinstall", "--json"}));
+  Await([&] { return held.Errors() == "packctl: 10-player: here\n"; });
+  EXPECT_FALSE(fs::exists(path::kPackFolderPath)) << "the old pack is out of the way";
+  held.Signal(SIGTERM);
+  const ProgramResult result = held.Wait();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_THAT(result.errors, EndsWith("packctl: Cancelled. 1.2.0 stays installed.\n"));
+  EXPECT_EQ(Parse(result.output)["result"], "cancelled");
+  EXPECT_EQ(Appliance::InstalledPayload(), "one");
+  fs::remove(fs::path(path::kPluginFolder) / "10-player");
+
+  appliance_.SetFault([](const HttpRequest&, HttpResponse& response) { response.stall_at = 0; });
+  RunningProgram silent(Appliance::PackctlCommand({"update"}));
+  Await([] { return RunJson({"status"}, 0)["status"] == "downloading_installing"; });
+  silent.Signal(SIGINT);
+  EXPECT_EQ(silent.Wait().status, 130);
+  appliance_.server().Release();
+  appliance_.SetFault({});
+  EXPECT_EQ(Run({"update"}).status, 0);
+}
+
 TEST_F(PackctlTest, RecoverMendsWhatAKilledUpdateLeft) {
   appliance_.Publish("1.0", BigPayload());
   StallPackages();

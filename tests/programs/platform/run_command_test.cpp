@@ -407,6 +407,20 @@ TEST_F(OrbaCoreWrapperKilledHostTest, TheProgramIsEnded) {
   EXPECT_TRUE(EndsWithItsHost(R"(echo $$ > "$0"; exec sleep 600)"));
 }
 
+// Nobody waits for the program any more, though the process lives on.
+TEST_F(OrbaCoreWrapperRunningTest, TheProgramOfAHostThatBecomesAnotherIsEnded) {
+  test::Forked host([&] {
+    std::thread([&] { RunUntilTold(); }).detach();
+    AwaitStart();
+    // The supervisor is a child of the new program, which ends with 0 once all have ended, or by the alarm.
+    const std::string wait =
+        "import os, signal\nsignal.alarm(60)\ntry:\n  while True: os.waitpid(-1, 0x40000000)\nexcept "
+        "ChildProcessError: pass";
+    return execl("/usr/bin/python3", "python3", "-c", wait.c_str(), nullptr);
+  });
+  EXPECT_EQ(host.Wait(), 0);
+}
+
 TEST_F(OrbaCoreWrapperKilledHostTest, TheProgramIsAskedFirst) {
   EXPECT_TRUE(EndsWithItsHost(R"(trap 'echo asked > "$1"; exit' TERM; echo $$ > "$0"; read line < "$2")"));
   EXPECT_EQ(Out(), "asked\n");

@@ -31,7 +31,8 @@ enum ExitStatus : int {
   kExitNothingToDo = 2,
   kExitNotPermitted = 3,  ///< by the recorded status
   kExitUsage = 64,
-  kExitBusy = 75,  ///< another program is at work: later it may succeed
+  kExitBusy = 75,        ///< another program is at work: later it may succeed
+  kExitCancelled = 130,  ///< by SIGINT or SIGTERM, and put in order; 128 + SIGINT
 };
 
 /// What a changing command tells beside its result.
@@ -79,6 +80,7 @@ struct Options {
   ColorChoice color = ColorChoice::kAuto;
   int wait = 0;            ///< seconds to wait for another program at work to end
   bool watch = false;      ///< status: go on until interrupted
+  bool cancelled = false;  ///< a flow: this process took the place of one that was cancelled
   bool reinstall = false;  ///< update: also what is installed already
   std::size_t limit = 50;  ///< history: only so many entries
   bool no_pager = false;   ///< history: print them, on a terminal too

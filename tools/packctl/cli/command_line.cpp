@@ -30,6 +30,7 @@ constexpr std::array kExitMeanings = {
     ExitMeaning{kExitNotPermitted, "not permitted by the recorded status, or not confirmed"},
     ExitMeaning{kExitUsage, "wrong usage"},
     ExitMeaning{kExitBusy, "another program is at work; --wait waits for its end"},
+    ExitMeaning{kExitCancelled, "cancelled by you; everything is in order"},
 };
 
 constexpr const char* kNotes =
@@ -161,7 +162,8 @@ Json::Value DescribeTerm(const std::string& term, const char* meaning) {
 
 Json::Value DescribeOptions(const CLI::App& app) {
   Json::Value described = Json::arrayValue;
-  for (const CLI::Option* option : app.get_options([](const CLI::Option* known) { return known->nonpositional(); })) {
+  for (const CLI::Option* option : app.get_options(
+           [](const CLI::Option* known) { return known->nonpositional() && !known->get_group().empty(); })) {
     Json::Value entry;
     for (const std::string& name : option->get_snames()) {
       entry["names"].append("-" + name);
@@ -318,7 +320,12 @@ void AddWatchOption(CLI::App& parser, Options& options) {
   parser.add_flag("--watch", options.watch, "Show each change until interrupted");
 }
 
-void AddReinstallOption(CLI::App& parser, Options& options) {
+void AddFlowOptions(CLI::App& parser, Options& options) {
+  parser.add_flag("--cancelled", options.cancelled)->group("");  // for packctl alone: it is in no help
+}
+
+void AddUpdateOptions(CLI::App& parser, Options& options) {
+  AddFlowOptions(parser, options);
   parser.add_flag("--reinstall", options.reinstall, "Install the pack on offer even if it is not newer");
 }
 

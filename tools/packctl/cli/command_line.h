@@ -39,7 +39,8 @@ Json::Value DescribeCommandLine(std::span<const Command> commands);
 
 /// What single commands take, for Command::add_options.
 void AddWatchOption(CLI::App& parser, Options& options);
-void AddReinstallOption(CLI::App& parser, Options& options);
+void AddFlowOptions(CLI::App& parser, Options& options);
+void AddUpdateOptions(CLI::App& parser, Options& options);
 void AddHistoryOptions(CLI::App& parser, Options& options);
 void AddWebOptions(CLI::App& parser, Options& options);
 void AddSignInOptions(CLI::App& parser, Options& options);

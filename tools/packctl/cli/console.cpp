@@ -106,10 +106,14 @@ Console::Console()
   openlog(kName, LOG_PID | LOG_PERROR, LOG_LOCAL1);
 }
 
-Console::~Console() {
-  closelog();
+void Console::GiveBack() const {
   dup2(output_, STDOUT_FILENO);
   dup2(error_, STDERR_FILENO);
+}
+
+Console::~Console() {
+  closelog();
+  GiveBack();
   close(output_);
   close(error_);
   close(held_);

@@ -30,6 +30,9 @@ class Console {
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
 
+  /// Gives standard output and error back before the end, for a program that takes this one's place.
+  void GiveBack() const;
+
   /// Writes the text to the standard output as it is: whoever puts text from outside into it makes that printable.
   /// False when not all of it could be written.
   bool Print(std::string_view text) const;

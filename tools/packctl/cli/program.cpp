@@ -152,7 +152,8 @@ Outcome Refused(ExitStatus exit, const char* result, Failure failure) {
 Outcome Run(const Command& command, Context& context) try {
   std::optional<updater::UpdateLock> lock;
   if (command.effect != Effect::kNone) {
-    TakeLock(lock, std::chrono::seconds(context.options.wait));
+    // Who was cancelled gave the lock up for a moment, and has the right to it.
+    TakeLock(lock, context.options.cancelled ? std::chrono::minutes(5) : std::chrono::seconds(context.options.wait));
     context.lock = &*lock;
   }
   return command.effect == Effect::kChange ? RunChange(command, context) : RunQuery(command, context);

@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "platform/constants.h"
+#include "tools/packctl/cli/cancel.h"
 #include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/status_words.h"
 #include "updater/recovery.h"
@@ -43,6 +44,18 @@ Outcome FailedChange(const char* noun) {
 Outcome RecoveredChange(const Context& context, const char* noun) {
   updater::Recover(*context.lock);
   return FailedChange(noun);
+}
+
+Outcome CancelledChange(const Context& context) {
+  if (context.console.IsTerminal() && !context.options.json) {
+    context.console.Print("\n");  // the line of the progress
+  }
+  AwaitPrograms();
+  updater::Recover(*context.lock);
+  Outcome outcome = EndOfChange(kExitCancelled, "cancelled");
+  outcome.change->happened = true;
+  outcome.failure = MakeFailure(FailureReason::kCancelled, "cancelled", "");
+  return outcome;
 }
 
 // Nobody else holds the update lock, so a status of work under way was left behind.

@@ -19,6 +19,9 @@ Outcome FailedChange(const char* noun);
 /// The work failed after it had begun: puts in order what it left, and says where that leaves the machine.
 Outcome RecoveredChange(const Context& context, const char* noun);
 
+/// A process that was cancelled left it to this one to put things in order.
+Outcome CancelledChange(const Context& context);
+
 /// The recorded status forbids the work, whose name continues "cannot".
 Outcome ForbiddenChange(const char* verb, updater::PackStatus status);
 

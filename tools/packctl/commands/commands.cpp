@@ -17,18 +17,18 @@ constexpr std::array kCommands = {
     Command{"download", Effect::kChange, "Download and verify the pack on offer",
             "Permitted if the status is need_download or download_failed. To install the pack afterwards, run\n"
             "\"packctl install\".",
-            Download},
+            Download, AddFlowOptions},
     Command{"install", Effect::kChange, "Install the downloaded pack",
             "Permitted if the status is need_install or install_failed. Plugins are told before and after. If the\n"
             "install fails, the previous pack comes back.",
-            Install},
+            Install, AddFlowOptions},
     Command{
         "update", Effect::kChange, "Download the pack on offer and install it",
         "Permitted if the status is lost, need_download, need_install, download_install_failed or up_to_date.\n"
         "If nothing newer is on offer, nothing is done. If the update fails or you interrupt it, the previous pack\n"
         "comes back.\n"
         "Exit status 2: already up to date.",
-        Update, AddReinstallOption},
+        Update, AddUpdateOptions},
     Command{"remove", Effect::kChange, "Remove the installed pack",
             "Plugins are not told, and the recorded status does not change. Not permitted while the status says that\n"
             "work is in progress.\n"

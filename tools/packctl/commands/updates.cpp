@@ -9,6 +9,7 @@
 #include "platform/constants.h"
 #include "platform/json/json_values.h"
 #include "platform/printable.h"
+#include "tools/packctl/cli/cancel.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/commands/watched_work.h"
@@ -185,20 +186,18 @@ std::optional<Outcome> EndWithoutUpdate(const UpdateObjects& objects, const Stat
   return declined ? std::optional(NothingNewer(pack->identity.version, *declined)) : std::nullopt;
 }
 
-}  // namespace
-
-Outcome Download(Context& context) {
+Outcome RunDownload(Context& context) {
   const UpdateObjects objects = MakeUpdateObjects();
   return RunAbout(context, objects, RecordBefore().new_version,
                   {"download", [](const UpdateObjects& made) { return made.manager->Download(); }, false});
 }
 
-Outcome Install(Context& context) {
+Outcome RunInstall(Context& context) {
   const UpdateObjects objects = MakeUpdateObjects();
   return RunAbout(context, objects, RecordBefore().new_version, {"install", &InstallWhatIsAccepted, true});
 }
 
-Outcome Update(Context& context) {
+Outcome RunUpdate(Context& context) {
   const UpdateObjects objects = MakeUpdateObjects();
   const StatusRecord record = RecordBefore();
   if (!context.options.reinstall) {
@@ -209,5 +208,21 @@ Outcome Update(Context& context) {
   return RunAbout(context, objects, record.new_version,
                   {"update", [](const UpdateObjects& made) { return made.manager->DownloadAndInstall(); }, true});
 }
+
+Outcome RunCancellable(Context& context, Outcome (*run)(Context&)) {
+  if (context.options.cancelled) {
+    return CancelledChange(context);
+  }
+  const CancelOnSignals cancel(context.console);
+  return run(context);
+}
+
+}  // namespace
+
+Outcome Download(Context& context) { return RunCancellable(context, &RunDownload); }
+
+Outcome Install(Context& context) { return RunCancellable(context, &RunInstall); }
+
+Outcome Update(Context& context) { return RunCancellable(context, &RunUpdate); }
 
 }  // namespace orbamira::packctl
