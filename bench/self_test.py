@@ -86,8 +86,10 @@ def test_interrupt(build, folder):
     expect(found.keys() == {"packctl", "pipeline", "dpkg"}, "sides")
     for side, row in found.items():
         expect(row["kills"] == 2 == row["whole"] + row["absent"] + row["part"], f"{side}: what was found")
-        expect(row["mended"] <= 2, f"{side}: more mended than killed")
-    expect(found["packctl"]["part"] == 0 and found["packctl"]["mended"] == 2, "packctl left a part, or was not mended")
+        expect(row["repaired"] <= 2, f"{side}: more repaired than killed")
+    expect(
+        found["packctl"]["part"] == 0 and found["packctl"]["repaired"] == 2, "packctl left a part, or was not repaired"
+    )
 
 
 def test_stages(build, folder):
