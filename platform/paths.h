@@ -1,9 +1,9 @@
 #pragma once
 
 // Where the updater's files lie on the appliance, and what its packs are called: the one list of folders, files and
-// names. The build reads it too, and makes services, manual pages, Debian packages, mkpack and tests from it. For another
-// appliance it defines others here, those of the file that ORBAMIRA_PATHS names; docs/porting.md tells more. Not
-// installed.
+// names. The build reads it too, and makes services, manual pages, Debian packages, mkpack and tests from it. For
+// another appliance it defines others here, those of the file that ORBAMIRA_PATHS names; docs/porting.md tells more.
+// Not installed.
 
 /// The machine's settings, the account, the keyring, and the token of packctl's page.
 #ifndef ORBAMIRA_SETTINGS_FOLDER

@@ -258,7 +258,9 @@ TEST_F(HistoryTest, AnEntryIsSyncedBeforeTheCallReturns) {
 }
 
 // How an entry tells its end, without time and command.
-std::string EndOf(const HistoryEntry& entry) { return HistoryText(entry, false).substr(LocalTime(entry.time).size() + 12); }
+std::string EndOf(const HistoryEntry& entry) {
+  return HistoryText(entry, false).substr(LocalTime(entry.time).size() + 12);
+}
 
 HistoryEntry EntryOf(const std::string& command, const std::string& result = "done", int exit = 0) {
   return {.time = 1'700'000'000,
