@@ -167,6 +167,7 @@ TEST_F(NetworkModuleTest, NetworkModuleIsLoadedByThreadsAtOnce) {
   const Library library(kLibrary);
   std::vector<NetworkReply> replies(8);
   std::vector<std::thread> threads;
+  threads.reserve(replies.size());
   for (NetworkReply& reply : replies) {
     threads.emplace_back([&] { reply = library.Ask({.url = server_.Url(), .most_bytes = 100}); });
   }
