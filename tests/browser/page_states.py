@@ -137,7 +137,7 @@ class PageStates:
             fcntl.flock(self.work.enter_context(lock.open("w")), fcntl.LOCK_EX)
         self.appliance.cache.mkdir(parents=True, exist_ok=True)
         checked = self.appliance.cache / "checked"
-        checked.touch()
+        checked.write_text(json.dumps({"version": NEW, "is_news": name not in ("current", "offline")}))
         os.utime(checked, (time.time() - 2 * 3600,) * 2)
         if record:
             self.appliance.write_status(json.dumps(record))

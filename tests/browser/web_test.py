@@ -32,6 +32,12 @@ from appliance import Appliance, Publisher  # noqa: E402
 
 WIDE, NARROW = 1000, 320
 
+# Tells the page whether it is out of sight.
+HIDE = (
+    "Object.defineProperty(document, 'hidden', {value: arguments[0], configurable: true});"
+    "document.dispatchEvent(new Event('visibilitychange'))"
+)
+
 
 def memory_folder():
     """Where saving the record takes no time, so that progress is told of often however busy the disk; None without."""
@@ -385,7 +391,7 @@ class WebTest(unittest.TestCase):
         self.start_web()
         with open_browser(width=WIDE) as browser:
             self.open_page(browser)
-            self.assertTrue(self.text(browser, "diagnosed").startswith("Looks at settings"))
+            self.assertTrue(self.text(browser, "diagnosed").startswith("Checks settings"))
             self.click(browser, "doctor")
             self.await_text(browser, "diagnosed", "Found ")
             self.assertIn("pack_update_server", self.text(browser, "findings"))
@@ -647,11 +653,7 @@ class WebTest(unittest.TestCase):
         self.start_web()
         with open_browser(width=WIDE) as browser:
             self.open_page(browser)
-            hide = (
-                "Object.defineProperty(document, 'hidden', {value: arguments[0], configurable: true});"
-                "document.dispatchEvent(new Event('visibilitychange'))"
-            )
-            browser.execute_script(hide, True)
+            browser.execute_script(HIDE, True)
             # The first change answers what it had asked before; later it is given the time to ask again.
             shown = "setTimeout(() => arguments[0](document.getElementById('headline').textContent), 600)"
             for version in ("2.0", "3.0"):
@@ -659,8 +661,19 @@ class WebTest(unittest.TestCase):
                 self.await_that(browser, lambda version=version: self.state()["offer"]["version"] == version)
                 text = browser.execute_async_script(shown)
             self.assertNotIn("3.0", text)
-            browser.execute_script(hide, False)
+            browser.execute_script(HIDE, False)
             self.await_text(browser, "headline", "version 3.0")
+
+    def test_follows_work_in_the_title_while_nobody_sees_it(self):
+        with PageStates(self.appliance) as states, open_browser(width=WIDE) as browser:
+            states.enter("downloading")
+            self.start_web()
+            self.open_page(browser)
+            self.await_that(browser, lambda: browser.title.startswith("43 % · "))
+            browser.execute_script(HIDE, True)
+            for name, title in (("installing", "Installing · "), ("failed", "Failed · ")):
+                states.enter(name)
+                self.await_that(browser, lambda title=title: browser.title.startswith(title))
 
     def test_comes_back_after_a_lost_connection(self):
         self.install("1.0")
@@ -669,7 +682,9 @@ class WebTest(unittest.TestCase):
             self.open_page(browser)
             self.stop_web()
             self.await_text(browser, "headline", f"{os.uname().nodename} cannot be reached.")
-            self.assertRegex(self.text(browser, "detail"), r"^What you see is from (now|.+ ago)\. Trying again …$")
+            self.assertRegex(
+                self.text(browser, "detail"), r"^What you see is from (now|\d+ (second|minute)s? ago)\. Trying"
+            )
             self.assertEqual(self.text(browser, "act"), "Try again")
             self.assertEqual(self.versions(browser), ["1.0"])
             self.offer("2.0")

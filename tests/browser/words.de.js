@@ -45,7 +45,7 @@ export const words = {
   unreadable: "Die Aufzeichnung der letzten Aktualisierung ist nicht lesbar.",
 
   checked: (age) => `Zuletzt geprüft ${age}.`,
-  neverChecked: "Noch keine Prüfung wurde beantwortet.",
+  neverChecked: "Noch nicht geprüft.",
   recovery: "Die Wiederherstellung holt das alte Paket zurück, wo das neue fehlt, und räumt auf.",
   stays: (pack) =>
     pack === null ? "Kein Codec-Paket ist installiert." : `Version ${pack.version} bleibt installiert.`,

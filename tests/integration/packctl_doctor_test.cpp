@@ -386,6 +386,12 @@ std::vector<Fault> Faults() {
        "permissions", fs::path(path::kTempPluginAppIdPath).parent_path().string() + ": everyone may write it"},
       {"APackThatEveryoneMayWrite", OpenToAll(path::kPackFolderPath), "permissions",
        std::string(path::kPackFolderPath) + ": everyone may write it"},
+      {"AFileOfThePageThatEveryoneMayWrite",
+       [](Appliance&) {
+         fs::permissions(fs::path(path::kDefaultPkgSetting).parent_path() / "web/words.js", fs::perms(0666));
+       },
+       "permissions",
+       (fs::path(path::kDefaultPkgSetting).parent_path() / "web/words.js").string() + ": everyone may write it"},
       {"APageThatEveryoneMayWrite", OpenToAll(fs::path(path::kDefaultPkgSetting).parent_path() / "web"), "permissions",
        (fs::path(path::kDefaultPkgSetting).parent_path() / "web").string() + ": everyone may write it"},
       {"AnAccountProgramThatEveryoneMayWrite",

@@ -164,18 +164,16 @@ TEST_F(StateReaderTest, LookTellsInterruptedWorkFromWorkUnderWay) {
 }
 
 TEST_F(StateReaderTest, LookTellsWhichPackAnUpdateIsAbout) {
-  const PackIdentity found{"orbamira-hevc", "2.0"};
-  AppendToHistory({.time = 1, .command = "check", .to = found, .result = "new_pack"});
-  AppendToHistory({.time = 2, .command = "recover", .result = "done"});
+  NoteAnsweredCheck("2.0", true);
   Status()->SetAsDownloadInstalling(512, 1024);
   EXPECT_EQ(Look()["offer"]["version"], "2.0");
   Status()->SetAsDownloadInstallFailed();
   EXPECT_EQ(Look()["offer"]["version"], "2.0");
   Status()->SetAsUpToDate();
   EXPECT_TRUE(Look()["offer"].isNull());
-  AppendToHistory({.time = 3, .command = "update", .to = found, .result = "done"});
+  NoteAnsweredCheck("2.0", false);
   Status()->SetAsDownloadInstallFailed();
-  EXPECT_TRUE(Look()["offer"].isNull()) << "that one is installed";
+  EXPECT_TRUE(Look()["offer"].isNull()) << "it was nothing new";
 }
 
 HistoryEntry Failed(const std::string& command, std::time_t time) {

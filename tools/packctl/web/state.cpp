@@ -9,7 +9,7 @@
 #include "platform/constants.h"
 #include "platform/posix/files.h"
 #include "tools/packctl/cli/command.h"
-#include "tools/packctl/record/answered_check.h"
+#include "tools/packctl/commands/status.h"
 #include "tools/packctl/record/file_watch.h"
 
 namespace orbamira::packctl {
@@ -19,7 +19,11 @@ using Problems = std::vector<std::string>;
 
 void Append(Problems& problems, const Problems& more) { problems.insert(problems.end(), more.begin(), more.end()); }
 
-void LookAtRecord(MachineState& state) try { state.record = ReadStatus(); } catch (const std::exception& error) {
+void LookAtRecord(MachineState& state) try {
+  const SeenStatus seen = LookAtStatus();
+  state.record = seen.record;
+  state.interrupted = seen.is_interrupted;
+} catch (const std::exception& error) {
   state.record_problem = error.what();
   state.problems.emplace_back(error.what());
 }
@@ -65,21 +69,17 @@ std::optional<PackIdentity> OfferedPack(const MachineState& state) {
     return PackIdentity{state.record->new_pack_name, state.record->new_version};
   }
   // The library records no version once an update has begun.
-  if (!IsUnderWay(state.record->status) && !IsFailed(state.record->status)) {
-    return std::nullopt;
-  }
-  const auto told = std::find_if(state.history.rbegin(), state.history.rend(), [](const HistoryEntry& entry) {
-    return entry.exit == kExitDone && entry.command != "recover" && entry.command != "remove";
-  });
-  const bool is_found = told != state.history.rend() && (told->command == "check" || told->command == "download");
-  return is_found ? told->to : std::nullopt;
+  const bool has_begun = IsUnderWay(state.record->status) || IsFailed(state.record->status);
+  return has_begun && state.checked && state.checked->is_news ? std::optional(PackIdentity{"", state.checked->version})
+                                                              : std::nullopt;
 }
 
 std::optional<HistoryEntry> UnmendedFailure(const MachineState& state) {
   const bool is_recorded = state.record && IsFailed(state.record->status);
   for (auto entry = state.history.rbegin(); entry != state.history.rend(); ++entry) {
     const bool is_check = entry->command == "check";
-    if (entry->exit != kExitDone && (is_recorded ? !is_check : entry->time > state.checked.value_or(0))) {
+    if (entry->exit != kExitDone &&
+        (is_recorded ? !is_check : entry->time > state.checked.value_or(AnsweredCheck()).time)) {
       return *entry;
     }
     if (!is_recorded) {
@@ -89,14 +89,10 @@ std::optional<HistoryEntry> UnmendedFailure(const MachineState& state) {
   return std::nullopt;
 }
 
-// Work that ends or begins during the look is not taken for interrupted work: the lock is looked at on both sides.
 void StateReader::LookAtWork(MachineState& state) {
-  const bool was_at_work = HolderOf(path::kPackctlLock).has_value();
   LookAtRecord(state);
-  state.at_work = HolderOf(path::kPackctlLock).has_value() || was_at_work;
-  const bool is_under_way = state.record && IsUnderWay(state.record->status);
-  state.interrupted = is_under_way && !state.at_work;
-  if (is_under_way && state.record->download_size_now > 0) {
+  state.at_work = HolderOf(path::kPackctlLock).has_value();
+  if (state.record && IsUnderWay(state.record->status) && state.record->download_size_now > 0) {
     meter_.Add(state.record->download_size_now, RateMeter::Clock::now());
     state.rate = meter_.rate();
   } else {
@@ -115,9 +111,7 @@ MachineState StateReader::Look() {
     return state_;
   }
   now.installed = ReadInstalledPack();
-  if (const std::optional<AnsweredCheck> check = ReadAnsweredCheck()) {
-    now.checked = check->time;
-  }
+  now.checked = ReadAnsweredCheck();
   LookAtCodecs(console_, now);
   LookAtHistory(now);
   console_.TakeHeld();

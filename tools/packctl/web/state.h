@@ -12,6 +12,7 @@
 #include "platform/posix/unique_fd.h"
 #include "tools/packctl/cli/console.h"
 #include "tools/packctl/host/codec_report.h"
+#include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/lock_holder.h"
@@ -26,14 +27,14 @@ struct MachineState {
   std::optional<StatusRecord> record = {};  ///< empty when it cannot be read
   std::string record_problem = {};          ///< why not
   std::optional<InstalledPack> installed = {};
-  std::optional<CodecReport> codecs = {};   ///< empty when they cannot be told
-  std::vector<HistoryEntry> history = {};   ///< the newest entries, oldest first: a year of them, bounded
-  unsigned long history_changes = 0;        ///< how often another history was found
-  std::optional<std::time_t> checked = {};  ///< when the update server last answered a check
-  std::vector<std::string> problems = {};   ///< what could not be read, a sentence each
-  std::optional<double> rate = {};          ///< of the download under way, in bytes per second
-  bool at_work = false;                     ///< a program holds the update lock
-  bool interrupted = false;                 ///< the record tells of work, and nobody is at work
+  std::optional<CodecReport> codecs = {};     ///< empty when they cannot be told
+  std::vector<HistoryEntry> history = {};     ///< the newest entries, oldest first: a year of them, bounded
+  unsigned long history_changes = 0;          ///< how often another history was found
+  std::optional<AnsweredCheck> checked = {};  ///< when the update server last answered a check
+  std::vector<std::string> problems = {};     ///< what could not be read, a sentence each
+  std::optional<double> rate = {};            ///< of the download under way, in bytes per second
+  bool at_work = false;                       ///< a program holds the update lock
+  bool interrupted = false;                   ///< the record tells of work, and nobody is at work
 
   friend bool operator==(const MachineState&, const MachineState&) = default;
 };

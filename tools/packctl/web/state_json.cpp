@@ -111,7 +111,7 @@ Json::Value StateJson(const MachineState& state) {
   json["offer"] = OfferJson(OfferedPack(state));
   json["installed"] = InstalledJson(state);
   json["requested"] = state.codecs ? RequestedJson(*state.codecs) : Json::Value();
-  json["checked"] = state.checked ? Json::Value(Json::Int64{*state.checked}) : Json::Value();
+  json["checked"] = state.checked ? Json::Value(Json::Int64{state.checked->time}) : Json::Value();
   const std::optional<HistoryEntry> failure = UnmendedFailure(state);
   json["failure"] = failure ? failure->ToJson() : Json::Value();
   json["problems"] = ListOf(state.problems);

@@ -13,6 +13,8 @@ const kLongestWait = 60000;
 const kPatience = 60000;
 // A download is told of more often than anybody can read.
 const kBetweenLooks = 200;
+// How often a page that nobody sees looks at work under way, for the tab's title.
+const kBetweenHiddenLooks = 5000;
 // How often "5 minutes ago" is brought up to date.
 const kBetweenAges = 15000;
 
@@ -21,7 +23,11 @@ const page = { state: null, reached: 0, isLost: false, token: sessionStorage.get
 let historyTag = null;
 let wakeUp = () => {};
 
-const pause = (milliseconds) => new Promise((resolve) => setTimeout(resolve, milliseconds));
+const pauseUnlessWoken = (milliseconds) =>
+  new Promise((resolve) => {
+    wakeUp = resolve;
+    setTimeout(resolve, milliseconds);
+  });
 
 function say(text) {
   setText(byId("outcome"), text);
@@ -106,7 +112,8 @@ async function fetchJson(address) {
 }
 
 async function look() {
-  page.state = await fetchJson(page.state === null ? "api/state" : `api/state?after=${page.state.tag}`);
+  const waits = page.state !== null && !document.hidden;
+  page.state = await fetchJson(waits ? `api/state?after=${page.state.tag}` : "api/state");
   page.reached = Date.now() / 1000;
   page.isLost = false;
   show();
@@ -125,8 +132,10 @@ function lose(error) {
   show();
 }
 
-async function untilVisible() {
-  while (document.hidden) {
+// A browser opens few connections to one server: a page that nobody sees takes none from another, but for the title of
+// its tab while work is under way.
+async function untilWanted() {
+  while (document.hidden && !page.state?.under_way) {
     await new Promise((resolve) => {
       document.addEventListener("visibilitychange", resolve, { once: true });
     });
@@ -136,20 +145,14 @@ async function untilVisible() {
 async function follow() {
   let wait = kFirstWait;
   for (;;) {
-    // A browser opens few connections to one server: a page that nobody sees takes none from another.
-    await untilVisible();
+    await untilWanted();
     try {
       await look();
       wait = kFirstWait;
-      await pause(kBetweenLooks);
+      await pauseUnlessWoken(document.hidden ? kBetweenHiddenLooks : kBetweenLooks);
     } catch (error) {
       lose(error);
-      await Promise.race([
-        pause(wait),
-        new Promise((resolve) => {
-          wakeUp = resolve;
-        }),
-      ]);
+      await pauseUnlessWoken(wait);
       wait = Math.min(2 * wait, kLongestWait);
     }
   }
@@ -185,8 +188,9 @@ async function act(name) {
     wakeUp();
     return;
   }
-  if (page.state.why_not[name]) {
-    say(words.refused(page.state.why_not[name]));
+  const whyNot = page.state.why_not[name];
+  if (whyNot) {
+    say(page.state.at_work ? words.ends.busy : words.refused(whyNot));
     return;
   }
   try {

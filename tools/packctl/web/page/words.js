@@ -46,7 +46,7 @@ export const words = {
 
   // And what goes with it.
   checked: (age) => `Last check ${age}.`,
-  neverChecked: "No check was answered yet.",
+  neverChecked: "Not checked yet.",
   recovery: "Recovery brings the old pack back where the new one is not in place, and tidies up.",
   stays: (pack) => (pack === null ? "No codec pack is installed." : `Version ${pack.version} stays installed.`),
   until: (pack) => `Version ${pack.version} stays in use until the new one is in place.`,
@@ -155,7 +155,7 @@ export const words = {
   legend: { days: "Last 90 days:", none: "nothing", done: "done", failed: "failed" },
 
   // The diagnosis.
-  notDiagnosed: "Looks at settings, rights, keyring, plugins, the update server and free space. It changes nothing.",
+  notDiagnosed: "Checks settings, permissions, keyring, plugins, update server and free space. Changes nothing.",
   well: (age) => `No fault was found ${age}.`,
   found: (age) => `Found ${age}:`,
   problems: "What could not be read",
@@ -168,8 +168,8 @@ export const words = {
     no_space: { cause: "The disk is full.", remedy: "Make room, then try again." },
     not_signed: { cause: "The package is not signed.", remedy: "Its publisher has to sign it." },
     bad_signature: {
-      cause: "The package's signature does not hold.",
-      remedy: "Check the clock; then its publisher has to repair it.",
+      cause: "The package's signature is not valid.",
+      remedy: "Check the clock. If it is right, the publisher has to repair the package.",
     },
     keyring_unusable: {
       cause: "The appliance's keyring cannot be used, so no package is accepted.",
