@@ -749,11 +749,11 @@ TEST_F(PackctlTest, UpdateInstallsNothingThatIsNotNewerUnlessAsked) {
   fs::remove(path::kPackStatusFile);
   EXPECT_EQ(Run({"update"}).status, 2) << "a lost record, too";
 
-  EXPECT_THAT(Run({"update", "--reinstall"}).output, HasSubstr("\nInstalled 1.0.0 again in "));
+  EXPECT_THAT(Run({"update", "--reinstall"}).output, HasSubstr("Installed 1.0.0 again in "));
   EXPECT_NE(PlaceOfPack(), place);
   appliance_.Publish("1.1.0", "two");
   EXPECT_THAT(Run({"update"}).output,
-              testing::ContainsRegex("\nInstalled 1\\.1\\.0 \\(was 1\\.0\\.0\\) in (under 1|[0-9]+) s\\.\n$"));
+              testing::ContainsRegex("Installed 1\\.1\\.0 \\(was 1\\.0\\.0\\) in (under 1|[0-9]+) s\\.\n$"));
   WriteFile(path::kCodecRequirementsPath, R"({"aac": ["player"]})");
   appliance_.Publish("1.1.0", "both", kHevcAacPack);
   EXPECT_EQ(Run({"update"}).status, 0) << "the same version with what an application asks for";
