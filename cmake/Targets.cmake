@@ -13,6 +13,9 @@ cmake_path(ABSOLUTE_PATH ORBAMIRA_HELPERS_DESTINATION BASE_DIRECTORY ${CMAKE_INS
 file(RELATIVE_PATH libraries_from_helpers ${ORBAMIRA_INSTALLED_HELPERS_FOLDER} ${CMAKE_INSTALL_FULL_LIBDIR})
 set(ORBAMIRA_HELPERS_RPATH "$ORIGIN/${libraries_from_helpers}:$ORIGIN/${libraries_from_helpers}/orbamira/lib")
 
+# In the build folder they find the libraries relative to themselves too, so that no byte depends on where it is.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+
 # What everything of this project is compiled and linked with.
 add_library(orbamira_options INTERFACE)
 target_compile_features(orbamira_options INTERFACE cxx_std_20)
