@@ -276,6 +276,8 @@ class WebTest(unittest.TestCase):
     def test_is_used_by_keyboard_alone(self):
         self.install("1.0")
         self.appliance.use_server(self.addresses["2.0"])
+        requirements = self.appliance.state_folder / "codec-requirements.json"
+        requirements.write_text('{"hevc": ["Videos"]}')
         self.start_web()
         with open_browser(width=WIDE) as browser:
             self.open_page(browser, self.web.address)
@@ -293,7 +295,9 @@ class WebTest(unittest.TestCase):
             self.await_that(browser, lambda: self.versions(browser) == ["2.0"])
             self.await_text(browser, "act", "Check")
             self.use_menu(browser, "Remove")
-            self.assertEqual(self.text(browser, "question"), "Remove version 2.0? No application asks for it.")
+            self.assertEqual(
+                self.text(browser, "question"), "Remove version 2.0? These applications need its codecs: Videos."
+            )
             self.press(browser, Keys.ESCAPE)
             self.assertFalse(browser.find_element(By.ID, "confirm").is_displayed())
             self.assertEqual(self.versions(browser), ["2.0"])
@@ -394,7 +398,7 @@ class WebTest(unittest.TestCase):
             self.assertTrue(self.text(browser, "diagnosed").startswith("Checks settings"))
             self.click(browser, "doctor")
             self.await_text(browser, "diagnosed", "Found ")
-            self.assertIn("pack_update_server", self.text(browser, "findings"))
+            self.assertIn("Correct pack_update_server.", self.text(browser, "findings"))
             self.check_quiet(browser)
 
     def test_folds_what_repeats_in_the_history(self):

@@ -69,6 +69,8 @@ function showActions() {
   byId("doctor").setAttribute("aria-disabled", String(Boolean(state.why_not.doctor)));
 }
 
+const sentence = (clause) => clause.charAt(0).toUpperCase() + clause.slice(1);
+
 function showDiagnosis() {
   const { diagnosis, action, problems } = page.state;
   byId("problems").hidden = problems.length === 0;
@@ -82,7 +84,13 @@ function showDiagnosis() {
   );
   fill(byId("findings"), findings, () =>
     findings.map(({ check, problem, remedy }) =>
-      make("li", {}, make("b", {}, check), make("p", {}, problem), make("p", { class: "remedy" }, remedy)),
+      make(
+        "li",
+        {},
+        make("b", {}, sentence(check)),
+        make("p", {}, `${sentence(problem)}.`),
+        make("p", { class: "remedy" }, `${sentence(remedy)}.`),
+      ),
     ),
   );
 }
@@ -215,8 +223,10 @@ function actFromMenu(name) {
   } else if (question === undefined) {
     act(name);
   } else {
-    const applications = page.state.requested?.flatMap((entry) => entry.applications) ?? [];
-    setText(byId("question"), question(page.state.installed, [...new Set(applications)]));
+    const { installed, requested } = page.state;
+    const inUse = requested?.filter(({ codec }) => installed.codecs?.includes(codec)) ?? [];
+    const applications = new Set(inUse.flatMap((entry) => entry.applications));
+    setText(byId("question"), question(installed, [...applications]));
     setText(byId("yes"), words.acts[name]);
     byId("yes").dataset.action = name;
     byId("confirm").showModal();

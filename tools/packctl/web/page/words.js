@@ -11,7 +11,7 @@ export const words = {
   loading: "Asking the appliance …",
   codecs: "Codecs",
   stages: "Steps of the update",
-  said: "What was said",
+  said: "What was logged",
   more: "More",
   token: "Page token",
   tokenHelp: "“packctl web” prints it when it starts. This window keeps it until you close it.",
@@ -95,7 +95,9 @@ export const words = {
   confirm: {
     remove: (pack, applications) =>
       `Remove version ${pack.version}? ${
-        applications.length > 0 ? `${applications.join(", ")} can play less without it.` : "No application asks for it."
+        applications.length > 0
+          ? `These applications need its codecs: ${applications.join(", ")}.`
+          : "No application needs its codecs."
       }`,
     reinstall: (pack) => `Download and install version ${pack.version} once more?`,
   },
