@@ -347,7 +347,7 @@ class MkpackPackageTest(MkpackTest):
     def test_full_disk_fails_and_leaves_nothing_behind(self):
         (self.payload / "big").write_bytes(os.urandom(1 << 20))
         self.assert_fails(
-            f"mkpack: {self.output}: {os.strerror(errno.EFBIG)}. Mend that, and run mkpack again.\n",
+            f"mkpack: {self.output}: {os.strerror(errno.EFBIG)}. Fix that, and run mkpack again.\n",
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 19, 1 << 19)),
         )
 
@@ -543,7 +543,7 @@ class MkpackSigningTest(MkpackTest):
 
     def test_missing_openssl_is_an_error(self):
         self.assert_fails(
-            f"mkpack: openssl: {os.strerror(errno.ENOENT)}. Put it there, or correct the path.\n",
+            "mkpack: the program openssl, which signs packages, is not installed. Install it.\n",
             sign_key=self.key,
             sign_cert=self.certificate,
             environment={"PATH": str(self.top)},
@@ -754,6 +754,13 @@ class MkpackUsageTest(MkpackTest):
         self.assert_usage('there is no option "--sign". Did you mean "--sign-key"?', sign="x")
         self.assert_usage('there is no option "--rep". Did you mean "--reply"?', rep="x")
         self.assert_usage('there is no option "--xylophone"', xylophone="x")
+
+    def test_misspelt_option_is_no_missing_one(self):
+        self.assert_usage('there is no option "--paylod". Did you mean "--payload"?', payload=None, paylod="x")
+        self.assert_usage('there is no option "--titel". Did you mean "--title"?', **{"title": None, "titel=x": True})
+
+    def test_title_may_begin_like_an_option(self):
+        self.make(title="--a new decoder")
 
     def test_wrong_command_is_answered_with_the_nearest(self):
         for words_given, message in (

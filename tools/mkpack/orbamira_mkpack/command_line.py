@@ -3,6 +3,7 @@
 import argparse
 import difflib
 import errno
+import re
 import signal
 import sys
 
@@ -29,10 +30,12 @@ class ArgumentParser(argparse.ArgumentParser):
         super().__init__(formatter_class=argparse.RawDescriptionHelpFormatter, allow_abbrev=False, **arguments)
 
     def parse_args(self, arguments):
+        # First, since a misspelt option is also a missing one.
+        known = [name for action in self._actions for name in action.option_strings]
+        for name in (argument.partition("=")[0] for argument in arguments):
+            if re.fullmatch("--[a-z-]+", name) and name not in known:
+                self.error(f'there is no option "{name}"' + did_you_mean(name, known))
         options, unknown = self.parse_known_args(arguments)
-        if unknown and unknown[0].startswith("-"):
-            known = [name for action in self._actions for name in action.option_strings]
-            self.error(f'there is no option "{unknown[0]}"' + did_you_mean(unknown[0], known))
         if unknown:
             self.error(f'"{unknown[0]}" was not expected')
         return options
@@ -51,7 +54,7 @@ def did_you_mean(word, known):
 def system_words(error, path):
     """An OSError in a sentence, with a remedy. It is about `path` where it names none itself."""
     return (
-        f"{error.filename or path}: {error.strerror}. {_REMEDIES.get(error.errno, 'Mend that, and run mkpack again')}."
+        f"{error.filename or path}: {error.strerror}. {_REMEDIES.get(error.errno, 'Fix that, and run mkpack again')}."
     )
 
 

@@ -197,9 +197,12 @@ def sign(path, key, certificate):
         with open(others, "wb") as file:
             file.write(b"\n".join(certificates[1:]) + b"\n")
         command += ["-certfile", others]
-    result = subprocess.run(
-        command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False
-    )
+    try:
+        result = subprocess.run(
+            command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False
+        )
+    except FileNotFoundError:
+        raise MkpackError("the program openssl, which signs packages, is not installed", "Install it") from None
     if result.returncode != 0:
         reason = "; ".join(result.stderr.decode("utf-8", "replace").split("\n")).strip("; ")
         raise MkpackError(
