@@ -279,6 +279,17 @@ TEST_F(PackctlDoctorTest, FindsAFolderThatCannotBeWritten) {
               HasSubstr("permissions: " + folder.string() + " cannot be written: " + test::ErrorText(EACCES) + ".\n"));
 }
 
+TEST_F(PackctlDoctorTest, SaysFirstOfAllThatItWantsRoot) {
+  fs::permissions(test::Root(), fs::perms(0755));
+  test::ProcessOptions options;
+  options.before_exec = test::BecomeOrdinaryUser;
+  const std::string said = test::RunProgram(Appliance::PackctlCommand({"doctor"}), options).out;
+  const std::string first =
+      "rights: you are not root, so this cannot look at everything.\n    run \"sudo packctl doctor\".\n";
+  const bool is_of_another = geteuid() == 0;  // an appliance of the user's own is all his
+  EXPECT_EQ(said.starts_with(first), is_of_another) << said;
+}
+
 // The download folder is its owner's alone.
 TEST_F(PackctlDoctorTest, SaysNothingOfADownloadThatTheUserMayNotSee) {
   updater::PackStatusHelper::Create()->SetAsNeedInstall("2.0", kHevcPack);
@@ -461,14 +472,14 @@ std::vector<Fault> Faults() {
        "plugins", "a: stopped: it took longer than 0.2 s"},
 
       {"AStoreThatIsDamaged", [](Appliance&) { WriteFile(path::kPackStatusFile, "{\"status\": \"lo"); }, "state",
-       std::string(path::kPackStatusFile) + " is damaged"},
+       std::string("the recorded status cannot be read: ") + path::kPackStatusFile + " is damaged"},
       {"AStoreThatIsAFolder", [](Appliance&) { PutFolderAt(path::kPackStatusFile); }, "state",
-       std::string(path::kPackStatusFile) + " cannot be read: it is no file"},
+       std::string("the recorded status cannot be read: ") + path::kPackStatusFile + " is damaged"},
       {"AStatusThatIsNone",
        [](Appliance&) {
          store::FileKeyValueStore::Create(path::kPackStatusFile)->Set(webapi::param::kStatus, "dancing");
        },
-       "state", "the recorded status cannot be read: dancing"},
+       "state", std::string("the recorded status cannot be read: ") + path::kPackStatusFile + " is damaged"},
       {"AnInterruptedUpdate", [](Appliance&) { updater::PackStatusHelper::Create()->SetAsDownloadInstalling(1, 2); },
        "state", "the recorded status is downloading_installing, but no packctl is at work"},
       {"AMissingPackage", [](Appliance&) { updater::PackStatusHelper::Create()->SetAsNeedInstall("2.0", "pack"); },

@@ -6,6 +6,7 @@
 #include <pty.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -23,6 +24,7 @@
 #include "tests/support/await.h"
 #include "tests/support/error_text.h"
 #include "tests/support/process.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 #include "updater/pack_status_helper.h"
 
@@ -534,6 +536,81 @@ TEST_F(PackctlTest, RemoveEndsWith2WithoutAPack) {
   EXPECT_EQ(removed["status"], "up_to_date");
   EXPECT_FALSE(fs::exists(path::kPackFolderPath));
   EXPECT_EQ(Run({"remove"}).status, 2);
+}
+
+TEST_F(PackctlTest, RemoveAsksWhenAnApplicationNeedsACodec) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  WriteFile(path::kCodecRequirementsPath, R"({"hevc": ["com.example.player", "com.example.tv"], "aac": ["x"]})");
+  const ProgramResult refused = Run({"remove"});
+  EXPECT_EQ(refused.status, 3);
+  EXPECT_EQ(refused.errors,
+            "packctl: HEVC is needed by com.example.player, com.example.tv. 1.0 stays installed. Run: sudo packctl "
+            "remove --yes\n");
+  EXPECT_EQ(RunJson({"remove"}, 3)["error"]["code"], "not_confirmed");
+  EXPECT_EQ(Appliance::InstalledPayload(), "one");
+  WriteFile(path::kCodecRequirementsPath, "{");
+  EXPECT_EQ(Run({"remove"}).status, 3) << "nobody knows";
+  EXPECT_EQ(Run({"remove", "--yes"}).output, "Removed 1.0. No codec pack is installed.\n");
+  EXPECT_EQ(Run({"remove", "--yes"}).status, 2);
+}
+
+/// Runs the command on a terminal where somebody types `answer`; all that was shown, and the exit status.
+std::pair<std::string, int> RunOnTerminal(std::vector<std::string> command, const std::string& answer) {
+  int master = -1;
+  const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+  if (pid == 0) {
+    std::vector<char*> arguments;
+    for (std::string& word : command) {
+      arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
+    execv(arguments.front(), arguments.data());
+    _exit(98);
+  }
+  EXPECT_EQ(write(master, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
+  std::string screen;
+  std::array<char, 4096> buffer{};
+  for (ssize_t length = 0; (length = read(master, buffer.data(), buffer.size())) > 0;) {
+    screen.append(buffer.data(), static_cast<std::size_t>(length));
+  }
+  close(master);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return {screen, WEXITSTATUS(status)};
+}
+
+TEST_F(PackctlTest, RemoveTakesTheAnswerOfATerminal) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  WriteFile(path::kCodecRequirementsPath, R"({"hevc": ["player"]})");
+  const std::vector<std::string> command = Appliance::PackctlCommand({"remove", "--color", "never"});
+  const auto [kept, cancelled] = RunOnTerminal(command, "n\n");
+  EXPECT_EQ(cancelled, 130);
+  EXPECT_THAT(kept, AllOf(HasSubstr("HEVC is needed by player. Remove 1.0? [y/N] "),
+                          HasSubstr("packctl: Cancelled. 1.0 stays installed.")));
+  EXPECT_EQ(Appliance::InstalledPayload(), "one");
+  const auto [removed, done] = RunOnTerminal(command, "y\n");
+  EXPECT_EQ(done, 0);
+  EXPECT_THAT(removed, HasSubstr("Removed 1.0."));
+}
+
+TEST_F(PackctlTest, AUserWhoIsNotRootLearnsThatRootIsNeeded) {
+  appliance_.Publish("1.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  const fs::path locks = fs::path(path::kPackStatusLock).parent_path();
+  fs::permissions(test::Root(), fs::perms(0755));
+  fs::permissions(locks, fs::perms(0));
+  test::ProcessOptions options;
+  options.before_exec = [] { test::BecomeOrdinaryUser(); };
+  const auto errors = [&](const char* command) {
+    return test::RunProgram(Appliance::PackctlCommand({command}), options).err;
+  };
+  EXPECT_EQ(errors("status"),
+            "packctl: Reading the status needs root or the group orbamira. Try: sudo packctl status\n");
+  EXPECT_THAT(errors("update"), StartsWith("packctl: Updating needs root. "));
+  EXPECT_THAT(errors("update"), EndsWith("Try: sudo packctl update\n"));
+  fs::permissions(locks, fs::perms(0755));
 }
 
 TEST_F(PackctlTest, RemoveIsNotPermittedWhileWorkIsUnderWay) {

@@ -24,6 +24,7 @@
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 #include "tests/support/written_folders.h"
+#include "tools/packctl/view/failure_words.h"
 
 namespace orbamira::test {
 namespace {
@@ -197,6 +198,10 @@ class OrbaArchiveTest : public testing::Test {
     EXPECT_THAT(result.err, HasSubstr(reason));
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     EXPECT_EQ(Snapshot(folder_.path(), out_), before);
+    const std::string line = result.err.substr(0, result.err.find('\n'));
+    EXPECT_THAT(packctl::ExplainFailure("update", {.programs = {line}}).code,
+                testing::AnyOf("bad_package", "bad_signature", "no_space", "keyring_unusable"))
+        << "a reason that packctl knows";
   }
   void ExpectPayloadRefused(const Tar& tar, const std::string& reason,
                             const std::vector<std::string>& more = {}) const {

@@ -81,6 +81,7 @@ struct Options {
   int wait = 0;            ///< seconds to wait for another program at work to end
   bool watch = false;      ///< status: go on until interrupted
   bool cancelled = false;  ///< a flow: this process took the place of one that was cancelled
+  bool yes = false;        ///< remove: do not ask
   bool reinstall = false;  ///< update: also what is installed already
   std::size_t limit = 50;  ///< history: only so many entries
   bool no_pager = false;   ///< history: print them, on a terminal too

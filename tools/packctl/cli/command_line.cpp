@@ -324,6 +324,10 @@ void AddFlowOptions(CLI::App& parser, Options& options) {
   parser.add_flag("--cancelled", options.cancelled)->group("");  // for packctl alone: it is in no help
 }
 
+void AddRemoveOptions(CLI::App& parser, Options& options) {
+  parser.add_flag("-y,--yes", options.yes, "Remove the pack without asking, even if an application needs it");
+}
+
 void AddUpdateOptions(CLI::App& parser, Options& options) {
   AddFlowOptions(parser, options);
   parser.add_flag("--reinstall", options.reinstall, "Install the pack on offer even if it is not newer");

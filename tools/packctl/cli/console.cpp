@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <iterator>
@@ -142,6 +143,15 @@ bool Console::HasColors(int fd) const {
 }
 
 bool Console::IsTerminal() const { return isatty(output_) == 1; }
+
+bool Console::CanAsk() const { return IsTerminal() && isatty(STDIN_FILENO) == 1; }
+
+bool Console::Confirm(std::string_view question) const {
+  Print(std::string(question) + " [y/N] ");
+  std::array<char, 256> line{};  // a terminal gives a line at a time
+  const ssize_t length = read(STDIN_FILENO, line.data(), line.size());
+  return length > 0 && (line.front() == 'y' || line.front() == 'Y');
+}
 
 int Console::Columns() const {
   winsize size{};

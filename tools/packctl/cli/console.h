@@ -48,6 +48,12 @@ class Console {
 
   [[nodiscard]] bool IsTerminal() const;
 
+  /// Whether there is somebody to ask: the standard input and output are a terminal.
+  [[nodiscard]] bool CanAsk() const;
+
+  /// Prints the question and waits for a line. Whether that begins with "y" or "Y".
+  [[nodiscard]] bool Confirm(std::string_view question) const;
+
   /// Where Print() writes, to wait for: it reports an error once nobody reads any more.
   [[nodiscard]] int output() const { return output_; }
 

@@ -47,6 +47,15 @@ Outcome Attempt(const Command& command, Context& context) try {
   return {.exit = kExitFailed, .result = kFailed, .problems = {error.what()}};
 }
 
+// To somebody who is not root, a file that is refused says that root is needed, whatever file it is.
+Failure Explained(const std::string& command, const Said& said) {
+  Failure failure = ExplainFailure(command, said);
+  if (geteuid() != 0 && failure.code == CodeOf(FailureReason::kPermissionDenied)) {
+    return NeedsRoot(command).value_or(std::move(failure));
+  }
+  return failure;
+}
+
 // A failure is told in one sentence; what was said on the way is for who asks.
 Outcome RunQuery(const Command& command, Context& context) {
   Outcome outcome = Attempt(command, context);
@@ -60,7 +69,7 @@ Outcome RunQuery(const Command& command, Context& context) {
     outcome.problems = std::move(problems);
     return outcome;
   }
-  outcome.failure = ExplainFailure(command.name, {held.other, held.log, outcome.problems});
+  outcome.failure = Explained(command.name, {held.other, held.log, outcome.problems});
   outcome.problems = context.options.verbose ? std::move(problems) : std::vector<std::string>();
   outcome.problems.push_back(FailureSentence(*outcome.failure));
   return outcome;
@@ -108,7 +117,7 @@ Outcome RunChange(const Command& command, Context& context) {
   std::vector<std::string> errors = failed ? held.log : std::vector<std::string>();
   Append(errors, outcome.problems);
   if (failed) {
-    outcome.failure = ExplainFailure(command.name, {held.other, held.log, outcome.problems});
+    outcome.failure = Explained(command.name, {held.other, held.log, outcome.problems});
   }
   if (change.happened || failed) {
     const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
@@ -161,7 +170,7 @@ Outcome Run(const Command& command, Context& context) try {
   const std::string remedy = std::string("Run: sudo packctl ") + command.name + " --wait 600";
   return Refused(kExitBusy, "busy", MakeFailure(FailureReason::kBusy, busy.what(), remedy));
 } catch (const std::exception& error) {
-  return Refused(kExitFailed, kFailed, ExplainFailure(command.name, {.problems = {error.what()}}));
+  return Refused(kExitFailed, kFailed, Explained(command.name, {.problems = {error.what()}}));
 }
 
 Json::Value AnswerJson(const Command& command, const Outcome& outcome) {

@@ -29,11 +29,13 @@ constexpr std::array kCommands = {
         "comes back.\n"
         "Exit status 2: already up to date.",
         Update, AddUpdateOptions},
-    Command{"remove", Effect::kChange, "Remove the installed pack",
-            "Plugins are not told, and the recorded status does not change. Not permitted while the status says that\n"
-            "work is in progress.\n"
-            "Exit status 2: no pack is installed.",
-            Remove},
+    Command{
+        "remove", Effect::kChange, "Remove the installed pack",
+        "Asks first if an application needs a codec of the pack; without a terminal to ask on, it is refused then.\n"
+        "Plugins are not told, and the recorded status does not change. Not permitted while the status says that\n"
+        "work is in progress.\n"
+        "Exit status 2: no pack is installed.",
+        Remove, AddRemoveOptions},
     Command{
         "status", Effect::kNone, "Show how things are and what to do",
         "Shows the installed pack, what is available, the last check and what to do, and with --verbose also what is\n"

@@ -1,10 +1,14 @@
+#include <algorithm>
+#include <cctype>
 #include <string>
+#include <vector>
 
 #include "platform/constants.h"
 #include "platform/json/json_values.h"
 #include "platform/printable.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
+#include "tools/packctl/host/codec_report.h"
 #include "tools/packctl/host/update_objects.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
@@ -12,6 +16,55 @@
 #include "updater/recovery.h"
 
 namespace orbamira::packctl {
+namespace {
+
+std::string Joined(const std::vector<std::string>& names) {
+  std::string joined;
+  for (const std::string& name : names) {
+    joined += (joined.empty() ? "" : ", ") + name;
+  }
+  return joined;
+}
+
+// A codec's name in a sentence.
+std::string Uppercase(std::string codec) {
+  std::ranges::transform(codec, codec.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+  return codec;
+}
+
+// "HEVC is needed by com.example.player"; empty when nobody needs what the pack has.
+std::string NeedsOfApplications(Console& console) {
+  const CodecReport codecs = ReadCodecs(console);
+  if (!codecs.problems.empty()) {
+    return "it is not known which codecs applications need";
+  }
+  std::string needs;
+  for (const std::string& codec : codecs.requested) {
+    if (std::ranges::find(codecs.installed, codec) == codecs.installed.end()) {
+      continue;
+    }
+    const auto names = codecs.applications.find(codec);
+    const bool is_known = names != codecs.applications.end() && !names->second.empty();
+    needs += (needs.empty() ? "" : ", ") + Uppercase(codec) + " is needed by " +
+             (is_known ? Printable(Joined(names->second)) : "an application");
+  }
+  return needs;
+}
+
+Outcome NotConfirmed(const std::string& needs) {
+  Outcome outcome = EndOfChange(kExitNotPermitted, "not_confirmed");
+  outcome.failure = MakeFailure(FailureReason::kNotConfirmed, needs, "Run: sudo packctl remove --yes");
+  return outcome;
+}
+
+Outcome Declined() {
+  Outcome outcome = EndOfChange(kExitCancelled, "cancelled");
+  outcome.failure = MakeFailure(FailureReason::kCancelled, "cancelled", "");
+  return outcome;
+}
+
+}  // namespace
+
 Outcome Remove(Context& context) {
   constexpr const char* kNoun = "removal";
   if (const updater::PackStatus status = ReadStatus().status; IsUnderWay(status)) {
@@ -24,6 +77,14 @@ Outcome Remove(Context& context) {
   }
   const std::optional<InstalledPack> pack = ReadInstalledPack();
   const std::string version = pack ? pack->identity.version : "what was left of a pack";
+  if (const std::string needs = context.options.yes ? "" : NeedsOfApplications(context.console); !needs.empty()) {
+    if (context.options.json || !context.console.CanAsk()) {
+      return NotConfirmed(needs);
+    }
+    if (!context.console.Confirm(Capitalized(needs) + ". Remove " + Printable(version) + "?")) {
+      return Declined();
+    }
+  }
   if (!MakeUpdateObjects().manager->RemovePack()) {
     return RecoveredChange(context, kNoun);
   }

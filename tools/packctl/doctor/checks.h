@@ -21,6 +21,9 @@ struct Finding {
 
 using Findings = std::vector<Finding>;
 
+/// Whether the user may look at all of it.
+Findings CheckRights();
+
 /// The settings files and what the update server is told about the machine.
 Findings CheckSettings();
 

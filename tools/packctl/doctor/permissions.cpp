@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <map>
+#include <optional>
 #include <string>
 #include <system_error>
 
@@ -124,7 +125,25 @@ void CheckWritable(fs::path folder, Findings& findings) {
   }
 }
 
+// Who owns the folder of the packs, or the one above it that is there.
+std::optional<uid_t> OwnerOfPacks() {
+  struct stat about {};
+  for (fs::path folder = kTargetFolder; folder.has_relative_path(); folder = folder.parent_path()) {
+    if (stat(folder.c_str(), &about) == 0) {
+      return about.st_uid;
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace
+
+Findings CheckRights() {
+  if (geteuid() == 0 || OwnerOfPacks() == geteuid()) {
+    return {};
+  }
+  return {{"rights", "you are not root, so this cannot look at everything", "run \"sudo packctl doctor\""}};
+}
 
 Findings CheckPermissions() {
   Findings findings;

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <ctime>
 #include <exception>
-#include <optional>
+#include <stdexcept>
 #include <system_error>
 
 #include "platform/constants.h"
@@ -54,14 +54,7 @@ bool PackageIsMissing() {
   return type != fs::file_type::regular && error != std::errc::permission_denied;
 }
 
-void CheckRecordedStatus(const std::string& text, Findings& findings) {
-  updater::PackStatus status{};
-  try {
-    status = updater::PackStatusFromText(text);
-  } catch (const std::exception&) {
-    findings.push_back({kState, "the recorded status cannot be read: " + text, "run \"packctl recover\""});
-    return;
-  }
+void CheckRecordedStatus(updater::PackStatus status, Findings& findings) {
   if (IsUnderWay(status)) {
     findings.push_back({kState,
                         std::string("the recorded status is ") + StatusText(status) + ", but no packctl is at work",
@@ -72,18 +65,17 @@ void CheckRecordedStatus(const std::string& text, Findings& findings) {
   }
 }
 
+// Under its lock, because the record is written in place. A lock that somebody keeps is a finding of its own.
 void CheckStatusStore(Findings& findings) {
   const std::string file = path::kPackStatusFile;
-  const FileText read = ReadText(file);
-  if (!read.problem.empty()) {
-    findings.push_back({kState, file + " cannot be read: " + read.problem, kRecover});
-  } else if (read.text) {
-    const std::optional<Json::Value> store = ParseJsonObject(*read.text);
-    if (!store) {
-      findings.push_back({kState, file + " is damaged", kRecover});
-    } else if (store->isMember(webapi::param::kStatus)) {
-      CheckRecordedStatus((*store)[webapi::param::kStatus].asString(), findings);
+  try {
+    if (BecomesFree(path::kPackStatusLock)) {
+      CheckRecordedStatus(updater::ReadStatusRecord().status, findings);
     }
+  } catch (const std::domain_error& error) {
+    findings.push_back({kState, std::string(error.what()) + ": " + file + " is damaged", kRecover});
+  } catch (const std::system_error& error) {
+    findings.push_back({kState, file + " cannot be read: " + error.code().message(), kRecover});
   }
   if (const std::string broken = file + ".broken"; fs::exists(fs::symlink_status(broken))) {
     findings.push_back({kState, "a damaged status store was set aside as " + broken,

@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "platform/constants.h"
+#include "platform/paths.h"
 #include "tools/packctl/view/connection_words.h"
 #include "tools/packctl/view/result_words.h"
 #include "updater/update_request.h"
@@ -191,6 +192,28 @@ Failure ExplainFailure(const std::string& command, const Said& said) {
     failure.remedy = kRecover;
   }
   return failure;
+}
+
+std::optional<Failure> NeedsRoot(const std::string& command) {
+  struct Activity {
+    const char* command;
+    const char* words;
+  };
+  constexpr std::array kActivities = {
+      Activity{"status", "reading the status"}, Activity{"codecs", "reading the codecs"},
+      Activity{"check", "checking for a pack"}, Activity{"download", "downloading a pack"},
+      Activity{"install", "installing a pack"}, Activity{"update", "updating"},
+      Activity{"remove", "removing the pack"},  Activity{"recover", "recovering"},
+      Activity{"plugins", "asking plugins"}};
+  const auto* const activity =
+      std::ranges::find_if(kActivities, [&](const Activity& known) { return known.command == command; });
+  if (activity == kActivities.end()) {
+    return std::nullopt;
+  }
+  const bool is_query = command == "status" || command == "codecs";
+  return MakeFailure(FailureReason::kPermissionDenied,
+                     std::string(activity->words) + " needs root" + (is_query ? " or the group " ORBAMIRA_GROUP : ""),
+                     "Try: sudo packctl " + command);
 }
 
 std::string FailureSentence(const Work& work, const Failure& failure,

@@ -19,6 +19,10 @@ struct Said {
 /// Picks out of it why the command failed. The library's lines are part of its contract, so they can be relied on.
 Failure ExplainFailure(const std::string& command, const Said& said);
 
+/// The failure of a command that was refused a file because the user is not root; empty for a command that any user may
+/// run.
+std::optional<Failure> NeedsRoot(const std::string& command);
+
 /// What a command worked on.
 struct Work {
   std::string command = {};

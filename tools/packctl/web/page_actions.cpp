@@ -50,7 +50,7 @@ std::span<const PageAction> PageActions() {
       PageAction{"install", {"install"}, IfPermitted("install", &Rules::CanDoInstall)},
       PageAction{"update", {"update"}, IfPermitted("update", &Rules::CanDoDownloadInstall)},
       PageAction{"reinstall", {"update", "--reinstall"}, IfPermitted("update", &Rules::CanDoDownloadInstall)},
-      PageAction{"remove", {"remove"}, &WhyNoRemoval},
+      PageAction{"remove", {"remove", "--yes"}, &WhyNoRemoval},
       PageAction{"recover", {"recover"}, &Always},
       PageAction{"doctor", {"doctor"}, &Always},
   };
