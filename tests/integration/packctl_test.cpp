@@ -607,7 +607,7 @@ TEST_F(PackctlTest, AUserWhoIsNotRootLearnsThatRootIsNeeded) {
     return test::RunProgram(Appliance::PackctlCommand({command}), options).err;
   };
   EXPECT_EQ(errors("status"),
-            "packctl: Reading the status needs root or the group orbamira. Try: sudo packctl status\n");
+            "packctl: Reading the status needs root or the group " ORBAMIRA_GROUP ". Try: sudo packctl status\n");
   EXPECT_THAT(errors("update"), StartsWith("packctl: Updating needs root. "));
   EXPECT_THAT(errors("update"), EndsWith("Try: sudo packctl update\n"));
   fs::permissions(locks, fs::perms(0755));

@@ -4,8 +4,8 @@
 namespace orbamira::packctl {
 
 /// For every command: neither a reader that goes away nor a limit on the size of files ends it halfway. On a terminal
-/// SIGINT and SIGTERM end the line that was begun; then they end the program, as they do by themselves elsewhere. What
-/// that leaves is for the recovery.
+/// SIGINT and SIGTERM end the line that was begun; then they end the program, as they do by themselves elsewhere. Work
+/// that leaves something behind is cancelled instead: see cancel.h.
 void SetUpSignals(bool on_terminal);
 
 /// For a command that runs until a signal stops it: from now on SIGINT and SIGTERM end it at once with kExitDone,
