@@ -52,7 +52,7 @@ class SharedBlocksTest(unittest.TestCase):
         output = self.top / "output"
         command = [
             mkpack_of(BUILD),
-            "--name=orbamira-hevc",
+            f"--name={Paths(BUILD).hevc_pack}",
             "--version=1",
             "--title=HEVC",
             "--base-url=http://localhost",

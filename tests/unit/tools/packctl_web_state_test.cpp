@@ -200,7 +200,7 @@ TEST_F(StateReaderTest, LookTellsOfNoFailureThatWasFollowedBySomethingElse) {
   AppendToHistory(Failed("check", 10));
   AppendToHistory({.time = 11, .command = "update", .result = "done"});
   EXPECT_TRUE(Look()["failure"].isNull());
-  Status()->SetAsInstallFailed("2.0", "orbamira-hevc");
+  Status()->SetAsInstallFailed("2.0", kHevcPack);
   EXPECT_TRUE(Look()["failure"].isNull()) << "who failed kept no history";
 }
 
