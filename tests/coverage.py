@@ -53,7 +53,7 @@ def counts_of_lines():
     with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as export:
         for key, _, value in (line.strip().partition(":") for line in export.stdout):
             if key == "SF":
-                source = pathlib.Path(value)
+                source = pathlib.Path(os.path.normpath(BUILD / value))
             elif key == "DA" and source.is_relative_to(TOP):
                 number, count = map(int, value.split(","))
                 file = lines[source.relative_to(TOP)]
