@@ -56,6 +56,7 @@ void BecomeCancelled(const Console& console) {
   std::vector<std::string> words = OwnCommandLine();
   words.emplace_back("--cancelled");
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (std::string& word : words) {
     arguments.push_back(word.data());
   }

@@ -155,7 +155,9 @@ void TakeLock(std::optional<updater::UpdateLock>& lock, std::chrono::seconds pat
 }
 
 Outcome Refused(ExitStatus exit, const char* result, Failure failure) {
-  return {.exit = exit, .result = result, .problems = {FailureSentence(failure)}, .failure = std::move(failure)};
+  Outcome outcome{.exit = exit, .result = result, .problems = {FailureSentence(failure)}};
+  outcome.failure = std::move(failure);
+  return outcome;
 }
 
 Outcome Run(const Command& command, Context& context) try {
