@@ -328,6 +328,8 @@ TEST_F(PackctlTest, StatusSaysWhyTheLastUpdateFailed) {
   ASSERT_EQ(Run({"update"}).status, 1);
   EXPECT_THAT(Run({"status"}).output, AllOf(StartsWith("The last update failed: the package is not signed.\n"),
                                             HasSubstr("To do:      Get a signed package from its publisher.\n")));
+  const fs::path note = fs::path(kDownloadFolder).parent_path() / "checked";
+  fs::last_write_time(note, fs::last_write_time(note) - std::chrono::hours(1));
   appliance_.SetFault([](const HttpRequest&, HttpResponse& response) { response.status = 500; });
   ASSERT_EQ(Run({"check"}).status, 1);
   EXPECT_THAT(Run({"status"}).output, testing::ContainsRegex("Last check: [^,]+, failed: the update server refuses the "
@@ -432,7 +434,6 @@ TEST_F(PackctlTest, ARefusedPackageLeavesThePackInItsPlaceAllTheTime) {
   appliance_.Publish("2.0", "two");
   DemandSignatures();
   const auto expect_refused = [&](const char* command, const char* status) {
-    ASSERT_EQ(Run({"check"}).status, 0);
     const ProgramResult result = Run({command});
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.errors, EndsWith(" failed: the package is not signed. 1.0 stays installed. Get a signed "
@@ -444,6 +445,8 @@ TEST_F(PackctlTest, ARefusedPackageLeavesThePackInItsPlaceAllTheTime) {
     EXPECT_THAT(Appliance::Journal(), IsEmpty()) << command;
   };
   expect_refused("update", "download_install_failed");
+  EXPECT_THAT(Run({"status"}).output, HasSubstr("\nAvailable:  2.0\n"));
+  ASSERT_EQ(Run({"check"}).status, 0);
   expect_refused("download", "download_failed");
 
   // A keyring that came between download and install.

@@ -131,6 +131,9 @@ Outcome RunAbout(const Context& context, const UpdateObjects& objects, const std
                  const Flow& flow) {
   Outcome outcome = RunFlow(context, objects, flow);
   const std::string& offered = objects.handler->offered_version();
+  if (!offered.empty()) {
+    NoteAnsweredCheck(offered, true);
+  }
   outcome.version = offered.empty() ? recorded_version : offered;
   if (outcome.exit == kExitFailed) {
     BlameRequirements(*objects.manager, outcome);
