@@ -19,6 +19,10 @@ packages = pathlib.Path(sys.argv[sys.argv.index("--output") + 1])
 packages.mkdir()
 (packages / "orbamira.deb").write_text("package")
 """
+LIST_PACKAGES = """\
+import pathlib, sys
+print([pathlib.Path(package).name for package in sys.argv[1:]])
+"""
 STEPS = (*("What builds and checks need", "Lint", "Tests", "Binary interface", "Packages, built twice"), "Tag v1.0.0")
 DEBIAN_DATE = r"^ -- @CPACK_PACKAGE_CONTACT@  [A-Z][a-z]{2}, \d\d [A-Z][a-z]{2} \d{4} \d\d:\d\d:\d\d \+0000$"
 
@@ -35,6 +39,7 @@ class ReleaseTest(unittest.TestCase):
             self.write(name, f"#!/bin/sh\necho {name} ran\n")
             (self.tree / name).chmod(0o755)
         self.write("tests/install/reproducible_test.py", MAKE_PACKAGES)
+        self.write("packaging/sbom.py", LIST_PACKAGES)
         self.git("init", "-q")
         self.commit("Begin")
         (self.tree / "build/deps").mkdir(parents=True)
@@ -94,11 +99,12 @@ class ReleaseTest(unittest.TestCase):
         self.assertRegex(debian, "(?m)" + DEBIAN_DATE)
         self.assertNotEqual((SOURCE / "packaging/debian/changelog.in").read_text(), debian)
         packages = self.tree / "build/release-1.0.0/packages"
-        self.assertEqual(["SHA256SUMS", "orbamira.deb"], sorted(os.listdir(packages)))
+        self.assertEqual(["SHA256SUMS", "orbamira-1.0.0.cdx.json", "orbamira.deb"], sorted(os.listdir(packages)))
+        self.assertEqual("['orbamira.deb']\n", (packages / "orbamira-1.0.0.cdx.json").read_text())
         subprocess.run(["sha256sum", "--check", "--quiet", "SHA256SUMS"], cwd=packages, check=True)
 
     def test_a_step_that_fails_leaves_the_tree_as_it_was(self):
-        for name in (*STUBS, "tests/install/reproducible_test.py"):
+        for name in (*STUBS, "tests/install/reproducible_test.py", "packaging/sbom.py"):
             with self.subTest(name):
                 kept = (self.tree / name).read_text()
                 self.write(name, "exit(7)\n" if name.endswith(".py") else "#!/bin/sh\nexit 7\n")
