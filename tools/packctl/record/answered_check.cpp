@@ -35,8 +35,10 @@ void NoteAnsweredCheck(const std::string& version, bool is_news) {
   note["version"] = version;
   note["is_news"] = is_news;
   const std::string line = JsonLine(note);
-  static_cast<void>(write(fd.get(), line.data(), line.size()));
-  static_cast<void>(futimens(fd.get(), nullptr));  // on a full disk, too
+  // On a full disk the time alone is noted.
+  const ssize_t written = write(fd.get(), line.data(), line.size());
+  static_cast<void>(written);
+  static_cast<void>(futimens(fd.get(), nullptr));
 }
 
 std::optional<AnsweredCheck> ReadAnsweredCheck() try {

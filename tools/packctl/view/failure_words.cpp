@@ -219,8 +219,14 @@ std::optional<Failure> NeedsRoot(const std::string& command) {
 std::string FailureSentence(const Work& work, const Failure& failure,
                             const std::optional<std::string>& installed_version) {
   const std::string head = SaysItAll(failure) ? failure.message : NounOf(work) + " failed: " + failure.message;
-  const std::string stays = failure.code == CodeOf(FailureReason::kBusy) ? "" : " " + StaysSentence(installed_version);
-  return Capitalized(head) + "." + stays + (failure.remedy.empty() ? "" : " " + failure.remedy);
+  std::string text = Capitalized(head) + ".";
+  if (failure.code != CodeOf(FailureReason::kBusy)) {
+    text.append(" ").append(StaysSentence(installed_version));
+  }
+  if (!failure.remedy.empty()) {
+    text.append(" ").append(failure.remedy);
+  }
+  return text;
 }
 
 std::string FailureSentence(const Failure& failure) {

@@ -43,7 +43,7 @@ PageFiles::PageFiles() {
   for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
     const fs::path name = entry.path().filename();
     if (name != kPage && kTypes.contains(name.extension())) {
-      add("/" + name.string(), entry.path());
+      add((fs::path("/") / name).string(), entry.path());
     }
   }
 }
