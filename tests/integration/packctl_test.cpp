@@ -929,7 +929,6 @@ TEST_F(PackctlTest, AnUpdateThatIsCancelledCleansUp) {
     EXPECT_EQ(result.errors, "packctl: Cancelled. 1.2.0 stays installed.\n");
     EXPECT_EQ(Appliance::StatusRecord()["status"], "download_install_failed");
     EXPECT_FALSE(fs::exists(kDownloadFolder));
-    appliance_.server().Release();
     appliance_.SetFault({});
   }
   const Json::Value last = RunJson({"history", "--limit", "1"}, 0)["entries"][0];
@@ -1054,7 +1053,9 @@ TEST_F(PackctlTest, ATerminalGetsOneLineThatIsRedrawnAndEnded) {
   ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, &size), 0);
   fcntl(master, F_SETFD, FD_CLOEXEC);
   fcntl(slave, F_SETFD, FD_CLOEXEC);
-  RunningProgram update(Appliance::PackctlCommand({"update"}), slave);
+  std::vector<std::string> command = {"/usr/bin/env", "-u", "NO_COLOR", "TERM=xterm"};
+  std::ranges::copy(Appliance::PackctlCommand({"update"}), std::back_inserter(command));
+  RunningProgram update(command, slave);
   close(slave);
   std::string screen;
   const auto read_some = [&] {
