@@ -48,6 +48,16 @@ const char* CodeOf(FailureReason reason) {
       return "not_confirmed";
     case FailureReason::kCancelled:
       return "cancelled";
+    case FailureReason::kHeld:
+      return "held";
+    case FailureReason::kOutsideWindow:
+      return "outside_window";
+    case FailureReason::kInUse:
+      return "in_use";
+    case FailureReason::kNotInRollout:
+      return "not_in_rollout";
+    case FailureReason::kWaitsForPerson:
+      return "waits_for_person";
     case FailureReason::kAccountFailed:
       return "account_failed";
     case FailureReason::kUnexpected:

@@ -5,7 +5,8 @@
 #include <optional>
 #include <string>
 
-/// Why a command failed, as answers and the history keep it: a code for programs, words for people, and what to do.
+/// Why a command failed, or waits, as answers and the history keep it: a code for programs, words for people, and what
+/// to do.
 namespace orbamira::packctl {
 
 /// The reasons. Scripts, the page and translators know them by their codes, so a code keeps its meaning for ever.
@@ -31,6 +32,11 @@ enum class FailureReason {
   kBusy,
   kNotConfirmed,
   kCancelled,
+  kHeld,
+  kOutsideWindow,
+  kInUse,
+  kNotInRollout,
+  kWaitsForPerson,
   kAccountFailed,
   kUnexpected,
 };
@@ -38,7 +44,7 @@ enum class FailureReason {
 /// The reason's code: "no_space".
 const char* CodeOf(FailureReason reason);
 
-/// Why a command failed, or was refused.
+/// Why a command failed, was refused, or waits.
 struct Failure {
   std::string code = {};     ///< of a FailureReason
   std::string message = {};  ///< a clause: "the disk is full"

@@ -169,8 +169,11 @@ Failure Explain(const std::string& command, const Said& said) {
 // Whether the reason makes a sentence without the command.
 bool SaysItAll(const Failure& failure) {
   using enum FailureReason;
-  constexpr std::array kWhole = {kServerUnreachable, kNoPackOffered, kPermissionDenied, kNotPermitted,
-                                 kInterrupted,       kBusy,          kNotConfirmed,     kCancelled};
+  constexpr std::array kWhole = {kServerUnreachable, kNoPackOffered, kPermissionDenied,
+                                 kNotPermitted,      kInterrupted,   kBusy,
+                                 kNotConfirmed,      kCancelled,     kHeld,
+                                 kOutsideWindow,     kInUse,         kNotInRollout,
+                                 kWaitsForPerson};
   return std::ranges::any_of(kWhole, [&](FailureReason reason) { return failure.code == CodeOf(reason); });
 }
 

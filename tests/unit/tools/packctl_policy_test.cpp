@@ -1,0 +1,255 @@
+// When a pack on offer is installed by itself: what the reply says, windows of time, and the judgement.
+
+#include <gmock/gmock.h>
+#include <json/reader.h>
+#include <stdlib.h>
+
+#include <ctime>
+#include <sstream>
+
+#include "tools/packctl/policy/decision.h"
+#include "tools/packctl/view/wait_words.h"
+
+namespace orbamira::packctl {
+namespace {
+
+using testing::ElementsAre;
+using testing::Optional;
+
+constexpr std::time_t kHour = 60L * 60;
+constexpr std::time_t kDay = 24 * kHour;
+
+Json::Value Json(const std::string& text) {
+  Json::Value value;
+  std::istringstream(text) >> value;
+  return value;
+}
+
+/// The machine's time zone, for as long as it lives.
+class ZoneOf {
+ public:
+  explicit ZoneOf(const char* zone) {
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+  ~ZoneOf() {
+    unsetenv("TZ");
+    tzset();
+  }
+  ZoneOf(const ZoneOf&) = delete;
+  ZoneOf& operator=(const ZoneOf&) = delete;
+};
+
+// Written as its rules, so that no zone database is needed: the last Sundays of March and October.
+constexpr const char* kBerlin = "CET-1CEST,M3.5.0,M10.5.0/3";
+
+std::time_t Utc(int year, int month, int day, int hour, int minute = 0) {
+  std::tm parts{};
+  parts.tm_year = year - 1900;
+  parts.tm_mon = month - 1;
+  parts.tm_mday = day;
+  parts.tm_hour = hour;
+  parts.tm_min = minute;
+  return timegm(&parts);
+}
+
+std::vector<TimeWindow> Windows(const std::string& text) { return ParseTimeWindows(text).value(); }
+
+TEST(OfferTest, ReadsWhatOnlyPackctlReads) {
+  EXPECT_EQ(ReadOffer(Json(R"({"version": "1.1", "security": true, "rollout": 12.5, "channel": "beta"})")),
+            (Offer{.version = "1.1", .security = true, .rollout = 12.5, .channel = "beta"}));
+  EXPECT_EQ(ReadOffer(Json(R"({"version": "1.1"})")), (Offer{.version = "1.1"}));
+}
+
+TEST(OfferTest, MemberOfAnotherTypeCountsAsMissing) {
+  EXPECT_EQ(ReadOffer(Json(R"({"version": 1, "security": "true", "rollout": "5", "channel": {}})")), Offer());
+  EXPECT_EQ(ReadOffer(Json("[]")), Offer());
+}
+
+TEST(TimeWindowTest, SeveralAreSeparatedByCommasOrBlanks) {
+  EXPECT_THAT(Windows("02:00-05:00"), ElementsAre(TimeWindow{120, 300}));
+  EXPECT_THAT(Windows("02:00-05:00, 12:30-13:00 22:00-24:00"),
+              ElementsAre(TimeWindow{120, 300}, TimeWindow{750, 780}, TimeWindow{1320, 1440}));
+}
+
+TEST(TimeWindowTest, OtherTextsAreNone) {
+  for (const char* text : {"", " ", "2:00-5:00", "02:00", "02:00-", "02:00-25:00", "02:60-03:00", "24:00-01:00",
+                           "02:00-02:00", "02:00-05:00;", "+2:00-05:00", "02:00-24:01", "noon"}) {
+    EXPECT_FALSE(ParseTimeWindows(text)) << text;
+  }
+}
+
+TEST(TimeWindowTest, BeginsWithItsFirstMinuteAndEndsBeforeItsLast) {
+  const ZoneOf zone("UTC0");
+  const auto windows = Windows("02:00-05:00");
+  EXPECT_FALSE(IsInside(windows, Utc(2026, 6, 1, 2) - 1));
+  EXPECT_TRUE(IsInside(windows, Utc(2026, 6, 1, 2)));
+  EXPECT_TRUE(IsInside(windows, Utc(2026, 6, 1, 5) - 1));
+  EXPECT_FALSE(IsInside(windows, Utc(2026, 6, 1, 5)));
+}
+
+TEST(TimeWindowTest, MayGoAcrossMidnight) {
+  const ZoneOf zone("UTC0");
+  const auto windows = Windows("23:00-01:00");
+  EXPECT_TRUE(IsInside(windows, Utc(2026, 6, 1, 23, 30)));
+  EXPECT_TRUE(IsInside(windows, Utc(2026, 6, 1, 0, 30)));
+  EXPECT_FALSE(IsInside(windows, Utc(2026, 6, 1, 1)));
+  EXPECT_THAT(NextBegin(windows, Utc(2026, 6, 1, 12)), Optional(Utc(2026, 6, 1, 23)));
+}
+
+TEST(TimeWindowTest, IsTheClockOnTheWalls) {
+  const ZoneOf zone(kBerlin);
+  const auto windows = Windows("02:00-05:00");
+  EXPECT_TRUE(IsInside(windows, Utc(2026, 1, 10, 1)));
+  EXPECT_FALSE(IsInside(windows, Utc(2026, 1, 10, 0)));
+  EXPECT_TRUE(IsInside(windows, Utc(2026, 7, 10, 0)));
+  EXPECT_THAT(NextBegin(windows, Utc(2026, 7, 10, 12)), Optional(Utc(2026, 7, 11, 0)));
+}
+
+TEST(TimeWindowTest, HourThatTheClocksRepeatIsInsideTwice) {
+  const ZoneOf zone(kBerlin);
+  const auto windows = Windows("02:00-03:00");
+  EXPECT_TRUE(IsInside(windows, Utc(2026, 10, 25, 0, 30)));
+  EXPECT_TRUE(IsInside(windows, Utc(2026, 10, 25, 1, 30)));
+  EXPECT_FALSE(IsInside(windows, Utc(2026, 10, 25, 2)));
+}
+
+TEST(TimeWindowTest, HourThatTheClocksSkipIsThereTheNextDay) {
+  const ZoneOf zone(kBerlin);
+  const auto windows = Windows("02:00-03:00");
+  const std::time_t before = Utc(2026, 3, 29, 0, 30);
+  EXPECT_THAT(NextBegin(windows, before), Optional(Utc(2026, 3, 30, 0)));
+}
+
+TEST(TimeWindowTest, TheNearestOfSeveralComesNext) {
+  const ZoneOf zone("UTC0");
+  const auto windows = Windows("22:00-23:00 12:00-13:00");
+  EXPECT_THAT(NextBegin(windows, Utc(2026, 6, 1, 12)), Optional(Utc(2026, 6, 1, 22)));
+  EXPECT_THAT(NextBegin(windows, Utc(2026, 6, 1, 22)), Optional(Utc(2026, 6, 2, 12)));
+}
+
+class DecisionTest : public testing::Test {
+ protected:
+  DecisionTest() {
+    situation_.settings.policy = updater::kPolicyAutoDownloadAutoInstall;
+    situation_.first_seen = Utc(2026, 6, 1, 12);
+    situation_.now = situation_.first_seen + kHour;
+  }
+
+  void ExpectNow() { EXPECT_EQ(WhyWait(situation_), std::nullopt); }
+
+  void ExpectWait(FailureReason reason, std::optional<std::time_t> until, bool may_download) {
+    EXPECT_THAT(WhyWait(situation_), Optional(Wait{reason, until, may_download}));
+  }
+
+  ZoneOf zone_{"UTC0"};
+  Situation situation_;
+};
+
+TEST_F(DecisionTest, InstallsByItselfWhereThePolicySaysSo) { ExpectNow(); }
+
+TEST_F(DecisionTest, PolicyLeavesToAPersonWhatItSays) {
+  situation_.settings.policy = updater::kPolicyAutoDownloadManualInstall;
+  ExpectWait(FailureReason::kWaitsForPerson, std::nullopt, true);
+  situation_.settings.policy = updater::kPolicyManualDownloadManualInstall;
+  ExpectWait(FailureReason::kWaitsForPerson, std::nullopt, false);
+  situation_.now += 1000 * kDay;
+  ExpectWait(FailureReason::kWaitsForPerson, std::nullopt, false);
+}
+
+TEST_F(DecisionTest, HoldKeepsEverythingAwayUntilItsEnd) {
+  situation_.hold = Hold{};
+  ExpectWait(FailureReason::kHeld, std::nullopt, false);
+  situation_.hold = Hold{.until = situation_.now + kDay};
+  ExpectWait(FailureReason::kHeld, situation_.now + kDay, false);
+  situation_.now += kDay;
+  ExpectNow();
+}
+
+TEST_F(DecisionTest, WaitsForTheWindowWithThePackageReady) {
+  situation_.settings.windows = Windows("02:00-05:00");
+  ExpectWait(FailureReason::kOutsideWindow, Utc(2026, 6, 2, 2), true);
+  situation_.now = Utc(2026, 6, 2, 2);
+  ExpectNow();
+}
+
+TEST_F(DecisionTest, WaitsForProgramsThatUseThePack) {
+  situation_.is_in_use = [] { return true; };
+  ExpectWait(FailureReason::kInUse, situation_.first_seen + 7 * kDay, true);
+  situation_.is_in_use = [] { return false; };
+  ExpectNow();
+}
+
+// It takes a look at every process.
+TEST_F(DecisionTest, AsksForProgramsOnlyWhereItMatters) {
+  situation_.is_in_use = [] {
+    ADD_FAILURE() << "asked";
+    return true;
+  };
+  situation_.hold = Hold{};
+  ExpectWait(FailureReason::kHeld, std::nullopt, false);
+  situation_.hold.reset();
+  situation_.now = situation_.first_seen + 7 * kDay;
+  ExpectNow();
+}
+
+// The window may fall into hours in which the machine is always off.
+TEST_F(DecisionTest, WaitsForAGoodMomentOnlySoManyDays) {
+  situation_.settings.windows = Windows("02:00-05:00");
+  situation_.settings.most_wait = std::chrono::days(2);
+  situation_.is_in_use = [] { return true; };
+  situation_.now = situation_.first_seen + 2 * kDay - 1;
+  ExpectWait(FailureReason::kOutsideWindow, situation_.first_seen + 2 * kDay, true);
+  situation_.now += 1;
+  ExpectNow();
+}
+
+TEST_F(DecisionTest, SecurityReleaseIsInstalledWhateverThePolicy) {
+  situation_.settings.policy = updater::kPolicyManualDownloadManualInstall;
+  situation_.offer.security = true;
+  ExpectNow();
+}
+
+TEST_F(DecisionTest, OwnerMayOptOutOfSecurityReleases) {
+  situation_.settings.policy = updater::kPolicyManualDownloadManualInstall;
+  situation_.settings.installs_security = false;
+  situation_.offer.security = true;
+  ExpectWait(FailureReason::kWaitsForPerson, std::nullopt, false);
+  situation_.now += 1000 * kDay;
+  ExpectWait(FailureReason::kWaitsForPerson, std::nullopt, false);
+}
+
+TEST_F(DecisionTest, SecurityReleaseWaitsNoLongerThanItsBound) {
+  situation_.offer.security = true;
+  situation_.hold = Hold{};
+  const std::time_t bound = situation_.first_seen + 3 * kDay;
+  ExpectWait(FailureReason::kHeld, bound, false);
+  situation_.hold->until = situation_.now + kHour;
+  ExpectWait(FailureReason::kHeld, situation_.now + kHour, false);
+  situation_.hold.reset();
+  situation_.is_in_use = [] { return true; };
+  ExpectWait(FailureReason::kInUse, bound, true);
+  situation_.hold = Hold{};
+  situation_.now = bound;
+  ExpectNow();
+}
+
+TEST_F(DecisionTest, SecurityReleaseWaitsNoLongerThanAnyOther) {
+  situation_.offer.security = true;
+  situation_.settings.most_wait = std::chrono::days(1);
+  situation_.is_in_use = [] { return true; };
+  ExpectWait(FailureReason::kInUse, situation_.first_seen + kDay, true);
+}
+
+TEST(WaitWordsTest, TellWhyAndUntilWhenAndWhatLeadsOn) {
+  const ZoneOf zone("UTC0");
+  EXPECT_EQ(ExplainWait("1.1", {.reason = FailureReason::kOutsideWindow, .until = Utc(2026, 6, 2, 2)}),
+            (Failure{"outside_window",
+                     "1.1 waits: it is installed in its window of time, until 2026-06-02 02:00:00 UTC at the latest",
+                     "Run: sudo packctl update"}));
+  EXPECT_EQ(ExplainWait("1.1", {.reason = FailureReason::kHeld}),
+            (Failure{"held", "1.1 waits: updates are held", "Run: sudo packctl unhold"}));
+}
+
+}  // namespace
+}  // namespace orbamira::packctl
