@@ -9,6 +9,7 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 #include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -220,6 +221,16 @@ TEST_F(PackctlDoctorTest, FindsAPackctlThatHasBeenAtWorkForHours) {
   ASSERT_EQ(findings.size(), 1U);
   EXPECT_EQ(findings[0]["check"], "locks");
   EXPECT_EQ(findings[0]["problem"], "a packctl has been at work for over 6 hours");
+}
+
+TEST_F(PackctlDoctorTest, KeepsNoUpdateFromTheLockWhileItLooks) {
+  WriteFile(path::kPackctlLock, "");
+  const UniqueFd watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  ASSERT_GE(inotify_add_watch(watch.get(), path::kPackctlLock, IN_OPEN), 0);
+  Diagnose(0);
+  inotify_event event{};
+  EXPECT_EQ(read(watch.get(), &event, sizeof event), -1) << "the doctor opened the lock";
+  EXPECT_EQ(errno, EAGAIN);
 }
 
 TEST_F(PackctlDoctorTest, FindsALockThatSomebodyKeeps) {

@@ -15,6 +15,7 @@
 #include "tools/packctl/doctor/checks.h"
 #include "tools/packctl/host/codec_report.h"
 #include "tools/packctl/record/history.h"
+#include "tools/packctl/record/lock_holder.h"
 #include "tools/packctl/record/recorded_status.h"
 #include "updater/recovery.h"
 
@@ -154,7 +155,8 @@ Findings CheckLocks() {
   return findings;
 }
 
-bool ChangeIsUnderWay() { return !IsFree(path::kPackctlLock); }
+// Asked of the kernel: taking the lock for a moment would refuse an update that starts just then.
+bool ChangeIsUnderWay() { return HolderOf(path::kPackctlLock).has_value(); }
 
 Findings CheckState() {
   Findings findings;
