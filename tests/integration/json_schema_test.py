@@ -121,6 +121,7 @@ class JsonSchemaTest(unittest.TestCase):
         self.assertEqual(self.check("doctor", 0)["result"], "well")
         self.assertEqual(len(self.check("history", 0)["entries"]), 5)
         self.check("history", 0, "--limit", "1")
+        self.check("metrics", 0)
 
     def test_a_check_without_an_address(self):
         self.appliance.use_server("")
@@ -145,6 +146,7 @@ class JsonSchemaTest(unittest.TestCase):
             history.unlink(missing_ok=True)
             history.mkdir()
         self.check("history", FAILED)
+        self.check("metrics", FAILED)
         locks = self.appliance.run_folder / "lock"
         for lock in locks.iterdir():
             lock.unlink()

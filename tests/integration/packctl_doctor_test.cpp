@@ -198,6 +198,18 @@ TEST_F(PackctlDoctorTest, NamesTheSettingThatAMisspeltKeyMeans) {
   EXPECT_EQ(remedy_of("colour"), "remove the line");
 }
 
+TEST_F(PackctlDoctorTest, FindsThatTheMakersSupportHasEnded) {
+  const auto findings_with = [](const std::string& day, int status) {
+    WriteFile(path::kDefaultPkgSetting, "support_until=" + day + "\n");
+    return Diagnose(status)["findings"];
+  };
+  EXPECT_THAT(findings_with("2999-12-31", 0), IsEmpty());
+  EXPECT_EQ(findings_with("2020-12-31", 1)[0]["problem"], "the maker's support of this appliance ended on 2020-12-31");
+  for (const std::string wrong : {"31.12.2031", "2031-02-29", "2031-12", "203a-12-31", "2031-12-31x", "0000-01-01"}) {
+    EXPECT_EQ(findings_with(wrong, 1)[0]["remedy"], "set it to a day, written YYYY-MM-DD") << wrong;
+  }
+}
+
 TEST_F(PackctlDoctorTest, TextFromOutsideCannotSteerTheTerminal) {
   AddSetting("a\033[2J=1");
   EXPECT_THAT(Appliance::Packctl({"doctor"}).output, AllOf(HasSubstr("a\\033[2J"), testing::Not(HasSubstr("\033"))));

@@ -336,6 +336,19 @@ TEST_F(PackctlTest, StatusSaysWhyTheLastUpdateFailed) {
                                                              "request \\(500\\)\n"));
 }
 
+TEST_F(PackctlTest, StatusShowsHowLongTheMakerSupportsTheAppliance) {
+  EXPECT_TRUE(RunJson({"status"}, 0)["support_until"].isNull());
+  EXPECT_THAT(Run({"status"}).output, Not(HasSubstr("Supported:")));
+  WriteFile(path::kDefaultPkgSetting, "support_until=\"2999-12-31\"\n");
+  EXPECT_THAT(Run({"status"}).output, HasSubstr("\nSupported:  until 2999-12-31\n"));
+  EXPECT_EQ(RunJson({"status"}, 0)["support_until"], "2999-12-31");
+  WriteFile(path::kDefaultPkgSetting, "support_until=\"2020-02-29\"\n");
+  EXPECT_THAT(Run({"status"}).output, HasSubstr("\nSupported:  ended on 2020-02-29; the maker may no longer close "
+                                                "security holes\n"));
+  WriteFile(path::kDefaultPkgSetting, "support_until=\"2021-02-29\"\n");
+  EXPECT_TRUE(RunJson({"status"}, 0)["support_until"].isNull());
+}
+
 TEST_F(PackctlTest, StatusTellsWorkAtHandFromWorkThatWasInterrupted) {
   Status()->SetAsDownloading(3, 4);
   EXPECT_THAT(Run({"status"}).output,

@@ -49,7 +49,7 @@ fi
 
 # Every command that a unit gives is one that packctl has.
 mapfile -t commands < <(grep -hoE "$packctl [a-z]+" "$units"/*.service | awk '{ print $2 }' | sort -u)
-[ "${commands[*]}" = 'check recover update web' ] || fail "commands: ${commands[*]}"
+[ "${commands[*]}" = 'check metrics recover update web' ] || fail "commands: ${commands[*]}"
 for command in "${commands[@]}"; do
   "$packctl" "$command" --help > /dev/null || fail "packctl has no command $command"
 done

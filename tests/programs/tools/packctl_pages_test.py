@@ -117,7 +117,7 @@ class PagesTest(unittest.TestCase):
             self.assertRegex(
                 page, rf"\.TP\n\\fB{setting['key']}\\fR\n.*Value: .*Default: {setting['default'] or 'none'}\."
             )
-            self.assertIn(setting["example"], page)
+            self.assertIn(setting["example"].replace("-", r"\-"), page)
             self.assertTrue(setting["example"].startswith(f'{setting["key"]}="'))
 
     def test_the_plugin_of_the_page_does_what_the_page_says(self):

@@ -78,13 +78,14 @@ struct Options {
   bool verbose = false;  ///< what is behind the result is shown too: the log, the recorded status
   bool quiet = false;    ///< nothing is shown but why it failed or was refused
   ColorChoice color = ColorChoice::kAuto;
-  int wait = 0;            ///< seconds to wait for another program at work to end
-  bool watch = false;      ///< status: go on until interrupted
-  bool cancelled = false;  ///< a flow: this process took the place of one that was cancelled
-  bool yes = false;        ///< remove: do not ask
-  bool reinstall = false;  ///< update: also what is installed already
-  std::size_t limit = 50;  ///< history: only so many entries
-  bool no_pager = false;   ///< history: print them, on a terminal too
+  int wait = 0;             ///< seconds to wait for another program at work to end
+  bool watch = false;       ///< status: go on until interrupted
+  bool cancelled = false;   ///< a flow: this process took the place of one that was cancelled
+  bool yes = false;         ///< remove: do not ask
+  bool reinstall = false;   ///< update: also what is installed already
+  std::size_t limit = 50;   ///< history: only so many entries
+  bool no_pager = false;    ///< history: print them, on a terminal too
+  std::string output = {};  ///< metrics: the file to replace; empty for the standard output
   SignInOptions sign_in = {};
   WebOptions web = {};
 };

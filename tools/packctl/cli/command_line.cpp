@@ -340,6 +340,10 @@ void AddHistoryOptions(CLI::App& parser, Options& options) {
   parser.add_flag("--no-pager", options.no_pager, "Print the entries without a pager, on a terminal too");
 }
 
+void AddMetricsOptions(CLI::App& parser, Options& options) {
+  parser.add_option("--output", options.output, "Replace this file in one step, and print nothing")->type_name("FILE");
+}
+
 void AddWebOptions(CLI::App& parser, Options& options) {
   WebOptions& web = options.web;
   parser.add_option("--listen", web.listen, "Listen on this numeric address (default 127.0.0.1); there is no TLS")

@@ -43,6 +43,7 @@ void AddFlowOptions(CLI::App& parser, Options& options);
 void AddRemoveOptions(CLI::App& parser, Options& options);
 void AddUpdateOptions(CLI::App& parser, Options& options);
 void AddHistoryOptions(CLI::App& parser, Options& options);
+void AddMetricsOptions(CLI::App& parser, Options& options);
 void AddWebOptions(CLI::App& parser, Options& options);
 void AddSignInOptions(CLI::App& parser, Options& options);
 

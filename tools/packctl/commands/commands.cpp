@@ -40,8 +40,9 @@ constexpr std::array kCommands = {
         "status", Effect::kNone, "Show how things are and what to do",
         "Shows the installed pack, what is available, the last check and what to do, and with --verbose also what is\n"
         "recorded. You may run this at any time, even during an update.\n"
-        "With --json: the keys of the status store (sizes in bytes), interrupted (whether an update was cut short)\n"
-        "and last_check (time in seconds since the epoch, version and is_news; null before the first).\n"
+        "With --json: the keys of the status store (sizes in bytes), interrupted (whether an update was cut short),\n"
+        "last_check (time in seconds since the epoch, version and is_news; null before the first) and support_until\n"
+        "(the last day of the maker's support, YYYY-MM-DD; null if none is set).\n"
         "With --watch it prints each change until SIGINT or SIGTERM (Ctrl-C) ends it with exit status 0; with\n"
         "--json one object per line. It sleeps while nothing changes.",
         Status, AddWatchOption},
@@ -67,6 +68,13 @@ constexpr std::array kCommands = {
             Doctor},
     Command{"codecs", Effect::kNone, "Show which codecs are installed and which applications ask for",
             "With --json: the lists installed and requested.", Codecs},
+    Command{
+        "metrics", Effect::kNone, "Print what a monitoring system wants to know",
+        "Prints gauges in Prometheus' text format: the installed pack and its codecs, the recorded status, the last\n"
+        "check, recent failures by their codes, and the end of support. With --output they go into a file, for\n"
+        "node_exporter's textfile collector; orbamira-metrics.timer does that.\n"
+        "With --json: the list metrics of name, labels and value.",
+        ShowMetrics, AddMetricsOptions},
     Command{"web", Effect::kNone, "Show all of this in a browser, until interrupted",
             "Prints the address of the page, and a link with the token that you need to check and update from there.\n"
             "Runs until SIGINT or SIGTERM (Ctrl-C) ends it with exit status 0; a running update continues.\n"

@@ -16,6 +16,7 @@ Outcome Status(Context& context);
 Outcome Info(Context& context);
 Outcome Codecs(Context& context);
 Outcome ShowHistory(Context& context);
+Outcome ShowMetrics(Context& context);
 
 /// Looks for what is wrong with the machine and says what to do about it. Changes nothing, makes nothing.
 Outcome Doctor(Context& context);

@@ -6,6 +6,7 @@
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/commands/watch.h"
 #include "tools/packctl/record/lock_holder.h"
+#include "tools/packctl/record/support_period.h"
 #include "tools/packctl/view/status_report.h"
 
 namespace orbamira::packctl {
@@ -28,7 +29,8 @@ StatusFacts GatherFacts() {
           .installed = ReadInstalledPack(),
           .codecs = InstalledCodecs(),
           .check = ReadAnsweredCheck(),
-          .last_entry = ReadNewestEntry()};
+          .last_entry = ReadNewestEntry(),
+          .support_end = ReadSupportEnd()};
 }
 
 Tone ToneOf(Health health) {
@@ -59,6 +61,8 @@ Json::Value StatusAnswer(const SeenStatus& seen) {
   Json::Value answer = StatusJson(seen.record);
   answer["interrupted"] = seen.is_interrupted;
   answer["last_check"] = AnsweredCheckJson(ReadAnsweredCheck());
+  const std::optional<std::chrono::sys_days> support_end = ReadSupportEnd();
+  answer["support_until"] = support_end ? Json::Value(DayText(*support_end)) : Json::Value();
   return answer;
 }
 
@@ -66,9 +70,11 @@ Outcome Status(Context& context) {
   if (context.options.watch) {
     return WatchStatus(context);
   }
+  if (context.options.json) {
+    return {.members = StatusAnswer(LookAtStatus())};
+  }
   const StatusFacts facts = GatherFacts();
-  return {.members = StatusAnswer({facts.record, facts.is_interrupted}),
-          .text = context.console.Painted(StatusHeadline(facts) + "\n", ToneOf(HealthOf(facts))) + StatusLines(facts) +
+  return {.text = context.console.Painted(StatusHeadline(facts) + "\n", ToneOf(HealthOf(facts))) + StatusLines(facts) +
                   (context.options.verbose ? RecordLines(facts.record) : "")};
 }
 

@@ -18,7 +18,7 @@ struct SeenStatus {
 /// Looks at both. Throws what ReadStatus() throws.
 SeenStatus LookAtStatus();
 
-/// What the command prints with --json: the record, "interrupted" and "last_check".
+/// What the command prints with --json: the record, "interrupted", "last_check" and "support_until".
 Json::Value StatusAnswer(const SeenStatus& seen);
 
 }  // namespace orbamira::packctl

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "platform/constants.h"
+#include "tools/packctl/record/support_period.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -24,6 +25,8 @@ bool IsTimeLimit(const std::string& text) {
 }
 
 bool IsUnpackLimit(const std::string& text) { return IsNumber<std::uint64_t>(text, 0, UINT64_MAX); }
+
+bool IsDay(const std::string& text) { return ParseDay(text).has_value(); }
 
 bool IsDownloadLimit(const std::string& text) { return IsNumber<std::int64_t>(text, 0, INT64_MAX); }
 
@@ -48,6 +51,10 @@ std::span<const KnownSetting> KnownSettings() {
           "How long a plugin may take each time it runs. One that takes longer is ended and logged, and the update "
           "goes on.",
           "plugin_time_limit=\"7.5\""},
+      KnownSetting{kSupportUntil, "a day, written YYYY-MM-DD", IsDay, "",
+                   "The last day on which the maker closes security holes of this appliance. packctl status shows it, "
+                   "and says when it has passed; nothing else changes then.",
+                   "support_until=\"2031-12-31\""},
   };
   return kSettings;
 }

@@ -9,6 +9,7 @@
 #include "tools/packctl/cli/nearest_word.h"
 #include "tools/packctl/doctor/checks.h"
 #include "tools/packctl/doctor/known_settings.h"
+#include "tools/packctl/record/support_period.h"
 #include "updater/kos_helper.h"
 
 namespace orbamira::packctl {
@@ -69,6 +70,14 @@ void CheckValue(const KnownSetting& setting, Findings& findings) {
   }
 }
 
+void CheckSupport(Findings& findings) {
+  const std::optional<std::chrono::sys_days> last = ReadSupportEnd();
+  if (last && HasPassed(*last)) {
+    findings.push_back({kCheck, "the maker's support of this appliance ended on " + DayText(*last),
+                        "ask the maker who closes security holes from now on"});
+  }
+}
+
 void CheckIdentity(const char* file, const char* key, const std::string& value, Findings& findings) {
   if (value.empty()) {
     findings.push_back({kCheck, std::string(file) + " gives no " + key + ", without which no update is asked for",
@@ -102,6 +111,7 @@ Findings CheckSettings() {
       CheckValue(setting, findings);
     }
   }
+  CheckSupport(findings);
   CheckIdentity(kPackageInfoPath, common::kVersion, facts->GetVersionFromPath(kPackageInfoPath), findings);
   CheckIdentity(common::kDefaultOrbaInfoPath, common::kUnique, facts->GetUnique(), findings);
   CheckIdentity(common::kDefaultVersionPath, common::kMajorVersion, facts->GetMajorVersion(), findings);

@@ -1,6 +1,7 @@
 #include "tools/packctl/view/status_report.h"
 
 #include "platform/printable.h"
+#include "tools/packctl/record/support_period.h"
 #include "tools/packctl/view/local_time.h"
 #include "tools/packctl/view/progress_text.h"
 #include "tools/packctl/view/result_words.h"
@@ -79,6 +80,16 @@ std::string CheckWords(const StatusFacts& facts) {
   return LocalTime(facts.check->time) + (facts.check->version.empty() ? "" : ", " + found);
 }
 
+std::string SupportLine(const StatusFacts& facts) {
+  if (!facts.support_end) {
+    return "";
+  }
+  const std::string day = DayText(*facts.support_end);
+  return "\nSupported:  " + (HasPassed(*facts.support_end)
+                                 ? "ended on " + day + "; the maker may no longer close security holes"
+                                 : "until " + day);
+}
+
 std::string RemedyWords(const StatusFacts& facts) {
   const PackStatus status = facts.record.status;
   if (IsUnderWay(status) && !facts.is_interrupted) {
@@ -128,7 +139,7 @@ std::string StatusHeadline(const StatusFacts& facts) {
 
 std::string StatusLines(const StatusFacts& facts) {
   return "Installed:  " + InstalledWords(facts) + "\nAvailable:  " + AvailableWords(facts) +
-         "\nLast check: " + CheckWords(facts) + "\nTo do:      " + RemedyWords(facts) + "\n";
+         "\nLast check: " + CheckWords(facts) + SupportLine(facts) + "\nTo do:      " + RemedyWords(facts) + "\n";
 }
 
 std::string RecordLines(const StatusRecord& record) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,11 +16,12 @@ namespace orbamira::packctl {
 /// What the words are made from.
 struct StatusFacts {
   StatusRecord record = {};
-  bool is_interrupted = false;                  ///< work is in progress in the record, and nobody is at work
-  std::optional<InstalledPack> installed = {};  ///< empty without one
-  std::vector<std::string> codecs = {};         ///< of the installed pack
-  std::optional<AnsweredCheck> check = {};      ///< the last that the server answered
-  std::optional<HistoryEntry> last_entry = {};  ///< of the history
+  bool is_interrupted = false;                            ///< work is in progress in the record, and nobody is at work
+  std::optional<InstalledPack> installed = {};            ///< empty without one
+  std::vector<std::string> codecs = {};                   ///< of the installed pack
+  std::optional<AnsweredCheck> check = {};                ///< the last that the server answered
+  std::optional<HistoryEntry> last_entry = {};            ///< of the history
+  std::optional<std::chrono::sys_days> support_end = {};  ///< the last day of support
 };
 
 /// Whether somebody has to do something.
