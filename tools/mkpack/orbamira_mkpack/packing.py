@@ -70,9 +70,9 @@ def payload_members(folder, prefix=""):
                 yield from payload_members(entry.path, path + "/")
 
 
-def check_bounds(payload, codecs):
-    """Refuses a payload that no appliance would unpack; returns how many bytes its files have."""
-    count, size = len(codecs), 0
+def check_bounds(payload, added):
+    """Refuses a payload that no appliance would unpack with `added` more members; returns its files' size in bytes."""
+    count, size = added, 0
     for path in payload_members(payload):
         if len(os.fsencode(path)) > rules.MAX_NAME_SIZE:
             raise MkpackError(
@@ -123,13 +123,33 @@ def changed(name):
     )
 
 
+class DigestingReader:
+    """Passes on what is read of a file and keeps its SHA-256."""
+
+    def __init__(self, file):
+        self._file = file
+        self._sha256 = hashlib.sha256()
+
+    def read(self, size):
+        data = self._file.read(size)
+        self._sha256.update(data)
+        return data
+
+    def hexdigest(self):
+        return self._sha256.hexdigest()
+
+
 def add_file(archive, info, source, bar):
-    """Adds the regular file `source`. It must stay as it is meanwhile: a mixture of old and new is no use to anyone."""
+    """Adds the regular file `source`, and returns its SHA-256.
+
+    It must stay as it is meanwhile: a mixture of old and new is no use to anyone.
+    """
     with open(os.open(source, os.O_RDONLY | os.O_NOFOLLOW | os.O_CLOEXEC), "rb") as file:
         before = os.fstat(file.fileno())
         info.size = before.st_size
         try:
-            archive.addfile(info, bar.counted(file))
+            reader = DigestingReader(bar.counted(file))
+            archive.addfile(info, reader)
         except OSError as error:
             # tarfile's own words for a file that became shorter carry no error number.
             if error.errno is not None:
@@ -138,10 +158,21 @@ def add_file(archive, info, source, bar):
         after = os.fstat(file.fileno())
     if (before.st_size, before.st_mtime_ns) != (after.st_size, after.st_mtime_ns):
         raise changed(info.name)
+    return reader.hexdigest()
 
 
-def write_payload(payload, codecs, mtime, file, bar):
-    """Writes package.tgz: the payload folder's content and the marker of each codec."""
+def add_text(archive, name, text, mtime):
+    info = tarfile.TarInfo(name)
+    info.mtime = mtime
+    info.size = len(text)
+    archive.addfile(info, io.BytesIO(text))
+
+
+def write_payload(payload, codecs, bill, mtime, file, bar):
+    """Writes package.tgz: the payload folder's content, the marker of each codec, and the bill of materials if any.
+
+    Returns the bill's text.
+    """
     with (
         gzip.GzipFile(filename="", mode="wb", compresslevel=GZIP_LEVEL, fileobj=file, mtime=0) as compressed,
         tarfile.open(fileobj=compressed, mode="w|", format=tarfile.PAX_FORMAT) as archive,
@@ -150,15 +181,14 @@ def write_payload(payload, codecs, mtime, file, bar):
             info = tarfile.TarInfo(rules.marker_of(codec))
             info.mtime = mtime
             archive.addfile(info)
-        empty = True
+        digests = {}
         for path in payload_members(payload):
             if path in RESERVED_NAMES or path.startswith(RESERVED_PREFIX):
                 raise MkpackError(f"{path} in the payload has a name that is reserved in packs", "Rename it")
             source = os.path.join(payload, path)
             info = member_info(path, os.lstat(source), mtime)
             if info.isreg():
-                empty = False
-                add_file(archive, info, source, bar)
+                digests[path] = add_file(archive, info, source, bar)
                 continue
             if info.issym():
                 info.linkname = os.readlink(source)
@@ -168,10 +198,15 @@ def write_payload(payload, codecs, mtime, file, bar):
                         "Link to a file in the payload, by a relative path",
                     )
             archive.addfile(info)
-        if empty:
+        if not digests:
             raise MkpackError(
                 "the payload contains no file", "Name the folder with the content of the pack by --payload"
             )
+        if bill is None:
+            return None
+        text = bill.text(digests)
+        add_text(archive, rules.BILL_NAME, text, mtime)
+        return text
 
 
 def manifest(members):
@@ -273,20 +308,37 @@ def work_folder(folder):
         shutil.rmtree(path, ignore_errors=True)
 
 
-def make_package(options):
-    """Makes the package file in the output folder; returns its name, its size and its SHA-256."""
+def bill_beside(package):
+    """The name of the bill of materials that lies beside the package of this name."""
+    return package.removesuffix(".opk") + ".cdx.json"
+
+
+def put_bill(text, work, path):
+    temporary = os.path.join(work, "bill")
+    with open(temporary, "wb") as file:
+        file.write(text)
+        put_in_place(file, temporary, path)
+
+
+def make_package(options, bill=None):
+    """Makes the package file in the output folder, and beside it a copy of the bill of materials if there is one.
+
+    Returns the package's name, its size and its SHA-256.
+    """
     mtime = source_date()
-    payload_size = check_bounds(options.payload, options.codec)
+    payload_size = check_bounds(options.payload, len(options.codec) + (bill is not None))
     with work_folder(options.output) as work:
         temporary = os.path.join(work, "package.opk")
         with open(os.path.join(work, rules.PAYLOAD_NAME), "w+b") as payload_file, open(temporary, "wb") as file:
             with Bar(payload_size, sys.stderr) as bar:
-                write_payload(options.payload, options.codec, mtime, payload_file, bar)
+                bill_text = write_payload(options.payload, options.codec, bill, mtime, payload_file, bar)
             text = f'package="{options.name}"\nversion="{options.version}"\n'
             members = {rules.INFO_NAME: io.BytesIO(text.encode()), rules.PAYLOAD_NAME: payload_file}
             if options.sign_key is not None:
                 members = signed(members, options.sign_key, options.sign_cert, work)
             size, checksum = write_package(members, mtime, file)
             name = f"{options.name}-{options.version}-{checksum[:rules.DIGITS_IN_NAME]}.opk"
+            if bill_text is not None:
+                put_bill(bill_text, work, os.path.join(options.output, bill_beside(name)))
             put_in_place(file, temporary, os.path.join(options.output, name))
     return name, size, checksum

@@ -9,6 +9,7 @@ import sys
 import urllib.parse
 
 from orbamira_mkpack import rules
+from orbamira_mkpack.bill import Bill
 from orbamira_mkpack.command_line import (
     EXIT_FAILED,
     ArgumentParser,
@@ -18,7 +19,7 @@ from orbamira_mkpack.command_line import (
     printable,
     system_words,
 )
-from orbamira_mkpack.packing import MkpackError, make_package, put_in_place, work_folder
+from orbamira_mkpack.packing import MkpackError, bill_beside, make_package, put_in_place, work_folder
 
 DESCRIPTION = """\
 Packs a folder into a package and publishes it: writes the package into the folder that a web server serves, and names
@@ -49,6 +50,15 @@ signing
   contains the time when it was made, so a signed package is not reproducible byte for byte. To check a signature by
   hand:
   openssl cms -verify -binary -inform DER -in MANIFEST.sig -content MANIFEST -CAfile CA -no-CApath -purpose any
+
+bill of materials
+  --sbom FILE puts {rules.BILL_NAME} into the payload, and the same bytes beside the package: a CycloneDX 1.6 document
+  that lists each component of the pack, its files with their SHA-256, and what they need. FILE is TOML: supplier, who
+  publishes the pack, and for each component a table [[component]] with name, version, licence (an SPDX expression),
+  supplier and files (patterns; * matches / too), and as options purl and cpe. Each file of the payload belongs to
+  exactly one component; anything missing is an error. What a library calls itself and needs is read from its ELF
+  headers; a library that the pack needs and does not contain is listed as the appliance's. If SOURCE_DATE_EPOCH is
+  set, it is the bill's time; without it the bill has none.
 
 versions
   Appliances install a pack if its version is newer than theirs. They split both versions at . - _ and + and compare
@@ -86,6 +96,8 @@ files
   OUTPUT/NAME-VERSION-DIGEST.opk   the package: a tar archive of INFO (name and version) and package.tgz (the payload
                                    and an empty file has_CODEC for each codec). DIGEST is the beginning of the file's
                                    SHA-256, so the content under a name never changes, and caches may keep it for ever.
+  OUTPUT/NAME-VERSION-DIGEST.cdx.json
+                                   the bill of materials of that package, with --sbom.
   OUTPUT/reply.json                a JSON object with one member for each pack name: title, version, link, checksum
                                    and size in bytes of the pack published last. Members of other names stay.
   OUTPUT/.reply.json.lock          the lock that mkpack holds while it changes the reply.
@@ -145,6 +157,11 @@ def make_parser():
         "--allow-older",
         action="store_true",
         help="publish a version that is older than the published one, which appliances that have that one keep",
+    )
+    parser.add_argument(
+        "--sbom",
+        metavar="FILE",
+        help="put a bill of materials (CycloneDX) into the package and beside it; FILE describes the components",
     )
     parser.add_argument("--sign-key", metavar="KEY", help="sign the package with this private key (PEM)")
     parser.add_argument(
@@ -240,7 +257,7 @@ def main(arguments):
     try:
         # A reply that cannot be used is found before the work rather than after it.
         refuse_older(read_reply(options.reply), options)
-        file_name, size, checksum = make_package(options)
+        file_name, size, checksum = make_package(options, Bill(options) if options.sbom else None)
         member = {
             "title": options.title,
             "version": options.version,
@@ -257,5 +274,7 @@ def main(arguments):
     print(f"package   {os.path.join(options.output, file_name)}")
     print(f"size      {size}")
     print(f"checksum  {checksum}")
+    if options.sbom:
+        print(f"sbom      {os.path.join(options.output, bill_beside(file_name))}")
     print(f"reply     {options.reply}")
     return 0

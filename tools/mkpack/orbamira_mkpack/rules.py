@@ -15,6 +15,8 @@ INFO_NAME = "INFO"
 PAYLOAD_NAME = "package.tgz"
 MANIFEST_NAME = "MANIFEST"
 SIGNATURE_NAME = "MANIFEST.sig"
+# In the payload, so that the appliance has it; a copy lies beside the package.
+BILL_NAME = "sbom.cdx.json"
 
 # What appliances unpack at most.
 MAX_NAME_SIZE = 4096
