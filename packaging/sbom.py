@@ -9,12 +9,15 @@ where it was built, has no version.
 """
 
 import hashlib
-import json
 import pathlib
 import re
 import subprocess
 import sys
-import uuid
+
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tools/mkpack"))
+
+from orbamira_mkpack import cyclonedx  # noqa: E402
 
 # What our programs are linked with statically, by the package that has them.
 CONTAINED = {"orbamira-common": ("libc.a", "libstdc++.a"), "orbamira-tools": ("CLI/CLI.hpp",)}
@@ -60,14 +63,7 @@ def installed(name):
 
 def component(name, version, supplier):
     reference = f"pkg:deb/debian/{name}@{version}"
-    return {
-        "type": "library",
-        "bom-ref": reference,
-        "supplier": {"name": supplier},
-        "name": name,
-        "version": version,
-        "purl": reference,
-    }
+    return cyclonedx.library(name, version, supplier) | {"bom-ref": reference, "purl": reference}
 
 
 def needed_component(choices, ours):
@@ -86,7 +82,7 @@ def our_component(package):
     ours.pop("purl")  # no archive has it
     return ours | {
         "description": package["Description"].splitlines()[0],
-        "hashes": [{"alg": "SHA-256", "content": digest}],
+        "hashes": cyclonedx.sha256(digest),
         "licenses": [{"license": {"name": "see LICENSE"}}],
     }
 
@@ -118,31 +114,21 @@ def contained_in(package):
 
 def bill(packages):
     ours = {package["Package"]: our_component(package) for package in packages}
-    others, graph = {}, []
+    others, graph = {}, {}
     for package in packages:
         parts = contained_in(package)
         parts += [needed_component(choices, ours) for choices in needed_by(package)]
         others |= {part["bom-ref"]: part for part in parts if part["name"] not in ours}
-        references = sorted({part["bom-ref"] for part in parts})
-        graph.append({"ref": ours[package["Package"]]["bom-ref"], "dependsOn": references})
-    text = {
-        "$schema": "http://cyclonedx.org/schema/bom-1.6.schema.json",
-        "bomFormat": "CycloneDX",
-        "specVersion": "1.6",
-        "version": 1,
-        "metadata": {"component": {"type": "application", "name": "orbamira", "version": packages[0]["Version"]}},
-        "components": [*ours.values(), *(others[key] for key in sorted(others))],
-        "dependencies": graph,
-    }
-    serial = uuid.uuid5(uuid.NAMESPACE_URL, json.dumps(text, sort_keys=True))
-    return text | {"serialNumber": f"urn:uuid:{serial}"}
+        graph[ours[package["Package"]]["bom-ref"]] = {part["bom-ref"] for part in parts}
+    subject = {"type": "application", "name": "orbamira", "version": packages[0]["Version"]}
+    return cyclonedx.document(subject, [*ours.values(), *(others[key] for key in sorted(others))], graph)
 
 
 def main(debs):
     if not debs or debs[0].startswith("-"):
         sys.exit(__doc__)
     packages = sorted((fields_of(deb) for deb in debs), key=lambda package: package["Package"])
-    print(json.dumps(bill(packages), indent=2))
+    print(bill(packages), end="")
 
 
 if __name__ == "__main__":

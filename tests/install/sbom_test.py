@@ -9,6 +9,9 @@ import subprocess
 import sys
 import unittest
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+import cyclonedx  # noqa: E402
+
 SBOM = pathlib.Path(__file__).resolve().parents[2] / "packaging" / "sbom.py"
 
 
@@ -36,6 +39,10 @@ class SbomTest(unittest.TestCase):
         self.assertEqual(("CycloneDX", "1.6"), (self.bill["bomFormat"], self.bill["specVersion"]))
         self.assertRegex(self.bill["serialNumber"], r"^urn:uuid:[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$")
         self.assertEqual(len(self.parts), len(self.bill["components"]), "two components have one reference")
+
+    @unittest.skipUnless(cyclonedx.IS_THERE, "without the schema")
+    def test_is_valid_in_the_eyes_of_the_official_schema(self):
+        self.assertEqual([], cyclonedx.problems(self.bill))
 
     def test_every_package_has_its_digest(self):
         self.assertEqual(5, len(self.debs))
