@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/exception.h"
+#include "platform/http/file_download.h"
 #include "platform/network/network.h"
 
 namespace orbamira::wrapper {
@@ -41,5 +42,7 @@ std::shared_ptr<DownloadWrapper> DownloadWrapper::CreateForSize(std::int64_t siz
   policy.size = size;
   return Make(policy);
 }
+
+std::shared_ptr<DownloadWrapper> DownloadWrapper::CreateForFile() { return MakeFileDownload(); }
 
 }  // namespace orbamira::wrapper

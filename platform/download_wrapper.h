@@ -21,6 +21,10 @@ class ORBAMIRA_EXPORT DownloadWrapper {
   /// Makes a download that fails when the body has more than `size` bytes.
   static std::shared_ptr<DownloadWrapper> CreateForSize(std::int64_t size);
 
+  /// Makes a download whose link is the path of a regular file, such as one on a stick. It needs no network; a file
+  /// that cannot be read to its end is a transport failure, and all else is as below.
+  static std::shared_ptr<DownloadWrapper> CreateForFile();
+
   virtual ~DownloadWrapper() = default;
 
   /// Fetches the link and writes the body to `file`. The stream stays open and belongs to the caller. Blocks until the
