@@ -35,12 +35,14 @@ using namespace orbamira;
 using namespace orbamira::tools;
 
 constexpr int kExitUsage = 64;
+constexpr int kLimit = 1;  // long options without a letter
+constexpr int kTrust = 2;
 constexpr uint64_t kDefaultLimit = 16ULL << 30;
 
 constexpr const char* kUsage =
     "Usage: orba-archive -xf ARCHIVE [-C DIR] [--limit BYTES]\n"
     "       orba-archive -tf ARCHIVE\n"
-    "       orba-archive --verify PACKAGE\n"
+    "       orba-archive --verify PACKAGE [-C DIR]\n"
     "       orba-archive -cf ARCHIVE [-C DIR] MEMBER...\n"
     "Unpack, list, verify or create a package archive; called as orba-tar, its payload.\n"
     "\n"
@@ -56,7 +58,9 @@ constexpr const char* kUsage =
     "                 each file, folder and link; by default the unpack_limit of the\n"
     "                 settings, or 17179869184\n"
     "  --verify PACKAGE\n"
-    "                 read PACKAGE to its end and judge it as -x does; write nothing\n"
+    "                 read PACKAGE to its end and judge it as -x does; write nothing,\n"
+    "                 or with -C the INFO of an accepted one into DIR\n"
+    "  --trust        judge a package as if there were no keyring\n"
     "  --help         print this text\n"
     "  --version      print the version\n"
     "\n"
@@ -71,6 +75,7 @@ struct Options {
   std::string archive;
   std::optional<std::string> folder;
   std::optional<uint64_t> limit;
+  bool trust = false;
   std::vector<std::string> members;
 };
 
@@ -85,19 +90,19 @@ std::optional<Number> ParseNumber(std::string_view text) {
 }
 
 void CheckCombination(const Options& options) {
-  const bool only_reading = options.action == 't' || options.action == 'y';
-  if (options.archive.empty() || (only_reading && options.folder) || (options.action != 'x' && options.limit) ||
+  const bool judges = options.action == 'x' || options.action == 'y';
+  if (options.archive.empty() || (options.action == 't' && options.folder) ||
+      (options.action != 'x' && options.limit) || (options.trust && !judges) ||
       (options.action == 'c') == options.members.empty()) {
     throw UsageError();
   }
 }
 
 Options ParseOptions(int argc, char** argv) {
-  constexpr int kLimit = 1;
   static constexpr std::array kLongOptions = {
       option{"limit", required_argument, nullptr, kLimit}, option{"verify", required_argument, nullptr, 'y'},
-      option{"help", no_argument, nullptr, 'h'}, option{"version", no_argument, nullptr, 'v'},
-      option{nullptr, 0, nullptr, 0}};
+      option{"trust", no_argument, nullptr, kTrust},       option{"help", no_argument, nullptr, 'h'},
+      option{"version", no_argument, nullptr, 'v'},        option{nullptr, 0, nullptr, 0}};
   Options options;
   opterr = 0;
   for (int letter = 0; (letter = getopt_long(argc, argv, "xtcf:C:", kLongOptions.data(), nullptr)) != -1;) {
@@ -123,6 +128,9 @@ Options ParseOptions(int argc, char** argv) {
         if (!options.limit) {
           throw UsageError();
         }
+        break;
+      case kTrust:
+        options.trust = true;
         break;
       case 'h':
       case 'v':
@@ -174,9 +182,12 @@ uint64_t LimitFromSettings() {
   return *limit;
 }
 
-/// The keyring, if there is one. A link that leads nowhere counts as a keyring that cannot be read, because somebody
-/// who made it does not want every package accepted.
-std::optional<std::string> Keyring() {
+/// The keyring that the package is judged by, if there is one. A link that leads nowhere counts as a keyring that
+/// cannot be read, because somebody who made it does not want every package accepted.
+std::optional<std::string> KeyringFor(const Options& options) {
+  if (options.trust) {
+    return std::nullopt;
+  }
   struct stat status = {};
   if (lstat(path::kKeyring, &status) == 0) {
     return path::kKeyring;
@@ -194,12 +205,22 @@ void Unpack(const Options& options, Layer layer) {
   umask(0);
   ClearOwnFolder(folder.get(), file.get(), layer);
   if (layer == Layer::kPackage) {
-    UnpackPackage(file.get(), folder.get(), limit, Keyring());
+    UnpackPackage(file.get(), folder.get(), limit, KeyringFor(options));
     return;
   }
   // The payload comes from a package that was checked.
   ArchiveReader archive(file.get(), layer);
   Extractor(folder.get(), limit).Unpack(archive);
+}
+
+void Verify(const Options& options) {
+  const UniqueFd file = OpenArchive(options.archive);
+  if (!options.folder) {
+    CheckPackage(file.get(), KeyringFor(options));
+    return;
+  }
+  umask(0);
+  UnpackInfo(file.get(), OpenFolder(options).get(), KeyringFor(options));
 }
 
 void Print(const std::string& text) {
@@ -240,7 +261,7 @@ void Run(const Options& options, Layer layer) {
       Create(options, layer);
       break;
     case 'y':
-      CheckPackage(OpenArchive(options.archive).get(), Keyring());
+      Verify(options);
       break;
     case 'h':
       Print(kUsage);

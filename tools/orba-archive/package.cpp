@@ -22,6 +22,8 @@ namespace orbamira::tools {
 namespace {
 
 constexpr mode_t kModes = 0755;
+constexpr const char* kInfoName = "INFO";
+constexpr mode_t kInfoMode = 0644;
 
 /// Opens the file for a member's contents. Not valid when they are only checked.
 using OpenFile = std::function<UniqueFd(const std::string& name, const Member& member)>;
@@ -159,6 +161,20 @@ void ReadAndJudge(int package, const std::optional<std::string>& keyring, OpenFi
 
 void CheckPackage(int package, const std::optional<std::string>& keyring) {
   ReadAndJudge(package, keyring, [](const std::string& /*name*/, const Member& /*member*/) { return UniqueFd(); });
+}
+
+void UnpackInfo(int package, int folder, const std::optional<std::string>& keyring) {
+  StagedFiles files(folder);
+  ReadAndJudge(package, keyring, [&files](const std::string& name, const Member& member) {
+    if (member.name != kInfoName) {
+      return UniqueFd();
+    }
+    if (member.size > kMaxTextSize) {
+      throw std::runtime_error("longer than " + std::to_string(kMaxTextSize) + " bytes");
+    }
+    return files.Add(name, kInfoMode);
+  });
+  files.Publish();
 }
 
 void UnpackPackage(int package, int folder, uint64_t limit, const std::optional<std::string>& keyring) {

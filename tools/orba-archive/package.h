@@ -11,10 +11,14 @@ namespace orbamira::tools {
 /// file meanwhile. The memory that this takes is limited by the longest manifest.
 ///
 /// With a keyring, the package must be signed as CheckSignature() requires; without one, every package is accepted.
-/// Both functions throw std::runtime_error with the reason for a refusal, or std::system_error.
+/// All of them throw std::runtime_error with the reason for a refusal, or std::system_error.
 
 /// Checks the open package file. Writes nothing.
 void CheckPackage(int package, const std::optional<std::string>& keyring);
+
+/// Checks the open package file and unpacks its information file, INFO, into the open folder, where no file of that
+/// name may be. A package that has none is accepted. The process's umask must be 0.
+void UnpackInfo(int package, int folder, const std::optional<std::string>& keyring);
 
 /// Unpacks the open package file into the open folder: all members, or none. Whatever it contains, nothing outside the
 /// folder is created, changed or followed, no existing file in it is touched, and no more is unpacked than `limit` (as

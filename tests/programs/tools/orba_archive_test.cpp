@@ -979,6 +979,7 @@ TEST_F(OrbaArchiveTest, WrongUsagePrintsTheUsageAndExits64) {
                                                        {"-xf", "a", "member"},
                                                        {"-tf", "a", "-C", "."},
                                                        {"-tf", "a", "--limit", "5"},
+                                                       {"-tf", "a", "--trust"},
                                                        {"-cf", "a", "-C", "."},
                                                        {"-xf", "a", "--limit", "much"},
                                                        {"-xf", "a", "--limit", "-5"},

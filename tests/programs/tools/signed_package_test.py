@@ -126,6 +126,35 @@ class SignedPackageTest(unittest.TestCase):
         self.assertEqual((0, "", ""), (done.returncode, done.stdout, done.stderr))
         self.assertEqual(before, sorted(self.top.rglob("*")))
 
+    def test_verifying_into_a_folder_leaves_the_information_of_an_accepted_package(self):
+        self.trust("ca")
+        verify = ("--verify", self.package, "-C", self.folder)
+        self.package.write_bytes(tar(self.members.items()))
+        self.assertEqual(1, self.run_tool("orba-archive", *verify).returncode)
+        self.assertEqual([], list(self.folder.iterdir()))
+        self.pack()
+        done = self.run_tool("orba-archive", *verify)
+        self.assertEqual((0, "", ""), (done.returncode, done.stdout, done.stderr))
+        self.assertEqual([self.folder / "INFO"], list(self.folder.iterdir()))
+        self.assertEqual(self.members["INFO"], (self.folder / "INFO").read_bytes())
+        self.assertEqual(0o644, (self.folder / "INFO").stat().st_mode & 0o777)
+        done = self.run_tool("orba-archive", *verify)
+        self.assertEqual((1, [self.folder / "INFO"]), (done.returncode, list(self.folder.iterdir())))
+
+    def test_information_that_is_verified_is_bounded(self):
+        self.package.write_bytes(tar([("INFO", bytes(LIMIT_OF_TEXTS + 1))]))
+        done = self.run_tool("orba-archive", "--verify", self.package, "-C", self.folder)
+        self.assertEqual((1, []), (done.returncode, list(self.folder.iterdir())))
+        self.assertIn("INFO: longer than 1048576 bytes", done.stderr)
+
+    def test_trust_takes_the_place_of_a_signature(self):
+        self.trust("ca")
+        self.package.write_bytes(tar(self.members.items()))
+        for action in (("--verify", self.package), ("-xf", self.package, "-C", self.folder)):
+            with self.subTest(action[0]):
+                self.assertEqual(1, self.run_tool("orba-archive", *action).returncode)
+                self.assertEqual(0, self.run_tool("orba-archive", *action, "--trust").returncode)
+
     @unittest.skipUnless("SWAPPED_PACKAGE" in os.environ, "a sanitizer keeps others from being preloaded")
     def test_what_is_unpacked_is_what_was_verified(self):
         """A local user who could write to the package used to change it between two passes over it."""
