@@ -1,13 +1,13 @@
 // Runs a program with everything that it starts, numbers every system call by which they change files or make changes
 // durable, and brings a fault about at one of them:
 //
-//   fault_injector [--record FILE] [--at N --fault kill|power|tear|EIO|ENOSPC] [--below FOLDER] -- PROGRAM
-//   [ARGUMENT...]
+//   fault_injector [--record FILE] [--at N --fault kill|power|tear|EIO|ENOSPC] [--below FOLDER] [--reads FILE]
+//   -- PROGRAM [ARGUMENT...]
 //
 // "kill" ends the whole family by SIGKILL in place of the call. "power" and "tear" do so too and then take from every
 // file below FOLDER what was not synced. The others make the call fail with that error. The exit status is the
 // program's own, 137 after a kill or a power cut, and 125 when the injector itself failed. FILE gets a line for every
-// numbered call: number, process, system call, path.
+// numbered call: number, process, system call, path. With --reads, calls that read that file are numbered too.
 //
 // What a power cut loses here is the worst that a journalling file system with delayed allocation does: of a file
 // written since its last fsync, fdatasync, syncfs or sync nothing remains, whatever names it has by then, its earlier
@@ -60,7 +60,7 @@ constexpr int kExitKilled = 137;
 constexpr int kExitInjectorFailed = 125;
 
 // Where a call names the file that it changes: by a path or a descriptor in one of its arguments.
-enum class Target { kPath, kPathAt, kDescriptor, kOpenedPath, kClonedTo, kEverything };
+enum class Target { kPath, kPathAt, kDescriptor, kRead, kOpenedPath, kClonedTo, kEverything };
 
 // What the call means for the data that a power cut loses.
 enum class Effect { kNone, kWrites, kSyncsFile, kSyncsFileSystem, kSyncsAll };
@@ -72,11 +72,13 @@ struct Call {
   Effect effect = Effect::kNone;
 };
 
-// Every call by which the updater and its programs could change a file or wait for the disk.
+// Every call by which the updater and its programs could change a file or wait for the disk, and the one by which they
+// read a file in whose reading a fault is brought about.
 const std::map<long, Call> kCalls = {
     {SYS_openat, {"openat", Target::kOpenedPath, 1}},
     {SYS_open, {"open", Target::kOpenedPath, 0}},
     {SYS_creat, {"creat", Target::kPath, 0}},
+    {SYS_read, {"read", Target::kRead, 0}},
     {SYS_write, {"write", Target::kDescriptor, 0, Effect::kWrites}},
     {SYS_pwrite64, {"pwrite64", Target::kDescriptor, 0, Effect::kWrites}},
     {SYS_writev, {"writev", Target::kDescriptor, 0, Effect::kWrites}},
@@ -116,6 +118,7 @@ const std::map<long, Call> kCalls = {
 struct Fault {
   long at = 0;        // number of the call; 0 for none
   int error = 0;      // what the call fails with; 0 kills
+  std::string reads;  // the file whose reading is numbered too; empty for none
   std::string below;  // where files lose what was not synced; empty when none do
   bool tear = false;  // whether the first changed sector of a file is not lost
 };
@@ -246,12 +249,15 @@ class Family {
   }
 
  private:
-  [[noreturn]] static void Become(std::vector<char*>& command) {
+  [[noreturn]] void Become(std::vector<char*>& command) const {
     setpgid(0, 0);
     ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     static_cast<void>(raise(SIGSTOP));
     std::vector<sock_filter> filter = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
     for (const auto& [number, call] : kCalls) {
+      if (call.target == Target::kRead && fault_.reads.empty()) {
+        continue;
+      }
       filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<__u32>(number), 0, 1));
       filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRACE));
     }
@@ -331,8 +337,9 @@ class Family {
     }
   }
 
-  // The file that the call would change; none for a call that changes none: an open for reading, output to a terminal.
-  static std::optional<Changed> ChangedFile(pid_t member, const Call& call, const user_regs_struct& registers) {
+  // The file that the call would change, or read; none for a call that changes none: an open for reading, output to a
+  // terminal.
+  std::optional<Changed> ChangedFile(pid_t member, const Call& call, const user_regs_struct& registers) const {
     const std::array<unsigned long long, 6> arguments = {registers.rdi, registers.rsi, registers.rdx,
                                                          registers.r10, registers.r8,  registers.r9};
     const unsigned long long argument = arguments.at(static_cast<std::size_t>(call.argument));
@@ -344,6 +351,10 @@ class Family {
         return OpenFile(member, argument);
       case Target::kDescriptor:
         return OpenFile(member, argument);
+      case Target::kRead: {
+        const std::optional<Changed> file = OpenFile(member, argument);
+        return file && file->path == fault_.reads ? file : std::nullopt;
+      }
       case Target::kOpenedPath: {
         const auto flags = static_cast<int>(arguments.at(static_cast<std::size_t>(call.argument) + 1));
         if ((flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) == 0) {
@@ -402,6 +413,7 @@ int Inject(int argc, char** argv) {
   app.add_option("--fault", fault_name, "what happens there")
       ->check(CLI::IsMember({"kill", "power", "tear", "EIO", "ENOSPC"}));
   app.add_option("--below", fault.below, "folder whose files lose what was not synced")->check(CLI::ExistingDirectory);
+  app.add_option("--reads", fault.reads, "number the calls that read this file, too")->check(CLI::ExistingFile);
   app.add_option("command", command, "absolute path of the program, and its arguments")->required();
   CLI11_PARSE(app, argc, argv);
   if (fault_name == "EIO" || fault_name == "ENOSPC") {

@@ -52,6 +52,15 @@ class InjectorTest(unittest.TestCase):
         self.assertEqual([path for _, process, call, path in calls if call == "write"], [str(self.folder / "file")])
         self.assertEqual({process for _, process, *_ in calls}, {"sh", "mv", "rm"})
 
+    def test_reading_is_numbered_for_the_file_that_is_named(self):
+        for name in ("named", "other"):
+            (self.folder / name).write_text("text")
+        named = self.folder / "named"
+        status, calls = self.inject("cat named other > /dev/null", "--reads", named)
+        self.assertEqual((status, {(call, path) for _, _, call, path in calls}), (0, {("read", str(named))}))
+        self.assertEqual(self.inject("cat named", "--reads", named, "--at", 1, "--fault", "EIO")[0], 1)
+        self.assertEqual(self.inject("cat named other")[1], [])
+
     def test_output_to_devices_is_not_numbered(self):
         self.assertEqual(self.inject("echo text > /dev/null; cat < /dev/zero | head -c 1 > /dev/null"), (0, []))
 
