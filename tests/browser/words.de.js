@@ -174,6 +174,9 @@ export const words = {
       remedy: "Starten Sie die Diagnose.",
     },
     bad_package: { cause: "Das Paket ist beschädigt.", remedy: "Der Herausgeber muss es neu veröffentlichen." },
+    file_unusable: { cause: "Die Datei des Pakets ist nicht lesbar.", remedy: "Prüfen Sie den Stick." },
+    wrong_pack: { cause: "Das Paket ist für ein anderes Gerät.", remedy: "Besorgen Sie das passende Paket." },
+    older_version: { cause: "Das Paket ist älter als das installierte.", remedy: "Besorgen Sie ein neueres." },
     checksum_mismatch: { cause: "Das Paket ist nicht das angekündigte.", remedy: "Versuchen Sie es noch einmal." },
     server_unreachable: {
       cause: "Der Server ist nicht erreichbar.",

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Brings every fault about at every file-changing system call of an update, and looks at what is left.
 
-Seven runs of packctl are struck: a first update; an upgrade, at once and as a download and an install; the removal of a
-pack; the check that finds a broken status store; and the recovery of an upgrade that was killed before its new pack was
-in place. And three of a host of the library on an appliance without packctl: a first update; an upgrade; and its next
-start after an upgrade that was killed there.
+Eight runs of packctl are struck: a first update; an upgrade, at once, as a download and an install, and from a file,
+where the calls that read the file are struck too; the removal of a pack; the check that finds a broken status store;
+and the recovery of an upgrade that was killed before its new pack was in place. And three of a host of the library on an
+appliance without packctl: a first update; an upgrade; and its next start after an upgrade that was killed there.
 
 Each is run once to number its calls. Then, for a call and a fault, the same is run again from the same state with
 that fault: the whole family of processes is killed there, or killed with the loss of all data that was not synced (a
@@ -52,12 +52,15 @@ class Scenario:
     command: str  # of packctl, the one that is struck; empty for the host
     old: str | None  # version of the pack that is there before
     broken: bytes | None = None  # text of the status store when it is unreadable before
+    file: pathlib.Path | None = None  # that is read, and whose reading is struck too
 
     @property
     def aftermath(self):
         return Aftermath if self.command else HostAftermath
 
     def run(self, appliance, *wrapper):
+        if wrapper and self.file:
+            wrapper = (wrapper[0], "--reads", self.file, *wrapper[1:])
         return appliance.run(appliance.program(self.aftermath.PROGRAM), *self.command.split(), wrapper=wrapper)
 
 
@@ -105,6 +108,9 @@ class Matrix:
         downloaded = upgrade.copy_to(self.folder / "downloaded")
         downloaded.expect("download")
         self.scenarios["install"] = Scenario(downloaded, "install", OLD)
+
+        file = next(publisher.folder.glob(f"*-{NEW}-*.opk"))
+        self.scenarios["install from a file"] = Scenario(upgrade, f"install --trust --file {file}", OLD, file=file)
 
         installed = fresh.copy_to(self.folder / "installed")
         installed.expect("update")

@@ -52,6 +52,10 @@ std::vector<Case> Cases() {
   const std::string denied = std::strerror(EACCES);
   return {
       {"no_space", {.log = {"Failed to download pack: x: " + full, "DoDownload failed"}}, "the disk is full"},
+      {"file_unusable",
+       {.log = {"Failed to download pack: cannot read the package file: /stick/p.opk: " +
+                std::string(std::strerror(EIO))}},
+       "the package file cannot be read (/stick/p.opk: " + std::string(std::strerror(EIO)) + ")"},
       {"no_space", {.programs = {archive + "unpacks to more than the 5 bytes that are free"}}, "the disk is full"},
       {"not_signed",
        {.programs = {archive + "not signed"}, .log = {"Failed to verify checksum of downloaded file."}},
@@ -204,6 +208,13 @@ TEST(ConnectionWordsTest, LeavesOtherWordsAlone) {
                             "Failed to connect to a after 7 ms: port 80 is closed"}) {
     EXPECT_EQ(ConnectionWords(words), words);
   }
+}
+
+TEST(ResultWordsTest, AWordIsQuotedAsAShellReadsIt) {
+  EXPECT_EQ(QuotedWord("/media/stick/pack-1.0.opk"), "/media/stick/pack-1.0.opk");
+  EXPECT_EQ(QuotedWord("my stick"), "'my stick'");
+  EXPECT_EQ(QuotedWord("it's"), R"('it'\''s')");
+  EXPECT_EQ(QuotedWord(""), "''");
 }
 
 TEST(ResultWordsTest, InstalledSentenceSaysWhatWasBeforeAndHowLongItTook) {

@@ -51,6 +51,7 @@ struct Outcome {
   std::string text = {};                    ///< the answer to a person; whole lines, may be empty
   std::vector<std::string> problems = {};   ///< sentences for the standard error; of a failure, behind its log
   std::optional<Failure> failure = {};      ///< why it was refused; why it failed is found out by the caller
+  std::string again = {};                   ///< the words that repeat the command; empty when its name does
   std::string version = {};                 ///< of the pack that the command worked on; empty when not known
 };
 
@@ -82,10 +83,12 @@ struct Options {
   bool watch = false;       ///< status: go on until interrupted
   bool cancelled = false;   ///< a flow: this process took the place of one that was cancelled
   bool yes = false;         ///< remove: do not ask
-  bool reinstall = false;   ///< update: also what is installed already
+  bool reinstall = false;   ///< update and install from a file: also what is installed already
   std::size_t limit = 50;   ///< history: only so many entries
   bool no_pager = false;    ///< history: print them, on a terminal too
   std::string output = {};  ///< metrics: the file to replace; empty for the standard output
+  std::string file = {};    ///< install: this package; empty for the one that was downloaded
+  bool trust = false;       ///< install from a file: without a signature, too
   SignInOptions sign_in = {};
   WebOptions web = {};
 };

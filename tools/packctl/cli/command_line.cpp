@@ -333,6 +333,15 @@ void AddUpdateOptions(CLI::App& parser, Options& options) {
   parser.add_flag("--reinstall", options.reinstall, "Install the pack on offer even if it is not newer");
 }
 
+void AddInstallOptions(CLI::App& parser, Options& options) {
+  AddFlowOptions(parser, options);
+  CLI::Option* const file =
+      parser.add_option("--file", options.file, "Install this signed package, from a stick for example")
+          ->type_name("FILE");
+  parser.add_flag("--trust", options.trust, "Install the file even if no signature vouches for it")->needs(file);
+  parser.add_flag("--reinstall", options.reinstall, "Install the file even if its version is installed")->needs(file);
+}
+
 void AddHistoryOptions(CLI::App& parser, Options& options) {
   parser.add_option("--limit", options.limit, "Show only the newest N entries (default 50)")
       ->type_name("N")

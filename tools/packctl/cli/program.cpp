@@ -51,7 +51,7 @@ Outcome Attempt(const Command& command, Context& context) try {
 Failure Explained(const std::string& command, const Said& said) {
   Failure failure = ExplainFailure(command, said);
   if (geteuid() != 0 && failure.code == CodeOf(FailureReason::kPermissionDenied)) {
-    return NeedsRoot(command).value_or(std::move(failure));
+    return NeedsRoot(command.substr(0, command.find(" --"))).value_or(std::move(failure));
   }
   return failure;
 }
@@ -116,8 +116,9 @@ Outcome RunChange(const Command& command, Context& context) {
   Console::Held held = context.console.TakeHeld();
   std::vector<std::string> errors = failed ? held.log : std::vector<std::string>();
   Append(errors, outcome.problems);
-  if (failed) {
-    outcome.failure = Explained(command.name, {held.other, held.log, outcome.problems});
+  if (failed && !outcome.failure) {
+    const std::string again = outcome.again.empty() ? command.name : outcome.again;
+    outcome.failure = Explained(again, {held.other, held.log, outcome.problems});
   }
   if (change.happened || failed) {
     const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);

@@ -18,10 +18,16 @@ constexpr std::array kCommands = {
             "Permitted if the status is need_download or download_failed. To install the pack afterwards, run\n"
             "\"packctl install\".",
             Download, AddFlowOptions},
-    Command{"install", Effect::kChange, "Install the downloaded pack",
-            "Permitted if the status is need_install or install_failed. Plugins are told before and after. If the\n"
-            "install fails, the previous pack comes back.",
-            Install, AddFlowOptions},
+    Command{
+        "install", Effect::kChange, "Install the downloaded pack",
+        "Permitted if the status is need_install or install_failed. Plugins are told before and after. If the\n"
+        "install fails, the previous pack comes back.\n"
+        "With --file it installs that package, as an update would, whatever the status, but not while it says that\n"
+        "work is in progress. The package must be signed by somebody whom the appliance's keyring trusts, fit the\n"
+        "appliance, and be no older than the installed pack.\n"
+        "Exit status 2, with --file: already up to date.\n"
+        "Example: packctl install --file /media/stick/pack.opk",
+        Install, AddInstallOptions},
     Command{
         "update", Effect::kChange, "Download the pack on offer and install it",
         "Permitted if the status is lost, need_download, need_install, download_install_failed or up_to_date.\n"

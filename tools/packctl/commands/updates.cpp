@@ -13,6 +13,7 @@
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/commands/watched_work.h"
+#include "tools/packctl/host/file_install.h"
 #include "tools/packctl/host/update_objects.h"
 #include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/record/installed_pack.h"
@@ -30,7 +31,7 @@ using Clock = std::chrono::steady_clock;
 /// One of the library's three flows.
 struct Flow {
   const char* name;  ///< a noun and a verb
-  bool (*run)(const UpdateObjects& objects);
+  std::function<bool(const UpdateObjects& objects)> run;
   bool installs;  ///< a pack is in place when it succeeded
 };
 
@@ -161,13 +162,17 @@ bool InstallWhatIsAccepted(const UpdateObjects& objects) {
   return false;
 }
 
-Outcome NothingNewer(const std::string& installed, const std::string& offered) {
-  NoteAnsweredCheck(offered, false);
+Outcome AlreadyUpToDate(const std::string& installed, const std::string& offered) {
   Outcome outcome = EndOfChange(kExitNothingToDo, "nothing_new");
   outcome.members["version"] = offered;
   outcome.members["installed_version"] = installed;
   outcome.text = "Already up to date (" + Printable(installed) + ").\n";
   return outcome;
+}
+
+Outcome NothingNewer(const std::string& installed, const std::string& offered) {
+  NoteAnsweredCheck(offered, false);
+  return AlreadyUpToDate(installed, offered);
 }
 
 /// Asks the server, where the record names no offer yet, whether there is anything newer than the installed pack. The
@@ -195,7 +200,30 @@ Outcome RunDownload(Context& context) {
                   {"download", [](const UpdateObjects& made) { return made.manager->Download(); }, false});
 }
 
+Outcome RunFileInstall(const Context& context) {
+  const UpdateObjects objects = MakeUpdateObjects();
+  const Options& options = context.options;
+  FileInstall install(objects, {.file = options.file, .trust = options.trust, .reinstall = options.reinstall});
+  Outcome outcome =
+      RunFlow(context, objects, {"install", [&install](const UpdateObjects& /*made*/) { return install.Run(); }, true});
+  if (install.is_installed_already()) {
+    return AlreadyUpToDate(install.version(), install.version());
+  }
+  if (!outcome.failure) {
+    outcome.failure = install.refusal();
+  }
+  if (outcome.exit == kExitFailed) {
+    BlameRequirements(*objects.manager, outcome);
+  }
+  outcome.again = "install --file " + QuotedWord(options.file);
+  outcome.version = install.version();
+  return outcome;
+}
+
 Outcome RunInstall(Context& context) {
+  if (!context.options.file.empty()) {
+    return RunFileInstall(context);
+  }
   const UpdateObjects objects = MakeUpdateObjects();
   return RunAbout(context, objects, RecordBefore().new_version, {"install", &InstallWhatIsAccepted, true});
 }

@@ -1,5 +1,7 @@
 #include "tools/packctl/host/asked_status_helper.h"
 
+#include "updater/status_record.h"
+
 namespace orbamira::packctl {
 
 bool AskedStatusHelper::CanDoDownload(updater::PackStatus status) const {
@@ -12,6 +14,10 @@ bool AskedStatusHelper::CanDoInstall(updater::PackStatus status) const {
 
 bool AskedStatusHelper::CanDoDownloadInstall(updater::PackStatus status) const {
   return Remember(status, PackStatusHelper::CanDoDownloadInstall(status));
+}
+
+bool AskedStatusHelper::CanDoFileInstall(updater::PackStatus status) const {
+  return Remember(status, !updater::IsUnderWay(status));
 }
 
 bool AskedStatusHelper::Remember(updater::PackStatus status, bool permitted) const {

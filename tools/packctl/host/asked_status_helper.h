@@ -18,6 +18,10 @@ class AskedStatusHelper : public updater::PackStatusHelper {
   bool CanDoInstall(updater::PackStatus status) const override;
   bool CanDoDownloadInstall(updater::PackStatus status) const override;
 
+  /// Whether an install from a file may begin: it waits for nothing, so that every status permits it but one of work
+  /// under way.
+  bool CanDoFileInstall(updater::PackStatus status) const;
+
   /// Whether the last flow that asked was permitted; false before one did.
   [[nodiscard]] bool permitted() const { return permitted_; }
 

@@ -62,4 +62,9 @@ bool CheckingPackHandler::DownloadWithProgress(const std::string& link, const st
   return DownloadThrough(wrapper::DownloadWrapper::CreateForSize(size->second), link, path, progress);
 }
 
+bool CheckingPackHandler::CopyWithProgress(const std::string& file, const std::string& path,
+                                           std::function<void(long, long)>& progress) {
+  return DownloadThrough(wrapper::DownloadWrapper::CreateForFile(), file, path, progress);
+}
+
 }  // namespace orbamira::packctl

@@ -32,6 +32,9 @@ class CheckingPackHandler : public updater::PackHandler {
   bool DownloadWithProgress(const std::string& link, const std::string& path,
                             std::function<void(long, long)>& progress) override;
 
+  /// Does what DownloadWithProgress() does, with a package file of this machine.
+  bool CopyWithProgress(const std::string& file, const std::string& path, std::function<void(long, long)>& progress);
+
   /// The version of the last offer that was asked for its version or its link; empty before one was.
   [[nodiscard]] const std::string& offered_version() const { return offered_version_; }
 

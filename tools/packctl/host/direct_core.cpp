@@ -43,6 +43,11 @@ int DirectCore::RunCommand(const std::vector<std::string>& args) {
   if (!args.empty() && args[0] == path::kNotifyPluginPyPath && !MayHavePlugins()) {
     return EXIT_SUCCESS;
   }
+  if (trusts_packages_ && !args.empty() && args[0] == path::kOrbaArchivePath) {
+    std::vector<std::string> trusting = args;
+    trusting.emplace_back("--trust");
+    return OrbaCoreWrapper::RunCommand(trusting);
+  }
   return OrbaCoreWrapper::RunCommand(args);
 }
 

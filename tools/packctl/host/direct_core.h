@@ -15,6 +15,12 @@ namespace orbamira::packctl {
 class DirectCore : public wrapper::OrbaCoreWrapper {
  public:
   int RunCommand(const std::vector<std::string>& args) override;
+
+  /// From now on orba-archive accepts packages without a signature, whatever keyring there is.
+  void TrustPackages() { trusts_packages_ = true; }
+
+ private:
+  bool trusts_packages_ = false;
 };
 
 }  // namespace orbamira::packctl

@@ -28,13 +28,13 @@ UpdateObjects MakeUpdateObjects() {
     throw std::runtime_error(std::string("cannot use the status store ") + path::kPackStatusFile);
   }
   auto status = std::make_shared<AskedStatusHelper>(std::move(store));
-  const auto core = std::make_shared<DirectCore>();
+  auto core = std::make_shared<DirectCore>();
   auto handler = std::make_shared<CheckingPackHandler>(wrapper::CprSession::Create(), facts, core,
                                                        std::make_shared<wrapper::OrbaSDKWrapper>());
   auto packages = std::make_shared<updater::PackageJudge>(core, std::make_shared<wrapper::OrbaPkgWrapper>());
   auto manager = std::make_unique<updater::PackManager>(core, packages, facts, status, handler,
                                                         std::make_shared<updater::PluginNotifier>(core));
-  return {std::move(packages), std::move(status), std::move(handler), std::move(manager)};
+  return {std::move(core), std::move(packages), std::move(status), std::move(handler), std::move(manager)};
 }
 
 }  // namespace orbamira::packctl

@@ -16,6 +16,12 @@ const char* CodeOf(FailureReason reason) {
       return "keyring_unusable";
     case FailureReason::kBadPackage:
       return "bad_package";
+    case FailureReason::kFileUnusable:
+      return "file_unusable";
+    case FailureReason::kWrongPack:
+      return "wrong_pack";
+    case FailureReason::kOlderVersion:
+      return "older_version";
     case FailureReason::kChecksumMismatch:
       return "checksum_mismatch";
     case FailureReason::kServerUnreachable:

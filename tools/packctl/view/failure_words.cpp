@@ -41,7 +41,7 @@ struct Rule {
 std::string WordsOf(std::errc error) { return std::make_error_code(error).message(); }
 
 // The first whose sign is found counts: a full disk, say, is the reason for much else, and a package that a program
-// refuses also counts as one that does not match its checksum.
+// refuses also counts as one that does not match its checksum. A stick's errors come before those of the disk.
 std::vector<Rule> RulesFor(const std::string& command) {
   using enum FailureReason;
   const auto anyone = Speaker::kAnyone;
@@ -51,6 +51,8 @@ std::vector<Rule> RulesFor(const std::string& command) {
   const std::string again = "un: sudo packctl " + command;
   const std::string room = "Make room, then r" + again;
   return {
+      {kFileUnusable, anyone, "cannot read the package file: ", Words::kOwnAndRest, "the package file cannot be read",
+       "Check the file and the stick that it is on, then r" + again},
       {kNoSpace, anyone, WordsOf(std::errc::no_space_on_device), Words::kOwn, "the disk is full", room},
       {kNoSpace, anyone, "bytes that are free", Words::kOwn, "the disk is full", room},
       {kNotSigned, anyone, ": not signed", Words::kOwn, "the package is not signed",

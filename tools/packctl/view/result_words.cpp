@@ -1,5 +1,9 @@
 #include "tools/packctl/view/result_words.h"
 
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
 namespace orbamira::packctl {
 
 std::string Capitalized(std::string words) {
@@ -7,6 +11,18 @@ std::string Capitalized(std::string words) {
     words.front() = static_cast<char>(words.front() - 'a' + 'A');
   }
   return words;
+}
+
+std::string QuotedWord(const std::string& word) {
+  const auto is_plain = [](unsigned char c) { return std::isalnum(c) != 0 || std::strchr("-_./,:@%+=", c) != nullptr; };
+  if (!word.empty() && std::ranges::all_of(word, is_plain)) {
+    return word;
+  }
+  std::string quoted = "'";
+  for (const char c : word) {
+    quoted += c == '\'' ? std::string(R"('\'')") : std::string(1, c);
+  }
+  return quoted + "'";
 }
 
 std::string TookWords(std::chrono::milliseconds duration) {

@@ -10,6 +10,9 @@ namespace orbamira::packctl {
 /// The words as they begin a sentence.
 std::string Capitalized(std::string words);
 
+/// The word as a person types it into a shell: 'my stick' with the quotation marks that it needs.
+std::string QuotedWord(const std::string& word);
+
 /// How long something took: "7 s", "2 min 5 s"; "under 1 s" for less.
 std::string TookWords(std::chrono::milliseconds duration);
 
