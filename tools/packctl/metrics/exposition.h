@@ -10,9 +10,12 @@
 /// Numbers for a monitoring system.
 namespace orbamira::packctl {
 
-/// A number, and the labels that tell it from others of its metric.
+/// Names and values that tell a number from others of its metric.
+using Labels = std::vector<std::pair<std::string, std::string>>;
+
+/// A number of a metric.
 struct Sample {
-  std::vector<std::pair<std::string, std::string>> labels = {};
+  Labels labels = {};
   std::int64_t value = 0;
 };
 

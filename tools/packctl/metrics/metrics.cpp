@@ -1,8 +1,10 @@
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <map>
 #include <optional>
 #include <stdexcept>
+#include <utility>
 
 #include "platform/constants.h"
 #include "platform/posix/atomic_file.h"
@@ -21,63 +23,62 @@ using Metrics = std::vector<Metric>;
 
 Metric Gauge(const char* name, const char* help, std::int64_t value) { return {name, help, {{.value = value}}}; }
 
-// A number that is not always there.
-Metric Gauge(const char* name, const char* help, std::optional<std::int64_t> value) {
-  return value ? Gauge(name, help, *value) : Metric{name, help};
+Metric Flag(const char* name, const char* help, bool value) { return Gauge(name, help, value ? 1 : 0); }
+
+// A text, in the labels of a number that says nothing.
+Metric Info(const char* name, const char* help, Labels labels) {
+  return {name, help, {{.labels = std::move(labels), .value = 1}}};
+}
+
+Sample CodecSample(const char* codec, const char* marker) {
+  std::error_code error;
+  return {.labels = {{"codec", codec}}, .value = std::filesystem::exists(marker, error) ? 1 : 0};
 }
 
 void AddPack(Metrics& metrics) {
-  const auto exists = [](const char* file) {
-    std::error_code error;
-    return std::int64_t{std::filesystem::exists(file, error)};
-  };
   const std::optional<InstalledPack> pack = ReadInstalledPack();
-  metrics.push_back({"orbamira_updater_info",
-                     "The version of the updater",
-                     {{{{"version", updater::KOSHelper::Create()->GetVersionFromPath(kPackageInfoPath)}}, 1}}});
-  metrics.push_back(Gauge("orbamira_pack_installed", "Whether a codec pack is installed", std::int64_t{!!pack}));
-  Metric info{"orbamira_pack_info", "The installed codec pack"};
+  const std::string own_version = updater::KOSHelper::Create()->GetVersionFromPath(kPackageInfoPath);
+  metrics.push_back(Info("orbamira_updater_info", "The version of the updater", {{"version", own_version}}));
+  metrics.push_back(Flag("orbamira_pack_installed", "Whether a codec pack is installed", pack.has_value()));
   if (pack) {
-    info.samples = {{{{"package", pack->identity.package}, {"version", pack->identity.version}}, 1}};
+    metrics.push_back(Info("orbamira_pack_info", "The installed codec pack",
+                           {{"package", pack->identity.package}, {"version", pack->identity.version}}));
+    metrics.push_back(
+        Gauge("orbamira_pack_installed_timestamp_seconds", "When the codec pack was installed", pack->updated));
   }
-  metrics.push_back(info);
-  metrics.push_back(Gauge("orbamira_pack_installed_timestamp_seconds", "When the codec pack was installed",
-                          pack ? std::optional<std::int64_t>(pack->updated) : std::nullopt));
-  metrics.push_back(
-      {"orbamira_pack_codec",
-       "Whether the installed codec pack has the codec",
-       {{{{"codec", "hevc"}}, exists(path::kHasHevcPath)}, {{{"codec", "aac"}}, exists(path::kHasAacPath)}}});
+  metrics.push_back({"orbamira_pack_codec",
+                     "Whether the installed codec pack has the codec",
+                     {CodecSample("hevc", path::kHasHevcPath), CodecSample("aac", path::kHasAacPath)}});
 }
 
 // That the record is damaged is a finding like others.
+std::optional<SeenStatus> LookIfReadable() try { return LookAtStatus(); } catch (const std::domain_error&) {
+  return std::nullopt;
+}
+
 void AddRecord(Metrics& metrics) {
-  std::optional<SeenStatus> seen;
-  try {
-    seen = LookAtStatus();
-  } catch (const std::domain_error&) {
-  }
-  metrics.push_back(Gauge("orbamira_record_readable", "Whether the recorded status can be read", std::int64_t{!!seen}));
+  const std::optional<SeenStatus> seen = LookIfReadable();
+  metrics.push_back(Flag("orbamira_record_readable", "Whether the recorded status can be read", seen.has_value()));
   if (!seen) {
     return;
   }
-  metrics.push_back({"orbamira_status", "The recorded status", {{{{"status", StatusText(seen->record.status)}}, 1}}});
-  metrics.push_back(Gauge("orbamira_update_interrupted", "Whether an update was cut short and nobody is at work",
-                          std::int64_t{seen->is_interrupted}));
+  metrics.push_back(Info("orbamira_status", "The recorded status", {{"status", StatusText(seen->record.status)}}));
+  metrics.push_back(Flag("orbamira_update_interrupted", "Whether an update was cut short and nobody is at work",
+                         seen->is_interrupted));
   if (!seen->record.new_version.empty()) {
-    metrics.push_back({"orbamira_offer_info",
-                       "The codec pack that is recorded as available",
-                       {{{{"version", seen->record.new_version}}, 1}}});
+    metrics.push_back(Info("orbamira_offer_info", "The codec pack that is recorded as available",
+                           {{"version", seen->record.new_version}}));
   }
 }
 
 // The newest check that failed, unless a later one was answered.
 const HistoryEntry* FailedCheck(const History& history, const std::optional<AnsweredCheck>& answered) {
-  for (auto entry = history.entries.rbegin(); entry != history.entries.rend(); ++entry) {
-    if (entry->command == "check" && entry->exit == kExitFailed) {
-      return !answered || entry->time > answered->time ? &*entry : nullptr;
-    }
-  }
-  return nullptr;
+  const auto& entries = history.entries;
+  const auto newest = std::find_if(entries.rbegin(), entries.rend(), [](const HistoryEntry& entry) {
+    return entry.command == "check" && entry.exit == kExitFailed;
+  });
+  const bool is_last = newest != entries.rend() && (!answered || newest->time > answered->time);
+  return is_last ? &*newest : nullptr;
 }
 
 std::string CodeOf(const HistoryEntry& entry) {
@@ -86,19 +87,18 @@ std::string CodeOf(const HistoryEntry& entry) {
 
 void AddChecks(const History& history, Metrics& metrics) {
   const std::optional<AnsweredCheck> answered = ReadAnsweredCheck();
-  const auto answer = answered ? std::optional<std::int64_t>(answered->time) : std::nullopt;
   const HistoryEntry* const failed = FailedCheck(history, answered);
-  metrics.push_back(
-      Gauge("orbamira_last_answer_timestamp_seconds", "When the update server last answered a check", answer));
-  metrics.push_back(Gauge("orbamira_last_check_timestamp_seconds", "When the update server was last asked",
-                          failed != nullptr ? std::optional<std::int64_t>(failed->time) : answer));
-  Metric result{"orbamira_last_check_failed", "Whether the last check failed, with the code of the reason"};
-  if (failed != nullptr) {
-    result.samples = {{{{"code", CodeOf(*failed)}}, 1}};
-  } else if (answered) {
-    result.samples = {{}};
+  if (answered) {
+    metrics.push_back(Gauge("orbamira_last_answer_timestamp_seconds", "When the update server last answered a check",
+                            answered->time));
   }
-  metrics.push_back(result);
+  if (answered || failed != nullptr) {
+    metrics.push_back(Gauge("orbamira_last_check_timestamp_seconds", "When the update server was last asked",
+                            failed != nullptr ? failed->time : answered->time));
+    metrics.push_back({"orbamira_last_check_failed",
+                       "Whether the last check failed, with the code of the reason",
+                       {failed != nullptr ? Sample{.labels = {{"code", CodeOf(*failed)}}, .value = 1} : Sample{}}});
+  }
 }
 
 // Of the newest entries alone: how far back the history goes differs between appliances.
@@ -119,11 +119,11 @@ void AddFailures(const History& history, Metrics& metrics) {
 }
 
 void AddSupport(Metrics& metrics) {
-  const std::optional<std::chrono::sys_days> last = ReadSupportEnd();
-  metrics.push_back(Gauge("orbamira_support_end_timestamp_seconds", "When the maker's support of the appliance ends",
-                          last ? std::optional<std::int64_t>(
-                                     std::chrono::sys_seconds(*last + std::chrono::days(1)).time_since_epoch().count())
-                               : std::nullopt));
+  if (const std::optional<std::chrono::sys_days> last = ReadSupportEnd()) {
+    const std::chrono::sys_seconds end = *last + std::chrono::days(1);
+    metrics.push_back(Gauge("orbamira_support_end_timestamp_seconds", "When the maker's support of the appliance ends",
+                            end.time_since_epoch().count()));
+  }
 }
 
 }  // namespace
