@@ -180,6 +180,21 @@ class WebTest(unittest.TestCase):
             self.assertEqual(self.text(browser, "act"), "Install")
             self.assertEqual(self.versions(browser), ["None"])
 
+    def test_says_how_long_the_maker_supports_the_appliance(self):
+        self.install("1.0")
+        settings = self.appliance.settings / "updater.conf"
+        server = settings.read_text()
+        for day, says in (
+            ("2999-12-31", "Supported until 2999-12-31."),
+            ("2020-12-31", "The maker's support ended on 2020-12-31: security holes may stay open."),
+        ):
+            settings.write_text(f'{server}support_until="{day}"\n')
+            self.start_web()
+            with open_browser(width=WIDE) as browser:
+                self.open_page(browser)
+                self.assertTrue(self.text(browser, "detail").endswith(f" {says}"), self.text(browser, "detail"))
+            self.stop_web()
+
     def test_shows_the_packs_the_codecs_and_the_history(self):
         self.install("1.0")
         self.offer("2.0")

@@ -46,6 +46,8 @@ export const words = {
 
   checked: (age) => `Zuletzt geprüft ${age}.`,
   neverChecked: "Noch nicht geprüft.",
+  supported: (day) => `Unterstützt bis ${day}.`,
+  supportEnded: (day) => `Die Unterstützung endete am ${day}: Sicherheitslücken bleiben vielleicht offen.`,
   recovery: "Die Wiederherstellung holt das alte Paket zurück, wo das neue fehlt, und räumt auf.",
   stays: (pack) =>
     pack === null ? "Kein Codec-Paket ist installiert." : `Version ${pack.version} bleibt installiert.`,

@@ -72,7 +72,7 @@ TEST_F(StateReaderTest, LookAtAFreshMachineFindsNothingAndNoProblem) {
   const Json::Value state = Look();
   EXPECT_EQ(state["status"], "lost");
   EXPECT_FALSE(state["under_way"].asBool());
-  for (const char* member : {"step", "progress", "offer", "installed", "checked", "failure"}) {
+  for (const char* member : {"step", "progress", "offer", "installed", "checked", "support_until", "failure"}) {
     EXPECT_TRUE(state.isMember(member)) << member;
     EXPECT_TRUE(state[member].isNull()) << member;
   }
@@ -194,6 +194,11 @@ TEST_F(StateReaderTest, LookTellsOfAFailureUntilItIsMended) {
   const Json::Value state = Look();
   EXPECT_GT(state["checked"].asInt64(), 20);
   EXPECT_TRUE(state["failure"].isNull()) << "a later check was answered";
+}
+
+TEST_F(StateReaderTest, LookTellsHowLongTheMakerSupportsTheAppliance) {
+  test::WriteFile(path::kPkgSetting, "support_until=2031-12-31\n");
+  EXPECT_EQ(Look()["support_until"], "2031-12-31");
 }
 
 TEST_F(StateReaderTest, LookTellsOfNoFailureThatWasFollowedBySomethingElse) {

@@ -11,6 +11,7 @@
 #include "tools/packctl/cli/command.h"
 #include "tools/packctl/commands/status.h"
 #include "tools/packctl/record/file_watch.h"
+#include "tools/packctl/record/support_period.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -112,6 +113,7 @@ MachineState StateReader::Look() {
   }
   now.installed = ReadInstalledPack();
   now.checked = ReadAnsweredCheck();
+  now.support_end = ReadSupportEnd();
   LookAtCodecs(console_, now);
   LookAtHistory(now);
   console_.TakeHeld();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <ctime>
 #include <functional>
 #include <mutex>
@@ -27,14 +28,15 @@ struct MachineState {
   std::optional<StatusRecord> record = {};  ///< empty when it cannot be read
   std::string record_problem = {};          ///< why not
   std::optional<InstalledPack> installed = {};
-  std::optional<CodecReport> codecs = {};     ///< empty when they cannot be told
-  std::vector<HistoryEntry> history = {};     ///< the newest entries, oldest first: a year of them, bounded
-  unsigned long history_changes = 0;          ///< how often another history was found
-  std::optional<AnsweredCheck> checked = {};  ///< when the update server last answered a check
-  std::vector<std::string> problems = {};     ///< what could not be read, a sentence each
-  std::optional<double> rate = {};            ///< of the download under way, in bytes per second
-  bool at_work = false;                       ///< a program holds the update lock
-  bool interrupted = false;                   ///< the record tells of work, and nobody is at work
+  std::optional<CodecReport> codecs = {};                 ///< empty when they cannot be told
+  std::vector<HistoryEntry> history = {};                 ///< the newest entries, oldest first: a year of them, bounded
+  unsigned long history_changes = 0;                      ///< how often another history was found
+  std::optional<AnsweredCheck> checked = {};              ///< when the update server last answered a check
+  std::vector<std::string> problems = {};                 ///< what could not be read, a sentence each
+  std::optional<double> rate = {};                        ///< of the download under way, in bytes per second
+  bool at_work = false;                                   ///< a program holds the update lock
+  std::optional<std::chrono::sys_days> support_end = {};  ///< the last day of the maker's support
+  bool interrupted = false;                               ///< the record tells of work, and nobody is at work
 
   friend bool operator==(const MachineState&, const MachineState&) = default;
 };

@@ -4,6 +4,7 @@
 
 #include "platform/json/json_values.h"
 #include "platform/printable.h"
+#include "tools/packctl/record/support_period.h"
 #include "tools/packctl/view/progress_text.h"
 #include "tools/packctl/web/page_actions.h"
 
@@ -112,6 +113,7 @@ Json::Value StateJson(const MachineState& state) {
   json["installed"] = InstalledJson(state);
   json["requested"] = state.codecs ? RequestedJson(*state.codecs) : Json::Value();
   json["checked"] = state.checked ? Json::Value(Json::Int64{state.checked->time}) : Json::Value();
+  json["support_until"] = state.support_end ? Json::Value(DayText(*state.support_end)) : Json::Value();
   const std::optional<HistoryEntry> failure = UnmendedFailure(state);
   json["failure"] = failure ? failure->ToJson() : Json::Value();
   json["problems"] = ListOf(state.problems);

@@ -103,8 +103,20 @@ function detailOf(kind, { state, reached }) {
     case "installing":
       return "";
     default:
-      return state.checked === null ? words.neverChecked : words.checked(ageOf(state.checked));
+      return [
+        state.checked === null ? words.neverChecked : words.checked(ageOf(state.checked)),
+        ...supportOf(state),
+      ].join(" ");
   }
+}
+
+// How long the maker supports the appliance, where that is set.
+function supportOf(state) {
+  const day = state.support_until;
+  if (day === null) {
+    return [];
+  }
+  return [day < new Date().toISOString().slice(0, day.length) ? words.supportEnded(day) : words.supported(day)];
 }
 
 function showFailure(kind, state) {

@@ -47,6 +47,8 @@ export const words = {
   // And what goes with it.
   checked: (age) => `Last check ${age}.`,
   neverChecked: "Not checked yet.",
+  supported: (day) => `Supported until ${day}.`,
+  supportEnded: (day) => `The maker's support ended on ${day}: security holes may stay open.`,
   recovery: "Recovery brings the old pack back where the new one is not in place, and tidies up.",
   stays: (pack) => (pack === null ? "No codec pack is installed." : `Version ${pack.version} stays installed.`),
   until: (pack) => `Version ${pack.version} stays in use until the new one is in place.`,
