@@ -89,7 +89,10 @@ class Bench:
     def __init__(self, folder, store, build, publisher):
         self.folder, self.store, self.build, self.publisher = folder, store, build, publisher
         old, new = publisher.publish(OLD, 1, SIZES), publisher.publish(NEW, 2, SIZES)
-        self.starts = {"update": None, "upgrade": OLD}
+        self.starts = {"update": None, "upgrade": OLD, "upgrade from a file": OLD}
+        self.commands = {name: ["update"] for name in self.starts}
+        file = next(publisher.folder.glob(f"*-{NEW}-*.opk"))
+        self.commands["upgrade from a file"] = ["install", "--trust", "--file", str(file)]
         for name, version in self.starts.items():
             image = store / f"{name}.img"
             with image.open("wb") as file:
@@ -109,10 +112,10 @@ class Bench:
         run("cp", "--reflink=always", image, copy)
         return copy
 
-    def start(self, mount):
+    def start(self, name, mount):
         appliance = Appliance(mount / "root", self.build)
         return subprocess.Popen(
-            [str(appliance.program("packctl")), "update"],
+            [str(appliance.program("packctl")), *self.commands[name]],
             env=appliance.environment(),
             stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL,
@@ -125,7 +128,7 @@ class Bench:
         found = {}
         image = self.clone(self.store / f"{name}.img", "run.img")
         with mounted(image, self.folder / "mount") as mount:
-            process = self.start(mount)
+            process = self.start(name, mount)
             last = time.monotonic()
             for _ in while_running(process):
                 stage = held(Appliance(mount / "root", self.build))
@@ -141,7 +144,7 @@ class Bench:
         """One power cut so long after the stage began; what was there then and on the disk, lost and stuck."""
         image = self.clone(self.store / f"{name}.img", "run.img")
         with mounted(image, self.folder / "mount") as mount:
-            process = self.start(mount)
+            process = self.start(name, mount)
             running = Appliance(mount / "root", self.build)
             for _ in while_running(process):
                 if held(running) == stage:

@@ -123,6 +123,12 @@ class JsonSchemaTest(unittest.TestCase):
         self.check("history", 0, "--limit", "1")
         self.check("metrics", 0)
 
+    def test_an_install_from_a_file(self):
+        package = next(self.publisher.folder.glob("*-1.0-*.opk"))
+        self.assertEqual(self.check("install", FAILED, "--file", package)["error"]["code"], "keyring_unusable")
+        self.check("install", 0, "--trust", "--file", package)
+        self.assertEqual(self.check("install", NOTHING, "--trust", "--file", package)["result"], "nothing_new")
+
     def test_a_check_without_an_address(self):
         self.appliance.use_server("")
         self.assertEqual(self.check("check", NOTHING)["result"], "no_address")
