@@ -106,6 +106,44 @@ class SbomTest(MkpackTest):
         self.assertEqual("excluded", outside["scope"])
         self.assertNotIn("version", outside)
 
+    def test_what_is_linked_into_a_component(self):
+        more = """
+[[component]]
+name = "libmath"
+version = "0.9"
+licence = "MIT"
+supplier = "Somebody"
+part_of = "libhevc"
+"""
+        self.components.write_text(COMPONENTS + more)
+        bill = self.bill()
+        part = self.part(bill, "libmath")
+        self.assertEqual(("0.9", "Somebody"), (part["version"], part["supplier"]["name"]))
+        self.assertNotIn("components", part)
+        needs = {row["ref"]: row["dependsOn"] for row in bill["dependencies"]}
+        self.assertEqual(["libmath@0.9", "libutil@2", "soname:libc.so.6"], needs["libhevc@4.1.2"])
+        self.assertEqual(["libhevc@4.1.2", "libutil@2"], needs[f"{HEVC}@1.2"])
+        if cyclonedx.IS_THERE:
+            self.assertEqual([], cyclonedx.problems(bill))
+        about = 'component "libmath"'
+        for wrong, problem in (
+            (
+                'part_of = "libother"',
+                f"{about} is part_of libother, which has no files here. Name one component that has files.",
+            ),
+            ("part_of = 1", f"the part_of of {about} is no text. Write it in quotes, on one line."),
+            ('part_of = "libhevc"\nfiles = ["share/*"]', f"{about} has both files and part_of. Remove one of them."),
+        ):
+            self.assert_refused(problem, COMPONENTS + more.replace('part_of = "libhevc"', wrong))
+        twin = COMPONENTS.replace("libutil", "libhevc", 1)
+        self.assert_refused(
+            f"{about} is part_of libhevc, which names several. Name one component that has files.", twin + more
+        )
+        self.assert_refused(
+            f"{HEVC}@1.2 is there twice. Put its files into one [[component]].",
+            COMPONENTS + more.replace("libmath", HEVC).replace("0.9", "1.2"),
+        )
+
     @unittest.skipUnless(cyclonedx.IS_THERE, "without the schema")
     def test_is_valid_in_the_eyes_of_the_official_schema(self):
         bill = self.bill(environment={"SOURCE_DATE_EPOCH": "1700000000"})
@@ -137,7 +175,8 @@ class SbomTest(MkpackTest):
             self.assert_refused(f"{about} has no {key}. Add it.", COMPONENTS.replace(line + "\n", "", 1))
         self.assert_refused("the pack has no supplier. Add it.", COMPONENTS.partition("\n")[2])
         self.assert_refused(
-            'component "libutil" has no files. Name them, such as files = ["lib/libdecoder.so.*"].',
+            'component "libutil" has no files. Name them, such as files = ["lib/libdecoder.so.*"], or what it is '
+            "part_of.",
             COMPONENTS.replace('files = ["lib/libutil.so", "share/*"]', ""),
         )
         self.assert_refused(

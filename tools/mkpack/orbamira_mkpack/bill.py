@@ -14,6 +14,7 @@ from orbamira_mkpack.packing import MkpackError, payload_members
 
 _TEXTS = ("name", "version", "licence", "supplier")
 _OPTIONAL = ("purl", "cpe")
+_PLACES = ("files", "part_of")
 _ID = re.compile(r"[A-Za-z0-9.:-]+\+?")
 
 
@@ -69,23 +70,42 @@ class Bill:
             raise self._wrong("no [[component]]", "Describe each component of the pack in one")
         for component in components:
             self._check_component(component)
-        references = [self._reference(component) for component in components]
+        references = ["@".join(self._pack), *map(_reference, components)]
         for reference in references:
             if references.count(reference) > 1:
                 raise self._wrong(f"{reference} is there twice", "Put its files into one [[component]]")
+        for component in components:
+            if "part_of" in component:
+                self._check_whole(component, components)
         return content["supplier"], components
+
+    def _check_whole(self, component, components):
+        wholes = [other for other in components if "files" in other and other["name"] == component["part_of"]]
+        if len(wholes) != 1:
+            raise self._wrong(
+                f'component "{component["name"]}" is part_of {component["part_of"]}, '
+                + ("which names several" if wholes else "which has no files here"),
+                "Name one component that has files",
+            )
 
     def _check_component(self, component):
         about = f'component "{component["name"]}"' if isinstance(component.get("name"), str) else "a component"
-        self._check_keys(component, _TEXTS, (*_OPTIONAL, "files"), about)
+        self._check_keys(component, _TEXTS, (*_OPTIONAL, *_PLACES), about)
         if not _is_expression(component["licence"]):
             raise self._wrong(
                 f'{about} has the licence "{component["licence"]}", which is no SPDX expression',
                 "Write one such as BSD-3-Clause, or LicenseRef- and a name of your own",
             )
+        if "part_of" in component:
+            self._check_texts(component, ("part_of",), about)
+            if "files" in component:
+                raise self._wrong(f"{about} has both files and part_of", "Remove one of them")
+            return
         files = component.get("files")
         if not isinstance(files, list) or not files or not all(isinstance(name, str) and name for name in files):
-            raise self._wrong(f"{about} has no files", 'Name them, such as files = ["lib/libdecoder.so.*"]')
+            raise self._wrong(
+                f"{about} has no files", 'Name them, such as files = ["lib/libdecoder.so.*"], or what it is part_of'
+            )
 
     def _check_keys(self, table, needed, others, about):
         for key in table:
@@ -96,14 +116,13 @@ class Bill:
         for key in needed:
             if key not in table:
                 raise self._wrong(f"{about} has no {key}", "Add it")
-        for key in (*needed, *_OPTIONAL):
+        self._check_texts(table, (*needed, *_OPTIONAL), about)
+
+    def _check_texts(self, table, keys, about):
+        for key in keys:
             text = table.get(key, "-")
             if not isinstance(text, str) or not text.strip() or not text.isprintable():
                 raise self._wrong(f"the {key} of {about} is no text", "Write it in quotes, on one line")
-
-    @staticmethod
-    def _reference(component):
-        return f"{component['name']}@{component['version']}"
 
     def _assign(self, payload_files):
         """The component of each file. Each file has one, and each pattern has files."""
@@ -111,7 +130,7 @@ class Bill:
             raise MkpackError(f"{rules.BILL_NAME} in the payload has the name that --sbom writes to", "Remove it")
         owners = {}
         for component in self._components:
-            for pattern in component["files"]:
+            for pattern in component.get("files", ()):
                 matching = fnmatch.filter(payload_files, pattern)
                 if not matching:
                     raise self._wrong(f'"{pattern}" is no file of the payload', "Correct the name, or remove it")
@@ -130,29 +149,41 @@ class Bill:
         """The bill, with these digests of the files."""
         names = {path: _names(self._payload, path) for path in self._owners}
         subject = cyclonedx.library(*self._pack, self._supplier)
-        parts = {self._reference(component): self._part(component) for component in self._components}
+        parts = {_reference(component): _part(component) for component in self._components}
         inside = {
-            found.soname or os.path.basename(path): self._reference(self._owners[path]) for path, found in names.items()
+            found.soname or os.path.basename(path): _reference(self._owners[path]) for path, found in names.items()
         }
-        dependencies = {subject["bom-ref"]: set(parts), **{reference: set() for reference in parts}}
+        dependencies = {subject["bom-ref"]: set(map(_reference, self._owners.values()))}
+        dependencies |= {reference: set() for reference in parts}
         outside = {}
         for path, component in self._owners.items():
-            reference = self._reference(component)
-            parts[reference]["components"].append(_file(path, names[path].soname, digests[path]))
+            reference = _reference(component)
+            parts[reference].setdefault("components", []).append(_file(path, names[path].soname, digests[path]))
             for needed in names[path].needed:
                 if needed not in inside:
                     outside[needed] = _of_the_appliance(needed)
                 target = inside.get(needed) or outside[needed]["bom-ref"]
                 dependencies[reference] |= {target} - {reference}
+        for component in self._components:
+            if "part_of" in component:
+                dependencies[self._whole_of(component)].add(_reference(component))
         components = [*parts.values(), *(outside[name] for name in sorted(outside))]
         dependencies |= {component["bom-ref"]: set() for component in outside.values()}
         return cyclonedx.document(subject, components, dependencies, _time()).encode()
 
-    @staticmethod
-    def _part(component):
-        part = cyclonedx.library(component["name"], component["version"], component["supplier"])
-        optional = {key: component[key] for key in _OPTIONAL if key in component}
-        return part | optional | {"licenses": [{"expression": component["licence"]}], "components": []}
+    def _whole_of(self, component):
+        """The reference of the component that this one is linked into."""
+        return next(_reference(owner) for owner in self._owners.values() if owner["name"] == component["part_of"])
+
+
+def _reference(component):
+    return f"{component['name']}@{component['version']}"
+
+
+def _part(component):
+    part = cyclonedx.library(component["name"], component["version"], component["supplier"])
+    optional = {key: component[key] for key in _OPTIONAL if key in component}
+    return part | optional | {"licenses": [{"expression": component["licence"]}]}
 
 
 def _file(path, soname, digest):

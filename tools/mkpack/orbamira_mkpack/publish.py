@@ -55,8 +55,9 @@ bill of materials
   --sbom FILE puts {rules.BILL_NAME} into the payload, and the same bytes beside the package: a CycloneDX 1.6 document
   that lists each component of the pack, its files with their SHA-256, and what they need. FILE is TOML: supplier, who
   publishes the pack, and for each component a table [[component]] with name, version, licence (an SPDX expression),
-  supplier and files (patterns; * matches / too), and as options purl and cpe. Each file of the payload belongs to
-  exactly one component; anything missing is an error. What a library calls itself and needs is read from its ELF
+  supplier and files (patterns; * matches / too), and as options purl and cpe. A component that is linked into another
+  statically names that one as part_of, in place of files. Each file of the payload belongs to exactly one component;
+  anything missing is an error. What a library calls itself and needs is read from its ELF
   headers; a library that the pack needs and does not contain is listed as the appliance's. If SOURCE_DATE_EPOCH is
   set, it is the bill's time; without it the bill has none.
 
