@@ -13,9 +13,13 @@
 namespace orbamira::updater {
 namespace {
 
-bool HasFailed(IPackStatusHelper& helper) {
+// After a failure, and when the repetition was recorded and never began: no check finds the installed version new.
+bool IsDueAgain(IPackStatusHelper& helper, const std::string& installed) {
   try {
     const PackStatus status = helper.GetPackStatus();
+    if (status == kStatusNeedDownload) {
+      return !IsNewVersion(installed, helper.GetPackNewVersion());
+    }
     return status == kStatusDownloadFailed || status == kStatusInstallFailed || status == kStatusDownloadInstallFailed;
   } catch (const std::logic_error&) {  // the next recovery mends it
     return false;
@@ -27,7 +31,8 @@ bool HasFailed(IPackStatusHelper& helper) {
 bool RepeatFailedUpdate(const UpdateLock& /*lock*/, const PackManager& manager, IPackStatusHelper& status) {
   const std::string installed = KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath);
   Json::Value offer;
-  if (installed.empty() || !HasFailed(status) || !manager.FetchDownloadInfo(ChoosePack(manager).with_aac, offer)) {
+  if (installed.empty() || !IsDueAgain(status, installed) ||
+      !manager.FetchDownloadInfo(ChoosePack(manager).with_aac, offer)) {
     return false;
   }
   if (IsNewVersion(offer.get(param::kVersion, "").asString(), installed)) {

@@ -1180,6 +1180,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(Remains{"Lost", [](const Helper&) { fs::remove(path::kPackStatusFile); }},
                     Remains{"Downloading", [](const Helper& h) { h.SetAsDownloading(1, 2); }},
                     Remains{"DownloadFailed", [](const Helper& h) { h.SetAsDownloadFailed(); }},
+                    Remains{"RepetitionThatNeverBegan", [](const Helper& h) { h.SetAsNeedDownload("2.0"); }},
                     Remains{"NeedInstallWithoutFile", [](const Helper& h) { h.SetAsNeedInstall("2.0", "n"); }},
                     Remains{"Installing", [](const Helper& h) { h.SetAsInstalling(updater::kStepInstall); }},
                     Remains{"InstallFailed", [](const Helper& h) { h.SetAsInstallFailed("2.0", "n"); }},
