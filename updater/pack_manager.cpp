@@ -7,6 +7,7 @@
 #include <optional>
 #include <utility>
 
+#include "platform/as_long.h"
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/http/shown_link.h"
@@ -186,7 +187,7 @@ bool PackManager::IsHevcNeeded() const { return false; }
 
 bool PackManager::CheckPackExists() const { return kos_helper_->FileExist(path::kPackInfoPath); }
 
-long PackManager::GetPackLastUpdateTime() const { return kos_helper_->FileMtime(path::kPackInfoPath); }
+long PackManager::GetPackLastUpdateTime() const { return AsLong(kos_helper_->FileMtime(path::kPackInfoPath)); }
 
 bool PackManager::RemovePack() const {
   if (core_->RunCommand({path::kRmPath, "-rf", path::kPackFolderPath}) != 0) {

@@ -3,7 +3,7 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <chrono>
+#include <ctime>
 #include <utility>
 
 #include "platform/json/json_object.h"
@@ -61,7 +61,7 @@ std::int64_t TimeOf(const Json::Value& value) {
 }
 
 std::int64_t SecondsSince1970() {
-  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch()).count();
+  return std::time(nullptr);  // where std::chrono's clock has 32 bits, it ends in 2038
 }
 
 bool IdToken::IsFor(const std::string& client) const {

@@ -1,12 +1,14 @@
 #pragma once
 
 #include <cpr/cpr.h>
-#include <curl/curl.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <iomanip>
+#include <locale>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -41,10 +43,18 @@ inline BoundedReply SendBounded(cpr::Session& session, SendRequest send, std::si
   return reply;
 }
 
-/// The server's clock, in seconds since 1970; empty when it did not send it.
+/// The server's clock, in seconds since 1970; empty when it did not send it. In the form that RFC 9110 has servers
+/// send; curl_getdate() takes others too, but a time of the system's libcurl may have fewer bits than ours.
 inline std::optional<std::int64_t> DateOf(const cpr::Header& header) {
   const auto date = header.find("Date");
-  const std::time_t seconds = date != header.end() ? curl_getdate(date->second.c_str(), nullptr) : -1;
+  if (date == header.end()) {
+    return std::nullopt;
+  }
+  std::istringstream text(date->second);
+  text.imbue(std::locale::classic());
+  std::tm parts = {};
+  text >> std::get_time(&parts, "%a, %d %b %Y %H:%M:%S GMT");
+  const std::int64_t seconds = text.fail() ? -1 : timegm(&parts);
   return seconds >= 0 ? std::optional<std::int64_t>(seconds) : std::nullopt;
 }
 

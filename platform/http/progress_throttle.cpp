@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/as_long.h"
+
 namespace orbamira {
 namespace {
 
@@ -29,7 +31,7 @@ void ProgressThrottle::ReportLast(std::int64_t size) {
 
 void ProgressThrottle::Call(std::int64_t received, std::int64_t total) {
   const TimePoint begin = now_();
-  (*progress_)(static_cast<long>(received), static_cast<long>(total));
+  (*progress_)(AsLong(received), AsLong(total));
   const TimePoint end = now_();
   next_ = end + std::max<TimePoint::duration>(kShortestGap, kRestPerCall * (end - begin));
   last_received_ = received;

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "platform/posix/files.h"
+#include "tools/orba-archive/entry_time.h"
 #include "tools/orba-archive/member_name.h"
 
 namespace orbamira::tools {
@@ -124,7 +125,7 @@ class Writer {
     const bool executable = S_ISDIR(status.st_mode) || (status.st_mode & S_IXUSR) != 0;
     archive_entry_set_pathname(entry.get(), name.c_str());
     archive_entry_set_mode(entry.get(), (status.st_mode & S_IFMT) | (executable ? 0755 : 0644));
-    archive_entry_set_mtime(entry.get(), mtime_, 0);
+    SetModificationTime(entry.get(), mtime_);
     if (S_ISLNK(status.st_mode)) {
       archive_entry_set_symlink(entry.get(), ReadLink(folder_, name, name).c_str());
     }

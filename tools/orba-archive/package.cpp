@@ -43,7 +43,8 @@ void TakeFrom(int file, uint64_t size, const std::string& name, Take take) {
   std::vector<uint8_t> buffer(kPiece);
   lseek(file, 0, SEEK_SET);
   for (uint64_t done = 0; done < size;) {
-    const size_t count = ReadFully(file, buffer.data(), std::min<uint64_t>(buffer.size(), size - done), name);
+    const size_t wanted = static_cast<size_t>(std::min<uint64_t>(buffer.size(), size - done));
+    const size_t count = ReadFully(file, buffer.data(), wanted, name);
     if (count == 0) {
       throw std::runtime_error("changed while it was read");
     }
@@ -115,7 +116,8 @@ class PackageReader {
         throw std::runtime_error("a sparse file in a package");
       }
       const uint64_t done = shared - std::min(shared, size);
-      const std::span<const uint8_t> rest = piece.data.subspan(std::min<uint64_t>(done, piece.data.size()));
+      const std::span<const uint8_t> rest =
+          piece.data.subspan(static_cast<size_t>(std::min<uint64_t>(done, piece.data.size())));
       take(rest);
       if (file.valid()) {
         WriteFully(file.get(), rest.data(), rest.size(), name);

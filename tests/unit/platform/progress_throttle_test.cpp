@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/as_long.h"
+
 namespace orbamira::wrapper {
 namespace {
 
@@ -121,7 +123,7 @@ TEST_F(ProgressThrottleTest, ReportLastTellsASizeThatWasUnknown) {
 
 TEST_F(ProgressThrottleTest, ReportPassesSizesBeyondThirtyTwoBitsOn) {
   throttle_.Report(5'000'000'000, 6'000'000'000);
-  EXPECT_THAT(calls_, ElementsAre(Pair(5'000'000'000, 6'000'000'000)));
+  EXPECT_THAT(calls_, ElementsAre(Pair(AsLong(5'000'000'000), AsLong(6'000'000'000))));
 }
 
 TEST_F(ProgressThrottleTest, ReportWithoutAFunctionDoesNothing) {

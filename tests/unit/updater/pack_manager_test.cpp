@@ -14,8 +14,10 @@
 #include <array>
 #include <chrono>
 #include <cstdarg>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -113,9 +115,15 @@ TEST_F(PackManagerTest, CheckPackExistsLooksForTheInformationFile) {
   EXPECT_FALSE(manager_.CheckPackExists());
 }
 
+TEST_F(PackManagerTest, GetPackLastUpdateTimeIsTheLatestThatALongHolds) {
+  EXPECT_CALL(*kos_, FileMtime(path::kPackInfoPath)).WillOnce(Return(5000000000));
+  EXPECT_EQ(manager_.GetPackLastUpdateTime(), std::min<std::int64_t>(5000000000, std::numeric_limits<long>::max()));
+}
+
 TEST_F(PackManagerTest, GetPackLastUpdateTimeIsThatOfTheInformationFile) {
-  EXPECT_CALL(*kos_, FileMtime(path::kPackInfoPath)).WillOnce(Return(5000000000)).WillOnce(Return(0));
-  EXPECT_EQ(manager_.GetPackLastUpdateTime(), 5000000000);
+  constexpr long kIn2028 = 1830000000;
+  EXPECT_CALL(*kos_, FileMtime(path::kPackInfoPath)).WillOnce(Return(kIn2028)).WillOnce(Return(0));
+  EXPECT_EQ(manager_.GetPackLastUpdateTime(), kIn2028);
   EXPECT_EQ(manager_.GetPackLastUpdateTime(), 0);
 }
 

@@ -188,17 +188,17 @@ std::vector<std::string> Console::TakeOther() {
 }
 
 void Console::Look(bool at_whole_lines) {
-  constexpr long kMost = 64L * 1024;
+  constexpr off_t kMost = 64L * 1024;
   constexpr std::size_t kMostLogged = 1000;
   struct stat about {};
-  const long size = fstat(held_, &about) == 0 ? about.st_size : 0;
-  std::string text(static_cast<std::size_t>(std::clamp(size - taken_, 0L, kMost)), '\0');
+  const off_t size = fstat(held_, &about) == 0 ? about.st_size : 0;
+  std::string text(static_cast<std::size_t>(std::clamp<off_t>(size - taken_, 0, kMost)), '\0');
   const ssize_t length = pread(held_, text.data(), text.size(), taken_);
   text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
   const std::size_t whole = text.rfind('\n') + 1;  // npos + 1 is 0
   if (at_whole_lines && size - taken_ <= kMost) {
     text.resize(whole);
-    taken_ += static_cast<long>(whole);
+    taken_ += static_cast<off_t>(whole);
   } else {
     taken_ = size;
   }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <string_view>
 #include <vector>
@@ -83,8 +85,8 @@ class Console {
   int output_;
   int error_;
   int held_;
-  long taken_ = 0;  // bytes of held_ that were looked at
-  Held lines_;      // found there, and not yet given out
+  off_t taken_ = 0;  // bytes of held_ that were looked at
+  Held lines_;       // found there, and not yet given out
 };
 
 }  // namespace orbamira::packctl

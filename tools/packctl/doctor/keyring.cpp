@@ -5,8 +5,6 @@
 #include <openssl/x509.h>
 #include <sys/stat.h>
 
-#include <ctime>
-
 #include "platform/constants.h"
 #include "platform/posix/openssl.h"
 #include "tools/packctl/doctor/checks.h"
@@ -28,17 +26,24 @@ std::string SubjectOf(const X509* certificate) {
   return "the certificate of " + std::string(data, static_cast<std::size_t>(length));
 }
 
+// How far away the time is, before now if negative. Without times of ours, which may have more bits than OpenSSL's.
+long long SecondsUntil(const ASN1_TIME* time) {
+  constexpr long long kSecondsPerDay = 24LL * 60 * 60;
+  int days = 0;
+  int seconds = 0;
+  return ASN1_TIME_diff(&days, &seconds, nullptr, time) == 1 ? days * kSecondsPerDay + seconds : 0;
+}
+
 void CheckCertificate(X509* certificate, Findings& findings) {
-  constexpr std::time_t kSoon = 30L * 24 * 60 * 60;
+  constexpr long long kSoon = 30LL * 24 * 60 * 60;
   constexpr int kMinSecurityBits = 112;
   const std::string subject = std::string(path::kKeyring) + ": " + SubjectOf(certificate);
-  std::time_t now = std::time(nullptr);
-  std::time_t soon = now + kSoon;
-  if (X509_cmp_time(X509_get0_notBefore(certificate), &now) > 0) {
+  const long long left = SecondsUntil(X509_get0_notAfter(certificate));
+  if (SecondsUntil(X509_get0_notBefore(certificate)) > 0) {
     findings.push_back({kCheck, subject + " is not valid yet", "set the clock, or wait until it is"});
-  } else if (X509_cmp_time(X509_get0_notAfter(certificate), &now) < 0) {
+  } else if (left < 0) {
     findings.push_back({kCheck, subject + " has expired", "ship a keyring with its successor"});
-  } else if (X509_cmp_time(X509_get0_notAfter(certificate), &soon) < 0) {
+  } else if (left < kSoon) {
     findings.push_back({kCheck, subject + " expires within 30 days", "ship a keyring with its successor too"});
   }
   if (EVP_PKEY_get_security_bits(X509_get0_pubkey(certificate)) < kMinSecurityBits) {

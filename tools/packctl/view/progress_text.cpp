@@ -66,13 +66,13 @@ std::string FormatDuration(std::chrono::seconds duration) {
   using std::chrono::hours;
   using std::chrono::minutes;
   duration = std::max(duration, std::chrono::seconds::zero());
-  const long in_hours = duration_cast<hours>(duration).count();
-  const long in_minutes = duration_cast<minutes>(duration % hours(1)).count();
-  const long in_seconds = (duration % minutes(1)).count();
+  const auto in_hours = duration_cast<hours>(duration).count();
+  const auto in_minutes = duration_cast<minutes>(duration % hours(1)).count();
+  const auto in_seconds = (duration % minutes(1)).count();
   if (in_hours > 99) {
     return "over 99 h";
   }
-  const auto two_digits = [](long number) {
+  const auto two_digits = [](auto number) {
     return std::string(number < 10 ? "0" : "").append(std::to_string(number));
   };
   if (in_hours > 0) {
