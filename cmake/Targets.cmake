@@ -4,6 +4,10 @@
 # others. A module is a part of a shared library that it loads when needed. Programs link rooms or shared libraries. No
 # target lists a source of another folder.
 include(${CMAKE_CURRENT_LIST_DIR}/Hardening.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/WideTypes.cmake)
+include(CheckLinkerFlag)
+# Debian's C library for armhf has no static program that can be anywhere in memory: there it has its fixed place.
+check_linker_flag(CXX -static-pie ORBAMIRA_HAS_STATIC_PIE)
 
 # Where an installed program finds the libraries installed with it, relative to itself: an install staged in any folder
 # runs there.
@@ -21,6 +25,7 @@ add_library(orbamira_options INTERFACE)
 target_compile_features(orbamira_options INTERFACE cxx_std_20)
 target_compile_options(orbamira_options INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow ${ORBAMIRA_HARDENING_COMPILE_OPTIONS})
+target_compile_definitions(orbamira_options INTERFACE ${ORBAMIRA_WIDE_DEFINITIONS})
 target_include_directories(orbamira_options INTERFACE ${PROJECT_SOURCE_DIR})
 # What a target does not use of the libraries that its rooms name is not loaded with it.
 target_link_options(orbamira_options INTERFACE ${ORBAMIRA_HARDENING_LINK_OPTIONS} LINKER:--as-needed)
@@ -77,6 +82,7 @@ function(orbamira_add_library name)
   # <orbamira/updater/...>, beside what the file set gives: <updater/...>.
   target_include_directories(${name} INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_compile_features(${name} INTERFACE cxx_std_17)
+  target_compile_definitions(${name} INTERFACE ${ORBAMIRA_WIDE_DEFINITIONS})
   # Its base comes first, so that no room of the base gives what the base exports.
   target_link_libraries(${name} PUBLIC ${ARG_ON} ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE})
   target_link_options(${name} PRIVATE LINKER:--version-script=${exports})
@@ -137,7 +143,7 @@ function(orbamira_add_helper name)
   orbamira_add_program(${name} ${ARG_UNPARSED_ARGUMENTS})
   target_compile_definitions(${name} PRIVATE ORBAMIRA_VERSION="${PROJECT_VERSION}" ${ORBAMIRA_PATH_DEFINITIONS})
   if(ARG_WITHOUT_LOADER AND NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
-    target_link_options(${name} PRIVATE -static-pie)
+    target_link_options(${name} PRIVATE $<IF:$<BOOL:${ORBAMIRA_HAS_STATIC_PIE}>,-static-pie,-static>)
   endif()
   install(TARGETS ${name} RUNTIME DESTINATION ${ORBAMIRA_HELPERS_DESTINATION} COMPONENT common)
 endfunction()
