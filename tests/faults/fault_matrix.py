@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """Brings every fault about at every file-changing system call of an update, and looks at what is left.
 
-Eight runs of packctl are struck: a first update; an upgrade, at once, as a download and an install, and from a file,
-where the calls that read the file are struck too; the removal of a pack; the check that finds a broken status store;
-and the recovery of an upgrade that was killed before its new pack was in place. And three of a host of the library on an
-appliance without packctl: a first update; an upgrade; and its next start after an upgrade that was killed there.
+Eight runs of packctl are struck: a first update; an upgrade, at once, as a download and an install, and from a
+file, where the calls that read the file are struck too; the removal of a pack; the check that finds a broken status
+store; and the recovery of an upgrade that was killed before its new pack was in place. And three of a host of the
+library on an appliance without packctl: a first update; an upgrade; and its next start after an upgrade that was
+killed there.
 
 Each is run once to number its calls. Then, for a call and a fault, the same is run again from the same state with
 that fault: the whole family of processes is killed there, or killed with the loss of all data that was not synced (a
