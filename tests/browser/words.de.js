@@ -166,6 +166,10 @@ export const words = {
 
   reasons: {
     no_space: { cause: "Der Speicher ist voll.", remedy: "Schaffen Sie Platz und versuchen Sie es noch einmal." },
+    disk_error: {
+      cause: "Der Datenträger meldet einen Fehler.",
+      remedy: "Prüfen Sie ihn und versuchen Sie es noch einmal.",
+    },
     not_signed: { cause: "Das Paket ist nicht unterschrieben.", remedy: "Der Herausgeber muss es unterschreiben." },
     bad_signature: {
       cause: "Die Unterschrift des Pakets gilt nicht.",
@@ -180,6 +184,10 @@ export const words = {
     wrong_pack: { cause: "Das Paket ist für ein anderes Gerät.", remedy: "Besorgen Sie das passende Paket." },
     older_version: { cause: "Das Paket ist älter als das installierte.", remedy: "Besorgen Sie ein neueres." },
     checksum_mismatch: { cause: "Das Paket ist nicht das angekündigte.", remedy: "Versuchen Sie es noch einmal." },
+    no_network_module: {
+      cause: "Das Netzmodul fehlt oder passt nicht.",
+      remedy: "Installieren Sie die Pakete noch einmal.",
+    },
     server_unreachable: {
       cause: "Der Server ist nicht erreichbar.",
       remedy: "Prüfen Sie das Netz und versuchen Sie es noch einmal.",

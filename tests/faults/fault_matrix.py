@@ -17,7 +17,10 @@ that by itself.
 
 Recoveries that leave the disk in the same state share these days.
 
-Exits with 0 when nothing was lost and nothing was stuck, else with 1.
+A run of packctl that ends with an error tells why by a reason code, and by a right one: what the disk does is neither
+unexpected nor a damaged package.
+
+Exits with 0 when nothing was lost, nothing was stuck and every error was told, else with 1.
 """
 
 import argparse
@@ -26,6 +29,7 @@ import concurrent.futures
 import contextlib
 import dataclasses
 import itertools
+import json
 import os
 import pathlib
 import random
@@ -44,6 +48,8 @@ POWER_CUTS = ("power", "tear")
 FAULTS = ("kill", *POWER_CUTS, *ERRORS)
 OLD, NEW = "1.0.0", "2.0.0"
 INJECTOR_FAILED = 125
+FAILED = 1
+MISLEADING = ("unexpected", "bad_package")  # codes that do not tell of a failing or full disk
 MOST_UNREACHED = 20  # one in so many
 
 
@@ -59,10 +65,14 @@ class Scenario:
     def aftermath(self):
         return Aftermath if self.command else HostAftermath
 
+    @property
+    def arguments(self):
+        return ["--json", *self.command.split()] if self.command else []
+
     def run(self, appliance, *wrapper):
         if wrapper and self.file:
             wrapper = (wrapper[0], "--reads", self.file, *wrapper[1:])
-        return appliance.run(appliance.program(self.aftermath.PROGRAM), *self.command.split(), wrapper=wrapper)
+        return appliance.run(appliance.program(self.aftermath.PROGRAM), *self.arguments, wrapper=wrapper)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -78,6 +88,8 @@ class Outcome:
     state: str
     lost: tuple
     stuck: tuple
+    reason: str | None  # the code that packctl gave for a command that failed; None when it did not, or gave none
+    untold: tuple  # how packctl did not say why it failed
 
 
 class Matrix:
@@ -179,11 +191,15 @@ class Matrix:
             wrapper = [self.injector, "--record", record, "--at", case.call, "--fault", case.fault]
             if case.fault in POWER_CUTS:
                 wrapper += ["--below", appliance.root]
-            ended = scenario.run(appliance, *wrapper, "--").returncode
+            done = scenario.run(appliance, *wrapper, "--")
+            ended = done.returncode
             if ended == INJECTOR_FAILED:
                 raise RuntimeError(f"the injector failed at {case}")
             calls = read_record(record)
             record.unlink()
+            reason, untold = None, ()
+            if scenario.command and case.fault in ERRORS and ended == FAILED:
+                reason, untold = told_by(done)
             state = appliance.state()
             aftermath = scenario.aftermath(
                 self.publisher, appliance, scenario.old, NEW, scenario.broken, case.fault in ERRORS
@@ -194,7 +210,9 @@ class Matrix:
                 aftermath.look_after_error(calls)
             aftermath.recover()
             lost, stuck = self.going_on(case.scenario, aftermath)
-            return Outcome(len(calls) >= case.call, state, (*aftermath.lost, *lost), (*aftermath.stuck, *stuck))
+            return Outcome(
+                len(calls) >= case.call, state, (*aftermath.lost, *lost), (*aftermath.stuck, *stuck), reason, untold
+            )
 
     def going_on(self, name, recovered):
         """What check and update come to after recovery, lost and stuck; the same state of the disk is tried once."""
@@ -206,6 +224,15 @@ class Matrix:
             later.go_on()
             self.known[key] = later.lost, later.stuck
         return self.known[key]
+
+
+def told_by(done):
+    """The reason code in the answer of a command that failed, and what is wrong with it."""
+    try:
+        reason = json.loads(done.stdout)["error"]["code"]
+    except (ValueError, KeyError, TypeError):
+        return None, (f"no reason code: {done.stdout}{done.stderr}",)
+    return reason, (f"told as {reason}: {done.stdout}{done.stderr}",) if reason in MISLEADING else ()
 
 
 def read_record(record):
@@ -247,18 +274,29 @@ def report(outcomes, numbered):
             f"| {sum(bool(outcome.lost) for outcome in row)} | {sum(bool(outcome.stuck) for outcome in row)} |"
         )
     for case, outcome in outcomes:
-        for problem in (*outcome.lost, *outcome.stuck):
+        for problem in (*outcome.lost, *outcome.stuck, *outcome.untold):
             _, process, call, path = numbered[case.scenario][case.call - 1]
             print(f"{case.scenario}: {case.fault} at call {case.call} ({process} {call} {path}): {problem}")
+    report_reasons(outcomes)
     lost = sum(bool(outcome.lost) for _, outcome in outcomes)
     stuck = sum(bool(outcome.stuck) for _, outcome in outcomes)
-    print(f"faults: {len(outcomes)} tried, {lost} lost, {stuck} stuck, 0 skipped")
+    untold = sum(bool(outcome.untold) for _, outcome in outcomes)
+    print(f"faults: {len(outcomes)} tried, {lost} lost, {stuck} stuck, 0 skipped; {untold} errors untold")
     # How many calls a run takes depends a little on its pace.
     unreached = sum(not outcome.reached for _, outcome in outcomes)
     if unreached > len(outcomes) / MOST_UNREACHED:
         print(f"{unreached} faults never came about")
         return True
-    return lost or stuck
+    return lost or stuck or untold
+
+
+def report_reasons(outcomes):
+    """The table of the reasons that packctl gave."""
+    reasons = collections.Counter((case.fault, outcome.reason) for case, outcome in outcomes if outcome.reason)
+    print("\n| fault | reason code | commands that failed |\n|---|---|---|")
+    for (fault, reason), count in sorted(reasons.items()):
+        print(f"| {fault} | `{reason}` | {count} |")
+    print()
 
 
 def chosen(cases, numbered, seconds, seed):

@@ -1025,11 +1025,11 @@ TEST_F(PackctlTest, WhatStandsInTheWayIsNamedAndOnceItIsGoneAllIsWell) {
       {std::string(path::kPackctlLock) + "/file", path::kPackctlLock, "update",
        std::string("Cannot open the lock ") + path::kPackctlLock + ": " + test::ErrorText(EISDIR)},
       {kTargetFolder, kTargetFolder, "update",
-       std::string("Failed to create temp directory ") + path::kTempPackFolderPath},
+       std::string("cannot make the folder ") + path::kTempPackFolderPath + ": " + test::ErrorText(ENOTDIR)},
       {kTargetFolder, kTargetFolder, "recover",
        std::string("cannot make the folders: ") + kTargetFolder + ": " + test::ErrorText(ENOTDIR)},
       {kDownloadFolder, kDownloadFolder, "update",
-       std::string("Failed to create download directory ") + kDownloadFolder},
+       std::string("cannot make the folder ") + kDownloadFolder + ": " + test::ErrorText(ENOTDIR)},
   };
   for (const Obstacle& obstacle : obstacles) {
     fs::remove_all(obstacle.path);

@@ -50,6 +50,7 @@ std::vector<Case> Cases() {
   const std::string archive = "orba-archive: /codec-pack.opk: ";
   const std::string full = std::strerror(ENOSPC);
   const std::string denied = std::strerror(EACCES);
+  const std::string broken = std::strerror(EIO);
   return {
       {"no_space", {.log = {"Failed to download pack: x: " + full, "DoDownload failed"}}, "the disk is full"},
       {"file_unusable",
@@ -57,9 +58,23 @@ std::vector<Case> Cases() {
                 std::string(std::strerror(EIO))}},
        "the package file cannot be read (/stick/p.opk: " + std::string(std::strerror(EIO)) + ")"},
       {"no_space", {.programs = {archive + "unpacks to more than the 5 bytes that are free"}}, "the disk is full"},
+      {"disk_error", {.programs = {archive + "INFO: " + broken}}, "the disk reports an error"},
+      {"disk_error", {.programs = {"orba-copy: /p: " + broken}}, "the disk reports an error"},
+      {"disk_error",
+       {.problems = {"open lock file /l: " + std::string(std::strerror(EROFS))}},
+       "the disk is read-only"},
+      {"disk_error",
+       {.log = {"Open download file /p failed", "DoDownload failed"}},
+       "the disk does not take the package"},
       {"not_signed",
        {.programs = {archive + "not signed"}, .log = {"Failed to verify checksum of downloaded file."}},
        "the package is not signed"},
+      {"no_network_module",
+       {.log = {"Failed to send request with error: cannot load the network module: /network.so: no such file"}},
+       "the updater's network module is missing or does not fit"},
+      {"no_network_module",
+       {.log = {"Failed to download pack: the network module /network.so is not of version 1"}},
+       "the updater's network module is missing or does not fit"},
       {"server_unreachable",
        {.log = {"Failed to send request with error: refused", "FetchDownloadInfo failed"}},
        "cannot reach the update server (refused)"},

@@ -2,11 +2,13 @@
 
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
+#include "platform/log.h"
 #include "tools/packctl/host/direct_core.h"
 #include "updater/plugin_notifier.h"
 
@@ -19,6 +21,19 @@ std::shared_ptr<store::IKeyValueStore> OpenStore() {
   return store::FileKeyValueStore::Create(path::kPackStatusFile);
 }
 
+/// Says why a folder cannot be made: the library's own lines do not.
+class TellingSDK : public wrapper::OrbaSDKWrapper {
+ public:
+  int MakeDirectory(const std::string& path) override {
+    const int result = OrbaSDKWrapper::MakeDirectory(path);
+    if (result < 0) {
+      ORBAMIRA_LOG_ERROR("cannot make the folder %s: %s", path.c_str(),
+                         std::generic_category().message(-result).c_str());
+    }
+    return result;
+  }
+};
+
 }  // namespace
 
 UpdateObjects MakeUpdateObjects() {
@@ -29,8 +44,8 @@ UpdateObjects MakeUpdateObjects() {
   }
   auto status = std::make_shared<AskedStatusHelper>(std::move(store));
   auto core = std::make_shared<DirectCore>();
-  auto handler = std::make_shared<CheckingPackHandler>(wrapper::CprSession::Create(), facts, core,
-                                                       std::make_shared<wrapper::OrbaSDKWrapper>());
+  auto handler =
+      std::make_shared<CheckingPackHandler>(wrapper::CprSession::Create(), facts, core, std::make_shared<TellingSDK>());
   auto packages = std::make_shared<updater::PackageJudge>(core, std::make_shared<wrapper::OrbaPkgWrapper>());
   auto manager = std::make_unique<updater::PackManager>(core, packages, facts, status, handler,
                                                         std::make_shared<updater::PluginNotifier>(core));

@@ -8,6 +8,8 @@ const char* CodeOf(FailureReason reason) {
   switch (reason) {
     case FailureReason::kNoSpace:
       return "no_space";
+    case FailureReason::kDiskError:
+      return "disk_error";
     case FailureReason::kNotSigned:
       return "not_signed";
     case FailureReason::kBadSignature:
@@ -24,6 +26,8 @@ const char* CodeOf(FailureReason reason) {
       return "older_version";
     case FailureReason::kChecksumMismatch:
       return "checksum_mismatch";
+    case FailureReason::kNoNetworkModule:
+      return "no_network_module";
     case FailureReason::kServerUnreachable:
       return "server_unreachable";
     case FailureReason::kServerRefused:

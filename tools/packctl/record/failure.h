@@ -12,6 +12,7 @@ namespace orbamira::packctl {
 /// The reasons. Scripts, the page and translators know them by their codes, so a code keeps its meaning for ever.
 enum class FailureReason {
   kNoSpace,
+  kDiskError,
   kNotSigned,
   kBadSignature,
   kKeyringUnusable,
@@ -20,6 +21,7 @@ enum class FailureReason {
   kWrongPack,
   kOlderVersion,
   kChecksumMismatch,
+  kNoNetworkModule,
   kServerUnreachable,
   kServerRefused,
   kBadReply,

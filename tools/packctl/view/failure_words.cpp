@@ -50,13 +50,19 @@ std::vector<Rule> RulesFor(const std::string& command) {
   const std::string damaged = "the package is damaged";
   const std::string again = "un: sudo packctl " + command;
   const std::string room = "Make room, then r" + again;
+  const std::string disk = "Check the disk, then r" + again;
   return {
       {kFileUnusable, anyone, "cannot read the package file: ", Words::kOwnAndRest, "the package file cannot be read",
        "Check the file and the stick that it is on, then r" + again},
       {kNoSpace, anyone, WordsOf(std::errc::no_space_on_device), Words::kOwn, "the disk is full", room},
       {kNoSpace, anyone, "bytes that are free", Words::kOwn, "the disk is full", room},
+      {kDiskError, anyone, WordsOf(std::errc::io_error), Words::kOwn, "the disk reports an error", disk},
+      {kDiskError, anyone, WordsOf(std::errc::read_only_file_system), Words::kOwn, "the disk is read-only", disk},
+      {kDiskError, anyone, "Open download file ", Words::kOwn, "the disk does not take the package", disk},
       {kNotSigned, anyone, ": not signed", Words::kOwn, "the package is not signed",
        "Get a signed package from its publisher."},
+      {kNoNetworkModule, anyone, "the network module", Words::kOwn,
+       "the updater's network module is missing or does not fit", "Install the updater's packages again."},
       {kServerUnreachable, anyone, "Failed to send request with error: ", Words::kOwnAndRest,
        "cannot reach the update server", "Check the network, then run: sudo packctl doctor"},
       {kServerRefused, anyone, "Failed to send request with status: ", Words::kOwnAndRest,

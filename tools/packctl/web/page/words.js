@@ -170,6 +170,7 @@ export const words = {
   // Why something failed, by the code of the reason; with `recover`, a recovery mends it.
   reasons: {
     no_space: { cause: "The disk is full.", remedy: "Make room, then try again." },
+    disk_error: { cause: "The disk reports an error.", remedy: "Check the disk, then try again." },
     not_signed: { cause: "The package is not signed.", remedy: "Its publisher has to sign it." },
     bad_signature: {
       cause: "The package's signature is not valid.",
@@ -184,6 +185,10 @@ export const words = {
     wrong_pack: { cause: "The package is for another appliance.", remedy: "Get the one for this appliance." },
     older_version: { cause: "The package is older than the installed pack.", remedy: "Get a newer one." },
     checksum_mismatch: { cause: "The package is not the one that the server announced.", remedy: "Try again." },
+    no_network_module: {
+      cause: "The updater's network module is missing or does not fit.",
+      remedy: "Install the updater's packages again.",
+    },
     server_unreachable: { cause: "The update server cannot be reached.", remedy: "Check the network, then try again." },
     server_refused: { cause: "The update server refuses the request.", remedy: "Run the diagnosis." },
     bad_reply: { cause: "The update server's answer cannot be used.", remedy: "Run the diagnosis." },
