@@ -79,6 +79,8 @@ constexpr std::size_t kMebibyte = std::size_t{1} << 20;
 
 struct Misbehaviour {
   std::string name;
+  /// Why packctl says that the update failed; empty for an update that succeeds.
+  std::string code = {};
   /// What becomes of the reply and of the package; `attempt` counts the requests for it in one update, from 1. Not
   /// called for the other of the two.
   std::function<void(HttpResponse&)> reply = {};
@@ -223,9 +225,11 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
   };
   return {
       {.name = "ReplyNeverComes",
+       .code = "server_unreachable",
        .reply = [](HttpResponse& response) { response.silent = true; },
        .log = CheckFails("Failed to send request with error: " + kAnyWords)},
       {.name = "ReplyIsResetBeforeItsHead",
+       .code = "server_unreachable",
        .reply =
            [](HttpResponse& response) {
              response.silent = true;
@@ -233,15 +237,19 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
            },
        .log = CheckFails("Failed to send request with error: " + kAnyWords)},
       {.name = "ReplyIsResetAfterItsHead",
+       .code = "bad_reply",
        .reply = [](HttpResponse& response) { response.reset_at = 0; },
        .log = CheckFails("Failed to parse response")},
       {.name = "ReplyIsResetMidway",
+       .code = "bad_reply",
        .reply = [](HttpResponse& response) { response.reset_at = 30; },
        .log = CheckFails("Failed to parse response")},
       {.name = "ReplyIsCut",
+       .code = "bad_reply",
        .reply = [](HttpResponse& response) { response.close_at = 30; },
        .log = CheckFails("Failed to parse response")},
       {.name = "ReplyIsLongerThanItSays",
+       .code = "bad_reply",
        .reply = [](HttpResponse& response) { response.claimed_length = 30; },
        .log = CheckFails("Failed to parse response")},
       {.name = "ReplyTrickles",
@@ -255,35 +263,57 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
       {.name = "ReplyWithoutLength",
        .reply = [](HttpResponse& response) { response.framing = HttpResponse::Framing::kUntilClose; }},
       {.name = "ReplyRedirectsForever",
+       .code = "server_refused",
        .reply = Redirects("/reply.json"),
        .log = CheckFails("Failed to send request with status: 301")},
       {.name = "ReplyRedirectsToAFile",
+       .code = "server_refused",
        .reply = Redirects("file:///etc/passwd"),
        .log = CheckFails("Failed to send request with status: 301")},
-      {.name = "ReplyIs401", .reply = AnswersWith(401), .log = CheckFails("Failed to send request with status: 401")},
-      {.name = "ReplyIs404", .reply = AnswersWith(404), .log = CheckFails("Failed to send request with status: 404")},
-      {.name = "ReplyIs429", .reply = AnswersWith(429), .log = CheckFails("Failed to send request with status: 429")},
-      {.name = "ReplyIs500", .reply = AnswersWith(500), .log = CheckFails("Failed to send request with status: 500")},
-      {.name = "ReplyIs204", .reply = AnswersWith(204), .log = CheckFails("Failed to send request with status: 204")},
+      {.name = "ReplyIs401",
+       .code = "server_refused",
+       .reply = AnswersWith(401),
+       .log = CheckFails("Failed to send request with status: 401")},
+      {.name = "ReplyIs404",
+       .code = "server_refused",
+       .reply = AnswersWith(404),
+       .log = CheckFails("Failed to send request with status: 404")},
+      {.name = "ReplyIs429",
+       .code = "server_refused",
+       .reply = AnswersWith(429),
+       .log = CheckFails("Failed to send request with status: 429")},
+      {.name = "ReplyIs500",
+       .code = "server_refused",
+       .reply = AnswersWith(500),
+       .log = CheckFails("Failed to send request with status: 500")},
+      {.name = "ReplyIs204",
+       .code = "server_refused",
+       .reply = AnswersWith(204),
+       .log = CheckFails("Failed to send request with status: 204")},
       {.name = "ReplyIsGarbage",
+       .code = "bad_reply",
        .reply = Says(test::PatternOf(100'000)),
        .log = CheckFails("Failed to parse response")},
       {.name = "ReplyIsHtml",
+       .code = "bad_reply",
        .reply = Says("<!DOCTYPE html><html><body>Please sign in</body></html>"),
        .log = CheckFails("Failed to parse response")},
       {.name = "ReplyIsAHundredMegabytes",
+       .code = "bad_reply",
        .reply =
            [](HttpResponse& response) {
              response.body = R"({")" ORBAMIRA_HEVC_PACK R"(": )" + std::string(100 * kMebibyte, '[');
            },
        .log = CheckFails("Failed to parse response")},
       {.name = "ReplyNeverEnds",
+       .code = "bad_reply",
        .reply =
            [](HttpResponse& response) {
              response = {.body = "{\"x\":", .framing = HttpResponse::Framing::kChunked, .endless = true};
            },
        .log = CheckFails("Failed to parse response")},
       {.name = "ReplyNeverEndsThoughAnOfferBeginsIt",
+       .code = "bad_reply",
        .reply =
            [](HttpResponse& response) {
              response.framing = HttpResponse::Framing::kUntilClose;
@@ -291,6 +321,7 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
            },
        .log = CheckFails("Failed to parse response")},
       {.name = "ReplyIs404AndNeverEnds",
+       .code = "server_refused",
        .reply =
            [](HttpResponse& response) {
              response.status = 404;
@@ -298,33 +329,54 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
              response.endless = true;
            },
        .log = CheckFails("Failed to send request with status: 404")},
-      {.name = "ReplyIsEmpty", .reply = Says(""), .log = CheckFails("Failed to parse response")},
-      {.name = "ReplyIsNull", .reply = Says("null"), .log = CheckFails("Get " ORBAMIRA_HEVC_PACK " info failed")},
+      {.name = "ReplyIsEmpty", .code = "bad_reply", .reply = Says(""), .log = CheckFails("Failed to parse response")},
+      {.name = "ReplyIsNull",
+       .code = "no_pack_offered",
+       .reply = Says("null"),
+       .log = CheckFails("Get " ORBAMIRA_HEVC_PACK " info failed")},
       {.name = "ReplyIsAnEmptyObject",
+       .code = "no_pack_offered",
        .reply = Says("{}"),
        .log = CheckFails("Get " ORBAMIRA_HEVC_PACK " info failed")},
       {.name = "ReplyIsAnArray",
+       .code = "bad_reply",
        .reply = Says("[{}]"),
        .log = Throws(get(Json::Value(Json::arrayValue))),
        .throws = true},
-      {.name = "ReplyIsAText", .reply = Says("\"pack\""), .log = Throws(get("pack")), .throws = true},
-      {.name = "ReplyIsANumber", .reply = Says("7"), .log = Throws(get(7)), .throws = true},
-      {.name = "ReplyIsTrue", .reply = Says("true"), .log = Throws(get(true)), .throws = true},
-      {.name = "ReplyIsNestedTooDeep", .reply = Says(deep), .log = Throws(parse(deep)), .throws = true},
+      {.name = "ReplyIsAText",
+       .code = "bad_reply",
+       .reply = Says("\"pack\""),
+       .log = Throws(get("pack")),
+       .throws = true},
+      {.name = "ReplyIsANumber", .code = "bad_reply", .reply = Says("7"), .log = Throws(get(7)), .throws = true},
+      {.name = "ReplyIsTrue", .code = "bad_reply", .reply = Says("true"), .log = Throws(get(true)), .throws = true},
+      {.name = "ReplyIsNestedTooDeep",
+       .code = "bad_reply",
+       .reply = Says(deep),
+       .log = Throws(parse(deep)),
+       .throws = true},
       {.name = "OfferIsNestedTooDeep",
+       .code = "bad_reply",
        .reply = Says(R"({")" ORBAMIRA_HEVC_PACK R"(": )" + deep + "}"),
        .log = Throws(parse(deep)),
        .throws = true},
       {.name = "OfferIsNull",
+       .code = "no_pack_offered",
        .reply = OffersInPlace(Json::nullValue),
        .log = CheckFails("Get " ORBAMIRA_HEVC_PACK " info failed")},
       {.name = "OfferIsAnArray",
+       .code = "bad_reply",
        .reply = OffersInPlace(Json::arrayValue),
        .log = Throws(get(Json::Value(Json::arrayValue))),
        .throws = true},
-      {.name = "OfferIsAText", .reply = OffersInPlace("2.0"), .log = Throws(get("2.0")), .throws = true},
-      {.name = "OfferIsANumber", .reply = OffersInPlace(2), .log = Throws(get(2)), .throws = true},
+      {.name = "OfferIsAText",
+       .code = "bad_reply",
+       .reply = OffersInPlace("2.0"),
+       .log = Throws(get("2.0")),
+       .throws = true},
+      {.name = "OfferIsANumber", .code = "bad_reply", .reply = OffersInPlace(2), .log = Throws(get(2)), .throws = true},
       {.name = "OfferIsTwice",
+       .code = "no_pack_offered",
        .reply =
            [](HttpResponse& response) {
              response.body.resize(response.body.rfind('}'));
@@ -332,38 +384,47 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
            },
        .log = CheckFails("Get " ORBAMIRA_HEVC_PACK " info failed")},
       {.name = "LinkIsAnArray",
+       .code = "bad_reply",
        .reply = OffersWith(param::kLink, Json::arrayValue),
        .log = Throws(text(Json::arrayValue)),
        .throws = true},
       {.name = "LinkIsAnObject",
+       .code = "bad_reply",
        .reply = OffersWith(param::kLink, Json::objectValue),
        .log = Throws(text(Json::objectValue)),
        .throws = true},
       {.name = "LinkIsEmpty",
+       .code = "download_failed",
        .reply = OffersWith(param::kLink, ""),
        .log = [](const std::string&) { return DownloadFails(kAnyWords)(""); },
        .downloads = true},
       {.name = "LinkIsNull",
+       .code = "download_failed",
        .reply = OffersWith(param::kLink, Json::nullValue),
        .log = [](const std::string&) { return DownloadFails(kAnyWords)(""); },
        .downloads = true},
       {.name = "LinkIsALocalFile",
+       .code = "download_failed",
        .reply = OffersWith(param::kLink, "file:///etc/passwd"),
        .log = [](const std::string&) { return DownloadFails(kAnyWords)("file:///etc/passwd"); },
        .downloads = true},
       {.name = "LinkHasAnotherScheme",
+       .code = "download_failed",
        .reply = OffersWith(param::kLink, "ftp://127.0.0.1/pack"),
        .log = [](const std::string&) { return DownloadFails(kAnyWords)("ftp://127.0.0.1/pack"); },
        .downloads = true},
       {.name = "LinkLooksLikeAFormat",
+       .code = "download_failed",
        .reply = [](HttpResponse& response) { OffersWith(param::kLink, PublishedLink() + "%s%n%d")(response); },
        .log = [](const std::string& link) { return LogOfStatus(link + "%s%n%d", 404); },
        .downloads = true},
       {.name = "ChecksumIsWrong",
+       .code = "checksum_mismatch",
        .reply = OffersWith(param::kChecksum, std::string(64, '0')),
        .log = LogOfVerification,
        .downloads = true},
       {.name = "ChecksumIsOfAnAlgorithmTooWeak",
+       .code = "checksum_mismatch",
        .reply = OffersDigest("SHA1"),
        .log = LogOfVerification,
        .downloads = true},
@@ -376,19 +437,23 @@ std::vector<Misbehaviour> MisbehavioursOfTheReply() {
              OffersWith(param::kChecksum, digest)(response);
            }},
       {.name = "ChecksumIsEmpty",
+       .code = "checksum_mismatch",
        .reply = OffersWith(param::kChecksum, ""),
        .log = LogOfVerification,
        .downloads = true},
       {.name = "ChecksumIsNull",
+       .code = "checksum_mismatch",
        .reply = OffersWith(param::kChecksum, Json::nullValue),
        .log = LogOfVerification,
        .downloads = true},
       {.name = "ChecksumIsAnArray",
+       .code = "bad_reply",
        .reply = OffersWith(param::kChecksum, Json::arrayValue),
        .log = Throws(text(Json::arrayValue)),
        .throws = true,
        .downloads = true},
       {.name = "VersionIsAnArray",
+       .code = "bad_reply",
        .reply = OffersWith(param::kVersion, Json::arrayValue),
        .log = Throws(text(Json::arrayValue)),
        .throws = true},
@@ -407,6 +472,7 @@ std::vector<Misbehaviour> MisbehavioursOfThePackage() {
   std::vector<Misbehaviour> all;
   for (const int status : {204, 206, 304, 401, 404, 429, 500, 503}) {
     all.push_back({.name = "PackageIs" + std::to_string(status),
+                   .code = "download_failed",
                    .package = Always(AnswersWith(status)),
                    .log = DownloadEndsWith(status),
                    .downloads = true});
@@ -420,10 +486,12 @@ std::vector<Misbehaviour> MisbehavioursOfThePackage() {
   const std::string gave_up = "resumed 5 times without progress";
   const std::vector<Misbehaviour> others = {
       {.name = "PackageNeverComes",
+       .code = "download_failed",
        .package = Always([](HttpResponse& response) { response.silent = true; }),
        .log = DownloadFails(kAnyWords),
        .downloads = true},
       {.name = "PackageIsResetBeforeItsHead",
+       .code = "download_failed",
        .package = Always([](HttpResponse& response) {
          response.silent = true;
          response.reset_at = 0;
@@ -431,16 +499,19 @@ std::vector<Misbehaviour> MisbehavioursOfThePackage() {
        .log = DownloadFails(kAnyWords),
        .downloads = true},
       {.name = "PackageIsAlwaysResetAtOnce",
+       .code = "download_failed",
        .package = Always([](HttpResponse& response) { response.reset_at = 0; }),
        .log = DownloadFails(kAnyWords + "; got 0 of 10240 bytes, " + gave_up),
        .downloads = true,
        .slow = true},
       {.name = "PackageIsAlwaysCutAfterAByte",
+       .code = "download_failed",
        .package = Always([](HttpResponse& response) { response.close_at = 1; }),
        .log = DownloadFails(kAnyWords + "; got 6 of 10240 bytes, " + gave_up),
        .downloads = true,
        .slow = true},
       {.name = "PackageStallsForever",
+       .code = "download_failed",
        .package = Always([](HttpResponse& response) { response.stall_at = 100; }),
        .log = DownloadFails("under 1 byte per second for 30000 ms; got 600 of 10240 bytes, " + gave_up),
        .downloads = true,
@@ -462,6 +533,7 @@ std::vector<Misbehaviour> MisbehavioursOfThePackage() {
       {.name = "PackageWithoutLength",
        .package = Always([](HttpResponse& response) { response.framing = HttpResponse::Framing::kUntilClose; })},
       {.name = "PackageIsCutWhereNobodyCanTell",
+       .code = "checksum_mismatch",
        .package = Always([](HttpResponse& response) {
          response.framing = HttpResponse::Framing::kUntilClose;
          response.close_at = 4096;
@@ -469,15 +541,18 @@ std::vector<Misbehaviour> MisbehavioursOfThePackage() {
        .log = LogOfVerification,
        .downloads = true},
       {.name = "PackageIsLongerThanItSays",
+       .code = "checksum_mismatch",
        .package = Always([](HttpResponse& response) { response.claimed_length = 4096; }),
        .log = LogOfVerification,
        .downloads = true},
       {.name = "PackageIsLongerThanPublished",
+       .code = "checksum_mismatch",
        .reply = OffersWithoutSize,
        .package = Always([](HttpResponse& response) { response.body += "more"; }),
        .log = LogOfVerification,
        .downloads = true},
       {.name = "PackageIsShorterThanItSays",
+       .code = "download_failed",
        .reply = OffersWithoutSize,
        .package = Always([](HttpResponse& response) {
          if (response.status == 200) {
@@ -488,6 +563,7 @@ std::vector<Misbehaviour> MisbehavioursOfThePackage() {
        .downloads = true,
        .slow = true},
       {.name = "PackageRestIsAnotherPart",
+       .code = "download_failed",
        .package =
            [](const HttpRequest& request, HttpResponse& response, int) {
              if (request.Header("Range").empty()) {
@@ -501,19 +577,27 @@ std::vector<Misbehaviour> MisbehavioursOfThePackage() {
        .downloads = true,
        .slow = true},
       {.name = "PackageRedirectsForever",
+       .code = "download_failed",
        .package = Always([](HttpResponse& response) { Redirects(PublishedLink())(response); }),
        .log = DownloadFails(kAnyWords),
        .downloads = true},
       {.name = "PackageRedirectsToAFile",
+       .code = "download_failed",
        .package = Always(Redirects("file:///etc/passwd")),
        .log = DownloadFails(kAnyWords),
        .downloads = true},
       {.name = "PackageIsHtml",
+       .code = "checksum_mismatch",
        .package = Always(Says("<!DOCTYPE html><html><body>Please sign in</body></html>")),
        .log = LogOfVerification,
        .downloads = true},
-      {.name = "PackageIsEmpty", .package = Always(Says("")), .log = LogOfVerification, .downloads = true},
+      {.name = "PackageIsEmpty",
+       .code = "checksum_mismatch",
+       .package = Always(Says("")),
+       .log = LogOfVerification,
+       .downloads = true},
       {.name = "PackageChangesBetweenAttempts",
+       .code = "checksum_mismatch",
        .package =
            [](const HttpRequest& request, HttpResponse& response, int attempt) {
              if (attempt == 1) {
@@ -526,6 +610,7 @@ std::vector<Misbehaviour> MisbehavioursOfThePackage() {
        .downloads = true,
        .slow = true},
       {.name = "PackageChangesBetweenAttemptsAndKeepsItsTag",
+       .code = "checksum_mismatch",
        .package =
            [](const HttpRequest& request, HttpResponse& response, int attempt) {
              if (attempt == 1) {
@@ -651,7 +736,7 @@ class MisbehavingServerTest : public testing::TestWithParam<Misbehaviour> {
     }
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(WithoutLastLine(result.errors), ReadsLikeText(ErrorsOf(log, misbehaviour)));
-    EXPECT_NE(CodeOfLastFailure(), "unexpected");
+    EXPECT_EQ(CodeOfLastFailure(), misbehaviour.code);
     ExpectPack("1.0", "one");
     EXPECT_EQ(RecordedStatus(), "download_install_failed");
     EXPECT_FALSE(fs::exists(kDownloadFolder));
@@ -688,8 +773,11 @@ INSTANTIATE_TEST_SUITE_P(Package, MisbehavingServerTest, testing::ValuesIn(Misbe
 // It would fill the disk, and with it the place where the failure is to be recorded.
 TEST_F(MisbehavingServerTest, APackageWithoutEndGivesItsRoomBack) {
   appliance_.Publish("2.0", test::PatternOf(kMebibyte));
-  const Misbehaviour endless{
-      .name = "PackageNeverEnds", .reply = OffersWithoutSize, .package = Always(SendWithoutEnd), .downloads = true};
+  const Misbehaviour endless{.name = "PackageNeverEnds",
+                             .code = "download_failed",
+                             .reply = OffersWithoutSize,
+                             .package = Always(SendWithoutEnd),
+                             .downloads = true};
   const Log log = DownloadFails("cannot write the file: " + test::ErrorText(EFBIG))(PublishedLink());
   {
     const test::FileSizeLimit full(3 * kMebibyte);
@@ -716,7 +804,11 @@ TEST_F(MisbehavingServerTest, PackctlTakesNoMoreThanTheSizeInTheReply) {
   appliance_.Publish("2.0", "two");
   const Log log =
       DownloadFails("the file is over 10240 bytes, its size in the reply: " + test::ErrorText(EFBIG))(PublishedLink());
-  ExpectPackctlSurvives({.name = "PackageNeverEnds", .package = Always(SendWithoutEnd), .log = {}, .downloads = true},
+  ExpectPackctlSurvives({.name = "PackageNeverEnds",
+                         .code = "download_failed",
+                         .package = Always(SendWithoutEnd),
+                         .log = {},
+                         .downloads = true},
                         log);
   ExpectHealthyUpdate("two");
 }
@@ -725,8 +817,11 @@ TEST_F(MisbehavingServerTest, ADownloadIsBoundedByTheSettings) {
   appliance_.Publish("2.0", "two");
   const std::string settings = test::ReadFile(path::kPkgSetting);
   test::WriteFile(path::kPkgSetting, settings + "download_limit=10239\n");
-  const Misbehaviour endless{
-      .name = "PackageNeverEnds", .reply = OffersWithoutSize, .package = Always(SendWithoutEnd), .downloads = true};
+  const Misbehaviour endless{.name = "PackageNeverEnds",
+                             .code = "download_failed",
+                             .reply = OffersWithoutSize,
+                             .package = Always(SendWithoutEnd),
+                             .downloads = true};
   const Log log = DownloadFails("the file is over 10239 bytes, the download_limit of the settings: " +
                                 test::ErrorText(EFBIG))(PublishedLink());
   ExpectLibrarySurvives(endless, log);
@@ -788,6 +883,7 @@ TEST_F(MisbehavingServerTest, PackctlTakesAnOfferWithTextsOutOfBoundsForNone) {
     EXPECT_EQ(update.status, 1);
     EXPECT_EQ(update.errors, "packctl: Update failed: " + refusal + offer.problem +
                                  ". 1.0 stays installed. Run: sudo packctl doctor\n");
+    EXPECT_EQ(CodeOfLastFailure(), "bad_reply");
     ExpectPack("1.0", "one");
   }
   ExpectHealthyUpdate("two");
@@ -852,7 +948,7 @@ TEST_F(AbsentServerTest, AnUpdateServerThatRefusesIsNoHarm) {
   const std::string settings = test::ReadFile(path::kPkgSetting);
   test::WriteFile(path::kPkgSetting,
                   std::string(common::kPackUpdateServer) + "=" + refusing_.Url("/reply.json") + "\n");
-  const Misbehaviour absent{.name = "UpdateServerRefuses"};
+  const Misbehaviour absent{.name = "UpdateServerRefuses", .code = "server_unreachable"};
   const Log log = CheckFails("Failed to send request with error: " + kAnyWords)("");
   ExpectLibrarySurvives(absent, log);
   ExpectPackctlSurvives(absent, log);
@@ -862,7 +958,10 @@ TEST_F(AbsentServerTest, AnUpdateServerThatRefusesIsNoHarm) {
 
 TEST_F(AbsentServerTest, AServerOfPackagesThatRefusesIsNoHarm) {
   const std::string link = refusing_.Url("/pack.opk");
-  const Misbehaviour absent{.name = "PackageServerRefuses", .reply = OffersWith(param::kLink, link), .downloads = true};
+  const Misbehaviour absent{.name = "PackageServerRefuses",
+                            .code = "download_failed",
+                            .reply = OffersWith(param::kLink, link),
+                            .downloads = true};
   const Log log = DownloadFails(kAnyWords)(link);
   ExpectLibrarySurvives(absent, log);
   ExpectPackctlSurvives(absent, log);

@@ -1,8 +1,9 @@
-"""Where there is a keyring, only a package that it vouches for is unpacked."""
+"""Where there is a keyring, only a package that it vouches for is unpacked, and packctl says why another is not."""
 
 import errno
 import hashlib
 import io
+import json
 import os
 import pathlib
 import re
@@ -17,7 +18,7 @@ import words
 from authority import INTERMEDIATE, LEAF, Authority
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "support"))
-from appliance import Paths  # noqa: E402
+from appliance import Appliance  # noqa: E402
 
 BUILD = pathlib.Path(os.environ["ORBAMIRA_BUILD"])
 TOOLS = BUILD / "tools/orba-archive"
@@ -45,8 +46,8 @@ class SignedPackageTest(unittest.TestCase):
         self.top = pathlib.Path(tempfile.mkdtemp())
         self.addCleanup(shutil.rmtree, self.top)
         self.root = self.top / "root"
-        self.keyring = self.root / Paths(BUILD).settings_folder / "keyring.pem"
-        self.keyring.parent.mkdir(parents=True)
+        self.appliance = Appliance.lay_out(self.root, BUILD)
+        self.keyring = self.appliance.settings / "keyring.pem"
         self.package = self.top / "package.opk"
         self.folder = self.top / "unpacked"
         self.folder.mkdir()
@@ -96,19 +97,24 @@ class SignedPackageTest(unittest.TestCase):
         for name in found:
             (self.folder / name).unlink()
 
-    def assert_refused(self, reason, program="orba-archive"):
-        self.assert_refused_for(re.escape(reason), program)
+    def assert_refused(self, reason, code="bad_signature"):
+        self.assert_refused_for(re.escape(reason), code)
 
-    def assert_refused_for(self, pattern, program="orba-archive"):
-        done = self.unpack(program)
-        line = f"^{re.escape(f'{program}: {self.package}: ')}{pattern}\n$"
-        self.assertEqual((1, ""), (done.returncode, done.stdout))
-        self.assertRegex(done.stderr, line)
-        self.assertEqual([], os.listdir(self.folder))
-        if program == "orba-archive":
-            done = self.run_tool(program, "--verify", self.package)
+    def assert_refused_for(self, pattern, code="bad_signature"):
+        line = f"^{re.escape(f'orba-archive: {self.package}: ')}{pattern}\n$"
+        for done in (self.unpack(), self.run_tool("orba-archive", "--verify", self.package)):
             self.assertEqual((1, ""), (done.returncode, done.stdout))
             self.assertRegex(done.stderr, line)
+            self.assertEqual([], os.listdir(self.folder))
+        self.assert_told(code)
+
+    def assert_told(self, code):
+        """The reason that packctl gives when it is to install the package."""
+        self.appliance.download.mkdir(parents=True, exist_ok=True)
+        shutil.copy(self.package, self.appliance.download / f"{self.appliance.pack.name}.opk")
+        self.appliance.write_status(json.dumps({"status": "need_install", "new_version": "2"}))
+        done = self.appliance.packctl("--json", "install")
+        self.assertEqual((1, code), (done.returncode, json.loads(done.stdout)["error"]["code"]), done.stderr)
 
     def assert_signer_refused(self, number):
         self.assert_refused_for("MANIFEST.sig: " + words.certificate_error(number))
@@ -214,7 +220,7 @@ class SignedPackageTest(unittest.TestCase):
         for members in ([], [("MANIFEST", manifest(self.members))], [("MANIFEST.sig", b"signature")]):
             with self.subTest(members):
                 self.package.write_bytes(tar([*members, *self.members.items()]))
-                self.assert_refused("not signed")
+                self.assert_refused("not signed", "not_signed")
 
     def test_order_of_the_members_does_not_matter(self):
         self.trust("ca")
@@ -349,6 +355,7 @@ class SignedPackageTest(unittest.TestCase):
                 self.assertEqual(1, done.returncode)
                 self.assertIn(f"{self.package}: MANIFEST.sig: ", done.stderr)
                 self.assertEqual([], os.listdir(self.folder))
+                self.assert_told("bad_signature")
 
     def test_no_single_bit_of_the_signature_or_manifest_can_change_what_is_accepted(self):
         self.trust("ca")
@@ -406,7 +413,9 @@ class SignedPackageTest(unittest.TestCase):
         for name, content in dict(signed).items():
             with self.subTest(name):
                 self.package.write_bytes(tar([*signed, (name, content)]))
-                self.assert_refused(f"{name}: in the package twice")
+                self.assert_refused(
+                    f"{name}: in the package twice", "bad_signature" if name.startswith("MANIFEST") else "bad_package"
+                )
 
     def test_anything_but_files_is_refused(self):
         self.trust("ca")
@@ -419,7 +428,7 @@ class SignedPackageTest(unittest.TestCase):
                     tar([("MANIFEST", text), ("MANIFEST.sig", self.sign(text)), *self.members.items(), (link, b"")])
                 )
                 name = "link/" if kind == tarfile.DIRTYPE else "link"
-                self.assert_refused(f"{name}: a package contains only files at the top level")
+                self.assert_refused(f"{name}: a package contains only files at the top level", "bad_package")
 
     def test_damaged_manifest_is_refused_though_it_is_signed(self):
         self.trust("ca")
@@ -442,7 +451,7 @@ class SignedPackageTest(unittest.TestCase):
             with self.subTest(style):
                 command = ["tar", f"--format={style}", "-S", "-cf", self.package, "-C", folder, *os.listdir(folder)]
                 subprocess.run(command, check=True)
-                self.assert_refused("INFO: a sparse file in a package")
+                self.assert_refused("INFO: a sparse file in a package", "bad_package")
 
     def test_texts_of_any_length_are_refused(self):
         self.trust("ca")
@@ -459,6 +468,7 @@ class SignedPackageTest(unittest.TestCase):
         done = self.unpack()
         self.assertEqual(1, done.returncode, done.stderr)
         self.assertEqual([], os.listdir(self.folder))
+        self.assert_told("bad_package")
 
     def test_payload_in_place_of_a_package_is_refused(self):
         self.trust("ca")
@@ -467,7 +477,7 @@ class SignedPackageTest(unittest.TestCase):
         (inner / "library").write_bytes(b"planted")
         with tarfile.open(self.package, "w:gz") as archive:
             archive.add(inner / "library", "library")
-        self.assert_refused_for(".+")
+        self.assert_refused_for(".+", "bad_package")
 
     def test_payload_needs_no_signature_of_its_own(self):
         self.trust("ca")
@@ -491,29 +501,30 @@ class SignedPackageTest(unittest.TestCase):
                 self.assertEqual(1, done.returncode)
                 self.assertIn(f"orba-archive: {self.package}: {self.keyring}: {reason or ''}", done.stderr)
                 self.assertEqual([], os.listdir(self.folder))
+                self.assert_told("keyring_unusable")
 
     def test_keyring_that_everyone_may_write_accepts_nothing(self):
         self.trust("ca")
         self.pack()
         self.keyring.chmod(0o666)
-        self.assert_refused(f"{self.keyring}: everyone may write it")
+        self.assert_refused(f"{self.keyring}: everyone may write it", "keyring_unusable")
 
     def test_keyring_that_is_no_file_accepts_nothing(self):
         self.pack()
         with self.subTest("a link to nowhere"):
             self.keyring.symlink_to("nowhere")
-            self.assert_refused(f"{self.keyring}: {os.strerror(errno.ENOENT)}")
+            self.assert_refused(f"{self.keyring}: {os.strerror(errno.ENOENT)}", "keyring_unusable")
         with self.subTest("a folder"):
             self.keyring.unlink()
             self.keyring.mkdir()
             done = self.unpack()
             self.assertEqual(1, done.returncode)
             self.assertEqual([], os.listdir(self.folder))
+            self.assert_told("keyring_unusable")
         with self.subTest("settings that are a file"):
-            self.keyring.rmdir()
-            self.keyring.parent.rmdir()
+            shutil.rmtree(self.keyring.parent)
             self.keyring.parent.touch()
-            self.assert_refused(f"{self.keyring}: {os.strerror(errno.ENOTDIR)}")
+            self.assert_refused(f"{self.keyring}: {os.strerror(errno.ENOTDIR)}", "keyring_unusable")
 
 
 if __name__ == "__main__":
