@@ -5,6 +5,7 @@ usage: web_test.py --build BUILD
 
 import argparse
 import contextlib
+import fcntl
 import functools
 import http.client
 import http.server
@@ -518,6 +519,10 @@ class WebTest(unittest.TestCase):
                 self.open_page(other)
                 self.assertEqual(self.text(other, "headline"), "The update failed.")
                 self.assertEqual(german, other.execute_async_script(names))
+            with (self.appliance.run_folder / "lock/packctl.lock").open("w") as lock:
+                fcntl.flock(lock, fcntl.LOCK_EX)
+                self.click(browser, "act")
+                self.await_text(browser, "outcome", "Nicht ausgeführt. Ein anderes Programm arbeitet.")
 
     def test_puts_in_what_comes_from_outside_as_text(self):
         markup = "<b id=planted>2.0</b><img src=x onerror=alert(1)>"

@@ -53,7 +53,7 @@ export const words = {
     pack === null ? "Kein Codec-Paket ist installiert." : `Version ${pack.version} bleibt installiert.`,
   until: (pack) => `Version ${pack.version} bleibt in Gebrauch, bis die neue an ihrem Platz ist.`,
   age: (age) => `Was Sie sehen, ist von ${age}. Neuer Versuch …`,
-  refused: (why) => `Nicht ausgeführt: ${why}.`,
+  refused: (cause) => `Nicht ausgeführt. ${cause}`,
   notSent: "Das konnte nicht gesendet werden. Ist das Gerät erreichbar?",
   wrongToken: "Das ist nicht der Schlüssel der Seite.",
 
@@ -107,7 +107,6 @@ export const words = {
     nothing_to_do: "Es ist nichts zu tun.",
     no_address: "Kein Server ist eingestellt.",
     done: "Fertig.",
-    busy: "Ein anderes Programm arbeitet.",
   },
   ended: (exit) => `Beendet mit Status ${exit}.`,
 
@@ -163,6 +162,13 @@ export const words = {
 
   server: (user, isHeld) =>
     `Ausgeliefert vom Konto ${user} an ${isHeld ? "einem Port, den systemd dafür freihält" : "einem Port, den jeder hätte nehmen können"}.`,
+
+  refusals: {
+    not_installed: "Kein Codec-Paket ist installiert.",
+    locked: "Ein anderes Programm sperrt den Zustand.",
+    wrong_host: "Der Server kennt den Namen nicht, unter dem Sie ihn erreicht haben.",
+    other_site: "Die Anfrage kam von einer anderen Website.",
+  },
 
   reasons: {
     no_space: { cause: "Der Speicher ist voll.", remedy: "Schaffen Sie Platz und versuchen Sie es noch einmal." },

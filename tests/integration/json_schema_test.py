@@ -93,7 +93,7 @@ class JsonSchemaTest(unittest.TestCase):
     def test_is_a_schema_of_the_commands_that_there_are(self):
         jsonschema.Draft202012Validator.check_schema(self.schema)
         commands = [self.definition(name) for name in self.commands()]
-        parts = {"error", "status_text", "step_text", "pack", "history_entry", "web_state", "web_history"}
+        parts = {"error", "refusal", "status_text", "step_text", "pack", "history_entry", "web_state", "web_history"}
         self.assertEqual(set(self.schema["$defs"]) - parts, set(commands))
         self.assertEqual(
             [form["$ref"] for form in self.schema["anyOf"]],

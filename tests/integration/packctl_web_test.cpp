@@ -296,25 +296,31 @@ TEST_F(PackctlWebTest, RefusesWhatIsTooLongOrNotUnderstood) {
 
 TEST_F(PackctlWebTest, ActsForNobodyElse) {
   Start();
-  const std::vector<std::pair<Fields, int>> refused = {
-      {{{"Authorization", ""}}, 401},
-      {{{"Authorization", "Bearer " + std::string(64, '0')}}, 401},
-      {{{"Authorization", "Basic " + token_}}, 401},
-      {{{"Content-Type", ""}}, 415},
-      {{{"Content-Type", "text/plain"}}, 415},
-      {{{"Content-Type", "application/x-www-form-urlencoded"}}, 415},
-      {{{"Origin", "http://evil.example"}}, 403},
-      {{{"Origin", "null"}}, 403},
-      {{{"Sec-Fetch-Site", "cross-site"}}, 403},
-      {{{"Sec-Fetch-Site", "same-site"}}, 403},
-      {{{"Host", "evil.example"}, {"Origin", "http://evil.example"}}, 403},
+  struct Refused {
+    Fields changes;
+    int status;
+    std::string code;
   };
-  for (const auto& [changes, status] : refused) {
+  const std::vector<Refused> refused = {
+      {{{"Authorization", ""}}, 401, "no_token"},
+      {{{"Authorization", "Bearer " + std::string(64, '0')}}, 401, "wrong_token"},
+      {{{"Authorization", "Basic " + token_}}, 401, "no_token"},
+      {{{"Content-Type", ""}}, 415, "not_json"},
+      {{{"Content-Type", "text/plain"}}, 415, "not_json"},
+      {{{"Content-Type", "application/x-www-form-urlencoded"}}, 415, "not_json"},
+      {{{"Origin", "http://evil.example"}}, 403, "other_site"},
+      {{{"Origin", "null"}}, 403, "other_site"},
+      {{{"Sec-Fetch-Site", "cross-site"}}, 403, "other_site"},
+      {{{"Sec-Fetch-Site", "same-site"}}, 403, "other_site"},
+      {{{"Host", "evil.example"}, {"Origin", "http://evil.example"}}, 403, "wrong_host"},
+  };
+  for (const auto& [changes, status, code] : refused) {
     for (const char* action :
          {"unlock", "check", "download", "install", "update", "reinstall", "remove", "recover", "doctor"}) {
       const Answer answer = Act(action, changes);
       EXPECT_EQ(answer.status, status) << changes.begin()->first << ": " << changes.begin()->second;
-      EXPECT_FALSE(Parsed(answer.body)["error"].asString().empty());
+      EXPECT_EQ(Parsed(answer.body)["error"]["code"], code);
+      EXPECT_FALSE(Parsed(answer.body)["error"]["message"].asString().empty());
     }
   }
   EXPECT_TRUE(State()["action"].isNull());
@@ -436,13 +442,15 @@ TEST_F(PackctlWebTest, RefusesASecondActionWhileOneIsAtWork) {
   for (const char* action : {"check", "update"}) {
     const Answer answer = Act(action);
     EXPECT_EQ(answer.status, 409);
-    EXPECT_EQ(Parsed(answer.body)["error"], "packctl update is at work");
+    EXPECT_EQ(Parsed(answer.body)["error"]["code"], "busy");
+    EXPECT_EQ(Parsed(answer.body)["error"]["message"], "packctl update is at work");
   }
   const Json::Value state = AwaitState([](const Json::Value& now) { return now["progress"]["percent"].asInt() > 0; });
   EXPECT_EQ(state["status"], "downloading_installing");
   EXPECT_TRUE(state["at_work"].asBool());
   for (const Json::Value& why_not : state["why_not"]) {
-    EXPECT_EQ(why_not, "packctl update is at work");
+    EXPECT_EQ(why_not["code"], "busy");
+    EXPECT_EQ(why_not["message"], "packctl update is at work");
   }
   appliance_.server().Release();
   EXPECT_EQ(AwaitAction("update")["result"], "done");
@@ -455,7 +463,8 @@ TEST_F(PackctlWebTest, RefusesAnActionWhileAnotherPackctlIsAtWork) {
     const updater::UpdateLock lock;
     const Answer answer = Act("check");
     EXPECT_EQ(answer.status, 409);
-    EXPECT_EQ(Parsed(answer.body)["error"], "another program is at work");
+    EXPECT_EQ(Parsed(answer.body)["error"]["code"], "busy");
+    EXPECT_EQ(Parsed(answer.body)["error"]["message"], "another program is at work");
   }
   EXPECT_EQ(Act("check").status, 202);
   AwaitAction("check");
@@ -469,7 +478,8 @@ TEST_F(PackctlWebTest, RefusesAnUpdateThatTheStatusForbids) {
   const Answer answer = Act("update");
   EXPECT_EQ(answer.status, 409);
   EXPECT_EQ(Parsed(answer.body)["error"], state["why_not"]["update"]);
-  EXPECT_THAT(state["why_not"]["update"].asString(), HasSubstr("download_failed (the last download failed)"));
+  EXPECT_THAT(state["why_not"]["update"]["message"].asString(),
+              HasSubstr("download_failed (the last download failed)"));
 }
 
 TEST_F(PackctlWebTest, AnUpdateGoesOnWhenItsServerIsEnded) {

@@ -151,16 +151,17 @@ std::optional<std::string> HttpRequest::Parameter(std::string_view name) const {
   return value;
 }
 
-HttpReply ErrorReply(int status, const std::string& sentence) {
+HttpReply ErrorReply(int status, const std::string& code, const std::string& message) {
   Json::Value json;
-  json["error"] = sentence;
+  json["error"]["code"] = code;
+  json["error"]["message"] = message;
   return {.status = status, .body = std::make_shared<const std::string>(JsonLine(json))};
 }
 
 std::optional<std::variant<HttpRequest, HttpReply>> ParseRequest(std::string_view bytes) {
   const std::size_t end = bytes.find(kHeadEnd);
   if (std::min(end, bytes.size()) > kMaxHeadSize) {
-    return ErrorReply(431, "the request's head is too long");
+    return ErrorReply(431, "head_too_long", "the request's head is too long");
   }
   if (end == std::string_view::npos) {
     return std::nullopt;
@@ -172,17 +173,17 @@ std::optional<std::variant<HttpRequest, HttpReply>> ParseRequest(std::string_vie
     understood = ReadField(*TakeUntil(lines, kLineEnd), request);
   }
   if (!understood) {
-    return ErrorReply(400, "the request is not understood");
+    return ErrorReply(400, "not_understood", "the request is not understood");
   }
   if (request.Field("transfer-encoding")) {
-    return ErrorReply(501, "a request's body is taken only with its length");
+    return ErrorReply(501, "no_length", "a request's body is taken only with its length");
   }
   const auto length = Number(request.Field("content-length").value_or("0"));
   if (!length) {
-    return ErrorReply(400, "the request is not understood");
+    return ErrorReply(400, "not_understood", "the request is not understood");
   }
   if (*length > kMaxBodySize) {
-    return ErrorReply(413, "the request's body is too long");
+    return ErrorReply(413, "body_too_long", "the request's body is too long");
   }
   request.body = bytes.substr(end + kHeadEnd.size(), *length);
   return request.body.size() == *length ? std::optional(request) : std::nullopt;

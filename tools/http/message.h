@@ -44,8 +44,8 @@ struct HttpReply {
   std::string allow = {};               ///< with status 405: the methods there are
 };
 
-/// An answer in JSON with the one member "error".
-HttpReply ErrorReply(int status, const std::string& sentence);
+/// An answer in JSON with the one member "error": {"code", "message"}, the reason for programs and as a clause.
+HttpReply ErrorReply(int status, const std::string& code, const std::string& message);
 
 /// What the head section and the body of a request may take.
 constexpr std::size_t kMaxHeadSize = 8192;

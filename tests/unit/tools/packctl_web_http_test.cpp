@@ -92,11 +92,11 @@ TEST(ParseRequestTest, RefusesMoreThanItTakesBeforeItHasCome) {
   EXPECT_EQ(StatusOf(with_length(kMaxBodySize + 1)), 413);
 }
 
-TEST(ErrorReplyTest, IsASentenceInJson) {
-  const HttpReply reply = ErrorReply(409, "say \"no\"");
+TEST(ErrorReplyTest, HasTheReasonForProgramsAndForPeople) {
+  const HttpReply reply = ErrorReply(409, "busy", "say \"no\"");
   EXPECT_EQ(reply.status, 409);
   EXPECT_EQ(reply.type, "application/json");
-  EXPECT_EQ(*reply.body, "{\"error\":\"say \\\"no\\\"\"}\n");
+  EXPECT_EQ(*reply.body, "{\"error\":{\"code\":\"busy\",\"message\":\"say \\\"no\\\"\"}}\n");
 }
 
 TEST(HeadSectionTest, SaysWhatTheBodyIsAndWhatABrowserMustNotDo) {
@@ -116,11 +116,11 @@ TEST(HeadSectionTest, SaysWhatTheBodyIsAndWhatABrowserMustNotDo) {
 
 TEST(HeadSectionTest, HasAReasonForEachStatusThatIsGiven) {
   for (const int status : {200, 202, 400, 401, 403, 404, 405, 409, 413, 415, 421, 431, 501, 503}) {
-    EXPECT_THAT(HeadSection(ErrorReply(status, "")), Not(HasSubstr("Internal"))) << status;
+    EXPECT_THAT(HeadSection(ErrorReply(status, "", "")), Not(HasSubstr("Internal"))) << status;
   }
-  EXPECT_THAT(HeadSection(ErrorReply(500, "")), StartsWith("HTTP/1.1 500 Internal Server Error\r\n"));
-  EXPECT_THAT(HeadSection(ErrorReply(401, "")), HasSubstr("\r\nWWW-Authenticate: Bearer\r\n"));
-  HttpReply refusal = ErrorReply(405, "");
+  EXPECT_THAT(HeadSection(ErrorReply(500, "", "")), StartsWith("HTTP/1.1 500 Internal Server Error\r\n"));
+  EXPECT_THAT(HeadSection(ErrorReply(401, "", "")), HasSubstr("\r\nWWW-Authenticate: Bearer\r\n"));
+  HttpReply refusal = ErrorReply(405, "", "");
   refusal.allow = "POST";
   EXPECT_THAT(HeadSection(refusal), HasSubstr("\r\nAllow: POST\r\n"));
 }

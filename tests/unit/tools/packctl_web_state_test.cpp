@@ -129,11 +129,13 @@ TEST_F(StateReaderTest, LookFollowsTheProgressAndTheSteps) {
 TEST_F(StateReaderTest, LookTellsWhyAnActionIsNotPermitted) {
   Status()->SetAsDownloadFailed();
   Json::Value why_not = Look()["why_not"];
-  EXPECT_EQ(why_not["update"],
+  EXPECT_EQ(why_not["update"]["code"], "not_permitted");
+  EXPECT_EQ(why_not["update"]["message"],
             "the update is not permitted while the recorded status is download_failed (the last download failed)");
-  EXPECT_EQ(why_not["install"],
+  EXPECT_EQ(why_not["install"]["message"],
             "the install is not permitted while the recorded status is download_failed (the last download failed)");
-  EXPECT_EQ(why_not["remove"], "no codec pack is installed");
+  EXPECT_EQ(why_not["remove"]["code"], "not_installed");
+  EXPECT_EQ(why_not["remove"]["message"], "no codec pack is installed");
   for (const char* action : {"check", "download", "recover", "doctor"}) {
     EXPECT_TRUE(why_not.isMember(action)) << action;
     EXPECT_TRUE(why_not[action].isNull()) << action;
@@ -142,7 +144,7 @@ TEST_F(StateReaderTest, LookTellsWhyAnActionIsNotPermitted) {
   Status()->SetAsDownloadInstalling(updater::kStepInstall);
   why_not = Look()["why_not"];
   for (const char* action : {"download", "install", "update", "reinstall", "remove"}) {
-    EXPECT_THAT(why_not[action].asString(), testing::HasSubstr(" is not permitted while the recorded status is "));
+    EXPECT_THAT(why_not[action]["message"].asString(), testing::HasSubstr(" is not permitted while the recorded status is "));
   }
   Status()->SetAsDownloadInstallFailed();
   EXPECT_TRUE(Look()["why_not"]["update"].isNull());
@@ -216,7 +218,8 @@ TEST_F(StateReaderTest, LookTellsOfARecordThatCannotBeReadAndOfTheRest) {
   EXPECT_TRUE(state["status"].isNull());
   EXPECT_EQ(state["problems"][0], "the recorded status cannot be read; \"packctl recover\" mends it");
   for (const char* action : {"install", "update", "remove"}) {
-    EXPECT_EQ(state["why_not"][action], state["problems"][0]);
+    EXPECT_EQ(state["why_not"][action]["code"], "record_unreadable");
+    EXPECT_EQ(state["why_not"][action]["message"], state["problems"][0]);
   }
   EXPECT_EQ(state["installed"]["version"], "1.0");
   Status()->SetAsUpToDate();

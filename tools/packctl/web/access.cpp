@@ -90,11 +90,11 @@ WebAccess::WebAccess(std::string token, std::vector<std::string> names)
 std::optional<HttpReply> WebAccess::RefuseReading(const HttpRequest& request) const {
   const std::string host = LowerCase(request.Field("host").value_or(""));
   if (!IsOurs(host, request.local)) {
-    return ErrorReply(403, "this is not the host that was asked for");
+    return ErrorReply(403, "wrong_host", "this is not the host that was asked for");
   }
   // The page itself may be reached by a link from elsewhere; what it shows may not be read from there.
   if (request.path.starts_with("/api/") && IsFromElsewhere(request, host)) {
-    return ErrorReply(403, "requests from other sites are refused");
+    return ErrorReply(403, "other_site", "requests from other sites are refused");
   }
   return std::nullopt;
 }
@@ -105,15 +105,15 @@ std::optional<HttpReply> WebAccess::RefuseActing(const HttpRequest& request) con
   }
   const std::string type = LowerCase(request.Field("content-type").value_or(""));
   if (type != "application/json" && !type.starts_with("application/json;")) {
-    return ErrorReply(415, "an action is asked for as application/json");
+    return ErrorReply(415, "not_json", "an action is asked for as application/json");
   }
   constexpr std::string_view kScheme = "bearer ";
   const std::string given = request.Field("authorization").value_or("");
   if (!LowerCase(given).starts_with(kScheme)) {
-    return ErrorReply(401, "the token is missing");
+    return ErrorReply(401, "no_token", "the token is missing");
   }
   if (!IsSame(given.substr(kScheme.size()), token_)) {
-    return ErrorReply(401, "the token is wrong");
+    return ErrorReply(401, "wrong_token", "the token is wrong");
   }
   return std::nullopt;
 }

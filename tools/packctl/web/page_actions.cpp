@@ -13,32 +13,36 @@ using updater::PackStatus;
 using Rules = updater::PackStatusHelper;
 using Rule = bool (Rules::*)(PackStatus) const;
 
-std::string Always(const MachineState& /*state*/) { return ""; }
+std::optional<Refusal> Always(const MachineState& /*state*/) { return std::nullopt; }
 
-std::string Forbidden(const std::string& noun, PackStatus status) {
-  return "the " + noun + " is not permitted while the recorded status is " + StatusText(status) + " (" +
-         StatusMeaning(status) + ")";
+Refusal Unreadable(const MachineState& state) {
+  return {CodeOf(FailureReason::kRecordUnreadable), state.record_problem};
+}
+
+Refusal Forbidden(const std::string& noun, PackStatus status) {
+  return {CodeOf(FailureReason::kNotPermitted), "the " + noun + " is not permitted while the recorded status is " +
+                                                    StatusText(status) + " (" + StatusMeaning(status) + ")"};
 }
 
 // What the record permits by this rule.
 auto IfPermitted(const std::string& noun, Rule rule) {
-  return [noun, rule](const MachineState& state) {
+  return [noun, rule](const MachineState& state) -> std::optional<Refusal> {
     if (!state.record) {
-      return state.record_problem;
+      return Unreadable(state);
     }
     const PackStatus status = state.record->status;
-    return (Rules(nullptr).*rule)(status) ? "" : Forbidden(noun, status);
+    return (Rules(nullptr).*rule)(status) ? std::nullopt : std::optional(Forbidden(noun, status));
   };
 }
 
-std::string WhyNoRemoval(const MachineState& state) {
+std::optional<Refusal> WhyNoRemoval(const MachineState& state) {
   if (!state.record) {
-    return state.record_problem;
+    return Unreadable(state);
   }
   if (IsUnderWay(state.record->status)) {
     return Forbidden("removal", state.record->status);
   }
-  return state.installed ? "" : "no codec pack is installed";
+  return state.installed ? std::nullopt : std::optional(Refusal{"not_installed", "no codec pack is installed"});
 }
 
 }  // namespace

@@ -31,7 +31,9 @@ HttpReply JsonReply(int status, const Json::Value& json) {
   return {.status = status, .body = std::make_shared<const std::string>(JsonLine(json))};
 }
 
-constexpr const char* kLocked = "the state cannot be read: another program keeps a lock";
+HttpReply Locked() { return ErrorReply(503, "locked", "the state cannot be read: another program keeps a lock"); }
+
+HttpReply Refused(const Refusal& why_not) { return ErrorReply(409, why_not.code, Printable(why_not.message)); }
 
 UniqueFd MakeEvent() {
   UniqueFd event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -71,11 +73,11 @@ std::optional<HttpReply> WebSite::Answer(const HttpRequest& request, bool may_wa
   const HttpReply* const file = page_.Find(request);
   const bool acts = request.path == kUnlockPath || ActionOf(request) != nullptr;
   if (file == nullptr && request.path != kStatePath && request.path != kHistoryPath && !acts) {
-    return ErrorReply(404, "there is nothing here");
+    return ErrorReply(404, "not_found", "there is nothing here");
   }
   const bool reads = request.method == "GET" || request.method == "HEAD";
   if (acts ? request.method != "POST" : !reads) {
-    HttpReply refusal = ErrorReply(405, "this cannot be done here");
+    HttpReply refusal = ErrorReply(405, "wrong_method", "this cannot be done here");
     refusal.allow = acts ? "POST" : "GET, HEAD";
     return refusal;
   }
@@ -103,12 +105,12 @@ std::optional<HttpReply> WebSite::AnswerState(const HttpRequest& request, bool m
   if (may_wait && (text_ == nullptr || request.query == "after=" + tag_)) {
     return std::nullopt;
   }
-  return text_ == nullptr ? ErrorReply(503, kLocked) : HttpReply{.body = text_};
+  return text_ == nullptr ? Locked() : HttpReply{.body = text_};
 }
 
 HttpReply WebSite::AnswerHistory() const {
   const std::optional<WebState::Seen> seen = state_.Latest();
-  return seen ? JsonReply(200, HistoryJson(seen->state)) : ErrorReply(503, kLocked);
+  return seen ? JsonReply(200, HistoryJson(seen->state)) : Locked();
 }
 
 // Nothing before the first look has ended.
@@ -127,12 +129,13 @@ std::shared_ptr<const std::string> WebSite::StateText() const {
                          .busy = WhoIsBusy(seen->state.at_work)})));
 }
 
-std::string WebSite::WhoIsBusy(bool others_are) const {
+std::optional<Refusal> WebSite::WhoIsBusy(bool others_are) const {
+  const auto busy = [](const std::string& who) { return Refusal{CodeOf(FailureReason::kBusy), who + " is at work"}; };
   const std::optional<WebAction> last = actions_.Last();
   if (last && last->running) {
-    return "packctl " + last->command + " is at work";
+    return busy("packctl " + last->command);
   }
-  return others_are ? "another program is at work" : "";
+  return others_are ? std::optional(busy("another program")) : std::nullopt;
 }
 
 HttpReply WebSite::Act(const HttpRequest& request) {
@@ -146,19 +149,19 @@ HttpReply WebSite::Act(const HttpRequest& request) {
 }
 
 HttpReply WebSite::StartAction(const PageAction& action) {
-  if (const std::string busy = WhoIsBusy(HolderOf(path::kPackctlLock).has_value()); !busy.empty()) {
-    return ErrorReply(409, busy);
+  if (const auto busy = WhoIsBusy(HolderOf(path::kPackctlLock).has_value())) {
+    return Refused(*busy);
   }
   const std::optional<WebState::Seen> seen = state_.Latest();
-  if (const std::string why_not = seen ? action.why_not(seen->state) : ""; !why_not.empty()) {
-    return ErrorReply(409, Printable(why_not));
+  if (const auto why_not = seen ? action.why_not(seen->state) : std::nullopt) {
+    return Refused(*why_not);
   }
   try {
     if (!actions_.Start(action)) {
-      return ErrorReply(409, WhoIsBusy(true));
+      return Refused(*WhoIsBusy(true));
     }
   } catch (const std::exception& error) {
-    return ErrorReply(500, error.what());
+    return ErrorReply(500, CodeOf(FailureReason::kUnexpected), error.what());
   }
   TellOfChange();
   state_.LookAgain();

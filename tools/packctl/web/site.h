@@ -34,7 +34,7 @@ class WebSite {
   std::optional<HttpReply> AnswerState(const HttpRequest& request, bool may_wait);
   HttpReply AnswerHistory() const;
   std::shared_ptr<const std::string> StateText() const;
-  [[nodiscard]] std::string WhoIsBusy(bool others_are) const;
+  [[nodiscard]] std::optional<Refusal> WhoIsBusy(bool others_are) const;
   HttpReply Act(const HttpRequest& request);
   HttpReply StartAction(const PageAction& action);
 

@@ -6,7 +6,6 @@
 #include "platform/printable.h"
 #include "tools/packctl/record/support_period.h"
 #include "tools/packctl/view/progress_text.h"
-#include "tools/packctl/web/page_actions.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -69,6 +68,15 @@ Json::Value RequestedJson(const CodecReport& codecs) {
   return json;
 }
 
+Json::Value RefusalJson(const std::optional<Refusal>& refusal) {
+  Json::Value json;
+  if (refusal) {
+    json["code"] = refusal->code;
+    json["message"] = refusal->message;
+  }
+  return json;
+}
+
 Json::Value DiagnosisJson(const Diagnosis& diagnosis) {
   Json::Value json;
   json["time"] = Json::Int64{diagnosis.time};
@@ -107,7 +115,7 @@ Json::Value StateJson(const MachineState& state) {
     AddNoRecord(json);
   }
   for (const PageAction& action : PageActions()) {
-    json["why_not"][action.name] = NullIfEmpty(action.why_not(state));
+    json["why_not"][action.name] = RefusalJson(action.why_not(state));
   }
   json["offer"] = OfferJson(OfferedPack(state));
   json["installed"] = InstalledJson(state);
@@ -133,10 +141,10 @@ Json::Value PageJson(const PageState& page) {
   json["server"]["port_is_held"] = page.server.port_is_held;
   json["action"] = page.action ? ActionJson(*page.action) : Json::Value();
   json["diagnosis"] = page.diagnosis ? DiagnosisJson(*page.diagnosis) : Json::Value();
-  json["at_work"] = !page.busy.empty();
-  if (!page.busy.empty()) {
+  json["at_work"] = page.busy.has_value();
+  if (page.busy) {
     for (Json::Value& why_not : json["why_not"]) {
-      why_not = page.busy;
+      why_not = RefusalJson(page.busy);
     }
   }
   return json;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "tools/packctl/web/actions.h"
+#include "tools/packctl/web/page_actions.h"
 #include "tools/packctl/web/state.h"
 
 /// What /api/state tells, as JSON.
@@ -26,7 +27,7 @@ struct PageState {
   WebServerIdentity server;
   std::optional<WebAction> action;     ///< the one at work, or the last
   std::optional<Diagnosis> diagnosis;  ///< of the doctor; empty when it was not asked
-  std::string busy;                    ///< who is at work, as a sentence; empty when nobody is
+  std::optional<Refusal> busy;         ///< who is at work; empty when nobody is
 };
 
 /// The machine's part of it. Texts from outside are made printable: a browser shows them too.

@@ -110,11 +110,15 @@ function show() {
   setText(byId("server"), words.server(state.server.user, state.server.port_is_held));
 }
 
+// What the server gives as its reason, in the words of the page.
+const refusalOf = ({ code, message }) =>
+  words.refused(words.reasons[code]?.cause ?? words.refusals[code] ?? message);
+
 async function fetchJson(address) {
   const response = await fetch(address, { cache: "no-store", signal: AbortSignal.timeout(kPatience) });
   const answer = await response.json();
   if (!response.ok) {
-    throw new Error(words.refused(answer.error), { cause: response.status });
+    throw new Error(refusalOf(answer.error), { cause: response.status });
   }
   return answer;
 }
@@ -198,7 +202,7 @@ async function act(name) {
   }
   const whyNot = page.state.why_not[name];
   if (whyNot) {
-    say(page.state.at_work ? words.ends.busy : words.refused(whyNot));
+    say(refusalOf(whyNot));
     return;
   }
   try {
@@ -207,7 +211,7 @@ async function act(name) {
       keepToken("");
       say(words.wrongToken);
     } else if (!response.ok) {
-      say(words.refused((await response.json()).error));
+      say(refusalOf((await response.json()).error));
     }
   } catch {
     say(words.notSent);

@@ -53,7 +53,7 @@ export const words = {
   stays: (pack) => (pack === null ? "No codec pack is installed." : `Version ${pack.version} stays installed.`),
   until: (pack) => `Version ${pack.version} stays in use until the new one is in place.`,
   age: (age) => `What you see is from ${age}. Trying again …`,
-  refused: (why) => `Not done: ${why}.`,
+  refused: (cause) => `Not done. ${cause}`,
   notSent: "This could not be sent. Is the appliance reachable?",
   wrongToken: "This is not the page token.",
 
@@ -109,7 +109,6 @@ export const words = {
     nothing_to_do: "There is nothing to do.",
     no_address: "No update server is set.",
     done: "Done.",
-    busy: "Another program is at work.",
   },
   ended: (exit) => `It ended with status ${exit}.`,
 
@@ -166,6 +165,14 @@ export const words = {
 
   server: (user, isHeld) =>
     `Served by the account ${user} at ${isHeld ? "a port that systemd keeps for it" : "a port that any user could have taken"}.`,
+
+  // Why the server did not do what the page asked for, by the code of the refusal; others are among the reasons.
+  refusals: {
+    not_installed: "No codec pack is installed.",
+    locked: "Another program keeps the state locked.",
+    wrong_host: "The server does not know the name by which you reached it.",
+    other_site: "The request came from another site.",
+  },
 
   // Why something failed, by the code of the reason; with `recover`, a recovery mends it.
   reasons: {
