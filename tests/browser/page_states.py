@@ -28,6 +28,8 @@ UNSIGNED = {
     "remedy": "Get a signed package from its publisher.",
 }
 
+CANCELLED = {"code": "cancelled", "message": "cancelled", "remedy": ""}
+
 # What is recorded in each state, and whether a program is at work. The page calls them the same in words.js.
 STATES = {
     "absent": ({}, False),
@@ -43,6 +45,7 @@ STATES = {
     ),
     "installing": ({"status": "downloading_installing", "install_step": "install"}, True),
     "failed": ({"status": "download_install_failed"}, False),
+    "cancelled": ({"status": "download_install_failed"}, False),
     "interrupted": ({"status": "downloading_installing"}, False),
     "offline": ({"status": "up_to_date"}, False),
 }
@@ -129,8 +132,11 @@ class PageStates:
         else:
             self.install()
             found = [] if name in ("current", "offline") else [entry(1, "check", pack(OLD), pack(NEW))]
-            failures = [entry(0, "update", pack(OLD), pack(OLD), UNSIGNED)] if name == "failed" else []
-            self.write_history([*self.history(), *found, *failures])
+            ends = {
+                "failed": [entry(0, "update", pack(OLD), pack(OLD), UNSIGNED)],
+                "cancelled": [entry(0, "update", pack(OLD), pack(OLD), CANCELLED, result="cancelled", exit=130)],
+            }
+            self.write_history([*self.history(), *found, *ends.get(name, [])])
         if is_at_work:
             lock = self.appliance.run_folder / "lock/packctl.lock"
             lock.parent.mkdir(parents=True, exist_ok=True)

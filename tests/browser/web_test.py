@@ -406,6 +406,20 @@ class WebTest(unittest.TestCase):
             self.await_text(browser, "headline", "The update failed.")
             self.assertEqual(self.text(browser, "act"), "Try again")
 
+    def test_tells_what_was_cancelled_from_what_failed(self):
+        with PageStates(self.appliance) as states, open_browser(width=WIDE) as browser:
+            states.enter("cancelled")
+            self.start_web()
+            self.open_page(browser)
+            self.assertEqual(self.text(browser, "headline"), "The update was cancelled.")
+            self.assertEqual(self.text(browser, "detail"), f"Version {OLD} stays installed.")
+            self.assertEqual(self.text(browser, "act"), "Try again")
+            self.assertTrue(browser.title.startswith("Cancelled · "))
+            self.assertFalse(browser.find_element(By.ID, "failure").is_displayed())
+            self.await_that(browser, lambda: self.lines(browser)[:1] == ["Update cancelled"])
+            today = browser.find_elements(By.CSS_SELECTOR, "#strip span")[-1]
+            self.assertNotIn("failed", today.get_attribute("class"))
+
     def test_shows_what_the_doctor_found(self):
         self.appliance.use_server("nowhere")
         self.start_web()

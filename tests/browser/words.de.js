@@ -24,6 +24,7 @@ export const words = {
     downloading: "Wird geladen",
     installing: "Wird installiert",
     failed: "Fehlgeschlagen",
+    cancelled: "Abgebrochen",
     interrupted: "Unterbrochen",
     offline: "Nicht erreichbar",
   },
@@ -42,6 +43,8 @@ export const words = {
       { check: "Prüfung", update: "Aktualisierung", remove: "Entfernung", recover: "Wiederherstellung" }[command] ??
       "Installation"
     } ist fehlgeschlagen.`,
+  cancelled: (command) =>
+    `Die ${{ check: "Prüfung", update: "Aktualisierung", remove: "Entfernung" }[command] ?? "Installation"} wurde abgebrochen.`,
   unreadable: "Die Aufzeichnung der letzten Aktualisierung ist nicht lesbar.",
 
   checked: (age) => `Zuletzt geprüft ${age}.`,
@@ -146,6 +149,13 @@ export const words = {
     update: "Aktualisierung fehlgeschlagen",
     remove: "Entfernung fehlgeschlagen",
     recover: "Wiederherstellung fehlgeschlagen",
+  },
+  cancelledTo: {
+    check: "Prüfung abgebrochen",
+    download: "Laden abgebrochen",
+    install: "Installation abgebrochen",
+    update: "Aktualisierung abgebrochen",
+    remove: "Entfernung abgebrochen",
   },
   times: (count) => `${count}×`,
   entry: { before: "Vorher", after: "Nachher", took: "Dauer", exit: "Exit-Status", code: "Grund", at: "Beendet" },

@@ -930,8 +930,13 @@ TEST_F(MisbehavingServerTest, AReplyThatNeverComesCanBeGivenUp) {
   RunningProgram check(Appliance::PackctlCommand({"check"}));
   ASSERT_EQ(asked.get_future().wait_for(std::chrono::minutes(5)), std::future_status::ready);
   check.Signal(SIGTERM);
-  EXPECT_EQ(check.Wait().status, -SIGTERM);
+  const ProgramResult result = check.Wait();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_EQ(result.errors, "packctl: Cancelled. 1.0 stays installed.\n");
   EXPECT_EQ(Appliance::StatusRecord(), record);
+  EXPECT_EQ(CodeOfLastFailure(), "cancelled");
+  EXPECT_THAT(Appliance::Packctl({"status"}).output,
+              testing::ContainsRegex("^Up to date\\.\n(.*\n)*Last check: [^,]+, cancelled\n"));
   appliance_.server().Release();
   ExpectHealthyUpdate("two");
 }

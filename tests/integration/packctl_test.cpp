@@ -16,6 +16,8 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
+#include <memory>
 
 #include "platform/constants.h"
 #include "platform/file_lock.h"
@@ -328,8 +330,6 @@ TEST_F(PackctlTest, StatusSaysWhyTheLastUpdateFailed) {
   ASSERT_EQ(Run({"update"}).status, 1);
   EXPECT_THAT(Run({"status"}).output, AllOf(StartsWith("The last update failed: the package is not signed.\n"),
                                             HasSubstr("To do:      Get a signed package from its publisher.\n")));
-  const fs::path note = fs::path(kDownloadFolder).parent_path() / "checked";
-  fs::last_write_time(note, fs::last_write_time(note) - std::chrono::hours(1));
   appliance_.SetFault([](const HttpRequest&, HttpResponse& response) { response.status = 500; });
   ASSERT_EQ(Run({"check"}).status, 1);
   EXPECT_THAT(Run({"status"}).output, testing::ContainsRegex("Last check: [^,]+, failed: the update server refuses the "
@@ -571,7 +571,7 @@ TEST_F(PackctlTest, RemoveAsksWhenAnApplicationNeedsACodec) {
   EXPECT_EQ(Run({"remove", "--yes"}).status, 2);
 }
 
-/// Runs the command on a terminal where somebody types `answer`; all that was shown, and the exit status.
+/// Runs the command on a terminal where somebody types `answer` when asked; all that was shown, and the exit status.
 std::pair<std::string, int> RunOnTerminal(std::vector<std::string> command, const std::string& answer) {
   int master = -1;
   const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
@@ -584,11 +584,14 @@ std::pair<std::string, int> RunOnTerminal(std::vector<std::string> command, cons
     execv(arguments.front(), arguments.data());
     _exit(98);
   }
-  EXPECT_EQ(write(master, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
   std::string screen;
+  bool answered = false;
   std::array<char, 4096> buffer{};
   for (ssize_t length = 0; (length = read(master, buffer.data(), buffer.size())) > 0;) {
     screen.append(buffer.data(), static_cast<std::size_t>(length));
+    if (!answered && screen.ends_with("[y/N] ")) {
+      answered = write(master, answer.data(), answer.size()) == static_cast<ssize_t>(answer.size());
+    }
   }
   close(master);
   int status = 0;
@@ -605,6 +608,10 @@ TEST_F(PackctlTest, RemoveTakesTheAnswerOfATerminal) {
   EXPECT_EQ(cancelled, 130);
   EXPECT_THAT(kept, AllOf(HasSubstr("HEVC is needed by player. Remove 1.0? [y/N] "),
                           HasSubstr("packctl: Cancelled. 1.0 stays installed.")));
+  EXPECT_EQ(Appliance::InstalledPayload(), "one");
+  const auto [left, interrupted] = RunOnTerminal(command, "\x03");  // Ctrl-C
+  EXPECT_EQ(interrupted, 130);
+  EXPECT_THAT(left, HasSubstr("[y/N] ^C\r\npackctl: Cancelled. 1.0 stays installed."));
   EXPECT_EQ(Appliance::InstalledPayload(), "one");
   const auto [removed, done] = RunOnTerminal(command, "y\n");
   EXPECT_EQ(done, 0);
@@ -948,7 +955,63 @@ TEST_F(PackctlTest, AnUpdateThatIsCancelledCleansUp) {
   EXPECT_EQ(last["command"], "update");
   EXPECT_EQ(last["result"], "cancelled");
   EXPECT_EQ(last["error"]["code"], "cancelled");
+  EXPECT_THAT(Run({"history"}).output, HasSubstr("  update    Cancelled. 1.2.0 stays installed.\n"));
+  EXPECT_THAT(Run({"status"}).output, AllOf(StartsWith("The last update was cancelled.\n"),
+                                            HasSubstr("To do:      Run: sudo packctl update\n")));
+  EXPECT_THAT(Run({"status", "--color", "always"}).output, StartsWith("\033[33m"));
   EXPECT_EQ(Run({"update"}).status, 0);
+}
+
+// Until they have ended, they may change what is to be put in order. Here a plugin looks whether that is done too
+// early.
+TEST_F(PackctlTest, ACancelledUpdateWaitsForItsProgramsAndIsNotCancelledAgain) {
+  appliance_.Publish("1.2.0", "one");
+  ASSERT_EQ(Run({"update"}).status, 0);
+  Appliance::AddPlugin("10-player", "pack='" + std::string(path::kPackFolderPath) + "'\n" + R"(
+    look() {
+      : > "$ORBAMIRA_ROOT/ending"
+      n=0
+      while [ $n -lt 200 ] && [ ! -e "$pack" ]; do n=$((n + 1)); /bin/true; done
+      [ ! -e "$pack" ] || : > "$ORBAMIRA_ROOT/early"
+      exit
+    }
+    [ $2 = uninstall ] || [ $6 = post ] || {
+      trap look TERM
+      mkfifo "$ORBAMIRA_ROOT/gate"
+      exec 3<> "$ORBAMIRA_ROOT/gate"
+      echo here
+      read line <&3
+    }
+)");
+  RunningProgram held(Appliance::PackctlCommand({"update", "--reinstall"}));
+  Await([&] { return held.Errors() == "packctl: 10-player: here\n"; });
+  held.Signal(SIGTERM);
+  Await([] { return fs::exists(test::Root() / "ending"); });
+  held.Signal(SIGINT);
+  const ProgramResult result = held.Wait();
+  EXPECT_EQ(result.status, 130);
+  EXPECT_THAT(result.errors, EndsWith("packctl: Cancelled. 1.2.0 stays installed.\n"));
+  EXPECT_FALSE(fs::exists(test::Root() / "early"));
+  EXPECT_EQ(Appliance::InstalledPayload(), "one");
+}
+
+// It gives the lock up for a moment, in which another program may take it.
+TEST_F(PackctlTest, ACancelledUpdateComesToItsLockAgain) {
+  appliance_.Publish("1.2.0", BigPayload());
+  StallPackages();
+  RunningProgram update(Appliance::PackctlCommand({"update"}));
+  Await([] { return RunJson({"status"}, 0)["download_size_now"].asInt64() > 0; });
+  auto taker = std::async(std::launch::async, [] { return std::make_unique<store::FileLock>(path::kPackctlLock); });
+  const std::string waiting = "-> FLOCK  ADVISORY  WRITE " + std::to_string(getpid()) + " ";
+  Await([&] { return test::ReadFile("/proc/locks").find(waiting) != std::string::npos; });
+  update.Signal(SIGTERM);
+  auto lock = taker.get();
+  for (int i = 0; i < 5; ++i) {
+    Run({"status"});  // meanwhile it asks for the lock
+  }
+  lock.reset();
+  EXPECT_EQ(update.Wait().status, 130);
+  EXPECT_EQ(RunJson({"status"}, 0)["status"], "download_install_failed");
 }
 
 // The library waits for the plugin, and for a reply that never comes.

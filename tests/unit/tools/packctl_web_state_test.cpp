@@ -144,7 +144,8 @@ TEST_F(StateReaderTest, LookTellsWhyAnActionIsNotPermitted) {
   Status()->SetAsDownloadInstalling(updater::kStepInstall);
   why_not = Look()["why_not"];
   for (const char* action : {"download", "install", "update", "reinstall", "remove"}) {
-    EXPECT_THAT(why_not[action]["message"].asString(), testing::HasSubstr(" is not permitted while the recorded status is "));
+    EXPECT_THAT(why_not[action]["message"].asString(),
+                testing::HasSubstr(" is not permitted while the recorded status is "));
   }
   Status()->SetAsDownloadInstallFailed();
   EXPECT_TRUE(Look()["why_not"]["update"].isNull());
@@ -201,6 +202,28 @@ TEST_F(StateReaderTest, LookTellsOfAFailureUntilItIsMended) {
 TEST_F(StateReaderTest, LookTellsHowLongTheMakerSupportsTheAppliance) {
   test::WriteFile(path::kPkgSetting, "support_until=2031-12-31\n");
   EXPECT_EQ(Look()["support_until"], "2031-12-31");
+}
+
+// Times in the history are whole seconds.
+TEST_F(StateReaderTest, LookTellsOfACheckThatFailedInTheSecondOfAnAnswer) {
+  const fs::path note = fs::path(kDownloadFolder).parent_path() / "checked";
+  fs::create_directories(note.parent_path());
+  NoteAnsweredCheck("1.0", false);
+  const fs::file_time_type second = std::chrono::floor<std::chrono::seconds>(fs::last_write_time(note));
+  fs::last_write_time(note, second + std::chrono::milliseconds(500));
+  AppendToHistory(Failed("check", Look()["checked"].asInt64()));
+  fs::last_write_time(path::kHistoryFile, second + std::chrono::milliseconds(501));
+  EXPECT_EQ(Look()["failure"]["command"], "check");
+  fs::last_write_time(path::kHistoryFile, second + std::chrono::milliseconds(499));
+  EXPECT_TRUE(Look()["failure"].isNull()) << "it was answered later";
+}
+
+TEST_F(StateReaderTest, LookTellsOfACancelledUpdateButOfNoCancelledCheck) {
+  AppendToHistory({.time = 10, .command = "check", .result = "cancelled", .exit = 130});
+  EXPECT_TRUE(Look()["failure"].isNull());
+  AppendToHistory({.time = 11, .command = "update", .result = "cancelled", .exit = 130});
+  Status()->SetAsDownloadInstallFailed();
+  EXPECT_EQ(Look()["failure"]["result"], "cancelled");
 }
 
 TEST_F(StateReaderTest, LookTellsOfNoFailureThatWasFollowedBySomethingElse) {

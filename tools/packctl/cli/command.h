@@ -81,7 +81,7 @@ struct Options {
   ColorChoice color = ColorChoice::kAuto;
   int wait = 0;             ///< seconds to wait for another program at work to end
   bool watch = false;       ///< status: go on until interrupted
-  bool cancelled = false;   ///< a flow: this process took the place of one that was cancelled
+  bool cancelled = false;   ///< this process took the place of one that was cancelled
   bool yes = false;         ///< remove: do not ask
   bool reinstall = false;   ///< update and install from a file: also what is installed already
   std::size_t limit = 50;   ///< history: only so many entries

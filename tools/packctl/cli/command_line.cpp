@@ -320,21 +320,22 @@ void AddWatchOption(CLI::App& parser, Options& options) {
   parser.add_flag("--watch", options.watch, "Show each change until interrupted");
 }
 
-void AddFlowOptions(CLI::App& parser, Options& options) {
+void AddCancelOption(CLI::App& parser, Options& options) {
   parser.add_flag("--cancelled", options.cancelled)->group("");  // for packctl alone: it is in no help
 }
 
 void AddRemoveOptions(CLI::App& parser, Options& options) {
+  AddCancelOption(parser, options);
   parser.add_flag("-y,--yes", options.yes, "Remove the pack without asking, even if an application needs it");
 }
 
 void AddUpdateOptions(CLI::App& parser, Options& options) {
-  AddFlowOptions(parser, options);
+  AddCancelOption(parser, options);
   parser.add_flag("--reinstall", options.reinstall, "Install the pack on offer even if it is not newer");
 }
 
 void AddInstallOptions(CLI::App& parser, Options& options) {
-  AddFlowOptions(parser, options);
+  AddCancelOption(parser, options);
   CLI::Option* const file =
       parser.add_option("--file", options.file, "Install this signed package, from a stick for example")
           ->type_name("FILE");

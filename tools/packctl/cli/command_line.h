@@ -39,7 +39,7 @@ Json::Value DescribeCommandLine(std::span<const Command> commands);
 
 /// What single commands take, for Command::add_options.
 void AddWatchOption(CLI::App& parser, Options& options);
-void AddFlowOptions(CLI::App& parser, Options& options);
+void AddCancelOption(CLI::App& parser, Options& options);
 void AddInstallOptions(CLI::App& parser, Options& options);
 void AddRemoveOptions(CLI::App& parser, Options& options);
 void AddUpdateOptions(CLI::App& parser, Options& options);

@@ -29,6 +29,19 @@ std::string StatusSentence(const std::optional<updater::PackStatus>& status) {
   return MayNeedRecovery(status) ? sentence + "; " + kRecoverHint : sentence;
 }
 
+// A process that was cancelled left it to this one to put things in order.
+Outcome CancelledChange(const Context& context) {
+  if (context.console.IsTerminal() && !context.options.json) {
+    context.console.Print("\n");  // the line of the progress
+  }
+  AwaitPrograms();
+  updater::Recover(*context.lock);
+  Outcome outcome = EndOfChange(kExitCancelled, "cancelled");
+  outcome.change->happened = true;
+  outcome.failure = MakeFailure(FailureReason::kCancelled, "cancelled", "");
+  return outcome;
+}
+
 }  // namespace
 
 Outcome EndOfChange(ExitStatus exit, const char* result) {
@@ -46,16 +59,12 @@ Outcome RecoveredChange(const Context& context, const char* noun) {
   return FailedChange(noun);
 }
 
-Outcome CancelledChange(const Context& context) {
-  if (context.console.IsTerminal() && !context.options.json) {
-    context.console.Print("\n");  // the line of the progress
+Outcome RunCancellable(Context& context, Outcome (*run)(Context&)) {
+  if (context.options.cancelled) {
+    return CancelledChange(context);
   }
-  AwaitPrograms();
-  updater::Recover(*context.lock);
-  Outcome outcome = EndOfChange(kExitCancelled, "cancelled");
-  outcome.change->happened = true;
-  outcome.failure = MakeFailure(FailureReason::kCancelled, "cancelled", "");
-  return outcome;
+  const CancelOnSignals cancel(context.console);
+  return run(context);
 }
 
 // Nobody else holds the update lock, so a status of work under way was left behind.

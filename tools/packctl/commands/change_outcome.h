@@ -19,8 +19,8 @@ Outcome FailedChange(const char* noun);
 /// The work failed after it had begun: puts in order what it left, and says where that leaves the machine.
 Outcome RecoveredChange(const Context& context, const char* noun);
 
-/// A process that was cancelled left it to this one to put things in order.
-Outcome CancelledChange(const Context& context);
+/// Runs the work so that SIGINT and SIGTERM cancel it: what it left is put in order, and the outcome says so.
+Outcome RunCancellable(Context& context, Outcome (*run)(Context&));
 
 /// The recorded status forbids the work, whose name continues "cannot".
 Outcome ForbiddenChange(const char* verb, updater::PackStatus status);

@@ -84,9 +84,7 @@ Outcome NothingNew(const std::string& declined) {
   return WithVersions(std::move(outcome), versions);
 }
 
-}  // namespace
-
-Outcome Check(Context& context) {
+Outcome RunCheck(Context& context) {
   if (updater::KOSHelper::Create()->GetPackUpdateServerUrl().empty() && !SettingsAreIgnored()) {
     return NobodyToAsk();
   }
@@ -107,6 +105,13 @@ Outcome Check(Context& context) {
   Outcome failed = FailedChange("check");
   BlameRequirements(*objects.manager, failed);
   return WithVersions(std::move(failed), VersionsWith(std::nullopt));
+}
+
+}  // namespace
+
+Outcome Check(Context& context) {
+  Outcome outcome = RunCancellable(context, &RunCheck);
+  return outcome.exit == kExitCancelled ? WithVersions(std::move(outcome), VersionsWith(std::nullopt)) : outcome;
 }
 
 }  // namespace orbamira::packctl

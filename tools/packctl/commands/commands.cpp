@@ -13,11 +13,11 @@ constexpr std::array kCommands = {
             "If there is a newer pack, the recorded status becomes need_download, whatever it was before.\n"
             "Exit status: 0 a new pack is available, 2 nothing new or no update server set, 1 the check failed.\n"
             "Example: packctl check && packctl update",
-            Check},
+            Check, AddCancelOption},
     Command{"download", Effect::kChange, "Download and verify the pack on offer",
             "Permitted if the status is need_download or download_failed. To install the pack afterwards, run\n"
             "\"packctl install\".",
-            Download, AddFlowOptions},
+            Download, AddCancelOption},
     Command{
         "install", Effect::kChange, "Install the downloaded pack",
         "Permitted if the status is need_install or install_failed. Plugins are told before and after. If the\n"

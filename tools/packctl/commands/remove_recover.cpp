@@ -63,9 +63,7 @@ Outcome Declined() {
   return outcome;
 }
 
-}  // namespace
-
-Outcome Remove(Context& context) {
+Outcome RunRemoval(Context& context) {
   constexpr const char* kNoun = "removal";
   if (const updater::PackStatus status = ReadStatus().status; IsUnderWay(status)) {
     return ForbiddenChange("remove", status);
@@ -93,6 +91,10 @@ Outcome Remove(Context& context) {
   outcome.text = "Removed " + Printable(version) + ". " + StaysSentence(std::nullopt) + "\n";
   return outcome;
 }
+
+}  // namespace
+
+Outcome Remove(Context& context) { return RunCancellable(context, &RunRemoval); }
 
 Outcome RunRecovery(Context& context) {
   const updater::RecoveryReport report = updater::Recover(*context.lock);

@@ -9,7 +9,6 @@
 #include "platform/constants.h"
 #include "platform/json/json_values.h"
 #include "platform/printable.h"
-#include "tools/packctl/cli/cancel.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/commands/watched_work.h"
@@ -238,14 +237,6 @@ Outcome RunUpdate(Context& context) {
   }
   return RunAbout(context, objects, record.new_version,
                   {"update", [](const UpdateObjects& made) { return made.manager->DownloadAndInstall(); }, true});
-}
-
-Outcome RunCancellable(Context& context, Outcome (*run)(Context&)) {
-  if (context.options.cancelled) {
-    return CancelledChange(context);
-  }
-  const CancelOnSignals cancel(context.console);
-  return run(context);
 }
 
 }  // namespace

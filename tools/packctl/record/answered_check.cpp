@@ -7,6 +7,7 @@
 #include <exception>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include "platform/constants.h"
 #include "platform/json/json_line.h"
@@ -20,6 +21,13 @@ namespace orbamira::packctl {
 namespace {
 
 std::string NoteFile() { return std::filesystem::path(kDownloadFolder).parent_path() / "checked"; }
+
+// Both files have the clock of the kernel, which is finer than the seconds that entries of the history have.
+bool HistoryIsNewerThan(const timespec& noted) {
+  struct stat history {};
+  const auto key = [](const timespec& time) { return std::pair(time.tv_sec, time.tv_nsec); };
+  return stat(path::kHistoryFile, &history) == 0 && key(noted) < key(history.st_mtim);
+}
 
 }  // namespace
 
@@ -48,7 +56,8 @@ std::optional<AnsweredCheck> ReadAnsweredCheck() try {
   if (!text) {
     return std::nullopt;
   }
-  AnsweredCheck check{.time = Stat(fd.get(), NoteFile()).st_mtime};
+  const timespec noted = Stat(fd.get(), NoteFile()).st_mtim;
+  AnsweredCheck check{.time = noted.tv_sec, .is_last = !HistoryIsNewerThan(noted)};
   const Json::Value note = ParseJsonObject(*text).value_or(Json::objectValue);
   if (note["version"].isString() && note["is_news"].isBool()) {
     check.version = note["version"].asString();

@@ -14,6 +14,12 @@ struct AnsweredCheck {
   std::time_t time = 0;      ///< when, in seconds since the epoch
   std::string version = {};  ///< on offer; empty when not known
   bool is_news = false;      ///< whether the offer was worth an update
+  bool is_last = true;       ///< nothing was added to the history since, as far as the files' times tell
+
+  /// Whether the newest entry of the history, of this time, is newer than the check.
+  [[nodiscard]] bool IsOlderThan(std::time_t newest_entry) const {
+    return time < newest_entry || (time == newest_entry && !is_last);
+  }
 
   friend bool operator==(const AnsweredCheck&, const AnsweredCheck&) = default;
 };

@@ -38,7 +38,8 @@ std::string EndSentence(const HistoryEntry& entry) {
   const std::string to = VersionOf(entry.to).value_or("a pack");
   if (entry.exit != 0) {
     const auto stays = entry.to ? std::optional(entry.to->version) : std::nullopt;
-    return ResultWords(entry.result) + ": " + FailureWords(entry) + ". " + StaysSentence(stays);
+    const std::string why = entry.result == "cancelled" ? "" : ": " + FailureWords(entry);
+    return ResultWords(entry.result) + why + ". " + StaysSentence(stays);
   }
   if (entry.result == "new_pack") {
     return "Found " + to + ".";

@@ -23,6 +23,11 @@ std::optional<Failure> ReasonOf(const StatusFacts& facts) {
   return is_told && IsFailed(facts.record.status) ? facts.last_entry->failure : std::nullopt;
 }
 
+bool IsCancelled(const StatusFacts& facts) {
+  const std::optional<Failure> reason = ReasonOf(facts);
+  return reason && reason->code == CodeOf(FailureReason::kCancelled);
+}
+
 std::string Joined(const std::vector<std::string>& texts) {
   std::string joined;
   for (const std::string& text : texts) {
@@ -43,6 +48,9 @@ std::string WorkWords(const StatusRecord& record) {
 }
 
 std::string FailedWords(const StatusFacts& facts) {
+  if (IsCancelled(facts)) {
+    return "The last " + facts.last_entry->command + " was cancelled.";
+  }
   const std::optional<Failure> reason = ReasonOf(facts);
   return Capitalized(StatusMeaning(facts.record.status)) + (reason ? ": " + Printable(reason->message) : "") + ".";
 }
@@ -70,8 +78,9 @@ std::string AvailableWords(const StatusFacts& facts) {
 
 std::string CheckWords(const StatusFacts& facts) {
   const std::optional<HistoryEntry>& entry = facts.last_entry;
-  if (entry && entry->command == "check" && entry->failure && (!facts.check || facts.check->time < entry->time)) {
-    return LocalTime(entry->time) + ", failed: " + Printable(entry->failure->message);
+  if (entry && entry->command == "check" && entry->failure && (!facts.check || facts.check->IsOlderThan(entry->time))) {
+    const bool is_cancelled = entry->failure->code == CodeOf(FailureReason::kCancelled);
+    return LocalTime(entry->time) + (is_cancelled ? ", cancelled" : ", failed: " + Printable(entry->failure->message));
   }
   if (!facts.check) {
     return "never";
@@ -110,7 +119,7 @@ std::string RemedyWords(const StatusFacts& facts) {
 
 Health HealthOf(const StatusFacts& facts) {
   const PackStatus status = facts.record.status;
-  if (facts.is_interrupted || IsFailed(status)) {
+  if (facts.is_interrupted || (IsFailed(status) && !IsCancelled(facts))) {
     return Health::kBad;
   }
   return status == updater::kStatusUpToDate && facts.installed ? Health::kGood : Health::kWaits;

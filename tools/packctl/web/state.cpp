@@ -79,8 +79,9 @@ std::optional<HistoryEntry> UnmendedFailure(const MachineState& state) {
   const bool is_recorded = state.record && IsFailed(state.record->status);
   for (auto entry = state.history.rbegin(); entry != state.history.rend(); ++entry) {
     const bool is_check = entry->command == "check";
-    if (entry->exit != kExitDone &&
-        (is_recorded ? !is_check : entry->time > state.checked.value_or(AnsweredCheck()).time)) {
+    const bool is_cancelled_check = is_check && entry->exit == kExitCancelled;
+    const bool is_newest = !state.checked || state.checked->IsOlderThan(entry->time);
+    if (entry->exit != kExitDone && (is_recorded ? !is_check : is_newest && !is_cancelled_check)) {
       return *entry;
     }
     if (!is_recorded) {

@@ -32,7 +32,7 @@ export function stateOf({ state, isLost }) {
     return "offered";
   }
   if (state.status === null || state.status in kRetries || state.failure !== null) {
-    return "failed";
+    return state.failure?.error?.code === "cancelled" ? "cancelled" : "failed";
   }
   return state.installed === null ? "absent" : "current";
 }
@@ -53,6 +53,7 @@ export function actOf(kind, state) {
         ? { name: state.status === "need_install" ? "install" : "update", label: words.acts.install }
         : { name: "update", label: words.acts.update };
     case "failed":
+    case "cancelled":
       return retryOf(state);
     case "absent":
       return { name: "update", label: words.acts.install };
@@ -83,6 +84,8 @@ function headlineOf(kind, state) {
       return words.installing(state.offer);
     case "failed":
       return state.status === null ? words.unreadable : words.failed(kRetries[state.status] ?? state.failure.command);
+    case "cancelled":
+      return words.cancelled(state.failure.command);
     case "current":
       return state.status === "up_to_date" ? words.current : words.installed;
     default:
@@ -97,6 +100,7 @@ function detailOf(kind, { state, reached }) {
     case "interrupted":
       return words.recovery;
     case "failed":
+    case "cancelled":
       return words.stays(state.installed);
     case "downloading":
       return state.installed === null ? "" : words.until(state.installed);

@@ -8,15 +8,22 @@ const kFirstLines = 12;
 
 let showsAll = false;
 
-const hasFailed = (entry) => entry.exit !== 0 && entry.result !== "nothing_new";
+const isCancelled = (entry) => entry.result === "cancelled";
+const hasFailed = (entry) => entry.exit !== 0 && entry.result !== "nothing_new" && !isCancelled(entry);
+
+const markOf = (entry) => (hasFailed(entry) ? "failed" : isCancelled(entry) ? "cancelled" : "done");
 
 const packWords = (pack) => (pack === null ? words.noPack : [pack.package, pack.version].filter(Boolean).join(" "));
 
-const causeOf = ({ error }) => words.reasons[error?.code]?.cause ?? error?.message ?? "";
+const causeOf = ({ error, result }) =>
+  result === "cancelled" ? "" : (words.reasons[error?.code]?.cause ?? error?.message ?? "");
 
 function sentenceOf(entry) {
   if (hasFailed(entry)) {
     return words.failedTo[entry.command] ?? entry.command;
+  }
+  if (isCancelled(entry)) {
+    return words.cancelledTo[entry.command] ?? entry.command;
   }
   return entry.result === "nothing_new" ? words.nothing : (words.done[entry.command]?.(entry) ?? entry.command);
 }
@@ -62,7 +69,7 @@ function lineOf({ sentence, cause, entries }) {
   const summary = make(
     "summary",
     {},
-    make("span", { class: `mark ${hasFailed(newest) ? "failed" : "done"}`, "aria-hidden": "true" }),
+    make("span", { class: `mark ${markOf(newest)}`, "aria-hidden": "true" }),
     make("span", { class: "sentence" }, make("span", {}, sentence), " ", ...count, ...causes),
     make("span", { class: "when" }, shortTimeOf(entries.at(-1).time, newest.time)),
   );
@@ -84,8 +91,8 @@ function showStrip(entries) {
   const days = new Map();
   for (const entry of entries) {
     const day = new Date(entry.time * 1000).toDateString();
-    const counts = days.get(day) ?? { done: 0, failed: 0 };
-    counts[hasFailed(entry) ? "failed" : "done"] += 1;
+    const counts = days.get(day) ?? { done: 0, failed: 0, cancelled: 0 };
+    counts[markOf(entry)] += 1;
     days.set(day, counts);
   }
   const shown = lastDays().map((day) => ({ day, ...(days.get(day.toDateString()) ?? { done: 0, failed: 0 }) }));

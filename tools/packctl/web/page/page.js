@@ -35,7 +35,7 @@ function say(text) {
 
 // What came of the last action, where the rest of the page does not tell it.
 function outcomeOf(action, kind) {
-  if (action === null || action.command === "doctor" || (kind === "failed" && action.result === "failed")) {
+  if (action === null || action.command === "doctor" || action.result === kind) {
     return "";
   }
   if (action.running) {
@@ -111,8 +111,7 @@ function show() {
 }
 
 // What the server gives as its reason, in the words of the page.
-const refusalOf = ({ code, message }) =>
-  words.refused(words.reasons[code]?.cause ?? words.refusals[code] ?? message);
+const refusalOf = ({ code, message }) => words.refused(words.reasons[code]?.cause ?? words.refusals[code] ?? message);
 
 async function fetchJson(address) {
   const response = await fetch(address, { cache: "no-store", signal: AbortSignal.timeout(kPatience) });

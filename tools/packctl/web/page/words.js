@@ -27,6 +27,7 @@ export const words = {
     downloading: "Downloading",
     installing: "Installing",
     failed: "Failed",
+    cancelled: "Cancelled",
     interrupted: "Interrupted",
     offline: "Offline",
   },
@@ -42,6 +43,7 @@ export const words = {
   interrupted: "The update was interrupted.",
   offline: (name) => `${name} cannot be reached.`,
   failed: (command) => `The ${{ remove: "removal", recover: "recovery" }[command] ?? command} failed.`,
+  cancelled: (command) => `The ${{ remove: "removal" }[command] ?? command} was cancelled.`,
   unreadable: "The record of the last update cannot be read.",
 
   // And what goes with it.
@@ -149,6 +151,13 @@ export const words = {
     update: "Update failed",
     remove: "Removal failed",
     recover: "Recovery failed",
+  },
+  cancelledTo: {
+    check: "Check cancelled",
+    download: "Download cancelled",
+    install: "Install cancelled",
+    update: "Update cancelled",
+    remove: "Removal cancelled",
   },
   times: (count) => `${count}×`,
   entry: { before: "Before", after: "After", took: "Took", exit: "Exit status", code: "Reason", at: "Ended" },
