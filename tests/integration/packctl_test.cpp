@@ -283,6 +283,8 @@ TEST_F(PackctlTest, CheckSaysThatAacIsWhatIsNew) {
   appliance_.Publish("1.0", "both", kHevcAacPack);
   EXPECT_EQ(Run({"check"}).output,
             "1.0 with AAC, which an application needs, is available (1.0 is installed). Run: sudo packctl update\n");
+  EXPECT_THAT(Run({"update"}).output, HasSubstr("Installed 1.0 with HEVC and AAC (was HEVC) in "));
+  EXPECT_THAT(Run({"history"}).output, HasSubstr("Installed 1.0 with HEVC and AAC (was HEVC) in "));
 }
 
 TEST_F(PackctlTest, StatusAnswersHowItIsAndWhatToDo) {

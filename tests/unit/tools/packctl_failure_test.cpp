@@ -234,9 +234,24 @@ TEST(ResultWordsTest, AWordIsQuotedAsAShellReadsIt) {
 
 TEST(ResultWordsTest, InstalledSentenceSaysWhatWasBeforeAndHowLongItTook) {
   using std::chrono::milliseconds;
-  EXPECT_EQ(InstalledSentence("1.1.0", "1.0.0", milliseconds(6700)), "Installed 1.1.0 (was 1.0.0) in 7 s.");
-  EXPECT_EQ(InstalledSentence("1.1.0", "1.1.0", milliseconds(499)), "Installed 1.1.0 again in under 1 s.");
-  EXPECT_EQ(InstalledSentence("1.1.0", std::nullopt, milliseconds(125'000)), "Installed 1.1.0 in 2 min 5 s.");
+  const PackIdentity now{kHevcPack, "1.1.0"};
+  EXPECT_EQ(InstalledSentence(now, PackIdentity{kHevcPack, "1.0.0"}, milliseconds(6700)),
+            "Installed 1.1.0 (was 1.0.0) in 7 s.");
+  EXPECT_EQ(InstalledSentence(now, now, milliseconds(499)), "Installed 1.1.0 again in under 1 s.");
+  EXPECT_EQ(InstalledSentence(now, std::nullopt, milliseconds(125'000)), "Installed 1.1.0 in 2 min 5 s.");
+}
+
+TEST(ResultWordsTest, InstalledSentenceNamesTheCodecsOfAnotherPack) {
+  const auto sentence = [](const PackIdentity& now, const PackIdentity& before) {
+    return InstalledSentence(now, before, std::chrono::milliseconds(1000));
+  };
+  EXPECT_EQ(sentence({kHevcAacPack, "1.2.0"}, {kHevcPack, "1.2.0"}),
+            "Installed 1.2.0 with HEVC and AAC (was HEVC) in 1 s.");
+  EXPECT_EQ(sentence({kHevcPack, "1.3.0"}, {kHevcAacPack, "1.2.0"}),
+            "Installed 1.3.0 with HEVC (was 1.2.0 with HEVC and AAC) in 1 s.");
+  EXPECT_EQ(sentence({kHevcPack, "1.2.0"}, {"other-pack", "1.2.0"}),
+            "Installed 1.2.0 with HEVC (was other-pack) in 1 s.");
+  EXPECT_EQ(sentence({kHevcPack, "1.2.0"}, {"", "1.1.0"}), "Installed 1.2.0 (was 1.1.0) in 1 s.");
 }
 
 TEST(FailureTest, FailureJsonIsReadBackAndNothingElseIs) {

@@ -279,8 +279,8 @@ TEST(HistoryTextTest, BeginsWithTimeAndCommand) {
 }
 
 TEST(HistoryTextTest, TellsWhatAWholeRunCameTo) {
-  EXPECT_EQ(EndOf(EntryOf("update")), "Installed 2.0 (was 1.0) in 7 s.\n");
-  EXPECT_EQ(EndOf(EntryOf("install")), "Installed 2.0 (was 1.0) in 7 s.\n");
+  EXPECT_EQ(EndOf(EntryOf("update")), "Installed 2.0 with HEVC and AAC (was 1.0 with HEVC) in 7 s.\n");
+  EXPECT_EQ(EndOf(EntryOf("install")), "Installed 2.0 with HEVC and AAC (was 1.0 with HEVC) in 7 s.\n");
   EXPECT_EQ(EndOf(EntryOf("download")), "Downloaded 2.0 in 7 s.\n");
   EXPECT_EQ(EndOf(EntryOf("check", "new_pack")), "Found 2.0.\n");
   EXPECT_EQ(EndOf(EntryOf("remove")), "Removed 1.0.\n");

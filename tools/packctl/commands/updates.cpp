@@ -71,9 +71,10 @@ bool RunWithProgress(const Context& context, const std::function<bool()>& work) 
   return done;
 }
 
-std::optional<std::string> InstalledVersion() {
+std::optional<PackIdentity> InstalledIdentity() {
   const std::optional<InstalledPack> pack = ReadInstalledPack();
-  return pack ? std::optional(Printable(pack->identity.version)) : std::nullopt;
+  return pack ? std::optional(PackIdentity{Printable(pack->identity.package), Printable(pack->identity.version)})
+              : std::nullopt;
 }
 
 Outcome Downloaded() {
@@ -81,15 +82,16 @@ Outcome Downloaded() {
   Outcome outcome = EndOfChange(kExitDone, "done");
   outcome.change->happened = true;
   outcome.change->offer = PackIdentity{record.new_pack_name, record.new_version};
-  outcome.text = "Downloaded " + Printable(record.new_version) + ". " + StaysSentence(InstalledVersion()) +
-                 " Run: sudo packctl install\n";
+  const std::optional<PackIdentity> pack = InstalledIdentity();
+  outcome.text = "Downloaded " + Printable(record.new_version) + ". " +
+                 StaysSentence(pack ? std::optional(pack->version) : std::nullopt) + " Run: sudo packctl install\n";
   return outcome;
 }
 
-Outcome Installed(const std::optional<std::string>& before, Clock::duration duration) {
+Outcome Installed(const std::optional<PackIdentity>& before, Clock::duration duration) {
   Outcome outcome = EndOfChange(kExitDone, "done");
   outcome.change->happened = true;
-  outcome.text = InstalledSentence(InstalledVersion().value_or(""), before,
+  outcome.text = InstalledSentence(InstalledIdentity().value_or(PackIdentity()), before,
                                    std::chrono::duration_cast<std::chrono::milliseconds>(duration)) +
                  "\n";
   return outcome;
@@ -97,7 +99,7 @@ Outcome Installed(const std::optional<std::string>& before, Clock::duration dura
 
 Outcome RunFlow(const Context& context, const UpdateObjects& objects, const Flow& flow) {
   const Clock::time_point begin = Clock::now();
-  const std::optional<std::string> before = InstalledVersion();
+  const std::optional<PackIdentity> before = InstalledIdentity();
   const auto work = [&] { return flow.run(objects); };
   const bool is_silent = context.options.json || context.options.quiet;
   const bool done = is_silent ? RunShown(context, nullptr, work) : RunWithProgress(context, work);

@@ -13,11 +13,11 @@ namespace {
 
 constexpr const char* kMargin = "    ";
 
-std::optional<std::string> VersionOf(const std::optional<PackIdentity>& pack) {
-  if (!pack) {
-    return std::nullopt;
+std::optional<PackIdentity> Named(std::optional<PackIdentity> pack) {
+  if (pack && pack->version.empty()) {
+    pack->version = "a pack of unknown version";
   }
-  return pack->version.empty() ? "a pack of unknown version" : pack->version;
+  return pack;
 }
 
 std::string FailureWords(const HistoryEntry& entry) {
@@ -35,23 +35,24 @@ std::string ResultWords(std::string result) {
 
 std::string EndSentence(const HistoryEntry& entry) {
   const std::chrono::milliseconds duration(entry.duration_ms);
-  const std::string to = VersionOf(entry.to).value_or("a pack");
+  const PackIdentity unknown{.version = "a pack"};
+  const PackIdentity now = Named(entry.to).value_or(unknown);
   if (entry.exit != 0) {
     const auto stays = entry.to ? std::optional(entry.to->version) : std::nullopt;
     const std::string why = entry.result == "cancelled" ? "" : ": " + FailureWords(entry);
     return ResultWords(entry.result) + why + ". " + StaysSentence(stays);
   }
   if (entry.result == "new_pack") {
-    return "Found " + to + ".";
+    return "Found " + now.version + ".";
   }
   if (entry.command == "install" || entry.command == "update") {
-    return InstalledSentence(to, VersionOf(entry.from), duration);
+    return InstalledSentence(now, Named(entry.from), duration);
   }
   if (entry.command == "download") {
-    return "Downloaded " + to + " in " + TookWords(duration) + ".";
+    return "Downloaded " + now.version + " in " + TookWords(duration) + ".";
   }
   if (entry.command == "remove") {
-    return "Removed " + VersionOf(entry.from).value_or("a pack") + ".";
+    return "Removed " + Named(entry.from).value_or(unknown).version + ".";
   }
   return entry.command == "recover" ? "Cleaned up." : ResultWords(entry.result) + ".";
 }

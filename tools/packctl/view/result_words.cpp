@@ -4,7 +4,20 @@
 #include <cctype>
 #include <cstring>
 
+#include "platform/constants.h"
+
 namespace orbamira::packctl {
+namespace {
+
+// A pack of somebody else's is called by its name.
+std::string CodecsOf(const std::string& package) {
+  if (package == kHevcPack) {
+    return "HEVC";
+  }
+  return package == kHevcAacPack ? "HEVC and AAC" : package;
+}
+
+}  // namespace
 
 std::string Capitalized(std::string words) {
   if (!words.empty() && words.front() >= 'a' && words.front() <= 'z') {
@@ -35,10 +48,19 @@ std::string TookWords(std::chrono::milliseconds duration) {
   return seconds < kMinute ? rest : std::to_string(seconds / kMinute) + " min " + rest;
 }
 
-std::string InstalledSentence(const std::string& version, const std::optional<std::string>& before,
+std::string InstalledSentence(const PackIdentity& now, const std::optional<PackIdentity>& before,
                               std::chrono::milliseconds duration) {
-  const std::string was = !before ? "" : *before == version ? " again" : " (was " + *before + ")";
-  return "Installed " + version + was + " in " + TookWords(duration) + ".";
+  const bool is_other_pack =
+      before && !before->package.empty() && !now.package.empty() && before->package != now.package;
+  const bool is_other_version = before && before->version != now.version;
+  std::string text = "Installed " + now.version;
+  if (is_other_pack) {
+    const std::string version = is_other_version ? before->version + " with " : "";
+    text += " with " + CodecsOf(now.package) + " (was " + version + CodecsOf(before->package) + ")";
+  } else if (before) {
+    text += is_other_version ? " (was " + before->version + ")" : " again";
+  }
+  return text + " in " + TookWords(duration) + ".";
 }
 
 std::string StaysSentence(const std::optional<std::string>& installed_version) {
