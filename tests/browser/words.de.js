@@ -244,6 +244,17 @@ export const words = {
     },
     not_confirmed: { cause: "Eine Anwendung braucht einen Codec des Pakets.", remedy: "Bestätigen Sie das Entfernen." },
     cancelled: { cause: "Es wurde abgebrochen.", remedy: "Versuchen Sie es noch einmal." },
+    held: { cause: "Aktualisierungen sind angehalten.", remedy: "„packctl unhold“ beendet das." },
+    outside_window: {
+      cause: "Installiert wird zu der Zeit, die eingestellt ist.",
+      remedy: "Sie können jetzt installieren.",
+    },
+    in_use: { cause: "Ein Programm benutzt das installierte Paket.", remedy: "Sie können jetzt installieren." },
+    not_in_rollout: {
+      cause: "Der Hersteller bietet es diesem Gerät noch nicht an.",
+      remedy: "Sie können jetzt installieren.",
+    },
+    waits_for_person: { cause: "Die Einstellungen überlassen es Ihnen.", remedy: "Sie können jetzt installieren." },
     busy: { cause: "Ein anderes Programm arbeitet.", remedy: "Versuchen Sie es danach noch einmal." },
   },
 };
