@@ -20,11 +20,15 @@ SHELLS = ((bash, "{}.bash"), (zsh, "_{}"), (fish, "{}.fish"))
 
 
 def pages_of(packctl, mkpack):
-    verify = mkpack["commands"][0]
+    commands = [command for command in mkpack["commands"] if command["name"] != "publish"]
+    others = [(f"mkpack-{command['name']}", 1) for command in commands]
     return {
         "packctl.1": pages.packctl(packctl),
-        "mkpack.1": pages.of_mkpack("mkpack", mkpack, ("mkpack-verify", 1), ("packctl", 1)),
-        "mkpack-verify.1": pages.of_mkpack("mkpack-verify", verify, ("mkpack", 1)),
+        "mkpack.1": pages.of_mkpack("mkpack", mkpack, *others, ("packctl", 1)),
+        **{
+            f"mkpack-{command['name']}.1": pages.of_mkpack(f"mkpack-{command['name']}", command, ("mkpack", 1))
+            for command in commands
+        },
         "updater.conf.5": pages.updater_conf(packctl["settings"]),
     }
 

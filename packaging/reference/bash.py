@@ -41,6 +41,8 @@ def _after(command, program):
     words = " ".join(names(command["options"]))
     if command.get("argument") == "COMMAND":
         words = " ".join([word for word, _ in first_words(program)] + [words])
+    first = (command.get("arguments") or [{}])[0]
+    words = " ".join([*first.get("choices", []), words])
     folders = f"; {offer} -d" if command.get("argument") == "FOLDER" else ""
     return f"    {_quoted(command['name'])}) {offer} -W '{words}'{folders} ;;"
 

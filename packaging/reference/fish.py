@@ -70,7 +70,8 @@ def completion(program):
                 lines += _words(program, words, first_words(program))
                 for family, members in groups(program):
                     lines += _words(program, f"{words} {family}", second_words(members))
-            elif command.get("argument"):
-                lines.append(f"{_at(program, words)} -a '(__fish_complete_directories)'")
+            for argument in command.get("arguments", [])[:1]:
+                offered = " ".join(argument["choices"]) or "(__fish_complete_directories)"
+                lines.append(f"{_at(program, words)} -a {_text(offered)}")
             lines += _options(program, words, command["options"])
     return "\n".join(lines) + "\n"

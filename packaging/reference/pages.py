@@ -145,7 +145,7 @@ def block(rows):
     """A block of help text: two columns become entries, prose is filled, and what a reader would type stays."""
     depth = min(len(row) - len(row.lstrip()) for row in rows)
     rows = [row[depth:] for row in rows]
-    begin = r"openssl cms |mkpack -|mkpack verify [/-]|pack_update_server="
+    begin = r"openssl cms |mkpack -|mkpack (verify|rollout|withdraw|nginx) [/@o-]|location = |pack_update_server="
     if any(re.match(begin, row) for row in rows):
         typed = [row for row in rows if re.match(begin + "|   ", row)]
         told = [row for row in rows if row not in typed]
@@ -171,6 +171,10 @@ def sections(epilog):
         yield from (line for rows in blocks for line in block(rows.splitlines()))
 
 
+def argument_text(argument):
+    return sentence(argument["help"]) + (f" One of: {', '.join(argument['choices'])}." if argument["choices"] else "")
+
+
 def synopsis(command):
     """The options that must be given, and a word for the others."""
     taken = [option_term(option) for option in command["options"] if option["required"]]
@@ -180,7 +184,6 @@ def synopsis(command):
 
 def of_mkpack(name, command, *others):
     """The page of mkpack, or of a command of its own."""
-    argument = [(command["argument"], command["argument_help"])] if "argument" in command else []
     return [
         *head(name, 1, command["summary"]),
         ".SH SYNOPSIS",
@@ -189,7 +192,7 @@ def of_mkpack(name, command, *others):
         ".SH DESCRIPTION",
         roff(command["description"].rstrip()),
         ".SH OPTIONS",
-        *(line for term, text in argument for line in entry(italic(term), sentence(text))),
+        *(line for each in command["arguments"] for line in entry(italic(each["name"]), argument_text(each))),
         *option_entries(command["options"]),
         *sections(command["epilog"]),
         *see_also(*others),

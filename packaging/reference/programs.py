@@ -32,7 +32,7 @@ def _option(action):
         value = action.metavar or (action.dest.upper() if action.choices is None else "WORD")
     return {
         "names": action.option_strings,
-        "help": action.help[0].upper() + action.help[1:],
+        "help": (action.help[0].upper() + action.help[1:]).replace("%%", "%"),
         "value": value,
         "choices": list(action.choices) if action.choices else None,
         "required": action.required,
@@ -47,8 +47,13 @@ def _command(name, summary, parser):
         "description": parser.description,
         "epilog": parser.epilog,
         "options": [_option(action) for action in parser._actions if action.option_strings],
-        **({"argument": arguments[0].metavar, "argument_help": arguments[0].help} if arguments else {}),
+        **({"argument": " ".join(each.metavar for each in arguments)} if arguments else {}),
+        "arguments": [_argument(action) for action in arguments],
     }
+
+
+def _argument(action):
+    return {"name": action.metavar, "help": action.help.replace("%%", "%"), "choices": list(action.choices or [])}
 
 
 def mkpack(program):
@@ -56,12 +61,20 @@ def mkpack(program):
     folder = pathlib.Path(os.path.realpath(program)).parent
     sys.dont_write_bytecode = True
     sys.path.insert(0, str(folder))
-    publish = importlib.import_module("orbamira_mkpack.publish").make_parser()
-    verify = importlib.import_module("orbamira_mkpack.verify").make_parser()
+    publish, rollout, verify, nginx = (
+        importlib.import_module(f"orbamira_mkpack.{name}") for name in ("publish", "rollout", "verify", "nginx")
+    )
+    whole = _command("mkpack", "Make a codec pack of a folder and publish it", publish.make_parser())
     return {
-        **_command("mkpack", "Make a codec pack of a folder and publish it", publish),
+        **whole,
         "groups": {},
-        "commands": [_command("verify", "Verify a published folder", verify)],
+        "commands": [
+            {**whole, "name": "publish"},
+            _command("rollout", "Offer a release to a larger share of the appliances", rollout.make_parser()),
+            _command("withdraw", "Take a release back", rollout.make_withdraw_parser()),
+            _command("verify", "Verify a published folder", verify.make_parser()),
+            _command("nginx", "Print the configuration of nginx for staged releases", nginx.make_parser()),
+        ],
     }
 
 

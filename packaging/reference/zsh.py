@@ -36,12 +36,18 @@ def _commands(entries, depth):
     return [f"{depth}commands=(", *(f"{depth}  '{name}:{_text(summary)}'" for name, summary in entries), f"{depth})"]
 
 
+def _argument(place, argument):
+    """The value of an argument: one of its choices, a folder, or anything."""
+    action = f"({' '.join(argument['choices'])})" if argument["choices"] else " "
+    return f"'{place}:{argument['name']}:{'_files -/' if takes_folder({'value': argument['name']}) else action}'"
+
+
 def _case(command, word):
     taken = _options(command["options"])
     if command.get("argument") == "COMMAND":
         taken.append("'1:command:{_describe command commands}'")
-    elif command.get("argument"):
-        taken.append(f"'1:{command['argument']}:_files -/'")
+    elif "arguments" in command:
+        taken += [_argument(place, each) for place, each in enumerate(command["arguments"], 1)]
     return f"{word}) _arguments {' '.join(taken)} ;;"
 
 

@@ -630,7 +630,9 @@ class MkpackReplyTest(MkpackTest):
         first = self.make()
         second = self.make(version="1.3")
         self.assertTrue(first.exists())
-        self.assertEqual({HEVC: self.member(second, version="1.3")}, json.loads(self.reply.read_text()))
+        pack = json.loads(self.reply.read_text())[HEVC]
+        self.assertEqual([self.member(first)], pack.pop("former"))
+        self.assertEqual(self.member(second, version="1.3"), pack)
 
     def test_older_pack_is_refused(self):
         self.make(version="1.10")

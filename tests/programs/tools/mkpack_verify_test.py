@@ -672,7 +672,10 @@ class VerifyNotesTest(VerifyTest):
         self.assertEqual(["vendor is in the reply, and no appliance asks for it"], self.notes())
 
     def test_packages_that_the_reply_names_no_more(self):
-        older = self.publish(HEVC, "1.1")
+        older = self.publish(HEVC, "1.0")
+        # The two before the one on offer can be brought back.
+        self.publish(HEVC, "1.0.1")
+        self.publish(HEVC, "1.1")
         newer = self.publish(HEVC, "1.10")
         self.publish_both("--allow-older")
         (self.folder / "other.opk").write_text("")

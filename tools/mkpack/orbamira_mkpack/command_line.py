@@ -71,6 +71,39 @@ def end_in_order():
         signal.signal(number, lambda received, frame: sys.exit(128 + received))
 
 
+def failed(program, reason):
+    """Says why the work failed; the exit status."""
+    print(printable(f"{program}: {reason}"), file=sys.stderr)
+    return EXIT_FAILED
+
+
+def version(text):
+    if not rules.VERSION_PATTERN.fullmatch(text):
+        raise argparse.ArgumentTypeError(
+            f"{text!r} is no version: up to 64 letters, digits and . _ + -, beginning with a letter or digit"
+        )
+    return text
+
+
+def share(text):
+    """A percentage; whole ones as integers."""
+    match = re.fullmatch(r"([0-9]{1,3}(?:\.[0-9]{1,2})?)%?", text)
+    percent = float(match[1]) if match else 0
+    if not 0 < percent <= 100:
+        raise argparse.ArgumentTypeError(
+            f"{text!r} is no share: a percentage from 0.01% to 100%, with two decimals at most, such as 5%"
+        )
+    return int(percent) if percent.is_integer() else percent
+
+
+def channel(text):
+    if not rules.CHANNEL_PATTERN.fullmatch(text):
+        raise argparse.ArgumentTypeError(
+            f"{text!r} is no channel: up to 32 small letters, digits and -, beginning with a letter or digit"
+        )
+    return text
+
+
 def base_url(text):
     if rules.http_address(text) is None or set("?#") & set(text):
         raise argparse.ArgumentTypeError(f"{text!r} is no http or https address of a folder")

@@ -8,9 +8,11 @@ import stat
 
 from orbamira_mkpack import archive, package, reply, rules, signature
 from orbamira_mkpack.reply import PUBLISH_AGAIN
+from orbamira_mkpack.reply_file import replies_beside, text_of
 from orbamira_mkpack.report import Report
 
 REPLY_NAME = "reply.json"
+_WRITE_ANEW = "run mkpack rollout for a release with the share that it has"
 _WORK_PREFIX = ".mkpack."
 _PACK_PATTERN = "|".join(map(re.escape, rules.CODECS_OF_PACK))
 _PACKAGE_PATTERN = re.compile(
@@ -37,8 +39,10 @@ class Folder:
         members = self._read_reply()
         if members is not None:
             self._named = reply.named_paths(members, self._base_url)
-            for name, member in reply.judge(members, self._base_url, self._report):
-                self._verify_pack(name, member)
+            for name, about, offer in reply.judge(members, self._base_url, self._report):
+                self._verify_pack(name, about, offer)
+            if not self._report.names_with_findings():
+                self._verify_others(members)
             self._compare_signatures()
         self._note_others()
         return self._report
@@ -80,25 +84,25 @@ class Folder:
             )
             return None
 
-    def _verify_pack(self, name, member):
+    def _verify_pack(self, name, about, member):
         relative = reply.path_of(member["link"], self._base_url)
         path = os.path.join(self._path, relative)
         top = os.path.realpath(self._path)
         if os.path.commonpath([top, os.path.realpath(path)]) != top:
             self._report.found(
-                name, f"{relative} is a symbolic link that leads out of the folder", "put the file itself there"
+                about, f"{relative} is a symbolic link that leads out of the folder", "put the file itself there"
             )
             return
-        file = self._open(path, name, f"put it back into {self._path}, or publish the pack again")
+        file = self._open(path, about, f"put it back into {self._path}, or publish the pack again")
         if not file:
             return
         with file:
-            if not self._verify_file(name, member, relative, file):
+            if not self._verify_file(about, member, relative, file):
                 return
             file.seek(0)
-            self._verify_content(name, member, relative, file)
+            self._verify_content(name, about, member, relative, file)
 
-    def _verify_file(self, name, member, relative, file):
+    def _verify_file(self, about, member, relative, file):
         """Whether the file is the one that the reply means."""
         sha256, size = hashlib.sha256(), 0
         checksum = sha256 if len(member["checksum"]) == 2 * sha256.digest_size else hashlib.sha512()
@@ -109,57 +113,60 @@ class Folder:
                 checksum.update(piece)
         if checksum.hexdigest() != member["checksum"].lower():
             self._report.found(
-                name,
+                about,
                 f"{relative} has the {checksum.name.upper()} {checksum.hexdigest()} and {size} "
                 "bytes, which is not what the reply says",
                 "put the right file back, or " + PUBLISH_AGAIN,
             )
             return False
         if member.get("size", size) != size:
-            self._report.found(name, f"{relative} has {size} bytes, and the reply says {member['size']}", PUBLISH_AGAIN)
+            self._report.found(
+                about, f"{relative} has {size} bytes, and the reply says {member['size']}", PUBLISH_AGAIN
+            )
         named = _PACKAGE_PATTERN.fullmatch(os.path.basename(relative))
         if named and not sha256.hexdigest().startswith(named[3]):
             self._report.found(
-                name,
+                about,
                 f"{relative} says {named[3]} in its name, and its SHA-256 begins with "
                 f"{sha256.hexdigest()[:rules.DIGITS_IN_NAME]}, so caches may hold other content under "
                 "this name",
                 PUBLISH_AGAIN,
             )
-        self._report.packs[name] = {"version": member["version"], "package": relative, "size": size, "signed": False}
+        self._report.packs[about] = {"version": member["version"], "package": relative, "size": size, "signed": False}
+        self._report.packs[about] |= {key: member[key] for key in ("rollout", "channel") if key in member}
         return True
 
-    def _verify_content(self, name, member, relative, file):
+    def _verify_content(self, name, about, member, relative, file):
         try:
             content = package.read(file)
         except archive.Refused as error:
             self._report.found(
-                name, f"appliances refuse {relative}: {error}", "make the package with mkpack, and publish it"
+                about, f"appliances refuse {relative}: {error}", "make the package with mkpack, and publish it"
             )
             return
-        self._report.packs[name]["signed"] = content.signed
+        self._report.packs[about]["signed"] = content.signed
         for key, value in (("package", name), ("version", member["version"])):
             if content.info(key) != value:
                 self._report.found(
-                    name,
+                    about,
                     f"INFO in {relative} says {key} {content.info(key)!r}, and the reply says " f"{value!r}",
                     PUBLISH_AGAIN,
                 )
         for codec in rules.CODECS_OF_PACK[name]:
             if codec not in content.codecs:
                 self._report.found(
-                    name,
+                    about,
                     f"the payload of {relative} has no {rules.marker_of(codec)}, so appliances do "
                     f"not know that it brings {codec}",
                     PUBLISH_AGAIN,
                 )
-        self._verify_signature(name, relative, content)
+        self._verify_signature(about, relative, content)
 
-    def _verify_signature(self, name, relative, content):
+    def _verify_signature(self, about, relative, content):
         if not content.signed:
             if self._keyring:
                 self._report.found(
-                    name,
+                    about,
                     f"{relative} is not signed, so appliances with a keyring refuse it",
                     "publish the pack again with --sign-key and --sign-cert",
                 )
@@ -170,10 +177,28 @@ class Folder:
                 signature.check_signature(content, self._keyring)
         except archive.Refused as error:
             self._report.found(
-                name,
+                about,
                 f"appliances with a keyring refuse {relative}: {error}",
                 "sign the pack with a key whose certificate the keyring trusts now, and publish it",
             )
+
+    def _verify_others(self, members):
+        """The replies for some appliances, which mkpack writes beside the reply."""
+        folder = os.path.dirname(self._reply_path) or "."
+        for name, content in replies_beside(self._reply_path, members).items():
+            path = os.path.join(folder, name)
+            file = self._open(path, name, _WRITE_ANEW)
+            if not file:
+                continue
+            with file:
+                if file.read(reply.MAX_SIZE + 1) != text_of(content).encode():
+                    self._report.found(name, "it does not go with the reply", _WRITE_ANEW)
+        for name, member in members.items():
+            for former in member.get("former", []) if name in rules.CODECS_OF_PACK else []:
+                if not os.path.isfile(os.path.join(self._path, reply.path_of(former["link"], self._base_url))):
+                    self._report.notes.append(
+                        f"the package of {name} {former['version']} has gone, so mkpack withdraw cannot bring it back"
+                    )
 
     def _compare_signatures(self):
         """With a keyring each unsigned package has been found already."""

@@ -1,9 +1,6 @@
 """Makes a codec pack of a folder and publishes it for the update server."""
 
 import argparse
-import contextlib
-import fcntl
-import json
 import os
 import sys
 import urllib.parse
@@ -11,26 +8,35 @@ import urllib.parse
 from orbamira_mkpack import rules
 from orbamira_mkpack.bill import Bill
 from orbamira_mkpack.command_line import (
-    EXIT_FAILED,
     ArgumentParser,
     base_url,
+    channel,
     did_you_mean,
     end_in_order,
-    printable,
+    failed,
+    share,
     system_words,
+    version,
 )
-from orbamira_mkpack.packing import MkpackError, bill_beside, make_package, put_in_place, work_folder
+from orbamira_mkpack.packing import MkpackError, bill_beside, make_package
+from orbamira_mkpack.releases import EVERYONE, Releases
+from orbamira_mkpack.reply_file import change_reply, read_reply
 
 DESCRIPTION = """\
 Packs a folder into a package and publishes it: writes the package into the folder that a web server serves, and names
 it in the reply that appliances fetch when they check for updates. "mkpack verify" then reads the folder as an
-appliance would; see mkpack verify --help.
+appliance would; see mkpack verify --help. The word publish may be left out.
 """
 
 EPILOG = f"""\
 what is published
   The package, and a reply that names it; see files below. Both files appear whole, the package first. Earlier packages
   stay, for appliances that are still downloading them. Several mkpack may publish into one folder at the same time.
+
+staged releases
+  With --rollout, packctl takes the release only on that share of the appliances; the others are offered the release
+  before. mkpack rollout raises the share, up to all of them; see mkpack rollout --help. With --channel only the
+  appliances of that channel are offered it. mkpack withdraw takes a release back.
 
 the payload
   Regular files, folders, and symbolic links that stay inside the folder. Executable files become 0755, other files
@@ -100,7 +106,10 @@ files
   OUTPUT/NAME-VERSION-DIGEST.cdx.json
                                    the bill of materials of that package, with --sbom.
   OUTPUT/reply.json                a JSON object with one member for each pack name: title, version, link, checksum
-                                   and size in bytes of the pack published last. Members of other names stay.
+                                   and size in bytes of the pack published last, and what mkpack keeps of its other
+                                   releases. Members of other names stay.
+  OUTPUT/reply@CHANNEL.json        the reply for the appliances of a channel
+  OUTPUT/reply+NAME-VERSION.json   the reply for those in the share of a staged release; see mkpack nginx --help
   OUTPUT/.reply.json.lock          the lock that mkpack holds while it changes the reply.
   OUTPUT/.mkpack.*                 unfinished work, removed at the end. You may delete what a killed mkpack leaves.
 
@@ -109,17 +118,6 @@ exit status
   1   failed; at most the package was published, and the reply is as it was
   64  wrong usage
 """
-
-
-NO_REPLY = "Move it away, or name another by --reply"
-
-
-def version(text):
-    if not rules.VERSION_PATTERN.fullmatch(text):
-        raise argparse.ArgumentTypeError(
-            f"{text!r} is no version: up to 64 letters, digits and . _ + -, beginning with a letter or digit"
-        )
-    return text
 
 
 def title(text):
@@ -164,6 +162,15 @@ def make_parser():
         metavar="FILE",
         help="put a bill of materials (CycloneDX) into the package and beside it; FILE describes the components",
     )
+    parser.add_argument(
+        "--rollout",
+        type=share,
+        metavar="PERCENT",
+        help="offer it to this share of the appliances only, such as 5%%; raise it with mkpack rollout",
+    )
+    parser.add_argument(
+        "--channel", type=channel, metavar="NAME", help="offer it only to appliances of this channel, such as beta"
+    )
     parser.add_argument("--sign-key", metavar="KEY", help="sign the package with this private key (PEM)")
     parser.add_argument(
         "--sign-cert",
@@ -176,7 +183,7 @@ def make_parser():
 def parse_arguments(arguments):
     parser = make_parser()
     if arguments and not arguments[0].startswith("-"):
-        parser.error(f'there is no command "{arguments[0]}"' + did_you_mean(arguments[0], ["verify"]))
+        parser.error(f'there is no command "{arguments[0]}"' + did_you_mean(arguments[0], rules.COMMANDS))
     options = parser.parse_args(arguments)
 
     options.codec = sorted(set(options.codec or rules.CODECS_OF_PACK[options.name]), key=rules.CODECS.index)
@@ -194,88 +201,41 @@ def parse_arguments(arguments):
     return options
 
 
-def read_reply(path):
-    """The members of the reply; none when there is no file yet. Raises MkpackError for a file that is no reply."""
-    try:
-        with open(path, encoding="utf-8") as file:
-            members = json.load(file)
-    except FileNotFoundError:
-        return {}
-    except (ValueError, RecursionError) as error:
-        raise MkpackError(f"{path} is not valid JSON ({error}), and was left as it is", NO_REPLY) from error
-    if not isinstance(members, dict):
-        raise MkpackError(f"{path} is not a JSON object, and was left as it is", NO_REPLY)
-    return members
-
-
-def refuse_older(members, options):
-    """Refuses a pack that is older than the one in the reply, unless it was asked for."""
-    member = members.get(options.name)
-    published = member.get("version") if isinstance(member, dict) else None
-    if not isinstance(published, str) or not rules.VERSION_PATTERN.fullmatch(published):
-        return  # there is none to compare with
-    if rules.is_newer(options.version, published) and not options.allow_older:
-        raise MkpackError(
-            f"{options.name} {options.version} is older than the published {published}, "
-            "so appliances that have that one would not install it",
-            "Give a higher --version, or add --allow-older",
-        )
-
-
-@contextlib.contextmanager
-def reply_lock(path):
-    """Keeps other mkpack from the reply. The lock is on a file beside it, since the reply itself is replaced."""
-    folder, name = os.path.split(path)
-    os.makedirs(folder or ".", exist_ok=True)
-    with open(os.path.join(folder, f".{name}.lock"), "a") as file:
-        fcntl.flock(file, fcntl.LOCK_EX)
-        yield
-
-
-def publish(options, member):
-    """Puts `member` into the reply under the name of the pack; the other members stay."""
-    path = options.reply
-    with reply_lock(path):
-        members = read_reply(path)
-        refuse_older(members, options)
-        members[options.name] = member
-        with work_folder(os.path.dirname(path) or ".") as work:
-            temporary = os.path.join(work, "reply")
-            with open(temporary, "w", encoding="utf-8") as file:
-                json.dump(members, file, indent=2, sort_keys=True)
-                file.write("\n")
-                put_in_place(file, temporary, path)
-
-
-def failed(reason):
-    print(printable(f"mkpack: {reason}"), file=sys.stderr)
-    return EXIT_FAILED
+def offer_of(options):
+    """What the reply says of the release, as far as it is known before the package is made."""
+    offer = {"title": options.title, "version": options.version}
+    if options.rollout and options.rollout < EVERYONE:
+        offer["rollout"] = options.rollout
+    if options.channel:
+        offer["channel"] = options.channel
+    return offer
 
 
 def main(arguments):
     options = parse_arguments(arguments)
     end_in_order()
+    offer = offer_of(options)
     try:
         # A reply that cannot be used is found before the work rather than after it.
-        refuse_older(read_reply(options.reply), options)
+        member = read_reply(options.reply).get(options.name)
+        Releases(options.name, member).publish(offer, options.allow_older)
         file_name, size, checksum = make_package(options, Bill(options) if options.sbom else None)
-        member = {
-            "title": options.title,
-            "version": options.version,
-            "link": f"{options.base_url}/{urllib.parse.quote(file_name)}",
-            "checksum": checksum,
-            "size": size,
-        }
-        publish(options, member)
+        link = f"{options.base_url}/{urllib.parse.quote(file_name)}"
+        offer |= {"link": link, "checksum": checksum, "size": size}
+        change_reply(options.reply, options.name, lambda releases: releases.publish(offer, options.allow_older))
     except MkpackError as error:
-        return failed(error)
+        return failed("mkpack", error)
     except OSError as error:
-        return failed(system_words(error, options.output))
+        return failed("mkpack", system_words(error, options.output))
     sys.stdout.reconfigure(errors="surrogateescape")
     print(f"package   {os.path.join(options.output, file_name)}")
     print(f"size      {size}")
     print(f"checksum  {checksum}")
     if options.sbom:
         print(f"sbom      {os.path.join(options.output, bill_beside(file_name))}")
+    if options.channel:
+        print(f"channel   {options.channel}")
+    if "rollout" in offer:
+        print(f"share     {options.rollout}%")
     print(f"reply     {options.reply}")
     return 0

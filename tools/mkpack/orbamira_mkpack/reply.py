@@ -66,17 +66,30 @@ def path_of(link, base_url):
     return None if bad else path
 
 
+def _list(member, key):
+    """The list of that name in a pack; empty where there is none."""
+    found = member.get(key, [])
+    return found if isinstance(found, list) else []
+
+
+def offers(name, member):
+    """What a pack's member of the reply offers: a name for people, and the offer. The first is for everyone."""
+    yield name, member
+    for offer in _list(member, "staged"):
+        if isinstance(offer, dict):
+            yield f"{name} {offer.get('version')}", offer
+
+
 def named_paths(reply, base_url):
     """The files that the links of packs stand for, as far as they stand for any."""
-    links = [member.get("link") for member in reply.values() if isinstance(member, dict)]
+    members = [member for member in reply.values() if isinstance(member, dict)]
+    members += [each for member in members for key in ("staged", "former") for each in _list(member, key)]
+    links = [member.get("link") for member in members if isinstance(member, dict)]
     return {path_of(link, base_url) for link in links if isinstance(link, str) and rules.http_address(link)}
 
 
 def _member_findings(member, base_url):
-    """Pairs of what is wrong with one member and what to do."""
-    if not isinstance(member, dict):
-        yield "it is no JSON object", PUBLISH_AGAIN
-        return
+    """Pairs of what is wrong with one offer and what to do."""
     version = member.get("version")
     if not isinstance(version, str) or not rules.VERSION_PATTERN.fullmatch(version):
         yield f"its version {version!r} is none that mkpack gives", PUBLISH_AGAIN
@@ -94,13 +107,48 @@ def _member_findings(member, base_url):
         yield f"its size {size!r} is no number of bytes", PUBLISH_AGAIN
 
 
+def _is_share(share):
+    return isinstance(share, (int, float)) and not isinstance(share, bool) and 0 < share <= 100
+
+
+def _staged_findings(offer):
+    if not offer.keys() & {"rollout", "channel"}:
+        yield "it has neither a rollout nor a channel, so nobody is offered it", PUBLISH_AGAIN
+    if not _is_share(offer.get("rollout", 100)):
+        yield f"its rollout {offer['rollout']!r} is no percentage", PUBLISH_AGAIN
+    channel = offer.get("channel", "beta")
+    if not isinstance(channel, str) or not rules.CHANNEL_PATTERN.fullmatch(channel):
+        yield f"its channel {channel!r} is none that mkpack gives", PUBLISH_AGAIN
+
+
+def _list_findings(member):
+    for key, kind in (("staged", dict), ("former", dict), ("withdrawn", str)):
+        found = member.get(key, [])
+        if not isinstance(found, list) or not all(isinstance(each, kind) for each in found):
+            yield f'its "{key}" is nothing that mkpack writes', PUBLISH_AGAIN
+
+
+def _pack_findings(name, member, base_url):
+    """What is wrong with a pack's member, and with each of its releases."""
+    if not isinstance(member, dict):
+        yield Finding(name, "it is no JSON object", PUBLISH_AGAIN)
+        return
+    for about, offer in offers(name, member):
+        found = [*_member_findings(offer, base_url), *(_staged_findings(offer) if offer is not member else [])]
+        yield from (Finding(about, *each) for each in found)
+    for former in _list(member, "former"):
+        found = _member_findings(former, base_url) if isinstance(former, dict) else []
+        yield from (Finding(f"{name} {former.get('version')}", *each) for each in found)
+    yield from (Finding(name, *each) for each in _list_findings(member))
+
+
 def findings(reply, base_url):
     """What is wrong with the reply by itself."""
     found = [
-        Finding(name, problem, remedy)
+        finding
         for name, member in reply.items()
         if name in rules.CODECS_OF_PACK
-        for problem, remedy in _member_findings(member, base_url)
+        for finding in _pack_findings(name, member, base_url)
     ]
     if not rules.CODECS_OF_PACK.keys() & reply.keys():
         names = " nor ".join(rules.CODECS_OF_PACK)
@@ -109,13 +157,15 @@ def findings(reply, base_url):
 
 
 def judge(reply, base_url, report):
-    """Tells the report of the reply by itself; yields the name and the member of each pack that is right so far."""
+    """Tells the report of the reply by itself; yields each offer that is right so far, as offers() does, after the name
+    of its pack."""
     report.findings += findings(reply, base_url)
     report.notes += notes(reply)
     wrong = report.names_with_findings()
     for name in rules.CODECS_OF_PACK:
-        if name in reply and name not in wrong:
-            yield name, reply[name]
+        for about, offer in offers(name, reply[name]) if isinstance(reply.get(name), dict) else ():
+            if about not in wrong:
+                yield name, about, offer
 
 
 def notes(reply):

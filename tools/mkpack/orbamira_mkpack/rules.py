@@ -11,6 +11,9 @@ HEVC_AAC_PACK = "@ORBAMIRA_HEVC_AAC_PACK@"
 CODECS_OF_PACK = {HEVC_PACK: ["hevc"], HEVC_AAC_PACK: ["hevc", "aac"]}
 CODECS = ["hevc", "aac"]
 
+# What mkpack can be told to do.
+COMMANDS = ["publish", "rollout", "withdraw", "verify", "nginx"]
+
 INFO_NAME = "INFO"
 PAYLOAD_NAME = "package.tgz"
 MANIFEST_NAME = "MANIFEST"
@@ -25,6 +28,7 @@ MAX_MEMBERS = 20_000
 MAX_CONTENT_SIZE = 16 << 30
 
 VERSION_PATTERN = re.compile(r"[0-9A-Za-z][0-9A-Za-z._+-]{0,63}")
+CHANNEL_PATTERN = re.compile(r"[a-z0-9][a-z0-9-]{0,31}")
 CERTIFICATE_PATTERN = re.compile(rb"-----BEGIN CERTIFICATE-----.*?-----END CERTIFICATE-----", re.DOTALL)
 
 # How much of the file's SHA-256 is in a package's name.

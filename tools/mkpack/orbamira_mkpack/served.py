@@ -76,8 +76,8 @@ class Served:
     def verify(self):
         members = self._read_reply()
         if members is not None:
-            for name, member in reply.judge(members, self._base_url, self._report):
-                self._verify_pack(name, member)
+            for _, about, offer in reply.judge(members, self._base_url, self._report):
+                self._verify_pack(about, offer)
         return self._report
 
     def _ask(self, about, address, **question):

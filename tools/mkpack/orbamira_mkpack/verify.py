@@ -107,6 +107,16 @@ def _check_keyring(path):
         raise ValueError("it contains something other than certificates")
 
 
+def _marks(pack):
+    """What is special about a pack that was looked at."""
+    if "channel" in pack:
+        yield pack["channel"]
+    if "rollout" in pack:
+        yield f"{pack['rollout']} %"
+    if pack.get("signed"):
+        yield "signed"
+
+
 def print_report(options, report):
     for finding in report.findings:
         print(printable(f"{finding.about}: {finding.problem}: {finding.remedy}"))
@@ -114,8 +124,8 @@ def print_report(options, report):
         print(printable(f"note: {note}"))
     if not report.findings:
         packs = ", ".join(
-            f"{name} {pack['version']}" + (" (signed)" if pack.get("signed") else "")
-            for name, pack in report.packs.items()
+            f"{about.split(' ')[0]} {pack['version']}" + "".join(f" ({mark})" for mark in _marks(pack))
+            for about, pack in report.packs.items()
         )
         print(printable(f"{options.url or options.folder}: nothing wrong with {packs}"))
 
