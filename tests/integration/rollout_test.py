@@ -14,7 +14,7 @@ import tempfile
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-from appliance import SOURCE, Paths, make_pack, mkpack_of  # noqa: E402
+from appliance import SOURCE, Appliance, Paths, make_pack, mkpack_of  # noqa: E402
 from nginx import Nginx  # noqa: E402
 
 MANY = 100_000
@@ -137,6 +137,133 @@ class RolloutTest(unittest.TestCase):
         self.assertEqual({"1.1"}, set(self.offered(server, ids)))
         self.publish("1.3")
         self.assertEqual({"1.3"}, set(self.offered(server, ids)))
+
+    def appliance(self, name, address, channel=None):
+        appliance = Appliance.lay_out(self.top / f"appliance-{len(list(self.top.iterdir()))}", self.arguments.build)
+        appliance.identify(name)
+        appliance.use_server(address + "/packs/reply.json")
+        if channel:
+            with open(appliance.settings / "updater.conf", "a") as file:
+                file.write(f'channel="{channel}"\n')
+        return appliance
+
+    def start_logging(self):
+        """nginx that gives everyone the same reply, and logs what it would choose."""
+        log = "  log_format chosen '$orbamira_staged_1';\n" + self.mkpack("nginx", self.packs)
+        server = f"server {{ listen LISTEN; root {self.top}/srv; access_log access.log chosen; }}"
+        return self.enterContext(Nginx(self.top / "logging", log + server))
+
+    def check(self, appliance):
+        """What a check answers."""
+        return json.loads(appliance.packctl("check", "--json").stdout)
+
+    def test_packctl_decides_as_nginx_does(self):
+        self.publish("1.1")
+        self.publish("1.2", rollout="50%")
+        server = self.start_logging()
+        appliance = self.appliance("x", server.url)
+        odd = ("NAS 1", "a/b&c=d", "\u00fc+%41", "~._-", "A" * 3000, "\u4e2d\u6587", "#?")
+        ids = [*odd, *(f"nas-{number}" for number in range(60))]
+        found = []
+        for unique in ids:
+            appliance.identify(unique)
+            found.append(self.check(appliance)["version"])
+        self.assertEqual({"1.1", "1.2"}, set(found))
+        chosen = ["1.2" if line else "1.1" for line in server.log()]
+        self.assertEqual(dict(zip(ids, chosen)), dict(zip(ids, found)))
+
+    def outside(self, server):
+        """An appliance that is not in the share of 1.2."""
+        for number in range(1000):
+            appliance = self.appliance(f"nas-{number}", server.url)
+            if self.check(appliance)["version"] == "1.1":
+                return appliance
+        raise AssertionError("all are in the share")
+
+    def installed(self, appliance):
+        return json.loads(appliance.packctl("info", "--json").stdout)["version"]
+
+    def start_plain(self):
+        """A server that only serves files, with packages whose links lead to it."""
+        server = self.enterContext(
+            Nginx(self.top / "plain", f"server {{ listen LISTEN; root {self.top}/srv; access_log off; }}")
+        )
+        self.publish = lambda version, **more: make_pack(
+            self.arguments.build, self.top / "payload", self.packs, version, f"{server.url}/packs", **more
+        )
+        return server
+
+    def test_appliance_outside_the_share_has_the_release_before(self):
+        server = self.start_plain()
+        self.publish("1.1")
+        self.publish("1.2", rollout="50%")
+        appliance = self.outside(server)
+        appliance.expect("update")
+        self.assertEqual("1.1", self.installed(appliance))
+        check = self.check(appliance)
+        self.assertEqual("nothing_new", check["result"])
+        self.assertEqual({"version": "1.2", "rollout": 50, "code": "not_in_rollout"}, check["staged"])
+        told = "1.2 is offered to 50 % of the appliances so far, and not to this one"
+        self.assertIn(f"{told}. To install it now: sudo packctl update --now\n", appliance.packctl("check").stdout)
+        done = appliance.packctl("update")
+        self.assertEqual(2, done.returncode)
+        self.assertIn(told, done.stdout)
+        self.assertIn(f"Available:  {told}\n", appliance.packctl("status").stdout)
+        self.assertEqual(
+            {"version": "1.2", "rollout": 50},
+            json.loads(appliance.packctl("status", "--json").stdout)["last_check"]["staged"],
+        )
+        # When the share takes it in, it is offered the release without having been asked again.
+        self.rollout("1.2", "100%")
+        self.assertEqual(("new_pack", "1.2"), (self.check(appliance)["result"], self.check(appliance)["version"]))
+        appliance.expect("update")
+        self.assertEqual("1.2", self.installed(appliance))
+
+    def test_person_may_take_it_now(self):
+        server = self.start_plain()
+        self.publish("1.1")
+        self.publish("1.2", rollout="50%")
+        appliance = self.outside(server)
+        appliance.expect("update", "--now")
+        self.assertEqual("1.2", self.installed(appliance))
+        check = self.check(appliance)
+        self.assertEqual(("nothing_new", "1.1", None), (check["result"], check["version"], check["staged"]))
+        self.assertEqual(2, appliance.packctl("update").returncode)
+        self.assertEqual("1.2", self.installed(appliance), "it does not go back")
+
+    def test_withdrawn_release_stays_until_a_newer_one_comes(self):
+        server = self.start_plain()
+        self.publish("1.1")
+        self.publish("1.2")
+        appliance = self.appliance("nas", server.url)
+        appliance.expect("update")
+        self.mkpack("withdraw", self.name, "1.2", "--output", self.packs)
+        done = appliance.packctl("check")
+        self.assertEqual(2, done.returncode)
+        self.assertIn("The maker has withdrawn 1.2. It stays until a newer release comes.\n", done.stdout)
+        self.assertIn("; the maker has withdrawn it\n", appliance.packctl("status").stdout)
+        status = json.loads(appliance.packctl("status", "--json").stdout)
+        self.assertEqual("1.2", status["last_check"]["withdrawn"])
+        self.assertEqual(2, appliance.packctl("update").returncode)
+        self.assertEqual("1.2", self.installed(appliance))
+        fresh = self.appliance("other", server.url)
+        fresh.expect("update")
+        self.assertEqual("1.1", self.installed(fresh))
+        self.publish("1.2.1")
+        appliance.expect("update")
+        self.assertEqual("1.2.1", self.installed(appliance))
+        self.assertNotIn("withdrawn it", appliance.packctl("status").stdout)
+
+    def test_channel_of_the_settings(self):
+        server = self.start_plain()
+        self.publish("1.1")
+        self.publish("1.2", channel="beta")
+        tester = self.appliance("nas", server.url, channel="beta")
+        other = self.appliance("nas", server.url)
+        for appliance, version in ((tester, "1.2"), (other, "1.1")):
+            appliance.expect("update")
+            self.assertEqual(version, self.installed(appliance))
+        self.assertNotIn("1.2", other.packctl("check").stdout)
 
     def test_packs_are_staged_by_themselves(self):
         ids = [f"nas-{number}" for number in range(200)]

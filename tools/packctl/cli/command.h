@@ -83,6 +83,7 @@ struct Options {
   bool watch = false;       ///< status: go on until interrupted
   bool cancelled = false;   ///< this process took the place of one that was cancelled
   bool yes = false;         ///< remove: do not ask
+  bool now = false;         ///< download, update: also a staged release before the appliance's turn
   bool reinstall = false;   ///< update and install from a file: also what is installed already
   std::size_t limit = 50;   ///< history: only so many entries
   bool no_pager = false;    ///< history: print them, on a terminal too

@@ -329,8 +329,13 @@ void AddRemoveOptions(CLI::App& parser, Options& options) {
   parser.add_flag("-y,--yes", options.yes, "Remove the pack without asking, even if an application needs it");
 }
 
-void AddUpdateOptions(CLI::App& parser, Options& options) {
+void AddDownloadOptions(CLI::App& parser, Options& options) {
   AddCancelOption(parser, options);
+  parser.add_flag("--now", options.now, "Take a staged release even if this appliance is not in its share yet");
+}
+
+void AddUpdateOptions(CLI::App& parser, Options& options) {
+  AddDownloadOptions(parser, options);
   parser.add_flag("--reinstall", options.reinstall, "Install the pack on offer even if it is not newer");
 }
 

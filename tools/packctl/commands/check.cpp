@@ -17,6 +17,7 @@
 #include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
+#include "tools/packctl/view/release_words.h"
 #include "updater/recovery.h"
 #include "updater/update_request.h"
 
@@ -65,6 +66,15 @@ std::string NewPackWords(const updater::PackManager& manager, const Versions& ve
   return Printable(*versions.offered) + what + InstalledWords(versions) + "). Run: sudo packctl update\n";
 }
 
+Outcome WithOthers(Outcome outcome, const OtherReleases& others) {
+  outcome.members["staged"] = StagedReleaseJson(others.staged);
+  if (others.staged) {
+    outcome.members["staged"]["code"] = CodeOf(FailureReason::kNotInRollout);
+  }
+  outcome.text += OtherReleasesLines(others);
+  return outcome;
+}
+
 Outcome NewPack(const updater::PackManager& manager, bool repeats) {
   const Versions versions = VersionsWith(ReadStatus().new_version);
   Outcome outcome = EndOfChange(kExitDone, "new_pack");
@@ -94,13 +104,13 @@ Outcome RunCheck(Context& context) {
   const bool repeats =
       !found && declined && updater::RepeatFailedUpdate(*context.lock, *objects.manager, *objects.status);
   if (found || declined) {
-    NoteAnsweredCheck(objects.handler->offered_version(), found || repeats);
+    NoteAnsweredCheck(objects.handler->offered_version(), found || repeats, objects.handler->other_releases());
   }
   if (found || repeats) {
-    return NewPack(*objects.manager, repeats);
+    return WithOthers(NewPack(*objects.manager, repeats), objects.handler->other_releases());
   }
   if (declined) {
-    return NothingNew(*declined);
+    return WithOthers(NothingNew(*declined), objects.handler->other_releases());
   }
   Outcome failed = FailedChange("check");
   BlameRequirements(*objects.manager, failed);

@@ -17,7 +17,7 @@ constexpr std::array kCommands = {
     Command{"download", Effect::kChange, "Download and verify the pack on offer",
             "Permitted if the status is need_download or download_failed. To install the pack afterwards, run\n"
             "\"packctl install\".",
-            Download, AddCancelOption},
+            Download, AddDownloadOptions},
     Command{
         "install", Effect::kChange, "Install the downloaded pack",
         "Permitted if the status is need_install or install_failed. Plugins are told before and after. If the\n"
@@ -33,6 +33,7 @@ constexpr std::array kCommands = {
         "Permitted if the status is lost, need_download, need_install, download_install_failed or up_to_date.\n"
         "If nothing newer is on offer, nothing is done. If the update fails or you interrupt it, the previous pack\n"
         "comes back.\n"
+        "A staged release is taken when this appliance is in its share, with --now at once.\n"
         "Exit status 2: already up to date.",
         Update, AddUpdateOptions},
     Command{
@@ -47,7 +48,8 @@ constexpr std::array kCommands = {
         "Shows the installed pack, what is available, the last check and what to do, and with --verbose also what is\n"
         "recorded. You may run this at any time, even during an update.\n"
         "With --json: the keys of the status store (sizes in bytes), interrupted (whether an update was cut short),\n"
-        "last_check (time in seconds since the epoch, version and is_news; null before the first) and support_until\n"
+        "last_check (time in seconds since the epoch, version, is_news, staged and withdrawn, which tell of other\n"
+        "releases; null before the first) and support_until\n"
         "(the last day of the maker's support, YYYY-MM-DD; null if none is set).\n"
         "With --watch it prints each change until SIGINT or SIGTERM (Ctrl-C) ends it with exit status 0; with\n"
         "--json one object per line. It sleeps while nothing changes.",

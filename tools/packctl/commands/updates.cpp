@@ -18,6 +18,7 @@
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/progress_view.h"
+#include "tools/packctl/view/release_words.h"
 #include "tools/packctl/view/result_words.h"
 #include "updater/recovery.h"
 #include "updater/update_request.h"
@@ -134,7 +135,7 @@ Outcome RunAbout(const Context& context, const UpdateObjects& objects, const std
   Outcome outcome = RunFlow(context, objects, flow);
   const std::string& offered = objects.handler->offered_version();
   if (!offered.empty()) {
-    NoteAnsweredCheck(offered, true);
+    NoteAnsweredCheck(offered, true, objects.handler->other_releases());
   }
   outcome.version = offered.empty() ? recorded_version : offered;
   if (outcome.exit == kExitFailed) {
@@ -171,9 +172,11 @@ Outcome AlreadyUpToDate(const std::string& installed, const std::string& offered
   return outcome;
 }
 
-Outcome NothingNewer(const std::string& installed, const std::string& offered) {
-  NoteAnsweredCheck(offered, false);
-  return AlreadyUpToDate(installed, offered);
+Outcome NothingNewer(const std::string& installed, const std::string& offered, const OtherReleases& others) {
+  NoteAnsweredCheck(offered, false, others);
+  Outcome outcome = AlreadyUpToDate(installed, offered);
+  outcome.text += OtherReleasesLines(others);
+  return outcome;
 }
 
 /// Asks the server, where the record names no offer yet, whether there is anything newer than the installed pack. The
@@ -192,11 +195,21 @@ std::optional<Outcome> EndWithoutUpdate(const UpdateObjects& objects, const Stat
     return std::nullopt;
   }
   const std::optional<std::string>& declined = objects.handler->declined_version();
-  return declined ? std::optional(NothingNewer(pack->identity.version, *declined)) : std::nullopt;
+  return declined ? std::optional(NothingNewer(pack->identity.version, *declined, objects.handler->other_releases()))
+                  : std::nullopt;
+}
+
+/// The objects, with a handler that takes staged releases where the user asked for them.
+UpdateObjects ObjectsFor(const Context& context) {
+  UpdateObjects objects = MakeUpdateObjects();
+  if (context.options.now) {
+    objects.handler->TakeStagedReleases();
+  }
+  return objects;
 }
 
 Outcome RunDownload(Context& context) {
-  const UpdateObjects objects = MakeUpdateObjects();
+  const UpdateObjects objects = ObjectsFor(context);
   return RunAbout(context, objects, RecordBefore().new_version,
                   {"download", [](const UpdateObjects& made) { return made.manager->Download(); }, false});
 }
@@ -230,7 +243,7 @@ Outcome RunInstall(Context& context) {
 }
 
 Outcome RunUpdate(Context& context) {
-  const UpdateObjects objects = MakeUpdateObjects();
+  const UpdateObjects objects = ObjectsFor(context);
   const StatusRecord record = RecordBefore();
   if (!context.options.reinstall) {
     if (std::optional<Outcome> end = EndWithoutUpdate(objects, record)) {

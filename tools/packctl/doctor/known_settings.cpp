@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "platform/constants.h"
+#include "tools/packctl/policy/release_choice.h"
 #include "tools/packctl/record/support_period.h"
 
 namespace orbamira::packctl {
@@ -25,6 +26,12 @@ bool IsTimeLimit(const std::string& text) {
 }
 
 bool IsUnpackLimit(const std::string& text) { return IsNumber<std::uint64_t>(text, 0, UINT64_MAX); }
+
+bool IsChannel(const std::string& text) {
+  constexpr std::size_t kLongest = 32;
+  constexpr const char* kSigns = "abcdefghijklmnopqrstuvwxyz0123456789-";
+  return text.size() <= kLongest && text.front() != '-' && text.find_first_not_of(kSigns) == std::string::npos;
+}
 
 bool IsDay(const std::string& text) { return ParseDay(text).has_value(); }
 
@@ -51,6 +58,10 @@ std::span<const KnownSetting> KnownSettings() {
           "How long a plugin may take each time it runs. One that takes longer is ended and logged, and the update "
           "goes on.",
           "plugin_time_limit=\"7.5\""},
+      KnownSetting{kChannel, "up to 32 small letters, digits and -", IsChannel, "",
+                   "The maker's channel of this appliance, such as beta: it is offered the channel's releases beside "
+                   "those for everyone. packctl heeds it.",
+                   "channel=\"beta\""},
       KnownSetting{kSupportUntil, "a day, written YYYY-MM-DD", IsDay, "",
                    "The last day on which the maker closes security holes of this appliance. packctl status shows it, "
                    "and says when it has passed; nothing else changes then.",

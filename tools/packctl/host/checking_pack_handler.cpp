@@ -1,9 +1,11 @@
 #include "tools/packctl/host/checking_pack_handler.h"
 
 #include <stdexcept>
+#include <utility>
 
 #include "platform/download_wrapper.h"
 #include "platform/printable.h"
+#include "platform/version.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -24,6 +26,28 @@ void Check(const std::string& text, std::size_t longest, const std::string& what
 
 }  // namespace
 
+void CheckingPackHandler::TakeStagedReleases() {
+  audience_ = ReadAudience();
+  audience_->takes_all = true;
+}
+
+Json::Value CheckingPackHandler::Chosen(const Json::Value& info) const {
+  other_releases_ = {};
+  if (!HasOtherReleases(info)) {
+    return info;
+  }
+  const std::string installed = GetVersionFromInfo(GetInfoPath());
+  other_releases_.withdrawn = IsWithdrawn(info, installed) ? installed : "";
+  if (!audience_) {
+    audience_ = ReadAudience();
+  }
+  ReleaseChoice choice = ChooseRelease(info, *audience_);
+  if (choice.left_out && IsNewVersion(installed, choice.left_out->version)) {
+    other_releases_.staged = std::move(choice.left_out);
+  }
+  return std::move(choice.offer);
+}
+
 bool CheckingPackHandler::CheckNewVersion(const Json::Value& info) const {
   const bool newer = PackHandler::CheckNewVersion(info);
   const std::string offered = GetDownloadVersion(info);
@@ -36,8 +60,9 @@ bool CheckingPackHandler::CheckNewVersion(const Json::Value& info) const {
 
 // A check and an update ask for the version or for the link first: either way all of the offer is judged.
 std::string CheckingPackHandler::GetDownloadVersion(const Json::Value& info) const {
-  Check(PackHandler::GetDownloadLink(info), kLongestLink, "link");
-  std::string version = PackHandler::GetDownloadVersion(info);
+  const Json::Value offer = Chosen(info);
+  Check(PackHandler::GetDownloadLink(offer), kLongestLink, "link");
+  std::string version = PackHandler::GetDownloadVersion(offer);
   Check(version, kLongestVersion, "version");
   offered_version_ = version;
   return version;
@@ -45,12 +70,17 @@ std::string CheckingPackHandler::GetDownloadVersion(const Json::Value& info) con
 
 std::string CheckingPackHandler::GetDownloadLink(const Json::Value& info) const {
   static_cast<void>(GetDownloadVersion(info));
-  std::string link = PackHandler::GetDownloadLink(info);
+  const Json::Value offer = Chosen(info);
+  std::string link = PackHandler::GetDownloadLink(offer);
   sizes_.erase(link);
-  if (info[kSize].isInt64() && info[kSize].asInt64() > 0) {
-    sizes_[link] = info[kSize].asInt64();
+  if (offer[kSize].isInt64() && offer[kSize].asInt64() > 0) {
+    sizes_[link] = offer[kSize].asInt64();
   }
   return link;
+}
+
+std::string CheckingPackHandler::GetDownloadChecksum(const Json::Value& info) const {
+  return PackHandler::GetDownloadChecksum(Chosen(info));
 }
 
 bool CheckingPackHandler::DownloadWithProgress(const std::string& link, const std::string& path,

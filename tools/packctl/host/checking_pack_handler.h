@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "tools/packctl/policy/release_choice.h"
+#include "tools/packctl/record/answered_check.h"
 #include "updater/pack_handler.h"
 
 /// What packctl asks of an offer, and remembers of it.
@@ -18,10 +20,12 @@ namespace orbamira::packctl {
 /// - throws std::runtime_error, which fails the flow with one line of the log, for an offer whose version or link is
 /// too
 ///   long or holds control characters: it would reach the record, terminals and plugins;
+/// - takes the release that this appliance is offered, where the reply has more than one for the pack;
 /// - takes no more of a package than the offer that its link came from says it has.
 class CheckingPackHandler : public updater::PackHandler {
  public:
   using PackHandler::CheckNewVersion;
+  using PackHandler::GetDownloadChecksum;
   using PackHandler::GetDownloadLink;
   using PackHandler::GetDownloadVersion;
   using PackHandler::PackHandler;
@@ -29,11 +33,18 @@ class CheckingPackHandler : public updater::PackHandler {
   bool CheckNewVersion(const Json::Value& info) const override;
   std::string GetDownloadVersion(const Json::Value& info) const override;
   std::string GetDownloadLink(const Json::Value& info) const override;
+  std::string GetDownloadChecksum(const Json::Value& info) const override;
   bool DownloadWithProgress(const std::string& link, const std::string& path,
                             std::function<void(long, long)>& progress) override;
 
   /// Does what DownloadWithProgress() does, with a package file of this machine.
   bool CopyWithProgress(const std::string& file, const std::string& path, std::function<void(long, long)>& progress);
+
+  /// From now on also takes a staged release whose share the appliance is not in: somebody asked for it.
+  void TakeStagedReleases();
+
+  /// What the last reply says of releases beside the offer.
+  [[nodiscard]] const OtherReleases& other_releases() const { return other_releases_; }
 
   /// The version of the last offer that was asked for its version or its link; empty before one was.
   [[nodiscard]] const std::string& offered_version() const { return offered_version_; }
@@ -42,6 +53,11 @@ class CheckingPackHandler : public updater::PackHandler {
   [[nodiscard]] const std::optional<std::string>& declined_version() const { return declined_version_; }
 
  private:
+  /// The release of the pack that this appliance is offered.
+  Json::Value Chosen(const Json::Value& info) const;
+
+  mutable std::optional<Audience> audience_;  // read when a reply asks for it
+  mutable OtherReleases other_releases_;
   mutable std::string offered_version_;
   mutable std::optional<std::string> declined_version_;
   mutable std::map<std::string, std::int64_t> sizes_;  // of packages, by their links

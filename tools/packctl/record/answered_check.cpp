@@ -20,6 +20,15 @@
 namespace orbamira::packctl {
 namespace {
 
+OtherReleases ReadOthers(const Json::Value& note) {
+  OtherReleases others{.withdrawn = TextOf(note["withdrawn"])};
+  const Json::Value& staged = note["staged"];
+  if (staged.isObject() && staged["version"].isString() && staged["rollout"].isNumeric()) {
+    others.staged = {.version = staged["version"].asString(), .percent = staged["rollout"].asDouble()};
+  }
+  return others;
+}
+
 std::string NoteFile() { return std::filesystem::path(kDownloadFolder).parent_path() / "checked"; }
 
 // Both files have the clock of the kernel, which is finer than the seconds that entries of the history have.
@@ -31,7 +40,7 @@ bool HistoryIsNewerThan(const timespec& noted) {
 
 }  // namespace
 
-void NoteAnsweredCheck(const std::string& version, bool is_news) {
+void NoteAnsweredCheck(const std::string& version, bool is_news, const OtherReleases& others) {
   constexpr mode_t kMode = 0644;
   static_cast<void>(wrapper::OrbaSDKWrapper().MakeDirectory(std::filesystem::path(NoteFile()).parent_path()));
   const UniqueFd fd(
@@ -42,6 +51,8 @@ void NoteAnsweredCheck(const std::string& version, bool is_news) {
   Json::Value note;
   note["version"] = version;
   note["is_news"] = is_news;
+  note["staged"] = StagedReleaseJson(others.staged);
+  note["withdrawn"] = others.withdrawn;
   const std::string line = JsonLine(note);
   // On a full disk the time alone is noted.
   const ssize_t written = write(fd.get(), line.data(), line.size());
@@ -62,10 +73,20 @@ std::optional<AnsweredCheck> ReadAnsweredCheck() try {
   if (note["version"].isString() && note["is_news"].isBool()) {
     check.version = note["version"].asString();
     check.is_news = note["is_news"].asBool();
+    check.others = ReadOthers(note);
   }
   return check;
 } catch (const std::exception&) {
   return std::nullopt;  // what stands there is no note
+}
+
+Json::Value StagedReleaseJson(const std::optional<StagedRelease>& release) {
+  Json::Value json;
+  if (release) {
+    json["version"] = release->version;
+    json["rollout"] = release->percent;
+  }
+  return json;
 }
 
 Json::Value AnsweredCheckJson(const std::optional<AnsweredCheck>& check) {
@@ -74,6 +95,8 @@ Json::Value AnsweredCheckJson(const std::optional<AnsweredCheck>& check) {
     json["time"] = Json::Int64{check->time};
     json["version"] = NullIfEmpty(check->version);
     json["is_news"] = check->is_news;
+    json["staged"] = StagedReleaseJson(check->others.staged);
+    json["withdrawn"] = NullIfEmpty(check->others.withdrawn);
   }
   return json;
 }

@@ -9,12 +9,29 @@
 /// When the update server last answered a check, and what it said.
 namespace orbamira::packctl {
 
+/// A release that only a share of the appliances is offered.
+struct StagedRelease {
+  std::string version = {};
+  double percent = 0;  ///< of the appliances that are offered it
+
+  friend bool operator==(const StagedRelease&, const StagedRelease&) = default;
+};
+
+/// What the update server said of releases beside the offer.
+struct OtherReleases {
+  std::optional<StagedRelease> staged = {};  ///< newer than the offer, and not for this appliance yet
+  std::string withdrawn = {};                ///< the installed version, if it was taken back; otherwise empty
+
+  friend bool operator==(const OtherReleases&, const OtherReleases&) = default;
+};
+
 /// A check that the update server answered.
 struct AnsweredCheck {
   std::time_t time = 0;      ///< when, in seconds since the epoch
   std::string version = {};  ///< on offer; empty when not known
   bool is_news = false;      ///< whether the offer was worth an update
-  bool is_last = true;       ///< nothing was added to the history since, as far as the files' times tell
+  OtherReleases others = {};
+  bool is_last = true;  ///< nothing was added to the history since, as far as the files' times tell
 
   /// Whether the newest entry of the history, of this time, is newer than the check.
   [[nodiscard]] bool IsOlderThan(std::time_t newest_entry) const {
@@ -27,12 +44,15 @@ struct AnsweredCheck {
 /// Notes that the update server has answered a check just now, in the file `checked` beside the download folder. By the
 /// file's age the services see after a boot whether the daily check was missed. Where it cannot be noted, one check
 /// more is made.
-void NoteAnsweredCheck(const std::string& version, bool is_news);
+void NoteAnsweredCheck(const std::string& version, bool is_news, const OtherReleases& others = {});
 
 /// The last one; empty when none was noted. Of a note that a power cut has torn only the time is known.
 std::optional<AnsweredCheck> ReadAnsweredCheck();
 
-/// As an answer holds it: {"time", "version", "is_news"}; null without a check.
+/// A release as answers hold it: {"version", "rollout"}; null without one.
+Json::Value StagedReleaseJson(const std::optional<StagedRelease>& release);
+
+/// As an answer holds it: {"time", "version", "is_news", "staged", "withdrawn"}; null without a check.
 Json::Value AnsweredCheckJson(const std::optional<AnsweredCheck>& check);
 
 }  // namespace orbamira::packctl

@@ -4,6 +4,7 @@
 #include "tools/packctl/record/support_period.h"
 #include "tools/packctl/view/local_time.h"
 #include "tools/packctl/view/progress_text.h"
+#include "tools/packctl/view/release_words.h"
 #include "tools/packctl/view/result_words.h"
 #include "tools/packctl/view/status_words.h"
 
@@ -61,7 +62,9 @@ std::string InstalledWords(const StatusFacts& facts) {
   }
   const PackIdentity& pack = facts.installed->identity;
   const std::string codecs = facts.codecs.empty() ? "" : " (" + Joined(facts.codecs) + ")";
-  return Printable(pack.package + " " + pack.version) + codecs + ", since " + LocalTime(facts.installed->updated);
+  const bool is_withdrawn = facts.check && facts.check->others.withdrawn == pack.version;
+  return Printable(pack.package + " " + pack.version) + codecs + ", since " + LocalTime(facts.installed->updated) +
+         (is_withdrawn ? "; the maker has withdrawn it" : "");
 }
 
 std::string AvailableWords(const StatusFacts& facts) {
@@ -71,6 +74,9 @@ std::string AvailableWords(const StatusFacts& facts) {
   }
   if (!facts.check || facts.check->version.empty()) {
     return "not known";
+  }
+  if (facts.check->others.staged) {
+    return StagedWords(*facts.check->others.staged);
   }
   const bool is_installed = facts.installed && facts.installed->identity.version == facts.check->version;
   return is_installed || !facts.check->is_news ? "nothing newer" : Printable(facts.check->version);

@@ -231,7 +231,10 @@ export const words = {
     held: { cause: "Updates are held.", remedy: "“packctl unhold” ends that." },
     outside_window: { cause: "It is installed at the time that the settings name.", remedy: "You can install it now." },
     in_use: { cause: "A program uses the installed pack.", remedy: "You can install it now." },
-    not_in_rollout: { cause: "The maker does not offer it to this appliance yet.", remedy: "You can install it now." },
+    not_in_rollout: {
+      cause: "The maker does not offer it to this appliance yet.",
+      remedy: "“packctl update --now” installs it now.",
+    },
     waits_for_person: { cause: "The settings leave the install to you.", remedy: "You can install it now." },
     busy: { cause: "Another program is at work.", remedy: "Try again when it has ended." },
   },
