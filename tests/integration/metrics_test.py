@@ -97,6 +97,22 @@ class MetricsTest(unittest.TestCase):
         version = (self.appliance.root / self.appliance.paths.data_folder / "INFO").read_text()
         self.assertIn(f'version="{self.only(found, "orbamira_updater_info")[0]["version"]}"', version)
 
+    def test_releases_of_others_and_withdrawn_ones(self):
+        self.publish("1.0")
+        self.appliance.expect("update")
+        note = self.appliance.cache / "checked"
+        self.assertEqual(self.values()["orbamira_pack_withdrawn"], {(): 0})
+        self.assertNotIn("orbamira_staged_info", self.values())
+        told = json.loads(note.read_text())
+        told |= {"staged": {"version": "2.0", "rollout": 5}, "withdrawn": "1.0"}
+        note.write_text(json.dumps(told))
+        found = self.values()
+        self.assertEqual(found["orbamira_pack_withdrawn"], {(): 1})
+        self.assertEqual(self.only(found, "orbamira_staged_info"), ({"version": "2.0"}, 1))
+        info = self.appliance.pack / "INFO"
+        info.write_text(info.read_text().replace('version="1.0"', 'version="1.1"'))
+        self.assertEqual(self.values()["orbamira_pack_withdrawn"], {(): 0})
+
     def test_failures_by_their_codes(self):
         self.publish("1.0")
         self.appliance.expect("check")

@@ -85,12 +85,23 @@ std::string CodeOf(const HistoryEntry& entry) {
   return entry.failure ? entry.failure->code : CodeOf(FailureReason::kUnexpected);
 }
 
+void AddReleases(const AnsweredCheck& check, Metrics& metrics) {
+  const std::optional<InstalledPack> pack = ReadInstalledPack();
+  metrics.push_back(Flag("orbamira_pack_withdrawn", "Whether the maker has withdrawn the installed codec pack",
+                         pack && pack->identity.version == check.others.withdrawn));
+  if (check.others.staged) {
+    metrics.push_back(Info("orbamira_staged_info", "A newer codec pack that this appliance is not offered yet",
+                           {{"version", check.others.staged->version}}));
+  }
+}
+
 void AddChecks(const History& history, Metrics& metrics) {
   const std::optional<AnsweredCheck> answered = ReadAnsweredCheck();
   const HistoryEntry* const failed = FailedCheck(history, answered);
   if (answered) {
     metrics.push_back(Gauge("orbamira_last_answer_timestamp_seconds", "When the update server last answered a check",
                             answered->time));
+    AddReleases(*answered, metrics);
   }
   if (answered || failed != nullptr) {
     metrics.push_back(Gauge("orbamira_last_check_timestamp_seconds", "When the update server was last asked",
