@@ -15,6 +15,7 @@
 #include "platform/log.h"
 #include "platform/orba_sdk_wrapper.h"
 #include "platform/posix/errors.h"
+#include "platform/posix/file_status.h"
 #include "platform/posix/remove_tree.h"
 #include "platform/posix/sync_folder.h"
 #include "updater/pack_status_helper.h"
@@ -26,11 +27,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool Exists(const fs::path& path) { return fs::exists(fs::symlink_status(path)); }
+bool Exists(const fs::path& path) { return fs::exists(LinkStatusOf(path)); }
 
 // Every pack has an information file, and a pack is put in place whole. So a folder without one is the rest of an
 // interrupted removal. A symbolic link was made by the machine's owner; its target may not be mounted yet.
-bool IsPack(const fs::path& folder) { return fs::is_symlink(folder) || fs::is_regular_file(folder / "INFO"); }
+bool IsPack(const fs::path& folder) {
+  return fs::is_symlink(LinkStatusOf(folder)) || fs::is_regular_file(StatusOf(folder / "INFO"));
+}
 
 // Whether the name is "PREFIX.XXXXXX", as mkstemp makes it. A file that was set aside as "PREFIX.broken" looks the
 // same, but is no temporary file.
@@ -64,7 +67,7 @@ NameTest TemporariesOf(const fs::path& file) {
 // The entries of the folder that match, sorted; none when there is no folder.
 std::vector<fs::path> Matching(const fs::path& folder, const NameTest& matches) {
   std::vector<fs::path> found;
-  if (!fs::exists(folder)) {
+  if (!fs::exists(StatusOf(folder))) {
     return found;
   }
   for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
@@ -124,7 +127,7 @@ class Recovery {
 
   void MakeFolders() {
     for (const fs::path& folder : {fs::path(kTargetFolder), fs::path(path::kPackStatusFile).parent_path()}) {
-      if (fs::is_directory(folder)) {
+      if (fs::is_directory(StatusOf(folder))) {
         continue;
       }
       if (const int made = wrapper::OrbaSDKWrapper().MakeDirectory(folder); made < 0) {
@@ -193,7 +196,7 @@ class Recovery {
 
   // The status when no update is in progress. The last step is recorded after the last plugin was notified.
   PackStatus Mended(const StatusRecord& record) const {
-    const bool installed = fs::is_regular_file(path::kPackInfoPath);
+    const bool installed = fs::is_regular_file(StatusOf(path::kPackInfoPath));
     switch (record.status) {
       case kStatusLost:
         return !installed ? kStatusLost : was_cut_ ? kStatusDownloadInstallFailed : kStatusUpToDate;
@@ -205,7 +208,7 @@ class Recovery {
                                                                                        : kStatusDownloadInstallFailed;
       case kStatusNeedInstall:
       case kStatusInstallFailed:
-        return fs::is_regular_file(path::kDownloadedOpkPath) ? record.status : kStatusDownloadInstallFailed;
+        return fs::is_regular_file(StatusOf(path::kDownloadedOpkPath)) ? record.status : kStatusDownloadInstallFailed;
       case kStatusNeedDownload:
       case kStatusDownloadFailed:
       case kStatusDownloadInstallFailed:
@@ -246,7 +249,7 @@ void EndRemovals(const UpdateLock& /*lock*/) { Recovery().EndRemovals(); }
 
 bool ConfirmInstall(const UpdateLock& lock, const IPackStatusHelper& status) {
   EndRemovals(lock);
-  if (fs::is_regular_file(path::kPackInfoPath)) {
+  if (fs::is_regular_file(StatusOf(path::kPackInfoPath))) {
     return true;
   }
   ORBAMIRA_LOG_ERROR("The new pack did not get into place");

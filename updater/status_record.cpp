@@ -12,6 +12,7 @@
 #include "platform/file_lock.h"
 #include "platform/json/json_object.h"
 #include "platform/posix/errors.h"
+#include "platform/posix/file_status.h"
 #include "platform/posix/unique_fd.h"
 #include "updater/json_text.h"
 
@@ -28,7 +29,7 @@ auto Members(const StatusRecord& record) {
 // The text of the store; empty when there is no store.
 std::optional<std::string> ReadStore() {
   std::optional<store::FileLock> lock;
-  if (std::filesystem::exists(path::kPackStatusLock)) {
+  if (std::filesystem::exists(StatusOf(path::kPackStatusLock))) {
     lock.emplace(path::kPackStatusLock);
   }
   const UniqueFd file = OpenFile(path::kPackStatusFile, O_RDONLY);

@@ -17,6 +17,7 @@
 #include "platform/file_lock.h"
 #include "platform/json/json_line.h"
 #include "platform/orbazelo.h"
+#include "platform/posix/file_status.h"
 #include "platform/posix/files.h"
 #include "tools/orba-account/error.h"
 #include "tools/orba-account/listener.h"
@@ -231,7 +232,7 @@ Outcome SignIn(Context& context) {
 
 Outcome SignOut(Context& /*context*/) {
   const store::FileLock lock(path::kAccountLock);
-  if (!fs::exists(fs::symlink_status(path::kAccountFile))) {
+  if (!fs::exists(LinkStatusOf(path::kAccountFile))) {
     return NobodySignedIn("nothing_to_do");
   }
   Outcome outcome{.result = "signed_out"};

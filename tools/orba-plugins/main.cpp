@@ -14,6 +14,7 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/orba_sdk_wrapper.h"
 #include "platform/paths.h"
 #include "platform/posix/atomic_file.h"
 #include "platform/posix/program.h"
@@ -121,7 +122,9 @@ std::vector<std::string> AskForIds(const std::string& plugin, double seconds, Si
 void WriteAnswer(const std::string& file, const std::string& text) {
   umask(S_IWGRP | S_IWOTH);
   if (const std::filesystem::path folder = std::filesystem::path(file).parent_path(); !folder.empty()) {
-    std::filesystem::create_directories(folder);
+    if (const int made = orbamira::wrapper::OrbaSDKWrapper().MakeDirectory(folder); made < 0) {
+      throw std::system_error(-made, std::generic_category(), folder);
+    }
   }
   static_cast<void>(orbamira::ReplaceFile(file, text, S_IRUSR | S_IWUSR, orbamira::Durability::kVisible));
 }

@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "platform/constants.h"
+#include "platform/posix/file_status.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/commands/watch.h"
 #include "tools/packctl/record/lock_holder.h"
@@ -15,7 +16,7 @@ namespace {
 std::vector<std::string> InstalledCodecs() {
   std::vector<std::string> codecs;
   for (const auto& [file, name] : {std::pair{path::kHasHevcPath, "HEVC"}, {path::kHasAacPath, "AAC"}}) {
-    if (std::error_code error; std::filesystem::exists(file, error)) {
+    if (std::error_code error; std::filesystem::exists(StatusOf(file, error))) {
       codecs.emplace_back(name);
     }
   }

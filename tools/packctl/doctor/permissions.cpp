@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "platform/constants.h"
+#include "platform/posix/file_status.h"
 #include "platform/posix/trust.h"
 #include "tools/packctl/doctor/checks.h"
 
@@ -106,7 +107,7 @@ void CheckAccount(Findings& findings) {
 }
 
 void CheckProgram(const char* program, Findings& findings) {
-  if (faccessat(AT_FDCWD, program, X_OK, AT_EACCESS) != 0 || !fs::is_regular_file(program)) {
+  if (faccessat(AT_FDCWD, program, X_OK, AT_EACCESS) != 0 || !fs::is_regular_file(StatusOf(program))) {
     findings.push_back({kCheck, std::string(program) + " is missing or cannot be run", "install the package again"});
   }
 }
@@ -114,10 +115,10 @@ void CheckProgram(const char* program, Findings& findings) {
 // The folder, or the nearest above it that exists and in which it can be made.
 void CheckWritable(fs::path folder, Findings& findings) {
   std::error_code error;
-  while (fs::symlink_status(folder, error).type() == fs::file_type::not_found && folder.has_relative_path()) {
+  while (LinkStatusOf(folder, error).type() == fs::file_type::not_found && folder.has_relative_path()) {
     folder = folder.parent_path();
   }
-  if (!fs::is_directory(folder, error)) {
+  if (!fs::is_directory(StatusOf(folder, error))) {
     findings.push_back({kCheck, folder.string() + " is no folder", "move it away and run \"packctl recover\""});
   } else if (faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
     findings.push_back({kCheck, folder.string() + " cannot be written: " + std::generic_category().message(errno),

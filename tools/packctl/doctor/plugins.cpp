@@ -7,6 +7,7 @@
 
 #include "platform/constants.h"
 #include "platform/orba_core_wrapper.h"
+#include "platform/posix/file_status.h"
 #include "platform/posix/files.h"
 #include "tools/packctl/doctor/checks.h"
 
@@ -44,7 +45,7 @@ void CheckExecutable(Findings& findings) {
   std::vector<std::string> passed_over;
   for (fs::directory_iterator entry(path::kPluginFolder, error), end; !error && entry != end; entry.increment(error)) {
     const std::string name = entry->path().filename();
-    if (!name.starts_with('.') && !name.ends_with('~') && fs::is_regular_file(entry->path()) &&
+    if (!name.starts_with('.') && !name.ends_with('~') && fs::is_regular_file(StatusOf(entry->path())) &&
         access(entry->path().c_str(), X_OK) != 0) {
       passed_over.push_back(entry->path());
     }

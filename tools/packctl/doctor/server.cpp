@@ -12,6 +12,7 @@
 #include "platform/constants.h"
 #include "platform/http/shown_link.h"
 #include "platform/network/request.h"
+#include "platform/posix/file_status.h"
 #include "tools/packctl/doctor/checks.h"
 #include "tools/packctl/view/progress_text.h"
 #include "updater/json_text.h"
@@ -148,7 +149,7 @@ struct Room {
 // What is free where the folder is, or will be made.
 Room RoomFor(fs::path folder) {
   std::error_code error;
-  while (!fs::exists(folder, error) && folder.has_relative_path()) {
+  while (!fs::exists(StatusOf(folder, error)) && folder.has_relative_path()) {
     folder = folder.parent_path();
   }
   struct stat about {};

@@ -11,6 +11,7 @@
 
 #include "platform/constants.h"
 #include "platform/json/json_object.h"
+#include "platform/posix/file_status.h"
 #include "platform/posix/unique_fd.h"
 #include "tools/packctl/doctor/checks.h"
 #include "tools/packctl/host/codec_report.h"
@@ -51,7 +52,7 @@ bool BecomesFree(const char* lock_path) {
 /// False also for a user who may not look into the download folder.
 bool PackageIsMissing() {
   std::error_code error;
-  const fs::file_type type = fs::status(path::kDownloadedOpkPath, error).type();
+  const fs::file_type type = StatusOf(path::kDownloadedOpkPath, error).type();
   return type != fs::file_type::regular && error != std::errc::permission_denied;
 }
 
@@ -78,14 +79,14 @@ void CheckStatusStore(Findings& findings) {
   } catch (const std::system_error& error) {
     findings.push_back({kState, file + " cannot be read: " + error.code().message(), kRecover});
   }
-  if (const std::string broken = file + ".broken"; fs::exists(fs::symlink_status(broken))) {
+  if (const std::string broken = file + ".broken"; fs::exists(LinkStatusOf(broken))) {
     findings.push_back({kState, "a damaged status store was set aside as " + broken,
                         "see what it tells of the cause, a failing disk perhaps, and remove it"});
   }
 }
 
 void CheckPack(Findings& findings) {
-  if (fs::exists(path::kPackFolderPath) && !fs::is_regular_file(path::kPackInfoPath)) {
+  if (fs::exists(StatusOf(path::kPackFolderPath)) && !fs::is_regular_file(StatusOf(path::kPackInfoPath))) {
     findings.push_back({kState, std::string(path::kPackFolderPath) + " is no whole pack", kRecover});
   }
 }

@@ -13,6 +13,7 @@
 
 #include "platform/constants.h"
 #include "platform/log.h"
+#include "platform/posix/file_status.h"
 #include "platform/posix/unique_fd.h"
 #include "platform/printable.h"
 #include "platform/version.h"
@@ -45,7 +46,7 @@ bool CanBeShown(const std::string& text) {
   return !text.empty() && text.size() <= kLongest && Printable(text) == text;
 }
 
-bool IsThereAKeyring() { return fs::exists(fs::symlink_status(path::kKeyring)); }
+bool IsThereAKeyring() { return fs::exists(LinkStatusOf(path::kKeyring)); }
 
 }  // namespace
 

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -8,6 +9,7 @@
 
 #include "platform/constants.h"
 #include "platform/posix/atomic_file.h"
+#include "platform/posix/file_status.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/commands/status.h"
 #include "tools/packctl/metrics/exposition.h"
@@ -32,7 +34,7 @@ Metric Info(const char* name, const char* help, Labels labels) {
 
 Sample CodecSample(const char* codec, const char* marker) {
   std::error_code error;
-  return {.labels = {{"codec", codec}}, .value = std::filesystem::exists(marker, error) ? 1 : 0};
+  return {.labels = {{"codec", codec}}, .value = std::filesystem::exists(StatusOf(marker, error)) ? 1 : 0};
 }
 
 void AddPack(Metrics& metrics) {
@@ -114,8 +116,8 @@ void AddChecks(const History& history, Metrics& metrics) {
 
 // Of the newest entries alone: how far back the history goes differs between appliances.
 void AddFailures(const History& history, Metrics& metrics) {
-  const std::time_t begin =
-      std::chrono::system_clock::to_time_t(std::chrono::system_clock::now() - std::chrono::days(30));
+  constexpr std::time_t kThirtyDays = std::time_t{30} * 24 * 60 * 60;
+  const std::time_t begin = std::time(nullptr) - kThirtyDays;
   std::map<std::pair<std::string, std::string>, std::int64_t> counts;
   for (const HistoryEntry& entry : history.entries) {
     if (entry.exit == kExitFailed && entry.time >= begin) {

@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 #include <cstdio>
+#include <ctime>
 #include <string_view>
 
 #include "platform/constants.h"
@@ -52,7 +53,8 @@ std::optional<std::chrono::sys_days> ReadSupportEnd() {
 }
 
 bool HasPassed(std::chrono::sys_days day) {
-  return std::chrono::floor<std::chrono::days>(std::chrono::system_clock::now()) > day;
+  const std::chrono::sys_seconds now{std::chrono::seconds(std::time(nullptr))};
+  return std::chrono::floor<std::chrono::days>(now) > day;
 }
 
 }  // namespace orbamira::packctl
