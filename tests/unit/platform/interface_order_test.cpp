@@ -57,7 +57,8 @@ TEST(InterfaceOrderTest, ASlotHoldsTheOperationItIsNamedFor) {
   };
   Recorder recorder;
   using Function = int (*)(wrapper::IOrbaSDKWrapper*, const std::string&);
-  Function const* table = *reinterpret_cast<Function const* const*>(static_cast<wrapper::IOrbaSDKWrapper*>(&recorder));
+  Function const* table = nullptr;
+  std::memcpy(&table, static_cast<const void*>(static_cast<wrapper::IOrbaSDKWrapper*>(&recorder)), sizeof table);
   EXPECT_EQ(table[SlotOf(&wrapper::IOrbaSDKWrapper::MakeDirectory)](&recorder, "here"), 5);
 }
 
