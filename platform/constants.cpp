@@ -55,6 +55,7 @@ const char* const kDownloadedOpkPath = AtRoot(ORBAMIRA_CACHE_FOLDER "/download/"
 const char* const kPackStatusFile = AtRoot(ORBAMIRA_STATE_FOLDER "/status.json");
 const char* const kPackStatusLock = AtRoot(ORBAMIRA_RUN_FOLDER "/lock/status.lock");
 const char* const kHistoryFile = AtRoot(ORBAMIRA_STATE_FOLDER "/history.jsonl");
+const char* const kAcceptedPackagesFile = AtRoot(ORBAMIRA_STATE_FOLDER "/accepted-packages");
 const char* const kCodecRequirementsPath = AtRoot(ORBAMIRA_STATE_FOLDER "/codec-requirements.json");
 const char* const kCodecRequirementsLock = AtRoot(ORBAMIRA_RUN_FOLDER "/lock/codec-requirements.lock");
 const char* const kPkgSetting = AtRoot(ORBAMIRA_SETTINGS_FOLDER "/updater.conf");
@@ -79,6 +80,7 @@ const char* const kBuildNumber = ORBAMIRA_BUILD_NUMBER_KEY;
 const char* const kPackUpdateServer = "pack_update_server";
 const char* const kDownloadLimit = "download_limit";
 const char* const kUnpackLimit = "unpack_limit";
+const char* const kMinimumManifestFormat = "minimum_manifest_format";
 
 }  // namespace common
 

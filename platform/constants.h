@@ -72,6 +72,8 @@ extern const char* const kPackStatusFile;
 extern const char* const kPackStatusLock;
 /// What packctl has done, one JSON object a line; an older part lies beside it under the same name with ".1" behind.
 extern const char* const kHistoryFile;
+/// The highest minimum version and the newest signature of the packages that were accepted (key=value).
+extern const char* const kAcceptedPackagesFile;
 /// What applications ask for: a JSON object of codec name to the list of those who ask.
 extern const char* const kCodecRequirementsPath;
 /// Lock file of the codec-requirements file.
@@ -116,6 +118,8 @@ extern const char* const kPackUpdateServer;
 extern const char* const kDownloadLimit;
 /// Key of the bytes that an archive may unpack to, in the settings files.
 extern const char* const kUnpackLimit;
+/// Key of the oldest format that the manifest of a signed package may have, in the settings files.
+extern const char* const kMinimumManifestFormat;
 
 }  // namespace common
 

@@ -88,6 +88,7 @@ class Recovery {
     EndRemovals();  // early, because the next steps need room on the disk
     Step("remove the status store's temporary files",
          [this] { RemoveTemporaries(path::kPackStatusFile, path::kPackStatusLock); });
+    Step("remove the temporary files of the accepted packages", [this] { RemoveAcceptedTemporaries(); });
     Step("remove the account's temporary files", [this] { RemoveTemporaries(path::kAccountFile, path::kAccountLock); });
     Step("remove the plugins' answer", [this] { RemovePluginAnswer(); });
     Step("mend the recorded status", [this] { MendStatus(); });
@@ -167,6 +168,12 @@ class Recovery {
     for (const fs::path& path : Matching(folder, matches)) {
       Remove(path, what);
     }
+  }
+
+  // Written while a package is unpacked, under the update lock.
+  void RemoveAcceptedTemporaries() {
+    const fs::path accepted = path::kAcceptedPackagesFile;
+    RemoveMatching(accepted.parent_path(), "the temporary file", TemporariesOf(accepted));
   }
 
   void RemovePluginAnswer() {
@@ -265,6 +272,7 @@ std::vector<std::string> FindLeftovers() {
     }
   }
   const fs::path store = path::kPackStatusFile;
+  const fs::path accepted = path::kAcceptedPackagesFile;
   const fs::path account = path::kAccountFile;
   const fs::path answer = path::kTempPluginAppIdPath;
   const auto [packages, cache] = FoldersOfRemovals();
@@ -272,6 +280,7 @@ std::vector<std::string> FindLeftovers() {
                                         {packages, IsHalfRemoved},
                                         {cache, IsHalfRemoved},
                                         {store.parent_path(), TemporariesOf(store)},
+                                        {accepted.parent_path(), TemporariesOf(accepted)},
                                         {account.parent_path(), TemporariesOf(account)},
                                         {answer.parent_path(), TemporariesOf(answer)}}) {
     for (const fs::path& path : Matching(folder, matches)) {

@@ -191,6 +191,35 @@ export const words = {
       cause: "Die Unterschrift des Pakets gilt nicht.",
       remedy: "Prüfen Sie die Uhr; sonst muss der Herausgeber es reparieren.",
     },
+    manifest_too_old: {
+      cause: "Das Paket hat eine ältere Form, als die Einstellungen zulassen.",
+      remedy: "Der Herausgeber muss es neu erstellen.",
+    },
+    manifest_too_new: {
+      cause: "Das Paket verlangt ein neueres Aktualisierungsprogramm.",
+      remedy: "Aktualisieren Sie zuerst das System des Geräts.",
+    },
+    wrong_product: {
+      cause: "Das Paket ist für ein anderes Produkt.",
+      remedy: "Der Herausgeber muss ein anderes anbieten.",
+    },
+    info_mismatch: {
+      cause: "Das Paket widerspricht seiner eigenen Unterschrift.",
+      remedy: "Der Herausgeber muss es neu veröffentlichen.",
+    },
+    older_version: {
+      cause: "Das Paket ist älter als das installierte.",
+      remedy: "Es ist nichts zu tun: Ein älteres wird nicht von selbst installiert.",
+    },
+    below_minimum: {
+      cause: "Das Paket ist älter, als der Herausgeber erlaubt.",
+      remedy: "Es ist nichts zu tun: Ein solches wird nicht von selbst installiert.",
+    },
+    package_expired: { cause: "Das Paket ist abgelaufen.", remedy: "Der Herausgeber muss ein neueres anbieten." },
+    clock_behind: {
+      cause: "Die Uhr geht falsch; darum lässt sich die Unterschrift nicht prüfen.",
+      remedy: "Stellen Sie die Uhr und versuchen Sie es noch einmal.",
+    },
     keyring_unusable: {
       cause: "Der Schlüsselbund des Geräts ist nicht brauchbar; darum wird kein Paket angenommen.",
       remedy: "Starten Sie die Diagnose.",
@@ -198,7 +227,6 @@ export const words = {
     bad_package: { cause: "Das Paket ist beschädigt.", remedy: "Der Herausgeber muss es neu veröffentlichen." },
     file_unusable: { cause: "Die Datei des Pakets ist nicht lesbar.", remedy: "Prüfen Sie den Stick." },
     wrong_pack: { cause: "Das Paket ist für ein anderes Gerät.", remedy: "Besorgen Sie das passende Paket." },
-    older_version: { cause: "Das Paket ist älter als das installierte.", remedy: "Besorgen Sie ein neueres." },
     checksum_mismatch: { cause: "Das Paket ist nicht das angekündigte.", remedy: "Versuchen Sie es noch einmal." },
     no_network_module: {
       cause: "Das Netzmodul fehlt oder passt nicht.",

@@ -66,7 +66,9 @@ constexpr const char* kUsage =
     "\n"
     "Where there is a keyring, " ORBAMIRA_SETTINGS_FOLDER
     "/keyring.pem, a package is unpacked only\n"
-    "when it is signed by a certificate that the keyring trusts.\n";
+    "when it is signed by a certificate that the keyring trusts, is for this product, and\n"
+    "is not older than the installed pack or than the minimum that one before it named.\n"
+    "With ORBAMIRA_ALLOW_OLDER=1 in the environment it may be older.\n";
 
 struct UsageError {};
 
@@ -182,15 +184,15 @@ uint64_t LimitFromSettings() {
   return *limit;
 }
 
-/// The keyring that the package is judged by, if there is one. A link that leads nowhere counts as a keyring that
-/// cannot be read, because somebody who made it does not want every package accepted.
-std::optional<std::string> KeyringFor(const Options& options) {
+/// What the package is judged by, if there is a keyring. A link that leads nowhere counts as a keyring that cannot be
+/// read, because somebody who made it does not want every package accepted.
+std::optional<Demands> DemandsFor(const Options& options) {
   if (options.trust) {
     return std::nullopt;
   }
   struct stat status = {};
   if (lstat(path::kKeyring, &status) == 0) {
-    return path::kKeyring;
+    return ReadDemands(path::kKeyring);
   }
   if (errno != ENOENT) {
     ThrowErrno(path::kKeyring);
@@ -203,9 +205,15 @@ void Unpack(const Options& options, Layer layer) {
   const UniqueFd file = OpenArchive(options.archive);
   const uint64_t limit = options.limit ? *options.limit : LimitFromSettings();
   umask(0);
-  ClearOwnFolder(folder.get(), file.get(), layer);
+  const bool is_own = IsOwnFolder(folder.get());
+  if (is_own) {
+    ClearOwnFolder(folder.get(), file.get(), layer);
+  }
   if (layer == Layer::kPackage) {
-    UnpackPackage(file.get(), folder.get(), limit, KeyringFor(options));
+    const std::optional<Accepted> accepted = UnpackPackage(file.get(), folder.get(), limit, DemandsFor(options));
+    if (accepted && is_own) {
+      Remember(*accepted);
+    }
     return;
   }
   // The payload comes from a package that was checked.
@@ -216,11 +224,11 @@ void Unpack(const Options& options, Layer layer) {
 void Verify(const Options& options) {
   const UniqueFd file = OpenArchive(options.archive);
   if (!options.folder) {
-    CheckPackage(file.get(), KeyringFor(options));
+    CheckPackage(file.get(), DemandsFor(options));
     return;
   }
   umask(0);
-  UnpackInfo(file.get(), OpenFolder(options).get(), KeyringFor(options));
+  UnpackInfo(file.get(), OpenFolder(options).get(), DemandsFor(options));
 }
 
 void Print(const std::string& text) {

@@ -17,20 +17,18 @@ bool IsSame(const struct stat& one, const struct stat& other) {
   return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-/// A symbolic link to the folder does not count.
-bool IsOwn(const struct stat& folder) {
+}  // namespace
+
+// A symbolic link to the folder does not count.
+bool IsOwnFolder(int folder) {
+  const struct stat given = Stat(folder, "cannot look at the folder");
   return std::ranges::any_of(std::vector{path::kTempPackFolderPath, kDownloadFolder}, [&](const char* path) {
     struct stat own = {};
-    return lstat(path, &own) == 0 && IsSame(own, folder);
+    return lstat(path, &own) == 0 && IsSame(own, given);
   });
 }
 
-}  // namespace
-
 void ClearOwnFolder(int folder, int archive, Layer layer) {
-  if (!IsOwn(Stat(folder, "cannot look at the folder"))) {
-    return;
-  }
   const struct stat kept = Stat(archive, "cannot look at the archive");
   std::vector<std::string> names = ListDirectory(folder, "cannot list the folder");
   const auto is_archive = [&](const std::string& name) { return IsSame(StatName(folder, name, name), kept); };

@@ -14,7 +14,6 @@
 #include "tools/orba-archive/member_name.h"
 #include "tools/orba-archive/sha256.h"
 #include "tools/orba-archive/shared_blocks.h"
-#include "tools/orba-archive/signature.h"
 #include "tools/orba-archive/staged_files.h"
 #include "tools/orba-archive/unpack_budget.h"
 
@@ -22,7 +21,6 @@ namespace orbamira::tools {
 namespace {
 
 constexpr mode_t kModes = 0755;
-constexpr const char* kInfoName = "INFO";
 constexpr mode_t kInfoMode = 0644;
 
 /// Opens the file for a member's contents. Not valid when they are only checked.
@@ -53,6 +51,12 @@ void TakeFrom(int file, uint64_t size, const std::string& name, Take take) {
   }
 }
 
+void CheckTextSize(const Member& member) {
+  if (member.size > kMaxTextSize) {
+    throw std::runtime_error("longer than " + std::to_string(kMaxTextSize) + " bytes");
+  }
+}
+
 class PackageReader {
  public:
   PackageReader(int package, bool with_digests, OpenFile open)
@@ -79,9 +83,7 @@ class PackageReader {
     if (text) {
       throw std::runtime_error("in the package twice");
     }
-    if (member.size > kMaxTextSize) {
-      throw std::runtime_error("longer than " + std::to_string(kMaxTextSize) + " bytes");
-    }
+    CheckTextSize(member);
     text.emplace();
     Copy(name, member, [&text](std::span<const uint8_t> bytes) { text->append(bytes.begin(), bytes.end()); });
   }
@@ -95,12 +97,21 @@ class PackageReader {
     if (!is_new) {
       throw std::runtime_error("in the package twice");
     }
+    if (with_digests_ && member.name == kInfoName) {
+      CheckTextSize(member);
+    }
     if (!with_digests_) {
       Copy(name, member, [](std::span<const uint8_t> /*bytes*/) {});
       return;
     }
     Sha256 digest;
-    Copy(name, member, [&digest](std::span<const uint8_t> bytes) { digest.Add(bytes); });
+    std::string* const text = member.name == kInfoName ? &contents_.info : nullptr;
+    Copy(name, member, [&digest, text](std::span<const uint8_t> bytes) {
+      digest.Add(bytes);
+      if (text != nullptr) {
+        text->append(bytes.begin(), bytes.end());
+      }
+    });
     entry->second = digest.Finish();
   }
 
@@ -152,41 +163,38 @@ class PackageReader {
   uint64_t listed_ = 0;  // bytes of a manifest with the members so far
 };
 
-void ReadAndJudge(int package, const std::optional<std::string>& keyring, OpenFile open) {
-  const PackageContents contents = PackageReader(package, keyring.has_value(), std::move(open)).Read();
-  if (keyring) {
-    CheckSignature(contents, *keyring);
-  }
+std::optional<Accepted> ReadAndJudge(int package, const std::optional<Demands>& demands, OpenFile open) {
+  const PackageContents contents = PackageReader(package, demands.has_value(), std::move(open)).Read();
+  return demands ? std::optional(Judge(contents, *demands)) : std::nullopt;
 }
 
 }  // namespace
 
-void CheckPackage(int package, const std::optional<std::string>& keyring) {
-  ReadAndJudge(package, keyring, [](const std::string& /*name*/, const Member& /*member*/) { return UniqueFd(); });
+void CheckPackage(int package, const std::optional<Demands>& demands) {
+  ReadAndJudge(package, demands, [](const std::string& /*name*/, const Member& /*member*/) { return UniqueFd(); });
 }
 
-void UnpackInfo(int package, int folder, const std::optional<std::string>& keyring) {
+void UnpackInfo(int package, int folder, const std::optional<Demands>& demands) {
   StagedFiles files(folder);
-  ReadAndJudge(package, keyring, [&files](const std::string& name, const Member& member) {
+  ReadAndJudge(package, demands, [&files](const std::string& name, const Member& member) {
     if (member.name != kInfoName) {
       return UniqueFd();
     }
-    if (member.size > kMaxTextSize) {
-      throw std::runtime_error("longer than " + std::to_string(kMaxTextSize) + " bytes");
-    }
+    CheckTextSize(member);
     return files.Add(name, kInfoMode);
   });
   files.Publish();
 }
 
-void UnpackPackage(int package, int folder, uint64_t limit, const std::optional<std::string>& keyring) {
+std::optional<Accepted> UnpackPackage(int package, int folder, uint64_t limit, const std::optional<Demands>& demands) {
   UnpackBudget budget(folder, limit);
   StagedFiles files(folder);
-  ReadAndJudge(package, keyring, [&](const std::string& name, const Member& member) {
+  std::optional<Accepted> accepted = ReadAndJudge(package, demands, [&](const std::string& name, const Member& member) {
     budget.Take(member.size);
     return files.Add(name, member.mode & kModes);
   });
   files.Publish();
+  return accepted;
 }
 
 }  // namespace orbamira::tools

@@ -8,20 +8,19 @@
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <new>
 #include <stdexcept>
-#include <string_view>
 
 #include "platform/posix/files.h"
 #include "platform/posix/openssl.h"
 #include "platform/posix/trust.h"
 #include "tools/orba-archive/sha256.h"
+#include "tools/orba-archive/verify_time.h"
 
 namespace orbamira::tools {
 namespace {
-
-using Digests = std::map<std::string, std::string>;
 
 constexpr int kMinSecurityLevel = 2;  // 112 bits: RSA from 2048 bits on, no SHA-1
 
@@ -33,8 +32,8 @@ Pointer NotNull(Pointer pointer) {
   return pointer;
 }
 
-/// Throws the library's last error.
-[[noreturn]] void ThrowLibraryError(const std::string& what) {
+/// The library's last error, in words.
+std::string LibraryError(const std::string& what) {
   const char* data = nullptr;
   int flags = 0;
   const unsigned long code = ERR_peek_last_error_all(nullptr, nullptr, nullptr, &data, &flags);
@@ -43,41 +42,10 @@ Pointer NotNull(Pointer pointer) {
   if ((static_cast<unsigned>(flags) & ERR_TXT_STRING) != 0 && data != nullptr && *data != '\0') {
     text.append(": ").append(data);
   }
-  throw std::runtime_error(text);
+  return text;
 }
 
-Digests ParseManifest(std::string_view text) {
-  constexpr std::string_view kSeparator = "  ";
-  constexpr size_t kNameStart = 2 * Sha256::kSize + kSeparator.size();
-  Digests digests;
-  while (!text.empty()) {
-    const std::string_view line = text.substr(0, text.find('\n'));
-    if (line.size() <= kNameStart || line.size() == text.size() ||
-        line.substr(2 * Sha256::kSize, kSeparator.size()) != kSeparator ||
-        !digests.emplace(line.substr(kNameStart), line.substr(0, 2 * Sha256::kSize)).second) {
-      throw std::runtime_error("MANIFEST: damaged");
-    }
-    text.remove_prefix(line.size() + 1);
-  }
-  return digests;
-}
-
-void CheckMembers(const Digests& members, const Digests& listed) {
-  for (const auto& [name, digest] : members) {
-    const auto entry = listed.find(name);
-    if (entry == listed.end()) {
-      throw std::runtime_error(name + ": not in MANIFEST");
-    }
-    if (entry->second != digest) {
-      throw std::runtime_error(name + ": does not match MANIFEST");
-    }
-  }
-  for (const auto& [name, digest] : listed) {
-    if (!members.contains(name)) {
-      throw std::runtime_error(name + ": in MANIFEST, but not in the package");
-    }
-  }
-}
+[[noreturn]] void ThrowLibraryError(const std::string& what) { throw std::runtime_error(LibraryError(what)); }
 
 Owned<X509_STORE, X509_STORE_free> LoadKeyring(const std::string& path) {
   const auto file = Owned<BIO, BIO_free>(BIO_new_file(path.c_str(), "r"));
@@ -147,29 +115,63 @@ void CheckKeyUsage(CMS_ContentInfo* message) {
   }
 }
 
-void CheckManifest(const std::string& text, const std::string& signature_text, X509_STORE* keyring) {
-  ERR_clear_error();
-  const Owned<BIO, BIO_free> signature = TextSource(signature_text);
-  const auto message = Owned<CMS_ContentInfo, CMS_ContentInfo_free>(d2i_CMS_bio(signature.get(), nullptr));
-  if (!message) {
-    ThrowLibraryError("MANIFEST.sig");
+/// When this signer says that it signed, in seconds since 1970; 0 when it does not say.
+std::time_t SigningTime(const CMS_SignerInfo* signer) {
+  const int place = CMS_signed_get_attr_by_NID(signer, NID_pkcs9_signingTime, -1);
+  const ASN1_TYPE* value = X509_ATTRIBUTE_get0_type(CMS_signed_get_attr(signer, place), 0);
+  std::tm parts = {};
+  if (value == nullptr || (value->type != V_ASN1_UTCTIME && value->type != V_ASN1_GENERALIZEDTIME) ||
+      ASN1_TIME_to_tm(value->value.asn1_string, &parts) != 1) {
+    return 0;
   }
-  CheckSigners(message.get());
-  const Owned<BIO, BIO_free> manifest = TextSource(text);
-  if (CMS_verify(message.get(), nullptr, keyring, manifest.get(), nullptr, CMS_BINARY) != 1) {
-    ThrowLibraryError("MANIFEST.sig");
+  return std::max<std::time_t>(timegm(&parts), 0);
+}
+
+/// What all signers agree on.
+std::time_t SigningTime(CMS_ContentInfo* message) {
+  STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(message);
+  std::time_t earliest = SigningTime(sk_CMS_SignerInfo_value(signers, 0));
+  for (int i = 1; i < sk_CMS_SignerInfo_num(signers); ++i) {
+    earliest = std::min(earliest, SigningTime(sk_CMS_SignerInfo_value(signers, i)));
   }
-  CheckKeyUsage(message.get());
+  return earliest;
+}
+
+bool IsSigned(CMS_ContentInfo* message, const std::string& text, X509_STORE* keyring, std::time_t now) {
+  SetVerifyTime(X509_STORE_get0_param(keyring), now);
+  const Owned<BIO, BIO_free> content = TextSource(text);
+  return CMS_verify(message, nullptr, keyring, content.get(), nullptr, CMS_BINARY) == 1;
+}
+
+/// Throws why the library does not verify the message, and that the clock may be the reason if it is known to be wrong.
+[[noreturn]] void ThrowNotVerified(const TrustedTime& time) {
+  std::string reason = LibraryError("MANIFEST.sig");
+  if (time.IsClockBehind() && reason.ends_with(X509_verify_cert_error_string(X509_V_ERR_CERT_NOT_YET_VALID))) {
+    reason += "; the clock says " + DayText(time.clock) + ", so it was judged as of " + DayText(time.floor);
+  }
+  throw std::runtime_error(reason);
 }
 
 }  // namespace
 
-void CheckSignature(const PackageContents& package, const std::string& keyring) {
-  if (!package.manifest || !package.signature) {
-    throw std::runtime_error("not signed");
+std::time_t CheckSignature(const std::string& text, const std::string& signature, const std::string& keyring,
+                           const TrustedTime& time) {
+  const Owned<X509_STORE, X509_STORE_free> trusted = LoadKeyring(keyring);
+  ERR_clear_error();
+  const Owned<BIO, BIO_free> source = TextSource(signature);
+  const auto message = Owned<CMS_ContentInfo, CMS_ContentInfo_free>(d2i_CMS_bio(source.get(), nullptr));
+  if (!message) {
+    ThrowLibraryError("MANIFEST.sig");
   }
-  CheckManifest(*package.manifest, *package.signature, LoadKeyring(keyring).get());
-  CheckMembers(package.digests, ParseManifest(*package.manifest));
+  CheckSigners(message.get());
+  if (!IsSigned(message.get(), text, trusted.get(), time.now())) {
+    ThrowNotVerified(time);
+  }
+  CheckKeyUsage(message.get());
+  // A signer whose clock is ahead must not make its own certificates, and those of others, look expired for ever.
+  const std::time_t signed_at = SigningTime(message.get());
+  const bool counts = signed_at <= time.now() || IsSigned(message.get(), text, trusted.get(), signed_at);
+  return counts ? signed_at : 0;
 }
 
 }  // namespace orbamira::tools

@@ -5,8 +5,13 @@
 #include <openssl/x509.h>
 #include <sys/stat.h>
 
+#include <ctime>
+
+#include "platform/accepted_packages.h"
 #include "platform/constants.h"
 #include "platform/posix/openssl.h"
+#include "platform/posix/trusted_time.h"
+#include "platform/version.h"
 #include "tools/packctl/doctor/checks.h"
 #include "updater/kos_helper.h"
 
@@ -26,20 +31,18 @@ std::string SubjectOf(const X509* certificate) {
   return "the certificate of " + std::string(data, static_cast<std::size_t>(length));
 }
 
-// How far away the time is, before now if negative. Without times of ours, which may have more bits than OpenSSL's.
-long long SecondsUntil(const ASN1_TIME* time) {
-  constexpr long long kSecondsPerDay = 24LL * 60 * 60;
-  int days = 0;
-  int seconds = 0;
-  return ASN1_TIME_diff(&days, &seconds, nullptr, time) == 1 ? days * kSecondsPerDay + seconds : 0;
+// How far away the time is, before now if negative. By times of ours, which may have more bits than OpenSSL's.
+long long SecondsUntil(const ASN1_TIME* time, std::time_t now) {
+  std::tm parts = {};
+  return ASN1_TIME_to_tm(time, &parts) == 1 ? static_cast<long long>(timegm(&parts)) - now : 0;
 }
 
-void CheckCertificate(X509* certificate, Findings& findings) {
+void CheckCertificate(const X509* certificate, std::time_t now, Findings& findings) {
   constexpr long long kSoon = 30LL * 24 * 60 * 60;
   constexpr int kMinSecurityBits = 112;
   const std::string subject = std::string(path::kKeyring) + ": " + SubjectOf(certificate);
-  const long long left = SecondsUntil(X509_get0_notAfter(certificate));
-  if (SecondsUntil(X509_get0_notBefore(certificate)) > 0) {
+  const long long left = SecondsUntil(X509_get0_notAfter(certificate), now);
+  if (SecondsUntil(X509_get0_notBefore(certificate), now) > 0) {
     findings.push_back({kCheck, subject + " is not valid yet", "set the clock, or wait until it is"});
   } else if (left < 0) {
     findings.push_back({kCheck, subject + " has expired", "ship a keyring with its successor"});
@@ -49,6 +52,31 @@ void CheckCertificate(X509* certificate, Findings& findings) {
   if (EVP_PKEY_get_security_bits(X509_get0_pubkey(certificate)) < kMinSecurityBits) {
     findings.push_back(
         {kCheck, subject + " has a key that is too weak to be accepted", "ship a keyring with a stronger one"});
+  }
+}
+
+void CheckClock(const TrustedTime& time, Findings& findings) {
+  if (time.IsClockBehind()) {
+    findings.push_back({kCheck,
+                        "the clock says " + DayText(time.clock) + ", and it is " + DayText(time.floor) +
+                            " at least, so signatures are judged as of that day",
+                        "set the clock"});
+  }
+}
+
+void CheckAccepted(const AcceptedPackages& accepted, Findings& findings) {
+  const std::string file = path::kAcceptedPackagesFile;
+  struct stat about {};
+  if (accepted == AcceptedPackages() && lstat(file.c_str(), &about) == 0) {
+    findings.push_back({kCheck, file + " cannot be used, so an older pack may come back after a removal",
+                        "remove it; the next update writes it anew"});
+  }
+  const std::string installed = updater::KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath);
+  if (!installed.empty() && IsNewVersion(installed, accepted.minimum)) {
+    findings.push_back({kCheck,
+                        "the installed " + installed + " is older than " + accepted.minimum +
+                            ", the minimum that a newer package named",
+                        "run \"packctl update\""});
   }
 }
 
@@ -74,6 +102,10 @@ Findings CheckKeyring() {
     }
     return findings;
   }
+  const AcceptedPackages accepted = ReadAcceptedPackages();
+  const TrustedTime time = ReadTrustedTime(accepted.newest_signature);
+  CheckClock(time, findings);
+  CheckAccepted(accepted, findings);
   const FileText read = ReadText(file);
   if (!read.text) {
     const std::string why = read.problem.empty() ? "it is a link to nowhere" : read.problem;
@@ -96,7 +128,7 @@ Findings CheckKeyring() {
       findings.push_back(
           {kCheck, file + " holds something other than certificates, so no package is accepted", kShipAgain});
     } else {
-      CheckCertificate(info->x509, findings);
+      CheckCertificate(info->x509, time.now(), findings);
     }
   }
   return findings;

@@ -35,6 +35,8 @@ bool IsChannel(const std::string& text) {
 
 bool IsDay(const std::string& text) { return ParseDay(text).has_value(); }
 
+bool IsManifestFormat(const std::string& text) { return text == "1" || text == "2"; }
+
 bool IsDownloadLimit(const std::string& text) { return IsNumber<std::int64_t>(text, 0, INT64_MAX); }
 
 }  // namespace
@@ -53,6 +55,10 @@ std::span<const KnownSetting> KnownSettings() {
           "The disk space that a package, and the payload in it, may take once unpacked: contents in blocks of 4096 "
           "bytes, and one block more for each file, folder and link. A package that takes more is refused.",
           "unpack_limit=\"4294967296\""},
+      KnownSetting{common::kMinimumManifestFormat, "1 or 2", IsManifestFormat, "1",
+                   "The oldest format that the manifest of a signed package may have. With 2, only packages are "
+                   "accepted whose signature says which product, pack and version they are.",
+                   "minimum_manifest_format=\"2\""},
       KnownSetting{
           "plugin_time_limit", "a number of seconds up to a day", IsTimeLimit, "60",
           "How long a plugin may take each time it runs. One that takes longer is ended and logged, and the update "

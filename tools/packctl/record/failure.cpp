@@ -14,6 +14,22 @@ const char* CodeOf(FailureReason reason) {
       return "not_signed";
     case FailureReason::kBadSignature:
       return "bad_signature";
+    case FailureReason::kManifestTooOld:
+      return "manifest_too_old";
+    case FailureReason::kManifestTooNew:
+      return "manifest_too_new";
+    case FailureReason::kWrongProduct:
+      return "wrong_product";
+    case FailureReason::kInfoMismatch:
+      return "info_mismatch";
+    case FailureReason::kOlderVersion:
+      return "older_version";
+    case FailureReason::kBelowMinimum:
+      return "below_minimum";
+    case FailureReason::kPackageExpired:
+      return "package_expired";
+    case FailureReason::kClockBehind:
+      return "clock_behind";
     case FailureReason::kKeyringUnusable:
       return "keyring_unusable";
     case FailureReason::kBadPackage:
@@ -22,8 +38,6 @@ const char* CodeOf(FailureReason reason) {
       return "file_unusable";
     case FailureReason::kWrongPack:
       return "wrong_pack";
-    case FailureReason::kOlderVersion:
-      return "older_version";
     case FailureReason::kChecksumMismatch:
       return "checksum_mismatch";
     case FailureReason::kNoNetworkModule:

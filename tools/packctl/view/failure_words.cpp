@@ -40,6 +40,35 @@ struct Rule {
 
 std::string WordsOf(std::errc error) { return std::make_error_code(error).message(); }
 
+// Of a package whose signature holds, or would if the clock were right.
+std::vector<Rule> RulesForSignedPackages(const std::string& command) {
+  using enum FailureReason;
+  const auto programs = Speaker::kPrograms;
+  const std::string publisher = "Get another package from its publisher.";
+  const std::string older = "Get a newer package. To install this one all the same: sudo packctl update --allow-older";
+  return {
+      {kClockBehind, programs, "; the clock says ", Words::kOwnAndCause,
+       "the clock is wrong, so the package's signature cannot be checked",
+       "Set the clock, then run: sudo packctl " + command},
+      {kNotConfigured, programs, std::string(": ") + common::kMinimumManifestFormat + " is ", Words::kOwnAndCause,
+       "a setting cannot be used", kDoctor},
+      {kManifestTooOld, programs, "MANIFEST: of format 1", Words::kOwnAndCause,
+       "the package is of an older form than the settings accept", publisher},
+      {kManifestTooNew, programs, ", which this updater does not know", Words::kOwnAndCause,
+       "the package needs a newer updater", "Update the appliance's system first."},
+      {kInfoMismatch, programs, "INFO: not what MANIFEST says", Words::kOwnAndCause,
+       "the package contradicts its own signature", publisher},
+      {kWrongProduct, programs, "made for the product ", Words::kOwnAndCause, "the package is for another product",
+       publisher},
+      {kPackageExpired, programs, "was to be installed until ", Words::kOwnAndCause, "the package is out of date",
+       older},
+      {kOlderVersion, programs, " is older than the installed ", Words::kOwnAndCause,
+       "the package is older than what is installed", older},
+      {kBelowMinimum, programs, " is older than the minimum ", Words::kOwnAndCause,
+       "the package is older than its publisher permits", older},
+  };
+}
+
 // The first whose sign is found counts: a full disk, say, is the reason for much else, and a package that a program
 // refuses also counts as one that does not match its checksum. A stick's errors come before those of the disk.
 std::vector<Rule> RulesFor(const std::string& command) {
@@ -158,9 +187,11 @@ std::string UnknownCause(const Said& said) {
 }
 
 Failure Explain(const std::string& command, const Said& said) {
-  for (const Rule& rule : RulesFor(command)) {
-    if (const std::string* line = FindLine(said, rule)) {
-      return MakeFailure(rule.reason, MessageOf(rule, *line), rule.remedy);
+  for (const std::vector<Rule>& rules : {RulesForSignedPackages(command), RulesFor(command)}) {
+    for (const Rule& rule : rules) {
+      if (const std::string* line = FindLine(said, rule)) {
+        return MakeFailure(rule.reason, MessageOf(rule, *line), rule.remedy);
+      }
     }
   }
   if (command.starts_with("account ")) {

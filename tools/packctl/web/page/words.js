@@ -192,6 +192,35 @@ export const words = {
       cause: "The package's signature is not valid.",
       remedy: "Check the clock. If it is right, the publisher has to repair the package.",
     },
+    manifest_too_old: {
+      cause: "The package is of an older form than the settings accept.",
+      remedy: "Its publisher has to make it anew.",
+    },
+    manifest_too_new: {
+      cause: "The package needs a newer updater.",
+      remedy: "Update the appliance's system first.",
+    },
+    wrong_product: { cause: "The package is for another product.", remedy: "Its publisher has to offer another one." },
+    info_mismatch: {
+      cause: "The package contradicts its own signature.",
+      remedy: "Its publisher has to publish it again.",
+    },
+    older_version: {
+      cause: "The package is older than the installed pack.",
+      remedy: "Nothing needs to be done: an older pack is not installed by itself.",
+    },
+    below_minimum: {
+      cause: "The package is older than its publisher permits.",
+      remedy: "Nothing needs to be done: such a pack is not installed by itself.",
+    },
+    package_expired: {
+      cause: "The package is out of date.",
+      remedy: "Its publisher has to offer a newer one.",
+    },
+    clock_behind: {
+      cause: "The clock is wrong, so the package's signature cannot be checked.",
+      remedy: "Set the clock, then try again.",
+    },
     keyring_unusable: {
       cause: "The appliance's keyring cannot be used, so no package is accepted.",
       remedy: "Run the diagnosis.",
@@ -199,7 +228,6 @@ export const words = {
     bad_package: { cause: "The package is damaged.", remedy: "Its publisher has to publish it again." },
     file_unusable: { cause: "The package's file cannot be read.", remedy: "Check the stick and try again." },
     wrong_pack: { cause: "The package is for another appliance.", remedy: "Get the one for this appliance." },
-    older_version: { cause: "The package is older than the installed pack.", remedy: "Get a newer one." },
     checksum_mismatch: { cause: "The package is not the one that the server announced.", remedy: "Try again." },
     no_network_module: {
       cause: "The updater's network module is missing or does not fit.",
