@@ -85,6 +85,7 @@ struct Options {
   bool yes = false;         ///< remove: do not ask
   bool now = false;         ///< download, update: also a staged release before the appliance's turn
   bool reinstall = false;   ///< update and install from a file: also what is installed already
+  bool older = false;       ///< update, install: also what is older than what is installed
   std::size_t limit = 50;   ///< history: only so many entries
   bool no_pager = false;    ///< history: print them, on a terminal too
   std::string output = {};  ///< metrics: the file to replace; empty for the standard output

@@ -1,6 +1,7 @@
 #include <json/value.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <optional>
@@ -8,7 +9,9 @@
 
 #include "platform/constants.h"
 #include "platform/json/json_values.h"
+#include "platform/posix/errors.h"
 #include "platform/printable.h"
+#include "platform/version.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/commands/watched_work.h"
@@ -180,8 +183,9 @@ Outcome NothingNewer(const std::string& installed, const std::string& offered, c
 }
 
 /// Asks the server, where the record names no offer yet, whether there is anything newer than the installed pack. The
-/// end of the update when there is not, or when the server gives no answer; empty when the update is to begin.
-std::optional<Outcome> EndWithoutUpdate(const UpdateObjects& objects, const StatusRecord& record) {
+/// end of the update when there is not (nor, with `older`, anything older), or when the server gives no answer;
+/// empty when the update is to begin.
+std::optional<Outcome> EndWithoutUpdate(const UpdateObjects& objects, const StatusRecord& record, bool older) {
   const std::optional<InstalledPack> pack = ReadInstalledPack();
   const bool is_settled = record.status == updater::kStatusUpToDate || record.status == updater::kStatusLost;
   if (!pack || !is_settled) {
@@ -195,6 +199,9 @@ std::optional<Outcome> EndWithoutUpdate(const UpdateObjects& objects, const Stat
     return std::nullopt;
   }
   const std::optional<std::string>& declined = objects.handler->declined_version();
+  if (older && declined && IsNewVersion(*declined, pack->identity.version)) {
+    return std::nullopt;
+  }
   return declined ? std::optional(NothingNewer(pack->identity.version, *declined, objects.handler->other_releases()))
                   : std::nullopt;
 }
@@ -217,7 +224,9 @@ Outcome RunDownload(Context& context) {
 Outcome RunFileInstall(const Context& context) {
   const UpdateObjects objects = MakeUpdateObjects();
   const Options& options = context.options;
-  FileInstall install(objects, {.file = options.file, .trust = options.trust, .reinstall = options.reinstall});
+  FileInstall install(
+      objects,
+      {.file = options.file, .trust = options.trust, .reinstall = options.reinstall, .allow_older = options.older});
   Outcome outcome =
       RunFlow(context, objects, {"install", [&install](const UpdateObjects& /*made*/) { return install.Run(); }, true});
   if (install.is_installed_already()) {
@@ -246,7 +255,7 @@ Outcome RunUpdate(Context& context) {
   const UpdateObjects objects = ObjectsFor(context);
   const StatusRecord record = RecordBefore();
   if (!context.options.reinstall) {
-    if (std::optional<Outcome> end = EndWithoutUpdate(objects, record)) {
+    if (std::optional<Outcome> end = EndWithoutUpdate(objects, record, context.options.older)) {
       return *std::move(end);
     }
   }
@@ -254,12 +263,25 @@ Outcome RunUpdate(Context& context) {
                   {"update", [](const UpdateObjects& made) { return made.manager->DownloadAndInstall(); }, true});
 }
 
+/// Tells orba-archive, which judges packages where there is a keyring.
+void AllowOlder(bool allowed) {
+  if (allowed && setenv("ORBAMIRA_ALLOW_OLDER", "1", 1) != 0) {  // NOLINT(concurrency-mt-unsafe): no thread runs yet
+    ThrowErrno("cannot set the environment");
+  }
+}
+
 }  // namespace
 
 Outcome Download(Context& context) { return RunCancellable(context, &RunDownload); }
 
-Outcome Install(Context& context) { return RunCancellable(context, &RunInstall); }
+Outcome Install(Context& context) {
+  AllowOlder(context.options.older);
+  return RunCancellable(context, &RunInstall);
+}
 
-Outcome Update(Context& context) { return RunCancellable(context, &RunUpdate); }
+Outcome Update(Context& context) {
+  AllowOlder(context.options.older);
+  return RunCancellable(context, &RunUpdate);
+}
 
 }  // namespace orbamira::packctl

@@ -133,7 +133,8 @@ bool FileInstall::IsWanted() {
     return true;
   }
   if (IsNewVersion(version_, installed)) {
-    return Refuse(FailureReason::kOlderVersion, "the package is older than the installed " + Printable(installed),
+    return wishes_.allow_older ||
+           Refuse(FailureReason::kOlderVersion, "the package is older than the installed " + Printable(installed),
                   "Get a newer package from its publisher.");
   }
   is_installed_already_ = !wishes_.reinstall;

@@ -11,14 +11,15 @@ namespace orbamira::packctl {
 
 /// What the user asked for.
 struct FileWishes {
-  std::string file = {};   ///< the package, on a stick mostly
-  bool trust = false;      ///< without a signature, too
-  bool reinstall = false;  ///< also the version that is installed already
+  std::string file = {};     ///< the package, on a stick mostly
+  bool trust = false;        ///< without a signature, too
+  bool reinstall = false;    ///< also the version that is installed already
+  bool allow_older = false;  ///< also an older version
 };
 
 /// The install of one package from a file. It takes the road of an update: the package is copied to where a download
 /// lies, recorded as a download is, checked, and installed by the library. Only the pack that a check would ask for is
-/// accepted, and no older version of it.
+/// accepted, and no older version of it unless that is wished.
 ///
 /// A package that is not installed leaves pack and plugins alone, and the record as it was if that still holds: only a
 /// download that waited is lost.
