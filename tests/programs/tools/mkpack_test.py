@@ -23,7 +23,7 @@ import unittest.mock
 
 import words
 from authority import INTERMEDIATE, Authority
-from verify_test_case import AAC, HANG, HEVC, MKPACK
+from verify_test_case import AAC, HANG, HEVC, MKPACK, PRODUCT
 
 sys.path.insert(0, str(MKPACK.parent))
 
@@ -459,10 +459,53 @@ class MkpackSigningTest(MkpackTest):
     def test_puts_manifest_and_signature_first(self):
         members = self.unpack(self.make_signed())
         self.assertEqual(["MANIFEST", "MANIFEST.sig", "INFO", "package.tgz"], list(members))
+        self.assertEqual(self.facts() + self.digests(members), members["MANIFEST"].decode())
+
+    def facts(self, *more):
+        lines = ["format: 2", f"product: {PRODUCT}", f"pack: {HEVC}", "version: 1.2", *more]
+        return "".join(f"# {line}\n" for line in lines)
+
+    def digests(self, members):
+        return "".join(f"{hashlib.sha256(members[name]).hexdigest()}  {name}\n" for name in ("INFO", "package.tgz"))
+
+    def test_manifest_says_the_minimum_and_the_last_day(self):
+        members = self.unpack(self.make_signed(minimum="1.1", expires="2099-12-31"))
         self.assertEqual(
-            "".join(f"{hashlib.sha256(members[name]).hexdigest()}  {name}\n" for name in ("INFO", "package.tgz")),
-            members["MANIFEST"].decode(),
+            self.facts("minimum: 1.1", "expires: 2099-12-31") + self.digests(members), members["MANIFEST"].decode()
         )
+
+    def test_manifest_of_format_1_is_the_digests_alone(self):
+        members = self.unpack(self.make_signed(manifest_format="1"))
+        self.assertEqual(self.digests(members), members["MANIFEST"].decode())
+
+    def test_digests_can_be_checked_by_hand(self):
+        self.unpack(self.make_signed())
+        done = subprocess.run(
+            ["sha256sum", "--strict", "-c", "MANIFEST"], cwd=self.top, capture_output=True, text=True, check=False
+        )
+        self.assertEqual((0, ""), (done.returncode, done.stderr))
+
+    def test_minimum_and_last_day_must_make_sense(self):
+        signing = {"sign_key": self.key, "sign_cert": self.certificate}
+        for options, problem in (
+            ({"minimum": "1.3"}, "--minimum: it is newer than --version"),
+            ({"minimum": "x y"}, "--minimum: 'x y' is no version"),
+            ({"expires": "2020-01-01"}, "--expires: that day is over"),
+            ({"expires": "2099-02-29"}, "--expires: '2099-02-29' is no day"),
+            ({"expires": "20991231"}, "--expires: '20991231' is no day"),
+        ):
+            with self.subTest(options):
+                result = self.run_mkpack(**signing, **options)
+                self.assertEqual((64, ""), (result.returncode, result.stdout))
+                self.assertIn(f"argument {problem}", result.stderr)
+
+    def test_minimum_and_last_day_go_with_a_signature_that_can_say_them(self):
+        signing = {"sign_key": self.key, "sign_cert": self.certificate, "manifest_format": "1"}
+        for options in ({}, signing):
+            for name, value in (("minimum", "1.0"), ("expires", "2099-12-31")):
+                with self.subTest(name, **options):
+                    message = f"argument --{name}: it goes with --sign-key and a manifest of format 2"
+                    self.assert_usage(message, **options, **{name: value})
 
     def test_other_members_are_those_of_a_package_without_signature(self):
         plain = self.unpack(self.make())

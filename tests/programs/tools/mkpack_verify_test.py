@@ -1,5 +1,6 @@
 """mkpack verify: a folder as mkpack makes it, with one fault planted in it, and the one finding that tells of it."""
 
+import datetime
 import errno
 import gzip
 import hashlib
@@ -22,7 +23,7 @@ import unittest.mock
 
 import words
 from authority import LEAF, Authority
-from verify_test_case import AAC, BASE, HANG, HEVC, MKPACK, PublishedTest, VerifyTest, info_text, member, tar
+from verify_test_case import AAC, BASE, HANG, HEVC, MKPACK, PRODUCT, PublishedTest, VerifyTest, info_text, member, tar
 
 sys.path.insert(0, str(MKPACK.parent))
 sys.dont_write_bytecode = True
@@ -570,6 +571,52 @@ class VerifySignatureTest(VerifyTest):
                 file = self.repack(lambda members, text=text: members.update(MANIFEST=text))
                 self.assert_finding(HEVC, self.refused(file, "MANIFEST is damaged"))
                 shutil.rmtree(self.folder)
+
+    def test_what_the_manifest_says_of_the_package(self):
+        damaged = "MANIFEST is damaged"
+        for old, new, reason in (
+            (f"product: {PRODUCT}", "product: other-nas", f"it is made for the product other-nas, not for {PRODUCT}"),
+            ("version: 1.2", "version: 1.3", "INFO says version '1.2', and MANIFEST '1.3'"),
+            (f"pack: {HEVC}", f"pack: {AAC}", f"INFO says package '{HEVC}', and MANIFEST '{AAC}'"),
+            ("format: 2", "format: 3", "MANIFEST has the format 3, which this mkpack does not know"),
+            ("format: 2", "format: 1", damaged),
+            ("format: 2", "no format: 2", damaged),
+            ("format: 2", "format:2", damaged),
+            ("version: 1.2", "version: 1.2\n# version: 1.2", damaged),
+            ("version: 1.2", "version: 1.2\n# expires: 2020-01-01", "it was to be installed until 2020-01-01"),
+            ("version: 1.2", "version: 1.2\n# expires: 2099-02-30", damaged),
+            ("version: 1.2", "version: 1.2\n# minimum: 1 2", damaged),
+            (
+                "version: 1.2",
+                "version: 1.2\n# minimum: 1.3",
+                "MANIFEST names a version that is older than its own minimum",
+            ),
+        ):
+            with self.subTest(new):
+                file = self.repack(
+                    lambda members, old=old, new=new: members.update(
+                        MANIFEST=members["MANIFEST"].replace(f"# {old}\n".encode(), f"# {new}\n".encode())
+                    )
+                )
+                self.assert_finding(HEVC, self.refused(file, reason))
+                shutil.rmtree(self.folder)
+
+    def test_last_day_that_is_near(self):
+        last = datetime.datetime.now(datetime.timezone.utc).date() + datetime.timedelta(days=20)
+        file = self.publish_both(*self.sign("signer"), "--expires", str(last))
+        report = self.verify(*self.keyring)
+        self.assertEqual([], report["findings"])
+        self.assertIn(f"{HEVC}: appliances install {file.name} until {last} only", report["notes"])
+
+    def test_manifest_of_the_older_form(self):
+        file = self.publish_both(*self.sign("signer"), "--manifest-format", "1")
+        report = self.verify(*self.keyring)
+        self.assertEqual([], report["findings"])
+        self.assertIn(
+            f"{HEVC}: the manifest of {file.name} has format 1, so the signature does not say what the package is, "
+            "and appliances that demand format 2 refuse it",
+            report["notes"],
+        )
 
     def test_half_a_signature(self):
         for name in ("MANIFEST", "MANIFEST.sig"):

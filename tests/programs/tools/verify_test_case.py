@@ -19,6 +19,7 @@ from appliance import Paths, mkpack_of  # noqa: E402
 BUILD = os.environ["ORBAMIRA_BUILD"]
 MKPACK = mkpack_of(BUILD)
 HEVC, AAC = Paths(BUILD).hevc_pack, Paths(BUILD).hevc_aac_pack
+PRODUCT = Paths(BUILD).package_id
 BASE = "https://packs.example.com/packs"
 
 # Far more than anything here takes; only a program that hangs meets it.

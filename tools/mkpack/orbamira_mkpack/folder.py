@@ -1,12 +1,13 @@
 """Verifies a published folder: what appliances would meet, and what only its publisher sees."""
 
+import datetime
 import errno
 import hashlib
 import os
 import re
 import stat
 
-from orbamira_mkpack import archive, package, reply, rules, signature
+from orbamira_mkpack import archive, manifest, package, reply, rules, signature
 from orbamira_mkpack.reply import PUBLISH_AGAIN
 from orbamira_mkpack.reply_file import replies_beside, text_of
 from orbamira_mkpack.report import Report
@@ -14,6 +15,7 @@ from orbamira_mkpack.report import Report
 REPLY_NAME = "reply.json"
 _WRITE_ANEW = "run mkpack rollout for a release with the share that it has"
 _WORK_PREFIX = ".mkpack."
+_SOON = datetime.timedelta(days=30)
 _PACK_PATTERN = "|".join(map(re.escape, rules.CODECS_OF_PACK))
 _PACKAGE_PATTERN = re.compile(
     rf"({_PACK_PATTERN})-({rules.VERSION_PATTERN.pattern})-([0-9a-f]{{{rules.DIGITS_IN_NAME}}})\.opk"
@@ -172,9 +174,10 @@ class Folder:
                 )
             return
         try:
-            signature.check_manifest(content)
+            facts = signature.check_manifest(content)
             if self._keyring:
                 signature.check_signature(content, self._keyring)
+            self._note_facts(about, relative, facts)
         except archive.Refused as error:
             self._report.found(
                 about,
@@ -199,6 +202,16 @@ class Folder:
                     self._report.notes.append(
                         f"the package of {name} {former['version']} has gone, so mkpack withdraw cannot bring it back"
                     )
+
+    def _note_facts(self, about, relative, facts):
+        if not facts:
+            self._report.notes.append(
+                f"{about}: the manifest of {relative} has format 1, so the signature does not say what the package is, "
+                "and appliances that demand format 2 refuse it"
+            )
+        last = manifest.last_day(facts)
+        if last and last - manifest.today() < _SOON:
+            self._report.notes.append(f"{about}: appliances install {relative} until {last} only")
 
     def _compare_signatures(self):
         """With a keyring each unsigned package has been found already."""

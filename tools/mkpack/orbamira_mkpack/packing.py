@@ -13,7 +13,7 @@ import sys
 import tarfile
 import tempfile
 
-from orbamira_mkpack import rules
+from orbamira_mkpack import manifest, rules
 from orbamira_mkpack.progress import Bar
 
 RESERVED_NAMES = {rules.INFO_NAME, rules.PAYLOAD_NAME, *map(rules.marker_of, rules.CODECS)}
@@ -209,15 +209,6 @@ def write_payload(payload, codecs, bill, mtime, file, bar):
         return text
 
 
-def manifest(members):
-    """The text that lists `members`, files by name, with the SHA-256 of each."""
-    lines = []
-    for name, content in sorted(members.items()):
-        content.seek(0)
-        lines.append(f"{hashlib.file_digest(content, 'sha256').hexdigest()}  {name}\n")
-    return "".join(lines).encode()
-
-
 def sign(path, key, certificate):
     """The detached CMS signature of the file `path`, whose folder takes what else openssl needs."""
     with open(certificate, "rb") as file:
@@ -247,13 +238,13 @@ def sign(path, key, certificate):
     return result.stdout
 
 
-def signed(members, key, certificate, work):
+def signed(members, options, work):
     """`members` with their manifest and its signature before them; `work` is a folder for temporary files."""
-    text = manifest(members)
+    text = manifest.make(members, manifest.facts_of(options))
     path = os.path.join(work, rules.MANIFEST_NAME)
     with open(path, "wb") as file:
         file.write(text)
-    signature = sign(path, key, certificate)
+    signature = sign(path, options.sign_key, options.sign_cert)
     return {rules.MANIFEST_NAME: io.BytesIO(text), rules.SIGNATURE_NAME: io.BytesIO(signature), **members}
 
 
@@ -335,7 +326,7 @@ def make_package(options, bill=None):
             text = f'package="{options.name}"\nversion="{options.version}"\n'
             members = {rules.INFO_NAME: io.BytesIO(text.encode()), rules.PAYLOAD_NAME: payload_file}
             if options.sign_key is not None:
-                members = signed(members, options.sign_key, options.sign_cert, work)
+                members = signed(members, options, work)
             size, checksum = write_package(members, mtime, file)
             name = f"{options.name}-{options.version}-{checksum[:rules.DIGITS_IN_NAME]}.opk"
             if bill_text is not None:

@@ -1,11 +1,13 @@
 """Makes a codec pack of a folder and publishes it for the update server."""
 
 import argparse
+import datetime
 import os
+import re
 import sys
 import urllib.parse
 
-from orbamira_mkpack import rules
+from orbamira_mkpack import manifest, rules
 from orbamira_mkpack.bill import Bill
 from orbamira_mkpack.command_line import (
     ArgumentParser,
@@ -50,8 +52,11 @@ the payload
 
 signing
   With --sign-key and --sign-cert the package begins with two more members, so that a reader can verify the others
-  before it unpacks them. MANIFEST has a line for each other member, sorted by name: its SHA-256 in hexadecimal digits,
-  two spaces and its name. MANIFEST.sig is the detached CMS signature of exactly these bytes, in DER. The program
+  before it unpacks them. MANIFEST says what the package is, in lines "# KEY: VALUE": format, product, pack, version,
+  and with --minimum and --expires those two. Below, it has a line for each other member, sorted by name: its SHA-256
+  in hexadecimal digits, two spaces and its name. Appliances with a keyring refuse a package for another product, one
+  that is older than what is installed or than a minimum that they have seen, and one whose last day is over.
+  MANIFEST.sig is the detached CMS signature of exactly these bytes, in DER. The program
   openssl makes it and must be installed; if the key has a passphrase, it asks for it at the terminal. A signature
   contains the time when it was made, so a signed package is not reproducible byte for byte. To check a signature by
   hand:
@@ -126,6 +131,15 @@ def title(text):
     return text
 
 
+def day(text):
+    try:
+        if re.fullmatch("[0-9]{4}-[0-9]{2}-[0-9]{2}", text):
+            return datetime.date.fromisoformat(text)
+    except ValueError:
+        pass
+    raise argparse.ArgumentTypeError(f"{text!r} is no day, such as 2027-12-31")
+
+
 def make_parser():
     parser = ArgumentParser(prog="mkpack", description=DESCRIPTION, epilog=EPILOG)
     parser.add_argument("--payload", required=True, metavar="DIR", help="the folder with the content of the pack")
@@ -171,6 +185,24 @@ def make_parser():
     parser.add_argument(
         "--channel", type=channel, metavar="NAME", help="offer it only to appliances of this channel, such as beta"
     )
+    parser.add_argument(
+        "--minimum",
+        type=version,
+        metavar="VERSION",
+        help="have appliances that install this pack refuse older ones than that for ever; it goes with --sign-key",
+    )
+    parser.add_argument(
+        "--expires",
+        type=day,
+        metavar="YYYY-MM-DD",
+        help="the last day (UTC) on which appliances install this pack; it goes with --sign-key",
+    )
+    parser.add_argument(
+        "--manifest-format",
+        choices=("1", "2"),
+        default="2",
+        help="2, which says what the package is (default), or 1, which only lists its members",
+    )
     parser.add_argument("--sign-key", metavar="KEY", help="sign the package with this private key (PEM)")
     parser.add_argument(
         "--sign-cert",
@@ -178,6 +210,17 @@ def make_parser():
         help="the certificate of the key (PEM), followed by those between it and the one that appliances trust",
     )
     return parser
+
+
+def check_signed_facts(parser, options):
+    """Refuses what no signature would carry, and what no appliance would accept."""
+    for name, value in (("--minimum", options.minimum), ("--expires", options.expires)):
+        if value is not None and (options.sign_key is None or options.manifest_format == "1"):
+            parser.error(f"argument {name}: it goes with --sign-key and a manifest of format 2")
+    if options.minimum is not None and rules.is_newer(options.version, options.minimum):
+        parser.error("argument --minimum: it is newer than --version")
+    if options.expires is not None and options.expires < manifest.today():
+        parser.error("argument --expires: that day is over")
 
 
 def parse_arguments(arguments):
@@ -192,6 +235,7 @@ def parse_arguments(arguments):
             parser.error(f"argument --codec: a pack of the name {options.name} carries {codec}")
     if (options.sign_key is None) != (options.sign_cert is None):
         parser.error("arguments --sign-key and --sign-cert: one is no use without the other")
+    check_signed_facts(parser, options)
     if not os.path.isdir(options.payload):
         parser.error(f"argument --payload: {options.payload} is not a folder")
     payload = os.path.realpath(options.payload)

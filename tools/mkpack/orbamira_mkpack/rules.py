@@ -7,6 +7,9 @@ import urllib.parse
 HEVC_PACK = "@ORBAMIRA_HEVC_PACK@"
 HEVC_AAC_PACK = "@ORBAMIRA_HEVC_AAC_PACK@"
 
+# What signed packages are made for, and what appliances call themselves.
+PRODUCT = "@ORBAMIRA_PACKAGE_ID@"
+
 # The codecs that appliances count on in a pack of this name.
 CODECS_OF_PACK = {HEVC_PACK: ["hevc"], HEVC_AAC_PACK: ["hevc", "aac"]}
 CODECS = ["hevc", "aac"]
@@ -29,6 +32,7 @@ MAX_CONTENT_SIZE = 16 << 30
 
 VERSION_PATTERN = re.compile(r"[0-9A-Za-z][0-9A-Za-z._+-]{0,63}")
 CHANNEL_PATTERN = re.compile(r"[a-z0-9][a-z0-9-]{0,31}")
+FACT_PATTERN = re.compile(r"[0-9A-Za-z._+-]{1,128}")
 CERTIFICATE_PATTERN = re.compile(rb"-----BEGIN CERTIFICATE-----.*?-----END CERTIFICATE-----", re.DOTALL)
 
 # How much of the file's SHA-256 is in a package's name.

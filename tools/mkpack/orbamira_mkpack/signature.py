@@ -6,28 +6,37 @@ import re
 import subprocess
 import tempfile
 
-from orbamira_mkpack import rules
+from orbamira_mkpack import manifest, rules
 from orbamira_mkpack.archive import Refused
 
 MIN_DIGEST_SIZE = 32
-_LINE = re.compile(r"([0-9a-f]{64})  (.+)", re.DOTALL)
 
 
 def check_manifest(package):
-    """Refuses a package whose members are not exactly those that its manifest lists."""
+    """Refuses a package that is not what its manifest says and lists; returns the facts."""
     for name in (rules.MANIFEST_NAME, rules.SIGNATURE_NAME):
         if name not in package.texts:
             raise Refused(f"there is no {name} in it")
-    lines = package.texts[rules.MANIFEST_NAME].decode("utf-8", "surrogateescape").split("\n")
-    matches = [_LINE.fullmatch(line) for line in lines[:-1]]
-    listed = {match[2]: match[1] for match in matches if match}
-    if lines[-1] or len(listed) != len(lines) - 1:
-        raise Refused(f"{rules.MANIFEST_NAME} is damaged")
+    facts, listed = manifest.parse(package.texts[rules.MANIFEST_NAME])
     for name, digest in package.digests.items():
         if name not in (rules.MANIFEST_NAME, rules.SIGNATURE_NAME) and listed.pop(name, "") != digest:
             raise Refused(f"{name} does not match {rules.MANIFEST_NAME}")
     for name in listed:
         raise Refused(f"{name} is in {rules.MANIFEST_NAME}, but not in the package")
+    if facts:
+        _check_facts(package, facts)
+    return facts
+
+
+def _check_facts(package, facts):
+    for key, info_key in (("pack", "package"), ("version", "version")):
+        if package.info(info_key) != facts[key]:
+            raise Refused(f"INFO says {info_key} {package.info(info_key)!r}, and {rules.MANIFEST_NAME} {facts[key]!r}")
+    if facts["product"] != rules.PRODUCT:
+        raise Refused(f"it is made for the product {facts['product']}, not for {rules.PRODUCT}")
+    last = manifest.last_day(facts)
+    if last and last < manifest.today():
+        raise Refused(f"it was to be installed until {last}")
 
 
 def _openssl(*arguments, stdin=b""):

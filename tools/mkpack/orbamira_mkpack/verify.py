@@ -23,7 +23,8 @@ what is verified
   checksum and the size that the reply states, and the digest in its name. It unpacks within the limits of appliances.
   Its INFO has the same name and version as the reply, and its payload has the codecs that the name promises.
 
-  A signed package has exactly the members that its MANIFEST lists. With --keyring, each package has a signer whom the
+  A signed package has exactly the members that its MANIFEST lists. It is for this product, its INFO says what MANIFEST
+  says, and its last day is not over. With --keyring, each package has a signer whom the
   keyring trusts now. Without it, a reply that names both signed and unsigned packages is reported.
 
   Everyone may read the reply, the packages and the folder, and no package is a symbolic link that leads out of it.

@@ -94,10 +94,7 @@ CLI::App* AddCommand(CLI::App& app, const Command& command) {
   return group->add_subcommand(OwnName(command.name), command.summary);
 }
 
-void AddAllowOlder(CLI::App& parser, Options& options) {
-  parser.add_flag("--allow-older", options.older,
-                  "Install the pack even if it is older, below the minimum or past its last day");
-}
+constexpr const char* kOlderHelp = "Install the pack even if it is older, below the minimum or past its last day";
 
 CLI::Validator NumberBetween(int least, int most) { return CLI::Range(least, most).description(""); }
 
@@ -342,7 +339,7 @@ void AddDownloadOptions(CLI::App& parser, Options& options) {
 void AddUpdateOptions(CLI::App& parser, Options& options) {
   AddDownloadOptions(parser, options);
   parser.add_flag("--reinstall", options.reinstall, "Install the pack on offer even if it is not newer");
-  AddAllowOlder(parser, options);
+  parser.add_flag("--allow-older", options.older, kOlderHelp);
 }
 
 void AddInstallOptions(CLI::App& parser, Options& options) {
@@ -352,7 +349,7 @@ void AddInstallOptions(CLI::App& parser, Options& options) {
           ->type_name("FILE");
   parser.add_flag("--trust", options.trust, "Install the file even if no signature vouches for it")->needs(file);
   parser.add_flag("--reinstall", options.reinstall, "Install the file even if its version is installed")->needs(file);
-  AddAllowOlder(parser, options);
+  parser.add_flag("--allow-older", options.older, kOlderHelp);
 }
 
 void AddHistoryOptions(CLI::App& parser, Options& options) {
