@@ -17,6 +17,7 @@ class Aftermath:
         self.publisher, self.appliance, self.old, self.new = publisher, appliance, old, new
         self.broken, self.after_error = broken, after_error
         self.had_store = True
+        self.minimum = None  # that the new pack's signature names
         self.lost = []
         self.stuck = []
         self.may_be_left = set()
@@ -31,6 +32,11 @@ class Aftermath:
         elif self.old and not publisher.is_whole(appliance.backup, self.old):
             self.lost.append("neither pack nor backup is whole")
         self._look_at_store()
+        if self.appliance.accepted_file.exists() and self.appliance.accepted().keys() != {
+            "minimum",
+            "newest_signature",
+        }:
+            self.lost.append("what was accepted cannot be read")
 
     def look_after_error(self, calls):
         """A program that met an error, and lived, has itself removed what it was building."""
@@ -66,6 +72,8 @@ class Aftermath:
             self.stuck.append(f"after {DAYS} days the status is {status}")
         if not self.publisher.is_whole(appliance.pack, self.new):
             self.lost.append("the new pack is not whole at the end")
+        if self.minimum and appliance.accepted().get("minimum") != self.minimum:
+            self.lost.append("the minimum is not remembered at the end")
         left = [path for path in appliance.leftovers() if path not in self.may_be_left]
         if left:
             self.stuck.append(f"left behind: {' '.join(left)}")

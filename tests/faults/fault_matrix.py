@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 """Brings every fault about at every file-changing system call of an update, and looks at what is left.
 
-Eight runs of packctl are struck: a first update; an upgrade, at once, as a download and an install, and from a
-file, where the calls that read the file are struck too; the removal of a pack; the check that finds a broken status
-store; and the recovery of an upgrade that was killed before its new pack was in place. And three of a host of the
-library on an appliance without packctl: a first update; an upgrade; and its next start after an upgrade that was
-killed there.
+Nine runs of packctl are struck: a first update; an upgrade, at once, where there is a keyring, as a download and an
+install, and from a file, where the calls that read the file are struck too; the removal of a pack; the check that finds
+a broken status store; and the recovery of an upgrade that was killed before its new pack was in place. And four of a
+host of the library on an appliance without packctl: a first update; an upgrade, without a keyring and with one; and its
+next start after an upgrade that was killed there.
 
 Each is run once to number its calls. Then, for a call and a fault, the same is run again from the same state with
 that fault: the whole family of processes is killed there, or killed with the loss of all data that was not synced (a
@@ -47,6 +47,7 @@ ERRORS = ("EIO", "ENOSPC")
 POWER_CUTS = ("power", "tear")
 FAULTS = ("kill", *POWER_CUTS, *ERRORS)
 OLD, NEW = "1.0.0", "2.0.0"
+MINIMUM = "1.5.0"
 INJECTOR_FAILED = 125
 FAILED = 1
 MISLEADING = ("unexpected", "bad_package")  # codes that do not tell of a failing or full disk
@@ -58,6 +59,7 @@ class Scenario:
     start: Appliance  # copied for every run
     command: str  # of packctl, the one that is struck; empty for the host
     old: str | None  # version of the pack that is there before
+    minimum: str | None = None  # that an appliance with a keyring remembers at the end
     broken: bytes | None = None  # text of the status store when it is unreadable before
     file: pathlib.Path | None = None  # that is read, and whose reading is struck too
 
@@ -103,7 +105,8 @@ class Matrix:
     def prepare(self, publisher):
         """Makes the state that each scenario starts from."""
         self.publisher = publisher
-        old, new = publisher.publish(OLD, 1), publisher.publish(NEW, 2)
+        self.signer = publisher.make_signer()
+        old, new = publisher.publish(OLD, 1), publisher.publish(NEW, 2, minimum=MINIMUM)
         fresh = Appliance.lay_out(self.folder / "fresh", self.build)
         fresh.use_server(new)
         fresh.expect("check")
@@ -116,6 +119,10 @@ class Matrix:
         upgrade.use_server(new)
         upgrade.expect("check")
         self.scenarios["upgrade"] = Scenario(upgrade, "update", OLD)
+
+        signed = upgrade.copy_to(self.folder / "signed-upgrade")
+        signed.trust(self.signer)
+        self.scenarios["signed upgrade"] = Scenario(signed, "update", OLD, MINIMUM)
 
         self.scenarios["download"] = Scenario(upgrade, "download", OLD)
         downloaded = upgrade.copy_to(self.folder / "downloaded")
@@ -133,7 +140,7 @@ class Matrix:
         text = broken.status_file.read_bytes()
         text = text[: len(text.rstrip()) // 2]
         broken.status_file.write_bytes(text)
-        self.scenarios["broken store"] = Scenario(broken, "check", OLD, text)
+        self.scenarios["broken store"] = Scenario(broken, "check", OLD, broken=text)
 
         self.scenarios["recovery"] = Scenario(self.killed_while_placing("upgrade"), "recover", OLD)
         self.prepare_hosts(old, new)
@@ -149,6 +156,10 @@ class Matrix:
         upgrade.expect(program="host")
         upgrade.use_server(new)
         self.scenarios["host's upgrade"] = Scenario(upgrade, "", OLD)
+
+        signed = upgrade.copy_to(self.folder / "host-signed-upgrade")
+        signed.trust(self.signer)
+        self.scenarios["host's signed upgrade"] = Scenario(signed, "", OLD, MINIMUM)
 
         self.scenarios["host's next start"] = Scenario(self.killed_while_placing("host's upgrade"), "", OLD)
 
@@ -221,6 +232,7 @@ class Matrix:
             scenario = self.scenarios[name]
             later = scenario.aftermath(self.publisher, recovered.appliance, scenario.old, NEW)
             later.may_be_left = recovered.may_be_left
+            later.minimum = scenario.minimum
             later.go_on()
             self.known[key] = later.lost, later.stuck
         return self.known[key]

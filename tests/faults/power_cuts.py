@@ -33,6 +33,7 @@ from appliance import Appliance, Publisher  # noqa: E402
 
 SKIPPED = 77
 OLD, NEW = "1.0.0", "2.0.0"
+MINIMUM = "1.5.0"
 SIZES = (4_000_000, 1_500_000, 300_000, 20_000)
 POLL = 0.0005
 HANG = 600  # seconds, far more than an update takes
@@ -88,11 +89,12 @@ class Bench:
 
     def __init__(self, folder, store, build, publisher):
         self.folder, self.store, self.build, self.publisher = folder, store, build, publisher
-        old, new = publisher.publish(OLD, 1, SIZES), publisher.publish(NEW, 2, SIZES)
+        signer = publisher.make_signer()
+        old, new = publisher.publish(OLD, 1, SIZES), publisher.publish(NEW, 2, SIZES, minimum=MINIMUM)
         self.starts = {"update": None, "upgrade": OLD, "upgrade from a file": OLD}
         self.commands = {name: ["update"] for name in self.starts}
         file = next(publisher.folder.glob(f"*-{NEW}-*.opk"))
-        self.commands["upgrade from a file"] = ["install", "--trust", "--file", str(file)]
+        self.commands["upgrade from a file"] = ["install", "--file", str(file)]
         for name, version in self.starts.items():
             image = store / f"{name}.img"
             with image.open("wb") as file:
@@ -100,6 +102,7 @@ class Bench:
             run("mkfs.ext4", "-q", "-F", image)
             with mounted(image, folder / "mount") as mount:
                 appliance = Appliance.lay_out(mount / "root", build)
+                appliance.trust(signer)
                 if version:
                     appliance.use_server(old)
                     appliance.expect("check")
@@ -159,6 +162,7 @@ class Bench:
         with mounted(cut, self.folder / "mount") as mount:
             appliance = Appliance(mount / "root", self.build)
             aftermath = Aftermath(self.publisher, appliance, self.starts[name], NEW)
+            aftermath.minimum = MINIMUM
             aftermath.look()
             on_disk = held(appliance)
             aftermath.recover()

@@ -74,12 +74,17 @@ def unpack(packages, root):
         subprocess.run(["dpkg-deb", "-x", package, root], check=True)
 
 
+# What a pack folder has besides its payload.
+OF_THE_PACKAGE = {"INFO", "MANIFEST", "MANIFEST.sig", "has_hevc"}
+
+
 class Publisher:
     """Makes packs and serves them over HTTP on a free loopback port for as long as it is entered."""
 
     def __init__(self, folder, build):
         self.folder, self.build = pathlib.Path(folder), build
         self.payloads = {}
+        self.signing = {}
 
     def __enter__(self):
         class Quiet(http.server.SimpleHTTPRequestHandler):
@@ -101,7 +106,20 @@ class Publisher:
         self.server.shutdown()
         self.server.server_close()
 
-    def publish(self, version, seed, sizes=(40_000, 150_000)):
+    def make_signer(self):
+        """Makes a key that signs what is published from now on; returns its certificate."""
+        certificate, key = (self.folder.parent / f"signer.{ending}" for ending in ("pem", "key"))
+        subprocess.run(
+            ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes"]
+            + ["-subj", "/CN=signer", "-days", "30", "-keyout", key, "-out", certificate],
+            check=True,
+            stdin=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL,
+        )
+        self.signing = {"sign-key": key, "sign-cert": certificate}
+        return certificate
+
+    def publish(self, version, seed, sizes=(40_000, 150_000), **options):
         """Publishes a pack of a few files under its own reply; returns the reply's address."""
         payload = self.folder.parent / f"payload-{version}"
         (payload / "lib/plugins").mkdir(parents=True)
@@ -111,7 +129,7 @@ class Publisher:
         (payload / "lib/plugins/table.bin").write_bytes(source.randbytes(3_000))
         (payload / "lib/libcodec.so").symlink_to(f"libcodec0.so.{version}")
         reply = self.folder / f"reply-{version}.json"
-        make_pack(self.build, payload, self.folder, version, self.url, reply=reply)
+        make_pack(self.build, payload, self.folder, version, self.url, reply=reply, **self.signing, **options)
         self.payloads[version] = tree(payload)
         return f"{self.url}/{reply.name}"
 
@@ -124,8 +142,7 @@ class Publisher:
         return (
             info.is_file()
             and f'version="{version}"' in info.read_text(errors="replace").splitlines()
-            and {name: entry for name, entry in found.items() if name not in ("INFO", "has_hevc")}
-            == self.payloads[version]
+            and {name: entry for name, entry in found.items() if name not in OF_THE_PACKAGE} == self.payloads[version]
             and "has_hevc" in found
         )
 
@@ -158,6 +175,7 @@ class Appliance:
         self.download = self.cache / "download"
         self.status_file = self.state_folder / "status.json"
         self.history = {self.state_folder / name for name in ("history.jsonl", "history.jsonl.1")}
+        self.accepted_file = self.state_folder / "accepted-packages"
         self.broken_status_file = self.state_folder / "status.json.broken"
 
     @classmethod
@@ -199,6 +217,15 @@ class Appliance:
 
     def use_server(self, address):
         (self.settings / "updater.conf").write_text(f'pack_update_server="{address}"\n')
+
+    def trust(self, certificate):
+        """Accepts only what is signed by it."""
+        shutil.copy(certificate, self.settings / "keyring.pem")
+
+    def accepted(self):
+        """What is remembered of accepted packages, by key; empty when there is nothing, or it is damaged."""
+        text = self.accepted_file.read_text() if self.accepted_file.exists() else ""
+        return dict(re.findall(r'^(\w+)="([^"\n]*)"$', text, flags=re.MULTILINE))
 
     def copy_to(self, root):
         """A second appliance in the same state."""
@@ -263,6 +290,7 @@ class Appliance:
         """Files and folders that were not yet put in place, as paths."""
         found = [
             *self.packages.glob(f".{self.pack.name}.partial.*"),
+            *self.state_folder.glob(f"{self.accepted_file.name}.??????"),
             *self.status_file.parent.glob("status.json.??????"),
         ]
         return sorted(str(path) for path in found if path != self.broken_status_file)
@@ -278,6 +306,7 @@ class Appliance:
         kept = {
             self.pack,
             self.status_file,
+            self.accepted_file,
             self.packages,
             self.state_folder / "codec-requirements.json",
             self.cache / "checked",

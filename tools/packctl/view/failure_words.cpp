@@ -45,8 +45,9 @@ std::vector<Rule> RulesForSignedPackages(const std::string& command) {
   using enum FailureReason;
   const auto programs = Speaker::kPrograms;
   const std::string publisher = "Get another package from its publisher.";
-  const std::string go_back = command == "install" ? "add --allow-older" : "run: sudo packctl update --allow-older";
-  const std::string older = "Get a newer package. To install this one all the same, " + go_back;
+  const std::string install = command.starts_with("install") ? command : "update";
+  const std::string older =
+      "Get a newer package. To go back all the same, run: sudo packctl " + install + " --allow-older";
   return {
       {kClockBehind, programs, "; the clock says ", Words::kOwnAndCause,
        "the clock is wrong, so the package's signature cannot be checked",
