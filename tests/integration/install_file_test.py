@@ -201,6 +201,8 @@ class InstallFileTest(unittest.TestCase):
         self.assertEqual(self.install(self.package(NEW))[0], 0)
         self.assertIn(NEW, self.expect_refused("older_version", older)["message"])
         self.expect_refused("older_version", older, "--reinstall")
+        self.assertEqual(self.install(older, "--allow-older")[0], 0)
+        self.assertEqual((self.appliance.pack / "lib/codec").read_bytes(), b"codec1.0")
 
     def test_the_same_version_is_installed_again_only_when_asked(self):
         self.install_old()
