@@ -20,9 +20,11 @@ constexpr int kReasons = static_cast<int>(FailureReason::kUnexpected) + 1;
 
 // Those of the account never come to the page, and of what is unexpected it has no more to say than was said.
 TEST(FailureReasonTest, ThePageHasASentenceForEveryReasonThatAnUpdateMayHave) {
-  const std::string sentences = test::ReadFile(ORBAMIRA_SOURCE "/tools/packctl/web/page/words.js");
-  for (int number = 0; number < static_cast<int>(FailureReason::kAccountFailed); ++number) {
-    EXPECT_THAT(sentences, HasSubstr(std::string("\n    ") + CodeOf(static_cast<FailureReason>(number)) + ": {"));
+  for (const char* file : {"/tools/packctl/web/page/words.js", "/tests/browser/words.de.js"}) {
+    const std::string sentences = test::ReadFile(std::string(ORBAMIRA_SOURCE) + file);
+    for (int number = 0; number < static_cast<int>(FailureReason::kAccountFailed); ++number) {
+      EXPECT_THAT(sentences, HasSubstr(std::string("\n    ") + CodeOf(static_cast<FailureReason>(number)) + ": {"));
+    }
   }
 }
 
