@@ -49,6 +49,8 @@ export const words = {
 
   checked: (age) => `Zuletzt geprüft ${age}.`,
   neverChecked: "Noch nicht geprüft.",
+  soon: "Es wird bald installiert.",
+  latest: (time) => `Spätestens ${time}.`,
   supported: (day) => `Unterstützt bis ${day}.`,
   supportEnded: (day) => `Die Unterstützung endete am ${day}: Sicherheitslücken bleiben vielleicht offen.`,
   recovery: "Die Wiederherstellung holt das alte Paket zurück, wo das neue fehlt, und räumt auf.",
@@ -107,6 +109,8 @@ export const words = {
   ends: {
     new_pack: "Geprüft: Ein neues Codec-Paket ist verfügbar.",
     nothing_new: "Geprüft: Es gibt nichts Neues.",
+    waits: "Das neue Codec-Paket wartet.",
+    downloaded: "Heruntergeladen.",
     nothing_to_do: "Es ist nichts zu tun.",
     no_address: "Kein Server ist eingestellt.",
     done: "Fertig.",
@@ -139,8 +143,11 @@ export const words = {
     update: (entry) =>
       entry.from === null ? `${version(entry.to)} installiert` : `Auf ${version(entry.to)} aktualisiert`,
     remove: (entry) => `${version(entry.from)} entfernt`,
+    hold: () => "Updates angehalten",
+    unhold: () => "Anhalten beendet",
     recover: () => "Wiederhergestellt",
   },
+  waits: "Wartet auf die Installation",
   nothing: "Geprüft, nichts Neues",
   failedTo: {
     check: "Prüfung fehlgeschlagen",

@@ -25,8 +25,8 @@ SKIPPED = 77
 NEEDED = ("dpkg", "dpkg-deb", "dpkg-query", "systemd-sysusers", "systemd-tmpfiles", "systemctl")
 OLD_VERSION = "0.9.0"
 PAGE = pathlib.Path(__file__).resolve().parents[2] / "docs/installing.md"
-DEFAULT_UNITS = ["orbamira-check.timer", "orbamira-recover.service"]
-CHOSEN_UNITS = ["orbamira-recover.service", "orbamira-update.timer"]
+DEFAULT_UNITS = ["orbamira-check.timer", "orbamira-recover.service", "orbamira-update.timer"]
+CHOSEN_UNITS = ["orbamira-check.timer", "orbamira-metrics.timer", "orbamira-recover.service"]
 
 
 class Root:
@@ -340,12 +340,12 @@ class PackagesLife:
 
     def choose_services(self):
         self.report.expect(
-            "of the services those are enabled that change nothing by themselves",
+            "of the services those are enabled that the settings have the say about",
             DEFAULT_UNITS,
             self.root.enabled_units(),
         )
-        self.root.systemctl("disable", "orbamira-check.timer")
-        self.root.systemctl("enable", "orbamira-update.timer")
+        self.root.systemctl("disable", "orbamira-update.timer")
+        self.root.systemctl("enable", "orbamira-metrics.timer")
 
     def work(self, server):
         """Settings, a pack, an account, a keyring that the maker brought."""

@@ -93,7 +93,18 @@ class JsonSchemaTest(unittest.TestCase):
     def test_is_a_schema_of_the_commands_that_there_are(self):
         jsonschema.Draft202012Validator.check_schema(self.schema)
         commands = [self.definition(name) for name in self.commands()]
-        parts = {"error", "refusal", "status_text", "step_text", "pack", "history_entry", "web_state", "web_history"}
+        parts = {
+            "error",
+            "refusal",
+            "status_text",
+            "step_text",
+            "pack",
+            "wait",
+            "hold_state",
+            "history_entry",
+            "web_state",
+            "web_history",
+        }
         self.assertEqual(set(self.schema["$defs"]) - parts, set(commands))
         self.assertEqual(
             [form["$ref"] for form in self.schema["anyOf"]],
@@ -128,6 +139,25 @@ class JsonSchemaTest(unittest.TestCase):
         self.assertEqual(self.check("install", FAILED, "--file", package)["error"]["code"], "keyring_unusable")
         self.check("install", 0, "--trust", "--file", package)
         self.assertEqual(self.check("install", NOTHING, "--trust", "--file", package)["result"], "nothing_new")
+
+    def test_a_pack_that_waits(self):
+        self.check("update", NOTHING, "--automatic")
+        self.check("check", 0)
+        self.check("hold", 0)
+        self.check("hold", NOTHING)
+        self.check("hold", 0, "--until", "2199-12-24")
+        self.assertEqual(self.check("update", NOTHING, "--automatic")["wait"]["code"], "held")
+        self.check("update", REFUSED)
+        self.check("status", 0)
+        self.check("unhold", 0)
+        self.check("unhold", NOTHING)
+        self.check("hold", FAILED, "--until", "never")
+        with (self.appliance.settings / "updater.conf").open("a") as settings:
+            settings.write("update_policy=auto_download_manual_install\n")
+        self.assertEqual(self.check("update", 0, "--automatic")["result"], "downloaded")
+        self.assertEqual(self.check("update", NOTHING, "--automatic")["wait"]["code"], "waits_for_person")
+        self.check("status", 0)
+        self.check("history", 0)
 
     def test_a_check_without_an_address(self):
         self.appliance.use_server("")

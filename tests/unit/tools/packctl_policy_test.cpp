@@ -3,11 +3,14 @@
 #include <gmock/gmock.h>
 #include <json/reader.h>
 #include <stdlib.h>
+#include <sys/sysmacros.h>
 
 #include <ctime>
 #include <sstream>
 
 #include "tools/packctl/policy/decision.h"
+#include "tools/packctl/policy/offer_note.h"
+#include "tools/packctl/policy/pack_users.h"
 #include "tools/packctl/view/wait_words.h"
 
 namespace orbamira::packctl {
@@ -239,6 +242,51 @@ TEST_F(DecisionTest, SecurityReleaseWaitsNoLongerThanAnyOther) {
   situation_.settings.most_wait = std::chrono::days(1);
   situation_.is_in_use = [] { return true; };
   ExpectWait(FailureReason::kInUse, situation_.first_seen + kDay, true);
+}
+
+TEST(OfferNoteTest, SameOfferWaitsSinceItWasFirstSeen) {
+  const std::time_t now = Utc(2026, 6, 10, 0);
+  const OfferNote before{.offer = {.version = "1.1"}, .first_seen = now - kDay, .told = "held"};
+  const Offer marked{.version = "1.1", .channel = "beta"};
+  EXPECT_EQ(Noted(marked, before, now), (OfferNote{marked, now - kDay, "held"}));
+  EXPECT_EQ(Noted({.version = "1.2"}, before, now), (OfferNote{{.version = "1.2"}, now, ""}));
+  EXPECT_EQ(Noted({.version = "1.2"}, std::nullopt, now), (OfferNote{{.version = "1.2"}, now, ""}));
+}
+
+TEST(OfferNoteTest, TimeOfAWrongClockCountsAsNow) {
+  const std::time_t now = Utc(2026, 6, 10, 0);
+  for (const std::time_t wrong : {std::time_t{5}, now + 1, Utc(2025, 12, 31, 0)}) {
+    EXPECT_EQ(Noted({.version = "1.1"}, OfferNote{{.version = "1.1"}, wrong}, now).first_seen, now) << wrong;
+  }
+}
+
+TEST(OfferNoteTest, NewerOfferIsHeirToASecurityRelease) {
+  const std::time_t now = Utc(2026, 6, 10, 0);
+  const OfferNote before{.offer = {.version = "1.1", .security = true}, .first_seen = now - kDay, .told = "held"};
+  EXPECT_EQ(Noted({.version = "1.2"}, before, now), (OfferNote{{.version = "1.2", .security = true}, now - kDay, ""}));
+  EXPECT_EQ(Noted({.version = "1.1"}, before, now), before);
+  EXPECT_EQ(Noted({.version = "1.0"}, before, now), (OfferNote{{.version = "1.0"}, now, ""}));
+}
+
+TEST(OfferNoteTest, DaysOfAReleaseThatIsMarkedLaterCountFromThen) {
+  const std::time_t now = Utc(2026, 6, 10, 0);
+  const OfferNote before{.offer = {.version = "1.1"}, .first_seen = now - 30 * kDay};
+  EXPECT_EQ(Noted({.version = "1.1", .security = true}, before, now).first_seen, now);
+}
+
+TEST(PackUsersTest, FilesAreKnownByDeviceAndInodeOrByName) {
+  const PackFiles pack{.folder = "/pack", .files = {{makedev(0xfe, 1), 265}}};
+  const auto are_mapped = [&pack](const std::string& lines) {
+    std::istringstream maps(lines);
+    return AreMapped(pack, maps);
+  };
+  const std::string other = "7f00-7f01 r-xp 00000000 fe:02 265                  /usr/lib/libc.so\n";
+  EXPECT_FALSE(
+      are_mapped(other + "7f00-7f01 rw-p 00000000 00:00 0 \n7f00-7f01 rw-p 00000000 00:00 0  [heap]\nnonsense\n"));
+  EXPECT_TRUE(are_mapped(other + "7f00-7f01 r-xp 00000000 fe:01 265                  /elsewhere/x (deleted)\n"));
+  EXPECT_TRUE(are_mapped(other + "7f00-7f01 r-xp 00000000 00:2a 9                    /pack/with blank.so\n"));
+  EXPECT_FALSE(are_mapped(other + "7f00-7f01 r-xp 00000000 00:2a 9                   /pack/old.so (deleted)\n"));
+  EXPECT_FALSE(are_mapped(other + "7f00-7f01 r-xp 00000000 00:2a 9                   /package/x.so\n"));
 }
 
 TEST(WaitWordsTest, TellWhyAndUntilWhenAndWhatLeadsOn) {

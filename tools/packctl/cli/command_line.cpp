@@ -64,11 +64,9 @@ constexpr const char* kJsonHelp = "Print one JSON object instead of text";
 
 constexpr const char* kColorHelp =
     "Colour the text: auto (default; on a terminal, unless NO_COLOR is set), always or never";
-
 constexpr const char* kVerboseHelp = "Also show what is behind the result, such as the log of a failure";
-
 constexpr const char* kQuietHelp = "Show nothing but why it failed";
-
+constexpr const char* kDespiteHoldHelp = "Install although updates are held";
 constexpr const char* kWaitHelp = "Wait so long for another program at work to end (default 0)";
 
 constexpr const char* kHelp = "help";
@@ -338,12 +336,20 @@ void AddDownloadOptions(CLI::App& parser, Options& options) {
 
 void AddUpdateOptions(CLI::App& parser, Options& options) {
   AddDownloadOptions(parser, options);
+  parser.add_flag("--despite-hold", options.despite_hold, kDespiteHoldHelp);
   parser.add_flag("--reinstall", options.reinstall, "Install the pack on offer even if it is not newer");
   parser.add_flag("--allow-older", options.older, kOlderHelp);
+  parser.add_flag("--automatic", options.automatic, "Do what the update policy says with the pack that a check found");
+}
+
+void AddHoldOptions(CLI::App& parser, Options& options) {
+  parser.add_option("--until", options.until, "End the hold by itself at this date, for example 2026-12-24")
+      ->type_name("DATE");
 }
 
 void AddInstallOptions(CLI::App& parser, Options& options) {
   AddCancelOption(parser, options);
+  parser.add_flag("--despite-hold", options.despite_hold, kDespiteHoldHelp);
   CLI::Option* const file =
       parser.add_option("--file", options.file, "Install this signed package, from a stick for example")
           ->type_name("FILE");

@@ -43,6 +43,7 @@ void AddCancelOption(CLI::App& parser, Options& options);
 void AddInstallOptions(CLI::App& parser, Options& options);
 void AddRemoveOptions(CLI::App& parser, Options& options);
 void AddDownloadOptions(CLI::App& parser, Options& options);
+void AddHoldOptions(CLI::App& parser, Options& options);
 void AddUpdateOptions(CLI::App& parser, Options& options);
 void AddHistoryOptions(CLI::App& parser, Options& options);
 void AddMetricsOptions(CLI::App& parser, Options& options);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <exception>
 #include <optional>
 #include <string>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "platform/posix/trust.h"
 #include "platform/posix/unique_fd.h"
 #include "platform/printable.h"
+#include "tools/packctl/commands/automatic.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/host/update_objects.h"
@@ -94,11 +96,33 @@ Outcome NothingNew(const std::string& declined) {
   return WithVersions(std::move(outcome), versions);
 }
 
+/// A pack that is downloaded and still on offer. The library's check would have it downloaded again.
+Outcome Downloaded(const StatusRecord& record) {
+  NoteAnsweredCheck(record.new_version, true);
+  const Versions versions = VersionsWith(record.new_version);
+  Outcome outcome = EndOfChange(kExitDone, "new_pack");
+  outcome.text =
+      Printable(record.new_version) + " is downloaded (" + InstalledWords(versions) + "). Run: sudo packctl install\n";
+  return WithVersions(std::move(outcome), versions);
+}
+
+StatusRecord RecordBefore() {
+  try {
+    return ReadStatus();
+  } catch (const std::exception&) {
+    return {};  // which the check itself mends
+  }
+}
+
 Outcome RunCheck(Context& context) {
   if (updater::KOSHelper::Create()->GetPackUpdateServerUrl().empty() && !SettingsAreIgnored()) {
     return NobodyToAsk();
   }
   const UpdateObjects objects = MakeUpdateObjects();
+  const StatusRecord before = RecordBefore();
+  if (before.status == updater::kStatusNeedInstall && IsStillOffered(objects, before).value_or(false)) {
+    return Downloaded(before);
+  }
   const bool found = objects.manager->CheckNewPack();
   const std::optional<std::string>& declined = objects.handler->declined_version();
   const bool repeats =
@@ -107,9 +131,12 @@ Outcome RunCheck(Context& context) {
     NoteAnsweredCheck(objects.handler->offered_version(), found || repeats, objects.handler->other_releases());
   }
   if (found || repeats) {
-    return WithOthers(NewPack(*objects.manager, repeats), objects.handler->other_releases());
+    Outcome outcome = WithOthers(NewPack(*objects.manager, repeats), objects.handler->other_releases());
+    outcome.problems = KeepOffer(objects.handler->offer());
+    return outcome;
   }
   if (declined) {
+    ForgetKeptOffer();
     return WithOthers(NothingNew(*declined), objects.handler->other_releases());
   }
   Outcome failed = FailedChange("check");

@@ -34,7 +34,9 @@ constexpr std::array kCommands = {
         "If nothing newer is on offer, nothing is done. If the update fails or you interrupt it, the previous pack\n"
         "comes back.\n"
         "A staged release is taken when this appliance is in its share, with --now at once.\n"
-        "Exit status 2: already up to date.",
+        "With --automatic, as a service runs it, nothing is checked: a pack that a check has found is downloaded,\n"
+        "installed or left alone as the settings say; see updater.conf(5). Without it nothing waits but for a hold.\n"
+        "Exit status 2: already up to date, or the pack waits.",
         Update, AddUpdateOptions},
     Command{
         "remove", Effect::kChange, "Remove the installed pack",
@@ -43,6 +45,17 @@ constexpr std::array kCommands = {
         "work is in progress.\n"
         "Exit status 2: no pack is installed.",
         Remove, AddRemoveOptions},
+    Command{"hold", Effect::kChange, "Let no pack be installed until you say so",
+            "Nothing is downloaded or installed by itself, and install and update are refused without --despite-hold.\n"
+            "Security releases are held for as long as security_wait_days of the settings says, at most.\n"
+            "Exit status 2: it was so already.\n"
+            "With --json: hold, with until (seconds since the epoch; null without an end).\n"
+            "Example: packctl hold --until 2026-12-27",
+            HoldUpdates, AddHoldOptions},
+    Command{"unhold", Effect::kChange, "End a hold",
+            "Exit status 2: updates were not held.\n"
+            "With --json: hold, which is null.",
+            UnholdUpdates},
     Command{
         "status", Effect::kNone, "Show how things are and what to do",
         "Shows the installed pack, what is available, the last check and what to do, and with --verbose also what is\n"

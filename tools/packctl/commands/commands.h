@@ -34,6 +34,8 @@ Outcome Download(Context& context);
 Outcome Install(Context& context);
 Outcome Update(Context& context);
 Outcome Remove(Context& context);
+Outcome HoldUpdates(Context& context);
+Outcome UnholdUpdates(Context& context);
 Outcome RunRecovery(Context& context);
 
 }  // namespace orbamira::packctl

@@ -1,14 +1,17 @@
 #include "tools/packctl/commands/status.h"
 
+#include <ctime>
 #include <filesystem>
 
 #include "platform/constants.h"
 #include "platform/posix/file_status.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/commands/watch.h"
+#include "tools/packctl/policy/judged_offer.h"
 #include "tools/packctl/record/lock_holder.h"
 #include "tools/packctl/record/support_period.h"
 #include "tools/packctl/view/status_report.h"
+#include "tools/packctl/view/wait_words.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -31,7 +34,9 @@ StatusFacts GatherFacts() {
           .codecs = InstalledCodecs(),
           .check = ReadAnsweredCheck(),
           .last_entry = ReadNewestEntry(),
-          .support_end = ReadSupportEnd()};
+          .support_end = ReadSupportEnd(),
+          .hold = ReadHold(std::time(nullptr)),
+          .wait = WaitOf(seen.record)};
 }
 
 Tone ToneOf(Health health) {
@@ -64,6 +69,8 @@ Json::Value StatusAnswer(const SeenStatus& seen) {
   answer["last_check"] = AnsweredCheckJson(ReadAnsweredCheck());
   const std::optional<std::chrono::sys_days> support_end = ReadSupportEnd();
   answer["support_until"] = support_end ? Json::Value(DayText(*support_end)) : Json::Value();
+  answer["wait"] = WaitJson(WaitOf(seen.record));
+  answer["hold"] = HoldJson(ReadHold(std::time(nullptr)));
   return answer;
 }
 

@@ -12,6 +12,7 @@
 #include "platform/posix/errors.h"
 #include "platform/printable.h"
 #include "platform/version.h"
+#include "tools/packctl/commands/automatic.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/commands/watched_work.h"
@@ -95,6 +96,7 @@ Outcome Downloaded() {
 Outcome Installed(const std::optional<PackIdentity>& before, Clock::duration duration) {
   Outcome outcome = EndOfChange(kExitDone, "done");
   outcome.change->happened = true;
+  outcome.problems = ForgetKeptOffer();
   outcome.text = InstalledSentence(InstalledIdentity().value_or(PackIdentity()), before,
                                    std::chrono::duration_cast<std::chrono::milliseconds>(duration)) +
                  "\n";
@@ -215,10 +217,19 @@ UpdateObjects ObjectsFor(const Context& context) {
   return objects;
 }
 
+Flow DownloadFlow() {
+  return {"download", [](const UpdateObjects& made) { return made.manager->Download(); }, false};
+}
+
+Flow InstallFlow() { return {"install", &InstallWhatIsAccepted, true}; }
+
+Flow UpdateFlow() {
+  return {"update", [](const UpdateObjects& made) { return made.manager->DownloadAndInstall(); }, true};
+}
+
 Outcome RunDownload(Context& context) {
   const UpdateObjects objects = ObjectsFor(context);
-  return RunAbout(context, objects, RecordBefore().new_version,
-                  {"download", [](const UpdateObjects& made) { return made.manager->Download(); }, false});
+  return RunAbout(context, objects, RecordBefore().new_version, DownloadFlow());
 }
 
 Outcome RunFileInstall(const Context& context) {
@@ -244,14 +255,45 @@ Outcome RunFileInstall(const Context& context) {
 }
 
 Outcome RunInstall(Context& context) {
+  if (std::optional<Outcome> refusal = RefuseWhileHeld(context)) {
+    return *std::move(refusal);
+  }
   if (!context.options.file.empty()) {
     return RunFileInstall(context);
   }
   const UpdateObjects objects = MakeUpdateObjects();
-  return RunAbout(context, objects, RecordBefore().new_version, {"install", &InstallWhatIsAccepted, true});
+  return RunAbout(context, objects, RecordBefore().new_version, InstallFlow());
+}
+
+Outcome RunAutomatically(Context& context) {
+  const UpdateObjects objects = MakeUpdateObjects();
+  const JudgedOffer judged = JudgeOffer(objects);
+  switch (judged.step) {
+    case OfferStep::kDownload: {
+      Outcome outcome = RunAbout(context, objects, judged.version, DownloadFlow());
+      outcome.result = outcome.exit == kExitDone ? "downloaded" : outcome.result;
+      return outcome;
+    }
+    case OfferStep::kInstall:
+      return RunAbout(context, objects, judged.version, InstallFlow());
+    case OfferStep::kUpdate:
+      return RunAbout(context, objects, judged.version, UpdateFlow());
+    case OfferStep::kFailed:
+      return FailedChange("update");
+    case OfferStep::kNothing:
+    case OfferStep::kWait:
+      break;
+  }
+  return EndWithoutStep(judged);
 }
 
 Outcome RunUpdate(Context& context) {
+  if (context.options.automatic) {
+    return RunAutomatically(context);
+  }
+  if (std::optional<Outcome> refusal = RefuseWhileHeld(context)) {
+    return *std::move(refusal);
+  }
   const UpdateObjects objects = ObjectsFor(context);
   const StatusRecord record = RecordBefore();
   if (!context.options.reinstall) {
@@ -259,8 +301,7 @@ Outcome RunUpdate(Context& context) {
       return *std::move(end);
     }
   }
-  return RunAbout(context, objects, record.new_version,
-                  {"update", [](const UpdateObjects& made) { return made.manager->DownloadAndInstall(); }, true});
+  return RunAbout(context, objects, record.new_version, UpdateFlow());
 }
 
 /// Tells orba-archive, which judges packages where there is a keyring.

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "platform/constants.h"
+#include "tools/packctl/policy/policy_settings.h"
 #include "tools/packctl/policy/release_choice.h"
 #include "tools/packctl/record/support_period.h"
 
@@ -72,6 +73,30 @@ std::span<const KnownSetting> KnownSettings() {
                    "The last day on which the maker closes security holes of this appliance. packctl status shows it, "
                    "and says when it has passed; nothing else changes then.",
                    "support_until=\"2031-12-31\""},
+      KnownSetting{
+          kUpdatePolicy,
+          "one of auto_download_auto_install, auto_download_manual_install and manual_download_manual_install",
+          IsUpdatePolicy, "manual_download_manual_install",
+          "What happens by itself to a new pack: it is downloaded and installed, it is downloaded and waits for a "
+          "person, or it is only announced.",
+          "update_policy=\"auto_download_auto_install\""},
+      KnownSetting{kInstallWindow, "one or more times such as 02:00-05:00", IsInstallWindow, "",
+                   "The times of day, by the machine's own time zone, at which an install may begin by itself. Several "
+                   "are separated by commas or blanks, and one may go across midnight. While it is empty, an install "
+                   "may begin at any time.",
+                   "install_window=\"02:00-05:00, 23:00-00:30\""},
+      KnownSetting{kInstallWaitDays, "a number of days from 0 to 365", IsDays, "7",
+                   "How long an install by itself waits for its window and for programs that use the installed pack. "
+                   "The days count from the first check that found the pack.",
+                   "install_wait_days=\"14\""},
+      KnownSetting{kSecurityInstall, "automatic or by_policy", IsSecurityInstall, "automatic",
+                   "Whether a release that its maker marked as a security release is installed by itself whatever the "
+                   "update policy, or treated as any other.",
+                   "security_install=\"by_policy\""},
+      KnownSetting{kSecurityWaitDays, "a number of days from 0 to 365", IsDays, "3",
+                   "How long at most a security release that is installed by itself waits for anything, a hold "
+                   "included.",
+                   "security_wait_days=\"1\""},
   };
   return kSettings;
 }

@@ -64,7 +64,7 @@ std::string CheckingPackHandler::GetDownloadVersion(const Json::Value& info) con
   Check(PackHandler::GetDownloadLink(offer), kLongestLink, "link");
   std::string version = PackHandler::GetDownloadVersion(offer);
   Check(version, kLongestVersion, "version");
-  offered_version_ = version;
+  offer_ = ReadOffer(offer);
   return version;
 }
 

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "tools/packctl/policy/offer.h"
 #include "tools/packctl/policy/release_choice.h"
 #include "tools/packctl/record/answered_check.h"
 #include "updater/pack_handler.h"
@@ -47,7 +48,10 @@ class CheckingPackHandler : public updater::PackHandler {
   [[nodiscard]] const OtherReleases& other_releases() const { return other_releases_; }
 
   /// The version of the last offer that was asked for its version or its link; empty before one was.
-  [[nodiscard]] const std::string& offered_version() const { return offered_version_; }
+  [[nodiscard]] const std::string& offered_version() const { return offer_.version; }
+
+  /// The same offer, with all that only packctl reads.
+  [[nodiscard]] const Offer& offer() const { return offer_; }
 
   /// The version that the server offered and that is no newer than the installed one; empty when no offer arrived.
   [[nodiscard]] const std::optional<std::string>& declined_version() const { return declined_version_; }
@@ -58,7 +62,7 @@ class CheckingPackHandler : public updater::PackHandler {
 
   mutable std::optional<Audience> audience_;  // read when a reply asks for it
   mutable OtherReleases other_releases_;
-  mutable std::string offered_version_;
+  mutable Offer offer_;
   mutable std::optional<std::string> declined_version_;
   mutable std::map<std::string, std::int64_t> sizes_;  // of packages, by their links
 };

@@ -37,6 +37,9 @@ std::string EndSentence(const HistoryEntry& entry) {
   const std::chrono::milliseconds duration(entry.duration_ms);
   const PackIdentity unknown{.version = "a pack"};
   const PackIdentity now = Named(entry.to).value_or(unknown);
+  if (entry.result == "waits") {
+    return Capitalized(FailureWords(entry)) + ".";
+  }
   if (entry.exit != 0) {
     const auto stays = entry.to ? std::optional(entry.to->version) : std::nullopt;
     const std::string why = entry.result == "cancelled" ? "" : ": " + FailureWords(entry);
@@ -45,11 +48,14 @@ std::string EndSentence(const HistoryEntry& entry) {
   if (entry.result == "new_pack") {
     return "Found " + now.version + ".";
   }
+  if (entry.command == "download" || entry.result == "downloaded") {
+    return "Downloaded " + now.version + " in " + TookWords(duration) + ".";
+  }
   if (entry.command == "install" || entry.command == "update") {
     return InstalledSentence(now, Named(entry.from), duration);
   }
-  if (entry.command == "download") {
-    return "Downloaded " + now.version + " in " + TookWords(duration) + ".";
+  if (entry.command == "hold" || entry.command == "unhold") {
+    return entry.command == "hold" ? "Held updates." : "Ended the hold.";
   }
   if (entry.command == "remove") {
     return "Removed " + Named(entry.from).value_or(unknown).version + ".";

@@ -7,6 +7,7 @@
 #include "tools/packctl/view/release_words.h"
 #include "tools/packctl/view/result_words.h"
 #include "tools/packctl/view/status_words.h"
+#include "tools/packctl/view/wait_words.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -117,6 +118,12 @@ std::string RemedyWords(const StatusFacts& facts) {
   if (reason && !reason->remedy.empty()) {
     return Printable(reason->remedy);
   }
+  if (facts.wait && facts.wait->reason == FailureReason::kHeld) {
+    return "Run: sudo packctl unhold";
+  }
+  if (facts.wait && facts.wait->reason != FailureReason::kWaitsForPerson) {
+    return std::string("nothing; to install now: sudo packctl ") + NextCommand(status);
+  }
   const bool is_settled = status == updater::kStatusLost || status == updater::kStatusUpToDate;
   return std::string("Run: sudo packctl ") + (is_settled && !facts.installed ? "update" : NextCommand(status));
 }
@@ -153,7 +160,11 @@ std::string StatusHeadline(const StatusFacts& facts) {
 }
 
 std::string StatusLines(const StatusFacts& facts) {
-  return "Installed:  " + InstalledWords(facts) + "\nAvailable:  " + AvailableWords(facts) +
+  // That a person has to act is what there is to do.
+  const bool is_told = facts.wait && facts.wait->reason != FailureReason::kWaitsForPerson;
+  const std::string wait = is_told ? "\nWaits:      " + WaitWords(*facts.wait) : "";
+  const std::string hold = facts.hold && !is_told ? "\nHeld:       " + HoldWords(*facts.hold) : "";
+  return "Installed:  " + InstalledWords(facts) + "\nAvailable:  " + AvailableWords(facts) + wait + hold +
          "\nLast check: " + CheckWords(facts) + SupportLine(facts) + "\nTo do:      " + RemedyWords(facts) + "\n";
 }
 

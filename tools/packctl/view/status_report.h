@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/packctl/policy/decision.h"
 #include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/record/installed_pack.h"
@@ -22,6 +23,8 @@ struct StatusFacts {
   std::optional<AnsweredCheck> check = {};                ///< the last that the server answered
   std::optional<HistoryEntry> last_entry = {};            ///< of the history
   std::optional<std::chrono::sys_days> support_end = {};  ///< the last day of support
+  std::optional<Hold> hold = {};                          ///< the owner's, that is in force
+  std::optional<Wait> wait = {};                          ///< why the pack on offer is not installed
 };
 
 /// Whether somebody has to do something.

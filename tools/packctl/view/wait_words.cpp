@@ -19,12 +19,40 @@ std::string ReasonWords(FailureReason reason) {
                                                 : "the update policy leaves it to you";
 }
 
+Json::Value TimeOrNull(const std::optional<std::time_t>& time) {
+  return time ? Json::Value(Json::Int64{*time}) : Json::Value();
+}
+
 }  // namespace
 
 Failure ExplainWait(const std::string& version, const Wait& wait) {
-  const std::string until = wait.until ? ", until " + LocalTime(*wait.until) + " at the latest" : "";
-  return MakeFailure(wait.reason, version + " waits: " + ReasonWords(wait.reason) + until,
+  return MakeFailure(wait.reason, version + " waits: " + WaitWords(wait),
                      wait.reason == FailureReason::kHeld ? "Run: sudo packctl unhold" : "Run: sudo packctl update");
+}
+
+std::string WaitWords(const Wait& wait) {
+  return ReasonWords(wait.reason) + (wait.until ? ", until " + LocalTime(*wait.until) + " at the latest" : "");
+}
+
+std::string HoldWords(const Hold& hold) {
+  return "updates are held" + (hold.until ? " until " + LocalTime(*hold.until) : "");
+}
+
+Json::Value WaitJson(const std::optional<Wait>& wait) {
+  Json::Value json;
+  if (wait) {
+    json["code"] = CodeOf(wait->reason);
+    json["until"] = TimeOrNull(wait->until);
+  }
+  return json;
+}
+
+Json::Value HoldJson(const std::optional<Hold>& hold) {
+  Json::Value json;
+  if (hold) {
+    json["until"] = TimeOrNull(hold->until);
+  }
+  return json;
 }
 
 }  // namespace orbamira::packctl

@@ -4,6 +4,7 @@
 #include <array>
 
 #include "tools/packctl/view/status_words.h"
+#include "tools/packctl/view/wait_words.h"
 #include "updater/pack_status_helper.h"
 
 namespace orbamira::packctl {
@@ -35,6 +36,13 @@ auto IfPermitted(const std::string& noun, Rule rule) {
   };
 }
 
+// What the record permits by this rule, unless updates are held.
+auto UnlessHeld(const std::string& noun, Rule rule) {
+  return [permitted = IfPermitted(noun, rule)](const MachineState& state) {
+    return state.hold ? std::optional(Refusal{CodeOf(FailureReason::kHeld), HoldWords(*state.hold)}) : permitted(state);
+  };
+}
+
 std::optional<Refusal> WhyNoRemoval(const MachineState& state) {
   if (!state.record) {
     return Unreadable(state);
@@ -51,9 +59,9 @@ std::span<const PageAction> PageActions() {
   static const std::array kActions = {
       PageAction{"check", {"check"}, &Always},
       PageAction{"download", {"download"}, IfPermitted("download", &Rules::CanDoDownload)},
-      PageAction{"install", {"install"}, IfPermitted("install", &Rules::CanDoInstall)},
-      PageAction{"update", {"update"}, IfPermitted("update", &Rules::CanDoDownloadInstall)},
-      PageAction{"reinstall", {"update", "--reinstall"}, IfPermitted("update", &Rules::CanDoDownloadInstall)},
+      PageAction{"install", {"install"}, UnlessHeld("install", &Rules::CanDoInstall)},
+      PageAction{"update", {"update"}, UnlessHeld("update", &Rules::CanDoDownloadInstall)},
+      PageAction{"reinstall", {"update", "--reinstall"}, UnlessHeld("update", &Rules::CanDoDownloadInstall)},
       PageAction{"remove", {"remove", "--yes"}, &WhyNoRemoval},
       PageAction{"recover", {"recover"}, &Always},
       PageAction{"doctor", {"doctor"}, &Always},

@@ -10,6 +10,7 @@
 #include "platform/posix/files.h"
 #include "tools/packctl/cli/command.h"
 #include "tools/packctl/commands/status.h"
+#include "tools/packctl/policy/judged_offer.h"
 #include "tools/packctl/record/file_watch.h"
 #include "tools/packctl/record/support_period.h"
 
@@ -81,7 +82,8 @@ std::optional<HistoryEntry> UnmendedFailure(const MachineState& state) {
     const bool is_check = entry->command == "check";
     const bool is_cancelled_check = is_check && entry->exit == kExitCancelled;
     const bool is_newest = !state.checked || state.checked->IsOlderThan(entry->time);
-    if (entry->exit != kExitDone && (is_recorded ? !is_check : is_newest && !is_cancelled_check)) {
+    if (entry->exit != kExitDone && entry->exit != kExitNothingToDo &&
+        (is_recorded ? !is_check : is_newest && !is_cancelled_check)) {
       return *entry;
     }
     if (!is_recorded) {
@@ -115,6 +117,8 @@ MachineState StateReader::Look() {
   now.installed = ReadInstalledPack();
   now.checked = ReadAnsweredCheck();
   now.support_end = ReadSupportEnd();
+  now.wait = now.record ? WaitOf(*now.record) : std::nullopt;
+  now.hold = ReadHold(std::time(nullptr));
   LookAtCodecs(console_, now);
   LookAtHistory(now);
   console_.TakeHeld();

@@ -13,6 +13,7 @@
 #include "platform/posix/unique_fd.h"
 #include "tools/packctl/cli/console.h"
 #include "tools/packctl/host/codec_report.h"
+#include "tools/packctl/policy/decision.h"
 #include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/record/installed_pack.h"
@@ -32,6 +33,8 @@ struct MachineState {
   std::vector<HistoryEntry> history = {};                 ///< the newest entries, oldest first: a year of them, bounded
   unsigned long history_changes = 0;                      ///< how often another history was found
   std::optional<AnsweredCheck> checked = {};              ///< when the update server last answered a check
+  std::optional<Wait> wait = {};                          ///< why the pack on offer is not installed by itself
+  std::optional<Hold> hold = {};                          ///< the owner's, that is in force
   std::vector<std::string> problems = {};                 ///< what could not be read, a sentence each
   std::optional<double> rate = {};                        ///< of the download under way, in bytes per second
   bool at_work = false;                                   ///< a program holds the update lock

@@ -6,6 +6,7 @@
 #include "platform/printable.h"
 #include "tools/packctl/record/support_period.h"
 #include "tools/packctl/view/progress_text.h"
+#include "tools/packctl/view/wait_words.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -118,6 +119,8 @@ Json::Value StateJson(const MachineState& state) {
     json["why_not"][action.name] = RefusalJson(action.why_not(state));
   }
   json["offer"] = OfferJson(OfferedPack(state));
+  json["wait"] = WaitJson(state.wait);
+  json["hold"] = HoldJson(state.hold);
   json["installed"] = InstalledJson(state);
   json["requested"] = state.codecs ? RequestedJson(*state.codecs) : Json::Value();
   json["checked"] = state.checked ? Json::Value(Json::Int64{state.checked->time}) : Json::Value();

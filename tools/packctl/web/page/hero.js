@@ -1,6 +1,6 @@
 // The first thing that a visitor sees: how it is, what happens, and the one button that fits.
 
-import { ageOf, byId, dateOf, durationOf, fill, make, setText, sizeOf } from "./dom.js";
+import { ageOf, byId, dateOf, durationOf, fill, make, setText, sizeOf, timeOf } from "./dom.js";
 import { words } from "./words.js";
 
 // What is tried again after each recorded failure.
@@ -106,6 +106,8 @@ function detailOf(kind, { state, reached }) {
       return state.installed === null ? "" : words.until(state.installed);
     case "installing":
       return "";
+    case "offered":
+      return state.wait === null ? words.soon : waitWords(state.wait);
     default:
       return [
         state.checked === null ? words.neverChecked : words.checked(ageOf(state.checked)),
@@ -121,6 +123,12 @@ function supportOf(state) {
     return [];
   }
   return [day < new Date().toISOString().slice(0, day.length) ? words.supportEnded(day) : words.supported(day)];
+}
+
+// Why the pack on offer is not installed, and until when.
+function waitWords({ code, until }) {
+  const cause = words.reasons[code]?.cause ?? code;
+  return until === null ? cause : `${cause} ${words.latest(timeOf(until))}`;
 }
 
 function showFailure(kind, state) {

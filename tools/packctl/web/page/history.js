@@ -9,7 +9,8 @@ const kFirstLines = 12;
 let showsAll = false;
 
 const isCancelled = (entry) => entry.result === "cancelled";
-const hasFailed = (entry) => entry.exit !== 0 && entry.result !== "nothing_new" && !isCancelled(entry);
+const hasFailed = (entry) =>
+  entry.exit !== 0 && !["nothing_new", "waits"].includes(entry.result) && !isCancelled(entry);
 
 const markOf = (entry) => (hasFailed(entry) ? "failed" : isCancelled(entry) ? "cancelled" : "done");
 
@@ -25,7 +26,11 @@ function sentenceOf(entry) {
   if (isCancelled(entry)) {
     return words.cancelledTo[entry.command] ?? entry.command;
   }
-  return entry.result === "nothing_new" ? words.nothing : (words.done[entry.command]?.(entry) ?? entry.command);
+  if (entry.result === "waits") {
+    return words.waits;
+  }
+  const done = words.done[entry.result === "downloaded" ? "download" : entry.command];
+  return entry.result === "nothing_new" ? words.nothing : (done?.(entry) ?? entry.command);
 }
 
 // Runs of one after the other that are told in the same words, newest first.

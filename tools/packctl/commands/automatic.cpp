@@ -1,0 +1,131 @@
+#include "tools/packctl/commands/automatic.h"
+
+#include <ctime>
+#include <exception>
+#include <utility>
+
+#include "platform/json/json_values.h"
+#include "tools/packctl/commands/change_outcome.h"
+#include "tools/packctl/policy/judged_offer.h"
+#include "tools/packctl/policy/pack_users.h"
+#include "tools/packctl/record/installed_pack.h"
+#include "tools/packctl/record/recorded_status.h"
+#include "tools/packctl/view/wait_words.h"
+#include "updater/update_request.h"
+
+namespace orbamira::packctl {
+namespace {
+
+// What the record and the note come to.
+JudgedOffer Judge(const StatusRecord& record) {
+  JudgedRecord found = JudgeRecord(record, IsPackInUse);
+  if (!found.is_on_offer) {
+    return {};
+  }
+  JudgedOffer judged{.version = record.new_version,
+                     .note = std::move(found.note),
+                     .wait = found.wait,
+                     .problems = std::move(found.problems)};
+  const bool is_downloaded = record.status == updater::kStatusNeedInstall;
+  if (!judged.wait) {
+    judged.step = is_downloaded ? OfferStep::kInstall : OfferStep::kUpdate;
+  } else {
+    judged.step = judged.wait->may_download && !is_downloaded ? OfferStep::kDownload : OfferStep::kWait;
+  }
+  return judged;
+}
+
+// Whether the record is what the update server says now; it is brought up to that.
+bool RefreshRecord(const UpdateObjects& objects, const StatusRecord& record) {
+  if (record.status == updater::kStatusNeedInstall && IsStillOffered(objects, record).value_or(true)) {
+    return true;  // without an answer the downloaded pack is what there is
+  }
+  if (objects.manager->CheckNewPack()) {
+    KeepOffer(objects.handler->offer());
+    return true;
+  }
+  if (objects.handler->declined_version()) {
+    ForgetKeptOffer();
+  }
+  return false;
+}
+
+}  // namespace
+
+JudgedOffer JudgeOffer(const UpdateObjects& objects) {
+  const StatusRecord record = ReadStatus();
+  JudgedOffer judged = Judge(record);
+  if (judged.step != OfferStep::kNothing && judged.step != OfferStep::kWait) {
+    if (RefreshRecord(objects, record)) {
+      judged = Judge(ReadStatus());
+    } else {
+      judged.step = objects.handler->declined_version() ? OfferStep::kNothing : OfferStep::kFailed;
+    }
+  }
+  GiveUpLookingIntoProcesses();
+  return judged;
+}
+
+Outcome EndWithoutStep(const JudgedOffer& judged) {
+  Outcome outcome = EndOfChange(kExitNothingToDo, judged.wait ? "waits" : "nothing_to_do");
+  outcome.problems = judged.problems;
+  outcome.members["version"] = NullIfEmpty(judged.version);
+  outcome.members["wait"] = WaitJson(judged.wait);
+  if (!judged.wait) {
+    outcome.text = "Nothing waits to be installed.\n";
+    return outcome;
+  }
+  outcome.version = judged.version;
+  outcome.failure = ExplainWait(judged.version, *judged.wait);
+  try {
+    OfferNote note = judged.note;
+    outcome.change->happened = note.told != outcome.failure->code;
+    note.told = outcome.failure->code;
+    KeepOfferNote(note);
+  } catch (const std::exception& error) {
+    outcome.change->happened = false;  // it would be told with every run
+    outcome.problems.emplace_back(error.what());
+  }
+  return outcome;
+}
+
+std::optional<bool> IsStillOffered(const UpdateObjects& objects, const StatusRecord& record) {
+  Json::Value offer;
+  const bool with_aac = updater::ChoosePack(*objects.manager).with_aac;
+  if (!objects.manager->FetchDownloadInfo(with_aac, offer)) {
+    return std::nullopt;
+  }
+  const bool is_same = objects.handler->GetDownloadVersion(offer) == record.new_version &&
+                       updater::PackName(with_aac) == record.new_pack_name;
+  if (is_same) {
+    KeepOffer(objects.handler->offer());
+  }
+  return is_same;
+}
+
+std::vector<std::string> KeepOffer(const Offer& offer) try {
+  KeepOfferNote(Noted(offer, ReadOfferNote(), std::time(nullptr)));
+  return {};
+} catch (const std::exception& error) {
+  return {std::string("cannot keep since when the pack is on offer: ") + error.what()};
+}
+
+std::vector<std::string> ForgetKeptOffer() try {
+  ForgetOffer();
+  return {};
+} catch (const std::exception& error) {
+  return {error.what()};
+}
+
+std::optional<Outcome> RefuseWhileHeld(const Context& context) {
+  const std::optional<Hold> hold = ReadHold(std::time(nullptr));
+  if (!hold || context.options.despite_hold) {
+    return std::nullopt;
+  }
+  Outcome outcome = EndOfChange(kExitNotPermitted, "not_permitted");
+  outcome.failure = MakeFailure(FailureReason::kHeld, HoldWords(*hold),
+                                "Run: sudo packctl unhold, or add --despite-hold to install all the same");
+  return outcome;
+}
+
+}  // namespace orbamira::packctl

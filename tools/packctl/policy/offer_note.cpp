@@ -1,0 +1,67 @@
+#include "tools/packctl/policy/offer_note.h"
+
+#include "platform/json/json_object.h"
+#include "platform/version.h"
+#include "tools/packctl/policy/state_file.h"
+
+namespace orbamira::packctl {
+namespace {
+
+constexpr const char* kFile = "offer.json";
+
+// No offer was seen before this program was made.
+constexpr std::time_t kYear2026 = 1767225600;
+
+bool IsTrue(const Json::Value& value) { return value.isBool() && value.asBool(); }
+
+}  // namespace
+
+OfferNote Noted(const Offer& offer, const std::optional<OfferNote>& before, std::time_t now) {
+  OfferNote note{.offer = offer, .first_seen = now};
+  if (!before) {
+    return note;
+  }
+  const bool is_same = before->offer.version == offer.version;
+  const bool is_heir = before->offer.security && IsNewVersion(before->offer.version, offer.version);
+  note.offer.security = offer.security || (before->offer.security && (is_same || is_heir));
+  note.told = is_same ? before->told : "";
+  // Of a release that is marked later, the days count from then.
+  const bool goes_on = (is_same || is_heir) && before->offer.security == note.offer.security;
+  if (goes_on && before->first_seen >= kYear2026 && before->first_seen <= now) {
+    note.first_seen = before->first_seen;
+  }
+  return note;
+}
+
+std::optional<OfferNote> ReadOfferNote() {
+  const std::optional<Json::Value> kept = ReadStateFile(kFile).object;
+  if (!kept || !(*kept)["first_seen"].isInt64()) {
+    return std::nullopt;
+  }
+  const Json::Value& json = *kept;
+  const Json::Value& rollout = json["rollout"];
+  return OfferNote{.offer = {.version = TextOf(json["version"]),
+                             .security = IsTrue(json["security"]),
+                             .rollout = rollout.isNumeric() ? std::optional(rollout.asDouble()) : std::nullopt,
+                             .channel = TextOf(json["channel"])},
+                   .first_seen = json["first_seen"].asInt64(),
+                   .told = TextOf(json["told"])};
+}
+
+void KeepOfferNote(const OfferNote& note) {
+  if (ReadOfferNote() == note) {
+    return;
+  }
+  Json::Value json;
+  json["version"] = note.offer.version;
+  json["security"] = note.offer.security;
+  json["rollout"] = note.offer.rollout ? Json::Value(*note.offer.rollout) : Json::Value();
+  json["channel"] = note.offer.channel;
+  json["first_seen"] = Json::Int64{note.first_seen};
+  json["told"] = note.told;
+  WriteStateFile(kFile, json);
+}
+
+void ForgetOffer() { RemoveStateFile(kFile); }
+
+}  // namespace orbamira::packctl
