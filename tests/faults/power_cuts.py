@@ -112,6 +112,8 @@ class Bench:
 
     def clone(self, image, name):
         copy = self.store / name
+        # A new file: mounting the old one again may reuse its loop device, with what that holds in memory.
+        copy.unlink(missing_ok=True)
         run("cp", "--reflink=always", image, copy)
         return copy
 
