@@ -61,19 +61,17 @@ std::string Footer() {
 }
 
 constexpr const char* kJsonHelp = "Print one JSON object instead of text";
-
 constexpr const char* kColorHelp =
     "Colour the text: auto (default; on a terminal, unless NO_COLOR is set), always or never";
 constexpr const char* kVerboseHelp = "Also show what is behind the result, such as the log of a failure";
 constexpr const char* kQuietHelp = "Show nothing but why it failed";
 constexpr const char* kDespiteHoldHelp = "Install although updates are held";
+constexpr const char* kOlderHelp = "Install the pack even if it is older, below the minimum or past its last day";
 constexpr const char* kWaitHelp = "Wait so long for another program at work to end (default 0)";
-
 constexpr const char* kHelp = "help";
 constexpr const char* kHelpSummary = "Explain a command";
 constexpr const char* kHelpDetails = "Example: packctl help history";
 constexpr const char* kHelpArgument = "COMMAND";
-
 constexpr const char* kAccount = "account";
 constexpr const char* kAccountSummary = "Sign in to an account, sign out, show who is signed in";
 
@@ -91,8 +89,6 @@ CLI::App* AddCommand(CLI::App& app, const Command& command) {
       groups.empty() ? app.add_subcommand(kAccount, kAccountSummary)->require_subcommand(1) : groups.front();
   return group->add_subcommand(OwnName(command.name), command.summary);
 }
-
-constexpr const char* kOlderHelp = "Install the pack even if it is older, below the minimum or past its last day";
 
 CLI::Validator NumberBetween(int least, int most) { return CLI::Range(least, most).description(""); }
 
