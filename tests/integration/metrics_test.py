@@ -113,6 +113,20 @@ class MetricsTest(unittest.TestCase):
         info.write_text(info.read_text().replace('version="1.0"', 'version="1.1"'))
         self.assertEqual(self.values()["orbamira_pack_withdrawn"], {(): 0})
 
+    def test_what_waits_and_why(self):
+        self.assertNotIn("orbamira_offer_waits", self.values())
+        self.publish("1.0")
+        self.appliance.expect("check")
+        self.assertEqual(self.only(self.values(), "orbamira_offer_waits"), ({"code": "waits_for_person"}, 1))
+        self.appliance.expect("hold", "--until", "2037-01-01")
+        found = self.values()
+        self.assertEqual(self.only(found, "orbamira_offer_waits"), ({"code": "held"}, 1))
+        _, until = self.only(found, "orbamira_offer_waits_until_timestamp_seconds")
+        self.assertLess(abs(until - datetime.datetime(2037, 1, 1).timestamp()), 2 * DAY)
+        self.appliance.expect("unhold")
+        self.appliance.expect("update")
+        self.assertNotIn("orbamira_offer_waits", self.values())
+
     def test_failures_by_their_codes(self):
         self.publish("1.0")
         self.appliance.expect("check")

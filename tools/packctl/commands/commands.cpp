@@ -91,9 +91,9 @@ constexpr std::array kCommands = {
             "With --json: the lists installed and requested.", Codecs},
     Command{
         "metrics", Effect::kNone, "Print what a monitoring system wants to know",
-        "Prints gauges in Prometheus' text format: the installed pack and its codecs, the recorded status, the last\n"
-        "check, recent failures by their codes, and the end of support. With --output they go into a file, for\n"
-        "node_exporter's textfile collector; orbamira-metrics.timer does that.\n"
+        "Prints gauges in Prometheus' text format: the installed pack and its codecs, the recorded status, what waits\n"
+        "and why, the last check, recent failures by their codes, and the end of support. With --output they go into\n"
+        "a file, for node_exporter's textfile collector; orbamira-metrics.timer does that.\n"
         "With --json: the list metrics of name, labels and value.",
         ShowMetrics, AddMetricsOptions},
     Command{"web", Effect::kNone, "Show all of this in a browser, until interrupted",

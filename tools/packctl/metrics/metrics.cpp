@@ -13,6 +13,7 @@
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/commands/status.h"
 #include "tools/packctl/metrics/exposition.h"
+#include "tools/packctl/policy/judged_offer.h"
 #include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/support_period.h"
@@ -58,6 +59,18 @@ std::optional<SeenStatus> LookIfReadable() try { return LookAtStatus(); } catch 
   return std::nullopt;
 }
 
+void AddWait(const std::optional<Wait>& wait, Metrics& metrics) {
+  if (!wait) {
+    return;
+  }
+  metrics.push_back(Info("orbamira_offer_waits", "Why the available codec pack is not installed yet",
+                         {{"code", CodeOf(wait->reason)}}));
+  if (wait->until) {
+    metrics.push_back(
+        Gauge("orbamira_offer_waits_until_timestamp_seconds", "When this reason ends at the latest", *wait->until));
+  }
+}
+
 void AddRecord(Metrics& metrics) {
   const std::optional<SeenStatus> seen = LookIfReadable();
   metrics.push_back(Flag("orbamira_record_readable", "Whether the recorded status can be read", seen.has_value()));
@@ -71,6 +84,7 @@ void AddRecord(Metrics& metrics) {
     metrics.push_back(Info("orbamira_offer_info", "The codec pack that is recorded as available",
                            {{"version", seen->record.new_version}}));
   }
+  AddWait(WaitOf(seen->record), metrics);
 }
 
 // The newest check that failed, unless a later one was answered.
