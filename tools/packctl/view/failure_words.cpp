@@ -71,14 +71,10 @@ std::vector<Rule> RulesForSignedPackages(const std::string& command) {
   };
 }
 
-// The first whose sign is found counts: a full disk, say, is the reason for much else, and a package that a program
-// refuses also counts as one that does not match its checksum. A stick's errors come before those of the disk.
-std::vector<Rule> RulesFor(const std::string& command) {
+// A stick's errors come before those of the disk.
+std::vector<Rule> RulesForDisks(const std::string& command) {
   using enum FailureReason;
   const auto anyone = Speaker::kAnyone;
-  const auto programs = Speaker::kPrograms;
-  const std::string malformed = "the update server's reply is malformed";
-  const std::string damaged = "the package is damaged";
   const std::string again = "un: sudo packctl " + command;
   const std::string room = "Make room, then r" + again;
   const std::string disk = "Check the disk, then r" + again;
@@ -90,6 +86,18 @@ std::vector<Rule> RulesFor(const std::string& command) {
       {kDiskError, anyone, WordsOf(std::errc::io_error), Words::kOwn, "the disk reports an error", disk},
       {kDiskError, anyone, WordsOf(std::errc::read_only_file_system), Words::kOwn, "the disk is read-only", disk},
       {kDiskError, anyone, "Open download file ", Words::kOwn, "the disk does not take the package", disk},
+  };
+}
+
+// The first whose sign is found counts: a full disk, say, is the reason for much else, and a package that a program
+// refuses also counts as one that does not match its checksum.
+std::vector<Rule> RulesFor(const std::string& command) {
+  using enum FailureReason;
+  const auto anyone = Speaker::kAnyone;
+  const auto programs = Speaker::kPrograms;
+  const std::string malformed = "the update server's reply is malformed";
+  const std::string damaged = "the package is damaged";
+  return {
       {kNotSigned, anyone, ": not signed", Words::kOwn, "the package is not signed",
        "Get a signed package from its publisher."},
       {kNoNetworkModule, anyone, "the network module", Words::kOwn,
@@ -107,7 +115,7 @@ std::vector<Rule> RulesFor(const std::string& command) {
       {kBadPackage, programs, "orba-tar: ", Words::kOwnAndCause, damaged, kDoctor},
       {kInstallFailed, programs, "orba-", Words::kLine, "", kDoctor},
       {kChecksumMismatch, anyone, "Failed to verify checksum", Words::kOwn,
-       "the package is not the one that the server announced", "R" + again},
+       "the package is not the one that the server announced", "Run: sudo packctl " + command},
       {kBadReply, anyone, "Failed to parse response", Words::kOwn, "the update server's reply is not JSON", kDoctor},
       {kNoPackOffered, anyone, "Get " + updater::PackName(false) + " info failed", Words::kOwn,
        "the server offers no HEVC pack", kDoctor},
@@ -189,7 +197,7 @@ std::string UnknownCause(const Said& said) {
 }
 
 Failure Explain(const std::string& command, const Said& said) {
-  for (const std::vector<Rule>& rules : {RulesForSignedPackages(command), RulesFor(command)}) {
+  for (const std::vector<Rule>& rules : {RulesForSignedPackages(command), RulesForDisks(command), RulesFor(command)}) {
     for (const Rule& rule : rules) {
       if (const std::string* line = FindLine(said, rule)) {
         return MakeFailure(rule.reason, MessageOf(rule, *line), rule.remedy);
