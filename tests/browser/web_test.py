@@ -181,6 +181,19 @@ class WebTest(unittest.TestCase):
             self.assertEqual(self.text(browser, "act"), "Install")
             self.assertEqual(self.versions(browser), ["None"])
 
+    def test_tells_of_releases_beside_the_one_on_offer(self):
+        self.install("1.0")
+        note = {"version": "0.9", "is_news": False, "withdrawn": "1.0", "staged": {"version": "1.1", "rollout": 5}}
+        (self.appliance.cache / "checked").write_text(json.dumps(note))
+        self.start_web()
+        with open_browser(width=WIDE) as browser:
+            self.open_page(browser)
+            self.assertIn(
+                "The maker has withdrawn version 1.0; a newer one will replace it. "
+                "Version 1.1 is on its way to 5 % of the appliances first.",
+                self.text(browser, "detail"),
+            )
+
     def test_says_how_long_the_maker_supports_the_appliance(self):
         self.install("1.0")
         settings = self.appliance.settings / "updater.conf"

@@ -49,6 +49,8 @@ export const words = {
 
   checked: (age) => `Zuletzt geprüft ${age}.`,
   neverChecked: "Noch nicht geprüft.",
+  withdrawn: (pack) => `Der Hersteller hat Version ${pack.version} zurückgezogen; eine neuere ersetzt sie.`,
+  staged: (release) => `Version ${release.version} geht zuerst an ${release.rollout} % der Geräte.`,
   soon: "Es wird bald installiert.",
   latest: (time) => `Spätestens ${time}.`,
   supported: (day) => `Unterstützt bis ${day}.`,

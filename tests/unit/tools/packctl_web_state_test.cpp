@@ -199,6 +199,20 @@ TEST_F(StateReaderTest, LookTellsOfAFailureUntilItIsMended) {
   EXPECT_TRUE(state["failure"].isNull()) << "a later check was answered";
 }
 
+TEST_F(StateReaderTest, LookTellsOfReleasesBesideTheOffer) {
+  fs::create_directories(fs::path(kDownloadFolder).parent_path());
+  EXPECT_TRUE(Look()["staged"].isNull());
+  EXPECT_EQ(Look()["withdrawn"], false);
+  test::WriteFile(path::kPackInfoPath, "package=p\nversion=1.2\n");
+  NoteAnsweredCheck("1.1", false, {.staged = StagedRelease{"1.3", 12.5}, .withdrawn = "1.2"});
+  const Json::Value state = Look();
+  EXPECT_EQ(state["staged"]["version"], "1.3");
+  EXPECT_EQ(state["staged"]["rollout"], 12.5);
+  EXPECT_EQ(state["withdrawn"], true);
+  NoteAnsweredCheck("1.1", false, {.withdrawn = "1.1"});
+  EXPECT_EQ(Look()["withdrawn"], false) << "another is installed";
+}
+
 TEST_F(StateReaderTest, LookTellsHowLongTheMakerSupportsTheAppliance) {
   test::WriteFile(path::kPkgSetting, "support_until=2031-12-31\n");
   EXPECT_EQ(Look()["support_until"], "2031-12-31");

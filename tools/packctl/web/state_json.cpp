@@ -124,6 +124,9 @@ Json::Value StateJson(const MachineState& state) {
   json["installed"] = InstalledJson(state);
   json["requested"] = state.codecs ? RequestedJson(*state.codecs) : Json::Value();
   json["checked"] = state.checked ? Json::Value(Json::Int64{state.checked->time}) : Json::Value();
+  const OtherReleases others = state.checked ? state.checked->others : OtherReleases();
+  json["staged"] = StagedReleaseJson(others.staged);
+  json["withdrawn"] = state.installed && state.installed->identity.version == others.withdrawn;
   json["support_until"] = state.support_end ? Json::Value(DayText(*state.support_end)) : Json::Value();
   const std::optional<HistoryEntry> failure = UnmendedFailure(state);
   json["failure"] = failure ? failure->ToJson() : Json::Value();

@@ -111,9 +111,18 @@ function detailOf(kind, { state, reached }) {
     default:
       return [
         state.checked === null ? words.neverChecked : words.checked(ageOf(state.checked)),
+        ...releasesOf(state),
         ...supportOf(state),
       ].join(" ");
   }
+}
+
+// What the last check said of releases beside the one on offer.
+function releasesOf(state) {
+  return [
+    ...(state.withdrawn ? [words.withdrawn(state.installed)] : []),
+    ...(state.staged === null ? [] : [words.staged(state.staged)]),
+  ];
 }
 
 // How long the maker supports the appliance, where that is set.

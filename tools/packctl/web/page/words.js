@@ -49,6 +49,8 @@ export const words = {
   // And what goes with it.
   checked: (age) => `Last check ${age}.`,
   neverChecked: "Not checked yet.",
+  withdrawn: (pack) => `The maker has withdrawn version ${pack.version}; a newer one will replace it.`,
+  staged: (release) => `Version ${release.version} is on its way to ${release.rollout} % of the appliances first.`,
   supported: (day) => `Supported until ${day}.`,
   supportEnded: (day) => `The maker's support ended on ${day}: security holes may stay open.`,
   soon: "It is installed soon.",
