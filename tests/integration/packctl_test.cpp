@@ -188,7 +188,8 @@ TEST_F(PackctlTest, WrongUsageIsOneLineWithTheNearestCommandAndTheWayToHelp) {
 TEST_F(PackctlTest, AFirstUpdateBringsThePack) {
   appliance_.Publish("1.0", "one");
   const Json::Value check = RunJson({"check"}, 0);
-  EXPECT_THAT(Members(check), testing::ElementsAre("command", "installed_version", "result", "status", "version"));
+  EXPECT_THAT(Members(check),
+              testing::ElementsAre("command", "installed_version", "result", "staged", "status", "version"));
   EXPECT_EQ(check["command"], "check");
   EXPECT_EQ(check["result"], "new_pack");
   EXPECT_EQ(check["status"], "need_download");
