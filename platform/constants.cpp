@@ -45,15 +45,20 @@ const char* const kTarPath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/orba-tar");
 const char* const kCpPath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/orba-copy");
 const char* const kRmPath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/orba-remove");
 const char* const kOrbaArchivePath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/orba-archive");
+const char* const kHealthProgramPath = AtRoot(ORBAMIRA_HELPERS_FOLDER "/check-health");
+const char* const kHealthFolder = AtRoot(ORBAMIRA_HEALTH_FOLDER);
 const char* const kTempPackFolderPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/." ORBAMIRA_PACK_FOLDER_NAME ".unpacked");
 const char* const kPackFolderPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/" ORBAMIRA_PACK_FOLDER_NAME);
 const char* const kBackupPackFolderPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/." ORBAMIRA_PACK_FOLDER_NAME ".backup");
+const char* const kPreviousPackFolderPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/." ORBAMIRA_PACK_FOLDER_NAME ".previous");
 const char* const kPackInfoPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/" ORBAMIRA_PACK_FOLDER_NAME "/INFO");
 const char* const kHasAacPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/" ORBAMIRA_PACK_FOLDER_NAME "/has_aac");
 const char* const kHasHevcPath = AtRoot(ORBAMIRA_PACKS_FOLDER "/" ORBAMIRA_PACK_FOLDER_NAME "/has_hevc");
 const char* const kDownloadedOpkPath = AtRoot(ORBAMIRA_CACHE_FOLDER "/download/" ORBAMIRA_PACK_FOLDER_NAME ".opk");
 const char* const kPackStatusFile = AtRoot(ORBAMIRA_STATE_FOLDER "/status.json");
 const char* const kPackStatusLock = AtRoot(ORBAMIRA_RUN_FOLDER "/lock/status.lock");
+const char* const kHealthFile = AtRoot(ORBAMIRA_STATE_FOLDER "/health.json");
+const char* const kHealthyPackFile = AtRoot(ORBAMIRA_STATE_FOLDER "/healthy-pack");
 const char* const kHistoryFile = AtRoot(ORBAMIRA_STATE_FOLDER "/history.jsonl");
 const char* const kAcceptedPackagesFile = AtRoot(ORBAMIRA_STATE_FOLDER "/accepted-packages");
 const char* const kCodecRequirementsPath = AtRoot(ORBAMIRA_STATE_FOLDER "/codec-requirements.json");
@@ -81,6 +86,8 @@ const char* const kPackUpdateServer = "pack_update_server";
 const char* const kDownloadLimit = "download_limit";
 const char* const kUnpackLimit = "unpack_limit";
 const char* const kMinimumManifestFormat = "minimum_manifest_format";
+const char* const kKeepPreviousPack = "keep_previous_pack";
+const char* const kHealthTimeLimit = "health_time_limit";
 
 }  // namespace common
 

@@ -52,12 +52,19 @@ extern const char* const kCpPath;
 extern const char* const kRmPath;
 /// Program that unpacks a package archive: "-xf ARCHIVE -C DIR".
 extern const char* const kOrbaArchivePath;
+/// Program that checks the health of a pack: "FOLDER".
+extern const char* const kHealthProgramPath;
+/// Directory of the programs that also judge it, which kHealthProgramPath runs.
+extern const char* const kHealthFolder;
 /// Directory that a new pack is unpacked into; on the same file system as kPackFolderPath.
 extern const char* const kTempPackFolderPath;
 /// Directory of the installed pack.
 extern const char* const kPackFolderPath;
 /// Where the previous pack waits while a new one is put in place; on the same file system as kPackFolderPath.
 extern const char* const kBackupPackFolderPath;
+/// The pack that was installed before, kept so that the appliance can go back to it; on the same file system as
+/// kPackFolderPath.
+extern const char* const kPreviousPackFolderPath;
 /// Information file of the installed pack (key=value).
 extern const char* const kPackInfoPath;
 /// Marker file: the installed pack carries AAC.
@@ -70,6 +77,10 @@ extern const char* const kDownloadedOpkPath;
 extern const char* const kPackStatusFile;
 /// Lock file of the status store.
 extern const char* const kPackStatusLock;
+/// The versions that are rejected (JSON object).
+extern const char* const kHealthFile;
+/// The pack that was found healthy (key=value).
+extern const char* const kHealthyPackFile;
 /// What packctl has done, one JSON object a line; an older part lies beside it under the same name with ".1" behind.
 extern const char* const kHistoryFile;
 /// The highest minimum version and the newest signature of the packages that were accepted (key=value).
@@ -120,6 +131,10 @@ extern const char* const kDownloadLimit;
 extern const char* const kUnpackLimit;
 /// Key of the oldest format that the manifest of a signed package may have, in the settings files.
 extern const char* const kMinimumManifestFormat;
+/// Key of whether the previous pack is kept ("yes" or "no"), in the settings files.
+extern const char* const kKeepPreviousPack;
+/// Key of the seconds that each part of a health check may take, in the settings files.
+extern const char* const kHealthTimeLimit;
 
 }  // namespace common
 

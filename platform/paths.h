@@ -80,6 +80,11 @@
 #define ORBAMIRA_PLUGINS_FOLDER "/usr/lib/orbamira/plugins"
 #endif
 
+/// The programs that judge a pack after it was installed.
+#ifndef ORBAMIRA_HEALTH_FOLDER
+#define ORBAMIRA_HEALTH_FOLDER "/usr/lib/orbamira/health.d"
+#endif
+
 /// The maker's settings, and what packctl shows.
 #ifndef ORBAMIRA_DATA_FOLDER
 #define ORBAMIRA_DATA_FOLDER "/usr/share/orbamira"

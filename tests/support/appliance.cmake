@@ -11,12 +11,13 @@ foreach(folder IN ITEMS
   file(MAKE_DIRECTORY ${folder})
 endforeach()
 
-foreach(program IN ITEMS orba-account orba-archive orba-copy orba-plugins orba-recover orba-remove)
+foreach(program IN ITEMS orba-account orba-archive orba-copy orba-load orba-plugins orba-recover orba-remove)
   file(CREATE_LINK ${PROJECT_BINARY_DIR}/tools/${program}/${program} ${appliance_programs}/${program} SYMBOLIC)
 endforeach()
 file(CREATE_LINK orba-archive ${appliance_programs}/orba-tar SYMBOLIC)
 file(CREATE_LINK orba-plugins ${appliance_programs}/notify-plugins SYMBOLIC)
 file(CREATE_LINK orba-plugins ${appliance_programs}/list-app-ids SYMBOLIC)
+file(CREATE_LINK orba-plugins ${appliance_programs}/check-health SYMBOLIC)
 file(CREATE_LINK ${PROJECT_BINARY_DIR}/tools/packctl/packctl ${appliance}/usr/bin/packctl SYMBOLIC)
 file(CREATE_LINK ${PROJECT_BINARY_DIR}/tools/mkpack/mkpack ${appliance}/usr/bin/mkpack SYMBOLIC)
 

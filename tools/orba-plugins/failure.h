@@ -10,7 +10,20 @@ namespace orbamira::plugins {
 /// A failure of a plugin or of the folder of plugins. what() begins with its path.
 class PluginFailure : public std::runtime_error {
  public:
-  PluginFailure(const std::string& path, const std::string& reason) : std::runtime_error(path + ": " + reason) {}
+  PluginFailure(const std::string& path, const std::string& reason)
+      : std::runtime_error(path + ": " + reason), reason_(reason) {}
+
+  /// What went wrong, without the path.
+  [[nodiscard]] const std::string& reason() const { return reason_; }
+
+ private:
+  std::string reason_;
+};
+
+/// One that gave no answer: it was refused, could not be started or was killed from outside.
+class NoAnswer : public PluginFailure {
+ public:
+  using PluginFailure::PluginFailure;
 };
 
 /// A signal asked this program to end.

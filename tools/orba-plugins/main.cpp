@@ -14,6 +14,7 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/constants.h"
 #include "platform/orba_sdk_wrapper.h"
 #include "platform/paths.h"
 #include "platform/posix/atomic_file.h"
@@ -22,6 +23,7 @@
 #include "tools/orba-plugins/app_ids.h"
 #include "tools/orba-plugins/failure.h"
 #include "tools/orba-plugins/guard.h"
+#include "tools/orba-plugins/pack_judge.h"
 #include "tools/orba-plugins/plugin_folder.h"
 #include "tools/orba-plugins/plugin_run.h"
 #include "tools/orba-plugins/signals.h"
@@ -34,6 +36,9 @@ using namespace orbamira::plugins;
 using Arguments = std::vector<std::string>;
 using Paths = std::vector<std::string>;
 
+constexpr const char* kPluginTimeLimit = "plugin_time_limit";
+
+constexpr int kExitUnhealthy = 3;
 constexpr int kExitUsage = 64;
 constexpr int kExitSignal = 128;  // plus the number of the signal
 
@@ -73,6 +78,21 @@ constexpr const char* kListHelp =
     "\n"
     "exit status: 0 FILE is written; 1 it is not; 64 wrong usage\n";
 
+constexpr const char* kHealthUsage =
+    "Usage: check-health FOLDER\n"
+    "Check whether the pack in FOLDER can be used.\n";
+
+constexpr const char* kHealthHelp =
+    "\n"
+    "Each shared library of the pack is loaded by a process of its own. Then the\n"
+    "executables in " ORBAMIRA_HEALTH_FOLDER
+    " are run with the argument FOLDER,\n"
+    "one after the other in the order of their names: one that does not exit with 0\n"
+    "rejects the pack.\n"
+    "\n"
+    "exit status: 0 the pack is healthy; 3 it is not, and the standard error and the\n"
+    "system log say why; 1 it could not be checked; 64 wrong usage\n";
+
 bool IsStep(const Arguments& arguments) {
   constexpr std::array<std::string_view, 5> kOptions = {"--event", "--package", "--status", "--timing", "--version"};
   std::vector<std::string_view> options;
@@ -84,7 +104,7 @@ bool IsStep(const Arguments& arguments) {
 }
 
 int Notify(const Arguments& arguments, const Paths& plugins, Signals& signals) {
-  const double seconds = TimeLimit();
+  const double seconds = TimeLimit(kPluginTimeLimit);
   // A version comes from a server or a package, and plugins print it and use it in scripts.
   Arguments printable;
   std::transform(arguments.begin(), arguments.end(), std::back_inserter(printable), orbamira::Printable);
@@ -130,7 +150,7 @@ void WriteAnswer(const std::string& file, const std::string& text) {
 }
 
 int ListIds(const Arguments& arguments, const Paths& plugins, Signals& signals) {
-  const double seconds = TimeLimit();
+  const double seconds = TimeLimit(kPluginTimeLimit);
   AppIdAnswer answer;
   for (const std::string& plugin : plugins) {
     try {
@@ -149,9 +169,25 @@ int ListIds(const Arguments& arguments, const Paths& plugins, Signals& signals) 
   return EXIT_SUCCESS;
 }
 
+bool IsFolder(const Arguments& arguments) { return IsFileName(arguments) && arguments[0].starts_with('/'); }
+
+int CheckHealth(const Arguments& arguments, const Paths& programs, Signals& signals) {
+  switch (JudgePack(arguments[0], programs, signals)) {
+    case Judgement::kHealthy:
+      return EXIT_SUCCESS;
+    case Judgement::kUnhealthy:
+      return kExitUnhealthy;
+    case Judgement::kUnknown:
+      break;
+  }
+  return EXIT_FAILURE;
+}
+
 /// What the program does under one of its names.
 struct Role {
   std::string_view name;
+  const char* const* folder;  ///< of the programs that it runs
+  bool is_always_guarded;
   const char* usage;
   const char* help;
   bool (*is_valid)(const Arguments&);
@@ -159,14 +195,15 @@ struct Role {
 };
 
 constexpr std::array kRoles = {
-    Role{"notify-plugins", kNotifyUsage, kNotifyHelp, IsStep, Notify},
-    Role{"list-app-ids", kListUsage, kListHelp, IsFileName, ListIds},
+    Role{"notify-plugins", &orbamira::path::kPluginFolder, false, kNotifyUsage, kNotifyHelp, IsStep, Notify},
+    Role{"list-app-ids", &orbamira::path::kPluginFolder, false, kListUsage, kListHelp, IsFileName, ListIds},
+    Role{"check-health", &orbamira::path::kHealthFolder, true, kHealthUsage, kHealthHelp, IsFolder, CheckHealth},
 };
 
 /// Starts no other process when there is no plugin, which is so on most appliances.
 int Run(const Role& role, const Arguments& arguments) {
   Signals signals;
-  const Paths plugins = ListPlugins();
+  const Paths plugins = ListPrograms(*role.folder);
   const auto work = [&]() -> int {
     try {
       return role.run(arguments, plugins, signals);
@@ -177,7 +214,7 @@ int Run(const Role& role, const Arguments& arguments) {
       return EXIT_FAILURE;
     }
   };
-  return plugins.empty() ? work() : RunGuarded(signals, work);
+  return plugins.empty() && !role.is_always_guarded ? work() : RunGuarded(signals, work);
 }
 
 int Answer(const Role& role, int argc, char** argv) {

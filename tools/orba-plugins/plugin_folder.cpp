@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <system_error>
 
-#include "platform/constants.h"
 #include "platform/posix/files.h"
 #include "platform/posix/trust.h"
 #include "tools/orba-plugins/failure.h"
@@ -17,7 +16,7 @@ namespace {
 
 void RefuseDistrusted(const std::string& path) {
   if (const std::string reason = WhyDistrusted(path); !reason.empty()) {
-    throw PluginFailure(path, "refused: " + reason);
+    throw NoAnswer(path, "refused: " + reason);
   }
 }
 
@@ -29,8 +28,7 @@ bool IsPlugin(const std::string& name, const std::string& path) {
 
 }  // namespace
 
-std::vector<std::string> ListPlugins() {
-  const std::string folder = path::kPluginFolder;
+std::vector<std::string> ListPrograms(const std::string& folder) {
   std::vector<std::string> names;
   try {
     RefuseDistrusted(folder);
@@ -43,7 +41,7 @@ std::vector<std::string> ListPlugins() {
     if (error.code().value() == ENOENT) {
       return {};
     }
-    throw PluginFailure(folder, "cannot be read: " + error.code().message());
+    throw NoAnswer(folder, "cannot be read: " + error.code().message());
   }
   std::vector<std::string> paths;
   for (const std::string& name : names) {
@@ -55,7 +53,7 @@ std::vector<std::string> ListPlugins() {
 }
 
 void CheckTrust(const std::string& path) try { RefuseDistrusted(path); } catch (const std::system_error& error) {
-  throw PluginFailure(path, "cannot be started: " + error.code().message());
+  throw NoAnswer(path, "cannot be started: " + error.code().message());
 }
 
 }  // namespace orbamira::plugins

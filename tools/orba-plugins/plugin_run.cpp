@@ -222,7 +222,7 @@ Started StartTrusted(const std::string& plugin, const std::vector<std::string>& 
   CheckTrust(plugin);
   return Start(plugin, arguments);
 } catch (const std::system_error& error) {
-  throw PluginFailure(plugin, "cannot be started: " + error.code().message());
+  throw NoAnswer(plugin, "cannot be started: " + error.code().message());
 }
 
 }  // namespace
@@ -234,7 +234,12 @@ void RunPlugin(const std::string& plugin, const std::vector<std::string>& argume
   if (signals.stop() != 0) {
     throw Stopped{signals.stop()};
   }
-  if (const std::string problem = WhatWentWrong(run, seconds); !problem.empty()) {
+  const std::string problem = WhatWentWrong(run, seconds);
+  const bool is_killed = run.status() && WIFSIGNALED(*run.status()) && WTERMSIG(*run.status()) == SIGKILL;
+  if (is_killed && run.ending() == PluginRun::Ending::kByItself) {
+    throw NoAnswer(plugin, problem);
+  }
+  if (!problem.empty()) {
     throw PluginFailure(plugin, problem);
   }
 }

@@ -14,7 +14,6 @@
 namespace orbamira::plugins {
 namespace {
 
-constexpr const char* kKey = "plugin_time_limit";
 constexpr double kDefault = 60;
 constexpr double kDay = 24 * 60 * 60;
 
@@ -29,15 +28,15 @@ double Seconds(std::string_view text) {
 
 }  // namespace
 
-double TimeLimit() {
-  const std::optional<Setting> setting = ReadOwnOrMakersSetting(kKey);
+double TimeLimit(const char* key) {
+  const std::optional<Setting> setting = ReadOwnOrMakersSetting(key);
   if (!setting) {
     return kDefault;
   }
   if (const double seconds = Seconds(setting->value); seconds > 0) {
     return seconds;
   }
-  syslog(LOG_LOCAL1 | LOG_ERR, "%s: %s is not a number of seconds up to a day", setting->file.c_str(), kKey);
+  syslog(LOG_LOCAL1 | LOG_ERR, "%s: %s is not a number of seconds up to a day", setting->file.c_str(), key);
   return kDefault;
 }
 

@@ -25,6 +25,8 @@ const std::vector<Place>& Places() {
       {kPackageInfoPath, ORBAMIRA_DATA_FOLDER "/INFO"},
       {path::kNotifyPluginPyPath, ORBAMIRA_HELPERS_FOLDER "/notify-plugins"},
       {path::kGetAppIdPyPath, ORBAMIRA_HELPERS_FOLDER "/list-app-ids"},
+      {path::kHealthProgramPath, ORBAMIRA_HELPERS_FOLDER "/check-health"},
+      {path::kHealthFolder, ORBAMIRA_HEALTH_FOLDER},
       {path::kPluginFolder, ORBAMIRA_PLUGINS_FOLDER},
       {path::kTempPluginAppIdPath, ORBAMIRA_RUN_FOLDER "/plugin-app-ids.json"},
       {path::kTarPath, ORBAMIRA_HELPERS_FOLDER "/orba-tar"},
@@ -34,12 +36,15 @@ const std::vector<Place>& Places() {
       {path::kTempPackFolderPath, ORBAMIRA_PACKS_FOLDER "/." ORBAMIRA_PACK_FOLDER_NAME ".unpacked"},
       {path::kPackFolderPath, ORBAMIRA_PACKS_FOLDER "/" ORBAMIRA_PACK_FOLDER_NAME},
       {path::kBackupPackFolderPath, ORBAMIRA_PACKS_FOLDER "/." ORBAMIRA_PACK_FOLDER_NAME ".backup"},
+      {path::kPreviousPackFolderPath, ORBAMIRA_PACKS_FOLDER "/." ORBAMIRA_PACK_FOLDER_NAME ".previous"},
       {path::kPackInfoPath, ORBAMIRA_PACKS_FOLDER "/" ORBAMIRA_PACK_FOLDER_NAME "/INFO"},
       {path::kHasAacPath, ORBAMIRA_PACKS_FOLDER "/" ORBAMIRA_PACK_FOLDER_NAME "/has_aac"},
       {path::kHasHevcPath, ORBAMIRA_PACKS_FOLDER "/" ORBAMIRA_PACK_FOLDER_NAME "/has_hevc"},
       {path::kDownloadedOpkPath, ORBAMIRA_CACHE_FOLDER "/download/" ORBAMIRA_PACK_FOLDER_NAME ".opk"},
       {path::kPackStatusFile, ORBAMIRA_STATE_FOLDER "/status.json"},
       {path::kPackStatusLock, ORBAMIRA_RUN_FOLDER "/lock/status.lock"},
+      {path::kHealthFile, ORBAMIRA_STATE_FOLDER "/health.json"},
+      {path::kHealthyPackFile, ORBAMIRA_STATE_FOLDER "/healthy-pack"},
       {path::kHistoryFile, ORBAMIRA_STATE_FOLDER "/history.jsonl"},
       {path::kCodecRequirementsPath, ORBAMIRA_STATE_FOLDER "/codec-requirements.json"},
       {path::kCodecRequirementsLock, ORBAMIRA_RUN_FOLDER "/lock/codec-requirements.lock"},
@@ -75,6 +80,7 @@ TEST(ConstantsTest, WhatIsRenamedIntoOneAnotherStandsInOneFolder) {
   EXPECT_EQ(pack, fs::path(kTargetFolder) / kPackFolderName);
   EXPECT_EQ(fs::path(path::kTempPackFolderPath).parent_path(), pack.parent_path());
   EXPECT_EQ(fs::path(path::kBackupPackFolderPath).parent_path(), pack.parent_path());
+  EXPECT_EQ(fs::path(path::kPreviousPackFolderPath).parent_path(), pack.parent_path());
   EXPECT_EQ(fs::path(path::kDownloadedOpkPath).parent_path(), kDownloadFolder);
   EXPECT_EQ(fs::path(path::kPackInfoPath).parent_path(), pack);
 }

@@ -103,19 +103,19 @@ class PluginTimeLimitTest : public testing::Test {
 };
 
 TEST_F(PluginTimeLimitTest, IsAMinuteByDefault) {
-  EXPECT_EQ(TimeLimit(), 60);
+  EXPECT_EQ(TimeLimit("plugin_time_limit"), 60);
   test::WriteFile(path::kPkgSetting, "other=1\n");
-  EXPECT_EQ(TimeLimit(), 60);
+  EXPECT_EQ(TimeLimit("plugin_time_limit"), 60);
   EXPECT_TRUE(LogCapture::Lines().empty());
 }
 
 TEST_F(PluginTimeLimitTest, OfTheMachineWinsOverThatOfTheMaker) {
   Set(path::kDefaultPkgSetting, "7");
-  EXPECT_EQ(TimeLimit(), 7);
+  EXPECT_EQ(TimeLimit("plugin_time_limit"), 7);
   Set(path::kPkgSetting, "");
-  EXPECT_EQ(TimeLimit(), 7);
+  EXPECT_EQ(TimeLimit("plugin_time_limit"), 7);
   Set(path::kPkgSetting, "\" 0.5\"");
-  EXPECT_EQ(TimeLimit(), 0.5);
+  EXPECT_EQ(TimeLimit("plugin_time_limit"), 0.5);
 }
 
 TEST_F(PluginTimeLimitTest, ThatIsNoneIsLoggedAndTheDefaultTaken) {
@@ -123,7 +123,7 @@ TEST_F(PluginTimeLimitTest, ThatIsNoneIsLoggedAndTheDefaultTaken) {
   for (const char* text : {"soon", "0", "-1", "nan", "inf", "86401", "\"", "5 s"}) {
     LogCapture::Clear();
     Set(path::kPkgSetting, text);
-    EXPECT_EQ(TimeLimit(), 60) << text;
+    EXPECT_EQ(TimeLimit("plugin_time_limit"), 60) << text;
     EXPECT_EQ(LogCapture::Lines(),
               std::vector({LogLine{
                   LOG_LOCAL1 | LOG_ERR, "",

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+// Removes what the library asks for. Not installed.
+namespace orbamira {
+
+/// Removes the file or folder at `path`, as RemoveAtOnce() does, but
+/// - the backup of a pack takes the place of the previous pack, which goes;
+/// - with the installed pack the previous one goes, first of the two: what is left after an interruption is the pack.
+///
+/// So an update keeps what was installed before it, whichever host runs it, and pays one rename for that. What has no
+/// INFO is no pack and is only removed. A backup that cannot be renamed stays, for ConfirmInstall() and Recover() to
+/// look after: the new pack may turn out to be bad. Throws as RemoveAtOnce() does.
+void RemoveForUpdater(const std::string& path);
+
+}  // namespace orbamira
