@@ -16,6 +16,7 @@
 #include "platform/key_value_store.h"
 #include "platform/orba_core_wrapper.h"
 #include "platform/orba_pkg_wrapper.h"
+#include "updater/health.h"
 #include "updater/kos_helper.h"
 #include "updater/pack_handler.h"
 #include "updater/pack_manager.h"
@@ -69,17 +70,31 @@ bool Update(const UpdateLock& lock) {
   const PackManager manager(std::make_shared<wrapper::OrbaCoreWrapper>(), std::make_shared<wrapper::OrbaPkgWrapper>(),
                             KOSHelper::Create(), status, std::move(handler), PluginNotifier::Create());
 
+  // An earlier run was interrupted before it knew whether its pack is healthy. One that is not goes now.
+  if (IsUnchecked() && !ConfirmHealth(lock, *status)) {
+    std::cout << "the new pack was not healthy\n";
+  }
+
   // A check that finds a newer pack records it; besides that, there is only an update to do again that failed.
   if (!manager.CheckNewPack() && !RepeatFailedUpdate(lock, manager, *status)) {
     std::cout << "no new pack\n";
     return true;
   }
   status->GetPackStatus();  // the queries answer from the last read
+  if (IsRejected(status->GetPackNewVersion())) {
+    std::cout << "no new pack but a rejected one\n";
+    status->SetAsUpToDate();
+    return true;
+  }
   std::cout << "new pack: version " << status->GetPackNewVersion() << '\n';
 
   if (!manager.DownloadAndInstall() || !ConfirmInstall(lock, *status)) {
     Recover(lock);  // brings the old pack back
     std::cout << "update failed\n";
+    return false;
+  }
+  if (!ConfirmHealth(lock, *status)) {
+    std::cout << "the new pack was not healthy\n";
     return false;
   }
   std::cout << "up to date\n";

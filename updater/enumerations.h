@@ -57,7 +57,7 @@ enum NotifyPluginTiming : std::int32_t {
 /// What the operation means for the pack as a whole.
 enum NotifyPluginStatus : std::int32_t {
   kNotifyInstall = 0,    ///< a pack comes where there was none
-  kNotifyUninstall = 1,  ///< the pack goes, and none comes; not sent by this version
+  kNotifyUninstall = 1,  ///< the pack goes, and none comes
   kNotifyUpgrade = 2,    ///< a new pack comes in place of an old one
 };
 

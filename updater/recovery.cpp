@@ -18,7 +18,9 @@
 #include "platform/posix/file_status.h"
 #include "platform/posix/remove_tree.h"
 #include "platform/posix/sync_folder.h"
+#include "updater/health_record.h"
 #include "updater/pack_status_helper.h"
+#include "updater/previous_pack.h"
 #include "updater/status_record.h"
 #include "updater/update_lock.h"
 
@@ -28,12 +30,6 @@ namespace {
 namespace fs = std::filesystem;
 
 bool Exists(const fs::path& path) { return fs::exists(LinkStatusOf(path)); }
-
-// Every pack has an information file, and a pack is put in place whole. So a folder without one is the rest of an
-// interrupted removal. A symbolic link was made by the machine's owner; its target may not be mounted yet.
-bool IsPack(const fs::path& folder) {
-  return fs::is_symlink(LinkStatusOf(folder)) || fs::is_regular_file(StatusOf(folder / "INFO"));
-}
 
 // Whether the name is "PREFIX.XXXXXX", as mkstemp makes it. A file that was set aside as "PREFIX.broken" looks the
 // same, but is no temporary file.
@@ -85,11 +81,15 @@ class Recovery {
     Step("make the folders", [this] { MakeFolders(); });
     Step("restore the pack", [this] { RestorePack(); });
     Step("remove unpacked files", [this] { RemoveUnpacked(); });
+    Step("take a rejected pack back", [this] { TakeBackRejected(); });
+    Step("look after the previous pack", [this] { LookAfterPrevious(); });
     EndRemovals();  // early, because the next steps need room on the disk
+    Step("note the installed pack", [] { EnsureHealthyPackNote(); });
     Step("remove the status store's temporary files",
          [this] { RemoveTemporaries(path::kPackStatusFile, path::kPackStatusLock); });
     Step("remove the temporary files of the accepted packages", [this] { RemoveAcceptedTemporaries(); });
     Step("remove the account's temporary files", [this] { RemoveTemporaries(path::kAccountFile, path::kAccountLock); });
+    Step("remove the health record's temporary files", [this] { RemoveHealthTemporaries(); });
     Step("remove the plugins' answer", [this] { RemovePluginAnswer(); });
     Step("mend the recorded status", [this] { MendStatus(); });
     Step("remove the download", [this] { RemoveDownload(); });
@@ -150,7 +150,30 @@ class Recovery {
         ReportDone("restored the previous pack to " + pack.string());
       }
     }
+    Step("keep the pack's backup", [this] {
+      if (KeepBackup()) {
+        ReportDone(std::string("kept the pack's backup as the previous pack ") + path::kPreviousPackFolderPath);
+      }
+    });
     Remove(backup, "the pack's backup");
+  }
+
+  // An interrupted way back. The rejection was on the disk before anything moved.
+  void TakeBackRejected() {
+    const std::optional<PackId> pack = PackIn(path::kPackFolderPath);
+    if (!pack || !Rejections::Read().Has(pack->version)) {
+      return;
+    }
+    PutPreviousBack(nullptr);
+    took_back_ = true;
+    ReportDone("took the rejected pack " + pack->version + " back");
+  }
+
+  void LookAfterPrevious() {
+    const fs::path previous = path::kPreviousPackFolderPath;
+    if (!IsPack(previous) || MustGiveUpPrevious()) {
+      Remove(previous, "the previous pack");
+    }
   }
 
   void RemoveUnpacked() {
@@ -162,6 +185,13 @@ class Recovery {
   void RemoveTemporaries(const fs::path& file, const std::string& lock_path) {
     const store::FileLock lock(lock_path);
     RemoveMatching(file.parent_path(), "the temporary file", TemporariesOf(file));
+  }
+
+  // Both are written under the update lock alone.
+  void RemoveHealthTemporaries() {
+    for (const fs::path& file : {fs::path(path::kHealthFile), fs::path(path::kHealthyPackFile)}) {
+      RemoveMatching(file.parent_path(), "the temporary file", TemporariesOf(file));
+    }
   }
 
   void RemoveMatching(const fs::path& folder, const std::string& what, const NameTest& matches) {
@@ -222,7 +252,7 @@ class Recovery {
       case kStatusUpToDate:
         break;
     }
-    return record.status;
+    return took_back_ && !installed ? kStatusDownloadInstallFailed : record.status;
   }
 
   void Record(const IPackStatusHelper& helper, const std::string& instead_of) {
@@ -244,7 +274,8 @@ class Recovery {
   }
 
   RecoveryReport report_;
-  bool was_cut_ = false;  // an update was interrupted while the old pack was in its backup
+  bool was_cut_ = false;    // an update was interrupted while the old pack was in its backup
+  bool took_back_ = false;  // the installed pack was rejected
   std::optional<PackStatus> status_;
 };
 
@@ -255,6 +286,11 @@ RecoveryReport Recover(const UpdateLock& /*lock*/) { return Recovery().Run(); }
 void EndRemovals(const UpdateLock& /*lock*/) { Recovery().EndRemovals(); }
 
 bool ConfirmInstall(const UpdateLock& lock, const IPackStatusHelper& status) {
+  try {
+    KeepBackup();
+  } catch (const std::system_error& error) {
+    ORBAMIRA_LOG_ERROR("Failed to keep the pack's backup: %s", error.what());
+  }
   EndRemovals(lock);
   if (fs::is_regular_file(StatusOf(path::kPackInfoPath))) {
     return true;
@@ -273,6 +309,8 @@ std::vector<std::string> FindLeftovers() {
   }
   const fs::path store = path::kPackStatusFile;
   const fs::path accepted = path::kAcceptedPackagesFile;
+  const fs::path health = path::kHealthFile;
+  const fs::path healthy = path::kHealthyPackFile;
   const fs::path account = path::kAccountFile;
   const fs::path answer = path::kTempPluginAppIdPath;
   const auto [packages, cache] = FoldersOfRemovals();
@@ -281,6 +319,8 @@ std::vector<std::string> FindLeftovers() {
                                         {cache, IsHalfRemoved},
                                         {store.parent_path(), TemporariesOf(store)},
                                         {accepted.parent_path(), TemporariesOf(accepted)},
+                                        {health.parent_path(), TemporariesOf(health)},
+                                        {healthy.parent_path(), TemporariesOf(healthy)},
                                         {account.parent_path(), TemporariesOf(account)},
                                         {answer.parent_path(), TemporariesOf(answer)}}) {
     for (const fs::path& path : Matching(folder, matches)) {

@@ -19,8 +19,13 @@ PACKCTL_FILES = (
         "The certificates that packages must be signed by. Where there is none, unsigned packages are accepted.",
     ),
     ("@ORBAMIRA_PLUGINS_FOLDER@", "The programs that are told of installs; see orbamira-plugin(7)."),
+    (
+        "@ORBAMIRA_HEALTH_FOLDER@",
+        "The programs that judge a new pack. Each is run with the pack's folder, and rejects it unless it ends with 0.",
+    ),
     ("@ORBAMIRA_PACKS_FOLDER@/@ORBAMIRA_PACK_FOLDER_NAME@", "The installed pack."),
     ("@ORBAMIRA_STATE_FOLDER@/status.json", "The recorded status."),
+    ("@ORBAMIRA_STATE_FOLDER@/health.json", "The versions that are rejected."),
     ("@ORBAMIRA_STATE_FOLDER@/history.jsonl", "The history, one JSON object a line; an older part in history.jsonl.1."),
     ("@ORBAMIRA_CACHE_FOLDER@/checked", "Its time is that of the update server's last answer to a check."),
     ("@ORBAMIRA_DATA_FOLDER@/packctl.schema.json", "The JSON Schema of what is printed with --json."),

@@ -113,6 +113,7 @@ export const words = {
     nothing_new: "Geprüft: Es gibt nichts Neues.",
     waits: "Das neue Codec-Paket wartet.",
     downloaded: "Heruntergeladen.",
+    rejected: "Geprüft: Das angebotene Paket wurde auf diesem Gerät verworfen.",
     nothing_to_do: "Es ist nichts zu tun.",
     no_address: "Kein Server ist eingestellt.",
     done: "Fertig.",
@@ -144,6 +145,7 @@ export const words = {
     install: (entry) => `${version(entry.to)} installiert`,
     update: (entry) =>
       entry.from === null ? `${version(entry.to)} installiert` : `Auf ${version(entry.to)} aktualisiert`,
+    rollback: (entry) => `Zurück zu ${version(entry.to)}`,
     remove: (entry) => `${version(entry.from)} entfernt`,
     hold: () => "Updates angehalten",
     unhold: () => "Anhalten beendet",
@@ -157,6 +159,7 @@ export const words = {
     install: "Installation fehlgeschlagen",
     update: "Aktualisierung fehlgeschlagen",
     remove: "Entfernung fehlgeschlagen",
+    rollback: "Rückkehr fehlgeschlagen",
     recover: "Wiederherstellung fehlgeschlagen",
   },
   cancelledTo: {
@@ -165,6 +168,7 @@ export const words = {
     install: "Installation abgebrochen",
     update: "Aktualisierung abgebrochen",
     remove: "Entfernung abgebrochen",
+    rollback: "Rückkehr abgebrochen",
   },
   times: (count) => `${count}×`,
   entry: { before: "Vorher", after: "Nachher", took: "Dauer", exit: "Exit-Status", code: "Grund", at: "Beendet" },
@@ -264,6 +268,11 @@ export const words = {
       remedy: "Starten Sie die Diagnose.",
     },
     install_failed: { cause: "Das Paket kam nicht an seinen Platz.", remedy: "Starten Sie die Diagnose." },
+    unhealthy: {
+      cause: "Das neue Paket hat die Prüfung nicht bestanden.",
+      remedy: "Es wird nicht wieder installiert. Eine neuere Version wird es, sobald es sie gibt.",
+    },
+    rejected: { cause: "Diese Version wurde auf diesem Gerät verworfen.", remedy: "Warten Sie auf eine neuere." },
     record_unreadable: {
       cause: "Die Aufzeichnung ist beschädigt.",
       remedy: "Die Wiederherstellung repariert sie.",

@@ -21,16 +21,25 @@ class Aftermath:
         self.lost = []
         self.stuck = []
         self.may_be_left = set()
+        self.end_as(0, (new,))
+
+    def end_as(self, ends, finals):
+        """How an update ends that nothing disturbs, and the versions of which one is installed at the end."""
+        self.ends, self.finals = ends, finals
 
     def look(self):
         """The promises that hold at every instant."""
         publisher, appliance = self.publisher, self.appliance
+        versions = {version for version in (self.old, self.new, *self.finals) if version}
         if appliance.pack.exists():
-            old_fits = self.old and publisher.is_whole(appliance.pack, self.old)
-            if not (old_fits or publisher.is_whole(appliance.pack, self.new)):
+            if not any(publisher.is_whole(appliance.pack, version) for version in versions):
                 self.lost.append("the pack folder holds a part of a pack")
-        elif self.old and not publisher.is_whole(appliance.backup, self.old):
+        elif self.old and not any(publisher.is_whole(appliance.backup, version) for version in versions):
             self.lost.append("neither pack nor backup is whole")
+        if appliance.previous.exists() and not any(
+            publisher.is_whole(appliance.previous, version) for version in publisher.payloads
+        ):
+            self.lost.append("the previous pack is not whole")
         self._look_at_store()
         if self.appliance.accepted_file.exists() and self.appliance.accepted().keys() != {
             "minimum",
@@ -70,8 +79,8 @@ class Aftermath:
                 break
         else:
             self.stuck.append(f"after {DAYS} days the status is {status}")
-        if not self.publisher.is_whole(appliance.pack, self.new):
-            self.lost.append("the new pack is not whole at the end")
+        if not any(self.publisher.is_whole(appliance.pack, version) for version in self.finals):
+            self.lost.append("the right pack is not whole at the end")
         if self.minimum and appliance.accepted().get("minimum") != self.minimum:
             self.lost.append("the minimum is not remembered at the end")
         left = [path for path in appliance.leftovers() if path not in self.may_be_left]
@@ -81,7 +90,7 @@ class Aftermath:
     def _one_day(self):
         """What the update timer's unit does, whose condition is a check that ends with 0."""
         if self._expect("check", 0, 2) == 0:
-            self._expect("update", 0)
+            self._expect("update", self.ends)
 
     def _look_at_store(self):
         if self.broken is None and self.had_store and not self.appliance.status_file.exists():
@@ -121,4 +130,4 @@ class HostAftermath(Aftermath):
         """Left to the host, which does so when it starts again."""
 
     def _one_day(self):
-        self._expect("", 0)
+        self._expect("", 0, self.ends)

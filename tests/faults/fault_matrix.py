@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 """Brings every fault about at every file-changing system call of an update, and looks at what is left.
 
-Nine runs of packctl are struck: a first update; an upgrade, at once, where there is a keyring, as a download and an
-install, and from a file, where the calls that read the file are struck too; the removal of a pack; the check that finds
-a broken status store; and the recovery of an upgrade that was killed before its new pack was in place. And four of a
-host of the library on an appliance without packctl: a first update; an upgrade, without a keyring and with one; and its
-next start after an upgrade that was killed there.
+Eleven runs of packctl are struck: a first update; an upgrade, at once, where there is a keyring, as a download and an
+install, and from a file, where the calls that read the file are struck too; an upgrade whose new pack is not healthy,
+and goes; a rollback by hand; the removal of a pack; the check that finds a broken status store; and the recovery of
+an upgrade that was killed before its new pack was in place. And five of a host of the library on an appliance without
+packctl: a first update; an upgrade, without a keyring and with one; one whose new pack is not healthy; and its next
+start after an upgrade that was killed before its new pack was in place.
 
 Each is run once to number its calls. Then, for a call and a fault, the same is run again from the same state with
 that fault: the whole family of processes is killed there, or killed with the loss of all data that was not synced (a
@@ -62,6 +63,8 @@ class Scenario:
     minimum: str | None = None  # that an appliance with a keyring remembers at the end
     broken: bytes | None = None  # text of the status store when it is unreadable before
     file: pathlib.Path | None = None  # that is read, and whose reading is struck too
+    ends: int = 0  # with this exit status
+    finals: tuple = (NEW,)  # the versions of which one is installed at the end
 
     @property
     def aftermath(self):
@@ -92,6 +95,14 @@ class Outcome:
     stuck: tuple
     reason: str | None  # the code that packctl gave for a command that failed; None when it did not, or gave none
     untold: tuple  # how packctl did not say why it failed
+
+
+def reject(appliance):
+    """Adds a program to the health check that rejects the new version."""
+    appliance.health.mkdir(parents=True, exist_ok=True)
+    program = appliance.health / "10-reject"
+    program.write_text(f'#!/bin/sh\n! grep -q "{NEW}" "$1/INFO"\n')
+    program.chmod(0o755)
 
 
 class Matrix:
@@ -132,10 +143,6 @@ class Matrix:
         file = next(publisher.folder.glob(f"*-{NEW}-*.opk"))
         self.scenarios["install from a file"] = Scenario(upgrade, f"install --trust --file {file}", OLD, file=file)
 
-        installed = fresh.copy_to(self.folder / "installed")
-        installed.expect("update")
-        self.scenarios["remove"] = Scenario(installed, "remove", None)
-
         broken = upgrade.copy_to(self.folder / "broken")
         text = broken.status_file.read_bytes()
         text = text[: len(text.rstrip()) // 2]
@@ -143,7 +150,19 @@ class Matrix:
         self.scenarios["broken store"] = Scenario(broken, "check", OLD, broken=text)
 
         self.scenarios["recovery"] = Scenario(self.killed_while_placing("upgrade"), "recover", OLD)
+        self.prepare_rollbacks()
         self.prepare_hosts(old, new)
+
+    def prepare_rollbacks(self):
+        """Upgrades whose new pack a program of the health check rejects, and a rollback by hand."""
+        rejecting = self.scenarios["upgrade"].start.copy_to(self.folder / "rejecting")
+        reject(rejecting)
+        self.scenarios["unhealthy upgrade"] = Scenario(rejecting, "update", OLD, ends=1, finals=(OLD,))
+
+        upgraded = self.scenarios["upgrade"].start.copy_to(self.folder / "upgraded")
+        upgraded.expect("update")
+        self.scenarios["rollback"] = Scenario(upgraded, "rollback --yes", OLD, finals=(OLD, NEW))
+        self.scenarios["remove"] = Scenario(upgraded, "remove", None)
 
     def prepare_hosts(self, old, new):
         """The states of appliances without packctl."""
@@ -160,6 +179,9 @@ class Matrix:
         signed = upgrade.copy_to(self.folder / "host-signed-upgrade")
         signed.trust(self.signer)
         self.scenarios["host's signed upgrade"] = Scenario(signed, "", OLD, MINIMUM)
+        rejecting = upgrade.copy_to(self.folder / "host-rejecting")
+        reject(rejecting)
+        self.scenarios["host's unhealthy upgrade"] = Scenario(rejecting, "", OLD, ends=1, finals=(OLD,))
 
         self.scenarios["host's next start"] = Scenario(self.killed_while_placing("host's upgrade"), "", OLD)
 
@@ -191,7 +213,7 @@ class Matrix:
         with self.appliance_for(name) as appliance:
             record = self.folder / f"calls-{next(self.numbers)}"
             done = scenario.run(appliance, self.injector, "--record", record, "--")
-            if done.returncode != 0:
+            if done.returncode != scenario.ends:
                 raise RuntimeError(f"the undisturbed {name} failed: {done.stdout}{done.stderr}")
             return read_record(record)
 
@@ -215,6 +237,7 @@ class Matrix:
             aftermath = scenario.aftermath(
                 self.publisher, appliance, scenario.old, NEW, scenario.broken, case.fault in ERRORS
             )
+            aftermath.end_as(scenario.ends, scenario.finals)
             aftermath.had_store = scenario.start.status_file.exists()
             aftermath.look()
             if aftermath.after_error and not scenario.start.half_built():
@@ -231,6 +254,7 @@ class Matrix:
         if key not in self.known:
             scenario = self.scenarios[name]
             later = scenario.aftermath(self.publisher, recovered.appliance, scenario.old, NEW)
+            later.end_as(scenario.ends, scenario.finals)
             later.may_be_left = recovered.may_be_left
             later.minimum = scenario.minimum
             later.go_on()

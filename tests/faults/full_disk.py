@@ -108,6 +108,7 @@ class FullDisk:
         """The old pack in place, the new one on offer."""
         self.appliance.use_server(self.old)
         self.appliance.expect("update", "--reinstall")
+        shutil.rmtree(self.appliance.previous, ignore_errors=True)
         self.appliance.use_server(self.new)
         self.appliance.expect("check")
 
@@ -155,6 +156,20 @@ class FullDisk:
                 found.append(f"remove ended with {ended.returncode}: {ended.stderr}")
             if left := [path.name for path in appliance.packages.iterdir() if path.name != "filler"]:
                 found.append(f"left behind: {' '.join(left)}")
+        return found
+
+    def previous_problems(self):
+        """Room for an update that only the previous pack takes: it is given up."""
+        appliance = self.appliance
+        self.begin()
+        shutil.copytree(appliance.pack, appliance.previous, symlinks=True)
+        with small_file_system(appliance.packages, "size=16m"):
+            fill(appliance.packages, 4_500_000)
+            found = []
+            if (ended := appliance.packctl("update")).returncode != 0:
+                found.append(f"update ended with {ended.returncode}: {ended.stderr}")
+            if not self.publisher.is_whole(appliance.pack, NEW):
+                found.append("the new pack is not in place")
         return found
 
     def plugin_answer_problems(self):
@@ -217,6 +232,7 @@ def main():
         with Publisher(folder / "published", arguments.build) as publisher:
             bench = FullDisk(folder, arguments.build, publisher)
             rows = [(stage.name, bench.problems(stage)) for stage in STAGES]
+            rows.append(("previous pack", bench.previous_problems()))
             rows.append(("removal", bench.removal_problems()))
             rows.append(("plugin answer", bench.plugin_answer_problems()))
             rows.append(("doctor", bench.doctor_problems()))

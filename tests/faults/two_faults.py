@@ -215,6 +215,7 @@ class TwoFaults:
             broken = scenario.broken if stage.name in (RECOVERY, *(name for name, *_ in HOST_STAGES)) else None
             old = self.version_of(stage.start)
             aftermath = scenario.aftermath(self.matrix.publisher, appliance, old, NEW, broken, by_error)
+            aftermath.end_as(scenario.ends, scenario.finals)
             aftermath.had_store = stage.start.status_file.exists()
             if appliance.broken_status_file.exists():
                 aftermath.may_be_left.add(str(appliance.broken_status_file))

@@ -157,6 +157,19 @@ class JsonSchemaTest(unittest.TestCase):
         self.assertEqual(self.check("update", 0, "--automatic")["result"], "downloaded")
         self.assertEqual(self.check("update", NOTHING, "--automatic")["wait"]["code"], "waits_for_person")
         self.check("status", 0)
+
+        self.check("history", 0)
+
+    def test_a_rollback(self):
+        self.check("rollback", NOTHING)
+        self.check("update", 0)
+        self.appliance.use_server(self.addresses["2.0"])
+        self.check("update", 0)
+        self.check("rollback", REFUSED)
+        self.check("rollback", 0, "--yes")
+        self.assertEqual(self.check("check", NOTHING)["result"], "rejected")
+        self.assertEqual(self.check("update", NOTHING)["result"], "rejected")
+        self.assertEqual([one["version"] for one in self.check("status", 0)["rejected"]], ["2.0"])
         self.check("history", 0)
 
     def test_a_check_without_an_address(self):
@@ -188,7 +201,7 @@ class JsonSchemaTest(unittest.TestCase):
             lock.unlink()
         locks.rmdir()
         locks.write_text("")
-        for command in ("check", "download", "install", "update", "remove", "recover", "plugins"):
+        for command in ("check", "download", "install", "update", "remove", "rollback", "recover", "plugins"):
             self.check(command, FAILED)
         self.check("status", 0)  # reads, and so does without a lock that nobody can take
 
@@ -233,7 +246,7 @@ class JsonSchemaTest(unittest.TestCase):
     def test_another_packctl_at_work(self):
         with open(self.appliance.run_folder / "lock/packctl.lock", "w", encoding="ascii") as lock:
             fcntl.flock(lock, fcntl.LOCK_EX)
-            for command in ("check", "download", "install", "update", "remove", "recover", "plugins"):
+            for command in ("check", "download", "install", "update", "remove", "rollback", "recover", "plugins"):
                 self.assertEqual(self.check(command, BUSY)["result"], "busy")
 
     def test_watch(self):

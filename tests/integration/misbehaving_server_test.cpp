@@ -682,7 +682,9 @@ class MisbehavingServerTest : public testing::TestWithParam<Misbehaviour> {
     EXPECT_EQ(KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath), version);
     std::vector<std::string> beside;
     for (const auto& entry : fs::directory_iterator(kTargetFolder)) {
-      beside.push_back(entry.path().filename());
+      if (entry.path() != path::kPreviousPackFolderPath) {
+        beside.push_back(entry.path().filename());
+      }
     }
     EXPECT_THAT(beside, testing::ElementsAre(kPackFolderName));
   }

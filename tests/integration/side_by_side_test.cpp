@@ -178,7 +178,9 @@ class SideBySideTest : public testing::Test {
     EXPECT_TRUE(IsWholePack());
     std::vector<std::string> beside;
     for (const auto& entry : fs::directory_iterator(kTargetFolder)) {
-      beside.push_back(entry.path().filename());
+      if (entry.path() != path::kPreviousPackFolderPath) {
+        beside.push_back(entry.path().filename());
+      }
     }
     EXPECT_THAT(beside, testing::ElementsAre(kPackFolderName));
   }

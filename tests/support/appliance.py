@@ -119,13 +119,15 @@ class Publisher:
         self.signing = {"sign-key": key, "sign-cert": certificate}
         return certificate
 
-    def publish(self, version, seed, sizes=(40_000, 150_000), **options):
-        """Publishes a pack of a few files under its own reply; returns the reply's address."""
+    def publish(self, version, seed, sizes=(40_000, 150_000), more=None, **options):
+        """Publishes a pack of a few files, and of more by their names, under its own reply; returns its address."""
         payload = self.folder.parent / f"payload-{version}"
         (payload / "lib/plugins").mkdir(parents=True)
         source = random.Random(seed)
         for number, size in enumerate(sizes):
             (payload / f"lib/libcodec{number}.so.{version}").write_bytes(source.randbytes(size))
+        for name, content in (more or {}).items():
+            (payload / name).write_bytes(content)
         (payload / "lib/plugins/table.bin").write_bytes(source.randbytes(3_000))
         (payload / "lib/libcodec.so").symlink_to(f"libcodec0.so.{version}")
         reply = self.folder / f"reply-{version}.json"
@@ -168,14 +170,17 @@ class Appliance:
         self.run_folder = self.root / self.paths.run_folder
         self.helpers = self.root / self.paths.helpers_folder
         self.plugins = self.root / self.paths.plugins_folder
+        self.health = self.root / self.paths.health_folder
         self.packages = self.root / self.paths.packs_folder
         self.pack = self.packages / self.paths.pack_folder_name
         self.backup = self.packages / f".{self.pack.name}.backup"
+        self.previous = self.packages / f".{self.pack.name}.previous"
         self.unpacked = self.packages / f".{self.pack.name}.unpacked"
         self.download = self.cache / "download"
         self.status_file = self.state_folder / "status.json"
         self.history = {self.state_folder / name for name in ("history.jsonl", "history.jsonl.1")}
         self.accepted_file = self.state_folder / "accepted-packages"
+        self.health_file = self.state_folder / "health.json"
         self.broken_status_file = self.state_folder / "status.json.broken"
 
     @classmethod
@@ -278,13 +283,15 @@ class Appliance:
     def state(self):
         """A digest of what the disk holds below the root: times, locks, the history and the random parts of names do
         not count."""
-        history = {str(path.relative_to(self.root)) for path in self.history}
+        history = {str(path.relative_to(self.root)) for path in (*self.history, self.health_file)}
+        health = self.health_file.read_text() if self.health_file.exists() else ""
         entries = sorted(
             (re.sub(r"\.(?!backup|broken)[A-Za-z0-9]{6}(?=/|$)", ".XXXXXX", name), *entry)
             for name, entry in tree(self.root).items()
             if not name.startswith(f"{self.paths.run_folder}/lock/") and name not in history
         )
-        return hashlib.sha256(repr(entries).encode()).hexdigest()
+        health = re.sub('"time":[0-9]+', "", health)
+        return hashlib.sha256(repr((entries, health)).encode()).hexdigest()
 
     def half_built(self):
         """Files and folders that were not yet put in place, as paths."""
@@ -305,8 +312,12 @@ class Appliance:
         """What an update should not leave behind, as paths."""
         kept = {
             self.pack,
+            self.previous,
             self.status_file,
             self.accepted_file,
+            self.health_file,
+            self.state_folder / "healthy-pack",
+            self.state_folder / "offer.json",  # when a check first found what is on offer, rejected or not
             self.packages,
             self.state_folder / "codec-requirements.json",
             self.cache / "checked",

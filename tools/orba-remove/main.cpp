@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "platform/posix/program.h"
-#include "platform/posix/remove_tree.h"
 #include "platform/printable.h"
+#include "platform/removal.h"
 
 namespace {
 
@@ -24,7 +24,8 @@ constexpr const char* kUsage =
     "\n"
     "A folder leaves its place in one step: it is renamed to \".removed.XXXXXX\" beside\n"
     "it and removed there. Where it cannot be renamed it is removed where it is. The\n"
-    "exit status is 0 when nothing is left, else 1.\n";
+    "backup of a pack becomes the previous pack instead. The exit status is 0 when\n"
+    "nothing is left, else 1.\n";
 
 }  // namespace
 
@@ -39,7 +40,7 @@ int main(int argc, char** argv) {
     return EXIT_FAILURE;
   }
   try {
-    orbamira::RemoveAtOnce(std::string(arguments[1]));
+    orbamira::RemoveForUpdater(std::string(arguments[1]));
   } catch (const std::exception& error) {
     static_cast<void>(std::fprintf(stderr, "orba-remove: %s\n", Printable(error.what()).c_str()));
     return EXIT_FAILURE;

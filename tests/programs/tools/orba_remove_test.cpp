@@ -84,6 +84,33 @@ class OrbaRemoveTest : public testing::Test {
   fs::path target_ = parent_ / "pack";
 };
 
+TEST_F(OrbaRemoveTest, TheBackupOfAPackBecomesThePreviousPack) {
+  const fs::path packs = Root().string() + ORBAMIRA_PACKS_FOLDER;
+  const fs::path backup = packs / "." ORBAMIRA_PACK_FOLDER_NAME ".backup";
+  const fs::path previous = packs / "." ORBAMIRA_PACK_FOLDER_NAME ".previous";
+  for (const char* version : {"1.0", "2.0"}) {
+    WriteFile(backup / "INFO", version);
+    ExpectDone(Remove(backup));
+    EXPECT_EQ(ReadFile(previous / "INFO"), version);
+    EXPECT_THAT(Names(packs), ElementsAre(previous.filename()));
+  }
+  WriteFile(backup / "lib", "the rest of one");
+  ExpectDone(Remove(backup));
+  EXPECT_EQ(ReadFile(previous / "INFO"), "2.0");
+  WriteFile(backup / "INFO", "3.0");
+  const ProcessResult failed = Remove(backup, Failing({SYS_rename}, EIO));
+  EXPECT_TRUE(failed.Exited(1)) << failed;
+  EXPECT_EQ(ReadFile(backup / "INFO"), "3.0");
+}
+
+TEST_F(OrbaRemoveTest, WithThePackThePreviousOneGoes) {
+  const fs::path packs = Root().string() + ORBAMIRA_PACKS_FOLDER;
+  WriteFile(packs / ORBAMIRA_PACK_FOLDER_NAME "/INFO", "2.0");
+  WriteFile(packs / "." ORBAMIRA_PACK_FOLDER_NAME ".previous/INFO", "1.0");
+  ExpectDone(Remove(packs / ORBAMIRA_PACK_FOLDER_NAME));
+  EXPECT_THAT(Names(packs), IsEmpty());
+}
+
 TEST_F(OrbaRemoveTest, RemovesAFolderWithAllThatItHoldsAndFollowsNoLink) {
   ExpectDone(Remove(target_));
   EXPECT_THAT(Names(parent_), IsEmpty());

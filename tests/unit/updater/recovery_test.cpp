@@ -110,12 +110,14 @@ TEST_F(RecoveryTest, RecoverBringsTheBackupBackWithoutAPack) {
   ExpectNothingLeftToDo();
 }
 
-TEST_F(RecoveryTest, RecoverRemovesTheBackupBesideANewPack) {
+TEST_F(RecoveryTest, RecoverMakesTheBackupBesideANewPackThePreviousPack) {
   MakePack(path::kPackFolderPath, "2");
   MakePack(path::kBackupPackFolderPath, "1");
+  MakePack(path::kPreviousPackFolderPath, "0");
   Recovered();
   EXPECT_EQ(PackVersion(), "2");
   EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
+  EXPECT_EQ(ReadFile(fs::path(path::kPreviousPackFolderPath) / "lib/codec.so"), "1");
   ExpectNothingLeftToDo();
 }
 
@@ -131,6 +133,13 @@ TEST_F(RecoveryTest, RecoverPrefersTheBackupToTheRestOfAPack) {
   MakePack(path::kBackupPackFolderPath, "1");
   Recovered();
   EXPECT_EQ(PackVersion(), "1");
+  ExpectNothingLeftToDo();
+}
+
+TEST_F(RecoveryTest, RecoverRemovesTheRestOfAPreviousPack) {
+  WriteFile(fs::path(path::kPreviousPackFolderPath) / "lib/codec.so", "1");
+  Recovered();
+  EXPECT_FALSE(fs::exists(path::kPreviousPackFolderPath));
   ExpectNothingLeftToDo();
 }
 
@@ -187,7 +196,7 @@ TEST_F(RecoveryTest, ARecoveryThatIsCutLeavesNoPartOfABackup) {
   test::WithFailingCall(SYS_unlinkat, EIO, [] { EXPECT_THAT(Recovered().failed, Not(IsEmpty())); });
   EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
   Recovered();
-  EXPECT_THAT(Left(kTargetFolder), ElementsAre(kPackFolderName));
+  EXPECT_THAT(Left(kTargetFolder), UnorderedElementsAre(kPackFolderName, "." ORBAMIRA_PACK_FOLDER_NAME ".previous"));
 }
 
 TEST_F(RecoveryTest, RecoverRemovesALinkWithoutWhatItPointsTo) {

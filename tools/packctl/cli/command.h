@@ -82,7 +82,7 @@ struct Options {
   int wait = 0;               ///< seconds to wait for another program at work to end
   bool watch = false;         ///< status: go on until interrupted
   bool cancelled = false;     ///< this process took the place of one that was cancelled
-  bool yes = false;           ///< remove: do not ask
+  bool yes = false;           ///< remove, rollback: do not ask
   bool now = false;           ///< download, update: also a staged release before the appliance's turn
   bool reinstall = false;     ///< update and install from a file: also what is installed already
   bool older = false;         ///< update, install: also what is older than what is installed

@@ -325,6 +325,11 @@ void AddRemoveOptions(CLI::App& parser, Options& options) {
   parser.add_flag("-y,--yes", options.yes, "Remove the pack without asking, even if an application needs it");
 }
 
+void AddRollbackOptions(CLI::App& parser, Options& options) {
+  AddCancelOption(parser, options);
+  parser.add_flag("-y,--yes", options.yes, "Go back without asking");
+}
+
 void AddDownloadOptions(CLI::App& parser, Options& options) {
   AddCancelOption(parser, options);
   parser.add_flag("--now", options.now, "Take a staged release even if this appliance is not in its share yet");
@@ -333,7 +338,8 @@ void AddDownloadOptions(CLI::App& parser, Options& options) {
 void AddUpdateOptions(CLI::App& parser, Options& options) {
   AddDownloadOptions(parser, options);
   parser.add_flag("--despite-hold", options.despite_hold, kDespiteHoldHelp);
-  parser.add_flag("--reinstall", options.reinstall, "Install the pack on offer even if it is not newer");
+  parser.add_flag("--reinstall", options.reinstall,
+                  "Install the pack on offer even if it is not newer, or was rejected");
   parser.add_flag("--allow-older", options.older, kOlderHelp);
   parser.add_flag("--automatic", options.automatic, "Do what the update policy says with the pack that a check found");
 }

@@ -44,6 +44,7 @@ void AddInstallOptions(CLI::App& parser, Options& options);
 void AddRemoveOptions(CLI::App& parser, Options& options);
 void AddDownloadOptions(CLI::App& parser, Options& options);
 void AddHoldOptions(CLI::App& parser, Options& options);
+void AddRollbackOptions(CLI::App& parser, Options& options);
 void AddUpdateOptions(CLI::App& parser, Options& options);
 void AddHistoryOptions(CLI::App& parser, Options& options);
 void AddMetricsOptions(CLI::App& parser, Options& options);

@@ -3,8 +3,12 @@
 #include <exception>
 
 #include "platform/constants.h"
+#include "platform/printable.h"
 #include "tools/packctl/cli/cancel.h"
+#include "tools/packctl/record/answered_check.h"
+#include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
+#include "tools/packctl/view/result_words.h"
 #include "tools/packctl/view/status_words.h"
 #include "updater/recovery.h"
 
@@ -59,12 +63,35 @@ Outcome RecoveredChange(const Context& context, const char* noun) {
   return FailedChange(noun);
 }
 
+Outcome RejectedOffer(const std::string& version, const OtherReleases& others) {
+  NoteAnsweredCheck(version, false, others);
+  const std::optional<InstalledPack> pack = ReadInstalledPack();
+  Outcome outcome = EndOfChange(kExitNothingToDo, "rejected");
+  outcome.members["version"] = version;
+  outcome.members["installed_version"] = pack ? Json::Value(pack->identity.version) : Json::Value();
+  outcome.text = Printable(version) + " is on offer, but it was rejected on this appliance. " +
+                 StaysSentence(pack ? std::optional(Printable(pack->identity.version)) : std::nullopt) + "\n";
+  return outcome;
+}
+
 Outcome RunCancellable(Context& context, Outcome (*run)(Context&)) {
   if (context.options.cancelled) {
     return CancelledChange(context);
   }
   const CancelOnSignals cancel(context.console);
   return run(context);
+}
+
+Outcome NotConfirmed(const std::string& command, const std::string& why) {
+  Outcome outcome = EndOfChange(kExitNotPermitted, "not_confirmed");
+  outcome.failure = MakeFailure(FailureReason::kNotConfirmed, why, "Run: sudo packctl " + command + " --yes");
+  return outcome;
+}
+
+Outcome DeclinedChange() {
+  Outcome outcome = EndOfChange(kExitCancelled, "cancelled");
+  outcome.failure = MakeFailure(FailureReason::kCancelled, "cancelled", "");
+  return outcome;
 }
 
 // Nobody else holds the update lock, so a status of work under way was left behind.

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "tools/packctl/cli/command.h"
+#include "tools/packctl/record/answered_check.h"
 #include "updater/pack_manager.h"
 
 /// How changing commands end: the outcomes that several of them share. `noun` names the work in a sentence: "the
@@ -21,6 +22,15 @@ Outcome RecoveredChange(const Context& context, const char* noun);
 
 /// Runs the work so that SIGINT and SIGTERM cancel it: what it left is put in order, and the outcome says so.
 Outcome RunCancellable(Context& context, Outcome (*run)(Context&));
+
+/// The server offers a version that was rejected on this appliance, and `others` beside it.
+Outcome RejectedOffer(const std::string& version, const OtherReleases& others);
+
+/// The command asks first, there is nobody to ask, and it has no --yes. `why` is what a person would have to know.
+Outcome NotConfirmed(const std::string& command, const std::string& why);
+
+/// Somebody was asked and does not want it.
+Outcome DeclinedChange();
 
 /// The recorded status forbids the work, whose name continues "cannot".
 Outcome ForbiddenChange(const char* verb, updater::PackStatus status);

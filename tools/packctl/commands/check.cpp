@@ -15,6 +15,7 @@
 #include "tools/packctl/commands/automatic.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
+#include "tools/packctl/commands/trial.h"
 #include "tools/packctl/host/update_objects.h"
 #include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/record/installed_pack.h"
@@ -124,6 +125,9 @@ Outcome RunCheck(Context& context) {
     return Downloaded(before);
   }
   const bool found = objects.manager->CheckNewPack();
+  if (const auto& rejected = objects.handler->rejected_version(); !found && rejected) {
+    return WithOthers(RejectedOffer(*rejected, objects.handler->other_releases()), objects.handler->other_releases());
+  }
   const std::optional<std::string>& declined = objects.handler->declined_version();
   const bool repeats =
       !found && declined && updater::RepeatFailedUpdate(*context.lock, *objects.manager, *objects.status);
@@ -147,7 +151,7 @@ Outcome RunCheck(Context& context) {
 }  // namespace
 
 Outcome Check(Context& context) {
-  Outcome outcome = RunCancellable(context, &RunCheck);
+  Outcome outcome = RunCancellable(context, &AfterTrial<RunCheck>);
   return outcome.exit == kExitCancelled ? WithVersions(std::move(outcome), VersionsWith(std::nullopt)) : outcome;
 }
 

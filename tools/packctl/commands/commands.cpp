@@ -9,11 +9,13 @@ namespace orbamira::packctl {
 namespace {
 
 constexpr std::array kCommands = {
-    Command{"check", Effect::kChange, "Ask the update server for a new pack",
-            "If there is a newer pack, the recorded status becomes need_download, whatever it was before.\n"
-            "Exit status: 0 a new pack is available, 2 nothing new or no update server set, 1 the check failed.\n"
-            "Example: packctl check && packctl update",
-            Check, AddCancelOption},
+    Command{
+        "check", Effect::kChange, "Ask the update server for a new pack",
+        "If there is a newer pack, the recorded status becomes need_download, whatever it was before.\n"
+        "Exit status: 0 a new pack is available, 2 nothing new, the offer rejected, or no update server set, 1 the\n"
+        "check failed.\n"
+        "Example: packctl check && packctl update",
+        Check, AddCancelOption},
     Command{"download", Effect::kChange, "Download and verify the pack on offer",
             "Permitted if the status is need_download or download_failed. To install the pack afterwards, run\n"
             "\"packctl install\".",
@@ -21,7 +23,7 @@ constexpr std::array kCommands = {
     Command{
         "install", Effect::kChange, "Install the downloaded pack",
         "Permitted if the status is need_install or install_failed. Plugins are told before and after. If the\n"
-        "install fails, the previous pack comes back.\n"
+        "install fails, or the new pack fails its health check, the previous pack comes back.\n"
         "With --file it installs that package, as an update would, whatever the status, but not while it says that\n"
         "work is in progress. The package must be signed by somebody whom the appliance's keyring trusts, fit the\n"
         "appliance, and be no older than the installed pack.\n"
@@ -32,11 +34,11 @@ constexpr std::array kCommands = {
         "update", Effect::kChange, "Download the pack on offer and install it",
         "Permitted if the status is lost, need_download, need_install, download_install_failed or up_to_date.\n"
         "If nothing newer is on offer, nothing is done. If the update fails or you interrupt it, the previous pack\n"
-        "comes back.\n"
-        "A staged release is taken when this appliance is in its share, with --now at once.\n"
+        "comes back. So it does if the new pack fails its health check; its version is rejected then, and not taken\n"
+        "again. A staged release is taken when this appliance is in its share, with --now at once.\n"
         "With --automatic, as a service runs it, nothing is checked: a pack that a check has found is downloaded,\n"
         "installed or left alone as the settings say; see updater.conf(5). Without it nothing waits but for a hold.\n"
-        "Exit status 2: already up to date, or the pack waits.",
+        "Exit status 2: already up to date, the version on offer is rejected, or the pack waits.",
         Update, AddUpdateOptions},
     Command{
         "remove", Effect::kChange, "Remove the installed pack",
@@ -56,6 +58,14 @@ constexpr std::array kCommands = {
             "Exit status 2: updates were not held.\n"
             "With --json: hold, which is null.",
             UnholdUpdates},
+    Command{
+        "rollback", Effect::kChange, "Go back to the previous pack",
+        "Puts the pack back that was installed before the last update, and tells the plugins. The version that goes "
+        "is\n"
+        "rejected: check and update do not take it again; a newer one they do. Asks first; without a terminal to ask\n"
+        "on, it needs --yes. Not permitted while the status says that work is in progress.\n"
+        "Exit status 2: there is no previous pack.",
+        Rollback, AddRollbackOptions},
     Command{
         "status", Effect::kNone, "Show how things are and what to do",
         "Shows the installed pack, what is available, the last check and what to do, and with --verbose also what is\n"

@@ -36,6 +36,7 @@ Outcome Update(Context& context);
 Outcome Remove(Context& context);
 Outcome HoldUpdates(Context& context);
 Outcome UnholdUpdates(Context& context);
+Outcome Rollback(Context& context);
 Outcome RunRecovery(Context& context);
 
 }  // namespace orbamira::packctl

@@ -51,18 +51,6 @@ std::string NeedsOfApplications(Console& console) {
   return needs;
 }
 
-Outcome NotConfirmed(const std::string& needs) {
-  Outcome outcome = EndOfChange(kExitNotPermitted, "not_confirmed");
-  outcome.failure = MakeFailure(FailureReason::kNotConfirmed, needs, "Run: sudo packctl remove --yes");
-  return outcome;
-}
-
-Outcome Declined() {
-  Outcome outcome = EndOfChange(kExitCancelled, "cancelled");
-  outcome.failure = MakeFailure(FailureReason::kCancelled, "cancelled", "");
-  return outcome;
-}
-
 Outcome RunRemoval(Context& context) {
   constexpr const char* kNoun = "removal";
   if (const updater::PackStatus status = ReadStatus().status; IsUnderWay(status)) {
@@ -77,10 +65,10 @@ Outcome RunRemoval(Context& context) {
   const std::string version = pack ? pack->identity.version : "what was left of a pack";
   if (const std::string needs = context.options.yes ? "" : NeedsOfApplications(context.console); !needs.empty()) {
     if (context.options.json || !context.console.CanAsk()) {
-      return NotConfirmed(needs);
+      return NotConfirmed("remove", needs);
     }
     if (!context.console.Confirm(Capitalized(needs) + ". Remove " + Printable(version) + "?")) {
-      return Declined();
+      return DeclinedChange();
     }
   }
   if (!MakeUpdateObjects().manager->RemovePack()) {

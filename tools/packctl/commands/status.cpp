@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "platform/constants.h"
+#include "platform/json/json_values.h"
 #include "platform/posix/file_status.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/commands/watch.h"
@@ -36,7 +37,8 @@ StatusFacts GatherFacts() {
           .last_entry = ReadNewestEntry(),
           .support_end = ReadSupportEnd(),
           .hold = ReadHold(std::time(nullptr)),
-          .wait = WaitOf(seen.record)};
+          .wait = WaitOf(seen.record),
+          .rejected = updater::RejectedVersions()};
 }
 
 Tone ToneOf(Health health) {
@@ -71,6 +73,14 @@ Json::Value StatusAnswer(const SeenStatus& seen) {
   answer["support_until"] = support_end ? Json::Value(DayText(*support_end)) : Json::Value();
   answer["wait"] = WaitJson(WaitOf(seen.record));
   answer["hold"] = HoldJson(ReadHold(std::time(nullptr)));
+  answer["previous_version"] = TextOrNull(updater::PreviousVersion());
+  answer["rejected"] = Json::arrayValue;
+  for (const updater::RejectedVersion& rejected : updater::RejectedVersions()) {
+    Json::Value& entry = answer["rejected"].append(Json::objectValue);
+    entry["version"] = rejected.version;
+    entry["reason"] = rejected.reason;
+    entry["time"] = Json::Int64{rejected.time};
+  }
   return answer;
 }
 

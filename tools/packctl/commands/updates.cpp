@@ -15,6 +15,7 @@
 #include "tools/packctl/commands/automatic.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
+#include "tools/packctl/commands/trial.h"
 #include "tools/packctl/commands/watched_work.h"
 #include "tools/packctl/host/file_install.h"
 #include "tools/packctl/host/update_objects.h"
@@ -24,6 +25,7 @@
 #include "tools/packctl/view/progress_view.h"
 #include "tools/packctl/view/release_words.h"
 #include "tools/packctl/view/result_words.h"
+#include "updater/health.h"
 #include "updater/recovery.h"
 #include "updater/update_request.h"
 
@@ -106,6 +108,7 @@ Outcome Installed(const std::optional<PackIdentity>& before, Clock::duration dur
 Outcome RunFlow(const Context& context, const UpdateObjects& objects, const Flow& flow) {
   const Clock::time_point begin = Clock::now();
   const std::optional<PackIdentity> before = InstalledIdentity();
+  updater::PrepareUpdate(*context.lock);
   const auto work = [&] { return flow.run(objects); };
   const bool is_silent = context.options.json || context.options.quiet;
   const bool done = is_silent ? RunShown(context, nullptr, work) : RunWithProgress(context, work);
@@ -121,6 +124,9 @@ Outcome RunFlow(const Context& context, const UpdateObjects& objects, const Flow
   }
   if (!updater::ConfirmInstall(*context.lock, *objects.status)) {
     return RecoveredChange(context, flow.name);
+  }
+  if (!PassesTrial(*context.lock, objects)) {
+    return FailedChange(flow.name);
   }
   return Installed(before, Clock::now() - begin);
 }
@@ -184,20 +190,24 @@ Outcome NothingNewer(const std::string& installed, const std::string& offered, c
   return outcome;
 }
 
-/// Asks the server, where the record names no offer yet, whether there is anything newer than the installed pack. The
-/// end of the update when there is not (nor, with `older`, anything older), or when the server gives no answer;
-/// empty when the update is to begin.
+/// Asks the server, where the record names no offer yet or a version is rejected, whether there is anything newer than
+/// the installed pack. The end of the update when there is not (nor, with `older`, anything older), or when the server
+/// gives no answer; empty when the update is to begin.
 std::optional<Outcome> EndWithoutUpdate(const UpdateObjects& objects, const StatusRecord& record, bool older) {
   const std::optional<InstalledPack> pack = ReadInstalledPack();
   const bool is_settled = record.status == updater::kStatusUpToDate || record.status == updater::kStatusLost;
-  if (!pack || !is_settled) {
+  const bool asks_for_news = pack && is_settled;
+  if (!asks_for_news && updater::RejectedVersions().empty()) {
     return std::nullopt;
   }
   Json::Value offer;
   if (!objects.manager->FetchDownloadInfo(updater::ChoosePack(*objects.manager).with_aac, offer)) {
     return FailedChange("update");
   }
-  if (objects.manager->IsAacNeeded() || objects.handler->CheckNewVersion(offer)) {
+  if (const std::string version = objects.handler->OfferedVersion(offer); updater::IsRejected(version)) {
+    return RejectedOffer(version, objects.handler->other_releases());
+  }
+  if (!asks_for_news || objects.manager->IsAacNeeded() || objects.handler->CheckNewVersion(offer)) {
     return std::nullopt;
   }
   const std::optional<std::string>& declined = objects.handler->declined_version();
@@ -300,6 +310,8 @@ Outcome RunUpdate(Context& context) {
     if (std::optional<Outcome> end = EndWithoutUpdate(objects, record, context.options.older)) {
       return *std::move(end);
     }
+  } else {
+    objects.handler->AcceptRejected();
   }
   return RunAbout(context, objects, record.new_version, UpdateFlow());
 }
@@ -313,16 +325,16 @@ void AllowOlder(bool allowed) {
 
 }  // namespace
 
-Outcome Download(Context& context) { return RunCancellable(context, &RunDownload); }
+Outcome Download(Context& context) { return RunCancellable(context, &AfterTrial<RunDownload>); }
 
 Outcome Install(Context& context) {
   AllowOlder(context.options.older);
-  return RunCancellable(context, &RunInstall);
+  return RunCancellable(context, &AfterTrial<RunInstall>);
 }
 
 Outcome Update(Context& context) {
   AllowOlder(context.options.older);
-  return RunCancellable(context, &RunUpdate);
+  return RunCancellable(context, &AfterTrial<RunUpdate>);
 }
 
 }  // namespace orbamira::packctl

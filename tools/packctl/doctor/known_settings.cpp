@@ -26,6 +26,8 @@ bool IsTimeLimit(const std::string& text) {
   return IsNumber<double>(text, 0, kDay) && !IsNumber<double>(text, 0, 0);
 }
 
+bool IsYesOrNo(const std::string& text) { return text == "yes" || text == "no"; }
+
 bool IsUnpackLimit(const std::string& text) { return IsNumber<std::uint64_t>(text, 0, UINT64_MAX); }
 
 bool IsChannel(const std::string& text) {
@@ -97,6 +99,15 @@ std::span<const KnownSetting> KnownSettings() {
                    "How long at most a security release that is installed by itself waits for anything, a hold "
                    "included.",
                    "security_wait_days=\"1\""},
+      KnownSetting{common::kHealthTimeLimit, "a number of seconds up to a day", IsTimeLimit, "60",
+                   "How long each library of a new pack may take to be loaded, and each program of the health check "
+                   "may run. One that takes longer rejects the pack.",
+                   "health_time_limit=\"10\""},
+      KnownSetting{
+          common::kKeepPreviousPack, "\"yes\" or \"no\"", IsYesOrNo, "yes",
+          "Whether the pack that was installed before is kept, so that the appliance can go back to it. With \"no\" it "
+          "goes as soon as the new pack is found healthy. It also goes when the disk lacks room for an update.",
+          "keep_previous_pack=\"no\""},
   };
   return kSettings;
 }

@@ -65,6 +65,9 @@ std::vector<fs::path> WhatIsBelieved() {
                                     path::kRmPath,
                                     path::kNotifyPluginPyPath,
                                     path::kGetAppIdPyPath,
+                                    path::kHealthProgramPath,
+                                    programs / "orba-load",
+                                    path::kHealthFolder,
                                     programs / "orba-account",
                                     page,
                                     fs::path(path::kTempPluginAppIdPath).parent_path(),
@@ -151,7 +154,7 @@ Findings CheckPermissions() {
   CheckTrust(findings);
   CheckAccount(findings);
   for (const char* program : {path::kOrbaArchivePath, path::kTarPath, path::kCpPath, path::kRmPath,
-                              path::kNotifyPluginPyPath, path::kGetAppIdPyPath}) {
+                              path::kNotifyPluginPyPath, path::kGetAppIdPyPath, path::kHealthProgramPath}) {
     CheckProgram(program, findings);
   }
   const fs::path state = path::kPackStatusFile;

@@ -18,6 +18,7 @@
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/record/lock_holder.h"
 #include "tools/packctl/record/recorded_status.h"
+#include "updater/health.h"
 #include "updater/recovery.h"
 
 namespace orbamira::packctl {
@@ -88,6 +89,10 @@ void CheckStatusStore(Findings& findings) {
 void CheckPack(Findings& findings) {
   if (fs::exists(StatusOf(path::kPackFolderPath)) && !fs::is_regular_file(StatusOf(path::kPackInfoPath))) {
     findings.push_back({kState, std::string(path::kPackFolderPath) + " is no whole pack", kRecover});
+  }
+  if (updater::IsUnchecked()) {
+    findings.push_back({kState, "an interrupted update has left a pack whose health was not checked",
+                        "run \"packctl check\", which checks it first"});
   }
 }
 

@@ -6,11 +6,13 @@
 #include "platform/download_wrapper.h"
 #include "platform/printable.h"
 #include "platform/version.h"
+#include "updater/health.h"
 
 namespace orbamira::packctl {
 namespace {
 
 constexpr const char* kSize = "size";
+constexpr const char* kWasRejected = " was rejected on this appliance";
 constexpr std::size_t kLongestVersion = 128;
 constexpr std::size_t kLongestLink = 2048;
 
@@ -49,8 +51,8 @@ Json::Value CheckingPackHandler::Chosen(const Json::Value& info) const {
 }
 
 bool CheckingPackHandler::CheckNewVersion(const Json::Value& info) const {
-  const bool newer = PackHandler::CheckNewVersion(info);
-  const std::string offered = GetDownloadVersion(info);
+  const std::string offered = OfferedVersion(info);
+  const bool newer = !Rejects(offered) && PackHandler::CheckNewVersion(info);
   // An offer that names no version is a broken reply, not an old pack.
   if (!newer && !offered.empty()) {
     declined_version_ = offered;
@@ -59,13 +61,27 @@ bool CheckingPackHandler::CheckNewVersion(const Json::Value& info) const {
 }
 
 // A check and an update ask for the version or for the link first: either way all of the offer is judged.
-std::string CheckingPackHandler::GetDownloadVersion(const Json::Value& info) const {
+std::string CheckingPackHandler::OfferedVersion(const Json::Value& info) const {
   const Json::Value offer = Chosen(info);
   Check(PackHandler::GetDownloadLink(offer), kLongestLink, "link");
   std::string version = PackHandler::GetDownloadVersion(offer);
   Check(version, kLongestVersion, "version");
   offer_ = ReadOffer(offer);
   return version;
+}
+
+std::string CheckingPackHandler::GetDownloadVersion(const Json::Value& info) const {
+  std::string version = OfferedVersion(info);
+  if (Rejects(version)) {
+    throw std::runtime_error("version " + version + kWasRejected);
+  }
+  return version;
+}
+
+bool CheckingPackHandler::Rejects(const std::string& version) const {
+  const bool rejects = !accepts_rejected_ && updater::IsRejected(version);
+  rejected_version_ = rejects ? std::optional(version) : std::nullopt;
+  return rejects;
 }
 
 std::string CheckingPackHandler::GetDownloadLink(const Json::Value& info) const {

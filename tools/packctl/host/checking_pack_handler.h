@@ -22,6 +22,7 @@ namespace orbamira::packctl {
 /// too
 ///   long or holds control characters: it would reach the record, terminals and plugins;
 /// - takes the release that this appliance is offered, where the reply has more than one for the pack;
+/// - declines an offer of a version that was rejected on this appliance, and throws for it where it is not asked;
 /// - takes no more of a package than the offer that its link came from says it has.
 class CheckingPackHandler : public updater::PackHandler {
  public:
@@ -46,6 +47,14 @@ class CheckingPackHandler : public updater::PackHandler {
 
   /// What the last reply says of releases beside the offer.
   [[nodiscard]] const OtherReleases& other_releases() const { return other_releases_; }
+  /// Takes rejected versions, too.
+  void AcceptRejected() { accepts_rejected_ = true; }
+
+  /// The version on offer, checked, and noted as offered.
+  [[nodiscard]] std::string OfferedVersion(const Json::Value& info) const;
+
+  /// The version of the last offer that was declined because it is rejected; empty when none was.
+  [[nodiscard]] const std::optional<std::string>& rejected_version() const { return rejected_version_; }
 
   /// The version of the last offer that was asked for its version or its link; empty before one was.
   [[nodiscard]] const std::string& offered_version() const { return offer_.version; }
@@ -63,6 +72,10 @@ class CheckingPackHandler : public updater::PackHandler {
   mutable std::optional<Audience> audience_;  // read when a reply asks for it
   mutable OtherReleases other_releases_;
   mutable Offer offer_;
+  [[nodiscard]] bool Rejects(const std::string& version) const;
+
+  bool accepts_rejected_ = false;
+  mutable std::optional<std::string> rejected_version_;
   mutable std::optional<std::string> declined_version_;
   mutable std::map<std::string, std::int64_t> sizes_;  // of packages, by their links
 };

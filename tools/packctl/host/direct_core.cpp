@@ -7,8 +7,8 @@
 #include <system_error>
 
 #include "platform/constants.h"
-#include "platform/posix/remove_tree.h"
 #include "platform/printable.h"
+#include "platform/removal.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -19,7 +19,7 @@ bool IsRemoval(const std::vector<std::string>& args) {
 
 int Remove(const std::string& path) {
   try {
-    RemoveAtOnce(path);
+    RemoveForUpdater(path);
   } catch (const std::exception& error) {
     static_cast<void>(std::fprintf(stderr, "orba-remove: %s\n", Printable(error.what()).c_str()));
     return EXIT_FAILURE;

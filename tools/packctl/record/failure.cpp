@@ -58,6 +58,10 @@ const char* CodeOf(FailureReason reason) {
       return "requirements_unreadable";
     case FailureReason::kInstallFailed:
       return "install_failed";
+    case FailureReason::kUnhealthy:
+      return "unhealthy";
+    case FailureReason::kRejected:
+      return "rejected";
     case FailureReason::kRecordUnreadable:
       return "record_unreadable";
     case FailureReason::kPermissionDenied:

@@ -37,6 +37,8 @@ enum class FailureReason {
   kNotConfigured,
   kRequirementsUnreadable,
   kInstallFailed,
+  kUnhealthy,
+  kRejected,
   kRecordUnreadable,
   kPermissionDenied,
   kNotPermitted,

@@ -97,6 +97,8 @@ std::vector<Rule> RulesFor(const std::string& command) {
   const auto programs = Speaker::kPrograms;
   const std::string malformed = "the update server's reply is malformed";
   const std::string damaged = "the package is damaged";
+  const std::string unhealthy = "the pack failed its health check";
+  const std::string newer = "A newer version is installed when it is on offer.";
   return {
       {kNotSigned, anyone, ": not signed", Words::kOwn, "the package is not signed",
        "Get a signed package from its publisher."},
@@ -113,6 +115,9 @@ std::vector<Rule> RulesFor(const std::string& command) {
       {kBadSignature, programs, "MANIFEST", Words::kOwnAndCause, "the package's signature is not valid", kDoctor},
       {kBadPackage, programs, "orba-archive: ", Words::kOwnAndCause, damaged, kDoctor},
       {kBadPackage, programs, "orba-tar: ", Words::kOwnAndCause, damaged, kDoctor},
+      {kUnhealthy, programs, "check-health: ", Words::kOwnAndRest, unhealthy, newer},
+      {kUnhealthy, anyone, "The pack is not healthy: ", Words::kOwnAndRest, unhealthy, newer},
+      {kRejected, anyone, " was rejected on this appliance", Words::kLine, "", newer},
       {kInstallFailed, programs, "orba-", Words::kLine, "", kDoctor},
       {kChecksumMismatch, anyone, "Failed to verify checksum", Words::kOwn,
        "the package is not the one that the server announced", "Run: sudo packctl " + command},
@@ -255,8 +260,8 @@ std::optional<Failure> NeedsRoot(const std::string& command) {
       Activity{"status", "reading the status"}, Activity{"codecs", "reading the codecs"},
       Activity{"check", "checking for a pack"}, Activity{"download", "downloading a pack"},
       Activity{"install", "installing a pack"}, Activity{"update", "updating"},
-      Activity{"remove", "removing the pack"},  Activity{"recover", "recovering"},
-      Activity{"plugins", "asking plugins"}};
+      Activity{"remove", "removing the pack"},  Activity{"rollback", "going back"},
+      Activity{"recover", "recovering"},        Activity{"plugins", "asking plugins"}};
   const auto* const activity =
       std::ranges::find_if(kActivities, [&](const Activity& known) { return known.command == command; });
   if (activity == kActivities.end()) {

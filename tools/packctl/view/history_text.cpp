@@ -60,6 +60,9 @@ std::string EndSentence(const HistoryEntry& entry) {
   if (entry.command == "remove") {
     return "Removed " + Named(entry.from).value_or(unknown).version + ".";
   }
+  if (entry.command == "rollback") {
+    return "Went back to " + now.version + " (was " + Named(entry.from).value_or(unknown).version + ").";
+  }
   return entry.command == "recover" ? "Cleaned up." : ResultWords(entry.result) + ".";
 }
 

@@ -83,6 +83,15 @@ std::string AvailableWords(const StatusFacts& facts) {
   return is_installed || !facts.check->is_news ? "nothing newer" : Printable(facts.check->version);
 }
 
+// A line for each rejected version; mostly none.
+std::string RejectedLines(const StatusFacts& facts) {
+  std::string lines;
+  for (const updater::RejectedVersion& version : facts.rejected) {
+    lines += "Rejected:   " + Printable(version.version + ": " + version.reason) + "\n";
+  }
+  return lines;
+}
+
 std::string CheckWords(const StatusFacts& facts) {
   const std::optional<HistoryEntry>& entry = facts.last_entry;
   if (entry && entry->command == "check" && entry->failure && (!facts.check || facts.check->IsOlderThan(entry->time))) {
@@ -164,8 +173,9 @@ std::string StatusLines(const StatusFacts& facts) {
   const bool is_told = facts.wait && facts.wait->reason != FailureReason::kWaitsForPerson;
   const std::string wait = is_told ? "\nWaits:      " + WaitWords(*facts.wait) : "";
   const std::string hold = facts.hold && !is_told ? "\nHeld:       " + HoldWords(*facts.hold) : "";
-  return "Installed:  " + InstalledWords(facts) + "\nAvailable:  " + AvailableWords(facts) + wait + hold +
-         "\nLast check: " + CheckWords(facts) + SupportLine(facts) + "\nTo do:      " + RemedyWords(facts) + "\n";
+  return "Installed:  " + InstalledWords(facts) + "\nAvailable:  " + AvailableWords(facts) + wait + hold + "\n" +
+         RejectedLines(facts) + "Last check: " + CheckWords(facts) + SupportLine(facts) +
+         "\nTo do:      " + RemedyWords(facts) + "\n";
 }
 
 std::string RecordLines(const StatusRecord& record) {

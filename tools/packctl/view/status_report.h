@@ -10,6 +10,7 @@
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
+#include "updater/health.h"
 
 /// How the appliance is, in the words of "packctl status".
 namespace orbamira::packctl {
@@ -25,6 +26,7 @@ struct StatusFacts {
   std::optional<std::chrono::sys_days> support_end = {};  ///< the last day of support
   std::optional<Hold> hold = {};                          ///< the owner's, that is in force
   std::optional<Wait> wait = {};                          ///< why the pack on offer is not installed
+  std::vector<updater::RejectedVersion> rejected = {};
 };
 
 /// Whether somebody has to do something.

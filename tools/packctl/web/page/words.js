@@ -114,6 +114,7 @@ export const words = {
     nothing_new: "Checked: there is nothing new.",
     waits: "The new codec pack waits.",
     downloaded: "Downloaded.",
+    rejected: "Checked: the pack on offer was rejected on this appliance.",
     nothing_to_do: "There is nothing to do.",
     no_address: "No update server is set.",
     done: "Done.",
@@ -146,6 +147,7 @@ export const words = {
     download: (entry) => `Downloaded ${version(entry.to)}`,
     install: (entry) => `Installed ${version(entry.to)}`,
     update: (entry) => (entry.from === null ? `Installed ${version(entry.to)}` : `Updated to ${version(entry.to)}`),
+    rollback: (entry) => `Went back to ${version(entry.to)}`,
     remove: (entry) => `Removed ${version(entry.from)}`,
     hold: () => "Held updates",
     unhold: () => "Ended the hold",
@@ -159,6 +161,7 @@ export const words = {
     install: "Install failed",
     update: "Update failed",
     remove: "Removal failed",
+    rollback: "Rollback failed",
     recover: "Recovery failed",
   },
   cancelledTo: {
@@ -167,6 +170,7 @@ export const words = {
     install: "Install cancelled",
     update: "Update cancelled",
     remove: "Removal cancelled",
+    rollback: "Rollback cancelled",
   },
   times: (count) => `${count}×`,
   entry: { before: "Before", after: "After", took: "Took", exit: "Exit status", code: "Reason", at: "Ended" },
@@ -256,6 +260,11 @@ export const words = {
       remedy: "Run the diagnosis.",
     },
     install_failed: { cause: "The pack could not be put in place.", remedy: "Run the diagnosis." },
+    unhealthy: {
+      cause: "The new pack failed its health check.",
+      remedy: "It is not installed again. A newer version is, when it is on offer.",
+    },
+    rejected: { cause: "This version was rejected on this appliance.", remedy: "Wait for a newer version." },
     record_unreadable: { cause: "The record of the status is damaged.", remedy: "Recovery repairs it.", recover: true },
     permission_denied: {
       cause: "This takes more rights than the page's server has.",

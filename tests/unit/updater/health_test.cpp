@@ -1,0 +1,273 @@
+#include "updater/health.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "platform/constants.h"
+#include "platform/paths.h"
+#include "tests/support/test_root.h"
+#include "updater/health_record.h"
+#include "updater/pack_status_helper.h"
+#include "updater/recovery.h"
+#include "updater/update_lock.h"
+
+namespace orbamira::updater {
+
+static bool operator==(const RejectedVersion& left, const RejectedVersion& right) {
+  return left.version == right.version && left.reason == right.reason && left.time == right.time;
+}
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using test::ReadFile;
+using test::WriteFile;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+/// Runs nothing: notes what was to be run, and gives a result for check-health.
+class NotingCore : public wrapper::OrbaCoreWrapper {
+ public:
+  explicit NotingCore(int verdict = 0) : verdict_(verdict) {}
+
+  int RunCommand(const std::vector<std::string>& args) override {
+    if (args[0] == path::kHealthProgramPath) {
+      checked_.push_back(args[1]);
+      return verdict_;
+    }
+    told_.push_back(args[2] + " " + args[6] + " " + args[8] + " " + args[10]);
+    return 0;
+  }
+
+  [[nodiscard]] const std::vector<std::string>& checked() const { return checked_; }
+  [[nodiscard]] const std::vector<std::string>& told() const { return told_; }
+
+ private:
+  int verdict_;
+  std::vector<std::string> checked_;
+  std::vector<std::string> told_;
+};
+
+class HealthTest : public testing::Test {
+ protected:
+  HealthTest() {
+    for (const auto& entry : fs::directory_iterator(test::Root())) {
+      fs::remove_all(entry.path());
+    }
+    fs::create_directories(kTargetFolder);
+    status_->SetAsUpToDate();
+  }
+
+  static void MakePack(const fs::path& folder, const std::string& version) {
+    WriteFile(folder / "INFO", "package=" ORBAMIRA_HEVC_PACK "\nversion=" + version + "\n");
+    WriteFile(folder / "has_hevc", "");
+    WriteFile(folder / "codec", version);
+  }
+
+  static void MakeLibrary() { WriteFile(fs::path(path::kPackFolderPath) / "lib/codec.so", "\177ELF"); }
+
+  static std::string Installed() { return ReadFile(fs::path(path::kPackFolderPath) / "codec"); }
+
+  bool Confirmed() { return ConfirmHealth(UpdateLock(), *status_, core_); }
+
+  PackStatus Recorded() { return PackStatusHelper::Create()->GetPackStatus(); }
+
+  std::shared_ptr<NotingCore> core_ = std::make_shared<NotingCore>();
+  std::unique_ptr<IPackStatusHelper> status_ = PackStatusHelper::Create();
+};
+
+TEST_F(HealthTest, ConfirmHealthStartsNothingForAPackWithoutLibraries) {
+  MakePack(path::kPackFolderPath, "2");
+  WriteFile(fs::path(path::kPackFolderPath) / "lib/codec.so", "no library");
+  EXPECT_TRUE(Confirmed());
+  EXPECT_THAT(core_->checked(), IsEmpty());
+  EXPECT_FALSE(IsUnchecked());
+}
+
+TEST_F(HealthTest, ConfirmHealthHasLibrariesAndProgramsChecked) {
+  MakePack(path::kPackFolderPath, "2");
+  MakeLibrary();
+  EXPECT_TRUE(Confirmed());
+  EXPECT_THAT(core_->checked(), ElementsAre(path::kPackFolderPath));
+  fs::remove_all(fs::path(path::kPackFolderPath) / "lib");
+  WriteFile(fs::path(path::kHealthFolder) / "10-plays", "");
+  EXPECT_TRUE(Confirmed());
+  EXPECT_THAT(core_->checked(), SizeIs(2));
+}
+
+TEST_F(HealthTest, ConfirmHealthPutsThePreviousPackBack) {
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kPreviousPackFolderPath, "1");
+  MakeLibrary();
+  core_ = std::make_shared<NotingCore>(3);
+  status_->SetAsDownloadInstallFailed();
+  EXPECT_FALSE(Confirmed());
+  EXPECT_EQ(Installed(), "1");
+  EXPECT_THAT(core_->told(), ElementsAre("uninstall pre 2 UPGRADE", "uninstall post 2 UPGRADE", "install pre 1 UPGRADE",
+                                         "install post 1 UPGRADE"));
+  EXPECT_EQ(Recorded(), kStatusUpToDate);
+  EXPECT_TRUE(IsRejected("2"));
+  EXPECT_FALSE(IsRejected("1"));
+  EXPECT_FALSE(IsUnchecked());
+  EXPECT_EQ(PreviousVersion(), std::nullopt);
+}
+
+TEST_F(HealthTest, ConfirmHealthRemovesAFirstPackThatIsBad) {
+  MakePack(path::kPackFolderPath, "2");
+  MakeLibrary();
+  core_ = std::make_shared<NotingCore>(3);
+  EXPECT_FALSE(Confirmed());
+  EXPECT_FALSE(fs::exists(path::kPackFolderPath));
+  EXPECT_THAT(core_->told(), ElementsAre("uninstall pre 2 UNINSTALL", "uninstall post 2 UNINSTALL"));
+  EXPECT_EQ(Recorded(), kStatusDownloadInstallFailed);
+}
+
+TEST_F(HealthTest, ConfirmHealthRejectsAPackWhoseFilesDoNotFit) {
+  for (const char* missing : {"INFO", "has_hevc"}) {
+    MakePack(path::kPreviousPackFolderPath, "1");
+    MakePack(path::kPackFolderPath, "2");
+    fs::remove(fs::path(path::kPackFolderPath) / missing);
+    EXPECT_FALSE(Confirmed()) << missing;
+    EXPECT_EQ(Installed(), "1");
+  }
+  EXPECT_THAT(core_->checked(), IsEmpty());
+}
+
+TEST_F(HealthTest, ConfirmHealthKeepsAPackThatCannotBeChecked) {
+  PrepareUpdate(UpdateLock());
+  for (const int result : {-1, -9, 1, 127}) {
+    MakePack(path::kPackFolderPath, "2");
+    MakeLibrary();
+    core_ = std::make_shared<NotingCore>(result);
+    EXPECT_TRUE(Confirmed());
+    EXPECT_EQ(Installed(), "2");
+    EXPECT_TRUE(IsUnchecked()) << result;
+  }
+}
+
+TEST_F(HealthTest, APackThatWasThereBeforeCountsAsHealthy) {
+  MakePack(path::kPackFolderPath, "1");
+  EXPECT_FALSE(IsUnchecked());
+  PrepareUpdate(UpdateLock());
+  EXPECT_FALSE(IsUnchecked());
+  MakePack(path::kPackFolderPath, "2");
+  EXPECT_TRUE(IsUnchecked());
+}
+
+TEST_F(HealthTest, ADamagedRecordCountsAsNone) {
+  WriteFile(path::kHealthFile, "{");
+  MakePack(path::kPackFolderPath, "1");
+  EXPECT_FALSE(IsUnchecked());
+  EXPECT_THAT(RejectedVersions(), IsEmpty());
+}
+
+TEST_F(HealthTest, ANewerHealthyPackEndsRejections) {
+  Rejections rejections;
+  rejections.Add({"2", "bad", 1});
+  rejections.Add({"2.0", "bad again", 2});
+  rejections.Add({"4", "bad", 3});
+  EXPECT_THAT(rejections.all(), ElementsAre(RejectedVersion{"2.0", "bad again", 2}, RejectedVersion{"4", "bad", 3}));
+  rejections.Write();
+  MakePack(path::kPackFolderPath, "3");
+  EXPECT_TRUE(Confirmed());
+  EXPECT_THAT(RejectedVersions(), ElementsAre(RejectedVersion{"4", "bad", 3}));
+  MakePack(path::kPackFolderPath, "4");
+  EXPECT_TRUE(Confirmed());
+  EXPECT_THAT(RejectedVersions(), IsEmpty());
+}
+
+TEST_F(HealthTest, TheRejectedVersionsHaveABound) {
+  Rejections rejections;
+  for (int i = 0; i < 100; ++i) {
+    rejections.Add({std::to_string(i), "bad", i});
+  }
+  EXPECT_THAT(rejections.all(), SizeIs(16));
+  EXPECT_TRUE(rejections.Has("99"));
+}
+
+TEST_F(HealthTest, ANoteThatAPowerCutTookCostsAnotherCheck) {
+  MakePack(path::kPackFolderPath, "1");
+  EXPECT_TRUE(Confirmed());
+  EXPECT_FALSE(IsUnchecked());
+  WriteFile(path::kHealthyPackFile, "");
+  EXPECT_TRUE(IsUnchecked());
+}
+
+TEST_F(HealthTest, AShorterNoteReplacesALongerOne) {
+  MakePack(path::kPackFolderPath, "1.2.3.4.5");
+  EXPECT_TRUE(Confirmed());
+  MakePack(path::kPackFolderPath, "2");
+  EXPECT_TRUE(Confirmed());
+  EXPECT_EQ(ReadFile(path::kHealthyPackFile), "package=\"" ORBAMIRA_HEVC_PACK "\"\nversion=\"2\"\n");
+}
+
+TEST_F(HealthTest, APreviousPackThatNobodyWantsGoesWhenTheNewOneIsHealthy) {
+  WriteFile(path::kPkgSetting, "keep_previous_pack=no\n");
+  MakePack(path::kPackFolderPath, "1");
+  PrepareUpdate(UpdateLock());
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kPreviousPackFolderPath, "1");
+  Recover(UpdateLock());
+  EXPECT_EQ(PreviousVersion(), "1") << "the new pack is not checked yet";
+  EXPECT_TRUE(Confirmed());
+  EXPECT_EQ(PreviousVersion(), std::nullopt);
+}
+
+class InterruptedWayBackTest : public HealthTest {
+ protected:
+  // As it is once the rejection is on the disk.
+  InterruptedWayBackTest() {
+    NoteHealthyPack({ORBAMIRA_HEVC_PACK, "1"});
+    Rejections rejections;
+    rejections.Add({"2", "it failed its health check", 1});
+    rejections.Write();
+  }
+
+  static void ExpectBack() {
+    const RecoveryReport report = Recover(UpdateLock());
+    EXPECT_THAT(report.failed, IsEmpty());
+    EXPECT_EQ(Installed(), "1");
+    EXPECT_EQ(PreviousVersion(), std::nullopt);
+    EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
+    EXPECT_FALSE(IsUnchecked());
+    EXPECT_THAT(Recover(UpdateLock()).done, IsEmpty());
+  }
+};
+
+TEST_F(InterruptedWayBackTest, RecoverGoesBackFromTheRejection) {
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kPreviousPackFolderPath, "1");
+  ExpectBack();
+}
+
+TEST_F(InterruptedWayBackTest, RecoverGoesBackFromTheBackup) {
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kBackupPackFolderPath, "1");
+  ExpectBack();
+}
+
+TEST_F(InterruptedWayBackTest, RecoverGoesBackWithoutAPack) {
+  MakePack(path::kBackupPackFolderPath, "1");
+  ExpectBack();
+}
+
+TEST_F(InterruptedWayBackTest, RecoverRemovesARejectedFirstPack) {
+  MakePack(path::kPackFolderPath, "2");
+  Recover(UpdateLock());
+  EXPECT_FALSE(fs::exists(path::kPackFolderPath));
+  EXPECT_EQ(Recorded(), kStatusDownloadInstallFailed);
+}
+
+TEST_F(InterruptedWayBackTest, RecoverKeepsAPackOfAnotherVersion) {
+  MakePack(path::kPackFolderPath, "1");
+  Recover(UpdateLock());
+  EXPECT_EQ(Installed(), "1");
+}
+
+}  // namespace
+}  // namespace orbamira::updater
