@@ -67,11 +67,13 @@ std::vector<fs::path> WhatIsBelieved() {
                                     path::kGetAppIdPyPath,
                                     path::kHealthProgramPath,
                                     programs / "orba-load",
-                                    path::kHealthFolder,
                                     programs / "orba-account",
                                     page,
                                     fs::path(path::kTempPluginAppIdPath).parent_path(),
                                     fs::path(path::kPackctlLock).parent_path()};
+  if (fs::exists(StatusOf(path::kHealthFolder))) {
+    believed.emplace_back(path::kHealthFolder);
+  }
   std::error_code error;  // without a page there is nothing to show
   for (const fs::directory_entry& file : fs::directory_iterator(page, error)) {
     believed.push_back(file.path());
