@@ -7,10 +7,10 @@
 
 #include "platform/constants.h"
 #include "tests/support/test_root.h"
-#include "tools/packctl/commands/watched_work.h"
 #include "tools/packctl/host/asked_status_helper.h"
 #include "tools/packctl/host/checking_pack_handler.h"
 #include "tools/packctl/host/direct_core.h"
+#include "tools/packctl/host/watched_work.h"
 #include "tools/packctl/view/status_words.h"
 
 namespace orbamira::packctl {

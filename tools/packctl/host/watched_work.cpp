@@ -1,4 +1,4 @@
-#include "tools/packctl/commands/watched_work.h"
+#include "tools/packctl/host/watched_work.h"
 
 #include <chrono>
 #include <future>
