@@ -59,6 +59,8 @@ class RollbackTest(unittest.TestCase):
     def test_a_pack_that_crashes_goes_and_is_not_taken_again(self):
         self.install("1.0")
         self.offer("2.0")
+        self.packctl(0, "check")
+        self.assertTrue((self.appliance.state_folder / "offer.json").exists())
         failed = self.packctl(FAILED, "update")
         self.assertEqual(failed["error"]["code"], "unhealthy")
         self.assertIn("ended by signal", failed["error"]["message"])
@@ -82,6 +84,17 @@ class RollbackTest(unittest.TestCase):
         self.packctl(0, "update")
         self.assert_installed("3.0")
         self.assertEqual(self.packctl(0, "status")["rejected"], [])
+
+    def test_a_check_forgets_the_offer_of_a_rejected_version(self):
+        self.install("1.0")
+        self.offer("2.0")
+        self.packctl(0, "check")
+        offer = self.appliance.state_folder / "offer.json"
+        noted = offer.read_text()
+        self.packctl(FAILED, "update")
+        offer.write_text(noted)  # as a power cut may leave it after the version was rejected
+        self.assertEqual(self.packctl(NOTHING, "check")["result"], "rejected")
+        self.assert_installed("1.0")
 
     def test_a_rejected_version_is_taken_by_reinstall_alone(self):
         self.install("1.0")

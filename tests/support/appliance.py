@@ -317,7 +317,6 @@ class Appliance:
             self.accepted_file,
             self.health_file,
             self.state_folder / "healthy-pack",
-            self.state_folder / "offer.json",  # when a check first found what is on offer, rejected or not
             self.packages,
             self.state_folder / "codec-requirements.json",
             self.cache / "checked",

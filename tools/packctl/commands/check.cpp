@@ -126,6 +126,7 @@ Outcome RunCheck(Context& context) {
   }
   const bool found = objects.manager->CheckNewPack();
   if (const auto& rejected = objects.handler->rejected_version(); !found && rejected) {
+    ForgetKeptOffer();
     return WithOthers(RejectedOffer(*rejected, objects.handler->other_releases()), objects.handler->other_releases());
   }
   const std::optional<std::string>& declined = objects.handler->declined_version();

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "platform/printable.h"
+#include "tools/packctl/commands/automatic.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/record/installed_pack.h"
@@ -78,7 +79,11 @@ Outcome RunRollback(Context& context) {
 }  // namespace
 
 bool PassesTrial(const updater::UpdateLock& lock, const UpdateObjects& objects) try {
-  return updater::ConfirmHealth(lock, *objects.status, objects.core);
+  const bool passes = updater::ConfirmHealth(lock, *objects.status, objects.core);
+  if (!passes) {
+    ForgetKeptOffer();  // if that fails, the next check does it
+  }
+  return passes;
 } catch (const std::exception&) {
   updater::Recover(lock);
   throw;

@@ -6,8 +6,8 @@
 /// The trial of a pack: whether it is healthy, and what becomes of it when it is not.
 namespace orbamira::packctl {
 
-/// Whether the pack that was just installed is healthy. One that is not has gone, and the previous pack is in its
-/// place. If the way back fails, puts in order what is left, and throws.
+/// Whether the pack that was just installed is healthy. One that is not has gone with its offer, and the previous
+/// pack is in its place. If the way back fails, puts in order what is left, and throws.
 bool PassesTrial(const updater::UpdateLock& lock, const UpdateObjects& objects);
 
 /// Runs the command. Before that, ends the trial of a pack that an interrupted update has left unchecked; the command's
