@@ -59,13 +59,12 @@ std::time_t Utc(int year, int month, int day, int hour, int minute = 0) {
 std::vector<TimeWindow> Windows(const std::string& text) { return ParseTimeWindows(text).value(); }
 
 TEST(OfferTest, ReadsWhatOnlyPackctlReads) {
-  EXPECT_EQ(ReadOffer(Json(R"({"version": "1.1", "security": true, "rollout": 12.5, "channel": "beta"})")),
-            (Offer{.version = "1.1", .security = true, .rollout = 12.5, .channel = "beta"}));
+  EXPECT_EQ(ReadOffer(Json(R"({"version": "1.1", "security": true})")), (Offer{.version = "1.1", .security = true}));
   EXPECT_EQ(ReadOffer(Json(R"({"version": "1.1"})")), (Offer{.version = "1.1"}));
 }
 
 TEST(OfferTest, MemberOfAnotherTypeCountsAsMissing) {
-  EXPECT_EQ(ReadOffer(Json(R"({"version": 1, "security": "true", "rollout": "5", "channel": {}})")), Offer());
+  EXPECT_EQ(ReadOffer(Json(R"({"version": 1, "security": "true"})")), Offer());
   EXPECT_EQ(ReadOffer(Json("[]")), Offer());
 }
 
@@ -247,8 +246,7 @@ TEST_F(DecisionTest, SecurityReleaseWaitsNoLongerThanAnyOther) {
 TEST(OfferNoteTest, SameOfferWaitsSinceItWasFirstSeen) {
   const std::time_t now = Utc(2026, 6, 10, 0);
   const OfferNote before{.offer = {.version = "1.1"}, .first_seen = now - kDay, .told = "held"};
-  const Offer marked{.version = "1.1", .channel = "beta"};
-  EXPECT_EQ(Noted(marked, before, now), (OfferNote{marked, now - kDay, "held"}));
+  EXPECT_EQ(Noted({.version = "1.1"}, before, now), before);
   EXPECT_EQ(Noted({.version = "1.2"}, before, now), (OfferNote{{.version = "1.2"}, now, ""}));
   EXPECT_EQ(Noted({.version = "1.2"}, std::nullopt, now), (OfferNote{{.version = "1.2"}, now, ""}));
 }

@@ -26,9 +26,6 @@ std::optional<std::time_t> SecurityDeadline(const Situation& situation) {
              : std::nullopt;
 }
 
-// What the maker says.
-std::optional<Wait> WhyMakerWaits(const Situation& /*situation*/) { return std::nullopt; }
-
 std::optional<Wait> WhyHeld(const Situation& situation, std::optional<std::time_t> deadline) {
   if (!situation.hold || situation.now >= situation.hold->until.value_or(situation.now + 1)) {
     return std::nullopt;
@@ -59,9 +56,6 @@ std::optional<Wait> WhyNotNow(const Situation& situation, std::time_t deadline) 
 }  // namespace
 
 std::optional<Wait> WhyWait(const Situation& situation) {
-  if (std::optional<Wait> wait = WhyMakerWaits(situation)) {
-    return wait;
-  }
   const std::optional<std::time_t> security = SecurityDeadline(situation);
   if (security && situation.now >= *security) {
     return std::nullopt;

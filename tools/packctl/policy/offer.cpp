@@ -10,11 +10,7 @@ Offer ReadOffer(const Json::Value& info) {
     return {};
   }
   const Json::Value& security = info["security"];
-  const Json::Value& rollout = info["rollout"];
-  return {.version = TextOf(info[param::kVersion]),
-          .security = security.isBool() && security.asBool(),
-          .rollout = rollout.isNumeric() ? std::optional(rollout.asDouble()) : std::nullopt,
-          .channel = TextOf(info["channel"])};
+  return {.version = TextOf(info[param::kVersion]), .security = security.isBool() && security.asBool()};
 }
 
 }  // namespace orbamira::packctl

@@ -39,11 +39,7 @@ std::optional<OfferNote> ReadOfferNote() {
     return std::nullopt;
   }
   const Json::Value& json = *kept;
-  const Json::Value& rollout = json["rollout"];
-  return OfferNote{.offer = {.version = TextOf(json["version"]),
-                             .security = IsTrue(json["security"]),
-                             .rollout = rollout.isNumeric() ? std::optional(rollout.asDouble()) : std::nullopt,
-                             .channel = TextOf(json["channel"])},
+  return OfferNote{.offer = {.version = TextOf(json["version"]), .security = IsTrue(json["security"])},
                    .first_seen = json["first_seen"].asInt64(),
                    .told = TextOf(json["told"])};
 }
@@ -55,8 +51,6 @@ void KeepOfferNote(const OfferNote& note) {
   Json::Value json;
   json["version"] = note.offer.version;
   json["security"] = note.offer.security;
-  json["rollout"] = note.offer.rollout ? Json::Value(*note.offer.rollout) : Json::Value();
-  json["channel"] = note.offer.channel;
   json["first_seen"] = Json::Int64{note.first_seen};
   json["told"] = note.told;
   WriteStateFile(kFile, json);
