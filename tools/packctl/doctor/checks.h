@@ -46,16 +46,16 @@ bool ChangeIsUnderWay();
 Findings CheckState();
 
 /// What the update server offers, as far as it is known.
-struct Offer {
+struct OfferedPackage {
   std::optional<std::uint64_t> package_size = {};  ///< bytes
 };
 
 /// Asks the update server as a check does, but for at most half a minute, and looks at the reply, the package's address
 /// and the server's clock.
-Findings CheckServer(Offer& offer);
+Findings CheckServer(OfferedPackage& offer);
 
 /// Whether there is room to download and unpack what is on offer.
-Findings CheckSpace(const Offer& offer);
+Findings CheckSpace(const OfferedPackage& offer);
 
 /// A file as the checks read it.
 struct FileText {

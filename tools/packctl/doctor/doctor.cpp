@@ -46,7 +46,7 @@ std::string SchemeOf(const std::string& address) {
 }
 
 Outcome Doctor(Context& context) {
-  Offer offer;
+  OfferedPackage offer;
   const std::vector<std::function<Findings()>> checks = {
       CheckRights,  // first, because it may be why the others find something
       CheckSettings,

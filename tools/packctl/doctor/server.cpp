@@ -87,7 +87,7 @@ std::string TextMember(const Json::Value& pack, const char* key) {
   return pack[key].isString() ? pack[key].asString() : "";
 }
 
-void CheckPackage(const std::string& link, Offer& offer, Findings& findings) {
+void CheckPackage(const std::string& link, OfferedPackage& offer, Findings& findings) {
   const NetworkReply reply = Ask({.url = link, .is_head = true});
   constexpr long kNoSuchMethod = 405;
   constexpr long kNotImplemented = 501;
@@ -105,7 +105,7 @@ void CheckPackage(const std::string& link, Offer& offer, Findings& findings) {
   }
 }
 
-void CheckReply(const std::string& text, Offer& offer, Findings& findings) {
+void CheckReply(const std::string& text, OfferedPackage& offer, Findings& findings) {
   Json::Value reply;
   bool parsed = false;
   try {
@@ -175,7 +175,7 @@ void CheckRoom(const char* folder, std::uint64_t free, std::uint64_t needed, Fin
 
 }  // namespace
 
-Findings CheckServer(Offer& offer) {
+Findings CheckServer(OfferedPackage& offer) {
   Findings findings;
   const updater::UpdateRequest request = updater::MakeUpdateRequest(*updater::KOSHelper::Create());
   if (SchemeOf(request.address).empty()) {
@@ -197,7 +197,7 @@ Findings CheckServer(Offer& offer) {
   return findings;
 }
 
-Findings CheckSpace(const Offer& offer) {
+Findings CheckSpace(const OfferedPackage& offer) {
   // A payload unpacks to about three times its size, and lies beside it meanwhile; the record needs next to nothing.
   constexpr std::uint64_t kUnpacked = 4;
   constexpr std::uint64_t kAlways = 1UL << 20U;
