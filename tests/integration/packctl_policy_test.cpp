@@ -25,6 +25,7 @@ using test::ProgramResult;
 using test::WriteFile;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 
 constexpr std::time_t kHour = 60L * 60;
 constexpr std::time_t kDay = 24 * kHour;
@@ -295,10 +296,21 @@ TEST_F(PackctlPolicyTest, HoldWantsADateThatIsToCome) {
 }
 
 // Whoever wrote it wanted no update.
-TEST_F(PackctlPolicyTest, DamagedHoldHolds) {
-  WriteFile(StateFile("hold.json"), "{");
-  EXPECT_EQ(RunJson({"update"}, 3)["error"]["code"], "held");
-  EXPECT_EQ(Run({"unhold"}).status, 0);
+TEST_F(PackctlPolicyTest, DamagedHoldHoldsAndTheDoctorTells) {
+  for (const char* text : {"{", "{}", R"({"until": "tomorrow"})"}) {
+    WriteFile(StateFile("hold.json"), text);
+    EXPECT_EQ(RunJson({"update"}, 3)["error"]["code"], "held") << text;
+    EXPECT_THAT(Run({"doctor"}).output, HasSubstr("the hold is damaged")) << text;
+    EXPECT_EQ(Run({"unhold"}).status, 0) << text;
+  }
+}
+
+TEST_F(PackctlPolicyTest, HoldIsNoFaultForTheDoctor) {
+  for (const std::vector<std::string>& hold :
+       {std::vector<std::string>{"hold"}, std::vector<std::string>{"hold", "--until", "2199-12-24"}}) {
+    EXPECT_EQ(Run(hold).status, 0);
+    EXPECT_THAT(Run({"doctor"}).output, Not(HasSubstr("hold")));
+  }
 }
 
 TEST_F(PackctlPolicyTest, SecurityReleaseIsInstalledByItself) {

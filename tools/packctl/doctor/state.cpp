@@ -15,6 +15,7 @@
 #include "platform/posix/unique_fd.h"
 #include "tools/packctl/doctor/checks.h"
 #include "tools/packctl/host/codec_report.h"
+#include "tools/packctl/policy/hold.h"
 #include "tools/packctl/record/history.h"
 #include "tools/packctl/record/lock_holder.h"
 #include "tools/packctl/record/recorded_status.h"
@@ -131,6 +132,13 @@ void CheckRequirements(Findings& findings) {
   }
 }
 
+void CheckHold(Findings& findings) {
+  if (IsHoldDamaged()) {
+    findings.push_back({kState, "the hold is damaged, and holds updates without an end",
+                        R"(run "packctl unhold", then "packctl hold" if updates are to wait)"});
+  }
+}
+
 void CheckHistory(Findings& findings) {
   try {
     if (const History history = ReadHistory(); history.damaged > 0) {
@@ -172,6 +180,7 @@ Findings CheckState() {
     findings.push_back({kState, leftover + " was left behind", kRecover});
   }
   CheckRequirements(findings);
+  CheckHold(findings);
   CheckHistory(findings);
   return findings;
 }

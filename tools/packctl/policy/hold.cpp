@@ -34,6 +34,15 @@ std::optional<Hold> ReadHold(std::time_t now) {
   return until.asInt64() > now ? std::optional(Hold{.until = until.asInt64()}) : std::nullopt;
 }
 
+bool IsHoldDamaged() {
+  const StateText kept = ReadStateFile(kFile);
+  if (!kept.object || !kept.object->isMember(kUntil)) {
+    return kept.exists;
+  }
+  const Json::Value& until = (*kept.object)[kUntil];
+  return !until.isNull() && !until.isInt64();
+}
+
 void KeepHold(const Hold& hold) {
   Json::Value json;
   json[kUntil] = hold.until ? Json::Value(Json::Int64{*hold.until}) : Json::Value();

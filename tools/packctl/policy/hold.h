@@ -12,6 +12,9 @@ namespace orbamira::packctl {
 /// an end: whoever made it wanted no update.
 std::optional<Hold> ReadHold(std::time_t now);
 
+/// Whether there is such a file that says something else than a hold.
+bool IsHoldDamaged();
+
 /// Keeps the hold, whole and synced. Throws std::system_error.
 void KeepHold(const Hold& hold);
 
