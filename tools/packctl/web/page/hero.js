@@ -107,14 +107,18 @@ function detailOf(kind, { state, reached }) {
     case "installing":
       return "";
     case "offered":
-      return state.wait === null ? words.soon : waitWords(state.wait);
+      return `${state.wait === null ? words.soon : waitWords(state.wait)} ${checkOf(state)}`;
     default:
       return [
-        state.checked === null ? words.neverChecked : words.checked(ageOf(state.checked)),
+        checkOf(state),
         ...releasesOf(state),
         ...supportOf(state),
       ].join(" ");
   }
+}
+
+function checkOf(state) {
+  return state.checked === null ? words.neverChecked : words.checked(ageOf(state.checked));
 }
 
 // What the last check said of releases beside the one on offer.
