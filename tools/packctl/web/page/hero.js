@@ -109,11 +109,7 @@ function detailOf(kind, { state, reached }) {
     case "offered":
       return `${state.wait === null ? words.soon : waitWords(state.wait)} ${checkOf(state)}`;
     default:
-      return [
-        checkOf(state),
-        ...releasesOf(state),
-        ...supportOf(state),
-      ].join(" ");
+      return [checkOf(state), ...releasesOf(state), ...supportOf(state)].join(" ");
   }
 }
 
