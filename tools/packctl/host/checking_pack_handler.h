@@ -19,8 +19,7 @@ namespace orbamira::packctl {
 /// - remembers an offer that it turned down: a check that found nothing new and one that failed both give false, and
 ///   the user wants to know which it was;
 /// - throws std::runtime_error, which fails the flow with one line of the log, for an offer whose version or link is
-/// too
-///   long or holds control characters: it would reach the record, terminals and plugins;
+///   too long or has control characters: it would reach the record, terminals and plugins;
 /// - takes the release that this appliance is offered, where the reply has more than one for the pack;
 /// - declines an offer of a version that was rejected on this appliance, and throws for it where it is not asked;
 /// - takes no more of a package than the offer that its link came from says it has.
@@ -47,7 +46,8 @@ class CheckingPackHandler : public updater::PackHandler {
 
   /// What the last reply says of releases beside the offer.
   [[nodiscard]] const OtherReleases& other_releases() const { return other_releases_; }
-  /// Takes rejected versions, too.
+
+  /// From now on also takes rejected versions.
   void AcceptRejected() { accepts_rejected_ = true; }
 
   /// The version on offer, checked, and noted as offered.
@@ -67,13 +67,12 @@ class CheckingPackHandler : public updater::PackHandler {
 
  private:
   /// The release of the pack that this appliance is offered.
-  Json::Value Chosen(const Json::Value& info) const;
+  [[nodiscard]] Json::Value Chosen(const Json::Value& info) const;
+  [[nodiscard]] bool Rejects(const std::string& version) const;
 
   mutable std::optional<Audience> audience_;  // read when a reply asks for it
   mutable OtherReleases other_releases_;
   mutable Offer offer_;
-  [[nodiscard]] bool Rejects(const std::string& version) const;
-
   bool accepts_rejected_ = false;
   mutable std::optional<std::string> rejected_version_;
   mutable std::optional<std::string> declined_version_;
