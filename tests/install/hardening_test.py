@@ -56,8 +56,8 @@ def disassembly(path):
 
 
 def own_code(path, build):
-    """What the project's own functions of a program are compiled to, which is linked statically with others."""
-    named = next(program for program in build.glob(f"tools/**/{path.name}") if is_elf(program))
+    """What the project's own functions of a program are compiled to, apart from others that are linked statically."""
+    named = next((program for program in build.glob(f"tools/**/{path.name}") if is_elf(program)), path)
     return [function for function in disassembly(named).split("\n\n") if re.match(r"\S+ <(main|orbamira::)", function)]
 
 
@@ -67,8 +67,10 @@ def missing(path, build, fortified):
     symbols = output("readelf", "--dyn-syms", "-W", path)
     if "(NEEDED)" in dynamic:
         guarded = "__stack_chk_fail" in symbols
-        # The few that every program gets from the C library are marked in any case.
-        marked = disassembly(path).count("endbr64") > 10
+        # The few that every program gets from the C library are marked in any case; a small one may have no more.
+        marked = disassembly(path).count("endbr64") > 10 or any(
+            "endbr64" in function for function in own_code(path, build)
+        )
     else:
         code = own_code(path, build)
         guarded = any("<__stack_chk_fail>" in function for function in code)

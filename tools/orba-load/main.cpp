@@ -74,7 +74,8 @@ void GiveUpRights(const char* library) {
   ForbidChanges();
 }
 
-void Say(const char* text) { static_cast<void>(write(STDOUT_FILENO, text, std::strlen(text))); }
+// Best effort: the exit status says the rest.
+void Say(const char* text) { static_cast<void>(write(STDOUT_FILENO, text, std::strlen(text)) > 0); }
 
 }  // namespace
 

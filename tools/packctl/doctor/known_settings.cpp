@@ -44,6 +44,7 @@ bool IsDownloadLimit(const std::string& text) { return IsNumber<std::int64_t>(te
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-function-size): a table
 std::span<const KnownSetting> KnownSettings() {
   static const std::array kSettings = {
       KnownSetting{
@@ -104,7 +105,7 @@ std::span<const KnownSetting> KnownSettings() {
                    "may run. One that takes longer rejects the pack.",
                    "health_time_limit=\"10\""},
       KnownSetting{
-          common::kKeepPreviousPack, "\"yes\" or \"no\"", IsYesOrNo, "yes",
+          common::kKeepPreviousPack, R"("yes" or "no")", IsYesOrNo, "yes",
           "Whether the pack that was installed before is kept, so that the appliance can go back to it. With \"no\" it "
           "goes as soon as the new pack is found healthy. It also goes when the disk lacks room for an update.",
           "keep_previous_pack=\"no\""},

@@ -1,98 +1,71 @@
 #include "tools/packctl/record/failure.h"
 
+#include <array>
+#include <cstddef>
 #include <utility>
 
 namespace orbamira::packctl {
+namespace {
 
-const char* CodeOf(FailureReason reason) {
-  switch (reason) {
-    case FailureReason::kNoSpace:
-      return "no_space";
-    case FailureReason::kDiskError:
-      return "disk_error";
-    case FailureReason::kNotSigned:
-      return "not_signed";
-    case FailureReason::kBadSignature:
-      return "bad_signature";
-    case FailureReason::kManifestTooOld:
-      return "manifest_too_old";
-    case FailureReason::kManifestTooNew:
-      return "manifest_too_new";
-    case FailureReason::kWrongProduct:
-      return "wrong_product";
-    case FailureReason::kInfoMismatch:
-      return "info_mismatch";
-    case FailureReason::kOlderVersion:
-      return "older_version";
-    case FailureReason::kBelowMinimum:
-      return "below_minimum";
-    case FailureReason::kPackageExpired:
-      return "package_expired";
-    case FailureReason::kClockBehind:
-      return "clock_behind";
-    case FailureReason::kKeyringUnusable:
-      return "keyring_unusable";
-    case FailureReason::kBadPackage:
-      return "bad_package";
-    case FailureReason::kFileUnusable:
-      return "file_unusable";
-    case FailureReason::kWrongPack:
-      return "wrong_pack";
-    case FailureReason::kChecksumMismatch:
-      return "checksum_mismatch";
-    case FailureReason::kNoNetworkModule:
-      return "no_network_module";
-    case FailureReason::kServerUnreachable:
-      return "server_unreachable";
-    case FailureReason::kServerRefused:
-      return "server_refused";
-    case FailureReason::kBadReply:
-      return "bad_reply";
-    case FailureReason::kNoPackOffered:
-      return "no_pack_offered";
-    case FailureReason::kDownloadFailed:
-      return "download_failed";
-    case FailureReason::kNotConfigured:
-      return "not_configured";
-    case FailureReason::kRequirementsUnreadable:
-      return "requirements_unreadable";
-    case FailureReason::kInstallFailed:
-      return "install_failed";
-    case FailureReason::kUnhealthy:
-      return "unhealthy";
-    case FailureReason::kRejected:
-      return "rejected";
-    case FailureReason::kRecordUnreadable:
-      return "record_unreadable";
-    case FailureReason::kPermissionDenied:
-      return "permission_denied";
-    case FailureReason::kNotPermitted:
-      return "not_permitted";
-    case FailureReason::kInterrupted:
-      return "interrupted";
-    case FailureReason::kBusy:
-      return "busy";
-    case FailureReason::kNotConfirmed:
-      return "not_confirmed";
-    case FailureReason::kCancelled:
-      return "cancelled";
-    case FailureReason::kHeld:
-      return "held";
-    case FailureReason::kOutsideWindow:
-      return "outside_window";
-    case FailureReason::kInUse:
-      return "in_use";
-    case FailureReason::kNotInRollout:
-      return "not_in_rollout";
-    case FailureReason::kWaitsForPerson:
-      return "waits_for_person";
-    case FailureReason::kAccountFailed:
-      return "account_failed";
-    case FailureReason::kUnexpected:
-      break;
+constexpr std::array<std::pair<FailureReason, const char*>, static_cast<std::size_t>(FailureReason::kUnexpected) + 1>
+    kCodes = {{
+        {FailureReason::kNoSpace, "no_space"},
+        {FailureReason::kDiskError, "disk_error"},
+        {FailureReason::kNotSigned, "not_signed"},
+        {FailureReason::kBadSignature, "bad_signature"},
+        {FailureReason::kManifestTooOld, "manifest_too_old"},
+        {FailureReason::kManifestTooNew, "manifest_too_new"},
+        {FailureReason::kWrongProduct, "wrong_product"},
+        {FailureReason::kInfoMismatch, "info_mismatch"},
+        {FailureReason::kOlderVersion, "older_version"},
+        {FailureReason::kBelowMinimum, "below_minimum"},
+        {FailureReason::kPackageExpired, "package_expired"},
+        {FailureReason::kClockBehind, "clock_behind"},
+        {FailureReason::kKeyringUnusable, "keyring_unusable"},
+        {FailureReason::kBadPackage, "bad_package"},
+        {FailureReason::kFileUnusable, "file_unusable"},
+        {FailureReason::kWrongPack, "wrong_pack"},
+        {FailureReason::kChecksumMismatch, "checksum_mismatch"},
+        {FailureReason::kNoNetworkModule, "no_network_module"},
+        {FailureReason::kServerUnreachable, "server_unreachable"},
+        {FailureReason::kServerRefused, "server_refused"},
+        {FailureReason::kBadReply, "bad_reply"},
+        {FailureReason::kNoPackOffered, "no_pack_offered"},
+        {FailureReason::kDownloadFailed, "download_failed"},
+        {FailureReason::kNotConfigured, "not_configured"},
+        {FailureReason::kRequirementsUnreadable, "requirements_unreadable"},
+        {FailureReason::kInstallFailed, "install_failed"},
+        {FailureReason::kUnhealthy, "unhealthy"},
+        {FailureReason::kRejected, "rejected"},
+        {FailureReason::kRecordUnreadable, "record_unreadable"},
+        {FailureReason::kPermissionDenied, "permission_denied"},
+        {FailureReason::kNotPermitted, "not_permitted"},
+        {FailureReason::kInterrupted, "interrupted"},
+        {FailureReason::kBusy, "busy"},
+        {FailureReason::kNotConfirmed, "not_confirmed"},
+        {FailureReason::kCancelled, "cancelled"},
+        {FailureReason::kHeld, "held"},
+        {FailureReason::kOutsideWindow, "outside_window"},
+        {FailureReason::kInUse, "in_use"},
+        {FailureReason::kNotInRollout, "not_in_rollout"},
+        {FailureReason::kWaitsForPerson, "waits_for_person"},
+        {FailureReason::kAccountFailed, "account_failed"},
+        {FailureReason::kUnexpected, "unexpected"},
+    }};
+
+constexpr bool AreCodesComplete() {
+  for (std::size_t i = 0; i < kCodes.size(); ++i) {
+    if (kCodes[i].first != static_cast<FailureReason>(i) || kCodes[i].second == nullptr) {
+      return false;
+    }
   }
-  return "unexpected";
+  return true;
 }
+static_assert(AreCodesComplete(), "a code for each reason, in their order");
+
+}  // namespace
+
+const char* CodeOf(FailureReason reason) { return kCodes.at(static_cast<std::size_t>(reason)).second; }
 
 Failure MakeFailure(FailureReason reason, std::string message, std::string remedy) {
   return {CodeOf(reason), std::move(message), std::move(remedy)};
