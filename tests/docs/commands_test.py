@@ -70,6 +70,7 @@ class Page:
             ("http://127.0.0.1:8080", self.address),
             ("/srv/packs", str(self.packs)),
             ("/usr/lib/orbamira/plugins", str(self.root / self.paths.plugins_folder)),
+            ("/usr/lib/orbamira/health.d", str(self.root / self.paths.health_folder)),
             (DEFAULT_SETTINGS, str(self.root / self.paths.settings_folder)),
             (DEFAULT_PACK + "-aac", self.paths.hevc_aac_pack),
             (DEFAULT_PACK, self.paths.hevc_pack),

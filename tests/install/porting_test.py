@@ -344,7 +344,7 @@ def expect_new_folders(stage, report):
     report.equal(
         "the services' folders of the disk",
         {"/volume1/acme/cache", "/volume1/acme/state"},
-        set(re.findall(r"^ReadWritePaths=(.*)", units, re.MULTILINE)),
+        set(re.findall(r"^ReadWritePaths=([^-].*)", units, re.MULTILINE)),
     )
     report.equal(
         "the group",
