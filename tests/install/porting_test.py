@@ -194,7 +194,8 @@ class Story:
         self.report.equal(
             "the package", ("acme-hevc", version), (self.answer("info", "package"), self.answer("info", "version"))
         )
-        self.report.equal("the packages' folder", ["codecs"], os.listdir(self.packages))
+        # The pack that was installed before may be kept beside it.
+        self.report.equal("the packages' folder", {"codecs"}, set(os.listdir(self.packages)) - {".codecs.previous"})
         self.report.equal(
             "the pack's content",
             digest(self.server.folder / f"payload-{version}/codec"),
