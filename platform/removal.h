@@ -10,7 +10,7 @@ namespace orbamira {
 /// - with the installed pack the previous one goes, first of the two: what is left after an interruption is the pack.
 ///
 /// So an update keeps what was installed before it, whichever host runs it, and pays one rename for that. What has no
-/// INFO is no pack and is only removed. A backup that cannot be renamed stays, for ConfirmInstall() and Recover() to
+/// INFO is not a pack and is only removed. A backup that cannot be renamed stays, for ConfirmInstall() and Recover() to
 /// look after: the new pack may turn out to be bad. Throws as RemoveAtOnce() does.
 void RemoveForUpdater(const std::string& path);
 

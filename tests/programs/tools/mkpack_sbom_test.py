@@ -197,7 +197,7 @@ part_of = "libhevc"
             COMPONENTS.replace("lib/libhevc.so.*", "lib/*"),
         )
         self.assert_refused(
-            '"lib/libother.so" is no file of the payload. Correct the name, or remove it.',
+            '"lib/libother.so" is not a file of the payload. Correct the name, or remove it.',
             COMPONENTS.replace('"share/*"', '"share/*", "lib/libother.so"'),
         )
         self.assert_refused(

@@ -489,7 +489,7 @@ class MkpackSigningTest(MkpackTest):
         signing = {"sign_key": self.key, "sign_cert": self.certificate}
         for options, problem in (
             ({"minimum": "1.3"}, "--minimum: it is newer than --version"),
-            ({"minimum": "x y"}, "--minimum: 'x y' is no version"),
+            ({"minimum": "x y"}, "--minimum: 'x y' is not a version"),
             ({"expires": "2020-01-01"}, "--expires: that day is over"),
             ({"expires": "2099-02-29"}, "--expires: '2099-02-29' is no day"),
             ({"expires": "20991231"}, "--expires: '20991231' is no day"),
@@ -830,7 +830,7 @@ class MkpackUsageTest(MkpackTest):
         for text in ("", "1/2", "1\n2", "1\n", '1"', "1'", "_1", ".1", "1 2", "\u0661", "1~rc1", "1" * 65):
             with self.subTest(text):
                 self.assert_usage(
-                    f"argument --version: {text!r} is no version: up to 64 letters, digits and . _ + -, beginning "
+                    f"argument --version: {text!r} is not a version: up to 64 letters, digits and . _ + -, beginning "
                     "with a letter or digit",
                     version=text,
                 )

@@ -133,7 +133,7 @@ class Bill:
             for pattern in component.get("files", ()):
                 matching = fnmatch.filter(payload_files, pattern)
                 if not matching:
-                    raise self._wrong(f'"{pattern}" is no file of the payload', "Correct the name, or remove it")
+                    raise self._wrong(f'"{pattern}" is not a file of the payload', "Correct the name, or remove it")
                 for path in matching:
                     if owners.setdefault(path, component) is not component:
                         raise self._wrong(

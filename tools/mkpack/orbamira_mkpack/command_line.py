@@ -80,7 +80,7 @@ def failed(program, reason):
 def version(text):
     if not rules.VERSION_PATTERN.fullmatch(text):
         raise argparse.ArgumentTypeError(
-            f"{text!r} is no version: up to 64 letters, digits and . _ + -, beginning with a letter or digit"
+            f"{text!r} is not a version: up to 64 letters, digits and . _ + -, beginning with a letter or digit"
         )
     return text
 

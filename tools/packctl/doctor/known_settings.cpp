@@ -76,13 +76,13 @@ std::span<const KnownSetting> KnownSettings() {
                    "The last day on which the maker closes security holes of this appliance. packctl status shows it, "
                    "and says when it has passed; nothing else changes then.",
                    "support_until=\"2031-12-31\""},
-      KnownSetting{
-          kUpdatePolicy,
-          "one of auto_download_auto_install, auto_download_manual_install and manual_download_manual_install",
-          IsUpdatePolicy, "manual_download_manual_install",
-          "What happens by itself to a new pack: it is downloaded and installed, it is downloaded and waits for a "
-          "person, or it is only announced.",
-          "update_policy=\"auto_download_auto_install\""},
+      KnownSetting{kUpdatePolicy,
+                   "one of auto_download_auto_install, auto_download_manual_install and manual_download_manual_install",
+                   IsUpdatePolicy, "manual_download_manual_install",
+                   "What packctl does with a new pack on its own: it is downloaded and installed, it is downloaded and "
+                   "waits for a "
+                   "person, or it is only announced.",
+                   "update_policy=\"auto_download_auto_install\""},
       KnownSetting{kInstallWindow, "one or more times such as 02:00-05:00", IsInstallWindow, "",
                    "The times of day, by the machine's own time zone, at which an install may begin by itself. Several "
                    "are separated by commas or blanks, and one may go across midnight. While it is empty, an install "
