@@ -150,7 +150,9 @@ def block(rows):
     """A block of help text: two columns become entries, prose is filled, and what a reader would type stays."""
     depth = min(len(row) - len(row.lstrip()) for row in rows)
     rows = [row[depth:] for row in rows]
-    begin = r"openssl cms |mkpack -|mkpack (verify|rollout|withdraw|nginx) [/@o-]|location = |pack_update_server="
+    begin = (
+        r"openssl cms |mkpack -|mkpack (verify|rollout|withdraw|security|nginx) [/@o-]|location = |pack_update_server="
+    )
     if any(re.match(begin, row) for row in rows):
         typed = [row for row in rows if re.match(begin + "|   ", row)]
         told = [row for row in rows if row not in typed]

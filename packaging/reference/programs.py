@@ -72,6 +72,7 @@ def mkpack(program):
             {**whole, "name": "publish"},
             _command("rollout", "Offer a release to a larger share of the appliances", rollout.make_parser()),
             _command("withdraw", "Take a release back", rollout.make_withdraw_parser()),
+            _command("security", "Mark a release as a security release", rollout.make_security_parser()),
             _command("verify", "Verify a published folder", verify.make_parser()),
             _command("nginx", "Print the configuration of nginx for staged releases", nginx.make_parser()),
         ],

@@ -21,6 +21,8 @@ TAKEN = (
     {},
     {"title": None, "size": None},
     {"size": 0},
+    {"security": True},
+    {"security": False},
     {"more": [1, {"a": None}]},
     {"version": "1.0-rc1+b_2"},
     {"version": "0" * 64},
@@ -53,6 +55,8 @@ STRICTER = (
     {"title": 1},
     {"size": -1},
     {"size": "many"},
+    {"security": "yes"},
+    {"security": 1},
 )
 # Whole texts; PACK stands for the name of the pack.
 REFUSED_TEXTS = (
@@ -115,7 +119,7 @@ class ReplySchemaTest(unittest.TestCase):
     def test_takes_what_mkpack_writes(self):
         self.validator.validate(self.good)
         offer = set(self.validator.schema["$defs"]["offer"]["properties"])
-        self.assertEqual(set(self.good[self.name]), offer - {"rollout", "channel"})
+        self.assertEqual(set(self.good[self.name]), offer - {"rollout", "channel", "security"})
         self.validator.validate({self.aac_name: self.good[self.name], self.name: self.good[self.name], "vendor": 1})
 
     def test_takes_what_appliances_take(self):

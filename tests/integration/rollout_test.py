@@ -265,6 +265,16 @@ class RolloutTest(unittest.TestCase):
             self.assertEqual(version, self.installed(appliance))
         self.assertNotIn("1.2", other.packctl("check").stdout)
 
+    def test_marked_release_is_installed_by_itself(self):
+        server = self.start_plain()
+        self.publish("1.1")
+        for mark in ("off", "on"):
+            self.mkpack("security", self.name, "1.1", mark, "--output", self.packs)
+            appliance = self.appliance("nas", server.url)
+            self.check(appliance)
+            appliance.packctl("update", "--automatic")
+            self.assertEqual(mark == "on", appliance.pack.exists())
+
     def test_packs_are_staged_by_themselves(self):
         ids = [f"nas-{number}" for number in range(200)]
         for name in (self.name, self.aac_name):

@@ -1,4 +1,4 @@
-"""mkpack publish --rollout and --channel, mkpack rollout and mkpack withdraw: who is offered which release."""
+"""mkpack publish --rollout, --channel and --security, mkpack rollout, withdraw and security: who is offered what."""
 
 import fcntl
 import itertools
@@ -334,6 +334,72 @@ class ChannelTest(RolloutTest):
                 self.assertEqual(64, done.returncode)
                 problem = "is no channel: up to 32 small letters, digits and -, beginning with a letter or digit"
                 self.assertIn(f"argument --channel: {text!r} {problem}", done.stderr)
+
+
+class SecurityTest(RolloutTest):
+    def security(self, version, mark, name=HEVC):
+        return self.work("security", name, version, mark)
+
+    def marks(self, file="reply.json"):
+        """Of each release in a reply, what it says of security."""
+        pack = json.loads((self.folder / file).read_text())[HEVC]
+        return {each["version"]: each.get("security") for each in (pack, *pack.get("staged", []))}
+
+    def test_release_is_published_with_the_mark(self):
+        words = self.run_mkpack(
+            *("publish", "--payload", self.payload, "--output", self.folder, "--name", HEVC, "--title", "Decoder"),
+            *("--base-url", BASE, "--version", "1.1", "--security"),
+        ).stdout
+        self.assertIn("\nsecurity  yes\n", words)
+        self.assertEqual({"1.1": True}, self.marks())
+        self.publish(HEVC, "1.2")
+        self.assertEqual({"1.2": None}, self.marks())
+
+    def test_mark_is_set_and_taken_back(self):
+        self.publish(HEVC, "1.1")
+        before = self.members()
+        for mark, found, word in (("on", True, "yes"), ("on", True, "yes"), ("off", None, "no"), ("off", None, "no")):
+            self.assertEqual(
+                f"release   {HEVC} 1.1\nsecurity  {word}\nreply     {self.folder}/reply.json\n",
+                self.security("1.1", mark),
+            )
+            self.assertEqual({"1.1": found}, self.marks())
+        self.assertEqual(before, self.members())
+
+    def test_staged_release_and_the_replies_beside_have_the_mark(self):
+        self.publish(HEVC, "1.1")
+        self.publish(HEVC, "1.2", "--channel", "beta", "--security")
+        self.publish(HEVC, "1.3", "--rollout", "5%")
+        self.security("1.3", "on")
+        self.assertEqual({"1.1": None, "1.2": True, "1.3": True}, self.marks())
+        self.assertEqual({"1.2": True, "1.3": True}, self.marks("reply@beta.json"))
+        self.assertEqual({"1.3": True}, self.marks(f"reply+{HEVC}-1.3.json"))
+        self.security("1.2", "off")
+        self.assertEqual({"1.2": None, "1.3": True}, self.marks("reply@beta.json"))
+
+    def test_mark_goes_with_the_release_to_everyone(self):
+        self.publish(HEVC, "1.1")
+        self.publish(HEVC, "1.2", "--rollout", "5%", "--security")
+        self.rollout("1.2", "100%")
+        self.assertEqual({"1.2": True}, self.marks())
+        self.withdraw("1.2")
+        self.assertEqual({"1.1": None}, self.marks())
+
+    def test_what_cannot_be_marked_is_refused(self):
+        self.publish(HEVC, "1.1")
+        self.refuses(f"{HEVC} 1.2 is not published, but 1.1. Name a published version.", "security", HEVC, "1.2", "on")
+        self.refuses(
+            "argument MARK: invalid choice: 'yes' (choose from 'on', 'off').",
+            *("security", HEVC, "1.1", "yes"),
+            status=64,
+        )
+
+    def test_verify_finds_a_mark_that_is_none(self):
+        self.publish_both()
+        self.change(security="yes")
+        problem = "its security mark 'yes' is neither true nor false"
+        self.assertEqual("run mkpack security for the release", self.assert_finding(HEVC, problem))
+        self.security("1.2", "on")
 
 
 class RepliesBesideTest(RolloutTest):

@@ -13,9 +13,12 @@ import sys
 import tempfile
 import unittest
 
-MKPACK_PAGES = ("mkpack.1", *(f"mkpack-{command}.1" for command in ("nginx", "rollout", "verify", "withdraw")))
+MKPACK_PAGES = (
+    "mkpack.1",
+    *(f"mkpack-{command}.1" for command in ("nginx", "rollout", "security", "verify", "withdraw")),
+)
 PAGES = ("packctl.1", *MKPACK_PAGES, "updater.conf.5", "orbamira-plugin.7")
-NO_ENVIRONMENT = ("mkpack-nginx.1", "mkpack-rollout.1", "mkpack-withdraw.1")
+NO_ENVIRONMENT = ("mkpack-nginx.1", "mkpack-rollout.1", "mkpack-security.1", "mkpack-withdraw.1")
 COMPLETIONS = ("packctl.bash", "_packctl", "packctl.fish", "mkpack.bash", "_mkpack", "mkpack.fish")
 BY_HAND = {"orbamira-plugin.7"}
 HEADINGS = ["NAME", "SYNOPSIS", "DESCRIPTION", "EXAMPLES", "ENVIRONMENT", "FILES", "EXIT STATUS", "SEE ALSO"]
@@ -218,7 +221,9 @@ class PagesTest(unittest.TestCase):
             self.assertEqual(len(offered), 2 + len(second))
             self.assertEqual(len(offered[-1]), count)
         commands = self.zsh("_mkpack", "wanted=command")[1]
-        self.assertEqual([line.partition(":")[0] for line in commands], "publish rollout withdraw verify nginx".split())
+        self.assertEqual(
+            [line.partition(":")[0] for line in commands], "publish rollout withdraw security verify nginx".split()
+        )
         takes = dict(
             re.match(r"(?:\(.*\))?([^[]*)\[.*\](.*)", line).groups() for line in self.zsh("_mkpack", "")[0][1:-2]
         )

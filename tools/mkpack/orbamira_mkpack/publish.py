@@ -21,7 +21,7 @@ from orbamira_mkpack.command_line import (
     version,
 )
 from orbamira_mkpack.packing import MkpackError, bill_beside, make_package
-from orbamira_mkpack.releases import EVERYONE, Releases
+from orbamira_mkpack.releases import EVERYONE, SECURITY, Releases
 from orbamira_mkpack.reply_file import change_reply, read_reply
 
 DESCRIPTION = """\
@@ -39,6 +39,11 @@ staged releases
   With --rollout, packctl takes the release only on that share of the appliances; the others are offered the release
   before. mkpack rollout raises the share, up to all of them; see mkpack rollout --help. With --channel only the
   appliances of that channel are offered it. mkpack withdraw takes a release back.
+
+security releases
+  With --security the release is marked as one that closes a security hole. packctl then installs it by itself, whatever
+  its update policy, unless the owner has opted out; see mkpack security --help, which sets the mark later or takes it
+  back.
 
 the payload
   Regular files, folders, and symbolic links that stay inside the folder. Executable files become 0755, other files
@@ -186,6 +191,11 @@ def make_parser():
         "--channel", type=channel, metavar="NAME", help="offer it only to appliances of this channel, such as beta"
     )
     parser.add_argument(
+        "--security",
+        action="store_true",
+        help="mark it as a security release, which packctl installs by itself; mkpack security takes the mark back",
+    )
+    parser.add_argument(
         "--minimum",
         type=version,
         metavar="VERSION",
@@ -252,6 +262,8 @@ def offer_of(options):
         offer["rollout"] = options.rollout
     if options.channel:
         offer["channel"] = options.channel
+    if options.security:
+        offer[SECURITY] = True
     return offer
 
 
@@ -281,5 +293,7 @@ def main(arguments):
         print(f"channel   {options.channel}")
     if "rollout" in offer:
         print(f"share     {options.rollout}%")
+    if options.security:
+        print("security  yes")
     print(f"reply     {options.reply}")
     return 0

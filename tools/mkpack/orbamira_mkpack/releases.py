@@ -4,7 +4,7 @@ from orbamira_mkpack import rules
 from orbamira_mkpack.packing import MkpackError
 
 STAGED, FORMER, WITHDRAWN = "staged", "former", "withdrawn"
-ROLLOUT, CHANNEL = "rollout", "channel"
+ROLLOUT, CHANNEL, SECURITY = "rollout", "channel", "security"
 EVERYONE = 100
 
 # As many releases in a row can be taken back.
@@ -112,11 +112,7 @@ class Releases:
 
     def set_share(self, version, percent, promote, allow_smaller):
         """Offers a published release to so many percent of the appliances; `promote` takes it out of its channel."""
-        offer = self._staged(version)
-        if offer is None and self.current.get("version") == version:
-            offer = self.current
-        if offer is None:
-            raise self._unknown(version)
+        offer = self._published(version)
         promoted = promote and CHANNEL in offer
         if percent < share_of(offer) and not promoted and not allow_smaller:
             raise self._smaller(offer, "Give a higher share, or add --allow-smaller")
@@ -126,6 +122,12 @@ class Releases:
         if percent < EVERYONE:
             changed[ROLLOUT] = percent
         self._place(changed, offer)
+
+    def set_security(self, version, is_security):
+        """Marks a published release as a security release, or takes the mark back."""
+        offer = self._published(version)
+        unmarked = {key: value for key, value in offer.items() if key != SECURITY}
+        self._place({**unmarked, SECURITY: True} if is_security else unmarked, offer)
 
     def withdraw(self, version):
         """Offers the release to nobody any more, and the one before it in its place."""
@@ -148,6 +150,15 @@ class Releases:
                 "Publish another one with mkpack publish",
             )
         self.current, *self.former = self.former
+
+    def _published(self, version):
+        """The release, whoever is offered it."""
+        offer = self._staged(version)
+        if offer is None and self.current.get("version") == version:
+            offer = self.current
+        if offer is None:
+            raise self._unknown(version)
+        return offer
 
     def _staged(self, version):
         return next((offer for offer in self.staged if offer["version"] == version), None)

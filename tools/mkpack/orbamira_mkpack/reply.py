@@ -105,6 +105,9 @@ def _member_findings(member, base_url):
     size = member.get("size", 0)
     if not isinstance(size, int) or isinstance(size, bool) or size < 0:
         yield f"its size {size!r} is no number of bytes", PUBLISH_AGAIN
+    if not isinstance(member.get("security", False), bool):
+        remedy = "run mkpack security for the release"
+        yield f"its security mark {member['security']!r} is neither true nor false", remedy
 
 
 def _is_share(share):

@@ -1,4 +1,4 @@
-"""The command lines of mkpack rollout and mkpack withdraw: who is offered a release that has been published."""
+"""The command lines that change a published release: mkpack rollout, mkpack withdraw and mkpack security."""
 
 import os
 
@@ -72,6 +72,34 @@ exit status
 """
 
 
+SECURITY_DESCRIPTION = """\
+Marks a published release as a security release, or takes the mark back.
+"""
+
+SECURITY_EPILOG = f"""\
+what appliances do
+  packctl installs a security release by itself, whatever its update policy, and lets it wait for nothing longer than
+  security_wait_days of its settings, unless the owner has set security_install="by_policy". Other hosts of the library
+  pass the mark over. The mark is in the reply only: the package, and its signature, stay as they are.
+
+  An appliance that has seen the mark keeps it: what it noted as a security release stays one, and so does a newer
+  release that takes its place. An appliance that never saw the marked release sees only the newest one. So mark that
+  one too, while appliances in the field lack the fix.
+
+examples
+  mkpack security {rules.HEVC_PACK} 1.2.0 on --output /srv/packs
+  mkpack security {rules.HEVC_PACK} 1.2.0 off --output /srv/packs
+
+files
+  OUTPUT/reply.json  the reply, and beside it those of channels and shares; the release's member "security" is true
+
+exit status
+  0   done
+  1   failed; the reply is as it was
+  64  wrong usage
+"""
+
+
 def _make_parser(command, description, epilog):
     parser = ArgumentParser(prog=f"mkpack {command}", description=description, epilog=epilog)
     parser.add_argument("name", metavar="NAME", choices=rules.CODECS_OF_PACK, help="the name of the pack")
@@ -93,6 +121,12 @@ def make_parser():
 
 def make_withdraw_parser():
     return _make_parser("withdraw", WITHDRAW_DESCRIPTION, WITHDRAW_EPILOG)
+
+
+def make_security_parser():
+    parser = _make_parser("security", SECURITY_DESCRIPTION, SECURITY_EPILOG)
+    parser.add_argument("mark", metavar="MARK", choices=("on", "off"), help="on sets the mark, off takes it back")
+    return parser
 
 
 def _parsed(parser, arguments):
@@ -162,5 +196,17 @@ def withdraw_main(arguments):
         return 1
     print(f"withdrawn {options.name} {options.version}")
     print(f"offered   {releases.current['version']}")
+    print(f"reply     {options.reply}")
+    return 0
+
+
+def security_main(arguments):
+    options = _parsed(make_security_parser(), arguments)
+    is_security = options.mark == "on"
+    releases = _change(options, "mkpack security", lambda found: found.set_security(options.version, is_security))
+    if releases is None:
+        return 1
+    print(f"release   {options.name} {options.version}")
+    print(f"security  {'yes' if is_security else 'no'}")
     print(f"reply     {options.reply}")
     return 0

@@ -15,7 +15,7 @@ CODECS_OF_PACK = {HEVC_PACK: ["hevc"], HEVC_AAC_PACK: ["hevc", "aac"]}
 CODECS = ["hevc", "aac"]
 
 # What mkpack can be told to do.
-COMMANDS = ["publish", "rollout", "withdraw", "verify", "nginx"]
+COMMANDS = ["publish", "rollout", "withdraw", "security", "verify", "nginx"]
 
 INFO_NAME = "INFO"
 PAYLOAD_NAME = "package.tgz"
