@@ -240,6 +240,7 @@ export const words = {
     bad_package: { cause: "Das Paket ist beschädigt.", remedy: "Der Herausgeber muss es neu veröffentlichen." },
     file_unusable: { cause: "Die Datei des Pakets ist nicht lesbar.", remedy: "Prüfen Sie den Stick." },
     wrong_pack: { cause: "Das Paket ist für ein anderes Gerät.", remedy: "Besorgen Sie das passende Paket." },
+    not_as_offered: { cause: "Das Paket ist nicht das angebotene.", remedy: "Der Herausgeber muss das Angebot berichtigen." },
     checksum_mismatch: { cause: "Das Paket ist nicht das angekündigte.", remedy: "Versuchen Sie es noch einmal." },
     no_network_module: {
       cause: "Das Netzmodul fehlt oder passt nicht.",

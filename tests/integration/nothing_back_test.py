@@ -7,6 +7,7 @@ usage: nothing_back_test.py --build BUILD
 import argparse
 import json
 import pathlib
+import shutil
 import sys
 import tempfile
 import time
@@ -48,11 +49,10 @@ class NothingBackTest(unittest.TestCase):
         self.assertEqual(code, error["code"], error)
         return error
 
-    def offer_old_as(self, version):
-        """A reply that offers the package of the old pack under another version, as its server may."""
-        reply = json.loads((self.top / "published/reply-1.0.json").read_text())
-        for member in reply.values():
-            member["version"] = version
+    def offer_old_as(self, version, old="1.0", name=None):
+        """A reply that offers the package of an old pack under another version or name, as its server may."""
+        (member,) = json.loads((self.top / f"published/reply-{old}.json").read_text()).values()
+        reply = {name or Paths(ARGUMENTS.build).hevc_pack: {**member, "version": version}}
         (self.top / "published/hostile.json").write_text(json.dumps(reply))
         return f"{self.publisher.url}/hostile.json"
 
@@ -66,6 +66,79 @@ class NothingBackTest(unittest.TestCase):
         self.assert_holds(appliance, "2.0")
         # The offer stands, so the note of it stays.
         self.assertEqual(["offer.json"], [pathlib.Path(left).name for left in appliance.leftovers()])
+
+    def test_package_of_another_version_is_not_the_one_on_offer(self):
+        appliance = self.with_new_pack()
+        self.publisher.publish("2.5", 3)
+        appliance.use_server(self.offer_old_as("3.0", old="2.5"))
+        appliance.expect("check")
+        for command in ("update", "download"):
+            error = self.assert_refused(appliance, "not_as_offered", command)
+            self.assertIn(" 2.5, and ", error["message"])
+            self.assert_holds(appliance, "2.0")
+            appliance.expect("check")
+        appliance.use_server(f"{self.publisher.url}/reply-2.5.json")
+        appliance.expect("check")
+        appliance.expect("update")
+        self.assert_holds(appliance, "2.5")
+
+    def test_package_of_another_pack_is_not_the_one_on_offer(self):
+        appliance = self.with_new_pack()
+        (appliance.state_folder / "codec-requirements.json").write_text('{"aac": ["player"]}')
+        appliance.use_server(self.offer_old_as("2.0", old="2.0", name=Paths(ARGUMENTS.build).hevc_aac_pack))
+        appliance.expect("check")
+        self.assert_refused(appliance, "not_as_offered", "update")
+        self.assert_holds(appliance, "2.0")
+
+    def test_downloaded_package_is_the_one_that_was_on_offer(self):
+        appliance = self.with_new_pack()
+        self.publisher.publish("2.5", 3)
+        appliance.use_server(self.publisher.publish("3.0", 4))
+        appliance.expect("check")
+        appliance.expect("download")
+        package = next(appliance.download.glob("*.opk"))
+        whole = package.read_bytes()
+        package.write_bytes(next((self.top / "published").glob("*-2.5-*.opk")).read_bytes())
+        self.assert_refused(appliance, "not_as_offered", "install")
+        self.assert_holds(appliance, "2.0")
+        package.write_bytes(whole)
+        appliance.expect("install")
+        self.assert_holds(appliance, "3.0")
+
+    def test_offer_that_became_older_since_the_check_is_not_taken(self):
+        """Also without a keyring, where nothing but packctl is in the way."""
+        for with_keyring in (True, False):
+            for command in ("update", "download"):
+                with self.subTest(with_keyring=with_keyring, command=command):
+                    appliance = self.with_new_pack()
+                    if not with_keyring:
+                        (appliance.settings / "keyring.pem").unlink()
+                    appliance.use_server(self.offer_old_as("3.0", old="2.0"))
+                    appliance.expect("check")
+                    appliance.use_server(self.old)
+                    error = self.assert_refused(appliance, "older_version", command)
+                    self.assertEqual("the version on offer, 1.0, is older than the installed 2.0", error["message"])
+                    self.assert_holds(appliance, "2.0")
+                    self.assertFalse(appliance.download.exists())
+                    self.assertEqual(2, appliance.packctl("check").returncode)
+                    self.assertEqual("up_to_date", appliance.status())
+                    appliance.expect("update", "--allow-older")
+                    self.assert_holds(appliance, "1.0")
+                    shutil.rmtree(appliance.root)
+
+    def test_older_pack_adds_a_codec_where_there_is_no_keyring(self):
+        """A check offers the pack with the codec, whatever its version, so an update takes it."""
+        folder, address = self.publisher.folder, self.publisher.url
+        reply = folder / "reply-aac.json"
+        name = Paths(ARGUMENTS.build).hevc_aac_pack
+        make_pack(ARGUMENTS.build, self.top / "payload-1.0", folder, "1.0", address, name=name, reply=reply)
+        appliance = self.with_new_pack()
+        (appliance.settings / "keyring.pem").unlink()
+        appliance.use_server(f"{address}/{reply.name}")
+        (appliance.state_folder / "codec-requirements.json").write_text('{"aac": ["player"]}')
+        appliance.expect("check")
+        appliance.expect("update")
+        self.assertTrue((appliance.pack / "has_aac").exists())
 
     def test_host_without_packctl_keeps_its_pack_too(self):
         appliance = self.lay_out(packctl=False)

@@ -78,6 +78,7 @@ void CheckInfo(const std::string& info, const char* key, const std::string& sign
 /// Takes what the package is from INFO, or compares it with INFO.
 void Identify(const std::string& info, Manifest& manifest) {
   if (manifest.format == 1) {
+    manifest.pack = InfoValue(info, param::kPackage);
     manifest.version = InfoValue(info, param::kVersion);
     return;
   }
@@ -107,9 +108,20 @@ void CheckVersion(const std::string& version, const Demands& demands) {
   }
 }
 
+void CheckOffer(const Manifest& manifest, const OfferedPack& offer) {
+  const bool is_same_version =
+      !IsNewVersion(manifest.version, offer.version) && !IsNewVersion(offer.version, manifest.version);
+  if (!is_same_version || (!manifest.pack.empty() && manifest.pack != offer.name)) {
+    const std::string pack = manifest.pack.empty() ? "a pack of no name" : manifest.pack;
+    const std::string version = manifest.version.empty() ? "without a version" : manifest.version;
+    throw std::runtime_error("not the pack on offer: it has " + pack + " " + version + ", and " + offer.name + " " +
+                             offer.version + " is on offer");
+  }
+}
+
 }  // namespace
 
-Demands ReadDemands(const std::string& keyring) {
+Demands ReadDemands(const std::string& keyring, const std::optional<OfferedPack>& offer) {
   const AcceptedPackages accepted = ReadAcceptedPackages();
   const char* allow_older = secure_getenv("ORBAMIRA_ALLOW_OLDER");
   return {.keyring = keyring,
@@ -117,6 +129,7 @@ Demands ReadDemands(const std::string& keyring) {
           .installed = InstalledVersion(),
           .minimum = accepted.minimum,
           .time = ReadTrustedTime(accepted.newest_signature),
+          .offer = offer,
           .accepts_older = allow_older != nullptr && std::string_view(allow_older) == "1"};
 }
 
@@ -137,6 +150,9 @@ Accepted Judge(const PackageContents& package, const Demands& demands) {
       CheckDay(*manifest.expires, demands.time);
     }
     CheckVersion(manifest.version, demands);
+  }
+  if (demands.offer) {
+    CheckOffer(manifest, *demands.offer);
   }
   return {.minimum = manifest.minimum, .signed_at = signed_at};
 }

@@ -37,6 +37,7 @@ using namespace orbamira::tools;
 constexpr int kExitUsage = 64;
 constexpr int kLimit = 1;  // long options without a letter
 constexpr int kTrust = 2;
+constexpr int kOffer = 3;
 constexpr uint64_t kDefaultLimit = 16ULL << 30;
 
 constexpr const char* kUsage =
@@ -60,6 +61,9 @@ constexpr const char* kUsage =
     "  --verify PACKAGE\n"
     "                 read PACKAGE to its end and judge it as -x does; write nothing,\n"
     "                 or with -C the INFO of an accepted one into DIR\n"
+    "  --offer NAME=VERSION\n"
+    "                 where there is a keyring, refuse a package whose INFO names another\n"
+    "                 pack than this\n"
     "  --trust        judge a package as if there were no keyring\n"
     "  --help         print this text\n"
     "  --version      print the version\n"
@@ -70,6 +74,14 @@ constexpr const char* kUsage =
     "is not older than the installed pack or than the minimum that one before it named.\n"
     "With ORBAMIRA_ALLOW_OLDER=1 in the environment it may be older.\n";
 
+constexpr std::array kLongOptions = {option{"limit", required_argument, nullptr, kLimit},
+                                     option{"verify", required_argument, nullptr, 'y'},
+                                     option{"offer", required_argument, nullptr, kOffer},
+                                     option{"trust", no_argument, nullptr, kTrust},
+                                     option{"help", no_argument, nullptr, 'h'},
+                                     option{"version", no_argument, nullptr, 'v'},
+                                     option{nullptr, 0, nullptr, 0}};
+
 struct UsageError {};
 
 struct Options {
@@ -77,6 +89,7 @@ struct Options {
   std::string archive;
   std::optional<std::string> folder;
   std::optional<uint64_t> limit;
+  std::optional<OfferedPack> offer;
   bool trust = false;
   std::vector<std::string> members;
 };
@@ -94,17 +107,29 @@ std::optional<Number> ParseNumber(std::string_view text) {
 void CheckCombination(const Options& options) {
   const bool judges = options.action == 'x' || options.action == 'y';
   if (options.archive.empty() || (options.action == 't' && options.folder) ||
-      (options.action != 'x' && options.limit) || (options.trust && !judges) ||
+      (options.action != 'x' && options.limit) || ((options.trust || options.offer) && !judges) ||
       (options.action == 'c') == options.members.empty()) {
     throw UsageError();
   }
 }
 
+uint64_t ParseLimit(std::string_view text) {
+  const std::optional<uint64_t> limit = ParseNumber<uint64_t>(text);
+  if (!limit) {
+    throw UsageError();
+  }
+  return *limit;
+}
+
+OfferedPack ParseOffer(std::string_view text) {
+  const std::size_t separator = text.find('=');
+  if (separator == 0 || separator >= text.size() - 1) {
+    throw UsageError();
+  }
+  return {.name = std::string(text.substr(0, separator)), .version = std::string(text.substr(separator + 1))};
+}
+
 Options ParseOptions(int argc, char** argv) {
-  static constexpr std::array kLongOptions = {
-      option{"limit", required_argument, nullptr, kLimit}, option{"verify", required_argument, nullptr, 'y'},
-      option{"trust", no_argument, nullptr, kTrust},       option{"help", no_argument, nullptr, 'h'},
-      option{"version", no_argument, nullptr, 'v'},        option{nullptr, 0, nullptr, 0}};
   Options options;
   opterr = 0;
   for (int letter = 0; (letter = getopt_long(argc, argv, "xtcf:C:", kLongOptions.data(), nullptr)) != -1;) {
@@ -126,10 +151,10 @@ Options ParseOptions(int argc, char** argv) {
         options.folder = optarg;
         break;
       case kLimit:
-        options.limit = ParseNumber<uint64_t>(optarg);
-        if (!options.limit) {
-          throw UsageError();
-        }
+        options.limit = ParseLimit(optarg);
+        break;
+      case kOffer:
+        options.offer = ParseOffer(optarg);
         break;
       case kTrust:
         options.trust = true;
@@ -192,7 +217,7 @@ std::optional<Demands> DemandsFor(const Options& options) {
   }
   struct stat status = {};
   if (lstat(path::kKeyring, &status) == 0) {
-    return ReadDemands(path::kKeyring);
+    return ReadDemands(path::kKeyring, options.offer);
   }
   if (errno != ENOENT) {
     ThrowErrno(path::kKeyring);

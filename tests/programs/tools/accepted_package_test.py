@@ -224,6 +224,57 @@ class AcceptedPackageTest(SignedTestCase):
         self.assert_accepted()
         self.assertFalse(self.accepted.exists())
 
+    # What is on offer.
+
+    def judge(self, *options, **environment):
+        """What unpacking and verifying with these options say, which is the same."""
+        done = self.run_tool("orba-archive", "-xf", self.package, "-C", self.folder, *options, **environment)
+        self.assertEqual(done.returncode != 0, not os.listdir(self.folder))
+        self.clear()
+        verified = self.run_tool("orba-archive", "--verify", self.package, *options, **environment)
+        self.assertEqual((done.returncode, done.stderr), (verified.returncode, verified.stderr))
+        return done.stderr
+
+    def test_package_is_that_of_the_offer(self):
+        self.make("2.0")
+        for version in ("2.0", "2", "2.0.0"):
+            self.assertEqual("", self.judge("--offer", f"{self.hevc}={version}"))
+        for offer in (f"{self.hevc}=2.5", f"{self.hevc}=1.9", f"{self.hevc_aac}=2.0"):
+            with self.subTest(offer):
+                name, version = offer.split("=")
+                expected = f"not the pack on offer: it has {self.hevc} 2.0, and {name} {version} is on offer\n"
+                self.assertTrue(self.judge("--offer", offer).endswith(f": {expected}"))
+                self.assertTrue(self.judge("--offer", offer, ORBAMIRA_ALLOW_OLDER="1").endswith(f": {expected}"))
+
+    def test_package_of_format_1_is_that_of_the_offer_by_its_info(self):
+        self.make_of_format_1("2.0")
+        self.assertEqual("", self.judge("--offer", f"{self.hevc_aac}=2.0"), "its INFO names no pack")
+        self.assertIn("not the pack on offer", self.judge("--offer", f"{self.hevc}=2.5"))
+        self.members = {"INFO": f'package="{self.hevc}"\nversion="2.0"\n'.encode()}
+        self.pack()
+        self.assertEqual("", self.judge("--offer", f"{self.hevc}=2.0"))
+        self.assertIn("not the pack on offer", self.judge("--offer", f"{self.hevc_aac}=2.0"))
+        self.members = {"package.tgz": b"payload"}
+        self.pack()
+        self.assertIn("it has a pack of no name without a version, and", self.judge("--offer", f"{self.hevc}=2.0"))
+
+    def test_offer_is_not_compared_where_there_is_no_keyring(self):
+        self.make("2.0")
+        self.keyring.unlink()
+        self.assertEqual("", self.judge("--offer", f"{self.hevc}=2.5"))
+
+    def test_older_package_is_told_as_older_whatever_is_on_offer(self):
+        self.install("2.0")
+        self.make("1.0")
+        self.assertIn("its version 1.0 is older", self.judge("--offer", f"{self.hevc}=3.0"))
+
+    def test_offer_has_a_name_and_a_version(self):
+        self.make("2.0")
+        for words_of_it in (("--offer", "2.0"), ("--offer", "=2.0"), ("--offer", "a="), ("--offer", ""), ("--offer",)):
+            done = self.run_tool("orba-archive", "--verify", self.package, *words_of_it)
+            self.assertEqual(64, done.returncode, words_of_it)
+        self.assertEqual(64, self.run_tool("orba-archive", "-tf", self.package, "--offer", "a=1").returncode)
+
     # The minimum.
 
     def test_minimum_outlives_the_pack_that_named_it(self):

@@ -339,7 +339,7 @@ void AddUpdateOptions(CLI::App& parser, Options& options) {
   AddDownloadOptions(parser, options);
   parser.add_flag("--despite-hold", options.despite_hold, kDespiteHoldHelp);
   parser.add_flag("--reinstall", options.reinstall,
-                  "Install the pack on offer even if it is not newer, or was rejected");
+                  "Install the pack on offer even if it is installed already, or was rejected");
   parser.add_flag("--allow-older", options.older, kOlderHelp);
   parser.add_flag("--automatic", options.automatic, "Do what the update policy says with the pack that a check found");
 }

@@ -168,7 +168,11 @@ bool MayInstall(AskedStatusHelper& status) {
 /// refused then is refused here, where that costs nothing.
 bool InstallWhatIsAccepted(const UpdateObjects& objects) {
   AskedStatusHelper& status = *objects.status;
-  if (!MayInstall(status) || objects.packages->Accepts(path::kDownloadedOpkPath)) {
+  if (!MayInstall(status)) {
+    return objects.manager->Install();
+  }
+  objects.core->ExpectPack(status.GetPackNewName(), status.GetPackNewVersion());
+  if (objects.packages->Accepts(path::kDownloadedOpkPath)) {
     return objects.manager->Install();
   }
   status.SetAsInstallFailed(status.GetPackNewVersion(), status.GetPackNewName());
@@ -218,11 +222,14 @@ std::optional<Outcome> EndWithoutUpdate(const UpdateObjects& objects, const Stat
                   : std::nullopt;
 }
 
-/// The objects, with a handler that takes staged releases where the user asked for them.
+/// The objects, with a handler that takes the releases that the user asked for.
 UpdateObjects ObjectsFor(const Context& context) {
   UpdateObjects objects = MakeUpdateObjects();
   if (context.options.now) {
     objects.handler->TakeStagedReleases();
+  }
+  if (context.options.older) {
+    objects.handler->AcceptOlder();
   }
   return objects;
 }

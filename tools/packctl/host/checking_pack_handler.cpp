@@ -78,6 +78,13 @@ std::string CheckingPackHandler::GetDownloadVersion(const Json::Value& info) con
   return version;
 }
 
+void CheckingPackHandler::RefuseOlder(const std::string& version) const {
+  const std::string installed = GetVersionFromInfo(GetInfoPath());
+  if (!accepts_older_ && !installed.empty() && IsNewVersion(version, installed)) {
+    throw std::runtime_error("the version on offer, " + version + ", is older than the installed " + installed);
+  }
+}
+
 bool CheckingPackHandler::Rejects(const std::string& version) const {
   const bool rejects = !accepts_rejected_ && updater::IsRejected(version);
   rejected_version_ = rejects ? std::optional(version) : std::nullopt;
@@ -86,6 +93,9 @@ bool CheckingPackHandler::Rejects(const std::string& version) const {
 
 std::string CheckingPackHandler::GetDownloadLink(const Json::Value& info) const {
   static_cast<void>(GetDownloadVersion(info));
+  if (look_) {
+    look_(offer_);
+  }
   const Json::Value offer = Chosen(info);
   std::string link = PackHandler::GetDownloadLink(offer);
   sizes_.erase(link);

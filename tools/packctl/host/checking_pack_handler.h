@@ -3,9 +3,11 @@
 #include <json/value.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "tools/packctl/policy/offer.h"
 #include "tools/packctl/policy/release_choice.h"
@@ -47,8 +49,20 @@ class CheckingPackHandler : public updater::PackHandler {
   /// What the last reply says of releases beside the offer.
   [[nodiscard]] const OtherReleases& other_releases() const { return other_releases_; }
 
+  /// Looks at an offer that is about to be downloaded; throws what speaks against it.
+  using Look = std::function<void(const Offer& offer)>;
+
+  /// From now on has this look at each offer whose link is asked for.
+  void LookBeforeDownload(Look look) { look_ = std::move(look); }
+
   /// From now on also takes rejected versions.
   void AcceptRejected() { accepts_rejected_ = true; }
+
+  /// From now on also takes versions that are older than the installed one.
+  void AcceptOlder() { accepts_older_ = true; }
+
+  /// Throws std::runtime_error for such a version, unless they are taken.
+  void RefuseOlder(const std::string& version) const;
 
   /// The version on offer, checked, and noted as offered.
   [[nodiscard]] std::string OfferedVersion(const Json::Value& info) const;
@@ -73,7 +87,9 @@ class CheckingPackHandler : public updater::PackHandler {
   mutable std::optional<Audience> audience_;  // read when a reply asks for it
   mutable OtherReleases other_releases_;
   mutable Offer offer_;
+  Look look_;
   bool accepts_rejected_ = false;
+  bool accepts_older_ = false;
   mutable std::optional<std::string> rejected_version_;
   mutable std::optional<std::string> declined_version_;
   mutable std::map<std::string, std::int64_t> sizes_;  // of packages, by their links

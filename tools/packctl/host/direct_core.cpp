@@ -43,10 +43,22 @@ int DirectCore::RunCommand(const std::vector<std::string>& args) {
   if (!args.empty() && args[0] == path::kNotifyPluginPyPath && !MayHavePlugins()) {
     return EXIT_SUCCESS;
   }
-  if (trusts_packages_ && !args.empty() && args[0] == path::kOrbaArchivePath) {
-    std::vector<std::string> trusting = args;
-    trusting.emplace_back("--trust");
-    return OrbaCoreWrapper::RunCommand(trusting);
+  if (!args.empty() && args[0] == path::kOrbaArchivePath) {
+    return RunArchive(args);
+  }
+  return OrbaCoreWrapper::RunCommand(args);
+}
+
+void DirectCore::ExpectPack(const std::string& name, const std::string& version) {
+  expected_ = name.empty() || version.empty() ? "" : name + "=" + version;
+}
+
+int DirectCore::RunArchive(std::vector<std::string> args) {
+  if (trusts_packages_) {
+    args.emplace_back("--trust");
+  }
+  if (!expected_.empty()) {
+    args.insert(args.end(), {"--offer", expected_});
   }
   return OrbaCoreWrapper::RunCommand(args);
 }

@@ -19,8 +19,15 @@ class DirectCore : public wrapper::OrbaCoreWrapper {
   /// From now on orba-archive accepts packages without a signature, whatever keyring there is.
   void TrustPackages() { trusts_packages_ = true; }
 
+  /// From now on orba-archive accepts no other signed package than that of this pack. A name or version that is not
+  /// known, and so empty, demands nothing.
+  void ExpectPack(const std::string& name, const std::string& version);
+
  private:
+  int RunArchive(std::vector<std::string> args);
+
   bool trusts_packages_ = false;
+  std::string expected_;  // NAME=VERSION; empty: any
 };
 
 }  // namespace orbamira::packctl

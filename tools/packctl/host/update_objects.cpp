@@ -11,6 +11,7 @@
 #include "platform/log.h"
 #include "tools/packctl/host/direct_core.h"
 #include "updater/plugin_notifier.h"
+#include "updater/update_request.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -49,6 +50,15 @@ UpdateObjects MakeUpdateObjects() {
   auto packages = std::make_shared<updater::PackageJudge>(core, std::make_shared<wrapper::OrbaPkgWrapper>());
   auto manager = std::make_unique<updater::PackManager>(core, packages, facts, status, handler,
                                                         std::make_shared<updater::PluginNotifier>(core));
+  // Only a flow of the manager asks for a link, so both exist then.
+  handler->LookBeforeDownload([core, handler = handler.get(), manager = manager.get()](const Offer& offer) {
+    const updater::PackChoice choice = updater::ChoosePack(*manager);
+    core->ExpectPack(updater::PackName(choice.with_aac), offer.version);
+    // An application that asks for AAC gets the pack that has it, whatever its version: so does a check offer it.
+    if (choice.reason != updater::PackReason::kAacRequested) {
+      handler->RefuseOlder(offer.version);
+    }
+  });
   return {std::move(core), std::move(packages), std::move(status), std::move(handler), std::move(manager)};
 }
 

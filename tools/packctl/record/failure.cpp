@@ -25,6 +25,7 @@ constexpr std::array<std::pair<FailureReason, const char*>, static_cast<std::siz
         {FailureReason::kBadPackage, "bad_package"},
         {FailureReason::kFileUnusable, "file_unusable"},
         {FailureReason::kWrongPack, "wrong_pack"},
+        {FailureReason::kNotAsOffered, "not_as_offered"},
         {FailureReason::kChecksumMismatch, "checksum_mismatch"},
         {FailureReason::kNoNetworkModule, "no_network_module"},
         {FailureReason::kServerUnreachable, "server_unreachable"},

@@ -27,6 +27,7 @@ enum class FailureReason {
   kBadPackage,
   kFileUnusable,
   kWrongPack,
+  kNotAsOffered,
   kChecksumMismatch,
   kNoNetworkModule,
   kServerUnreachable,

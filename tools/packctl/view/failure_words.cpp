@@ -40,14 +40,17 @@ struct Rule {
 
 std::string WordsOf(std::errc error) { return std::make_error_code(error).message(); }
 
+std::string OlderRemedy(const std::string& command) {
+  const std::string install = command.starts_with("install") ? command : "update";
+  return "Get a newer package. To go back all the same, run: sudo packctl " + install + " --allow-older";
+}
+
 // Of a package whose signature holds, or would if the clock were right.
 std::vector<Rule> RulesForSignedPackages(const std::string& command) {
   using enum FailureReason;
   const auto programs = Speaker::kPrograms;
   const std::string publisher = "Get another package from its publisher.";
-  const std::string install = command.starts_with("install") ? command : "update";
-  const std::string older =
-      "Get a newer package. To go back all the same, run: sudo packctl " + install + " --allow-older";
+  const std::string older = OlderRemedy(command);
   return {
       {kClockBehind, programs, "; the clock says ", Words::kOwnAndCause,
        "the clock is wrong, so the package's signature cannot be checked",
@@ -61,6 +64,8 @@ std::vector<Rule> RulesForSignedPackages(const std::string& command) {
       {kInfoMismatch, programs, "INFO: not what MANIFEST says", Words::kOwnAndCause,
        "the package contradicts its own signature", publisher},
       {kWrongProduct, programs, "made for the product ", Words::kOwnAndCause, "the package is for another product",
+       publisher},
+      {kNotAsOffered, programs, "not the pack on offer: ", Words::kOwnAndRest, "the package is not the one on offer",
        publisher},
       {kPackageExpired, programs, "was to be installed until ", Words::kOwnAndCause, "the package is out of date",
        older},
@@ -117,6 +122,7 @@ std::vector<Rule> RulesFor(const std::string& command) {
       {kBadPackage, programs, "orba-tar: ", Words::kOwnAndCause, damaged, kDoctor},
       {kUnhealthy, programs, "check-health: ", Words::kOwnAndRest, unhealthy, newer},
       {kUnhealthy, anyone, "The pack is not healthy: ", Words::kOwnAndRest, unhealthy, newer},
+      {kOlderVersion, anyone, "the version on offer, ", Words::kLine, "", OlderRemedy(command)},
       {kRejected, anyone, " was rejected on this appliance", Words::kLine, "", newer},
       {kInstallFailed, programs, "orba-", Words::kLine, "", kDoctor},
       {kChecksumMismatch, anyone, "Failed to verify checksum", Words::kOwn,

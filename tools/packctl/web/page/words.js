@@ -241,6 +241,7 @@ export const words = {
     bad_package: { cause: "The package is damaged.", remedy: "Its publisher has to publish it again." },
     file_unusable: { cause: "The package's file cannot be read.", remedy: "Check the stick and try again." },
     wrong_pack: { cause: "The package is for another appliance.", remedy: "Get the one for this appliance." },
+    not_as_offered: { cause: "The package is not the one on offer.", remedy: "Its publisher has to repair the offer." },
     checksum_mismatch: { cause: "The package is not the one that the server announced.", remedy: "Try again." },
     no_network_module: {
       cause: "The updater's network module is missing or does not fit.",
