@@ -240,7 +240,10 @@ export const words = {
     bad_package: { cause: "Das Paket ist beschädigt.", remedy: "Der Herausgeber muss es neu veröffentlichen." },
     file_unusable: { cause: "Die Datei des Pakets ist nicht lesbar.", remedy: "Prüfen Sie den Stick." },
     wrong_pack: { cause: "Das Paket ist für ein anderes Gerät.", remedy: "Besorgen Sie das passende Paket." },
-    not_as_offered: { cause: "Das Paket ist nicht das angebotene.", remedy: "Der Herausgeber muss das Angebot berichtigen." },
+    not_as_offered: {
+      cause: "Das Paket ist nicht das angebotene.",
+      remedy: "Der Herausgeber muss das Angebot berichtigen.",
+    },
     checksum_mismatch: { cause: "Das Paket ist nicht das angekündigte.", remedy: "Versuchen Sie es noch einmal." },
     no_network_module: {
       cause: "Das Netzmodul fehlt oder passt nicht.",
@@ -255,6 +258,10 @@ export const words = {
     download_failed: {
       cause: "Das Paket lässt sich nicht laden.",
       remedy: "Prüfen Sie das Netz und versuchen Sie es noch einmal.",
+    },
+    bad_setting: {
+      cause: "Eine Einstellung ist unbrauchbar.",
+      remedy: "Suchen Sie nach Fehlern: Ein Befund nennt sie.",
     },
     not_configured: {
       cause: "Die Adresse des Servers oder eine Angabe über das Gerät fehlt.",

@@ -248,6 +248,7 @@ void Unpack(const Options& options, Layer layer) {
 
 void Verify(const Options& options) {
   const UniqueFd file = OpenArchive(options.archive);
+  static_cast<void>(LimitFromSettings());  // which -x could not do without
   if (!options.folder) {
     CheckPackage(file.get(), DemandsFor(options));
     return;

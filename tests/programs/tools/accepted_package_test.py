@@ -175,7 +175,7 @@ class AcceptedPackageTest(SignedTestCase):
             with self.subTest(value):
                 self.settings.write_text(f'minimum_manifest_format="{value}"\n')
                 self.assert_refused(
-                    f"{self.settings}: minimum_manifest_format is neither 1 nor 2: {value}", "not_configured"
+                    f"{self.settings}: minimum_manifest_format is neither 1 nor 2: {value}", "bad_setting"
                 )
 
     def test_older_package_of_format_1_is_refused_by_its_info(self):
@@ -223,6 +223,11 @@ class AcceptedPackageTest(SignedTestCase):
         self.keyring.unlink()
         self.assert_accepted()
         self.assertFalse(self.accepted.exists())
+
+    def test_limit_that_cannot_be_used_accepts_nothing(self):
+        self.make()
+        self.settings.write_text('unpack_limit="16G"\n')
+        self.assert_refused(f"{self.settings}: unpack_limit is not a number of bytes: 16G", "bad_setting")
 
     # What is on offer.
 

@@ -199,9 +199,10 @@ class OrbaArchiveTest : public testing::Test {
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     EXPECT_EQ(Snapshot(folder_.path(), out_), before);
     const std::string line = result.err.substr(0, result.err.find('\n'));
-    const bool lacks_room = reason == "bytes that are free";
-    EXPECT_EQ(packctl::ExplainFailure("update", {.programs = {line}}).code, lacks_room ? "no_space" : "bad_package")
-        << line;
+    const std::string code = reason == "bytes that are free"                             ? "no_space"
+                             : reason.find("not a number of bytes") != std::string::npos ? "bad_setting"
+                                                                                         : "bad_package";
+    EXPECT_EQ(packctl::ExplainFailure("update", {.programs = {line}}).code, code) << line;
   }
   void ExpectPayloadRefused(const Tar& tar, const std::string& reason,
                             const std::vector<std::string>& more = {}) const {

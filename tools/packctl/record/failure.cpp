@@ -34,6 +34,7 @@ constexpr std::array<std::pair<FailureReason, const char*>, static_cast<std::siz
         {FailureReason::kNoPackOffered, "no_pack_offered"},
         {FailureReason::kDownloadFailed, "download_failed"},
         {FailureReason::kNotConfigured, "not_configured"},
+        {FailureReason::kBadSetting, "bad_setting"},
         {FailureReason::kRequirementsUnreadable, "requirements_unreadable"},
         {FailureReason::kInstallFailed, "install_failed"},
         {FailureReason::kUnhealthy, "unhealthy"},

@@ -36,6 +36,7 @@ enum class FailureReason {
   kNoPackOffered,
   kDownloadFailed,
   kNotConfigured,
+  kBadSetting,
   kRequirementsUnreadable,
   kInstallFailed,
   kUnhealthy,

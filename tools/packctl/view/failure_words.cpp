@@ -40,6 +40,18 @@ struct Rule {
 
 std::string WordsOf(std::errc error) { return std::make_error_code(error).message(); }
 
+// Whatever else is said, because of it nothing else can be judged.
+std::vector<Rule> RulesForSettings() {
+  std::vector<Rule> rules;
+  for (const std::string key : {common::kMinimumManifestFormat, common::kUnpackLimit, common::kDownloadLimit}) {
+    for (const char* const verdict : {" is neither ", " is not a number of bytes: "}) {
+      rules.push_back({FailureReason::kBadSetting, Speaker::kAnyone, ": " + key + verdict, Words::kOwnAndCause,
+                       "a setting cannot be used", kDoctor});
+    }
+  }
+  return rules;
+}
+
 std::string OlderRemedy(const std::string& command) {
   const std::string install = command.starts_with("install") ? command : "update";
   return "Get a newer package. To go back all the same, run: sudo packctl " + install + " --allow-older";
@@ -55,8 +67,6 @@ std::vector<Rule> RulesForSignedPackages(const std::string& command) {
       {kClockBehind, programs, "; the clock says ", Words::kOwnAndCause,
        "the clock is wrong, so the package's signature cannot be checked",
        "Set the clock, then run: sudo packctl " + command},
-      {kNotConfigured, programs, std::string(": ") + common::kMinimumManifestFormat + " is ", Words::kOwnAndCause,
-       "a setting cannot be used", kDoctor},
       {kManifestTooOld, programs, "MANIFEST: of format 1", Words::kOwnAndCause,
        "the package is of an older form than the settings accept", publisher},
       {kManifestTooNew, programs, ", which this updater does not know", Words::kOwnAndCause,
@@ -208,7 +218,8 @@ std::string UnknownCause(const Said& said) {
 }
 
 Failure Explain(const std::string& command, const Said& said) {
-  for (const std::vector<Rule>& rules : {RulesForSignedPackages(command), RulesForDisks(command), RulesFor(command)}) {
+  for (const std::vector<Rule>& rules :
+       {RulesForSettings(), RulesForSignedPackages(command), RulesForDisks(command), RulesFor(command)}) {
     for (const Rule& rule : rules) {
       if (const std::string* line = FindLine(said, rule)) {
         return MakeFailure(rule.reason, MessageOf(rule, *line), rule.remedy);

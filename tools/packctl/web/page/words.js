@@ -251,6 +251,7 @@ export const words = {
     server_refused: { cause: "The update server refuses the request.", remedy: "Run the diagnosis." },
     bad_reply: { cause: "The update server's answer cannot be used.", remedy: "Run the diagnosis." },
     download_failed: { cause: "The package cannot be downloaded.", remedy: "Check the network, then try again." },
+    bad_setting: { cause: "A setting cannot be used.", remedy: "Look for problems: a finding names the setting." },
     not_configured: {
       cause: "The address of the update server, or a fact about the appliance, is not set.",
       remedy: "Run the diagnosis.",
