@@ -32,18 +32,6 @@ class PlainSource final : public ByteSource {
     return {buffer_.data(), static_cast<size_t>(count)};
   }
 
-  /// The byte at `offset` in the whole source; 0 after its end. Does not affect Next().
-  [[nodiscard]] uint8_t At(off_t offset) const {
-    uint8_t byte = 0;
-    if (pread(fd_, &byte, 1, offset) < 0) {
-      ThrowErrno("cannot read");
-    }
-    return byte;
-  }
-
-  /// How many bytes Next() has returned.
-  [[nodiscard]] off_t offset() const { return offset_; }
-
  private:
   int fd_;
   off_t offset_ = 0;
@@ -55,18 +43,19 @@ class GzipSource final : public ByteSource {
  public:
   explicit GzipSource(int fd) : compressed_(fd), buffer_(kInflatedSize) {
     isal_inflate_init(&state_);
-    state_.crc_flag = ISAL_GZIP;
+    state_.crc_flag = ISAL_GZIP_NO_HDR_VER;
+    isal_gzip_header_init(&header_);
   }
 
   std::span<const uint8_t> Next() override {
     while (HasInput()) {
       if (state_.block_state == ISAL_BLOCK_FINISH) {
         isal_inflate_reset(&state_);
-        at_header_ = true;
+        in_header_ = true;
       }
-      if (at_header_) {
-        CheckFlags();
-        at_header_ = false;
+      if (in_header_) {
+        ReadHeader();
+        continue;
       }
       state_.next_out = buffer_.data();
       state_.avail_out = static_cast<uint32_t>(buffer_.size());
@@ -81,21 +70,26 @@ class GzipSource final : public ByteSource {
   }
 
  private:
-  /// Refuses flags without a meaning (RFC 1952, section 2.3.1): the decoder ignores them, and would take a field that
-  /// they announce for data.
-  void CheckFlags() const {
-    constexpr off_t kFlags = 3;
-    constexpr uint8_t kReserved = 0xe0;
-    if ((compressed_.At(compressed_.offset() - state_.avail_in + kFlags) & kReserved) != 0) {
+  /// Reads as much of a header as there is. isal_inflate() would read it with a new isal_gzip_header in each call, and
+  /// forget flags and checksum of one that is longer than what is read at once. Refuses flags without a meaning (RFC
+  /// 1952, section 2.3.1): the decoder would take a field that they announce for data.
+  void ReadHeader() {
+    constexpr uint32_t kReserved = 0xe0;
+    const int result = isal_read_gzip_header(&state_, &header_);
+    if (result == ISAL_END_INPUT) {
+      return;
+    }
+    if (result != ISAL_DECOMP_OK || (header_.flags & kReserved) != 0) {
       throw std::runtime_error("damaged gzip data");
     }
+    in_header_ = false;
   }
 
   /// Whether there is something to inflate: in the decoder, which keeps what did not fit into a full buffer, or in the
   /// file.
   bool HasInput() {
-    const bool held_back = state_.avail_out == 0 && state_.block_state != ISAL_BLOCK_FINISH;
-    if (state_.avail_in > 0 || (held_back && started_)) {
+    const bool held_back = !in_header_ && state_.avail_out == 0 && state_.block_state != ISAL_BLOCK_FINISH;
+    if (state_.avail_in > 0 || held_back) {
       return true;
     }
     const std::span<const uint8_t> more = compressed_.Next();
@@ -105,7 +99,6 @@ class GzipSource final : public ByteSource {
       }
       return false;
     }
-    started_ = true;
     state_.next_in = const_cast<uint8_t*>(more.data());  // the decoder's interface lacks the const; it only reads
     state_.avail_in = static_cast<uint32_t>(more.size());
     return true;
@@ -114,8 +107,8 @@ class GzipSource final : public ByteSource {
   PlainSource compressed_;
   std::vector<uint8_t> buffer_;
   inflate_state state_ = {};
-  bool started_ = false;
-  bool at_header_ = true;
+  isal_gzip_header header_ = {};
+  bool in_header_ = true;
 };
 
 }  // namespace

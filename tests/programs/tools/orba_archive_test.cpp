@@ -728,16 +728,40 @@ TEST_F(OrbaArchiveTest, ReadsConcatenatedGzipMembers) {
   EXPECT_EQ(ReadFile(out_ / "f"), data);
 }
 
+/// A gzip member whose header has every field, its name longer than what is read at once.
+std::string WithEveryField(const std::string& gzip) {
+  std::string header = gzip.substr(0, 10);
+  header[3] = 2 | 4 | 8 | 16;
+  header += std::string("\x10\x27", 2) + std::string(10'000, 'e');
+  header += std::string(600'000, 'n') + '\0' + "comment" + '\0';
+  // A member ends with the checksum and the length of its data, four bytes each; a header with half of its checksum.
+  const std::string sum = Gzip(header);
+  return header + sum.substr(sum.size() - 8, 2) + gzip.substr(10);
+}
+
 TEST_F(OrbaArchiveTest, ReadsEveryFieldOfAGzipHeader) {
-  const std::string plain = Gzip(Tar().File("f").Bytes());
-  std::string header = plain.substr(0, 10);
-  header[3] = 4 | 8 | 16;
-  const std::string extra = std::string("\x10\x27", 2) + std::string(10'000, 'e');
-  // The name is longer than what is read at once.
-  const std::string bytes = header + extra + std::string(600'000, 'n') + '\0' + "comment" + '\0' + plain.substr(10);
+  const std::string bytes =
+      WithEveryField(Gzip(Tar().File("f").WithoutEnd())) + WithEveryField(Gzip(std::string(1024, '\0')));
   const ProcessResult result = Unpack(Program::kTar, bytes);
   EXPECT_TRUE(result.Exited(0)) << result;
   EXPECT_EQ(ReadFile(out_ / "f"), "data");
+}
+
+TEST_F(OrbaArchiveTest, ChecksTheChecksumOfAGzipHeader) {
+  std::string bytes = WithEveryField(Gzip(Tar().File("f").Bytes()));
+  bytes[300'000] = 'm';
+  ExpectRefused(Program::kTar, bytes, "damaged gzip data");
+}
+
+TEST_F(OrbaArchiveTest, RefusesAGzipHeaderThatIsCutOff) {
+  const std::string first = Gzip(Tar().File("f").Bytes());
+  const std::string header = WithEveryField(first);
+  for (const size_t length :
+       {size_t{1}, size_t{9}, size_t{10}, size_t{11}, size_t{5000}, size_t{65'536}, size_t{300'000}}) {
+    ExpectRefused(Program::kTar, header.substr(0, length), "truncated gzip data");
+    ExpectRefused(Program::kTar, first + header.substr(0, length), "truncated gzip data");
+    fs::remove(out_ / "f");
+  }
 }
 
 // The decoder passes over the flags that have no meaning yet, in the first header as in a later one.
