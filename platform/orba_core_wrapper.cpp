@@ -29,8 +29,8 @@
 // So there is a supervisor in between: a copy of this process that never executes another program. It starts the
 // program with signal handlers of its own, waits for it, and leaves the result in a page that it shares with the
 // caller. It is cloned with exit signal 0, which makes it a "clone child": the kernel never reaps it by itself, and
-// only a wait with
-// __WCLONE sees it.
+// only a wait with __WCLONE sees it. An emulator of another processor may refuse that; then it is an ordinary child,
+// and a host that waits for any child may see it end.
 //
 // The supervisor is a copy and does not share the caller's memory (CLONE_VM | CLONE_VFORK), because that would stop the
 // caller until the program ends. It would handle no signal, and setuid() in another thread, which waits for every
@@ -186,9 +186,12 @@ int RunAndWait(char* const* arguments, const posix_spawnattr_t* attributes, pid_
   __builtin_unreachable();
 }
 
-// fork() with exit signal 0. All arguments of the system call are 0, so their order, which depends on the processor,
-// does not matter.
-pid_t ForkSupervisor() { return static_cast<pid_t>(syscall(SYS_clone, 0L, 0L, 0L, 0L, 0L)); }
+// A copy of this process with exit signal 0. All arguments of the system call are 0, so their order, which depends on
+// the processor, does not matter.
+pid_t ForkSupervisor() {
+  const auto supervisor = static_cast<pid_t>(syscall(SYS_clone, 0L, 0L, 0L, 0L, 0L));
+  return supervisor < 0 && errno == EINVAL ? _Fork() : supervisor;
+}
 
 pid_t StartSupervisor(char* const* arguments, const posix_spawnattr_t* attributes, int& result) {
   const AllSignalsBlocked blocked;  // no signal handler of the host may run in the copy
@@ -226,7 +229,7 @@ int OrbaCoreWrapper::RunCommand(const std::vector<std::string>& args) {
   if (supervisor < 0) {
     return kNotStarted;
   }
-  WaitFor(supervisor, nullptr, static_cast<int>(__WCLONE));
+  WaitFor(supervisor, nullptr, static_cast<int>(__WALL));
   return *result;
 }
 

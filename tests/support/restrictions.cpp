@@ -67,6 +67,18 @@ void FailRemovalOfFolders(int error) {
   InstallFilter(filter);
 }
 
+void FailCloneChildren() {
+  constexpr unsigned kFlags = offsetof(seccomp_data, args);
+  std::array<sock_filter, 7> filter = {sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                                       sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone, 0, 4),
+                                       sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kFlags),
+                                       sock_filter BPF_STMT(BPF_ALU | BPF_AND | BPF_K, CSIGNAL),
+                                       sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0, 0, 1),
+                                       sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
+                                       sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  InstallFilter(filter);
+}
+
 void BecomeOrdinaryUser() {
   if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)) {
     _exit(126);

@@ -19,6 +19,10 @@ void BecomeLinux310();
 /// unlinkat() fails with `error` from now on where it is to remove a folder.
 void FailRemovalOfFolders(int error);
 
+/// No child with an exit signal other than SIGCHLD can be made from now on: clone() fails with EINVAL, as an emulator
+/// of another processor has it.
+void FailCloneChildren();
+
 /// Goes on as the user "nobody" when we are root, so that the modes of files count.
 void BecomeOrdinaryUser();
 

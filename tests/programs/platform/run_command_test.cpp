@@ -22,6 +22,7 @@
 #include "platform/file_lock.h"
 #include "platform/orba_core_wrapper.h"
 #include "tests/support/forked.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira::wrapper {
@@ -154,6 +155,15 @@ TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsTheStatusWhenAThreadReapsEveryChild
   }
   done = true;
   reaper.join();
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsTheStatusWhereNoCloneChildCanBeMade) {
+  test::Forked host([&] {
+    test::FailCloneChildren();
+    const ScopedSigchld ignored(SIG_IGN, 0);
+    return RunScript("exit 3");
+  });
+  EXPECT_EQ(host.Wait(), 3);
 }
 
 TEST_F(OrbaCoreWrapperRunCommandTest, SendsTheHostNoSigchld) {
