@@ -7,6 +7,7 @@
 
 #include "platform/constants.h"
 #include "platform/posix/errors.h"
+#include "platform/posix/file_status.h"
 #include "platform/posix/remove_tree.h"
 
 namespace orbamira {
@@ -16,8 +17,7 @@ namespace fs = std::filesystem;
 
 bool IsPack(const fs::path& folder) {
   std::error_code error;
-  return fs::symlink_status(folder, error).type() == fs::file_type::directory &&
-         fs::is_regular_file(folder / "INFO", error);
+  return fs::is_directory(LinkStatusOf(folder, error)) && fs::is_regular_file(StatusOf(folder / "INFO", error));
 }
 
 // The older pack's removal may meet an error when the place is free already.

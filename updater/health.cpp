@@ -6,6 +6,7 @@
 
 #include "platform/constants.h"
 #include "platform/log.h"
+#include "platform/posix/file_status.h"
 #include "platform/posix/pack_libraries.h"
 #include "platform/posix/remove_tree.h"
 #include "updater/health_record.h"
@@ -31,7 +32,8 @@ std::string WhyNoPack(const std::optional<PackId>& pack) {
   }
   const bool has_aac = pack->package == kHevcAacPack;
   const bool has_hevc = has_aac || pack->package == kHevcPack;
-  if ((has_hevc && !fs::exists(path::kHasHevcPath)) || (has_aac && !fs::exists(path::kHasAacPath))) {
+  if ((has_hevc && !fs::exists(StatusOf(path::kHasHevcPath))) ||
+      (has_aac && !fs::exists(StatusOf(path::kHasAacPath)))) {
     return "the marker of a codec is missing";
   }
   return "";

@@ -13,6 +13,7 @@
 #include "platform/json/json_object.h"
 #include "platform/log.h"
 #include "platform/posix/atomic_file.h"
+#include "platform/posix/file_status.h"
 #include "platform/posix/files.h"
 #include "platform/posix/unique_fd.h"
 #include "platform/version.h"
@@ -58,7 +59,7 @@ bool IsSameVersion(const std::string& left, const std::string& right) {
 // Empty when there is no such file.
 std::optional<PackId> NamedIn(const std::string& info) {
   std::error_code error;
-  if (!std::filesystem::is_regular_file(info, error)) {
+  if (!std::filesystem::is_regular_file(StatusOf(info, error))) {
     return std::nullopt;
   }
   const auto facts = KOSHelper::Create();
@@ -125,7 +126,7 @@ void NoteHealthyPack(const PackId& pack) try {
 }
 
 void EnsureHealthyPackNote() {
-  if (!std::filesystem::exists(path::kHealthyPackFile)) {
+  if (!std::filesystem::exists(StatusOf(path::kHealthyPackFile))) {
     const std::string text = InfoText(PackIn(path::kPackFolderPath).value_or(PackId()));
     static_cast<void>(ReplaceFile(path::kHealthyPackFile, text, kMode, Durability::kDurable));
   }

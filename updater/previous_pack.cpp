@@ -68,7 +68,7 @@ void MoveAway(const std::string& folder) {
   try {
     RemoveAtOnce(folder);
   } catch (const std::system_error&) {
-    if (fs::exists(fs::symlink_status(folder))) {
+    if (fs::exists(LinkStatusOf(folder))) {
       throw;
     }
   }

@@ -9,6 +9,7 @@
 #include <functional>
 #include <string_view>
 
+#include "platform/posix/file_status.h"
 #include "platform/posix/files.h"
 #include "platform/posix/unique_fd.h"
 
@@ -41,7 +42,7 @@ bool BeginsAsElf(const std::string& path) {
 void VisitLibraries(const std::string& folder, const std::function<bool(const std::string&)>& take) {
   for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
     const std::string path = entry.path();
-    if (entry.symlink_status().type() == fs::file_type::regular && IsNamedAsLibrary(entry.path().filename().native()) &&
+    if (fs::is_regular_file(LinkStatusOf(entry.path())) && IsNamedAsLibrary(entry.path().filename().native()) &&
         BeginsAsElf(path) && !take(path)) {
       return;
     }
