@@ -97,6 +97,10 @@ TEST_F(OrbaRemoveTest, TheBackupOfAPackBecomesThePreviousPack) {
   WriteFile(backup / "lib", "the rest of one");
   ExpectDone(Remove(backup));
   EXPECT_EQ(ReadFile(previous / "INFO"), "2.0");
+}
+
+TEST_F(OrbaRemoveTest, ABackupThatCannotBeMovedStays) {
+  const fs::path backup = Root().string() + ORBAMIRA_PACKS_FOLDER + "/." ORBAMIRA_PACK_FOLDER_NAME ".backup";
   WriteFile(backup / "INFO", "3.0");
   const ProcessResult failed = Remove(backup, Failing({SYS_rename}, EIO));
   EXPECT_TRUE(failed.Exited(1)) << failed;
