@@ -398,7 +398,8 @@ TEST_F(DownloadWrapperLimitTest, DownloadToFileOfABodyThatDoesNotLeaveTheReserve
 
 TEST_F(DownloadWrapperLimitTest, DownloadToFileOfABodyLargerThanTheDiskFailsAtOnce) {
   test::WriteFile(path::kPkgSetting, "download_limit=9223372036854775807\n");
-  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "begin", .claimed_length = 1L << 60U}; });
+  HttpServer server(
+      [](const HttpRequest&) { return HttpResponse{.body = "begin", .claimed_length = std::int64_t{1} << 60U}; });
   EXPECT_THAT(FailureOf(server.Url()),
               testing::MatchesRegex(server.Url() +
                                     ": cannot write the file: it needs 1152921504606846976 bytes, "
