@@ -6,7 +6,6 @@ import io
 import json
 import os
 import pathlib
-import platform
 import shutil
 import signal
 import subprocess
@@ -21,7 +20,6 @@ from appliance import Appliance, make_pack, tree  # noqa: E402
 from authority import Authority  # noqa: E402
 
 OLD, NEW = "1.0", "2.0"
-CAN_INJECT = platform.machine() == "x86_64"
 
 
 def tar(members):
@@ -286,23 +284,23 @@ class InstallFileTest(unittest.TestCase):
         self.assertEqual(self.install(self.package(NEW))[0], 0)
         self.expect_installed(NEW)
 
-    @unittest.skipUnless(CAN_INJECT, "faults are brought about on x86-64 only")
     def test_a_stick_that_fails_midway_harms_nothing(self):
         self.install_old()
         package = self.package(NEW, payload=os.urandom(500_000))
         for number in self.reads_of(package):
             with self.subTest(number):
-                error = self.expect_refused("file_unusable", package, wrapper=self.injector(package, number, "EIO"))
+                error = self.expect_refused(
+                    "file_unusable", package, wrapper=self.injector(package, "--at", number, "--fault", "EIO")
+                )
                 self.assertIn("Input/output error", error["message"])
                 self.assertIn(f"sudo packctl install --file '{package}'", error["remedy"])
 
-    @unittest.skipUnless(CAN_INJECT, "faults are brought about on x86-64 only")
     def test_copying_is_recorded_as_a_download_is(self):
         self.install_old()
         package = self.package(NEW, payload=os.urandom(500_000))
         copying = self.reads_of(package)[1]
         done = self.appliance.packctl(
-            "install", "--file", str(package), wrapper=self.injector(package, copying, "kill")
+            "install", "--file", str(package), wrapper=self.injector(package, "--at", copying, "--fault", "kill")
         )
         self.assertEqual(done.returncode, 137)
         record = json.loads(self.appliance.status_file.read_bytes())
@@ -312,15 +310,16 @@ class InstallFileTest(unittest.TestCase):
         copied = next(self.appliance.download.iterdir())
         self.assertEqual((copied.stat().st_mode & 0o777, copied.parent.stat().st_mode & 0o777), (0o600, 0o700))
 
-    def injector(self, package, number, fault):
+    def injector(self, package, *arguments):
         program = pathlib.Path(build) / "tests/faults/fault_injector"
-        return [program, "--reads", package, "--at", number, "--fault", fault, "--"]
+        if not program.exists():
+            self.skipTest("faults are brought about on x86-64 only, and not in a build with a sanitizer")
+        return [program, "--reads", package, *arguments, "--"]
 
     def reads_of(self, package):
         """The numbers of the calls that read the package, in an undisturbed run on a copy of the appliance."""
         copy, record = self.appliance.copy_to(self.top / "copy"), self.top / "calls"
-        program = pathlib.Path(build) / "tests/faults/fault_injector"
-        wrapper = [program, "--reads", package, "--record", record, "--"]
+        wrapper = self.injector(package, "--record", record)
         done = copy.packctl("install", "--file", str(package), wrapper=wrapper)
         self.assertEqual(done.returncode, 0, done.stderr)
         shutil.rmtree(copy.root)

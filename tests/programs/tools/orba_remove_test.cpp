@@ -41,6 +41,7 @@ class OrbaRemoveTest : public testing::Test {
  protected:
   OrbaRemoveTest() {
     fs::create_directory(parent_);
+    fs::remove_all(packs_);  // another test of this process may have left it
     Fill();
   }
 
@@ -82,17 +83,17 @@ class OrbaRemoveTest : public testing::Test {
   fs::path kept_ = folder_.path() / "kept";
   fs::path parent_ = folder_.path() / "place";
   fs::path target_ = parent_ / "pack";
+  fs::path packs_ = Root().string() + ORBAMIRA_PACKS_FOLDER;
 };
 
 TEST_F(OrbaRemoveTest, TheBackupOfAPackBecomesThePreviousPack) {
-  const fs::path packs = Root().string() + ORBAMIRA_PACKS_FOLDER;
-  const fs::path backup = packs / "." ORBAMIRA_PACK_FOLDER_NAME ".backup";
-  const fs::path previous = packs / "." ORBAMIRA_PACK_FOLDER_NAME ".previous";
+  const fs::path backup = packs_ / "." ORBAMIRA_PACK_FOLDER_NAME ".backup";
+  const fs::path previous = packs_ / "." ORBAMIRA_PACK_FOLDER_NAME ".previous";
   for (const char* version : {"1.0", "2.0"}) {
     WriteFile(backup / "INFO", version);
     ExpectDone(Remove(backup));
     EXPECT_EQ(ReadFile(previous / "INFO"), version);
-    EXPECT_THAT(Names(packs), ElementsAre(previous.filename()));
+    EXPECT_THAT(Names(packs_), ElementsAre(previous.filename()));
   }
   WriteFile(backup / "lib", "the rest of one");
   ExpectDone(Remove(backup));
@@ -108,11 +109,10 @@ TEST_F(OrbaRemoveTest, ABackupThatCannotBeMovedStays) {
 }
 
 TEST_F(OrbaRemoveTest, WithThePackThePreviousOneGoes) {
-  const fs::path packs = Root().string() + ORBAMIRA_PACKS_FOLDER;
-  WriteFile(packs / ORBAMIRA_PACK_FOLDER_NAME "/INFO", "2.0");
-  WriteFile(packs / "." ORBAMIRA_PACK_FOLDER_NAME ".previous/INFO", "1.0");
-  ExpectDone(Remove(packs / ORBAMIRA_PACK_FOLDER_NAME));
-  EXPECT_THAT(Names(packs), IsEmpty());
+  WriteFile(packs_ / ORBAMIRA_PACK_FOLDER_NAME "/INFO", "2.0");
+  WriteFile(packs_ / "." ORBAMIRA_PACK_FOLDER_NAME ".previous/INFO", "1.0");
+  ExpectDone(Remove(packs_ / ORBAMIRA_PACK_FOLDER_NAME));
+  EXPECT_THAT(Names(packs_), IsEmpty());
 }
 
 TEST_F(OrbaRemoveTest, RemovesAFolderWithAllThatItHoldsAndFollowsNoLink) {
