@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include <cstring>
 #include <numeric>
 #include <string>
 #include <vector>
@@ -134,7 +135,8 @@ TEST(UpdaterInterfaceOrderTest, TheSlotOfAnOperationIsWhereCallersFindIt) {
   const Recorder recorder;
   const IOAHelper* helper = &recorder;
   using IsLoggedIn = bool (*)(const IOAHelper*);
-  const auto* table = *reinterpret_cast<const IsLoggedIn* const*>(helper);
+  const IsLoggedIn* table = nullptr;
+  std::memcpy(&table, static_cast<const void*>(helper), sizeof table);
   EXPECT_TRUE(table[3](helper));
 }
 

@@ -7,6 +7,7 @@
 #include <map>
 #include <stdexcept>
 
+#include "platform/as_long.h"
 #include "platform/constants.h"
 #include "platform/file_lock.h"
 #include "platform/key_value_store.h"
@@ -83,10 +84,11 @@ TEST_F(StatusRecordTest, ReadGivesWhatTheLibraryRecorded) {
 }
 
 TEST_F(StatusRecordTest, ReadGivesSizesInFullWidth) {
-  PackStatusHelper::Create()->SetAsDownloading(3'000'000'000, 4'000'000'000);
-  EXPECT_EQ(ReadStatusRecord(), (StatusRecord{.status = kStatusDownloading,
-                                              .download_size_now = 3'000'000'000,
-                                              .download_size_total = 4'000'000'000}));
+  const long now = AsLong(3'000'000'000);
+  const long total = AsLong(4'000'000'000);
+  PackStatusHelper::Create()->SetAsDownloading(now, total);
+  EXPECT_EQ(ReadStatusRecord(),
+            (StatusRecord{.status = kStatusDownloading, .download_size_now = now, .download_size_total = total}));
 }
 
 TEST_F(StatusRecordTest, ReadTellsTheStepsAfterInstallAndUninstallApart) {
