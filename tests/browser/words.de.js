@@ -309,6 +309,10 @@ export const words = {
       remedy: "Sie können jetzt installieren.",
     },
     waits_for_person: { cause: "Die Einstellungen überlassen es Ihnen.", remedy: "Sie können jetzt installieren." },
+    package_refused: {
+      cause: "Sein Paket wurde abgelehnt. Es wird neu geladen, sobald der Hersteller das Angebot ändert.",
+      remedy: "Sie können es jetzt noch einmal versuchen.",
+    },
     busy: { cause: "Ein anderes Programm arbeitet.", remedy: "Versuchen Sie es danach noch einmal." },
   },
 };

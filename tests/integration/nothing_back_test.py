@@ -82,6 +82,55 @@ class NothingBackTest(unittest.TestCase):
         appliance.expect("update")
         self.assert_holds(appliance, "2.5")
 
+    def with_automatic_install(self, address):
+        """An appliance that installs by itself what this address offers, and has found it."""
+        appliance = self.with_new_pack()
+        appliance.use_server(address)
+        with open(appliance.settings / "updater.conf", "a") as settings:
+            settings.write("update_policy=auto_download_auto_install\n")
+        appliance.expect("check")
+        return appliance
+
+    def automatic(self, appliance):
+        """What a timer makes of it: the result, the code, and whether a package was fetched."""
+        before = self.publisher.fetched
+        answer = json.loads(appliance.packctl("--json", "update", "--automatic").stdout)
+        return answer["result"], (answer.get("error") or {}).get("code"), self.publisher.fetched > before
+
+    def test_refused_package_is_not_fetched_again_until_something_changes(self):
+        self.publisher.publish("2.5", 3)
+        address = self.offer_old_as("3.0", old="2.5")
+        appliance = self.with_automatic_install(address)
+        self.assertEqual(("failed", "not_as_offered", True), self.automatic(appliance))
+        waits = "By itself it waits: its package was refused, and is fetched again once the maker changes the offer"
+        for _ in range(2):
+            self.assertIn(waits, appliance.packctl("check").stdout)
+            self.assertEqual(("waits", "package_refused", False), self.automatic(appliance))
+        self.assertIn("Waits:      its package was refused", appliance.packctl("status").stdout)
+        history = json.loads(appliance.packctl("--json", "history").stdout)["entries"]
+        self.assertEqual(1, [entry["result"] for entry in history].count("waits"))
+        # A person tries again.
+        self.assert_refused(appliance, "not_as_offered", "update")
+        # Another package for the same version.
+        appliance.expect("check")
+        self.assertEqual(("waits", "package_refused", False), self.automatic(appliance))
+        self.publisher.publish("3.0", 4)
+        (self.top / "published/hostile.json").write_bytes((self.top / "published/reply-3.0.json").read_bytes())
+        appliance.expect("check")
+        self.assertEqual(("done", None, True), self.automatic(appliance))
+        self.assert_holds(appliance, "3.0")
+
+    def test_refused_package_is_fetched_again_with_another_keyring(self):
+        signing, self.publisher.signing = self.publisher.signing, {}
+        address = self.publisher.publish("3.0", 4)
+        self.publisher.signing = signing
+        appliance = self.with_automatic_install(address)
+        self.assertEqual(("failed", "not_signed", True), self.automatic(appliance))
+        appliance.expect("check")
+        self.assertEqual(("waits", "package_refused", False), self.automatic(appliance))
+        (appliance.settings / "keyring.pem").unlink()
+        self.assertEqual(("done", None, True), self.automatic(appliance))
+
     def test_package_of_another_pack_is_not_the_one_on_offer(self):
         appliance = self.with_new_pack()
         (appliance.state_folder / "codec-requirements.json").write_text('{"aac": ["player"]}')

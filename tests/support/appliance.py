@@ -85,9 +85,16 @@ class Publisher:
         self.folder, self.build = pathlib.Path(folder), build
         self.payloads = {}
         self.signing = {}
+        self.fetched = 0  # packages that somebody began to fetch
 
     def __enter__(self):
+        publisher = self
+
         class Quiet(http.server.SimpleHTTPRequestHandler):
+            def do_GET(self):
+                publisher.fetched += self.path.endswith(".opk")
+                super().do_GET()
+
             def log_message(self, *_):
                 pass
 

@@ -150,6 +150,19 @@ class DecisionTest : public testing::Test {
 
 TEST_F(DecisionTest, InstallsByItselfWhereThePolicySaysSo) { ExpectNow(); }
 
+TEST_F(DecisionTest, RefusedPackageWaitsForAnotherOne) {
+  situation_.offer.security = true;
+  situation_.refusal = RefusedPackage{.message = "not signed", .time = situation_.now - kHour};
+  const std::time_t end = situation_.now - kHour + 30 * kDay;
+  const Wait wait{.reason = FailureReason::kPackageRefused, .until = end, .because = "not signed"};
+  EXPECT_THAT(WhyWait(situation_), Optional(wait));
+  EXPECT_EQ(ExplainWait("1.1", wait).remedy, "To try again, run: sudo packctl update");
+  situation_.now = end;
+  ExpectNow();
+  situation_.now = situation_.refusal->time - 1;  // the clock was wrong
+  ExpectNow();
+}
+
 TEST_F(DecisionTest, PolicyLeavesToAPersonWhatItSays) {
   situation_.settings.policy = updater::kPolicyAutoDownloadManualInstall;
   ExpectWait(FailureReason::kWaitsForPerson, std::nullopt, true);
@@ -249,6 +262,18 @@ TEST(OfferNoteTest, SameOfferWaitsSinceItWasFirstSeen) {
   EXPECT_EQ(Noted({.version = "1.1"}, before, now), before);
   EXPECT_EQ(Noted({.version = "1.2"}, before, now), (OfferNote{{.version = "1.2"}, now, ""}));
   EXPECT_EQ(Noted({.version = "1.2"}, std::nullopt, now), (OfferNote{{.version = "1.2"}, now, ""}));
+}
+
+TEST(OfferNoteTest, RefusalCountsForTheSamePackageAlone) {
+  const Offer offer{.version = "1.1", .link = "a", .checksum = "1"};
+  const OfferNote before{
+      .offer = offer, .first_seen = Utc(2026, 11, 1, 12), .refusal = RefusedPackage{"not signed", 1, "b"}};
+  EXPECT_EQ(Noted(offer, before, before.first_seen).refusal, before.refusal);
+  for (const Offer& other :
+       {Offer{.version = "1.2", .link = "a", .checksum = "1"}, Offer{.version = "1.1", .link = "b", .checksum = "1"},
+        Offer{.version = "1.1", .link = "a", .checksum = "2"}}) {
+    EXPECT_EQ(Noted(other, before, before.first_seen).refusal, std::nullopt);
+  }
 }
 
 TEST(OfferNoteTest, TimeOfAWrongClockCountsAsNow) {

@@ -177,6 +177,11 @@ Console::Held Console::TakeHeld() {
   return std::exchange(lines_, {});
 }
 
+const Console::Held& Console::LookAtHeld() {
+  Look(false);
+  return lines_;
+}
+
 std::vector<std::string> Console::TakeOther() {
   Look(true);
   std::vector<std::string>& lines = lines_.other;

@@ -73,6 +73,9 @@ class Console {
   /// The lines held back since the last call; of a flood only the first part.
   Held TakeHeld();
 
+  /// The same, which TakeHeld() gives out all the same.
+  const Held& LookAtHeld();
+
   /// Those of plugins alone, and only whole ones: to show them while the work goes on. The log stays held, and so does
   /// what the updater's own programs say, whose names begin with "orba-": it is the reason, should the work fail.
   std::vector<std::string> TakeOther();

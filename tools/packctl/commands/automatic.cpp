@@ -1,10 +1,13 @@
 #include "tools/packctl/commands/automatic.h"
 
+#include <algorithm>
+#include <array>
 #include <ctime>
 #include <exception>
 #include <utility>
 
 #include "platform/json/json_values.h"
+#include "platform/log.h"
 #include "tools/packctl/commands/change_outcome.h"
 #include "tools/packctl/policy/judged_offer.h"
 #include "tools/packctl/policy/pack_users.h"
@@ -48,6 +51,15 @@ bool RefreshRecord(const UpdateObjects& objects, const StatusRecord& record) {
     ForgetKeptOffer();
   }
   return false;
+}
+
+// Whether the package would be refused again: it is another one than it should be. What may lie with the machine, such
+// as a clock or a disk, is none of these.
+bool IsOfThePackage(const Failure& failure) {
+  using enum FailureReason;
+  constexpr std::array kRefusals = {kNotSigned,    kBadSignature, kManifestTooOld, kManifestTooNew, kWrongProduct,
+                                    kInfoMismatch, kOlderVersion, kBelowMinimum,   kPackageExpired, kNotAsOffered};
+  return std::ranges::any_of(kRefusals, [&](FailureReason reason) { return failure.code == CodeOf(reason); });
 }
 
 }  // namespace
@@ -108,6 +120,19 @@ std::vector<std::string> KeepOffer(const Offer& offer) try {
   return {};
 } catch (const std::exception& error) {
   return {std::string("cannot keep since when the pack is on offer: ") + error.what()};
+}
+
+void KeepRefusal(const Offer& offer, const std::string& version, const Failure& failure) try {
+  const std::optional<OfferNote> kept = ReadOfferNote();
+  if (!kept || kept->offer.version != version || !IsOfThePackage(failure)) {
+    return;
+  }
+  const std::time_t now = std::time(nullptr);
+  OfferNote note = offer.version.empty() ? *kept : Noted(offer, kept, now);
+  note.refusal = {.message = failure.message, .time = now, .basis = JudgementBasis()};
+  KeepOfferNote(note);
+} catch (const std::exception& error) {
+  ORBAMIRA_LOG_ERROR("Failed to keep why the package was refused: %s", error.what());
 }
 
 std::vector<std::string> ForgetKeptOffer() try {

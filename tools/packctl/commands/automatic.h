@@ -43,6 +43,10 @@ std::optional<bool> IsStillOffered(const UpdateObjects& objects, const StatusRec
 /// Keeps what the reply says of the last offer that the handler was asked about; the problem when it cannot be kept.
 std::vector<std::string> KeepOffer(const Offer& offer);
 
+/// Keeps why the package of an offer was not accepted, where that offer is kept and the failure is one of the package
+/// itself. `offer` is what was asked for; the kept one where its version is empty.
+void KeepRefusal(const Offer& offer, const std::string& version, const Failure& failure);
+
 /// Forgets it, as installed or on offer no more; likewise.
 std::vector<std::string> ForgetKeptOffer();
 

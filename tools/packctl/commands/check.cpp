@@ -21,6 +21,7 @@
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/release_words.h"
+#include "tools/packctl/view/wait_words.h"
 #include "updater/recovery.h"
 #include "updater/update_request.h"
 
@@ -97,6 +98,14 @@ Outcome NothingNew(const std::string& declined) {
   return WithVersions(std::move(outcome), versions);
 }
 
+/// Whether the pack is one whose package was refused, and what comes of that.
+std::string RefusalLine() {
+  const std::optional<OfferNote> note = ReadOfferNote();
+  const std::optional<Wait> wait = note && note->refusal ? WaitOf(ReadStatus()) : std::nullopt;
+  return wait && wait->reason == FailureReason::kPackageRefused ? "By itself it waits: " + WaitWords(*wait) + ".\n"
+                                                                : "";
+}
+
 /// A pack that is downloaded and still on offer. The library's check would have it downloaded again.
 Outcome Downloaded(const StatusRecord& record) {
   NoteAnsweredCheck(record.new_version, true);
@@ -138,6 +147,7 @@ Outcome RunCheck(Context& context) {
   if (found || repeats) {
     Outcome outcome = WithOthers(NewPack(*objects.manager, repeats), objects.handler->other_releases());
     outcome.problems = KeepOffer(objects.handler->offer());
+    outcome.text += RefusalLine();
     return outcome;
   }
   if (declined) {

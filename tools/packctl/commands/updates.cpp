@@ -22,6 +22,7 @@
 #include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
+#include "tools/packctl/view/failure_words.h"
 #include "tools/packctl/view/progress_view.h"
 #include "tools/packctl/view/release_words.h"
 #include "tools/packctl/view/result_words.h"
@@ -151,6 +152,9 @@ Outcome RunAbout(const Context& context, const UpdateObjects& objects, const std
   outcome.version = offered.empty() ? recorded_version : offered;
   if (outcome.exit == kExitFailed) {
     BlameRequirements(*objects.manager, outcome);
+    const Console::Held& held = context.console.LookAtHeld();
+    KeepRefusal(objects.handler->offer(), outcome.version,
+                ExplainFailure(flow.name, {held.other, held.log, outcome.problems}));
   }
   return outcome;
 }

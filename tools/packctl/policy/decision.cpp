@@ -26,6 +26,17 @@ std::optional<std::time_t> SecurityDeadline(const Situation& situation) {
              : std::nullopt;
 }
 
+// Not for ever: what was wrong may have been the clock.
+std::optional<Wait> WhyRefused(const Situation& situation) {
+  constexpr std::chrono::days kMost{30};
+  const std::optional<RefusedPackage>& refusal = situation.refusal;
+  if (!refusal || situation.now < refusal->time || situation.now >= After(refusal->time, kMost)) {
+    return std::nullopt;
+  }
+  return Wait{
+      .reason = FailureReason::kPackageRefused, .until = After(refusal->time, kMost), .because = refusal->message};
+}
+
 std::optional<Wait> WhyHeld(const Situation& situation, std::optional<std::time_t> deadline) {
   if (!situation.hold || situation.now >= situation.hold->until.value_or(situation.now + 1)) {
     return std::nullopt;
@@ -56,6 +67,9 @@ std::optional<Wait> WhyNotNow(const Situation& situation, std::time_t deadline) 
 }  // namespace
 
 std::optional<Wait> WhyWait(const Situation& situation) {
+  if (std::optional<Wait> wait = WhyRefused(situation)) {
+    return wait;
+  }
   const std::optional<std::time_t> security = SecurityDeadline(situation);
   if (security && situation.now >= *security) {
     return std::nullopt;

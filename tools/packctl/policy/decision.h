@@ -4,6 +4,7 @@
 #include <ctime>
 #include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "tools/packctl/policy/install_windows.h"
@@ -35,6 +36,7 @@ struct Situation {
   Offer offer = {};
   std::time_t first_seen = 0;  ///< when a check first found the offer
   PolicySettings settings = {};
+  std::optional<RefusedPackage> refusal = {};  ///< of the package on offer, by what packages are judged by now
   std::optional<Hold> hold = {};
   std::time_t now = 0;
   std::function<bool()> is_in_use = {};  ///< whether a program uses the installed pack; asked only where it matters
@@ -45,6 +47,7 @@ struct Wait {
   FailureReason reason = FailureReason::kWaitsForPerson;  ///< one of those of waiting
   std::optional<std::time_t> until = {};  ///< when this reason ends at the latest; empty when no clock ends it
   bool may_download = false;              ///< the package is fetched meanwhile
+  std::string because = {};               ///< why the package was refused; empty for other reasons
 
   friend bool operator==(const Wait&, const Wait&) = default;
 };

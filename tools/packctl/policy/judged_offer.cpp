@@ -23,9 +23,11 @@ JudgedRecord JudgeRecord(const StatusRecord& record, const std::function<bool()>
   const std::time_t now = std::time(nullptr);
   ReadPolicy policy = ReadPolicySettings();
   JudgedRecord judged{.is_on_offer = true, .note = NoteOf(record, now), .problems = std::move(policy.problems)};
+  const std::optional<RefusedPackage>& refusal = judged.note.refusal;
   judged.wait = WhyWait({.offer = judged.note.offer,
                          .first_seen = judged.note.first_seen,
                          .settings = std::move(policy.settings),
+                         .refusal = refusal && refusal->basis == JudgementBasis() ? refusal : std::nullopt,
                          .hold = ReadHold(now),
                          .now = now,
                          .is_in_use = is_in_use});

@@ -14,6 +14,24 @@ constexpr std::time_t kYear2026 = 1767225600;
 
 bool IsTrue(const Json::Value& value) { return value.isBool() && value.asBool(); }
 
+std::optional<RefusedPackage> RefusalFromJson(const Json::Value& json) {
+  if (!json.isObject() || !json["time"].isInt64()) {
+    return std::nullopt;
+  }
+  return RefusedPackage{
+      .message = TextOf(json["message"]), .time = json["time"].asInt64(), .basis = TextOf(json["basis"])};
+}
+
+Json::Value RefusalJson(const std::optional<RefusedPackage>& refusal) {
+  Json::Value json;
+  if (refusal) {
+    json["message"] = refusal->message;
+    json["time"] = Json::Int64{refusal->time};
+    json["basis"] = refusal->basis;
+  }
+  return json;
+}
+
 }  // namespace
 
 OfferNote Noted(const Offer& offer, const std::optional<OfferNote>& before, std::time_t now) {
@@ -25,6 +43,7 @@ OfferNote Noted(const Offer& offer, const std::optional<OfferNote>& before, std:
   const bool is_heir = before->offer.security && IsNewVersion(before->offer.version, offer.version);
   note.offer.security = offer.security || (before->offer.security && (is_same || is_heir));
   note.told = is_same ? before->told : "";
+  note.refusal = HaveSamePackage(offer, before->offer) ? before->refusal : std::nullopt;
   // Of a release that is marked later, the days count from then.
   const bool goes_on = (is_same || is_heir) && before->offer.security == note.offer.security;
   if (goes_on && before->first_seen >= kYear2026 && before->first_seen <= now) {
@@ -39,9 +58,13 @@ std::optional<OfferNote> ReadOfferNote() {
     return std::nullopt;
   }
   const Json::Value& json = *kept;
-  return OfferNote{.offer = {.version = TextOf(json["version"]), .security = IsTrue(json["security"])},
+  return OfferNote{.offer = {.version = TextOf(json["version"]),
+                             .link = TextOf(json["link"]),
+                             .checksum = TextOf(json["checksum"]),
+                             .security = IsTrue(json["security"])},
                    .first_seen = json["first_seen"].asInt64(),
-                   .told = TextOf(json["told"])};
+                   .told = TextOf(json["told"]),
+                   .refusal = RefusalFromJson(json["refusal"])};
 }
 
 void KeepOfferNote(const OfferNote& note) {
@@ -50,9 +73,12 @@ void KeepOfferNote(const OfferNote& note) {
   }
   Json::Value json;
   json["version"] = note.offer.version;
+  json["link"] = note.offer.link;
+  json["checksum"] = note.offer.checksum;
   json["security"] = note.offer.security;
   json["first_seen"] = Json::Int64{note.first_seen};
   json["told"] = note.told;
+  json["refusal"] = RefusalJson(note.refusal);
   WriteStateFile(kFile, json);
 }
 

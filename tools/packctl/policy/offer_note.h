@@ -14,6 +14,7 @@ struct OfferNote {
   Offer offer = {};
   std::time_t first_seen = 0;  ///< when a check first found it, in seconds since the epoch
   std::string told = {};       ///< the code of the reason that the history tells of; empty before there is one
+  std::optional<RefusedPackage> refusal = {};  ///< of its package
 
   friend bool operator==(const OfferNote&, const OfferNote&) = default;
 };
@@ -21,7 +22,7 @@ struct OfferNote {
 /// The note of an offer that is seen now, where there was another note before. The same version goes on waiting since
 /// it was first seen. One that was marked as a security release stays one, and so does a newer one that takes its
 /// place: it closes the same hole, and must not begin to wait anew. A time that is in the future, or from before this
-/// program was made, was told by a wrong clock and counts as now.
+/// program was made, was told by a wrong clock and counts as now. A refusal counts for the same package alone.
 OfferNote Noted(const Offer& offer, const std::optional<OfferNote>& before, std::time_t now);
 
 /// The note; empty without one, and when it cannot be read.

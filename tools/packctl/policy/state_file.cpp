@@ -20,7 +20,7 @@ std::string StateFile(const std::string& name) {
 }
 
 StateText ReadStateFile(const std::string& name) try {
-  constexpr std::size_t kMost = 4096;
+  constexpr std::size_t kMost = 64UL * 1024;
   const UniqueFd file = OpenFile(StateFile(name), O_RDONLY);
   if (!file.valid()) {
     return {.exists = errno != ENOENT};

@@ -51,6 +51,7 @@ constexpr std::array<std::pair<FailureReason, const char*>, static_cast<std::siz
         {FailureReason::kInUse, "in_use"},
         {FailureReason::kNotInRollout, "not_in_rollout"},
         {FailureReason::kWaitsForPerson, "waits_for_person"},
+        {FailureReason::kPackageRefused, "package_refused"},
         {FailureReason::kAccountFailed, "account_failed"},
         {FailureReason::kUnexpected, "unexpected"},
     }};

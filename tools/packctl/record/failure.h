@@ -53,6 +53,7 @@ enum class FailureReason {
   kInUse,
   kNotInRollout,
   kWaitsForPerson,
+  kPackageRefused,
   kAccountFailed,
   kUnexpected,
 };

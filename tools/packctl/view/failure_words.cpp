@@ -244,7 +244,7 @@ bool SaysItAll(const Failure& failure) {
                                  kNotPermitted,      kInterrupted,   kBusy,
                                  kNotConfirmed,      kCancelled,     kHeld,
                                  kOutsideWindow,     kInUse,         kNotInRollout,
-                                 kWaitsForPerson};
+                                 kWaitsForPerson,    kPackageRefused};
   return std::ranges::any_of(kWhole, [&](FailureReason reason) { return failure.code == CodeOf(reason); });
 }
 

@@ -131,7 +131,9 @@ std::string RemedyWords(const StatusFacts& facts) {
     return "Run: sudo packctl unhold";
   }
   if (facts.wait && facts.wait->reason != FailureReason::kWaitsForPerson) {
-    return std::string("nothing; to install now: sudo packctl ") + NextCommand(status);
+    const bool is_refused = facts.wait->reason == FailureReason::kPackageRefused;
+    return std::string(is_refused ? "nothing; to try again" : "nothing; to install now") + ": sudo packctl " +
+           NextCommand(status);
   }
   const bool is_settled = status == updater::kStatusLost || status == updater::kStatusUpToDate;
   return std::string("Run: sudo packctl ") + (is_settled && !facts.installed ? "update" : NextCommand(status));

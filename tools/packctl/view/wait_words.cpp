@@ -5,7 +5,11 @@
 namespace orbamira::packctl {
 namespace {
 
-std::string ReasonWords(FailureReason reason) {
+std::string ReasonWords(const Wait& wait) {
+  const FailureReason reason = wait.reason;
+  if (reason == FailureReason::kPackageRefused) {
+    return "its package was refused, and is fetched again once the maker changes the offer (" + wait.because + ")";
+  }
   if (reason == FailureReason::kHeld) {
     return "updates are held";
   }
@@ -27,11 +31,13 @@ Json::Value TimeOrNull(const std::optional<std::time_t>& time) {
 
 Failure ExplainWait(const std::string& version, const Wait& wait) {
   return MakeFailure(wait.reason, version + " waits: " + WaitWords(wait),
-                     wait.reason == FailureReason::kHeld ? "Run: sudo packctl unhold" : "Run: sudo packctl update");
+                     wait.reason == FailureReason::kHeld             ? "Run: sudo packctl unhold"
+                     : wait.reason == FailureReason::kPackageRefused ? "To try again, run: sudo packctl update"
+                                                                     : "Run: sudo packctl update");
 }
 
 std::string WaitWords(const Wait& wait) {
-  return ReasonWords(wait.reason) + (wait.until ? ", until " + LocalTime(*wait.until) + " at the latest" : "");
+  return ReasonWords(wait) + (wait.until ? ", until " + LocalTime(*wait.until) + " at the latest" : "");
 }
 
 std::string HoldWords(const Hold& hold) {

@@ -284,6 +284,10 @@ export const words = {
       remedy: "“packctl update --now” installs it now.",
     },
     waits_for_person: { cause: "The settings leave the install to you.", remedy: "You can install it now." },
+    package_refused: {
+      cause: "Its package was refused. It is fetched again once the maker changes the offer.",
+      remedy: "You can try again now.",
+    },
     busy: { cause: "Another program is at work.", remedy: "Try again when it has ended." },
   },
 };
