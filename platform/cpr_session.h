@@ -32,11 +32,12 @@ class ORBAMIRA_EXPORT ICprSession {
 /// The HTTP session on cpr. One object is one session and keeps its connections open.
 class ORBAMIRA_EXPORT CprSession : public ICprSession {
  public:
-  /// Makes a session; never empty. It loads what it needs of libcurl when it first downloads; if that cannot be loaded,
-  /// the download has failed.
+  /// Makes a session; never empty. When it first downloads, it loads what it needs of libcurl and reads the settings of
+  /// the network (proxy, ca_file, download_rate); if either fails, the download has failed.
   static std::shared_ptr<ICprSession> Create();
 
-  /// Makes a session with all that it needs. Throws std::runtime_error when libcurl cannot be loaded.
+  /// Makes a session with all that it needs. Throws std::runtime_error when libcurl cannot be loaded, or a setting of
+  /// the network cannot be used.
   CprSession();
   ~CprSession() override;
   CprSession(const CprSession&) = delete;

@@ -15,7 +15,8 @@ namespace orbamira::wrapper {
 /// binary contract. Do not use one object from two threads at once.
 class ORBAMIRA_EXPORT DownloadWrapper {
  public:
-  /// Makes a download; empty when that fails. If libcurl cannot be loaded, the download itself fails and says so.
+  /// Makes a download by the settings of the network (proxy, ca_file, download_rate); empty when that fails. If one of
+  /// them cannot be used, or libcurl cannot be loaded, the download itself fails and says so.
   static std::shared_ptr<DownloadWrapper> Create();
 
   /// Makes a download that fails when the body has more than `size` bytes.

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "platform/account/id_token.h"
 #include "platform/http/bounded_reply.h"
 #include "platform/http/http_only.h"
+#include "platform/http/network_settings.h"
 #include "platform/json/json_object.h"
 #include "platform/orbazelo.h"
 
@@ -73,9 +75,16 @@ bool IsSafeAddress(const std::string& text) {
   return address.scheme == "https" || (address.scheme == "http" && IsOnThisMachine(address));
 }
 
+void UseSettings(cpr::Session& session) try {
+  UseNetworkSettings(session, ReadNetworkSettings());
+} catch (const std::runtime_error& error) {
+  throw ZeloException(error.what());
+}
+
 // Sends one request: a POST with a form, a GET without one.
 Reply Ask(const std::string& url, const ProviderLimits& limits, const std::optional<cpr::Payload>& form) {
   cpr::Session session;
+  UseSettings(session);
   SetHttpUrl(session, url);
   session.SetHeader({{"Accept", "application/json"}});
   session.SetRedirect(cpr::Redirect(false));

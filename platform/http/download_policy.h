@@ -28,7 +28,8 @@ struct DownloadPolicy {
   };
 };
 
-/// Makes a download with this policy; never empty.
+/// Makes a download with this policy; never empty. Throws std::runtime_error when a setting of the network cannot be
+/// used.
 std::shared_ptr<wrapper::DownloadWrapper> MakeDownload(const DownloadPolicy& policy);
 
 }  // namespace orbamira

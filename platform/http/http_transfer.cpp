@@ -7,6 +7,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <thread>
 
 namespace orbamira {
 namespace {
@@ -43,6 +44,25 @@ class StallWatch {
   std::size_t enough_;  // bytes that move the deadline
   std::size_t counted_ = 0;
   Clock::time_point deadline_;
+};
+
+// Keeps a transfer to a rate by not reading for a while. libcurl's own limit was seen to be passed over.
+class Pace {
+ public:
+  explicit Pace(std::int64_t rate) : rate_(rate) {}
+
+  // What the line did not give in the last second may be made up for.
+  void Keep(std::size_t bytes) {
+    if (rate_ > 0) {
+      const std::chrono::duration<double> time(static_cast<double>(bytes) / static_cast<double>(rate_));
+      due_ = std::max(due_, Clock::now() - std::chrono::seconds(1)) + std::chrono::ceil<Clock::duration>(time);
+      std::this_thread::sleep_until(due_);
+    }
+  }
+
+ private:
+  std::int64_t rate_;
+  Clock::time_point due_ = Clock::now();
 };
 
 struct MultiCleanup {
@@ -88,18 +108,22 @@ class Drive {
 
 }  // namespace
 
-void SetUpForDownloads(cpr::Session& session) {
+void SetUpForDownloads(cpr::Session& session, const NetworkSettings& settings) {
   session.SetAcceptEncoding(cpr::AcceptEncoding({cpr::AcceptEncodingMethods::disabled}));
   CURL* curl = session.GetCurlHolder()->handle;
-  curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kReceiveBuffer);
+  // No more at once than a second's bytes, for which it is then paused.
+  const std::int64_t rate = settings.download_rate > 0 ? settings.download_rate : kReceiveBuffer;
+  curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, static_cast<long>(std::min<std::int64_t>(rate, kReceiveBuffer)));
   // Otherwise curl may use SIGALRM for time-outs, and the host has threads of its own.
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  UseNetworkSettings(session, settings);
 }
 
 cpr::Response Fetch(cpr::Session& session, const TransferLimits& limits, const BodyCallback& take) {
   // An exception must not pass through curl, so it is kept until curl returns.
   std::exception_ptr thrown;
   StallWatch watch(limits);
+  Pace pace(limits.rate);
   session.SetConnectTimeout(limits.connect);
   session.PrepareDownload(cpr::WriteCallback([&](std::string_view bytes, intptr_t /*unused*/) {
     bool go_on = false;
@@ -108,6 +132,7 @@ cpr::Response Fetch(cpr::Session& session, const TransferLimits& limits, const B
     } catch (...) {
       thrown = std::current_exception();
     }
+    pace.Keep(go_on ? bytes.size() : 0);
     watch.Count(bytes.size());
     return go_on;
   }));

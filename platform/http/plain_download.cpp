@@ -3,8 +3,8 @@
 #include <curl/curl.h>
 
 #include <cstdint>
+#include <stdexcept>
 #include <string_view>
-#include <system_error>
 
 #include "platform/http/body_file.h"
 #include "platform/http/http_transfer.h"
@@ -18,7 +18,8 @@ cpr::Response DownloadOnce(cpr::Session& session, std::ofstream& file) {
     const SizeLimit limit = SizeLimitFromSettings();
     BodyFile body(file);
     std::int64_t size = 0;
-    response = Fetch(session, TransferLimits{}, [&](std::string_view bytes) {
+    const TransferLimits limits{.rate = ReadNetworkSettings().download_rate};
+    response = Fetch(session, limits, [&](std::string_view bytes) {
       size += static_cast<std::int64_t>(bytes.size());
       if (size > limit.bytes) {
         body.StartOver();  // others need the room
@@ -28,7 +29,7 @@ cpr::Response DownloadOnce(cpr::Session& session, std::ofstream& file) {
       return true;
     });
     body.Flush();
-  } catch (const std::system_error& error) {
+  } catch (const std::runtime_error& error) {
     response.error = cpr::Error(CURLE_WRITE_ERROR, error.what());
   }
   if (response.error) {

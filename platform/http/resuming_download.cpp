@@ -327,7 +327,11 @@ class Run {
 
 class ResumingDownload : public wrapper::DownloadWrapper {
  public:
-  explicit ResumingDownload(DownloadPolicy policy) : policy_(std::move(policy)) { SetUpForDownloads(session_); }
+  explicit ResumingDownload(DownloadPolicy policy) : policy_(std::move(policy)) {
+    const NetworkSettings settings = ReadNetworkSettings();
+    SetUpForDownloads(session_, settings);
+    policy_.limits.rate = settings.download_rate;
+  }
 
   int DownloadToFile(std::ofstream& file) override { return Run(policy_, session_, link_, file, progress_).ToTheEnd(); }
 

@@ -3,12 +3,14 @@
 
 #include <charconv>
 #include <new>
+#include <stdexcept>
 #include <system_error>
 
 #include "platform/account/renewal.h"
 #include "platform/http/bounded_reply.h"
 #include "platform/http/http_only.h"
 #include "platform/http/http_transfer.h"
+#include "platform/http/network_settings.h"
 #include "platform/http/plain_download.h"
 #include "platform/network/network.h"
 
@@ -30,6 +32,11 @@ class CurlNetwork final : public Network {
  public:
   [[nodiscard]] NetworkReply Ask(const NetworkRequest& request) const override {
     cpr::Session session;
+    try {
+      UseNetworkSettings(session, ReadNetworkSettings());
+    } catch (const std::runtime_error& error) {
+      return {.failed = true, .error = error.what()};
+    }
     SetHttpUrl(session, request.url);
     cpr::Parameters parameters;
     for (const auto& [key, value] : request.query) {
@@ -62,7 +69,10 @@ class CurlNetwork final : public Network {
     return orbamira::MakeDownload(policy);
   }
 
-  void MakeSession(cpr::Session* place) const override { SetUpForDownloads(*new (place) cpr::Session()); }
+  void MakeSession(cpr::Session* place) const override {
+    const NetworkSettings settings = ReadNetworkSettings();
+    SetUpForDownloads(*new (place) cpr::Session(), settings);
+  }
 
   void DestroySession(cpr::Session& session) const override { session.~Session(); }
 

@@ -22,10 +22,11 @@ class Network {
   /// NetworkLibraries().
   [[nodiscard]] virtual std::string Libraries() const = 0;
 
-  /// Makes a download with this policy; never empty.
+  /// Makes a download with this policy; never empty. Throws std::runtime_error when a setting of the network cannot be
+  /// used.
   [[nodiscard]] virtual std::shared_ptr<wrapper::DownloadWrapper> MakeDownload(const DownloadPolicy& policy) const = 0;
 
-  /// Makes the session of a CprSession in `place`, which has room for it.
+  /// Makes the session of a CprSession in `place`, which has room for it. Throws as MakeDownload() does.
   virtual void MakeSession(cpr::Session* place) const = 0;
 
   /// Destroys what MakeSession() made.

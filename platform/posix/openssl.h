@@ -19,6 +19,9 @@ struct Deleter {
 template <typename T, auto Free>
 using Owned = std::unique_ptr<T, Deleter<Free>>;
 
+/// A pem_password_cb for what has no business being encrypted; OpenSSL's own asks at the terminal.
+inline int GiveNoPassphrase(char* /*buffer*/, int /*size*/, int /*is_writing*/, void* /*data*/) { return 0; }
+
 inline void FreePemObjects(STACK_OF(X509_INFO) * objects) { sk_X509_INFO_pop_free(objects, X509_INFO_free); }
 
 /// The objects in a PEM file.

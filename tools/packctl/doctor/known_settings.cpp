@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "platform/constants.h"
+#include "platform/http/network_values.h"
 #include "tools/packctl/policy/policy_settings.h"
 #include "tools/packctl/policy/release_choice.h"
 #include "tools/packctl/record/support_period.h"
@@ -40,6 +41,8 @@ bool IsDay(const std::string& text) { return ParseDay(text).has_value(); }
 
 bool IsManifestFormat(const std::string& text) { return text == "1" || text == "2"; }
 
+bool IsDownloadRate(const std::string& text) { return ParseDownloadRate(text).has_value(); }
+
 bool IsDownloadLimit(const std::string& text) { return IsNumber<std::int64_t>(text, 0, INT64_MAX); }
 
 }  // namespace
@@ -54,6 +57,20 @@ std::span<const KnownSetting> KnownSettings() {
       KnownSetting{common::kDownloadLimit, "a whole number of bytes", IsDownloadLimit, "17179869184",
                    "The largest package to download. A larger one is refused, and the download fails.",
                    "download_limit=\"1073741824\""},
+      KnownSetting{kDownloadRateSetting, kDownloadRateForm, IsDownloadRate, "",
+                   "How many bytes per second a download takes at most, so that other programs keep some of the line. "
+                   "While it is empty, a download takes what the line gives.",
+                   "download_rate=\"1048576\""},
+      KnownSetting{kProxySetting, kProxyForm, IsProxyAddress, "",
+                   "The proxy through which all requests go: checks, downloads and those for the account. It may begin "
+                   "with http, https, socks5 or socks5h, and have USER:PASSWORD@ before the host; then let only root "
+                   "read the file. While it is empty, the environment counts, such as https_proxy. If it cannot be "
+                   "used, no request is sent.",
+                   "proxy=\"http://proxy.example.com:3128\"", true},
+      KnownSetting{kCaFileSetting, kCaFileForm, IsCaFile, "",
+                   "The certificate authorities that servers, and a proxy by https, must be certified by, in place of "
+                   "the system's. If the file cannot be used, no request is sent.",
+                   "ca_file=\"/etc/ssl/private-ca.pem\""},
       KnownSetting{
           common::kUnpackLimit, "a whole number of bytes", IsUnpackLimit, "17179869184",
           "The disk space that a package, and the payload in it, may take once unpacked: contents in blocks of 4096 "

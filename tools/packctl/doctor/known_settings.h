@@ -15,6 +15,7 @@ struct KnownSetting {
   const char* default_value;             ///< what holds when nothing is set; may be empty
   const char* meaning;                   ///< whole sentences
   const char* example;                   ///< a line of the file
+  bool is_secret = false;                ///< the value may hold a password, and is never shown
 };
 
 /// All keys that the updater reads.

@@ -1,10 +1,18 @@
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <sstream>
+#include <string_view>
 
 #include "platform/constants.h"
+#include "platform/http/network_values.h"
 #include "platform/http/shown_link.h"
-#include "platform/orba_core_wrapper.h"
+#include "platform/posix/openssl.h"
+#include "platform/settings_file.h"
 #include "platform/settings_line.h"
 #include "tools/packctl/cli/nearest_word.h"
 #include "tools/packctl/doctor/checks.h"
@@ -26,12 +34,17 @@ std::vector<std::string> KnownKeys() {
   return keys;
 }
 
+// What is none is not shown: it may be a part of a value, and that a password.
+bool IsName(std::string_view key) {
+  return !key.empty() && std::ranges::all_of(key, [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; });
+}
+
 void CheckLine(const std::string& place, const std::string& line, Findings& findings) {
   if (IsComment(line)) {
     return;
   }
   const std::optional<SettingLine> setting = ParseSettingLine(line);
-  if (!setting) {
+  if (!setting || !IsName(setting->key)) {
     findings.push_back(
         {kCheck, place + " is not " + kSettingForm + " and is passed over", "correct or remove the line"});
     return;
@@ -54,19 +67,48 @@ void CheckLines(const std::string& file, const std::string& text, Findings& find
   }
 }
 
-// The file that has the say about a key is the first that gives it a value.
-void CheckValue(const KnownSetting& setting, Findings& findings) {
-  wrapper::OrbaCoreWrapper core;
-  for (const char* const* file : kSettingsFiles) {
-    const std::string text = core.GetKeyValue(*file, setting.key);
-    if (text.empty()) {
-      continue;
-    }
-    if (!setting.is_valid(text)) {
-      findings.push_back({kCheck, std::string(*file) + ": " + setting.key + " is not " + setting.value + ": " + text,
-                          std::string("set it to ") + setting.value});
-    }
+void CheckValue(const KnownSetting& known, Findings& findings) {
+  const std::optional<Setting> setting = ReadOwnOrMakersSetting(known.key);
+  if (setting && !known.is_valid(setting->value)) {
+    findings.push_back(
+        {kCheck,
+         setting->file + ": " + known.key + " is not " + known.value + (known.is_secret ? "" : ": " + setting->value),
+         std::string("set it to ") + known.value});
+  }
+}
+
+bool IsDamagedOrEmpty(const std::string& pem) {
+  const Owned<BIO, BIO_free> source(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  const PemObjects infos(source ? PEM_X509_INFO_read_bio(source.get(), nullptr, GiveNoPassphrase, nullptr) : nullptr);
+  ERR_clear_error();
+  return !infos || sk_X509_INFO_num(infos.get()) == 0 || sk_X509_INFO_value(infos.get(), 0)->x509 == nullptr;
+}
+
+void CheckCaFile(Findings& findings) {
+  const std::optional<Setting> setting = ReadOwnOrMakersSetting(kCaFileSetting);
+  if (!setting || !IsCaFile(setting->value)) {
     return;
+  }
+  const FileText read = ReadText(setting->value);
+  std::string problem = read.problem.empty() ? "there is no such file" : read.problem;
+  if (read.text && !IsDamagedOrEmpty(*read.text)) {
+    return;
+  }
+  if (read.text) {
+    problem = "it is damaged, or holds no certificate";
+  }
+  findings.push_back({kCheck,
+                      setting->file + ": " + kCaFileSetting + " cannot be used: " + setting->value + ": " + problem,
+                      "put the certificates of the authorities there (PEM)"});
+}
+
+void CheckPasswordOfProxy(Findings& findings) {
+  const std::optional<Setting> setting = ReadOwnOrMakersSetting(kProxySetting);
+  struct stat about {};
+  if (setting && setting->value.find('@') != std::string::npos && stat(setting->file.c_str(), &about) == 0 &&
+      (about.st_mode & S_IROTH) != 0) {
+    findings.push_back({kCheck, setting->file + " has the password of a proxy in it, and everyone may read it",
+                        "run \"chmod o-r " + setting->file + "\""});
   }
 }
 
@@ -111,6 +153,8 @@ Findings CheckSettings() {
       CheckValue(setting, findings);
     }
   }
+  CheckCaFile(findings);
+  CheckPasswordOfProxy(findings);
   CheckSupport(findings);
   CheckIdentity(kPackageInfoPath, common::kVersion, facts->GetVersionFromPath(kPackageInfoPath), findings);
   CheckIdentity(common::kDefaultOrbaInfoPath, common::kUnique, facts->GetUnique(), findings);

@@ -42,7 +42,8 @@ std::string WordsOf(std::errc error) { return std::make_error_code(error).messag
 
 // Whatever else is said, because of it nothing else can be judged.
 std::vector<Rule> RulesForSettings() {
-  std::vector<Rule> rules;
+  std::vector<Rule> rules = {{FailureReason::kBadSetting, Speaker::kAnyone,
+                              "a setting cannot be used: ", Words::kOwnAndRest, "a setting cannot be used", kDoctor}};
   for (const std::string key : {common::kMinimumManifestFormat, common::kUnpackLimit, common::kDownloadLimit}) {
     for (const char* const verdict : {" is neither ", " is not a number of bytes: "}) {
       rules.push_back({FailureReason::kBadSetting, Speaker::kAnyone, ": " + key + verdict, Words::kOwnAndCause,
