@@ -36,7 +36,8 @@ std::vector<std::string> KnownKeys() {
 
 // What is none is not shown: it may be a part of a value, and that a password.
 bool IsName(std::string_view key) {
-  return !key.empty() && std::ranges::all_of(key, [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; });
+  return !key.empty() &&
+         std::ranges::all_of(key, [](unsigned char c) { return std::isalnum(c) != 0 || c == '_' || c == '-'; });
 }
 
 void CheckLine(const std::string& place, const std::string& line, Findings& findings) {
