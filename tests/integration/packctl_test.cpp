@@ -516,7 +516,10 @@ TEST_F(PackctlTest, AFlowThatCannotReadTheStatusBeginsNothing) {
 }
 
 TEST_F(PackctlTest, StatusGivesSizesInFullWidth) {
-  Status()->SetAsDownloading(3'000'000'000, 4'000'000'000);
+  Status()->SetAsDownloading(0L, 0L);
+  const auto record = store::FileKeyValueStore::Create(path::kPackStatusFile);
+  record->Set(webapi::param::kDownloadSizeNow, "3000000000");
+  record->Set(webapi::param::kDownloadSizeTotal, "4000000000");
   const Json::Value status = RunJson({"status"}, 0);
   EXPECT_EQ(status["status"], "downloading");
   EXPECT_EQ(status["download_size_now"].asInt64(), 3'000'000'000);

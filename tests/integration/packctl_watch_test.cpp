@@ -81,8 +81,8 @@ TEST_F(PackctlWatchTest, InJsonEachChangeIsTheAnswerOfStatusOnALine) {
   AwaitOutput(watch, "\n");
   std::string expected = Appliance::Packctl({"status", "--json"}).output;
   EXPECT_EQ(watch.Output(), expected);
-  Status()->SetAsDownloading(3'000'000'000, 4'000'000'000);
-  AwaitOutput(watch, "3000000000");
+  Status()->SetAsDownloading(1'000'000'000, 2'000'000'000);
+  AwaitOutput(watch, "1000000000");
   expected += Appliance::Packctl({"status", "--json"}).output;
   Status()->SetAsNeedInstall("2.0", kHevcPack);
   AwaitOutput(watch, "need_install");

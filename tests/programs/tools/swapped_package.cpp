@@ -37,7 +37,9 @@ ssize_t Read(const char* name, int fd, void* buffer, size_t size, off_t offset) 
 
 extern "C" {
 
+#ifndef _FILE_OFFSET_BITS  // with it both have the second name
 ssize_t pread(int fd, void* buffer, size_t size, off_t offset) { return Read("pread", fd, buffer, size, offset); }
+#endif
 ssize_t pread64(int fd, void* buffer, size_t size, off_t offset) { return Read("pread64", fd, buffer, size, offset); }
 
 }  // extern "C"

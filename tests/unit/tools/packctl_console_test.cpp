@@ -149,8 +149,7 @@ TEST_F(ConsoleTest, TakeHeldIsBounded) {
 
 TEST_F(ConsoleTest, TakeHeldGivesTheMemoryBackAndGoesOn) {
   Console console;
-  WriteTo(STDOUT_FILENO, std::string(1UL << 20, 'x'));
-  WriteTo(STDOUT_FILENO, "\n");
+  WriteTo(STDOUT_FILENO, std::string(1UL << 20, 'x') + "\n");
   console.TakeHeld();
   struct stat held {};
   ASSERT_EQ(fstat(STDOUT_FILENO, &held), 0);

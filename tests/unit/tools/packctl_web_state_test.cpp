@@ -111,7 +111,9 @@ TEST_F(StateReaderTest, LookFollowsTheProgressAndTheSteps) {
   EXPECT_TRUE(progress["total"].isNull());
   EXPECT_TRUE(progress["percent"].isNull());
   EXPECT_TRUE(progress["rate"].isNull());
-  status->SetAsDownloadInstalling(3000000000, 4000000000);
+  const auto record = store::FileKeyValueStore::Create(path::kPackStatusFile);
+  record->Set(webapi::param::kDownloadSizeNow, "3000000000");
+  record->Set(webapi::param::kDownloadSizeTotal, "4000000000");
   progress = Look()["progress"];
   EXPECT_EQ(progress["now"].asInt64(), 3000000000);
   EXPECT_EQ(progress["total"].asInt64(), 4000000000);
