@@ -31,7 +31,10 @@ void LeaveOut(nanoseconds time) {
 
 timespec TimespecOf(nanoseconds time) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
-  return {.tv_sec = seconds.count(), .tv_nsec = (time - seconds).count()};
+  timespec parts{};
+  parts.tv_sec = static_cast<decltype(parts.tv_sec)>(seconds.count());
+  parts.tv_nsec = static_cast<decltype(parts.tv_nsec)>((time - seconds).count());
+  return parts;
 }
 
 }  // namespace
