@@ -115,6 +115,7 @@ int Serve(Device& device, const char* folder) {
   fuse_args arguments = FUSE_ARGS_INIT(static_cast<int>(words.size()), words.data());
   const std::unique_ptr<fuse, void (*)(fuse*)> server(fuse_new(&arguments, &operations, sizeof operations, &device),
                                                       fuse_destroy);
+  fuse_opt_free_args(&arguments);
   if (!server || fuse_mount(server.get(), folder) != 0) {
     return EXIT_FAILURE;
   }

@@ -7,14 +7,15 @@ import os
 import pathlib
 import sys
 import tempfile
+import time
 import unittest
 
 import disk
-from crash_images import CrashImages
+from crash_images import CrashImages, OtherProgram
 
 SKIPPED = 77
 CONTENT = b"whole" * 4000
-MANY = 900  # ext4 has 1024 inodes
+MANY = 8
 IMAGES = 40  # more than there are flushes, so that there is an image at each
 
 
@@ -41,7 +42,13 @@ def content(folder):
 
 
 def make_many(folder):
+    """Makes files, and after half of them waits until the other program has begun and ended a sync."""
+    other = (folder / OtherProgram.NAME).stat
     for number in range(MANY):
+        if number == MANY // 2:
+            since, end = other().st_mtime_ns, time.monotonic() + disk.PATIENCE
+            while other().st_mtime_ns < since + 2 and time.monotonic() < end:
+                time.sleep(0.001)
         (folder / f"many-{number}").touch()
 
 
