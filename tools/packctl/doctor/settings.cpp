@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <sstream>
 #include <string_view>
 
@@ -34,18 +33,13 @@ std::vector<std::string> KnownKeys() {
   return keys;
 }
 
-// What is none is not shown: it may be a part of a value, and that a password.
-bool IsName(std::string_view key) {
-  return !key.empty() &&
-         std::ranges::all_of(key, [](unsigned char c) { return std::isalnum(c) != 0 || c == '_' || c == '-'; });
-}
-
 void CheckLine(const std::string& place, const std::string& line, Findings& findings) {
   if (IsComment(line)) {
     return;
   }
   const std::optional<SettingLine> setting = ParseSettingLine(line);
-  if (!setting || !IsName(setting->key)) {
+  // With a colon it is the beginning of an address, and there may be a password in it.
+  if (!setting || setting->key.find(':') != std::string_view::npos) {
     findings.push_back(
         {kCheck, place + " is not " + kSettingForm + " and is passed over", "correct or remove the line"});
     return;
