@@ -83,6 +83,10 @@ extern const char* const kHealthFile;
 extern const char* const kHealthyPackFile;
 /// What packctl has done, one JSON object a line; an older part lies beside it under the same name with ".1" behind.
 extern const char* const kHistoryFile;
+/// The offer that waits to be installed, as packctl keeps it (JSON object).
+extern const char* const kOfferFile;
+/// The owner's word that nothing is installed, as packctl keeps it (JSON object).
+extern const char* const kHoldFile;
 /// The highest minimum version and the newest signature of the packages that were accepted (key=value).
 extern const char* const kAcceptedPackagesFile;
 /// What applications ask for: a JSON object of codec name to the list of those who ask.

@@ -14,6 +14,7 @@
 #include "platform/file_lock.h"
 #include "platform/log.h"
 #include "platform/orba_sdk_wrapper.h"
+#include "platform/posix/atomic_file.h"
 #include "platform/posix/errors.h"
 #include "platform/posix/file_status.h"
 #include "platform/posix/remove_tree.h"
@@ -31,10 +32,13 @@ namespace fs = std::filesystem;
 
 bool Exists(const fs::path& path) { return fs::exists(LinkStatusOf(path)); }
 
-// Whether the name is "PREFIX.XXXXXX", as mkstemp makes it. A file that was set aside as "PREFIX.broken" looks the
-// same, but is no temporary file.
+// Whether the name is "PREFIX.new", or "PREFIX.XXXXXX" as mkstemp makes it. A file that was set aside as
+// "PREFIX.broken" looks the same, but is no temporary file.
 bool IsTemporaryOf(const std::string& prefix, const std::string& name) {
   constexpr std::size_t kSuffixLength = 6;
+  if (name == ReservedFile::NameBeside(prefix)) {
+    return true;
+  }
   if (name.size() != prefix.size() + 1 + kSuffixLength || !name.starts_with(prefix + ".") ||
       name.ends_with(".broken")) {
     return false;
@@ -56,8 +60,22 @@ const char* Text(PackStatus status) { return kPackStatusTexts.at(static_cast<std
 
 using NameTest = std::function<bool(const std::string&)>;
 
-NameTest TemporariesOf(const fs::path& file) {
-  return [prefix = file.filename().string()](const std::string& name) { return IsTemporaryOf(prefix, name); };
+/// A file that is replaced whole, so that an interrupted program may leave a temporary file beside it.
+struct ReplacedFile {
+  const char* path;
+  const char* lock;   ///< another process may be writing a temporary file unless this is held; null: the update lock
+  const char* whose;  ///< continuing "cannot remove the temporary files of "
+};
+
+std::array<ReplacedFile, 8> ReplacedFiles() {
+  return {{{path::kPackStatusFile, path::kPackStatusLock, "the status store"},
+           {path::kAcceptedPackagesFile, nullptr, "the accepted packages"},
+           {path::kAccountFile, path::kAccountLock, "the account"},
+           {path::kHealthFile, nullptr, "the health record"},
+           {path::kHealthyPackFile, nullptr, "the note of the healthy pack"},
+           {path::kOfferFile, nullptr, "the offer"},
+           {path::kHoldFile, nullptr, "the hold"},
+           {path::kTempPluginAppIdPath, nullptr, "the plugins' answer"}}};
 }
 
 // The entries of the folder that match, sorted; none when there is no folder.
@@ -75,6 +93,12 @@ std::vector<fs::path> Matching(const fs::path& folder, const NameTest& matches) 
   return found;
 }
 
+std::vector<fs::path> TemporariesOf(const ReplacedFile& file) {
+  const fs::path path = file.path;
+  return Matching(path.parent_path(),
+                  [&](const std::string& name) { return IsTemporaryOf(path.filename().string(), name); });
+}
+
 class Recovery {
  public:
   RecoveryReport Run() {
@@ -85,12 +109,10 @@ class Recovery {
     Step("look after the previous pack", [this] { LookAfterPrevious(); });
     EndRemovals();  // early, because the next steps need room on the disk
     Step("note the installed pack", [] { EnsureHealthyPackNote(); });
-    Step("remove the status store's temporary files",
-         [this] { RemoveTemporaries(path::kPackStatusFile, path::kPackStatusLock); });
-    Step("remove the temporary files of the accepted packages", [this] { RemoveAcceptedTemporaries(); });
-    Step("remove the account's temporary files", [this] { RemoveTemporaries(path::kAccountFile, path::kAccountLock); });
-    Step("remove the health record's temporary files", [this] { RemoveHealthTemporaries(); });
-    Step("remove the plugins' answer", [this] { RemovePluginAnswer(); });
+    for (const ReplacedFile& file : ReplacedFiles()) {
+      Step((std::string("remove the temporary files of ") + file.whose).c_str(), [&] { RemoveTemporaries(file); });
+    }
+    Step("remove the plugins' answer", [this] { Remove(path::kTempPluginAppIdPath, "the plugins' old answer"); });
     Step("mend the recorded status", [this] { MendStatus(); });
     Step("remove the download", [this] { RemoveDownload(); });
     return std::move(report_);
@@ -181,16 +203,11 @@ class Recovery {
     RemoveMatching(kTargetFolder, "the half-built pack", IsHalfBuiltPack);
   }
 
-  // Holds the file's own lock: another process may be writing a temporary file right now.
-  void RemoveTemporaries(const fs::path& file, const std::string& lock_path) {
-    const store::FileLock lock(lock_path);
-    RemoveMatching(file.parent_path(), "the temporary file", TemporariesOf(file));
-  }
-
-  // Both are written under the update lock alone.
-  void RemoveHealthTemporaries() {
-    for (const fs::path& file : {fs::path(path::kHealthFile), fs::path(path::kHealthyPackFile)}) {
-      RemoveMatching(file.parent_path(), "the temporary file", TemporariesOf(file));
+  void RemoveTemporaries(const ReplacedFile& file) {
+    const std::optional<store::FileLock> lock =
+        file.lock == nullptr ? std::nullopt : std::optional<store::FileLock>(file.lock);
+    for (const fs::path& path : TemporariesOf(file)) {
+      Remove(path, "the temporary file");
     }
   }
 
@@ -198,18 +215,6 @@ class Recovery {
     for (const fs::path& path : Matching(folder, matches)) {
       Remove(path, what);
     }
-  }
-
-  // Written while a package is unpacked, under the update lock.
-  void RemoveAcceptedTemporaries() {
-    const fs::path accepted = path::kAcceptedPackagesFile;
-    RemoveMatching(accepted.parent_path(), "the temporary file", TemporariesOf(accepted));
-  }
-
-  void RemovePluginAnswer() {
-    const fs::path answer = path::kTempPluginAppIdPath;
-    Remove(answer, "the plugins' old answer");
-    RemoveMatching(answer.parent_path(), "the temporary file", TemporariesOf(answer));
   }
 
   void MendStatus() {
@@ -307,23 +312,15 @@ std::vector<std::string> FindLeftovers() {
       found.push_back(path.string());
     }
   }
-  const fs::path store = path::kPackStatusFile;
-  const fs::path accepted = path::kAcceptedPackagesFile;
-  const fs::path health = path::kHealthFile;
-  const fs::path healthy = path::kHealthyPackFile;
-  const fs::path account = path::kAccountFile;
-  const fs::path answer = path::kTempPluginAppIdPath;
   const auto [packages, cache] = FoldersOfRemovals();
-  for (const auto& [folder, matches] : {std::pair<fs::path, NameTest>(packages, IsHalfBuiltPack),
-                                        {packages, IsHalfRemoved},
-                                        {cache, IsHalfRemoved},
-                                        {store.parent_path(), TemporariesOf(store)},
-                                        {accepted.parent_path(), TemporariesOf(accepted)},
-                                        {health.parent_path(), TemporariesOf(health)},
-                                        {healthy.parent_path(), TemporariesOf(healthy)},
-                                        {account.parent_path(), TemporariesOf(account)},
-                                        {answer.parent_path(), TemporariesOf(answer)}}) {
+  for (const auto& [folder, matches] :
+       {std::pair<fs::path, NameTest>(packages, IsHalfBuiltPack), {packages, IsHalfRemoved}, {cache, IsHalfRemoved}}) {
     for (const fs::path& path : Matching(folder, matches)) {
+      found.push_back(path.string());
+    }
+  }
+  for (const ReplacedFile& file : ReplacedFiles()) {
+    for (const fs::path& path : TemporariesOf(file)) {
       found.push_back(path.string());
     }
   }

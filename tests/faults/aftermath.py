@@ -1,5 +1,7 @@
 """What must hold on an appliance after a fault, and what must come of its next days without a person."""
 
+import json
+
 DAYS = 2  # that the timers have to bring everything in order
 
 
@@ -41,6 +43,8 @@ class Aftermath:
         ):
             self.lost.append("the previous pack is not whole")
         self._look_at_store()
+        for name in ("offer.json", "hold.json"):
+            self._look_at_note(self.appliance.state_folder / name)
         if self.appliance.accepted_file.exists() and self.appliance.accepted().keys() != {
             "minimum",
             "newest_signature",
@@ -69,6 +73,10 @@ class Aftermath:
         if left:
             self.stuck.append(f"left behind by recovery: {' '.join(left)}")
 
+    def unhold(self):
+        """What a person does who finds updates held; it ends with 2 where they are not."""
+        self._expect("unhold", 0, 2)
+
     def go_on(self):
         """The next days against the healthy server, without a person."""
         appliance = self.appliance
@@ -91,6 +99,14 @@ class Aftermath:
         """What the update timer's unit does, whose condition is a check that ends with 0."""
         if self._expect("check", 0, 2) == 0:
             self._expect("update", self.ends)
+
+    def _look_at_note(self, file):
+        """It is whole or absent."""
+        try:
+            if file.exists() and not isinstance(json.loads(file.read_bytes()), dict):
+                self.lost.append(f"{file.name} is no object")
+        except ValueError as error:
+            self.lost.append(f"{file.name} cannot be read: {error}")
 
     def _look_at_store(self):
         if self.broken is None and self.had_store and not self.appliance.status_file.exists():

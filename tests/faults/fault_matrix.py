@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
 """Brings every fault about at every file-changing system call of an update, and looks at what is left.
 
-Eleven runs of packctl are struck: a first update; an upgrade, at once, where there is a keyring, as a download and an
-install, and from a file, where the calls that read the file are struck too; an upgrade whose new pack is not healthy,
-and goes; a rollback by hand; the removal of a pack; the check that finds a broken status store; and the recovery of
-an upgrade that was killed before its new pack was in place. And five of a host of the library on an appliance without
-packctl: a first update; an upgrade, without a keyring and with one; one whose new pack is not healthy; and its next
-start after an upgrade that was killed before its new pack was in place.
+Fourteen runs of packctl are struck: a check that finds a new pack; a hold, and the end of one; a first update; an
+upgrade, at once, where there is a keyring, as a download and an install, and from a file, where the calls that read the
+file are struck too; an upgrade whose new pack is not healthy, and goes; a rollback by hand; the removal of a pack; the
+check that finds a broken status store; and the recovery of an upgrade that was killed before its new pack was in place.
+And five of a host of the library on an appliance without packctl: a first update; an upgrade, without a keyring and
+with one; one whose new pack is not healthy; and its next start after an upgrade that was killed before its new pack was
+in place.
 
 Each is run once to number its calls. Then, for a call and a fault, the same is run again from the same state with
 that fault: the whole family of processes is killed there, or killed with the loss of all data that was not synced (a
@@ -65,6 +66,7 @@ class Scenario:
     file: pathlib.Path | None = None  # that is read, and whose reading is struck too
     ends: int = 0  # with this exit status
     finals: tuple = (NEW,)  # the versions of which one is installed at the end
+    unhold: bool = False  # a person ends a hold before the days
 
     @property
     def aftermath(self):
@@ -128,8 +130,13 @@ class Matrix:
         upgrade.expect("check")
         upgrade.expect("update")
         upgrade.use_server(new)
+        self.scenarios["check"] = Scenario(upgrade.copy_to(self.folder / "unchecked"), "check", OLD)
         upgrade.expect("check")
         self.scenarios["upgrade"] = Scenario(upgrade, "update", OLD)
+        self.scenarios["hold"] = Scenario(upgrade, "hold", OLD, unhold=True)
+        held = upgrade.copy_to(self.folder / "held")
+        held.expect("hold")
+        self.scenarios["unhold"] = Scenario(held, "unhold", OLD, unhold=True)
 
         signed = upgrade.copy_to(self.folder / "signed-upgrade")
         signed.trust(self.signer)
@@ -257,6 +264,8 @@ class Matrix:
             later.end_as(scenario.ends, scenario.finals)
             later.may_be_left = recovered.may_be_left
             later.minimum = scenario.minimum
+            if scenario.unhold:
+                later.unhold()
             later.go_on()
             self.known[key] = later.lost, later.stuck
         return self.known[key]

@@ -515,6 +515,8 @@ std::vector<Fault> Faults() {
        std::string(path::kBackupPackFolderPath) + " was left behind"},
       {"AHalfBuiltPack", [half_built](Appliance&) { fs::create_directories(half_built); }, "state",
        half_built.string() + " was left behind"},
+      {"AHalfWrittenHold", [](Appliance&) { WriteFile(std::string(path::kHoldFile) + ".new", ""); }, "state",
+       std::string(path::kHoldFile) + ".new was left behind"},
       {"ATemporaryFile", [temporary](Appliance&) { WriteFile(temporary, ""); }, "state",
        temporary + " was left behind"},
       {"RequirementsThatAreNoObject", [](Appliance&) { WriteFile(path::kCodecRequirementsPath, "[]"); }, "state",

@@ -306,6 +306,7 @@ class Appliance:
             *self.packages.glob(f".{self.pack.name}.partial.*"),
             *self.state_folder.glob(f"{self.accepted_file.name}.??????"),
             *self.status_file.parent.glob("status.json.??????"),
+            *self.state_folder.glob("*.json.new"),
         ]
         return sorted(str(path) for path in found if path != self.broken_status_file)
 

@@ -36,6 +36,7 @@ using test::ReadFile;
 using test::WriteFile;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -230,6 +231,28 @@ TEST_F(RecoveryTest, RecoverRemovesTheTemporaryFilesOfStoreAndAccount) {
   ExpectNothingLeftToDo();
 }
 
+TEST_F(RecoveryTest, RecoverRemovesTheTemporaryFilesOfEveryReplacedFile) {
+  Status()->SetAsUpToDate();
+  const std::string asked = std::string(path::kCodecRequirementsPath) + ".new";
+  WriteFile(asked, "an application's");
+  std::vector<std::string> temporary;
+  for (const char* const file :
+       {path::kPackStatusFile, path::kAcceptedPackagesFile, path::kAccountFile, path::kHealthFile,
+        path::kHealthyPackFile, path::kOfferFile, path::kHoldFile, path::kTempPluginAppIdPath}) {
+    for (const char* const end : {".aZ09xy", ".new"}) {
+      temporary.push_back(std::string(file) + end);
+      WriteFile(temporary.back(), "half");
+    }
+  }
+  EXPECT_THAT(FindLeftovers(), ElementsAreArray(temporary));
+  EXPECT_THAT(Recovered().done, SizeIs(temporary.size()));
+  for (const std::string& file : temporary) {
+    EXPECT_FALSE(fs::exists(file)) << file;
+  }
+  EXPECT_TRUE(fs::exists(asked));
+  ExpectNothingLeftToDo();
+}
+
 TEST_F(RecoveryTest, RecoverRemovesThePluginsOldAnswerAndItsTemporaryFiles) {
   const fs::path answer = path::kTempPluginAppIdPath;
   WriteFile(answer, "[]");
@@ -400,7 +423,7 @@ TEST_F(RecoveryTest, RecoverGoesOnAfterAStepThatFailed) {
   WriteFile(path::kDownloadedOpkPath, "may be needed");
 
   const RecoveryReport report = Recovered();
-  EXPECT_THAT(report.failed, ElementsAre(HasSubstr("cannot remove the account's temporary files: "),
+  EXPECT_THAT(report.failed, ElementsAre(HasSubstr("cannot remove the temporary files of the account: "),
                                          std::string("cannot mend the recorded status: cannot use the status store ") +
                                              path::kPackStatusFile));
   for (const std::string& failure : report.failed) {

@@ -1,11 +1,12 @@
 #include "tools/packctl/policy/hold.h"
 
+#include "platform/constants.h"
+#include "platform/posix/sync_folder.h"
 #include "tools/packctl/policy/state_file.h"
 
 namespace orbamira::packctl {
 namespace {
 
-constexpr const char* kFile = "hold.json";
 constexpr const char* kUntil = "until";
 
 std::optional<std::time_t> ParseAs(const std::string& text, const char* form) {
@@ -23,7 +24,7 @@ std::optional<std::time_t> ParseAs(const std::string& text, const char* form) {
 }  // namespace
 
 std::optional<Hold> ReadHold(std::time_t now) {
-  const StateText kept = ReadStateFile(kFile);
+  const StateText kept = ReadStateFile(path::kHoldFile);
   if (!kept.exists) {
     return std::nullopt;
   }
@@ -35,7 +36,7 @@ std::optional<Hold> ReadHold(std::time_t now) {
 }
 
 bool IsHoldDamaged() {
-  const StateText kept = ReadStateFile(kFile);
+  const StateText kept = ReadStateFile(path::kHoldFile);
   if (!kept.object || !kept.object->isMember(kUntil)) {
     return kept.exists;
   }
@@ -46,10 +47,13 @@ bool IsHoldDamaged() {
 void KeepHold(const Hold& hold) {
   Json::Value json;
   json[kUntil] = hold.until ? Json::Value(Json::Int64{*hold.until}) : Json::Value();
-  WriteStateFile(kFile, json);
+  WriteStateFile(path::kHoldFile, json);
 }
 
-void EndHold() { RemoveStateFile(kFile); }
+void EndHold() {
+  RemoveStateFile(path::kHoldFile);
+  SyncFolderOf(path::kHoldFile);  // one that a power cut brings back would keep updates away
+}
 
 std::optional<std::time_t> ParseDate(const std::string& text) {
   for (const char* const form : {"%Y-%m-%d", "%Y-%m-%d %H:%M"}) {

@@ -18,7 +18,7 @@ bool IsHoldDamaged();
 /// Keeps the hold, whole and synced. Throws std::system_error.
 void KeepHold(const Hold& hold);
 
-/// Ends it. Throws std::system_error.
+/// Ends it, durably. Throws std::system_error.
 void EndHold();
 
 /// Reads "2026-12-24" (the beginning of that day) or "2026-12-24 18:30", by this machine's time zone. Empty for any

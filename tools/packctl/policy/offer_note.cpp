@@ -1,13 +1,12 @@
 #include "tools/packctl/policy/offer_note.h"
 
+#include "platform/constants.h"
 #include "platform/json/json_object.h"
 #include "platform/version.h"
 #include "tools/packctl/policy/state_file.h"
 
 namespace orbamira::packctl {
 namespace {
-
-constexpr const char* kFile = "offer.json";
 
 // No offer was seen before this program was made.
 constexpr std::time_t kYear2026 = 1767225600;
@@ -53,7 +52,7 @@ OfferNote Noted(const Offer& offer, const std::optional<OfferNote>& before, std:
 }
 
 std::optional<OfferNote> ReadOfferNote() {
-  const std::optional<Json::Value> kept = ReadStateFile(kFile).object;
+  const std::optional<Json::Value> kept = ReadStateFile(path::kOfferFile).object;
   if (!kept || !(*kept)["first_seen"].isInt64()) {
     return std::nullopt;
   }
@@ -79,9 +78,9 @@ void KeepOfferNote(const OfferNote& note) {
   json["first_seen"] = Json::Int64{note.first_seen};
   json["told"] = note.told;
   json["refusal"] = RefusalJson(note.refusal);
-  WriteStateFile(kFile, json);
+  WriteStateFile(path::kOfferFile, json);
 }
 
-void ForgetOffer() { RemoveStateFile(kFile); }
+void ForgetOffer() { RemoveStateFile(path::kOfferFile); }
 
 }  // namespace orbamira::packctl

@@ -9,9 +9,6 @@
 /// lock, who is the only one to write them.
 namespace orbamira::packctl {
 
-/// The path of the file with this name.
-std::string StateFile(const std::string& name);
-
 /// What a file holds.
 struct StateText {
   bool exists = false;
@@ -19,12 +16,12 @@ struct StateText {
 };
 
 /// Reads the file.
-StateText ReadStateFile(const std::string& name);
+StateText ReadStateFile(const std::string& file);
 
 /// Writes the object, whole or not at all, and syncs it. Throws std::system_error.
-void WriteStateFile(const std::string& name, const Json::Value& object);
+void WriteStateFile(const std::string& file, const Json::Value& object);
 
 /// Removes the file, and what an interrupted write may have left beside it. Throws std::system_error.
-void RemoveStateFile(const std::string& name);
+void RemoveStateFile(const std::string& file);
 
 }  // namespace orbamira::packctl
