@@ -1275,5 +1275,20 @@ TEST_F(PackctlTest, CheckSaysThatAFailedUpdateIsDueAgain) {
   EXPECT_EQ(RunJson({"status"}, 0)["status"], "download_install_failed");
 }
 
+TEST_F(PackctlTest, CheckSaysThatACancelledUpdateIsDueAgain) {
+  appliance_.Publish("1.0", BigPayload());
+  ASSERT_EQ(Run({"update"}).status, 0);
+  StallPackages();
+  RunningProgram update(Appliance::PackctlCommand({"update", "--reinstall"}));
+  Await([] { return RunJson({"status"}, 0)["download_size_now"].asInt64() > 0; });
+  update.Signal(SIGINT);
+  ASSERT_EQ(update.Wait().status, 130);
+  appliance_.SetFault([](const HttpRequest&, HttpResponse& response) { response.status = 500; });
+  EXPECT_EQ(Run({"check"}).status, 1) << "the newest entry of the history is not the update's";
+  appliance_.SetFault({});
+  EXPECT_EQ(Run({"check"}).output,
+            "The last update was cancelled; 1.0 can be installed again. Run: sudo packctl update\n");
+}
+
 }  // namespace
 }  // namespace orbamira

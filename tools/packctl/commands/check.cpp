@@ -18,6 +18,7 @@
 #include "tools/packctl/commands/trial.h"
 #include "tools/packctl/host/update_objects.h"
 #include "tools/packctl/record/answered_check.h"
+#include "tools/packctl/record/history.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/release_words.h"
@@ -79,14 +80,30 @@ Outcome WithOthers(Outcome outcome, const OtherReleases& others) {
   return outcome;
 }
 
+/// The command that installed nothing because somebody cancelled it; empty when the last one was not cancelled.
+std::optional<std::string> CancelledCommand() try {
+  const History history = ReadHistory();
+  const auto last = std::ranges::find_if(history.entries.rbegin(), history.entries.rend(), [](const auto& entry) {
+    return entry.command == "update" || entry.command == "install" || entry.command == "download";
+  });
+  const bool is_cancelled = last != history.entries.rend() && last->exit == kExitCancelled;
+  return is_cancelled ? std::optional(last->command) : std::nullopt;
+} catch (const std::exception&) {
+  return std::nullopt;  // that the history cannot be read is told elsewhere
+}
+
+std::string RepetitionWords(const Versions& versions) {
+  const std::optional<std::string> cancelled = CancelledCommand();
+  return "The last " + cancelled.value_or("update") + (cancelled ? " was cancelled; " : " failed; ") +
+         Printable(*versions.offered) + " can be installed again. Run: sudo packctl update\n";
+}
+
 Outcome NewPack(const updater::PackManager& manager, bool repeats) {
   const Versions versions = VersionsWith(ReadStatus().new_version);
   Outcome outcome = EndOfChange(kExitDone, "new_pack");
   outcome.change->happened = true;
   outcome.change->offer = PackIdentity{.version = *versions.offered};
-  outcome.text = repeats ? "The last update failed; " + Printable(*versions.offered) +
-                               " can be installed again. Run: sudo packctl update\n"
-                         : NewPackWords(manager, versions);
+  outcome.text = repeats ? RepetitionWords(versions) : NewPackWords(manager, versions);
   return WithVersions(std::move(outcome), versions);
 }
 
