@@ -138,6 +138,11 @@ TEST_F(PackctlDoctorTest, FindsNothingWhereAllIsWell) {
   fs::permissions(path::kAccountFile, fs::perms(0600));
   WriteFile(path::kCodecRequirementsPath, R"({"aac": []})");
   Appliance::AddPlugin("10-player", "echo player\n");
+  for (const auto& [name, mode] : {std::pair{"10-plays", 0755}, {".10-plays.swp", 0666}, {"10-plays~", 0666}}) {
+    const fs::path file = fs::path(path::kHealthFolder) / name;
+    WriteFile(file, "#!/bin/sh\n");
+    fs::permissions(file, fs::perms(mode));
+  }
   const Json::Value answer = Diagnose(0);
   EXPECT_EQ(answer["command"], "doctor");
   EXPECT_EQ(answer["result"], "well");
@@ -347,6 +352,7 @@ std::vector<Fault> Faults() {
   const std::string settings = path::kPkgSetting;
   const std::string keyring = path::kKeyring;
   const fs::path plugins = path::kPluginFolder;
+  const fs::path judge = fs::path(path::kHealthFolder) / "10-plays";
   const fs::path half_built = fs::path(kTargetFolder) / "." ORBAMIRA_PACK_FOLDER_NAME ".partial.AbCdEf";
   const std::string temporary = std::string(path::kPackStatusFile) + ".AbCdEf";
   return {
@@ -493,6 +499,19 @@ std::vector<Fault> Faults() {
          Appliance::AddPlugin("a", "sleep 100\n");
        },
        "plugins", "a: stopped: it took longer than 0.2 s"},
+
+      {"AHealthProgramThatIsNotExecutable",
+       [judge](Appliance&) {
+         WriteFile(judge, "#!/bin/sh\n");
+         fs::permissions(judge, fs::perms(0644));
+       },
+       "health", judge.string() + " is not executable, so it judges no pack"},
+      {"AHealthProgramThatEveryoneMayWrite",
+       [judge](Appliance&) {
+         WriteFile(judge, "#!/bin/sh\n");
+         fs::permissions(judge, fs::perms(0777));
+       },
+       "permissions", judge.string() + ": everyone may write it"},
 
       {"AStoreThatIsDamaged", [](Appliance&) { WriteFile(path::kPackStatusFile, "{\"status\": \"lo"); }, "state",
        std::string("the recorded status cannot be read: ") + path::kPackStatusFile + " is damaged"},

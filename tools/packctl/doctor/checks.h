@@ -33,6 +33,12 @@ Findings CheckPermissions();
 /// The certificates that packages must be signed by; without a keyring, whether the way to the server is safe at least.
 Findings CheckKeyring();
 
+/// The files in the folder that are meant to be run, sorted: an executable one is. None without such a folder.
+std::vector<std::filesystem::path> ProgramsIn(const std::filesystem::path& folder);
+
+/// The programs that judge a pack's health.
+Findings CheckHealthPrograms();
+
 /// Asks each plugin for its application ids, which takes up to the plugins' time limit each.
 Findings CheckPlugins(Console& console);
 

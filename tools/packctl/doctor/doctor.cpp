@@ -52,6 +52,7 @@ Outcome Doctor(Context& context) {
       CheckSettings,
       CheckPermissions,
       CheckKeyring,
+      CheckHealthPrograms,
       [&context] { return CheckPlugins(context.console); },
       CheckLocks,
       [] { return ChangeIsUnderWay() ? Findings() : CheckState(); },

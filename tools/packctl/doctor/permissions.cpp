@@ -74,6 +74,8 @@ std::vector<fs::path> WhatIsBelieved() {
   if (fs::exists(StatusOf(path::kHealthFolder))) {
     believed.emplace_back(path::kHealthFolder);
   }
+  const std::vector<fs::path> judges = ProgramsIn(path::kHealthFolder);
+  believed.insert(believed.end(), judges.begin(), judges.end());
   std::error_code error;  // without a page there is nothing to show
   for (const fs::directory_entry& file : fs::directory_iterator(page, error)) {
     believed.push_back(file.path());

@@ -39,28 +39,39 @@ class PrivateFolder {
   std::string path_;
 };
 
-// What is meant as a plugin but is passed over.
-void CheckExecutable(Findings& findings) {
-  std::error_code error;
-  std::vector<std::string> passed_over;
-  for (fs::directory_iterator entry(path::kPluginFolder, error), end; !error && entry != end; entry.increment(error)) {
-    const std::string name = entry->path().filename();
-    if (!name.starts_with('.') && !name.ends_with('~') && fs::is_regular_file(StatusOf(entry->path())) &&
-        access(entry->path().c_str(), X_OK) != 0) {
-      passed_over.push_back(entry->path());
+// What is meant as a program but is passed over.
+Findings CheckExecutable(const char* check, const char* folder, const char* consequence) {
+  Findings findings;
+  for (const fs::path& program : ProgramsIn(folder)) {
+    if (access(program.c_str(), X_OK) != 0) {
+      findings.push_back({check, program.string() + consequence, "chmod 0755 " + program.string()});
     }
   }
-  std::sort(passed_over.begin(), passed_over.end());
-  for (const std::string& file : passed_over) {
-    findings.push_back({kCheck, file + " is not executable, so it is never told of anything", "chmod 0755 " + file});
-  }
+  return findings;
 }
 
 }  // namespace
 
+std::vector<fs::path> ProgramsIn(const fs::path& folder) {
+  std::error_code error;
+  std::vector<fs::path> programs;
+  for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
+    const std::string name = entry->path().filename();
+    if (!name.starts_with('.') && !name.ends_with('~') && fs::is_regular_file(StatusOf(entry->path()))) {
+      programs.push_back(entry->path());
+    }
+  }
+  std::sort(programs.begin(), programs.end());
+  return programs;
+}
+
+Findings CheckHealthPrograms() {
+  return CheckExecutable("health", path::kHealthFolder, " is not executable, so it judges no pack");
+}
+
 Findings CheckPlugins(Console& console) {
-  Findings findings;
-  CheckExecutable(findings);
+  Findings findings =
+      CheckExecutable(kCheck, path::kPluginFolder, " is not executable, so it is never told of anything");
   // Not in the library's own place, where an update or another query may be waiting for its answer.
   std::optional<PrivateFolder> folder;
   try {
