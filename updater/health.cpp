@@ -105,7 +105,7 @@ bool ConfirmHealth(const UpdateLock& lock, const IPackStatusHelper& status,
       PrepareUpdate(lock);  // the previous pack has done its duty
       return true;
     case Health::kBad:
-      RollBack(lock, status, "it failed its health check", core);
+      RollBack(lock, status, kUnhealthyReason, core);
       return false;
     case Health::kUnknown:
       break;

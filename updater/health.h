@@ -17,11 +17,16 @@ namespace orbamira::updater {
 class IPackStatusHelper;
 class UpdateLock;
 
+/// The reason of a version that ConfirmHealth() rejected.
+inline constexpr const char* kUnhealthyReason = "it failed its health check";
+
 /// A version that this appliance does not install again.
 struct RejectedVersion {
   std::string version = {};  ///< as the pack's INFO has it
   std::string reason = {};   ///< a clause: "it failed its health check"
   std::time_t time = 0;      ///< when it was rejected, in seconds since the epoch
+
+  friend bool operator==(const RejectedVersion&, const RejectedVersion&) = default;
 };
 
 /// The versions that were rejected and that are newer than the pack that was last found healthy, the newest rejection

@@ -26,7 +26,7 @@ from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.ui import WebDriverWait
 
 from browser import PATIENCE, open_browser
-from page_states import OLD, PageStates, Web
+from page_states import OLD, PageStates, Web, entry, pack
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
 from appliance import Appliance, Publisher  # noqa: E402
@@ -364,6 +364,79 @@ class WebTest(unittest.TestCase):
             browser.find_element(By.ID, "yes").click()
             self.await_text(browser, "outcome", "Done.")
             self.await_that(browser, lambda: len(self.lines(browser)) == 2 or "2×" in self.lines(browser)[0])
+
+    def menu(self, browser):
+        menu = browser.find_element(By.ID, "menu")
+        menu.click()
+        items = menu.text.split("\n")[1:]
+        self.press(browser, Keys.ESCAPE)
+        return items
+
+    def test_goes_back_to_the_previous_pack(self):
+        self.install("1.0")
+        self.start_web()
+        back = "Back to the previous version"
+        with open_browser(width=WIDE) as browser:
+            self.open_page(browser)
+            self.assertNotIn(back, self.menu(browser))
+            self.install("2.0")
+            self.await_that(browser, lambda: self.versions(browser) == ["2.0"])
+            self.assertIn(back, self.menu(browser))
+            self.use_menu(browser, back)
+            self.assertEqual(
+                self.text(browser, "question"),
+                "Go back from version 2.0 to version 1.0?"
+                " Version 2.0 is not installed again then, but a newer one is.",
+            )
+            browser.find_element(By.ID, "cancel").click()
+            self.assertIsNone(self.state()["action"], "it only asked")
+            self.use_menu(browser, back)
+            browser.find_element(By.ID, "yes").click()
+            self.await_that(browser, lambda: self.versions(browser) == ["1.0"])
+            self.await_text(browser, "rejected", "Version 2.0 was rejected: somebody went back from it.")
+            self.await_that(browser, lambda: self.lines(browser)[0] == "Went back to version 1.0")
+            self.assertNotIn(back, self.menu(browser))
+            self.click(browser, "act")
+            self.await_text(browser, "outcome", "Checked: the pack on offer was rejected on this appliance.")
+            self.check_quiet(browser)
+
+    def test_asks_again_before_it_goes_back_a_second_time(self):
+        self.install("1.0")
+        self.install("2.0")
+        error = {"code": "disk_error", "message": "the disk fails", "remedy": "Check the disk."}
+        with PageStates(self.appliance) as states, open_browser(width=WIDE) as browser:
+            states.write_history([entry(-1, "rollback", pack("2.0"), pack("2.0"), error)])
+            self.start_web()
+            self.open_page(browser)
+            self.assertEqual(self.text(browser, "headline"), "The rollback failed.")
+            self.assertEqual(self.text(browser, "act"), "Try again")
+            self.click(browser, "act")
+            self.assertIn("Go back from version 2.0", self.text(browser, "question"))
+            browser.find_element(By.ID, "cancel").click()
+            # Where the previous pack has gone meanwhile, it is no use to try.
+            shutil.rmtree(self.appliance.previous)
+            self.appliance.status_file.touch()
+            button = browser.find_element(By.ID, "act")
+            self.await_that(browser, lambda: button.get_attribute("data-action") == "check")
+            self.check_quiet(browser)
+
+    def test_tells_which_versions_were_rejected_and_why(self):
+        self.install("1.0")
+        reasons = {"2.0": "it failed its health check", "3.0": "it was rolled back by hand", "4.0": "it is <b>red</b>"}
+        rejected = [{"version": version, "reason": reason, "time": 1} for version, reason in reasons.items()]
+        (self.appliance.state_folder / "health.json").write_text(json.dumps({"rejected": rejected}))
+        self.start_web()
+        with open_browser(width=WIDE) as browser:
+            self.open_page(browser)
+            self.assertEqual(
+                self.text(browser, "rejected").split("\n"),
+                [
+                    "Version 2.0 was rejected: it failed its health check.",
+                    "Version 3.0 was rejected: somebody went back from it.",
+                    "Version 4.0 was rejected: it is <b>red</b>.",
+                ],
+            )
+            self.check_quiet(browser)
 
     def test_tells_why_something_failed_and_what_mends_it(self):
         self.install("1.0")

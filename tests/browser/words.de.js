@@ -40,17 +40,30 @@ export const words = {
   offline: (name) => `${name} ist nicht erreichbar.`,
   failed: (command) =>
     `Die ${
-      { check: "Prüfung", update: "Aktualisierung", remove: "Entfernung", recover: "Wiederherstellung" }[command] ??
-      "Installation"
+      {
+        check: "Prüfung",
+        update: "Aktualisierung",
+        rollback: "Rückkehr",
+        remove: "Entfernung",
+        recover: "Wiederherstellung",
+      }[command] ?? "Installation"
     } ist fehlgeschlagen.`,
   cancelled: (command) =>
-    `Die ${{ check: "Prüfung", update: "Aktualisierung", remove: "Entfernung" }[command] ?? "Installation"} wurde abgebrochen.`,
+    `Die ${
+      { check: "Prüfung", update: "Aktualisierung", rollback: "Rückkehr", remove: "Entfernung" }[command] ??
+      "Installation"
+    } wurde abgebrochen.`,
   unreadable: "Die Aufzeichnung der letzten Aktualisierung ist nicht lesbar.",
 
   checked: (age) => `Zuletzt geprüft ${age}.`,
   neverChecked: "Noch nicht geprüft.",
   withdrawn: (pack) => `Der Hersteller hat Version ${pack.version} zurückgezogen; eine neuere ersetzt sie.`,
   staged: (release) => `Version ${release.version} geht zuerst an ${release.rollout} % der Geräte.`,
+  rejected: {
+    unhealthy: (rejected) => `Version ${rejected.version} wurde verworfen: Sie ist bei der Prüfung durchgefallen.`,
+    rolled_back: (rejected) => `Version ${rejected.version} wurde verworfen: Jemand ist von ihr zurückgekehrt.`,
+    other: (rejected) => `Version ${rejected.version} wurde verworfen: ${rejected.reason}.`,
+  },
   soon: "Es wird bald installiert.",
   latest: (time) => `Spätestens ${time}.`,
   supported: (day) => `Unterstützt bis ${day}.`,
@@ -86,6 +99,7 @@ export const words = {
     recover: "Wiederherstellen",
     unlock: "Entsperren",
     reinstall: "Noch einmal installieren",
+    rollback: "Zur vorigen Version zurück",
     remove: "Entfernen",
     lock: "Schlüssel vergessen",
     doctor: "Diagnose starten",
@@ -95,6 +109,7 @@ export const words = {
   running: {
     check: "Wird geprüft …",
     doctor: "Diagnose läuft …",
+    rollback: "Es geht zurück …",
     remove: "Wird entfernt …",
     recover: "Wird wiederhergestellt …",
   },
@@ -107,6 +122,8 @@ export const words = {
           : "Keine Anwendung braucht sie."
       }`,
     reinstall: (pack) => `Version ${pack.version} noch einmal laden und installieren?`,
+    rollback: (pack, _, previous) =>
+      `Von Version ${pack.version} zu Version ${previous} zurückkehren? Version ${pack.version} wird dann nicht wieder installiert, eine neuere schon.`,
   },
   ends: {
     new_pack: "Geprüft: Ein neues Codec-Paket ist verfügbar.",
@@ -188,6 +205,7 @@ export const words = {
 
   refusals: {
     not_installed: "Kein Codec-Paket ist installiert.",
+    no_previous_pack: "Es gibt kein voriges Paket.",
     locked: "Ein anderes Programm sperrt den Zustand.",
     wrong_host: "Der Server kennt den Namen nicht, unter dem Sie ihn erreicht haben.",
     other_site: "Die Anfrage kam von einer anderen Website.",

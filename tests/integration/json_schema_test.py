@@ -102,6 +102,8 @@ class JsonSchemaTest(unittest.TestCase):
             "wait",
             "hold_state",
             "history_entry",
+            "previous_version",
+            "rejected",
             "web_state",
             "web_history",
         }

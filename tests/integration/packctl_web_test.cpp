@@ -316,7 +316,7 @@ TEST_F(PackctlWebTest, ActsForNobodyElse) {
   };
   for (const auto& [changes, status, code] : refused) {
     for (const char* action :
-         {"unlock", "check", "download", "install", "update", "reinstall", "remove", "recover", "doctor"}) {
+         {"unlock", "check", "download", "install", "update", "reinstall", "rollback", "remove", "recover", "doctor"}) {
       const Answer answer = Act(action, changes);
       EXPECT_EQ(answer.status, status) << changes.begin()->first << ": " << changes.begin()->second;
       EXPECT_EQ(Parsed(answer.body)["error"]["code"], code);
@@ -377,6 +377,25 @@ TEST_F(PackctlWebTest, DownloadsInstallsAndRemoves) {
     EXPECT_EQ(AwaitAction(action)["result"], "done") << action;
     EXPECT_EQ(Appliance::InstalledPayload() == "the first codec", std::string(action).ends_with("install")) << action;
   }
+}
+
+TEST_F(PackctlWebTest, GoesBackToThePreviousPack) {
+  ASSERT_EQ(Appliance::Packctl({"update"}).status, 0);
+  Start();
+  EXPECT_EQ(State()["why_not"]["rollback"]["code"], "no_previous_pack");
+  const Answer refused = Act("rollback");
+  EXPECT_EQ(refused.status, 409);
+  EXPECT_EQ(Parsed(refused.body)["error"]["code"], "no_previous_pack");
+  appliance_.Publish("2.0", "the second codec");
+  ASSERT_EQ(Appliance::Packctl({"update"}).status, 0);
+  AwaitState([](const Json::Value& now) { return now["previous_version"] == "1.0"; });
+  ASSERT_EQ(Act("rollback").status, 202);
+  EXPECT_EQ(AwaitAction("rollback")["result"], "done");
+  EXPECT_EQ(Appliance::InstalledPayload(), "the first codec");
+  const Json::Value state = AwaitState([](const Json::Value& now) { return !now["rejected"].empty(); });
+  EXPECT_EQ(state["rejected"][0]["version"], "2.0");
+  EXPECT_EQ(state["rejected"][0]["code"], "rolled_back");
+  EXPECT_EQ(state["why_not"]["rollback"]["code"], "no_previous_pack");
 }
 
 TEST_F(PackctlWebTest, RecoversWhatWasInterrupted) {

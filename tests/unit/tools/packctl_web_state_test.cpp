@@ -154,6 +154,32 @@ TEST_F(StateReaderTest, LookTellsWhyAnActionIsNotPermitted) {
   EXPECT_TRUE(Look()["why_not"]["remove"].isNull());
 }
 
+TEST_F(StateReaderTest, LookTellsOfThePreviousPackAndOfRejectedVersions) {
+  EXPECT_EQ(Look()["why_not"]["rollback"]["code"], "no_previous_pack");
+  EXPECT_TRUE(Look()["previous_version"].isNull());
+  EXPECT_EQ(Look()["rejected"], Json::Value(Json::arrayValue));
+  test::WriteFile(path::kPreviousPackFolderPath + std::string("/INFO"), "version=0.9\n");
+  EXPECT_EQ(Look()["why_not"]["rollback"]["code"], "not_installed");
+  InstallPack();
+  test::WriteFile(path::kHealthFile, R"({"rejected": [
+    {"version": "1.1", "reason": "it failed its health check", "time": 7},
+    {"version": "1.2", "reason": "it was rolled back by hand", "time": 8},
+    {"version": "1.3", "reason": "it is red", "time": 9}]})");
+  const Json::Value state = Look();
+  EXPECT_TRUE(state["why_not"].isMember("rollback"));
+  EXPECT_TRUE(state["why_not"]["rollback"].isNull());
+  EXPECT_EQ(state["previous_version"], "0.9");
+  ASSERT_EQ(state["rejected"].size(), 3U);
+  EXPECT_EQ(state["rejected"][0]["version"], "1.1");
+  EXPECT_EQ(state["rejected"][0]["code"], "unhealthy");
+  EXPECT_EQ(state["rejected"][0]["time"].asInt64(), 7);
+  EXPECT_EQ(state["rejected"][1]["code"], "rolled_back");
+  EXPECT_EQ(state["rejected"][2]["code"], "other");
+  EXPECT_EQ(state["rejected"][2]["reason"], "it is red");
+  Status()->SetAsDownloadInstalling(updater::kStepInstall);
+  EXPECT_EQ(Look()["why_not"]["rollback"]["code"], "not_permitted");
+}
+
 TEST_F(StateReaderTest, LookTellsInterruptedWorkFromWorkUnderWay) {
   std::optional<updater::UpdateLock> lock(std::in_place);
   Status()->SetAsDownloadInstalling(512, 1024);

@@ -15,11 +15,6 @@
 #include "updater/update_lock.h"
 
 namespace orbamira::updater {
-
-static bool operator==(const RejectedVersion& left, const RejectedVersion& right) {
-  return left.version == right.version && left.reason == right.reason && left.time == right.time;
-}
-
 namespace {
 
 namespace fs = std::filesystem;

@@ -10,6 +10,7 @@
 #include "tools/packctl/commands/watch.h"
 #include "tools/packctl/policy/judged_offer.h"
 #include "tools/packctl/record/lock_holder.h"
+#include "tools/packctl/record/rejection.h"
 #include "tools/packctl/record/support_period.h"
 #include "tools/packctl/view/status_report.h"
 #include "tools/packctl/view/wait_words.h"
@@ -74,13 +75,7 @@ Json::Value StatusAnswer(const SeenStatus& seen) {
   answer["wait"] = WaitJson(WaitOf(seen.record));
   answer["hold"] = HoldJson(ReadHold(std::time(nullptr)));
   answer["previous_version"] = TextOrNull(updater::PreviousVersion());
-  answer["rejected"] = Json::arrayValue;
-  for (const updater::RejectedVersion& rejected : updater::RejectedVersions()) {
-    Json::Value& entry = answer["rejected"].append(Json::objectValue);
-    entry["version"] = rejected.version;
-    entry["reason"] = rejected.reason;
-    entry["time"] = Json::Int64{rejected.time};
-  }
+  answer["rejected"] = RejectedJson(updater::RejectedVersions());
   return answer;
 }
 

@@ -9,6 +9,7 @@
 #include "tools/packctl/commands/commands.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
+#include "tools/packctl/record/rejection.h"
 #include "tools/packctl/view/result_words.h"
 #include "updater/health.h"
 #include "updater/recovery.h"
@@ -34,7 +35,7 @@ std::string EndTrial(const updater::UpdateLock& lock) {
 
 void GoBack(const updater::UpdateLock& lock, const UpdateObjects& objects) {
   try {
-    updater::RollBack(lock, *objects.status, "it was rolled back by hand", objects.core);
+    updater::RollBack(lock, *objects.status, kRolledBackReason, objects.core);
   } catch (const std::exception&) {
     updater::Recover(lock);
     throw;

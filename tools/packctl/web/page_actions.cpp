@@ -43,14 +43,22 @@ auto UnlessHeld(const std::string& noun, Rule rule) {
   };
 }
 
-std::optional<Refusal> WhyNoRemoval(const MachineState& state) {
+// What takes the installed pack away.
+std::optional<Refusal> WhyPackStays(const std::string& noun, const MachineState& state) {
   if (!state.record) {
     return Unreadable(state);
   }
   if (IsUnderWay(state.record->status)) {
-    return Forbidden("removal", state.record->status);
+    return Forbidden(noun, state.record->status);
   }
   return state.installed ? std::nullopt : std::optional(Refusal{"not_installed", "no codec pack is installed"});
+}
+
+std::optional<Refusal> WhyNoRemoval(const MachineState& state) { return WhyPackStays("removal", state); }
+
+std::optional<Refusal> WhyNoRollback(const MachineState& state) {
+  const bool has_previous = state.previous_version.has_value();
+  return has_previous ? WhyPackStays("rollback", state) : Refusal{"no_previous_pack", "there is no previous pack"};
 }
 
 }  // namespace
@@ -62,6 +70,7 @@ std::span<const PageAction> PageActions() {
       PageAction{"install", {"install"}, UnlessHeld("install", &Rules::CanDoInstall)},
       PageAction{"update", {"update"}, UnlessHeld("update", &Rules::CanDoDownloadInstall)},
       PageAction{"reinstall", {"update", "--reinstall"}, UnlessHeld("update", &Rules::CanDoDownloadInstall)},
+      PageAction{"rollback", {"rollback", "--yes"}, &WhyNoRollback},
       PageAction{"remove", {"remove", "--yes"}, &WhyNoRemoval},
       PageAction{"recover", {"recover"}, &Always},
       PageAction{"doctor", {"doctor"}, &Always},

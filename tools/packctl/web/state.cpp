@@ -119,6 +119,8 @@ MachineState StateReader::Look() {
   now.support_end = ReadSupportEnd();
   now.wait = now.record ? WaitOf(*now.record) : std::nullopt;
   now.hold = ReadHold(std::time(nullptr));
+  now.previous_version = updater::PreviousVersion();
+  now.rejected = updater::RejectedVersions();
   LookAtCodecs(console_, now);
   LookAtHistory(now);
   console_.TakeHeld();

@@ -20,6 +20,7 @@
 #include "tools/packctl/record/lock_holder.h"
 #include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/progress_text.h"
+#include "updater/health.h"
 
 /// What the page shows of the machine.
 namespace orbamira::packctl {
@@ -39,6 +40,8 @@ struct MachineState {
   std::optional<double> rate = {};                        ///< of the download under way, in bytes per second
   bool at_work = false;                                   ///< a program holds the update lock
   std::optional<std::chrono::sys_days> support_end = {};  ///< the last day of the maker's support
+  std::optional<std::string> previous_version = {};       ///< of the pack to go back to
+  std::vector<updater::RejectedVersion> rejected = {};    ///< versions that are not installed again
   bool interrupted = false;                               ///< the record tells of work, and nobody is at work
 
   friend bool operator==(const MachineState&, const MachineState&) = default;

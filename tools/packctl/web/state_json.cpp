@@ -4,6 +4,7 @@
 
 #include "platform/json/json_values.h"
 #include "platform/printable.h"
+#include "tools/packctl/record/rejection.h"
 #include "tools/packctl/record/support_period.h"
 #include "tools/packctl/view/progress_text.h"
 #include "tools/packctl/view/wait_words.h"
@@ -124,6 +125,8 @@ Json::Value StateJson(const MachineState& state) {
   json["installed"] = InstalledJson(state);
   json["requested"] = state.codecs ? RequestedJson(*state.codecs) : Json::Value();
   json["checked"] = state.checked ? Json::Value(Json::Int64{state.checked->time}) : Json::Value();
+  json["previous_version"] = TextOrNull(state.previous_version);
+  json["rejected"] = RejectedJson(state.rejected);
   const OtherReleases others = state.checked ? state.checked->others : OtherReleases();
   json["staged"] = StagedReleaseJson(others.staged);
   json["withdrawn"] = state.installed && state.installed->identity.version == others.withdrawn;

@@ -6,6 +6,9 @@ import { words } from "./words.js";
 // What is tried again after each recorded failure.
 const kRetries = { download_failed: "download", install_failed: "install", download_install_failed: "update" };
 
+// Why there is nothing to try again: the pack to remove, or to go back to, has gone.
+const kGone = ["not_installed", "no_previous_pack"];
+
 // The parts of an update that a person follows, and the recorded steps in each.
 const kStages = [
   { name: "download", steps: [] },
@@ -69,7 +72,8 @@ function retryOf(state) {
     return { name: "recover", label: words.acts.recover };
   }
   const name = kRetries[state.status] ?? state.failure.command;
-  return { name: name in state.why_not ? name : "check", label: words.acts.retry };
+  const isGone = kGone.includes(state.why_not[name]?.code);
+  return { name: name in state.why_not && !isGone ? name : "check", label: words.acts.retry };
 }
 
 function headlineOf(kind, state) {
@@ -277,6 +281,10 @@ function showWork(kind, state) {
   setText(byId("progress-text"), progressWords(state));
 }
 
+function showRejected({ rejected }) {
+  fill(byId("rejected"), rejected, () => rejected.map((one) => make("li", {}, words.rejected[one.code](one))));
+}
+
 export function showHero(page) {
   const { state } = page;
   const kind = stateOf(page);
@@ -288,6 +296,7 @@ export function showHero(page) {
   document.title = `${percent === undefined || percent === null ? words.states[kind] : `${percent} %`} · ${state.name}`;
   setText(byId("headline"), headlineOf(kind, state));
   setText(byId("detail"), detailOf(kind, page));
+  showRejected(state);
   showFailure(kind, state);
   showPicture(kind, state);
   showCodecs(state);

@@ -218,21 +218,27 @@ async function act(name) {
 }
 
 // Asks first where something gets lost, or is fetched for nothing.
-function actFromMenu(name) {
-  byId("menu").open = false;
+function askAndAct(name) {
   const question = words.confirm[name];
-  if (name === "lock") {
-    keepToken("");
-  } else if (question === undefined) {
+  const { installed, requested, previous_version, why_not } = page.state;
+  if (question === undefined || why_not[name]) {
     act(name);
   } else {
-    const { installed, requested } = page.state;
     const inUse = requested?.filter(({ codec }) => installed.codecs?.includes(codec)) ?? [];
     const applications = new Set(inUse.flatMap((entry) => entry.applications));
-    setText(byId("question"), question(installed, [...applications]));
+    setText(byId("question"), question(installed, [...applications], previous_version));
     setText(byId("yes"), words.acts[name]);
     byId("yes").dataset.action = name;
     byId("confirm").showModal();
+  }
+}
+
+function actFromMenu(name) {
+  byId("menu").open = false;
+  if (name === "lock") {
+    keepToken("");
+  } else {
+    askAndAct(name);
   }
 }
 
@@ -264,7 +270,7 @@ function listen() {
     event.preventDefault();
     unlock(byId("token").value.trim());
   });
-  byId("act").addEventListener("click", (event) => act(event.currentTarget.dataset.action));
+  byId("act").addEventListener("click", (event) => askAndAct(event.currentTarget.dataset.action));
   byId("doctor").addEventListener("click", () => act("doctor"));
   for (const item of byId("menu").querySelectorAll("[data-action]")) {
     item.addEventListener("click", () => actFromMenu(item.dataset.action));

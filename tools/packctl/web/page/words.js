@@ -51,6 +51,11 @@ export const words = {
   neverChecked: "Not checked yet.",
   withdrawn: (pack) => `The maker has withdrawn version ${pack.version}; a newer one will replace it.`,
   staged: (release) => `Version ${release.version} is on its way to ${release.rollout} % of the appliances first.`,
+  rejected: {
+    unhealthy: (rejected) => `Version ${rejected.version} was rejected: it failed its health check.`,
+    rolled_back: (rejected) => `Version ${rejected.version} was rejected: somebody went back from it.`,
+    other: (rejected) => `Version ${rejected.version} was rejected: ${rejected.reason}.`,
+  },
   supported: (day) => `Supported until ${day}.`,
   supportEnded: (day) => `The maker's support ended on ${day}: security holes may stay open.`,
   soon: "It is installed soon.",
@@ -87,6 +92,7 @@ export const words = {
     recover: "Recover",
     unlock: "Unlock",
     reinstall: "Install again",
+    rollback: "Back to the previous version",
     remove: "Remove",
     lock: "Forget the token",
     doctor: "Run diagnosis",
@@ -96,6 +102,7 @@ export const words = {
   running: {
     check: "Checking …",
     doctor: "Diagnosing …",
+    rollback: "Going back …",
     remove: "Removing …",
     recover: "Recovering …",
   },
@@ -108,6 +115,8 @@ export const words = {
           : "No application needs its codecs."
       }`,
     reinstall: (pack) => `Download and install version ${pack.version} once more?`,
+    rollback: (pack, _, previous) =>
+      `Go back from version ${pack.version} to version ${previous}? Version ${pack.version} is not installed again then, but a newer one is.`,
   },
   ends: {
     new_pack: "Checked: a new codec pack is available.",
@@ -191,6 +200,7 @@ export const words = {
   // Why the server did not do what the page asked for, by the code of the refusal; others are among the reasons.
   refusals: {
     not_installed: "No codec pack is installed.",
+    no_previous_pack: "There is no previous pack.",
     locked: "Another program keeps the state locked.",
     wrong_host: "The server does not know the name by which you reached it.",
     other_site: "The request came from another site.",
