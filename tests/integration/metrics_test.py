@@ -127,6 +127,23 @@ class MetricsTest(unittest.TestCase):
         self.appliance.expect("update")
         self.assertNotIn("orbamira_offer_waits", self.values())
 
+    def test_the_way_back_and_what_was_rejected(self):
+        self.publish("1.0")
+        self.appliance.expect("update")
+        found = self.values()
+        self.assertEqual(found["orbamira_previous_pack_kept"], {(): 0})
+        self.assertNotIn("orbamira_previous_pack_info", found)
+        self.assertNotIn("orbamira_rejected_info", found)
+        self.publish("2.0")
+        self.appliance.expect("update")
+        found = self.values()
+        self.assertEqual(found["orbamira_previous_pack_kept"], {(): 1})
+        self.assertEqual(self.only(found, "orbamira_previous_pack_info"), ({"version": "1.0"}, 1))
+        self.appliance.expect("rollback", "--yes")
+        found = self.values()
+        self.assertEqual(found["orbamira_previous_pack_kept"], {(): 0})
+        self.assertEqual(self.only(found, "orbamira_rejected_info"), ({"version": "2.0", "code": "rolled_back"}, 1))
+
     def test_failures_by_their_codes(self):
         self.publish("1.0")
         self.appliance.expect("check")
@@ -188,7 +205,7 @@ class MetricsTest(unittest.TestCase):
         file.write_text(rules[1])
         done = subprocess.run([PROMTOOL, "check", "rules", file], capture_output=True, text=True, check=False)
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
-        self.assertIn("5 rules found", done.stdout)
+        self.assertIn("6 rules found", done.stdout)
 
     def test_a_file_is_replaced_whole(self):
         file = self.folder / "orbamira.prom"

@@ -16,6 +16,7 @@
 #include "tools/packctl/policy/judged_offer.h"
 #include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/record/installed_pack.h"
+#include "tools/packctl/record/rejection.h"
 #include "tools/packctl/record/support_period.h"
 #include "updater/kos_helper.h"
 
@@ -52,6 +53,20 @@ void AddPack(Metrics& metrics) {
   metrics.push_back({"orbamira_pack_codec",
                      "Whether the installed codec pack has the codec",
                      {CodecSample("hevc", path::kHasHevcPath), CodecSample("aac", path::kHasAacPath)}});
+}
+
+// Where "packctl rollback" leads, and what is not installed again.
+void AddWayBack(Metrics& metrics) {
+  const std::optional<std::string> previous = updater::PreviousVersion();
+  metrics.push_back(Flag("orbamira_previous_pack_kept", "Whether there is a pack to go back to", previous.has_value()));
+  if (previous) {
+    metrics.push_back(Info("orbamira_previous_pack_info", "The pack to go back to", {{"version", *previous}}));
+  }
+  Metric rejected{"orbamira_rejected_info", "A version that is not installed again, with the code of the reason"};
+  for (const updater::RejectedVersion& version : updater::RejectedVersions()) {
+    rejected.samples.push_back({{{"version", version.version}, {"code", RejectionCode(version)}}, 1});
+  }
+  metrics.push_back(rejected);
 }
 
 // That the record is damaged is a finding like others.
@@ -160,6 +175,7 @@ Outcome ShowMetrics(Context& context) {
   const History history = ReadHistory();
   Metrics metrics;
   AddPack(metrics);
+  AddWayBack(metrics);
   AddRecord(metrics);
   AddChecks(history, metrics);
   AddFailures(history, metrics);
