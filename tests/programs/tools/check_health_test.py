@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """check-health judges packs: with libraries that load and that do not, and with programs that agree and that do not."""
 
+import ctypes
 import os
 import pathlib
 import sys
@@ -41,8 +42,8 @@ class CheckHealthTest(PluginTestCase):
         path.write_bytes(content)
         return path
 
-    def check(self, status):
-        done = self.run_program("check-health", self.pack)
+    def check(self, status, **options):
+        done = self.run_program("check-health", self.pack, **options)
         self.assertEqual((done.returncode, done.stdout), (status, ""), done.stderr)
         return done.stderr
 
@@ -83,6 +84,17 @@ class CheckHealthTest(PluginTestCase):
     def test_a_library_of_another_machine_is_unhealthy(self):
         self.add("lib/bad.so", of_another_machine(self.library("good")))
         self.assertIn("bad.so", self.check(UNHEALTHY))
+
+    def test_a_library_with_an_executable_stack_does_not_load_where_a_service_forbids_that(self):
+        set_denial, get_denial = 65, 66  # prctl's numbers of what systemd calls MemoryDenyWriteExecute
+        system = ctypes.CDLL(None)
+        if system.prctl(get_denial, 0, 0, 0, 0) != 0:
+            self.skipTest("this kernel does not know how to forbid it")
+        source = "int codec(void) { return 1; }"
+        self.add("lib/bad.so", self.library("executable-stack", "-Wl,-z,execstack", source=source))
+        self.check(0)
+        said = self.check(UNHEALTHY, preexec_fn=lambda: system.prctl(set_denial, 1, 0, 0, 0))
+        self.assertIn("cannot enable executable stack", said)
 
     def test_a_library_that_hangs_meets_the_time_limit(self):
         self.write_setting("health_time_limit=0.3\n")
