@@ -1,11 +1,15 @@
 #!/usr/bin/env python3
-"""Cuts the power of an appliance in every stage of an update, and looks at what the disk held.
+"""Cuts the power of an appliance in every stage of a run of packctl, and looks at what the disk held.
+
+The runs are a first update; an upgrade, from the server and from a file; an upgrade whose new pack a program of the
+health check rejects, so that the old one comes back; and a rollback by hand.
 
 The appliance lies on an ext4 image, and the image on a file system that shares blocks. A cut is a clone of the image at
 one instant: what had been written to the disk by then, nothing else. The clone is mounted as after a boot; recovery,
 and then what the timers do in two days against the healthy server, must end up to date with the right pack.
 
-A stage lasts for as long as the same of pack, backup, unpacked files, half-built pack and download are there. An
+A stage lasts for as long as the same of pack, backup, previous pack, unpacked files, half-built pack, download and
+rejected version are there. An
 undisturbed run tells the stages and how long each takes; the cuts go through them by turns, each at a random instant of
 its stage, so that the short ones are not left to chance.
 
@@ -16,6 +20,7 @@ lacks the privilege or the programs that it takes.
 import argparse
 import collections
 import contextlib
+import dataclasses
 import os
 import pathlib
 import random
@@ -27,6 +32,8 @@ import tempfile
 import time
 
 from aftermath import Aftermath
+
+from fault_matrix import reject
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
 from appliance import Appliance, Publisher  # noqa: E402
@@ -84,31 +91,66 @@ def skip(cuts, reason):
     sys.exit(SKIPPED)
 
 
-class Bench:
-    """The images and the states that the updates start from."""
+@dataclasses.dataclass(frozen=True)
+class Run:
+    command: tuple  # of packctl
+    old: str | None = OLD  # version of the pack that is there before
+    is_updated: bool = False  # to the new pack before
+    is_rejected: bool = False  # by the health check: the new pack
+    ends: int = 0  # with this exit status
+    finals: tuple = (NEW,)  # the versions of which one is installed at the end
 
-    def __init__(self, folder, store, build, publisher):
+
+def runs_of(file):
+    """Everything whose power is cut, where a stick holds the file."""
+    return {
+        "update": Run(("update",), old=None),
+        "upgrade": Run(("update",)),
+        "upgrade from a file": Run(("install", "--file", str(file))),
+        "unhealthy upgrade": Run(("update",), is_rejected=True, ends=1, finals=(OLD,)),
+        "rollback": Run(("rollback", "--yes"), is_updated=True, finals=(OLD, NEW)),
+    }
+
+
+def slow_down(appliance):
+    """Adds a plugin that takes its time. Without one nothing but a rename lies between the steps of a way back."""
+    plugin = appliance.plugins / "10-slow"
+    plugin.write_text("#!/bin/sh\nsleep 0.05\n")
+    plugin.chmod(0o755)
+
+
+class Bench:
+    """The images and the states that the runs start from."""
+
+    def __init__(self, folder, store, build, publisher, chosen):
         self.folder, self.store, self.build, self.publisher = folder, store, build, publisher
-        signer = publisher.make_signer()
-        old, new = publisher.publish(OLD, 1, SIZES), publisher.publish(NEW, 2, SIZES, minimum=MINIMUM)
-        self.starts = {"update": None, "upgrade": OLD, "upgrade from a file": OLD}
-        self.commands = {name: ["update"] for name in self.starts}
-        file = next(publisher.folder.glob(f"*-{NEW}-*.opk"))
-        self.commands["upgrade from a file"] = ["install", "--file", str(file)]
-        for name, version in self.starts.items():
+        self.signer = publisher.make_signer()
+        self.offers = publisher.publish(OLD, 1, SIZES), publisher.publish(NEW, 2, SIZES, minimum=MINIMUM)
+        runs = runs_of(next(publisher.folder.glob(f"*-{NEW}-*.opk")))
+        self.runs = {name: runs[name] for name in chosen or runs}
+        for name, run_of in self.runs.items():
             image = store / f"{name}.img"
             with image.open("wb") as file:
                 file.truncate(128 * 2**20)
             run("mkfs.ext4", "-q", "-F", image)
             with mounted(image, folder / "mount") as mount:
-                appliance = Appliance.lay_out(mount / "root", build)
-                appliance.trust(signer)
-                if version:
-                    appliance.use_server(old)
-                    appliance.expect("check")
-                    appliance.expect("update")
-                appliance.use_server(new)
-                appliance.expect("check")
+                self.prepare(Appliance.lay_out(mount / "root", build), run_of)
+
+    def prepare(self, appliance, run_of):
+        old, new = self.offers
+        appliance.trust(self.signer)
+        if run_of.old:
+            appliance.use_server(old)
+            appliance.expect("check")
+            appliance.expect("update")
+        appliance.use_server(new)
+        appliance.expect("check")
+        if run_of.is_updated:
+            appliance.expect("update")
+        if run_of.is_rejected:
+            reject(appliance)
+        if run_of.is_updated or run_of.is_rejected:
+            slow_down(appliance)
 
     def clone(self, image, name):
         copy = self.store / name
@@ -120,7 +162,7 @@ class Bench:
     def start(self, name, mount):
         appliance = Appliance(mount / "root", self.build)
         return subprocess.Popen(
-            [str(appliance.program("packctl")), *self.commands[name]],
+            [str(appliance.program("packctl")), *self.runs[name].command],
             env=appliance.environment(),
             stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL,
@@ -140,8 +182,8 @@ class Bench:
                 now = time.monotonic()
                 found[stage] = found.get(stage, 0) + now - last
                 last = now
-            if process.returncode != 0:
-                raise RuntimeError(f"the undisturbed {name} failed")
+            if process.returncode != self.runs[name].ends:
+                raise RuntimeError(f"the undisturbed {name} ended with {process.returncode}")
             found.setdefault(held(Appliance(mount / "root", self.build)), 0)
         return found
 
@@ -163,7 +205,8 @@ class Bench:
             process.wait()
         with mounted(cut, self.folder / "mount") as mount:
             appliance = Appliance(mount / "root", self.build)
-            aftermath = Aftermath(self.publisher, appliance, self.starts[name], NEW)
+            aftermath = Aftermath(self.publisher, appliance, self.runs[name].old, NEW)
+            aftermath.end_as(self.runs[name].ends, self.runs[name].finals)
             aftermath.minimum = MINIMUM
             aftermath.look()
             on_disk = held(appliance)
@@ -179,8 +222,10 @@ def held(appliance):
         for name, path in (
             ("pack", appliance.pack),
             ("backup", appliance.backup),
+            ("previous", appliance.previous),
             ("unpacked", appliance.unpacked),
             ("download", appliance.download),
+            ("rejected", appliance.health_file),
         )
         if path.exists()
     ]
@@ -192,7 +237,8 @@ def held(appliance):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--build", required=True, help="build folder whose programs are put to the test")
-    parser.add_argument("--cuts", type=int, default=200, help="how many cuts")
+    parser.add_argument("--cuts", type=int, default=300, help="how many cuts")
+    parser.add_argument("--run", action="append", choices=runs_of(""), help="only this run; may be given several times")
     parser.add_argument(
         "--seed", type=int, default=None, help="what decides the instants; a new one each time by default"
     )
@@ -215,8 +261,8 @@ def main():
             store = stack.enter_context(mounted(disk, folder / "store"))
         except subprocess.CalledProcessError as error:
             skip(arguments.cuts, f"images cannot be mounted: {error.stderr.decode().strip()}")
-        bench = Bench(folder, store, arguments.build, publisher)
-        stages = [(name, stage, seconds) for name in bench.starts for stage, seconds in bench.stages(name).items()]
+        bench = Bench(folder, store, arguments.build, publisher, arguments.run)
+        stages = [(name, stage, seconds) for name in bench.runs for stage, seconds in bench.stages(name).items()]
         print(f"power cuts by turns in {len(stages)} stages, seed {seed}", flush=True)
         for number in range(arguments.cuts):
             name, stage, seconds = stages[number % len(stages)]
