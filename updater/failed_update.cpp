@@ -13,16 +13,23 @@
 namespace orbamira::updater {
 namespace {
 
-// After a failure, and when the repetition was recorded and never began: no check finds the installed version new.
-bool IsDueAgain(IPackStatusHelper& helper, const std::string& installed) {
+enum class Due {
+  kNothing,
+  kRepetition,  // after a failure, and when the repetition was recorded and never began: no check finds it new
+  kDownload,    // of a newer version
+};
+
+Due WhatIsDue(IPackStatusHelper& helper, const std::string& installed) {
   try {
     const PackStatus status = helper.GetPackStatus();
     if (status == kStatusNeedDownload) {
-      return !IsNewVersion(installed, helper.GetPackNewVersion());
+      return IsNewVersion(installed, helper.GetPackNewVersion()) ? Due::kDownload : Due::kRepetition;
     }
-    return status == kStatusDownloadFailed || status == kStatusInstallFailed || status == kStatusDownloadInstallFailed;
+    const bool failed =
+        status == kStatusDownloadFailed || status == kStatusInstallFailed || status == kStatusDownloadInstallFailed;
+    return failed ? Due::kRepetition : Due::kNothing;
   } catch (const std::logic_error&) {  // the next recovery mends it
-    return false;
+    return Due::kNothing;
   }
 }
 
@@ -30,12 +37,20 @@ bool IsDueAgain(IPackStatusHelper& helper, const std::string& installed) {
 
 bool RepeatFailedUpdate(const UpdateLock& /*lock*/, const PackManager& manager, IPackStatusHelper& status) {
   const std::string installed = KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath);
+  const Due due = installed.empty() ? Due::kNothing : WhatIsDue(status, installed);
   Json::Value offer;
-  if (installed.empty() || !IsDueAgain(status, installed) ||
-      !manager.FetchDownloadInfo(ChoosePack(manager).with_aac, offer)) {
+  if (due == Due::kNothing || !manager.FetchDownloadInfo(ChoosePack(manager).with_aac, offer)) {
     return false;
   }
-  if (IsNewVersion(offer.get(param::kVersion, "").asString(), installed)) {
+  const std::string offered = manager.pack_handler_->GetDownloadVersion(offer);
+  if (due == Due::kDownload) {
+    if (!IsNewVersion(installed, offered)) {
+      ORBAMIRA_LOG_INFO("The version that was to be downloaded is not on offer any more");
+      status.SetAsUpToDate();
+    }
+    return false;
+  }
+  if (IsNewVersion(offered, installed)) {
     ORBAMIRA_LOG_INFO("The last update failed, but the installed version %s is newer than the offer",
                       installed.c_str());
     status.SetAsUpToDate();

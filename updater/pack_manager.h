@@ -17,6 +17,8 @@
 
 namespace orbamira::updater {
 
+class UpdateLock;
+
 /// The library's entry point: checks for a new codec pack, downloads it, installs it, removes it, and answers questions
 /// about the installed pack.
 ///
@@ -141,6 +143,10 @@ class ORBAMIRA_EXPORT PackManager : public IPackManager {
                   const std::string& version, NotifyPluginStatus status) const;
 
  private:
+  // Asks the handler which version an offer has.
+  friend ORBAMIRA_EXPORT bool RepeatFailedUpdate(const UpdateLock& lock, const PackManager& manager,
+                                                 IPackStatusHelper& status);
+
   /// Fetches the download information, downloads the pack and verifies it. Both downloading flows begin so.
   bool DownloadOffer(bool with_aac, Json::Value& pack_info, std::function<void(long, long)>& progress) const;
 

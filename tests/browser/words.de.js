@@ -299,6 +299,10 @@ export const words = {
       remedy: "Es wird nicht wieder installiert. Eine neuere Version wird es, sobald es sie gibt.",
     },
     rejected: { cause: "Diese Version wurde auf diesem Gerät verworfen.", remedy: "Warten Sie auf eine neuere." },
+    withdrawn: {
+      cause: "Der Hersteller hat diese Version zurückgezogen.",
+      remedy: "Eine neuere wird später angeboten.",
+    },
     record_unreadable: {
       cause: "Die Aufzeichnung ist beschädigt.",
       remedy: "Die Wiederherstellung repariert sie.",

@@ -254,6 +254,89 @@ class RolloutTest(unittest.TestCase):
         self.assertEqual("1.2.1", self.installed(appliance))
         self.assertNotIn("withdrawn it", appliance.packctl("status").stdout)
 
+    def test_withdrawal_of_the_installed_release_is_in_the_history_once(self):
+        server = self.start_plain()
+        self.publish("1.1")
+        self.publish("1.2")
+        appliance = self.appliance("nas", server.url)
+        appliance.expect("update")
+        self.mkpack("withdraw", self.name, "1.2", "--output", self.packs)
+        for _ in range(3):
+            self.assertEqual(2, appliance.packctl("check").returncode)
+        entries = json.loads(appliance.packctl("history", "--json").stdout)["entries"]
+        self.assertEqual(["check", "update"], [entry["command"] for entry in entries])
+        self.assertEqual(["the maker has withdrawn 1.2"], entries[0]["errors"])
+        self.assertIn("Nothing new: the maker has withdrawn 1.2. 1.2 stays", appliance.packctl("history").stdout)
+
+    def with_withdrawn_download(self):
+        """An appliance that has 1.1 and has downloaded 1.2, which is withdrawn."""
+        server = self.start_plain()
+        self.publish("1.1")
+        appliance = self.appliance("nas", server.url)
+        appliance.expect("update")
+        self.publish("1.2")
+        appliance.expect("check")
+        appliance.expect("download")
+        self.mkpack("withdraw", self.name, "1.2", "--output", self.packs)
+        return appliance
+
+    def assert_given_up(self, appliance):
+        self.assertEqual("1.1", self.installed(appliance))
+        self.assertEqual("up_to_date", appliance.status())
+        self.assertEqual([], appliance.leftovers())
+        self.assertEqual(3, appliance.packctl("install").returncode)
+        self.publish("1.3")
+        appliance.expect("check")
+        appliance.expect("update")
+        self.assertEqual("1.3", self.installed(appliance))
+
+    def test_downloaded_release_that_was_withdrawn_is_not_installed(self):
+        appliance = self.with_withdrawn_download()
+        done = appliance.packctl("install", "--json")
+        self.assertEqual(1, done.returncode)
+        self.assertEqual("withdrawn", json.loads(done.stdout)["error"]["code"])
+        self.assert_given_up(appliance)
+
+    def test_check_gives_up_a_download_that_was_withdrawn(self):
+        appliance = self.with_withdrawn_download()
+        self.assertEqual("nothing_new", self.check(appliance)["result"])
+        entry = json.loads(appliance.packctl("history", "--json").stdout)["entries"][0]
+        self.assertEqual(["the maker has withdrawn 1.2, which was downloaded"], entry["errors"])
+        self.assert_given_up(appliance)
+
+    def test_downloaded_release_is_installed_without_a_network(self):
+        appliance = self.with_withdrawn_download()
+        with socket.create_server(("127.0.0.1", 0)) as closed:
+            port = closed.getsockname()[1]
+        appliance.use_server(f"http://127.0.0.1:{port}/reply.json")
+        appliance.expect("install")
+        self.assertEqual("1.2", self.installed(appliance))
+
+    def test_recorded_offer_that_was_withdrawn_is_forgotten(self):
+        server = self.start_plain()
+        self.publish("1.1")
+        appliance = self.appliance("nas", server.url)
+        appliance.expect("update")
+        self.publish("1.2")
+        appliance.expect("check")
+        self.assertEqual("need_download", appliance.status())
+        self.mkpack("withdraw", self.name, "1.2", "--output", self.packs)
+        self.assertEqual("nothing_new", self.check(appliance)["result"])
+        self.assertEqual("up_to_date", appliance.status())
+
+    def test_failed_update_to_a_staged_release_is_repeated(self):
+        server = self.start_plain()
+        self.publish("1.1")
+        self.publish("1.2", rollout="99.99%")
+        appliance = self.appliance("nas", server.url)
+        appliance.expect("update")
+        self.assertEqual("1.2", self.installed(appliance))
+        appliance.write_status(json.dumps({"status": "download_install_failed"}))
+        self.assertEqual("new_pack", self.check(appliance)["result"])
+        self.assertEqual("need_download", appliance.status())
+        appliance.expect("update")
+        self.assertEqual("1.2", self.installed(appliance))
+
     def test_channel_of_the_settings(self):
         server = self.start_plain()
         self.publish("1.1")

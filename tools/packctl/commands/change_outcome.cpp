@@ -64,14 +64,32 @@ Outcome RecoveredChange(const Context& context, const char* noun) {
 }
 
 Outcome RejectedOffer(const std::string& version, const OtherReleases& others) {
-  NoteAnsweredCheck(version, false, others);
   const std::optional<InstalledPack> pack = ReadInstalledPack();
   Outcome outcome = EndOfChange(kExitNothingToDo, "rejected");
+  NoteAnswer(outcome, version, false, others);
   outcome.members["version"] = version;
   outcome.members["installed_version"] = pack ? Json::Value(pack->identity.version) : Json::Value();
   outcome.text = Printable(version) + " is on offer, but it was rejected on this appliance. " +
                  StaysSentence(pack ? std::optional(Printable(pack->identity.version)) : std::nullopt) + "\n";
   return outcome;
+}
+
+void NoteAnswer(Outcome& outcome, const std::string& version, bool is_news, const OtherReleases& others) {
+  const std::optional<AnsweredCheck> before = ReadAnsweredCheck();
+  NoteAnsweredCheck(version, is_news, others);
+  if (!others.withdrawn.empty() && (!before || before->others.withdrawn != others.withdrawn)) {
+    outcome.problems.push_back("the maker has withdrawn " + Printable(others.withdrawn));
+    outcome.change->happened = true;
+  }
+}
+
+void GiveUpDownload(const Context& context, const updater::IPackStatusHelper& status) {
+  if (ReadInstalledPack()) {
+    status.SetAsUpToDate();
+  } else {
+    status.SetAsDownloadInstallFailed();
+  }
+  updater::Recover(*context.lock);
 }
 
 Outcome RunCancellable(Context& context, Outcome (*run)(Context&)) {

@@ -26,6 +26,13 @@ Outcome RunCancellable(Context& context, Outcome (*run)(Context&));
 /// The server offers a version that was rejected on this appliance, and `others` beside it.
 Outcome RejectedOffer(const std::string& version, const OtherReleases& others);
 
+/// Notes that the update server has answered, as NoteAnsweredCheck() does. That the maker has withdrawn the installed
+/// pack is told in the outcome, and so in the history, when the server says so first.
+void NoteAnswer(Outcome& outcome, const std::string& version, bool is_news, const OtherReleases& others);
+
+/// Gives a downloaded pack up, which is not to be installed any more.
+void GiveUpDownload(const Context& context, const updater::IPackStatusHelper& status);
+
 /// The command asks first, there is nobody to ask, and it has no --yes. `why` is what a person would have to know.
 Outcome NotConfirmed(const std::string& command, const std::string& why);
 

@@ -141,6 +141,17 @@ StatusRecord RecordBefore() {
   }
 }
 
+/// Gives a downloaded pack up that the maker has withdrawn; false when there is none.
+bool GivesUpDownload(const Context& context, const UpdateObjects& objects, const StatusRecord& before) {
+  const bool is_downloaded =
+      before.status == updater::kStatusNeedInstall || before.status == updater::kStatusInstallFailed;
+  if (!is_downloaded || !objects.handler->HasWithdrawn(before.new_version)) {
+    return false;
+  }
+  GiveUpDownload(context, *objects.status);
+  return true;
+}
+
 Outcome RunCheck(Context& context) {
   if (updater::KOSHelper::Create()->GetPackUpdateServerUrl().empty() && !SettingsAreIgnored()) {
     return NobodyToAsk();
@@ -156,20 +167,25 @@ Outcome RunCheck(Context& context) {
     return WithOthers(RejectedOffer(*rejected, objects.handler->other_releases()), objects.handler->other_releases());
   }
   const std::optional<std::string>& declined = objects.handler->declined_version();
+  const bool gives_up = !found && declined && GivesUpDownload(context, objects, before);
   const bool repeats =
       !found && declined && updater::RepeatFailedUpdate(*context.lock, *objects.manager, *objects.status);
-  if (found || declined) {
-    NoteAnsweredCheck(objects.handler->offered_version(), found || repeats, objects.handler->other_releases());
-  }
   if (found || repeats) {
     Outcome outcome = WithOthers(NewPack(*objects.manager, repeats), objects.handler->other_releases());
     outcome.problems = KeepOffer(objects.handler->offer());
     outcome.text += RefusalLine();
+    NoteAnswer(outcome, objects.handler->offered_version(), true, objects.handler->other_releases());
     return outcome;
   }
   if (declined) {
     ForgetKeptOffer();
-    return WithOthers(NothingNew(*declined), objects.handler->other_releases());
+    Outcome outcome = WithOthers(NothingNew(*declined), objects.handler->other_releases());
+    NoteAnswer(outcome, *declined, false, objects.handler->other_releases());
+    if (gives_up) {
+      outcome.change->happened = true;
+      outcome.problems.push_back("the maker has withdrawn " + Printable(before.new_version) + ", which was downloaded");
+    }
+    return outcome;
   }
   Outcome failed = FailedChange("check");
   BlameRequirements(*objects.manager, failed);

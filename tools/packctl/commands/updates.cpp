@@ -19,6 +19,7 @@
 #include "tools/packctl/host/file_install.h"
 #include "tools/packctl/host/update_objects.h"
 #include "tools/packctl/host/watched_work.h"
+#include "tools/packctl/host/withdrawal.h"
 #include "tools/packctl/record/answered_check.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
@@ -192,8 +193,8 @@ Outcome AlreadyUpToDate(const std::string& installed, const std::string& offered
 }
 
 Outcome NothingNewer(const std::string& installed, const std::string& offered, const OtherReleases& others) {
-  NoteAnsweredCheck(offered, false, others);
   Outcome outcome = AlreadyUpToDate(installed, offered);
+  NoteAnswer(outcome, offered, false, others);
   outcome.text += OtherReleasesLines(others);
   return outcome;
 }
@@ -275,6 +276,16 @@ Outcome RunFileInstall(const Context& context) {
   return outcome;
 }
 
+Outcome RefuseWithdrawn(const Context& context, const AskedStatusHelper& status, const std::string& version) {
+  GiveUpDownload(context, status);
+  Outcome outcome = EndOfChange(kExitFailed, "failed");
+  outcome.problems = ForgetKeptOffer();
+  outcome.failure = MakeFailure(FailureReason::kWithdrawn, "the maker has withdrawn " + version,
+                                "A newer version is installed when it is on offer.");
+  outcome.version = version;
+  return outcome;
+}
+
 Outcome RunInstall(Context& context) {
   if (std::optional<Outcome> refusal = RefuseWhileHeld(context)) {
     return *std::move(refusal);
@@ -283,7 +294,11 @@ Outcome RunInstall(Context& context) {
     return RunFileInstall(context);
   }
   const UpdateObjects objects = MakeUpdateObjects();
-  return RunAbout(context, objects, RecordBefore().new_version, InstallFlow());
+  const StatusRecord record = RecordBefore();
+  if (MayInstall(*objects.status) && IsWithdrawnNow(record.new_pack_name, record.new_version)) {
+    return RefuseWithdrawn(context, *objects.status, record.new_version);
+  }
+  return RunAbout(context, objects, record.new_version, InstallFlow());
 }
 
 Outcome RunAutomatically(Context& context) {

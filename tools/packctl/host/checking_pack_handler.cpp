@@ -34,6 +34,7 @@ void CheckingPackHandler::TakeStagedReleases() {
 }
 
 Json::Value CheckingPackHandler::Chosen(const Json::Value& info) const {
+  last_ = info;
   other_releases_ = {};
   if (!HasOtherReleases(info)) {
     return info;

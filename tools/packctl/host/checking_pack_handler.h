@@ -55,6 +55,9 @@ class CheckingPackHandler : public updater::PackHandler {
   /// From now on has this look at each offer whose link is asked for.
   void LookBeforeDownload(Look look) { look_ = std::move(look); }
 
+  /// Whether the last reply says of this version that it was taken back.
+  [[nodiscard]] bool HasWithdrawn(const std::string& version) const { return IsWithdrawn(last_, version); }
+
   /// From now on also takes rejected versions.
   void AcceptRejected() { accepts_rejected_ = true; }
 
@@ -85,6 +88,7 @@ class CheckingPackHandler : public updater::PackHandler {
   [[nodiscard]] bool Rejects(const std::string& version) const;
 
   mutable std::optional<Audience> audience_;  // read when a reply asks for it
+  mutable Json::Value last_;                  // the last reply's member for the pack
   mutable OtherReleases other_releases_;
   mutable Offer offer_;
   Look look_;

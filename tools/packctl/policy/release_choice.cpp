@@ -69,8 +69,9 @@ ReleaseChoice ChooseRelease(const Json::Value& pack, const Audience& audience) {
 
 bool IsWithdrawn(const Json::Value& pack, const std::string& version) {
   const Json::Value& versions = HasOtherReleases(pack) ? pack[kWithdrawn] : Json::Value::nullSingleton();
-  return versions.isArray() && std::any_of(versions.begin(), versions.end(),
-                                           [&version](const Json::Value& each) { return TextOf(each) == version; });
+  return !version.empty() && versions.isArray() &&
+         std::any_of(versions.begin(), versions.end(),
+                     [&version](const Json::Value& each) { return TextOf(each) == version; });
 }
 
 }  // namespace orbamira::packctl

@@ -39,6 +39,7 @@ constexpr std::array<std::pair<FailureReason, const char*>, static_cast<std::siz
         {FailureReason::kInstallFailed, "install_failed"},
         {FailureReason::kUnhealthy, "unhealthy"},
         {FailureReason::kRejected, "rejected"},
+        {FailureReason::kWithdrawn, "withdrawn"},
         {FailureReason::kRecordUnreadable, "record_unreadable"},
         {FailureReason::kPermissionDenied, "permission_denied"},
         {FailureReason::kNotPermitted, "not_permitted"},

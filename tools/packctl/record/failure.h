@@ -41,6 +41,7 @@ enum class FailureReason {
   kInstallFailed,
   kUnhealthy,
   kRejected,
+  kWithdrawn,
   kRecordUnreadable,
   kPermissionDenied,
   kNotPermitted,

@@ -277,6 +277,7 @@ export const words = {
       remedy: "It is not installed again. A newer version is, when it is on offer.",
     },
     rejected: { cause: "This version was rejected on this appliance.", remedy: "Wait for a newer version." },
+    withdrawn: { cause: "The maker has withdrawn this version.", remedy: "A newer one is offered later." },
     record_unreadable: { cause: "The record of the status is damaged.", remedy: "Recovery repairs it.", recover: true },
     permission_denied: {
       cause: "This takes more rights than the page's server has.",
