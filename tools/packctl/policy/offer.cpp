@@ -28,9 +28,10 @@ std::string JudgementBasis() {
   for (const char* const file : {path::kOrbaArchivePath, path::kKeyring, path::kPkgSetting, path::kDefaultPkgSetting}) {
     struct stat about {};
     const bool exists = stat(file, &about) == 0;
-    basis += exists ? " " + std::to_string(about.st_size) + "/" + std::to_string(about.st_mtim.tv_sec) + "." +
+    basis += ' ';
+    basis += exists ? std::to_string(about.st_size) + "/" + std::to_string(about.st_mtim.tv_sec) + "." +
                           std::to_string(about.st_mtim.tv_nsec)
-                    : " -";
+                    : "-";
   }
   return basis;
 }
