@@ -15,6 +15,7 @@ import os
 import pathlib
 import select
 import socket
+import ssl
 import sys
 import tempfile
 import threading
@@ -174,6 +175,19 @@ class NetworkSettingsTest(unittest.TestCase):
         self.conf.chmod(0o604)
         self.assertIn(f"{self.conf} has the password of a proxy in it, and everyone may read it", self.doctor())
 
+    def test_a_proxy_by_tls_must_be_certified(self):
+        address = self.publish()
+        certificate = Authority(self.top).issue("proxy", "ca", "subjectAltName=IP:127.0.0.1")
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(certificate, self.top / "proxy.key")
+        self.proxy.socket = context.wrap_socket(self.proxy.socket, server_side=True)
+        self.use(address, proxy=f"https://{self.proxy.place}")
+        self.assertEqual("server_unreachable", self.failure("check")[0])
+        self.assertEqual([], self.proxy.asked)
+        self.use(address, proxy=f"https://{self.proxy.place}", ca_file=self.top / "ca.pem")
+        self.appliance.expect("update")
+        self.assertEqual(2, len(self.proxy.asked))
+
     def test_a_proxy_that_refuses_or_is_away_is_told_without_the_password(self):
         proxy = f"http://appliance:{PASSWORD}@{self.proxy.place}"
         self.use(self.publish(), proxy=proxy)
@@ -230,6 +244,11 @@ class NetworkSettingsTest(unittest.TestCase):
         self.assertEqual({"CONNECT packs.test:443"}, set(self.proxy.asked))
         other = Authority(self.enterContext(tempfile.TemporaryDirectory()))
         self.use(address, proxy=proxy, ca_file=other.folder / "ca.pem")
+        trace = self.top / "trace"
+        program = self.appliance.program("packctl")
+        self.appliance.run("strace", "-f", "-o", str(trace), str(program), "check")
+        self.assertIn(str(other.folder), trace.read_text())
+        self.assertNotIn("/etc/ssl/certs", trace.read_text())
         self.assertEqual("server_unreachable", self.failure("check")[0])
 
     def test_the_account_follows_them_too(self):
@@ -239,6 +258,14 @@ class NetworkSettingsTest(unittest.TestCase):
         self.assertEqual(["CONNECT provider.test:443"], self.proxy.asked)
         self.use("http://127.0.0.1:1/", proxy="nowhere")
         self.assertEqual("bad_setting", self.failure(*sign_in)[0])
+
+    def test_a_provider_on_the_appliance_is_asked_without_the_proxy(self):
+        address = self.publish()
+        self.use(address, proxy=f"http://{self.proxy.place}")
+        issuer = address.rpartition("/")[0]
+        words = self.failure("account", "sign-in", "--issuer", issuer, "--client-id", "nas")[1]
+        self.assertIn("the provider answered 404 when asked for its configuration", words)
+        self.assertEqual([], self.proxy.asked)
 
     def test_a_ca_file_that_cannot_be_used_is_told(self):
         damaged, folder = self.top / "damaged.pem", self.top / "folder.pem"
