@@ -1,5 +1,6 @@
 #include "updater/previous_pack.h"
 
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <cstdint>
@@ -9,6 +10,7 @@
 #include "platform/constants.h"
 #include "platform/log.h"
 #include "platform/orba_core_wrapper.h"
+#include "platform/posix/errors.h"
 #include "platform/posix/file_status.h"
 #include "platform/posix/remove_tree.h"
 #include "platform/posix/sync_folder.h"
@@ -24,7 +26,11 @@ namespace fs = std::filesystem;
 std::uintmax_t SizeOf(const fs::path& folder) {
   std::uintmax_t size = 0;
   for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
-    size += entry.symlink_status().type() == fs::file_type::regular ? entry.file_size() : 0;
+    struct stat about {};
+    if (lstat(entry.path().c_str(), &about) != 0) {
+      ThrowErrno(entry.path());
+    }
+    size += S_ISREG(about.st_mode) ? static_cast<std::uintmax_t>(about.st_size) : 0;
   }
   return size;
 }
