@@ -14,6 +14,7 @@
 #include "platform/constants.h"
 #include "tests/support/appliance.h"
 #include "tests/support/test_root.h"
+#include "updater/pack_manager.h"
 
 namespace orbamira {
 namespace {
@@ -323,6 +324,17 @@ TEST_F(PackctlPolicyTest, SecurityReleaseIsInstalledByItself) {
 TEST_F(PackctlPolicyTest, OwnerMayOptOutOfSecurityReleases) {
   MarkOffer("security", true);
   Set("security_install=by_policy\n");
+  EXPECT_EQ(Run({"check"}).status, 0);
+  EXPECT_EQ(Automatic(2)["error"]["code"], "waits_for_person");
+}
+
+// The hole is closed: the release after it waits as any other.
+TEST_F(PackctlPolicyTest, SecurityReleaseThatAnotherProgramInstalledHasNoHeir) {
+  MarkOffer("security", true);
+  EXPECT_EQ(Run({"check"}).status, 0);
+  EXPECT_TRUE(updater::PackManager::Create()->DownloadAndInstall());
+  EXPECT_EQ(Appliance::InstalledPayload(), "new codec");
+  appliance_.Publish("1.2", "newer codec");
   EXPECT_EQ(Run({"check"}).status, 0);
   EXPECT_EQ(Automatic(2)["error"]["code"], "waits_for_person");
 }

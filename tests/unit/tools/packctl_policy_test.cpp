@@ -259,42 +259,53 @@ TEST_F(DecisionTest, SecurityReleaseWaitsNoLongerThanAnyOther) {
 TEST(OfferNoteTest, SameOfferWaitsSinceItWasFirstSeen) {
   const std::time_t now = Utc(2026, 6, 10, 0);
   const OfferNote before{.offer = {.version = "1.1"}, .first_seen = now - kDay, .told = "held"};
-  EXPECT_EQ(Noted({.version = "1.1"}, before, now), before);
-  EXPECT_EQ(Noted({.version = "1.2"}, before, now), (OfferNote{{.version = "1.2"}, now, ""}));
-  EXPECT_EQ(Noted({.version = "1.2"}, std::nullopt, now), (OfferNote{{.version = "1.2"}, now, ""}));
+  EXPECT_EQ(Noted({.version = "1.1"}, before, now, "1.0"), before);
+  EXPECT_EQ(Noted({.version = "1.2"}, before, now, "1.0"), (OfferNote{{.version = "1.2"}, now, ""}));
+  EXPECT_EQ(Noted({.version = "1.2"}, std::nullopt, now, "1.0"), (OfferNote{{.version = "1.2"}, now, ""}));
 }
 
 TEST(OfferNoteTest, RefusalCountsForTheSamePackageAlone) {
   const Offer offer{.version = "1.1", .link = "a", .checksum = "1"};
   const OfferNote before{
       .offer = offer, .first_seen = Utc(2026, 11, 1, 12), .refusal = RefusedPackage{"not signed", 1, "b"}};
-  EXPECT_EQ(Noted(offer, before, before.first_seen).refusal, before.refusal);
+  EXPECT_EQ(Noted(offer, before, before.first_seen, "1.0").refusal, before.refusal);
   for (const Offer& other :
        {Offer{.version = "1.2", .link = "a", .checksum = "1"}, Offer{.version = "1.1", .link = "b", .checksum = "1"},
         Offer{.version = "1.1", .link = "a", .checksum = "2"}}) {
-    EXPECT_EQ(Noted(other, before, before.first_seen).refusal, std::nullopt);
+    EXPECT_EQ(Noted(other, before, before.first_seen, "1.0").refusal, std::nullopt);
   }
 }
 
 TEST(OfferNoteTest, TimeOfAWrongClockCountsAsNow) {
   const std::time_t now = Utc(2026, 6, 10, 0);
   for (const std::time_t wrong : {std::time_t{5}, now + 1, Utc(2025, 12, 31, 0)}) {
-    EXPECT_EQ(Noted({.version = "1.1"}, OfferNote{{.version = "1.1"}, wrong}, now).first_seen, now) << wrong;
+    EXPECT_EQ(Noted({.version = "1.1"}, OfferNote{{.version = "1.1"}, wrong}, now, "1.0").first_seen, now) << wrong;
   }
 }
 
 TEST(OfferNoteTest, NewerOfferIsHeirToASecurityRelease) {
   const std::time_t now = Utc(2026, 6, 10, 0);
   const OfferNote before{.offer = {.version = "1.1", .security = true}, .first_seen = now - kDay, .told = "held"};
-  EXPECT_EQ(Noted({.version = "1.2"}, before, now), (OfferNote{{.version = "1.2", .security = true}, now - kDay, ""}));
-  EXPECT_EQ(Noted({.version = "1.1"}, before, now), before);
-  EXPECT_EQ(Noted({.version = "1.0"}, before, now), (OfferNote{{.version = "1.0"}, now, ""}));
+  EXPECT_EQ(Noted({.version = "1.2"}, before, now, "1.0"),
+            (OfferNote{{.version = "1.2", .security = true}, now - kDay, ""}));
+  EXPECT_EQ(Noted({.version = "1.1"}, before, now, "1.0"), before);
+  EXPECT_EQ(Noted({.version = "1.0"}, before, now, "1.0"), (OfferNote{{.version = "1.0"}, now, ""}));
+}
+
+// Another program than packctl installed the security release, and left its note.
+TEST(OfferNoteTest, NewerOfferIsNoHeirToWhatIsInstalled) {
+  const std::time_t now = Utc(2026, 6, 10, 0);
+  const OfferNote before{.offer = {.version = "1.1", .security = true}, .first_seen = now - kDay, .told = "held"};
+  for (const char* installed : {"1.1", "1.1.1"}) {
+    EXPECT_EQ(Noted({.version = "1.2"}, before, now, installed), (OfferNote{{.version = "1.2"}, now, ""})) << installed;
+  }
+  EXPECT_TRUE(Noted({.version = "1.2"}, before, now, "").offer.security);
 }
 
 TEST(OfferNoteTest, DaysOfAReleaseThatIsMarkedLaterCountFromThen) {
   const std::time_t now = Utc(2026, 6, 10, 0);
   const OfferNote before{.offer = {.version = "1.1"}, .first_seen = now - 30 * kDay};
-  EXPECT_EQ(Noted({.version = "1.1", .security = true}, before, now).first_seen, now);
+  EXPECT_EQ(Noted({.version = "1.1", .security = true}, before, now, "1.0").first_seen, now);
 }
 
 TEST(PackUsersTest, FilesAreKnownByDeviceAndInodeOrByName) {

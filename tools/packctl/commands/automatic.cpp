@@ -116,7 +116,7 @@ std::optional<bool> IsStillOffered(const UpdateObjects& objects, const StatusRec
 }
 
 std::vector<std::string> KeepOffer(const Offer& offer) try {
-  KeepOfferNote(Noted(offer, ReadOfferNote(), std::time(nullptr)));
+  KeepOfferNote(Noted(offer, ReadOfferNote(), std::time(nullptr), InstalledVersion()));
   return {};
 } catch (const std::exception& error) {
   return {std::string("cannot keep since when the pack is on offer: ") + error.what()};
@@ -128,7 +128,7 @@ void KeepRefusal(const Offer& offer, const std::string& version, const Failure& 
     return;
   }
   const std::time_t now = std::time(nullptr);
-  OfferNote note = offer.version.empty() ? *kept : Noted(offer, kept, now);
+  OfferNote note = offer.version.empty() ? *kept : Noted(offer, kept, now, InstalledVersion());
   note.refusal = {.message = failure.message, .time = now, .basis = JudgementBasis()};
   KeepOfferNote(note);
 } catch (const std::exception& error) {

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "tools/packctl/policy/policy_settings.h"
+#include "tools/packctl/record/installed_pack.h"
 
 namespace orbamira::packctl {
 namespace {
@@ -11,7 +12,7 @@ namespace {
 OfferNote NoteOf(const StatusRecord& record, std::time_t now) {
   const std::optional<OfferNote> kept = ReadOfferNote();
   const bool is_kept = kept && kept->offer.version == record.new_version;
-  return Noted(is_kept ? kept->offer : Offer{.version = record.new_version}, kept, now);
+  return Noted(is_kept ? kept->offer : Offer{.version = record.new_version}, kept, now, InstalledVersion());
 }
 
 }  // namespace

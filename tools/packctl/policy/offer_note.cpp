@@ -33,13 +33,15 @@ Json::Value RefusalJson(const std::optional<RefusedPackage>& refusal) {
 
 }  // namespace
 
-OfferNote Noted(const Offer& offer, const std::optional<OfferNote>& before, std::time_t now) {
+OfferNote Noted(const Offer& offer, const std::optional<OfferNote>& before, std::time_t now,
+                const std::string& installed) {
   OfferNote note{.offer = offer, .first_seen = now};
   if (!before) {
     return note;
   }
   const bool is_same = before->offer.version == offer.version;
-  const bool is_heir = before->offer.security && IsNewVersion(before->offer.version, offer.version);
+  const bool is_open = installed.empty() || IsNewVersion(installed, before->offer.version);
+  const bool is_heir = before->offer.security && is_open && IsNewVersion(before->offer.version, offer.version);
   note.offer.security = offer.security || (before->offer.security && (is_same || is_heir));
   note.told = is_same ? before->told : "";
   note.refusal = HaveSamePackage(offer, before->offer) ? before->refusal : std::nullopt;

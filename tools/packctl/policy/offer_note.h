@@ -21,9 +21,11 @@ struct OfferNote {
 
 /// The note of an offer that is seen now, where there was another note before. The same version goes on waiting since
 /// it was first seen. One that was marked as a security release stays one, and so does a newer one that takes its
-/// place: it closes the same hole, and must not begin to wait anew. A time that is in the future, or from before this
-/// program was made, was told by a wrong clock and counts as now. A refusal counts for the same package alone.
-OfferNote Noted(const Offer& offer, const std::optional<OfferNote>& before, std::time_t now);
+/// place, unless another program has installed that one or a newer: it closes the same hole, and must not begin to wait
+/// anew. `installed` is the version of the installed pack, empty for none. A time that is in the future, or from before
+/// this program was made, was told by a wrong clock and counts as now. A refusal counts for the same package alone.
+OfferNote Noted(const Offer& offer, const std::optional<OfferNote>& before, std::time_t now,
+                const std::string& installed);
 
 /// The note; empty without one, and when it cannot be read.
 std::optional<OfferNote> ReadOfferNote();

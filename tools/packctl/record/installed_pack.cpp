@@ -15,4 +15,9 @@ std::optional<InstalledPack> ReadInstalledPack() {
       facts->FileMtime(path::kPackInfoPath)};
 }
 
+std::string InstalledVersion() {
+  const std::optional<InstalledPack> pack = ReadInstalledPack();
+  return pack ? pack->identity.version : "";
+}
+
 }  // namespace orbamira::packctl

@@ -2,6 +2,7 @@
 
 #include <ctime>
 #include <optional>
+#include <string>
 
 #include "tools/packctl/record/history.h"
 
@@ -18,5 +19,8 @@ struct InstalledPack {
 
 /// The installed pack; empty when there is none.
 std::optional<InstalledPack> ReadInstalledPack();
+
+/// Its version; empty when there is none.
+std::string InstalledVersion();
 
 }  // namespace orbamira::packctl
