@@ -44,6 +44,7 @@ from aftermath import Aftermath, HostAftermath
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
 from appliance import Appliance, Publisher  # noqa: E402
+from enclosure import enclose  # noqa: E402
 
 ERRORS = ("EIO", "ENOSPC")
 POWER_CUTS = ("power", "tear")
@@ -369,9 +370,9 @@ def main():
     )
     parser.add_argument("--jobs", type=int, default=os.cpu_count(), help="appliances at work side by side")
     arguments = parser.parse_args()
+    enclose(arguments.build)
     seed = random.randrange(2**32) if arguments.seed is None else arguments.seed
-    memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
-    with tempfile.TemporaryDirectory(prefix="orbamira-faults-", dir=memory) as folder, Publisher(
+    with tempfile.TemporaryDirectory(prefix="orbamira-faults-") as folder, Publisher(
         pathlib.Path(folder) / "published", arguments.build
     ) as publisher:
         matrix = Matrix(arguments.build, folder)

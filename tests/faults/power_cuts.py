@@ -37,6 +37,7 @@ from fault_matrix import reject
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
 from appliance import Appliance, Publisher  # noqa: E402
+from enclosure import enclose  # noqa: E402
 
 SKIPPED = 77
 OLD, NEW = "1.0.0", "2.0.0"
@@ -246,12 +247,12 @@ def main():
     reason = why_impossible()
     if reason:
         skip(arguments.cuts, reason)
+    enclose(arguments.build, "unshare", "--mount")  # what is mounted goes, too
     seed = random.randrange(2**32) if arguments.seed is None else arguments.seed
     instants = random.Random(seed)
-    memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
     rows, lost, stuck = collections.Counter(), 0, 0
     with contextlib.ExitStack() as stack:
-        folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="orbamira-power-", dir=memory)))
+        folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="orbamira-power-")))
         publisher = stack.enter_context(Publisher(folder / "published", arguments.build))
         disk = folder / "disk.img"
         with disk.open("wb") as file:

@@ -8,7 +8,6 @@ set for good.
 
 import itertools
 import json
-import os
 import pathlib
 import subprocess
 import sys
@@ -22,8 +21,7 @@ EMPTY = ""
 
 class StoreTest(unittest.TestCase):
     def setUp(self):
-        memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
-        folder = tempfile.TemporaryDirectory(prefix="orbamira-store-", dir=memory)
+        folder = tempfile.TemporaryDirectory(prefix="orbamira-store-")
         self.addCleanup(folder.cleanup)
         self.folder = pathlib.Path(folder.name)
 

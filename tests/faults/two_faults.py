@@ -37,6 +37,7 @@ import time
 from fault_matrix import ERRORS, FAULTS, INJECTOR_FAILED, NEW, OLD, POWER_CUTS, Case, Matrix, cases_of, chosen
 from fault_matrix import read_record, with_torn_write
 from appliance import Appliance, Publisher
+from enclosure import enclose
 
 PER_STATE = 8  # second faults for a state in one round
 RECOVERY = "recovery"
@@ -307,9 +308,9 @@ def main():
     parser.add_argument("--seed", type=int, default=None, help="what decides the draw; a new one by default")
     parser.add_argument("--jobs", type=int, default=os.cpu_count(), help="appliances at work side by side")
     arguments = parser.parse_args()
+    enclose(arguments.build)
     seed = random.randrange(2**32) if arguments.seed is None else arguments.seed
-    memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
-    with tempfile.TemporaryDirectory(prefix="orbamira-faults-", dir=memory) as folder, Publisher(
+    with tempfile.TemporaryDirectory(prefix="orbamira-faults-") as folder, Publisher(
         pathlib.Path(folder) / "published", arguments.build
     ) as publisher:
         matrix = Matrix(arguments.build, folder)

@@ -1,15 +1,17 @@
 // Runs a test so that no process and no temporary file outlives it, however it ends.
 //
-// usage: enclosed [--patience SECONDS] COMMAND [ARGUMENT...]
+// usage: enclosed [--memory] [--patience SECONDS] COMMAND [ARGUMENT...]
 //
 // Whatever the command starts, in any session or process group, stays a descendant of this program, which ends what is
 // left when the command ends, when its own parent ends, and when it is stopped by a signal. It ends as the command
 // does; a command that succeeds and leaves processes behind fails, unless they end by themselves within SECONDS (30).
-// TMPDIR is a folder of the command's own, which is removed with all that it holds.
+// TMPDIR is a folder of the command's own, which is removed with all that it holds. With --memory it is in memory,
+// where programs can be run there.
 
 #include <dirent.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -79,11 +81,20 @@ std::vector<pid_t> Children() {
   return children;
 }
 
+/// Where temporary files are made: in memory if that is wanted and possible.
+fs::path TemporaryFiles(bool memory) {
+  constexpr const char* kMemory = "/dev/shm";
+  struct statvfs status {};
+  const bool usable =
+      memory && access(kMemory, W_OK | X_OK) == 0 && statvfs(kMemory, &status) == 0 && (status.f_flag & ST_NOEXEC) == 0;
+  return usable ? kMemory : fs::temp_directory_path();
+}
+
 /// The folder for temporary files of the command and everything that it starts.
 class TemporaryFolder {
  public:
-  TemporaryFolder() {
-    std::string pattern = (fs::temp_directory_path() / "enclosed-XXXXXX").string();
+  explicit TemporaryFolder(const fs::path& place) {
+    std::string pattern = (place / "enclosed-XXXXXX").string();
     // Others may pass: a test may do things as another user.
     if (mkdtemp(pattern.data()) == nullptr || chmod(pattern.c_str(), 0711) != 0 ||
         setenv("TMPDIR", pattern.c_str(), 1) != 0) {
@@ -205,15 +216,19 @@ class Enclosure {
 int main(int argc, char** argv) {
   seconds patience = kPatience;
   char** command = argv + 1;
-  if (argc > 2 && std::string_view(argv[1]) == "--patience") {
-    patience = seconds(std::atoi(argv[2]));
+  const bool memory = argc > 1 && std::string_view(*command) == "--memory";
+  if (memory) {
+    ++command;
+  }
+  if (command + 1 < argv + argc && std::string_view(*command) == "--patience") {
+    patience = seconds(std::atoi(command[1]));
     command += 2;
   }
   if (command >= argv + argc) {
-    std::cerr << "usage: enclosed [--patience SECONDS] COMMAND [ARGUMENT...]\n";
+    std::cerr << "usage: enclosed [--memory] [--patience SECONDS] COMMAND [ARGUMENT...]\n";
     return kUsageError;
   }
-  const TemporaryFolder temporary;
+  const TemporaryFolder temporary(TemporaryFiles(memory));
   Enclosure enclosure(command);
   int status = enclosure.Wait();
   if (status == 0 && !enclosure.Empties(patience)) {

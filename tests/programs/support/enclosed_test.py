@@ -89,6 +89,14 @@ class EnclosedTest(unittest.TestCase):
                 done = subprocess.run(self.command(f"{text} && {end}"), env=temporary, timeout=HANG, check=False)
                 self.assertEqual((status, []), (done.returncode, list(self.folder.iterdir())))
 
+    def test_temporary_files_can_be_in_memory(self):
+        memory = "/dev/shm"
+        if not os.access(memory, os.W_OK | os.X_OK) or os.statvfs(memory).f_flag & os.ST_NOEXEC:
+            self.skipTest(f"no programs can be run in {memory}")
+        done = self.run_enclosed('echo "$TMPDIR"', "--memory", "--patience", "0")
+        self.assertRegex(done.stdout, "^/dev/shm/enclosed-")
+        self.assertFalse(pathlib.Path(done.stdout.strip()).exists())
+
     def test_signal_ends_all(self):
         with subprocess.Popen(self.command(f"{DAEMON} wait"), cwd=self.folder) as process:
             self.wait_for((self.folder / "pid").exists)
