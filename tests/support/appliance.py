@@ -42,17 +42,17 @@ def mkpack_of(build):
     return pathlib.Path(build) / "tools/mkpack/mkpack"
 
 
-def make_pack(build, payload, output, version, address, mkpack=None, **more):
-    """Publishes the payload in the folder `output`, which is served at the address."""
+def pack_options(build, payload, output, version, address, **more):
+    """What mkpack takes to publish the payload in the folder `output`, which is served at the address."""
     name = Paths(build).hevc_pack
     options = {"name": name, "title": "HEVC", "payload": payload, "output": output, "version": version, **more}
+    return [f"--base-url={address}", "--allow-older", *(f"--{name}={value}" for name, value in options.items())]
+
+
+def make_pack(build, payload, output, version, address, mkpack=None, **more):
+    """Publishes the payload in the folder `output`, which is served at the address."""
     subprocess.run(
-        [
-            mkpack or mkpack_of(build),
-            f"--base-url={address}",
-            "--allow-older",
-            *(f"--{name}={value}" for name, value in options.items()),
-        ],
+        [mkpack or mkpack_of(build), *pack_options(build, payload, output, version, address, **more)],
         check=True,
         stdout=subprocess.DEVNULL,
     )
@@ -126,17 +126,22 @@ class Publisher:
         self.signing = {"sign-key": key, "sign-cert": certificate}
         return certificate
 
-    def publish(self, version, seed, sizes=(40_000, 150_000), more=None, **options):
-        """Publishes a pack of a few files, and of more by their names, under its own reply; returns its address."""
-        payload = self.folder.parent / f"payload-{version}"
+    def make_payload(self, name, seed, sizes):
+        """Makes a payload of a few files, which have its name in theirs; returns its folder."""
+        payload = self.folder.parent / f"payload-{name}"
         (payload / "lib/plugins").mkdir(parents=True)
         source = random.Random(seed)
         for number, size in enumerate(sizes):
-            (payload / f"lib/libcodec{number}.so.{version}").write_bytes(source.randbytes(size))
+            (payload / f"lib/libcodec{number}.so.{name}").write_bytes(source.randbytes(size))
+        (payload / "lib/plugins/table.bin").write_bytes(source.randbytes(3_000))
+        (payload / "lib/libcodec.so").symlink_to(f"libcodec0.so.{name}")
+        return payload
+
+    def publish(self, version, seed, sizes=(40_000, 150_000), more=None, **options):
+        """Publishes a pack of a few files, and of more by their names, under its own reply; returns its address."""
+        payload = self.make_payload(version, seed, sizes)
         for name, content in (more or {}).items():
             (payload / name).write_bytes(content)
-        (payload / "lib/plugins/table.bin").write_bytes(source.randbytes(3_000))
-        (payload / "lib/libcodec.so").symlink_to(f"libcodec0.so.{version}")
         reply = self.folder / f"reply-{version}.json"
         make_pack(self.build, payload, self.folder, version, self.url, reply=reply, **self.signing, **options)
         self.payloads[version] = tree(payload)
@@ -188,6 +193,7 @@ class Appliance:
         self.history = {self.state_folder / name for name in ("history.jsonl", "history.jsonl.1")}
         self.accepted_file = self.state_folder / "accepted-packages"
         self.health_file = self.state_folder / "health.json"
+        self.offer_file = self.state_folder / "offer.json"
         self.broken_status_file = self.state_folder / "status.json.broken"
 
     @classmethod
@@ -227,8 +233,11 @@ class Appliance:
             f'{self.paths.build_number_key}="1200"\n'
         )
 
-    def use_server(self, address):
-        (self.settings / "updater.conf").write_text(f'pack_update_server="{address}"\n')
+    def use_server(self, address, **more):
+        """Sets the update server, and more settings by their keys."""
+        settings = {"pack_update_server": address, **more}
+        text = "".join(f'{key}="{value}"\n' for key, value in settings.items())
+        (self.settings / "updater.conf").write_text(text)
 
     def trust(self, certificate):
         """Accepts only what is signed by it."""
