@@ -6,6 +6,7 @@ usage: layout_test.py --build BUILD
 
 import argparse
 import itertools
+import json
 import pathlib
 import sys
 import tempfile
@@ -102,6 +103,16 @@ return { faults, texts: withText.length };
 """
 
 
+# The elements whose boxes, or what is in them, reach beyond the window's sides; or a word where there is none.
+BEYOND = """
+const found = [...document.querySelectorAll(arguments[0])].filter((element) => element.checkVisibility());
+const isBeyond = (element) => element.getBoundingClientRect().left < 0 ||
+  element.getBoundingClientRect().right > document.documentElement.clientWidth ||
+  element.scrollWidth > element.clientWidth + 1;
+return found.length > 0 ? found.filter(isBeyond).map((element) => element.textContent) : ["nothing is there"];
+"""
+
+
 class LayoutTest(unittest.TestCase):
     arguments = None
 
@@ -152,10 +163,29 @@ class LayoutTest(unittest.TestCase):
             )
             self.look(browser, "unfolded")
 
+    def test_the_menu_and_its_question_stay_in_the_window(self):
+        with PageStates(self.appliance) as states, open_browser() as browser:
+            states.enter("current")
+            self.appliance.previous.mkdir()
+            (self.appliance.previous / "INFO").write_text("version=1.4.0-" + "9" * 80 + "\n")
+            web = Web(self.appliance)
+            self.addCleanup(web.stop)
+            self.open_page(browser, web.link)
+            for width in WIDTHS:
+                with self.subTest(width=width):
+                    show_whole(browser, width)
+                    browser.execute_script("document.getElementById('menu').open = true;")
+                    self.assertEqual(browser.execute_script(BEYOND, "#menu button:not([hidden])"), [])
+                    browser.execute_script("document.querySelector('[data-action=rollback]').click();")
+                    self.assertEqual(browser.execute_script(BEYOND, "#confirm, #confirm p, #confirm button"), [])
+                    browser.execute_script("document.getElementById('cancel').click();")
+
     def test_a_year_of_endless_texts(self):
         with PageStates(self.appliance, endless_texts) as states, open_browser() as browser:
             states.enter("failed")
             states.write_history(list(endless_texts()))
+            rejected = {"version": "2.0.0-" + "9" * 80, "reason": "r" * 500, "time": 1}
+            self.appliance.health_file.write_text(json.dumps({"rejected": [rejected]}))
             web = Web(self.appliance)
             self.addCleanup(web.stop)
             self.open_page(browser, web.link)
