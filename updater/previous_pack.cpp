@@ -95,7 +95,7 @@ bool MustGiveUpPrevious() {
 
 bool KeepBackup() {
   const std::string backup = path::kBackupPackFolderPath;
-  if (!IsPack(path::kPackFolderPath) || !IsPack(backup) || fs::is_symlink(backup)) {
+  if (!IsPack(path::kPackFolderPath) || !IsPack(backup) || fs::is_symlink(LinkStatusOf(backup))) {
     return false;
   }
   RemoveForUpdater(backup);
