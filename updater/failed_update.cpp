@@ -35,7 +35,7 @@ Due WhatIsDue(IPackStatusHelper& helper, const std::string& installed) {
 
 }  // namespace
 
-bool RepeatFailedUpdate(const UpdateLock& /*lock*/, const PackManager& manager, IPackStatusHelper& status) {
+bool RepeatFailedUpdate(const UpdateLock& lock, const PackManager& manager, IPackStatusHelper& status) {
   const std::string installed = KOSHelper::Create()->GetVersionFromPath(path::kPackInfoPath);
   const Due due = installed.empty() ? Due::kNothing : WhatIsDue(status, installed);
   Json::Value offer;
@@ -54,6 +54,7 @@ bool RepeatFailedUpdate(const UpdateLock& /*lock*/, const PackManager& manager, 
     ORBAMIRA_LOG_INFO("The last update failed, but the installed version %s is newer than the offer",
                       installed.c_str());
     status.SetAsUpToDate();
+    Recover(lock);  // the download of an install that failed goes
     return false;
   }
   ORBAMIRA_LOG_INFO("The last update failed and is to be done again: version %s", installed.c_str());

@@ -16,8 +16,8 @@ bool IsPack(const std::string& folder);
 /// the installed pack is accepted.
 bool MustGiveUpPrevious();
 
-/// Makes the backup beside an installed pack the previous pack, where the update could not do so; false when there is
-/// no such backup. Throws std::system_error.
+/// Puts the backup beside an installed pack away as RemoveForUpdater() does, where the update could not do so; false
+/// when there is no such backup. Throws std::system_error.
 bool KeepBackup();
 
 /// Puts the previous pack in the place of the installed one, which goes; without a previous pack only the latter. Tells

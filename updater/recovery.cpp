@@ -174,7 +174,7 @@ class Recovery {
     }
     Step("keep the pack's backup", [this] {
       if (KeepBackup()) {
-        ReportDone(std::string("kept the pack's backup as the previous pack ") + path::kPreviousPackFolderPath);
+        ReportDone("put the pack's backup away");  // as the previous pack, if it is another one than the installed
       }
     });
     Remove(backup, "the pack's backup");

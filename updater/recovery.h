@@ -51,10 +51,10 @@ ORBAMIRA_EXPORT void EndRemovals(const UpdateLock& lock);
 /// Asks the server again if a pack is installed and the record says that an update failed, or that the installed
 /// version needs a download: then a repetition was recorded that never began. If the installed version is still on
 /// offer, records kStatusNeedDownload, from which every update may begin, and returns true. If the offer is older,
-/// keeps the installed pack, records kStatusUpToDate and returns false. It does the same if the record says that a
-/// newer version needs a download, and the offer is not newer any more. Otherwise returns false and leaves the record
-/// as it is. Throws std::system_error when the record cannot be used, and Json::Exception when the server's reply is no
-/// object.
+/// keeps the installed pack, records kStatusUpToDate, removes the download and returns false. It does the same if the
+/// record says that a newer version needs a download, and the offer is not newer any more. Otherwise returns false and
+/// leaves the record as it is. Throws std::system_error when the record cannot be used, and Json::Exception when the
+/// server's reply is no object.
 [[nodiscard]] ORBAMIRA_EXPORT bool RepeatFailedUpdate(const UpdateLock& lock, const PackManager& manager,
                                                       IPackStatusHelper& status);
 

@@ -1235,6 +1235,7 @@ TEST_P(TimersTest, BringEveryRecordUpToDateWithoutAPerson) {
       appliance_.Publish(offered, std::string("pack ") + offered);
       BootAndOneDay();
       EXPECT_EQ(Appliance::StatusRecord()["status"], "up_to_date") << installed << offered;
+      EXPECT_FALSE(fs::exists(kDownloadFolder)) << installed << offered;
       const bool stays = installed && std::string(offered) == "1.0";
       EXPECT_EQ(Appliance::InstalledPayload(), std::string("pack ") + (stays ? "2.0" : offered)) << installed;
       fs::remove_all(path::kPackFolderPath);
@@ -1250,6 +1251,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Remains{"Downloading", [](const Helper& h) { h.SetAsDownloading(1, 2); }},
                     Remains{"DownloadFailed", [](const Helper& h) { h.SetAsDownloadFailed(); }},
                     Remains{"RepetitionThatNeverBegan", [](const Helper& h) { h.SetAsNeedDownload("2.0"); }},
+                    Remains{"OfferThatWasTakenBack", [](const Helper& h) { h.SetAsNeedDownload("2.5"); }},
                     Remains{"NeedInstallWithoutFile", [](const Helper& h) { h.SetAsNeedInstall("2.0", "n"); }},
                     Remains{"Installing", [](const Helper& h) { h.SetAsInstalling(updater::kStepInstall); }},
                     Remains{"InstallFailed", [](const Helper& h) { h.SetAsInstallFailed("2.0", "n"); }},

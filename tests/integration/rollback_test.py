@@ -103,6 +103,35 @@ class RollbackTest(unittest.TestCase):
         self.packctl(FAILED, "update", "--reinstall")
         self.assert_installed("1.0")
 
+    def test_a_rejected_version_leaves_no_work_behind(self):
+        """A kill between the rejection and the last record of the way back, or a package that was downloaded before."""
+        self.install("1.0")
+        self.offer("2.0")
+        self.packctl(FAILED, "update")
+        offered = {"new_version": "2.0", "new_pack_name": self.appliance.paths.hevc_pack}
+        for status in ("download_install_failed", "need_download", "need_install"):
+            with self.subTest(status):
+                self.appliance.download.mkdir()
+                (self.appliance.download / f"{self.appliance.pack.name}.opk").touch()
+                self.appliance.write_status(json.dumps({"status": status, **offered}))
+                self.assertEqual(self.packctl(NOTHING, "check")["result"], "rejected")
+                self.assert_installed("1.0")
+
+    def test_a_repeated_install_keeps_the_way_back(self):
+        """Its pack was not checked yet, so that the one before it is all that is known to be good."""
+        self.install("1.0")
+        self.offer("2.0")
+        program = self.appliance.helpers / "check-health"
+        target = program.readlink()
+        program.unlink()
+        self.packctl(0, "update")
+        self.appliance.write_status('{"status": "download_install_failed"}')
+        self.packctl(0, "check")
+        self.packctl(0, "update")
+        program.symlink_to(target)
+        self.packctl(NOTHING, "check")
+        self.assert_installed("1.0")
+
     def test_a_first_pack_that_is_bad_is_removed(self):
         self.offer("2.0")
         self.assertEqual(self.packctl(FAILED, "update")["error"]["code"], "unhealthy")

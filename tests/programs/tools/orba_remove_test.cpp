@@ -27,6 +27,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::StartsWith;
+using testing::UnorderedElementsAre;
 
 std::vector<std::string> Names(const fs::path& folder) {
   std::vector<std::string> names;
@@ -105,6 +106,16 @@ TEST_F(OrbaRemoveTest, TheBackupOfAPackBecomesThePreviousPack) {
   WriteFile(backup / "lib", "the rest of one");
   ExpectDone(Remove(backup));
   EXPECT_EQ(ReadFile(previous / "INFO"), "2.0");
+}
+
+TEST_F(OrbaRemoveTest, TheBackupOfAPackThatIsInstalledOnceMoreGoes) {
+  const std::string name = ORBAMIRA_PACK_FOLDER_NAME;
+  WriteFile(packs_ / name / "INFO", "2.0");
+  WriteFile(packs_ / ("." + name + ".backup") / "INFO", "2.0");
+  WriteFile(packs_ / ("." + name + ".previous") / "INFO", "1.0");
+  ExpectDone(Remove(packs_ / ("." + name + ".backup")));
+  EXPECT_EQ(ReadFile(packs_ / ("." + name + ".previous") / "INFO"), "1.0");
+  EXPECT_THAT(Names(packs_), UnorderedElementsAre(name, "." + name + ".previous"));
 }
 
 TEST_F(OrbaRemoveTest, ABackupThatCannotBeMovedStays) {

@@ -23,6 +23,7 @@
 #include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/release_words.h"
 #include "tools/packctl/view/wait_words.h"
+#include "updater/health.h"
 #include "updater/recovery.h"
 #include "updater/update_request.h"
 
@@ -152,18 +153,27 @@ bool GivesUpDownload(const Context& context, const UpdateObjects& objects, const
   return true;
 }
 
+/// A version that is not installed by itself is no work, nor a failure to be repeated: ends as the way back does.
+void SettleRejected(const Context& context, const UpdateObjects& objects, updater::PackStatus recorded) {
+  if (!IsUnderWay(recorded) && recorded != updater::kStatusLost && recorded != updater::kStatusUpToDate) {
+    GiveUpDownload(context, *objects.status);
+  }
+}
+
 Outcome RunCheck(Context& context) {
   if (updater::KOSHelper::Create()->GetPackUpdateServerUrl().empty() && !SettingsAreIgnored()) {
     return NobodyToAsk();
   }
   const UpdateObjects objects = MakeUpdateObjects();
   const StatusRecord before = RecordBefore();
-  if (before.status == updater::kStatusNeedInstall && IsStillOffered(objects, before).value_or(false)) {
+  if (before.status == updater::kStatusNeedInstall && !updater::IsRejected(before.new_version) &&
+      IsStillOffered(objects, before).value_or(false)) {
     return Downloaded(before);
   }
   const bool found = objects.manager->CheckNewPack();
   if (const auto& rejected = objects.handler->rejected_version(); !found && rejected) {
     ForgetKeptOffer();
+    SettleRejected(context, objects, before.status);
     return WithOthers(RejectedOffer(*rejected, objects.handler->other_releases()), objects.handler->other_releases());
   }
   const std::optional<std::string>& declined = objects.handler->declined_version();
