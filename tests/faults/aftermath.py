@@ -14,6 +14,7 @@ class Aftermath:
     """
 
     PROGRAM = "packctl"  # that was struck
+    known = None  # the states of the model, for those who try two versions
 
     def __init__(self, publisher, appliance, old, new, broken=None, after_error=False):
         self.publisher, self.appliance, self.old, self.new = publisher, appliance, old, new
@@ -32,6 +33,7 @@ class Aftermath:
     def look(self):
         """The promises that hold at every instant."""
         publisher, appliance = self.publisher, self.appliance
+        self._expect_known()
         versions = {version for version in (self.old, self.new, *self.finals) if version}
         if appliance.pack.exists():
             if not any(publisher.is_whole(appliance.pack, version) for version in versions):
@@ -82,6 +84,7 @@ class Aftermath:
         appliance = self.appliance
         for _ in range(DAYS):
             self._one_day()
+            self._expect_known()
             status = self._look_at_store()
             if status == "up_to_date":
                 break
@@ -107,6 +110,11 @@ class Aftermath:
                 self.lost.append(f"{file.name} is no object")
         except ValueError as error:
             self.lost.append(f"{file.name} cannot be read: {error}")
+
+    def _expect_known(self):
+        """Every state of the disk is one of the model, of which it is known that no person is needed."""
+        if self.known and (problem := self.known.problem(self.appliance, self.publisher)):
+            self.stuck.append(problem)
 
     def _look_at_store(self):
         if self.broken is None and self.had_store and not self.appliance.status_file.exists():

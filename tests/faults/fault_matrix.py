@@ -42,8 +42,9 @@ import time
 
 from aftermath import Aftermath, HostAftermath
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+sys.path[:0] = [str(pathlib.Path(__file__).resolve().parent.parent / room) for room in ("support", "model")]
 from appliance import Appliance, Publisher  # noqa: E402
+from model import Known  # noqa: E402
 from enclosure import enclose  # noqa: E402
 
 ERRORS = ("EIO", "ENOSPC")
@@ -118,6 +119,7 @@ class Matrix:
 
     def prepare(self, publisher):
         """Makes the state that each scenario starts from."""
+        Aftermath.known = Known()
         self.publisher = publisher
         self.signer = publisher.make_signer()
         old, new = publisher.publish(OLD, 1), publisher.publish(NEW, 2, minimum=MINIMUM)
@@ -327,6 +329,7 @@ def report(outcomes, numbered):
     lost = sum(bool(outcome.lost) for _, outcome in outcomes)
     stuck = sum(bool(outcome.stuck) for _, outcome in outcomes)
     untold = sum(bool(outcome.untold) for _, outcome in outcomes)
+    print(Aftermath.known.report())
     print(f"faults: {len(outcomes)} tried, {lost} lost, {stuck} stuck, 0 skipped; {untold} errors untold")
     # How many calls a run takes depends a little on its pace.
     unreached = sum(not outcome.reached for _, outcome in outcomes)

@@ -36,6 +36,7 @@ import time
 
 from fault_matrix import ERRORS, FAULTS, INJECTOR_FAILED, NEW, OLD, POWER_CUTS, Case, Matrix, cases_of, chosen
 from fault_matrix import read_record, with_torn_write
+from aftermath import Aftermath
 from appliance import Appliance, Publisher
 from enclosure import enclose
 
@@ -268,6 +269,7 @@ def report(trial):
     print(f"first states: {len(trial.states)}; calls of recovery: {len(trial.recovery_kinds)} kinds, {struck} struck")
     pairs = trial.pairs()
     lost, stuck = (sum(bool(pair[name]) for pair in pairs) for name in ("lost", "stuck"))
+    print(Aftermath.known.report())
     print(f"two faults: {len(pairs)} tried, {lost} lost, {stuck} stuck, 0 skipped")
     return lost or stuck or not pairs
 
