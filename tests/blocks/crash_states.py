@@ -23,7 +23,6 @@ import contextlib
 import dataclasses
 import hashlib
 import itertools
-import json
 import math
 import multiprocessing
 import multiprocessing.connection
@@ -44,6 +43,7 @@ TESTS = pathlib.Path(__file__).resolve().parent.parent
 sys.path[:0] = [str(TESTS / "faults"), str(TESTS / "support")]
 from appliance import Appliance, Publisher  # noqa: E402
 from fault_matrix import NEW, Matrix  # noqa: E402
+from journal import Journal  # noqa: E402
 
 SKIPPED = 77
 LARGEST = 2500  # images of one recording
@@ -212,24 +212,24 @@ class Workers:
             process.join()
 
 
-def run_all(matrix, arguments, entries, add):
-    """Tries recordings until there are enough images or the time is up; `entries` has what was tried."""
+def run_all(matrix, arguments, journal):
+    """Tries recordings until there are enough images or the time is up."""
     end = NEVER if arguments.seconds is None else time.time() + arguments.seconds
     images = SPREAD
     if arguments.seconds is None:
         kinds = 2 * len(arguments.file_systems) * len(arguments.runs)
         images = min(LARGEST, math.ceil(arguments.images / kinds))
-    randomness = random.Random(f"{arguments.seed} {len(entries)}")
+    randomness = random.Random(f"{arguments.seed} {len(journal.entries)}")
     drawn = recordings(arguments.file_systems, arguments.runs, images, randomness)
     with Workers(matrix, end) as workers:
         while True:
-            wanted = arguments.images - sum(entry["tried"] for entry in entries)
+            wanted = arguments.images - sum(entry["tried"] for entry in journal.entries)
             while time.time() < end and workers.images() < wanted and len(workers.at_work) < arguments.jobs:
                 workers.start(next(drawn))
             if not workers.at_work:
                 return
             for entry in workers.results():
-                add(entry)
+                journal.add(**entry)
 
 
 def report(entries):
@@ -280,29 +280,18 @@ def main():
     if reason:
         print(f"crash states: 0 tried, 0 lost, 0 stuck, 1 skipped: {reason}")
         sys.exit(SKIPPED)
-    entries = []
-    journal = arguments.journal
-    if journal is not None and journal.exists():
-        entries = [json.loads(line) for line in journal.read_text().splitlines() if line.endswith("}")]
     began = time.monotonic()
     with contextlib.ExitStack() as stack:
         outside = stack.enter_context(tempfile.TemporaryDirectory(prefix="orbamira-blocks-"))
         folder = pathlib.Path(stack.enter_context(disk.memory(outside)))
         publisher = stack.enter_context(Publisher(folder / "published", arguments.build))
-        file = stack.enter_context(journal.open("a", encoding="utf-8")) if journal is not None else None
-
-        def add(entry):
-            entries.append(entry)
-            if file is not None:
-                file.write(json.dumps(entry) + "\n")
-                file.flush()
-
+        journal = stack.enter_context(Journal(arguments.journal))
         matrix = Matrix(arguments.build, folder)
         matrix.prepare(publisher)
         arguments.runs = arguments.runs or list(matrix.scenarios)
         print(f"crash states of {len(arguments.runs)} runs, seed {arguments.seed}", flush=True)
-        run_all(matrix, arguments, entries, add)
-    failed = report(entries)
+        run_all(matrix, arguments, journal)
+    failed = report(journal.entries)
     print(f"in {time.monotonic() - began:.0f} s")
     sys.exit(1 if failed else 0)
 

@@ -22,7 +22,6 @@ import concurrent.futures
 import contextlib
 import dataclasses
 import itertools
-import json
 import math
 import os
 import pathlib
@@ -39,6 +38,7 @@ from fault_matrix import read_record, with_torn_write
 from aftermath import Aftermath
 from appliance import Appliance, Publisher
 from enclosure import enclose
+from journal import Journal
 
 PER_STATE = 8  # second faults for a state in one round
 RECOVERY = "recovery"
@@ -68,26 +68,6 @@ class Stage:
     def run(self, appliance, *wrapper):
         folder = appliance.helpers if self.program.startswith("orba-") else appliance.root / "usr/bin"
         return appliance.run(folder / self.program, *self.arguments, wrapper=wrapper)
-
-
-class Journal:
-    """The pairs that were tried, in memory and in a file."""
-
-    def __init__(self, path):
-        self.lock = threading.Lock()
-        self.entries = []
-        self.file = None
-        if path is not None:
-            if path.exists():
-                self.entries = [json.loads(line) for line in path.read_text().splitlines() if line.endswith("}")]
-            self.file = path.open("a", encoding="utf-8")
-
-    def add(self, **entry):
-        with self.lock:
-            self.entries.append(entry)
-            if self.file is not None:
-                self.file.write(json.dumps(entry) + "\n")
-                self.file.flush()
 
 
 class TwoFaults:
