@@ -60,7 +60,12 @@ class Updater(Side):
 
     def command(self, pack):
         self.appliance.use_server(self.shelf.offer(pack, self.url))
-        return [str(self.appliance.program("packctl")), "update", "--reinstall"], self.appliance.environment()
+        return [
+            str(self.appliance.program("packctl")),
+            "update",
+            "--reinstall",
+            "--allow-older",
+        ], self.appliance.environment()
 
     def installed(self):
         return self.appliance.pack

@@ -107,7 +107,7 @@ class FullDisk:
     def begin(self):
         """The old pack in place, the new one on offer."""
         self.appliance.use_server(self.old)
-        self.appliance.expect("update", "--reinstall")
+        self.appliance.expect("update", "--reinstall", "--allow-older")
         shutil.rmtree(self.appliance.previous, ignore_errors=True)
         self.appliance.use_server(self.new)
         self.appliance.expect("check")
