@@ -4,6 +4,7 @@
 #include <json/reader.h>
 
 #include <algorithm>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -140,11 +141,10 @@ TEST(ReleaseChoiceTest, EntryThatIsNoReleaseIsPassedOver) {
 }
 
 TEST(ReleaseChoiceTest, WithdrawnVersionsAreNamed) {
-  const Json::Value pack = Pack("[]", R"(, "withdrawn": [1, "1.2.0"])");
-  EXPECT_TRUE(IsWithdrawn(pack, "1.2.0"));
-  EXPECT_FALSE(IsWithdrawn(pack, "1.1.0"));
-  EXPECT_FALSE(IsWithdrawn(Pack("[]", R"(, "withdrawn": "1.2.0")"), "1.2.0"));
-  EXPECT_FALSE(IsWithdrawn(Json::Value("text"), "1.2.0"));
+  const Json::Value pack = Pack("[]", R"(, "withdrawn": [1, "1.2.0", "", "1.3.0"])");
+  EXPECT_EQ(WithdrawnVersions(pack), (std::set<std::string>{"1.2.0", "1.3.0"}));
+  EXPECT_EQ(WithdrawnVersions(Pack("[]", R"(, "withdrawn": "1.2.0")")), std::set<std::string>());
+  EXPECT_EQ(WithdrawnVersions(Json::Value("text")), std::set<std::string>());
 }
 
 TEST(ReleaseWordsTest, TellWhatLeadsOn) {

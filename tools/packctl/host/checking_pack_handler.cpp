@@ -34,13 +34,13 @@ void CheckingPackHandler::TakeStagedReleases() {
 }
 
 Json::Value CheckingPackHandler::Chosen(const Json::Value& info) const {
-  last_ = info;
+  withdrawn_ = WithdrawnVersions(info);
   other_releases_ = {};
   if (!HasOtherReleases(info)) {
     return info;
   }
   const std::string installed = GetVersionFromInfo(GetInfoPath());
-  other_releases_.withdrawn = IsWithdrawn(info, installed) ? installed : "";
+  other_releases_.withdrawn = HasWithdrawn(installed) ? installed : "";
   if (!audience_) {
     audience_ = ReadAudience();
   }

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -56,7 +57,7 @@ class CheckingPackHandler : public updater::PackHandler {
   void LookBeforeDownload(Look look) { look_ = std::move(look); }
 
   /// Whether the last reply says of this version that it was taken back.
-  [[nodiscard]] bool HasWithdrawn(const std::string& version) const { return IsWithdrawn(last_, version); }
+  [[nodiscard]] bool HasWithdrawn(const std::string& version) const { return withdrawn_.contains(version); }
 
   /// From now on also takes rejected versions.
   void AcceptRejected() { accepts_rejected_ = true; }
@@ -88,7 +89,7 @@ class CheckingPackHandler : public updater::PackHandler {
   [[nodiscard]] bool Rejects(const std::string& version) const;
 
   mutable std::optional<Audience> audience_;  // read when a reply asks for it
-  mutable Json::Value last_;                  // the last reply's member for the pack
+  mutable std::set<std::string> withdrawn_;   // by the last reply
   mutable OtherReleases other_releases_;
   mutable Offer offer_;
   Look look_;

@@ -27,7 +27,7 @@ bool IsWithdrawnNow(const std::string& name, const std::string& version) {
   constexpr long kOk = 200;
   const NetworkReply reply = AskNetwork(get);
   const std::optional<Json::Value> root = reply.status == kOk ? ParseJsonObject(reply.body) : std::nullopt;
-  return root && IsWithdrawn((*root)[name], version);
+  return root && WithdrawnVersions((*root)[name]).contains(version);
 }
 
 }  // namespace orbamira::packctl

@@ -1,6 +1,7 @@
 #include "tools/packctl/policy/release_choice.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "platform/constants.h"
 #include "platform/json/json_object.h"
@@ -67,11 +68,14 @@ ReleaseChoice ChooseRelease(const Json::Value& pack, const Audience& audience) {
   return choice;
 }
 
-bool IsWithdrawn(const Json::Value& pack, const std::string& version) {
+std::set<std::string> WithdrawnVersions(const Json::Value& pack) {
   const Json::Value& versions = HasOtherReleases(pack) ? pack[kWithdrawn] : Json::Value::nullSingleton();
-  return !version.empty() && versions.isArray() &&
-         std::any_of(versions.begin(), versions.end(),
-                     [&version](const Json::Value& each) { return TextOf(each) == version; });
+  std::set<std::string> texts;
+  if (versions.isArray()) {
+    std::transform(versions.begin(), versions.end(), std::inserter(texts, texts.end()), TextOf);
+  }
+  texts.erase("");
+  return texts;
 }
 
 }  // namespace orbamira::packctl

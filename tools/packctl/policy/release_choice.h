@@ -3,6 +3,7 @@
 #include <json/value.h>
 
 #include <optional>
+#include <set>
 #include <string>
 
 #include "tools/packctl/record/answered_check.h"
@@ -37,7 +38,7 @@ bool HasOtherReleases(const Json::Value& pack);
 /// version, link or checksum, or whose rollout or channel is of a wrong type, is passed over.
 ReleaseChoice ChooseRelease(const Json::Value& pack, const Audience& audience);
 
-/// Whether the reply says of this version that it was taken back.
-bool IsWithdrawn(const Json::Value& pack, const std::string& version);
+/// The versions of which the reply says that they were taken back.
+std::set<std::string> WithdrawnVersions(const Json::Value& pack);
 
 }  // namespace orbamira::packctl
