@@ -81,7 +81,7 @@ std::string CheckingPackHandler::GetDownloadVersion(const Json::Value& info) con
 
 void CheckingPackHandler::RefuseOlder(const std::string& version) const {
   const std::string installed = GetVersionFromInfo(GetInfoPath());
-  if (!accepts_older_ && !installed.empty() && IsNewVersion(version, installed)) {
+  if (!accepts_older_ && !version.empty() && !installed.empty() && IsNewVersion(version, installed)) {
     throw std::runtime_error("the version on offer, " + version + ", is older than the installed " + installed);
   }
 }

@@ -65,7 +65,7 @@ class CheckingPackHandler : public updater::PackHandler {
   /// From now on also takes versions that are older than the installed one.
   void AcceptOlder() { accepts_older_ = true; }
 
-  /// Throws std::runtime_error for such a version, unless they are taken.
+  /// Throws std::runtime_error for such a version, unless they are taken. An offer that names no version is none.
   void RefuseOlder(const std::string& version) const;
 
   /// The version on offer, checked, and noted as offered.
