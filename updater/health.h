@@ -26,7 +26,9 @@ struct RejectedVersion {
   std::string reason = {};   ///< a clause: "it failed its health check"
   std::time_t time = 0;      ///< when it was rejected, in seconds since the epoch
 
-  friend bool operator==(const RejectedVersion&, const RejectedVersion&) = default;
+  friend bool operator==(const RejectedVersion& one, const RejectedVersion& other) {
+    return one.version == other.version && one.reason == other.reason && one.time == other.time;
+  }
 };
 
 /// The versions that were rejected and that are newer than the pack that was last found healthy, the newest rejection
