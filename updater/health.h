@@ -26,6 +26,7 @@ struct RejectedVersion {
   std::string reason = {};   ///< a clause: "it failed its health check"
   std::time_t time = 0;      ///< when it was rejected, in seconds since the epoch
 
+  /// Whether all three are the same.
   friend bool operator==(const RejectedVersion& one, const RejectedVersion& other) {
     return one.version == other.version && one.reason == other.reason && one.time == other.time;
   }
