@@ -1,4 +1,4 @@
-// A host that stays: it updates through the library as often as it is told to, as one that runs for months does.
+// A host that keeps running, as one does for months: it updates through the library whenever it is told to.
 //
 // usage: resident_host [--leak descriptor|memory]
 //

@@ -275,7 +275,7 @@ class NetworkSettingsTest(unittest.TestCase):
         for file, problem in (
             (self.top / "none.pem", "there is no such file"),
             (damaged, "it is damaged, or holds no certificate"),
-            (folder, "it is no file"),
+            (folder, "it is not a file"),
         ):
             with self.subTest(file):
                 self.use(published, ca_file=file)

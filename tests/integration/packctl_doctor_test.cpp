@@ -357,7 +357,7 @@ std::vector<Fault> Faults() {
   const std::string temporary = std::string(path::kPackStatusFile) + ".AbCdEf";
   return {
       {"SettingsThatCannotBeRead", [](Appliance&) { PutFolderAt(path::kDefaultPkgSetting); }, "settings",
-       std::string(path::kDefaultPkgSetting) + " cannot be read: it is no file"},
+       std::string(path::kDefaultPkgSetting) + " cannot be read: it is not a file"},
       {"ALineThatIsNoSetting", [](Appliance&) { AddSetting("pack_update_server"); }, "settings",
        settings + ": line 2 is not KEY=VALUE"},
       {"AKeyThatNothingReads", [](Appliance&) { AddSetting("colour=x"); }, "settings",

@@ -2,6 +2,7 @@
 """A bad pack goes away by itself, and a person can send one away."""
 
 import argparse
+import contextlib
 import json
 import pathlib
 import sys
@@ -103,6 +104,15 @@ class RollbackTest(unittest.TestCase):
         self.packctl(FAILED, "update", "--reinstall")
         self.assert_installed("1.0")
 
+    @contextlib.contextmanager
+    def no_health_check(self):
+        """Without the program that checks a pack."""
+        program = self.appliance.helpers / "check-health"
+        target = program.readlink()
+        program.unlink()
+        yield
+        program.symlink_to(target)
+
     def test_a_rejected_version_leaves_no_work_behind(self):
         """A kill between the rejection and the last record of the way back, or a package that was downloaded before."""
         self.install("1.0")
@@ -121,14 +131,11 @@ class RollbackTest(unittest.TestCase):
         """Its pack was not checked yet, so that the one before it is all that is known to be good."""
         self.install("1.0")
         self.offer("2.0")
-        program = self.appliance.helpers / "check-health"
-        target = program.readlink()
-        program.unlink()
-        self.packctl(0, "update")
-        self.appliance.write_status('{"status": "download_install_failed"}')
-        self.packctl(0, "check")
-        self.packctl(0, "update")
-        program.symlink_to(target)
+        with self.no_health_check():
+            self.packctl(0, "update")
+            self.appliance.write_status('{"status": "download_install_failed"}')
+            self.packctl(0, "check")
+            self.packctl(0, "update")
         self.packctl(NOTHING, "check")
         self.assert_installed("1.0")
 
@@ -158,13 +165,10 @@ class RollbackTest(unittest.TestCase):
     def test_a_check_that_cannot_be_made_keeps_the_pack(self):
         self.install("1.0")
         self.offer("3.0")
-        program = self.appliance.helpers / "check-health"
-        target = program.readlink()
-        program.unlink()
-        self.packctl(0, "update")
-        self.assert_installed("3.0")
-        self.assertIn("not checked", self.appliance.packctl("doctor").stdout)
-        program.symlink_to(target)
+        with self.no_health_check():
+            self.packctl(0, "update")
+            self.assert_installed("3.0")
+            self.assertIn("not checked", self.appliance.packctl("doctor").stdout)
         self.packctl(NOTHING, "check")
         self.assertNotIn("was not checked", self.appliance.packctl("doctor").stdout)
 

@@ -268,14 +268,19 @@ class RolloutTest(unittest.TestCase):
         self.assertEqual(["the maker has withdrawn 1.2"], entries[0]["errors"])
         self.assertIn("Nothing new: the maker has withdrawn 1.2. 1.2 stays", appliance.packctl("history").stdout)
 
-    def with_withdrawn_download(self):
-        """An appliance that has 1.1 and has downloaded 1.2, which is withdrawn."""
+    def with_offer(self):
+        """An appliance that has 1.1 and has found 1.2."""
         server = self.start_plain()
         self.publish("1.1")
         appliance = self.appliance("nas", server.url)
         appliance.expect("update")
         self.publish("1.2")
         appliance.expect("check")
+        return appliance
+
+    def with_withdrawn_download(self):
+        """An appliance that has 1.1 and has downloaded 1.2, which is withdrawn."""
+        appliance = self.with_offer()
         appliance.expect("download")
         self.mkpack("withdraw", self.name, "1.2", "--output", self.packs)
         return appliance
@@ -313,12 +318,7 @@ class RolloutTest(unittest.TestCase):
         self.assertEqual("1.2", self.installed(appliance))
 
     def test_recorded_offer_that_was_withdrawn_is_forgotten(self):
-        server = self.start_plain()
-        self.publish("1.1")
-        appliance = self.appliance("nas", server.url)
-        appliance.expect("update")
-        self.publish("1.2")
-        appliance.expect("check")
+        appliance = self.with_offer()
         self.assertEqual("need_download", appliance.status())
         self.mkpack("withdraw", self.name, "1.2", "--output", self.packs)
         self.assertEqual("nothing_new", self.check(appliance)["result"])

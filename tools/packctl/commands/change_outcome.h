@@ -26,8 +26,8 @@ Outcome RunCancellable(Context& context, Outcome (*run)(Context&));
 /// The server offers a version that was rejected on this appliance, and `others` beside it.
 Outcome RejectedOffer(const std::string& version, const OtherReleases& others);
 
-/// Notes that the update server has answered, as NoteAnsweredCheck() does. That the maker has withdrawn the installed
-/// pack is told in the outcome, and so in the history, when the server says so first.
+/// Notes that the update server has answered, as NoteAnsweredCheck() does. The first time that the server says that the
+/// maker has withdrawn the installed pack, the outcome says so too, and with it the history.
 void NoteAnswer(Outcome& outcome, const std::string& version, bool is_news, const OtherReleases& others);
 
 /// Gives a downloaded pack up, which is not to be installed any more.

@@ -90,7 +90,7 @@ std::optional<std::string> CancelledCommand() try {
   const bool is_cancelled = last != history.entries.rend() && last->exit == kExitCancelled;
   return is_cancelled ? std::optional(last->command) : std::nullopt;
 } catch (const std::exception&) {
-  return std::nullopt;  // that the history cannot be read is told elsewhere
+  return std::nullopt;  // an unreadable history is for the doctor to report
 }
 
 std::string RepetitionWords(const Versions& versions) {

@@ -23,7 +23,7 @@ FileText ReadText(const std::filesystem::path& file) {
   }
   struct stat about {};
   if (fstat(fd.get(), &about) != 0 || !S_ISREG(about.st_mode)) {
-    return {.problem = "it is no file"};
+    return {.problem = "it is not a file"};
   }
   try {
     std::string text(kMost, '\0');
