@@ -12,13 +12,13 @@
 #include "platform/json/json_line.h"
 #include "platform/json/json_object.h"
 #include "platform/log.h"
+#include "platform/orba_core_wrapper.h"
 #include "platform/posix/atomic_file.h"
 #include "platform/posix/file_status.h"
 #include "platform/posix/files.h"
 #include "platform/posix/unique_fd.h"
 #include "platform/version.h"
 #include "updater/json_text.h"
-#include "updater/kos_helper.h"
 
 namespace orbamira::updater {
 namespace {
@@ -62,8 +62,8 @@ std::optional<PackId> NamedIn(const std::string& info) {
   if (!std::filesystem::is_regular_file(StatusOf(info, error))) {
     return std::nullopt;
   }
-  const auto facts = KOSHelper::Create();
-  return PackId{facts->GetPackageNameFromPath(info), facts->GetVersionFromPath(info)};
+  wrapper::OrbaCoreWrapper core;
+  return PackId{core.GetKeyValue(info, param::kPackage), core.GetKeyValue(info, common::kVersion)};
 }
 
 // As the information file of a pack has it.

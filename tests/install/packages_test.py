@@ -214,10 +214,14 @@ RECORDING_PLUGIN = """#!/bin/sh
 """
 
 
+def libraries_of(program):
+    """What the loader says of the libraries of the program; nothing of one that needs none."""
+    return subprocess.run(["ldd", program], capture_output=True, text=True, check=False).stdout
+
+
 def needed_libraries(program):
     """The libraries that the program loads, and its loader; none for one that needs neither."""
-    done = subprocess.run(["ldd", program], capture_output=True, text=True, check=False)
-    return {pathlib.Path(path) for path in re.findall(r"(/\S+) \(0x", done.stdout)}
+    return {pathlib.Path(path) for path in re.findall(r"(/\S+) \(0x", libraries_of(program))}
 
 
 def is_python(path):
@@ -322,6 +326,7 @@ class PackagesLife:
         staged = {str(path.relative_to(stage)) for path in stage.rglob("*") if path.is_symlink() or path.is_file()}
         tops = {name.split("/")[0] for name in staged}
         report.expect("no installed file is without a package", set(), staged - set(root.files(*tops)))
+        self.check_libraries()
         groups = [line.split(":") for line in (root.folder / "etc/group").read_text().splitlines()]
         numbers = [int(group[2]) for group in groups if group[0] == self.paths.group]
         report.expect("there is one group for the locks", 1, len(numbers))
@@ -337,6 +342,18 @@ class PackagesLife:
             True,
             "# pack_update_server=" in (self.settings / "updater.conf").read_text(),
         )
+
+    def check_libraries(self):
+        """Where the programs are installed, no folder of the build helps them to a library."""
+        helpers = self.root.folder / self.paths.helpers_folder
+        programs = [self.root.folder / "usr/bin/packctl", *sorted(helpers.iterdir())]
+        self.report.expect(
+            "each program finds its libraries",
+            [],
+            [program.name for program in programs if "not found" in libraries_of(program)],
+        )
+        needed = re.findall(r"lib(?:curl|cpr)\S*", libraries_of(helpers / "orba-recover"))
+        self.report.expect("recovery at boot needs no library for the network", [], needed)
 
     def choose_services(self):
         self.report.expect(
