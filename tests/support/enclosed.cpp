@@ -6,7 +6,8 @@
 // left when the command ends, when its own parent ends, and when it is stopped by a signal. It ends as the command
 // does; a command that succeeds and leaves processes behind fails, unless they end by themselves within SECONDS (30).
 // TMPDIR is a folder of the command's own, which is removed with all that it holds. With --memory it is in memory,
-// where programs can be run there.
+// where programs can be run there. The command begins with no signal ignored or blocked, as from a terminal: nohup and
+// shells ignore some for what they start in the background.
 
 #include <dirent.h>
 #include <sys/prctl.h>
@@ -125,6 +126,15 @@ class TemporaryFolder {
   fs::path path_;
 };
 
+void ForgetInheritedSignals() {
+  for (int number = 1; number < SIGRTMIN; ++number) {
+    signal(number, SIG_DFL);  // refused for SIGKILL and SIGSTOP, which nobody ignores
+  }
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
 /// A command and everything that it starts.
 class Enclosure {
  public:
@@ -133,14 +143,13 @@ class Enclosure {
     for (const int number : {SIGCHLD, SIGTERM, SIGINT, SIGHUP}) {
       sigaddset(&signals_, number);
     }
-    sigset_t before;
-    sigprocmask(SIG_BLOCK, &signals_, &before);
+    sigprocmask(SIG_BLOCK, &signals_, nullptr);
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     const pid_t self = getpid();
     command_ = fork();
     if (command_ == 0) {
-      sigprocmask(SIG_SETMASK, &before, nullptr);
+      ForgetInheritedSignals();
       prctl(PR_SET_PDEATHSIG, SIGKILL);
       if (getppid() == self) {
         execvp(command[0], command);

@@ -81,6 +81,18 @@ class EnclosedTest(unittest.TestCase):
         )
         self.assertEqual((0, "ended\n"), (done.returncode, done.stdout))
 
+    def test_command_begins_with_no_signal_ignored_or_blocked(self):
+        ignoring = ["sh", "-c", 'trap "" HUP INT TERM; exec "$@"', "sh"]
+        done = subprocess.run(
+            [*ignoring, self.enclosed, "grep", "-E", "^Sig(Blk|Ign):", "/proc/self/status"],
+            capture_output=True,
+            text=True,
+            timeout=HANG,
+            check=False,
+            preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGUSR1}),
+        )
+        self.assertEqual(["0" * 16] * 2, [line.split()[1] for line in done.stdout.splitlines()], done.stdout)
+
     def test_leaves_no_temporary_file(self):
         text = 'mkdir -p "$TMPDIR/a/b" && touch "$TMPDIR/a/b/file" && chmod 500 "$TMPDIR/a/b" && chmod 0 "$TMPDIR/a"'
         for end, status in (("true", 0), ("kill -KILL $$", 128 + signal.SIGKILL)):
