@@ -19,8 +19,6 @@
 namespace orbamira::updater {
 namespace {
 
-constexpr long kHttpOk = 200;
-
 // Gets the update server's reply. A reply that is too long has an empty body.
 NetworkReply AskServer(const UpdateRequest& request) {
   NetworkRequest get{.url = request.address, .most_bytes = kJsonTextLimit};
@@ -229,7 +227,8 @@ bool PackManager::FetchDownloadInfo(bool with_aac, Json::Value& pack_info) const
     ORBAMIRA_LOG_ERROR("Failed to send request with error: %s", reply.error.c_str());
     return false;
   }
-  if (reply.status != kHttpOk) {
+  constexpr long kOk = 200;
+  if (reply.status != kOk) {
     ORBAMIRA_LOG_ERROR("Failed to send request with status: %d", static_cast<int>(reply.status));
     return false;
   }

@@ -21,7 +21,7 @@ namespace orbamira {
 namespace {
 
 constexpr int kOk = 200;
-constexpr std::size_t kPieceSize = 64UL * 1024;
+constexpr std::size_t kReadSize = 64UL * 1024;
 
 /// A file of another's, which may vanish at any moment.
 class Source {
@@ -43,7 +43,7 @@ class Source {
 
   /// The next bytes; none after `size` bytes.
   std::string_view Next() {
-    const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(kPieceSize, size_ - done_));
+    const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(kReadSize, size_ - done_));
     const std::size_t count = ReadFully(file_.get(), piece_.data(), wanted, shown_);
     if (count < wanted) {
       throw std::runtime_error(shown_ + ": it became shorter");
@@ -57,7 +57,7 @@ class Source {
   UniqueFd file_;
   std::int64_t size_ = 0;
   std::int64_t done_ = 0;
-  std::array<char, kPieceSize> piece_;
+  std::array<char, kReadSize> piece_;
 };
 
 /// Tells a failure of a disk apart from an exception of the progress function.

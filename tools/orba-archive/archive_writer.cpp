@@ -21,7 +21,7 @@
 namespace orbamira::tools {
 namespace {
 
-constexpr size_t kReadSize = 256UL * 1024;
+constexpr size_t kFileReadSize = 256UL * 1024;
 
 /// Collects the names of members, sorted; a folder comes before its contents.
 class Collector {
@@ -102,7 +102,7 @@ class PendingFile {
 class Writer {
  public:
   Writer(int fd, Layer layer, int folder, time_t mtime)
-      : folder_(folder), mtime_(mtime), buffer_(kReadSize), archive_(archive_write_new(), archive_write_free) {
+      : folder_(folder), mtime_(mtime), buffer_(kFileReadSize), archive_(archive_write_new(), archive_write_free) {
     if (!archive_) {
       throw std::bad_alloc();
     }

@@ -7,6 +7,7 @@
 #include "tools/packctl/host/codec_report.h"
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/view/local_time.h"
+#include "tools/packctl/view/result_words.h"
 #include "updater/plugin_notifier.h"
 
 namespace orbamira::packctl {
@@ -16,13 +17,7 @@ Outcome Failed(std::vector<std::string> problems) {
   return {.exit = kExitFailed, .result = "failed", .problems = std::move(problems)};
 }
 
-std::string Joined(const std::vector<std::string>& texts) {
-  std::string joined;
-  for (const std::string& text : texts) {
-    joined += (joined.empty() ? "" : ", ") + text;
-  }
-  return joined.empty() ? "none" : joined;
-}
+std::string JoinedOrNone(const std::vector<std::string>& codecs) { return codecs.empty() ? "none" : Joined(codecs); }
 
 }  // namespace
 
@@ -50,7 +45,8 @@ Outcome Codecs(Context& context) {
   Outcome outcome;
   outcome.members["installed"] = ListOf(codecs.installed);
   outcome.members["requested"] = ListOf(codecs.requested);
-  outcome.text = "Installed: " + Joined(codecs.installed) + "\nRequested: " + Joined(codecs.requested) + "\n";
+  outcome.text =
+      "Installed: " + JoinedOrNone(codecs.installed) + "\nRequested: " + JoinedOrNone(codecs.requested) + "\n";
   return outcome;
 }
 

@@ -18,14 +18,6 @@
 namespace orbamira::packctl {
 namespace {
 
-std::string Joined(const std::vector<std::string>& names) {
-  std::string joined;
-  for (const std::string& name : names) {
-    joined += (joined.empty() ? "" : ", ") + name;
-  }
-  return joined;
-}
-
 // A codec's name in a sentence.
 std::string Uppercase(std::string codec) {
   std::ranges::transform(codec, codec.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });

@@ -18,7 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kCheck = "permissions";
+constexpr const char* kPermissions = "permissions";
 
 // Empty for what cannot be looked at: that is for other checks.
 std::string WhyPathIsDistrusted(const fs::path& path) {
@@ -91,7 +91,7 @@ void CheckTrust(Findings& findings) {
   }
   for (const auto& [path, why] : distrusted) {
     findings.push_back(
-        {kCheck, path.string() + ": " + why,
+        {kPermissions, path.string() + ": " + why,
          "let root alone own and write it: chown root " + path.string() + "; chmod go-w " + path.string()});
   }
 }
@@ -101,21 +101,22 @@ void CheckAccount(Findings& findings) {
   struct stat about {};
   if (stat(file.c_str(), &about) != 0) {
     if (errno != ENOENT) {
-      findings.push_back({kCheck, file + " cannot be examined: " + std::generic_category().message(errno),
+      findings.push_back({kPermissions, file + " cannot be examined: " + std::generic_category().message(errno),
                           "make it a file of mode 0600 that belongs to root"});
     }
     return;
   }
   if (!S_ISREG(about.st_mode)) {
-    findings.push_back({kCheck, file + " is no file", "remove it and sign in again"});
+    findings.push_back({kPermissions, file + " is no file", "remove it and sign in again"});
   } else if ((about.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-    findings.push_back({kCheck, file + " is open to others, so the account is not used", "chmod 0600 " + file});
+    findings.push_back({kPermissions, file + " is open to others, so the account is not used", "chmod 0600 " + file});
   }
 }
 
 void CheckProgram(const char* program, Findings& findings) {
   if (faccessat(AT_FDCWD, program, X_OK, AT_EACCESS) != 0 || !fs::is_regular_file(StatusOf(program))) {
-    findings.push_back({kCheck, std::string(program) + " is missing or cannot be run", "install the package again"});
+    findings.push_back(
+        {kPermissions, std::string(program) + " is missing or cannot be run", "install the package again"});
   }
 }
 
@@ -126,9 +127,9 @@ void CheckWritable(fs::path folder, Findings& findings) {
     folder = folder.parent_path();
   }
   if (!fs::is_directory(StatusOf(folder, error))) {
-    findings.push_back({kCheck, folder.string() + " is no folder", "move it away and run \"packctl recover\""});
+    findings.push_back({kPermissions, folder.string() + " is no folder", "move it away and run \"packctl recover\""});
   } else if (faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
-    findings.push_back({kCheck, folder.string() + " cannot be written: " + std::generic_category().message(errno),
+    findings.push_back({kPermissions, folder.string() + " cannot be written: " + std::generic_category().message(errno),
                         "run packctl as root and make the file system writable"});
   }
 }

@@ -16,7 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kCheck = "plugins";
+constexpr const char* kPlugins = "plugins";
 
 /// A folder that only we can open, gone with its object.
 class PrivateFolder {
@@ -71,13 +71,13 @@ Findings CheckHealthPrograms() {
 
 Findings CheckPlugins(Console& console) {
   Findings findings =
-      CheckExecutable(kCheck, path::kPluginFolder, " is not executable, so it is never told of anything");
+      CheckExecutable(kPlugins, path::kPluginFolder, " is not executable, so it is never told of anything");
   // Not in the library's own place, where an update or another query may be waiting for its answer.
   std::optional<PrivateFolder> folder;
   try {
     folder.emplace();
   } catch (const std::system_error& error) {
-    findings.push_back({kCheck,
+    findings.push_back({kPlugins,
                         std::string("the plugins cannot be asked, for want of a temporary folder: ") + error.what(),
                         "make room there, or set TMPDIR to a folder that can be written"});
     return findings;
@@ -89,7 +89,7 @@ Findings CheckPlugins(Console& console) {
   constexpr std::string_view kSpeaker = "list-app-ids: ";
   for (const std::string& line : console.TakeHeld().other) {
     if (line.starts_with(kSpeaker)) {
-      findings.push_back({kCheck, line.substr(kSpeaker.size()), "mend or remove it"});
+      findings.push_back({kPlugins, line.substr(kSpeaker.size()), "mend or remove it"});
     }
   }
   return findings;

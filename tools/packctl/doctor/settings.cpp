@@ -22,7 +22,7 @@
 namespace orbamira::packctl {
 namespace {
 
-constexpr const char* kCheck = "settings";
+constexpr const char* kSettings = "settings";
 constexpr std::array kSettingsFiles = {&path::kPkgSetting, &path::kDefaultPkgSetting};
 
 std::vector<std::string> KnownKeys() {
@@ -41,14 +41,14 @@ void CheckLine(const std::string& place, const std::string& line, Findings& find
   // With a colon it is the beginning of an address, and there may be a password in it.
   if (!setting || setting->key.find(':') != std::string_view::npos) {
     findings.push_back(
-        {kCheck, place + " is not " + kSettingForm + " and is passed over", "correct or remove the line"});
+        {kSettings, place + " is not " + kSettingForm + " and is passed over", "correct or remove the line"});
     return;
   }
   const std::string key(setting->key);
   const std::vector<std::string> known = KnownKeys();
   if (std::find(known.begin(), known.end(), key) == known.end()) {
     const std::string nearest = NearestWord(key, known);
-    findings.push_back({kCheck, place + " sets " + key + ", which nothing reads",
+    findings.push_back({kSettings, place + " sets " + key + ", which nothing reads",
                         nearest.empty() ? "remove the line" : "write " + nearest + ", or remove the line"});
   }
 }
@@ -66,7 +66,7 @@ void CheckValue(const KnownSetting& known, Findings& findings) {
   const std::optional<Setting> setting = ReadOwnOrMakersSetting(known.key);
   if (setting && !known.is_valid(setting->value)) {
     findings.push_back(
-        {kCheck,
+        {kSettings,
          setting->file + ": " + known.key + " is not " + known.value + (known.is_secret ? "" : ": " + setting->value),
          std::string("set it to ") + known.value});
   }
@@ -92,7 +92,7 @@ void CheckCaFile(Findings& findings) {
   if (read.text) {
     problem = "it is damaged, or holds no certificate";
   }
-  findings.push_back({kCheck,
+  findings.push_back({kSettings,
                       setting->file + ": " + kCaFileSetting + " cannot be used: " + setting->value + ": " + problem,
                       "put the certificates of the authorities there (PEM)"});
 }
@@ -102,7 +102,7 @@ void CheckPasswordOfProxy(Findings& findings) {
   struct stat about {};
   if (setting && setting->value.find('@') != std::string::npos && stat(setting->file.c_str(), &about) == 0 &&
       (about.st_mode & S_IROTH) != 0) {
-    findings.push_back({kCheck, setting->file + " has the password of a proxy in it, and everyone may read it",
+    findings.push_back({kSettings, setting->file + " has the password of a proxy in it, and everyone may read it",
                         "run \"chmod o-r " + setting->file + "\""});
   }
 }
@@ -110,14 +110,14 @@ void CheckPasswordOfProxy(Findings& findings) {
 void CheckSupport(Findings& findings) {
   const std::optional<std::chrono::sys_days> last = ReadSupportEnd();
   if (last && HasPassed(*last)) {
-    findings.push_back({kCheck, "the maker's support of this appliance ended on " + DayText(*last),
+    findings.push_back({kSettings, "the maker's support of this appliance ended on " + DayText(*last),
                         "ask the maker who closes security holes from now on"});
   }
 }
 
 void CheckIdentity(const char* file, const char* key, const std::string& value, Findings& findings) {
   if (value.empty()) {
-    findings.push_back({kCheck, std::string(file) + " gives no " + key + ", without which no update is asked for",
+    findings.push_back({kSettings, std::string(file) + " gives no " + key + ", without which no update is asked for",
                         std::string("set ") + key + " there"});
   }
 }
@@ -129,7 +129,7 @@ Findings CheckSettings() {
   for (const char* const* file : kSettingsFiles) {
     const FileText read = ReadText(*file);
     if (!read.problem.empty()) {
-      findings.push_back({kCheck, std::string(*file) + " cannot be read: " + read.problem,
+      findings.push_back({kSettings, std::string(*file) + " cannot be read: " + read.problem,
                           "put a file there that packctl may read, or none"});
     }
     CheckLines(*file, read.text.value_or(""), findings);
@@ -137,10 +137,10 @@ Findings CheckSettings() {
   const auto facts = updater::KOSHelper::Create();
   const std::string server = facts->GetPackUpdateServerUrl();
   if (server.empty()) {
-    findings.push_back({kCheck, "no update server is set",
+    findings.push_back({kSettings, "no update server is set",
                         std::string("set ") + common::kPackUpdateServer + " in " + path::kPkgSetting});
   } else if (SchemeOf(server).empty()) {
-    findings.push_back({kCheck, "the update server's address is none of http or https: " + ShownLink(server),
+    findings.push_back({kSettings, "the update server's address is none of http or https: " + ShownLink(server),
                         std::string("correct ") + common::kPackUpdateServer});
   }
   for (const KnownSetting& setting : KnownSettings()) {

@@ -26,6 +26,14 @@ std::string Capitalized(std::string words) {
   return words;
 }
 
+std::string Joined(const std::vector<std::string>& texts) {
+  std::string joined;
+  for (const std::string& text : texts) {
+    joined += (joined.empty() ? "" : ", ") + text;
+  }
+  return joined;
+}
+
 std::string QuotedWord(const std::string& word) {
   const auto is_plain = [](unsigned char c) { return std::isalnum(c) != 0 || std::strchr("-_./,:@%+=", c) != nullptr; };
   if (!word.empty() && std::ranges::all_of(word, is_plain)) {

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tools/packctl/record/history.h"
 
@@ -11,6 +12,9 @@ namespace orbamira::packctl {
 
 /// The words as they begin a sentence.
 std::string Capitalized(std::string words);
+
+/// The texts with a comma between each two: "hevc, aac".
+std::string Joined(const std::vector<std::string>& texts);
 
 /// The word as a person types it into a shell: 'my stick' with the quotation marks that it needs.
 std::string QuotedWord(const std::string& word);
