@@ -20,10 +20,9 @@ import tempfile
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
 from appliance import Appliance, install  # noqa: E402
 from nginx import WebServer  # noqa: E402
-from source_copy import copy_sources  # noqa: E402
+from source_copy import QUICK, copy_sources  # noqa: E402
 
 OF_BEFORE = re.compile(rb"/(etc|run|usr/(lib|libexec|share)|var/(cache|lib))/orbamira|codec-pack|orbamira-hevc")
-QUICK = ("-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DORBAMIRA_BUILD_BENCH=OFF")
 TOOLS = ("cmake", "ninja", "nginx", "bash")
 SKIPPED = 77
 

@@ -15,10 +15,8 @@ import shutil
 import subprocess
 import sys
 
-from source_copy import copy_sources
+from source_copy import QUICK, copy_sources
 
-# As quick to compile as it can be; without debug information, as what is shipped.
-QUICK = ("-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DORBAMIRA_BUILD_BENCH=OFF")
 TOOLS = ("cmake", "cpack", "ninja", "dpkg-deb", "dpkg-shlibdeps", "file")
 SKIPPED = 77
 
