@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
@@ -309,6 +310,17 @@ TEST_F(FileLockTest, ThrowsWithThePathWhenTheFileCannotBeMade) {
               testing::AllOf(HasSubstr(path_ + "/lock"), HasSubstr(test::ErrorText(ENOTDIR))));
   EXPECT_THAT(ErrorOf(path_ + "/a/lock"), testing::AllOf(HasSubstr(path_ + "/a"), HasSubstr(test::ErrorText(ENOTDIR))));
   EXPECT_THAT(ErrorOf(""), HasSubstr(test::ErrorText(ENOENT)));
+}
+
+TEST_F(FileLockTest, ThrowsWithThePathWhenTheModeCannotBeSet) {
+  test::WithFailingCall(SYS_fchmod, EROFS, [this] {
+    EXPECT_EQ(ErrorOf(path_), "set mode of lock file " + path_ + ": " + test::ErrorText(EROFS));
+  });
+}
+
+TEST_F(FileLockTest, ThrowsWithThePathWhenThereAreNoLocks) {
+  test::WithFailingCall(SYS_flock, ENOLCK,
+                        [this] { EXPECT_EQ(ErrorOf(path_), "lock " + path_ + ": " + test::ErrorText(ENOLCK)); });
 }
 
 // A folder or a pipe in its place is strange, but whoever opens it locks the same thing.
