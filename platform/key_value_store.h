@@ -39,10 +39,10 @@ class ORBAMIRA_EXPORT IKeyValueStore {
 /// the lock: without it a read in the very moment of a write may give the beginning of one state and the end of
 /// another.
 ///
-/// What stands there but is no JSON object of texts, cannot be read to its end or is no file at all (a folder, a pipe)
-/// is renamed to "<name>.broken" in place of what was set aside earlier, logged, and an empty store takes its place. A
-/// file that is only closed to this user stays. All operations throw std::system_error when the file system refuses
-/// them; the file then is as it was, but after a failed flush a power cut may bring the refused value to light.
+/// What stands there but is not a JSON object of texts, cannot be read to its end or is not a file at all (a folder, a
+/// pipe) is renamed to "<name>.broken" in place of what was set aside earlier, logged, and an empty store takes its
+/// place. A file that is only closed to this user stays. All operations throw std::system_error when the file system
+/// refuses them; the file then is as it was, but after a failed flush a power cut may bring the refused value to light.
 class ORBAMIRA_EXPORT FileKeyValueStore : public IKeyValueStore {
  public:
   /// The store in the file `path`, which is made with its folder when missing. Empty, with the cause in the log,

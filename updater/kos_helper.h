@@ -23,7 +23,7 @@ class ORBAMIRA_EXPORT IKOSHelper {
   /// Whether the path is a directory or a symbolic link. A link counts even if it leads nowhere.
   virtual bool DirExist(const std::string& path) const = 0;
 
-  /// Whether a file exists at the path; a directory is no file. Symbolic links are followed.
+  /// Whether a file exists at the path; a directory is not one. Symbolic links are followed.
   virtual bool FileExist(const std::string& path) const = 0;
 
   /// When the file was modified, in seconds since 1970; 0 when it is missing. Symbolic links are followed.

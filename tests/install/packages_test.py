@@ -89,7 +89,7 @@ class Root:
         return sorted(path.name for path in (self.folder / "etc/systemd/system").glob("*.wants/*"))
 
     def files(self, *folders):
-        """What lies below the folders and is no folder itself."""
+        """What lies below the folders and is not a folder itself."""
         return sorted(
             str(path.relative_to(self.folder))
             for name in folders

@@ -410,7 +410,7 @@ std::vector<Fault> Faults() {
        },
        "permissions", std::string(path::kAccountFile) + " is open to others"},
       {"AnAccountThatIsAFolder", [](Appliance&) { PutFolderAt(path::kAccountFile); }, "permissions",
-       std::string(path::kAccountFile) + " is no file"},
+       std::string(path::kAccountFile) + " is not a file"},
       {"AMissingProgram", [](Appliance&) { fs::remove(path::kCpPath); }, "permissions",
        std::string(path::kCpPath) + " is missing or cannot be run"},
       {"AFileInPlaceOfAFolder",
@@ -418,7 +418,7 @@ std::vector<Fault> Faults() {
          fs::remove_all(kDownloadFolder);
          WriteFile(kDownloadFolder, "");
        },
-       "permissions", std::string(kDownloadFolder) + " is no folder"},
+       "permissions", std::string(kDownloadFolder) + " is not a folder"},
       {"ALockFolderThatEveryoneMayWrite",
        [](Appliance&) { fs::permissions(fs::path(path::kPackctlLock).parent_path(), fs::perms(0777)); }, "permissions",
        fs::path(path::kPackctlLock).parent_path().string() + ": everyone may write it"},

@@ -122,7 +122,7 @@ class VerifyReplyTest(PublishedTest):
                 self.assertIn("it is not valid JSON", found[0]["problem"])
 
     def test_that_is_no_object(self):
-        self.assert_reply_refused(b"[]", "it is no JSON object")
+        self.assert_reply_refused(b"[]", "it is not a JSON object")
 
     def test_that_names_something_twice(self):
         self.assert_reply_refused(f'{{"{HEVC}": {{"size": 1, "size": 2}}}}'.encode(), "'size' is in it twice")
@@ -169,7 +169,7 @@ class VerifyReplyTest(PublishedTest):
         for value in ("text", [], None, 1):
             with self.subTest(value):
                 self.reply.write_text(json.dumps({**self.members(), HEVC: value}))
-                self.assert_finding(HEVC, "it is no JSON object")
+                self.assert_finding(HEVC, "it is not a JSON object")
 
     def test_whose_links_lead_elsewhere(self):
         for link in ("https://other.example.com/packs/x.opk", BASE + "x/x.opk", BASE):
@@ -352,7 +352,7 @@ class VerifyPackageTest(PublishedTest):
             ("a", tarfile.SYMTYPE, "b/..", "package.tgz: a: a symbolic link to b/.., which may lead outside"),
             ("a/b", tarfile.SYMTYPE, "../..", "package.tgz: a/b: a symbolic link to ../.., which may lead outside"),
             ("a", tarfile.LNKTYPE, "/etc/passwd", slash.format("a")),
-            ("a", tarfile.LNKTYPE, "b", "package.tgz: a: a link to b, which is no file of this archive"),
+            ("a", tarfile.LNKTYPE, "b", "package.tgz: a: a link to b, which is not a file of this archive"),
             ("a", tarfile.CHRTYPE, "", "package.tgz: a: neither a file, a folder nor a link"),
             (".", tarfile.REGTYPE, "", "package.tgz: .: not a name for a file"),
         ):
@@ -361,7 +361,7 @@ class VerifyPackageTest(PublishedTest):
 
     def test_whose_payload_goes_through_a_link(self):
         link = member("a", tarfile.SYMTYPE, "b")
-        self.assert_payload_refused([link, ("a/x", b"")], "package.tgz: a/x: it lies below what is no folder")
+        self.assert_payload_refused([link, ("a/x", b"")], "package.tgz: a/x: it lies below what is not a folder")
         self.assert_payload_refused([link, ("a", b"")], "package.tgz: a: there is something of that name already")
 
     def test_whose_payload_replaces_the_packs_own_files(self):

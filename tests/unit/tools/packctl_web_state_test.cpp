@@ -299,7 +299,7 @@ TEST_F(StateReaderTest, LookTellsOfAHistoryThatCannotBeReadAndOfTheRest) {
   const Json::Value state = Look();
   EXPECT_EQ(state["installed"]["version"], "1.0");
   ASSERT_EQ(state["problems"].size(), 1U);
-  EXPECT_THAT(state["problems"][0].asString(), testing::HasSubstr("is no file"));
+  EXPECT_THAT(state["problems"][0].asString(), testing::HasSubstr("is not a file"));
 }
 
 TEST_F(StateReaderTest, LookShowsTheNewestThousandEntries) {

@@ -55,7 +55,7 @@ class _Folder:
         if parts[:-1] != self._parent:
             for count in range(1, len(parts)):
                 if self._types.setdefault(_key(parts[:count]), "folder") != "folder":
-                    raise Refused("it lies below what is no folder")
+                    raise Refused("it lies below what is not a folder")
             self._parent = parts[:-1]
         self.put(parts, kind)
 
@@ -100,7 +100,7 @@ def _place(folder, info):
             raise Refused(f"a symbolic link to {info.linkname}, which may lead outside")
     elif info.islnk():
         if not folder.is_file(info.linkname):
-            raise Refused(f"a link to {info.linkname}, which is no file of this archive")
+            raise Refused(f"a link to {info.linkname}, which is not a file of this archive")
         folder.place(info.name, "file")
     else:
         raise Refused("neither a file, a folder nor a link")

@@ -40,7 +40,7 @@ def parse(text):
     except (ValueError, RecursionError) as error:
         raise ReplyError(f"it is not valid JSON: {error}") from error
     if not isinstance(reply, dict):
-        raise ReplyError("it is no JSON object")
+        raise ReplyError("it is not a JSON object")
     return reply
 
 
@@ -134,7 +134,7 @@ def _list_findings(member):
 def _pack_findings(name, member, base_url):
     """What is wrong with a pack's member, and with each of its releases."""
     if not isinstance(member, dict):
-        yield Finding(name, "it is no JSON object", PUBLISH_AGAIN)
+        yield Finding(name, "it is not a JSON object", PUBLISH_AGAIN)
         return
     for about, offer in offers(name, member):
         found = [*_member_findings(offer, base_url), *(_staged_findings(offer) if offer is not member else [])]

@@ -107,7 +107,7 @@ void CheckAccount(Findings& findings) {
     return;
   }
   if (!S_ISREG(about.st_mode)) {
-    findings.push_back({kPermissions, file + " is no file", "remove it and sign in again"});
+    findings.push_back({kPermissions, file + " is not a file", "remove it and sign in again"});
   } else if ((about.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
     findings.push_back({kPermissions, file + " is open to others, so the account is not used", "chmod 0600 " + file});
   }
@@ -127,7 +127,8 @@ void CheckWritable(fs::path folder, Findings& findings) {
     folder = folder.parent_path();
   }
   if (!fs::is_directory(StatusOf(folder, error))) {
-    findings.push_back({kPermissions, folder.string() + " is no folder", "move it away and run \"packctl recover\""});
+    findings.push_back(
+        {kPermissions, folder.string() + " is not a folder", "move it away and run \"packctl recover\""});
   } else if (faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
     findings.push_back({kPermissions, folder.string() + " cannot be written: " + std::generic_category().message(errno),
                         "run packctl as root and make the file system writable"});

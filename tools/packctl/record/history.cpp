@@ -52,7 +52,7 @@ UniqueFd Open(const std::string& path, int flags) {
     ThrowErrno(path);
   }
   if (file.valid() && !S_ISREG(Stat(file.get(), path).st_mode)) {
-    throw std::system_error(EINVAL, std::generic_category(), path + " is no file");
+    throw std::system_error(EINVAL, std::generic_category(), path + " is not a file");
   }
   return file;
 }
