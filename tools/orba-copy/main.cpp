@@ -1,6 +1,3 @@
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -10,19 +7,13 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/posix/files.h"
 #include "platform/posix/program.h"
 #include "platform/printable.h"
-#include "tools/orba-copy/partial_folder.h"
-#include "tools/orba-copy/tree_copier.h"
+#include "tools/orba-copy/copy_folder.h"
 
 namespace {
 
-using orbamira::OpenDirectory;
 using orbamira::Printable;
-using orbamira::UniqueFd;
-using orbamira::tools::PartialFolder;
-using orbamira::tools::TreeCopier;
 
 constexpr const char* kUsage =
     "Usage: orba-copy -a SRC DST\n"
@@ -49,16 +40,6 @@ constexpr const char* kUsage =
   std::abort();  // SIGTERM does not end the first process of a container
 }
 
-void Copy(const std::string& source, const std::string& target) {
-  const UniqueFd from = OpenDirectory(AT_FDCWD, source, source);
-  PartialFolder partial(target);
-  TreeCopier copier(partial.get());
-  copier.Copy(from.get(), source);
-  orbamira::tools::MakeDurable(partial.get(), target);
-  copier.CheckUnchanged(from.get(), source);
-  partial.MoveIntoPlace();
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -72,7 +53,7 @@ int main(int argc, char** argv) {
     EndAsFailed();
   }
   try {
-    Copy(std::string(arguments[1]), std::string(arguments[2]));
+    orbamira::tools::CopyFolder(std::string(arguments[1]), std::string(arguments[2]));
   } catch (const std::exception& error) {
     static_cast<void>(std::fprintf(stderr, "orba-copy: %s\n", Printable(error.what()).c_str()));
     EndAsFailed();
