@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include <array>
 #include <barrier>
@@ -18,6 +19,7 @@
 #include "tests/support/error_text.h"
 #include "tests/support/file_size_limit.h"
 #include "tests/support/oidc_provider.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
 namespace orbazelo {
@@ -29,11 +31,13 @@ using orbamira::kTokenLimit;
 using orbamira::ReadAccount;
 using orbamira::RemoveAccount;
 using orbamira::WriteAccount;
+using orbamira::test::ErrorText;
 using orbamira::test::FileSizeLimit;
 using orbamira::test::HttpResponse;
 using orbamira::test::OidcProvider;
 using orbamira::test::ReadFile;
 using orbamira::test::SigningKey;
+using orbamira::test::WithFailingCall;
 using orbamira::test::WriteFile;
 using testing::AllOf;
 using testing::EndsWith;
@@ -450,8 +454,7 @@ TEST_F(PackagePkceClientTest, GetIdTokenSpendsNoRefreshTokenOnAFullDisk) {
     const FileSizeLimit full_disk(before.size());  // has room for the account as it is
     reason = FailureOf([] { Get(); });
   }
-  EXPECT_THAT(reason,
-              AllOf(StartsWith("new tokens could not be stored: "), EndsWith(orbamira::test::ErrorText(EFBIG))));
+  EXPECT_THAT(reason, AllOf(StartsWith("new tokens could not be stored: "), EndsWith(ErrorText(EFBIG))));
   EXPECT_THAT(provider_.server().Requests(), IsEmpty());
   EXPECT_EQ(ReadFile(path::kAccountFile), before);
   EXPECT_FALSE(fs::exists(Unfinished()));
@@ -509,6 +512,26 @@ TEST_F(AccountFileTest, RemoveAccountRemovesWhatAKilledWriterLeft) {
   RemoveAccount();
   EXPECT_FALSE(fs::exists(path::kAccountFile));
   EXPECT_FALSE(fs::exists(Unfinished()));
+}
+
+TEST_F(AccountFileTest, RemoveAccountSaysThatAnUnfinishedOneStays) {
+  fs::create_directory(Unfinished());
+  EXPECT_THAT(FailureOf([] { RemoveAccount(); }), HasSubstr(" cannot be removed: "));
+  fs::remove(Unfinished());
+}
+
+TEST_F(AccountFileTest, RemoveAccountSaysThatTheAccountMayComeBack) {
+  WithFailingCall(SYS_fsync, EIO, [] {
+    EXPECT_THAT(FailureOf([] { RemoveAccount(); }),
+                EndsWith(" is removed, but may come back after a power cut: " + ErrorText(EIO)));
+  });
+}
+
+TEST_F(AccountFileTest, WriteAccountWritesANameAsAPersonReadsIt) {
+  Json::Value account;
+  account["name"] = "Jürgen";
+  WriteAccount(account);
+  EXPECT_THAT(ReadFile(path::kAccountFile), HasSubstr("Jürgen"));
 }
 
 TEST_F(PackagePkceClientTest, GetIdTokenReportsALockThatCannotBeHad) {
