@@ -290,6 +290,7 @@ TEST_F(PackctlWebTest, RefusesWhatIsTooLongOrNotUnderstood) {
   EXPECT_EQ(status_of(std::string(100'000, 'x')), 431) << "told although more is on its way";
   EXPECT_EQ(status_of(Request("POST /api/check", {}, std::string(2000, 'x'))), 413);
   EXPECT_EQ(status_of(Request("POST /api/check", {{"Content-Length", "5000000000"}})), 413);
+  EXPECT_EQ(status_of(Request("POST /api/check", {{"Content-Length", "100000000000000000000"}})), 413);
   EXPECT_EQ(status_of(Request("POST /api/check", {{"Transfer-Encoding", "chunked"}})), 501);
   EXPECT_EQ(Ask("GET /").status, 200);
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <limits>
 
 #include "platform/json/json_line.h"
 
@@ -58,11 +59,13 @@ bool ReadField(std::string_view line, HttpRequest& request) {
   return name && IsToken(*name) && !HasControls(value) && request.fields.emplace(LowerCase(*name), value).second;
 }
 
+// The greatest number stands for those that are greater.
 std::optional<std::size_t> Number(const std::string& text) {
-  std::size_t number = 0;
+  std::size_t number = std::numeric_limits<std::size_t>::max();
   const char* const end = text.data() + text.size();
   const auto result = std::from_chars(text.data(), end, number);
-  return result.ec == std::errc() && result.ptr == end ? std::optional(number) : std::nullopt;
+  const bool is_number = result.ec == std::errc() || result.ec == std::errc::result_out_of_range;
+  return is_number && result.ptr == end ? std::optional(number) : std::nullopt;
 }
 
 // A value as a form encodes it; empty when it does not.
