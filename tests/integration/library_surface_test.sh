@@ -9,7 +9,7 @@ library=$1
 failed=0
 
 own='^(typeinfo for |typeinfo name for |vtable for )?(orbamira|orbazelo)::'
-foreign=$(nm --dynamic --demangle --defined-only "$library" | cut -c 20- | grep -vE "$own" || true)
+foreign=$(nm --dynamic --demangle --defined-only "$library" | sed -E 's/^[0-9a-f]+ . //' | grep -vE "$own" || true)
 if [ -n "$foreign" ]; then
   printf 'exported, but not ours:\n%s\n' "$foreign"
   failed=1
@@ -20,7 +20,7 @@ if ! nm --dynamic --demangle --defined-only "$library" | grep 'vtable for orbami
   failed=1
 fi
 
-chosen='^(liborbamira_platform|libjsoncpp|libcrypto|libssl|libarchive|libisal|libstdc\+\+|libgcc_s|libm|libc|ld-linux-x86-64|ld-linux-aarch64)\.so'
+chosen='^(liborbamira_platform|libjsoncpp|libcrypto|libssl|libarchive|libisal|libstdc\+\+|libgcc_s|libm|libc|ld-linux-x86-64|ld-linux-aarch64|ld-linux-armhf)\.so'
 unexpected=$(readelf --dynamic "$library" | sed -nE 's/.*\(NEEDED\).*\[(.*)\]/\1/p' | grep -vE "$chosen" || true)
 if [ -n "$unexpected" ]; then
   printf 'needed, but not chosen:\n%s\n' "$unexpected"
