@@ -2,6 +2,7 @@
 
 #include <spawn.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,11 +26,14 @@ std::filesystem::path ScratchFolder() {
 }
 
 // The library composes its paths when it is loaded, so the root must be set before the process begins: the first start
-// makes the root, runs the same program again under it, and clears up.
+// makes the root, runs the same program again under it, and clears up. Beside the root there is nothing, so that what
+// gets out is seen.
 [[noreturn]] void RunUnderRoot(char** argv) {
-  std::string root = (ScratchFolder() / "orbamira-fuzz-XXXXXX").string();
-  if (mkdtemp(root.data()) == nullptr || setenv("ORBAMIRA_ROOT", root.c_str(), 1) != 0) {
-    std::perror(root.c_str());
+  std::string folder = (ScratchFolder() / "orbamira-fuzz-XXXXXX").string();
+  const std::string inner = "/root";
+  if (mkdtemp(folder.data()) == nullptr || mkdir((folder + inner).c_str(), S_IRWXU) != 0 ||
+      setenv("ORBAMIRA_ROOT", (folder + inner).c_str(), 1) != 0) {
+    std::perror(folder.c_str());
     _exit(EXIT_FAILURE);
   }
   int status = -1;
@@ -39,13 +43,20 @@ std::filesystem::path ScratchFolder() {
     waitpid(child, &status, 0);
   }
   std::error_code ignored;
-  std::filesystem::remove_all(root, ignored);
+  std::filesystem::remove_all(folder, ignored);
   _exit(WIFEXITED(status) ? WEXITSTATUS(status) : EXIT_FAILURE);
 }
 
-// Reads what the message is made of, as the system log would, so that a text that is gone is found.
+// Reads what the message is made of, as the system log would, so that a text that is gone is found. With
+// ORBAMIRA_FUZZ_LOG in the environment it is printed, for whoever looks into a finding.
 void Swallow(const char* format, va_list arguments) {
-  static_cast<void>(std::vsnprintf(nullptr, 0, format, arguments));
+  static const bool is_shown = std::getenv("ORBAMIRA_FUZZ_LOG") != nullptr;
+  if (is_shown) {
+    static_cast<void>(std::vfprintf(stdout, format, arguments));
+    static_cast<void>(std::putchar('\n'));
+  } else {
+    static_cast<void>(std::vsnprintf(nullptr, 0, format, arguments));
+  }
 }
 
 }  // namespace

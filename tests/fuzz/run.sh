@@ -38,11 +38,13 @@ mkdir -p "$findings"
 run_one() {
   local target=$1 log=$scratch/$1.log status=0 dictionary=()
   mkdir -p "$scratch/$target/corpus" "$scratch/$target/tmp"
-  if compgen -G "$here/corpus/$target/*.json" > /dev/null; then
+  if [ -e "$here/$target.dict" ]; then
+    dictionary=("-dict=$here/$target.dict")
+  elif compgen -G "$here/corpus/$target/*.json" > /dev/null; then
     dictionary=("-dict=$here/json.dict")
   fi
   TMPDIR=$scratch/$target/tmp "$build/tests/fuzz/fuzz_$target" "${dictionary[@]}" -max_total_time="$seconds" \
-    -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$findings/$target-" \
+    -timeout=60 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$findings/$target-" \
     "$scratch/$target/corpus" "$here/corpus/$target" > "$log" 2>&1 || status=$?
   if [ "$status" != 0 ]; then
     cp "$log" "$findings/$target.log"
