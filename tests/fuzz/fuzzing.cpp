@@ -16,6 +16,9 @@
 namespace orbamira::fuzz {
 namespace {
 
+// Set for the program that runs in a root of its own: one that the user has set would be emptied.
+constexpr const char* kIsUnderRoot = "ORBAMIRA_FUZZER_HAS_ROOT";
+
 // Every input writes files: in memory they cost nothing to sync.
 std::filesystem::path ScratchFolder() {
   const char* chosen = std::getenv("TMPDIR");
@@ -32,17 +35,18 @@ std::filesystem::path ScratchFolder() {
   std::string folder = (ScratchFolder() / "orbamira-fuzz-XXXXXX").string();
   const std::string inner = "/root";
   if (mkdtemp(folder.data()) == nullptr || mkdir((folder + inner).c_str(), S_IRWXU) != 0 ||
-      setenv("ORBAMIRA_ROOT", (folder + inner).c_str(), 1) != 0) {
+      setenv("ORBAMIRA_ROOT", (folder + inner).c_str(), 1) != 0 || setenv(kIsUnderRoot, "1", 1) != 0) {
     std::perror(folder.c_str());
     _exit(EXIT_FAILURE);
   }
+  std::error_code ignored;
+  std::filesystem::remove_all(kEscape, ignored);  // of an earlier finding
   int status = -1;
   pid_t child = 0;
   if (posix_spawn(&child, "/proc/self/exe", nullptr, nullptr, argv, environ) == 0) {
     static_cast<void>(std::signal(SIGINT, SIG_IGN));  // the child gets it too, and ends after its statistics
     waitpid(child, &status, 0);
   }
-  std::error_code ignored;
   std::filesystem::remove_all(folder, ignored);
   _exit(WIFEXITED(status) ? WEXITSTATUS(status) : EXIT_FAILURE);
 }
@@ -92,7 +96,7 @@ extern "C" {
 int LLVMFuzzerInitialize(int* argc, char*** argv);
 
 int LLVMFuzzerInitialize(int* /*argc*/, char*** argv) {
-  if (std::getenv("ORBAMIRA_ROOT") == nullptr) {
+  if (std::getenv(orbamira::fuzz::kIsUnderRoot) == nullptr) {
     orbamira::fuzz::RunUnderRoot(*argv);
   }
   prctl(PR_SET_PDEATHSIG, SIGKILL);

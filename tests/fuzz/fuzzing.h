@@ -6,6 +6,9 @@
 
 namespace orbamira::fuzz {
 
+/// An absolute name that members of packages have in some inputs: nothing may be made there.
+constexpr const char* kEscape = "/dev/shm/orbamira-escaped";
+
 /// Ends the fuzzer, which keeps the input as a finding, unless `holds`. `rule` is the rule that was broken.
 void Require(bool holds, const char* rule);
 

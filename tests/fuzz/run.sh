@@ -36,7 +36,8 @@ findings=$build/findings
 mkdir -p "$findings"
 
 run_one() {
-  local target=$1 log=$scratch/$1.log status=0 dictionary=()
+  local target=$1 log=$scratch/$1.log status=0 dictionary=() limit=10
+  [ "$target" != flow ] || limit=60 # one input is a whole flow
   mkdir -p "$scratch/$target/corpus" "$scratch/$target/tmp"
   if [ -e "$here/$target.dict" ]; then
     dictionary=("-dict=$here/$target.dict")
@@ -44,7 +45,7 @@ run_one() {
     dictionary=("-dict=$here/json.dict")
   fi
   TMPDIR=$scratch/$target/tmp "$build/tests/fuzz/fuzz_$target" "${dictionary[@]}" -max_total_time="$seconds" \
-    -timeout=60 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$findings/$target-" \
+    -timeout="$limit" -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$findings/$target-" \
     "$scratch/$target/corpus" "$here/corpus/$target" > "$log" 2>&1 || status=$?
   if [ "$status" != 0 ]; then
     cp "$log" "$findings/$target.log"

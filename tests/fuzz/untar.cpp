@@ -33,7 +33,6 @@ using tools::Layer;
 using tools::Member;
 
 constexpr uint64_t kLimit = 1UL << 20U;
-constexpr const char* kEscape = "/dev/shm/orbamira-escaped";  // what the seeds aim at
 constexpr const char* kKept = "kept before\n";
 
 /// The folder to unpack into, with one file in it, a neighbour that is not to be touched, and a current folder.

@@ -91,7 +91,8 @@ class Flow {
     return signer;
   }
 
-  // "@digest" is the package's, and "@many" more than a text from outside may have.
+  // "@digest" is the package's, and the first "@many" is more than a text from outside may have. The others stay, or a
+  // text could grow without bound.
   [[nodiscard]] std::string WithTokens(const std::string& text) const {
     static const std::string many = [] {
       std::string ids;
@@ -100,9 +101,12 @@ class Flow {
       }
       return ids;
     }();
-    const std::size_t at = text.find("@many");
-    return Expanded(at == std::string::npos ? text : text.substr(0, at) + many + text.substr(at + 5), "@digest",
-                    package_.digest);
+    const std::string token = "@many";
+    std::string expanded = text;
+    if (const std::size_t at = text.find(token); at != std::string::npos) {
+      expanded.replace(at, token.size(), many);
+    }
+    return Expanded(expanded, "@digest", package_.digest);
   }
 
   [[nodiscard]] std::string VersionOfPackage() const { return ReadValue(input_[Part::kInfo], param::kVersion); }

@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/key_value_store.h"
 #include "platform/orba_core_wrapper.h"
 #include "tests/fuzz/flow/strikes.h"
 #include "updater/pack_manager.h"

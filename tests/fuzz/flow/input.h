@@ -4,11 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orbamira::fuzz::flow {
 
-/// What one input consists of. A text may have tokens, which the flow replaces: see Expanded().
+/// What one input consists of. The reply and the answer may have tokens: see flow.cpp.
 enum class Part {
   kSteps,         ///< three bytes each: what a host does, what strikes it, and at which event
   kWorld,         ///< bytes: what the appliance is like before: see world.h

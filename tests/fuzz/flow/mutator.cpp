@@ -129,21 +129,9 @@ class Mutator {
   void ChangeMember(std::string& members) {
     static const std::vector<std::string> types = {"0", "1", "2", "5", "6", "x", "L", "S"};
     static const std::vector<std::string> modes = {"0644", "0755", "4755", "0000"};
-    static const std::vector<std::string> names = {"lib",
-                                                   "lib/x",
-                                                   "has_hevc",
-                                                   "INFO",
-                                                   "package.tgz",
-                                                   "MANIFEST",
-                                                   "../x",
-                                                   "../../x",
-                                                   "lib/../../x",
-                                                   "x/y/z",
-                                                   ".",
-                                                   "..",
-                                                   "lib/",
-                                                   "/dev/shm/orbamira-escaped",
-                                                   "../../../../../x"};
+    static const std::vector<std::string> names = {"lib",      "lib/x", "has_hevc", "INFO",        "package.tgz",
+                                                   "MANIFEST", "../x",  "../../x",  "lib/../../x", "x/y/z",
+                                                   ".",        "..",    "lib/",     kEscape,       "../../../../../x"};
     static const std::vector<std::string> contents = {"", "text", "version=\"3\""};
     constexpr std::size_t kFields = 5;
     std::vector<std::string> lines = LinesOf(members);

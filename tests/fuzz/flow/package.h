@@ -38,7 +38,7 @@ struct Package {
 /// Packs what the input says.
 ///
 /// A line of kPayload and kMembers is a member: its type as in a tar header, its mode, name, target and content, with a
-/// tabulator between them. Four bytes of kDamage are a stage, an offset and a value that the byte there is xored with:
+/// tab between them. Four bytes of kDamage are a stage, an offset and a value that the byte there is xored with:
 /// of the tar of the payload, its gzip, the package, and the package after its digest was taken.
 Package Pack(const Input& input, Signing signing, const Signer& trusted, const Signer& untrusted);
 

@@ -1,12 +1,13 @@
 #pragma once
 
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 
 namespace orbamira::fuzz::flow {
 
-/// Thrown where the host is killed. No exception of the standard library, so that nothing between takes it for a
-/// failure.
+/// Thrown where the host is killed: unlike a real kill it runs destructors. No exception of the standard library, so
+/// that nothing between takes it for a failure.
 struct Killed {};
 
 /// What strikes a host, and when: at a program that it runs, at a value that it records, or at a piece of a body.
@@ -32,7 +33,6 @@ class Strikes {
   /// The next event is a program that does this and returns its result.
   template <typename Action>
   int Program(Action action) {
-    constexpr int kSigkill = 9;
     switch (Next()) {
       case Kind::kKillBefore:
         throw Killed{};
@@ -40,10 +40,10 @@ class Strikes {
         static_cast<void>(action());
         throw Killed{};
       case Kind::kProgramKilledBefore:
-        return -kSigkill;
+        return -SIGKILL;
       case Kind::kProgramKilledAfter:
         static_cast<void>(action());
-        return -kSigkill;
+        return -SIGKILL;
       case Kind::kProgramFails:
         return 1;
       case Kind::kNone:

@@ -18,8 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kEscape = "/dev/shm/orbamira-escaped";  // what the seeds aim at
-
 std::string Packs() { return kTargetFolder; }
 
 // Makes the folders only where they are missing: there are many files and few folders.
