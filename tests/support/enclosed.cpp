@@ -126,8 +126,8 @@ class TemporaryFolder {
   fs::path path_;
 };
 
-void ForgetInheritedSignals() {
-  for (int number = 1; number < SIGRTMIN; ++number) {
+void IgnoreAndBlockNoSignal() {
+  for (int number = 1; number <= SIGRTMAX; ++number) {
     signal(number, SIG_DFL);  // refused for SIGKILL and SIGSTOP, which nobody ignores
   }
   sigset_t none;
@@ -144,12 +144,13 @@ class Enclosure {
       sigaddset(&signals_, number);
     }
     sigprocmask(SIG_BLOCK, &signals_, nullptr);
+    signal(SIGCHLD, SIG_DFL);  // while it is ignored, nobody learns how a child ended
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     const pid_t self = getpid();
     command_ = fork();
     if (command_ == 0) {
-      ForgetInheritedSignals();
+      IgnoreAndBlockNoSignal();
       prctl(PR_SET_PDEATHSIG, SIGKILL);
       if (getppid() == self) {
         execvp(command[0], command);

@@ -82,7 +82,7 @@ class EnclosedTest(unittest.TestCase):
         self.assertEqual((0, "ended\n"), (done.returncode, done.stdout))
 
     def test_command_begins_with_no_signal_ignored_or_blocked(self):
-        ignoring = ["sh", "-c", 'trap "" HUP INT TERM; exec "$@"', "sh"]
+        ignoring = ["sh", "-c", 'trap "" HUP INT TERM CHLD; exec "$@"', "sh"]
         done = subprocess.run(
             [*ignoring, self.enclosed, "grep", "-E", "^Sig(Blk|Ign):", "/proc/self/status"],
             capture_output=True,
