@@ -548,7 +548,7 @@ std::vector<Fault> Faults() {
       {"AServerWithoutAReply", [](Appliance&) { fs::remove_all(test::Root() / "srv"); }, "server",
        "the update server answers with status 404"},
       {"AReplyThatIsNoJson", [](Appliance& appliance) { Reply(appliance, "<html>"); }, "server",
-       "the update server's reply is no JSON object"},
+       "the update server's reply is not a JSON object"},
       {"AReplyThatIsTooLong", [](Appliance& appliance) { Reply(appliance, std::string(2UL << 20, ' ')); }, "server",
        "the update server's reply is too long"},
       {"AReplyWithoutThePack", [](Appliance& appliance) { Reply(appliance, "{}"); }, "server",

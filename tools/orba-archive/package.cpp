@@ -20,7 +20,7 @@
 namespace orbamira::tools {
 namespace {
 
-constexpr mode_t kModes = 0755;
+constexpr mode_t kMemberModes = 0755;
 constexpr mode_t kInfoMode = 0644;
 
 /// Opens the file for a member's contents. Not valid when they are only checked.
@@ -191,7 +191,7 @@ std::optional<Accepted> UnpackPackage(int package, int folder, uint64_t limit, c
   StagedFiles files(folder);
   std::optional<Accepted> accepted = ReadAndJudge(package, demands, [&](const std::string& name, const Member& member) {
     budget.Take(member.size);
-    return files.Add(name, member.mode & kModes);
+    return files.Add(name, member.mode & kMemberModes);
   });
   files.Publish();
   return accepted;

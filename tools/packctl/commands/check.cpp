@@ -134,14 +134,6 @@ Outcome Downloaded(const StatusRecord& record) {
   return WithVersions(std::move(outcome), versions);
 }
 
-StatusRecord RecordBefore() {
-  try {
-    return ReadStatus();
-  } catch (const std::exception&) {
-    return {};  // which the check itself mends
-  }
-}
-
 /// Gives a downloaded pack up that the maker has withdrawn; false when there is none.
 bool GivesUpDownload(const Context& context, const UpdateObjects& objects, const StatusRecord& before) {
   const bool is_downloaded =
@@ -165,7 +157,7 @@ Outcome RunCheck(Context& context) {
     return NobodyToAsk();
   }
   const UpdateObjects objects = MakeUpdateObjects();
-  const StatusRecord before = RecordBefore();
+  const StatusRecord before = ReadStatusIfPossible();
   if (before.status == updater::kStatusNeedInstall && !updater::IsRejected(before.new_version) &&
       IsStillOffered(objects, before).value_or(false)) {
     return Downloaded(before);

@@ -133,15 +133,6 @@ Outcome RunFlow(const Context& context, const UpdateObjects& objects, const Flow
   return Installed(before, Clock::now() - begin);
 }
 
-/// What the record says; without what cannot be read, which is for the flow itself to tell.
-StatusRecord RecordBefore() {
-  try {
-    return ReadStatus();
-  } catch (const std::exception&) {
-    return {};
-  }
-}
-
 /// Runs the flow and says what it was about.
 Outcome RunAbout(const Context& context, const UpdateObjects& objects, const std::string& recorded_version,
                  const Flow& flow) {
@@ -251,7 +242,7 @@ Flow UpdateFlow() {
 
 Outcome RunDownload(Context& context) {
   const UpdateObjects objects = ObjectsFor(context);
-  return RunAbout(context, objects, RecordBefore().new_version, DownloadFlow());
+  return RunAbout(context, objects, ReadStatusIfPossible().new_version, DownloadFlow());
 }
 
 Outcome RunFileInstall(const Context& context) {
@@ -294,7 +285,7 @@ Outcome RunInstall(Context& context) {
     return RunFileInstall(context);
   }
   const UpdateObjects objects = MakeUpdateObjects();
-  const StatusRecord record = RecordBefore();
+  const StatusRecord record = ReadStatusIfPossible();
   if (MayInstall(*objects.status) && IsWithdrawnNow(record.new_pack_name, record.new_version)) {
     return RefuseWithdrawn(context, *objects.status, record.new_version);
   }
@@ -331,7 +322,7 @@ Outcome RunUpdate(Context& context) {
     return *std::move(refusal);
   }
   const UpdateObjects objects = ObjectsFor(context);
-  const StatusRecord record = RecordBefore();
+  const StatusRecord record = ReadStatusIfPossible();
   if (!context.options.reinstall) {
     if (std::optional<Outcome> end = EndWithoutUpdate(objects, record, context.options.older)) {
       return *std::move(end);

@@ -114,7 +114,7 @@ void CheckReply(const std::string& text, OfferedPackage& offer, Findings& findin
     parsed = false;
   }
   if (!parsed) {
-    findings.push_back({kServer, "the update server's reply is no JSON object",
+    findings.push_back({kServer, "the update server's reply is not a JSON object",
                         "see that the address is that of the reply which mkpack writes"});
     return;
   }

@@ -15,6 +15,19 @@ StatusRecord ReadStatus() {
   }
 }
 
+StatusRecord ReadStatusIfPossible() {
+  try {
+    return ReadStatus();
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
+bool IsFailed(updater::PackStatus status) {
+  return status == updater::kStatusDownloadFailed || status == updater::kStatusInstallFailed ||
+         status == updater::kStatusDownloadInstallFailed;
+}
+
 const char* StatusText(updater::PackStatus status) {
   return updater::kPackStatusTexts[static_cast<std::size_t>(status)];
 }

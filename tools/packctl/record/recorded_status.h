@@ -14,6 +14,12 @@ using updater::StatusRecord;
 /// The library's ReadStatusRecord(), whose std::domain_error tells the user what mends it.
 StatusRecord ReadStatus();
 
+/// The same, but an empty record where none can be read: for who goes on and leaves it to the next step to tell.
+StatusRecord ReadStatusIfPossible();
+
+/// Whether the status is that of a failed download or install.
+bool IsFailed(updater::PackStatus status);
+
 /// The status as the status store spells it.
 const char* StatusText(updater::PackStatus status);
 

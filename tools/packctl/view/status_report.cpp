@@ -14,11 +14,6 @@ namespace {
 
 using updater::PackStatus;
 
-bool IsFailed(PackStatus status) {
-  return status == updater::kStatusDownloadFailed || status == updater::kStatusInstallFailed ||
-         status == updater::kStatusDownloadInstallFailed;
-}
-
 // Why the recorded status is a failed one; empty when the history does not say.
 std::optional<Failure> ReasonOf(const StatusFacts& facts) {
   const bool is_told = facts.last_entry && facts.last_entry->status == StatusText(facts.record.status);
@@ -28,14 +23,6 @@ std::optional<Failure> ReasonOf(const StatusFacts& facts) {
 bool IsCancelled(const StatusFacts& facts) {
   const std::optional<Failure> reason = ReasonOf(facts);
   return reason && reason->code == CodeOf(FailureReason::kCancelled);
-}
-
-std::string Joined(const std::vector<std::string>& texts) {
-  std::string joined;
-  for (const std::string& text : texts) {
-    joined += (joined.empty() ? "" : ", ") + text;
-  }
-  return joined;
 }
 
 std::string WorkWords(const StatusRecord& record) {

@@ -56,11 +56,6 @@ bool IsOnlyProgress(const std::optional<StatusRecord>& before, const std::option
   return before && now && before->status == now->status && before->install_step == now->install_step && before != now;
 }
 
-bool IsFailed(updater::PackStatus status) {
-  return status == updater::kStatusDownloadFailed || status == updater::kStatusInstallFailed ||
-         status == updater::kStatusDownloadInstallFailed;
-}
-
 }  // namespace
 
 std::optional<PackIdentity> OfferedPack(const MachineState& state) {
