@@ -1,6 +1,7 @@
 """An appliance in each state that the page of "packctl web" knows, with a year of history behind it."""
 
 import contextlib
+import datetime
 import fcntl
 import json
 import os
@@ -56,10 +57,14 @@ def pack(version):
 
 
 def entry(days_ago, command, before, after, error=None, **more):
-    """One line of the history; the time of day and the duration follow from the day."""
+    """One line of the history; the time of day, for today now, and the duration follow from the day."""
     chance = random.Random(days_ago)
+    then = datetime.datetime.now()
+    if days_ago:
+        then += datetime.timedelta(days=-days_ago)
+        then = then.replace(hour=chance.randrange(9, 15), minute=chance.randrange(60))
     return {
-        "time": int(time.time() - days_ago * DAY - chance.randrange(DAY // 4)),
+        "time": int(then.timestamp()),
         "duration_ms": chance.randrange(900, 90_000),
         "command": command,
         "from": before,
