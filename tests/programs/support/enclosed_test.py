@@ -82,15 +82,20 @@ class EnclosedTest(unittest.TestCase):
         self.assertEqual((0, "ended\n"), (done.returncode, done.stdout))
 
     def test_command_begins_with_no_signal_ignored_or_blocked(self):
-        ignoring = ["sh", "-c", 'trap "" HUP INT TERM CHLD; exec "$@"', "sh"]
+        def start_badly():
+            for ignored in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM, signal.SIGCHLD):
+                signal.signal(ignored, signal.SIG_IGN)
+            signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGUSR1})
+
         done = subprocess.run(
-            [*ignoring, self.enclosed, "grep", "-E", "^Sig(Blk|Ign):", "/proc/self/status"],
+            [self.enclosed, "grep", "-E", "^Sig(Blk|Ign):", "/proc/self/status"],
             capture_output=True,
             text=True,
             timeout=HANG,
             check=False,
-            preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGUSR1}),
+            preexec_fn=start_badly,
         )
+        self.assertEqual(0, done.returncode, "it learns how the command ended")
         self.assertEqual(["0" * 16] * 2, [line.split()[1] for line in done.stdout.splitlines()], done.stdout)
 
     def test_leaves_no_temporary_file(self):
