@@ -1,4 +1,4 @@
-// A host that keeps running, as one does for months: it updates through the library whenever it is told to.
+// A host that runs on, as real ones do for months, and updates through the library on command.
 //
 // usage: resident_host [--leak descriptor|memory]
 //

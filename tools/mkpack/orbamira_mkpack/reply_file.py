@@ -15,7 +15,7 @@ NO_REPLY = "Move it away, or name another by --reply"
 
 
 def read_reply(path):
-    """The members of the reply; none when there is no file yet. Raises MkpackError for a file that is not a reply."""
+    """The members of the reply; empty when there is no file yet. Raises MkpackError when the file is not a reply."""
     try:
         with open(path, encoding="utf-8") as file:
             members = json.load(file)
