@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "platform/file_lock.h"
+#include "tests/support/disk_calls.h"
 #include "tests/support/error_text.h"
 #include "tests/support/fake_key_value_store.h"
 #include "tests/support/forked.h"
@@ -481,6 +482,17 @@ TEST_F(FileKeyValueStoreTest, ABrokenFileIsSetAsideByClearAndSetAsWell) {
   store->Set("key", "value");
   EXPECT_EQ(test::ReadFile(path_ + ".broken"), "second");
   EXPECT_EQ(store->Get("key"), "value");
+}
+
+TEST_F(FileKeyValueStoreTest, AGoodFileThatIsSetAsideForTheBrokenOneComesBack) {
+  Open()->Set("key", "value");
+  const std::string other = folder_.File("other");
+  fs::copy_file(path_, other);
+  test::WriteFile(path_, "broken");
+  test::DiskCalls calls;
+  calls.BeforeRename([&] { fs::rename(other, path_); });
+  EXPECT_EQ(Open()->Get("key"), "value");
+  EXPECT_THAT(FilesInFolder(), ElementsAre("store"));
 }
 
 TEST_F(FileKeyValueStoreTest, WhatCannotBeSetAsideReadsAsEmptyAndStays) {

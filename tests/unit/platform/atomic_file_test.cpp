@@ -16,6 +16,7 @@
 #include <system_error>
 #include <thread>
 
+#include "tests/support/disk_calls.h"
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
@@ -26,6 +27,7 @@ namespace fs = std::filesystem;
 using test::ReadFile;
 using test::TempDir;
 using test::WriteFile;
+using testing::ElementsAre;
 using testing::HasSubstr;
 
 mode_t ModeOf(const std::string& path) {
@@ -142,6 +144,42 @@ TEST_P(AtomicFileTest, ReplaceFileThatCannotSyncLeavesTheOldFile) {
                         [&] { EXPECT_EQ(ErrorOfReplacing(path_, "content", GetParam()).code().value(), EIO); });
   EXPECT_EQ(ReadFile(path_), "old");
   EXPECT_EQ(EntriesIn(dir_.path()), 1U);
+}
+
+class AtomicFileOrderTest : public testing::Test {
+ protected:
+  AtomicFileOrderTest() { fs::create_directory(dir_.path() / "folder"); }
+
+  TempDir dir_;
+  std::string path_ = dir_.File("folder/file");
+};
+
+TEST_F(AtomicFileOrderTest, ReplaceFileSyncsTheContentBeforeItIsSeen) {
+  const test::DiskCalls calls;
+  ReplaceFile(path_, "content", 0644, Durability::kVisible);
+  EXPECT_THAT(calls.all(), ElementsAre("sync file.XXXXXX", "rename file.XXXXXX to file"));
+}
+
+TEST_F(AtomicFileOrderTest, ReplaceFileSyncsTheNameThatShallStay) {
+  const test::DiskCalls calls;
+  ReplaceFile(path_, "content", 0644, Durability::kDurable);
+  EXPECT_THAT(calls.all(), ElementsAre("sync file.XXXXXX", "rename file.XXXXXX to file", "sync folder"));
+}
+
+TEST_F(AtomicFileOrderTest, MakeFileSyncsTheContentBeforeItIsSeen) {
+  const test::DiskCalls calls;
+  EXPECT_TRUE(MakeFile(path_, "content", 0644).valid());
+  EXPECT_THAT(calls.all(), ElementsAre("sync file.XXXXXX", "rename file.XXXXXX to file"));
+}
+
+// The room is the file's for good only once it is on the disk.
+TEST_F(AtomicFileOrderTest, ReservedFileSyncsItsRoomItsContentAndItsName) {
+  test::DiskCalls calls;
+  ReservedFile file(path_, 100);
+  calls.Note("reserved");
+  file.Replace("content", 0644);
+  EXPECT_THAT(calls.all(),
+              ElementsAre("sync file.new", "reserved", "sync file.new", "rename file.new to file", "sync folder"));
 }
 
 TEST(MakeFileTest, MakeFileThatCannotSyncMakesNone) {

@@ -21,6 +21,7 @@
 #include "platform/constants.h"
 #include "platform/exception.h"
 #include "platform/http/download_policy.h"
+#include "tests/support/disk_calls.h"
 #include "tests/support/error_text.h"
 #include "tests/support/file_size_limit.h"
 #include "tests/support/http_server.h"
@@ -69,6 +70,7 @@ using testing::Ge;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Le;
+using testing::Ne;
 using testing::Pair;
 using testing::SizeIs;
 using testing::StartsWith;
@@ -166,6 +168,14 @@ TEST_F(DownloadWrapperTest, DownloadToFileTakesAnEmptyBody) {
   EXPECT_EQ(Download(server.Url()), 200);
   EXPECT_EQ(ReadFile(path_), "");
   EXPECT_THAT(calls_, ElementsAre(Pair(0, 0)));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileSyncsTheBodyBeforeItReportsTheEnd) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = std::string(kMebibyte, 'x')}; });
+  test::DiskCalls calls;
+  progress_ = [&calls](long now, long /*total*/) { calls.Note(std::to_string(now)); };
+  Download(server.Url());
+  EXPECT_THAT(calls.all(), ElementsAre(Ne("1048576"), "sync body", "1048576"));
 }
 
 TEST_F(DownloadWrapperTest, DownloadToFileTakesABodyOfUnknownLength) {

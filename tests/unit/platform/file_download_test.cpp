@@ -15,6 +15,7 @@
 
 #include "platform/constants.h"
 #include "platform/exception.h"
+#include "tests/support/disk_calls.h"
 #include "tests/support/http_server.h"
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
@@ -24,7 +25,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using testing::ElementsAre;
 using testing::EndsWith;
+using testing::Ne;
 using testing::Pair;
 using testing::StartsWith;
 
@@ -71,6 +74,14 @@ TEST_F(FileDownloadTest, CopiesTheFileAndReportsItFromTheFirstByteToTheLast) {
   EXPECT_GT(calls_.front().first, 0);
   EXPECT_LT(calls_.front().first, 500'000);
   EXPECT_THAT(calls_.back(), Pair(500'000, 500'000));
+}
+
+TEST_F(FileDownloadTest, SyncsTheCopyBeforeItReportsTheEnd) {
+  const std::string source = Source(test::PatternOf(500'000));
+  test::DiskCalls calls;
+  progress_ = [&calls](long now, long /*total*/) { calls.Note(std::to_string(now)); };
+  Download(source);
+  EXPECT_THAT(calls.all(), ElementsAre(Ne("500000"), "sync copy", "500000"));
 }
 
 TEST_F(FileDownloadTest, CopiesAnEmptyFile) {

@@ -116,6 +116,16 @@ TEST_F(AccountTokenTest, CheckTakesEachAlgorithmOfEllipticCurves) {
   }
 }
 
+// The same two numbers in more bytes than the curve's.
+TEST_F(AccountTokenTest, CheckRefusesAnEllipticSignatureOfAnotherLength) {
+  const std::string token = Token();
+  const auto begin = token.rfind('.') + 1;
+  std::string signature = DecodeBase64Url(token.substr(begin)).value_or("");
+  ASSERT_EQ(signature.size(), 64U);
+  signature.insert(32, 1, '\0');
+  EXPECT_EQ(FailureOf(token.substr(0, begin) + test::EncodeBase64Url(signature)), kForged);
+}
+
 TEST_F(AccountTokenTest, CheckRefusesWhatIsSignedWithNoPublicKey) {
   constexpr const char* kFront =
       "the identity token is not signed with a public key of the provider's: its algorithm is ";

@@ -2,12 +2,16 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/constants.h"
 #include "platform/paths.h"
+#include "tests/support/disk_calls.h"
 #include "tests/support/test_root.h"
 #include "updater/health_record.h"
 #include "updater/pack_status_helper.h"
@@ -28,7 +32,9 @@ using testing::SizeIs;
 /// Runs nothing: notes what was to be run, and gives a result for check-health.
 class NotingCore : public wrapper::OrbaCoreWrapper {
  public:
-  explicit NotingCore(int verdict = 0) : verdict_(verdict) {}
+  explicit NotingCore(
+      int verdict = 0, std::function<void()> when_told = [] {})
+      : verdict_(verdict), when_told_(std::move(when_told)) {}
 
   int RunCommand(const std::vector<std::string>& args) override {
     if (args[0] == path::kHealthProgramPath) {
@@ -36,6 +42,7 @@ class NotingCore : public wrapper::OrbaCoreWrapper {
       return verdict_;
     }
     told_.push_back(args[2] + " " + args[6] + " " + args[8] + " " + args[10]);
+    when_told_();
     return 0;
   }
 
@@ -44,6 +51,7 @@ class NotingCore : public wrapper::OrbaCoreWrapper {
 
  private:
   int verdict_;
+  std::function<void()> when_told_;
   std::vector<std::string> checked_;
   std::vector<std::string> told_;
 };
@@ -110,6 +118,42 @@ TEST_F(HealthTest, ConfirmHealthPutsThePreviousPackBack) {
   EXPECT_FALSE(IsRejected("1"));
   EXPECT_FALSE(IsUnchecked());
   EXPECT_EQ(PreviousVersion(), std::nullopt);
+}
+
+TEST_F(HealthTest, ThePluginsAreToldWhileThePackIsWhatTheyAreToldOf) {
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kPreviousPackFolderPath, "1");
+  MakeLibrary();
+  std::vector<std::string> installed;
+  core_ = std::make_shared<NotingCore>(3, [&] { installed.push_back(Installed()); });
+  EXPECT_FALSE(Confirmed());
+  EXPECT_THAT(installed, ElementsAre("2", "", "", "1"));
+}
+
+TEST_F(HealthTest, ThePackThatCameBackIsOnTheDiskBeforeItIsTold) {
+  const std::string pack = fs::path(path::kPackFolderPath).filename();
+  const std::string backup = fs::path(path::kBackupPackFolderPath).filename();
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kPreviousPackFolderPath, "1");
+  MakeLibrary();
+  test::DiskCalls calls;
+  core_ = std::make_shared<NotingCore>(3, [&] { calls.Note("told"); });
+  EXPECT_FALSE(Confirmed());
+  const auto back = std::find(calls.all().begin(), calls.all().end(), "rename " + backup + " to " + pack);
+  ASSERT_LT(back, calls.all().end() - 2);
+  EXPECT_THAT(std::vector(back + 1, back + 3),
+              ElementsAre("sync " + fs::path(kTargetFolder).filename().string(), "told"));
+}
+
+// What could not be removed before may go now, and the disk has room again.
+TEST_F(HealthTest, TheWayBackEndsRemovals) {
+  const fs::path rest = fs::path(kTargetFolder) / ".removed.aZ09xy";
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kPreviousPackFolderPath, "1");
+  MakeLibrary();
+  core_ = std::make_shared<NotingCore>(3, [&] { MakePack(rest, "0"); });
+  EXPECT_FALSE(Confirmed());
+  EXPECT_FALSE(fs::exists(rest));
 }
 
 TEST_F(HealthTest, ConfirmHealthRemovesAFirstPackThatIsBad) {

@@ -15,6 +15,7 @@
 #include "platform/constants.h"
 #include "platform/key_value_store.h"
 #include "platform/paths.h"
+#include "tests/support/disk_calls.h"
 #include "tests/support/error_text.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/restrictions.h"
@@ -99,6 +100,17 @@ TEST_F(RecoveryTest, RecoverLeavesASystemInOrderAlone) {
   EXPECT_EQ(PackVersion(), "1");
   EXPECT_EQ(ReadFile(path::kAccountFile), "{}");
   EXPECT_EQ(Recorded(), kStatusUpToDate);
+}
+
+TEST_F(RecoveryTest, RecoverSyncsTheFolderOfThePackThatItBroughtBack) {
+  Status()->SetAsUpToDate();
+  MakePack(path::kBackupPackFolderPath, "1");
+  const test::DiskCalls calls;
+  Recovered();
+  const auto name = [](const fs::path& path) { return path.filename().string(); };
+  ASSERT_GE(calls.all().size(), 2U);
+  EXPECT_EQ(calls.all()[0], "rename " + name(path::kBackupPackFolderPath) + " to " + name(path::kPackFolderPath));
+  EXPECT_EQ(calls.all()[1], "sync " + name(kTargetFolder));
 }
 
 TEST_F(RecoveryTest, RecoverBringsTheBackupBackWithoutAPack) {

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,6 +10,8 @@
 #include <system_error>
 
 #include "platform/constants.h"
+#include "tests/support/error_text.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira::updater {
@@ -46,6 +49,14 @@ TEST_F(UpdateLockTest, WritesTheHolderIntoTheFile) {
 TEST_F(UpdateLockTest, RefusesASecondHolderAtOnceAndNamesTheFirst) {
   const UpdateLock first;
   EXPECT_THAT([] { const UpdateLock second; }, ThrowsMessage<Busy>(StrEq("another program is at work: " + OwnName())));
+}
+
+TEST_F(UpdateLockTest, ReportsALockThatTheSystemDoesNotGive) {
+  test::WithFailingCall(SYS_flock, ENOLCK, [&] {
+    EXPECT_THAT([] { const UpdateLock lock; },
+                ThrowsMessage<std::system_error>(
+                    StrEq("cannot take the lock " + path_.string() + ": " + test::ErrorText(ENOLCK))));
+  });
 }
 
 TEST_F(UpdateLockTest, NamesNobodyWhenTheFileDoesNot) {
