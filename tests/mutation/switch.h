@@ -2,11 +2,14 @@
 
 // Compiled before every source file of a mutated build: each mutant asks here whether it is the one that is on.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <csignal>
 #include <cstdlib>
 
 namespace orbamira_mutation {
@@ -43,4 +46,15 @@ inline bool IsOn(unsigned mutant) {
 /// Whether this mutant is on. What the compiler computes is never mutated.
 constexpr bool On(unsigned mutant) { return !__builtin_is_constant_evaluated() && IsOn(mutant); }
 
+/// A mutant may get a process wrong: -1 are all processes of the user, the one that runs the tests among them.
+inline int Kill(pid_t process, int signal) {
+  if (process == -1) {
+    errno = EPERM;
+    return -1;
+  }
+  return kill(process, signal);
+}
+
 }  // namespace orbamira_mutation
+
+#define kill(process, signal) ::orbamira_mutation::Kill(process, signal)
