@@ -5,8 +5,10 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "platform/constants.h"
@@ -80,6 +82,89 @@ TEST(PluginTrustTest, FilesThatAnAccessListLetsOthersWriteAreNot) {
   }
   EXPECT_EQ(WhyDistrusted(path), "an access control list lets others write it");
   EXPECT_EQ(ReadSetting(path, "key"), "");
+}
+
+class PluginPathTest : public testing::Test {
+ protected:
+  /// Makes an empty file or, of a name that ends in a slash, a folder with this mode.
+  std::string Make(const std::string& name, mode_t mode) const {
+    const std::string path = folder_.File(name);
+    if (name.ends_with('/')) {
+      fs::create_directory(path);
+    } else {
+      test::WriteFile(path, "");
+    }
+    fs::permissions(path, fs::perms(mode));
+    return path;
+  }
+
+  std::string Link(const std::string& name, const std::string& target) const {
+    fs::create_symlink(target, folder_.File(name));
+    return folder_.File(name);
+  }
+
+  test::TempDir folder_;
+};
+
+TEST_F(PluginPathTest, EveryStepOfThePathCounts) {
+  Make("open/", 0777);
+  Make("open/inner/", 0755);
+  const std::string file = Make("open/inner/file", 0755);
+  EXPECT_EQ(WhyDistrusted(file), "everyone may write " + folder_.File("open"));
+  Make("open/", 01777);
+  EXPECT_EQ(WhyDistrusted(file), "");
+  EXPECT_EQ(WhyDistrusted(folder_.File("open")), "everyone may write it");
+  Make("open/inner/", 0777);
+  EXPECT_EQ(WhyDistrusted(folder_.File("open//inner///file")), "everyone may write " + folder_.File("open/inner"));
+}
+
+TEST_F(PluginPathTest, WhatALinkLeadsToCounts) {
+  const std::string file = Make("file", 0666);
+  EXPECT_EQ(WhyDistrusted(Link("relative", "file")), "everyone may write it");
+  EXPECT_EQ(WhyDistrusted(Link("absolute", file)), "everyone may write it");
+  Make("open/", 0777);
+  Make("open/file", 0755);
+  Link("folder", "open");
+  EXPECT_EQ(WhyDistrusted(folder_.File("folder/file")), "everyone may write " + folder_.File("open"));
+}
+
+TEST_F(PluginPathTest, AsManyLinksAreFollowedAsTheKernelFollows) {
+  std::string last = Make("0", 0755);
+  for (int i = 1; i <= 40; ++i) {
+    last = Link(std::to_string(i), std::to_string(i - 1));
+  }
+  EXPECT_EQ(WhyDistrusted(last), "");
+  for (const std::string& path : {Link("41", "40"), Link("circle", "circle")}) {
+    try {
+      ADD_FAILURE() << path << WhyDistrusted(path);
+    } catch (const std::system_error& error) {
+      EXPECT_EQ(error.code().value(), ELOOP);
+    }
+  }
+}
+
+// As the appliance's own root folder, which no setting names.
+TEST_F(PluginPathTest, TheWayToTheRootOfATestDoesNotCount) {
+  Make("open/", 0777);
+  Make("open/root/", 0755);
+  const std::string file = Make("open/root/file", 0755);
+  const std::string before = getenv("ORBAMIRA_ROOT");
+  setenv("ORBAMIRA_ROOT", folder_.File("open/root").c_str(), 1);
+  EXPECT_EQ(WhyDistrusted(file), "");
+  setenv("ORBAMIRA_ROOT", "", 1);
+  EXPECT_EQ(WhyDistrusted(file), "everyone may write " + folder_.File("open"));
+  unsetenv("ORBAMIRA_ROOT");
+  EXPECT_EQ(WhyDistrusted(file), "everyone may write " + folder_.File("open"));
+  setenv("ORBAMIRA_ROOT", before.c_str(), 1);
+}
+
+TEST_F(PluginPathTest, ARelativePathBeginsInTheCurrentFolder) {
+  const fs::path before = fs::current_path();
+  fs::current_path(folder_.path());
+  Make("open/", 0777);
+  Make("open/file", 0755);
+  EXPECT_EQ(WhyDistrusted("open/file"), "everyone may write ./open");
+  fs::current_path(before);
 }
 
 TEST(PluginFailureTest, IsLoggedAtLocal1InOneLine) {
