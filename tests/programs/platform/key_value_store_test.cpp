@@ -495,6 +495,23 @@ TEST_F(FileKeyValueStoreTest, AGoodFileThatIsSetAsideForTheBrokenOneComesBack) {
   EXPECT_THAT(FilesInFolder(), ElementsAre("store"));
 }
 
+// Not the values from before the file broke, whether the good one comes just before the broken one is set aside or just
+// after.
+TEST_F(FileKeyValueStoreTest, AGoodFileThatTakesTheBrokenOnesPlaceIsReadAtOnce) {
+  for (const bool is_aside : {false, true}) {
+    const auto store = Open();
+    store->Set("key", "new");
+    const std::string other = folder_.File("other");
+    fs::copy_file(path_, other);
+    store->Set("key", "old");
+    test::WriteFile(path_, "broken");
+    test::DiskCalls calls;
+    const auto put = [&] { fs::rename(other, path_); };
+    calls.BeforeRename([&] { is_aside ? calls.BeforeRename(put) : put(); });
+    EXPECT_EQ(store->Get("key"), "new") << is_aside;
+  }
+}
+
 TEST_F(FileKeyValueStoreTest, WhatCannotBeSetAsideReadsAsEmptyAndStays) {
   fs::permissions(test::Root(), fs::perms(0711));
   for (const char* file : {"store", "store/file"}) {

@@ -94,6 +94,11 @@ TEST_F(SetFolderModeTest, NeverFollowsALinkWithOrWithoutProc) {
   EXPECT_EQ(fs::status(folder_.File("folder")).permissions(), fs::perms::owner_all);
 }
 
+TEST_F(SetFolderModeTest, FailsWhereThereIsNoFolder) {
+  EXPECT_FALSE(SetFolderMode(AT_FDCWD, folder_.File("missing"), 0755));
+  EXPECT_EQ(errno, ENOENT);
+}
+
 TEST_F(SetFolderModeTest, OpensAFolderThatIsClosedToItsOwnerWithoutProc) {
   fs::create_directory(folder_.File("folder"));
   fs::permissions(folder_.File("folder"), fs::perms::none);

@@ -182,6 +182,18 @@ TEST_F(AtomicFileOrderTest, ReservedFileSyncsItsRoomItsContentAndItsName) {
               ElementsAre("sync file.new", "reserved", "sync file.new", "rename file.new to file", "sync folder"));
 }
 
+TEST(ReservedFileTest, ReservedFileReportsAMissingFolder) {
+  const TempDir dir;
+  const std::string path = dir.File("missing/file");
+  try {
+    ReservedFile file(path, 100);
+    ADD_FAILURE() << "room was made";
+  } catch (const std::system_error& error) {
+    EXPECT_EQ(error.code().value(), ENOENT);
+    EXPECT_THAT(error.what(), HasSubstr("cannot make a file beside " + path + ": "));
+  }
+}
+
 TEST(MakeFileTest, MakeFileThatCannotSyncMakesNone) {
   const TempDir dir;
   test::WithFailingCall(SYS_fsync, EIO, [&] {

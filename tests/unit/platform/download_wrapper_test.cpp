@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -25,6 +26,7 @@
 #include "tests/support/error_text.h"
 #include "tests/support/file_size_limit.h"
 #include "tests/support/http_server.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
 namespace {
@@ -219,7 +221,12 @@ TEST_F(DownloadWrapperTest, DownloadToFileReturnsAnyOtherStatusWithItsBody) {
 
 TEST_F(DownloadWrapperTest, DownloadToFileKeepsTheBeginningOfALongErrorPage) {
   const std::string page = PatternOf(kMebibyte);
-  HttpServer server([&](const HttpRequest&) { return HttpResponse{.status = 500, .body = page}; });
+  HttpServer server([&](const HttpRequest&) {
+    return HttpResponse{.status = 500,
+                        .body = page,
+                        .framing = HttpResponse::Framing::kChunked,
+                        .piece = 1000};  // none ends at the limit
+  });
   EXPECT_EQ(Download(server.Url()), 500);
   EXPECT_EQ(ReadFile(path_), page.substr(0, 64 * 1024));
 }
@@ -421,10 +428,25 @@ TEST_F(DownloadWrapperLimitTest, DownloadToFileOfABodyLargerThanTheDiskFailsAtOn
   EXPECT_THAT(server.Requests(), SizeIs(1));
 }
 
+TEST_F(DownloadWrapperLimitTest, DownloadToFileIsNoFasterThanTheSettingsAllow) {
+  test::WriteFile(path::kPkgSetting, "download_rate=163840\n");
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = PatternOf(32'768)}; });
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(200));
+}
+
 TEST_F(DownloadWrapperTest, DownloadToFileReportsAFileThatCannotBePutOnDisk) {
   HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "body"}; });
   std::ofstream file("/dev/null", std::ios::binary);
   EXPECT_EQ(FailureOf(file, server.Url()), server.Url() + ": cannot sync the file: " + test::ErrorText(EINVAL));
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileReportsAFileThatCannotBeCutToStartOver) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = PatternOf(1000), .close_at = 500}; });
+  std::string failure;
+  test::WithFailingCall(SYS_ftruncate, EIO, [&] { failure = FailureOf(server.Url()); });
+  EXPECT_EQ(failure, server.Url() + ": cannot truncate the file: " + test::ErrorText(EIO));
 }
 
 TEST_F(DownloadWrapperTest, DownloadToFileBeginsWhereTheStreamStands) {

@@ -27,6 +27,7 @@ namespace {
 
 namespace fs = std::filesystem;
 namespace path = orbamira::path;
+using orbamira::AccountRoom;
 using orbamira::kTokenLimit;
 using orbamira::ReadAccount;
 using orbamira::RemoveAccount;
@@ -505,6 +506,24 @@ TEST_F(AccountFileTest, WriteAccountWritesNothingThatReadAccountRefuses) {
   account["more"] = account["more"].asString() + 'x';
   EXPECT_EQ(FailureOf([&] { WriteAccount(account); }), AboutFile("would be over 1048576 bytes"));
   EXPECT_EQ(ReadFile(path::kAccountFile).size(), 1024U * 1024);
+}
+
+TEST_F(AccountFileTest, WriteRefusesWhatHasOutgrownItsRoomAndReadAccount) {
+  Json::Value account = ReadAccount();
+  AccountRoom room(account, 0);
+  account["more"] = std::string(1024 * 1024, 'x');
+  EXPECT_EQ(FailureOf([&] { room.Write(account); }), AboutFile("would be over 1048576 bytes"));
+  EXPECT_EQ(ReadFile(path::kAccountFile), R"({"user_id": "4711"})");
+}
+
+TEST_F(AccountFileTest, WriteAccountReportsAFileThatCannotBeReplaced) {
+  fs::remove(path::kAccountFile);
+  fs::create_directory(path::kAccountFile);
+  EXPECT_EQ(FailureOf([] { WriteAccount(Json::objectValue); }),
+            std::string("the provider's new tokens could not be stored: cannot replace ") + path::kAccountFile + ": " +
+                ErrorText(EISDIR));
+  EXPECT_FALSE(fs::exists(Unfinished()));
+  fs::remove(path::kAccountFile);
 }
 
 TEST_F(AccountFileTest, RemoveAccountRemovesWhatAKilledWriterLeft) {

@@ -383,6 +383,12 @@ TEST(AccountSecretsTest, EncodesAsAddressesNeedIt) {
   EXPECT_EQ(ToBase64("\xfb\xff"), "+/8=");
 }
 
+// The example of FIPS 180.
+TEST(AccountSecretsTest, DigestIsThatOfTheStandard) {
+  EXPECT_EQ(ToBase64(Digest("abc", "SHA256")), "ungWv48Bz+pBQUDeXa4iI7ADYaOWF3qctBD/YfIAFa0=");
+  EXPECT_THROW(Digest("abc", "SHA0"), std::runtime_error);
+}
+
 TEST(AccountSecretsTest, NoTwoAreAlike) {
   EXPECT_EQ(RandomText().size(), 43U);
   EXPECT_NE(RandomText(), RandomText());
