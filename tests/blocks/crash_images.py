@@ -1,6 +1,7 @@
 """Images of a disk as a power cut may leave it, from the log of what a program did to it."""
 
 import contextlib
+import functools
 import itertools
 import os
 import random
@@ -42,6 +43,11 @@ class OtherProgram:
             for number in itertools.takewhile(lambda _: not self.ended.is_set(), itertools.count(1)):
                 os.utime(file.fileno(), ns=(number, number))  # something to sync, that no tree shows
                 self.sync(file.fileno())
+
+
+def is_whole(file_system, write):
+    """Whether the write is of a block that is never torn."""
+    return any(write.offset < at + _BLOCK and at < write.offset + len(write.data) for at in _SUPERBLOCKS[file_system])
 
 
 class CrashImages:
@@ -89,18 +95,14 @@ class CrashImages:
                 if model.read(disk.CHUNK) != chunk:
                     raise RuntimeError("the log does not give what the device holds")
 
-    def _is_whole(self, write):
-        return any(
-            write.offset < at + _BLOCK and at < write.offset + len(write.data) for at in _SUPERBLOCKS[self.file_system]
-        )
-
     def each(self, count, seed):
         """Makes up to `count` distinct images, one after the other; gives in words what each has."""
         with self.base.open("rb") as base:
             epochs = write_log.epochs_of(
                 self.log, lambda number: os.pread(base.fileno(), write_log.SECTOR, number * write_log.SECTOR)
             )
-        planned = write_log.plan(epochs, count, self._is_whole, random.Random(seed))
+        whole = functools.partial(is_whole, self.file_system)
+        planned = write_log.plan(epochs, count, whole, random.Random(seed))
         disk.copy(self.base, self.model)
         disk.copy(self.base, self.image)
         # The model holds what the device owes since the last flush.
@@ -109,13 +111,14 @@ class CrashImages:
                 for parts in images:
                     disk.make_equal(image.fileno(), model.fileno())
                     for part in parts:
-                        _write_part(image, epoch.writes[part.write], part)
+                        write_part(image, epoch.writes[part.write], part)
                     yield f"after flush {number} with {_words(parts, epoch.writes)}"
                 for write in epoch.writes:
                     os.pwrite(model.fileno(), write.data, write.offset)
 
 
-def _write_part(image, write, part):
+def write_part(image, write, part):
+    """Only the sectors of the part."""
     begin, end = (sector * write_log.SECTOR for sector in (part.begin, part.end))
     os.pwrite(image.fileno(), write.data[begin:end], write.offset + begin)
 

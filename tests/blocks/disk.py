@@ -17,7 +17,7 @@ import time
 
 # Everything that mkfs leaves for the kernel to do later would be recorded as ours.
 MAKE = {
-    "ext4": "mkfs.ext4 -q -F -b 4096 -N 1024 -J size=4 -E nodiscard,lazy_itable_init=0,lazy_journal_init=0".split(),
+    "ext4": "mkfs.ext4 -q -F -b 4096 -i 65536 -J size=4 -E nodiscard,lazy_itable_init=0,lazy_journal_init=0".split(),
     "xfs": "mkfs.xfs -q -f -K -d agcount=2".split(),
     "btrfs": "mkfs.btrfs -q -f -K".split(),
 }
@@ -143,11 +143,11 @@ def mounted_image(image, folder, file_system):
         yield folder
 
 
-def make(image, file_system):
-    """An empty file system in a new file, which takes no room where it has only zeros."""
+def make(image, file_system, size=None):
+    """An empty file system in a new file, which takes no room where it has only zeros. By default it is small."""
     full = image.with_name(f"{image.name}.full")
     with full.open("wb") as file:
-        file.truncate(SIZES[file_system])
+        file.truncate(size or SIZES[file_system])
     quiet = {"check": True, "stdout": subprocess.DEVNULL, "stderr": subprocess.PIPE}
     subprocess.run([*MAKE[file_system], full], env={**os.environ, "PATH": PATH}, **quiet)
     copy(full, image)
@@ -178,7 +178,7 @@ def recorded(recorder, image, log, folder):
         process.kill()
         process.wait()
         detach(folder)
-    folder.rmdir()
+        folder.rmdir()
 
 
 def _data(descriptor, size):

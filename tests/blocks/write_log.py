@@ -73,7 +73,7 @@ def choices(writes, whole, randomness):
     only one; and any number of them in any order. `whole` tells of a write whether it is never torn.
     """
     yield []
-    full = [Part(number, 0, len(write.sectors)) for number, write in enumerate(writes)]
+    full = _full(writes)
     if not full:
         return
     kinds = [_in_order(writes, full, whole, randomness), _one(full, randomness)]
@@ -83,6 +83,10 @@ def choices(writes, whole, randomness):
             if part is not None:
                 yield part
         yield _in_any_order(writes, full, whole, randomness)
+
+
+def _full(writes):
+    return [Part(number, 0, len(write.sectors)) for number, write in enumerate(writes)]
 
 
 def _tears(write, part, randomness):
@@ -116,6 +120,11 @@ def _in_any_order(writes, full, whole, randomness):
     return sorted(chosen, key=operator.attrgetter("write"))
 
 
+def any_choice(writes, whole, randomness):
+    """Some of the writes in flight, or nothing."""
+    return _in_any_order(writes, _full(writes), whole, randomness) if writes and randomness.random() < 0.9 else []
+
+
 class Epoch:
     """The writes between two flushes, and of the sectors that they write the digests before."""
 
@@ -140,7 +149,7 @@ def epochs_of(log, read):
         for number in {number for write in writes for number, _ in write.sectors} - sectors.keys():
             sectors[number] = digest(number, read(number))
         epochs.append(Epoch(writes, image, sectors))
-        image = epochs[-1].digest([Part(number, 0, len(write.sectors)) for number, write in enumerate(writes)])
+        image = epochs[-1].digest(_full(writes))
         sectors.update(pair for write in writes for pair in write.sectors)
     return epochs
 

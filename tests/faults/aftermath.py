@@ -64,8 +64,12 @@ class Aftermath:
 
     def recover(self):
         """Recovery, as at boot."""
+        self._expect("", 0, program=self.appliance.helpers / "orba-recover")
+        self.look_after_recovery()
+
+    def look_after_recovery(self):
+        """What holds from then on."""
         appliance = self.appliance
-        self._expect("", 0, program=appliance.helpers / "orba-recover")
         if self.old and not appliance.pack.exists():
             self.lost.append("no pack is in place after recovery")
         if self.broken is not None:
@@ -81,7 +85,6 @@ class Aftermath:
 
     def go_on(self):
         """The next days against the healthy server, without a person."""
-        appliance = self.appliance
         for _ in range(DAYS):
             self._one_day()
             self._expect_known()
@@ -90,6 +93,11 @@ class Aftermath:
                 break
         else:
             self.stuck.append(f"after {DAYS} days the status is {status}")
+        self.look_at_end()
+
+    def look_at_end(self):
+        """The right pack is there, and nothing else."""
+        appliance = self.appliance
         if not any(self.publisher.is_whole(appliance.pack, version) for version in self.finals):
             self.lost.append("the right pack is not whole at the end")
         if self.minimum and appliance.accepted().get("minimum") != self.minimum:
