@@ -1,28 +1,65 @@
 #include "updater/health.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/syscall.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "platform/constants.h"
 #include "platform/paths.h"
 #include "tests/support/disk_calls.h"
+#include "tests/support/error_text.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 #include "updater/health_record.h"
+#include "updater/json_text.h"
 #include "updater/pack_status_helper.h"
+#include "updater/previous_pack.h"
 #include "updater/recovery.h"
 #include "updater/update_lock.h"
+
+namespace {
+
+constexpr unsigned kBlock = 3;
+constexpr fsblkcnt_t kPlenty = 1U << 30U;
+
+// What the disk says that it has left, in blocks; it says nothing when that is not known.
+std::optional<fsblkcnt_t> free_blocks = kPlenty;
+
+}  // namespace
+
+// In place of the C library's.
+extern "C" [[gnu::visibility("default")]] int statvfs(const char* /*path*/, struct statvfs* disk) noexcept {
+  if (!free_blocks) {
+    errno = EIO;
+    return -1;
+  }
+  *disk = {};
+  disk->f_frsize = kBlock;
+  disk->f_bavail = *free_blocks;
+  return 0;
+}
 
 namespace orbamira::updater {
 namespace {
 
 namespace fs = std::filesystem;
 
+using test::ErrorLine;
+using test::ErrorText;
+using test::InfoLine;
+using test::LogCapture;
 using test::ReadFile;
 using test::WriteFile;
 using testing::ElementsAre;
@@ -64,6 +101,7 @@ class HealthTest : public testing::Test {
     }
     fs::create_directories(kTargetFolder);
     status_->SetAsUpToDate();
+    LogCapture::Clear();
   }
 
   static void MakePack(const fs::path& folder, const std::string& version) {
@@ -177,6 +215,39 @@ TEST_F(HealthTest, ConfirmHealthRejectsAPackWhoseFilesDoNotFit) {
   EXPECT_THAT(core_->checked(), IsEmpty());
 }
 
+TEST_F(HealthTest, TheLogTellsWhatIsWrongWithThePack) {
+  MakePack(path::kPackFolderPath, "2");
+  MakeLibrary();
+  const auto expect_line = [&](int verdict, const std::string& text) {
+    core_ = std::make_shared<NotingCore>(verdict);
+    LogCapture::Clear();
+    static_cast<void>(Confirmed());
+    EXPECT_THAT(LogCapture::Lines(), ElementsAre(ErrorLine("health.cpp", text)));
+  };
+  expect_line(-1, "The pack could not be checked, and stays");
+  expect_line(3, "The pack is not healthy: it failed its health check");
+  expect_line(0, "The pack is not healthy: its INFO names no pack");
+  MakePack(path::kPackFolderPath, "2");
+  fs::remove(fs::path(path::kPackFolderPath) / "has_hevc");
+  expect_line(0, "The pack is not healthy: the marker of a codec is missing");
+}
+
+TEST_F(HealthTest, TheWayBackEndsWithAnErrorWhereTheBadPackStays) {
+  MakePack(path::kPackFolderPath, "2");
+  test::WithFailingCall(SYS_renameat2, EBUSY, [] {
+    test::WithFailingCall(SYS_unlinkat, EIO, [] { EXPECT_THROW(PutPreviousBack(nullptr), std::system_error); });
+  });
+}
+
+TEST_F(HealthTest, TheWayBackClearsAnOldBackupAway) {
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kPreviousPackFolderPath, "1");
+  MakePack(path::kBackupPackFolderPath, "0");
+  RollBack(UpdateLock(), *status_, "bad", core_);
+  EXPECT_EQ(Installed(), "1");
+  EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
+}
+
 TEST_F(HealthTest, ConfirmHealthKeepsAPackThatCannotBeChecked) {
   PrepareUpdate(UpdateLock());
   for (const int result : {-1, -9, 1, 127}) {
@@ -205,6 +276,18 @@ TEST_F(HealthTest, ADamagedRecordCountsAsNone) {
   EXPECT_THAT(RejectedVersions(), IsEmpty());
 }
 
+TEST_F(HealthTest, ARecordLongerThanTheLimitCountsAsDamaged) {
+  const std::string record = R"({"rejected": [{"version": "2"}]})";
+  WriteFile(path::kHealthFile, std::string(kJsonTextLimit - record.size(), ' ') + record);
+  EXPECT_TRUE(IsRejected("2"));
+  EXPECT_THAT(LogCapture::Lines(), IsEmpty());
+  WriteFile(path::kHealthFile, std::string(kJsonTextLimit - record.size() + 1, ' ') + record);
+  EXPECT_FALSE(IsRejected("2"));
+  EXPECT_THAT(
+      LogCapture::Lines(),
+      ElementsAre(ErrorLine("health_record.cpp", path::kHealthFile + std::string(" is damaged and counts as empty"))));
+}
+
 TEST_F(HealthTest, ANewerHealthyPackEndsRejections) {
   Rejections rejections;
   rejections.Add({"2", "bad", 1});
@@ -218,6 +301,30 @@ TEST_F(HealthTest, ANewerHealthyPackEndsRejections) {
   MakePack(path::kPackFolderPath, "4");
   EXPECT_TRUE(Confirmed());
   EXPECT_THAT(RejectedVersions(), IsEmpty());
+  EXPECT_THAT(LogCapture::Lines(), IsEmpty()) << "an empty record is no damaged one";
+}
+
+TEST_F(HealthTest, AHealthyPackWithoutRejectionsWritesNoRecord) {
+  MakePack(path::kPackFolderPath, "2");
+  EXPECT_TRUE(Confirmed());
+  EXPECT_FALSE(fs::exists(path::kHealthFile));
+}
+
+TEST_F(HealthTest, EveryUserMayReadTheRecordAndTheNote) {
+  umask(0022);
+  const auto mode_of = [](const char* file) {
+    struct stat about {};
+    EXPECT_EQ(stat(file, &about), 0) << file;
+    return about.st_mode & 07777U;
+  };
+  MakePack(path::kPackFolderPath, "2");
+  PrepareUpdate(UpdateLock());
+  EXPECT_EQ(mode_of(path::kHealthyPackFile), 0644U);
+  fs::remove(path::kHealthyPackFile);
+  NoteHealthyPack({ORBAMIRA_HEVC_PACK, "2"});
+  EXPECT_EQ(mode_of(path::kHealthyPackFile), 0644U);
+  Rejections().Write();
+  EXPECT_EQ(mode_of(path::kHealthFile), 0644U);
 }
 
 TEST_F(HealthTest, TheRejectedVersionsHaveABound) {
@@ -243,6 +350,19 @@ TEST_F(HealthTest, AShorterNoteReplacesALongerOne) {
   MakePack(path::kPackFolderPath, "2");
   EXPECT_TRUE(Confirmed());
   EXPECT_EQ(ReadFile(path::kHealthyPackFile), "package=\"" ORBAMIRA_HEVC_PACK "\"\nversion=\"2\"\n");
+  EXPECT_THAT(LogCapture::Lines(), IsEmpty());
+}
+
+TEST_F(HealthTest, TheLogTellsThatTheNoteCannotBeCut) {
+#ifdef SYS_ftruncate64
+  constexpr int kCut = SYS_ftruncate64;
+#else
+  constexpr int kCut = SYS_ftruncate;
+#endif
+  test::WithFailingCall(kCut, EIO, [] { NoteHealthyPack({ORBAMIRA_HEVC_PACK, "2"}); });
+  EXPECT_THAT(LogCapture::Lines(),
+              ElementsAre(ErrorLine("health_record.cpp", std::string("Failed to note the healthy pack: ") +
+                                                             path::kHealthyPackFile + ": " + ErrorText(EIO))));
 }
 
 TEST_F(HealthTest, APreviousPackThatNobodyWantsGoesWhenTheNewOneIsHealthy) {
@@ -255,6 +375,49 @@ TEST_F(HealthTest, APreviousPackThatNobodyWantsGoesWhenTheNewOneIsHealthy) {
   EXPECT_EQ(PreviousVersion(), "1") << "the new pack is not checked yet";
   EXPECT_TRUE(Confirmed());
   EXPECT_EQ(PreviousVersion(), std::nullopt);
+}
+
+class PreviousPackTest : public HealthTest {
+ protected:
+  PreviousPackTest() {
+    MakePack(path::kPackFolderPath, "2");
+    MakePack(path::kPreviousPackFolderPath, "1");
+    MakeLibrary();
+  }
+  ~PreviousPackTest() override { free_blocks = kPlenty; }
+
+  static fsblkcnt_t SizeOfPack() {
+    fsblkcnt_t size = 0;
+    for (const char* file : {"INFO", "has_hevc", "codec", "lib/codec.so"}) {
+      size += fs::file_size(fs::path(path::kPackFolderPath) / file);
+    }
+    return size;
+  }
+};
+
+TEST_F(PreviousPackTest, GoesWhenTheDiskHasNoRoomForThreeMorePacks) {
+  static_assert(kBlock == 3);
+  free_blocks = SizeOfPack();
+  PrepareUpdate(UpdateLock());
+  EXPECT_EQ(PreviousVersion(), "1");
+  free_blocks = SizeOfPack() - 1;
+  PrepareUpdate(UpdateLock());
+  EXPECT_EQ(PreviousVersion(), std::nullopt);
+  EXPECT_THAT(LogCapture::Lines(), ElementsAre(InfoLine("health.cpp", "Removed the previous pack")));
+}
+
+TEST_F(PreviousPackTest, StaysWhenTheRoomIsNotKnown) {
+  free_blocks = std::nullopt;
+  PrepareUpdate(UpdateLock());
+  EXPECT_EQ(PreviousVersion(), "1");
+}
+
+TEST_F(PreviousPackTest, TheLogTellsThatItCannotBeRemoved) {
+  free_blocks = 0;
+  test::WithFailingCall(SYS_unlinkat, EIO, [] { PrepareUpdate(UpdateLock()); });
+  EXPECT_THAT(LogCapture::Lines(),
+              ElementsAre(ErrorLine("health.cpp", std::string("Failed to prepare an update: ") +
+                                                      path::kPreviousPackFolderPath + ": " + ErrorText(EIO))));
 }
 
 class InterruptedWayBackTest : public HealthTest {

@@ -21,6 +21,8 @@
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 #include "tests/support/written_folders.h"
+#include "updater/health.h"
+#include "updater/health_record.h"
 #include "updater/pack_status_helper.h"
 #include "updater/status_record.h"
 #include "updater/update_lock.h"
@@ -127,7 +129,7 @@ TEST_F(RecoveryTest, RecoverMakesTheBackupBesideANewPackThePreviousPack) {
   MakePack(path::kPackFolderPath, "2");
   MakePack(path::kBackupPackFolderPath, "1");
   MakePack(path::kPreviousPackFolderPath, "0");
-  Recovered();
+  EXPECT_THAT(Recovered().done, Contains("put the pack's backup away"));
   EXPECT_EQ(PackVersion(), "2");
   EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
   EXPECT_EQ(ReadFile(fs::path(path::kPreviousPackFolderPath) / "lib/codec.so"), "1");
@@ -381,8 +383,10 @@ TEST_F(RecoveryTest, ConfirmInstallBelievesThePackAlone) {
   EXPECT_EQ(Recorded(), kStatusUpToDate);
   EXPECT_THAT(Left(kTargetFolder), ElementsAre(kPackFolderName));
   fs::remove_all(path::kPackFolderPath);
+  LogCapture::Clear();
   EXPECT_FALSE(ConfirmInstall(lock, *Status()));
   EXPECT_EQ(Recorded(), kStatusDownloadInstallFailed);
+  EXPECT_THAT(LogCapture::Lines(), ElementsAre(ErrorLine("recovery.cpp", "The new pack did not get into place")));
 }
 
 TEST_F(RecoveryTest, RecoverReplacesAStatusThatCannotBeDecoded) {
@@ -424,6 +428,51 @@ TEST_F(RecoveryTest, RecoverLogsWhatItDid) {
   const RecoveryReport report = Recovered();
   ASSERT_THAT(report.done, SizeIs(1));
   EXPECT_THAT(LogCapture::Lines(), ElementsAre(InfoLine("recovery.cpp", "Recovery: " + report.done[0])));
+}
+
+TEST_F(RecoveryTest, RecoverTellsOfItsStepsInTheirOrder) {
+  const std::string pack = path::kPackFolderPath;
+  const std::string rest = std::string(kTargetFolder) + "/.removed.aZ09xy";
+  const std::string built = std::string(kTargetFolder) + "/." ORBAMIRA_PACK_FOLDER_NAME ".partial.2";
+  const std::string temporary = std::string(path::kHoldFile) + ".new";
+  Rejections rejections;
+  rejections.Add({"2", "bad", 1});
+  rejections.Write();
+  Status()->SetAsDownloading();
+  WriteFile(pack + "/lib/codec.so", "3");
+  MakePack(path::kBackupPackFolderPath, "2");
+  MakePack(path::kPreviousPackFolderPath, "1");
+  MakePack(path::kTempPackFolderPath, "3");
+  MakePack(built, "3");
+  MakePack(rest, "0");
+  WriteFile(temporary, "half");
+  WriteFile(path::kTempPluginAppIdPath, "[]");
+  WriteFile(path::kDownloadedOpkPath, "half");
+  LogCapture::Clear();
+  const RecoveryReport report = Recovered();
+  EXPECT_THAT(report.done, ElementsAre("removed the rest of a pack " + pack, "restored the previous pack to " + pack,
+                                       std::string("removed the unpacked pack ") + path::kTempPackFolderPath,
+                                       "removed the half-built pack " + built, "took the rejected pack 2 back",
+                                       "removed the rest of an interrupted removal " + rest,
+                                       "removed the temporary file " + temporary,
+                                       std::string("removed the plugins' old answer ") + path::kTempPluginAppIdPath,
+                                       "changed the recorded status from downloading to download_failed",
+                                       std::string("removed the download ") + kDownloadFolder));
+  std::vector<test::LogLine> lines;
+  for (const std::string& done : report.done) {
+    lines.push_back(InfoLine("recovery.cpp", "Recovery: " + done));
+  }
+  EXPECT_EQ(LogCapture::Lines(), lines);
+  EXPECT_EQ(PackVersion(), "1");
+}
+
+// What a host then installs without a word to the updater is another pack.
+TEST_F(RecoveryTest, RecoverTakesThePackThatItFindsForHealthy) {
+  MakePack(path::kPackFolderPath, "1");
+  Recovered();
+  EXPECT_FALSE(IsUnchecked());
+  MakePack(path::kPackFolderPath, "2");
+  EXPECT_TRUE(IsUnchecked());
 }
 
 TEST_F(RecoveryTest, RecoverGoesOnAfterAStepThatFailed) {
