@@ -969,6 +969,16 @@ TEST_F(PackManagerFlowTest, InstallThatFailsSendsNoPostNotification) {
               ElementsAre(Error("Failed to install"), Error("Failed to install"), Error("Failed to install")));
 }
 
+TEST_F(PackManagerFlowTest, InstallThatFailsAndCannotBeRecordedLogsBoth) {
+  ExpectInstallStatus(kStatusNeedInstall, true);
+  ExpectOldPack(false);
+  ExpectInstall(false);
+  EXPECT_CALL(*status_, SetAsInstallFailed).WillOnce(Throw(std::runtime_error("why")));
+  EXPECT_FALSE(manager_.Install());
+  EXPECT_THAT(LogCapture::Lines(), ElementsAre(Error("Failed to install"), Error("Failed to install"),
+                                               Error("Failed to install"), Error("Install failed: why")));
+}
+
 TEST_F(PackManagerFlowTest, InstallThatCannotCleanUpFails) {
   ExpectInstallStatus(kStatusNeedInstall, true);
   ExpectOldPack(false);

@@ -217,7 +217,8 @@ TEST_F(PackStatusHelperTest, NeedInstallKeepsVersionAndNameApart) {
 // A server may give any text for a version.
 TEST_F(PackStatusHelperTest, ARecordThatCannotFitIsRefusedBeforeTheOldOneIsCleared) {
   helper_.SetAsNeedDownload("1.0");
-  for (const std::string& version : {std::string(200'000, '\x1b'), std::string(1 << 20U, 'x')}) {
+  for (const std::string& version : {std::string(200'000, '\x1b'), std::string(200'000, '"'),
+                                     std::string(200'000, '\\'), std::string(1 << 20U, 'x')}) {
     EXPECT_THROW(helper_.SetAsNeedDownload(version), std::length_error);
     EXPECT_EQ(helper_.GetPackStatus(), kStatusNeedDownload);
     EXPECT_EQ(helper_.GetPackNewVersion(), "1.0");

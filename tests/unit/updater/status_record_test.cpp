@@ -1,11 +1,13 @@
 #include "updater/status_record.h"
 
 #include <gmock/gmock.h>
+#include <sys/syscall.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <map>
 #include <stdexcept>
+#include <system_error>
 
 #include "platform/as_long.h"
 #include "platform/constants.h"
@@ -15,6 +17,7 @@
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 #include "tests/support/written_folders.h"
+#include "updater/json_text.h"
 #include "updater/pack_status_helper.h"
 
 namespace orbamira::updater {
@@ -48,7 +51,8 @@ TEST_F(StatusRecordTest, ReadMakesNothingAndSetsNothingAside) {
   EXPECT_EQ(ReadStatusRecord(), StatusRecord());
   EXPECT_FALSE(std::filesystem::exists(locks));
   const std::string cut = R"({"status": "insta)";
-  for (const std::string& text : {cut, std::string("[]"), std::string(R"({"status": 1})"), std::string()}) {
+  for (const std::string& text :
+       {cut, std::string("[]"), std::string(R"({"status": 1})"), std::string(R"({"new_version": 1})"), std::string()}) {
     test::WriteFile(path::kPackStatusFile, text);
     EXPECT_THROW(static_cast<void>(ReadStatusRecord()), std::domain_error) << text;
     EXPECT_EQ(test::ReadFile(path::kPackStatusFile), text);
@@ -108,6 +112,25 @@ TEST_F(StatusRecordTest, ReadThrowsForWhatCannotBeDecoded) {
     Store({{key, value}});
     EXPECT_THROW(static_cast<void>(ReadStatusRecord()), std::domain_error) << key;
   }
+}
+
+TEST_F(StatusRecordTest, ReadTakesAStoreUpToTheLimit) {
+  const std::string record = R"({"new_version": "2.1"})";
+  const std::string longest = record + std::string(kJsonTextLimit - record.size(), ' ');
+  test::WriteFile(path::kPackStatusFile, longest);
+  EXPECT_EQ(ReadStatusRecord().new_version, "2.1");
+  test::WriteFile(path::kPackStatusFile, longest + ' ');
+  EXPECT_THROW(static_cast<void>(ReadStatusRecord()), std::domain_error);
+}
+
+TEST_F(StatusRecordTest, ReadTakesTheLockOfTheStore) {
+  Store({});
+  store::FileLock(std::string(path::kPackStatusLock));  // makes it
+  test::WithFailingCall(SYS_flock, ENOLCK, [] {
+    EXPECT_THAT([] { static_cast<void>(ReadStatusRecord()); },
+                testing::ThrowsMessage<std::system_error>(std::string("lock ") + path::kPackStatusLock + ": " +
+                                                          test::ErrorText(ENOLCK)));
+  });
 }
 
 TEST_F(StatusRecordTest, ReadThrowsWhenTheStoreCannotBeUsed) {

@@ -71,17 +71,27 @@ TEST_F(UpdateLockTest, ShowsAHolderOnOneLine) {
   EXPECT_THAT([] { const UpdateLock second; }, ThrowsMessage<Busy>(StrEq("another program is at work: a\\033[2Jb")));
 }
 
+TEST_F(UpdateLockTest, ShowsOnlyTheStartOfALongName) {
+  const UpdateLock first;
+  test::WriteFile(path_, std::string(300, 'x'));
+  EXPECT_THAT([] { const UpdateLock second; },
+              ThrowsMessage<Busy>(StrEq("another program is at work: " + std::string(256, 'x'))));
+}
+
 TEST_F(UpdateLockTest, IsFreeAgainAfterItsHolder) {
   { const UpdateLock first; }
   EXPECT_NO_THROW(const UpdateLock second);
 }
 
 TEST_F(UpdateLockTest, SaysWhyItCannotBeHad) {
+  const auto expect_error = [](const std::string& text) {
+    EXPECT_THAT([] { const UpdateLock lock; }, ThrowsMessage<std::system_error>(StrEq(text)));
+  };
   fs::create_directories(path_);
-  EXPECT_THROW(const UpdateLock lock, std::system_error);
+  expect_error("cannot open the lock " + path_.string() + ": " + test::ErrorText(EISDIR));
   fs::remove_all(path_.parent_path());
   test::WriteFile(path_.parent_path(), "");
-  EXPECT_THROW(const UpdateLock lock, std::system_error);
+  expect_error("cannot make the folder " + path_.parent_path().string() + ": " + test::ErrorText(ENOTDIR));
   fs::remove(path_.parent_path());
 }
 
