@@ -273,6 +273,13 @@ TEST_F(FileKeyValueStoreTest, TheFileIsAJsonObjectOfTexts) {
   EXPECT_EQ(Content(), expected);
 }
 
+TEST_F(FileKeyValueStoreTest, TheFileIsWrittenForPeopleToRead) {
+  const auto store = Open();
+  store->Set("a", "1");
+  store->Set("b", "2");
+  EXPECT_THAT(test::ReadFile(path_), testing::StartsWith("{\n  \"a\" : \"1\",\n  \"b\" : \"2\"\n}   "));
+}
+
 TEST_F(FileKeyValueStoreTest, TheFileIsReadableForAllWhateverTheUmask) {
   const mode_t before = umask(0077);
   const auto store = Open();
@@ -543,6 +550,15 @@ TEST_F(FileKeyValueStoreTest, SetRefusesWhatCouldNotBeReadAgain) {
   EXPECT_EQ(store->Get("key"), "value");
   store->Set("key", std::string(std::size_t{1'000'000}, 'x'));
   EXPECT_EQ(Open()->Get("key").size(), 1'000'000U);
+}
+
+TEST_F(FileKeyValueStoreTest, ReadsAFileOfAMebibyteAndNoLargerOne) {
+  std::string text = R"({"key": "value"})";
+  text.resize(std::size_t{1} << 20U, ' ');
+  test::WriteFile(path_, text);
+  EXPECT_EQ(Open()->Get("key"), "value");
+  test::WriteFile(path_, text + ' ');
+  EXPECT_EQ(Open()->Get("key"), "");
 }
 
 TEST_F(FileKeyValueStoreTest, AFailedWriteLeavesEverythingAsItWas) {

@@ -194,6 +194,26 @@ TEST(ReservedFileTest, ReservedFileReportsAMissingFolder) {
   }
 }
 
+TEST(ReservedFileTest, ReservedFileKeepsNoRoomThatIsNotUsed) {
+  const TempDir dir;
+  ReservedFile(dir.File("file"), 100).Replace("content", 0644);
+  EXPECT_EQ(ReadFile(dir.File("file")), "content");
+}
+
+TEST(MakeFileTest, MakeFileThatCannotRenameMakesNone) {
+  const TempDir dir;
+  test::WithFailingCall(SYS_renameat2, EIO, [&] {
+    try {
+      static_cast<void>(MakeFile(dir.File("file"), "content", 0644));
+      ADD_FAILURE() << "it was made";
+    } catch (const std::system_error& error) {
+      EXPECT_EQ(error.code().value(), EIO);
+      EXPECT_THAT(error.what(), HasSubstr("cannot make " + dir.File("file") + ": "));
+    }
+  });
+  EXPECT_EQ(EntriesIn(dir.path()), 0U);
+}
+
 TEST(MakeFileTest, MakeFileThatCannotSyncMakesNone) {
   const TempDir dir;
   test::WithFailingCall(SYS_fsync, EIO, [&] {

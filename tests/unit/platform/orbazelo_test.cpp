@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <array>
 #include <barrier>
@@ -120,6 +121,15 @@ TEST_F(UserTest, RefusesAFileThatIsOpenToOthers) {
 TEST_F(UserTest, TakesAFileThatOnlyItsOwnerReads) {
   WriteAccountText(R"({"user_id": "4711"})", 0400);
   EXPECT_TRUE(User().Exists());
+}
+
+TEST_F(UserTest, RefusesAFileOfAnotherUser) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can make one and open it";
+  }
+  WriteAccountText(R"({"user_id": "4711"})");
+  ASSERT_EQ(chown(path::kAccountFile, 4711, 0), 0);
+  EXPECT_EQ(Failure(), AboutFile("is not used: it belongs to user 4711"));
 }
 
 TEST_F(UserTest, RefusesAMalformedFile) {

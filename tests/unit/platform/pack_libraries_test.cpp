@@ -2,10 +2,12 @@
 
 #include <gmock/gmock.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <string>
 #include <system_error>
 
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira {
@@ -55,6 +57,20 @@ TEST_F(PackLibrariesTest, FindLibrariesTakesNeitherLinksNorFolders) {
   fs::create_symlink("a.so.1", folder_.File("a.so"));
   fs::create_directory(folder_.File("folder.so"));
   EXPECT_THAT(FindLibraries(folder_.path()), ElementsAre(library));
+}
+
+TEST_F(PackLibrariesTest, FindLibrariesReportsAFileThatCannotBeRead) {
+  fs::permissions(test::Root(), fs::perms(0711));
+  fs::permissions(folder_.path(), fs::perms(0755));
+  fs::permissions(Make("a.so"), fs::perms::none);
+  const test::OrdinaryUser user;
+  try {
+    FindLibraries(folder_.path());
+    ADD_FAILURE() << "it was read";
+  } catch (const std::system_error& error) {
+    EXPECT_EQ(error.code().value(), EACCES);
+    EXPECT_THAT(error.what(), testing::StartsWith(folder_.File("a.so") + ": "));
+  }
 }
 
 TEST_F(PackLibrariesTest, FindLibrariesReportsAMissingFolder) {

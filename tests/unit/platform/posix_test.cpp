@@ -1,17 +1,26 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "platform/posix/errors.h"
+#include "platform/posix/files.h"
 #include "platform/posix/flock.h"
+#include "platform/posix/remove_tree.h"
 #include "platform/posix/sync_folder.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira {
@@ -99,6 +108,41 @@ TEST_F(FlockTest, ReleaseKeepsTheLock) {
   EXPECT_FALSE(IsFree());
   { const Flock adopted(std::move(file)); }
   EXPECT_TRUE(IsFree());
+}
+
+// Two datagrams are read by two calls.
+TEST(ReadFullyTest, ReadFullyGoesOnAfterAPart) {
+  std::array<int, 2> sockets{};
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sockets.data()), 0);
+  const UniqueFd reader(sockets[0]);
+  {
+    const UniqueFd writer(sockets[1]);
+    ASSERT_EQ(write(writer.get(), "ab", 2), 2);
+    ASSERT_EQ(write(writer.get(), "cde", 3), 3);
+  }
+  std::string text = "12345678";
+  EXPECT_EQ(ReadFully(reader.get(), text.data() + 2, 6, "the socket"), 5U);
+  EXPECT_EQ(text, "12abcde8");
+}
+
+// What cannot be opened is named with its reason, not with what failed because of it.
+TEST(RemoveTreeTest, SaysWhyAFolderCannotBeOpened) {
+  const TempDir folder;
+  test::WriteFile(folder.File("inner/file"), "");
+  const UniqueFd parent = OpenFile(folder.path(), O_RDONLY | O_DIRECTORY);
+  const std::vector<std::pair<std::function<void()>, std::string>> attempts = {
+      {[&] { RemoveTree(parent.get(), "inner", "inner folder"); }, "inner folder: "},
+      {[&] { RemoveAtOnce(folder.File("inner")); }, folder.path().string() + "/: "},
+      {[&] { ListDirectory(parent.get(), "this folder"); }, "this folder: "},
+  };
+  for (const auto& [attempt, front] : attempts) {
+    std::optional<std::system_error> error;
+    test::WithFailingCall(SYS_openat, EMFILE, [&] { error = ErrorOf(attempt); });
+    ASSERT_TRUE(error) << front;
+    EXPECT_EQ(error->code().value(), EMFILE) << front;
+    EXPECT_THAT(error->what(), StartsWith(front));
+  }
+  EXPECT_TRUE(std::filesystem::exists(folder.File("inner/file")));
 }
 
 TEST(SyncFolderOfTest, NamesTheFileWhoseFolderIsMissing) {
