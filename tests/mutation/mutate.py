@@ -214,7 +214,7 @@ class Tests:
             words.write_bytes(struct.pack("I", mutant) + bytes(self.size - WORD))
             words.chmod(0o666)
             pathlib.Path(scratch).chmod(0o711)
-            environment = os.environ | {"ORBAMIRA_MUTATION": str(words)}
+            environment = os.environ | {"ORBAMIRA_MUTATION": str(words), "ORBAMIRA_MUTATION_RUNNER": str(os.getpid())}
             environment |= dict(entry.split("=", 1) for entry in properties.get("ENVIRONMENT", ()))
             began = time.monotonic()
             passed = self._passes(command, properties, environment, limit)

@@ -2,6 +2,7 @@
 
 import contextlib
 import io
+import os
 import pathlib
 import struct
 import subprocess
@@ -33,6 +34,30 @@ int main() {
     SAY("enough");
   }
   return 0;
+}
+"""
+# Signals the process that it is told, all processes, a child of its own and the group of one.
+SIGNALS = """\
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <sys/wait.h>
+#include <unistd.h>
+int Child() {
+  const int child = fork();
+  if (child == 0) {
+    pause();
+  }
+  return child;
+}
+int main(int, char** arguments) {
+  const int child = Child(), group = Child();
+  setpgid(group, group);
+  const bool others = kill(std::atoi(arguments[1]), 0) == 0, all = kill(-1, 0) == 0;
+  const bool own = kill(child, SIGKILL) == 0, groups = kill(-group, SIGKILL) == 0;
+  while (wait(nullptr) > 0) {
+  }
+  std::printf("%d %d %d %d", others, all, own, groups);
 }
 """
 PLAIN = "synced counted enough 0"
@@ -100,6 +125,13 @@ class SitesTest(unittest.TestCase):
             ['program.cpp: main: statement: SAY("enough");'],
             [mutant.name for number, mutant in mutants.items() if number not in reached],
         )
+
+    def test_signals_no_process_outside_its_test(self):
+        self.build(SIGNALS)
+        command = [self.folder / "program", str(os.getppid())]
+        environment = {"ORBAMIRA_MUTATION_RUNNER": str(os.getpid())}
+        done = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=60, check=True)
+        self.assertEqual("0 0 1 1", done.stdout)
 
     def test_is_a_plain_program_without_a_switch(self):
         _, text = self.mutate(SOURCE)

@@ -7,10 +7,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
+#include <string>
 
 namespace orbamira_mutation {
 
@@ -46,9 +49,32 @@ inline bool IsOn(unsigned mutant) {
 /// Whether this mutant is on. What the compiler computes is never mutated.
 constexpr bool On(unsigned mutant) { return !__builtin_is_constant_evaluated() && IsOn(mutant); }
 
-/// A mutant may get a process wrong: -1 are all processes of the user, the one that runs the tests among them.
+/// The parent of a process; -1 if there is no such process.
+inline pid_t ParentOf(pid_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+  std::string text;
+  std::getline(file, text);
+  const auto end_of_name = text.rfind(')');
+  return end_of_name == std::string::npos ? -1 : std::atoi(text.c_str() + std::min(end_of_name + 4, text.size()));
+}
+
+/// The process, or one of its ancestors, that the runner of the tests started; 0 if none is.
+inline pid_t TestOf(pid_t process, pid_t runner) {
+  pid_t parent = process;
+  do {
+    process = parent;
+    parent = ParentOf(process);
+  } while (parent > 1 && parent != runner);
+  return parent == runner ? process : 0;
+}
+
+/// A mutant may send its signal to any process of the user, so it gets no further than its own test. Whoever starts a
+/// test adopts what is orphaned in it.
 inline int Kill(pid_t process, int signal) {
-  if (process == -1) {
+  const char* runner = std::getenv("ORBAMIRA_MUTATION_RUNNER");
+  const pid_t named = std::abs(process);  // a group has the number of its first process, which may be gone
+  if (runner != nullptr && named != 0 && ParentOf(named) >= 0 &&
+      TestOf(named, std::atoi(runner)) != TestOf(getpid(), std::atoi(runner))) {
     errno = EPERM;
     return -1;
   }
