@@ -371,11 +371,14 @@ def main():
     reach = Reach(tests, arguments.jobs, arguments.folder / f"reach-{build.digest()}.jsonl")
     results = Results(build, arguments.folder / "results.jsonl", f"{build.digest_of_tests()}, {arguments.patience} s")
     wanted = draw(build.mutants, arguments)
-    with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
+    pool = concurrent.futures.ThreadPoolExecutor(arguments.jobs)
+    try:
         left = [number for number in wanted if number not in results.found_by]
         tried = {pool.submit(reach.find, tests, number, arguments.patience): number for number in left}
         for future in concurrent.futures.as_completed(tried):
             results.add(tried[future], future.result())
+    finally:
+        pool.shutdown(cancel_futures=True)
     return report(build.mutants, {number: results.found_by[number] for number in wanted})
 
 
