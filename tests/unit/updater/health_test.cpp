@@ -239,6 +239,15 @@ TEST_F(HealthTest, TheWayBackEndsWithAnErrorWhereTheBadPackStays) {
   });
 }
 
+TEST_F(HealthTest, ThePackThatCameBackCountsAsHealthy) {
+  MakePack(path::kPackFolderPath, "2");
+  EXPECT_TRUE(Confirmed());
+  MakePack(path::kPreviousPackFolderPath, "1");
+  RollBack(UpdateLock(), *status_, "bad", core_);
+  EXPECT_EQ(Installed(), "1");
+  EXPECT_FALSE(IsUnchecked());
+}
+
 TEST_F(HealthTest, TheWayBackClearsAnOldBackupAway) {
   MakePack(path::kPackFolderPath, "2");
   MakePack(path::kPreviousPackFolderPath, "1");
@@ -286,6 +295,11 @@ TEST_F(HealthTest, ARecordLongerThanTheLimitCountsAsDamaged) {
   EXPECT_THAT(
       LogCapture::Lines(),
       ElementsAre(ErrorLine("health_record.cpp", path::kHealthFile + std::string(" is damaged and counts as empty"))));
+}
+
+TEST_F(HealthTest, EntriesThatAreNoRejectionsAreSkipped) {
+  WriteFile(path::kHealthFile, R"({"rejected": [5, "1", ["1"], {"version": 5}, {"reason": "bad"}, {"version": "2"}]})");
+  EXPECT_THAT(RejectedVersions(), ElementsAre(RejectedVersion{"2", "", 0}));
 }
 
 TEST_F(HealthTest, ANewerHealthyPackEndsRejections) {
@@ -351,6 +365,14 @@ TEST_F(HealthTest, AShorterNoteReplacesALongerOne) {
   EXPECT_TRUE(Confirmed());
   EXPECT_EQ(ReadFile(path::kHealthyPackFile), "package=\"" ORBAMIRA_HEVC_PACK "\"\nversion=\"2\"\n");
   EXPECT_THAT(LogCapture::Lines(), IsEmpty());
+}
+
+TEST_F(HealthTest, TheLogTellsThatTheNoteCannotBeOpened) {
+  fs::create_directories(path::kHealthyPackFile);
+  NoteHealthyPack({ORBAMIRA_HEVC_PACK, "2"});
+  EXPECT_THAT(LogCapture::Lines(),
+              ElementsAre(ErrorLine("health_record.cpp", std::string("Failed to note the healthy pack: ") +
+                                                             path::kHealthyPackFile + ": " + ErrorText(EISDIR))));
 }
 
 TEST_F(HealthTest, TheLogTellsThatTheNoteCannotBeCut) {

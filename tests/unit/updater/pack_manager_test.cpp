@@ -1100,6 +1100,20 @@ TEST_F(PackManagerFlowTest, DownloadAndInstallStopsWhenTheOldPackStays) {
               ElementsAre(Error("Failed to uninstall"), Error("Failed to uninstall"), Error("DoInstall failed")));
 }
 
+TEST_F(PackManagerFlowTest, DownloadAndInstallThatFailsAndCannotBeRecordedLogsBoth) {
+  ExpectDownloadInstallStatus(kStatusNeedDownload, true);
+  ExpectOffer();
+  ExpectVersion();
+  ExpectDownload(true);
+  ExpectChecksum(true);
+  ExpectOldPack(false);
+  ExpectInstall(false);
+  EXPECT_CALL(*status_, SetAsDownloadInstallFailed()).WillOnce(Throw(std::runtime_error("why")));
+  EXPECT_FALSE(manager_.DownloadAndInstall());
+  EXPECT_THAT(LogCapture::Lines(), ElementsAre(Error("Failed to install"), Error("Failed to install"),
+                                               Error("DoInstall failed"), Error("Download and install failed: why")));
+}
+
 TEST_F(PackManagerFlowTest, DownloadAndInstallLogsStandardExceptionsAndLeavesTheStatus) {
   ExpectDownloadInstallStatus(kStatusLost, true);
   EXPECT_CALL(*kos_, FileExist).WillOnce(Throw(std::runtime_error("why")));

@@ -23,6 +23,7 @@
 #include "platform/file_lock.h"
 #include "tests/support/await.h"
 #include "tests/support/error_text.h"
+#include "tests/support/fake_key_value_store.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mocks.h"
 #include "tests/support/test_root.h"
@@ -232,6 +233,20 @@ TEST_F(PackStatusHelperTest, ARecordThatJustFitsIsKeptWhole) {
     helper_.SetAsNeedDownload(version);
     EXPECT_EQ(helper_.GetPackStatus(), kStatusNeedDownload);
     EXPECT_TRUE(helper_.GetPackNewVersion() == version);
+  }
+}
+
+TEST_F(PackStatusHelperTest, ARecordIsRefusedFromTheFirstByteThatMayNotFit) {
+  const auto store = std::make_shared<test::FakeKeyValueStore>();
+  const PackStatusHelper helper(store);
+  const std::size_t room = store::kMaxStoreSize - 1024;
+  helper.SetAsNeedInstall(std::string(room - 1, ' '), "n");
+  for (const char escaped : {'\x1b', '"', '\\'}) {
+    helper.SetAsNeedInstall("", std::string(room / 6, escaped));
+    const std::size_t writes = store->writes().size();
+    EXPECT_THROW(helper.SetAsNeedInstall("", std::string(room / 6 + 1, escaped)), std::length_error);
+    EXPECT_THROW(helper.SetAsNeedInstall(std::string(room, 'x'), "n"), std::length_error);
+    EXPECT_EQ(store->writes().size(), writes);
   }
 }
 
