@@ -9,6 +9,7 @@
 #include <string>
 
 #include "platform/constants.h"
+#include "platform/network/request.h"
 #include "tests/support/error_text.h"
 #include "tests/support/http_server.h"
 #include "tests/support/test_root.h"
@@ -53,6 +54,19 @@ TEST_F(CprSessionTest, DownloadToFileWritesTheBody) {
   ASSERT_THAT(server.Requests(), SizeIs(1));
   EXPECT_EQ(server.Requests()[0].method, "GET");
   EXPECT_EQ(server.Requests()[0].target, "/pack");
+}
+
+TEST_F(CprSessionTest, DownloadToFileTakesAsMuchAsTheSettingsAllow) {
+  const std::string body = PatternOf(40'000);  // curl gives it in parts
+  HttpServer server([&](const HttpRequest&) { return HttpResponse{.body = body}; });
+  test::WriteFile(path::kPkgSetting, "download_limit=40000\n");
+  EXPECT_EQ(Download(server.Url()).status_code, 200);
+  EXPECT_EQ(ReadFile(path_), body);
+  std::filesystem::remove(path::kPkgSetting);
+}
+
+TEST(NetworkLibrariesTest, NetworkLibrariesTellsTheirVersions) {
+  EXPECT_THAT(NetworkLibraries(), testing::MatchesRegex("libcurl [0-9.]+.*, OpenSSL [0-9.]+.*"));
 }
 
 TEST_F(CprSessionTest, DownloadToFileLeavesTheStreamOpen) {

@@ -129,8 +129,9 @@ TEST_F(FileDownloadTest, FailsWhereTheDiskTakesNoMore) {
 
 TEST_F(FileDownloadTest, RefusesAFileLargerThanTheDiskBeforeItCopiesAny) {
   constexpr std::uintmax_t kSize = 8ULL << 40U;
-  test::WriteFile(path::kPkgSetting, std::string(common::kDownloadLimit) + "=" + std::to_string(kSize) + "\n");
   fs::resize_file(Source(""), kSize);
+  EXPECT_THAT(FailureOf(source_), StartsWith("the file is over 17179869184 bytes, the download_limit of the settings"));
+  test::WriteFile(path::kPkgSetting, std::string(common::kDownloadLimit) + "=" + std::to_string(kSize) + "\n");
   progress_ = [](long /*now*/, long /*total*/) { throw std::logic_error("copies"); };
   EXPECT_THAT(FailureOf(source_), StartsWith("cannot write the file: it needs 8796093022208 bytes"));
   fs::remove(path::kPkgSetting);
