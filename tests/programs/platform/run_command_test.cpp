@@ -81,6 +81,26 @@ TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsMinusOneWhenTheProgramCannotBeStart
   EXPECT_EQ(Run({}), -1);
 }
 
+TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsMinusOneWhenTheProgramWouldHaveNoInput) {
+  test::Forked host([&] {
+    test::FailSystemCall(SYS_openat, EACCES);  // of /dev/null
+    return Run({"/bin/true"}) == -1 ? 0 : 1;
+  });
+  EXPECT_EQ(host.Wait(), 0);
+}
+
+// The error of an earlier call must not show in the supervisor, which is a copy.
+TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsOnceWhateverErrorCameBefore) {
+  test::Forked host([&] {
+    errno = EINVAL;
+    const int status = Run({"/bin/true"});
+    std::ofstream(out_, std::ios::app) << 'x';
+    return status;
+  });
+  EXPECT_EQ(host.Wait(), 0);
+  EXPECT_EQ(Out(), "x");
+}
+
 TEST_F(OrbaCoreWrapperRunCommandTest, DoesNotHandAFileThatIsNoProgramToAShell) {
   test::WriteFile(folder_.File("text"), "exit 0\n");
   fs::permissions(folder_.File("text"), fs::perms(0755));
