@@ -5,10 +5,14 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
+#include "platform/constants.h"
 #include "platform/orbazelo.h"
+#include "tests/support/http_server.h"
 #include "tests/support/oidc_provider.h"
+#include "tests/support/test_root.h"
 
 namespace orbamira {
 namespace {
@@ -319,6 +323,16 @@ TEST_F(ProviderTest, RevokeTokenReportsARefusalWithoutTheToken) {
   };
   EXPECT_EQ(FailureOf([&] { RevokeToken(provider_.issuer() + "/revoke", "me", "secret"); }),
             "the provider refused to revoke the token: status 503, x");
+}
+
+TEST_F(ProviderTest, DiscoverProviderAsksADistantOneThroughTheProxyOfTheSettings) {
+  test::HttpServer proxy([](const test::HttpRequest&) { return HttpResponse{.status = 403}; });
+  test::WriteFile(path::kPkgSetting, "proxy=" + proxy.Url("") + "\n");
+  EXPECT_THAT(FailureOf([] { DiscoverProvider("https://host.invalid"); }),
+              StartsWith("the request to the provider failed: "));
+  std::filesystem::remove(path::kPkgSetting);
+  ASSERT_THAT(proxy.Requests(), SizeIs(1));
+  EXPECT_EQ(proxy.Requests()[0].method + " " + proxy.Requests()[0].target, "CONNECT host.invalid:443");
 }
 
 TEST_F(ProviderTest, FetchKeysGivesThemAsSent) {

@@ -7,9 +7,12 @@
 
 #include <array>
 #include <cerrno>
+#include <ctime>
 #include <filesystem>
 #include <functional>
+#include <limits>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -20,6 +23,7 @@
 #include "platform/posix/flock.h"
 #include "platform/posix/remove_tree.h"
 #include "platform/posix/sync_folder.h"
+#include "platform/posix/trusted_time.h"
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
@@ -108,6 +112,29 @@ TEST_F(FlockTest, ReleaseKeepsTheLock) {
   EXPECT_FALSE(IsFree());
   { const Flock adopted(std::move(file)); }
   EXPECT_TRUE(IsFree());
+}
+
+TEST(SplitPathTest, SplitPathGivesTheFolderAndTheName) {
+  const auto parts_of = [](const std::string& path) {
+    const PathParts parts = SplitPath(path);
+    return parts.parent + " and " + parts.name;
+  };
+  EXPECT_EQ(parts_of("name"), ". and name");
+  EXPECT_EQ(parts_of("/name"), "/ and name");
+  EXPECT_EQ(parts_of("a/b/name//"), "a/b/ and name");
+  for (const char* path : {"", "/", ".", "..", "a/.", "a/..", "../"}) {
+    EXPECT_THROW(SplitPath(path), std::runtime_error) << path;
+  }
+}
+
+TEST(DayTextTest, DayTextGivesTheDayOrElseTheNumber) {
+  EXPECT_EQ(DayText(0), "1970-01-01");
+  EXPECT_EQ(DayText(86'399), "1970-01-01");
+  EXPECT_EQ(DayText(86'400), "1970-01-02");
+  if constexpr (sizeof(std::time_t) > 4) {
+    constexpr auto kNever = std::numeric_limits<std::time_t>::max();
+    EXPECT_EQ(DayText(kNever), std::to_string(kNever));
+  }
 }
 
 // Two datagrams are read by two calls.

@@ -5,6 +5,7 @@
 
 #include "platform/account/secrets.h"
 #include "platform/account/token_check.h"
+#include "platform/account/token_signature.h"
 #include "platform/orbazelo.h"
 #include "tests/support/signing_key.h"
 
@@ -145,6 +146,12 @@ TEST_F(AccountTokenTest, CheckRefusesWhatIsSignedWithNoPublicKey) {
   EXPECT_EQ(failure_with(7), std::string(kFront) + "missing");
   EXPECT_EQ(failure_with(std::string(1000, 'x')), kFront + std::string("unknown"));
   EXPECT_EQ(asked_for_keys_, 0);
+}
+
+TEST(AccountSignatureTest, KnowsTheAlgorithmsOfPublicKeysAlone) {
+  EXPECT_TRUE(IsSignatureAlgorithm("ES256"));
+  EXPECT_FALSE(IsSignatureAlgorithm("HS256"));
+  EXPECT_FALSE(IsSignatureAlgorithm("none"));
 }
 
 TEST_F(AccountTokenTest, CheckRefusesATokenThatIsNone) {
@@ -432,7 +439,8 @@ TEST_F(AccountTokenTest, CheckRefusesAForgeryByAnExponentOfOne) {
 
 TEST_F(AccountTokenTest, CheckRefusesATokenThatMayNotBeUsedYet) {
   EXPECT_EQ(FailureWith("nbf", Json::Int64{kNow + 3600}), "the provider's identity token was issued in the future");
-  EXPECT_EQ(FailureWith("nbf", Json::Int64{kNow + 60}), "");
+  EXPECT_EQ(FailureWith("nbf", Json::Int64{kNow + 301}), "the provider's identity token was issued in the future");
+  EXPECT_EQ(FailureWith("nbf", Json::Int64{kNow + 300}), "");
   EXPECT_EQ(FailureWith("nbf", Json::Int64{kNow - 60}), "");
 }
 
