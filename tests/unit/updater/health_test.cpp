@@ -20,6 +20,7 @@
 #include "tests/support/disk_calls.h"
 #include "tests/support/error_text.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/mocks.h"
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 #include "updater/health_record.h"
@@ -237,6 +238,22 @@ TEST_F(HealthTest, TheWayBackEndsWithAnErrorWhereTheBadPackStays) {
   test::WithFailingCall(SYS_renameat2, EBUSY, [] {
     test::WithFailingCall(SYS_unlinkat, EIO, [] { EXPECT_THROW(PutPreviousBack(nullptr), std::system_error); });
   });
+}
+
+TEST_F(HealthTest, TheWayBackGoesOnWhenPluginsCannotBeTold) {
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kPreviousPackFolderPath, "1");
+  const auto core = std::make_shared<testing::NiceMock<test::MockCore>>();
+  ON_CALL(*core, RunCommand).WillByDefault(testing::Return(1));
+  RollBack(UpdateLock(), *status_, "bad", core);
+  EXPECT_EQ(Installed(), "1");
+  std::vector<test::LogLine> lines = LogCapture::Lines();
+  std::erase_if(lines, [](const test::LogLine& line) { return line.file == "plugin_notifier.cpp"; });
+  const auto not_told = [](const std::string& timing, const std::string& event) {
+    return ErrorLine("previous_pack.cpp", "Failed to notify: [timing]: " + timing + ", [event]: " + event);
+  };
+  EXPECT_THAT(lines, ElementsAre(not_told("pre", "uninstall"), not_told("post", "uninstall"),
+                                 not_told("pre", "install"), not_told("post", "install")));
 }
 
 TEST_F(HealthTest, ThePackThatCameBackCountsAsHealthy) {

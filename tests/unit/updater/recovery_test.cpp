@@ -10,6 +10,7 @@
 #include <ostream>
 #include <set>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "platform/constants.h"
@@ -18,6 +19,7 @@
 #include "tests/support/disk_calls.h"
 #include "tests/support/error_text.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/mocks.h"
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 #include "tests/support/written_folders.h"
@@ -152,8 +154,11 @@ TEST_F(RecoveryTest, RecoverPrefersTheBackupToTheRestOfAPack) {
 }
 
 TEST_F(RecoveryTest, RecoverRemovesTheRestOfAPreviousPack) {
+  const std::string rest = std::string(kTargetFolder) + "/.removed.aZ09xy";
   WriteFile(fs::path(path::kPreviousPackFolderPath) / "lib/codec.so", "1");
-  Recovered();
+  MakePack(rest, "0");
+  EXPECT_THAT(Recovered().done, ElementsAre(std::string("removed the previous pack ") + path::kPreviousPackFolderPath,
+                                            "removed the rest of an interrupted removal " + rest));
   EXPECT_FALSE(fs::exists(path::kPreviousPackFolderPath));
   ExpectNothingLeftToDo();
 }
@@ -208,7 +213,12 @@ TEST_F(RecoveryTest, RecoverEndsRemovalsThatWereCut) {
 TEST_F(RecoveryTest, ARecoveryThatIsCutLeavesNoPartOfABackup) {
   MakePack(path::kPackFolderPath, "2");
   MakePack(path::kBackupPackFolderPath, "1");
-  test::WithFailingCall(SYS_unlinkat, EIO, [] { EXPECT_THAT(Recovered().failed, Not(IsEmpty())); });
+  MakePack(path::kTempPackFolderPath, "2");
+  test::WithFailingCall(SYS_unlinkat, EIO, [] {
+    const RecoveryReport report = Recovered();
+    EXPECT_THAT(report.failed, Not(IsEmpty()));
+    EXPECT_THAT(report.done, Not(Contains(HasSubstr("removed"))));
+  });
   EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
   Recovered();
   EXPECT_THAT(Left(kTargetFolder), UnorderedElementsAre(kPackFolderName, "." ORBAMIRA_PACK_FOLDER_NAME ".previous"));
@@ -386,6 +396,30 @@ TEST_F(RecoveryTest, ConfirmInstallBelievesThePackAlone) {
   LogCapture::Clear();
   EXPECT_FALSE(ConfirmInstall(lock, *Status()));
   EXPECT_EQ(Recorded(), kStatusDownloadInstallFailed);
+  EXPECT_THAT(LogCapture::Lines(), ElementsAre(ErrorLine("recovery.cpp", "The new pack did not get into place")));
+}
+
+TEST_F(RecoveryTest, ConfirmInstallMakesTheBackupThePreviousPack) {
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kBackupPackFolderPath, "1");
+  EXPECT_TRUE(ConfirmInstall(UpdateLock(), *Status()));
+  EXPECT_THAT(Left(kTargetFolder), UnorderedElementsAre(kPackFolderName, "." ORBAMIRA_PACK_FOLDER_NAME ".previous"));
+}
+
+TEST_F(RecoveryTest, ConfirmInstallLogsABackupThatCannotBeKept) {
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kBackupPackFolderPath, "1");
+  test::WithFailingCall(SYS_unlinkat, EIO, [] { EXPECT_TRUE(ConfirmInstall(UpdateLock(), *Status())); });
+  EXPECT_THAT(LogCapture::Lines(),
+              ElementsAre(ErrorLine("recovery.cpp", std::string("Failed to keep the pack's backup: ") +
+                                                        path::kPreviousPackFolderPath + ": " + test::ErrorText(EIO))));
+}
+
+TEST_F(RecoveryTest, ConfirmInstallLogsAMissingPackThatCannotBeRecorded) {
+  test::MockStatusHelper status;
+  EXPECT_CALL(status, SetAsDownloadInstallFailed())
+      .WillOnce(testing::Throw(std::system_error(EIO, std::generic_category())));
+  EXPECT_THROW(static_cast<void>(ConfirmInstall(UpdateLock(), status)), std::system_error);
   EXPECT_THAT(LogCapture::Lines(), ElementsAre(ErrorLine("recovery.cpp", "The new pack did not get into place")));
 }
 
