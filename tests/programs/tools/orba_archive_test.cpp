@@ -583,6 +583,19 @@ TEST_F(OrbaArchiveTest, ReportsAFullDisk) {
                 "big: " + test::ErrorText(EFBIG), {}, options);
 }
 
+TEST_F(OrbaArchiveTest, RefusesAPackageWhoseDigestsCannotBeComputed) {
+  const std::string without_digests = folder_.File("openssl.cnf");
+  WriteFile(without_digests, "openssl_conf = a\n[a]\nproviders = b\n[b]\nnull = c\n[c]\nactivate = 1\n");
+  WriteFile(path::kKeyring, "");
+  ProcessOptions options;
+  options.environment = {"OPENSSL_CONF=" + without_digests};
+  const ProcessResult result = Unpack(Program::kArchive, Tar().File("INFO").Bytes(), {}, options);
+  EXPECT_TRUE(result.Exited(1)) << result;
+  EXPECT_EQ(result.err, "orba-archive: " + archive_.string() + ": INFO: cannot compute a digest\n");
+  EXPECT_THAT(Snapshot(out_), IsEmpty());
+  fs::remove(path::kKeyring);
+}
+
 // Damage.
 
 TEST_F(OrbaArchiveTest, RefusesAPackageCutAnywhere) {
