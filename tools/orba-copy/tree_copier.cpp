@@ -5,7 +5,6 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <stdexcept>
@@ -87,16 +86,12 @@ bool TreeCopier::Seen::operator==(const Seen& other) const {
          modified.tv_sec == other.modified.tv_sec && modified.tv_nsec == other.modified.tv_nsec;
 }
 
-void TreeCopier::Copy(int source, const std::string& shown) {
-  CopyFolder(source, target_, shown, 1);
-  std::ranges::sort(seen_, {}, &Seen::inode);
-}
+void TreeCopier::Copy(int source, const std::string& shown) { CopyFolder(source, target_, shown, 1); }
 
 void TreeCopier::CheckUnchanged(int source, const std::string& shown) const {
   std::vector<Seen> now;
   now.reserve(seen_.size());
   Look(source, shown, now);
-  std::ranges::sort(now, {}, &Seen::inode);
   if (now != seen_) {
     throw std::runtime_error(shown + ": changed while it was copied");
   }

@@ -48,7 +48,7 @@ class TreeCopier {
   int target_;
   struct stat target_status_;
   bool links_work_ = true;
-  std::vector<Seen> seen_;  // sorted by inode once everything is copied
+  std::vector<Seen> seen_;  // in the order of the copy, which follows the names
 };
 
 /// Waits until everything in the open folder is on disk: by one call for its whole file system, or by one for each file
