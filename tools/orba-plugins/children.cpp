@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <string>
@@ -67,15 +66,12 @@ void AdoptOrphans() {
 }
 
 bool ReapChildren(const std::function<void(pid_t, int)>& ended) {
-  while (true) {
-    int status = 0;
-    const pid_t child = waitpid(-1, &status, WNOHANG);
-    if (child > 0) {
-      ended(child, status);
-    } else if (child == 0 || errno != EINTR) {
-      return child == 0;
-    }
+  int status = 0;
+  pid_t child = 0;
+  while ((child = waitpid(-1, &status, WNOHANG)) > 0) {
+    ended(child, status);
   }
+  return child == 0;
 }
 
 ChildrenEnd::ChildrenEnd(pid_t leader) : group_(leader), leader_(leader) {
