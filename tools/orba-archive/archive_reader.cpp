@@ -4,7 +4,6 @@
 #include <archive_entry.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <stdexcept>
 #include <system_error>
 
@@ -141,7 +140,6 @@ ssize_t ArchiveReader::Feed(const void** buffer) {
     return static_cast<ssize_t>(bytes.size());
   } catch (...) {
     source_error_ = std::current_exception();
-    archive_set_error(archive_.get(), EIO, "cannot read");
     return -1;
   }
 }
