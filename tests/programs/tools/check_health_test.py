@@ -129,6 +129,12 @@ class CheckHealthTest(PluginTestCase):
         self.check(0)
         self.assertEqual(self.log_lines(), [f"first {self.pack}", f"second {self.pack}"])
 
+    def test_programs_do_not_use_the_libraries_of_the_pack(self):
+        self.add("lib/libcodec.so.1", self.library("good"))
+        self.add_plugin("10-program", 'echo "${LD_LIBRARY_PATH-none}" >> "$LOG"')
+        self.check(0)
+        self.assertEqual(self.log_lines(), ["none"])
+
     def test_a_program_that_says_no_rejects_the_pack(self):
         refusing = self.add_plugin("10-no", "echo no picture; exit 1")
         said = self.check(UNHEALTHY)

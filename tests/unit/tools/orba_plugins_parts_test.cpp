@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -8,17 +9,22 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include "platform/constants.h"
 #include "platform/posix/trust.h"
+#include "platform/posix/unique_fd.h"
 #include "platform/settings_file.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_root.h"
+#include "tools/orba-plugins/app_ids.h"
 #include "tools/orba-plugins/failure.h"
+#include "tools/orba-plugins/output_lines.h"
 #include "tools/orba-plugins/time_limit.h"
+#include "updater/json_text.h"
 
 namespace orbamira::plugins {
 namespace {
@@ -173,6 +179,104 @@ TEST(PluginFailureTest, IsLoggedAtLocal1InOneLine) {
   Report("a\nb: gone");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string(program_invocation_short_name) + ": a\\012b: gone\n");
   EXPECT_EQ(LogCapture::Lines(), std::vector({LogLine{LOG_LOCAL1 | LOG_ERR, "", "a\\012b: gone"}}));
+}
+
+/// Has its standard error elsewhere for its life.
+class ErrorsTo {
+ public:
+  explicit ErrorsTo(const char* path) : before_(dup(STDERR_FILENO)) {
+    dup2(OpenFile(path, O_WRONLY).get(), STDERR_FILENO);
+  }
+  ~ErrorsTo() { dup2(before_.get(), STDERR_FILENO); }
+  ErrorsTo(const ErrorsTo&) = delete;
+  ErrorsTo& operator=(const ErrorsTo&) = delete;
+
+ private:
+  UniqueFd before_;
+};
+
+TEST(PrintErrorTest, TellsWhetherTheTextWasTaken) {
+  testing::internal::CaptureStderr();
+  EXPECT_TRUE(PrintError(std::string(10'000, 'x')));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string(10'000, 'x'));
+  const ErrorsTo full("/dev/full");
+  EXPECT_FALSE(PrintError("x"));
+}
+
+/// What is passed on of lines that a plugin prints in these pieces.
+std::string PassedOn(const std::vector<std::string>& pieces) {
+  testing::internal::CaptureStderr();
+  OutputLines lines("a");
+  for (const std::string& piece : pieces) {
+    lines.Take(OutputLines::kOutput, piece);
+  }
+  lines.Finish();
+  return testing::internal::GetCapturedStderr();
+}
+
+TEST(OutputLinesTest, ALineIsCutAfterItsFirst1024Characters) {
+  const std::string longest(1024, 'x');
+  EXPECT_EQ(PassedOn({longest + "\n"}), "a: " + longest + "\n");
+  EXPECT_EQ(PassedOn({longest + "x\n"}), "a: " + longest + " [cut]\n");
+  EXPECT_EQ(PassedOn({longest, "\nshort\n"}), "a: " + longest + "\na: short\n");
+  EXPECT_EQ(PassedOn({longest.substr(24), std::string(24, 'x'), "x", "\n"}), "a: " + longest + " [cut]\n");
+}
+
+TEST(OutputLinesTest, ThereAreAThousandLinesAndThenOneThatSaysSo) {
+  std::string lines;
+  std::string passed_on;
+  for (int i = 0; i < 1000; ++i) {
+    lines += "y\n";
+    passed_on += "a: y\n";
+  }
+  EXPECT_EQ(PassedOn({lines + "\n\n"}), passed_on);
+  EXPECT_EQ(PassedOn({lines + "y\n", "y\n"}),
+            passed_on + "a: printed more than 64 KiB or 1000 lines, the rest is dropped\n");
+}
+
+TEST(OutputLinesTest, TheLinesHaveNoMoreThan64KiB) {
+  std::string lines;
+  std::string passed_on;
+  for (int i = 0; i < 64; ++i) {
+    lines += std::string(1023, 'x') + "\n";
+    passed_on += "a: " + std::string(1023, 'x') + "\n";
+  }
+  EXPECT_EQ(PassedOn({lines}), passed_on);
+  EXPECT_EQ(PassedOn({lines + "y"}), passed_on + "a: printed more than 64 KiB or 1000 lines, the rest is dropped\n");
+}
+
+TEST(OutputLinesTest, TheLinesOfTwoStreamsDoNotMix) {
+  testing::internal::CaptureStderr();
+  OutputLines lines("a");
+  lines.Take(OutputLines::kOutput, "out");
+  lines.Take(OutputLines::kError, "err\nmore");
+  lines.Take(OutputLines::kOutput, "put\r\n");
+  lines.Finish();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "a: err\na: output\na: more\n");
+}
+
+TEST(AppIdsTest, AreTheLinesWithoutBlanksAroundThem) {
+  EXPECT_EQ(IdsIn("\n a b \t\r\n\v\f\n\xc3\xa4\nc"), (std::vector<std::string>{"a b", "\xc3\xa4", "c"}));
+  EXPECT_TRUE(IdsIn("").empty());
+  EXPECT_THROW(IdsIn("a\n\xc3"), std::invalid_argument);
+}
+
+TEST(AppIdAnswerTest, EscapesWhatJsonDemands) {
+  AppIdAnswer answer;
+  EXPECT_EQ(answer.Text(), "[]\n");
+  EXPECT_TRUE(answer.Add({"a b", "\x1f\"\\/"}));
+  EXPECT_TRUE(answer.Add({}));
+  EXPECT_TRUE(answer.Add({"c"}));
+  EXPECT_EQ(answer.Text(), "[\"a b\", \"\\u001f\\\"\\\\/\", \"c\"]\n");
+}
+
+TEST(AppIdAnswerTest, IsAtMostAsLongAsWhatTheLibraryReads) {
+  AppIdAnswer answer;
+  const std::string longest(updater::kJsonTextLimit - std::string("[\"\"]\n").size(), 'x');
+  EXPECT_FALSE(answer.Add({longest + "x"}));
+  EXPECT_EQ(answer.Text(), "[]\n");
+  EXPECT_TRUE(answer.Add({longest}));
+  EXPECT_EQ(answer.Text().size(), updater::kJsonTextLimit);
 }
 
 class PluginTimeLimitTest : public testing::Test {
