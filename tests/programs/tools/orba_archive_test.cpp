@@ -5,9 +5,11 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -17,8 +19,10 @@
 #include <string>
 #include <vector>
 
+#include "platform/accepted_packages.h"
 #include "platform/constants.h"
 #include "tests/support/error_text.h"
+#include "tests/support/package_signer.h"
 #include "tests/support/process.h"
 #include "tests/support/restrictions.h"
 #include "tests/support/tar.h"
@@ -508,6 +512,16 @@ TEST_F(OrbaArchiveTest, BoundsTheNumberOfFilesFoldersAndLinks) {
   }
 }
 
+TEST_F(OrbaArchiveTest, VerifyingLeavesInfoWithItsModeWhateverTheUmask) {
+  WriteFile(archive_, Tar().File("INFO", "version=\"2\"\n", 0600).File("package.tgz").Bytes());
+  ProcessOptions options;
+  options.before_exec = [] { umask(077); };
+  const ProcessResult result = Run(Program::kArchive, {"--verify", archive_, "-C", out_}, options);
+  EXPECT_TRUE(result.Exited(0)) << result;
+  EXPECT_EQ(Mode(out_ / "INFO"), 0644U);
+  EXPECT_EQ(Snapshot(out_).size(), 1U);
+}
+
 TEST_F(OrbaArchiveTest, TakesTheLimitFromTheSettings) {
   const fs::path own = path::kPkgSetting;
   const fs::path makers = path::kDefaultPkgSetting;
@@ -596,6 +610,20 @@ TEST_F(OrbaArchiveTest, RefusesAPackageWhoseDigestsCannotBeComputed) {
   fs::remove(path::kKeyring);
 }
 
+TEST_F(OrbaArchiveTest, ReportsAFolderOrLinkThatCannotBeMade) {
+  ProcessOptions options;
+  options.before_exec = [] {
+    for (const int call : {SYS_mkdirat, SYS_symlinkat, SYS_linkat}) {
+      FailSystemCall(call, EDQUOT);
+    }
+  };
+  const std::string error = ": " + test::ErrorText(EDQUOT);
+  ExpectRefused(Program::kTar, Gzip(Tar().Folder("folder").Bytes()), ": folder" + error, {}, options);
+  ExpectRefused(Program::kTar, Gzip(Tar().File("a/b").Bytes()), ": a/b" + error, {}, options);
+  ExpectRefused(Program::kTar, Gzip(Tar().Symlink("link", "a").Bytes()), ": link" + error, {}, options);
+  ExpectRefused(Program::kTar, Gzip(Tar().File("f").HardLink("link", "f").Bytes()), ": link" + error, {}, options);
+}
+
 // Damage.
 
 TEST_F(OrbaArchiveTest, RefusesAPackageCutAnywhere) {
@@ -666,10 +694,21 @@ TEST_F(OrbaArchiveTest, ReadsConcatenatedGzipMembers) {
   EXPECT_EQ(ReadFile(out_ / "f"), data);
 }
 
+TEST_F(OrbaArchiveTest, ReadsAGzipMemberOfASingleByte) {
+  const std::string tar = Tar().File("f").Bytes();
+  for (const size_t at : {size_t{0}, size_t{512}, size_t{513}}) {
+    const ProcessResult result =
+        Unpack(Program::kTar, Gzip(tar.substr(0, at)) + Gzip(tar.substr(at, 1)) + Gzip(tar.substr(at + 1)));
+    EXPECT_TRUE(result.Exited(0)) << result;
+    EXPECT_EQ(ReadFile(out_ / "f"), "data");
+    fs::remove(out_ / "f");
+  }
+}
+
 /// A gzip member whose header has every field, its name longer than what is read at once.
 std::string WithEveryField(const std::string& gzip) {
   std::string header = gzip.substr(0, 10);
-  header[3] = 2 | 4 | 8 | 16;
+  header[3] = 1 | 2 | 4 | 8 | 16;
   header += std::string("\x10\x27", 2) + std::string(10'000, 'e');
   header += std::string(600'000, 'n') + '\0' + "comment" + '\0';
   // A member ends with the checksum and the length of its data, four bytes each; a header with half of its checksum.
@@ -869,6 +908,66 @@ TEST_F(OrbaArchiveTest, CreatingRefusesWhatCouldNotBeUnpacked) {
   EXPECT_EQ(ReadFile(archive_), "the old archive");
 }
 
+TEST_F(OrbaArchiveTest, CreatingRefusesATreeTooDeepToUnpack) {
+  std::string deepest = folder_.path() / "tree";
+  for (int i = 0; i < 128; ++i) {
+    deepest += "/d";
+  }
+  fs::create_directories(deepest);
+  const std::vector<std::string> create = {"-cf", archive_, "-C", folder_.path() / "tree", "."};
+  EXPECT_TRUE(Run(Program::kTar, create).Exited(0));
+  fs::create_directory(deepest + "/d");
+  const ProcessResult result = Run(Program::kTar, create);
+  EXPECT_TRUE(result.Exited(1)) << result;
+  EXPECT_THAT(result.err, EndsWith(": more than 128 folders deep\n"));
+}
+
+TEST_F(OrbaArchiveTest, CreatesMembersWithTheModesOfAPack) {
+  const fs::path tree = folder_.path() / "tree";
+  WriteFile(tree / "folder/program", "x");
+  WriteFile(tree / "folder/text", "x");
+  fs::permissions(tree / "folder/program", fs::perms(0700));
+  fs::permissions(tree / "folder/text", fs::perms(0666));
+  fs::permissions(tree / "folder", fs::perms(0700));
+  ASSERT_TRUE(Run(Program::kTar, {"-cf", archive_, "-C", tree, "folder"}).Exited(0));
+  const std::string listed = RunProgram({"tar", "-tvzf", archive_}).out;
+  EXPECT_THAT(listed, testing::ContainsRegex("drwxr-xr-x [^\n]* folder/\n"));
+  EXPECT_THAT(listed, testing::ContainsRegex("-rwxr-xr-x [^\n]* folder/program\n"));
+  EXPECT_THAT(listed, testing::ContainsRegex("-rw-r--r-- [^\n]* folder/text\n"));
+}
+
+TEST_F(OrbaArchiveTest, CreatingRefusesAFileItMayNotRead) {
+  fs::permissions(Root(), fs::perms(0755));
+  fs::permissions(folder_.path(), fs::perms(0777));
+  WriteFile(folder_.path() / "tree/INFO", "x");
+  fs::permissions(folder_.path() / "tree/INFO", fs::perms::none);
+  ProcessOptions options;
+  options.before_exec = BecomeOrdinaryUser;
+  const ProcessResult result =
+      Run(Program::kArchive, {"-cf", archive_, "-C", folder_.path() / "tree", "INFO"}, options);
+  EXPECT_TRUE(result.Exited(1)) << result;
+  EXPECT_EQ(result.err, "orba-archive: " + archive_.string() + ": INFO: " + test::ErrorText(EACCES) + "\n");
+  EXPECT_FALSE(fs::exists(archive_));
+}
+
+// What is short is written when the archive is closed, and must be there before it gets its name.
+TEST_F(OrbaArchiveTest, CreatingAShortArchiveOnAFullDiskKeepsTheOldOne) {
+  WriteFile(folder_.path() / "tree/INFO", "x");
+  WriteFile(archive_, "the old archive");
+  const auto before = Snapshot(folder_.path());
+  ProcessOptions options;
+  options.before_exec = [] {
+    const rlimit limit = {10, 10};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  };
+  for (const Program program : {Program::kArchive, Program::kTar}) {
+    const ProcessResult result = Run(program, {"-cf", archive_, "-C", folder_.path() / "tree", "INFO"}, options);
+    EXPECT_TRUE(result.Exited(1)) << result;
+    EXPECT_THAT(result.err, EndsWith(archive_.string() + ": Write error\n"));
+    EXPECT_EQ(Snapshot(folder_.path()), before);
+  }
+}
+
 TEST_F(OrbaArchiveTest, CreatingOnAFullDiskKeepsTheOldArchive) {
   const fs::path tree = folder_.path() / "tree";
   WriteFile(tree / "INFO", std::string(300'000, 'x'));
@@ -881,6 +980,7 @@ TEST_F(OrbaArchiveTest, CreatingOnAFullDiskKeepsTheOldArchive) {
   };
   const ProcessResult result = Run(Program::kArchive, {"-cf", archive_, "-C", tree, "INFO"}, options);
   EXPECT_TRUE(result.Exited(1)) << result;
+  EXPECT_EQ(result.err, "orba-archive: " + archive_.string() + ": Write error\n");
   EXPECT_EQ(Snapshot(folder_.path()), before);
 }
 
@@ -943,6 +1043,12 @@ TEST_F(OrbaArchiveTest, WrongUsagePrintsTheUsageAndExits64) {
                                                        {"-tf", "a", "-C", "."},
                                                        {"-tf", "a", "--limit", "5"},
                                                        {"-tf", "a", "--trust"},
+                                                       {"-tf", "a", "--offer", "p=1"},
+                                                       {"-cf", "a", "--trust", "member"},
+                                                       {"--verify", "a", "--limit", "5"},
+                                                       {"--verify", "a", "--offer", "p="},
+                                                       {"--verify", "a", "--offer", "=1"},
+                                                       {"--verify", "a", "--offer", "p"},
                                                        {"-cf", "a", "-C", "."},
                                                        {"-xf", "a", "--limit", "much"},
                                                        {"-xf", "a", "--limit", "-5"},
@@ -969,6 +1075,77 @@ TEST_F(OrbaArchiveTest, ReportsAListingThatCouldNotBePrinted) {
   const ProcessResult result = RunProgram({"sh", "-c", ORBA_TOOLS "/orba-archive -tf \"$0\" >/dev/full", archive_});
   EXPECT_TRUE(result.Exited(1)) << result;
   EXPECT_THAT(result.err, HasSubstr("cannot print: " + test::ErrorText(ENOSPC)));
+}
+
+TEST_F(OrbaArchiveTest, ReportsAListingThatNobodyReads) {
+  WriteFile(archive_, Tar().File("f").Bytes());
+  ProcessOptions options;
+  options.before_exec = [] {
+    std::array<int, 2> ends{};
+    if (pipe(ends.data()) == 0) {
+      close(ends[0]);
+      dup2(ends[1], STDOUT_FILENO);
+    }
+  };
+  const ProcessResult result = Run(Program::kArchive, {"-tf", archive_}, options);
+  EXPECT_TRUE(result.Exited(1)) << result;
+  EXPECT_THAT(result.err, EndsWith("cannot print: " + test::ErrorText(EPIPE) + "\n"));
+}
+
+/// An appliance with a keyring, and packages that its signer has signed.
+class OrbaArchiveKeyringTest : public OrbaArchiveTest {
+ protected:
+  OrbaArchiveKeyringTest() {
+    WriteFile(path::kKeyring, signer_.Certificate());
+    fs::permissions(path::kKeyring, fs::perms(0644));
+  }
+  ~OrbaArchiveKeyringTest() override {
+    fs::remove(path::kKeyring);
+    test::RemoveWrittenFolders();
+  }
+
+  void WriteSigned(const std::string& info) const {
+    WriteFile(folder_.path() / "INFO", info);
+    const std::string digest = RunProgram({"sha256sum", folder_.path() / "INFO"}).out.substr(0, 64);
+    const std::string manifest = digest + "  INFO\n";
+    WriteFile(archive_,
+              Tar().File("MANIFEST", manifest).File("MANIFEST.sig", signer_.Sign(manifest)).File("INFO", info).Bytes());
+  }
+
+  PackageSigner signer_{"signer"};
+};
+
+TEST_F(OrbaArchiveKeyringTest, AnUnsignedPackageIsRefusedUnlessItIsTrusted) {
+  WriteFile(archive_, Tar().File("INFO").Bytes());
+  for (const std::vector<std::string>& action :
+       {std::vector<std::string>{"--verify", archive_}, {"-xf", archive_, "-C", out_}}) {
+    const ProcessResult refused = Run(Program::kArchive, action);
+    EXPECT_TRUE(refused.Exited(1)) << refused;
+    EXPECT_THAT(refused.err, EndsWith(": not signed\n"));
+    std::vector<std::string> trusted = action;
+    trusted.emplace_back("--trust");
+    EXPECT_TRUE(Run(Program::kArchive, trusted).Exited(0));
+  }
+  EXPECT_EQ(ReadFile(out_ / "INFO"), "data");
+}
+
+TEST_F(OrbaArchiveKeyringTest, ASignedPackageIsAcceptedIfItIsThePackOnOffer) {
+  WriteSigned("package=\"pack\"\nversion=\"2.0\"\n");
+  EXPECT_TRUE(Run(Program::kArchive, {"--verify", archive_, "--offer", "pack=2.0"}).Exited(0));
+  const ProcessResult other = Run(Program::kArchive, {"-xf", archive_, "-C", out_, "--offer", "pack=12.0"});
+  EXPECT_TRUE(other.Exited(1)) << other;
+  EXPECT_THAT(other.err, EndsWith(": not the pack on offer: it has pack 2.0, and pack 12.0 is on offer\n"));
+  EXPECT_THAT(Snapshot(out_), IsEmpty());
+  EXPECT_TRUE(Run(Program::kArchive, {"-xf", archive_, "-C", out_, "--offer", "pack=2"}).Exited(0));
+}
+
+TEST_F(OrbaArchiveKeyringTest, OnlyAPackageThatIsToBeInstalledIsRemembered) {
+  WriteSigned("version=\"2.0\"\n");
+  EXPECT_TRUE(Run(Program::kArchive, {"-xf", archive_, "-C", out_}).Exited(0));
+  EXPECT_EQ(ReadAcceptedPackages().newest_signature, 0);
+  fs::create_directories(path::kTempPackFolderPath);
+  EXPECT_TRUE(Run(Program::kArchive, {"-xf", archive_, "-C", path::kTempPackFolderPath}).Exited(0));
+  EXPECT_GT(ReadAcceptedPackages().newest_signature, 0);
 }
 
 }  // namespace

@@ -185,6 +185,7 @@ TEST_F(UnpackBudgetTest, ReachesToTheLastFreeBlockAndToTheLimit) {
 TEST_F(UnpackBudgetTest, CountsContentsInWholeBlocks) {
   Tell(3, 0, 0);
   EXPECT_EQ(ErrorOf([] { UnpackBudget(0, UINT64_MAX).Take(2 * kBlock); }), "");
+  EXPECT_EQ(ErrorOf([] { UnpackBudget(0, UINT64_MAX).Take(kBlock + 1); }), "");
   EXPECT_EQ(ErrorOf([] { UnpackBudget(0, UINT64_MAX).Take(2 * kBlock + 1); }),
             "unpacks to more than the 12288 bytes that are free");
 }
@@ -308,20 +309,32 @@ TEST_F(PackagePartsTest, AHeaderEndsWithinTwoPiecesThatAreReadAtOnce) {
   EXPECT_EQ(Check(Tar().Extended({{"comment", std::string(120UL * 1024, 'c')}}).File("x")), "");
 }
 
+TEST_F(PackagePartsTest, AllHeadersTogetherAreBounded) {
+  const Tar one = Tar().Extended({{"comment", std::string(50'000, 'c')}}).File("x", "");
+  const uint64_t size = one.WithoutEnd().size();
+  Tar tar;
+  for (uint64_t i = 0; i <= (32UL << 20) / size; ++i) {
+    tar.Extended({{"comment", std::string(50'000, 'c')}}).File(std::to_string(i), "");
+  }
+  EXPECT_EQ(Check(tar), "more than 33554432 bytes of headers");
+}
+
 TEST_F(PackagePartsTest, ContentsDoNotCountAsHeaders) {
   const Tar tar = Tar().File("first", std::string(20UL << 20, 'f')).File("second", std::string(20UL << 20, 's'));
   EXPECT_EQ(Check(Tar(tar).File("third")), "");
 }
 
 TEST_F(PackagePartsTest, APieceBeyondTheEndOfItsMemberIsRefused) {
-  const std::string map = "1\n0\n100\n" + std::string(504, '\0') + std::string(100, 'x');
-  const Tar tar = Tar()
-                      .Extended({{"GNU.sparse.major", "1"},
-                                 {"GNU.sparse.minor", "0"},
-                                 {"GNU.sparse.realsize", "10"},
-                                 {"GNU.sparse.name", "x"}})
-                      .File("x", map);
-  EXPECT_EQ(Check(tar), "x: damaged member");
+  for (const std::string map : {"1\n0\n100\n", "1\n8\n5\n"}) {
+    const std::string contents = map + std::string(512 - map.size(), '\0') + std::string(100, 'x');
+    const Tar tar = Tar()
+                        .Extended({{"GNU.sparse.major", "1"},
+                                   {"GNU.sparse.minor", "0"},
+                                   {"GNU.sparse.realsize", "10"},
+                                   {"GNU.sparse.name", "x"}})
+                        .File("x", contents.substr(0, map.starts_with("1\n0") ? contents.size() : 512 + 5));
+    EXPECT_EQ(Check(tar), "x: damaged member") << map;
+  }
 }
 
 TEST_F(PackagePartsTest, AReadThatFailsIsToldWithItsReason) {
