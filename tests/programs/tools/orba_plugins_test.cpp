@@ -52,7 +52,7 @@ class PluginScriptTest : public testing::Test {
   PluginScriptTest() { AdoptOrphans(); }
 
   std::string Script(const std::string& text) const {
-    const std::string path = dir_.File("script");
+    std::string path = dir_.File("script");
     test::WriteFile(path, text);
     fs::permissions(path, fs::perms(0755));
     return path;

@@ -42,6 +42,7 @@ std::uint64_t bytes_shared = 0;
 
 // In place of the C library's: a disk of any size, and a file system where files share blocks, which takes a real one
 // root to mount.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the system names them with underscores
 extern "C" {
 
 [[gnu::visibility("default")]] int fstatvfs(int fd, struct statvfs* status) noexcept {
@@ -77,6 +78,7 @@ extern "C" {
 }
 
 }  // extern "C"
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 namespace orbamira::tools {
 namespace {
@@ -204,7 +206,7 @@ class PackagePartsTest : public testing::Test {
     umask(mask_);
   }
 
-  void Trust(const std::string& certificates) {
+  void Trust(const std::string& certificates) const {
     test::WriteFile(demands_.keyring, certificates);
     fs::permissions(demands_.keyring, fs::perms(0644));
   }
@@ -360,7 +362,11 @@ class SharedBlocksOfAPackageTest : public PackagePartsTest {
 
   /// The payload, its contents so many bytes after the beginning of a block.
   Tar PayloadAt(uint64_t place) const { return Tar().File("gap", Gap(place)).File("package.tgz", payload_); }
-  static std::string Gap(uint64_t place) { return std::string(kBlock - 2UL * 512 + place, 'g'); }
+  static std::string Gap(uint64_t place) {
+    std::string gap;
+    gap.resize(kBlock - 2UL * 512 + place, 'g');
+    return gap;
+  }
 
   std::string payload_;
 };

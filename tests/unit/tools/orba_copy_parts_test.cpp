@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <ctime>
 #include <filesystem>
@@ -40,6 +41,7 @@ int Give(const std::string& name, uid_t user, gid_t group) {
 }  // namespace
 
 // In place of the C library's: only root may give files away, and tests run as anybody.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the system names them with underscores
 extern "C" {
 
 [[gnu::visibility("default")]] uid_t geteuid() noexcept {
@@ -62,6 +64,7 @@ extern "C" {
 }
 
 }  // extern "C"
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 namespace orbamira::tools {
 namespace {
@@ -88,8 +91,8 @@ class CopyPartsTest : public testing::Test {
   }
 
   static void SetTime(const fs::path& path, const timespec& modified) {
-    const timespec times[2] = {modified, modified};
-    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+    const std::array times = {modified, modified};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times.data(), AT_SYMLINK_NOFOLLOW), 0);
   }
 
   /// What copying the folder throws; empty when it throws nothing.
