@@ -213,8 +213,13 @@ void FileKeyValueStore::File::SetAside(UniqueFd broken, const struct stat& statu
   }
   const std::string aside = path_ + ".broken";
   if (!MoveAside(aside, status)) {
+    const int error = errno;
+    if (!IsAt(path_, status)) {
+      Load();  // as above, only later
+      return;
+    }
     ORBAMIRA_LOG_ERROR("Failed to set aside broken store %s: %s", path_.c_str(),
-                       std::generic_category().message(errno).c_str());
+                       std::generic_category().message(error).c_str());
     seen_ = {std::move(broken), status, std::move(text), {}, false};
     return;
   }

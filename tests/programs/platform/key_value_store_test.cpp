@@ -519,6 +519,35 @@ TEST_F(FileKeyValueStoreTest, AGoodFileThatTakesTheBrokenOnesPlaceIsReadAtOnce) 
   }
 }
 
+// It was not read, and an error was logged for a file that was good. What was set aside earlier stays.
+TEST_F(FileKeyValueStoreTest, AGoodFileThatComesWhileAFolderIsInTheWayIsReadAtOnce) {
+  const auto store = Open();
+  store->Set("key", "new");
+  const std::string other = folder_.File("other");
+  fs::copy_file(path_, other);
+  store->Set("key", "old");
+  test::WriteFile(path_, "broken");
+  test::WriteFile(path_ + ".broken/inner", "earlier");
+  test::LogCapture::Clear();
+  test::DiskCalls calls;
+  calls.BeforeRename([&] { fs::rename(other, path_); });
+  EXPECT_EQ(store->Get("key"), "new");
+  EXPECT_EQ(test::ReadFile(path_ + ".broken/inner"), "earlier");
+  EXPECT_THAT(test::LogCapture::Lines(), IsEmpty());
+}
+
+// Another process is just about to put an empty store in its place.
+TEST_F(FileKeyValueStoreTest, ABrokenFileThatIsGoneMeanwhileIsMissing) {
+  const auto store = Open();
+  store->Set("key", "old");
+  test::WriteFile(path_, "broken");
+  test::LogCapture::Clear();
+  test::DiskCalls calls;
+  calls.BeforeRename([&] { fs::remove(path_); });
+  EXPECT_FALSE(store->Has("key"));
+  EXPECT_THAT(test::LogCapture::Lines(), IsEmpty());
+}
+
 TEST_F(FileKeyValueStoreTest, WhatCannotBeSetAsideReadsAsEmptyAndStays) {
   fs::permissions(test::Root(), fs::perms(0711));
   for (const char* file : {"store", "store/file"}) {
