@@ -181,7 +181,6 @@ class Run {
       Continue();
     } else if (status == kRangeNotSatisfiable && asked_for_rest_ && !total_ &&
                answer_.Header("Content-Range") == "bytes */" + std::to_string(received_)) {
-      total_ = received_;
       use_ = Use::kNothingLeft;
     } else if (status == kRangeNotSatisfiable || status == kTooManyRequests || status >= kServerErrors) {
       GiveUpAttempt("the server answered " + std::to_string(status) + " when asked for the rest");
