@@ -280,6 +280,13 @@ TEST_F(FileKeyValueStoreTest, TheFileIsWrittenForPeopleToRead) {
   EXPECT_THAT(test::ReadFile(path_), testing::StartsWith("{\n  \"a\" : \"1\",\n  \"b\" : \"2\"\n}   "));
 }
 
+TEST_F(FileKeyValueStoreTest, AnotherObjectReadsAnyTextAsItWas) {
+  for (const char* text : {"J\xC3\xBCrgen", "\xFF\xC3 no UTF-8", "\x01\x7F\"\\"}) {
+    Open()->Set("key", text);
+    EXPECT_EQ(Open()->Get("key"), text);
+  }
+}
+
 TEST_F(FileKeyValueStoreTest, TheFileIsReadableForAllWhateverTheUmask) {
   const mode_t before = umask(0077);
   const auto store = Open();

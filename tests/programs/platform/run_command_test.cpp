@@ -81,6 +81,11 @@ TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsMinusOneWhenTheProgramCannotBeStart
   EXPECT_EQ(Run({}), -1);
 }
 
+// Its end is not known then, and must not look like a success.
+TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsMinusSigkillWhenTheSupervisorIsKilled) {
+  EXPECT_EQ(RunScript("kill -KILL $PPID"), -SIGKILL);
+}
+
 TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsMinusOneWhenTheProgramWouldHaveNoInput) {
   test::Forked host([&] {
     test::FailSystemCall(SYS_openat, EACCES);  // of /dev/null

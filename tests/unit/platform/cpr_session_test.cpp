@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 
 #include "platform/constants.h"
@@ -63,6 +64,14 @@ TEST_F(CprSessionTest, DownloadToFileTakesAsMuchAsTheSettingsAllow) {
   EXPECT_EQ(Download(server.Url()).status_code, 200);
   EXPECT_EQ(ReadFile(path_), body);
   std::filesystem::remove(path::kPkgSetting);
+}
+
+TEST(AskNetworkTest, AskNetworkTellsTheLengthThatTheServerSays) {
+  auto framing = HttpResponse::Framing::kLength;
+  HttpServer server([&](const HttpRequest&) { return HttpResponse{.body = "body", .framing = framing}; });
+  EXPECT_EQ(AskNetwork({.url = server.Url(), .most_bytes = 100}).length, 4U);
+  framing = HttpResponse::Framing::kChunked;
+  EXPECT_EQ(AskNetwork({.url = server.Url(), .most_bytes = 100}).length, std::nullopt);
 }
 
 TEST(NetworkLibrariesTest, NetworkLibrariesTellsTheirVersions) {

@@ -231,6 +231,7 @@ TEST_F(DownloadWrapperTest, DownloadToFileKeepsTheBeginningOfALongErrorPage) {
     return HttpResponse{.status = 500,
                         .body = page,
                         .framing = HttpResponse::Framing::kChunked,
+                        .endless = true,
                         .piece = 1000};  // none ends at the limit
   });
   EXPECT_EQ(Download(server.Url()), 500);
@@ -306,6 +307,16 @@ TEST_F(DownloadWrapperTest, DownloadToFileReportsAStreamThatIsNotOpen) {
     EXPECT_THAT(FailureOf(*file, server.Url()), EndsWith("the file is not open: Bad file descriptor"));
   }
   EXPECT_THAT(server.Requests(), IsEmpty());
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileReportsAStreamThatHasNoPosition) {
+  const std::string pipe = dir_.File("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const std::fstream both_ends(pipe, std::ios::in | std::ios::out);
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "body"}; });
+  std::ofstream file(pipe, std::ios::binary);
+  EXPECT_EQ(FailureOf(file, server.Url()),
+            server.Url() + ": cannot tell the position in the file: " + test::ErrorText(ESPIPE));
 }
 
 TEST_F(DownloadWrapperTest, DownloadToFileReportsAFullDiskAndDoesNotTryAgain) {
@@ -395,7 +406,8 @@ TEST_F(DownloadWrapperLimitTest, DownloadToFileTakesNoMoreThanTheSettingsAllow) 
 TEST_F(DownloadWrapperLimitTest, DownloadToFileRefusesAnAnnouncedSizeBeforeItTakesAny) {
   test::WriteFile(path::kPkgSetting, "download_limit=1000\n");
   HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "begin", .claimed_length = 1001}; });
-  EXPECT_THAT(FailureOf(server.Url()), HasSubstr("the file is over 1000 bytes"));
+  policy_.size = 1000;
+  EXPECT_THAT(FailureOf(server.Url()), HasSubstr("the file is over 1000 bytes, the download_limit of the settings"));
   EXPECT_THAT(calls_, IsEmpty());
 }
 
@@ -407,6 +419,23 @@ TEST_F(DownloadWrapperLimitTest, DownloadToFileRefusesALimitThatIsNoNumberOfByte
                                                 test::ErrorText(EINVAL));
   }
   EXPECT_THAT(announcing_.Requests(), IsEmpty());
+}
+
+TEST_F(DownloadWrapperLimitTest, DownloadToFileRefusesASettingThatCannotBeUsed) {
+  const std::string front = std::string("a setting cannot be used: ") + path::kPkgSetting + ": ";
+  for (const auto& [line, reason] :
+       {std::pair{"proxy=secret@nowhere", "proxy is not the address of a proxy"},
+        {"ca_file=/missing", "ca_file is not the whole path of a file of certificates (PEM)"},
+        {"download_rate=1023", "download_rate is not a whole number of bytes per second, 1024 or more"}}) {
+    test::WriteFile(path::kPkgSetting, std::string(line) + "\n");
+    std::ofstream file(path_, std::ios::binary);
+    try {
+      DownloadWrapper::Create()->DownloadToFile(file);
+      ADD_FAILURE() << line;
+    } catch (const exception::Exception<kDownloadFailure>& failure) {
+      EXPECT_THAT(failure.what(), AllOf(StartsWith(front + reason), testing::Not(HasSubstr("secret"))));
+    }
+  }
 }
 
 // The disk would be full, for the record of the failure too.
@@ -768,6 +797,20 @@ TEST_F(DownloadWrapperTest, DownloadToFileTriesAgainWhenTheServerIsBusyForTheRes
     EXPECT_EQ(ReadFile(path_), body);
     EXPECT_THAT(RangesOf(server), ElementsAre("|", "bytes=400-|\"v1\"", "bytes=400-|\"v1\""));
   }
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileEndsAUselessAnswerThatNeverEnds) {
+  const std::string body = PatternOf(1000);
+  int requests = 0;
+  HttpServer server(CutFirstAt(400, [&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, body, "\"v1\"");
+    if (++requests == 2) {
+      response = {.status = 503, .body = "busy", .framing = HttpResponse::Framing::kChunked, .endless = true};
+    }
+    return response;
+  }));
+  EXPECT_EQ(Download(server.Url()), 200);
+  EXPECT_EQ(ReadFile(path_), body);
 }
 
 TEST_F(DownloadWrapperTest, DownloadToFileStartsOverWhenThereIsNoSuchRest) {

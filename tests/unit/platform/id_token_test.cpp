@@ -73,6 +73,7 @@ TEST(IdTokenTest, ParseIdTokenReadsAListOfAudiences) {
 }
 
 TEST(IdTokenTest, ParseIdTokenReadsAnyNumberAsExpiry) {
+  EXPECT_EQ(ExpiryOf(1), 1);
   EXPECT_EQ(ExpiryOf(99.9), 99);
   EXPECT_EQ(ExpiryOf(253'402'300'799), 253'402'300'799);
 }
@@ -95,6 +96,12 @@ TEST(IdTokenTest, ParseIdTokenRefusesWhatIsNotThreeParts) {
   EXPECT_FALSE(ParseIdToken(Join(kHead, kClaims, "")));
   EXPECT_FALSE(ParseIdToken(Join("", kClaims, kSignature)));
   EXPECT_FALSE(ParseIdToken(Join(kHead, kClaims, kSignature) + "." + kSignature));
+}
+
+TEST(IdTokenTest, ParseIdTokenRefusesATokenOverTheLimit) {
+  const std::string front = Join(kHead, kClaims, "");
+  EXPECT_TRUE(ParseIdToken(front + std::string(kTokenLimit - front.size(), 'A')));
+  EXPECT_FALSE(ParseIdToken(front + std::string(kTokenLimit - front.size() + 1, 'A')));
 }
 
 TEST(IdTokenTest, ParseIdTokenRefusesOtherAlphabets) {

@@ -137,6 +137,15 @@ TEST(DayTextTest, DayTextGivesTheDayOrElseTheNumber) {
   }
 }
 
+TEST(ListDirectoryTest, ListDirectoryGivesTheNamesSorted) {
+  const TempDir folder;
+  for (const char* name : {"d", "b", ".x", "h", "a", "g", "c", "f", "e"}) {
+    test::WriteFile(folder.File(name), "");
+  }
+  const UniqueFd fd = OpenFile(folder.path(), O_RDONLY | O_DIRECTORY);
+  EXPECT_THAT(ListDirectory(fd.get(), "it"), testing::ElementsAre(".x", "a", "b", "c", "d", "e", "f", "g", "h"));
+}
+
 // Two datagrams are read by two calls.
 TEST(ReadFullyTest, ReadFullyGoesOnAfterAPart) {
   std::array<int, 2> sockets{};
