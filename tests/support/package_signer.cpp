@@ -59,16 +59,19 @@ std::string PackageSigner::Certificate() const {
   return BytesOf(bio.get());
 }
 
-void PackageSigner::AddTo(CMS_ContentInfo* message, std::time_t signed_at) const {
+void PackageSigner::AddTo(CMS_ContentInfo* message, std::optional<std::time_t> signed_at) const {
+  const unsigned attributes = signed_at ? 0 : CMS_NOATTR;
   CMS_SignerInfo* const signer =
-      CMS_add1_signer(message, certificate_.get(), key_.get(), EVP_sha256(), CMS_BINARY | CMS_PARTIAL);
-  const Owned<ASN1_TIME, ASN1_TIME_free> time(ASN1_TIME_set(nullptr, signed_at));
-  Check(signer != nullptr && CMS_signed_add1_attr_by_NID(signer, NID_pkcs9_signingTime, ASN1_STRING_type(time.get()),
-                                                         time.get(), -1) == 1,
-        "no signer");
+      CMS_add1_signer(message, certificate_.get(), key_.get(), EVP_sha256(), CMS_BINARY | CMS_PARTIAL | attributes);
+  Check(signer != nullptr, "no signer");
+  if (signed_at) {
+    const Owned<ASN1_TIME, ASN1_TIME_free> time(ASN1_TIME_set(nullptr, *signed_at));
+    Check(CMS_signed_add1_attr_by_NID(signer, NID_pkcs9_signingTime, ASN1_STRING_type(time.get()), time.get(), -1) == 1,
+          "no signing time");
+  }
 }
 
-std::string PackageSigner::Sign(const std::string& text, std::time_t signed_at) const {
+std::string PackageSigner::Sign(const std::string& text, std::optional<std::time_t> signed_at) const {
   return MakeMessage(text, [&](CMS_ContentInfo* message) { AddTo(message, signed_at); });
 }
 

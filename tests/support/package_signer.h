@@ -3,6 +3,7 @@
 #include <openssl/cms.h>
 
 #include <ctime>
+#include <optional>
 #include <string>
 
 #include "platform/posix/openssl.h"
@@ -18,11 +19,12 @@ class PackageSigner {
   /// The certificate as a keyring holds it.
   [[nodiscard]] std::string Certificate() const;
 
-  /// Adds this signer to a message that is not finished; `signed_at` is when it says that it signed.
-  void AddTo(CMS_ContentInfo* message, std::time_t signed_at) const;
+  /// Adds this signer to a message that is not finished; `signed_at` is when it says that it signed, if it says so.
+  void AddTo(CMS_ContentInfo* message, std::optional<std::time_t> signed_at) const;
 
   /// The detached signature of the text, in DER.
-  [[nodiscard]] std::string Sign(const std::string& text, std::time_t signed_at = std::time(nullptr)) const;
+  [[nodiscard]] std::string Sign(const std::string& text,
+                                 std::optional<std::time_t> signed_at = std::time(nullptr)) const;
 
  private:
   Owned<EVP_PKEY, EVP_PKEY_free> key_;

@@ -386,6 +386,17 @@ class NotifyPluginsTest(PluginTestCase):
                     self.wait_for_process_end(plugin)
                     self.assert_spread_ends()
 
+    def test_plugin_ends_when_all_that_watch_it_are_killed(self):
+        self.add_plugin("a", 'echo $$ >> "$LOG"; echo ready; exec cat $HOLD')
+        with self.start() as process:
+            self.assertEqual("a: ready\n", process.stderr.readline())
+            watchers = [process.pid, int(self.workers(process)[0])]
+            for number in (signal.SIGSTOP, signal.SIGKILL):  # so that none sees the other's end
+                for watcher in watchers:
+                    os.kill(watcher, number)
+            process.wait(HANG)
+        self.wait_for_process_end(self.log_lines()[0])
+
     def test_killed_process_that_works_is_told_of(self):
         self.add_plugin("a", "kill -9 $PPID; exec cat $HOLD")
         result = self.notify()

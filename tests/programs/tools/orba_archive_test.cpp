@@ -868,6 +868,7 @@ TEST_F(OrbaArchiveTest, CreatesTheSameBytesFromTheSameTree) {
   EXPECT_EQ(ReadFile(folder_.File("one.tgz")), ReadFile(folder_.File("two.tgz")));
   // No name and no time in the gzip header.
   EXPECT_EQ(ReadFile(folder_.File("one.tgz")).substr(3, 5), std::string(5, '\0'));
+  EXPECT_EQ(ReadFile(folder_.File("one.tgz")).at(8), 2) << "made as small as possible";
   const ProcessResult listed =
       RunProgram({"tar", "--utc", "--numeric-owner", "--full-time", "-tvzf", folder_.File("one.tgz"), "c"});
   EXPECT_THAT(listed.out, testing::ContainsRegex("^-rw-r--r-- 0/0 +1 1970-01-01 00:00:00 c\n$"));
@@ -905,6 +906,9 @@ TEST_F(OrbaArchiveTest, CreatingRefusesWhatCouldNotBeUnpacked) {
   refused(Program::kTar, "dir", "dir/fifo: neither a file, a folder nor a symbolic link");
   refused(Program::kTar, "../canary", "a name with \"..\"");
   refused(Program::kTar, "missing", "missing: " + test::ErrorText(ENOENT));
+  const ProcessResult nowhere = Run(Program::kArchive, {"-cf", tree / "none/archive", "-C", tree, "INFO"});
+  EXPECT_TRUE(nowhere.Exited(1)) << nowhere;
+  EXPECT_THAT(nowhere.err, EndsWith(": cannot create: " + test::ErrorText(ENOENT) + "\n"));
   EXPECT_EQ(ReadFile(archive_), "the old archive");
 }
 

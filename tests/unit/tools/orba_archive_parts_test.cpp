@@ -305,6 +305,14 @@ TEST_F(PackagePartsTest, MembersKeepTheModesOfAPackAlone) {
   EXPECT_EQ(fs::status(out_ / "some").permissions(), fs::perms(0644));
 }
 
+TEST_F(PackagePartsTest, MembersTakeNoMoreThanTheLimit) {
+  const UniqueFd package = Write(Tar().File("INFO").File("package.tgz").Bytes());
+  EXPECT_EQ(ErrorOf([&] { UnpackPackage(package.get(), folder_.get(), 4 * kBlock - 1, std::nullopt); }),
+            "package.tgz: unpacks to more than the limit of 16383 bytes");
+  EXPECT_TRUE(fs::is_empty(out_));
+  EXPECT_EQ(ErrorOf([&] { UnpackPackage(package.get(), folder_.get(), 4 * kBlock, std::nullopt); }), "");
+}
+
 // One piece is read to see what it is, and one more for the header.
 TEST_F(PackagePartsTest, AHeaderEndsWithinTwoPiecesThatAreReadAtOnce) {
   EXPECT_EQ(Check(Tar().LongName(std::string(128UL * 1024, 'n')).File("x")), "a member's header is too long");
@@ -415,6 +423,8 @@ TEST_F(PackagePartsTest, ASigningTimeThatTheCertificatesDoNotCoverIsNone) {
   EXPECT_EQ(signed_at(now), now);
   EXPECT_EQ(signed_at(now + 20 * kDay), now + 20 * kDay);
   EXPECT_EQ(signed_at(now + 40 * kDay), 0);
+  EXPECT_EQ(signed_at(-5), 0);
+  EXPECT_EQ(CheckSignature("text", signer_.Sign("text", std::nullopt), demands_.keyring, demands_.time), 0);
 }
 
 }  // namespace

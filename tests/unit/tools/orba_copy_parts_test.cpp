@@ -149,6 +149,13 @@ TEST_F(CopyPartsTest, WhatCannotGetItsOwnerIsNotCopied) {
   EXPECT_TRUE(fs::is_empty(target_));
 }
 
+TEST_F(CopyPartsTest, WhatCannotGetItsModeIsNotCopied) {
+  std::string error;
+  test::WithFailingCall(SYS_fchmod, EPERM, [&] { error = ErrorOfCopy(); });
+  EXPECT_EQ(error, source_.string() + ": " + test::ErrorText(EPERM));
+  EXPECT_TRUE(fs::is_empty(target_));
+}
+
 TEST_F(CopyPartsTest, ALinkThatCannotBeMadeIsToldWithItsReason) {
   fs::create_symlink("nowhere", source_ / "link");
   std::string error;
