@@ -194,6 +194,16 @@ TEST(ReservedFileTest, ReservedFileReportsAMissingFolder) {
   }
 }
 
+TEST(ReservedFileTest, ReservedFileThatCannotGiveRoomBackLeavesTheOldFile) {
+  const TempDir dir;
+  WriteFile(dir.File("file"), "old");
+  test::WithFailingCall(SYS_ftruncate, EIO, [&] {
+    EXPECT_THROW(ReservedFile(dir.File("file"), 100).Replace("content", 0644), std::system_error);
+  });
+  EXPECT_EQ(ReadFile(dir.File("file")), "old");
+  EXPECT_EQ(EntriesIn(dir.path()), 1U);
+}
+
 TEST(ReservedFileTest, ReservedFileKeepsNoRoomThatIsNotUsed) {
   const TempDir dir;
   ReservedFile(dir.File("file"), 100).Replace("content", 0644);

@@ -51,6 +51,11 @@ TEST_F(OrbaPkgWrapperTest, CheckFileChecksumAcceptsAnEmptyFile) {
   EXPECT_TRUE(Check(kSha256OfNothing));
 }
 
+TEST_F(OrbaPkgWrapperTest, CheckFileChecksumReadsAFileOfOneByte) {
+  test::WriteFile(file_, "a");
+  EXPECT_TRUE(Check("ca978112ca1bbdcafac231b39a23dc4da786eff8147c4e72b9807785afee48bb"));
+}
+
 TEST_F(OrbaPkgWrapperTest, CheckFileChecksumReadsAFileOfManyPieces) {
   test::WriteFile(file_, std::string(1'000'000, 'a'));
   EXPECT_TRUE(Check(kSha256OfAMillionA));

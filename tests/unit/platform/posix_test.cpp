@@ -81,6 +81,12 @@ TEST_F(FlockTest, LocksOnlyWhenAsked) {
   EXPECT_FALSE(IsFree());
 }
 
+TEST_F(FlockTest, LockTakesNoEarlierErrorForItsOwn) {
+  Flock lock = Open();
+  errno = EINTR;
+  EXPECT_TRUE(lock.Lock());
+}
+
 TEST_F(FlockTest, TryLockTellsThatAnotherHoldsIt) {
   Flock first = Open();
   ASSERT_TRUE(first.TryLock());
@@ -135,6 +141,16 @@ TEST(DayTextTest, DayTextGivesTheDayOrElseTheNumber) {
     constexpr auto kNever = std::numeric_limits<std::time_t>::max();
     EXPECT_EQ(DayText(kNever), std::to_string(kNever));
   }
+}
+
+TEST(ReadLinkTest, ReadLinkGivesTheTargetAlone) {
+  const TempDir folder;
+  std::filesystem::create_symlink("target", folder.File("link"));
+  EXPECT_EQ(ReadLink(AT_FDCWD, folder.File("link"), "the link"), "target");
+  const auto error = ErrorOf([&] { ReadLink(AT_FDCWD, folder.File("missing"), "the link"); });
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code().value(), ENOENT);
+  EXPECT_THAT(error->what(), StartsWith("the link: "));
 }
 
 TEST(ListDirectoryTest, ListDirectoryGivesTheNamesSorted) {

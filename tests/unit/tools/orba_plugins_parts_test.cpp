@@ -124,6 +124,8 @@ TEST_F(PluginPathTest, EveryStepOfThePathCounts) {
   EXPECT_EQ(WhyDistrusted(folder_.File("open//inner///file")), "everyone may write " + folder_.File("open/inner"));
 }
 
+TEST_F(PluginPathTest, WhatOurOwnGroupMayWriteIsTrusted) { EXPECT_EQ(WhyDistrusted(Make("file", 0664)), ""); }
+
 TEST_F(PluginPathTest, WhatALinkLeadsToCounts) {
   const std::string file = Make("file", 0666);
   EXPECT_EQ(WhyDistrusted(Link("relative", "file")), "everyone may write it");
