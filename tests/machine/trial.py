@@ -97,8 +97,9 @@ class Trial:
         return f"""grep -q up_to_date /{state}/status.json && grep -q 'version="{version}"' /{info}"""
 
     def await_update(self, machine):
-        """Until the timers brought the version on offer."""
-        machine.run(f"until {self.pack_is(self.text())}; do sleep 0.3; done 2> /dev/null")
+        """Until the timers brought the version on offer. Where recovery did, the next check forgets the offer."""
+        offer = f"/{self.bench.paths.state_folder}/offer.json"
+        machine.run(f"until {self.pack_is(self.text())} && ! test -e {offer}; do sleep 0.3; done 2> /dev/null")
         self.old = self.last = self.text()
 
     def settle(self, machine):
