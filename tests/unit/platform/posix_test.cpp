@@ -189,7 +189,7 @@ TEST(RemoveTreeTest, SaysWhyAFolderCannotBeOpened) {
   };
   for (const auto& [attempt, front] : attempts) {
     std::optional<std::system_error> error;
-    test::WithFailingCall(SYS_openat, EMFILE, [&] { error = ErrorOf(attempt); });
+    test::WithFailingCall(SYS_openat, EMFILE, [&error, &attempt = attempt] { error = ErrorOf(attempt); });
     ASSERT_TRUE(error) << front;
     EXPECT_EQ(error->code().value(), EMFILE) << front;
     EXPECT_THAT(error->what(), StartsWith(front));
