@@ -252,10 +252,11 @@ class NotifyPluginsTest(PluginTestCase):
         go_on = self.root / "go_on"
         os.mkfifo(go_on)
         self.add_plugin("a", f'echo one; read line < "{go_on}"; echo two >&2; read line < "{go_on}"')
-        with self.start() as process:
+        # Open for reading too: the plugin may come back before a writer of the first line has gone, or after.
+        with self.start() as process, open(go_on, "r+b", buffering=0) as pipe:
             for line in ("a: one\n", "a: two\n"):
                 self.assertEqual(line, process.stderr.readline())
-                go_on.write_text("go on\n")
+                pipe.write(b"go on\n")
             self.assertEqual(0, process.wait(HANG))
 
     def test_output_that_nobody_takes_holds_up_nobody(self):
