@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What is told of a boot from what systemd says, and what a cut leaves of a recorded disk; without a guest."""
+"""How a boot is judged by what systemd reports, and what a cut leaves of a recorded disk; without a guest."""
 
 import pathlib
 import random

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Boots a machine where something is wrong that is not the updater's fault: nothing is held up, and each is told.
+"""Boots a machine where something is wrong that is not the updater's fault: nothing is held up, and a reason is given.
 
 A read-only root, a full disk under /var, a clock at 1970, no network, and a network with IPv6 only. Each time the
 machine reaches multi-user.target in the usual time, recovery among it, every command ends, the reason code says what is

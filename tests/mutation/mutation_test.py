@@ -36,7 +36,7 @@ int main() {
   return 0;
 }
 """
-# Signals the process that it is told, all processes, a child of its own and the group of one.
+# Sends signals to the process that its argument names, to all processes, to a child and to a child's group.
 SIGNALS = """\
 #include <csignal>
 #include <cstdio>

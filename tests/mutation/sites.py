@@ -80,7 +80,7 @@ class File:
         self._keep_nested()
 
     def mutants(self):
-        """The mutants in order; the text of each two that look alike is told apart by a number."""
+        """The mutants in order; of those with the same text, all but the first have a number behind it."""
         seen = collections.Counter()
         for site in self.sites:
             text = " ".join(self._text(site.begin, site.end).split())

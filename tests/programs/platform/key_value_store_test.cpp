@@ -187,6 +187,16 @@ class FileKeyValueStoreTest : public testing::Test {
     } while (after.st_ctim.tv_sec == before.st_ctim.tv_sec && after.st_ctim.tv_nsec == before.st_ctim.tv_nsec);
   }
 
+  // Breaks the file after the store had "old". Gives the path of a good file beside it, with "new".
+  [[nodiscard]] std::string BreakBesideAGoodOne(IKeyValueStore& store) const {
+    std::string other = folder_.File("other");
+    store.Set("key", "new");
+    fs::copy_file(path_, other);
+    store.Set("key", "old");
+    test::WriteFile(path_, "broken");
+    return other;
+  }
+
   test::TempDir folder_;
   const std::string path_ = folder_.File("store");
 };
@@ -514,11 +524,7 @@ TEST_F(FileKeyValueStoreTest, AGoodFileThatIsSetAsideForTheBrokenOneComesBack) {
 TEST_F(FileKeyValueStoreTest, AGoodFileThatTakesTheBrokenOnesPlaceIsReadAtOnce) {
   for (const bool is_aside : {false, true}) {
     const auto store = Open();
-    store->Set("key", "new");
-    const std::string other = folder_.File("other");
-    fs::copy_file(path_, other);
-    store->Set("key", "old");
-    test::WriteFile(path_, "broken");
+    const std::string other = BreakBesideAGoodOne(*store);
     test::DiskCalls calls;
     const auto put = [&] { fs::rename(other, path_); };
     calls.BeforeRename([&] { is_aside ? calls.BeforeRename(put) : put(); });
@@ -529,11 +535,7 @@ TEST_F(FileKeyValueStoreTest, AGoodFileThatTakesTheBrokenOnesPlaceIsReadAtOnce) 
 // It was not read, and an error was logged for a file that was good. What was set aside earlier stays.
 TEST_F(FileKeyValueStoreTest, AGoodFileThatComesWhileAFolderIsInTheWayIsReadAtOnce) {
   const auto store = Open();
-  store->Set("key", "new");
-  const std::string other = folder_.File("other");
-  fs::copy_file(path_, other);
-  store->Set("key", "old");
-  test::WriteFile(path_, "broken");
+  const std::string other = BreakBesideAGoodOne(*store);
   test::WriteFile(path_ + ".broken/inner", "earlier");
   test::LogCapture::Clear();
   test::DiskCalls calls;

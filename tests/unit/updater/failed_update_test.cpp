@@ -134,7 +134,7 @@ TEST_F(FailedUpdateTest, AnOfferThatWasTakenBackIsNotDueAnyMore) {
 TEST_F(FailedUpdateTest, NothingIsAskedForWhenNothingFailed) {
   Offer("2");
   Record(kStatusDownloadInstallFailed);
-  EXPECT_FALSE(IsDueAgain()) << "there is no pack to compare with";
+  EXPECT_FALSE(IsDueAgain()) << "no pack is installed";
   Install("2");
   for (const PackStatus status : {kStatusLost, kStatusDownloading, kStatusNeedInstall, kStatusInstalling,
                                   kStatusDownloadingInstalling, kStatusUpToDate}) {
