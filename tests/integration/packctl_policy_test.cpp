@@ -154,6 +154,23 @@ TEST_F(PackctlPolicyTest, PackIsInstalledByItselfWhereThePolicySaysSo) {
   EXPECT_FALSE(fs::exists(StateFile("offer.json")));
 }
 
+// The timers do nothing about an offer that is not kept, and the check that they begin with is what tells of it.
+TEST_F(PackctlPolicyTest, CheckThatCannotKeepTheOfferFails) {
+  const std::string in_the_way = StateFile("offer.json");
+  fs::create_directories(in_the_way);
+  Json::Value answer = RunJson({"check"}, 1);
+  EXPECT_EQ(answer["result"], "failed");
+  EXPECT_EQ(answer["version"], "1.1");
+  EXPECT_THAT(Run({"check", "--verbose"}).errors, HasSubstr("cannot keep since when the pack is on offer: "));
+  EXPECT_EQ(Run({"download"}).status, 0);
+  answer = RunJson({"check"}, 1);
+  EXPECT_EQ(answer["result"], "failed");
+  EXPECT_EQ(answer["version"], "1.1");
+  fs::remove(in_the_way);
+  EXPECT_EQ(RunJson({"check"}, 0)["result"], "new_pack");
+  EXPECT_TRUE(fs::is_regular_file(in_the_way));
+}
+
 TEST_F(PackctlPolicyTest, DownloadedPackWaitsForAPersonThroughLaterChecks) {
   Set(kDownload);
   EXPECT_EQ(Run({"check"}).status, 0);

@@ -40,10 +40,12 @@ JudgedOffer Judge(const StatusRecord& record) {
 
 // Whether the record is what the update server says now; it is brought up to that.
 bool RefreshRecord(const UpdateObjects& objects, const StatusRecord& record) {
-  if (record.status == updater::kStatusNeedInstall && IsStillOffered(objects, record).value_or(true)) {
+  const bool is_downloaded = record.status == updater::kStatusNeedInstall;
+  const std::optional<bool> is_same = is_downloaded ? IsStillOffered(objects, record) : false;
+  if (!is_same) {
     return true;  // without an answer the downloaded pack is what there is
   }
-  if (objects.manager->CheckNewPack()) {
+  if (*is_same || objects.manager->CheckNewPack()) {
     KeepOffer(objects.handler->offer());
     return true;
   }
@@ -107,12 +109,8 @@ std::optional<bool> IsStillOffered(const UpdateObjects& objects, const StatusRec
   if (!objects.manager->FetchDownloadInfo(with_aac, offer)) {
     return std::nullopt;
   }
-  const bool is_same = objects.handler->GetDownloadVersion(offer) == record.new_version &&
-                       updater::PackName(with_aac) == record.new_pack_name;
-  if (is_same) {
-    KeepOffer(objects.handler->offer());
-  }
-  return is_same;
+  return objects.handler->GetDownloadVersion(offer) == record.new_version &&
+         updater::PackName(with_aac) == record.new_pack_name;
 }
 
 std::vector<std::string> KeepOffer(const Offer& offer) try {

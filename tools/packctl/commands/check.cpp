@@ -124,6 +124,20 @@ std::string RefusalLine() {
                                                                 : "";
 }
 
+/// What is found is kept for the timers. They do nothing about an offer that is not kept, so that a check that cannot
+/// keep it has failed.
+Outcome WithOfferKept(const UpdateObjects& objects, Outcome outcome) {
+  std::vector<std::string> problems = KeepOffer(objects.handler->offer());
+  if (problems.empty()) {
+    outcome.text += RefusalLine();
+    return outcome;
+  }
+  Outcome failed = FailedChange("check");
+  failed.problems.insert(failed.problems.begin(), problems.begin(), problems.end());
+  failed.members = std::move(outcome.members);
+  return failed;
+}
+
 /// A pack that is downloaded and still on offer. The library's check would have it downloaded again.
 Outcome Downloaded(const StatusRecord& record) {
   NoteAnsweredCheck(record.new_version, true);
@@ -160,7 +174,7 @@ Outcome RunCheck(Context& context) {
   const StatusRecord before = ReadStatusIfPossible();
   if (before.status == updater::kStatusNeedInstall && !updater::IsRejected(before.new_version) &&
       IsStillOffered(objects, before).value_or(false)) {
-    return Downloaded(before);
+    return WithOfferKept(objects, Downloaded(before));
   }
   const bool found = objects.manager->CheckNewPack();
   if (const auto& rejected = objects.handler->rejected_version(); !found && rejected) {
@@ -173,9 +187,8 @@ Outcome RunCheck(Context& context) {
   const bool repeats =
       !found && declined && updater::RepeatFailedUpdate(*context.lock, *objects.manager, *objects.status);
   if (found || repeats) {
-    Outcome outcome = WithOthers(NewPack(*objects.manager, repeats), objects.handler->other_releases());
-    outcome.problems = KeepOffer(objects.handler->offer());
-    outcome.text += RefusalLine();
+    Outcome outcome =
+        WithOfferKept(objects, WithOthers(NewPack(*objects.manager, repeats), objects.handler->other_releases()));
     NoteAnswer(outcome, objects.handler->offered_version(), true, objects.handler->other_releases());
     return outcome;
   }
