@@ -557,7 +557,9 @@ TEST_F(PackctlTest, RemoveEndsWith2WithoutAPack) {
   EXPECT_EQ(removed["result"], "done");
   EXPECT_EQ(removed["status"], "up_to_date");
   EXPECT_FALSE(fs::exists(path::kPackFolderPath));
-  EXPECT_EQ(Run({"remove"}).status, 2);
+  const ProgramResult again = Run({"remove"});
+  EXPECT_EQ(again.status, 2);
+  EXPECT_EQ(again.output, "No codec pack is installed.\n");
 }
 
 TEST_F(PackctlTest, RemoveAsksWhenAnApplicationNeedsACodec) {
@@ -1065,6 +1067,16 @@ TEST_F(PackctlTest, RecoverMendsWhatAKilledUpdateLeft) {
   EXPECT_EQ(Run({"recover"}).output, "Everything is in order. No codec pack is installed.\n");
   appliance_.SetFault({});
   EXPECT_EQ(Run({"update"}).status, 0);
+}
+
+TEST_F(PackctlTest, RecoverTellsWhatItCouldNotDo) {
+  const fs::path folder = fs::path(path::kPackFolderPath).parent_path();
+  fs::remove_all(folder);
+  WriteFile(folder, "a file in the way");
+  const Json::Value recovered = RunJson({"recover"}, 1);
+  fs::remove(folder);
+  ASSERT_FALSE(recovered["failures"].empty());
+  EXPECT_THAT(recovered["failures"][0].asString(), StartsWith("cannot make the folders: " + folder.string()));
 }
 
 TEST_F(PackctlTest, RecoverGoesOnWithAFolderInPlaceOfTheStatusStore) {

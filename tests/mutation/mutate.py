@@ -328,9 +328,8 @@ class Results:
             file.write(json.dumps(entry) + "\n")
 
 
-def report(mutants, results):
+def report(mutants, results, judged):
     """Prints what was found, and gives the status of the run; the list must have its survivors and no others."""
-    judged = judged_survivors()
     kinds = collections.defaultdict(collections.Counter)
     new, gone = [], set(judged) - {mutant.name for mutant in mutants.values()}
     for number, found_by in results.items():
@@ -372,15 +371,17 @@ def main():
     reach = Reach(tests, arguments.jobs, arguments.folder / f"reach-{build.digest()}.jsonl")
     results = Results(build, arguments.folder / "results.jsonl", f"{build.digest_of_tests()}, {arguments.patience} s")
     wanted = draw(build.mutants, arguments)
+    judged = judged_survivors()
     pool = concurrent.futures.ThreadPoolExecutor(arguments.jobs)
     try:
         left = [number for number in wanted if number not in results.found_by]
+        left.sort(key=lambda number: build.mutants[number].name in judged)  # what may fail the run comes first
         tried = {pool.submit(reach.find, tests, number, arguments.patience): number for number in left}
         for future in concurrent.futures.as_completed(tried):
             results.add(tried[future], future.result())
     finally:
         pool.shutdown(cancel_futures=True)
-    return report(build.mutants, {number: results.found_by[number] for number in wanted})
+    return report(build.mutants, {number: results.found_by[number] for number in wanted}, judged)
 
 
 if __name__ == "__main__":

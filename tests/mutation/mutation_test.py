@@ -195,8 +195,8 @@ class ReportTest(unittest.TestCase):
             for number in range(1, 101)
         }
         output = io.StringIO()
-        with mock.patch.object(mutate, "judged_survivors", lambda: judged), contextlib.redirect_stdout(output):
-            status = mutate.report(mutants, results)
+        with contextlib.redirect_stdout(output):
+            status = mutate.report(mutants, results, judged)
         return status, output.getvalue()
 
     def test_passes_when_every_survivor_is_judged(self):

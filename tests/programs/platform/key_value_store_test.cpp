@@ -467,7 +467,10 @@ TEST_P(StrangeStoreTest, ReplacesWhateverWasSetAsideEarlier) {
     earlier.make(path_ + ".broken");
     fs::remove_all(path_);
     GetParam().make(path_);
+    test::LogCapture::Clear();
     EXPECT_FALSE(Open()->Has("key"));
+    EXPECT_THAT(test::LogCapture::Lines(),
+                ElementsAre(test::ErrorLine("key_value_store.cpp", "Set aside broken store " + path_)));
     EXPECT_TRUE(GetParam().is(path_ + ".broken")) << earlier.name;
     EXPECT_THAT(FilesInFolder(), UnorderedElementsAre("store", "store.broken"));
     fs::remove_all(path_ + ".broken");
@@ -588,6 +591,10 @@ TEST_F(FileKeyValueStoreTest, SetRefusesWhatCouldNotBeReadAgain) {
   EXPECT_EQ(store->Get("key"), "value");
   store->Set("key", std::string(std::size_t{1'000'000}, 'x'));
   EXPECT_EQ(Open()->Get("key").size(), 1'000'000U);
+  const std::size_t most = 1'000'000 + (std::size_t{1} << 20U) - fs::file_size(path_);
+  EXPECT_THROW(store->Set("key", std::string(most + 1, 'x')), std::system_error);
+  store->Set("key", std::string(most, 'x'));
+  EXPECT_EQ(Open()->Get("key").size(), most);
 }
 
 TEST_F(FileKeyValueStoreTest, ReadsAFileOfAMebibyteAndNoLargerOne) {

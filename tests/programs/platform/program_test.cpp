@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
@@ -12,9 +13,11 @@
 #include <functional>
 #include <initializer_list>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "tests/support/forked.h"
+#include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
 
 namespace orbamira {
@@ -34,6 +37,18 @@ TEST(OpenStandardStreamsTest, OpensThoseThatAreClosedAndNoMore) {
       return fcntl(closed, F_GETFD) == 0 && fcntl(next, F_GETFD) < 0;
     })) << closed;
   }
+}
+
+TEST(OpenStandardStreamsTest, SaysWhenThereIsNothingToOpen) {
+  EXPECT_TRUE(Holds([] {
+    test::FailSystemCall(SYS_openat, EACCES);
+    try {
+      OpenStandardStreams();
+    } catch (const std::system_error& error) {
+      return error.code().value() == EACCES;
+    }
+    return false;
+  }));
 }
 
 TEST(IgnoreOutputSignalsTest, AReaderThatIsGoneIsAnErrorOfTheWrite) {

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -64,6 +65,19 @@ TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsTheExitStatus) {
   for (const int status : {0, 1, 3, 127, 128, 255}) {
     EXPECT_EQ(RunScript("exit " + std::to_string(status)), status);
   }
+}
+
+TEST_F(OrbaCoreWrapperRunCommandTest, LeavesNoMemoryBehind) {
+  const auto mapped = [] {
+    const std::string maps = test::ReadFile("/proc/self/maps");
+    return std::ranges::count(maps, '\n');
+  };
+  Run({"/bin/true"});
+  const auto before = mapped();
+  for (int i = 0; i < 20; ++i) {
+    Run({"/bin/true"});
+  }
+  EXPECT_EQ(mapped(), before);
 }
 
 TEST_F(OrbaCoreWrapperRunCommandTest, ReturnsTheNegativeNumberOfTheSignal) {

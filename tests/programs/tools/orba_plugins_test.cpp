@@ -14,6 +14,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -27,6 +28,7 @@
 #include "tests/support/test_root.h"
 #include "tools/orba-plugins/children.h"
 #include "tools/orba-plugins/failure.h"
+#include "tools/orba-plugins/guard.h"
 #include "tools/orba-plugins/plugin_run.h"
 #include "tools/orba-plugins/signals.h"
 
@@ -98,6 +100,13 @@ TEST_F(PluginScriptTest, WithoutPipesForItsOutputItCannotBeStarted) {
   EXPECT_EQ(error, plugin + ": cannot be started: " + test::ErrorText(EMFILE));
 }
 
+TEST_F(PluginScriptTest, WithoutAProcessForItItCannotBeStarted) {
+  const std::string plugin = Script("#!/bin/sh\n");
+  std::string error;
+  test::WithFailingCall(SYS_clone, EAGAIN, [&] { error = ErrorOf(plugin); });
+  EXPECT_EQ(error, plugin + ": cannot be started: " + test::ErrorText(EAGAIN));
+}
+
 TEST_F(PluginScriptTest, ASingleByteIsNotTheEndOfItsOutput) {
   const std::string taken = dir_.File("taken");
   ASSERT_EQ(mkfifo(taken.c_str(), 0600), 0);
@@ -144,10 +153,44 @@ TEST_F(PluginScriptTest, WhatItLeavesBehindIsAskedOnceToEnd) {
   ASSERT_EQ(mkfifo(ready.c_str(), 0600), 0);
   const UniqueFd holder = OpenFile(hold, O_RDWR);
   // It takes several times as long to end as there is between two looks at it.
-  test::WriteFile(dir_.File("left"), "trap 'echo asked >> " + asked + "' TERM\necho > " + ready + "\nread line < " +
-                                         hold + "\nsleep 0.2\n");
+  test::WriteFile(dir_.File("left"), "trap 'echo asked >> " + asked + "; sleep 0.2; exit' TERM\necho > " + ready +
+                                         "\nread line < " + hold + "\n");
   EXPECT_EQ(ErrorOf(Script("#!/bin/sh\nsetsid sh " + dir_.File("left") + " &\nread line < " + ready + "\n")), "");
   EXPECT_EQ(test::ReadFile(asked), "asked\n");
+}
+
+// What left its group is asked after it.
+TEST_F(PluginScriptTest, WhoIsEndedIsAskedOnceEach) {
+  const std::string asked = dir_.File("asked");
+  const std::string left_asked = dir_.File("left_asked");
+  const std::string hold = dir_.File("hold");
+  const std::string ready = dir_.File("ready");
+  ASSERT_EQ(mkfifo(hold.c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo(ready.c_str(), 0600), 0);
+  const UniqueFd holder = OpenFile(hold, O_RDWR);
+  // It takes several times as long to end as there is between two looks at it.
+  const auto script = [&](const std::string& file, const std::string& words) {
+    return "trap 'echo asked >> " + file + "; sleep 0.2; exit' TERM\n" + words + "\nread line < " + hold + "\n";
+  };
+  test::WriteFile(dir_.File("left"), script(left_asked, "echo > " + ready));
+  const std::string plugin = Script(
+      "#!/bin/sh\n" + script(asked, "setsid sh " + dir_.File("left") + " &\nread line < " + ready + "\necho enough"));
+  EXPECT_THROW(RunPlugin(plugin, {}, kLongest, signals_, [](std::string_view) { return false; }), PluginFailure);
+  EXPECT_EQ(test::ReadFile(asked), "asked\n");
+  EXPECT_EQ(test::ReadFile(left_asked), "asked\n");
+}
+
+TEST(PluginGuardTest, WithoutAProcessForTheWorkNothingRuns) {
+  test::Forked process([] {
+    test::FailSystemCall(SYS_clone, EAGAIN);
+    Signals signals;
+    try {
+      return RunGuarded(signals, [] { return 1; });
+    } catch (const std::system_error& error) {
+      return error.code().value() == EAGAIN ? 0 : 2;
+    }
+  });
+  EXPECT_EQ(process.Wait(), 0);
 }
 
 TEST(PluginSignalsTest, AreAllAtTheirDefaultsAfterAReset) {

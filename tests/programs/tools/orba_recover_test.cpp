@@ -64,10 +64,23 @@ TEST_F(OrbaRecoverTest, SaysWhatCouldNotBePutInOrder) {
   EXPECT_THAT(result.err, HasSubstr(std::string("orba-recover: cannot make the folders: ") + kTargetFolder));
 }
 
+TEST_F(OrbaRecoverTest, SaysWhyNobodyCanWork) {
+  const fs::path lock = path::kPackctlLock;
+  fs::remove_all(lock);
+  fs::create_directories(lock);
+  const ProcessResult result = Recover();
+  fs::remove(lock);
+  EXPECT_TRUE(result.Exited(1)) << result;
+  EXPECT_THAT(result.err, StartsWith("orba-recover: "));
+  EXPECT_THAT(result.err, HasSubstr(lock.string()));
+}
+
 TEST_F(OrbaRecoverTest, TakesNoArgumentsButThoseThatTellOfIt) {
   EXPECT_THAT(Recover({"--help"}).out, StartsWith("Usage: orba-recover\n"));
   EXPECT_THAT(Recover({"--version"}).out, StartsWith("orba-recover "));
-  EXPECT_TRUE(Recover({"now"}).Exited(1));
+  const ProcessResult wrong = Recover({"now"});
+  EXPECT_TRUE(wrong.Exited(1)) << wrong;
+  EXPECT_THAT(wrong.err, StartsWith("Usage: orba-recover\n"));
 }
 
 }  // namespace

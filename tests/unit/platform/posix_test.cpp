@@ -162,8 +162,8 @@ TEST(ListDirectoryTest, ListDirectoryGivesTheNamesSorted) {
   EXPECT_THAT(ListDirectory(fd.get(), "it"), testing::ElementsAre(".x", "a", "b", "c", "d", "e", "f", "g", "h"));
 }
 
-// Two datagrams are read by two calls.
-TEST(ReadFullyTest, ReadFullyGoesOnAfterAPart) {
+// Two datagrams are read by two calls, and what a call has no room for is dropped.
+TEST(ReadFullyTest, ReadFullyGoesOnAfterAPartAndTakesNoMoreThanItWasAskedFor) {
   std::array<int, 2> sockets{};
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sockets.data()), 0);
   const UniqueFd reader(sockets[0]);
@@ -171,10 +171,11 @@ TEST(ReadFullyTest, ReadFullyGoesOnAfterAPart) {
     const UniqueFd writer(sockets[1]);
     ASSERT_EQ(write(writer.get(), "ab", 2), 2);
     ASSERT_EQ(write(writer.get(), "cde", 3), 3);
+    ASSERT_EQ(write(writer.get(), "fgh", 3), 3);
   }
-  std::string text = "12345678";
-  EXPECT_EQ(ReadFully(reader.get(), text.data() + 2, 6, "the socket"), 5U);
-  EXPECT_EQ(text, "12abcde8");
+  std::string text = "1234567890";
+  EXPECT_EQ(ReadFully(reader.get(), text.data() + 2, 6, "the socket"), 6U);
+  EXPECT_EQ(text, "12abcdef90");
 }
 
 // What cannot be opened is named with its reason, not with what failed because of it.

@@ -228,6 +228,11 @@ TEST_F(HealthTest, TheLogTellsWhatIsWrongWithThePack) {
   expect_line(-1, "The pack could not be checked, and stays");
   expect_line(3, "The pack is not healthy: it failed its health check");
   expect_line(0, "The pack is not healthy: its INFO names no pack");
+  for (const char* info : {"package=" ORBAMIRA_HEVC_PACK "\n", "version=2\n"}) {
+    MakePack(path::kPackFolderPath, "2");
+    WriteFile(path::kPackInfoPath, info);
+    expect_line(0, "The pack is not healthy: its INFO names no pack");
+  }
   MakePack(path::kPackFolderPath, "2");
   fs::remove(fs::path(path::kPackFolderPath) / "has_hevc");
   expect_line(0, "The pack is not healthy: the marker of a codec is missing");
