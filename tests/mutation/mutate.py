@@ -4,7 +4,7 @@ usage: mutate.py [--folder FOLDER] [--count N] [--seed N] [--jobs N] [--patience
 
 Every mutant is compiled into one build, behind a switch, so nothing is compiled for a mutant alone. A first run of all
 tests, with none switched on, learns which mutants each test reaches. Then each mutant is switched on and the tests that
-reach it run, the quick ones that reach few others first, until one fails or they have taken SECONDS. A mutant that no
+reach it run, those that reach the fewest others first, until one fails or they have taken SECONDS. A mutant that no
 test finds is a survivor. survivors.txt judges each survivor that may stay; another one fails the run, and so does a
 share of mutants found that is too small.
 
@@ -249,8 +249,8 @@ class Tests:
 
 
 class Reach:
-    """Which tests reach each mutant, and what each takes; kept in a file. The quickest come first, and those that reach
-    few others: they look more closely."""
+    """Which tests reach each mutant, and what each takes; kept in a file. Those that reach the fewest others come
+    first: they look more closely."""
 
     def __init__(self, tests, jobs, path):
         self.seconds, self.of = {}, collections.defaultdict(list)
@@ -261,7 +261,7 @@ class Reach:
                 results[name] = result
                 file.write(json.dumps([name, result]) + "\n")
                 file.flush()
-        for name, (passed, reached, seconds) in sorted(results.items(), key=lambda pair: pair[1][2] * len(pair[1][1])):
+        for name, (passed, reached, seconds) in sorted(results.items(), key=lambda pair: (len(pair[1][1]), pair[1][2])):
             if name not in tests.tests:
                 continue  # it has another name by now
             if not passed:

@@ -277,6 +277,29 @@ RefusingPort::~RefusingPort() { close(socket_); }
 
 std::string RefusingPort::Url(const std::string& target) const { return UrlOf(port_, target); }
 
+SilentPort::SilentPort() {
+  constexpr int kMoreThanWait = 8;
+  KeepOutOfProxies();
+  socket_ = BindToFreePort();
+  port_ = PortOf(socket_);
+  Check(listen(socket_, 0), "listen");
+  sockaddr_in address{};
+  socklen_t size = sizeof address;
+  auto* const name = reinterpret_cast<sockaddr*>(&address);
+  Check(getsockname(socket_, name, &size), "getsockname");
+  for (int i = 0; i < kMoreThanWait; ++i) {
+    queue_.push_back(Check(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket"));
+    static_cast<void>(connect(queue_.back(), name, size));
+  }
+}
+
+SilentPort::~SilentPort() {
+  std::ranges::for_each(queue_, close);
+  close(socket_);
+}
+
+std::string SilentPort::Url(const std::string& target) const { return UrlOf(port_, target); }
+
 HttpResponse ServeFile(const HttpRequest& request, const std::string& body, const std::string& etag) {
   HttpResponse response;
   response.body = body;

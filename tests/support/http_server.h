@@ -124,6 +124,22 @@ class RefusingPort {
   int port_ = 0;
 };
 
+/// A port of 127.0.0.1 that answers no connection for the life of the object: its queue is full.
+class SilentPort {
+ public:
+  SilentPort();
+  ~SilentPort();
+  SilentPort(const SilentPort&) = delete;
+  SilentPort& operator=(const SilentPort&) = delete;
+
+  [[nodiscard]] std::string Url(const std::string& target = "/") const;
+
+ private:
+  int socket_ = -1;
+  int port_ = 0;
+  std::vector<int> queue_;
+};
+
 /// What an honest file server answers for `body`: the whole of it, or the part that "Range: bytes=N-" asks for when
 /// "If-Range" is absent or names `etag`; 416 when the part begins behind the end. An empty `etag` is not sent.
 HttpResponse ServeFile(const HttpRequest& request, const std::string& body, const std::string& etag);

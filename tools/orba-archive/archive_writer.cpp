@@ -112,7 +112,6 @@ class Writer {
       Check(archive_write_set_filter_option(archive_.get(), "gzip", "compression-level", "9"));
       Check(archive_write_set_filter_option(archive_.get(), "gzip", "timestamp", nullptr));
     }
-    Check(archive_write_set_bytes_in_last_block(archive_.get(), 1));
     Check(archive_write_open_fd(archive_.get(), fd));
   }
 

@@ -14,12 +14,6 @@
 namespace orbamira::plugins {
 namespace {
 
-void RefuseDistrusted(const std::string& path) {
-  if (const std::string reason = WhyDistrusted(path); !reason.empty()) {
-    throw NoAnswer(path, "refused: " + reason);
-  }
-}
-
 bool IsPlugin(const std::string& name, const std::string& path) {
   struct stat status {};
   return !name.starts_with('.') && !name.ends_with('~') && stat(path.c_str(), &status) == 0 &&
@@ -31,7 +25,7 @@ bool IsPlugin(const std::string& name, const std::string& path) {
 std::vector<std::string> ListPrograms(const std::string& folder) {
   std::vector<std::string> names;
   try {
-    RefuseDistrusted(folder);
+    CheckTrust(folder);
     const UniqueFd open_folder(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!open_folder.valid()) {
       ThrowErrno(folder);
@@ -52,8 +46,10 @@ std::vector<std::string> ListPrograms(const std::string& folder) {
   return paths;
 }
 
-void CheckTrust(const std::string& path) try { RefuseDistrusted(path); } catch (const std::system_error& error) {
-  throw NoAnswer(path, "cannot be started: " + error.code().message());
+void CheckTrust(const std::string& path) {
+  if (const std::string reason = WhyDistrusted(path); !reason.empty()) {
+    throw NoAnswer(path, "refused: " + reason);
+  }
 }
 
 }  // namespace orbamira::plugins

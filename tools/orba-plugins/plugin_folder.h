@@ -12,8 +12,8 @@ namespace orbamira::plugins {
 /// and this user could change it.
 std::vector<std::string> ListPrograms(const std::string& folder);
 
-/// Throws NoAnswer when somebody other than root and this process's user could have written the file at `path` or
-/// could replace it, and when it is missing.
+/// Throws NoAnswer when somebody other than root and this process's user could have written what is at `path` or could
+/// replace it, and std::system_error when it is missing.
 void CheckTrust(const std::string& path);
 
 }  // namespace orbamira::plugins

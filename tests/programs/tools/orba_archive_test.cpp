@@ -198,6 +198,12 @@ TEST_F(OrbaArchiveTest, KeepsTheHolesOfASparseFile) {
     EXPECT_EQ(ReadFile(out_ / "sparse"), ReadFile(tree / "sparse"));
     fs::remove(out_ / "sparse");
   }
+  ProcessOptions options;
+  options.before_exec = [] { FailSystemCall(SYS_ftruncate, EIO); };
+  const ProcessResult failed = Run(Program::kTar, {"-xf", archive_, "-C", out_}, options);
+  EXPECT_TRUE(failed.Exited(1)) << failed;
+  EXPECT_THAT(failed.err, HasSubstr("sparse: " + ErrorText(EIO)));
+  fs::remove(out_ / "sparse");
   fs::resize_file(tree / "sparse", 20'000'000'000);
   ASSERT_TRUE(RunProgram({"tar", "-S", "-czf", archive_, "-C", tree, "sparse"}).Exited(0));
   const ProcessResult result = Run(Program::kTar, {"-xf", archive_, "-C", out_});
@@ -535,6 +541,7 @@ TEST_F(OrbaArchiveTest, TakesTheLimitFromTheSettings) {
   for (const char* malformed : {"many", "-1", "1k", "1 000", "99999999999999999999"}) {
     WriteFile(own, std::string("unpack_limit=\"") + malformed + "\"\n");
     ExpectPayloadRefused(tar, own.string() + ": unpack_limit is not a number of bytes: " + malformed);
+    EXPECT_THAT(Run(Program::kArchive, {"--verify", archive_}).err, HasSubstr("unpack_limit is not a number"));
   }
   WriteFile(own, "unpack_limit=\"8192\"\n");
   EXPECT_TRUE(UnpackPayload(tar).Exited(0));

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
@@ -24,7 +22,6 @@
 #include "platform/constants.h"
 #include "platform/exception.h"
 #include "platform/http/download_policy.h"
-#include "platform/posix/unique_fd.h"
 #include "tests/support/disk_calls.h"
 #include "tests/support/error_text.h"
 #include "tests/support/file_size_limit.h"
@@ -966,26 +963,12 @@ TEST_F(DownloadWrapperTest, DownloadToFileEndsAStall) {
   }
 }
 
-// Whose program takes no more connections.
-TEST_F(DownloadWrapperTest, DownloadToFileEndsAConnectionThatIsNotAccepted) {
-  const UniqueFd server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  auto* const name = reinterpret_cast<sockaddr*>(&address);
-  socklen_t size = sizeof address;
-  ASSERT_EQ(bind(server.get(), name, size), 0);
-  ASSERT_EQ(listen(server.get(), 0), 0);
-  ASSERT_EQ(getsockname(server.get(), name, &size), 0);
-  std::vector<UniqueFd> queue;
-  for (int i = 0; i < 8; ++i) {
-    queue.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    static_cast<void>(connect(queue.back().get(), name, size));
-  }
+TEST_F(DownloadWrapperTest, DownloadToFileEndsAConnectionThatIsNotAnswered) {
+  const test::SilentPort port;
   policy_.resumes = 0;
   policy_.limits = {.connect = milliseconds(100), .stall = std::chrono::hours(1)};
   const auto begin = std::chrono::steady_clock::now();
-  EXPECT_NE(FailureOf("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/file"), "");
+  EXPECT_NE(FailureOf(port.Url()), "");
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::minutes(1));
 }
 

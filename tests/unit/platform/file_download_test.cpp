@@ -88,9 +88,11 @@ TEST_F(FileDownloadTest, SyncsTheCopyBeforeItReportsTheEnd) {
   EXPECT_THAT(calls.all(), Contains("500000").Times(1));
 }
 
-TEST_F(FileDownloadTest, CopiesAnEmptyFile) {
-  EXPECT_EQ(Download(Source("")), 200);
-  EXPECT_EQ(fs::file_size(copy_), 0U);
+TEST_F(FileDownloadTest, CopiesAFileOfOneByteOrNone) {
+  for (const std::string content : {"", "1"}) {
+    EXPECT_EQ(Download(Source(content)), 200);
+    EXPECT_EQ(test::ReadFile(copy_), content);
+  }
 }
 
 TEST_F(FileDownloadTest, RefusesWhatIsNoRegularFile) {
@@ -142,6 +144,8 @@ TEST_F(FileDownloadTest, KeepsToTheDownloadLimitOfTheSettings) {
   test::WriteFile(path::kPkgSetting, std::string(common::kDownloadLimit) + "=5\n");
   EXPECT_EQ(Download(Source("12345")), 200);
   EXPECT_THAT(FailureOf(Source("123456")), StartsWith("the file is over 5 bytes"));
+  test::WriteFile(path::kPkgSetting, std::string(common::kDownloadLimit) + "=0\n");
+  EXPECT_THAT(FailureOf(Source("1")), StartsWith("the file is over 0 bytes"));
   fs::remove(path::kPkgSetting);
 }
 

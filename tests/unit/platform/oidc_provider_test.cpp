@@ -169,6 +169,14 @@ TEST_F(RefreshTokensTest, RefreshTokensReportsAProviderThatIsDown) {
   EXPECT_THAT(FailureOf(port.Url("")), StartsWith("the request to the provider failed: "));
 }
 
+TEST_F(RefreshTokensTest, RefreshTokensReportsAProviderThatCannotBeConnectedTo) {
+  const test::SilentPort port;
+  const ProviderLimits limits{.connect = std::chrono::milliseconds(100), .whole = std::chrono::hours(1)};
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_THAT(FailureOf(port.Url(""), limits), StartsWith("the request to the provider failed: "));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::minutes(1));
+}
+
 TEST_F(RefreshTokensTest, RefreshTokensReportsAProviderThatStalls) {
   const ProviderLimits limits{.whole = std::chrono::milliseconds(200)};
   provider_.discovery_answer = [] { return HttpResponse{.body = "{}", .stall_at = 0}; };

@@ -26,6 +26,7 @@
 #include "tests/support/restrictions.h"
 #include "tests/support/tar.h"
 #include "tests/support/test_root.h"
+#include "tools/orba-archive/archive_writer.h"
 #include "tools/orba-archive/manifest.h"
 #include "tools/orba-archive/package.h"
 #include "tools/orba-archive/sha256.h"
@@ -354,6 +355,17 @@ TEST_F(PackagePartsTest, AReadThatFailsIsToldWithItsReason) {
     error = ErrorOf([&] { CheckPackage(package.get(), std::nullopt); });
   });
   EXPECT_EQ(error, "cannot read: " + test::ErrorText(EIO));
+}
+
+TEST_F(PackagePartsTest, APackageThatIsNotOnDiskIsNotMade) {
+  test::WriteFile(out_ / "INFO", "version=1\n");
+  const std::string package = dir_.File("made");
+  std::string error;
+  test::WithFailingCall(SYS_fsync, EIO, [&] {  //
+    error = ErrorOf([&] { CreateArchive(package, Layer::kPackage, folder_.get(), {"INFO"}, 0); });
+  });
+  EXPECT_EQ(error, "cannot create: " + test::ErrorText(EIO));
+  EXPECT_FALSE(fs::exists(package));
 }
 
 // Where files can share blocks.

@@ -186,9 +186,7 @@ TEST(PluginFailureTest, IsLoggedAtLocal1InOneLine) {
 /// Has its standard error elsewhere for its life.
 class ErrorsTo {
  public:
-  explicit ErrorsTo(const char* path) : before_(dup(STDERR_FILENO)) {
-    dup2(OpenFile(path, O_WRONLY).get(), STDERR_FILENO);
-  }
+  explicit ErrorsTo(int fd) : before_(dup(STDERR_FILENO)) { dup2(fd, STDERR_FILENO); }
   ~ErrorsTo() { dup2(before_.get(), STDERR_FILENO); }
   ErrorsTo(const ErrorsTo&) = delete;
   ErrorsTo& operator=(const ErrorsTo&) = delete;
@@ -197,11 +195,25 @@ class ErrorsTo {
   UniqueFd before_;
 };
 
+// Into a pipe, which holds no more if a text is printed again and again.
+TEST(PrintErrorTest, PrintsASingleCharacterOnce) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe2(ends.data(), O_NONBLOCK | O_CLOEXEC), 0);
+  const UniqueFd read_end(ends[0]);
+  const UniqueFd write_end(ends[1]);
+  {
+    const ErrorsTo pipe(write_end.get());
+    EXPECT_TRUE(PrintError("x"));
+  }
+  EXPECT_EQ(ReadUpTo(read_end.get(), 1), "x");
+  EXPECT_EQ(ReadUpTo(read_end.get(), 1), std::nullopt);
+}
+
 TEST(PrintErrorTest, TellsWhetherTheTextWasTaken) {
   testing::internal::CaptureStderr();
   EXPECT_TRUE(PrintError(std::string(10'000, 'x')));
   EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string(10'000, 'x'));
-  const ErrorsTo full("/dev/full");
+  const ErrorsTo full(OpenFile("/dev/full", O_WRONLY).get());
   EXPECT_FALSE(PrintError("x"));
 }
 
