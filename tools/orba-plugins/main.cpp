@@ -140,7 +140,6 @@ std::vector<std::string> AskForIds(const std::string& plugin, double seconds, Si
 }
 
 void WriteAnswer(const std::string& file, const std::string& text) {
-  umask(S_IWGRP | S_IWOTH);
   if (const std::filesystem::path folder = std::filesystem::path(file).parent_path(); !folder.empty()) {
     if (const int made = orbamira::wrapper::OrbaSDKWrapper().MakeDirectory(folder); made < 0) {
       throw std::system_error(-made, std::generic_category(), folder);

@@ -174,6 +174,13 @@ class ListAppIdsTest(PluginTestCase):
         self.assertEqual(1, result.returncode)
         self.assertEqual(f"list-app-ids: {self.file}: cannot be written: {os.strerror(errno.ENOTDIR)}\n", result.stderr)
 
+    def test_folder_that_is_a_link_to_nowhere_fails_with_its_own_reason(self):
+        self.file.parent.parent.mkdir(parents=True)
+        self.file.parent.symlink_to("nowhere")
+        result = self.ask()
+        self.assertEqual(1, result.returncode)
+        self.assertEqual(f"list-app-ids: {self.file}: cannot be written: {os.strerror(errno.EEXIST)}\n", result.stderr)
+
     def test_wrong_usage_asks_no_plugin(self):
         self.add_plugin("a", 'echo asked >> "$LOG"')
         for arguments in ([""], [self.file, self.file], ["--file"], ["--help", "x"]):

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -145,6 +146,25 @@ TEST_F(PluginScriptTest, ALastLineWithoutAnEndIsReadToo) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "script: last\n");
 }
 
+/// The processor time that a wait of a second may take; one that goes in a circle takes what it gets.
+constexpr double kAsleep = 0.2;
+
+/// The processor time of this thread, in seconds.
+double OwnTime() {
+  timespec time{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+TEST_F(PluginScriptTest, ItIsWaitedForAsleepWhetherItClosesItsOutputOrNot) {
+  for (const std::string streams : {"", "exec >&- 2>&-\n"}) {
+    const std::string plugin = Script("#!/bin/sh\n" + streams + "exec sleep 1\n");
+    const double begin = OwnTime();
+    EXPECT_EQ(ErrorOf(plugin), "");
+    EXPECT_LT(OwnTime() - begin, kAsleep) << streams;
+  }
+}
+
 TEST_F(PluginScriptTest, WhatItLeavesBehindIsAskedOnceToEnd) {
   const std::string asked = dir_.File("asked");
   const std::string hold = dir_.File("hold");
@@ -178,6 +198,23 @@ TEST_F(PluginScriptTest, WhoIsEndedIsAskedOnceEach) {
   EXPECT_THROW(RunPlugin(plugin, {}, kLongest, signals_, [](std::string_view) { return false; }), PluginFailure);
   EXPECT_EQ(test::ReadFile(asked), "asked\n");
   EXPECT_EQ(test::ReadFile(left_asked), "asked\n");
+}
+
+TEST(PluginGuardTest, WaitsAsleepForTheWorkAndForWhatItLeft) {
+  const auto work = [] {
+    static_cast<void>(std::signal(SIGTERM, SIG_IGN));
+    sleep(1);
+    if (fork() == 0) {
+      execlp("sleep", "sleep", "1", nullptr);
+    }
+    return 0;
+  };
+  test::Forked process([&] {
+    Signals signals;
+    const int status = RunGuarded(signals, work);
+    return status == 0 && OwnTime() < kAsleep ? 0 : 1;
+  });
+  EXPECT_EQ(process.Wait(), 0);
 }
 
 TEST(PluginGuardTest, WithoutAProcessForTheWorkNothingRuns) {

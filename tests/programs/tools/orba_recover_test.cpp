@@ -1,10 +1,15 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <unistd.h>
 
+#include <array>
+#include <csignal>
 #include <filesystem>
 #include <optional>
 #include <string>
 
 #include "platform/constants.h"
+#include "platform/posix/unique_fd.h"
 #include "tests/support/process.h"
 #include "tests/support/test_root.h"
 #include "tests/support/written_folders.h"
@@ -42,6 +47,22 @@ TEST_F(OrbaRecoverTest, BringsTheOldPackBackAndSaysSo) {
   const ProcessResult second = Recover();
   EXPECT_TRUE(second.Exited(0));
   EXPECT_EQ(second.out + second.err, "");
+}
+
+TEST_F(OrbaRecoverTest, DoesItsWorkWhereNobodyListens) {
+  WriteFile(fs::path(path::kBackupPackFolderPath) / "INFO", "version=1\n");
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+  close(ends[0]);
+  const UniqueFd write_end(ends[1]);
+  ProcessOptions options;
+  options.before_exec = [&write_end] {
+    static_cast<void>(std::signal(SIGPIPE, SIG_DFL));
+    dup2(write_end.get(), STDOUT_FILENO);
+  };
+  const ProcessResult result = RunProgram({ORBA_RECOVER}, options);
+  EXPECT_TRUE(result.Exited(0)) << result;
+  EXPECT_TRUE(fs::exists(path::kPackInfoPath));
 }
 
 TEST_F(OrbaRecoverTest, LeavesTheWorkOfAnotherProgramAlone) {

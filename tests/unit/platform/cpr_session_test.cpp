@@ -2,8 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -72,6 +75,31 @@ TEST(AskNetworkTest, AskNetworkTellsTheLengthThatTheServerSays) {
   EXPECT_EQ(AskNetwork({.url = server.Url(), .most_bytes = 100}).length, 4U);
   framing = HttpResponse::Framing::kChunked;
   EXPECT_EQ(AskNetwork({.url = server.Url(), .most_bytes = 100}).length, std::nullopt);
+}
+
+TEST(AskNetworkTest, AskNetworkEndsAConnectionThatIsNotAnswered) {
+  const test::SilentPort port;
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_TRUE(AskNetwork({.url = port.Url(), .connect_limit = std::chrono::milliseconds(100)}).failed);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::minutes(1));
+}
+
+TEST(AskNetworkTest, AskNetworkEndsARequestWithoutAnAnswer) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.body = "body", .stall_at = 0}; });
+  EXPECT_TRUE(AskNetwork({.url = server.Url(), .limit = std::chrono::milliseconds(200), .most_bytes = 100}).failed);
+}
+
+TEST_F(CprSessionTest, LeavesNoMemoryBehind) {
+  constexpr int kTimes = 50;
+  const auto make = [] {
+    for (int i = 0; i < kTimes; ++i) {
+      const CprSession session;
+    }
+  };
+  make();
+  const std::size_t before = mallinfo2().uordblks;
+  make();
+  EXPECT_LT(mallinfo2().uordblks, before + 100 * kTimes);
 }
 
 TEST(NetworkLibrariesTest, NetworkLibrariesTellsTheirVersions) {

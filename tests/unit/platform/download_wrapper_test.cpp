@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
@@ -747,6 +748,19 @@ TEST_F(DownloadWrapperTest, DownloadToFileTakesNoPartForTheWholeWhileItsLengthIs
   EXPECT_THAT(calls_.back(), Pair(15, 15));
 }
 
+TEST_F(DownloadWrapperTest, DownloadToFileSaysThatTheLengthStaysUnknown) {
+  policy_.resumes = 1;
+  HttpServer server(CutFirstAt(5, [&](const HttpRequest& request) {
+    HttpResponse response = ServeFile(request, PatternOf(15), "\"v1\"");
+    response.framing = HttpResponse::Framing::kChunked;
+    if (response.status == 206) {
+      response.headers["Content-Range"] = "bytes 5-14/*";
+    }
+    return response;
+  }));
+  EXPECT_THAT(FailureOf(server.Url()), HasSubstr("the server does not say how long the file is"));
+}
+
 TEST_F(DownloadWrapperTest, DownloadToFileTakesAPartThatIsShorterThanItSaysForACut) {
   const std::string body = PatternOf(1000);
   int requests = 0;
@@ -961,6 +975,21 @@ TEST_F(DownloadWrapperTest, DownloadToFileEndsAStall) {
     policy_.limits.connect = milliseconds(100);
     EXPECT_THAT(FailureOf(server.Url()), HasSubstr("under 1 byte per second for 200 ms")) << place;
   }
+}
+
+TEST_F(DownloadWrapperTest, DownloadToFileLeavesNoMemoryBehind) {
+  constexpr int kTimes = 50;
+  const test::RefusingPort port;
+  policy_.resumes = 0;
+  const auto fail = [&] {
+    for (int i = 0; i < kTimes; ++i) {
+      FailureOf(port.Url());
+    }
+  };
+  fail();
+  const std::size_t before = mallinfo2().uordblks;
+  fail();
+  EXPECT_LT(mallinfo2().uordblks, before + 100 * kTimes);
 }
 
 TEST_F(DownloadWrapperTest, DownloadToFileEndsAConnectionThatIsNotAnswered) {

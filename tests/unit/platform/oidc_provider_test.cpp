@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -86,6 +87,19 @@ TEST_F(RefreshTokensTest, RefreshTokensRefusesAnIssuerThatIsNotSafe) {
         "file:///etc", "issuer.example", "", "http://", "nonsense with blanks"}) {
     EXPECT_EQ(FailureOf(issuer), "the issuer is neither https nor on this machine: " + issuer);
   }
+}
+
+TEST_F(RefreshTokensTest, RefreshTokensLeavesNothingOfAnAddressBehind) {
+  constexpr int kTimes = 1000;
+  const auto fail = [&] {
+    for (int i = 0; i < kTimes; ++i) {
+      FailureOf("http://example.org");
+    }
+  };
+  fail();
+  const std::size_t before = mallinfo2().uordblks;
+  fail();
+  EXPECT_LT(mallinfo2().uordblks, before + 10 * kTimes);
 }
 
 TEST_F(RefreshTokensTest, RefreshTokensTakesTheLoopbackByAnyName) {

@@ -126,6 +126,13 @@ TEST(ManifestTest, ANameMayHaveLettersDigitsAndFourSigns) {
   }
 }
 
+TEST(ManifestTest, ItsFormatIsANumberAlone) {
+  for (const char* format : {"", "2x", "x", "2 "}) {
+    const std::string text = std::string("# format: ") + format + "\n# product: p\n# pack: n\n# version: 1\n";
+    EXPECT_EQ(ErrorOf([&] { ParseManifest(text); }), "MANIFEST: damaged") << format;
+  }
+}
+
 TEST(ManifestTest, ANameHasFromOneTo128Characters) {
   EXPECT_EQ(ParseManifest(WithPack(std::string(128, 'n'))).pack, std::string(128, 'n'));
   EXPECT_EQ(ErrorOf([&] { ParseManifest(WithPack(std::string(129, 'n'))); }), "MANIFEST: damaged");
@@ -183,6 +190,11 @@ TEST_F(UnpackBudgetTest, ReachesToTheLastFreeBlockAndToTheLimit) {
   EXPECT_EQ(ErrorAfter(5), "unpacks to more than the 20480 bytes that are free");
   EXPECT_EQ(ErrorAfter(2, 3 * kBlock), "");
   EXPECT_EQ(ErrorAfter(3, 3 * kBlock), "unpacks to more than the limit of 12288 bytes");
+}
+
+TEST_F(UnpackBudgetTest, IsNotKnownWhereTheSystemDoesNotTell) {
+  told_of_the_disk.reset();
+  EXPECT_EQ(ErrorOf([] { UnpackBudget(-1, UINT64_MAX); }), "cannot tell the free space: " + test::ErrorText(ENOENT));
 }
 
 TEST_F(UnpackBudgetTest, CountsContentsInWholeBlocks) {
@@ -355,6 +367,15 @@ TEST_F(PackagePartsTest, AReadThatFailsIsToldWithItsReason) {
     error = ErrorOf([&] { CheckPackage(package.get(), std::nullopt); });
   });
   EXPECT_EQ(error, "cannot read: " + test::ErrorText(EIO));
+}
+
+TEST_F(PackagePartsTest, AMemberThatCannotBeMadeIsNamed) {
+  const UniqueFd package = Write(Tar().File("INFO").Bytes());
+  std::string error;
+  test::WithFailingCall(SYS_openat, EROFS, [&] {
+    error = ErrorOf([&] { UnpackPackage(package.get(), folder_.get(), UINT64_MAX, std::nullopt); });
+  });
+  EXPECT_EQ(error, "INFO: " + test::ErrorText(EROFS));
 }
 
 TEST_F(PackagePartsTest, APackageThatIsNotOnDiskIsNotMade) {
