@@ -573,6 +573,8 @@ TEST_F(PackctlTest, RemoveAsksWhenAnApplicationNeedsACodec) {
             "remove --yes\n");
   EXPECT_EQ(RunJson({"remove"}, 3)["error"]["code"], "not_confirmed");
   EXPECT_EQ(Appliance::InstalledPayload(), "one");
+  WriteFile(path::kCodecRequirementsPath, R"({"hevc": [7]})");
+  EXPECT_THAT(Run({"remove"}).errors, StartsWith("packctl: HEVC is needed by an application. "));
   WriteFile(path::kCodecRequirementsPath, "{");
   EXPECT_EQ(Run({"remove"}).status, 3) << "nobody knows";
   EXPECT_EQ(Run({"remove", "--yes"}).output, "Removed 1.0. No codec pack is installed.\n");

@@ -323,6 +323,8 @@ TEST_F(PluginTimeLimitTest, OfTheMachineWinsOverThatOfTheMaker) {
   EXPECT_EQ(TimeLimit("plugin_time_limit"), 7);
   Set(path::kPkgSetting, "\" 0.5\"");
   EXPECT_EQ(TimeLimit("plugin_time_limit"), 0.5);
+  Set(path::kPkgSetting, "86400");
+  EXPECT_EQ(TimeLimit("plugin_time_limit"), 86400);
 }
 
 TEST_F(PluginTimeLimitTest, ThatIsNoneIsLoggedAndTheDefaultTaken) {
