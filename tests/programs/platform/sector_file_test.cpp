@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -50,6 +52,14 @@ TEST_F(SectorFileTest, OverwriteSectorFailsOnAFileThatIsOpenForReading) {
   const UniqueFd reader = OpenFile(path_, O_RDONLY);
   EXPECT_FALSE(OverwriteSector(reader.get(), Text('a'), Text('b'), Durability::kVisible));
   EXPECT_EQ(test::ReadFile(path_), Text('a'));
+}
+
+TEST_F(SectorFileTest, ReadUnmixedWaitsAMomentForAWriter) {
+  const UniqueFd writer = OpenFile(path_, O_RDWR);
+  ASSERT_EQ(flock(writer.get(), LOCK_EX), 0);
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(ReadUnmixed(file_.get(), kSectorSize), Text('a'));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(100));
 }
 
 TEST_F(SectorFileTest, ReadUnmixedReadsNoMoreThanItIsTold) {

@@ -81,6 +81,19 @@ class CheckHealthTest(PluginTestCase):
                 self.assertIn(f"check-health: {library}: ", said)
                 self.assertIn(reason, said)
 
+    def test_no_more_than_4096_bytes_are_kept_of_what_a_library_says(self):
+        source = """
+            #include <stdio.h>
+            #include <stdlib.h>
+            __attribute__((constructor)) static void speak(void) {
+              for (int i = 0; i < 10000; ++i) putchar('~');
+              fflush(stdout);
+              _Exit(1);
+            }
+        """
+        self.add("bad.so", self.library("chatty", source=source))
+        self.assertEqual(self.check(UNHEALTHY).count("~"), 4096)
+
     def test_a_library_of_another_machine_is_unhealthy(self):
         self.add("lib/bad.so", of_another_machine(self.library("good")))
         self.assertIn("bad.so", self.check(UNHEALTHY))

@@ -977,6 +977,12 @@ TEST_F(DownloadWrapperTest, DownloadToFileEndsAStall) {
   }
 }
 
+TEST_F(DownloadWrapperTest, DownloadToFileTakesNothingOfUnknownLengthForNoMoreThanNothing) {
+  HttpServer server([](const HttpRequest&) { return HttpResponse{.framing = HttpResponse::Framing::kUntilClose}; });
+  policy_.size = 0;
+  EXPECT_EQ(Download(server.Url()), 200);
+}
+
 TEST_F(DownloadWrapperTest, DownloadToFileLeavesNoMemoryBehind) {
   constexpr int kTimes = 50;
   const test::RefusingPort port;
