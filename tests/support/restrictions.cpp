@@ -79,6 +79,17 @@ void FailCloneChildren() {
   InstallFilter(filter);
 }
 
+void FailGroupsOfChildren() {
+  constexpr unsigned kProcess = offsetof(seccomp_data, args);
+  std::array<sock_filter, 6> filter = {sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                                       sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_setpgid, 0, 3),
+                                       sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kProcess),
+                                       sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0, 1, 0),
+                                       sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EACCES),
+                                       sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  InstallFilter(filter);
+}
+
 void BecomeOrdinaryUser() {
   if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)) {
     _exit(126);

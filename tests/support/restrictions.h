@@ -23,6 +23,9 @@ void FailRemovalOfFolders(int error);
 /// of another processor has it.
 void FailCloneChildren();
 
+/// setpgid() of another process fails with EACCES from now on, as for a child that has become another program.
+void FailGroupsOfChildren();
+
 /// Goes on as the user "nobody" when we are root, so that the modes of files count.
 void BecomeOrdinaryUser();
 

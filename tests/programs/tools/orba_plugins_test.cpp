@@ -108,6 +108,17 @@ TEST_F(PluginScriptTest, WithoutAProcessForItItCannotBeStarted) {
   EXPECT_EQ(error, plugin + ": cannot be started: " + test::ErrorText(EAGAIN));
 }
 
+TEST_F(PluginScriptTest, ItLeadsAGroupWhereItStartsBeforeItsParentGoesOn) {
+  const std::string plugin = Script("#!/bin/sh\nexec cut -d ' ' -f 1,5 /proc/self/stat\n");
+  std::string numbers;
+  std::thread([&] {
+    test::FailGroupsOfChildren();
+    numbers = OutputOf(plugin);
+  }).join();
+  const std::string process = numbers.substr(0, numbers.find(' '));
+  EXPECT_EQ(numbers, process + " " + process + "\n");
+}
+
 TEST_F(PluginScriptTest, ASingleByteIsNotTheEndOfItsOutput) {
   const std::string taken = dir_.File("taken");
   ASSERT_EQ(mkfifo(taken.c_str(), 0600), 0);
