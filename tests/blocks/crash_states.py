@@ -136,7 +136,7 @@ class Trial:
         try:
             aftermath.look()
             aftermath.recover()
-            aftermath.go_on()
+            aftermath.go_on(self.scenario.unhold)
         except subprocess.TimeoutExpired as error:
             aftermath.stuck.append(str(error))
         return aftermath.lost, aftermath.stuck

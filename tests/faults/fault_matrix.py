@@ -267,9 +267,7 @@ class Matrix:
             later.end_as(scenario.ends, scenario.finals)
             later.may_be_left = recovered.may_be_left
             later.minimum = scenario.minimum
-            if scenario.unhold:
-                later.unhold()
-            later.go_on()
+            later.go_on(scenario.unhold)
             self.known[key] = later.lost, later.stuck
         return self.known[key]
 
