@@ -23,8 +23,8 @@ UNHEALTHY = ("", "new")  # the version that fails its health check, or none
 OFFERED = ("new", "old")  # what the server has; the old one when the maker took the new one back
 
 
-def recorded(state):
-    return {"status": state.status, "offer": state.offer, "last": state.last}
+def synced_by(step, state):
+    return {name: getattr(state, name) for name in step.syncs}
 
 
 def run(program, state):
@@ -58,25 +58,20 @@ class Faults:
 
     def strike(self, state):
         """Two sets of states: of killed runs, and of ended ones. Nothing waits for a note to reach the disk."""
-        killed, ended, unsynced, notes = {state}, set(), [state], set()
+        killed, ended, after_cut, notes = {state}, set(), {state}, set()
         for number, group in enumerate(self.program.groups):
             for step in group.steps:
                 if not step.when(state):
                     continue
-                if step.does != "sync":
-                    ended |= self.after_error(number, group, state)
+                ended |= self.after_error(number, group, state)
                 if step.does == "fail":
                     return killed, ended
                 before, state = state, step.then(state)
-                killed.add(state)
                 if before.healthy not in ("", state.healthy):
                     notes |= {before.healthy, "nobody"}
                 killed.update(state._replace(healthy=note) for note in notes)
-                if step.does == "sync":
-                    unsynced = []
-                unsynced.append(state)
-                if recorded(state) != recorded(before):
-                    killed.update(earlier._replace(**recorded(state)) for earlier in unsynced)
+                after_cut = {earlier._replace(**synced_by(step, state)) for earlier in after_cut} | {state}
+                killed |= after_cut
                 if step.does == "end":
                     return killed, {*ended, state}
         return killed, {*ended, state}

@@ -57,6 +57,16 @@ class ModelTest(unittest.TestCase):
                 programs = [without(steps.UPDATE, name)]
                 self.assertNotIn(seen, model.reachable(programs, ""))
 
+    def test_a_sync_reaches_what_it_syncs_and_no_earlier_change_elsewhere(self):
+        seen = (
+            steps.State(pack="old", healthy="old", status="broken", temporary="there"),
+            steps.State("old", "", "", "there", "there", "", "", "new", "old", "", "download_install_failed"),
+        )
+        for state in seen:
+            self.assertIn(state, model.known_states())
+        with mock.patch.object(model, "synced_by", lambda step, state: state._asdict() if step.syncs else {}):
+            self.assertFalse(model.reachable(steps.PROGRAMS, "").intersection(seen))
+
     def test_the_documentation_has_the_tables(self):
         page = tables.PAGE.read_text()
         self.assertEqual(tables.MARKED.sub("", page).count("tests/model:"), 0)

@@ -2,8 +2,8 @@
 
 A program is a list of groups of steps. A step applies where `when` holds, and `then` is its whole effect: a kill comes
 before it or after it. An error skips the rest of its group; then the next group runs, or, where the group is one that
-`fails`, what the program does when it failed. A power cut takes back changes of the disk since the last sync, the
-newest first, and never one of the record.
+`fails`, what the program does when it failed. A power cut takes back what no sync has reached, the newest change first. A
+sync of a file or of a folder reaches nothing else: btrfs keeps an earlier change of another folder in memory.
 """
 
 import typing
@@ -41,12 +41,22 @@ class State(typing.NamedTuple):
 
 MEMORY = {"was_cut": "", "verdict": "", "writes": (), "found": ""}
 
+# What one sync reaches.
+FILE = ("temporary",)  # a file by itself, before it takes its name
+PACKS = ("pack", "backup", "previous", "unpacked", "half_built", "removed")
+RECORD = ("status", "offer", "last", "temporary")
+REJECTED = ("rejected", "temporary")
+PACKAGE = ("download",)
+HEALTHY = ("healthy", "temporary")
+FILE_SYSTEM = (*PACKS, *RECORD, *REJECTED, *PACKAGE, "healthy")
+
 
 class Step(typing.NamedTuple):
     name: str
     when: typing.Callable
     then: typing.Callable
-    does: str = ""  # "sync", "end" or "fail", besides `then`
+    does: str = ""  # "end" or "fail", besides `then`
+    syncs: tuple = ()  # what is on the disk after it
     why: str = ""  # nobody sees half of it; of steps that the documentation tells of
 
 
@@ -81,7 +91,10 @@ def end(name, when):
     return Step(name, when, same, "end")
 
 
-SYNC = Step("sync", always, same, "sync")
+def sync(what, when=always):
+    return Step("sync", when, same, syncs=what)
+
+
 DELETE = Step("delete what was moved aside", lambda s: s.removed, put(removed=""))
 
 
@@ -101,11 +114,17 @@ def record(status, when=always, offer="", last="", why=""):
 
     return [
         Step("clear the record", when, clear),
-        Step("record the status", lambda s: s.writes, lambda s: s._replace(status=s.writes[0], temporary="there")),
+        Step(
+            "record the status",
+            lambda s: s.writes,
+            lambda s: s._replace(status=s.writes[0], temporary="there"),
+            syncs=RECORD,
+        ),
         Step(
             f"record `{title}`",
             lambda s: s.writes,
             lambda s: s._replace(offer=s.writes[1], last=last, temporary="", writes=()),
+            syncs=RECORD,
             why=why,
         ),
     ]
@@ -132,16 +151,20 @@ KEEP_BACKUP = [
 
 NOTE_HEALTHY = Group(
     [
-        Step("begin the note", lambda s: not s.healthy, put(temporary="there")),
-        Step("end the note", lambda s: not s.healthy, lambda s: s._replace(healthy=s.pack or "nobody", temporary="")),
-        SYNC,
+        Step("begin the note", lambda s: not s.healthy, put(temporary="there"), syncs=FILE),
+        Step(
+            "end the note",
+            lambda s: not s.healthy,
+            lambda s: s._replace(healthy=s.pack or "nobody", temporary=""),
+            syncs=HEALTHY,
+        ),
     ]
 )
 
 OPEN_STORE = [
     Step("set a broken store aside", lambda s: s.status == "broken", put(status="missing")),
-    Step("begin an empty store", lambda s: s.status == "missing", put(temporary="there")),
-    Step("make an empty store", lambda s: s.status == "missing", put(status="lost", temporary="")),
+    Step("begin an empty store", lambda s: s.status == "missing", put(temporary="there"), syncs=FILE),
+    Step("make an empty store", lambda s: s.status == "missing", put(status="lost", temporary=""), syncs=RECORD),
 ]
 
 
@@ -155,14 +178,14 @@ def is_bad(s):
 
 FORGET_VERDICT = Group([Step("forget the verdict", lambda s: s.verdict, put(verdict=""))])
 REJECT = [
-    Step("begin the rejection", lambda s: is_bad(s) and s.pack, put(temporary="there")),
+    Step("begin the rejection", lambda s: is_bad(s) and s.pack, put(temporary="there"), syncs=FILE),
     Step(
         "record the version as rejected",
         lambda s: is_bad(s) and s.pack,
         lambda s: s._replace(rejected=s.pack, temporary=""),
+        syncs=REJECTED,
         why="a synced file, `health.json`, renamed into place",
     ),
-    SYNC,
     Step("note the previous pack", lambda s: is_bad(s) and s.previous, lambda s: s._replace(healthy=s.previous)),
 ]
 
@@ -172,7 +195,7 @@ TAKE_BACK = [
     Step("previous becomes backup", lambda s: is_bad(s) and s.previous, move("previous", "backup"), why="one `rename`"),
     *remove("pack", is_bad, why="it moves aside in one `rename`"),
     Step("put the old pack back", lambda s: is_bad(s) and s.backup, move("backup", "pack"), why="one `rename`"),
-    SYNC,
+    sync(PACKS, is_bad),
 ]
 
 
@@ -198,8 +221,7 @@ RECOVERY = Program(
         Group(
             [
                 Step("see the backup", lambda s: s.backup, put(was_cut="yes")),
-                Step("put the backup back", lambda s: s.backup and not s.pack, move("backup", "pack")),
-                SYNC,
+                Step("put the backup back", lambda s: s.backup and not s.pack, move("backup", "pack"), syncs=PACKS),
             ]
         ),
         Group(KEEP_BACKUP),
@@ -220,12 +242,14 @@ RECOVERY = Program(
 
 # The health check.
 
-FORGIVEN = Step("begin to forgive it", lambda s: is_good(s) and s.rejected == s.pack, put(temporary="there"))
+FORGIVEN = Step(
+    "begin to forgive it", lambda s: is_good(s) and s.rejected == s.pack, put(temporary="there"), syncs=FILE
+)
 ACT_ON_VERDICT = [
     Group(
         [
             FORGIVEN,
-            FORGIVEN._replace(name="forget its rejection", then=put(temporary="", rejected="")),
+            FORGIVEN._replace(name="forget its rejection", then=put(temporary="", rejected=""), syncs=REJECTED),
             Step("open the note", lambda s: is_good(s) and not s.healthy, put(healthy="nobody")),
             Step("note the healthy pack", is_good, lambda s: s._replace(healthy=s.pack)),
         ],
@@ -338,6 +362,7 @@ def fetch(version):
                 "download",
                 always,
                 lambda s: s._replace(download=version(s)),
+                syncs=PACKAGE,
                 why="the file is synced before its checksum is compared",
             ),
         ],
@@ -355,18 +380,18 @@ def place(status):
                 Step("set the old pack aside", lambda s: s.pack, move("pack", "backup"), why="one `rename`"),
                 *record(status),
                 Step("unpack", always, put(unpacked="there"), why="nothing reads the folder yet"),
-                Step("begin to remember what was accepted", always, put(temporary="there")),
-                Step("remember what was accepted", always, put(temporary="")),
+                Step("begin to remember what was accepted", always, put(temporary="there"), syncs=FILE),
+                Step("remember what was accepted", always, put(temporary=""), syncs=FILE),
                 Step("build the pack beside its place", always, put(half_built="there")),
-                SYNC,
+                sync(FILE_SYSTEM),
                 Step(
                     "place the new pack",
                     always,
                     lambda s: s._replace(pack=s.download, half_built=""),
+                    syncs=PACKS,
                     why="`orba-copy` builds beside the final name, syncs the file system, then renames and syncs the "
                     "folder",
                 ),
-                SYNC,
             ],
             fails=True,
         ),
