@@ -1,20 +1,21 @@
 #!/usr/bin/env bash
 # Runs every fuzzer from its seeds, four a processor, and prints what each did; fails when one found something.
 #
-# usage: tests/fuzz/run.sh [--seconds N] [--build DIR]
+# usage: tests/fuzz/run.sh [--seconds N] [--build DIR] [--corpus DIR]
 #   --seconds N   how long each fuzzer runs; 30 by default
 #   --build DIR   where the preset asan was built; build/asan by default
+#   --corpus DIR  keeps new inputs in DIR/FUZZER, to go on from; without it they are dropped
 #
-# New inputs go to a scratch folder and are dropped with it: the seeds stay as they are. The input and the report of a
-# finding are kept in DIR/findings.
+# The seeds stay as they are. The input and the report of a finding are kept in findings, in the folder of the build.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 seconds=30
 build=$here/../../build/asan
+corpus=
 
 usage() {
-  sed -n '4,6s/^# \{0,1\}//p' "$0" >&2
+  sed -n '4,7s/^# \{0,1\}//p' "$0" >&2
   exit 64
 }
 
@@ -22,6 +23,7 @@ while [ $# -gt 0 ]; do
   case "$1" in
     --seconds) seconds=${2:-} ;;
     --build) build=${2:-} ;;
+    --corpus) corpus=${2:?a folder} ;;
     *) usage ;;
   esac
   shift 2 || usage
@@ -32,13 +34,14 @@ build=$(cd "$build" && pwd)
 # In memory where there is room: every input writes files.
 scratch=$(mktemp -d -p "$([ -w /dev/shm ] && printf /dev/shm || printf '%s' "${TMPDIR:-/tmp}")" orbamira-fuzz-XXXXXX)
 trap 'rm -rf "$scratch"' EXIT
+corpus=${corpus:-$scratch/corpus}
 findings=$build/findings
 mkdir -p "$findings"
 
 run_one() {
   local target=$1 log=$scratch/$1.log status=0 dictionary=() limit=10
   [ "$target" != flow ] || limit=60 # one input is a whole flow
-  mkdir -p "$scratch/$target/corpus" "$scratch/$target/tmp"
+  mkdir -p "$corpus/$target" "$scratch/$target/tmp"
   if [ -e "$here/$target.dict" ]; then
     dictionary=("-dict=$here/$target.dict")
   elif compgen -G "$here/corpus/$target/*.json" > /dev/null; then
@@ -46,7 +49,7 @@ run_one() {
   fi
   TMPDIR=$scratch/$target/tmp "$build/tests/fuzz/fuzz_$target" "${dictionary[@]}" -max_total_time="$seconds" \
     -timeout="$limit" -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$findings/$target-" \
-    "$scratch/$target/corpus" "$here/corpus/$target" > "$log" 2>&1 || status=$?
+    "$corpus/$target" "$here/corpus/$target" > "$log" 2>&1 || status=$?
   if [ "$status" != 0 ]; then
     cp "$log" "$findings/$target.log"
   fi
