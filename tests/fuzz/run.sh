@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Runs every fuzzer from its seeds, four a processor, and prints what each did; fails when one found something.
+# Runs every fuzzer, or those that are named, from its seeds, four a processor, and prints what each did; fails when one
+# found something.
 #
-# usage: tests/fuzz/run.sh [--seconds N] [--build DIR] [--corpus DIR]
+# usage: tests/fuzz/run.sh [--seconds N] [--build DIR] [--corpus DIR] [FUZZER...]
 #   --seconds N   how long each fuzzer runs; 30 by default
 #   --build DIR   where the preset asan was built; build/asan by default
 #   --corpus DIR  keeps new inputs in DIR/FUZZER, to go on from; without it they are dropped
@@ -15,11 +16,11 @@ build=$here/../../build/asan
 corpus=
 
 usage() {
-  sed -n '4,7s/^# \{0,1\}//p' "$0" >&2
+  sed -n '5,8s/^# \{0,1\}//p' "$0" >&2
   exit 64
 }
 
-while [ $# -gt 0 ]; do
+while [[ "${1:-}" == --* ]]; do
   case "$1" in
     --seconds) seconds=${2:-} ;;
     --build) build=${2:-} ;;
@@ -59,7 +60,8 @@ run_one() {
 stat_of() { sed -nE "s/^stat::$1: +([0-9]+)$/\1/p" "$2" | tail -n 1; }
 coverage_of() { sed -nE "s/^#[0-9]+\s+$1\s+cov: ([0-9]+) .*$/\1/p" "$2" | tail -n 1; }
 
-mapfile -t targets < <(cd "$here/corpus" && printf '%s\n' *)
+targets=("$@")
+[ $# -gt 0 ] || mapfile -t targets < <(cd "$here/corpus" && printf '%s\n' *)
 for target in "${targets[@]}"; do
   if [ "$(jobs -rp | wc -l)" -ge "$((4 * $(nproc)))" ]; then
     wait -n

@@ -57,7 +57,11 @@ class Mutator {
         FlipBit(input[Part::kWorld]);
         break;
       case 6:
-        ChangeLines(input[part]);
+        if (Below(2) == 0) {
+          Damage(input[Part::kDamage]);
+        } else {
+          ChangeLines(input[part]);
+        }
         break;
       default:
         ChangeBytes(input[part]);
@@ -103,6 +107,14 @@ class Mutator {
     }
     steps[step + 1] = static_cast<char>(Below(static_cast<std::size_t>(Strikes::Kind::kCount)));
     steps[step + 2] = static_cast<char>(Below(kMostEvents));
+  }
+
+  // One more changed byte of the package: see package.h.
+  void Damage(std::string& damage) {
+    constexpr std::size_t kSize = 4;
+    for (std::size_t i = 0; i < kSize; ++i) {
+      damage += static_cast<char>(Below(256));
+    }
   }
 
   // A list becomes longer than what is read.
