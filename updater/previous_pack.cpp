@@ -103,6 +103,7 @@ bool KeepBackup() {
 }
 
 void PutPreviousBack(const IPluginNotifier* notifier) {
+  KeepBackup();
   const Telling plugins(notifier);
   const PackId bad = PackIn(path::kPackFolderPath).value_or(PackId());
   const bool has_previous = IsPack(path::kPreviousPackFolderPath);

@@ -21,7 +21,7 @@ bool MustGiveUpPrevious();
 bool KeepBackup();
 
 /// Puts the previous pack in the place of the installed one, which goes; without a previous pack only the latter. Tells
-/// the plugins where there is a notifier.
+/// the plugins where there is a notifier. A backup that could not be kept before becomes the previous pack first.
 ///
 /// The previous pack first takes the place of the backup: from there on an interruption is one that Recover() knows,
 /// and it ends with a whole pack in place. Throws std::system_error when the pack cannot be put back.

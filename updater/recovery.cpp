@@ -172,12 +172,13 @@ class Recovery {
         ReportDone("restored the previous pack to " + pack.string());
       }
     }
-    Step("keep the pack's backup", [this] {
+    // A backup that cannot be kept stays: it may be the only way back from a bad pack.
+    Step("keep the pack's backup", [&] {
       if (KeepBackup()) {
         ReportDone("put the pack's backup away");  // as the previous pack, if it is another one than the installed
       }
+      Remove(backup, "the pack's backup");
     });
-    Remove(backup, "the pack's backup");
   }
 
   // An interrupted way back. The rejection was on the disk before anything moved.

@@ -191,6 +191,7 @@ REJECT = [
 
 # The way back to the previous pack, or to none.
 TAKE_BACK = [
+    *(step._replace(when=lambda s, applies=step.when: is_bad(s) and applies(s)) for step in KEEP_BACKUP),
     *remove("backup", lambda s: is_bad(s) and s.previous),
     Step("previous becomes backup", lambda s: is_bad(s) and s.previous, move("previous", "backup"), why="one `rename`"),
     *remove("pack", is_bad, why="it moves aside in one `rename`"),

@@ -270,10 +270,10 @@ TEST_F(HealthTest, ThePackThatCameBackCountsAsHealthy) {
   EXPECT_FALSE(IsUnchecked());
 }
 
-TEST_F(HealthTest, TheWayBackClearsAnOldBackupAway) {
+TEST_F(HealthTest, TheWayBackIsTheBackupThatCouldNotBeKept) {
   MakePack(path::kPackFolderPath, "2");
-  MakePack(path::kPreviousPackFolderPath, "1");
-  MakePack(path::kBackupPackFolderPath, "0");
+  MakePack(path::kPreviousPackFolderPath, "0");
+  MakePack(path::kBackupPackFolderPath, "1");
   RollBack(UpdateLock(), *status_, "bad", core_);
   EXPECT_EQ(Installed(), "1");
   EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));

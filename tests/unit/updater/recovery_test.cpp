@@ -138,6 +138,21 @@ TEST_F(RecoveryTest, RecoverMakesTheBackupBesideANewPackThePreviousPack) {
   ExpectNothingLeftToDo();
 }
 
+TEST_F(RecoveryTest, RecoverLeavesABackupThatCannotBeKept) {
+  Status()->SetAsUpToDate();
+  Rejections rejections;
+  rejections.Add({"2", "bad", 1});
+  rejections.Write();
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kBackupPackFolderPath, "1");
+  test::WithFailingCall(SYS_renameat2, EIO, [] { EXPECT_FALSE(Recovered().failed.empty()); });
+  EXPECT_TRUE(fs::exists(fs::path(path::kBackupPackFolderPath) / "INFO"));
+  EXPECT_EQ(PackVersion(), "2");
+  Recovered();
+  EXPECT_EQ(PackVersion(), "1");
+  ExpectNothingLeftToDo();
+}
+
 TEST_F(RecoveryTest, RecoverClearsTheRestOfARemovalThatWasCutShort) {
   WriteFile(fs::path(path::kPackFolderPath) / "lib/codec.so", "1");
   Recovered();
