@@ -15,6 +15,7 @@
 #include "tests/support/appliance.h"
 #include "tests/support/test_root.h"
 #include "updater/pack_manager.h"
+#include "updater/pack_status_helper.h"
 
 namespace orbamira {
 namespace {
@@ -152,6 +153,26 @@ TEST_F(PackctlPolicyTest, PackIsInstalledByItselfWhereThePolicySaysSo) {
   EXPECT_EQ(Automatic(0)["result"], "done");
   EXPECT_EQ(Appliance::InstalledPayload(), "new codec");
   EXPECT_FALSE(fs::exists(StateFile("offer.json")));
+}
+
+// It was killed after the new pack was in place, so that its version is no news, and plugins may not know of it.
+TEST_F(PackctlPolicyTest, FailedUpdateIsRepeatedByItself) {
+  Set(kInstall);
+  EXPECT_EQ(Run({"check"}).status, 0);
+  EXPECT_EQ(Automatic(0)["result"], "done");
+  updater::PackStatusHelper::Create()->SetAsDownloadInstallFailed();
+  EXPECT_EQ(Run({"check"}).status, 0);
+  EXPECT_EQ(Automatic(0)["result"], "done");
+  EXPECT_EQ(Status(), "up_to_date");
+  EXPECT_FALSE(fs::exists(StateFile("offer.json")));
+}
+
+TEST_F(PackctlPolicyTest, RepetitionOfARejectedVersionIsNoWork) {
+  Set(kInstall);
+  EXPECT_EQ(Run({"update"}).status, 0);
+  updater::PackStatusHelper::Create()->SetAsNeedDownload("1.1");
+  WriteFile(path::kHealthFile, R"({"rejected":[{"version":"1.1","reason":"bad","time":1}]})");
+  EXPECT_EQ(Automatic(2)["result"], "nothing_to_do");
 }
 
 // The timers do nothing about an offer that is not kept, and the check that they begin with is what tells of it.

@@ -1222,13 +1222,26 @@ struct Remains {
 
 void PrintTo(const Remains& remains, std::ostream* out) { *out << remains.name; }
 
-class TimersTest : public PackctlTest, public testing::WithParamInterface<Remains> {
+/// Who goes on from it.
+enum class GoesOn { kTimers, kPage };
+
+void PrintTo(GoesOn who, std::ostream* out) { *out << (who == GoesOn::kTimers ? "ByTimers" : "ByThePage"); }
+
+class TimersTest : public PackctlTest, public testing::WithParamInterface<std::tuple<Remains, GoesOn>> {
  protected:
-  /// What the boot and then the update timer's unit do on one day.
+  TimersTest() {
+    WriteFile(path::kPkgSetting, test::ReadFile(path::kPkgSetting) + "update_policy=auto_download_auto_install\n");
+  }
+
+  /// What the boot does, and the units of the timers on one day or the one behind the page's button.
   static void BootAndOneDay() {
     EXPECT_EQ(Run({"recover"}).status, 0);
     if (Run({"check"}).status == 0) {
-      EXPECT_EQ(Run({"update"}).status, 0);
+      std::vector<std::string> update = {"update"};
+      if (std::get<GoesOn>(GetParam()) == GoesOn::kTimers) {
+        update.emplace_back("--automatic");
+      }
+      EXPECT_EQ(Run(update).status, 0);
     }
   }
 };
@@ -1245,7 +1258,7 @@ TEST_P(TimersTest, BringEveryRecordUpToDateWithoutAPerson) {
       if (!installed) {
         ASSERT_EQ(Run({"remove"}).status, 0);
       }
-      GetParam().record(*Status());
+      std::get<Remains>(GetParam()).record(*Status());
       appliance_.Publish(offered, std::string("pack ") + offered);
       BootAndOneDay();
       EXPECT_EQ(Appliance::StatusRecord()["status"], "up_to_date") << installed << offered;
@@ -1261,23 +1274,28 @@ using Helper = updater::IPackStatusHelper;
 
 INSTANTIATE_TEST_SUITE_P(
     EveryRecord, TimersTest,
-    testing::Values(Remains{"Lost", [](const Helper&) { fs::remove(path::kPackStatusFile); }},
-                    Remains{"Downloading", [](const Helper& h) { h.SetAsDownloading(1, 2); }},
-                    Remains{"DownloadFailed", [](const Helper& h) { h.SetAsDownloadFailed(); }},
-                    Remains{"RepetitionThatNeverBegan", [](const Helper& h) { h.SetAsNeedDownload("2.0"); }},
-                    Remains{"OfferThatWasTakenBack", [](const Helper& h) { h.SetAsNeedDownload("2.5"); }},
-                    Remains{"NeedInstallWithoutFile", [](const Helper& h) { h.SetAsNeedInstall("2.0", "n"); }},
-                    Remains{"Installing", [](const Helper& h) { h.SetAsInstalling(updater::kStepInstall); }},
-                    Remains{"InstallFailed", [](const Helper& h) { h.SetAsInstallFailed("2.0", "n"); }},
-                    Remains{"InstallFailedWithFile",
-                            [](const Helper& h) {
-                              WriteFile(path::kDownloadedOpkPath, "part");
-                              h.SetAsInstallFailed("2.0", "n");
-                            }},
-                    Remains{"DownloadingInstalling",
-                            [](const Helper& h) { h.SetAsDownloadInstalling(updater::kStepInstall); }},
-                    Remains{"DownloadInstallFailed", [](const Helper& h) { h.SetAsDownloadInstallFailed(); }}),
-    [](const auto& param) { return std::string(param.param.name); });
+    testing::Combine(
+        testing::Values(Remains{"Lost", [](const Helper&) { fs::remove(path::kPackStatusFile); }},
+                        Remains{"Downloading", [](const Helper& h) { h.SetAsDownloading(1, 2); }},
+                        Remains{"DownloadFailed", [](const Helper& h) { h.SetAsDownloadFailed(); }},
+                        Remains{"RepetitionThatNeverBegan", [](const Helper& h) { h.SetAsNeedDownload("2.0"); }},
+                        Remains{"OfferThatWasTakenBack", [](const Helper& h) { h.SetAsNeedDownload("2.5"); }},
+                        Remains{"NeedInstallWithoutFile", [](const Helper& h) { h.SetAsNeedInstall("2.0", "n"); }},
+                        Remains{"Installing", [](const Helper& h) { h.SetAsInstalling(updater::kStepInstall); }},
+                        Remains{"InstallFailed", [](const Helper& h) { h.SetAsInstallFailed("2.0", "n"); }},
+                        Remains{"InstallFailedWithFile",
+                                [](const Helper& h) {
+                                  WriteFile(path::kDownloadedOpkPath, "part");
+                                  h.SetAsInstallFailed("2.0", "n");
+                                }},
+                        Remains{"DownloadingInstalling",
+                                [](const Helper& h) { h.SetAsDownloadInstalling(updater::kStepInstall); }},
+                        Remains{"DownloadInstallFailed", [](const Helper& h) { h.SetAsDownloadInstallFailed(); }}),
+        testing::Values(GoesOn::kTimers, GoesOn::kPage)),
+    [](const auto& param) {
+      return std::get<Remains>(param.param).name +
+             std::string(std::get<GoesOn>(param.param) == GoesOn::kTimers ? "" : "ByThePage");
+    });
 
 TEST_F(PackctlTest, CheckSaysThatAFailedUpdateIsDueAgain) {
   appliance_.Publish("1.0", "one");

@@ -14,6 +14,7 @@
 #include "tools/packctl/record/installed_pack.h"
 #include "tools/packctl/record/recorded_status.h"
 #include "tools/packctl/view/wait_words.h"
+#include "updater/recovery.h"
 #include "updater/update_request.h"
 
 namespace orbamira::packctl {
@@ -38,18 +39,23 @@ JudgedOffer Judge(const StatusRecord& record) {
   return judged;
 }
 
-// Whether the record is what the update server says now; it is brought up to that.
-bool RefreshRecord(const UpdateObjects& objects, const StatusRecord& record) {
+// Whether there is still work, as the update server says now; the record is brought up to that.
+bool RefreshRecord(const updater::UpdateLock& lock, const UpdateObjects& objects, const StatusRecord& record) {
   const bool is_downloaded = record.status == updater::kStatusNeedInstall;
   const std::optional<bool> is_same = is_downloaded ? IsStillOffered(objects, record) : false;
   if (!is_same) {
     return true;  // without an answer the downloaded pack is what there is
   }
-  if (*is_same || objects.manager->CheckNewPack()) {
+  const auto& declined = objects.handler->declined_version();
+  const auto is_repetition = [&] {
+    return declined && !objects.handler->rejected_version() &&
+           updater::RepeatFailedUpdate(lock, *objects.manager, *objects.status);
+  };
+  if (*is_same || objects.manager->CheckNewPack() || is_repetition()) {
     KeepOffer(objects.handler->offer());
     return true;
   }
-  if (objects.handler->declined_version()) {
+  if (declined) {
     ForgetKeptOffer();
   }
   return false;
@@ -66,11 +72,11 @@ bool IsOfThePackage(const Failure& failure) {
 
 }  // namespace
 
-JudgedOffer JudgeOffer(const UpdateObjects& objects) {
+JudgedOffer JudgeOffer(const updater::UpdateLock& lock, const UpdateObjects& objects) {
   const StatusRecord record = ReadStatus();
   JudgedOffer judged = Judge(record);
   if (judged.step != OfferStep::kNothing && judged.step != OfferStep::kWait) {
-    if (RefreshRecord(objects, record)) {
+    if (RefreshRecord(lock, objects, record)) {
       judged = Judge(ReadStatus());
     } else {
       judged.step = objects.handler->declined_version() ? OfferStep::kNothing : OfferStep::kFailed;

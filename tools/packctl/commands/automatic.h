@@ -31,8 +31,8 @@ struct JudgedOffer {
 };
 
 /// Judges what the record has on offer. Asks the update server again before anything is done: the offer may have
-/// changed since the check.
-JudgedOffer JudgeOffer(const UpdateObjects& objects);
+/// changed since the check. A failed update of the installed version is on offer for as long as the server has it.
+JudgedOffer JudgeOffer(const updater::UpdateLock& lock, const UpdateObjects& objects);
 
 /// How a run ends that only waits, or finds nothing to do. The history tells of a reason once, not of every run.
 Outcome EndWithoutStep(const JudgedOffer& judged);

@@ -294,7 +294,7 @@ Outcome RunInstall(Context& context) {
 
 Outcome RunAutomatically(Context& context) {
   const UpdateObjects objects = MakeUpdateObjects();
-  const JudgedOffer judged = JudgeOffer(objects);
+  const JudgedOffer judged = JudgeOffer(*context.lock, objects);
   switch (judged.step) {
     case OfferStep::kDownload: {
       Outcome outcome = RunAbout(context, objects, judged.version, DownloadFlow());
