@@ -40,7 +40,7 @@ import sys
 import tempfile
 import time
 
-from aftermath import Aftermath, HostAftermath
+from aftermath import BY_ITSELF, Aftermath, HostAftermath
 
 sys.path[:0] = [str(pathlib.Path(__file__).resolve().parent.parent / room) for room in ("support", "model")]
 from appliance import Appliance, Publisher  # noqa: E402
@@ -124,15 +124,15 @@ class Matrix:
         self.signer = publisher.make_signer()
         old, new = publisher.publish(OLD, 1), publisher.publish(NEW, 2, minimum=MINIMUM)
         fresh = Appliance.lay_out(self.folder / "fresh", self.build)
-        fresh.use_server(new)
+        fresh.use_server(new, **BY_ITSELF)
         fresh.expect("check")
         self.scenarios["update"] = Scenario(fresh, "update", None)
 
         upgrade = Appliance.lay_out(self.folder / "upgrade", self.build)
-        upgrade.use_server(old)
+        upgrade.use_server(old, **BY_ITSELF)
         upgrade.expect("check")
         upgrade.expect("update")
-        upgrade.use_server(new)
+        upgrade.use_server(new, **BY_ITSELF)
         self.scenarios["check"] = Scenario(upgrade.copy_to(self.folder / "unchecked"), "check", OLD)
         upgrade.expect("check")
         self.scenarios["upgrade"] = Scenario(upgrade, "update", OLD)
@@ -177,13 +177,13 @@ class Matrix:
     def prepare_hosts(self, old, new):
         """The states of appliances without packctl."""
         fresh = Appliance.lay_out(self.folder / "host-fresh", self.build, packctl=False)
-        fresh.use_server(new)
+        fresh.use_server(new, **BY_ITSELF)
         self.scenarios["host's update"] = Scenario(fresh, "", None)
 
         upgrade = Appliance.lay_out(self.folder / "host-upgrade", self.build, packctl=False)
-        upgrade.use_server(old)
+        upgrade.use_server(old, **BY_ITSELF)
         upgrade.expect(program="host")
-        upgrade.use_server(new)
+        upgrade.use_server(new, **BY_ITSELF)
         self.scenarios["host's upgrade"] = Scenario(upgrade, "", OLD)
 
         signed = upgrade.copy_to(self.folder / "host-signed-upgrade")

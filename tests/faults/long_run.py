@@ -37,7 +37,7 @@ import tempfile
 import threading
 import time
 
-from aftermath import Aftermath
+from aftermath import BY_ITSELF, Aftermath
 from fault_matrix import FAULTS, INJECTOR_FAILED, POWER_CUTS, read_record, with_torn_write
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
@@ -246,7 +246,7 @@ class LongRun:
         """Publishes the version of that number; all of them are of one length."""
         self.old, self.version = self.version, f"1.{10_000 + number}"
         address = self.releases.release(self.version, number % len(PAYLOADS))
-        self.appliance.use_server(address, plugin_time_limit=PLUGIN_SECONDS)
+        self.appliance.use_server(address, plugin_time_limit=PLUGIN_SECONDS, **BY_ITSELF)
 
     def prepare(self):
         """Installs the first pack, and numbers the calls of the next update by packctl, which are those of each."""

@@ -31,7 +31,7 @@ import sys
 import tempfile
 import time
 
-from aftermath import Aftermath
+from aftermath import BY_ITSELF, Aftermath
 
 from fault_matrix import reject
 
@@ -141,10 +141,10 @@ class Bench:
         old, new = self.offers
         appliance.trust(self.signer)
         if run_of.old:
-            appliance.use_server(old)
+            appliance.use_server(old, **BY_ITSELF)
             appliance.expect("check")
             appliance.expect("update")
-        appliance.use_server(new)
+        appliance.use_server(new, **BY_ITSELF)
         appliance.expect("check")
         if run_of.is_updated:
             appliance.expect("update")

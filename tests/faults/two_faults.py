@@ -42,7 +42,11 @@ from journal import Journal
 
 PER_STATE = 8  # second faults for a state in one round
 RECOVERY = "recovery"
-PACKCTL_STAGES = ((RECOVERY, "orba-recover", ()), ("check", "packctl", ("check",)), ("update", "packctl", ("update",)))
+PACKCTL_STAGES = (
+    (RECOVERY, "orba-recover", ()),
+    ("check", "packctl", ("check",)),
+    ("update", "packctl", ("update", "--automatic")),
+)
 HOST_STAGES = (("next start", "host", ()),)
 
 
