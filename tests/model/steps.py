@@ -2,8 +2,8 @@
 
 A program is a list of groups of steps. A step applies where `when` holds, and `then` is its whole effect: a kill comes
 before it or after it. An error skips the rest of its group; then the next group runs, or, where the group is one that
-`fails`, what the program does when it failed. A power cut takes back what no sync has reached, the newest change first. A
-sync of a file or of a folder reaches nothing else: btrfs keeps an earlier change of another folder in memory.
+`fails`, what the program does when it failed. A power cut takes back what no sync has reached, the newest change
+first. A sync of a file or of a folder reaches nothing else: btrfs keeps an earlier change of another folder in memory.
 """
 
 import typing
