@@ -203,6 +203,8 @@ class Flow {
     CheckPlaces(keeps_download ? When::kUnderWay : When::kDone);
     CheckPacks();
     Require(MayBeWithoutPack() || fs::exists(path::kPackInfoPath), "where there was a pack there is one");
+    const std::string version = InfoOf(path::kPackFolderPath, param::kVersion);
+    Require(version.empty() || !updater::IsRejected(version), "no pack is installed that was rejected");
   }
 
   // Nobody removed it, or found it unhealthy.

@@ -42,6 +42,7 @@ void PutUnlessEmpty(const char* file, const std::string& text) {
 
 std::string PathOfHalfBuilt() { return Packs() + "/.codec-pack.partial.abcdef"; }
 std::string PathOfHalfRemoved() { return Packs() + "/.removed.abcdef"; }
+std::string PathOfTemporary() { return std::string(path::kPackStatusFile) + ".abcdef"; }
 
 void PutPack(const std::string& folder, const std::string& version, bool with_aac) {
   Put(folder + "/INFO",
@@ -72,6 +73,7 @@ void PutPacks(const World& world) {
   }
   if (world.has_half_removed()) {
     Put(PathOfHalfRemoved() + "/lib/codec", "co");
+    Put(PathOfTemporary(), "{");
   }
 }
 
@@ -116,7 +118,7 @@ bool IsPlace(const std::string& path, When when) {
   const auto is_leftover = [&](const std::string& place) { return path == place || IsBelow(path, place); };
   return when == When::kUnderWay &&
          (is_leftover(path::kBackupPackFolderPath) || is_leftover(path::kTempPackFolderPath) ||
-          is_leftover(kDownloadFolder) || is_leftover(path::kTempPluginAppIdPath) ||
+          is_leftover(kDownloadFolder) || is_leftover(path::kTempPluginAppIdPath) || path == PathOfTemporary() ||
           path.starts_with(Packs() + "/.codec-pack.partial.") || path.starts_with(Packs() + "/.removed.") ||
           path.starts_with(fs::path(kDownloadFolder).parent_path().string() + "/.removed."));
 }

@@ -26,8 +26,9 @@ std::string InfoOf(const std::string& pack, const char* key);
 /// What the bytes of kWorld say. The first has one bit for each thing that is there: a keyring, a pack, its AAC codec,
 /// a backup, a previous pack, unpacked files, a download, a half-built pack. The second has the package's signing (2
 /// bits), what a judgement of health says (2), whether there is a program that judges, whether the host has packages
-/// judged, whether a plugin's answer is plain, and a half-removed pack. The third is the exit status of told plugins,
-/// and in its highest bit whether the healthy server at the end offers the installed version instead of a newer one.
+/// judged, whether a plugin's answer is plain, and a half-removed pack with a temporary file. The third is the exit
+/// status of told plugins, and in its highest bit whether the healthy server at the end offers the installed version
+/// instead of a newer one.
 struct World {
   explicit World(const std::string& bytes);
 
