@@ -17,9 +17,6 @@ using Tree = std::map<std::string, std::string>;
 /// What there is at the path, a link not followed; empty when there is nothing.
 Tree TreeAt(const std::string& path);
 
-/// Whether no link leads out of the tree, by its name alone.
-bool LinksStayIn(const Tree& tree);
-
 /// The value of the key in the pack's INFO; empty when there is none.
 std::string InfoOf(const std::string& pack, const char* key);
 
