@@ -12,6 +12,7 @@
 #include "platform/posix/errors.h"
 #include "platform/posix/file_status.h"
 #include "platform/posix/remove_tree.h"
+#include "platform/posix/sync_folder.h"
 #include "platform/posix/unique_fd.h"
 
 namespace orbamira {
@@ -60,10 +61,15 @@ void RemoveForUpdater(const std::string& path) {
     KeepAsPrevious(path);
     return;
   }
-  if (path == path::kPackFolderPath) {
-    RemoveAtOnce(path::kPreviousPackFolderPath);
+  if (path != path::kPackFolderPath) {
+    RemoveAtOnce(path);
+    return;
   }
-  RemoveAtOnce(path);
+  RemoveAtOnce(path::kPreviousPackFolderPath);
+  if (fs::exists(LinkStatusOf(path))) {
+    RemoveAtOnce(path);
+    SyncFolderOf(path);
+  }
 }
 
 }  // namespace orbamira

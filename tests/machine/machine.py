@@ -98,4 +98,4 @@ class Machine:
         return answer[:-1]
 
     def last_words(self):
-        return self.console.read_text(errors="replace")[-2000:]
+        return self.console.read_text(errors="replace")[-8000:]

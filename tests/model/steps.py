@@ -476,7 +476,7 @@ PROGRAMS = [
         "removal",
         [
             Group([end("not permitted", lambda s: s.status in UNDER_WAY)]),
-            Group([*remove("previous", lambda s: s.pack), *remove("pack")], fails=True),
+            Group([*remove("previous", lambda s: s.pack), *remove("pack"), sync(PACKS)], fails=True),
         ],
         RECOVERY,
     ),

@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "platform/constants.h"
 #include "platform/posix/unique_fd.h"
+#include "platform/removal.h"
 #include "tests/support/disk_calls.h"
 #include "tests/support/restrictions.h"
 #include "tests/support/test_root.h"
@@ -28,6 +30,21 @@ class DurableFoldersTest : public testing::Test {
 
   test::TempDir dir_;
 };
+
+TEST_F(DurableFoldersTest, RemoveForUpdaterSyncsTheFolderThatThePackLeft) {
+  test::WriteFile(path::kPackInfoPath, "1");
+  const test::DiskCalls calls;
+  RemoveForUpdater(path::kPackFolderPath);
+  EXPECT_THAT(calls.all(), ElementsAre("rename " ORBAMIRA_PACK_FOLDER_NAME " to .removed.XXXXXX",
+                                       "sync " + fs::path(kTargetFolder).filename().string()));
+}
+
+TEST_F(DurableFoldersTest, RemoveForUpdaterHasNothingToSyncWithoutAPack) {
+  fs::remove_all(kTargetFolder);
+  const test::DiskCalls calls;
+  RemoveForUpdater(path::kPackFolderPath);
+  EXPECT_THAT(calls.all(), ElementsAre());
+}
 
 // A file system may keep a rename through a power cut and lose what was renamed.
 TEST_F(DurableFoldersTest, CopyFolderSyncsTheCopyBeforeItIsSeenAndThenItsName) {
