@@ -8,6 +8,7 @@ import tempfile
 import unittest
 
 import write_log
+from crash_images import is_whole
 from write_log import SECTOR, Part, Write
 
 EMPTY = bytes(SECTOR)
@@ -99,6 +100,18 @@ class PlanTest(unittest.TestCase):
         found = self.images(log, 40)
         self.assertEqual(len(found), 40)
         self.assertEqual(set("abcd"), {chr(byte) for image in found for byte in image if byte})
+
+
+class IsWholeTest(unittest.TestCase):
+    def test_the_superblock_is_whole(self):
+        self.assertTrue(is_whole("ext4", Write(1024, sectors("a", "b"))))
+        self.assertFalse(is_whole("ext4", Write(4096, sectors("a", "b"))))
+
+    def test_a_commit_block_of_ext4_is_whole(self):
+        commit, descriptor = (bytes.fromhex(f"c03b3998 0000000{kind}") + bytes(504) for kind in (2, 1))
+        self.assertTrue(is_whole("ext4", Write(1 << 20, commit)))
+        self.assertFalse(is_whole("ext4", Write(1 << 20, descriptor)))
+        self.assertFalse(is_whole("xfs", Write(1 << 20, commit)))
 
 
 if __name__ == "__main__":
