@@ -30,10 +30,10 @@ def run_all(prepared, arguments):
     """Kills the machines by turns, until there are enough kills or the time is up."""
     end = time.monotonic() + arguments.seconds if arguments.seconds else float("inf")
     trials = {}
-    for file_system in itertools.cycle(arguments.file_systems):
+    for number, file_system in enumerate(itertools.cycle(arguments.file_systems), len(prepared.journal.entries)):
         if len(prepared.journal.entries) >= arguments.kills or time.monotonic() > end:
             return
-        randomness = random.Random(f"{arguments.seed} {file_system} {len(prepared.journal.entries)}")
+        randomness = random.Random(f"{arguments.seed} {number}")
         if file_system not in trials:
             trials[file_system] = Trial(prepared, file_system)
             trials[file_system].make()
