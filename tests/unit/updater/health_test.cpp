@@ -279,6 +279,15 @@ TEST_F(HealthTest, TheWayBackIsTheBackupThatCouldNotBeKept) {
   EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
 }
 
+TEST_F(HealthTest, TheWayBackTakesTheRestOfABackupOutOfItsWay) {
+  MakePack(path::kPackFolderPath, "2");
+  MakePack(path::kPreviousPackFolderPath, "1");
+  WriteFile(fs::path(path::kBackupPackFolderPath) / "rest", "of a backup");
+  RollBack(UpdateLock(), *status_, "bad", core_);
+  EXPECT_EQ(Installed(), "1");
+  EXPECT_FALSE(fs::exists(path::kBackupPackFolderPath));
+}
+
 TEST_F(HealthTest, ConfirmHealthKeepsAPackThatCannotBeChecked) {
   PrepareUpdate(UpdateLock());
   for (const int result : {-1, -9, 1, 127}) {
