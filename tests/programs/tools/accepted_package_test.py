@@ -135,6 +135,7 @@ class AcceptedPackageTest(SignedTestCase):
             {"expires": "2099-2-1"},
             {"expires": "2099-02-011"},
             {"expires": "+099-02-01"},
+            {"expires": "-999-02-01"},
             {"version\n# version": "2.0"},
             {"noise\n#noise": "2.0"},
             {"noise\n# noise": None, "noise\n# of it\n# more": "2.0"},

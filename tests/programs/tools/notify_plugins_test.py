@@ -387,6 +387,14 @@ class NotifyPluginsTest(PluginTestCase):
                     self.wait_for_process_end(plugin)
                     self.assert_spread_ends()
 
+    def test_plugin_ends_when_who_asked_for_it_is_killed(self):
+        self.add_plugin("a", 'echo $$ >> "$LOG"; echo ready; exec cat $HOLD')
+        asking = ["sh", "-c", '"$0" "$@"; exit', PROGRAMS / "notify-plugins", *STEP]
+        with subprocess.Popen(asking, env=self.environment, stderr=subprocess.PIPE, text=True) as process:
+            self.assertEqual("a: ready\n", process.stderr.readline())
+            process.kill()
+        self.wait_for_process_end(self.log_lines()[0])
+
     def test_plugin_ends_when_all_that_watch_it_are_killed(self):
         self.add_plugin("a", 'echo $$ >> "$LOG"; echo ready; exec cat $HOLD')
         with self.start() as process:

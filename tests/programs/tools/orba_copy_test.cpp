@@ -181,6 +181,10 @@ TEST_F(OrbaCopyTest, CopyFailsWhenTheRenameDoesNotReachTheDisk) {
   ExpectFailedWithoutTrace(Copy(Failing(SYS_fsync, EIO)), "dst: " + test::ErrorText(EIO));
 }
 
+TEST_F(OrbaCopyTest, CopyFailsWhenItCannotMakeAFolder) {
+  ExpectFailedWithoutTrace(Copy(Failing(SYS_mkdirat, ENOSPC)), test::ErrorText(ENOSPC));
+}
+
 TEST_F(OrbaCopyTest, CopyWithoutRenameNoReplaceStillMovesIntoPlace) {
   for (const int error : {EINVAL, ENOSYS}) {
     EXPECT_TRUE(Copy(Failing(SYS_renameat2, error)).Exited(0));
