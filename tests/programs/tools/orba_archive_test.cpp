@@ -206,6 +206,18 @@ TEST_F(OrbaArchiveTest, KeepsTheHolesOfASparseFile) {
   EXPECT_FALSE(fs::exists(out_ / "sparse"));
 }
 
+TEST_F(OrbaArchiveTest, UnpacksAByteThatIsAHole) {
+  const std::string no_data = "0\n" + std::string(510, '\0');
+  const Tar tar = Tar()
+                      .Extended({{"GNU.sparse.major", "1"},
+                                 {"GNU.sparse.minor", "0"},
+                                 {"GNU.sparse.realsize", "1"},
+                                 {"GNU.sparse.name", "hole"}})
+                      .File("hole", no_data);
+  ASSERT_TRUE(UnpackPayload(tar).Exited(0));
+  EXPECT_EQ(ReadFile(out_ / "hole"), std::string(1, '\0'));
+}
+
 TEST_F(OrbaArchiveTest, SaysThatTheDiskRefusesAHole) {
   const fs::path tree = folder_.path() / "tree";
   WriteFile(tree / "sparse", "begin");

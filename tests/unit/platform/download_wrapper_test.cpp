@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <openssl/err.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
@@ -439,6 +440,16 @@ TEST_F(DownloadWrapperLimitTest, DownloadToFileRefusesASettingThatCannotBeUsed) 
   }
 }
 
+// The host's own code may look for errors there.
+TEST_F(DownloadWrapperLimitTest, DownloadToFileLeavesNoErrorOfASettingInTheQueueOfOpenSsl) {
+  const test::TempDir folder;
+  test::WriteFile(folder.File("empty.pem"), "");
+  test::WriteFile(path::kPkgSetting, "ca_file=" + folder.File("empty.pem") + "\n");
+  std::ofstream file(path_, std::ios::binary);
+  EXPECT_THROW(DownloadWrapper::Create()->DownloadToFile(file), exception::Exception<kDownloadFailure>);
+  EXPECT_EQ(ERR_peek_error(), 0U);
+}
+
 // The disk would be full, for the record of the failure too.
 TEST_F(DownloadWrapperLimitTest, DownloadToFileOfAnEndlessBodyLeavesAReserveFree) {
   free_on_empty_disk = 60 * kMebibyte;  // 51.2 of them are the reserve
@@ -461,6 +472,12 @@ TEST_F(DownloadWrapperLimitTest, DownloadToFileOfABodyThatDoesNotLeaveTheReserve
   EXPECT_THAT(calls_, IsEmpty());
   free_on_empty_disk = 53 * kMebibyte;
   EXPECT_EQ(Download(server.Url()), 200);
+}
+
+TEST_F(DownloadWrapperLimitTest, DownloadToFileOfABodyThatMayNotBeThatLargeSaysSoOnAFullDiskToo) {
+  free_on_empty_disk = 0;
+  policy_.size = 1000;
+  EXPECT_THAT(FailureOf(announcing_.Url()), HasSubstr("the file is over 1000 bytes, its size in the reply"));
 }
 
 TEST_F(DownloadWrapperLimitTest, DownloadToFileTriesADiskThatDoesNotSayHowMuchItHas) {

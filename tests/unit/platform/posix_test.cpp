@@ -1,12 +1,16 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
 #include <ctime>
 #include <filesystem>
 #include <functional>
@@ -15,6 +19,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -176,6 +181,40 @@ TEST(ReadFullyTest, ReadFullyGoesOnAfterAPartAndTakesNoMoreThanItWasAskedFor) {
   std::string text = "1234567890";
   EXPECT_EQ(ReadFully(reader.get(), text.data() + 2, 6, "the socket"), 6U);
   EXPECT_EQ(text, "12abcdef90");
+}
+
+TEST(WriteFullyTest, WriteFullyGoesOnAfterAWriteThatASignalCutsShort) {
+  struct sigaction does_nothing {};
+  does_nothing.sa_handler = [](int) {};
+  struct sigaction before {};
+  ASSERT_EQ(sigaction(SIGUSR1, &does_nothing, &before), 0);
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+  UniqueFd read_end(ends[0]);
+  UniqueFd write_end(ends[1]);
+  const int room = fcntl(write_end.get(), F_GETPIPE_SZ);
+  std::string text;
+  while (text.size() < 2 * static_cast<std::size_t>(room)) {
+    text += std::to_string(text.size());
+  }
+
+  std::thread writer([&] {
+    WriteFully(write_end.get(), text.data(), text.size(), "the pipe");
+    write_end = UniqueFd();
+  });
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  int in_pipe = 0;
+  while (in_pipe < room && std::chrono::steady_clock::now() < deadline) {
+    ioctl(read_end.get(), FIONREAD, &in_pipe);
+  }
+  pthread_kill(writer.native_handle(), SIGUSR1);
+  std::string written(text.size() + 1, '\0');
+  written.resize(ReadFully(read_end.get(), written.data(), written.size(), "the pipe"));
+  read_end = UniqueFd();  // a writer that goes on ends the test rather than waits for ever
+  writer.join();
+  sigaction(SIGUSR1, &before, nullptr);
+  EXPECT_EQ(in_pipe, room);
+  EXPECT_EQ(written, text);
 }
 
 // What cannot be opened is named with its reason, not with what failed because of it.

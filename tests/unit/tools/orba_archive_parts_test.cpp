@@ -378,6 +378,15 @@ TEST_F(PackagePartsTest, AMemberThatCannotBeMadeIsNamed) {
   EXPECT_EQ(error, "INFO: " + test::ErrorText(EROFS));
 }
 
+// The system shows such a file as empty, and has something when it is read.
+TEST_F(PackagePartsTest, AFileThatGrowsWhileItIsReadMakesNoPackage) {
+  const UniqueFd folder = OpenFile("/proc/self", O_RDONLY | O_DIRECTORY);
+  const std::string package = dir_.File("made");
+  EXPECT_EQ(ErrorOf([&] { CreateArchive(package, Layer::kPackage, folder.get(), {"status"}, 0); }),
+            "status: changed while it was read");
+  EXPECT_FALSE(fs::exists(package));
+}
+
 TEST_F(PackagePartsTest, APackageThatIsNotOnDiskIsNotMade) {
   test::WriteFile(out_ / "INFO", "version=1\n");
   const std::string package = dir_.File("made");

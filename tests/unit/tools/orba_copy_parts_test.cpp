@@ -105,6 +105,19 @@ class CopyPartsTest : public testing::Test {
     return "";
   }
 
+  /// The same where it may have so many files open at a time.
+  std::string ErrorOfCopyWithDescriptors(rlim_t count) const {
+    rlimit before = {};
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const int next = dup(STDIN_FILENO);
+    close(next);
+    const rlimit enough = {static_cast<rlim_t>(next) + count, before.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &enough), 0);
+    std::string error = ErrorOfCopy();
+    setrlimit(RLIMIT_NOFILE, &before);
+    return error;
+  }
+
   test::TempDir dir_;
   fs::path source_ = dir_.path() / "source";
   fs::path target_ = dir_.path() / "target";
@@ -203,17 +216,18 @@ TEST_F(CopyPartsTest, WhereNoFolderCanBeMadeNothingIsCopied) {
 }
 
 TEST_F(CopyPartsTest, AFolderThatCannotBeOpenedOnceItIsMadeGoesAgain) {
-  rlimit before = {};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-  const int next = dup(STDIN_FILENO);
-  close(next);
-  const rlimit enough_for_source_and_parent = {static_cast<rlim_t>(next) + 2, before.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &enough_for_source_and_parent), 0);
-  const std::string error = ErrorOfCopy();
-  setrlimit(RLIMIT_NOFILE, &before);
-  EXPECT_THAT(error,
+  constexpr rlim_t kSourceAndParent = 2;
+  EXPECT_THAT(ErrorOfCopyWithDescriptors(kSourceAndParent),
               MatchesRegex(target_.string() + "/+\\.copy\\.partial\\.[A-Za-z0-9]{6}: " + test::ErrorText(EMFILE)));
   EXPECT_TRUE(fs::is_empty(target_));
+}
+
+TEST_F(CopyPartsTest, AFileThatCannotBeMadeIsToldWithItsReason) {
+  constexpr rlim_t kBothFoldersParentAndOriginal = 4;
+  test::WriteFile(source_ / "file", "text");
+  std::string error;
+  test::WithFailingCall(SYS_linkat, EXDEV, [&] { error = ErrorOfCopyWithDescriptors(kBothFoldersParentAndOriginal); });
+  EXPECT_EQ(error, (source_ / "file").string() + ": " + test::ErrorText(EMFILE));
 }
 
 TEST_F(CopyPartsTest, ThatTheNameIsNotOnDiskIsToldOnAKernelWithoutTheFlagToo) {

@@ -209,6 +209,22 @@ TEST(PrintErrorTest, PrintsASingleCharacterOnce) {
   EXPECT_EQ(ReadUpTo(read_end.get(), 1), std::nullopt);
 }
 
+// A pipe has room for a page while another is still to be read.
+TEST(PrintErrorTest, WritesNoMoreToAPipeThanItTakesAtOnce) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+  const UniqueFd read_end(ends[0]);
+  const UniqueFd write_end(ends[1]);
+  const int page = static_cast<int>(sysconf(_SC_PAGESIZE));
+  ASSERT_EQ(fcntl(write_end.get(), F_SETPIPE_SZ, 2 * page), 2 * page);
+  const std::string text(static_cast<std::size_t>(page), 'x');
+  ASSERT_EQ(write(write_end.get(), text.data(), text.size()), page);
+  const ErrorsTo pipe(write_end.get());
+  alarm(60);  // rather than wait for ever
+  EXPECT_FALSE(PrintError(text + "x"));
+  alarm(0);
+}
+
 TEST(PrintErrorTest, TellsWhetherTheTextWasTaken) {
   testing::internal::CaptureStderr();
   EXPECT_TRUE(PrintError(std::string(10'000, 'x')));
