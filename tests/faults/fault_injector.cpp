@@ -129,7 +129,7 @@ using FileId = std::pair<dev_t, ino_t>;
 struct Changed {
   std::string path;
   FileId id = {};         // of a file named by a descriptor
-  std::string link = "";  // that leads to it, whatever its name
+  std::string link = {};  // that leads to it, whatever its name
 };
 
 [[noreturn]] void Fail(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }

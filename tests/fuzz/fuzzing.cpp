@@ -103,7 +103,6 @@ int LLVMFuzzerInitialize(int* /*argc*/, char*** argv) {
   return 0;
 }
 
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system names them with underscores
 void syslog(int /*priority*/, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
@@ -112,7 +111,6 @@ void syslog(int /*priority*/, const char* format, ...) {
 }
 
 // What a build with _FORTIFY_SOURCE calls in place of syslog.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 void __syslog_chk(int /*priority*/, int /*flag*/, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);

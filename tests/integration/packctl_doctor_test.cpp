@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <ctime>
 #include <filesystem>
@@ -232,8 +233,8 @@ TEST_F(PackctlDoctorTest, FindsAPackctlThatHasBeenAtWorkForHours) {
   const UniqueFd lock(open(path::kPackctlLock, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   ASSERT_EQ(flock(lock.get(), LOCK_EX), 0);
   const std::time_t yesterday = std::time(nullptr) - 24L * 60 * 60;
-  const timespec times[2] = {{.tv_sec = yesterday, .tv_nsec = 0}, {.tv_sec = yesterday, .tv_nsec = 0}};
-  ASSERT_EQ(futimens(lock.get(), times), 0);
+  const std::array times = {timespec{.tv_sec = yesterday, .tv_nsec = 0}, timespec{.tv_sec = yesterday, .tv_nsec = 0}};
+  ASSERT_EQ(futimens(lock.get(), times.data()), 0);
   const Json::Value findings = Diagnose(1)["findings"];
   ASSERT_EQ(findings.size(), 1U);
   EXPECT_EQ(findings[0]["check"], "locks");

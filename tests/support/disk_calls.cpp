@@ -51,7 +51,6 @@ void DiskCalls::NoteRename(const std::string& from, const std::string& to) {
 }  // namespace orbamira::test
 
 // In place of the C library's.
-// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the system names them with underscores
 extern "C" {
 
 [[gnu::visibility("default")]] int fsync(int fd) {
@@ -81,4 +80,3 @@ extern "C" {
 }
 
 }  // extern "C"
-// NOLINTEND(readability-inconsistent-declaration-parameter-name)

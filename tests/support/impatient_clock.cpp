@@ -39,7 +39,6 @@ timespec TimespecOf(nanoseconds time) {
 
 }  // namespace
 
-// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the system names them with underscores
 extern "C" {
 
 [[gnu::visibility("default")]] int clock_gettime(clockid_t clock, timespec* time) noexcept {
@@ -67,4 +66,3 @@ extern "C" {
 }
 
 }  // extern "C"
-// NOLINTEND(readability-inconsistent-declaration-parameter-name)

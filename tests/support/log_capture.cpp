@@ -69,7 +69,6 @@ LogLine InfoLine(const std::string& file, const std::string& text) { return {LOG
 
 extern "C" {
 
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system names them with underscores
 void syslog(int priority, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
@@ -78,7 +77,6 @@ void syslog(int priority, const char* format, ...) {
 }
 
 // What a build with _FORTIFY_SOURCE calls in place of syslog.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);

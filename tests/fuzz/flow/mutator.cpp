@@ -15,14 +15,12 @@
 #include "tests/fuzz/fuzzing.h"
 #include "updater/enumerations.h"
 
-// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" {
 std::size_t LLVMFuzzerMutate(uint8_t* data, std::size_t size, std::size_t max_size);
 std::size_t LLVMFuzzerCustomMutator(uint8_t* data, std::size_t size, std::size_t max_size, unsigned int seed);
 std::size_t LLVMFuzzerCustomCrossOver(const uint8_t* one, std::size_t one_size, const uint8_t* other,
                                       std::size_t other_size, uint8_t* out, std::size_t max_size, unsigned int seed);
 }
-// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 namespace orbamira::fuzz::flow {
 namespace {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -64,8 +65,8 @@ class OrbaCopyTest : public testing::Test {
   }
 
   static void SetTime(const fs::path& path, time_t seconds) {
-    const timespec times[2] = {{seconds, 5}, {seconds, 6}};
-    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+    const std::array times = {timespec{seconds, 5}, timespec{seconds, 6}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times.data(), AT_SYMLINK_NOFOLLOW), 0);
   }
 
   ProcessResult Copy(const ProcessOptions& options = {}) const { return Copy(source_, target_, options); }

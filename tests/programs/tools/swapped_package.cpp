@@ -16,7 +16,7 @@ void Swap() {
   const char* with = std::getenv("SWAP_WITH");        // NOLINT(concurrency-mt-unsafe): there is one thread
   if (package != nullptr && with != nullptr) {
     std::ofstream(package, std::ios::binary | std::ios::in) << std::ifstream(with, std::ios::binary).rdbuf();
-    std::ofstream(std::string(package) + ".swapped");
+    const std::ofstream mark(std::string(package) + ".swapped");
     unsetenv("SWAP_PACKAGE");  // NOLINT(concurrency-mt-unsafe): there is one thread
   }
 }

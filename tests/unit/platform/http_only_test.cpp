@@ -10,6 +10,7 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -85,8 +86,8 @@ class RedirectingTlsServer {
 
   void Serve() const {
     while (true) {
-      pollfd waits[] = {{listener_.get(), POLLIN, 0}, {stop_.get(), POLLIN, 0}};
-      if (poll(waits, 2, -1) < 0 || waits[1].revents != 0) {
+      std::array waits = {pollfd{listener_.get(), POLLIN, 0}, pollfd{stop_.get(), POLLIN, 0}};
+      if (poll(waits.data(), waits.size(), -1) < 0 || waits[1].revents != 0) {
         return;
       }
       const UniqueFd client(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
@@ -100,9 +101,9 @@ class RedirectingTlsServer {
     const std::unique_ptr<SSL, Freed<SSL, SSL_free>> tls(SSL_new(context_.get()));
     const std::string answer =
         "HTTP/1.1 302 Found\r\nLocation: " + target_ + "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
-    char request[4096];
+    std::array<char, 4096> request{};
     if (SSL_set_fd(tls.get(), client) == 1 && SSL_accept(tls.get()) == 1 &&
-        SSL_read(tls.get(), request, sizeof(request)) > 0) {
+        SSL_read(tls.get(), request.data(), static_cast<int>(request.size())) > 0) {
       SSL_write(tls.get(), answer.data(), static_cast<int>(answer.size()));
       SSL_shutdown(tls.get());
     }

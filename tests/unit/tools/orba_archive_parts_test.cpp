@@ -43,7 +43,6 @@ std::uint64_t bytes_shared = 0;
 
 // In place of the C library's: a disk of any size, and a file system where files share blocks, which takes a real one
 // root to mount.
-// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the system names them with underscores
 extern "C" {
 
 [[gnu::visibility("default")]] int fstatvfs(int fd, struct statvfs* status) noexcept {
@@ -79,7 +78,6 @@ extern "C" {
 }
 
 }  // extern "C"
-// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 namespace orbamira::tools {
 namespace {

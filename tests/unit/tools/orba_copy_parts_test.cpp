@@ -41,7 +41,6 @@ int Give(const std::string& name, uid_t user, gid_t group) {
 }  // namespace
 
 // In place of the C library's: only root may give files away, and tests run as anybody.
-// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the system names them with underscores
 extern "C" {
 
 [[gnu::visibility("default")]] uid_t geteuid() noexcept {
@@ -64,7 +63,6 @@ extern "C" {
 }
 
 }  // extern "C"
-// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 namespace orbamira::tools {
 namespace {

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include <array>
 #include <functional>
 #include <stdexcept>
 
@@ -430,9 +431,9 @@ TEST_F(AccountTokenTest, CheckRefusesAForgeryByAnExponentOfOne) {
   header_["alg"] = "RS256";
   const auto encoded = [](const Json::Value& value) { return test::EncodeBase64Url(value.toStyledString()); };
   const std::string text = encoded(header_) + "." + encoded(claims_);
-  constexpr unsigned char kSha256Front[] = {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
-                                            0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20};
-  const std::string digest = std::string(std::begin(kSha256Front), std::end(kSha256Front)) + Digest(text, "SHA256");
+  constexpr std::array<unsigned char, 19> kSha256Front = {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
+                                                          0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20};
+  const std::string digest = std::string(kSha256Front.begin(), kSha256Front.end()) + Digest(text, "SHA256");
   const std::string front{'\0', '\1'};
   const std::string signature = front + std::string(kBytes - 3 - digest.size(), '\xff') + '\0' + digest;
   EXPECT_EQ(FailureOf(text + "." + test::EncodeBase64Url(signature)), kForged);

@@ -172,8 +172,8 @@ TEST_F(HistoryTest, LinesThatAreNoEntryAreCountedAndPassedOver) {
       R"({"command":"","duration_ms":1,"errors":[],"exit":0,"from":"1","result":"","status":null,"time":1,"to":null})",
       R"({"command":"","duration_ms":1,"errors":[],"exit":0,"from":null,"result":"","status":1,"time":1,"to":null})",
       R"({"command":"","duration_ms":1,"errors":[],"exit":0,"from":null,"result":"","status":null,"time":"","to":null})",
-      R"({"command":"","duration_ms":1,"error":"busy","errors":[],"exit":0,"from":null,"result":"","status":null,)"
-      R"("time":1,"to":null})",
+      std::string(R"({"command":"","duration_ms":1,"error":"busy","errors":[],"exit":0,"from":null,"result":"",)") +
+          R"("status":null,"time":1,"to":null})",
   };
   std::string text = whole;
   for (const std::string& damage : damages) {

@@ -2,9 +2,9 @@
 
 #include <gmock/gmock.h>
 #include <json/reader.h>
-#include <stdlib.h>
 #include <sys/sysmacros.h>
 
+#include <cstdlib>
 #include <ctime>
 #include <sstream>
 

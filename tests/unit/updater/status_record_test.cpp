@@ -125,7 +125,7 @@ TEST_F(StatusRecordTest, ReadTakesAStoreUpToTheLimit) {
 
 TEST_F(StatusRecordTest, ReadTakesTheLockOfTheStore) {
   Store({});
-  store::FileLock(std::string(path::kPackStatusLock));  // makes it
+  { const store::FileLock made(std::string{path::kPackStatusLock}); }
   test::WithFailingCall(SYS_flock, ENOLCK, [] {
     EXPECT_THAT([] { static_cast<void>(ReadStatusRecord()); },
                 testing::ThrowsMessage<std::system_error>(std::string("lock ") + path::kPackStatusLock + ": " +
@@ -135,7 +135,7 @@ TEST_F(StatusRecordTest, ReadTakesTheLockOfTheStore) {
 
 TEST_F(StatusRecordTest, ReadThrowsWhenTheStoreCannotBeUsed) {
   Store({});
-  store::FileLock(std::string(path::kPackStatusLock));  // makes it
+  { const store::FileLock made(std::string{path::kPackStatusLock}); }
   std::filesystem::permissions(test::Root(), std::filesystem::perms(0711));
   std::filesystem::permissions(path::kPackStatusLock, std::filesystem::perms(0644));
   std::filesystem::permissions(path::kPackStatusFile, std::filesystem::perms::none);
