@@ -50,9 +50,9 @@ run_one() {
   fi
   # The sanitizer keeps the callers of every allocation for ever. The system's libraries have no frame pointers, so that
   # it sees ever new ones beyond the third: two gigabytes of them after three million tokens.
-  ASAN_OPTIONS=malloc_context_size=3 TMPDIR=$scratch/$target/tmp "$build/tests/fuzz/fuzz_$target" "${dictionary[@]}" -max_total_time="$seconds" \
-    -timeout="$limit" -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$findings/$target-" \
-    "$corpus/$target" "$here/corpus/$target" > "$log" 2>&1 || status=$?
+  ASAN_OPTIONS=malloc_context_size=3 TMPDIR=$scratch/$target/tmp "$build/tests/fuzz/fuzz_$target" \
+    "${dictionary[@]}" -max_total_time="$seconds" -timeout="$limit" -rss_limit_mb=2048 -print_final_stats=1 \
+    -artifact_prefix="$findings/$target-" "$corpus/$target" "$here/corpus/$target" > "$log" 2>&1 || status=$?
   if [ "$status" != 0 ]; then
     cp "$log" "$findings/$target.log"
   fi
