@@ -84,6 +84,6 @@ for target in "${targets[@]}"; do
   first=$(coverage_of INITED "$log")
   last=$(coverage_of DONE "$log")
   printf '%-20s %12s %8s %8s  %s\n' "$target" "$(stat_of number_of_executed_units "$log")" \
-    "$(stat_of average_exec_per_sec "$log")" "$((${last:-0} - ${first:-0}))" "$result"
+    "$(stat_of average_exec_per_sec "$log")" "$((${last:-${first:-0}} - ${first:-0}))" "$result"
 done
 [ "$failed" = 0 ]
