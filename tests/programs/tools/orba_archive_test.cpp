@@ -115,6 +115,16 @@ class OrbaArchiveTest : public testing::Test {
     return Unpack(Program::kTar, Gzip(tar.Bytes()), more);
   }
 
+  /// With one file of this size, in bytes, whose contents begin with the map of its holes: GNU tar's format 1.0.
+  static Tar SparseFile(const std::string& name, const std::string& size, const std::string& map) {
+    return Tar()
+        .Extended({{"GNU.sparse.major", "1"},
+                   {"GNU.sparse.minor", "0"},
+                   {"GNU.sparse.realsize", size},
+                   {"GNU.sparse.name", name}})
+        .File(name, map);
+  }
+
   /// The archive is refused with one line that gives the reason, and nothing changed outside the folder.
   void ExpectRefused(Program program, const std::string& bytes, const std::string& reason,
                      const std::vector<std::string>& more = {}, const ProcessOptions& options = {}) const {
@@ -208,13 +218,7 @@ TEST_F(OrbaArchiveTest, KeepsTheHolesOfASparseFile) {
 
 TEST_F(OrbaArchiveTest, UnpacksAByteThatIsAHole) {
   const std::string no_data = "0\n" + std::string(510, '\0');
-  const Tar tar = Tar()
-                      .Extended({{"GNU.sparse.major", "1"},
-                                 {"GNU.sparse.minor", "0"},
-                                 {"GNU.sparse.realsize", "1"},
-                                 {"GNU.sparse.name", "hole"}})
-                      .File("hole", no_data);
-  ASSERT_TRUE(UnpackPayload(tar).Exited(0));
+  ASSERT_TRUE(UnpackPayload(SparseFile("hole", "1", no_data)).Exited(0));
   EXPECT_EQ(ReadFile(out_ / "hole"), std::string(1, '\0'));
 }
 
@@ -587,13 +591,7 @@ TEST_F(OrbaArchiveTest, RefusesHeadersMadeToFillTheMemory) {
   while (map.size() < 16'000'000) {
     map += "0\n0\n0\n0\n0\n0\n0\n0\n";
   }
-  const Tar tar = Tar()
-                      .Extended({{"GNU.sparse.major", "1"},
-                                 {"GNU.sparse.minor", "0"},
-                                 {"GNU.sparse.realsize", "10"},
-                                 {"GNU.sparse.name", "x"}})
-                      .File("x", map);
-  ExpectPayloadRefused(tar, "a member's header is too long");
+  ExpectPayloadRefused(SparseFile("x", "10", map), "a member's header is too long");
   ExpectPayloadRefused(Tar().LongName(std::string(10'000'000, 'n')).File("x"), "");
   ExpectPayloadRefused(Tar().Extended({{"comment", std::string(10'000'000, 'c')}}).File("x"), "");
 }

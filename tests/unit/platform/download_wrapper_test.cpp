@@ -446,6 +446,7 @@ TEST_F(DownloadWrapperLimitTest, DownloadToFileLeavesNoErrorOfASettingInTheQueue
   test::WriteFile(folder.File("empty.pem"), "");
   test::WriteFile(path::kPkgSetting, "ca_file=" + folder.File("empty.pem") + "\n");
   std::ofstream file(path_, std::ios::binary);
+  ERR_clear_error();
   EXPECT_THROW(DownloadWrapper::Create()->DownloadToFile(file), exception::Exception<kDownloadFailure>);
   EXPECT_EQ(ERR_peek_error(), 0U);
 }
