@@ -37,6 +37,22 @@ def open_browser(*, width=1000, height=800, color_scheme="light", language="en-U
         yield browser
 
 
+@contextlib.contextmanager
+def open_tab(browser, width, height=800):
+    """Gives the browser in a new tab of this size, in pixels, without the tokens and messages of those before it."""
+    first = browser.current_window_handle
+    browser.switch_to.new_window("tab")
+    resize(browser, width, height)
+    browser.get_log("browser")
+    try:
+        yield browser
+    finally:
+        for handle in set(browser.window_handles) - {first}:
+            browser.switch_to.window(handle)
+            browser.close()
+        browser.switch_to.window(first)
+
+
 def await_that(browser, script):
     """Waits until the script returns something true."""
     WebDriverWait(browser, PATIENCE, poll_frequency=0.05).until(lambda _: browser.execute_script(script))

@@ -25,7 +25,7 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.ui import WebDriverWait
 
-from browser import PATIENCE, open_browser
+from browser import PATIENCE, open_browser, open_tab
 from page_states import OLD, PageStates, Web, entry, pack
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
@@ -77,6 +77,7 @@ class WebTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.folder = cls.enterClassContext(tempfile.TemporaryDirectory())
+        cls.browser = cls.enterClassContext(open_browser())
         cls.publisher = cls.enterClassContext(SlowPublisher(pathlib.Path(cls.folder) / "served", cls.arguments.build))
         cls.addresses = {
             version: cls.publisher.publish(version, seed, (3_000_000, 500_000))
@@ -136,6 +137,9 @@ class WebTest(unittest.TestCase):
         self.await_that(browser, lambda: button.get_attribute("aria-disabled") == "false")
         button.click()
 
+    def open_tab(self, width=WIDE):
+        return open_tab(self.browser, width)
+
     def open_page(self, browser, address=None):
         browser.get(address or self.web.link)
         self.await_that(browser, lambda: browser.find_element(By.ID, "content").is_displayed())
@@ -170,7 +174,7 @@ class WebTest(unittest.TestCase):
     def test_begins_with_how_it_is(self):
         self.install("1.0")
         self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             self.assertEqual(self.text(browser, "headline"), "The codec pack is up to date.")
             self.assertEqual(self.text(browser, "name"), os.uname().nodename)
@@ -186,7 +190,7 @@ class WebTest(unittest.TestCase):
         note = {"version": "0.9", "is_news": False, "withdrawn": "1.0", "staged": {"version": "1.1", "rollout": 5}}
         (self.appliance.cache / "checked").write_text(json.dumps(note))
         self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             self.assertIn(
                 "The maker has withdrawn version 1.0; a newer one will replace it. "
@@ -204,7 +208,7 @@ class WebTest(unittest.TestCase):
         ):
             settings.write_text(f'{server}support_until="{day}"\n')
             self.start_web()
-            with open_browser(width=WIDE) as browser:
+            with self.open_tab() as browser:
                 self.open_page(browser)
                 self.assertTrue(self.text(browser, "detail").endswith(f" {says}"), self.text(browser, "detail"))
             self.stop_web()
@@ -215,7 +219,7 @@ class WebTest(unittest.TestCase):
         requirements = self.appliance.state_folder / "codec-requirements.json"
         requirements.write_text('{"hevc": ["Videos"]}')
         self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             self.assertEqual(self.text(browser, "headline"), "A new codec pack is available: version 2.0.")
             self.assertRegex(self.text(browser, "detail"), r"Last check .+ ago\.|Last check now\.")
@@ -238,7 +242,7 @@ class WebTest(unittest.TestCase):
         go = self.hold_steps()
         self.start_web()
         self.publisher.pause = 0.2
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             self.click(browser, "act")
             bar = browser.find_element(By.ID, "progress")
@@ -308,7 +312,7 @@ class WebTest(unittest.TestCase):
         requirements = self.appliance.state_folder / "codec-requirements.json"
         requirements.write_text('{"hevc": ["Videos"]}')
         self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser, self.web.address)
             self.tab_to(browser, "token")
             self.assertNotEqual(browser.switch_to.active_element.value_of_css_property("outline-style"), "none")
@@ -352,7 +356,7 @@ class WebTest(unittest.TestCase):
     def test_the_menu_has_what_is_seldom_wanted(self):
         self.install("1.0")
         self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             menu = browser.find_element(By.ID, "menu")
             self.assertEqual(menu.text, "More")
@@ -376,7 +380,7 @@ class WebTest(unittest.TestCase):
         self.install("1.0")
         self.start_web()
         back = "Back to the previous version"
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             self.assertNotIn(back, self.menu(browser))
             self.install("2.0")
@@ -404,7 +408,7 @@ class WebTest(unittest.TestCase):
         self.install("1.0")
         self.install("2.0")
         error = {"code": "disk_error", "message": "the disk fails", "remedy": "Check the disk."}
-        with PageStates(self.appliance) as states, open_browser(width=WIDE) as browser:
+        with PageStates(self.appliance) as states, self.open_tab() as browser:
             states.write_history([entry(-1, "rollback", pack("2.0"), pack("2.0"), error)])
             self.start_web()
             self.open_page(browser)
@@ -426,7 +430,7 @@ class WebTest(unittest.TestCase):
         rejected = [{"version": version, "reason": reason, "time": 1} for version, reason in reasons.items()]
         (self.appliance.state_folder / "health.json").write_text(json.dumps({"rejected": rejected}))
         self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             self.assertEqual(
                 self.text(browser, "rejected").split("\n"),
@@ -443,7 +447,7 @@ class WebTest(unittest.TestCase):
         self.offer("2.0")
         self.start_web()
         (self.publisher.folder / "gone.json").unlink(missing_ok=True)
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             self.appliance.use_server(self.publisher.url + "/gone.json")
             self.click(browser, "act")
@@ -471,7 +475,7 @@ class WebTest(unittest.TestCase):
         self.install("1.0")
         self.appliance.use_server(self.publisher.url + "/none.json")
         self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             self.click(browser, "act")
             self.await_text(browser, "headline", "The check failed.")
@@ -484,7 +488,7 @@ class WebTest(unittest.TestCase):
         self.install("1.0")
         self.appliance.write_status('{"status": "downloading_installing", "new_version": "2.0"}')
         self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             self.assertEqual(self.text(browser, "headline"), "The update was interrupted.")
             self.assertEqual(self.text(browser, "act"), "Recover")
@@ -493,7 +497,7 @@ class WebTest(unittest.TestCase):
             self.assertEqual(self.text(browser, "act"), "Try again")
 
     def test_tells_what_was_cancelled_from_what_failed(self):
-        with PageStates(self.appliance) as states, open_browser(width=WIDE) as browser:
+        with PageStates(self.appliance) as states, self.open_tab() as browser:
             states.enter("cancelled")
             self.start_web()
             self.open_page(browser)
@@ -511,7 +515,7 @@ class WebTest(unittest.TestCase):
     def test_shows_what_the_doctor_found(self):
         self.appliance.use_server("nowhere")
         self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             self.assertTrue(self.text(browser, "diagnosed").startswith("Checks settings"))
             self.click(browser, "doctor")
@@ -523,7 +527,7 @@ class WebTest(unittest.TestCase):
         with PageStates(self.appliance) as states:
             states.enter("failed")
             self.start_web()
-            with open_browser(width=WIDE) as browser:
+            with self.open_tab() as browser:
                 self.open_page(browser)
                 self.await_that(browser, lambda: self.lines(browser))
                 self.assertEqual(self.lines(browser)[0], "Update failed The package is not signed.")
@@ -551,7 +555,7 @@ class WebTest(unittest.TestCase):
     def test_asks_for_the_token_until_it_is_given(self):
         self.install("1.0")
         self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser, self.web.address)
             shown = [button.text for button in browser.find_elements(By.TAG_NAME, "button") if button.is_displayed()]
             self.assertEqual(shown, ["Unlock"])
@@ -572,7 +576,7 @@ class WebTest(unittest.TestCase):
     def test_asks_again_for_a_token_that_is_of_no_use_any_more(self):
         self.install("1.0")
         web = self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             self.stop_web()
             self.start_web("--port", web.port)
@@ -584,7 +588,7 @@ class WebTest(unittest.TestCase):
     def test_keeps_the_token_out_of_sight(self):
         self.install("1.0")
         self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             self.assertEqual(browser.current_url, self.web.address)
             self.assertFalse(browser.find_element(By.ID, "token").is_displayed())
@@ -634,7 +638,7 @@ class WebTest(unittest.TestCase):
             json.dumps({"status": "need_install", "new_version": markup, "new_pack_name": markup})
         )
         self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             self.assertEqual(self.versions(browser), ["None", markup])
             self.assertEqual(browser.find_elements(By.ID, "planted"), [])
@@ -670,7 +674,7 @@ class WebTest(unittest.TestCase):
             <iframe id="frame" src="{ours}"></iframe><iframe name="sink"></iframe>
             <form id="quiet" method="post" target="sink" action="{ours}api/update"></form>
             <form id="loud" method="post" enctype="text/plain" action="{ours}api/check"><input name="{{}}"></form>"""
-        with self.other_site(page) as elsewhere, open_browser(width=WIDE) as browser:
+        with self.other_site(page) as elsewhere, self.open_tab() as browser:
             browser.get(elsewhere)
             attempts = {
                 "simple": ["api/check", {"method": "POST", "mode": "no-cors", "body": "{}"}],
@@ -726,7 +730,7 @@ class WebTest(unittest.TestCase):
         self.offer("2.0")
         go = self.hold_steps()
         self.start_web()
-        with open_browser(width=NARROW) as browser:
+        with self.open_tab(NARROW) as browser:
             self.open_page(browser)
             self.await_that(browser, lambda: self.lines(browser))
             with_button = [node for node in self.accessible_nodes(browser) if not node["ignored"]]
@@ -762,7 +766,7 @@ class WebTest(unittest.TestCase):
 
     def test_moves_nothing_for_who_does_not_want_it(self):
         self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             moving = browser.execute_script(
                 """
@@ -779,7 +783,7 @@ class WebTest(unittest.TestCase):
     def test_asks_for_nothing_while_nobody_sees_it(self):
         self.appliance.write_status('{"status": "need_download", "new_version": "1.0"}')
         self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             browser.execute_script(HIDE, True)
             # The first change answers what it had asked before; later it is given the time to ask again.
@@ -793,7 +797,7 @@ class WebTest(unittest.TestCase):
             self.await_text(browser, "headline", "version 3.0")
 
     def test_follows_work_in_the_title_while_nobody_sees_it(self):
-        with PageStates(self.appliance) as states, open_browser(width=WIDE) as browser:
+        with PageStates(self.appliance) as states, self.open_tab() as browser:
             states.enter("downloading")
             self.start_web()
             self.open_page(browser)
@@ -806,7 +810,7 @@ class WebTest(unittest.TestCase):
     def test_comes_back_after_a_lost_connection(self):
         self.install("1.0")
         web = self.start_web()
-        with open_browser(width=WIDE) as browser:
+        with self.open_tab() as browser:
             self.open_page(browser)
             self.stop_web()
             self.await_text(browser, "headline", f"{os.uname().nodename} cannot be reached.")
