@@ -42,9 +42,9 @@ def open_tab(browser, width, height=800):
     """Gives the browser in a new tab of this size, in pixels, without the tokens and messages of those before it."""
     first = browser.current_window_handle
     browser.switch_to.new_window("tab")
-    resize(browser, width, height)
-    browser.get_log("browser")
     try:
+        resize(browser, width, height)
+        browser.get_log("browser")
         yield browser
     finally:
         for handle in set(browser.window_handles) - {first}:
